@@ -1,0 +1,38 @@
+# tavelin_layer(NAME DEPENDS layer... LIBRARIES lib... SOURCES file...)
+#
+# One static library per folder of Sources/, named after the folder. Includes are written from
+# Sources/ ("core/ntfs_volume.hpp"). DEPENDS names the layers below, whose headers may appear in
+# this layer's public headers; LIBRARIES are outside libraries used by the implementation.
+function(tavelin_layer name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  add_library(tavelin::${name} ALIAS ${name})
+  set_target_properties(${name} PROPERTIES OUTPUT_NAME tavelin_${name})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/Sources)
+  foreach(layer IN LISTS ARG_DEPENDS)
+    target_link_libraries(${name} PUBLIC tavelin::${layer})
+  endforeach()
+  target_link_libraries(${name} PRIVATE tavelin_flags ${ARG_LIBRARIES})
+  if(TAVELIN_SANITIZE)
+    target_link_options(${name} PUBLIC -fsanitize=${TAVELIN_SANITIZE})
+  endif()
+endfunction()
+
+# tavelin_test(NAME LABEL label LAYERS layer... SOURCES file... [TIMEOUT seconds] [LIBRARIES lib...])
+#
+# One GoogleTest program, registered with CTest as one test per TEST() under LABEL:
+# unit, image, mount, binding or fault.
+function(tavelin_test name)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/Tests)
+  target_link_libraries(${name} PRIVATE tavelin_flags GTest::gtest_main ${ARG_LIBRARIES})
+  foreach(layer IN LISTS ARG_LAYERS)
+    target_link_libraries(${name} PRIVATE tavelin::${layer})
+  endforeach()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+endfunction()

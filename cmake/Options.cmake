@@ -1,0 +1,31 @@
+# Build options. The presets in CMakePresets.json set them; a plain configure gets the defaults.
+option(TAVELIN_TESTS "Build the tests" ON)
+option(TAVELIN_BENCHMARKS "Build the benchmarks behind script/bench" OFF)
+option(TAVELIN_WERROR "Treat warnings as errors" ON)
+option(TAVELIN_FUSE "Build the FUSE host" ON)
+option(TAVELIN_BINDING "Build and run the FSKit binding on GNUstep (needs clang)" OFF)
+set(TAVELIN_SANITIZE "" CACHE STRING "Sanitizers to build with, as given to -fsanitize=")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+add_library(tavelin_flags INTERFACE)
+target_compile_options(tavelin_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wextra-semi>
+  $<$<BOOL:${TAVELIN_WERROR}>:-Werror>
+  # clang proves the lock discipline annotated in platform/mutex.hpp.
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang,AppleClang>:-Wthread-safety -Wthread-safety-beta>)
+if(TAVELIN_SANITIZE)
+  target_compile_options(tavelin_flags INTERFACE
+    -fsanitize=${TAVELIN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tavelin_flags INTERFACE -fsanitize=${TAVELIN_SANITIZE})
+endif()
