@@ -1,0 +1,182 @@
+#include "support/run_process.hpp"
+
+#include <climits>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
+#include <spawn.h>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace tavelin::test {
+namespace {
+
+// Owns one end of a pipe.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+    bool open() const { return fd_ >= 0; }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+        fd_ = fd;
+    }
+
+  private:
+    int fd_;
+};
+
+struct Pipe {
+    Descriptor reading, writing;
+    Pipe() {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+            throw std::system_error(errno, std::generic_category(), "pipe2");
+        }
+        reading.reset(ends[0]);
+        writing.reset(ends[1]);
+    }
+};
+
+// Administrators' tools (mkntfs, ntfsfix) live outside an ordinary user's PATH.
+std::string searchPath() {
+    const char* path = std::getenv("PATH");
+    return std::string(path != nullptr ? path : "/usr/bin:/bin") + ":/usr/sbin:/sbin";
+}
+
+std::string locate(const std::string& name) {
+    if (name.find('/') != std::string::npos) {
+        return name;
+    }
+    std::istringstream folders(searchPath());
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const std::string candidate = folder + "/" + name;
+        if (::access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+    }
+    return {};
+}
+
+// Feeds `input` and collects both outputs until the child closed them. A ready pipe takes PIPE_BUF
+// bytes without blocking, so a child that answers while it reads cannot deadlock with us.
+void exchange(Pipe& in, Pipe& out, Pipe& err, const std::string& input, ProcessResult& result) {
+    size_t fed = 0;
+    std::array<char, 65536> buffer{};
+    if (input.empty()) {
+        in.writing.reset();
+    }
+    while (out.reading.open() || err.reading.open()) {
+        std::array<pollfd, 3> events{pollfd{out.reading.get(), POLLIN, 0},
+                                     pollfd{err.reading.get(), POLLIN, 0},
+                                     pollfd{in.writing.get(), POLLOUT, 0}};
+        if (::poll(events.data(), events.size(), -1) < 0 && errno != EINTR) {
+            throw std::system_error(errno, std::generic_category(), "poll");
+        }
+        if (events[2].revents != 0) {
+            const ssize_t count = ::write(in.writing.get(), input.data() + fed,
+                                          std::min<size_t>(PIPE_BUF, input.size() - fed));
+            fed += count > 0 ? static_cast<size_t>(count) : 0;
+            if (count < 0 || fed == input.size()) {
+                in.writing.reset();
+            }
+        }
+        const auto collect = [&](const pollfd& event, Descriptor& end, std::string& into) {
+            if (event.revents == 0) {
+                return;
+            }
+            const ssize_t count = ::read(end.get(), buffer.data(), buffer.size());
+            if (count > 0) {
+                into.append(buffer.data(), static_cast<size_t>(count));
+            } else if (count == 0 || errno != EINTR) {
+                end.reset();
+            }
+        };
+        collect(events[0], out.reading, result.out);
+        collect(events[1], err.reading, result.err);
+    }
+}
+
+} // namespace
+
+std::string ProcessResult::describe() const {
+    return "exit status " + std::to_string(status) + "\n" + out + err;
+}
+
+ProcessResult run(const std::vector<std::string>& arguments, const std::string& input) {
+    const std::string program = locate(arguments.at(0));
+    if (program.empty()) {
+        throw std::system_error(ENOENT, std::generic_category(), arguments[0]);
+    }
+    Pipe in, out, err;
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, in.reading.get(), STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, out.writing.get(), STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, err.writing.get(), STDERR_FILENO);
+    // A child that exits without reading its input must not take the test down with SIGPIPE.
+    std::signal(SIGPIPE, SIG_IGN);
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    ::sigemptyset(&defaults);
+    ::sigaddset(&defaults, SIGPIPE);
+    ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_t child = -1;
+    const int failure =
+        ::posix_spawn(&child, program.c_str(), &actions, &attributes, argv.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (failure != 0) {
+        throw std::system_error(failure, std::generic_category(), program);
+    }
+    in.reading.reset();
+    out.writing.reset();
+    err.writing.reset();
+    ProcessResult result;
+    exchange(in, out, err, input, result);
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) {
+            throw std::system_error(errno, std::generic_category(), "waitpid");
+        }
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+std::string runOrThrow(const std::vector<std::string>& arguments, const std::string& input) {
+    ProcessResult result = run(arguments, input);
+    if (!result.ok()) {
+        throw std::runtime_error(arguments[0] + ": " + result.describe());
+    }
+    return std::move(result.out);
+}
+
+bool haveProgram(const std::string& name) {
+    return !locate(name).empty();
+}
+
+} // namespace tavelin::test

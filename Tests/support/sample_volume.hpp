@@ -1,0 +1,45 @@
+// NTFS volumes made by mkntfs for one test.
+#pragma once
+
+#include "support/temp_folder.hpp"
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tavelin::test {
+
+struct VolumeGeometry {
+    uint64_t bytes = 16ull << 20; // of the image file
+    uint32_t clusterSize = 4096;  // bytes
+    uint32_t sectorSize = 512;    // bytes
+    std::string label = "Sample";
+};
+
+// Makes an NTFS image at `image`. Throws std::runtime_error with what mkntfs said.
+void makeVolume(const std::filesystem::path& image, const VolumeGeometry& geometry = {});
+
+// One volume in a folder of its own. The first volume of a geometry is formatted, later ones are
+// copies of it, so a test may take as many as it likes.
+class SampleVolume {
+  public:
+    explicit SampleVolume(const VolumeGeometry& geometry = {});
+
+    const std::filesystem::path& image() const { return image_; }
+    const TempFolder& folder() const { return folder_; }
+
+    // What an independent reader says of it: the text `ntfsfix -n` prints, which names every fault
+    // it finds, or throws when it cannot read the volume at all.
+    std::string check() const;
+    // The content of a file, by ntfscat. `stream` names an alternate stream.
+    std::string cat(const std::string& path, const std::string& stream = {}) const;
+    // The names in a folder, by ntfsls, sorted.
+    std::vector<std::string> list(const std::string& path = "/") const;
+
+  private:
+    TempFolder folder_;
+    std::filesystem::path image_;
+};
+
+} // namespace tavelin::test
