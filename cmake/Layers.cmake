@@ -18,12 +18,18 @@ function(tavelin_layer name)
   endif()
 endfunction()
 
-# tavelin_test(NAME LABEL label LAYERS layer... SOURCES file... [TIMEOUT seconds] [LIBRARIES lib...])
+# tavelin_test(NAME LABEL label LAYERS layer... SOURCES file... [THREADS]
+#              [TIMEOUT seconds] [LIBRARIES lib...])
 #
 # One GoogleTest program, registered with CTest as one test per TEST() under LABEL:
-# unit, image, mount, binding or fault.
+# unit, image, mount, binding or fault. THREADS adds the label "threads": what the thread-sanitizer
+# run covers.
 function(tavelin_test name)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "THREADS" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
+  set(labels ${ARG_LABEL})
+  if(ARG_THREADS)
+    list(APPEND labels threads)
+  endif()
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 300)
   endif()
@@ -34,5 +40,5 @@ function(tavelin_test name)
     target_link_libraries(${name} PRIVATE tavelin::${layer})
   endforeach()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120
-    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+    PROPERTIES LABELS "${labels}" TIMEOUT ${ARG_TIMEOUT} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
 endfunction()
