@@ -1,0 +1,89 @@
+/// A small log of notable events (start, probe, load, activate, check, deactivate, unload, device
+/// errors) for programs and people to read back: JSON lines in the container of the app group,
+/// bounded in size.
+///
+/// Format: one object per line, keys sorted, one line feed at the end. Besides the caller's fields
+/// it has "t" (when, such as 2026-11-15T18:20:33Z), "ev" (the event's name) and "pid"; these three
+/// replace fields of the same name. When a line would take the file beyond its bound the file
+/// becomes the one previous generation (".1" appended to its name) and the line begins a new one.
+///
+/// Text that is not valid UTF-8 is written with U+FFFD in place of each invalid sequence, so odd
+/// names never cost a record. A record with a number that JSON cannot express (infinite, not a
+/// number) is dropped.
+///
+/// Nothing here fails towards the caller: whatever the file system refuses is dropped. Any thread
+/// may call anything; lines of threads never interleave and a rotation never splits a line.
+#pragma once
+
+#include "diagnostics/field_value.hpp"
+#include "platform/clock.hpp"
+#include "platform/mutex.hpp"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tavelin {
+
+class EventLog {
+  public:
+    static constexpr std::int64_t kDefaultMaxBytes = 1'000'000;
+
+    /// Logs to the file `url`, whose folders are made when missing; without a file the log stays
+    /// inert for good. `maxBytes` bounds the current file.
+    explicit EventLog(std::optional<std::filesystem::path> url,
+                      std::int64_t maxBytes = kDefaultMaxBytes, Clock now = currentDate);
+
+    EventLog(const EventLog&) = delete;
+    EventLog& operator=(const EventLog&) = delete;
+
+    /// Appends one event. Opens and closes the file each time: for rare events only.
+    void event(std::string_view name, const Fields& fields = {}) noexcept;
+
+    /// The last whole lines that fit in `maxBytes` bytes, reaching back into the previous
+    /// generation if the current file is shorter. A last line longer than that is cut at its start.
+    [[nodiscard]] std::string tail(std::int64_t maxBytes) const;
+
+    struct Chunk {
+        std::string text;
+        /// What to pass next time.
+        std::uint64_t offset;
+    };
+
+    /// What the current file holds from byte `offset` on; from its start when it is shorter than
+    /// that, which it is after a rotation. To follow the log, begin with 0 and pass on what came
+    /// back.
+    [[nodiscard]] Chunk read(std::uint64_t offset) const;
+
+    /// Size of the current file in bytes, 0 when it cannot be told.
+    [[nodiscard]] std::int64_t size() const;
+
+    /// Where a group's log file of this name is; absent when the group has no container.
+    [[nodiscard]] static std::optional<std::filesystem::path> groupFile(const std::string& group,
+                                                                        const std::string& name);
+
+    /// The value as JSON can hold it: dates become their `iso` text and text valid UTF-8, in
+    /// lists and maps at every depth (also a map's keys).
+    [[nodiscard]] static FieldValue clean(const FieldValue& value);
+
+    /// UTC to the second, such as 2026-11-15T18:20:33Z.
+    [[nodiscard]] static std::string iso(Date date);
+
+  private:
+    void append(std::string_view line) const;
+    void rotate() const TAVELIN_REQUIRES(lock_);
+
+    const std::optional<std::filesystem::path> url_;
+    const std::int64_t maxBytes_;
+    const Clock now_;
+    /// Serialises every access to the files.
+    mutable Mutex lock_;
+};
+
+/// The process's event log, "module.log" of the group that the information dictionary names under
+/// "TVLLogGroup"; made on first use.
+[[nodiscard]] EventLog& events();
+
+} // namespace tavelin

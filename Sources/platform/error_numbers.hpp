@@ -1,0 +1,140 @@
+/// Error numbers. The bridge and the block devices speak the host's errno; everything above them
+/// (NTFSError, replies, tallies, events) speaks one numbering on every host, macOS's, whose values
+/// come from its <sys/errno.h>. This header names those numbers; error_numbers.cpp holds the one
+/// table that relates them to the host's. On macOS both numberings are the same.
+///
+/// Rules for what has no counterpart, so that every number has exactly one answer:
+///  - 0 means success and stays 0;
+///  - a host number that macOS does not have, or that is no errno at all, becomes kEIO;
+///  - a macOS number that the host does not have becomes EIO;
+///  - ENODATA of a host without ENOATTR is kENOATTR (that is how the bridge reports a stream that
+///    does not exist); kENODATA goes back to the same ENODATA;
+///  - where the host has one number for ENOTSUP and EOPNOTSUPP it is kENOTSUP; both go back to it.
+///
+/// All functions are pure and may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tavelin {
+
+inline constexpr std::int32_t kEPERM = 1;
+inline constexpr std::int32_t kENOENT = 2;
+inline constexpr std::int32_t kESRCH = 3;
+inline constexpr std::int32_t kEINTR = 4;
+inline constexpr std::int32_t kEIO = 5;
+inline constexpr std::int32_t kENXIO = 6;
+inline constexpr std::int32_t kE2BIG = 7;
+inline constexpr std::int32_t kENOEXEC = 8;
+inline constexpr std::int32_t kEBADF = 9;
+inline constexpr std::int32_t kECHILD = 10;
+inline constexpr std::int32_t kEDEADLK = 11;
+inline constexpr std::int32_t kENOMEM = 12;
+inline constexpr std::int32_t kEACCES = 13;
+inline constexpr std::int32_t kEFAULT = 14;
+inline constexpr std::int32_t kENOTBLK = 15;
+inline constexpr std::int32_t kEBUSY = 16;
+inline constexpr std::int32_t kEEXIST = 17;
+inline constexpr std::int32_t kEXDEV = 18;
+inline constexpr std::int32_t kENODEV = 19;
+inline constexpr std::int32_t kENOTDIR = 20;
+inline constexpr std::int32_t kEISDIR = 21;
+inline constexpr std::int32_t kEINVAL = 22;
+inline constexpr std::int32_t kENFILE = 23;
+inline constexpr std::int32_t kEMFILE = 24;
+inline constexpr std::int32_t kENOTTY = 25;
+inline constexpr std::int32_t kETXTBSY = 26;
+inline constexpr std::int32_t kEFBIG = 27;
+inline constexpr std::int32_t kENOSPC = 28;
+inline constexpr std::int32_t kESPIPE = 29;
+inline constexpr std::int32_t kEROFS = 30;
+inline constexpr std::int32_t kEMLINK = 31;
+inline constexpr std::int32_t kEPIPE = 32;
+inline constexpr std::int32_t kEDOM = 33;
+inline constexpr std::int32_t kERANGE = 34;
+inline constexpr std::int32_t kEAGAIN = 35;
+inline constexpr std::int32_t kEINPROGRESS = 36;
+inline constexpr std::int32_t kEALREADY = 37;
+inline constexpr std::int32_t kENOTSOCK = 38;
+inline constexpr std::int32_t kEDESTADDRREQ = 39;
+inline constexpr std::int32_t kEMSGSIZE = 40;
+inline constexpr std::int32_t kEPROTOTYPE = 41;
+inline constexpr std::int32_t kENOPROTOOPT = 42;
+inline constexpr std::int32_t kEPROTONOSUPPORT = 43;
+inline constexpr std::int32_t kESOCKTNOSUPPORT = 44;
+inline constexpr std::int32_t kENOTSUP = 45;
+inline constexpr std::int32_t kEPFNOSUPPORT = 46;
+inline constexpr std::int32_t kEAFNOSUPPORT = 47;
+inline constexpr std::int32_t kEADDRINUSE = 48;
+inline constexpr std::int32_t kEADDRNOTAVAIL = 49;
+inline constexpr std::int32_t kENETDOWN = 50;
+inline constexpr std::int32_t kENETUNREACH = 51;
+inline constexpr std::int32_t kENETRESET = 52;
+inline constexpr std::int32_t kECONNABORTED = 53;
+inline constexpr std::int32_t kECONNRESET = 54;
+inline constexpr std::int32_t kENOBUFS = 55;
+inline constexpr std::int32_t kEISCONN = 56;
+inline constexpr std::int32_t kENOTCONN = 57;
+inline constexpr std::int32_t kESHUTDOWN = 58;
+inline constexpr std::int32_t kETOOMANYREFS = 59;
+inline constexpr std::int32_t kETIMEDOUT = 60;
+inline constexpr std::int32_t kECONNREFUSED = 61;
+inline constexpr std::int32_t kELOOP = 62;
+inline constexpr std::int32_t kENAMETOOLONG = 63;
+inline constexpr std::int32_t kEHOSTDOWN = 64;
+inline constexpr std::int32_t kEHOSTUNREACH = 65;
+inline constexpr std::int32_t kENOTEMPTY = 66;
+inline constexpr std::int32_t kEPROCLIM = 67;
+inline constexpr std::int32_t kEUSERS = 68;
+inline constexpr std::int32_t kEDQUOT = 69;
+inline constexpr std::int32_t kESTALE = 70;
+inline constexpr std::int32_t kEREMOTE = 71;
+inline constexpr std::int32_t kEBADRPC = 72;
+inline constexpr std::int32_t kERPCMISMATCH = 73;
+inline constexpr std::int32_t kEPROGUNAVAIL = 74;
+inline constexpr std::int32_t kEPROGMISMATCH = 75;
+inline constexpr std::int32_t kEPROCUNAVAIL = 76;
+inline constexpr std::int32_t kENOLCK = 77;
+inline constexpr std::int32_t kENOSYS = 78;
+inline constexpr std::int32_t kEFTYPE = 79;
+inline constexpr std::int32_t kEAUTH = 80;
+inline constexpr std::int32_t kENEEDAUTH = 81;
+inline constexpr std::int32_t kEPWROFF = 82;
+inline constexpr std::int32_t kEDEVERR = 83;
+inline constexpr std::int32_t kEOVERFLOW = 84;
+inline constexpr std::int32_t kEBADEXEC = 85;
+inline constexpr std::int32_t kEBADARCH = 86;
+inline constexpr std::int32_t kESHLIBVERS = 87;
+inline constexpr std::int32_t kEBADMACHO = 88;
+inline constexpr std::int32_t kECANCELED = 89;
+inline constexpr std::int32_t kEIDRM = 90;
+inline constexpr std::int32_t kENOMSG = 91;
+inline constexpr std::int32_t kEILSEQ = 92;
+inline constexpr std::int32_t kENOATTR = 93;
+inline constexpr std::int32_t kEBADMSG = 94;
+inline constexpr std::int32_t kEMULTIHOP = 95;
+inline constexpr std::int32_t kENODATA = 96;
+inline constexpr std::int32_t kENOLINK = 97;
+inline constexpr std::int32_t kENOSR = 98;
+inline constexpr std::int32_t kENOSTR = 99;
+inline constexpr std::int32_t kEPROTO = 100;
+inline constexpr std::int32_t kETIME = 101;
+inline constexpr std::int32_t kEOPNOTSUPP = 102;
+inline constexpr std::int32_t kENOPOLICY = 103;
+inline constexpr std::int32_t kENOTRECOVERABLE = 104;
+inline constexpr std::int32_t kEOWNERDEAD = 105;
+inline constexpr std::int32_t kEQFULL = 106;
+
+/// The macOS number of a host errno, by the rules above.
+[[nodiscard]] std::int32_t fromHost(int hostError) noexcept;
+
+/// The host errno of a macOS number, by the rules above.
+[[nodiscard]] int toHost(std::int32_t error) noexcept;
+
+/// What a macOS number means, in words: the host's strerror text of the number's counterpart. A
+/// number that only macOS has answers macOS's own text, any other number the host's text for an
+/// unknown error, with the number as given.
+[[nodiscard]] std::string errorText(std::int32_t error);
+
+} // namespace tavelin

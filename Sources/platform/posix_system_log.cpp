@@ -1,0 +1,87 @@
+#include "platform/product.hpp"
+#include "platform/system_log.hpp"
+
+#include <string>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace tavelin {
+
+namespace {
+
+std::string escaped(std::string_view text) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string result;
+    result.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            result += "\\x";
+            result += kDigits[byte >> 4];
+            result += kDigits[byte & 0xf];
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+class PosixSystemLog final : public SystemLog {
+  public:
+    explicit PosixSystemLog(PosixLogOptions options) : options_(options) {
+        openlog(product::kShortName, LOG_PID, LOG_DAEMON);
+    }
+
+    bool isEnabled(LogLevel level, std::string_view, std::string_view) override {
+        return goesToSyslog(level) || goesToTerminal(level);
+    }
+
+    void write(LogLevel level, std::string_view subsystem, std::string_view category,
+               std::string_view message) noexcept override {
+        try {
+            const std::string line = escaped(message);
+            if (goesToSyslog(level)) {
+                syslog(priority(level), "[%.*s:%.*s] %s", static_cast<int>(subsystem.size()),
+                       subsystem.data(), static_cast<int>(category.size()), category.data(),
+                       line.c_str());
+            }
+            if (goesToTerminal(level)) {
+                writeToTerminal(std::string(product::kShortName) + ": " + line + "\n");
+            }
+        } catch (const std::bad_alloc&) {
+            // A line that there is no memory for is dropped, as the contract says.
+        }
+    }
+
+  private:
+    static int priority(LogLevel level) { return level == LogLevel::kError ? LOG_ERR : LOG_INFO; }
+
+    static bool goesToSyslog(LogLevel level) {
+        // A mask of 0 only asks for the one in force.
+        return (setlogmask(0) & LOG_MASK(priority(level))) != 0;
+    }
+
+    bool goesToTerminal(LogLevel level) const {
+        return options_.terminal && level >= *options_.terminal && isatty(options_.descriptor) == 1;
+    }
+
+    void writeToTerminal(std::string_view line) const {
+        while (!line.empty()) {
+            const ssize_t written = ::write(options_.descriptor, line.data(), line.size());
+            if (written <= 0) {
+                return; // a terminal that went away: the line is dropped
+            }
+            line.remove_prefix(static_cast<std::size_t>(written));
+        }
+    }
+
+    const PosixLogOptions options_;
+};
+
+} // namespace
+
+std::shared_ptr<SystemLog> makePosixSystemLog(PosixLogOptions options) {
+    return std::make_shared<PosixSystemLog>(options);
+}
+
+} // namespace tavelin

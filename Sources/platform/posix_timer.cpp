@@ -1,0 +1,90 @@
+// A repeating timer on a thread of its own. The thread and the handle share only State, so either
+// may go first: a cancelled timer's thread ends by itself when it next looks.
+#include "platform/mutex.hpp"
+#include "platform/private/posix_services.hpp"
+
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
+namespace tavelin::posix {
+
+namespace {
+
+using Instant = std::chrono::steady_clock::time_point;
+
+struct State {
+    Mutex mutex;
+    ConditionVariable changed;
+    bool started TAVELIN_GUARDED_BY(mutex) = false;
+    bool cancelled TAVELIN_GUARDED_BY(mutex) = false;
+};
+
+/// Waits for the deadline; false when the timer was cancelled before it.
+bool reached(State& state, Instant deadline) {
+    MutexLock lock(state.mutex);
+    while (!state.cancelled && std::chrono::steady_clock::now() < deadline) {
+        state.changed.waitUntil(state.mutex, deadline);
+    }
+    return !state.cancelled;
+}
+
+Instant following(Instant deadline, std::chrono::nanoseconds interval) {
+    const auto late = std::chrono::steady_clock::now() - deadline;
+    const auto missed = late > interval ? late / interval : 0;
+    return deadline + interval * (missed + 1);
+}
+
+void allowLeeway(std::chrono::nanoseconds leeway) {
+#ifdef __linux__
+    // The kernel may then join this thread's wake-ups with others; refusal costs only power.
+    static_cast<void>(prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(leeway.count())));
+#else
+    static_cast<void>(leeway);
+#endif
+}
+
+class ThreadTimer final : public RepeatingTimer {
+  public:
+    ThreadTimer(TimerSchedule schedule, std::function<void()> tick)
+        : schedule_(schedule), tick_(std::move(tick)) {}
+
+    ~ThreadTimer() override { cancel(); }
+
+    void start() override {
+        {
+            MutexLock lock(state_->mutex);
+            if (state_->started || state_->cancelled) {
+                return;
+            }
+            state_->started = true;
+        }
+        const Instant first = std::chrono::steady_clock::now() + schedule_.interval;
+        spawnUtilityThread([state = state_, schedule = schedule_, tick = tick_, first] {
+            allowLeeway(schedule.leeway);
+            for (Instant deadline = first; reached(*state, deadline);
+                 deadline = following(deadline, schedule.interval)) {
+                tick();
+            }
+        });
+    }
+
+    void cancel() noexcept override {
+        MutexLock lock(state_->mutex);
+        state_->cancelled = true;
+        state_->changed.notifyAll();
+    }
+
+  private:
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
+    const TimerSchedule schedule_;
+    const std::function<void()> tick_;
+};
+
+} // namespace
+
+std::unique_ptr<RepeatingTimer> makeTimer(TimerSchedule schedule, std::function<void()> tick) {
+    return std::make_unique<ThreadTimer>(schedule, std::move(tick));
+}
+
+} // namespace tavelin::posix

@@ -1,0 +1,36 @@
+/// The POSIX implementations that posixServices() hands out. Contracts are those of the public
+/// headers of the same subjects.
+#pragma once
+
+#include "platform/services.hpp"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tavelin::posix {
+
+[[nodiscard]] InformationDictionary informationDictionary();
+[[nodiscard]] std::optional<std::filesystem::path> groupContainer(const std::string& group);
+[[nodiscard]] std::string operatingSystemVersion();
+[[nodiscard]] std::unique_ptr<RepeatingTimer> makeTimer(TimerSchedule schedule,
+                                                        std::function<void()> tick);
+[[nodiscard]] std::shared_ptr<UtilityQueue> utilityQueue();
+
+/// The container for the given values of the environment (null or empty counts as not set).
+[[nodiscard]] std::optional<std::filesystem::path> containerFrom(const char* container,
+                                                                 const char* stateHome,
+                                                                 const char* home,
+                                                                 const std::string& group);
+
+/// The text of PRETTY_NAME in an os-release file's contents; empty when there is none.
+[[nodiscard]] std::string prettyName(std::string_view osRelease);
+
+/// Runs `body` on a detached thread that takes no signals, so that they reach the threads that
+/// wait for them. `body` must own all it uses. Throws std::system_error when there is no thread.
+void spawnUtilityThread(std::function<void()> body);
+
+} // namespace tavelin::posix

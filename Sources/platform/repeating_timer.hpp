@@ -1,0 +1,58 @@
+/// Repeating timers on threads of the utility class, in the manner of dispatch timer sources.
+///
+/// A timer starts suspended. From start() on it ticks one interval later and then every interval;
+/// ticks of one timer never overlap, and ticks missed while one was running late are skipped.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <utility>
+
+namespace tavelin {
+
+struct TimerSchedule {
+    /// Time from start() to the first tick, and from tick to tick.
+    std::chrono::nanoseconds interval;
+    /// How much later than its deadline a tick may come, so that wake-ups can be shared.
+    std::chrono::nanoseconds leeway;
+
+    /// A schedule from an interval in seconds. Intervals below a millisecond (or that are no
+    /// number) count as one millisecond, those above a day as a day.
+    [[nodiscard]] static TimerSchedule every(double seconds, std::chrono::nanoseconds leeway);
+};
+
+class RepeatingTimer {
+  public:
+    /// Cancels.
+    virtual ~RepeatingTimer() = default;
+
+    /// Begins to tick. Further calls, and calls after cancel(), do nothing. Throws
+    /// std::system_error when the system has no thread to give.
+    virtual void start() = 0;
+
+    /// No tick begins after this returns; one that is running is not waited for, so this may be
+    /// called (and the timer destroyed) from any thread, from within the timer's own tick, and
+    /// with a lock held that the tick takes.
+    virtual void cancel() noexcept = 0;
+};
+
+/// Makes a suspended timer whose tick knows nothing of owners; prefer makeRepeatingTimer.
+[[nodiscard]] std::unique_ptr<RepeatingTimer> makeUnownedTimer(TimerSchedule schedule,
+                                                               std::function<void()> tick);
+
+/// Makes a suspended timer that calls `action` on its owner at each tick. The timer holds the
+/// owner weakly: it never keeps it alive between ticks, and once the owner is gone ticks do
+/// nothing. While `action` runs the owner is kept, so its last reference may be dropped, and its
+/// destructor run, on the timer's thread.
+template<typename Owner, typename Action>
+[[nodiscard]] std::unique_ptr<RepeatingTimer>
+makeRepeatingTimer(std::weak_ptr<Owner> owner, TimerSchedule schedule, Action action) {
+    return makeUnownedTimer(schedule, [owner = std::move(owner), action = std::move(action)] {
+        if (const auto alive = owner.lock()) {
+            action(*alive);
+        }
+    });
+}
+
+} // namespace tavelin

@@ -1,0 +1,84 @@
+#include "platform/utf8.hpp"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tavelin {
+
+namespace {
+
+struct Lead {
+    /// Length of the sequence in bytes; 0 when no sequence begins with this byte.
+    std::size_t length;
+    /// Bounds of the second byte, which rule out overlong forms, surrogates and what lies beyond
+    /// U+10FFFF (the Unicode Standard, table 3-7). All further bytes are 0x80 to 0xBF.
+    std::uint8_t low = 0x80;
+    std::uint8_t high = 0xbf;
+};
+
+Lead leadOf(std::uint8_t byte) {
+    if (byte < 0x80) {
+        return {1};
+    }
+    if (byte < 0xc2) {
+        return {0};
+    }
+    if (byte < 0xe0) {
+        return {2};
+    }
+    if (byte < 0xf0) {
+        return {3, static_cast<std::uint8_t>(byte == 0xe0 ? 0xa0 : 0x80),
+                static_cast<std::uint8_t>(byte == 0xed ? 0x9f : 0xbf)};
+    }
+    if (byte < 0xf5) {
+        return {4, static_cast<std::uint8_t>(byte == 0xf0 ? 0x90 : 0x80),
+                static_cast<std::uint8_t>(byte == 0xf4 ? 0x8f : 0xbf)};
+    }
+    return {0};
+}
+
+struct Sequence {
+    std::size_t length;
+    bool whole;
+};
+
+/// The sequence at the start of a text that is not empty: a whole character, or the longest part
+/// of one that is there, at least one byte.
+Sequence sequenceAt(std::string_view text) {
+    const Lead lead = leadOf(static_cast<std::uint8_t>(text[0]));
+    std::size_t length = 1;
+    while (length < lead.length && length < text.size()) {
+        const auto byte = static_cast<std::uint8_t>(text[length]);
+        const bool second = length == 1;
+        if (byte < (second ? lead.low : 0x80) || byte > (second ? lead.high : 0xbf)) {
+            break;
+        }
+        ++length;
+    }
+    return {length, length == lead.length};
+}
+
+} // namespace
+
+std::string repairUTF8(std::string_view text) {
+    constexpr std::string_view kReplacement = "\xef\xbf\xbd";
+    std::string repaired;
+    repaired.reserve(text.size());
+    while (!text.empty()) {
+        const Sequence sequence = sequenceAt(text);
+        repaired += sequence.whole ? text.substr(0, sequence.length) : kReplacement;
+        text.remove_prefix(sequence.length);
+    }
+    return repaired;
+}
+
+std::string_view firstCharacters(std::string_view text, std::size_t count) {
+    std::size_t end = 0;
+    while (count > 0 && end < text.size()) {
+        end += sequenceAt(text.substr(end)).length;
+        --count;
+    }
+    return text.substr(0, end);
+}
+
+} // namespace tavelin
