@@ -1,0 +1,32 @@
+/// What an NTFS volume lives on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tavelin {
+
+/// A device of fixed size, read and written in whole blocks. All results are 0 or a positive errno
+/// of the host, because they travel unchanged through the bridge and back; a call that answers 0
+/// has transferred exactly `length` bytes. Nothing here throws.
+///
+/// Offsets and lengths are bytes and, from the bridge, multiples of the block size. The volume
+/// calls its device only under its own lock, so a device needs no lock unless others use it too.
+class BlockDevice {
+  public:
+    virtual ~BlockDevice() = default;
+
+    /// Usable size in bytes, a whole number of blocks.
+    [[nodiscard]] virtual std::uint64_t size() const noexcept = 0;
+    /// Bytes in a block.
+    [[nodiscard]] virtual std::uint32_t blockSize() const noexcept = 0;
+
+    [[nodiscard]] virtual std::int32_t read(std::byte* destination, std::uint64_t offset,
+                                            std::uint64_t length) noexcept = 0;
+    [[nodiscard]] virtual std::int32_t write(const std::byte* source, std::uint64_t offset,
+                                             std::uint64_t length) noexcept = 0;
+    /// Returns once everything written before is on the medium.
+    [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
+};
+
+} // namespace tavelin

@@ -1,0 +1,25 @@
+/// The joint between a BlockDevice and the bridge's callback table.
+#pragma once
+
+#include "NTFSBridge/ntb.h"
+#include "core/block_device.hpp"
+
+#include <memory>
+
+namespace tavelin {
+
+/// Holds one device for the lifetime of one bridge volume: the bridge's callbacks are given the
+/// box as their context.
+class DeviceBox {
+  public:
+    /// The device must not be null.
+    explicit DeviceBox(std::shared_ptr<BlockDevice> boxed);
+
+    const std::shared_ptr<BlockDevice> device;
+};
+
+/// The table through which the bridge reaches the box's device; size and block size are read once,
+/// here. The box is not kept alive by the table: it must outlive every use of it.
+[[nodiscard]] ntb_io makeIO(DeviceBox& box) noexcept;
+
+} // namespace tavelin

@@ -1,0 +1,216 @@
+/// The one owner of one mounted NTFS volume.
+///
+/// An NTFSVolume holds the device that the bridge reads and writes, the bridge's handle, one lock
+/// that serialises every call into the bridge for this volume, and a timer that writes dirty pages
+/// back about once a second. Items are named by inode number; the root directory is kRootIno.
+/// Nothing stays open between calls.
+///
+/// Threads. Everything may be called from any thread; calls queue on the lock, which is held for
+/// the whole bridge call. The lock is not recursive: what runs under it (the bodies of `locked` and
+/// `withDeviceLock`, the device's own methods) must not call a locked operation of this volume. It
+/// is taken before the tally's and the event log's locks, never after. Exceptions from the rule:
+/// serial() and readOnly() never change, and the Windows-names switch is a single flag outside the
+/// lock, set before the volume is shared between threads and never touched after unmount().
+///
+/// Text is UTF-8 and is passed on as it is; length, case and character rules are the bridge's.
+/// Sizes and offsets are bytes.
+///
+/// Errors are NTFSError with macOS numbers. Every operation on a mounted volume answers kENXIO once
+/// it is unmounted, kEINVAL for text with a NUL in it, kENOENT for an inode or name that does not
+/// exist, and, as everything reaches the medium, kEIO or any other code of the device, kENOMEM, or
+/// what the NTFS library says of a damaged structure. Beyond that:
+///
+///     open           kEINVAL not NTFS, kEPERM hibernated or fast-started (read-write only),
+///                    kEROFS write-protected, kEIO also for a failure without a reason
+///     unmount        none; never kENXIO
+///     isMounted, windowsNames, serial, readOnly, withDeviceLock, startAutoFlush: never an
+///     NTFSError label, statfs, ioStats, sync, attributes, flush, xattrNames   none setLabel
+///     kEROFS, kEILSEQ not UTF-8, kENAMETOOLONG over 128 UTF-16 units lookup, resolve    kENOTDIR,
+///     kEINVAL empty name, kEILSEQ name not UTF-8 list           kENOTDIR read           kEISDIR,
+///     kEACCES encrypted, kENOTSUP compressed in an unknown way write          kEROFS, kEISDIR,
+///     kENOSPC, kEACCES, kENOTSUP truncate       kEROFS, kEISDIR, kENOSPC, kEACCES, kENOTSUP
+///     create, symlink    kEROFS, kEEXIST, kENOTDIR, kENOSPC, names (below), kEPERM in $Extend
+///     readlink       kEINVAL not a link
+///     remove         kEROFS, kENOTDIR, kENOTEMPTY, kEPERM system file, names
+///     rename         kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEPERM system file,
+///                    kEINVAL into its own subtree, names
+///     setTimes, setHidden    kEROFS
+///     xattr          kENOATTR, kENAMETOOLONG, kEINVAL empty name
+///     setXattr       kEROFS, kEEXIST, kENOATTR, kENOSPC, kEPERM on a link, kENAMETOOLONG, kEINVAL
+///     removeXattr    kEROFS, kENOATTR, kENAMETOOLONG, kEINVAL
+///     names          kEINVAL empty, ".", "..", with "/" or refused by the Windows-names switch;
+///                    kENAMETOOLONG over 255 UTF-16 units; kEILSEQ not UTF-8
+#pragma once
+
+#include "NTFSBridge/ntb.h"
+#include "core/block_device.hpp"
+#include "core/device_box.hpp"
+#include "core/ntfs_error.hpp"
+#include "core/values.hpp"
+#include "platform/error_numbers.hpp"
+#include "platform/mutex.hpp"
+#include "platform/repeating_timer.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace tavelin {
+
+class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
+    struct OnlyOpenMayConstruct {};
+
+  public:
+    static constexpr std::uint64_t kRootIno = NTB_ROOT_INO;
+    static constexpr double kDefaultFlushInterval = 1.0; ///< seconds
+
+    /// How setXattr treats an attribute that exists already, or does not.
+    enum class XattrPolicy : std::int32_t {
+        always = NTB_XATTR_ANY,
+        mustCreate = NTB_XATTR_CREATE,
+        mustReplace = NTB_XATTR_REPLACE,
+    };
+
+    // ---- Life ----------------------------------------------------------------------------------
+
+    /// The serial number of the NTFS volume on a device, without mounting it; absent when there is
+    /// none or the device cannot be read.
+    [[nodiscard]] static std::optional<std::uint64_t> probe(std::shared_ptr<BlockDevice> device);
+
+    /// Mounts. The caller then sets the Windows-names switch and, unless the volume turned out
+    /// read-only, starts the auto-flush.
+    [[nodiscard]] static std::shared_ptr<NTFSVolume> open(std::shared_ptr<BlockDevice> device,
+                                                          bool readOnly);
+
+    NTFSVolume(OnlyOpenMayConstruct, std::shared_ptr<BlockDevice> device, bool readOnly);
+    /// Unmounts, for the path that did not; a failure is dropped, as nobody is left to hear it.
+    ~NTFSVolume();
+    NTFSVolume(const NTFSVolume&) = delete;
+    NTFSVolume& operator=(const NTFSVolume&) = delete;
+
+    /// Stops the timer, writes everything back and closes. The volume is unmounted even when this
+    /// throws, and further calls do nothing.
+    void unmount();
+
+    /// Writes dirty pages back every `interval` seconds from now on (late by up to 100 ms), as long
+    /// as the volume lives; a timer started before is replaced. Failed flushes are tried again at
+    /// the next tick. Throws std::system_error when the system has no thread to give.
+    void startAutoFlush(double interval = kDefaultFlushInterval);
+
+    [[nodiscard]] bool isMounted() const;
+
+    // ---- The whole volume ----------------------------------------------------------------------
+
+    [[nodiscard]] std::uint64_t serial() const noexcept { return serial_; }
+    /// Whether the volume was mounted read-only, by request or because the library decided so.
+    [[nodiscard]] bool readOnly() const noexcept { return readOnly_; }
+
+    /// Whether names that Windows cannot use are refused for new items. Outside the lock, see
+    /// above; after unmount() the process stops.
+    [[nodiscard]] bool windowsNames() const;
+    void setWindowsNames(bool on);
+
+    [[nodiscard]] std::string label();
+    void setLabel(std::string_view label);
+    [[nodiscard]] NTFSStatFS statfs();
+    [[nodiscard]] NTFSIOStats ioStats();
+    /// Returns once everything changed before is on the device.
+    void sync();
+
+    /// Runs `body` under the lock, so that it overlaps no bridge call of this volume.
+    template<typename Body>
+    void withDeviceLock(Body&& body) TAVELIN_EXCLUDES(lock_) {
+        const MutexLock held(lock_);
+        std::invoke(std::forward<Body>(body));
+    }
+
+    /// Runs `body` with the bridge's handle under the lock and returns its result. The one shape of
+    /// all operations. The handle must not leave the body.
+    template<typename Body>
+    std::invoke_result_t<Body, ntb_vol*> locked(Body&& body) TAVELIN_EXCLUDES(lock_) {
+        const MutexLock held(lock_);
+        if (vol_ == nullptr) {
+            throw NTFSError(kENXIO);
+        }
+        return std::invoke(std::forward<Body>(body), vol_);
+    }
+
+    // ---- Items ---------------------------------------------------------------------------------
+
+    /// The inode of a name in a directory, ignoring case as NTFS does.
+    [[nodiscard]] std::uint64_t lookup(std::string_view name, std::uint64_t parent);
+    /// The inode that a path from the root leads to; empty components do not count, "." and ".."
+    /// are names like any other. The lock is taken once a component.
+    [[nodiscard]] std::uint64_t resolve(std::string_view path);
+    [[nodiscard]] NTFSAttributes attributes(std::uint64_t ino);
+    /// All entries of a directory, without "." and "..", in the volume's collation order.
+    [[nodiscard]] std::vector<NTFSDirEntry> list(std::uint64_t directory);
+
+    /// Make an item and return its inode. Creating a symlink by type makes a file: use symlink().
+    std::uint64_t create(std::string_view name, std::uint64_t parent, NTFSItemType type);
+    std::uint64_t symlink(std::string_view name, std::uint64_t parent, std::string_view target);
+    [[nodiscard]] std::string readlink(std::uint64_t ino);
+    /// Removes a file's name or an empty directory.
+    void remove(std::string_view name, std::uint64_t parent);
+    /// Replaces an existing item of the same kind.
+    void rename(std::string_view name, std::uint64_t parent, std::string_view newName,
+                std::uint64_t newParent);
+
+    /// Sets the times that are given and leaves the others alone.
+    void setTimes(std::uint64_t ino, const std::optional<std::timespec>& access,
+                  const std::optional<std::timespec>& modify,
+                  const std::optional<std::timespec>& change,
+                  const std::optional<std::timespec>& birth);
+    void setHidden(std::uint64_t ino, bool hidden);
+
+    // ---- File data: always the unnamed stream --------------------------------------------------
+
+    /// Reads straight into the caller's memory and returns the count, less than `length` at the end
+    /// of the file.
+    [[nodiscard]] std::size_t read(std::uint64_t ino, std::uint64_t offset, std::byte* destination,
+                                   std::size_t length);
+    [[nodiscard]] std::vector<std::byte> read(std::uint64_t ino, std::uint64_t offset,
+                                              std::size_t length);
+    /// Writes straight from the caller's memory, extending the file as needed, and returns the
+    /// count. A failure may leave a part written.
+    std::size_t write(std::uint64_t ino, std::uint64_t offset, const std::byte* source,
+                      std::size_t length);
+    /// The same, except that no data is no call: 0 at once, even when unmounted.
+    std::size_t write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data);
+    /// Grows (reading back as zeroes) or shrinks.
+    void truncate(std::uint64_t ino, std::uint64_t size);
+    /// Returns once the item, and with it everything changed before, is on the device.
+    void flush(std::uint64_t ino);
+
+    // ---- Extended attributes: named streams; links have none -----------------------------------
+
+    [[nodiscard]] std::vector<std::string> xattrNames(std::uint64_t ino);
+    [[nodiscard]] std::vector<std::byte> xattr(std::string_view name, std::uint64_t ino);
+    void setXattr(std::string_view name, std::uint64_t ino, std::span<const std::byte> value,
+                  XattrPolicy policy);
+    void removeXattr(std::string_view name, std::uint64_t ino);
+
+  private:
+    /// One listing in the making; the bridge's callback is given it as its context.
+    struct ListBox;
+    struct NameBox;
+
+    void flushTick() noexcept;
+
+    DeviceBox box_;
+    mutable Mutex lock_;
+    ntb_vol* vol_ TAVELIN_GUARDED_BY(lock_) = nullptr;
+    std::unique_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
+    bool readOnly_ = false;
+    std::uint64_t serial_ = 0;
+};
+
+} // namespace tavelin

@@ -1,0 +1,104 @@
+/// The plain records that cross between the volume and what is built on it. They are copyable
+/// values without identity, filled once where they are made, and compare equal field by field;
+/// any thread may hold its own copy. Inode numbers are NTFS file record numbers; sizes are bytes.
+#pragma once
+
+#include "platform/checked.hpp"
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+
+namespace tavelin {
+
+/// What an item is. The raw values are the bridge's NTB_TYPE_ codes.
+enum class NTFSItemType : std::uint32_t {
+    file = 1,
+    directory = 2,
+    symlink = 3,
+};
+
+/// The type with this raw value, if there is one.
+[[nodiscard]] std::optional<NTFSItemType> itemType(std::uint32_t rawValue) noexcept;
+
+/// The type of an item that the bridge reports under this code. An item of an unknown kind is
+/// shown as a regular file rather than refused.
+[[nodiscard]] constexpr NTFSItemType itemTypeFromBridge(std::uint32_t code) noexcept {
+    switch (code) {
+    case 2:
+        return NTFSItemType::directory;
+    case 3:
+        return NTFSItemType::symlink;
+    default:
+        return NTFSItemType::file;
+    }
+}
+
+/// Lets the records below compare their times; found by lookup from within this namespace.
+[[nodiscard]] inline bool operator==(const std::timespec& a, const std::timespec& b) noexcept {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+/// The attributes of one item. Times count from 1970-01-01 UTC, in steps of 100 ns on the volume.
+struct NTFSAttributes {
+    std::uint64_t ino = 0;
+    NTFSItemType type = NTFSItemType::file;
+    std::uint32_t linkCount = 0;
+    std::uint64_t size = 0;      ///< logical size; of a link, the length of its target
+    std::uint64_t allocSize = 0; ///< space taken on the volume
+    bool hidden = false;         ///< the four Windows attributes
+    bool readOnly = false;
+    bool system = false;
+    bool compressed = false;
+    std::timespec accessTime{};
+    std::timespec modifyTime{}; ///< last change of the data
+    std::timespec changeTime{}; ///< last change of the file record
+    std::timespec birthTime{};
+
+    bool operator==(const NTFSAttributes&) const = default;
+};
+
+/// One name of a directory listing, in UTF-8.
+struct NTFSDirEntry {
+    std::string name;
+    std::uint64_t ino = 0;
+    NTFSItemType type = NTFSItemType::file;
+
+    bool operator==(const NTFSDirEntry&) const = default;
+};
+
+/// Space and file counts of a volume.
+struct NTFSStatFS {
+    std::uint32_t clusterSize = 0; ///< bytes in a cluster
+    std::uint64_t totalClusters = 0;
+    std::uint64_t freeClusters = 0;
+    std::uint64_t totalFiles = 0; ///< file records the volume has or could make room for
+    std::uint64_t freeFiles = 0;
+
+    /// In bytes. A product that does not fit stops the process: no volume is that large.
+    [[nodiscard]] std::uint64_t totalBytes() const {
+        return checkedMultiply<std::uint64_t>(clusterSize, totalClusters, "NTFSStatFS.totalBytes");
+    }
+    [[nodiscard]] std::uint64_t freeBytes() const {
+        return checkedMultiply<std::uint64_t>(clusterSize, freeClusters, "NTFSStatFS.freeBytes");
+    }
+
+    bool operator==(const NTFSStatFS&) const = default;
+};
+
+/// Device and cache counters of one mounted volume since it was mounted.
+struct NTFSIOStats {
+    std::uint64_t deviceReads = 0; ///< read calls to the device
+    std::uint64_t deviceWrites = 0;
+    std::uint64_t readBytes = 0;
+    std::uint64_t writeBytes = 0;
+    std::uint64_t unalignedOps = 0; ///< device calls that needed a bounce buffer
+    std::uint64_t cacheHits = 0;    ///< pages
+    std::uint64_t cacheMisses = 0;
+    std::uint64_t dirtyPages = 0; ///< pages waiting to be written
+
+    bool operator==(const NTFSIOStats&) const = default;
+};
+
+} // namespace tavelin
