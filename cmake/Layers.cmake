@@ -40,5 +40,7 @@ function(tavelin_test name)
     target_link_libraries(${name} PRIVATE tavelin::${layer})
   endforeach()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120
-    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]"
+    # Keeps the event log of whatever a test runs out of the developer's home.
+    ENVIRONMENT "TAVELIN_GROUP_CONTAINER=${CMAKE_CURRENT_BINARY_DIR}/${name}-group")
 endfunction()

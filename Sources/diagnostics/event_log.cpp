@@ -71,8 +71,12 @@ std::string bytesOf(const std::filesystem::path& path, std::uint64_t& offset) {
         if (count < 0 && errno == EINTR) {
             continue;
         }
-        if (count <= 0) {
-            break; // cut short meanwhile, or unreadable from here: what was read stands
+        if (count < 0) {
+            offset = 0;
+            return {};
+        }
+        if (count == 0) {
+            break; // cut short meanwhile: what was read stands
         }
         done += static_cast<std::size_t>(count);
     }
@@ -139,7 +143,7 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
         if (const auto line = jsonLine(record)) {
             append(*line);
         }
-    } catch (const std::exception&) {
+    } catch (...) {
         // No memory, or a clock or a field's description that threw: the record is dropped.
     }
 }

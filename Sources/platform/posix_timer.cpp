@@ -60,7 +60,7 @@ class ThreadTimer final : public RepeatingTimer {
             state_->started = true;
         }
         const Instant first = std::chrono::steady_clock::now() + schedule_.interval;
-        spawnUtilityThread([state = state_, schedule = schedule_, tick = tick_, first] {
+        spawnUtilityThread([state = state_, schedule = schedule_, tick = std::move(tick_), first] {
             allowLeeway(schedule.leeway);
             for (Instant deadline = first; reached(*state, deadline);
                  deadline = following(deadline, schedule.interval)) {
@@ -78,7 +78,7 @@ class ThreadTimer final : public RepeatingTimer {
   private:
     const std::shared_ptr<State> state_ = std::make_shared<State>();
     const TimerSchedule schedule_;
-    const std::function<void()> tick_;
+    std::function<void()> tick_;
 };
 
 } // namespace

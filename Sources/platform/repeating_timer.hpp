@@ -31,9 +31,9 @@ class RepeatingTimer {
     /// std::system_error when the system has no thread to give.
     virtual void start() = 0;
 
-    /// No tick begins after this returns; one that is running is not waited for, so this may be
-    /// called (and the timer destroyed) from any thread, from within the timer's own tick, and
-    /// with a lock held that the tick takes.
+    /// Ends the ticking. A tick that has already begun is not waited for, so this may be called
+    /// (and the timer destroyed) from any thread, from within the timer's own tick, and with a lock
+    /// held that the tick takes.
     virtual void cancel() noexcept = 0;
 };
 

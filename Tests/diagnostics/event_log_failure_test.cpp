@@ -1,0 +1,112 @@
+// Whatever the file system refuses, the caller of the event log never notices.
+#include "diagnostics/event_log.hpp"
+#include "support/temp_folder.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <csignal>
+#include <sstream>
+#include <stdexcept>
+#include <sys/resource.h>
+
+namespace tavelin {
+namespace {
+
+using test::readFile;
+using test::writeFile;
+
+class EventLogFailureTest : public testing::Test {
+  protected:
+    static void expectInert(EventLog& log) {
+        log.event("probe", {{"result", "usable"}});
+        EXPECT_EQ(log.size(), 0);
+        EXPECT_EQ(log.tail(1000), "");
+        EXPECT_EQ(log.read(10).text, "");
+        EXPECT_EQ(log.read(10).offset, 0U);
+    }
+
+    const test::TempFolder folder;
+    const std::filesystem::path file = folder / "module.log";
+};
+
+/// Lets no file of this process grow beyond `bytes`: a full disk, to the byte.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        handler_ = std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limited{bytes, before_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limited);
+    }
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+
+  private:
+    rlimit before_{};
+    void (*handler_)(int) = nullptr;
+};
+
+TEST_F(EventLogFailureTest, WithoutAFileItIsInert) {
+    EventLog log(std::nullopt);
+    expectInert(log);
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+}
+
+TEST_F(EventLogFailureTest, AFolderThatCannotBeMadeIsDropped) {
+    writeFile(folder / "obstacle", "");
+    EventLog log(folder / "obstacle" / "Logs" / "module.log");
+    expectInert(log);
+}
+
+TEST_F(EventLogFailureTest, AFolderInPlaceOfTheFileIsNotRead) {
+    std::filesystem::create_directory(file);
+    EventLog log(file);
+    log.event("probe");
+    EXPECT_EQ(log.tail(1000), "");
+    EXPECT_EQ(log.read(10).offset, 0U);
+}
+
+TEST_F(EventLogFailureTest, AFileOrFolderThatVanishesIsMadeAgainOrDropped) {
+    EventLog log(folder / "Logs" / "module.log");
+    log.event("one");
+    std::filesystem::remove(folder / "Logs" / "module.log");
+    log.event("two");
+    EXPECT_NE(log.tail(1000).find("\"two\""), std::string::npos);
+    std::filesystem::remove_all(folder / "Logs");
+    expectInert(log);
+}
+
+TEST_F(EventLogFailureTest, ARotationThatFailsKeepsWritingToTheSameFile) {
+    std::filesystem::create_directories(folder / "module.log.1" / "obstacle");
+    EventLog log(file, 10);
+    log.event("one");
+    log.event("two");
+    const std::string text = readFile(file);
+    EXPECT_NE(text.find("\"one\""), std::string::npos);
+    EXPECT_NE(text.find("\"two\""), std::string::npos);
+}
+
+TEST_F(EventLogFailureTest, AFullDiskNeverLeavesHalfALine) {
+    EventLog log(file);
+    log.event("first");
+    const std::string first = readFile(file);
+    for (const std::size_t room : {std::size_t{0}, std::size_t{1}, first.size() - 1}) {
+        const FileSizeLimit limit(first.size() + room);
+        log.event("later");
+        EXPECT_EQ(readFile(file), first) << room;
+    }
+    log.event("later");
+    EXPECT_EQ(readFile(file).size(), 2 * first.size());
+}
+
+TEST_F(EventLogFailureTest, AClockThatThrowsCostsOnlyTheRecord) {
+    EventLog log(file, EventLog::kDefaultMaxBytes,
+                 []() -> Date { throw std::runtime_error("no time"); });
+    expectInert(log);
+}
+
+} // namespace
+} // namespace tavelin

@@ -1,0 +1,25 @@
+#include "platform/checked.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+
+namespace tavelin {
+namespace {
+
+TEST(CheckedDeathTest, AnOverflowStopsTheProcessWithItsReason) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    constexpr auto kMost = std::numeric_limits<std::int64_t>::max();
+    std::int64_t counter = kMost - 1;
+    checkedIncrement(counter, "the counter overflowed");
+    EXPECT_EQ(counter, kMost);
+    EXPECT_DEATH(checkedIncrement(counter, "the counter overflowed"), "the counter overflowed");
+
+    EXPECT_EQ(checkedMultiply<std::uint64_t>(4096, 1ULL << 51, "size"), 1ULL << 63);
+    EXPECT_DEATH(static_cast<void>(checkedMultiply<std::uint64_t>(4096, 1ULL << 52, "size")),
+                 "fatal: size");
+}
+
+} // namespace
+} // namespace tavelin

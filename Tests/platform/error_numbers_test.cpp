@@ -1,0 +1,87 @@
+#include "platform/error_numbers.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+
+namespace tavelin {
+namespace {
+
+constexpr std::int32_t kFirstUnusedNumber = 107;
+
+std::string hostText(int number) {
+    return std::strerror(number); // NOLINT(concurrency-mt-unsafe): the test has one thread
+}
+
+TEST(ErrorNumbers, EveryNumberOfMacOSComesBack) {
+    // Numbers that share a host number with another, and what they come back as.
+    const std::map<std::int32_t, std::int32_t> shared{{kENODATA, kENOATTR},
+                                                      {kEOPNOTSUPP, kENOTSUP}};
+    for (std::int32_t number = 0; number < kFirstUnusedNumber; ++number) {
+        SCOPED_TRACE(number);
+        const int host = toHost(number);
+        if (host == EIO && number != kEIO) {
+            // Only macOS has it. It has words all the same.
+            EXPECT_NE(errorText(number), hostText(EIO));
+            EXPECT_EQ(errorText(number).find("nknown"), std::string::npos);
+            continue;
+        }
+        const auto other = shared.find(number);
+        EXPECT_EQ(fromHost(host), other != shared.end() ? other->second : number);
+        EXPECT_EQ(errorText(number), hostText(host));
+    }
+}
+
+#ifdef __linux__
+TEST(ErrorNumbers, OnlyWhatMacOSLacksIsFoldedIntoEIO) {
+    const std::set<int> linuxOnly{
+        ECHRNG,    EL2NSYNC,  EL3HLT,      EL3RST,  ELNRNG,      EUNATCH,     ENOCSI,
+        EL2HLT,    EBADE,     EBADR,       EXFULL,  ENOANO,      EBADRQC,     EBADSLT,
+        EBFONT,    ENONET,    ENOPKG,      EADV,    ESRMNT,      ECOMM,       EDOTDOT,
+        ENOTUNIQ,  EBADFD,    EREMCHG,     ELIBACC, ELIBBAD,     ELIBSCN,     ELIBMAX,
+        ELIBEXEC,  ERESTART,  ESTRPIPE,    EUCLEAN, ENOTNAM,     ENAVAIL,     EISNAM,
+        EREMOTEIO, ENOMEDIUM, EMEDIUMTYPE, ENOKEY,  EKEYEXPIRED, EKEYREVOKED, EKEYREJECTED,
+        ERFKILL,   EHWPOISON};
+    std::set<std::int32_t> seen;
+    for (int host = 1; host <= EHWPOISON; ++host) {
+        SCOPED_TRACE(host);
+        const std::int32_t number = fromHost(host);
+        const bool isHole = host == 41 || host == 58; // Linux leaves these two numbers out
+        if (linuxOnly.contains(host) || isHole) {
+            EXPECT_EQ(number, kEIO);
+        } else {
+            EXPECT_EQ(toHost(number), host);
+            EXPECT_TRUE(seen.insert(number).second) << "two host numbers became " << number;
+        }
+    }
+}
+
+TEST(ErrorNumbers, TheOnesThatDifferAreThoseOfMacOS) {
+    EXPECT_EQ(fromHost(ENOTEMPTY), 66);
+    EXPECT_EQ(fromHost(ENAMETOOLONG), 63);
+    EXPECT_EQ(fromHost(ENODATA), 93);
+    EXPECT_EQ(fromHost(EOPNOTSUPP), 45);
+    EXPECT_EQ(fromHost(ELOOP), 62);
+    EXPECT_EQ(fromHost(ENOSYS), 78);
+    EXPECT_EQ(fromHost(EAGAIN), 35);
+    EXPECT_EQ(fromHost(EDEADLK), 11);
+    EXPECT_EQ(fromHost(EOVERFLOW), 84);
+}
+
+TEST(ErrorNumbers, NumbersOfNobodyHaveOneAnswer) {
+    for (const int number : {-1, -5, 134, 4096, 1 << 30}) {
+        EXPECT_EQ(fromHost(number), kEIO);
+        EXPECT_EQ(toHost(number), EIO);
+    }
+    // 107 is an error of Linux, but above the border it is not.
+    EXPECT_EQ(errorText(kFirstUnusedNumber), "Unknown error 107");
+    EXPECT_EQ(errorText(-1), "Unknown error -1");
+    EXPECT_EQ(errorText(0), hostText(0));
+}
+#endif
+
+} // namespace
+} // namespace tavelin
