@@ -1,0 +1,149 @@
+// The contents of files: always the unnamed data stream.
+#include "NTFSBridge/volume.hpp"
+
+using namespace ntb;
+
+namespace {
+
+// What the library can count: its offsets are signed.
+constexpr uint64_t largest_offset = INT64_MAX;
+
+constexpr auto data_and_change_time = static_cast<ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
+
+struct open_file {
+    inode_guard inode;
+    attribute_guard data; // after the inode, to be closed before it
+
+    [[nodiscard]] int32_t open(const ntb_vol* vol, uint64_t ino) noexcept {
+        if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
+            return error;
+        }
+        if (is_directory(inode.get())) {
+            return EISDIR;
+        }
+        errno = 0;
+        data = open_unnamed_data(inode.get());
+        return data ? 0 : err_or(EIO);
+    }
+
+    uint64_t size() const noexcept { return static_cast<uint64_t>(data->data_size); }
+
+    // Closes both. A failing close is reported unless there already was an error.
+    [[nodiscard]] int32_t close(int32_t error) noexcept {
+        data.reset();
+        return first_error(error, inode.close());
+    }
+};
+
+} // namespace
+
+int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint64_t length,
+                 uint64_t* done) {
+    *done = 0;
+    open_file file;
+    if (const int32_t error = file.open(vol, ino); error != 0) {
+        return error;
+    }
+    if (offset >= file.size()) {
+        return 0;
+    }
+    length = std::min(length, file.size() - offset);
+    auto* const to = static_cast<uint8_t*>(buffer);
+    while (*done < length) {
+        errno = 0;
+        const s64 count = ntfs_attr_pread(file.data.get(), static_cast<s64>(offset + *done),
+                                          static_cast<s64>(length - *done), to + *done);
+        if (count < 0) {
+            return err_or(EIO);
+        }
+        if (count == 0) {
+            break;
+        }
+        *done += static_cast<uint64_t>(count);
+    }
+    return 0;
+}
+
+int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
+                  uint64_t* done) {
+    *done = 0;
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    open_file file;
+    if (const int32_t error = file.open(vol, ino); error != 0) {
+        return error;
+    }
+    if (length == 0) {
+        return file.close(0);
+    }
+    if (offset > largest_offset || length > largest_offset - offset) {
+        return EFBIG;
+    }
+    const auto* const from = static_cast<const uint8_t*>(buffer);
+    int32_t error = 0;
+    while (error == 0 && *done < length) {
+        errno = 0;
+        const s64 count = ntfs_attr_pwrite(file.data.get(), static_cast<s64>(offset + *done),
+                                           static_cast<s64>(length - *done), from + *done);
+        if (count < 1) {
+            error = err_or(EIO);
+        } else {
+            *done += static_cast<uint64_t>(count);
+        }
+    }
+    if (error != 0 && *done == 0) {
+        return file.close(error);
+    }
+    if (file.data->data_flags != 0) {
+        errno = 0;
+        if (ntfs_attr_pclose(file.data.get()) != 0) {
+            error = first_error(error, err_or(EIO));
+        }
+    }
+    file.data.reset();
+    ntfs_inode_update_times(file.inode.get(), data_and_change_time);
+    return file.close(error);
+}
+
+int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    open_file file;
+    if (const int32_t error = file.open(vol, ino); error != 0) {
+        return error;
+    }
+    if (size == file.size()) {
+        return file.close(0);
+    }
+    if (size > largest_offset) {
+        return EFBIG;
+    }
+    errno = 0;
+    if (ntfs_attr_truncate(file.data.get(), static_cast<s64>(size)) != 0) {
+        return file.close(err_or(EIO));
+    }
+    file.data.reset();
+    ntfs_inode_update_times(file.inode.get(), data_and_change_time);
+    return file.close(0);
+}
+
+int32_t ntb_flush(ntb_vol* vol, uint64_t ino) {
+    if (is_read_only(vol)) {
+        return 0;
+    }
+    open_file file;
+    if (const int32_t error = file.open(vol, ino); error != 0) {
+        return error;
+    }
+    file.data.reset();
+    errno = 0;
+    if (ntfs_inode_sync(file.inode.get()) != 0) {
+        return file.close(err_or(EIO));
+    }
+    if (const int32_t error = file.close(0); error != 0) {
+        return error;
+    }
+    return sync_device(vol);
+}

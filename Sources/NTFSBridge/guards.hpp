@@ -1,0 +1,86 @@
+// Owners of what libntfs-3g hands out. Each closes or frees by leaving scope, dropping the result:
+// paths that must report a failing close call close() first.
+#pragma once
+
+#include "NTFSBridge/errors.hpp"
+#include "NTFSBridge/library.hpp"
+
+namespace ntb {
+
+struct c_free {
+    void operator()(void* memory) const noexcept { std::free(memory); }
+};
+
+// Text and buffers that the library, or the bridge for its caller, allocated with malloc.
+using c_string = std::unique_ptr<char, c_free>;
+using c_bytes = std::unique_ptr<uint8_t, c_free>;
+
+// An open inode. One record must never be open twice at a time: the two would overwrite each
+// other's changes.
+class inode_guard {
+  public:
+    inode_guard() noexcept = default;
+    explicit inode_guard(ntfs_inode* inode) noexcept : inode_(inode) {}
+    inode_guard(inode_guard&& other) noexcept : inode_(other.release()) {}
+    inode_guard& operator=(inode_guard&& other) noexcept {
+        if (this != &other) {
+            (void)close();
+            inode_ = other.release();
+        }
+        return *this;
+    }
+    ~inode_guard() { (void)close(); }
+
+    // errno, or ENOENT where the library set none.
+    [[nodiscard]] int32_t open(ntfs_volume* volume, uint64_t ino) noexcept;
+
+    // Writes the record if it changed and closes; errno or EIO. The inode is gone in any case.
+    int32_t close() noexcept;
+
+    // As close(), for an inode whose directory is open too: its index entries are updated through
+    // that opening instead of a second one.
+    int32_t close_in(ntfs_inode* directory) noexcept;
+
+    ntfs_inode* get() const noexcept { return inode_; }
+    ntfs_inode* operator->() const noexcept { return inode_; }
+    explicit operator bool() const noexcept { return inode_ != nullptr; }
+    ntfs_inode* release() noexcept { return std::exchange(inode_, nullptr); }
+
+  private:
+    ntfs_inode* inode_ = nullptr;
+};
+
+struct attribute_close {
+    void operator()(ntfs_attr* attribute) const noexcept { ntfs_attr_close(attribute); }
+};
+
+// An open attribute; declared after the inode it belongs to, so that it closes first.
+using attribute_guard = std::unique_ptr<ntfs_attr, attribute_close>;
+
+struct search_release {
+    void operator()(ntfs_attr_search_ctx* search) const noexcept {
+        ntfs_attr_put_search_ctx(search);
+    }
+};
+
+using search_guard = std::unique_ptr<ntfs_attr_search_ctx, search_release>;
+
+inline bool is_directory(const ntfs_inode* inode) noexcept {
+    return (inode->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0;
+}
+
+inline bool is_reparse_point(const ntfs_inode* inode) noexcept {
+    return (inode->flags & FILE_ATTR_REPARSE_POINT) != 0;
+}
+
+inline void set_flag(ntfs_inode* inode, FILE_ATTR_FLAGS flag, bool on) noexcept {
+    const auto flags = on ? inode->flags | flag : inode->flags & ~flag;
+    inode->flags = static_cast<FILE_ATTR_FLAGS>(flags);
+}
+
+// The unnamed data stream, null with errno when there is none or it cannot be opened.
+inline attribute_guard open_unnamed_data(ntfs_inode* inode) noexcept {
+    return attribute_guard(ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0));
+}
+
+} // namespace ntb

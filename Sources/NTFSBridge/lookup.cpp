@@ -1,0 +1,79 @@
+// Finding names and listing directories.
+#include "NTFSBridge/names.hpp"
+#include "NTFSBridge/volume.hpp"
+
+using namespace ntb;
+
+namespace {
+
+struct listing {
+    ntb_dir_callback callback;
+    void* context;
+    bool stopped;
+};
+
+constexpr int go_on = 0;
+constexpr int stop = -1;
+
+uint32_t type_of_entry(unsigned entry_type) noexcept {
+    switch (entry_type) {
+    case NTFS_DT_DIR:
+        return NTB_TYPE_DIRECTORY;
+    case NTFS_DT_LNK:
+    case NTFS_DT_REPARSE:
+        return NTB_TYPE_SYMLINK;
+    default:
+        return NTB_TYPE_FILE;
+    }
+}
+
+int filler(void* state, const ntfschar* name, const int name_length, const int name_type,
+           const s64 /*position*/, const MFT_REF reference, const unsigned entry_type) noexcept {
+    auto& list = *static_cast<listing*>(state);
+    if (list.stopped) {
+        return stop;
+    }
+    const uint64_t ino = MREF(reference);
+    char text[name_buffer_size];
+    if (name_type == FILE_NAME_DOS || ino < first_user_ino || !to_utf8(name, name_length, text) ||
+        std::strcmp(text, ".") == 0 || std::strcmp(text, "..") == 0) {
+        return go_on;
+    }
+    if (list.callback(list.context, text, ino, type_of_entry(entry_type)) != 0) {
+        list.stopped = true;
+        return stop;
+    }
+    return go_on;
+}
+
+} // namespace
+
+int32_t ntb_lookup(ntb_vol* vol, uint64_t directory, const char* name, uint64_t* ino) {
+    inode_guard inode;
+    if (const int32_t error = open_directory(vol, directory, inode); error != 0) {
+        return error;
+    }
+    uint64_t found = 0;
+    if (const int32_t error = lookup_in(inode.get(), name, found); error != 0) {
+        return error;
+    }
+    if (found < first_user_ino && found != NTB_ROOT_INO) {
+        return ENOENT;
+    }
+    *ino = found;
+    return 0;
+}
+
+int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback, void* context) {
+    inode_guard inode;
+    if (const int32_t error = open_directory(vol, directory, inode); error != 0) {
+        return error;
+    }
+    listing list = {.callback = callback, .context = context, .stopped = false};
+    s64 position = 0;
+    errno = 0;
+    if (ntfs_readdir(inode.get(), &position, &list, filler) != 0 && !list.stopped) {
+        return err_or(EIO);
+    }
+    return 0;
+}

@@ -1,0 +1,49 @@
+// Changing an inode's times and its hidden flag.
+#include "NTFSBridge/times.hpp"
+#include "NTFSBridge/volume.hpp"
+
+using namespace ntb;
+
+namespace {
+
+int32_t open_for_change(const ntb_vol* vol, uint64_t ino, inode_guard& inode) noexcept {
+    return is_read_only(vol) ? EROFS : inode.open(vol->volume, ino);
+}
+
+// Has the record written and the copies of its times and flags in the directories' indexes too.
+int32_t close_changed(inode_guard& inode) noexcept {
+    ntfs_inode_mark_dirty(inode.get());
+    NInoFileNameSetDirty(inode.get());
+    return inode.close();
+}
+
+} // namespace
+
+int32_t ntb_set_times(ntb_vol* vol, uint64_t ino, const ntb_time* access, const ntb_time* modify,
+                      const ntb_time* change, const ntb_time* birth) {
+    inode_guard inode;
+    if (const int32_t error = open_for_change(vol, ino, inode); error != 0) {
+        return error;
+    }
+    const std::pair<const ntb_time*, ntfs_time*> times[] = {
+        {access, &inode->last_access_time},
+        {modify, &inode->last_data_change_time},
+        {change, &inode->last_mft_change_time},
+        {birth, &inode->creation_time},
+    };
+    for (const auto& [given, stored] : times) {
+        if (given != nullptr) {
+            *stored = to_ntfs_time(*given);
+        }
+    }
+    return close_changed(inode);
+}
+
+int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden) {
+    inode_guard inode;
+    if (const int32_t error = open_for_change(vol, ino, inode); error != 0) {
+        return error;
+    }
+    set_flag(inode.get(), FILE_ATTR_HIDDEN, hidden != 0);
+    return close_changed(inode);
+}

@@ -1,0 +1,171 @@
+// Creating and removing files, directories and symbolic links.
+#include "NTFSBridge/namespace.hpp"
+
+#include "NTFSBridge/links.hpp"
+#include "NTFSBridge/names.hpp"
+
+namespace ntb {
+namespace {
+
+// What ntb_create and ntb_symlink need of the place where a new name goes.
+struct new_entry {
+    inode_guard directory;
+    utf16_text name;
+
+    // The name is checked by the caller; here: ENOENT, ENOTDIR, EEXIST or the library's errno.
+    [[nodiscard]] int32_t open_directory_at(const ntb_vol* vol, uint64_t parent) noexcept {
+        return open_directory(vol, parent, directory);
+    }
+
+    [[nodiscard]] int32_t check_absent() const noexcept {
+        uint64_t present = 0;
+        const int32_t error = lookup_in(directory.get(), name, present);
+        if (error == 0) {
+            return EEXIST;
+        }
+        return error == ENOENT ? 0 : error;
+    }
+
+    // Closes the new inode and its directory, in this order: the inode's index entry is updated
+    // through the open directory.
+    [[nodiscard]] int32_t finish(inode_guard created, uint64_t* ino) noexcept {
+        const uint64_t number = created->mft_no;
+        const int32_t error = created.close_in(directory.get());
+        const int32_t result = first_error(error, directory.close());
+        if (result == 0) {
+            *ino = number;
+        }
+        return result;
+    }
+};
+
+int32_t check_new_name(const ntb_vol* vol, const char* name, utf16_text& out) noexcept {
+    if (const int32_t error = check_windows_name(vol, name); error != 0) {
+        return error;
+    }
+    return is_read_only(vol) ? EROFS : uname_of(name, out);
+}
+
+} // namespace
+
+int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_empty) noexcept {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    utf16_text text;
+    if (const int32_t error = uname_of(name, text); error != 0) {
+        return error;
+    }
+    inode_guard directory;
+    if (const int32_t error = open_directory(vol, parent, directory); error != 0) {
+        return error;
+    }
+    uint64_t ino = 0;
+    if (const int32_t error = lookup_in(directory.get(), text, ino); error != 0) {
+        return error;
+    }
+    if (parent == extend_ino || ino < first_user_ino) {
+        return EPERM;
+    }
+    if (ino == directory->mft_no) {
+        return EIO; // only a damaged volume has a directory that contains itself
+    }
+    inode_guard child;
+    if (const int32_t error = child.open(vol->volume, ino); error != 0) {
+        return error;
+    }
+    errno = 0;
+    if (check_empty && is_directory(child.get()) && ntfs_check_empty_dir(child.get()) != 0) {
+        return err_or(ENOTEMPTY);
+    }
+    errno = 0;
+    const bool deleted = ntfs_delete(vol->volume, nullptr, child.release(), directory.release(),
+                                     text.units(), text.name_length()) == 0;
+    return deleted ? 0 : err_or(EIO);
+}
+
+int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* name) noexcept {
+    utf16_text text;
+    if (const int32_t error = uname_of(name, text); error != 0) {
+        return error;
+    }
+    inode_guard inode;
+    if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
+        return error;
+    }
+    if (ino == directory) {
+        return EINVAL;
+    }
+    inode_guard parent;
+    if (const int32_t error = parent.open(vol->volume, directory); error != 0) {
+        return error;
+    }
+    int32_t error = 0;
+    errno = 0;
+    if (ntfs_link(inode.get(), parent.get(), text.units(), text.name_length()) != 0) {
+        error = err_or(EIO);
+    } else {
+        ntfs_inode_update_times(inode.get(), NTFS_UPDATE_CTIME);
+    }
+    // The directory first: closing the inode opens the directories of its names.
+    error = first_error(error, parent.close());
+    return first_error(error, inode.close());
+}
+
+} // namespace ntb
+
+using namespace ntb;
+
+int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino) {
+    new_entry entry;
+    if (const int32_t error = check_new_name(vol, name, entry.name); error != 0) {
+        return error;
+    }
+    if (const int32_t error = entry.open_directory_at(vol, parent); error != 0) {
+        return error;
+    }
+    if (parent == extend_ino) {
+        return EPERM;
+    }
+    if (const int32_t error = entry.check_absent(); error != 0) {
+        return error;
+    }
+    const mode_t mode = kind == NTB_TYPE_DIRECTORY ? S_IFDIR : S_IFREG;
+    errno = 0;
+    inode_guard created(
+        ntfs_create(entry.directory.get(), 0, entry.name.units(), entry.name.name_length(), mode));
+    return created ? entry.finish(std::move(created), ino) : err_or(EIO);
+}
+
+int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
+                    uint64_t* ino) {
+    new_entry entry;
+    if (const int32_t error = check_new_name(vol, name, entry.name); error != 0) {
+        return error;
+    }
+    utf16_text target_text;
+    if (const int32_t error = target_text.assign(target); error != 0) {
+        return error;
+    }
+    if (target_text.length() == 0) {
+        return EINVAL;
+    }
+    if (target_text.length() > longest_interix_target) {
+        return ENAMETOOLONG; // it could be written, but nobody would take it for a link again
+    }
+    if (const int32_t error = entry.open_directory_at(vol, parent); error != 0) {
+        return error;
+    }
+    if (const int32_t error = entry.check_absent(); error != 0) {
+        return error;
+    }
+    errno = 0;
+    inode_guard created(ntfs_create_symlink(entry.directory.get(), 0, entry.name.units(),
+                                            entry.name.name_length(), target_text.units(),
+                                            target_text.length()));
+    return created ? entry.finish(std::move(created), ino) : err_or(EIO);
+}
+
+int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name) {
+    return unlink_impl(vol, parent, name, true);
+}

@@ -1,0 +1,138 @@
+// Renaming, made of adding a name and removing a name, so that the inode is never without one.
+#include "NTFSBridge/names.hpp"
+#include "NTFSBridge/namespace.hpp"
+
+using namespace ntb;
+
+namespace {
+
+constexpr int deepest_directory = 4096; // steps of a walk upwards, in case the volume has a loop
+
+struct entry_name {
+    uint64_t directory;
+    const char* name;
+};
+
+// Whether inode is start or one of the directories above it.
+bool is_descendant(const ntb_vol* vol, uint64_t start, uint64_t inode) noexcept {
+    uint64_t current = start;
+    for (int step = 0; step < deepest_directory && current != NTB_ROOT_INO; ++step) {
+        if (current == inode) {
+            return true;
+        }
+        inode_guard directory;
+        if (directory.open(vol->volume, current) != 0) {
+            return false;
+        }
+        const inode_guard parent(ntfs_dir_parent_inode(directory.get()));
+        const uint64_t above = parent ? parent->mft_no : NTB_ROOT_INO;
+        if (above == current) {
+            return false;
+        }
+        current = above;
+    }
+    return current == inode;
+}
+
+int32_t check_name(const char* name) noexcept {
+    utf16_text text;
+    return uname_of(name, text);
+}
+
+// The new name leads to the source already. A third name keeps the inode alive while it has
+// neither the old nor the new one.
+int32_t rename_in_place(ntb_vol* vol, uint64_t ino, const entry_name& from,
+                        const entry_name& to) noexcept {
+    char temporary[sizeof ".ntb-rename-18446744073709551615"];
+    (void)std::snprintf(temporary, sizeof temporary, ".ntb-rename-%llu",
+                        static_cast<unsigned long long>(ino));
+    if (const int32_t error = link_name(vol, ino, from.directory, temporary); error != 0) {
+        return error;
+    }
+    int32_t error = unlink_impl(vol, from.directory, from.name, false);
+    if (error == 0) {
+        error = link_name(vol, ino, to.directory, to.name);
+        if (error != 0) {
+            // The first failure is the one to report.
+            (void)link_name(vol, ino, from.directory, from.name);
+        }
+    }
+    // Kept out of the result: the inode has its name, and a stray second one does no harm.
+    (void)unlink_impl(vol, from.directory, temporary, false);
+    return error;
+}
+
+int32_t make_room(ntb_vol* vol, const ntb_attr& source, uint64_t target,
+                  const entry_name& to) noexcept {
+    ntb_attr attributes = {};
+    if (const int32_t error = ntb_getattr(vol, target, &attributes); error != 0) {
+        return error;
+    }
+    const bool source_is_directory = source.type == NTB_TYPE_DIRECTORY;
+    const bool target_is_directory = attributes.type == NTB_TYPE_DIRECTORY;
+    if (source_is_directory != target_is_directory) {
+        return source_is_directory ? ENOTDIR : EISDIR;
+    }
+    return ntb_unlink(vol, to.directory, to.name);
+}
+
+int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
+                  const entry_name& to) noexcept {
+    if (const int32_t error = link_name(vol, ino, to.directory, to.name); error != 0) {
+        return error;
+    }
+    const int32_t error = unlink_impl(vol, from.directory, from.name, false);
+    if (error != 0) {
+        // Best effort: the file has both names if this fails too.
+        (void)unlink_impl(vol, to.directory, to.name, false);
+    }
+    return error;
+}
+
+} // namespace
+
+int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
+                   const char* new_name) {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    if (name == nullptr || new_name == nullptr) {
+        return EINVAL;
+    }
+    if (parent == new_parent && std::strcmp(name, new_name) == 0) {
+        return 0;
+    }
+    int32_t error = check_windows_name(vol, new_name);
+    error = first_error(error, check_name(name));
+    error = first_error(error, check_name(new_name));
+    if (error != 0) {
+        return error;
+    }
+    uint64_t source = 0;
+    if (error = ntb_lookup(vol, parent, name, &source); error != 0) {
+        return error;
+    }
+    if (source < first_user_ino) {
+        return EPERM;
+    }
+    ntb_attr attributes = {};
+    if (error = ntb_getattr(vol, source, &attributes); error != 0) {
+        return error;
+    }
+    if (attributes.type == NTB_TYPE_DIRECTORY && is_descendant(vol, new_parent, source)) {
+        return EINVAL;
+    }
+    const entry_name from = {.directory = parent, .name = name};
+    const entry_name to = {.directory = new_parent, .name = new_name};
+    uint64_t target = 0;
+    error = ntb_lookup(vol, new_parent, new_name, &target);
+    if (error == 0) {
+        if (target == source) {
+            return rename_in_place(vol, source, from, to);
+        }
+        error = make_room(vol, attributes, target, to);
+    } else if (error == ENOENT) {
+        error = 0;
+    }
+    return first_error(error, error == 0 ? move_name(vol, source, from, to) : 0);
+}

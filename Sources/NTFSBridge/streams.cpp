@@ -1,0 +1,196 @@
+// Named data streams, which the host sees as extended attributes.
+#include "NTFSBridge/links.hpp"
+#include "NTFSBridge/names.hpp"
+
+using namespace ntb;
+
+namespace {
+
+struct named_inode {
+    utf16_text name;
+    inode_guard inode;
+
+    [[nodiscard]] int32_t open(const ntb_vol* vol, uint64_t ino, const char* stream) noexcept {
+        if (const int32_t error = stream_name_of(stream, name); error != 0) {
+            return error;
+        }
+        return inode.open(vol->volume, ino);
+    }
+
+    // Opens the stream. Without one of that name: 0 and an empty guard.
+    [[nodiscard]] int32_t open_stream(attribute_guard& stream) const noexcept {
+        errno = 0;
+        stream.reset(
+            ntfs_attr_open(inode.get(), AT_DATA, name.units(), static_cast<u32>(name.length())));
+        return stream || errno == ENOENT ? 0 : err_or(EIO);
+    }
+};
+
+// Continuations of a stream whose extents fill several records carry its name as well.
+bool starts_a_named_stream(const ATTR_RECORD* attribute) noexcept {
+    return attribute->name_length != 0 &&
+           (attribute->non_resident == 0 || attribute->lowest_vcn == 0);
+}
+
+int32_t read_whole(ntfs_attr* stream, uint8_t* to, uint64_t size) noexcept {
+    for (uint64_t done = 0; done < size;) {
+        errno = 0;
+        const s64 count = ntfs_attr_pread(stream, static_cast<s64>(done),
+                                          static_cast<s64>(size - done), to + done);
+        if (count < 1) {
+            return err_or(EIO);
+        }
+        done += static_cast<uint64_t>(count);
+    }
+    return 0;
+}
+
+int32_t write_whole(ntfs_attr* stream, const uint8_t* from, uint64_t size) noexcept {
+    for (uint64_t done = 0; done < size;) {
+        errno = 0;
+        const s64 count = ntfs_attr_pwrite(stream, static_cast<s64>(done),
+                                           static_cast<s64>(size - done), from + done);
+        if (count < 1) {
+            return err_or(EIO);
+        }
+        done += static_cast<uint64_t>(count);
+    }
+    errno = 0;
+    return ntfs_attr_pclose(stream) == 0 ? 0 : err_or(EIO);
+}
+
+// Leaves the stream open and empty.
+int32_t make_empty_stream(const named_inode& target, attribute_guard& stream) noexcept {
+    errno = 0;
+    if (stream) {
+        return ntfs_attr_truncate(stream.get(), 0) == 0 ? 0 : err_or(EIO);
+    }
+    if (ntfs_attr_add(target.inode.get(), AT_DATA, target.name.units(), target.name.name_length(),
+                      nullptr, 0) != 0) {
+        return err_or(EIO);
+    }
+    const int32_t error = target.open_stream(stream);
+    return error == 0 && !stream ? EIO : error;
+}
+
+int32_t set_stream(const named_inode& target, const void* value, uint64_t size,
+                   int32_t flags) noexcept {
+    attribute_guard stream;
+    if (const int32_t error = target.open_stream(stream); error != 0) {
+        return error;
+    }
+    if (stream && flags == NTB_XATTR_CREATE) {
+        return EEXIST;
+    }
+    if (!stream && flags == NTB_XATTR_REPLACE) {
+        return no_such_attribute;
+    }
+    if (const int32_t error = make_empty_stream(target, stream); error != 0) {
+        return error;
+    }
+    return write_whole(stream.get(), static_cast<const uint8_t*>(value), size);
+}
+
+} // namespace
+
+int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, void* context) {
+    inode_guard inode;
+    if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
+        return error;
+    }
+    if (is_link(inode.get())) {
+        return 0;
+    }
+    errno = 0;
+    const search_guard search(ntfs_attr_get_search_ctx(inode.get(), nullptr));
+    if (!search) {
+        return err_or(ENOMEM);
+    }
+    errno = 0;
+    while (ntfs_attr_lookup(AT_DATA, nullptr, 0, CASE_SENSITIVE, 0, nullptr, 0, search.get()) ==
+           0) {
+        const ATTR_RECORD* const found = search->attr;
+        const void* const units =
+            reinterpret_cast<const uint8_t*>(found) + le16_to_cpu(found->name_offset);
+        char name[name_buffer_size];
+        if (starts_a_named_stream(found) &&
+            to_utf8(static_cast<const ntfschar*>(units), found->name_length, name) &&
+            callback(context, name) != 0) {
+            return 0;
+        }
+        errno = 0;
+    }
+    return errno == ENOENT ? 0 : err_or(EIO);
+}
+
+int32_t ntb_getxattr(ntb_vol* vol, uint64_t ino, const char* name, void** buffer, uint64_t* size) {
+    *buffer = nullptr;
+    *size = 0;
+    named_inode source;
+    if (const int32_t error = source.open(vol, ino, name); error != 0) {
+        return error;
+    }
+    if (is_link(source.inode.get())) {
+        return no_such_attribute;
+    }
+    attribute_guard stream;
+    if (const int32_t error = source.open_stream(stream); error != 0) {
+        return error;
+    }
+    if (!stream) {
+        return no_such_attribute;
+    }
+    const auto length = static_cast<uint64_t>(stream->data_size);
+    c_bytes value(static_cast<uint8_t*>(std::malloc(std::max<uint64_t>(length, 1))));
+    if (!value) {
+        return ENOMEM;
+    }
+    if (const int32_t error = read_whole(stream.get(), value.get(), length); error != 0) {
+        return error;
+    }
+    *buffer = value.release();
+    *size = length;
+    return 0;
+}
+
+int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* value, uint64_t size,
+                     int32_t flags) {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    named_inode target;
+    if (const int32_t error = target.open(vol, ino, name); error != 0) {
+        return error;
+    }
+    if (is_link(target.inode.get())) {
+        return EPERM;
+    }
+    if (const int32_t error = set_stream(target, value, size, flags); error != 0) {
+        return error;
+    }
+    set_flag(target.inode.get(), FILE_ATTR_ARCHIVE, true);
+    NInoFileNameSetDirty(target.inode.get());
+    ntfs_inode_update_times(target.inode.get(), NTFS_UPDATE_CTIME);
+    return target.inode.close();
+}
+
+int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name) {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    named_inode target;
+    if (const int32_t error = target.open(vol, ino, name); error != 0) {
+        return error;
+    }
+    ntfs_inode* const inode = target.inode.get();
+    const auto length = static_cast<u32>(target.name.length());
+    if (is_link(inode) || !ntfs_attr_exist(inode, AT_DATA, target.name.units(), length)) {
+        return no_such_attribute;
+    }
+    errno = 0;
+    if (ntfs_attr_remove(inode, AT_DATA, target.name.units(), length) != 0) {
+        return err_or(EIO);
+    }
+    ntfs_inode_update_times(inode, NTFS_UPDATE_CTIME);
+    return target.inode.close();
+}

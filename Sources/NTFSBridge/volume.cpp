@@ -1,0 +1,147 @@
+// Recognising, mounting and unmounting a volume, and pushing its changes to the device.
+#include "NTFSBridge/volume.hpp"
+
+#include "NTFSBridge/block_io.hpp"
+#include "NTFSBridge/device_table.hpp"
+
+#include <mutex>
+#include <new>
+
+namespace ntb {
+namespace {
+
+constexpr uint64_t boot_sector_size = 512;
+
+// The volume's mount point: links with an absolute target are resolved against it by the library,
+// which frees neither it nor checks that there is one.
+constexpr const char* no_mount_point = "";
+
+// The boot sector of an NTFS volume has the system name at byte 3, the serial number in little
+// endian at byte 72 and the boot signature at byte 510.
+bool read_boot_sector(const ntb_io& io, uint64_t& serial) noexcept {
+    uint8_t sector[boot_sector_size];
+    if (io.size < sizeof sector || io_read(io, nullptr, sector, 0, sizeof sector) != 0 ||
+        std::memcmp(sector + 3, "NTFS    ", 8) != 0 || sector[510] != 0x55 || sector[511] != 0xAA) {
+        return false;
+    }
+    serial = 0;
+    for (int byte = 7; byte >= 0; --byte) {
+        serial = serial << 8 | sector[72 + byte];
+    }
+    return true;
+}
+
+// The library's messages are never shown: failures are known by their errno. The handler is one
+// per process, so it is set once.
+void silence_library_log() noexcept {
+    static std::once_flag once;
+    std::call_once(once, [] { ntfs_log_set_handler(ntfs_log_handler_null); });
+}
+
+struct device_free {
+    void operator()(ntfs_device* device) const noexcept {
+        if (NDevOpen(device)) {
+            (void)device->d_ops->close(device); // the mount that failed is what gets reported
+        }
+        (void)ntfs_device_free(device);
+    }
+};
+
+int32_t mount(ntb_vol& vol) noexcept {
+    silence_library_log();
+    errno = 0;
+    std::unique_ptr<ntfs_device, device_free> device(
+        ntfs_device_alloc("ntb", 0, &ntb_dev_ops, vol.context.get()));
+    if (!device) {
+        return err_or(ENOMEM);
+    }
+    // RECOVER resets an unclean journal. Without IGNORE_HIBERFILE the library refuses to write to
+    // a volume that Windows has hibernated.
+    errno = 0;
+    vol.volume =
+        ntfs_device_mount(device.get(), vol.read_only != 0 ? NTFS_MNT_RDONLY : NTFS_MNT_RECOVER);
+    if (vol.volume == nullptr) {
+        return err_or(EIO);
+    }
+    (void)device.release(); // freed by ntfs_umount from here on
+    vol.volume->abs_mnt_point = no_mount_point;
+    ntfs_create_lru_caches(vol.volume);
+    ntfs_set_shown_files(vol.volume, FALSE, TRUE, FALSE);
+    errno = 0;
+    if (ntfs_volume_get_free_space(vol.volume) != 0) {
+        const int32_t error = err_or(EIO);
+        (void)ntfs_umount(vol.volume, TRUE);
+        return error;
+    }
+    return 0;
+}
+
+} // namespace
+
+int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept {
+    if (const int32_t error = out.open(vol->volume, ino); error != 0) {
+        return error;
+    }
+    return is_directory(out.get()) ? 0 : ENOTDIR;
+}
+
+int32_t sync_device(const ntb_vol* vol) noexcept {
+    ntfs_device* const device = vol->volume->dev;
+    errno = 0;
+    return device->d_ops->sync(device) == 0 ? 0 : err_or(EIO);
+}
+
+} // namespace ntb
+
+using namespace ntb;
+
+int32_t ntb_probe(const ntb_io* io, uint64_t* serial) {
+    uint64_t found = 0;
+    if (!read_boot_sector(*io, found)) {
+        return EINVAL;
+    }
+    if (serial != nullptr) {
+        *serial = found;
+    }
+    return 0;
+}
+
+ntb_vol* ntb_mount(const ntb_io* io, int32_t read_only, int32_t* error) {
+    *error = 0;
+    std::unique_ptr<ntb_vol> vol(new (std::nothrow) ntb_vol);
+    if (!vol) {
+        *error = ENOMEM;
+        return nullptr;
+    }
+    vol->context.reset(new (std::nothrow) ntb_devctx(*io, read_only != 0, vol->stats));
+    if (!vol->context) {
+        *error = ENOMEM;
+        return nullptr;
+    }
+    vol->io = *io;
+    vol->read_only = read_only != 0 ? 1 : 0;
+    if (!read_boot_sector(*io, vol->serial)) {
+        *error = EINVAL;
+        return nullptr;
+    }
+    (void)vol->context->cache.enable(); // without memory for it the volume works uncached
+    *error = mount(*vol);
+    return *error == 0 ? vol.release() : nullptr;
+}
+
+int32_t ntb_umount(ntb_vol* vol) {
+    if (vol == nullptr) {
+        return 0;
+    }
+    const std::unique_ptr<ntb_vol> owner(vol);
+    errno = 0;
+    return ntfs_umount(vol->volume, FALSE) == 0 ? 0 : err_or(EIO);
+}
+
+int32_t ntb_sync(ntb_vol* vol) {
+    return vol->read_only != 0 ? 0 : sync_device(vol);
+}
+
+int32_t ntb_flush_dirty(ntb_vol* vol) {
+    return vol->context->cache.dirty_count() == 0 ? 0 : sync_device(vol);
+}

@@ -1,0 +1,33 @@
+// The volume handle behind ntb_vol.
+#pragma once
+
+#include "NTFSBridge/devctx.hpp"
+#include "NTFSBridge/guards.hpp"
+#include "NTFSBridge/ntb.h"
+
+struct ntb_vol {
+    ntfs_volume* volume = nullptr;
+    ntb_io io = {};
+    uint32_t read_only = 0;     // as asked at mount; the library's own decision is in volume
+    uint32_t windows_names = 0; // 0 or 1
+    uint64_t serial = 0;
+    ntb_stats stats = {};
+    std::unique_ptr<ntb::ntb_devctx> context; // the library device's private pointer
+};
+
+namespace ntb {
+
+inline constexpr uint64_t first_user_ino = 16; // records below are system files
+inline constexpr uint64_t extend_ino = 11;     // $Extend, the directory of further system files
+
+inline bool is_read_only(const ntb_vol* vol) noexcept {
+    return vol->read_only != 0 || NVolReadOnly(vol->volume);
+}
+
+// Opens a record; errno or ENOENT. ENOTDIR when it is no directory.
+[[nodiscard]] int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept;
+
+// Writes all dirty pages, then syncs the device; errno or EIO.
+[[nodiscard]] int32_t sync_device(const ntb_vol* vol) noexcept;
+
+} // namespace ntb

@@ -1,0 +1,84 @@
+// What is known about a volume as a whole: state, serial, label, space, name rule, counters.
+#include "NTFSBridge/names.hpp"
+#include "NTFSBridge/volume.hpp"
+
+using namespace ntb;
+
+namespace {
+
+constexpr int longest_label = 128; // UTF-16 units, as the volume-name attribute allows
+
+uint64_t at_least_zero(s64 count) noexcept {
+    return count < 0 ? 0 : static_cast<uint64_t>(count);
+}
+
+// How many file records fit into the free clusters.
+uint64_t records_in(const ntfs_volume* volume, uint64_t clusters) noexcept {
+    const int shift = volume->cluster_size_bits - volume->mft_record_size_bits;
+    return shift > 0 ? clusters << shift : clusters >> -shift;
+}
+
+} // namespace
+
+int32_t ntb_is_readonly(ntb_vol* vol) {
+    return is_read_only(vol) ? 1 : 0;
+}
+
+uint64_t ntb_serial(ntb_vol* vol) {
+    return vol->serial;
+}
+
+char* ntb_label(ntb_vol* vol) {
+    const char* const label = vol->volume->vol_name;
+    return copy_for_caller(label != nullptr ? label : "").release();
+}
+
+int32_t ntb_set_label(ntb_vol* vol, const char* label) {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    utf16_text text;
+    if (const int32_t error = text.assign(label); error != 0) {
+        return error;
+    }
+    if (text.length() > longest_label) {
+        return ENAMETOOLONG;
+    }
+    c_string copy = copy_for_caller(label);
+    if (!copy) {
+        return ENOMEM;
+    }
+    errno = 0;
+    if (ntfs_volume_rename(vol->volume, text.units(), text.length()) != 0) {
+        return err_or(EIO);
+    }
+    std::free(vol->volume->vol_name);
+    vol->volume->vol_name = copy.release();
+    return 0;
+}
+
+int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out) {
+    const ntfs_volume* const volume = vol->volume;
+    *out = {};
+    out->clusterSize = volume->cluster_size;
+    out->totalClusters = at_least_zero(volume->nr_clusters);
+    out->freeClusters = at_least_zero(volume->free_clusters);
+    out->freeFiles =
+        records_in(volume, out->freeClusters) + at_least_zero(volume->free_mft_records);
+    const uint64_t bitmap_bytes =
+        volume->mftbmp_na != nullptr ? at_least_zero(volume->mftbmp_na->allocated_size) : 0;
+    out->totalFiles = bitmap_bytes * 8 + out->freeFiles;
+    return 0;
+}
+
+void ntb_set_windows_names(ntb_vol* vol, int32_t on) {
+    vol->windows_names = on != 0 ? 1 : 0;
+}
+
+int32_t ntb_windows_names(ntb_vol* vol) {
+    return static_cast<int32_t>(vol->windows_names);
+}
+
+void ntb_get_stats(ntb_vol* vol, ntb_stats* out) {
+    *out = vol->stats;
+}
