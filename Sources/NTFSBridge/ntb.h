@@ -41,7 +41,8 @@ typedef struct ntb_vol ntb_vol;
  * The road to the block device, copied by value at mount; context must outlive the volume.
  * Callbacks return 0 or a positive errno, transfer the whole length or fail, and are only called
  * from within a bridge call, on its thread. Offsets and lengths are bytes; with a block size of 2
- * or more they are always multiples of it.
+ * or more they are multiples of it, but for a read that ends where a device of no whole number of
+ * blocks ends.
  */
 typedef struct ntb_io {
     void *context;
@@ -153,8 +154,8 @@ typedef struct ntb_attr {
     ntb_time birth_time;
 } ntb_attr;
 
-/* Finds name in a directory, ignoring case as NTFS does. ENOENT (also for system files), ENOTDIR,
- * EINVAL. */
+/* Finds name in a directory. Case matters: names that differ in case only are different names.
+ * ENOENT (also for system files), ENOTDIR, EINVAL. */
 int32_t ntb_lookup(ntb_vol *vol, uint64_t directory, const char *name, uint64_t *ino);
 
 int32_t ntb_getattr(ntb_vol *vol, uint64_t ino, ntb_attr *out);
@@ -193,7 +194,8 @@ int32_t ntb_flush(ntb_vol *vol, uint64_t ino);
 /* kind NTB_TYPE_DIRECTORY makes a directory, any other value a file. EEXIST, ENOTDIR, ENOSPC. */
 int32_t ntb_create(ntb_vol *vol, uint64_t parent, const char *name, uint32_t kind, uint64_t *ino);
 
-/* Makes a link in the Interix form. */
+/* Makes a link in the Interix form. EINVAL for an empty target, ENAMETOOLONG for one over 2043
+ * UTF-16 units; else as ntb_create. */
 int32_t ntb_symlink(ntb_vol *vol, uint64_t parent, const char *name, const char *target,
                     uint64_t *ino);
 
