@@ -15,31 +15,37 @@
 /// Text is UTF-8 and is passed on as it is; length, case and character rules are the bridge's.
 /// Sizes and offsets are bytes.
 ///
-/// Errors are NTFSError with macOS numbers. Every operation on a mounted volume answers kENXIO once
-/// it is unmounted, kEINVAL for text with a NUL in it, kENOENT for an inode or name that does not
-/// exist, and, as everything reaches the medium, kEIO or any other code of the device, kENOMEM, or
-/// what the NTFS library says of a damaged structure. Beyond that:
+/// Errors are NTFSError with macOS numbers. What the table says none of can still be answered by
+/// every operation but those of the first two rows: kENXIO once the volume is unmounted, kENOENT
+/// for an inode or name that does not exist, kEINVAL for text with a NUL in it, and, as all of them
+/// may reach the medium, kEIO, kENOMEM or any other code of the device and the NTFS library.
+/// "Names" stands for kEINVAL (empty, ".", "..", with "/", or refused by the Windows-names switch),
+/// kENAMETOOLONG (over 255 UTF-16 units) and kEILSEQ (not UTF-8).
 ///
-///     open           kEINVAL not NTFS, kEPERM hibernated or fast-started (read-write only),
-///                    kEROFS write-protected, kEIO also for a failure without a reason
-///     unmount        none; never kENXIO
-///     isMounted, windowsNames, serial, readOnly, withDeviceLock, startAutoFlush: never an
-///     NTFSError label, statfs, ioStats, sync, attributes, flush, xattrNames   none setLabel
-///     kEROFS, kEILSEQ not UTF-8, kENAMETOOLONG over 128 UTF-16 units lookup, resolve    kENOTDIR,
-///     kEINVAL empty name, kEILSEQ name not UTF-8 list           kENOTDIR read           kEISDIR,
-///     kEACCES encrypted, kENOTSUP compressed in an unknown way write          kEROFS, kEISDIR,
-///     kENOSPC, kEACCES, kENOTSUP truncate       kEROFS, kEISDIR, kENOSPC, kEACCES, kENOTSUP
-///     create, symlink    kEROFS, kEEXIST, kENOTDIR, kENOSPC, names (below), kEPERM in $Extend
-///     readlink       kEINVAL not a link
-///     remove         kEROFS, kENOTDIR, kENOTEMPTY, kEPERM system file, names
-///     rename         kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEPERM system file,
-///                    kEINVAL into its own subtree, names
-///     setTimes, setHidden    kEROFS
-///     xattr          kENOATTR, kENAMETOOLONG, kEINVAL empty name
-///     setXattr       kEROFS, kEEXIST, kENOATTR, kENOSPC, kEPERM on a link, kENAMETOOLONG, kEINVAL
-///     removeXattr    kEROFS, kENOATTR, kENAMETOOLONG, kEINVAL
-///     names          kEINVAL empty, ".", "..", with "/" or refused by the Windows-names switch;
-///                    kENAMETOOLONG over 255 UTF-16 units; kEILSEQ not UTF-8
+///   isMounted, serial, readOnly,     never an error
+///   windowsNames, withDeviceLock,
+///   startAutoFlush
+///   probe                            never an error: no serial instead
+///   open                             kEINVAL not NTFS, kEPERM hibernated or fast-started (only when
+///                                    asked for read-write), kEROFS write-protected; kEIO also for
+///                                    a failure without a reason
+///   unmount                          those of writing back; never kENXIO
+///   label, statfs, ioStats, sync,    nothing else
+///   attributes, flush, xattrNames
+///   setLabel                         kEROFS, kEILSEQ, kENAMETOOLONG over 128 UTF-16 units, kENOSPC
+///   lookup, resolve                  kENOTDIR, kEINVAL empty name, kEILSEQ
+///   list                             kENOTDIR
+///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression
+///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP
+///   create, symlink                  kEROFS, kEEXIST, kENOTDIR, kENOSPC, kEPERM in $Extend, names
+///   readlink                         kEINVAL not a link
+///   remove                           kEROFS, kENOTDIR, kENOTEMPTY, kEPERM system file, names
+///   rename                           kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEINVAL into
+///                                    its own subtree, kEPERM system file, names
+///   setTimes, setHidden              kEROFS
+///   xattr                            kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ
+///   setXattr                         those of xattr, kEROFS, kEEXIST, kENOSPC, kEPERM on a link
+///   removeXattr                      those of xattr, kEROFS
 #pragma once
 
 #include "NTFSBridge/ntb.h"
@@ -199,16 +205,14 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void removeXattr(std::string_view name, std::uint64_t ino);
 
   private:
-    /// One listing in the making; the bridge's callback is given it as its context.
-    struct ListBox;
-    struct NameBox;
-
+    /// Throws the bridge's result as an NTFSError unless it is 0.
+    static void check(std::int32_t result);
     void flushTick() noexcept;
 
     DeviceBox box_;
     mutable Mutex lock_;
     ntb_vol* vol_ TAVELIN_GUARDED_BY(lock_) = nullptr;
-    std::unique_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
+    std::shared_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
     bool readOnly_ = false;
     std::uint64_t serial_ = 0;
 };

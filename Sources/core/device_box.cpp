@@ -1,0 +1,57 @@
+#include "core/device_box.hpp"
+
+#include "platform/checked.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+namespace {
+
+BlockDevice& deviceOf(void* context) noexcept {
+    if (context == nullptr) {
+        fatal("a device callback was called without its context");
+    }
+    return *static_cast<DeviceBox*>(context)->device;
+}
+
+void requireBuffer(const void* buffer) noexcept {
+    if (buffer == nullptr) {
+        fatal("a device callback was called without a buffer");
+    }
+}
+
+std::int32_t readCallback(void* context, void* buffer, std::uint64_t offset,
+                          std::uint64_t length) noexcept {
+    requireBuffer(buffer);
+    return deviceOf(context).read(static_cast<std::byte*>(buffer), offset, length);
+}
+
+std::int32_t writeCallback(void* context, const void* buffer, std::uint64_t offset,
+                           std::uint64_t length) noexcept {
+    requireBuffer(buffer);
+    return deviceOf(context).write(static_cast<const std::byte*>(buffer), offset, length);
+}
+
+std::int32_t syncCallback(void* context) noexcept {
+    return deviceOf(context).sync();
+}
+
+} // namespace
+
+DeviceBox::DeviceBox(std::shared_ptr<BlockDevice> boxed) : device(std::move(boxed)) {
+    if (device == nullptr) {
+        fatal("a device box was made without a device");
+    }
+}
+
+ntb_io makeIO(DeviceBox& box) noexcept {
+    return {.context = &box,
+            .read = readCallback,
+            .write = writeCallback,
+            .sync = syncCallback,
+            .size = box.device->size(),
+            .block_size = box.device->blockSize()};
+}
+
+} // namespace tavelin

@@ -1,0 +1,149 @@
+// The volume's life and what concerns it as a whole. Its items are in the ntfs_volume_ files.
+#include "core/ntfs_volume.hpp"
+
+#include "core/private/bridge_text.hpp"
+#include "platform/checked.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+namespace {
+
+constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
+
+} // namespace
+
+std::optional<std::uint64_t> NTFSVolume::probe(std::shared_ptr<BlockDevice> device) {
+    DeviceBox box(std::move(device));
+    const ntb_io io = makeIO(box);
+    std::uint64_t serial = 0;
+    if (ntb_probe(&io, &serial) != 0) {
+        return std::nullopt;
+    }
+    return serial;
+}
+
+std::shared_ptr<NTFSVolume> NTFSVolume::open(std::shared_ptr<BlockDevice> device, bool readOnly) {
+    return std::make_shared<NTFSVolume>(OnlyOpenMayConstruct{}, std::move(device), readOnly);
+}
+
+NTFSVolume::NTFSVolume(OnlyOpenMayConstruct, std::shared_ptr<BlockDevice> device, bool readOnly)
+    : box_(std::move(device)) {
+    const ntb_io io = makeIO(box_);
+    std::int32_t error = 0;
+    vol_ = ntb_mount(&io, readOnly ? 1 : 0, &error);
+    if (vol_ == nullptr) {
+        throw NTFSError(error != 0 ? fromHost(error) : kEIO);
+    }
+    readOnly_ = ntb_is_readonly(vol_) != 0;
+    serial_ = ntb_serial(vol_);
+}
+
+NTFSVolume::~NTFSVolume() {
+    try {
+        unmount();
+    } catch (const NTFSError&) {
+        return; // nobody is left to hear it
+    }
+}
+
+void NTFSVolume::check(std::int32_t result) {
+    if (result != 0) {
+        throw NTFSError(fromHost(result));
+    }
+}
+
+void NTFSVolume::unmount() {
+    const auto closeLocked = [this]() -> std::int32_t {
+        const MutexLock held(lock_);
+        // A tick that already waits for the lock finds no volume.
+        flushTimer_.reset();
+        return ntb_umount(std::exchange(vol_, nullptr));
+    };
+    check(closeLocked());
+}
+
+void NTFSVolume::startAutoFlush(double interval) {
+    const std::shared_ptr<RepeatingTimer> timer =
+        makeRepeatingTimer(weak_from_this(), TimerSchedule::every(interval, kFlushLeeway),
+                           [](NTFSVolume& volume) { volume.flushTick(); });
+    {
+        const MutexLock held(lock_);
+        if (flushTimer_ != nullptr) {
+            flushTimer_->cancel();
+        }
+        flushTimer_ = timer;
+    }
+    timer->start();
+}
+
+void NTFSVolume::flushTick() noexcept {
+    const MutexLock held(lock_);
+    if (vol_ != nullptr) {
+        // A failure is left to the next tick; the device has reported it already.
+        static_cast<void>(ntb_flush_dirty(vol_));
+    }
+}
+
+bool NTFSVolume::isMounted() const {
+    const MutexLock held(lock_);
+    return vol_ != nullptr;
+}
+
+// The handle is read without the lock here and in setWindowsNames: it changes only in unmount(),
+// after which neither may be called, and the flag behind it is set before the volume is shared.
+bool NTFSVolume::windowsNames() const TAVELIN_NO_THREAD_SAFETY_ANALYSIS {
+    if (vol_ == nullptr) {
+        fatal("windowsNames was read after unmount");
+    }
+    return ntb_windows_names(vol_) != 0;
+}
+
+void NTFSVolume::setWindowsNames(bool on) TAVELIN_NO_THREAD_SAFETY_ANALYSIS {
+    if (vol_ == nullptr) {
+        fatal("windowsNames was set after unmount");
+    }
+    ntb_set_windows_names(vol_, on ? 1 : 0);
+}
+
+std::string NTFSVolume::label() {
+    return locked([](ntb_vol* vol) -> std::string {
+        const BridgeOwned<char> text(ntb_label(vol));
+        return text != nullptr ? text.get() : "";
+    });
+}
+
+void NTFSVolume::setLabel(std::string_view label) {
+    const BridgeText text(label);
+    check(locked([&](ntb_vol* vol) { return ntb_set_label(vol, text.cString()); }));
+}
+
+NTFSStatFS NTFSVolume::statfs() {
+    ntb_statfs record{};
+    check(locked([&](ntb_vol* vol) { return ntb_statfs_get(vol, &record); }));
+    return {.clusterSize = record.clusterSize,
+            .totalClusters = record.totalClusters,
+            .freeClusters = record.freeClusters,
+            .totalFiles = record.totalFiles,
+            .freeFiles = record.freeFiles};
+}
+
+NTFSIOStats NTFSVolume::ioStats() {
+    ntb_stats record{};
+    locked([&](ntb_vol* vol) { ntb_get_stats(vol, &record); });
+    return {.deviceReads = record.deviceReads,
+            .deviceWrites = record.deviceWrites,
+            .readBytes = record.readBytes,
+            .writeBytes = record.writeBytes,
+            .unalignedOps = record.unalignedOps,
+            .cacheHits = record.cacheHits,
+            .cacheMisses = record.cacheMisses,
+            .dirtyPages = record.dirtyPages};
+}
+
+void NTFSVolume::sync() {
+    check(locked([](ntb_vol* vol) { return ntb_sync(vol); }));
+}
+
+} // namespace tavelin

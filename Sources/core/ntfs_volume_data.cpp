@@ -1,0 +1,90 @@
+// File data and extended attributes.
+#include "core/ntfs_volume.hpp"
+#include "core/private/bridge_text.hpp"
+#include "core/private/listing_box.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+namespace {
+
+using NameBox = ListingBox<std::string>;
+
+std::int32_t appendName(void* context, const char* name) noexcept {
+    return NameBox::of(context, name).append([&] { return std::string(name); });
+}
+
+} // namespace
+
+std::size_t NTFSVolume::read(std::uint64_t ino, std::uint64_t offset, std::byte* destination,
+                             std::size_t length) {
+    std::uint64_t done = 0;
+    check(locked(
+        [&](ntb_vol* vol) { return ntb_read(vol, ino, offset, destination, length, &done); }));
+    return static_cast<std::size_t>(done);
+}
+
+std::vector<std::byte> NTFSVolume::read(std::uint64_t ino, std::uint64_t offset,
+                                        std::size_t length) {
+    std::vector<std::byte> data(length);
+    data.resize(read(ino, offset, data.data(), data.size()));
+    return data;
+}
+
+std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset, const std::byte* source,
+                              std::size_t length) {
+    std::uint64_t done = 0;
+    check(locked([&](ntb_vol* vol) { return ntb_write(vol, ino, offset, source, length, &done); }));
+    return static_cast<std::size_t>(done);
+}
+
+std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
+                              std::span<const std::byte> data) {
+    return data.empty() ? 0 : write(ino, offset, data.data(), data.size());
+}
+
+void NTFSVolume::truncate(std::uint64_t ino, std::uint64_t size) {
+    check(locked([&](ntb_vol* vol) { return ntb_truncate(vol, ino, size); }));
+}
+
+void NTFSVolume::flush(std::uint64_t ino) {
+    check(locked([&](ntb_vol* vol) { return ntb_flush(vol, ino); }));
+}
+
+std::vector<std::string> NTFSVolume::xattrNames(std::uint64_t ino) {
+    NameBox box;
+    const std::int32_t result =
+        locked([&](ntb_vol* vol) { return ntb_listxattr(vol, ino, appendName, &box); });
+    box.rethrowFailure();
+    check(result);
+    return std::move(box.items);
+}
+
+std::vector<std::byte> NTFSVolume::xattr(std::string_view name, std::uint64_t ino) {
+    const BridgeText text(name);
+    return locked([&](ntb_vol* vol) -> std::vector<std::byte> {
+        void* buffer = nullptr;
+        std::uint64_t size = 0;
+        check(ntb_getxattr(vol, ino, text.cString(), &buffer, &size));
+        const BridgeOwned<void> owned(buffer);
+        const auto* bytes = static_cast<const std::byte*>(buffer);
+        return {bytes, bytes + size};
+    });
+}
+
+void NTFSVolume::setXattr(std::string_view name, std::uint64_t ino,
+                          std::span<const std::byte> value, XattrPolicy policy) {
+    const BridgeText text(name);
+    check(locked([&](ntb_vol* vol) {
+        return ntb_setxattr(vol, ino, text.cString(), value.data(), value.size(),
+                            static_cast<std::int32_t>(policy));
+    }));
+}
+
+void NTFSVolume::removeXattr(std::string_view name, std::uint64_t ino) {
+    const BridgeText text(name);
+    check(locked([&](ntb_vol* vol) { return ntb_removexattr(vol, ino, text.cString()); }));
+}
+
+} // namespace tavelin

@@ -1,0 +1,107 @@
+// Looking items up, describing and listing them.
+#include "core/ntfs_volume.hpp"
+#include "core/private/bridge_text.hpp"
+#include "core/private/listing_box.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+namespace {
+
+std::timespec timespecOf(const ntb_time& time) noexcept {
+    return {.tv_sec = static_cast<std::time_t>(time.seconds),
+            .tv_nsec = static_cast<long>(time.nanoseconds)};
+}
+
+std::optional<ntb_time> bridgeTime(const std::optional<std::timespec>& time) noexcept {
+    if (!time) {
+        return std::nullopt;
+    }
+    return ntb_time{.seconds = time->tv_sec, .nanoseconds = time->tv_nsec};
+}
+
+const ntb_time* addressOf(const std::optional<ntb_time>& time) noexcept {
+    return time ? &*time : nullptr;
+}
+
+NTFSAttributes attributesOf(const ntb_attr& record) noexcept {
+    return {.ino = record.ino,
+            .type = itemTypeFromBridge(record.type),
+            .linkCount = record.link_count,
+            .size = record.size,
+            .allocSize = record.alloc_size,
+            .hidden = (record.flags & NTB_FLAG_HIDDEN) != 0,
+            .readOnly = (record.flags & NTB_FLAG_READ_ONLY) != 0,
+            .system = (record.flags & NTB_FLAG_SYSTEM) != 0,
+            .compressed = (record.flags & NTB_FLAG_COMPRESSED) != 0,
+            .accessTime = timespecOf(record.access_time),
+            .modifyTime = timespecOf(record.modify_time),
+            .changeTime = timespecOf(record.change_time),
+            .birthTime = timespecOf(record.birth_time)};
+}
+
+using ListBox = ListingBox<NTFSDirEntry>;
+
+std::int32_t appendEntry(void* context, const char* name, std::uint64_t ino,
+                         std::uint32_t type) noexcept {
+    return ListBox::of(context, name).append([&] {
+        return NTFSDirEntry{name, ino, itemTypeFromBridge(type)};
+    });
+}
+
+} // namespace
+
+std::uint64_t NTFSVolume::lookup(std::string_view name, std::uint64_t parent) {
+    const BridgeText text(name);
+    std::uint64_t ino = 0;
+    check(locked([&](ntb_vol* vol) { return ntb_lookup(vol, parent, text.cString(), &ino); }));
+    return ino;
+}
+
+std::uint64_t NTFSVolume::resolve(std::string_view path) {
+    std::uint64_t current = kRootIno;
+    while (!path.empty()) {
+        const std::size_t slash = path.find('/');
+        const std::string_view component = path.substr(0, slash);
+        path = slash == std::string_view::npos ? std::string_view{} : path.substr(slash + 1);
+        if (!component.empty()) {
+            current = lookup(component, current);
+        }
+    }
+    return current;
+}
+
+NTFSAttributes NTFSVolume::attributes(std::uint64_t ino) {
+    ntb_attr record{};
+    check(locked([&](ntb_vol* vol) { return ntb_getattr(vol, ino, &record); }));
+    return attributesOf(record);
+}
+
+std::vector<NTFSDirEntry> NTFSVolume::list(std::uint64_t directory) {
+    ListBox box;
+    const std::int32_t result =
+        locked([&](ntb_vol* vol) { return ntb_readdir(vol, directory, appendEntry, &box); });
+    box.rethrowFailure();
+    check(result);
+    return std::move(box.items);
+}
+
+void NTFSVolume::setTimes(std::uint64_t ino, const std::optional<std::timespec>& access,
+                          const std::optional<std::timespec>& modify,
+                          const std::optional<std::timespec>& change,
+                          const std::optional<std::timespec>& birth) {
+    const auto a = bridgeTime(access);
+    const auto m = bridgeTime(modify);
+    const auto c = bridgeTime(change);
+    const auto b = bridgeTime(birth);
+    check(locked([&](ntb_vol* vol) {
+        return ntb_set_times(vol, ino, addressOf(a), addressOf(m), addressOf(c), addressOf(b));
+    }));
+}
+
+void NTFSVolume::setHidden(std::uint64_t ino, bool hidden) {
+    check(locked([&](ntb_vol* vol) { return ntb_set_hidden(vol, ino, hidden ? 1 : 0); }));
+}
+
+} // namespace tavelin

@@ -1,0 +1,49 @@
+// Making, linking, removing and renaming items.
+#include "core/ntfs_volume.hpp"
+#include "core/private/bridge_text.hpp"
+
+namespace tavelin {
+
+std::uint64_t NTFSVolume::create(std::string_view name, std::uint64_t parent, NTFSItemType type) {
+    const BridgeText text(name);
+    std::uint64_t ino = 0;
+    check(locked([&](ntb_vol* vol) {
+        return ntb_create(vol, parent, text.cString(), static_cast<std::uint32_t>(type), &ino);
+    }));
+    return ino;
+}
+
+std::uint64_t NTFSVolume::symlink(std::string_view name, std::uint64_t parent,
+                                  std::string_view target) {
+    const BridgeText nameText(name);
+    const BridgeText targetText(target);
+    std::uint64_t ino = 0;
+    check(locked([&](ntb_vol* vol) {
+        return ntb_symlink(vol, parent, nameText.cString(), targetText.cString(), &ino);
+    }));
+    return ino;
+}
+
+std::string NTFSVolume::readlink(std::uint64_t ino) {
+    return locked([&](ntb_vol* vol) -> std::string {
+        char* target = nullptr;
+        check(ntb_readlink(vol, ino, &target));
+        return BridgeOwned<char>(target).get();
+    });
+}
+
+void NTFSVolume::remove(std::string_view name, std::uint64_t parent) {
+    const BridgeText text(name);
+    check(locked([&](ntb_vol* vol) { return ntb_unlink(vol, parent, text.cString()); }));
+}
+
+void NTFSVolume::rename(std::string_view name, std::uint64_t parent, std::string_view newName,
+                        std::uint64_t newParent) {
+    const BridgeText oldText(name);
+    const BridgeText newText(newName);
+    check(locked([&](ntb_vol* vol) {
+        return ntb_rename(vol, parent, oldText.cString(), newParent, newText.cString());
+    }));
+}
+
+} // namespace tavelin

@@ -1,0 +1,73 @@
+#include "platform/disk_file.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#if defined(__linux__)
+#include <linux/fs.h>
+#elif defined(__APPLE__)
+#include <sys/disk.h>
+#endif
+
+namespace tavelin {
+
+namespace {
+
+int deviceSize(int fd, std::uint64_t& bytes) noexcept {
+#if defined(__linux__)
+    return ioctl(fd, BLKGETSIZE64, &bytes) == 0 ? 0 : errno;
+#elif defined(__APPLE__)
+    std::uint32_t blockSize = 0;
+    std::uint64_t blockCount = 0;
+    if (ioctl(fd, DKIOCGETBLOCKSIZE, &blockSize) != 0 ||
+        ioctl(fd, DKIOCGETBLOCKCOUNT, &blockCount) != 0) {
+        return errno;
+    }
+    return __builtin_mul_overflow(blockCount, blockSize, &bytes) ? EOVERFLOW : 0;
+#else
+    const off_t end = lseek(fd, 0, SEEK_END);
+    if (end < 0) {
+        return errno;
+    }
+    bytes = static_cast<std::uint64_t>(end);
+    return 0;
+#endif
+}
+
+} // namespace
+
+int diskFileSize(int fd, std::uint64_t& bytes) noexcept {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) {
+        return errno;
+    }
+    if (S_ISBLK(status.st_mode)) {
+        return deviceSize(fd, bytes);
+    }
+    bytes = static_cast<std::uint64_t>(status.st_size);
+    return 0;
+}
+
+void bypassHostCache(int fd) noexcept {
+#if defined(__APPLE__)
+    static_cast<void>(fcntl(fd, F_NOCACHE, 1));
+#else
+    static_cast<void>(posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM));
+#endif
+}
+
+void forgetHostCache(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
+#if defined(__APPLE__)
+    static_cast<void>(fd);
+    static_cast<void>(offset);
+    static_cast<void>(length);
+#else
+    static_cast<void>(posix_fadvise(fd, static_cast<off_t>(offset), static_cast<off_t>(length),
+                                    POSIX_FADV_DONTNEED));
+#endif
+}
+
+} // namespace tavelin
