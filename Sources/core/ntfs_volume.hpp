@@ -26,8 +26,8 @@
 ///   windowsNames, withDeviceLock,
 ///   startAutoFlush
 ///   probe                            never an error: no serial instead
-///   open                             kEINVAL not NTFS, kEPERM hibernated or fast-started (only when
-///                                    asked for read-write), kEROFS write-protected; kEIO also for
+///   open                             kEINVAL not NTFS, kEPERM hibernated or fast-started (when
+///                                    read-write is asked), kEROFS write-protected; kEIO also for
 ///                                    a failure without a reason
 ///   unmount                          those of writing back; never kENXIO
 ///   label, statfs, ioStats, sync,    nothing else
@@ -151,7 +151,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
 
     // ---- Items ---------------------------------------------------------------------------------
 
-    /// The inode of a name in a directory, ignoring case as NTFS does.
+    /// The inode of a name in a directory, with the bridge's rule on case.
     [[nodiscard]] std::uint64_t lookup(std::string_view name, std::uint64_t parent);
     /// The inode that a path from the root leads to; empty components do not count, "." and ".."
     /// are names like any other. The lock is taken once a component.
