@@ -45,10 +45,10 @@ typedef struct ntb_vol ntb_vol;
  * blocks ends.
  */
 typedef struct ntb_io {
-    void *context;
-    int32_t (*read)(void *context, void *buffer, uint64_t offset, uint64_t length);
-    int32_t (*write)(void *context, const void *buffer, uint64_t offset, uint64_t length);
-    int32_t (*sync)(void *context); /* may be NULL: the device needs no flush */
+    void* context;
+    int32_t (*read)(void* context, void* buffer, uint64_t offset, uint64_t length);
+    int32_t (*write)(void* context, const void* buffer, uint64_t offset, uint64_t length);
+    int32_t (*sync)(void* context); /* may be NULL: the device needs no flush */
     uint64_t size;                  /* bytes */
     uint32_t block_size;            /* bytes; 0 and 1 both mean byte-addressable */
 } ntb_io;
@@ -79,7 +79,7 @@ typedef struct ntb_statfs {
 
 /* 0 when the device starts with an NTFS boot sector, its serial number then being stored in
  * *serial unless that is NULL; EINVAL otherwise, *serial being left alone. */
-int32_t ntb_probe(const ntb_io *io, uint64_t *serial);
+int32_t ntb_probe(const ntb_io* io, uint64_t* serial);
 
 /*
  * Mounts. NULL with *error set on failure: EINVAL not NTFS, ENOMEM, EPERM hibernated or fast
@@ -87,45 +87,41 @@ int32_t ntb_probe(const ntb_io *io, uint64_t *serial);
  * lets the library reset an unclean journal. Without memory for the page cache the volume mounts
  * uncached.
  */
-ntb_vol *ntb_mount(const ntb_io *io, int32_t read_only, int32_t *error);
+ntb_vol* ntb_mount(const ntb_io* io, int32_t read_only, int32_t* error);
 
 /* Writes everything back and closes. The handle is gone whatever the result; NULL answers 0. */
-int32_t ntb_umount(ntb_vol *vol);
+int32_t ntb_umount(ntb_vol* vol);
 
 /* Writes all dirty pages and syncs the device. 0 at once on a volume mounted read-only by request. */
-int32_t ntb_sync(ntb_vol *vol);
+int32_t ntb_sync(ntb_vol* vol);
 
 /* As ntb_sync when there are dirty pages, else nothing at all: meant for a periodic timer. */
-int32_t ntb_flush_dirty(ntb_vol *vol);
+int32_t ntb_flush_dirty(ntb_vol* vol);
 
 /* 1 when mounted read-only, by request or by the library. */
-int32_t ntb_is_readonly(ntb_vol *vol);
+int32_t ntb_is_readonly(ntb_vol* vol);
 
-uint64_t ntb_serial(ntb_vol *vol);
+uint64_t ntb_serial(ntb_vol* vol);
 
 /* A copy of the label, empty when there is none; NULL only without memory. */
-char *ntb_label(ntb_vol *vol);
+char* ntb_label(ntb_vol* vol);
 
 /* EROFS, EINVAL or EILSEQ for text that is not UTF-8, ENAMETOOLONG over 128 UTF-16 units. */
-int32_t ntb_set_label(ntb_vol *vol, const char *label);
+int32_t ntb_set_label(ntb_vol* vol, const char* label);
 
 /* Always 0. */
-int32_t ntb_statfs_get(ntb_vol *vol, ntb_statfs *out);
+int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out);
 
 /* While on, names that Windows cannot use are refused with EINVAL when they are made. Off at
  * mount. */
-void ntb_set_windows_names(ntb_vol *vol, int32_t on);
-int32_t ntb_windows_names(ntb_vol *vol);
+void ntb_set_windows_names(ntb_vol* vol, int32_t on);
+int32_t ntb_windows_names(ntb_vol* vol);
 
-void ntb_get_stats(ntb_vol *vol, ntb_stats *out);
+void ntb_get_stats(ntb_vol* vol, ntb_stats* out);
 
 /* ---- Lookup, attributes, listing ------------------------------------------------------------- */
 
-enum {
-    NTB_TYPE_FILE = 1,
-    NTB_TYPE_DIRECTORY = 2,
-    NTB_TYPE_SYMLINK = 3
-};
+enum { NTB_TYPE_FILE = 1, NTB_TYPE_DIRECTORY = 2, NTB_TYPE_SYMLINK = 3 };
 
 enum {
     NTB_FLAG_HIDDEN = 1u << 0,
@@ -156,33 +152,33 @@ typedef struct ntb_attr {
 
 /* Finds name in a directory. Case matters: names that differ in case only are different names.
  * ENOENT (also for system files), ENOTDIR, EINVAL. */
-int32_t ntb_lookup(ntb_vol *vol, uint64_t directory, const char *name, uint64_t *ino);
+int32_t ntb_lookup(ntb_vol* vol, uint64_t directory, const char* name, uint64_t* ino);
 
-int32_t ntb_getattr(ntb_vol *vol, uint64_t ino, ntb_attr *out);
+int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out);
 
 /* Called once an entry, in the volume's collation order; non-zero ends the listing, which then
  * still answers 0. */
-typedef int32_t (*ntb_dir_callback)(void *context, const char *name, uint64_t ino, uint32_t type);
+typedef int32_t (*ntb_dir_callback)(void* context, const char* name, uint64_t ino, uint32_t type);
 
 /* Lists a directory without "." and "..", 8.3 aliases and system files. ENOENT, ENOTDIR, EIO. */
-int32_t ntb_readdir(ntb_vol *vol, uint64_t directory, ntb_dir_callback callback, void *context);
+int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback, void* context);
 
 /* ---- File data: always the unnamed stream. EISDIR on directories. ---------------------------- */
 
 /* *done is set even on failure. At or past the end: 0 bytes, success. */
-int32_t ntb_read(ntb_vol *vol, uint64_t ino, uint64_t offset, void *buffer, uint64_t length,
-                 uint64_t *done);
+int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint64_t length,
+                 uint64_t* done);
 
 /* *done is set even on failure. Extends the file as needed. Length 0 changes nothing, not even
  * times. */
-int32_t ntb_write(ntb_vol *vol, uint64_t ino, uint64_t offset, const void *buffer, uint64_t length,
-                  uint64_t *done);
+int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
+                  uint64_t* done);
 
 /* Grows (reading back as zeroes) or shrinks. The present size changes nothing, not even times. */
-int32_t ntb_truncate(ntb_vol *vol, uint64_t ino, uint64_t size);
+int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size);
 
 /* Writes the file's record out, then does what ntb_sync does. 0 at once on read-only volumes. */
-int32_t ntb_flush(ntb_vol *vol, uint64_t ino);
+int32_t ntb_flush(ntb_vol* vol, uint64_t ino);
 
 /* ---- Names ----------------------------------------------------------------------------------- */
 /*
@@ -192,49 +188,49 @@ int32_t ntb_flush(ntb_vol *vol, uint64_t ino);
  */
 
 /* kind NTB_TYPE_DIRECTORY makes a directory, any other value a file. EEXIST, ENOTDIR, ENOSPC. */
-int32_t ntb_create(ntb_vol *vol, uint64_t parent, const char *name, uint32_t kind, uint64_t *ino);
+int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino);
 
 /* Makes a link in the Interix form. EINVAL for an empty target, ENAMETOOLONG for one over 2043
  * UTF-16 units; else as ntb_create. */
-int32_t ntb_symlink(ntb_vol *vol, uint64_t parent, const char *name, const char *target,
-                    uint64_t *ino);
+int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
+                    uint64_t* ino);
 
 /* The target of an Interix link or of a reparse point that is one; EINVAL for anything else. */
-int32_t ntb_readlink(ntb_vol *vol, uint64_t ino, char **target);
+int32_t ntb_readlink(ntb_vol* vol, uint64_t ino, char** target);
 
 /* Removes a file's name or an empty directory. ENOENT, ENOTDIR, ENOTEMPTY. */
-int32_t ntb_unlink(ntb_vol *vol, uint64_t parent, const char *name);
+int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name);
 
 /* Replaces an existing target of the same kind. EINVAL into the own subtree, EISDIR, ENOTDIR,
  * ENOTEMPTY. Safe when only the case of the name changes. */
-int32_t ntb_rename(ntb_vol *vol, uint64_t parent, const char *name, uint64_t new_parent,
-                   const char *new_name);
+int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
+                   const char* new_name);
 
 /* ---- Times, the hidden flag, named streams --------------------------------------------------- */
 
 /* Each time may be NULL: left alone. */
-int32_t ntb_set_times(ntb_vol *vol, uint64_t ino, const ntb_time *access, const ntb_time *modify,
-                      const ntb_time *change, const ntb_time *birth);
+int32_t ntb_set_times(ntb_vol* vol, uint64_t ino, const ntb_time* access, const ntb_time* modify,
+                      const ntb_time* change, const ntb_time* birth);
 
-int32_t ntb_set_hidden(ntb_vol *vol, uint64_t ino, int32_t hidden);
+int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden);
 
 /*
  * Extended attributes are named data streams; names carry no prefix. Links have none: reading or
  * removing one answers ENOATTR (ENODATA on hosts without it), setting one EPERM.
  */
-typedef int32_t (*ntb_name_callback)(void *context, const char *name);
+typedef int32_t (*ntb_name_callback)(void* context, const char* name);
 
 enum {
     NTB_XATTR_ANY = 0,
-    NTB_XATTR_CREATE = 1,  /* EEXIST when there is one */
-    NTB_XATTR_REPLACE = 2  /* ENOATTR when there is none */
+    NTB_XATTR_CREATE = 1, /* EEXIST when there is one */
+    NTB_XATTR_REPLACE = 2 /* ENOATTR when there is none */
 };
 
-int32_t ntb_listxattr(ntb_vol *vol, uint64_t ino, ntb_name_callback callback, void *context);
-int32_t ntb_getxattr(ntb_vol *vol, uint64_t ino, const char *name, void **buffer, uint64_t *size);
-int32_t ntb_setxattr(ntb_vol *vol, uint64_t ino, const char *name, const void *value,
-                     uint64_t size, int32_t flags);
-int32_t ntb_removexattr(ntb_vol *vol, uint64_t ino, const char *name);
+int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, void* context);
+int32_t ntb_getxattr(ntb_vol* vol, uint64_t ino, const char* name, void** buffer, uint64_t* size);
+int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* value, uint64_t size,
+                     int32_t flags);
+int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name);
 
 #ifdef __cplusplus
 }
