@@ -1,0 +1,176 @@
+/// Items, their attributes, and the requests that read and change them.
+///
+/// Numbers are FSKit's: they are what the binding passes through.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+namespace fskit {
+
+enum class FSItemType : std::int64_t {
+    unknown = 0,
+    file = 1,
+    directory = 2,
+    symlink = 3,
+    fifo = 4,
+    charDevice = 5,
+    blockDevice = 6,
+    socket = 7,
+};
+
+/// Any other 64-bit number names an item too.
+using FSItemID = std::uint64_t;
+inline constexpr FSItemID FSItemIDInvalid = 0;
+inline constexpr FSItemID FSItemIDParentOfRoot = 1;
+inline constexpr FSItemID FSItemIDRootDirectory = 2;
+
+/// A set of FSItemAttribute bits.
+using FSItemAttributeSet = std::uint64_t;
+
+/// The bits of a set.
+namespace FSItemAttribute {
+inline constexpr FSItemAttributeSet type = 1u << 0;
+inline constexpr FSItemAttributeSet mode = 1u << 1;
+inline constexpr FSItemAttributeSet linkCount = 1u << 2;
+inline constexpr FSItemAttributeSet uid = 1u << 3;
+inline constexpr FSItemAttributeSet gid = 1u << 4;
+inline constexpr FSItemAttributeSet flags = 1u << 5;
+inline constexpr FSItemAttributeSet size = 1u << 6;
+inline constexpr FSItemAttributeSet allocSize = 1u << 7;
+inline constexpr FSItemAttributeSet fileID = 1u << 8;
+inline constexpr FSItemAttributeSet parentID = 1u << 9;
+inline constexpr FSItemAttributeSet accessTime = 1u << 10;
+inline constexpr FSItemAttributeSet modifyTime = 1u << 11;
+inline constexpr FSItemAttributeSet changeTime = 1u << 12;
+inline constexpr FSItemAttributeSet birthTime = 1u << 13;
+inline constexpr FSItemAttributeSet backupTime = 1u << 14;
+inline constexpr FSItemAttributeSet addedTime = 1u << 15;
+inline constexpr FSItemAttributeSet supportsLimitedXAttrs = 1u << 16;
+inline constexpr FSItemAttributeSet inhibitKernelOffloadedIO = 1u << 17;
+} // namespace FSItemAttribute
+
+/// One file-system object, whatever the number of its names: at most one live FSItem per object.
+/// Handed out as std::shared_ptr; a volume derives from it for its own state.
+class FSItem {
+  public:
+    FSItem() = default;
+    virtual ~FSItem() = default;
+    FSItem(const FSItem&) = delete;
+    FSItem& operator=(const FSItem&) = delete;
+};
+
+/// A value. Setting a property makes it valid; a property that is not valid reads as zero.
+class FSItemAttributes {
+  public:
+    bool isValid(FSItemAttributeSet attributes) const noexcept {
+        return (valid_ & attributes) == attributes;
+    }
+    FSItemAttributeSet validAttributes() const noexcept { return valid_; }
+    void invalidateAllProperties() noexcept { *this = FSItemAttributes(); }
+
+    FSItemType type() const noexcept { return type_; }
+    std::uint32_t mode() const noexcept { return mode_; }
+    std::uint32_t linkCount() const noexcept { return linkCount_; }
+    std::uint32_t uid() const noexcept { return uid_; }
+    std::uint32_t gid() const noexcept { return gid_; }
+    std::uint32_t flags() const noexcept { return flags_; }         ///< st_flags: UF_..., SF_...
+    std::uint64_t size() const noexcept { return size_; }           ///< bytes
+    std::uint64_t allocSize() const noexcept { return allocSize_; } ///< bytes
+    FSItemID fileID() const noexcept { return fileID_; }
+    FSItemID parentID() const noexcept { return parentID_; }
+    const std::timespec& accessTime() const noexcept { return accessTime_; }
+    const std::timespec& modifyTime() const noexcept { return modifyTime_; }
+    const std::timespec& changeTime() const noexcept { return changeTime_; }
+    const std::timespec& birthTime() const noexcept { return birthTime_; }
+    const std::timespec& backupTime() const noexcept { return backupTime_; }
+    const std::timespec& addedTime() const noexcept { return addedTime_; }
+    bool supportsLimitedXAttrs() const noexcept { return supportsLimitedXAttrs_; }
+    bool inhibitKernelOffloadedIO() const noexcept { return inhibitKernelOffloadedIO_; }
+
+    void setType(FSItemType value) noexcept { set(type_, value, FSItemAttribute::type); }
+    void setMode(std::uint32_t value) noexcept { set(mode_, value, FSItemAttribute::mode); }
+    void setLinkCount(std::uint32_t value) noexcept {
+        set(linkCount_, value, FSItemAttribute::linkCount);
+    }
+    void setUid(std::uint32_t value) noexcept { set(uid_, value, FSItemAttribute::uid); }
+    void setGid(std::uint32_t value) noexcept { set(gid_, value, FSItemAttribute::gid); }
+    void setFlags(std::uint32_t value) noexcept { set(flags_, value, FSItemAttribute::flags); }
+    void setSize(std::uint64_t value) noexcept { set(size_, value, FSItemAttribute::size); }
+    void setAllocSize(std::uint64_t value) noexcept {
+        set(allocSize_, value, FSItemAttribute::allocSize);
+    }
+    void setFileID(FSItemID value) noexcept { set(fileID_, value, FSItemAttribute::fileID); }
+    void setParentID(FSItemID value) noexcept { set(parentID_, value, FSItemAttribute::parentID); }
+    void setAccessTime(std::timespec value) noexcept {
+        set(accessTime_, value, FSItemAttribute::accessTime);
+    }
+    void setModifyTime(std::timespec value) noexcept {
+        set(modifyTime_, value, FSItemAttribute::modifyTime);
+    }
+    void setChangeTime(std::timespec value) noexcept {
+        set(changeTime_, value, FSItemAttribute::changeTime);
+    }
+    void setBirthTime(std::timespec value) noexcept {
+        set(birthTime_, value, FSItemAttribute::birthTime);
+    }
+    void setBackupTime(std::timespec value) noexcept {
+        set(backupTime_, value, FSItemAttribute::backupTime);
+    }
+    void setAddedTime(std::timespec value) noexcept {
+        set(addedTime_, value, FSItemAttribute::addedTime);
+    }
+    void setSupportsLimitedXAttrs(bool value) noexcept {
+        set(supportsLimitedXAttrs_, value, FSItemAttribute::supportsLimitedXAttrs);
+    }
+    void setInhibitKernelOffloadedIO(bool value) noexcept {
+        set(inhibitKernelOffloadedIO_, value, FSItemAttribute::inhibitKernelOffloadedIO);
+    }
+
+  private:
+    template<typename T>
+    void set(T& property, T value, FSItemAttributeSet bit) noexcept {
+        property = value;
+        valid_ |= bit;
+    }
+
+    FSItemAttributeSet valid_ = 0;
+    FSItemType type_ = FSItemType::unknown;
+    std::uint32_t mode_ = 0;
+    std::uint32_t linkCount_ = 0;
+    std::uint32_t uid_ = 0;
+    std::uint32_t gid_ = 0;
+    std::uint32_t flags_ = 0;
+    bool supportsLimitedXAttrs_ = false;
+    bool inhibitKernelOffloadedIO_ = false;
+    std::uint64_t size_ = 0;
+    std::uint64_t allocSize_ = 0;
+    FSItemID fileID_ = FSItemIDInvalid;
+    FSItemID parentID_ = FSItemIDInvalid;
+    std::timespec accessTime_{};
+    std::timespec modifyTime_{};
+    std::timespec changeTime_{};
+    std::timespec birthTime_{};
+    std::timespec backupTime_{};
+    std::timespec addedTime_{};
+};
+
+/// The attributes to change are the valid ones; the volume marks those that it applied.
+class FSItemSetAttributesRequest : public FSItemAttributes {
+  public:
+    FSItemAttributeSet consumedAttributes = 0;
+
+    bool wasAttributeConsumed(FSItemAttributeSet attribute) const noexcept {
+        return (consumedAttributes & attribute) == attribute;
+    }
+};
+
+struct FSItemGetAttributesRequest {
+    FSItemAttributeSet wantedAttributes = 0;
+
+    bool isAttributeWanted(FSItemAttributeSet attribute) const noexcept {
+        return (wantedAttributes & attribute) == attribute;
+    }
+};
+
+} // namespace fskit

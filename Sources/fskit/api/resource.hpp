@@ -1,0 +1,76 @@
+/// What a file system is loaded from, and what probing and loading it answer.
+#pragma once
+
+#include "fskit/api/entity_identifier.hpp"
+#include "fskit/api/error.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace fskit {
+
+/// Made by the host, shared with the module while a request or a loaded volume uses it.
+class FSResource {
+  public:
+    virtual ~FSResource() = default;
+    /// The medium is gone: I/O fails from now on.
+    virtual bool isRevoked() const { return false; }
+};
+
+/// A disk or partition. Offsets and lengths are bytes and must be whole blocks. The calls may be
+/// made from any thread; they throw Error when the device failed.
+class FSBlockDeviceResource : public FSResource {
+  public:
+    virtual std::string BSDName() const = 0; ///< as "disk4s1"
+    virtual bool isWritable() const = 0;
+    virtual std::uint64_t blockSize() const = 0; ///< bytes
+    virtual std::uint64_t blockCount() const = 0;
+    virtual std::uint64_t physicalBlockSize() const = 0; ///< bytes
+
+    /// Direct I/O: may complete short, without an error. Answers the count transferred.
+    virtual std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) = 0;
+    virtual std::size_t write(const std::byte* buffer, std::uint64_t offset,
+                              std::size_t length) = 0;
+
+    /// I/O through the kernel's buffer cache: never partial. A delayed write reaches the device
+    /// with the next flush.
+    virtual void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) = 0;
+    virtual void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
+                                      std::size_t length) = 0;
+    virtual void metadataFlush() = 0;
+};
+
+enum class FSMatchResult : std::int64_t {
+    notRecognized = 0,
+    recognized = 1,
+    usableButLimited = 2,
+    usable = 3,
+};
+
+struct FSProbeResult {
+    FSMatchResult result = FSMatchResult::notRecognized;
+    std::optional<std::string> name;
+    std::optional<FSContainerIdentifier> containerID;
+
+    static FSProbeResult notRecognized() { return {}; }
+    static FSProbeResult usable(std::string name, FSContainerIdentifier containerID) {
+        return {FSMatchResult::usable, std::move(name), containerID};
+    }
+};
+
+enum class FSContainerState : std::int64_t { notReady = 0, blocked = 1, ready = 2, active = 3 };
+
+struct FSContainerStatus {
+    FSContainerState state = FSContainerState::notReady;
+    std::optional<Error> status;
+
+    static FSContainerStatus ready() { return {FSContainerState::ready, std::nullopt}; }
+    static FSContainerStatus active() { return {FSContainerState::active, std::nullopt}; }
+    static FSContainerStatus notReady(Error status) {
+        return {FSContainerState::notReady, std::move(status)};
+    }
+};
+
+} // namespace fskit

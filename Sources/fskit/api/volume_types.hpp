@@ -1,0 +1,66 @@
+/// What a volume says of itself, and the option sets of its requests.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace fskit {
+
+enum class FSVolumeCaseFormat : std::int64_t {
+    sensitive = 0,
+    insensitive = 1,
+    insensitiveCasePreserving = 2,
+};
+
+struct FSVolumeSupportedCapabilities {
+    bool supportsPersistentObjectIDs = false;
+    bool supportsSymbolicLinks = false;
+    bool supportsHardLinks = false;
+    bool supportsSparseFiles = false;
+    bool supportsFastStatFS = false;
+    bool supports2TBFiles = false;
+    bool supportsHiddenFiles = false;
+    bool supports64BitObjectIDs = false;
+    bool doesNotSupportSettingFilePermissions = false;
+    FSVolumeCaseFormat caseFormat = FSVolumeCaseFormat::sensitive;
+};
+
+/// Sizes are bytes, counts are blocks of blockSize or files.
+struct FSStatFSResult {
+    explicit FSStatFSResult(std::string typeName) : fileSystemTypeName(std::move(typeName)) {}
+
+    std::string fileSystemTypeName;
+    std::int64_t blockSize = 4096;
+    std::int64_t ioSize = 0;
+    std::uint64_t totalBlocks = 0;
+    std::uint64_t availableBlocks = 0;
+    std::uint64_t freeBlocks = 0;
+    std::uint64_t usedBlocks = 0;
+    std::uint64_t totalBytes = 0;
+    std::uint64_t availableBytes = 0;
+    std::uint64_t freeBytes = 0;
+    std::uint64_t usedBytes = 0;
+    std::uint64_t totalFiles = 0;
+    std::uint64_t freeFiles = 0;
+};
+
+/// Raw values follow <sys/mount.h>: MNT_WAIT, MNT_NOWAIT, MNT_DWAIT.
+enum class FSSyncFlags : std::int64_t { none = 0, wait = 1, noWait = 2, dWait = 4 };
+
+using FSDeactivateOptions = std::int64_t;
+inline constexpr FSDeactivateOptions FSDeactivateOptionsForce = 1;
+
+/// The modes an item is open in; a close carries those that remain.
+using FSVolumeOpenModes = std::uint64_t;
+inline constexpr FSVolumeOpenModes FSVolumeOpenModesRead = 1;
+inline constexpr FSVolumeOpenModes FSVolumeOpenModesWrite = 2;
+
+/// Any number may arrive; those without a name count as alwaysSet.
+enum class FSSetXattrPolicy : std::uint64_t {
+    alwaysSet = 0,
+    mustCreate = 1,
+    mustReplace = 2,
+    remove = 3, ///< FSKit's "delete"
+};
+
+} // namespace fskit
