@@ -56,10 +56,7 @@ class PosixSystemLog final : public SystemLog {
   private:
     static int priority(LogLevel level) { return level == LogLevel::kError ? LOG_ERR : LOG_INFO; }
 
-    static bool goesToSyslog(LogLevel level) {
-        // A mask of 0 only asks for the one in force.
-        return (setlogmask(0) & LOG_MASK(priority(level))) != 0;
-    }
+    bool goesToSyslog(LogLevel level) const { return options_.syslog && level >= *options_.syslog; }
 
     bool goesToTerminal(LogLevel level) const {
         return options_.terminal && level >= *options_.terminal && isatty(options_.descriptor) == 1;

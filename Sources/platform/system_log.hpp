@@ -24,8 +24,11 @@ class SystemLog {
                        std::string_view message) noexcept = 0;
 };
 
+/// Where lines go, by level; absent for nowhere.
 struct PosixLogOptions {
-    /// The least level that goes to standard error while that is a terminal; absent for none.
+    /// The least level that goes to syslog.
+    std::optional<LogLevel> syslog = LogLevel::kInfo;
+    /// The least level that goes to standard error while that is a terminal.
     std::optional<LogLevel> terminal = LogLevel::kInfo;
     /// The descriptor taken for standard error.
     int descriptor = 2;

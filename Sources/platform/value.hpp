@@ -30,8 +30,9 @@ class Value {
         std::variant<std::string, bool, std::int64_t, std::uint64_t, double, Date, List, Map>;
 
     template<typename T>
+    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): the constraint keeps copies out
     requires(!std::same_as<std::remove_cvref_t<T>, Value>) Value(T&& value)
-        : storage_(convert(std::forward<T>(value))) {} // NOLINT: meant to be implicit
+        : storage_(convert(std::forward<T>(value))) {}
 
     /// The value as one of the kinds of Storage, or null when it is of another kind.
     template<typename Kind>

@@ -47,23 +47,26 @@ class Terminal {
 
 TEST(SystemLog, NothingInALineCanForgeAnotherOrDriveTheTerminal) {
     const Terminal terminal;
-    const auto log = makePosixSystemLog({LogLevel::kInfo, terminal.descriptor()});
+    const auto log = makePosixSystemLog({std::nullopt, LogLevel::kInfo, terminal.descriptor()});
     log->write(LogLevel::kInfo, "s", "fs", "name=a\nb\x1b[2J\x7f %s \u00e9");
     EXPECT_EQ(terminal.readLine(), "tavelin: name=a\\x0ab\\x1b[2J\\x7f %s \u00e9\n");
 }
 
 TEST(SystemLog, TheTerminalGetsOnlyTheLevelsAskedFor) {
     const Terminal terminal;
-    const auto log = makePosixSystemLog({LogLevel::kError, terminal.descriptor()});
+    const auto log = makePosixSystemLog({std::nullopt, LogLevel::kError, terminal.descriptor()});
     log->write(LogLevel::kInfo, "s", "fs", "quiet");
     log->write(LogLevel::kError, "s", "fs", "loud");
     EXPECT_EQ(terminal.readLine(), "tavelin: loud\n");
+    EXPECT_FALSE(log->isEnabled(LogLevel::kInfo, "s", "fs"));
+    EXPECT_TRUE(log->isEnabled(LogLevel::kError, "s", "fs"));
 }
 
 TEST(SystemLog, ADescriptorThatIsNoTerminalGetsNothing) {
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe(ends.data()), 0);
-    makePosixSystemLog({LogLevel::kInfo, ends[1]})->write(LogLevel::kError, "s", "fs", "text");
+    makePosixSystemLog({std::nullopt, LogLevel::kInfo, ends[1]})
+        ->write(LogLevel::kError, "s", "fs", "text");
     ::close(ends[1]);
     char byte = 0;
     EXPECT_EQ(::read(ends[0], &byte, 1), 0);
