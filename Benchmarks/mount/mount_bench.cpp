@@ -1,0 +1,164 @@
+// Measures a mounted Tavelin against the NTFS drivers of the system, and against a server that
+// only passes through to memory, which is the floor that FUSE itself sets.
+//
+// Every server serves the same image in memory, freshly formatted for each round; rounds are
+// interleaved and the median of a category over the rounds counts.
+#include "Benchmarks/mount/mounted_server.hpp"
+#include "Benchmarks/mount/report.hpp"
+#include "Benchmarks/mount/scale.hpp"
+#include "Benchmarks/mount/workloads.hpp"
+#include "support/run_process.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using namespace tavelin::bench;
+
+namespace {
+
+struct Arguments {
+    std::string tavelin = "build/bench/tavelin";
+    std::string passThrough; // empty: the floor is left out
+    std::string memory = "/dev/shm";
+    std::string table, chart; // files to write, besides standard output
+    std::vector<std::string> only;
+    int rounds = 5;
+    bool quick = false, scale = false;
+};
+
+// The folder in memory that holds the image and the mount point, gone at the end.
+class Workplace {
+  public:
+    explicit Workplace(const std::string& memory) {
+        std::string name = memory + "/tavelin-bench.XXXXXX";
+        if (::mkdtemp(name.data()) == nullptr)
+            throw std::runtime_error(fmt::format("{}: {}", name, std::strerror(errno)));
+        root_ = name;
+        fs::create_directories(mountPoint());
+        fs::create_directories(material());
+    }
+    ~Workplace() {
+        std::error_code ignored; // the folder is in memory; nothing is lost but its room
+        fs::remove_all(root_, ignored);
+    }
+    Workplace(const Workplace&) = delete;
+    Workplace& operator=(const Workplace&) = delete;
+
+    fs::path image() const { return root_ / "image"; }
+    fs::path floor() const { return root_ / "floor"; }
+    fs::path mountPoint() const { return root_ / "mount"; }
+    fs::path material() const { return root_ / "material"; }
+
+    void allocateImage(uint64_t bytes) const {
+        const int fd = ::open(image().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        const int failed = fd == -1 ? errno : ::posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+        if (fd != -1)
+            ::close(fd);
+        if (failed != 0)
+            throw std::runtime_error(
+                fmt::format("{}: {}", image().string(), std::strerror(failed)));
+    }
+    // A fresh store for a server: the formatted image, or for the floor an empty folder.
+    fs::path store(const Server& server) const {
+        if (server.role == Role::floor) {
+            fs::remove_all(floor());
+            fs::create_directories(floor());
+            return floor();
+        }
+        tavelin::test::runOrThrow({"mkntfs", "-q", "-Q", "-F", image()});
+        return image();
+    }
+
+  private:
+    fs::path root_;
+};
+
+std::vector<Server> serversOf(const Arguments& arguments) {
+    std::vector<Server> servers{tavelinServer(arguments.tavelin), driverServer("ntfs-3g"),
+                                driverServer("lowntfs-3g")};
+    if (!arguments.passThrough.empty())
+        servers.push_back(floorServer(arguments.passThrough));
+    if (!arguments.only.empty())
+        std::erase_if(servers, [&](const Server& server) {
+            return std::find(arguments.only.begin(), arguments.only.end(), server.name) ==
+                   arguments.only.end();
+        });
+    return servers;
+}
+
+void writeTo(const std::string& file, const std::string& text) {
+    if (file.empty())
+        return;
+    std::ofstream out(file);
+    out << text;
+    if (!out.flush())
+        throw std::runtime_error(fmt::format("cannot write {}", file));
+}
+
+int compare(const Arguments& arguments) {
+    const Sizes sizes = arguments.quick ? quickSizes() : Sizes{};
+    const Workplace place(arguments.memory);
+    place.allocateImage(sizes.image);
+    const Material material = makeMaterial(place.material(), sizes);
+    std::vector<Server> servers = serversOf(arguments);
+    Samples samples;
+    for (int round = 0; round < arguments.rounds; ++round) {
+        for (const Server& server : servers) {
+            fmt::print(stderr, "round {} of {}: {}\n", round + 1, arguments.rounds, server.name);
+            for (const auto& [category, seconds] :
+                 runRound(server, place.store(server), place.mountPoint(), material, sizes))
+                samples[server.name][category].push_back(seconds);
+        }
+        // Whoever ran first now runs last: none is always next to the same neighbour.
+        std::rotate(servers.begin(), servers.begin() + 1, servers.end());
+    }
+    servers = serversOf(arguments);
+    const std::string table = markdownTable(servers, samples);
+    fmt::print("{}", table);
+    writeTo(arguments.table, table);
+    writeTo(arguments.chart, svgChart(servers, samples));
+    return 0;
+}
+
+int scale(const Arguments& arguments) {
+    const Workplace place(arguments.memory);
+    place.allocateImage((arguments.quick ? 512ull : 5'120ull) << 20);
+    const std::string text = measureScale(serversOf(arguments).at(0), place.image(),
+                                          place.mountPoint(), arguments.quick);
+    fmt::print("{}", text);
+    writeTo(arguments.table, text);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments;
+    CLI::App app("Compares a mounted Tavelin with the system's NTFS drivers");
+    app.add_option("--tavelin", arguments.tavelin, "the program to measure");
+    app.add_option("--pass-through", arguments.passThrough, "the pass-through server's program");
+    app.add_option("--memory", arguments.memory, "a folder on a file system in memory");
+    app.add_option("--rounds", arguments.rounds, "rounds to take the median of");
+    app.add_option("--table", arguments.table, "also write the Markdown table here");
+    app.add_option("--chart", arguments.chart, "write the bar chart here, as SVG");
+    app.add_option("--only", arguments.only, "measure only these servers");
+    app.add_flag("--quick", arguments.quick, "small sizes, to see that it works");
+    app.add_flag("--scale", arguments.scale, "growth with the size of folders and files");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        return arguments.scale ? scale(arguments) : compare(arguments);
+    } catch (const std::exception& failure) {
+        fmt::print(stderr, "mount_bench: {}\n", failure.what());
+        return 1;
+    }
+}

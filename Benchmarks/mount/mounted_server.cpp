@@ -1,0 +1,128 @@
+#include "Benchmarks/mount/mounted_server.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavelin::bench {
+
+namespace fs = std::filesystem;
+
+Server tavelinServer(const fs::path& program) {
+    return {"tavelin", Role::ours, [program](const fs::path& store, const fs::path& folder) {
+                return std::vector<std::string>{program, "mount", store, folder, "--foreground"};
+            }};
+}
+
+Server driverServer(const std::string& program) {
+    return {
+        program, Role::driver, [program](const fs::path& store, const fs::path& folder) {
+            return std::vector<std::string>{program, store, folder, "-o", "big_writes,no_detach"};
+        }};
+}
+
+Server floorServer(const fs::path& program) {
+    return {"pass-through", Role::floor, [program](const fs::path& store, const fs::path& folder) {
+                return std::vector<std::string>{
+                    program, "-f", "-o",
+                    fmt::format("source={},cache=always,writeback", store.string()), folder};
+            }};
+}
+
+namespace {
+
+dev_t deviceOf(const fs::path& folder) {
+    struct stat found {};
+    if (::stat(folder.c_str(), &found) != 0)
+        throw std::runtime_error(fmt::format("{}: {}", folder.string(), std::strerror(errno)));
+    return found.st_dev;
+}
+
+pid_t start(const std::vector<std::string>& command) {
+    std::vector<char*> arguments;
+    for (const std::string& word : command)
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    const pid_t child = ::fork();
+    if (child == -1)
+        throw std::runtime_error(fmt::format("fork: {}", std::strerror(errno)));
+    if (child == 0) {
+        const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        ::dup2(null, STDIN_FILENO);
+        ::dup2(null, STDOUT_FILENO);
+        ::execvp(arguments[0], arguments.data());
+        ::_exit(127);
+    }
+    return child;
+}
+
+} // namespace
+
+MountedServer::MountedServer(const Server& server, const fs::path& store, const fs::path& folder)
+    : name_(server.name), folder_(folder) {
+    const int mounts = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    const dev_t before = deviceOf(folder_);
+    child_ = start(server.command(store, folder_));
+    // The kernel flags every change of the mount table on this descriptor.
+    while (deviceOf(folder_) == before) {
+        pollfd change{mounts, POLLPRI, 0};
+        (void)::poll(&change, 1, 20);
+        int status = 0;
+        if (::waitpid(child_, &status, WNOHANG) == child_) {
+            child_ = -1;
+            ::close(mounts);
+            throw std::runtime_error(fmt::format("{} did not mount {}", name_, store.string()));
+        }
+    }
+    ::close(mounts);
+}
+
+MountedServer::~MountedServer() {
+    try {
+        unmount();
+    } catch (const std::exception&) {
+        // Only reached while another failure is already on its way out.
+    }
+}
+
+void MountedServer::unmount() {
+    if (child_ == -1)
+        return;
+    for (int attempt = 0; ::umount2(folder_.c_str(), 0) != 0; ++attempt) {
+        // A program that has just exited may hold the folder a moment longer.
+        if (errno != EBUSY || attempt == 100) {
+            const std::string why = std::strerror(errno);
+            ::umount2(folder_.c_str(), MNT_DETACH);
+            ::kill(child_, SIGTERM);
+            ::waitpid(child_, nullptr, 0);
+            child_ = -1;
+            throw std::runtime_error(fmt::format("umount {}: {}", folder_.string(), why));
+        }
+        ::usleep(10'000);
+    }
+    int status = 0;
+    ::waitpid(child_, &status, 0);
+    child_ = -1;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error(fmt::format("{} ended with status {}", name_, status));
+}
+
+uint64_t MountedServer::peakMemory() const {
+    std::ifstream status(fmt::format("/proc/{}/status", child_));
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with("VmHWM:"))
+            return std::stoull(line.substr(6)) * 1024;
+    throw std::runtime_error(fmt::format("no memory figure for {}", name_));
+}
+
+} // namespace tavelin::bench

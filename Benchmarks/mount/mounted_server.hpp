@@ -1,0 +1,50 @@
+// The file servers under comparison, and one of them mounted.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace tavelin::bench {
+
+enum class Role { ours, driver, floor };
+
+struct Server {
+    std::string name;
+    Role role = Role::driver;
+    // The command that serves `store` on `folder` in the foreground. The store is an NTFS image,
+    // for the floor a plain folder.
+    std::function<std::vector<std::string>(const std::filesystem::path& store,
+                                           const std::filesystem::path& folder)>
+        command;
+};
+
+Server tavelinServer(const std::filesystem::path& program);
+Server driverServer(const std::string& program);
+Server floorServer(const std::filesystem::path& program);
+
+// A server running as our child from construction to unmount(). Construction returns once the
+// folder is served; both it and unmount() throw std::runtime_error when the server fails.
+class MountedServer {
+  public:
+    MountedServer(const Server& server, const std::filesystem::path& store,
+                  const std::filesystem::path& folder);
+    ~MountedServer(); // unmounts; what fails then was already reported or is of no more use
+    MountedServer(const MountedServer&) = delete;
+    MountedServer& operator=(const MountedServer&) = delete;
+
+    // Unmounts and waits for the server's end, so that the store holds everything.
+    void unmount();
+    const std::filesystem::path& folder() const { return folder_; }
+    // The most memory the server has held so far, in bytes.
+    uint64_t peakMemory() const;
+
+  private:
+    std::string name_;
+    std::filesystem::path folder_;
+    pid_t child_ = -1;
+};
+
+} // namespace tavelin::bench

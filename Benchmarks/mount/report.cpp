@@ -1,0 +1,143 @@
+#include "Benchmarks/mount/report.hpp"
+
+#include "Benchmarks/mount/workloads.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <optional>
+
+namespace tavelin::bench {
+
+namespace {
+
+// Medians and ratios of a finished comparison.
+class Results {
+  public:
+    Results(const std::vector<Server>& servers, const Samples& samples)
+        : servers_(servers), samples_(samples) {}
+
+    double seconds(const Server& server, const std::string& category) const {
+        return median(samples_.at(server.name).at(category));
+    }
+    double betterDriver(const std::string& category) const {
+        double best = std::numeric_limits<double>::infinity();
+        for (const Server& server : servers_)
+            if (server.role == Role::driver)
+                best = std::min(best, seconds(server, category));
+        return best;
+    }
+    const Server* withRole(Role role) const {
+        const auto found = std::find_if(servers_.begin(), servers_.end(),
+                                        [&](const Server& s) { return s.role == role; });
+        return found == servers_.end() ? nullptr : &*found;
+    }
+    double gain(const Server& server, const std::string& category) const {
+        return betterDriver(category) / seconds(server, category);
+    }
+    double meanGain(const Server& server) const {
+        double logs = 0;
+        for (const std::string& category : categories())
+            logs += std::log(gain(server, category));
+        return std::exp(logs / static_cast<double>(categories().size()));
+    }
+
+  private:
+    const std::vector<Server>& servers_;
+    const Samples& samples_;
+};
+
+constexpr int kRow = 34, kLabels = 210, kPlot = 520, kTop = 56;
+constexpr double kLow = 0.25, kHigh = 16; // ends of the logarithmic axis
+
+double across(double ratio) {
+    const double at = std::log(std::clamp(ratio, kLow, kHigh) / kLow) / std::log(kHigh / kLow);
+    return kLabels + at * kPlot;
+}
+
+std::string bar(double ratio, int top, const char* style) {
+    const double from = std::min(across(1), across(ratio));
+    const double to = std::max(across(1), across(ratio));
+    return fmt::format("<rect class=\"{}\" x=\"{:.1f}\" y=\"{}\" width=\"{:.1f}\" height=\"11\"/>"
+                       "<text class=\"value\" x=\"{:.1f}\" y=\"{}\">{:.2f}×</text>\n",
+                       style, from, top, std::max(to - from, 1.0), to + 4, top + 10, ratio);
+}
+
+} // namespace
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t half = values.size() / 2;
+    return values.size() % 2 == 1 ? values[half] : (values[half - 1] + values[half]) / 2;
+}
+
+std::string markdownTable(const std::vector<Server>& servers, const Samples& samples) {
+    const Results results(servers, samples);
+    std::string head = "| milliseconds |", rule = "|---|", rows;
+    for (const Server& server : servers) {
+        head += fmt::format(" {} |", server.name);
+        rule += "---:|";
+    }
+    std::vector<const Server*> compared;
+    for (const Role role : {Role::ours, Role::floor})
+        if (const Server* server = results.withRole(role)) {
+            compared.push_back(server);
+            head += fmt::format(" {} against the better driver |", server->name);
+            rule += "---:|";
+        }
+    for (const std::string& category : categories()) {
+        rows += fmt::format("| {} |", category);
+        for (const Server& server : servers)
+            rows += fmt::format(" {:.1f} |", results.seconds(server, category) * 1e3);
+        for (const Server* server : compared)
+            rows += fmt::format(" {:.2f}× |", results.gain(*server, category));
+        rows += "\n";
+    }
+    rows += "| geometric mean |";
+    for (size_t i = 0; i < servers.size(); ++i)
+        rows += " |";
+    for (const Server* server : compared)
+        rows += fmt::format(" {:.2f}× |", results.meanGain(*server));
+    return head + "\n" + rule + "\n" + rows + "\n";
+}
+
+std::string svgChart(const std::vector<Server>& servers, const Samples& samples) {
+    const Results results(servers, samples);
+    const Server* ours = results.withRole(Role::ours);
+    const Server* floor = results.withRole(Role::floor);
+    const int height = kTop + kRow * static_cast<int>(categories().size()) + 16;
+    std::string chart = fmt::format(
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 {0} {1}\" width=\"{0}\" "
+        "height=\"{1}\" font-family=\"sans-serif\" font-size=\"12\">\n"
+        "<style>.ours{{fill:#2f6f9f}}.floor{{fill:#b9c4cc}}.value{{font-size:10px;fill:#444}}"
+        ".axis{{stroke:#999;stroke-width:1}}</style>\n"
+        "<rect width=\"{0}\" height=\"{1}\" fill=\"#fff\"/>\n"
+        "<text x=\"12\" y=\"20\" font-weight=\"bold\">Times faster than the better of ntfs-3g and "
+        "lowntfs-3g (1 is even, higher is better)</text>\n",
+        kLabels + kPlot + 60, height);
+    chart += fmt::format("<rect class=\"ours\" x=\"12\" y=\"30\" width=\"11\" height=\"11\"/>"
+                         "<text x=\"28\" y=\"40\">tavelin</text>");
+    if (floor != nullptr)
+        chart +=
+            "<rect class=\"floor\" x=\"90\" y=\"30\" width=\"11\" height=\"11\"/>"
+            "<text x=\"106\" y=\"40\">a FUSE server that only passes through to memory</text>\n";
+    for (const double mark : {0.25, 0.5, 1.0, 2.0, 4.0, 8.0, 16.0})
+        chart += fmt::format("<line class=\"axis\" x1=\"{0:.1f}\" x2=\"{0:.1f}\" y1=\"{1}\" "
+                             "y2=\"{2}\" opacity=\"{3}\"/>\n",
+                             across(mark), kTop, height - 12, mark == 1.0 ? 1.0 : 0.25);
+    int top = kTop;
+    for (const std::string& category : categories()) {
+        chart += fmt::format("<text x=\"{}\" y=\"{}\" text-anchor=\"end\">{}</text>\n", kLabels - 8,
+                             top + 17, category);
+        if (ours != nullptr)
+            chart += bar(results.gain(*ours, category), top + 3, "ours");
+        if (floor != nullptr)
+            chart += bar(results.gain(*floor, category), top + 16, "floor");
+        top += kRow;
+    }
+    return chart + "</svg>\n";
+}
+
+} // namespace tavelin::bench

@@ -1,0 +1,134 @@
+#include "Benchmarks/mount/scale.hpp"
+
+#include "Benchmarks/mount/file_calls.hpp"
+#include "Benchmarks/mount/workloads.hpp"
+#include "support/run_process.hpp"
+
+#include <fmt/format.h>
+
+#include <functional>
+#include <stdexcept>
+
+namespace tavelin::bench {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Step {
+    double cost = 0;         // nanoseconds a unit
+    uint64_t peakMemory = 0; // bytes
+};
+using Steps = std::vector<std::pair<std::string, Step>>;
+
+void format(const fs::path& image) {
+    test::runOrThrow({"mkntfs", "-q", "-Q", "-F", image});
+}
+
+Steps entrySteps(const Server& server, const fs::path& image, const fs::path& folder, int count) {
+    format(image);
+    auto mounted = std::make_unique<MountedServer>(server, image, folder);
+    const std::string root = folder.string() + "/one";
+    check(::mkdir(root.c_str(), 0777) == 0, root);
+    const auto path = [&](int i) { return fmt::format("{}/entry{:06}", root, i); };
+    Steps steps;
+    const auto step = [&](const char* name, const std::function<void()>& work) {
+        const double seconds = timed(work);
+        steps.push_back({name, {seconds / count * 1e9, mounted->peakMemory()}});
+    };
+    const auto remount = [&] {
+        mounted->unmount();
+        mounted = std::make_unique<MountedServer>(server, image, folder);
+    };
+    step("create", [&] {
+        for (int i = 0; i < count; ++i)
+            File(path(i), O_WRONLY | O_CREAT | O_EXCL);
+    });
+    remount();
+    step("look up", [&] {
+        for (int i = 0; i < count; ++i)
+            (void)statusOf(path(i));
+    });
+    remount();
+    step("list", [&] {
+        if (namesIn(root).size() != static_cast<size_t>(count))
+            throw std::runtime_error("wrong number of entries");
+    });
+    step("remove", [&] {
+        for (int i = 0; i < count; ++i)
+            check(::unlink(path(i).c_str()) == 0, path(i));
+    });
+    mounted->unmount();
+    return steps;
+}
+
+Steps byteSteps(const Server& server, const fs::path& image, const fs::path& folder,
+                int mebibytes) {
+    constexpr int kMiB = 1 << 20;
+    format(image);
+    auto mounted = std::make_unique<MountedServer>(server, image, folder);
+    const std::string path = folder.string() + "/large";
+    std::string block(kMiB, 'x');
+    Steps steps;
+    const auto step = [&](const char* name, const std::function<void()>& work) {
+        const double seconds = timed(work);
+        steps.push_back({name, {seconds / (mebibytes * 1024.0) * 1e9, mounted->peakMemory()}});
+    };
+    step("write", [&] {
+        File file(path, O_WRONLY | O_CREAT);
+        for (int i = 0; i < mebibytes; ++i)
+            file.write(block, off_t{i} * kMiB);
+        file.sync();
+    });
+    mounted->unmount();
+    mounted = std::make_unique<MountedServer>(server, image, folder);
+    step("read", [&] {
+        File file(path, O_RDONLY);
+        for (int i = 0; i < mebibytes; ++i)
+            if (file.read(block, off_t{i} * kMiB) != kMiB)
+                throw std::runtime_error("short file");
+    });
+    mounted->unmount();
+    return steps;
+}
+
+std::string table(const char* unit, const std::vector<int>& sizes, const char* sizeUnit,
+                  const std::function<Steps(int)>& measureSize) {
+    std::vector<Steps> all;
+    for (const int size : sizes)
+        all.push_back(measureSize(size));
+    std::string text = fmt::format("| {} |", unit), rule = "|---|", peaks = "| peak memory, MiB |";
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        text += fmt::format(" {} {} |", sizes[i], sizeUnit);
+        rule += "---:|";
+        uint64_t peak = 0;
+        for (const auto& [name, step] : all[i])
+            peak = std::max(peak, step.peakMemory);
+        peaks += fmt::format(" {:.1f} |", static_cast<double>(peak) / (1 << 20));
+    }
+    text += " largest against smallest |\n" + rule + "---:|\n";
+    for (size_t row = 0; row < all.front().size(); ++row) {
+        text += fmt::format("| {} |", all.front()[row].first);
+        for (const Steps& steps : all)
+            text += fmt::format(" {:.0f} |", steps[row].second.cost);
+        text +=
+            fmt::format(" {:.2f} |\n", all.back()[row].second.cost / all.front()[row].second.cost);
+    }
+    return text + peaks + " |\n";
+}
+
+} // namespace
+
+std::string measureScale(const Server& server, const fs::path& image, const fs::path& folder,
+                         bool quick) {
+    const std::vector<int> entries =
+        quick ? std::vector{1'000, 10'000} : std::vector{1'000, 10'000, 100'000};
+    const std::vector<int> mebibytes = quick ? std::vector{1, 64} : std::vector{1, 64, 512, 4'096};
+    return table("nanoseconds an entry", entries, "entries",
+                 [&](int n) { return entrySteps(server, image, folder, n); }) +
+           "\n" + table("nanoseconds a KiB", mebibytes, "MiB", [&](int n) {
+               return byteSteps(server, image, folder, n);
+           });
+}
+
+} // namespace tavelin::bench

@@ -1,0 +1,12 @@
+// A folder tree with the sizes of a source project, the same on every run.
+#pragma once
+
+#include <filesystem>
+
+namespace tavelin::bench {
+
+// Writes `files` text files, in folders of about 25, below `root`, which is created. The sizes
+// are spread like source code's: a few hundred bytes to some tens of kilobytes.
+void makeSourceTree(const std::filesystem::path& root, int files);
+
+} // namespace tavelin::bench
