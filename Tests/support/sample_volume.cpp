@@ -46,6 +46,8 @@ SampleVolume::SampleVolume(const VolumeGeometry& geometry) : image_(folder_ / "v
 }
 
 std::string SampleVolume::check() const {
+    // Walks every file record and compares the clusters in use with the allocation bitmap.
+    runOrThrow({"ntfsresize", "--info", "--force", "--no-progress-bar", image_.string()});
     return runOrThrow({"ntfsfix", "-n", image_.string()});
 }
 
@@ -63,7 +65,9 @@ std::vector<std::string> SampleVolume::list(const std::string& path) const {
         runOrThrow({"ntfsls", "--force", "--quiet", "--path", path, image_.string()}));
     std::vector<std::string> names;
     for (std::string name; std::getline(lines, name);) {
-        names.push_back(name);
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
     }
     std::sort(names.begin(), names.end());
     return names;

@@ -30,7 +30,8 @@ class SampleVolume {
     const TempFolder& folder() const { return folder_; }
 
     // What an independent reader says of it: the text `ntfsfix -n` prints, which names every fault
-    // it finds, or throws when it cannot read the volume at all.
+    // it finds. Throws when it cannot read the volume at all, or when the clusters that the file
+    // records use are not those that the volume's bitmap says are in use.
     std::string check() const;
     // The content of a file, by ntfscat. `stream` names an alternate stream.
     std::string cat(const std::string& path, const std::string& stream = {}) const;

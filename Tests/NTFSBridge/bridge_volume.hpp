@@ -1,0 +1,148 @@
+// A sample volume mounted through the bridge, its device being a copy of the image in memory.
+#pragma once
+
+#include "NTFSBridge/ntb.h"
+#include "support/memory_io.hpp"
+#include "support/sample_volume.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <map>
+#include <string>
+
+namespace tavelin::test {
+
+class BridgeVolume {
+  public:
+    explicit BridgeVolume(const VolumeGeometry& geometry = {})
+        : sample_(geometry), memory_(MemoryIo::fromFile(sample_.image(), geometry.sectorSize)) {
+        mount();
+    }
+    ~BridgeVolume() { ntb_umount(volume_); }
+    BridgeVolume(const BridgeVolume&) = delete;
+    BridgeVolume& operator=(const BridgeVolume&) = delete;
+
+    operator ntb_vol*() const { return volume_; }
+    MemoryIo& memory() { return memory_; }
+    const SampleVolume& sample() const { return sample_; }
+
+    int32_t unmount() { return ntb_umount(std::exchange(volume_, nullptr)); }
+    int32_t mount(bool isReadOnly = false) {
+        int32_t error = 0;
+        volume_ = ntb_mount(&memory_.io(), isReadOnly ? 1 : 0, &error);
+        return error;
+    }
+    // Unmounts, hands the image to the independent tools and has them check it.
+    const SampleVolume& finish() {
+        EXPECT_EQ(unmount(), 0);
+        EXPECT_EQ(memory_.violations(), 0u);
+        memory_.save(sample_.image());
+        EXPECT_NO_THROW(sample_.check());
+        return sample_;
+    }
+
+    uint64_t make(const std::string& name, uint64_t parent = NTB_ROOT_INO,
+                  uint32_t kind = NTB_TYPE_FILE) {
+        uint64_t ino = 0;
+        EXPECT_EQ(ntb_create(volume_, parent, name.c_str(), kind, &ino), 0) << name;
+        return ino;
+    }
+    uint64_t makeDirectory(const std::string& name, uint64_t parent = NTB_ROOT_INO) {
+        return make(name, parent, NTB_TYPE_DIRECTORY);
+    }
+    // 0 when there is no such name.
+    uint64_t find(const std::string& name, uint64_t parent = NTB_ROOT_INO) {
+        uint64_t ino = 0;
+        const int32_t error = ntb_lookup(volume_, parent, name.c_str(), &ino);
+        EXPECT_TRUE(error == 0 || error == ENOENT) << name << ": " << error;
+        return error == 0 ? ino : 0;
+    }
+    // "/a/b", by one lookup a part.
+    uint64_t resolve(const std::string& path) {
+        uint64_t ino = NTB_ROOT_INO;
+        for (size_t at = 1; at < path.size();) {
+            const size_t end = std::min(path.find('/', at), path.size());
+            ino = find(path.substr(at, end - at), ino);
+            at = end + 1;
+        }
+        return ino;
+    }
+    int32_t write(uint64_t ino, const std::string& data, uint64_t offset = 0) {
+        uint64_t done = 0;
+        const int32_t error = ntb_write(volume_, ino, offset, data.data(), data.size(), &done);
+        EXPECT_EQ(done, error == 0 ? data.size() : done);
+        return error;
+    }
+    std::string read(uint64_t ino, uint64_t offset = 0, uint64_t length = 64 << 20) {
+        std::string data(length, '\0');
+        uint64_t done = 0;
+        EXPECT_EQ(ntb_read(volume_, ino, offset, data.data(), length, &done), 0);
+        data.resize(done);
+        return data;
+    }
+    ntb_attr attributes(uint64_t ino) {
+        ntb_attr attr = {};
+        EXPECT_EQ(ntb_getattr(volume_, ino, &attr), 0);
+        return attr;
+    }
+    std::string readlink(uint64_t ino) {
+        char* target = nullptr;
+        EXPECT_EQ(ntb_readlink(volume_, ino, &target), 0);
+        const std::string text = target == nullptr ? "" : target;
+        free(target);
+        return text;
+    }
+    // Name to type of everything in a directory. Duplicate names are a failure.
+    std::map<std::string, uint32_t> list(uint64_t directory = NTB_ROOT_INO) {
+        std::map<std::string, uint32_t> entries;
+        const auto add = [](void* context, const char* name, uint64_t, uint32_t type) {
+            auto& list = *static_cast<std::map<std::string, uint32_t>*>(context);
+            EXPECT_TRUE(list.emplace(name, type).second) << name;
+            return int32_t{0};
+        };
+        EXPECT_EQ(ntb_readdir(volume_, directory, add, &entries), 0);
+        return entries;
+    }
+    std::vector<std::string> streams(uint64_t ino) {
+        std::vector<std::string> names;
+        const auto add = [](void* context, const char* name) {
+            static_cast<std::vector<std::string>*>(context)->emplace_back(name);
+            return int32_t{0};
+        };
+        EXPECT_EQ(ntb_listxattr(volume_, ino, add, &names), 0);
+        return names;
+    }
+    // The error, or 0 and the value.
+    std::pair<int32_t, std::string> stream(uint64_t ino, const std::string& name) {
+        void* value = nullptr;
+        uint64_t size = 0;
+        const int32_t error = ntb_getxattr(volume_, ino, name.c_str(), &value, &size);
+        EXPECT_EQ(value != nullptr, error == 0);
+        std::string text(static_cast<const char*>(value), size);
+        free(value);
+        return {error, text};
+    }
+    int32_t setStream(uint64_t ino, const std::string& name, const std::string& value,
+                      int32_t flags = NTB_XATTR_ANY) {
+        return ntb_setxattr(volume_, ino, name.c_str(), value.data(), value.size(), flags);
+    }
+
+  private:
+    SampleVolume sample_;
+    MemoryIo memory_;
+    ntb_vol* volume_ = nullptr;
+};
+
+// Bytes that repeat nowhere near, so that a misplaced block shows.
+inline std::string patternText(uint64_t size, uint32_t seed = 1) {
+    std::string text(size, '\0');
+    uint32_t state = seed * 2654435761u;
+    for (char& c : text) {
+        state = state * 1664525u + 1013904223u;
+        c = static_cast<char>(state >> 24);
+    }
+    return text;
+}
+
+} // namespace tavelin::test

@@ -1,0 +1,226 @@
+// Probing, mounting, volume-wide state, and the bridge as seen from C.
+#include "bridge_volume.hpp"
+
+#include "support/run_process.hpp"
+
+namespace tavelin::test {
+namespace {
+
+int32_t mountError(MemoryIo& device, bool isReadOnly = false) {
+    int32_t error = 0;
+    ntb_vol* const volume = ntb_mount(&device.io(), isReadOnly ? 1 : 0, &error);
+    EXPECT_EQ(volume == nullptr, error != 0);
+    EXPECT_EQ(ntb_umount(volume), 0);
+    return error;
+}
+
+TEST(Volume, EveryGeometryKeepsWhatIsWrittenAndPassesTheChecks) {
+    const VolumeGeometry geometries[] = {
+        {.clusterSize = 512},
+        {.clusterSize = 4096},
+        {.bytes = 64 << 20, .clusterSize = 65536},
+        {.clusterSize = 4096, .sectorSize = 4096},
+        {.bytes = (16 << 20) + 1536, .clusterSize = 512},
+    };
+    for (const VolumeGeometry& geometry : geometries) {
+        SCOPED_TRACE(testing::Message()
+                     << geometry.bytes << " bytes, cluster " << geometry.clusterSize << ", sector "
+                     << geometry.sectorSize);
+        BridgeVolume volume(geometry);
+        ASSERT_NE(volume, nullptr);
+        uint64_t serial = 0;
+        EXPECT_EQ(ntb_probe(&volume.memory().io(), &serial), 0);
+        EXPECT_EQ(ntb_serial(volume), serial);
+        ntb_statfs space = {};
+        EXPECT_EQ(ntb_statfs_get(volume, &space), 0);
+        EXPECT_EQ(space.clusterSize, geometry.clusterSize);
+
+        std::map<std::string, std::string> files;
+        for (const uint64_t size : {0, 1, 600, 4096, 65537, 1500000}) {
+            const std::string name = "file of " + std::to_string(size);
+            files[name] = patternText(size, static_cast<uint32_t>(size));
+            EXPECT_EQ(volume.write(volume.make(name), files[name]), 0);
+        }
+        const uint64_t directory = volume.makeDirectory("directory");
+        for (int i = 0; i < 300; ++i) {
+            volume.make("entry " + std::to_string(i), directory);
+        }
+        ntb_statfs after = {};
+        EXPECT_EQ(ntb_statfs_get(volume, &after), 0);
+        EXPECT_GE((space.freeClusters - after.freeClusters) * geometry.clusterSize, 1500000u);
+        EXPECT_EQ(ntb_sync(volume), 0);
+
+        const SampleVolume& sample = volume.finish();
+        EXPECT_EQ(sample.list("/directory").size(), 300u);
+        for (const auto& [name, content] : files) {
+            EXPECT_TRUE(sample.cat(name) == content) << name;
+        }
+        ASSERT_EQ(volume.mount(true), 0);
+        EXPECT_EQ(volume.list(directory).size(), 300u);
+        for (const auto& [name, content] : files) {
+            EXPECT_TRUE(volume.read(volume.find(name)) == content) << name;
+        }
+    }
+}
+
+TEST(Volume, RefusesWhatIsNoMountableVolumeAndLeavesItAlone) {
+    const SampleVolume sample;
+    MemoryIo good = MemoryIo::fromFile(sample.image());
+    const struct {
+        const char* what;
+        int32_t probe;
+        int32_t mount; // -1: any error, -2: that or read-only, to save what is left
+        void (*damage)(MemoryIo&);
+    } cases[] = {
+        {"an intact volume", 0, 0, [](MemoryIo&) {}},
+        {"511 bytes", EINVAL, EINVAL,
+         [](MemoryIo& d) {
+             d = MemoryIo({d.bytes().begin(), d.bytes().begin() + 511});
+         }},
+        {"swapped signature", EINVAL, EINVAL,
+         [](MemoryIo& d) { std::swap(d.bytes()[510], d.bytes()[511]); }},
+        {"another system's name", EINVAL, EINVAL, [](MemoryIo& d) { d.bytes()[3] = 'X'; }},
+        {"an unreadable device", EINVAL, EINVAL, [](MemoryIo& d) { d.failFrom(1, EIO); }},
+        {"half a volume", 0, -2,
+         [](MemoryIo& d) {
+             d = MemoryIo({d.bytes().begin(), d.bytes().begin() + (8 << 20)});
+         }},
+        {"no file records", 0, -1,
+         [](MemoryIo& d) { std::fill_n(d.bytes().begin() + 4 * 4096, 64 << 10, uint8_t{0}); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        MemoryIo device = good;
+        c.damage(device);
+        const std::vector<uint8_t> before = device.bytes();
+        uint64_t serial = 42;
+        EXPECT_EQ(ntb_probe(&device.io(), &serial), c.probe);
+        EXPECT_EQ(ntb_probe(&device.io(), nullptr), c.probe);
+        EXPECT_EQ(serial == 42, c.probe != 0);
+        for (const bool isReadOnly : {false, true}) {
+            const int32_t error = mountError(device, isReadOnly);
+            const bool mayMount = c.mount == 0 || (c.mount == -2 && isReadOnly);
+            EXPECT_TRUE(c.mount > 0 ? error == c.mount
+                        : mayMount  ? error == 0
+                                    : error > 0)
+                << error;
+            EXPECT_TRUE(c.mount == 0 || device.bytes() == before);
+        }
+    }
+}
+
+TEST(Volume, AHibernatedVolumeMountsReadOnlyOnly) {
+    BridgeVolume volume;
+    std::string image = "hibr";
+    image.resize(8192);
+    EXPECT_EQ(volume.write(volume.make("hiberfil.sys"), image), 0);
+    EXPECT_EQ(volume.unmount(), 0);
+    EXPECT_EQ(volume.mount(), EPERM);
+    EXPECT_EQ(volume.mount(true), 0);
+    EXPECT_EQ(volume.read(volume.find("hiberfil.sys")).size(), 8192u);
+}
+
+TEST(Volume, LabelsUpToTheirLongest) {
+    BridgeVolume volume({.label = "Before"});
+    const auto label = [&] {
+        char* const text = ntb_label(volume);
+        const std::string copy = text;
+        free(text);
+        return copy;
+    };
+    EXPECT_EQ(label(), "Before");
+    std::string longest;
+    for (int i = 0; i < 128; ++i) {
+        longest += "\u00fc";
+    }
+    EXPECT_EQ(ntb_set_label(volume, (longest + "x").c_str()), ENAMETOOLONG);
+    EXPECT_EQ(ntb_set_label(volume, "\xff"), EILSEQ);
+    EXPECT_EQ(ntb_set_label(volume, nullptr), EINVAL);
+    EXPECT_EQ(label(), "Before");
+    for (const std::string& wanted : {longest, std::string(), std::string("After")}) {
+        EXPECT_EQ(ntb_set_label(volume, wanted.c_str()), 0);
+        EXPECT_EQ(label(), wanted);
+        EXPECT_EQ(volume.unmount(), 0);
+        ASSERT_EQ(volume.mount(), 0);
+        EXPECT_EQ(label(), wanted);
+    }
+    EXPECT_EQ(runOrThrow({"ntfslabel", volume.finish().image().string()}), "After\n");
+}
+
+TEST(Volume, FlushesReachTheHostOnlyWhenThereIsSomethingToWrite) {
+    BridgeVolume volume;
+    const auto syncs = [&] {
+        uint64_t count = 0;
+        for (const MemoryIo::Call& call : volume.memory().takeLog()) {
+            count += call.kind == MemoryIo::Kind::kSync ? 1 : 0;
+        }
+        return count;
+    };
+    ASSERT_EQ(ntb_sync(volume), 0);
+    volume.memory().takeLog();
+    EXPECT_EQ(ntb_flush_dirty(volume), 0);
+    EXPECT_EQ(ntb_sync(volume), 0);
+    EXPECT_EQ(volume.memory().takeLog().size(), 0u);
+
+    const uint64_t ino = volume.make("file");
+    ntb_stats stats = {};
+    ntb_get_stats(volume, &stats);
+    EXPECT_GT(stats.dirtyPages, 0u);
+    EXPECT_EQ(syncs(), 0u);
+    volume.memory().failFrom(1, ENXIO);
+    EXPECT_EQ(ntb_flush_dirty(volume), ENXIO);
+    EXPECT_EQ(ntb_flush(volume, ino), ENXIO);
+    volume.memory().heal();
+    EXPECT_EQ(ntb_flush(volume, ino), 0);
+    EXPECT_EQ(syncs(), 1u);
+    ntb_get_stats(volume, &stats);
+    EXPECT_EQ(stats.dirtyPages, 0u);
+    EXPECT_EQ(stats.reserved1 + stats.reserved2, 0u);
+    volume.finish();
+}
+
+TEST(Volume, ReadOnlyRefusesEveryChange) {
+    BridgeVolume volume;
+    const uint64_t ino = volume.make("file");
+    EXPECT_EQ(volume.setStream(ino, "stream", "value"), 0);
+    EXPECT_EQ(volume.unmount(), 0);
+    ASSERT_EQ(volume.mount(true), 0);
+    const std::vector<uint8_t> before = volume.memory().bytes();
+    uint64_t out = 0;
+    const ntb_time now = {1700000000, 0};
+    EXPECT_EQ(ntb_is_readonly(volume), 1);
+    EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, "new", NTB_TYPE_FILE, &out), EROFS);
+    EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, "a/b", NTB_TYPE_FILE, &out), EROFS);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "new", "target", &out), EROFS);
+    EXPECT_EQ(ntb_write(volume, ino, 0, "x", 1, &out), EROFS);
+    EXPECT_EQ(ntb_truncate(volume, ino, 10), EROFS);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "file"), EROFS);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "file", NTB_ROOT_INO, "file"), EROFS);
+    EXPECT_EQ(ntb_set_times(volume, ino, &now, nullptr, nullptr, nullptr), EROFS);
+    EXPECT_EQ(ntb_set_hidden(volume, ino, 1), EROFS);
+    EXPECT_EQ(ntb_setxattr(volume, ino, "", "x", 1, NTB_XATTR_ANY), EROFS);
+    EXPECT_EQ(ntb_removexattr(volume, ino, "stream"), EROFS);
+    EXPECT_EQ(ntb_set_label(volume, "label"), EROFS);
+    EXPECT_EQ(ntb_flush(volume, 999999), 0);
+    EXPECT_EQ(ntb_sync(volume), 0);
+    ntb_set_windows_names(volume, 5);
+    EXPECT_EQ(ntb_windows_names(volume), 1);
+    EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, "aux", NTB_TYPE_FILE, &out), EINVAL);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "a:b", "target", &out), EINVAL);
+    EXPECT_EQ(volume.stream(ino, "stream").second, "value");
+    EXPECT_EQ(volume.unmount(), 0);
+    EXPECT_TRUE(volume.memory().bytes() == before);
+}
+
+TEST(Volume, AProgramInCUsesAllOfIt) {
+    const SampleVolume sample;
+    const ProcessResult result = run({C_PROGRAM, sample.image().string()});
+    EXPECT_TRUE(result.ok()) << result.describe();
+    EXPECT_EQ(sample.list("/"), (std::vector<std::string>{"directory", "link"}));
+    EXPECT_EQ(sample.cat("/directory/moved"), "Hello from C");
+    EXPECT_EQ(sample.cat("/directory/moved", "stream"), "value");
+    EXPECT_NO_THROW(sample.check());
+}
+
+} // namespace
+} // namespace tavelin::test
