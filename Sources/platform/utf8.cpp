@@ -16,7 +16,7 @@ struct Lead {
     std::uint8_t high = 0xbf;
 };
 
-Lead leadOf(std::uint8_t byte) {
+Lead leadOf(std::uint8_t byte) noexcept {
     if (byte < 0x80) {
         return {1};
     }
@@ -44,7 +44,7 @@ struct Sequence {
 
 /// The sequence at the start of a text that is not empty: a whole character, or the longest part
 /// of one that is there, at least one byte.
-Sequence sequenceAt(std::string_view text) {
+Sequence sequenceAt(std::string_view text) noexcept {
     const Lead lead = leadOf(static_cast<std::uint8_t>(text[0]));
     std::size_t length = 1;
     while (length < lead.length && length < text.size()) {
@@ -59,6 +59,17 @@ Sequence sequenceAt(std::string_view text) {
 }
 
 } // namespace
+
+bool isUTF8(std::string_view text) noexcept {
+    while (!text.empty()) {
+        const Sequence sequence = sequenceAt(text);
+        if (!sequence.whole) {
+            return false;
+        }
+        text.remove_prefix(sequence.length);
+    }
+    return true;
+}
 
 std::string repairUTF8(std::string_view text) {
     constexpr std::string_view kReplacement = "\xef\xbf\xbd";

@@ -15,6 +15,7 @@
 #include "fskit/api/item.hpp"
 #include "fskit/api/task.hpp"
 #include "fskit/api/volume_types.hpp"
+#include "platform/mutex.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -49,12 +50,20 @@ class FSVolume {
     FSVolume& operator=(const FSVolume&) = delete;
 
     const FSVolumeIdentifier& volumeID() const noexcept { return volumeID_; }
-    virtual FSFileName name() const { return name_; }
-    virtual void setName(FSFileName name) { name_ = std::move(name); }
+    /// Atomic, as FSKit's property is.
+    FSFileName name() const {
+        const tavelin::MutexLock held(nameLock_);
+        return name_;
+    }
+    void setName(FSFileName name) {
+        const tavelin::MutexLock held(nameLock_);
+        name_ = std::move(name);
+    }
 
   private:
     const FSVolumeIdentifier volumeID_;
-    FSFileName name_;
+    mutable tavelin::Mutex nameLock_;
+    FSFileName name_ TAVELIN_GUARDED_BY(nameLock_);
 };
 
 class FSVolumePathConfOperations {

@@ -1,0 +1,60 @@
+/// The block device that a host's resource is to the volume.
+#pragma once
+
+#include "core/block_device.hpp"
+#include "fskit/api/resource.hpp"
+
+#include <atomic>
+#include <memory>
+#include <string_view>
+
+namespace tavelin {
+
+/// Reads and writes through a block-device resource, in chunks and across short transfers. Called
+/// under the volume's lock only; `cached` may be looked at from any thread.
+///
+/// A failed call is logged, tallied and, for the first ones of a process, written to the event log
+/// (deviceError). Results are the host's errno: the number of a POSIX error, else EIO.
+class ResourceDevice final : public BlockDevice {
+  public:
+    /// Largest piece of a cached transfer, in bytes; uncached ones go in pieces of 8 MiB.
+    static constexpr std::uint64_t maxChunk = 1u << 20;
+
+    /// `resource` must not be null.
+    explicit ResourceDevice(std::shared_ptr<fskit::FSBlockDeviceResource> resource);
+
+    /// The larger of the resource's physical and logical block size, at least 512.
+    [[nodiscard]] std::uint32_t blockSize() const noexcept override { return blockSize_; }
+    [[nodiscard]] std::uint64_t size() const noexcept override { return size_; }
+
+    [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
+                                    std::uint64_t length) noexcept override;
+    [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
+                                     std::uint64_t length) noexcept override;
+    /// Flushes the kernel's buffers when cached. Uncached writes have already left this process;
+    /// there is no call of the resource that asks more of the device.
+    [[nodiscard]] std::int32_t sync() noexcept override;
+
+    /// Whether I/O goes through the kernel's buffer cache. Set before the device is used.
+    std::atomic<bool> cached{false};
+
+    /// Whether newly made devices are to be cached; off until enableKernelCache(), which the front
+    /// end obeys when it loads a volume.
+    [[nodiscard]] static bool kernelCacheEnabled() noexcept;
+    static void enableKernelCache() noexcept;
+
+    /// The host's errno for an error of the resource.
+    [[nodiscard]] static std::int32_t errorNumber(const fskit::Error& error) noexcept;
+
+    const std::shared_ptr<fskit::FSBlockDeviceResource> resource;
+
+  private:
+    template<typename Transfer>
+    std::int32_t transferAll(std::string_view op, std::uint64_t offset, std::uint64_t length,
+                             Transfer transfer) noexcept;
+
+    std::uint32_t blockSize_;
+    std::uint64_t size_;
+};
+
+} // namespace tavelin

@@ -1,0 +1,51 @@
+/// The file-system module: probes resources, loads one volume, unloads it, and answers checks.
+///
+/// Threads: requests may come on any thread, but the host does not overlap load, unload and check
+/// of one module. Replies are given before a request returns; a check's task is completed later, on
+/// the utility queue.
+#pragma once
+
+#include "fskit/api/file_system.hpp"
+#include "fskit/tavelin_volume.hpp"
+
+#include <memory>
+#include <string>
+
+namespace tavelin {
+
+class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
+  public:
+    /// Writes the event "module_start".
+    TavelinFileSystem();
+
+    /// The loaded volume; null before the first load and after every unload.
+    std::shared_ptr<TavelinVolume> volume;
+
+    /// The type name that statistics carry: the short name in the information dictionary.
+    [[nodiscard]] static const std::string& typeName();
+
+    /// Usable under its label (else "NTFS") when there is an NTFS boot sector; never an error.
+    void probeResource(const fskit::FSResourceRef& resource,
+                       const fskit::ProbeReply& reply) override;
+    /// Mounts read-only when the options or the medium say so, or when the volume is hibernated,
+    /// fast-started or write-protected; else read-write. kENODEV when the resource is no block
+    /// device, otherwise what the volume's open answers. Loading over a loaded volume lets go of
+    /// that one, which then unmounts when its last user does.
+    void loadResource(const fskit::FSResourceRef& resource, const fskit::FSTaskOptions& options,
+                      const fskit::VolumeReply& reply) override;
+    /// Unmounts the volume and forgets it, whatever the result.
+    void unloadResource(const fskit::FSResourceRef& resource, const fskit::FSTaskOptions& options,
+                        const fskit::ErrorReply& reply) override;
+
+    /// Quick and verifying checks of a loaded volume succeed without looking; kEINVAL for other
+    /// arguments, kENXIO without a volume, kENOTSUP for a repair.
+    [[nodiscard]] std::shared_ptr<fskit::NSProgress>
+    startCheck(const std::shared_ptr<fskit::FSTask>& task,
+               const fskit::FSTaskOptions& options) override;
+    /// Always kENOTSUP.
+    [[nodiscard]] std::shared_ptr<fskit::NSProgress>
+    startFormat(const std::shared_ptr<fskit::FSTask>& task,
+                const fskit::FSTaskOptions& options) override;
+};
+
+} // namespace tavelin
