@@ -1,0 +1,118 @@
+#include "core/device_box.hpp"
+#include "core/file_block_device.hpp"
+#include "core/ntfs_error.hpp"
+#include "diagnostics/error_tally.hpp"
+#include "diagnostics/event_log.hpp"
+#include "platform/error_numbers.hpp"
+#include "support/run_process.hpp"
+#include "support/temp_folder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+namespace tavelin {
+namespace {
+
+using test::run;
+
+constexpr std::uint64_t kBlock = 4096;
+
+TEST(FileBlockDevice, ServesWholeBlocksOfAFile) {
+    const test::TempFolder folder;
+    test::writeFile(folder / "image", std::string(10000, 'a'));
+    for (const bool noCache : {false, true}) {
+        FileBlockDevice device(folder / "image", kBlock, false, noCache);
+        EXPECT_EQ(device.size(), 8192u);
+        std::array<std::byte, 2 * kBlock> out{}, in{};
+        out.fill(std::byte{noCache});
+        EXPECT_EQ(device.write(out.data(), 0, out.size()), 0);
+        EXPECT_EQ(device.sync(), 0);
+        EXPECT_EQ(device.read(in.data(), 0, in.size()), 0);
+        EXPECT_EQ(in, out);
+        EXPECT_EQ(device.read(in.data(), 2 * kBlock, kBlock), EIO) << "the file ends inside";
+        EXPECT_EQ(device.read(in.data(), 8 * kBlock, 0), 0);
+
+        EXPECT_EQ(device.read(in.data(), 0, 100), EINVAL);
+        EXPECT_EQ(device.write(out.data(), 100, kBlock), EINVAL);
+        device.strictAlignment = false;
+        EXPECT_EQ(device.read(in.data(), 1, 100), 0);
+        EXPECT_EQ(device.misaligned, 3);
+    }
+    std::array<std::byte, kBlock> block{};
+    FileBlockDevice readOnly(folder / "image", kBlock, true);
+    EXPECT_EQ(readOnly.write(block.data(), 0, kBlock), EBADF);
+    EXPECT_DEATH(FileBlockDevice(folder / "image", 0), "block size of 0");
+    try {
+        const FileBlockDevice absent(folder / "absent");
+        FAIL() << "opened a file that does not exist";
+    } catch (const NTFSError& error) {
+        EXPECT_EQ(error.code, kENOENT);
+    }
+}
+
+TEST(FileBlockDevice, TakesTheSizeOfADeviceNodeFromTheDevice) {
+    const test::TempFolder folder;
+    test::writeFile(folder / "image", std::string(1 << 20, 'x'));
+    const auto attached = run({"losetup", "--find", "--show", folder / "image"});
+    if (!attached.ok()) {
+        GTEST_SKIP() << "no loop device here: " << attached.err;
+    }
+    const std::string node = attached.out.substr(0, attached.out.find('\n'));
+    std::uint64_t size = 0;
+    std::array<std::byte, kBlock> last{};
+    {
+        FileBlockDevice device(node);
+        size = device.size();
+        EXPECT_EQ(device.read(last.data(), (1 << 20) - kBlock, kBlock), 0);
+    }
+    EXPECT_TRUE(run({"losetup", "--detach", node}).ok());
+    EXPECT_EQ(size, 1u << 20);
+    EXPECT_EQ(last.back(), std::byte{'x'});
+}
+
+TEST(DeviceBox, ACallbackWithoutItsContextOrBufferStopsTheProcess) {
+    const test::TempFolder folder;
+    test::writeFile(folder / "image", std::string(kBlock, 'a'));
+    DeviceBox box(std::make_shared<FileBlockDevice>(folder / "image"));
+    const ntb_io io = makeIO(box);
+    std::array<std::byte, kBlock> buffer{};
+    EXPECT_EQ(io.read(io.context, buffer.data(), 0, kBlock), 0);
+    EXPECT_DEATH(io.read(nullptr, buffer.data(), 0, kBlock), "context");
+    EXPECT_DEATH(io.write(io.context, nullptr, 0, kBlock), "buffer");
+}
+
+TEST(NTFSError, IsDescribedAndRecordedByItsNumber) {
+    EXPECT_STREQ(NTFSError(kENOTEMPTY).what(), "66 Directory not empty");
+    errorTally().reset();
+    EXPECT_EQ(recordError(NTFSError(kENOSPC), "lookupItem(named:inDirectory:)"), kENOSPC);
+    EXPECT_EQ(recordError(std::runtime_error("other"), "whole"), kEIO);
+    EXPECT_EQ(recordError(NTFSError(kEACCES), ""), kEACCES);
+    EXPECT_EQ(errorTally().summary().at("first"),
+              Value(Value::List{"lookupItem:28", "whole:5", ":13"}));
+}
+
+TEST(DeviceError, IsTalliedAlwaysButLoggedTwentyTimesOnly) {
+    const test::TempFolder container;
+    setenv("TAVELIN_GROUP_CONTAINER", container.path().c_str(), 1);
+    errorTally().reset();
+    for (int i = 0; i < 21; ++i) {
+        deviceError("write", ENOTEMPTY, 4096, 512, std::string(300, 'e'));
+    }
+    EXPECT_EQ(errorTally().summary().at("counts"), Value(Value::Map{{"66", 21}}));
+    const std::string log = events().tail(1 << 20);
+    EXPECT_EQ(std::ranges::count(log, '\n'), 20);
+    for (const std::string& part : std::vector<std::string>{
+             R"("ev":"device_error")", R"("op":"write")", R"("errno":66)", R"("off":4096)",
+             R"("len":512)", "\"err\":\"" + std::string(200, 'e') + "\""}) {
+        EXPECT_NE(log.find(part), std::string::npos) << part << " in " << log;
+    }
+    deviceErrorEvents = INT64_MAX;
+    EXPECT_DEATH(deviceError("read", EIO, 0, 0, ""), "deviceErrorEvents");
+    deviceErrorEvents = 0;
+}
+
+} // namespace
+} // namespace tavelin

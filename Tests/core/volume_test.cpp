@@ -1,0 +1,241 @@
+#include "watched_device.hpp"
+
+#include "core/driver2.hpp"
+#include "core/ntfs_volume.hpp"
+#include "support/replaced_services.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace tavelin {
+namespace {
+
+using namespace std::string_literals;
+using namespace test;
+
+constexpr std::uint64_t kRoot = NTFSVolume::kRootIno;
+using Type = NTFSItemType;
+using Policy = NTFSVolume::XattrPolicy;
+
+class Volume : public ::testing::Test {
+  protected:
+    std::shared_ptr<NTFSVolume> mount(bool readOnly = false) {
+        device = std::make_shared<WatchedDevice>(sample);
+        return NTFSVolume::open(device, readOnly);
+    }
+
+    const SampleVolume sample;
+    std::shared_ptr<WatchedDevice> device;
+    std::shared_ptr<NTFSVolume> volume = mount();
+};
+
+TEST_F(Volume, IsProbedLabelledAndMeasured) {
+    EXPECT_EQ(NTFSVolume::probe(device), volume->serial());
+    EXPECT_EQ(volume->label(), "Sample");
+    volume->setLabel("Übung");
+    EXPECT_EQ(volume->label(), "Übung");
+    const NTFSStatFS space = volume->statfs();
+    EXPECT_EQ(space.clusterSize, 4096u);
+    EXPECT_NEAR(static_cast<double>(space.totalBytes()), static_cast<double>(device->size()), 4096);
+    EXPECT_LT(space.freeBytes(), space.totalBytes());
+    EXPECT_GT(volume->ioStats().readBytes, 0u);
+    EXPECT_GT(volume->ioStats().dirtyPages, 0u);
+
+    const test::TempFolder folder;
+    test::writeFile(folder / "blank", std::string(1 << 20, '\0'));
+    const auto blank = std::make_shared<FileBlockDevice>(folder / "blank");
+    EXPECT_EQ(NTFSVolume::probe(blank), std::nullopt);
+    EXPECT_EQ(codeOf([&] { static_cast<void>(NTFSVolume::open(blank, false)); }), kEINVAL);
+    EXPECT_EQ(blank.use_count(), 1) << "a refused mount must hold nothing";
+}
+
+TEST_F(Volume, ItemsComeBackAsTheyWereMade) {
+    const auto dir = volume->create("dir", kRoot, Type::directory);
+    const auto file = volume->create("file", dir, Type::file);
+    const std::string target(1500, 't'); // longer than any name
+    const auto link = volume->symlink("link", dir, target);
+    EXPECT_EQ(volume->list(dir), (std::vector<NTFSDirEntry>{{"file", file, Type::file},
+                                                            {"link", link, Type::symlink}}));
+    EXPECT_EQ(volume->resolve("//dir///file/"), file);
+    EXPECT_EQ(volume->readlink(link), target);
+    EXPECT_EQ(volume->write(file, 10, bytesOf("0123456789")), 10u);
+    EXPECT_EQ(textOf(volume->read(file, 15, 100)), "56789");
+    EXPECT_TRUE(volume->read(file, 20, 100).empty());
+    volume->truncate(file, 13);
+
+    const std::timespec access{1'000'000'000, 100}, modify{1'100'000'000, 200},
+        change{1'200'000'000, 300}, birth{900'000'000, 400};
+    volume->setHidden(file, true);
+    volume->setTimes(file, access, modify, change, birth);
+    const NTFSAttributes made = volume->attributes(file);
+    EXPECT_EQ(made, (NTFSAttributes{.ino = file,
+                                    .type = Type::file,
+                                    .linkCount = 1,
+                                    .size = 13,
+                                    .allocSize = made.allocSize,
+                                    .hidden = true,
+                                    .accessTime = access,
+                                    .modifyTime = modify,
+                                    .changeTime = change,
+                                    .birthTime = birth}));
+    volume->setTimes(file, std::nullopt, access, std::nullopt, std::nullopt);
+    EXPECT_EQ(volume->attributes(file).modifyTime.tv_sec, access.tv_sec);
+    EXPECT_EQ(volume->attributes(file).birthTime.tv_sec, birth.tv_sec);
+    EXPECT_EQ(volume->attributes(dir).type, Type::directory);
+
+    volume->rename("file", dir, "moved", kRoot);
+    EXPECT_EQ(volume->lookup("moved", kRoot), file);
+    volume->unmount();
+    EXPECT_EQ(sample.list("/dir"), (std::vector<std::string>{".", "link"}));
+    EXPECT_EQ(sample.cat("/moved"), std::string(10, '\0') + "012");
+}
+
+TEST_F(Volume, ExtendedAttributesFollowTheirPolicy) {
+    const auto file = volume->create("file", kRoot, Type::file);
+    volume->setXattr("empty", file, {}, Policy::mustCreate);
+    volume->setXattr("full", file, bytesOf("value"), Policy::always);
+    EXPECT_TRUE(volume->xattr("empty", file).empty());
+    EXPECT_EQ(textOf(volume->xattr("full", file)), "value");
+    std::vector<std::string> names = volume->xattrNames(file);
+    std::ranges::sort(names);
+    EXPECT_EQ(names, (std::vector<std::string>{"empty", "full"}));
+    const auto set = [&](const char* name, Policy policy) {
+        return codeOf([&] { volume->setXattr(name, file, bytesOf("new"), policy); });
+    };
+    EXPECT_EQ(set("full", Policy::mustCreate), kEEXIST);
+    EXPECT_EQ(set("absent", Policy::mustReplace), kENOATTR);
+    EXPECT_EQ(set("full", Policy::mustReplace), 0);
+    volume->removeXattr("empty", file);
+    EXPECT_EQ(codeOf([&] { static_cast<void>(volume->xattr("empty", file)); }), kENOATTR);
+}
+
+TEST_F(Volume, ErrorsHaveTheSameNumbersOnEveryHost) {
+    const auto dir = volume->create("dir", kRoot, Type::directory);
+    volume->create("child", dir, Type::file);
+    const auto creating = [&](const std::string& name) {
+        return codeOf([&] { volume->create(name, kRoot, Type::file); });
+    };
+    EXPECT_EQ(codeOf([&] { volume->remove("dir", kRoot); }), kENOTEMPTY);
+    EXPECT_EQ(creating(std::string(256, 'n')), kENAMETOOLONG);
+    EXPECT_EQ(codeOf([&] { static_cast<void>(volume->resolve("dir/none")); }), kENOENT);
+
+    const std::string cut = "cut\0name"s;
+    EXPECT_EQ(creating(cut), kEINVAL);
+    EXPECT_EQ(codeOf([&] { volume->rename("dir", kRoot, cut, kRoot); }), kEINVAL);
+    EXPECT_EQ(codeOf([&] { volume->setLabel(cut); }), kEINVAL);
+    EXPECT_EQ(volume->list(kRoot).size(), 1u);
+
+    EXPECT_EQ(creating("aux"), 0);
+    volume->setWindowsNames(true);
+    EXPECT_TRUE(volume->windowsNames());
+    EXPECT_EQ(creating("con"), kEINVAL);
+}
+
+TEST_F(Volume, AnswersNothingAnyMoreOnceUnmounted) {
+    volume->unmount();
+    volume->unmount();
+    EXPECT_FALSE(volume->isMounted());
+    NTFSVolume& v = *volume;
+    std::byte byte{};
+    const std::vector<std::function<void()>> operations{
+        [&] { static_cast<void>(v.label()); },
+        [&] { v.setLabel("x"); },
+        [&] { static_cast<void>(v.statfs()); },
+        [&] { static_cast<void>(v.ioStats()); },
+        [&] { v.sync(); },
+        [&] { static_cast<void>(v.lookup("x\0y"s, kRoot)); },
+        [&] { static_cast<void>(v.resolve("x")); },
+        [&] { static_cast<void>(v.attributes(kRoot)); },
+        [&] { static_cast<void>(v.list(kRoot)); },
+        [&] { v.create("x", kRoot, Type::file); },
+        [&] { v.symlink("x", kRoot, "y"); },
+        [&] { static_cast<void>(v.readlink(kRoot)); },
+        [&] { v.remove("x", kRoot); },
+        [&] { v.rename("x", kRoot, "y", kRoot); },
+        [&] { v.setTimes(kRoot, {}, {}, {}, {}); },
+        [&] { v.setHidden(kRoot, true); },
+        [&] { static_cast<void>(v.read(kRoot, 0, &byte, 1)); },
+        [&] { static_cast<void>(v.read(kRoot, 0, 1)); },
+        [&] { v.write(kRoot, 0, &byte, 0); },
+        [&] { v.write(kRoot, 0, std::span(&byte, 1)); },
+        [&] { v.truncate(kRoot, 0); },
+        [&] { v.flush(kRoot); },
+        [&] { static_cast<void>(v.xattrNames(kRoot)); },
+        [&] { static_cast<void>(v.xattr("x", kRoot)); },
+        [&] { v.setXattr("x", kRoot, {}, Policy::always); },
+        [&] { v.removeXattr("x", kRoot); },
+    };
+    for (std::size_t i = 0; i < operations.size(); ++i) {
+        EXPECT_EQ(codeOf(operations[i]), kENXIO) << "operation " << i;
+    }
+    EXPECT_EQ(v.write(kRoot, 0, std::span<const std::byte>{}), 0u);
+    EXPECT_EQ(v.resolve("//"), kRoot);
+    EXPECT_DEATH(v.setWindowsNames(true), "after unmount");
+}
+
+TEST_F(Volume, DroppedWithoutUnmountItLeavesACompleteImage) {
+    const std::string content(3 << 20, 'c');
+    const auto dir = volume->create("dir", kRoot, Type::directory);
+    volume->write(volume->create("file", dir, Type::file), 0, bytesOf(content));
+    volume.reset();
+    expectConsistent(sample);
+    EXPECT_EQ(sample.cat("/dir/file"), content);
+    EXPECT_EQ(mount()->list(kRoot).size(), 1u);
+}
+
+TEST_F(Volume, AHibernatedVolumeOpensReadOnlyOnly) {
+    std::string header(4096, '\0');
+    header.replace(0, 4, "hibr");
+    volume->write(volume->create("hiberfil.sys", kRoot, Type::file), 0, bytesOf(header));
+    volume->unmount();
+    EXPECT_EQ(codeOf([&] { volume = mount(); }), kEPERM);
+    const auto opened =
+        Driver2::openWithReadOnlyFallback(false, [&](bool readOnly) { return mount(readOnly); });
+    EXPECT_TRUE(opened.fellBack);
+    EXPECT_TRUE(opened.value->readOnly());
+    EXPECT_EQ(codeOf([&] { opened.value->create("x", kRoot, Type::file); }), kEROFS);
+}
+
+TEST_F(Volume, TheTimerWritesBackAsLongAsThereIsAVolume) {
+    Services replacement = *services();
+    ManualTimers timers;
+    std::function<void()> tick; // stays callable after its timer is cancelled
+    replacement.makeTimer = [&](TimerSchedule schedule, std::function<void()> made) {
+        tick = made;
+        return timers.make(schedule, std::move(made));
+    };
+    const auto before = services();
+    installServices(replacement);
+    volume->startAutoFlush(5);
+    volume->startAutoFlush();
+    installServices(*before);
+    const auto live = timers.live();
+    ASSERT_EQ(live.size(), 1u);
+    EXPECT_EQ(live[0].interval, std::chrono::seconds(1));
+    EXPECT_EQ(live[0].leeway, std::chrono::milliseconds(100));
+
+    const auto file = volume->create("file", kRoot, Type::file);
+    device->fail(ENOSPC);
+    tick();
+    EXPECT_EQ(codeOf([&] { volume->sync(); }), kENOSPC) << "the failed flush must be reported";
+    device->fail(0);
+    tick();
+    EXPECT_EQ(volume->ioStats().dirtyPages, 0u) << "and tried again";
+
+    const int syncs = device->syncs();
+    tick();
+    EXPECT_EQ(device->syncs(), syncs) << "nothing to write, so nothing is done";
+    volume->write(file, 0, bytesOf("last"));
+    volume->unmount();
+    EXPECT_TRUE(timers.live().empty());
+    const int closed = device->syncs();
+    tick();
+    volume.reset();
+    tick();
+    EXPECT_EQ(device->syncs(), closed);
+    EXPECT_EQ(sample.cat("/file"), "last");
+}
+
+} // namespace
+} // namespace tavelin

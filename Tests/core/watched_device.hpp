@@ -1,0 +1,103 @@
+// A block device that tests watch and hurt: it counts what reaches it, lets a test wait for that,
+// and fails on demand. Any thread.
+#pragma once
+
+#include "core/file_block_device.hpp"
+#include "core/ntfs_error.hpp"
+#include "platform/mutex.hpp"
+#include "support/sample_volume.hpp"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace tavelin::test {
+
+class WatchedDevice final : public BlockDevice {
+  public:
+    explicit WatchedDevice(const SampleVolume& volume) : inner_(volume.image().string()) {}
+    ~WatchedDevice() override {
+        if (onGone) {
+            onGone();
+        }
+    }
+
+    std::uint64_t size() const noexcept override { return inner_.size(); }
+    std::uint32_t blockSize() const noexcept override { return inner_.blockSize(); }
+
+    std::int32_t read(std::byte* to, std::uint64_t offset, std::uint64_t length) noexcept override {
+        return inner_.read(to, offset, length);
+    }
+
+    std::int32_t write(const std::byte* from, std::uint64_t offset,
+                       std::uint64_t length) noexcept override {
+        const MutexLock held(mutex_);
+        return failure_ != 0 ? failure_ : inner_.write(from, offset, length);
+    }
+
+    std::int32_t sync() noexcept override {
+        if (onSync) {
+            onSync();
+        }
+        const MutexLock held(mutex_);
+        ++syncs_;
+        synced_.notifyAll();
+        return failure_;
+    }
+
+    // From now on writes and syncs answer this host errno; 0 heals.
+    void fail(std::int32_t hostError) {
+        const MutexLock held(mutex_);
+        failure_ = hostError;
+    }
+    int syncs() {
+        const MutexLock held(mutex_);
+        return syncs_;
+    }
+    void waitForSyncsBeyond(int count) {
+        const MutexLock held(mutex_);
+        while (syncs_ <= count) {
+            synced_.wait(mutex_);
+        }
+    }
+
+    // Set before the device is used.
+    std::function<void()> onSync;
+    std::function<void()> onGone;
+
+  private:
+    FileBlockDevice inner_;
+    Mutex mutex_;
+    ConditionVariable synced_;
+    int syncs_ TAVELIN_GUARDED_BY(mutex_) = 0;
+    std::int32_t failure_ TAVELIN_GUARDED_BY(mutex_) = 0;
+};
+
+// The code an operation throws, 0 when it does not.
+inline std::int32_t codeOf(const std::function<void()>& operation) {
+    try {
+        operation();
+        return 0;
+    } catch (const NTFSError& error) {
+        return error.code;
+    }
+}
+
+inline std::span<const std::byte> bytesOf(std::string_view text) {
+    return std::as_bytes(std::span(text));
+}
+
+inline std::string textOf(std::span<const std::byte> data) {
+    return {reinterpret_cast<const char*>(data.data()), data.size()};
+}
+
+// The check of an independent tool finds nothing wrong.
+inline void expectConsistent(const SampleVolume& volume) {
+    EXPECT_EQ(volume.check().find("FAILED"), std::string::npos) << volume.check();
+}
+
+} // namespace tavelin::test
