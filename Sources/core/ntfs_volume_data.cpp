@@ -12,7 +12,7 @@ namespace {
 using NameBox = ListingBox<std::string>;
 
 std::int32_t appendName(void* context, const char* name) noexcept {
-    return NameBox::of(context, name).append([&] { return std::string(name); });
+    return NameBox::of(context, name).append([&](std::string& item) { item = name; });
 }
 
 } // namespace

@@ -45,8 +45,10 @@ using ListBox = ListingBox<NTFSDirEntry>;
 
 std::int32_t appendEntry(void* context, const char* name, std::uint64_t ino,
                          std::uint32_t type) noexcept {
-    return ListBox::of(context, name).append([&] {
-        return NTFSDirEntry{name, ino, itemTypeFromBridge(type)};
+    return ListBox::of(context, name).append([&](NTFSDirEntry& entry) {
+        entry.name = name;
+        entry.ino = ino;
+        entry.type = itemTypeFromBridge(type);
     });
 }
 

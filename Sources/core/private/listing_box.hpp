@@ -26,11 +26,12 @@ class ListingBox {
         return *static_cast<ListingBox*>(context);
     }
 
-    /// Appends what `make` makes; answers the callback's result, non-zero to end the listing.
-    template<typename Make>
-    std::int32_t append(Make&& make) noexcept {
+    /// Appends an item and has `fill` fill it; answers the callback's result, non-zero to end the
+    /// listing.
+    template<typename Fill>
+    std::int32_t append(Fill&& fill) noexcept {
         try {
-            items.push_back(std::forward<Make>(make)());
+            std::forward<Fill>(fill)(items.emplace_back());
             return 0;
         } catch (...) {
             failure_ = std::current_exception();
