@@ -118,6 +118,12 @@ void takeBack(int descriptor, std::size_t written) {
     }
 }
 
+/// Where the process's log is; absent when its group has no container.
+std::optional<std::filesystem::path> moduleLog() {
+    const auto group = informationText(mainInformationDictionary(), {"TVLLogGroup"});
+    return group ? EventLog::groupFile(*group, "module.log") : std::nullopt;
+}
+
 } // namespace
 
 EventLog::EventLog(std::optional<std::filesystem::path> url, std::int64_t maxBytes, Clock now)
@@ -252,10 +258,7 @@ std::string EventLog::iso(Date date) {
 
 EventLog& events() {
     // Never destroyed: events may still be written while the process exits.
-    static EventLog& instance = *[] {
-        const auto group = informationText(mainInformationDictionary(), {"TVLLogGroup"});
-        return new EventLog(group ? EventLog::groupFile(*group, "module.log") : std::nullopt);
-    }();
+    static EventLog& instance = *new EventLog(moduleLog());
     return instance;
 }
 
