@@ -22,8 +22,8 @@ endfunction()
 #              [TIMEOUT seconds] [LIBRARIES lib...])
 #
 # One GoogleTest program, registered with CTest as one test per TEST() under LABEL:
-# unit, image, mount, binding or fault. THREADS makes that unit-threads and so on: `ctest -L threads`
-# is what the thread-sanitizer run covers.
+# unit, image, mount, binding or fault. THREADS makes that unit-threads and so on:
+# `ctest -L threads` is what the thread-sanitizer run covers.
 function(tavelin_test name)
   cmake_parse_arguments(ARG "THREADS" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
   # gtest_discover_tests() breaks a list of labels apart, so the two make one word.
@@ -35,7 +35,8 @@ function(tavelin_test name)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/Tests)
-  target_link_libraries(${name} PRIVATE tavelin_flags test_support GTest::gtest_main ${ARG_LIBRARIES})
+  target_link_libraries(${name} PRIVATE tavelin_flags test_support GTest::gtest_main
+    ${ARG_LIBRARIES})
   foreach(layer IN LISTS ARG_LAYERS)
     target_link_libraries(${name} PRIVATE tavelin::${layer})
   endforeach()

@@ -3,7 +3,8 @@
 set(TAVELIN_VERSION 0.1.0)
 set(TAVELIN_BUILD 1 CACHE STRING "Build number, CFBundleVersion")
 set(TAVELIN_SHORT_NAME tavelin)
-set(TAVELIN_HOST_BUNDLE_ID org.tavelin.Tavelin CACHE STRING "Bundle identifier of the host application")
+set(TAVELIN_HOST_BUNDLE_ID org.tavelin.Tavelin CACHE STRING
+    "Bundle identifier of the host application")
 set(TAVELIN_EXTENSION_BUNDLE_ID ${TAVELIN_HOST_BUNDLE_ID}.fsmodule CACHE STRING
     "Bundle identifier of the file-system extension")
 set(TAVELIN_GROUP group.org.tavelin.Tavelin CACHE STRING

@@ -92,7 +92,8 @@ ntb_vol* ntb_mount(const ntb_io* io, int32_t read_only, int32_t* error);
 /* Writes everything back and closes. The handle is gone whatever the result; NULL answers 0. */
 int32_t ntb_umount(ntb_vol* vol);
 
-/* Writes all dirty pages and syncs the device. 0 at once on a volume mounted read-only by request. */
+/* Writes all dirty pages and syncs the device. 0 at once on a volume mounted read-only by
+   request. */
 int32_t ntb_sync(ntb_vol* vol);
 
 /* As ntb_sync when there are dirty pages, else nothing at all: meant for a periodic timer. */

@@ -16,7 +16,8 @@ install_packages() {
             return 1
         fi
         for package in $line; do
-            if ! dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
+            if ! dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null |
+                grep -qx installed; then
                 missing+=("$package")
             fi
         done
