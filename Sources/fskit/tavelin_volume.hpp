@@ -54,7 +54,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The root directory's item, its own parent; it stays registered for the volume's life.
     [[nodiscard]] std::shared_ptr<NItem> root() TAVELIN_EXCLUDES(items);
     /// Notes a change of a directory's names: raises the generation and drops its listing.
-    void changed(const NItem& directory) TAVELIN_EXCLUDES(items);
+    void changed(NItem& directory) TAVELIN_EXCLUDES(items);
 
     /// The attributes of an item, every one that the volume knows, whatever is wanted. Throws
     /// NTFSError. What getAttributes answers, without a reply handler: for hosts that want them

@@ -1,0 +1,97 @@
+// Reading and changing an item's attributes.
+#include "diagnostics/op_counter.hpp"
+#include "fskit/private/attempt.hpp"
+#include "fskit/private/item_type.hpp"
+#include "fskit/tavelin_volume.hpp"
+
+namespace tavelin {
+
+namespace {
+
+constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN of macOS's <sys/stat.h>
+
+/// The time that is asked for, absent when it is to be left alone.
+std::optional<std::timespec> wanted(const fskit::FSItemAttributes& request,
+                                    fskit::FSItemAttributeSet bit, const std::timespec& time) {
+    return request.isValid(bit) ? std::optional(time) : std::nullopt;
+}
+
+} // namespace
+
+fskit::FSItemAttributes TavelinVolume::attributes(const NItem& item) const {
+    const NTFSAttributes record = ntfs->attributes(item.ino);
+    fskit::FSItemAttributes result;
+    result.setType(fskitType(record.type));
+    result.setMode(Driver2::mode(record.type));
+    result.setUid(uid_);
+    result.setGid(gid_);
+    result.setLinkCount(record.linkCount);
+    result.setFlags(record.hidden ? kHiddenFlag : 0);
+    result.setSize(record.size);
+    result.setAllocSize(record.allocSize);
+    result.setFileID(Driver2::itemID(item.ino));
+    result.setParentID(item.ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot
+                                                        : Driver2::itemID(item.parent));
+    result.setAccessTime(record.accessTime);
+    result.setModifyTime(record.modifyTime);
+    result.setChangeTime(record.changeTime);
+    result.setBirthTime(record.birthTime);
+    // NTFS does not record when an item came to its folder.
+    result.setAddedTime(record.birthTime);
+    result.setBackupTime({});
+    result.setSupportsLimitedXAttrs(false);
+    return result;
+}
+
+void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NItem& item) {
+    namespace Bit = fskit::FSItemAttribute;
+    if (request.isValid(Bit::size)) {
+        ntfs->truncate(item.ino, request.size());
+        request.consumedAttributes |= Bit::size;
+    }
+    constexpr fskit::FSItemAttributeSet kTimes =
+        Bit::accessTime | Bit::modifyTime | Bit::changeTime | Bit::birthTime;
+    if ((request.validAttributes() & kTimes) != 0) {
+        ntfs->setTimes(item.ino, wanted(request, Bit::accessTime, request.accessTime()),
+                       wanted(request, Bit::modifyTime, request.modifyTime()),
+                       wanted(request, Bit::changeTime, request.changeTime()),
+                       wanted(request, Bit::birthTime, request.birthTime()));
+        request.consumedAttributes |= request.validAttributes() & kTimes;
+    }
+    if (request.isValid(Bit::flags)) {
+        ntfs->setHidden(item.ino, (request.flags() & kHiddenFlag) != 0);
+        request.consumedAttributes |= Bit::flags;
+    }
+    // Permissions and ownership are accepted and ignored: NTFS has none that a host could set.
+    request.consumedAttributes |= request.validAttributes() & (Bit::mode | Bit::uid | Bit::gid);
+}
+
+void TavelinVolume::getAttributes(const fskit::FSItemGetAttributesRequest& /*desired*/,
+                                  const fskit::FSItemRef& item,
+                                  const fskit::AttributesReply& reply) {
+    OpCounter::shared().hit("getAttributes");
+    if (isNull(item)) {
+        reply(std::nullopt, missingItem());
+        return;
+    }
+    const auto read =
+        attempt("getAttributes(_:of:replyHandler:)", [&] { return attributes(n(item)); });
+    reply(read.value, read.error);
+}
+
+void TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
+                                  const fskit::FSItemRef& item,
+                                  const fskit::AttributesReply& reply) {
+    OpCounter::shared().hit("setAttributes");
+    if (isNull(item)) {
+        reply(std::nullopt, missingItem());
+        return;
+    }
+    const auto read = attempt("setAttributes(_:on:replyHandler:)", [&] {
+        apply(changes, n(item));
+        return attributes(n(item));
+    });
+    reply(read.value, read.error);
+}
+
+} // namespace tavelin

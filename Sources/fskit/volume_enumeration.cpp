@@ -1,0 +1,106 @@
+// Reading directories in pages.
+//
+// A cookie counts positions in a virtual list: "." and ".." (only when no attributes are wanted),
+// then the entries of the directory's snapshot. The verifier is the volume's generation when the
+// snapshot was taken, so a namespace change makes the next page start from a fresh listing.
+#include "diagnostics/op_counter.hpp"
+#include "fskit/private/attempt.hpp"
+#include "fskit/private/item_type.hpp"
+#include "fskit/tavelin_volume.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+namespace {
+
+constexpr std::uint64_t kDotEntries = 2;
+
+constexpr std::string_view kOperation =
+    "enumerateDirectory(_:startingAt:verifier:attributes:packer:replyHandler:)";
+
+/// Packs what of "." and ".." comes at or after the cookie; false when the packer is full.
+bool packDotEntries(const NItem& directory, fskit::FSDirectoryCookie cookie,
+                    fskit::FSDirectoryEntryPacker& packer) {
+    constexpr auto kType = fskit::FSItemType::directory;
+    if (cookie == 0 && !packer.packEntry(fskit::FSFileName("."), kType,
+                                         Driver2::itemID(directory.ino), 1, nullptr)) {
+        return false;
+    }
+    return cookie > 1 || packer.packEntry(fskit::FSFileName(".."), kType,
+                                          Driver2::itemID(directory.parent), kDotEntries, nullptr);
+}
+
+} // namespace
+
+TavelinVolume::Snapshot TavelinVolume::listing(NItem& directory, fskit::FSDirectoryCookie cookie,
+                                               fskit::FSDirectoryVerifier verifier) {
+    std::uint64_t generation = 0;
+    {
+        const MutexLock held(items);
+        if (cookie != 0 && directory.snapshot && directory.snapshot->verifier == verifier) {
+            return directory.snapshot;
+        }
+        generation = generation_;
+    }
+    // A change made while the list is taken raises the generation beyond the one noted here, so
+    // the next page will not trust this listing.
+    Snapshot fresh =
+        std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.ino), generation);
+    Snapshot replaced = fresh; // freed after the lock is released
+    const MutexLock held(items);
+    directory.snapshot.swap(replaced);
+    return fresh;
+}
+
+void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, std::uint64_t first,
+                                const NItem& directory, bool withAttributes,
+                                fskit::FSDirectoryEntryPacker& packer) {
+    const std::uint64_t offset = withAttributes ? 0 : kDotEntries;
+    std::uint64_t position = first;
+    for (const NTFSDirEntry& entry : listing.page(first)) {
+        std::optional<fskit::FSItemAttributes> attributesOfEntry;
+        if (withAttributes) {
+            try {
+                attributesOfEntry = attributes(*item(entry.ino, directory.ino));
+            } catch (const NTFSError&) {
+                // One unreadable item must not hide the rest: it is listed without attributes.
+            }
+        }
+        const std::uint64_t next =
+            Driver2::DirectorySnapshot::cookie(static_cast<std::int64_t>(position)) + offset;
+        if (!packer.packEntry(fskit::FSFileName(entry.name), fskitType(entry.type),
+                              Driver2::itemID(entry.ino), next,
+                              attributesOfEntry ? &*attributesOfEntry : nullptr)) {
+            return;
+        }
+        position++;
+    }
+}
+
+void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
+                                       fskit::FSDirectoryCookie startingAt,
+                                       fskit::FSDirectoryVerifier verifier,
+                                       const fskit::FSItemGetAttributesRequest* wanted,
+                                       fskit::FSDirectoryEntryPacker& packer,
+                                       const fskit::VerifierReply& reply) {
+    OpCounter::shared().hit("enumerateDirectory");
+    if (isNull(directory)) {
+        reply(verifier, missingItem());
+        return;
+    }
+    const auto packed = attempt(kOperation, [&] {
+        NItem& folder = n(directory);
+        const Snapshot snapshot = listing(folder, startingAt, verifier);
+        if (wanted != nullptr) {
+            packEntries(*snapshot, startingAt, folder, true, packer);
+        } else if (packDotEntries(folder, startingAt, packer)) {
+            const std::uint64_t first = startingAt > kDotEntries ? startingAt - kDotEntries : 0;
+            packEntries(*snapshot, first, folder, false, packer);
+        }
+        return snapshot->verifier;
+    });
+    reply(packed.value.value_or(verifier), packed.error);
+}
+
+} // namespace tavelin

@@ -1,0 +1,152 @@
+// The volume as a whole: construction, activation, synchronising, statistics, its name.
+#include "diagnostics/error_tally.hpp"
+#include "diagnostics/event_log.hpp"
+#include "diagnostics/log.hpp"
+#include "diagnostics/op_counter.hpp"
+#include "fskit/private/attempt.hpp"
+#include "fskit/tavelin_file_system.hpp"
+#include "fskit/tavelin_volume.hpp"
+#include "platform/checked.hpp"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <string>
+#include <unistd.h>
+
+namespace tavelin {
+
+namespace {
+
+constexpr std::int64_t kPreferredIOSize = 1 << 20;
+
+fskit::FSFileName volumeName(NTFSVolume& volume) {
+    std::string label;
+    try {
+        label = volume.label();
+    } catch (const NTFSError&) {
+        // An unreadable label is no reason to refuse the volume.
+    }
+    return fskit::FSFileName(label.empty() ? "NTFS" : label);
+}
+
+std::uint64_t used(std::uint64_t total, std::uint64_t free) {
+    if (free > total) {
+        fatal("the volume reports more free space than space");
+    }
+    return total - free;
+}
+
+void logOperations(const std::string& counts) {
+    log().info("ops: " + counts);
+}
+
+} // namespace
+
+TavelinVolume::TavelinVolume(std::shared_ptr<NTFSVolume> volume)
+    : FSVolume({{Driver2::volumeUUID(volume->serial())}}, volumeName(*volume)),
+      ntfs(std::move(volume)),
+      uid_(::getuid()),
+      gid_(::getgid()) {}
+
+fskit::FSVolumeSupportedCapabilities TavelinVolume::supportedVolumeCapabilities() const {
+    fskit::FSVolumeSupportedCapabilities capabilities;
+    capabilities.supportsPersistentObjectIDs = true;
+    capabilities.supportsSymbolicLinks = true;
+    capabilities.supportsHardLinks = false;
+    capabilities.supportsSparseFiles = true;
+    capabilities.supports2TBFiles = true;
+    capabilities.supportsHiddenFiles = true;
+    capabilities.supports64BitObjectIDs = true;
+    capabilities.supportsFastStatFS = true;
+    capabilities.doesNotSupportSettingFilePermissions = true;
+    // Names that differ only in case are the volume's business; to the host all names differ.
+    capabilities.caseFormat = fskit::FSVolumeCaseFormat::sensitive;
+    return capabilities;
+}
+
+fskit::FSStatFSResult TavelinVolume::volumeStatistics() {
+    fskit::FSStatFSResult result(TavelinFileSystem::typeName());
+    NTFSStatFS record;
+    try {
+        record = ntfs->statfs();
+    } catch (const NTFSError&) {
+        return result; // statistics have no way to fail
+    }
+    result.blockSize = record.clusterSize;
+    result.ioSize = kPreferredIOSize;
+    result.totalBlocks = record.totalClusters;
+    result.freeBlocks = record.freeClusters;
+    result.availableBlocks = record.freeClusters;
+    result.usedBlocks = used(record.totalClusters, record.freeClusters);
+    result.totalBytes = record.totalBytes();
+    result.freeBytes = record.freeBytes();
+    result.availableBytes = record.freeBytes();
+    result.usedBytes = used(result.totalBytes, result.freeBytes);
+    result.totalFiles = record.totalFiles;
+    result.freeFiles = record.freeFiles;
+    return result;
+}
+
+void TavelinVolume::activate(const fskit::FSTaskOptions& options, const fskit::ItemReply& reply) {
+    // Passing through the lock waits for device I/O that is in flight.
+    bool hasDevice = false;
+    ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
+    if (Driver2::MountOptions(options.taskOptions).windowsNames) {
+        ntfs->setWindowsNames(true);
+    }
+    const std::string words = fmt::format("{}", fmt::join(options.taskOptions, " "));
+    log().info(fmt::format("activate: windowsNames={} options={}", ntfs->windowsNames(), words));
+    const std::shared_ptr<ResourceDevice> underlying = hasDevice ? device.lock() : nullptr;
+    events().event("activate", Fields{{"ro", ntfs->readOnly()},
+                                      {"kernel_cache", underlying && underlying->cached.load()},
+                                      {"options", words}});
+    reply(root(), std::nullopt);
+}
+
+void TavelinVolume::mount(const fskit::FSTaskOptions& /*options*/, const fskit::ErrorReply& reply) {
+    reply(std::nullopt); // load and activate have done everything
+}
+
+void TavelinVolume::unmount(const std::function<void()>& reply) {
+    // Unlike at deactivation, counts that nobody would see are kept.
+    if (log().isEnabled(LogLevel::kInfo)) {
+        logOperations(OpCounter::shared().dumpAndReset());
+    }
+    try {
+        ntfs->sync();
+    } catch (const NTFSError&) {
+        // An unmount cannot fail; deactivation and unload write again and report.
+    }
+    reply();
+}
+
+void TavelinVolume::synchronize(fskit::FSSyncFlags flags, const fskit::ErrorReply& reply) {
+    const auto raw = static_cast<std::int64_t>(flags);
+    OpCounter::shared().hit(fmt::format("synchronize-{}", raw));
+    if (!Driver2::syncMustFlush(raw)) {
+        reply(std::nullopt);
+        return;
+    }
+    reply(attempt("synchronize(flags:replyHandler:)", [&] { ntfs->sync(); }).error);
+}
+
+void TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/,
+                               const fskit::ErrorReply& reply) {
+    const std::string counts = OpCounter::shared().dumpAndReset();
+    if (log().isEnabled(LogLevel::kInfo)) {
+        logOperations(counts);
+    }
+    events().event("deactivate", Fields{{"ops", counts}, {"errors", errorTally().summary()}});
+    reply(attempt("deactivate(options:replyHandler:)", [&] { ntfs->sync(); }).error);
+}
+
+void TavelinVolume::setVolumeName(const fskit::FSFileName& newName, const fskit::NameReply& reply) {
+    const auto done = attempt("setVolumeName(_:replyHandler:)", [&] {
+        ntfs->setLabel(name(newName));
+        setName(newName);
+    });
+    reply(done ? std::optional(newName) : std::nullopt, done.error);
+}
+
+} // namespace tavelin

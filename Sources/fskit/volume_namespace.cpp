@@ -1,0 +1,124 @@
+// Looking names up, making, removing and renaming them.
+#include "diagnostics/op_counter.hpp"
+#include "fskit/private/attempt.hpp"
+#include "fskit/tavelin_volume.hpp"
+#include "platform/error_numbers.hpp"
+
+namespace tavelin {
+
+void TavelinVolume::lookupItem(const fskit::FSFileName& named, const fskit::FSItemRef& directory,
+                               const fskit::NamedItemReply& reply) {
+    OpCounter::shared().hit("lookupItem");
+    if (isNull(directory)) {
+        reply(nullptr, {}, missingItem());
+        return;
+    }
+    const auto found = attempt("lookupItem(named:inDirectory:replyHandler:)", [&] {
+        const std::uint64_t parent = n(directory).ino;
+        return item(ntfs->lookup(name(named), parent), parent);
+    });
+    reply(found.value.value_or(nullptr), named, found.error);
+}
+
+void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type,
+                               const fskit::FSItemRef& directory,
+                               fskit::FSItemSetAttributesRequest& newAttributes,
+                               const fskit::NamedItemReply& reply) {
+    OpCounter::shared().hit("createItem");
+    const bool makesDirectory = type == fskit::FSItemType::directory;
+    if (!makesDirectory && type != fskit::FSItemType::file) {
+        reply(nullptr, {}, fskit::fs_errorForPOSIXError(kENOTSUP));
+        return;
+    }
+    if (isNull(directory)) {
+        reply(nullptr, {}, missingItem());
+        return;
+    }
+    const auto made = attempt("createItem(named:type:inDirectory:attributes:replyHandler:)", [&] {
+        NItem& folder = n(directory);
+        const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
+        const auto fresh = item(ntfs->create(name(named), folder.ino, kind), folder.ino);
+        newAttributes.consumedAttributes = 0;
+        try {
+            apply(newAttributes, *fresh);
+        } catch (const std::exception&) {
+            // The item exists, and the host sees in `consumedAttributes` what it lacks.
+        }
+        changed(folder);
+        return fresh;
+    });
+    reply(made.value.value_or(nullptr), named, made.error);
+}
+
+void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
+                                       const fskit::FSItemRef& directory,
+                                       fskit::FSItemSetAttributesRequest& /*attributes*/,
+                                       const fskit::FSFileName& linkContents,
+                                       const fskit::NamedItemReply& reply) {
+    OpCounter::shared().hit("createSymbolicLink");
+    if (isNull(directory)) {
+        reply(nullptr, {}, missingItem());
+        return;
+    }
+    const auto made =
+        attempt("createSymbolicLink(named:inDirectory:attributes:linkContents:replyHandler:)", [&] {
+            NItem& folder = n(directory);
+            const std::string_view linkName = name(named);
+            const std::uint64_t ino = ntfs->symlink(linkName, folder.ino, name(linkContents));
+            changed(folder);
+            return item(ino, folder.ino);
+        });
+    reply(made.value.value_or(nullptr), named, made.error);
+}
+
+void TavelinVolume::createLink(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& /*named*/,
+                               const fskit::FSItemRef& /*directory*/,
+                               const fskit::NameReply& reply) {
+    OpCounter::shared().hit("createLink");
+    reply(std::nullopt, fskit::fs_errorForPOSIXError(kENOTSUP));
+}
+
+void TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& named,
+                               const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) {
+    OpCounter::shared().hit("removeItem");
+    if (isNull(directory)) {
+        reply(missingItem());
+        return;
+    }
+    reply(attempt("removeItem(_:named:fromDirectory:replyHandler:)", [&] {
+              NItem& folder = n(directory);
+              ntfs->remove(name(named), folder.ino);
+              changed(folder);
+          }).error);
+}
+
+void TavelinVolume::renameItem(const fskit::FSItemRef& moved,
+                               const fskit::FSItemRef& sourceDirectory,
+                               const fskit::FSFileName& sourceName,
+                               const fskit::FSFileName& destinationName,
+                               const fskit::FSItemRef& destinationDirectory,
+                               const fskit::FSItemRef& overItem, const fskit::NameReply& reply) {
+    OpCounter::shared().hit("renameItem");
+    if (isNull(sourceDirectory) || isNull(destinationDirectory)) {
+        reply(std::nullopt, missingItem());
+        return;
+    }
+    const auto done =
+        attempt("renameItem(_:inDirectory:named:to:inDirectory:overItem:replyHandler:)", [&] {
+            NItem& from = n(sourceDirectory);
+            NItem& to = n(destinationDirectory);
+            const std::string_view oldName = name(sourceName);
+            ntfs->rename(oldName, from.ino, name(destinationName), to.ino);
+            if (!isNull(moved)) {
+                n(moved).parent = to.ino;
+            }
+            if (!isNull(overItem)) {
+                forget(n(overItem));
+            }
+            changed(from);
+            changed(to);
+        });
+    reply(done ? std::optional(destinationName) : std::nullopt, done.error);
+}
+
+} // namespace tavelin
