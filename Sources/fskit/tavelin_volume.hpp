@@ -76,6 +76,9 @@ class TavelinVolume final : public fskit::FSVolume,
     [[nodiscard]] fskit::FSVolumeSupportedCapabilities supportedVolumeCapabilities() const override;
     /// Only the type name when the volume cannot answer.
     [[nodiscard]] fskit::FSStatFSResult volumeStatistics() override;
+    [[nodiscard]] fskit::FSMountOptions requestedMountOptions() const override {
+        return ntfs->readOnly() ? fskit::FSMountOptionsReadOnly : 0;
+    }
 
     /// Answers the root item. "windows_names" among the options switches that rule on; nothing
     /// switches it off again.

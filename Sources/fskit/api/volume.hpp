@@ -81,6 +81,8 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
   public:
     virtual FSVolumeSupportedCapabilities supportedVolumeCapabilities() const = 0;
     virtual FSStatFSResult volumeStatistics() = 0;
+    /// Read by the host after the reply to mount: read-only for a volume that takes no changes.
+    virtual FSMountOptions requestedMountOptions() const { return 0; }
 
     virtual void activate(const FSTaskOptions& options, const ItemReply& reply) = 0;
     virtual void mount(const FSTaskOptions& options, const ErrorReply& reply) = 0;

@@ -47,6 +47,10 @@ struct FSStatFSResult {
 /// Raw values follow <sys/mount.h>: MNT_WAIT, MNT_NOWAIT, MNT_DWAIT.
 enum class FSSyncFlags : std::int64_t { none = 0, wait = 1, noWait = 2, dWait = 4 };
 
+/// What a volume asks of its mount.
+using FSMountOptions = std::uint64_t;
+inline constexpr FSMountOptions FSMountOptionsReadOnly = 1;
+
 using FSDeactivateOptions = std::int64_t;
 inline constexpr FSDeactivateOptions FSDeactivateOptionsForce = 1;
 

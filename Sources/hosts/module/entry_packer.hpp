@@ -1,0 +1,67 @@
+/// Collects the entries of directory enumerations.
+#pragma once
+
+#include "fskit/api/directory.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavelin {
+
+/// One entry as an enumeration delivered it.
+struct DirectoryEntry {
+    std::string name;
+    fskit::FSItemType type = fskit::FSItemType::unknown;
+    fskit::FSItemID itemID = fskit::FSItemIDInvalid;
+    fskit::FSDirectoryCookie nextCookie = 0;
+    std::optional<fskit::FSItemAttributes> attributes;
+};
+
+/// A page of limited size: an entry costs kEntryBytes, its name's bytes, and kAttributeBytes when it
+/// comes with attributes. The first entry of a page always fits, so that every page advances.
+/// Used by one thread at a time.
+class EntryPacker final : public fskit::FSDirectoryEntryPacker {
+  public:
+    static constexpr std::size_t kEntryBytes = 24;
+    static constexpr std::size_t kAttributeBytes = 184;
+    static constexpr std::size_t kDefaultBytes = 64 * 1024;
+
+    explicit EntryPacker(std::size_t bytes = kDefaultBytes,
+                         std::size_t entries = std::numeric_limits<std::size_t>::max())
+        : bytes_(bytes), most_(entries) {}
+
+    bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
+                   fskit::FSItemID itemID, fskit::FSDirectoryCookie nextCookie,
+                   const fskit::FSItemAttributes* attributes) override {
+        const std::size_t cost =
+            kEntryBytes + name.data().size() + (attributes != nullptr ? kAttributeBytes : 0);
+        if (!entries_.empty() && (used_ + cost > bytes_ || entries_.size() >= most_)) {
+            return false;
+        }
+        used_ += cost;
+        DirectoryEntry& entry = entries_.emplace_back(
+            DirectoryEntry{name.data(), itemType, itemID, nextCookie, std::nullopt});
+        if (attributes != nullptr) {
+            entry.attributes = *attributes;
+        }
+        return true;
+    }
+
+    [[nodiscard]] const std::vector<DirectoryEntry>& entries() const noexcept { return entries_; }
+    [[nodiscard]] std::vector<DirectoryEntry> take() noexcept {
+        used_ = 0;
+        return std::exchange(entries_, {});
+    }
+
+  private:
+    const std::size_t bytes_;
+    const std::size_t most_;
+    std::size_t used_ = 0;
+    std::vector<DirectoryEntry> entries_;
+};
+
+} // namespace tavelin
