@@ -1,4 +1,5 @@
 // The contents of files: always the unnamed data stream.
+#include "NTFSBridge/transfer.hpp"
 #include "NTFSBridge/volume.hpp"
 
 using namespace ntb;
@@ -48,20 +49,7 @@ int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint
         return 0;
     }
     length = std::min(length, file.size() - offset);
-    auto* const to = static_cast<uint8_t*>(buffer);
-    while (*done < length) {
-        errno = 0;
-        const s64 count = ntfs_attr_pread(file.data.get(), static_cast<s64>(offset + *done),
-                                          static_cast<s64>(length - *done), to + *done);
-        if (count < 0) {
-            return err_or(EIO);
-        }
-        if (count == 0) {
-            break;
-        }
-        *done += static_cast<uint64_t>(count);
-    }
-    return 0;
+    return read_stream(file.data.get(), offset, buffer, length, done);
 }
 
 int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
@@ -80,18 +68,7 @@ int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffe
     if (offset > largest_offset || length > largest_offset - offset) {
         return EFBIG;
     }
-    const auto* const from = static_cast<const uint8_t*>(buffer);
-    int32_t error = 0;
-    while (error == 0 && *done < length) {
-        errno = 0;
-        const s64 count = ntfs_attr_pwrite(file.data.get(), static_cast<s64>(offset + *done),
-                                           static_cast<s64>(length - *done), from + *done);
-        if (count < 1) {
-            error = err_or(EIO);
-        } else {
-            *done += static_cast<uint64_t>(count);
-        }
-    }
+    int32_t error = write_stream(file.data.get(), offset, buffer, length, done);
     if (error != 0 && *done == 0) {
         return file.close(error);
     }

@@ -1,6 +1,7 @@
 // Named data streams, which the host sees as extended attributes.
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/names.hpp"
+#include "NTFSBridge/transfer.hpp"
 
 using namespace ntb;
 
@@ -32,33 +33,6 @@ bool starts_a_named_stream(const ATTR_RECORD* attribute) noexcept {
            (attribute->non_resident == 0 || attribute->lowest_vcn == 0);
 }
 
-int32_t read_whole(ntfs_attr* stream, uint8_t* to, uint64_t size) noexcept {
-    for (uint64_t done = 0; done < size;) {
-        errno = 0;
-        const s64 count = ntfs_attr_pread(stream, static_cast<s64>(done),
-                                          static_cast<s64>(size - done), to + done);
-        if (count < 1) {
-            return err_or(EIO);
-        }
-        done += static_cast<uint64_t>(count);
-    }
-    return 0;
-}
-
-int32_t write_whole(ntfs_attr* stream, const uint8_t* from, uint64_t size) noexcept {
-    for (uint64_t done = 0; done < size;) {
-        errno = 0;
-        const s64 count = ntfs_attr_pwrite(stream, static_cast<s64>(done),
-                                           static_cast<s64>(size - done), from + done);
-        if (count < 1) {
-            return err_or(EIO);
-        }
-        done += static_cast<uint64_t>(count);
-    }
-    errno = 0;
-    return ntfs_attr_pclose(stream) == 0 ? 0 : err_or(EIO);
-}
-
 // Leaves the stream open and empty.
 int32_t make_empty_stream(const named_inode& target, attribute_guard& stream) noexcept {
     errno = 0;
@@ -88,7 +62,12 @@ int32_t set_stream(const named_inode& target, const void* value, uint64_t size,
     if (const int32_t error = make_empty_stream(target, stream); error != 0) {
         return error;
     }
-    return write_whole(stream.get(), static_cast<const uint8_t*>(value), size);
+    uint64_t done = 0;
+    if (const int32_t error = write_stream(stream.get(), 0, value, size, &done); error != 0) {
+        return error;
+    }
+    errno = 0;
+    return ntfs_attr_pclose(stream.get()) == 0 ? 0 : err_or(EIO);
 }
 
 } // namespace
@@ -145,8 +124,10 @@ int32_t ntb_getxattr(ntb_vol* vol, uint64_t ino, const char* name, void** buffer
     if (!value) {
         return ENOMEM;
     }
-    if (const int32_t error = read_whole(stream.get(), value.get(), length); error != 0) {
-        return error;
+    uint64_t done = 0;
+    const int32_t error = read_stream(stream.get(), 0, value.get(), length, &done);
+    if (error != 0 || done != length) {
+        return first_error(error, EIO);
     }
     *buffer = value.release();
     *size = length;

@@ -74,7 +74,8 @@ class BridgeVolume {
         EXPECT_EQ(done, error == 0 ? data.size() : done);
         return error;
     }
-    std::string read(uint64_t ino, uint64_t offset = 0, uint64_t length = 64 << 20) {
+    std::string read(uint64_t ino) { return read(ino, 0, attributes(ino).size + 1); }
+    std::string read(uint64_t ino, uint64_t offset, uint64_t length) {
         std::string data(length, '\0');
         uint64_t done = 0;
         EXPECT_EQ(ntb_read(volume_, ino, offset, data.data(), length, &done), 0);

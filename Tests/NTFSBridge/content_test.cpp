@@ -1,0 +1,222 @@
+// File data, times, flags and named streams.
+#include "bridge_volume.hpp"
+
+#include "NTFSBridge/errors.hpp"
+#include "NTFSBridge/volume.hpp"
+
+#include <random>
+
+namespace tavelin::test {
+namespace {
+
+// Modify, change, access and birth times after they were all set to the same past.
+struct Times {
+    static constexpr ntb_time kPast = {1000000000, 123456700};
+    bool isDataTimeNew;
+    bool isChangeTimeNew;
+};
+
+void age(BridgeVolume& volume, uint64_t ino) {
+    const ntb_time past = Times::kPast;
+    ASSERT_EQ(ntb_set_times(volume, ino, &past, &past, &past, &past), 0);
+}
+
+Times timesOf(BridgeVolume& volume, uint64_t ino) {
+    const ntb_attr attr = volume.attributes(ino);
+    EXPECT_EQ(attr.birth_time.seconds, Times::kPast.seconds);
+    EXPECT_EQ(attr.access_time.nanoseconds, Times::kPast.nanoseconds);
+    return {attr.modify_time.seconds != Times::kPast.seconds,
+            attr.change_time.seconds != Times::kPast.seconds};
+}
+
+TEST(FileData, ReadsAndWritesAtTheEdges) {
+    BridgeVolume volume;
+    const uint64_t ino = volume.make("file");
+    uint64_t done = 99;
+    char byte = 0;
+    EXPECT_EQ(volume.write(ino, patternText(100)), 0);
+    EXPECT_EQ(volume.read(ino, 90, 100), patternText(100).substr(90));
+    for (const uint64_t offset : {uint64_t{100}, uint64_t{5000}, UINT64_MAX}) {
+        EXPECT_EQ(ntb_read(volume, ino, offset, &byte, 1, &done), 0);
+        EXPECT_EQ(done, 0u);
+    }
+    EXPECT_EQ(ntb_read(volume, NTB_ROOT_INO, 0, &byte, 1, &done), EISDIR);
+    EXPECT_EQ(ntb_write(volume, NTB_ROOT_INO, 0, "x", 1, &done), EISDIR);
+    EXPECT_EQ(ntb_truncate(volume, NTB_ROOT_INO, 1), EISDIR);
+    EXPECT_EQ(ntb_flush(volume, NTB_ROOT_INO), EISDIR);
+    EXPECT_EQ(ntb_write(volume, ino, UINT64_MAX, "x", 1, &done), EFBIG);
+    EXPECT_EQ(ntb_write(volume, ino, INT64_MAX, "x", 1, &done), EFBIG);
+    EXPECT_EQ(ntb_truncate(volume, ino, UINT64_MAX), EFBIG);
+    EXPECT_EQ(volume.write(ino, std::string(32 << 20, 'x')), ENOSPC);
+    EXPECT_EQ(ntb_truncate(volume, ino, 0), 0);
+
+    const uint64_t far = volume.make("far");
+    EXPECT_EQ(volume.write(far, "end", 1 << 20), 0);
+    EXPECT_TRUE(volume.read(far) == std::string(1 << 20, '\0') + "end");
+    volume.finish();
+}
+
+TEST(FileData, RandomWritesAndTruncationsMatchAString) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    BridgeVolume volume({.clusterSize = 512});
+    const uint64_t ino = volume.make("file");
+    std::string model;
+    for (int step = 0; step < 400; ++step) {
+        const uint64_t place = random() % (random() % 4 == 0 ? 400000 : 3000);
+        if (random() % 5 == 0) {
+            ASSERT_EQ(ntb_truncate(volume, ino, place), 0);
+            model.resize(place);
+        } else {
+            const std::string data = patternText(random() % 9000, static_cast<uint32_t>(step));
+            ASSERT_EQ(volume.write(ino, data, place), 0);
+            if (!data.empty()) {
+                model.resize(std::max<size_t>(model.size(), place + data.size()));
+                model.replace(place, data.size(), data);
+            }
+        }
+        ASSERT_TRUE(volume.read(ino) == model) << step;
+    }
+    EXPECT_TRUE(volume.finish().cat("/file") == model);
+}
+
+TEST(FileData, OnlyRealChangesMoveTheTimes) {
+    BridgeVolume volume;
+    const uint64_t ino = volume.make("file");
+    EXPECT_EQ(volume.write(ino, "12345"), 0);
+    const struct {
+        const char* what;
+        bool isDataTimeNew;
+        bool isChangeTimeNew;
+        int32_t (*change)(BridgeVolume&, uint64_t);
+    } cases[] = {
+        {"no bytes", false, false, [](auto& v, auto i) { return v.write(i, ""); }},
+        {"same size", false, false, [](auto& v, auto i) { return ntb_truncate(v, i, 5); }},
+        {"hiding", false, false, [](auto& v, auto i) { return ntb_set_hidden(v, i, 1); }},
+        {"writing", true, true, [](auto& v, auto i) { return v.write(i, "x"); }},
+        {"truncating", true, true, [](auto& v, auto i) { return ntb_truncate(v, i, 3); }},
+        {"a stream", false, true, [](auto& v, auto i) { return v.setStream(i, "s", "v"); }},
+        {"a stream less", false, true, [](auto& v, auto i) { return ntb_removexattr(v, i, "s"); }},
+        {"renaming", false, true,
+         [](auto& v, uint64_t) { return ntb_rename(v, 5, "file", 5, "renamed"); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        age(volume, ino);
+        EXPECT_EQ(c.change(volume, ino), 0);
+        const Times times = timesOf(volume, ino);
+        EXPECT_EQ(times.isDataTimeNew, c.isDataTimeNew);
+        EXPECT_EQ(times.isChangeTimeNew, c.isChangeTimeNew);
+    }
+}
+
+TEST(Metadata, TimesAndFlagsSurviveARemount) {
+    BridgeVolume volume;
+    const uint64_t ino = volume.make("file");
+    const ntb_time before1970 = {0, -500000000};
+    const ntb_time whole1601 = {-11644473600, 0};
+    const ntb_time fine = {1700000000, 123456789};
+    const ntb_time beyond = {INT64_MAX, 0};
+    EXPECT_EQ(ntb_set_times(volume, ino, &whole1601, &fine, &beyond, &before1970), 0);
+    EXPECT_EQ(ntb_set_hidden(volume, ino, 1), 0);
+    EXPECT_EQ(volume.unmount(), 0);
+    ASSERT_EQ(volume.mount(), 0);
+    ntb_attr attr = volume.attributes(ino);
+    EXPECT_EQ(attr.access_time.seconds, whole1601.seconds);
+    EXPECT_EQ(attr.modify_time.nanoseconds, 123456700);
+    EXPECT_GT(attr.change_time.seconds, 900000000000);
+    EXPECT_EQ(attr.birth_time.seconds, 0);
+    EXPECT_EQ(attr.birth_time.nanoseconds, 0);
+    EXPECT_EQ(attr.flags & NTB_FLAG_HIDDEN, uint32_t{NTB_FLAG_HIDDEN});
+    EXPECT_EQ(volume.list().count("file"), 1u) << "hidden files are listed";
+
+    EXPECT_EQ(ntb_set_times(volume, ino, nullptr, &whole1601, nullptr, nullptr), 0);
+    EXPECT_EQ(ntb_set_hidden(volume, ino, 0), 0);
+    attr = volume.attributes(ino);
+    EXPECT_EQ(attr.modify_time.seconds, whole1601.seconds);
+    EXPECT_GT(attr.change_time.seconds, 900000000000);
+    EXPECT_EQ(attr.flags & NTB_FLAG_HIDDEN, 0u);
+    EXPECT_EQ(ntb_set_times(volume, 999999, &fine, nullptr, nullptr, nullptr) == 0, false);
+    volume.finish();
+}
+
+TEST(Metadata, SizesOfFilesAndDirectories) {
+    BridgeVolume volume;
+    EXPECT_EQ(volume.attributes(NTB_ROOT_INO).type, uint32_t{NTB_TYPE_DIRECTORY});
+    const uint64_t small = volume.makeDirectory("small");
+    EXPECT_EQ(volume.attributes(small).size, 0u);
+    EXPECT_EQ(volume.attributes(small).link_count, 2u);
+    for (int i = 0; i < 200; ++i) {
+        volume.make("some longer name " + std::to_string(i), small);
+    }
+    EXPECT_GE(volume.attributes(small).size, 4096u);
+    const uint64_t file = volume.make("file");
+    EXPECT_EQ(volume.write(file, std::string(5000, 'x')), 0);
+    EXPECT_EQ(volume.attributes(file).size, 5000u);
+    EXPECT_EQ(volume.attributes(file).alloc_size, 8192u);
+    EXPECT_EQ(volume.attributes(file).link_count, 1u);
+
+    static_cast<ntb_vol*>(volume)->volume->free_clusters = -5;
+    ntb_statfs space = {};
+    EXPECT_EQ(ntb_statfs_get(volume, &space), 0);
+    EXPECT_EQ(space.freeClusters, 0u);
+}
+
+TEST(Streams, CreateReplaceReadAndRemove) {
+    BridgeVolume volume;
+    const uint64_t ino = volume.make("file");
+    EXPECT_EQ(volume.write(ino, "unnamed"), 0);
+    EXPECT_TRUE(volume.streams(ino).empty());
+    const int32_t noAttribute = ntb::no_such_attribute;
+    const std::string large = patternText(1 << 20);
+
+    EXPECT_EQ(volume.stream(ino, "a").first, noAttribute);
+    EXPECT_EQ(ntb_removexattr(volume, ino, "a"), noAttribute);
+    EXPECT_EQ(volume.setStream(ino, "a", "1", NTB_XATTR_REPLACE), noAttribute);
+    EXPECT_TRUE(volume.streams(ino).empty());
+    EXPECT_EQ(volume.setStream(ino, "a", large, NTB_XATTR_CREATE), 0);
+    EXPECT_EQ(volume.setStream(ino, "a", "1", NTB_XATTR_CREATE), EEXIST);
+    EXPECT_TRUE(volume.stream(ino, "a").second == large);
+    EXPECT_EQ(volume.setStream(ino, "a", "abc", NTB_XATTR_REPLACE), 0);
+    EXPECT_EQ(volume.stream(ino, "a"), std::pair(0, std::string("abc")));
+    EXPECT_EQ(volume.setStream(ino, "b", ""), 0);
+    EXPECT_EQ(volume.stream(ino, "b"), std::pair(0, std::string()));
+    EXPECT_EQ(volume.streams(ino), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(volume.attributes(ino).size, 7u);
+
+    const std::string longest(255, 's');
+    EXPECT_EQ(volume.setStream(NTB_ROOT_INO, longest, "of a directory"), 0);
+    EXPECT_EQ(volume.stream(NTB_ROOT_INO, longest).second, "of a directory");
+    EXPECT_EQ(volume.setStream(ino, longest + "s", "x"), ENAMETOOLONG);
+    EXPECT_EQ(volume.setStream(ino, "", "x"), EINVAL);
+    EXPECT_EQ(volume.setStream(ino, "\xff", "x"), EILSEQ);
+    EXPECT_EQ(volume.stream(ino, "").first, EINVAL);
+
+    EXPECT_EQ(ntb_removexattr(volume, ino, "b"), 0);
+    EXPECT_EQ(volume.finish().cat("/file", "a"), "abc");
+}
+
+TEST(Streams, OneInManyPiecesIsWrittenAndListedOnce) {
+    BridgeVolume volume({.bytes = 8 << 20, .clusterSize = 512});
+    const uint64_t ino = volume.make("file");
+    // A full volume with every other file removed has free space in pieces only, so many that the
+    // list of a stream's pieces does not fit into one record.
+    int count = 0;
+    while (volume.write(volume.make(std::to_string(count)), std::string(1024, 'x')) == 0) {
+        count += 1;
+    }
+    for (int i = 0; i < count; i += 2) {
+        ASSERT_EQ(ntb_unlink(volume, NTB_ROOT_INO, std::to_string(i).c_str()), 0);
+    }
+    const std::string value = patternText(500000);
+    ASSERT_EQ(volume.setStream(ino, "pieces", value), 0);
+    EXPECT_EQ(volume.write(ino, value), 0);
+    EXPECT_EQ(volume.streams(ino), (std::vector<std::string>{"pieces"}));
+    EXPECT_TRUE(volume.stream(ino, "pieces").second == value);
+    EXPECT_TRUE(volume.read(ino) == value);
+    EXPECT_TRUE(volume.finish().cat("/file", "pieces") == value);
+}
+
+} // namespace
+} // namespace tavelin::test

@@ -1,0 +1,204 @@
+// Lookup, listing, creating, removing, renaming, symbolic links.
+#include "bridge_volume.hpp"
+
+namespace tavelin::test {
+namespace {
+
+std::string repeated(const char* unit, int count) {
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += unit;
+    }
+    return text;
+}
+
+TEST(Namespace, NameRules) {
+    BridgeVolume volume;
+    const uint64_t file = volume.make("file");
+    const struct {
+        std::string name;
+        int32_t create;
+        int32_t underWindowsRule;
+    } cases[] = {
+        {"", EINVAL, EINVAL},
+        {".", EINVAL, EINVAL},
+        {"..", EINVAL, EINVAL},
+        {"a/b", EINVAL, EINVAL},
+        {"\xc3", EILSEQ, EILSEQ},
+        {"file", EEXIST, EEXIST},
+        {repeated("n", 256), ENAMETOOLONG, ENAMETOOLONG},
+        {repeated("\U0001F600", 128), ENAMETOOLONG, ENAMETOOLONG},
+        {repeated("n", 255), 0, 0},
+        {repeated("\u20ac", 255), 0, 0},
+        {"\U0001F600 r\u00e9sum\u00e9", 0, 0},
+        {"aux", 0, EINVAL},
+        {"a:b", 0, EINVAL},
+        {"trailing.", 0, EINVAL},
+        {"File", 0, 0}, // another name than "file"
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        uint64_t ino = 0;
+        for (const bool isStrict : {true, false}) {
+            ntb_set_windows_names(volume, isStrict ? 1 : 0);
+            const int32_t expected = isStrict ? c.underWindowsRule : c.create;
+            EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, c.name.c_str(), 1, &ino), expected);
+            if (expected == 0) {
+                EXPECT_EQ(volume.find(c.name), ino);
+                EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, c.name.c_str()), 0);
+            }
+            EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, c.name.c_str(), "t", &ino), expected);
+            if (expected == 0) {
+                EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, c.name.c_str()), 0);
+            }
+            if (expected != EEXIST) {
+                const int32_t renamed =
+                    ntb_rename(volume, NTB_ROOT_INO, "file", NTB_ROOT_INO, c.name.c_str());
+                EXPECT_EQ(renamed, expected);
+                if (renamed == 0) {
+                    ntb_set_windows_names(volume, 0);
+                    EXPECT_EQ(
+                        ntb_rename(volume, NTB_ROOT_INO, c.name.c_str(), NTB_ROOT_INO, "file"), 0);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, nullptr, 1, nullptr), EINVAL);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "file", NTB_ROOT_INO, nullptr), EINVAL);
+    EXPECT_EQ(volume.list(), (std::map<std::string, uint32_t>{{"file", NTB_TYPE_FILE}}));
+    EXPECT_EQ(volume.find("file"), file);
+    volume.finish();
+}
+
+TEST(Namespace, SystemFilesAreInvisibleAndUntouchable) {
+    BridgeVolume volume;
+    uint64_t ino = 0;
+    EXPECT_EQ(ntb_lookup(volume, NTB_ROOT_INO, "$MFT", &ino), ENOENT);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "$MFT"), EPERM);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "$MFT", NTB_ROOT_INO, "mine"), ENOENT);
+    EXPECT_EQ(ntb_create(volume, 11, "new", 1, &ino), EPERM);
+    EXPECT_EQ(ntb_unlink(volume, 11, "$ObjId"), EPERM);
+    EXPECT_TRUE(volume.list().empty());
+    volume.finish();
+}
+
+TEST(Namespace, RemovesFilesAndEmptyDirectories) {
+    BridgeVolume volume;
+    volume.makeDirectory("first of all"); // makes the file table grow
+    ntb_statfs before = {};
+    ntb_statfs_get(volume, &before);
+    const uint64_t directory = volume.makeDirectory("directory");
+    const uint64_t file = volume.make("file", directory);
+    EXPECT_EQ(volume.write(file, patternText(300000)), 0);
+    uint64_t ino = 0;
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), ENOTEMPTY);
+    EXPECT_EQ(ntb_unlink(volume, directory, "missing"), ENOENT);
+    EXPECT_EQ(ntb_unlink(volume, file, "x"), ENOTDIR);
+    EXPECT_EQ(ntb_lookup(volume, file, "x", &ino), ENOTDIR);
+    EXPECT_EQ(ntb_create(volume, file, "x", 1, &ino), ENOTDIR);
+    EXPECT_EQ(ntb_readdir(volume, file, nullptr, nullptr), ENOTDIR);
+    EXPECT_EQ(volume.find("file", directory), file);
+    EXPECT_EQ(ntb_unlink(volume, directory, "file"), 0);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), 0);
+    EXPECT_EQ(ntb_readdir(volume, directory, nullptr, nullptr), ENOENT);
+    ntb_statfs after = {};
+    ntb_statfs_get(volume, &after);
+    EXPECT_EQ(after.freeClusters, before.freeClusters);
+    volume.finish();
+}
+
+struct Rename {
+    const char* from;
+    const char* to;
+    int32_t result;
+};
+
+TEST(Namespace, Renames) {
+    BridgeVolume volume;
+    const uint64_t a = volume.makeDirectory("a");
+    const uint64_t b = volume.makeDirectory("b", a);
+    volume.makeDirectory("empty");
+    volume.makeDirectory("c", b);
+    const uint64_t readme = volume.make("readme.txt");
+    EXPECT_EQ(volume.write(readme, "text"), 0);
+    volume.make("inside", b);
+    volume.make("other");
+    const Rename cases[] = {
+        {"/readme.txt", "/readme.txt", 0},
+        {"/missing", "/x", ENOENT},
+        {"/readme.txt", "/README.TXT", 0},
+        {"/README.TXT", "/a/b/moved", 0},
+        {"/a", "/a/x", EINVAL},
+        {"/a", "/a/b/c/x", EINVAL},
+        {"/a/b", "/a/b/c/x", EINVAL},
+        {"/other", "/empty", EISDIR},
+        {"/empty", "/other", ENOTDIR},
+        {"/empty", "/a", ENOTEMPTY},
+        {"/other", "/other/x", ENOTDIR},
+        {"/a/b", "/empty", 0},
+        {"/other", "/empty/inside", 0},
+        {"/empty/moved", "/final", 0},
+    };
+    for (const Rename& c : cases) {
+        const auto split = [&](const std::string& path) {
+            const size_t slash = path.rfind('/');
+            return std::pair(volume.resolve(path.substr(0, slash)), path.substr(slash + 1));
+        };
+        const auto [parent, name] = split(c.from);
+        const auto [newParent, newName] = split(c.to);
+        EXPECT_EQ(ntb_rename(volume, parent, name.c_str(), newParent, newName.c_str()), c.result)
+            << c.from << " to " << c.to;
+    }
+    EXPECT_EQ(volume.list(),
+              (std::map<std::string, uint32_t>{{"a", 2}, {"empty", 2}, {"final", 1}}));
+    EXPECT_EQ(volume.list(b), (std::map<std::string, uint32_t>{{"c", 2}, {"inside", 1}}));
+    EXPECT_EQ(volume.find("empty"), b);
+    EXPECT_EQ(volume.find("final"), readme);
+    EXPECT_EQ(volume.attributes(readme).link_count, 1u);
+    EXPECT_EQ(volume.finish().cat("/final"), "text");
+}
+
+TEST(Namespace, SymbolicLinks) {
+    BridgeVolume volume;
+    for (const std::string& target : {std::string("../some where"), std::string("/"),
+                                      std::string("\u00fcml\u00e4ut"), repeated("t", 2043)}) {
+        SCOPED_TRACE(target);
+        uint64_t ino = 0;
+        ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), &ino), 0);
+        EXPECT_EQ(volume.readlink(ino), target);
+        const ntb_attr attr = volume.attributes(ino);
+        EXPECT_EQ(attr.type, uint32_t{NTB_TYPE_SYMLINK});
+        EXPECT_EQ(attr.size, target == "\u00fcml\u00e4ut" ? 6u : target.size());
+        EXPECT_EQ(volume.list().at("link"), uint32_t{NTB_TYPE_SYMLINK});
+        EXPECT_EQ(volume.setStream(ino, "s", "v"), EPERM);
+        EXPECT_NE(volume.stream(ino, "s").first, 0);
+        EXPECT_NE(ntb_removexattr(volume, ino, "s"), 0);
+        EXPECT_TRUE(volume.streams(ino).empty());
+        EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "link"), 0);
+    }
+    uint64_t ino = 0;
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "", &ino), EINVAL);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", repeated("t", 2044).c_str(), &ino),
+              ENAMETOOLONG);
+    char* target = nullptr;
+    EXPECT_EQ(ntb_readlink(volume, NTB_ROOT_INO, &target), EINVAL);
+    EXPECT_EQ(ntb_readlink(volume, volume.make("file"), &target), EINVAL);
+    EXPECT_EQ(target, nullptr);
+    volume.finish();
+}
+
+TEST(Namespace, ListingStopsWhenAskedTo) {
+    BridgeVolume volume;
+    volume.make("a");
+    volume.make("b");
+    int calls = 0;
+    const auto stopAtOnce = [](void* context, const char*, uint64_t, uint32_t) {
+        *static_cast<int*>(context) += 1;
+        return int32_t{7};
+    };
+    EXPECT_EQ(ntb_readdir(volume, NTB_ROOT_INO, stopAtOnce, &calls), 0);
+    EXPECT_EQ(calls, 1);
+}
+
+} // namespace
+} // namespace tavelin::test
