@@ -1,4 +1,3 @@
-#include "core/device_box.hpp"
 #include "core/file_block_device.hpp"
 #include "core/ntfs_error.hpp"
 #include "diagnostics/error_tally.hpp"
@@ -73,17 +72,6 @@ TEST(FileBlockDevice, TakesTheSizeOfADeviceNodeFromTheDevice) {
     EXPECT_EQ(last.back(), std::byte{'x'});
 }
 
-TEST(DeviceBox, ACallbackWithoutItsContextOrBufferStopsTheProcess) {
-    const test::TempFolder folder;
-    test::writeFile(folder / "image", std::string(kBlock, 'a'));
-    DeviceBox box(std::make_shared<FileBlockDevice>(folder / "image"));
-    const ntb_io io = makeIO(box);
-    std::array<std::byte, kBlock> buffer{};
-    EXPECT_EQ(io.read(io.context, buffer.data(), 0, kBlock), 0);
-    EXPECT_DEATH(io.read(nullptr, buffer.data(), 0, kBlock), "context");
-    EXPECT_DEATH(io.write(io.context, nullptr, 0, kBlock), "buffer");
-}
-
 TEST(NTFSError, IsDescribedAndRecordedByItsNumber) {
     EXPECT_STREQ(NTFSError(kENOTEMPTY).what(), "66 Directory not empty");
     errorTally().reset();
@@ -104,11 +92,9 @@ TEST(DeviceError, IsTalliedAlwaysButLoggedTwentyTimesOnly) {
     EXPECT_EQ(errorTally().summary().at("counts"), Value(Value::Map{{"66", 21}}));
     const std::string log = events().tail(1 << 20);
     EXPECT_EQ(std::ranges::count(log, '\n'), 20);
-    for (const std::string& part : std::vector<std::string>{
-             R"("ev":"device_error")", R"("op":"write")", R"("errno":66)", R"("off":4096)",
-             R"("len":512)", "\"err\":\"" + std::string(200, 'e') + "\""}) {
-        EXPECT_NE(log.find(part), std::string::npos) << part << " in " << log;
-    }
+    const std::string first = log.substr(0, log.find(R"(,"pid")"));
+    EXPECT_EQ(first, R"({"err":")" + std::string(200, 'e') +
+                         R"(","errno":66,"ev":"device_error","len":512,"off":4096,"op":"write")");
     deviceErrorEvents = INT64_MAX;
     EXPECT_DEATH(deviceError("read", EIO, 0, 0, ""), "deviceErrorEvents");
     deviceErrorEvents = 0;
