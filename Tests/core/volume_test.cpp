@@ -1,8 +1,7 @@
-#include "watched_device.hpp"
-
 #include "core/driver2.hpp"
 #include "core/ntfs_volume.hpp"
 #include "support/replaced_services.hpp"
+#include "support/watched_device.hpp"
 
 #include <gtest/gtest.h>
 
@@ -61,14 +60,8 @@ TEST_F(Volume, ItemsComeBackAsTheyWereMade) {
     volume->setHidden(file, true);
     volume->setTimes(file, at(10), at(20), at(30), at(40));
     volume->setTimes(file, std::nullopt, at(50), std::nullopt, std::nullopt);
-    NTFSAttributes expected{.ino = file,
-                            .linkCount = 1,
-                            .size = 13,
-                            .hidden = true,
-                            .accessTime = at(10),
-                            .modifyTime = at(50),
-                            .changeTime = at(30),
-                            .birthTime = at(40)};
+    NTFSAttributes expected{file,  Type::file, 1,      13,     0,      true,  false,
+                            false, false,      at(10), at(50), at(30), at(40)};
     expected.allocSize = volume->attributes(file).allocSize;
     EXPECT_EQ(volume->attributes(file), expected);
     EXPECT_EQ(volume->attributes(dir).type, Type::directory);

@@ -1,5 +1,6 @@
-// A block device that tests watch and hurt: it counts what reaches it, lets a test wait for that,
-// and fails on demand. Any thread.
+// For tests of what stands on a volume: a block device over a sample volume that counts what reaches
+// it, lets a test wait for that and fails on demand, and what such tests say about errors and bytes.
+// Any thread. Programs that include this link the core.
 #pragma once
 
 #include "core/file_block_device.hpp"
