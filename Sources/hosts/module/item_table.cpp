@@ -1,5 +1,7 @@
 #include "hosts/module/item_table.hpp"
 
+#include "platform/checked.hpp"
+
 #include <algorithm>
 
 namespace tavelin {
@@ -17,6 +19,15 @@ const fskit::FSItemRef& ItemRef::item() const noexcept {
 
 ItemRef ItemRef::again() const {
     return entry_ != nullptr ? table_->countAgain(*entry_) : ItemRef();
+}
+
+ItemTable::~ItemTable() {
+    const MutexLock held(lock_);
+    for (const auto& [address, entry] : entries_) {
+        if (entry.count > 0) {
+            fatal("a reference to an item has outlived its module host");
+        }
+    }
 }
 
 std::uint64_t ItemTable::begin() {

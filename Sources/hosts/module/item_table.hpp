@@ -76,6 +76,8 @@ class ItemTable {
     using Reclaim = std::function<void(const fskit::FSItemRef&)>;
 
     explicit ItemTable(Reclaim reclaim) : reclaim_(std::move(reclaim)) {}
+    /// A reference that is left stops the process: it would point nowhere.
+    ~ItemTable();
     ItemTable(const ItemTable&) = delete;
     ItemTable& operator=(const ItemTable&) = delete;
 

@@ -92,7 +92,7 @@ class ModuleHost {
   private:
     enum class State { idle, loaded, active, mounted, unmounted };
 
-    void expect(State state, const char* step) const;
+    void expect(bool inTurn, const char* step) const;
 
     const std::shared_ptr<HostResource> resource_;
     const std::unique_ptr<fskit::FSUnaryFileSystem> module_;

@@ -120,7 +120,12 @@ class VolumeClient {
     [[nodiscard]] std::size_t liveItems() const { return items_.size(); }
 
   private:
-    friend class ModuleHost; // the lifecycle requests
+    // The steps of its life, which are the module host's to take.
+    friend class ModuleHost;
+    Outcome<void> activate(const fskit::FSTaskOptions& options);
+    Outcome<void> mount(const fskit::FSTaskOptions& options);
+    void unmount();
+    Outcome<void> deactivate();
 
     template<typename Send>
     Outcome<ItemRef> askForItem(std::string_view request, Send&& send);
