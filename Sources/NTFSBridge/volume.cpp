@@ -31,11 +31,17 @@ bool read_boot_sector(const ntb_io& io, uint64_t& serial) noexcept {
     return true;
 }
 
-// The library's messages are never shown: failures are known by their errno. The handler is one
-// per process, so it is set once.
-void silence_library_log() noexcept {
+// What the library keeps per process, set once. Its messages are never shown: failures are known
+// by their errno. On macOS it would convert names between Unicode forms, so that a name read back
+// differed from the one created; names pass unchanged instead.
+void set_library_up() noexcept {
     static std::once_flag once;
-    std::call_once(once, [] { ntfs_log_set_handler(ntfs_log_handler_null); });
+    std::call_once(once, [] {
+        ntfs_log_set_handler(ntfs_log_handler_null);
+#ifdef __APPLE__
+        (void)ntfs_macosx_normalize_filenames(0); // 0 is always a valid argument
+#endif
+    });
 }
 
 struct device_free {
@@ -48,7 +54,7 @@ struct device_free {
 };
 
 int32_t mount(ntb_vol& vol) noexcept {
-    silence_library_log();
+    set_library_up();
     errno = 0;
     std::unique_ptr<ntfs_device, device_free> device(
         ntfs_device_alloc("ntb", 0, &ntb_dev_ops, vol.context.get()));
