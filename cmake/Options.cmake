@@ -2,6 +2,7 @@
 option(TAVELIN_TESTS "Build the tests" ON)
 option(TAVELIN_BENCHMARKS "Build the benchmarks behind script/bench" OFF)
 option(TAVELIN_WERROR "Treat warnings as errors" ON)
+option(TAVELIN_HOSTS "Build the command line and the FUSE host" ON)
 option(TAVELIN_FUSE "Build the FUSE host" ON)
 option(TAVELIN_BINDING "Build and run the FSKit binding on GNUstep (needs clang)" OFF)
 set(TAVELIN_SANITIZE "" CACHE STRING "Sanitizers to build with, as given to -fsanitize=")

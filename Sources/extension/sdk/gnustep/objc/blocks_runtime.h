@@ -1,0 +1,14 @@
+// GNUstep's headers ask for this when blocks are on. gcc's Objective-C runtime has no such header;
+// libBlocksRuntime has the functions.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+void* _Block_copy(const void* block);
+void _Block_release(const void* block);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,54 @@
+#import "extension/volume.h"
+
+#include "extension/reply.hpp"
+
+using tavelin::answerWith;
+using tavelin::serve;
+using tavelin::toCore;
+
+@implementation TavelinVolume (Data)
+
+- (void)readFromFile:(FSItem *)item
+              offset:(off_t)offset
+              length:(size_t)length
+          intoBuffer:(FSMutableFileDataBuffer *)buffer
+        replyHandler:(void (^)(size_t actuallyRead, NSError *error))reply {
+    serve(reply, [&](auto &answer) {
+        // The memory is FSKit's own and shared with the kernel: nothing is copied here.
+        fskit::FSMutableFileDataBuffer memory(
+            {static_cast<std::byte *>([buffer mutableBytes]), buffer.length});
+        _volume->read(toCore(item), offset, length, memory, answerWith(answer));
+    });
+}
+
+- (void)writeContents:(NSData *)contents
+               toFile:(FSItem *)item
+             atOffset:(off_t)offset
+         replyHandler:(void (^)(size_t actuallyWritten, NSError *error))reply {
+    serve(reply, [&](auto &answer) {
+        _volume->write(tavelin::bytesOf(contents), toCore(item), offset, answerWith(answer));
+    });
+}
+
+- (BOOL)isOpenCloseInhibited {
+    return _volume->isOpenCloseInhibited();
+}
+
+- (void)setOpenCloseInhibited:(BOOL)inhibited {
+    _volume->setOpenCloseInhibited(inhibited);
+}
+
+- (void)openItem:(FSItem *)item
+       withModes:(FSVolumeOpenModes)modes
+    replyHandler:(void (^)(NSError *error))reply {
+    serve(reply, [&](auto &answer) { _volume->openItem(toCore(item), modes, answerWith(answer)); });
+}
+
+- (void)closeItem:(FSItem *)item
+     keepingModes:(FSVolumeOpenModes)modes
+     replyHandler:(void (^)(NSError *error))reply {
+    serve(reply,
+          [&](auto &answer) { _volume->closeItem(toCore(item), modes, answerWith(answer)); });
+}
+
+@end

@@ -1,0 +1,190 @@
+#!/usr/bin/env python3
+"""The property lists, the entitlements and the bundle that packaging/macos/assemble-bundle makes.
+
+usage: bundle_test.py BUILD_DIRECTORY SOURCE_DIRECTORY [unittest arguments]
+"""
+import os
+import plistlib
+import re
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+BUILD = Path(sys.argv.pop(1))
+SOURCE = Path(sys.argv.pop(1))
+INPUTS = BUILD / "bundle"
+PRODUCT = dict(
+    re.findall(r'k(\w+) = "(.*)"', (BUILD / "generated/platform/product.hpp").read_text())
+)
+BASIC_DATA = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7"
+
+# key path, type, value (None: any of that type), and who reads it.
+COMMON = [
+    # CFBundle…, LSMinimumSystemVersion: Apple's "Information Property List" reference. The module
+    # is public from macOS 15.4 on.
+    ("CFBundleExecutable", str, None),
+    ("CFBundleName", str, None),
+    ("CFBundleInfoDictionaryVersion", str, "6.0"),
+    ("CFBundleShortVersionString", str, PRODUCT["Version"]),
+    ("CFBundleVersion", str, PRODUCT["Build"]),
+    ("CFBundleSupportedPlatforms", list, ["MacOSX"]),
+    ("LSMinimumSystemVersion", str, "15.4"),
+    # The event log, in the extension and in the host application.
+    ("TVLLogGroup", str, PRODUCT["Group"]),
+]
+ATTRIBUTES = "EXAppExtensionAttributes"
+EXTENSION = COMMON + [
+    # XPC! is what swift-build's ExtensionKit product type sets.
+    ("CFBundlePackageType", str, "XPC!"),
+    ("CFBundleIdentifier", str, PRODUCT["ExtensionBundleID"]),
+    # ExtensionKit: the point, and the class that NSExtensionMain instantiates (as in the module
+    # for FAT that Apple publishes).
+    (ATTRIBUTES + "/EXExtensionPointIdentifier", str, "com.apple.fskit.fsmodule"),
+    (ATTRIBUTES + "/EXExtensionPrincipalClass", str, "TavelinFileSystem"),
+    # diskdev_cmds (mount): finds the module by its short name and by the kinds of resource it
+    # takes, and refuses an operation whose option syntax is missing.
+    (ATTRIBUTES + "/FSShortName", str, PRODUCT["ShortName"]),
+    (ATTRIBUTES + "/FSSupportsBlockResources", bool, True),
+    (ATTRIBUTES + "/FSSupportsPathURLs", bool, False),
+    (ATTRIBUTES + "/FSSupportsGenericURLResources", bool, False),
+    (ATTRIBUTES + "/FSSupportsServerURLs", bool, False),
+    (ATTRIBUTES + "/FSRequiresSecurityScopedPathURLResources", bool, False),
+    (ATTRIBUTES + "/FSActivateOptionSyntax/shortOptions", str, None),
+    (ATTRIBUTES + "/FSCheckOptionSyntax/shortOptions", str, None),
+    # DiskArbitration: drops a module without personalities or media types; matches the media by
+    # the properties of the IOMedia object (IOStorageFamily).
+    (ATTRIBUTES + "/FSPersonalities/NTFS/FSName", str, "NTFS"),
+    (ATTRIBUTES + "/FSPersonalities/NTFS/FSSubType", int, 0),
+    (ATTRIBUTES + f"/FSMediaTypes/{BASIC_DATA}/FSMediaProperties/Content Hint", str, BASIC_DATA),
+    (ATTRIBUTES + f"/FSMediaTypes/{BASIC_DATA}/FSMediaProperties/Leaf", bool, True),
+    (ATTRIBUTES + "/FSMediaTypes/Windows_NTFS/FSMediaProperties/Content Hint", str, "Windows_NTFS"),
+    (ATTRIBUTES + "/FSMediaTypes/Windows_NTFS/FSMediaProperties/Leaf", bool, True),
+    (ATTRIBUTES + "/FSMediaTypes/Whole/FSMediaProperties/Leaf", bool, True),
+    (ATTRIBUTES + "/FSMediaTypes/Whole/FSMediaProperties/Whole", bool, True),
+]
+HOST = COMMON + [
+    ("CFBundlePackageType", str, "APPL"),
+    ("CFBundleIdentifier", str, PRODUCT["HostBundleID"]),
+    ("NSPrincipalClass", str, "NSApplication"),
+]
+# Apple's entitlement reference; identifiers as the provisioning profile names them.
+ENTITLEMENTS = [
+    ("com.apple.security.app-sandbox", bool, True),
+    ("com.apple.security.application-groups", list, [PRODUCT["Group"]]),
+    ("com.apple.developer.team-identifier", str, None),
+    ("com.apple.application-identifier", str, None),
+]
+EXTENSION_ENTITLEMENTS = ENTITLEMENTS + [("com.apple.developer.fskit.fsmodule", bool, True)]
+
+
+def load(name):
+    return plistlib.loads((INPUTS / name).read_bytes())
+
+
+class PropertyLists(unittest.TestCase):
+    def check(self, name, table):
+        for path, kind, value in table:
+            entry = load(name)
+            for key in path.split("/"):
+                self.assertIn(key, entry, f"{name}: {path}")
+                entry = entry[key]
+            self.assertIs(type(entry), kind, f"{name}: {path}")
+            if value is not None:
+                self.assertEqual(entry, value, f"{name}: {path}")
+
+    def test_hold_what_the_platform_reads(self):
+        self.check("extension-Info.plist", EXTENSION)
+        self.check("host-Info.plist", HOST)
+        self.check("extension.entitlements", EXTENSION_ENTITLEMENTS)
+        self.check("host.entitlements", ENTITLEMENTS)
+
+    def test_extension_agrees_with_itself_and_the_sources(self):
+        plist = load("extension-Info.plist")
+        attributes = plist[ATTRIBUTES]
+        self.assertEqual([key for key in plist if re.match("(FS|EX)[A-Z]", key)], [ATTRIBUTES])
+        # DiskArbitration cuts the type at its first underscore; the kernel's type name has room for
+        # 15 bytes; a plain "ntfs" would find the system's own driver.
+        self.assertRegex(attributes["FSShortName"], r"^(?!ntfs$)[a-z][a-z0-9]{0,14}$")
+        self.assertIn("o:", attributes["FSActivateOptionSyntax"]["shortOptions"])
+        self.assertEqual(set("nqy"), set(attributes["FSCheckOptionSyntax"]["shortOptions"]))
+        host = load("host-Info.plist")["CFBundleIdentifier"]
+        self.assertTrue(plist["CFBundleIdentifier"].startswith(host + "."))
+        binding = "".join(file.read_text() for file in (SOURCE / "Sources/extension").glob("*.mm"))
+        self.assertRegex(
+            binding, rf"@implementation {attributes['EXExtensionPrincipalClass']}\b"
+        )
+
+    def test_text_is_as_the_tools_want_it(self):
+        for file in INPUTS.iterdir():
+            text = file.read_bytes()
+            self.assertNotRegex(text, rb"\$\(|@[A-Z_]+@|\r|^\xef\xbb\xbf", file.name)
+            # A comment makes codesign refuse entitlements, two keys of one name hide a mistake.
+            if file.suffix == ".entitlements":
+                self.assertNotIn(b"<!--", text, file.name)
+                keys = re.findall(rb"<key>(.*?)</key>", text)
+                self.assertEqual(len(keys), len(set(keys)), file.name)
+
+
+class Bundle(unittest.TestCase):
+    def assemble(self, folder, **changes):
+        options = {
+            "output": folder,
+            "license": SOURCE / "LICENSE",
+            "host": f"Tavelin={folder}/host-binary",
+            "host-plist": INPUTS / "host-Info.plist",
+            "extension": f"TavelinModule={folder}/extension-binary",
+            "extension-plist": INPUTS / "extension-Info.plist",
+            "extension-profile": folder / "profile",
+        }
+        options.update(changes)
+        command = [SOURCE / "packaging/macos/assemble-bundle"]
+        for name, value in options.items():
+            command += [f"--{name.replace('_', '-')}", value]
+        return subprocess.run(command, capture_output=True, text=True, check=False)
+
+    def test_layout(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = Path(name)
+            for part in ("host-binary", "extension-binary", "profile"):
+                (folder / part).write_text(part)
+            app = folder / "Tavelin.app"
+            (app / "Contents/Extensions/Old.appex").mkdir(parents=True)
+            result = self.assemble(folder)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            appex = "Contents/Extensions/TavelinModule.appex/Contents"
+            files = {str(f.relative_to(app)): f for f in app.rglob("*") if f.is_file()}
+            self.assertEqual(
+                set(files),
+                {
+                    "Contents/Info.plist",
+                    "Contents/PkgInfo",
+                    "Contents/MacOS/Tavelin",
+                    "Contents/Resources/LICENSE",
+                    f"{appex}/Info.plist",
+                    f"{appex}/MacOS/TavelinModule",
+                    f"{appex}/embedded.provisionprofile",
+                },
+            )
+            for part, binary in (("Contents", "host-binary"), (appex, "extension-binary")):
+                plist = plistlib.loads(files[f"{part}/Info.plist"].read_bytes())
+                program = files[f"{part}/MacOS/{plist['CFBundleExecutable']}"]
+                self.assertEqual(program.read_text(), binary)
+                self.assertEqual(stat.S_IMODE(program.stat().st_mode), 0o755)
+
+    def test_refuses_unfinished_input_and_keeps_the_old_bundle(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = Path(name)
+            for part in ("host-binary", "extension-binary", "profile"):
+                (folder / part).write_text(part)
+            (folder / "Tavelin.app").mkdir()
+            template = SOURCE / "Sources/extension/Info.plist.in"
+            for changes in ({"extension_plist": template}, {"host": f"Tavelin={folder}/none"}):
+                self.assertNotEqual(self.assemble(folder, **changes).returncode, 0)
+                self.assertEqual(os.listdir(folder / "Tavelin.app"), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,6 @@
+// expect: 'release'
+#import <Foundation/Foundation.h>
+
+void drop(NSObject *object) {
+    [object release];
+}
