@@ -1,6 +1,6 @@
-// For tests of what stands on a volume: a block device over a sample volume that counts what reaches
-// it, lets a test wait for that and fails on demand, and what such tests say about errors and bytes.
-// Any thread. Programs that include this link the core.
+// For tests of what stands on a volume: a block device over a sample volume that counts what comes
+// through, lets a test wait for that and fails on demand; and short ways to say what such tests say
+// about errors and bytes. Any thread. Programs that include this link the core.
 #pragma once
 
 #include "core/file_block_device.hpp"
