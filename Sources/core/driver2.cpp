@@ -40,13 +40,11 @@ void applyList(MountOptions& options, std::string_view list) noexcept {
 MountOptions::MountOptions(std::span<const std::string> arguments) {
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string_view argument = arguments[i];
-        if (argument == "-r" || argument == "--rdonly") {
-            readOnly = true;
-        } else if (argument == kOptionFlag && i + 1 < arguments.size()) {
+        if (argument == kOptionFlag && i + 1 < arguments.size()) {
             applyList(*this, arguments[++i]);
         } else if (argument.starts_with(kOptionFlag)) {
             applyList(*this, argument.substr(kOptionFlag.size()));
-        } else if (asksForReadOnly(argument)) {
+        } else if (argument == "-r" || argument == "--rdonly" || asksForReadOnly(argument)) {
             readOnly = true;
         }
     }

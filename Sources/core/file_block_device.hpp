@@ -9,7 +9,7 @@ namespace tavelin {
 
 /// Owns its descriptor for its whole life. Takes no lock: one thread at a time.
 ///
-/// Errors: kEINVAL for a misaligned request on a strict device, EIO for a device that ends early,
+/// Errors: EINVAL for a misaligned request on a strict device, EIO for a device that ends early,
 /// else the errno of the failed system call. Interrupted calls are repeated, short ones continued.
 class FileBlockDevice final : public BlockDevice {
   public:
