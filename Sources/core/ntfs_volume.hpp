@@ -16,9 +16,9 @@
 /// Sizes and offsets are bytes.
 ///
 /// Errors are NTFSError with macOS numbers. Every operation but those of the first two rows below
-/// may answer kENXIO once the volume is unmounted, kENOENT for an inode or name that does not exist,
-/// kEINVAL for text with a NUL in it, and, as all of them may reach the medium, kEIO, kENOMEM or any
-/// other code of the device and the NTFS library; the rows name what else they answer.
+/// may answer kENXIO once the volume is unmounted, kENOENT for an inode or name that does not
+/// exist, kEINVAL for text with a NUL in it, and, as all of them may reach the medium, kEIO, kENOMEM
+/// or any other code of the device and the NTFS library; the rows name what else they answer.
 /// "Names" stands for kEINVAL (empty, ".", "..", with "/", or refused by the Windows-names switch),
 /// kENAMETOOLONG (over 255 UTF-16 units) and kEILSEQ (not UTF-8).
 ///
@@ -37,7 +37,9 @@
 ///   list                             kENOTDIR
 ///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression
 ///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP
-///   create, symlink                  kEROFS, kEEXIST, kENOTDIR, kENOSPC, kEPERM in $Extend, names
+///   create                           kEROFS, kEEXIST, kENOTDIR, kENOSPC, kEPERM in $Extend, names
+///   symlink                          kEROFS, kEEXIST, kENOTDIR, kENOSPC, names; of the target
+///                                    kEINVAL empty, kENAMETOOLONG, kEILSEQ
 ///   readlink                         kEINVAL not a link
 ///   remove                           kEROFS, kENOTDIR, kENOTEMPTY, kEPERM system file, names
 ///   rename                           kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEINVAL into
