@@ -1,0 +1,290 @@
+#include "crash/power_cut.hpp"
+
+#include "hosts/module/module_host.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+#include <set>
+
+namespace tavelin::test {
+
+namespace {
+
+constexpr std::size_t kMostExamples = 12;
+
+// One script as it ran: what the disk saw, and what the volume held in between.
+struct Recording {
+    std::vector<DiskEvent> events;
+    std::vector<Snapshot> states;        // before the first operation, then after each
+    std::vector<std::size_t> promisedAt; // events after which states[i] is promised
+};
+
+Recording record(const Bytes& base, const Script& script) {
+    const auto disk = std::make_shared<RecordingResource>(base);
+    ModuleHost host(disk);
+    host.open();
+    Recording recording;
+    recording.states.push_back(takeSnapshot(host.volume()));
+    recording.promisedAt.push_back(0);
+    for (const Operation* operation : script.operations) {
+        operation->run(host.volume());
+        if (script.finish == Finish::synchronise) {
+            host.volume().synchronize().get();
+            recording.promisedAt.push_back(disk->events().size());
+        }
+        recording.states.push_back(takeSnapshot(host.volume()));
+    }
+    if (script.finish == Finish::unmount) {
+        host.close().get();
+        recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
+        recording.promisedAt.back() = disk->events().size();
+    }
+    recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
+    recording.events = disk->events();
+    return recording;
+}
+
+// The volume after one cut, against what was promised by then.
+class Judge {
+  public:
+    Judge(const Script& script, const Recording& recording, std::size_t end)
+        : recording_(recording) {
+        for (std::size_t i = 0; i < recording.states.size(); i++) {
+            if (recording.promisedAt[i] <= end) {
+                promised_ = i;
+            }
+        }
+        for (std::size_t i = promised_; i < script.operations.size(); i++) {
+            const Operation& pending = *script.operations[i];
+            touched_.insert(pending.touches.begin(), pending.touches.end());
+            moves_.insert(moves_.end(), pending.moves.begin(), pending.moves.end());
+        }
+    }
+
+    struct Finding {
+        Fault fault;
+        std::string what;
+    };
+
+    std::vector<Finding> judge(Bytes image) {
+        ModuleHost host(std::make_shared<RecordingResource>(std::move(image)));
+        try {
+            host.open();
+        } catch (const OpenError& error) {
+            return {{Fault::notMountable, error.what()}};
+        }
+        if (host.volume().isReadOnly()) {
+            return {{Fault::notMountable, "read-only"}};
+        }
+        try {
+            compare(takeSnapshot(host.volume()));
+        } catch (const std::exception& error) {
+            findings_.push_back({Fault::unreadable, error.what()});
+        }
+        return std::move(findings_);
+    }
+
+    std::uint64_t promises() const { return promises_; }
+
+  private:
+    void compare(const Snapshot& found) {
+        for (const auto& [path, entry] : recording_.states[promised_].entries) {
+            const auto now = found.entries.find(path);
+            const bool touched = touched_.contains(path);
+            promises_++;
+            if (now == found.entries.end()) {
+                if (!touched || !mayBeAbsent(path, found)) {
+                    findings_.push_back({Fault::lost, path});
+                }
+            } else if (!touched && !same(entry, now->second)) {
+                findings_.push_back({Fault::damaged, path});
+            }
+        }
+        for (const auto& [path, entry] : found.entries) {
+            const bool known = recording_.states[promised_].entries.contains(path);
+            if (touched_.contains(path)) {
+                if (!isMixture(path, entry)) {
+                    findings_.push_back({Fault::damaged, path + " (being changed)"});
+                }
+            } else if (!known) {
+                findings_.push_back({Fault::strange, path});
+            }
+        }
+        for (const auto& [from, to] : moves_) {
+            const bool was = recording_.states[promised_].entries.contains(from);
+            if (was && !found.entries.contains(from) && !found.entries.contains(to)) {
+                findings_.push_back({Fault::lost, from + " on its way to " + to});
+            }
+        }
+    }
+
+    // A folder's own times change with its entries, which are compared instead.
+    static bool same(const SnapshotEntry& was, const SnapshotEntry& is) {
+        return was.sameContent(is) &&
+               (was.type == fskit::FSItemType::directory || was.sameTimes(is));
+    }
+
+    bool mayBeAbsent(const std::string& path, const Snapshot& found) const {
+        const auto isAbsent = [&](const Snapshot& state) { return !state.entries.contains(path); };
+        // A rename over a file takes the old one away before the new one comes.
+        const auto isReplaced = [&](const auto& move) {
+            return move.second == path && found.entries.contains(move.first);
+        };
+        return std::any_of(recording_.states.begin() + static_cast<std::ptrdiff_t>(promised_),
+                           recording_.states.end(), isAbsent) ||
+               std::any_of(moves_.begin(), moves_.end(), isReplaced);
+    }
+
+    // Each byte as it was at some moment since the promise, or zero where the file was growing.
+    bool isMixture(const std::string& path, const SnapshotEntry& entry) const {
+        std::vector<const SnapshotEntry*> moments;
+        for (std::size_t i = promised_; i < recording_.states.size(); i++) {
+            const auto at = recording_.states[i].entries.find(path);
+            if (at != recording_.states[i].entries.end()) {
+                if (at->second.sameContent(entry)) {
+                    return true;
+                }
+                moments.push_back(&at->second);
+            }
+        }
+        std::size_t longest = 0;
+        for (const SnapshotEntry* moment : moments) {
+            longest = std::max(longest, moment->content.size());
+        }
+        if (moments.empty() || entry.content.size() > longest) {
+            return false;
+        }
+        for (std::size_t i = 0; i < entry.content.size(); i++) {
+            const auto hadIt = [&](const SnapshotEntry* moment) {
+                return i < moment->content.size() && moment->content[i] == entry.content[i];
+            };
+            if (entry.content[i] != std::byte{0} &&
+                std::none_of(moments.begin(), moments.end(), hadIt)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    const Recording& recording_;
+    std::size_t promised_ = 0; // index of the state that must be there
+    std::set<std::string> touched_;
+    std::vector<std::pair<std::string, std::string>> moves_;
+    std::vector<Finding> findings_;
+    std::uint64_t promises_ = 0;
+};
+
+const char* cutName(Cut cut) {
+    switch (cut) {
+    case Cut::prefix:
+        return "in order";
+    case Cut::torn:
+        return "torn";
+    case Cut::reordered:
+        break;
+    }
+    return "reordered";
+}
+
+} // namespace
+
+std::string Script::describe() const {
+    std::string text;
+    for (const Operation* operation : operations) {
+        text += (text.empty() ? "" : ", ") + operation->name;
+    }
+    switch (finish) {
+    case Finish::nothing:
+        return text;
+    case Finish::synchronise:
+        return text + ", each synchronised";
+    case Finish::unmount:
+        break;
+    }
+    return text + ", unmounted";
+}
+
+const char* faultName(Fault fault) {
+    switch (fault) {
+    case Fault::notMountable:
+        return "not mountable";
+    case Fault::unreadable:
+        return "unreadable";
+    case Fault::lost:
+        return "lost";
+    case Fault::damaged:
+        return "damaged";
+    case Fault::strange:
+        break;
+    }
+    return "strange";
+}
+
+void Verdict::add(const Verdict& other) {
+    scripts += other.scripts;
+    cutPoints += other.cutPoints;
+    images += other.images;
+    promises += other.promises;
+    for (const auto& [fault, count] : other.faults) {
+        faults[fault] += count;
+    }
+    for (const std::string& example : other.examples) {
+        if (examples.size() < kMostExamples) {
+            examples.push_back(example);
+        }
+    }
+}
+
+Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
+    const Recording recording = record(base, script);
+    Verdict verdict;
+    verdict.scripts = 1;
+    std::mt19937_64 random(cuts.seed);
+    const auto tryCut = [&](std::size_t end, Cut cut) {
+        Judge judge(script, recording, end);
+        const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random));
+        verdict.images++;
+        verdict.promises += judge.promises();
+        for (const auto& [fault, what] : findings) {
+            verdict.faults[fault]++;
+            if (verdict.examples.size() < kMostExamples) {
+                verdict.examples.push_back(
+                    fmt::format("{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
+                                recording.events.size(), cutName(cut), faultName(fault), what));
+            }
+        }
+    };
+    for (std::size_t end = 0; end <= recording.events.size(); end++) {
+        if (end > 0 && recording.events[end - 1].flush) {
+            continue; // the medium is as it was
+        }
+        verdict.cutPoints++;
+        tryCut(end, Cut::prefix);
+        if (end > 0 && cuts.torn) {
+            tryCut(end, Cut::torn);
+        }
+        for (unsigned i = 0; end > 0 && i < cuts.reorderings; i++) {
+            tryCut(end, Cut::reordered);
+        }
+    }
+    return verdict;
+}
+
+std::vector<Script> allScripts(bool pairs) {
+    std::vector<Script> scripts;
+    for (const Finish finish : {Finish::nothing, Finish::synchronise, Finish::unmount}) {
+        for (const Operation& first : allOperations()) {
+            scripts.push_back({{&first}, finish});
+            for (const Operation& second : allOperations()) {
+                if (pairs && &second != &first) {
+                    scripts.push_back({{&first, &second}, finish});
+                }
+            }
+        }
+    }
+    return scripts;
+}
+
+} // namespace tavelin::test

@@ -1,0 +1,91 @@
+#include "crash/recording_resource.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tavelin::test {
+
+namespace {
+
+constexpr std::size_t kSector = 512;
+
+void putOnMedium(Bytes& image, const DiskEvent& event) {
+    std::copy(event.content.begin(), event.content.end(),
+              image.begin() + static_cast<std::ptrdiff_t>(event.offset));
+}
+
+void putSomeSectors(Bytes& image, const DiskEvent& event, std::mt19937_64& random) {
+    for (std::size_t at = 0; at < event.content.size(); at += kSector) {
+        if (random() % 2 == 0) {
+            std::copy_n(event.content.begin() + static_cast<std::ptrdiff_t>(at), kSector,
+                        image.begin() + static_cast<std::ptrdiff_t>(event.offset + at));
+        }
+    }
+}
+
+} // namespace
+
+std::size_t RecordingResource::read(std::byte* buffer, std::uint64_t offset, std::size_t length) {
+    std::memcpy(buffer, image_.data() + offset, length);
+    return length;
+}
+
+std::size_t RecordingResource::write(const std::byte* buffer, std::uint64_t offset,
+                                     std::size_t length) {
+    events_.push_back({false, offset, Bytes(buffer, buffer + length)});
+    putOnMedium(image_, events_.back());
+    return length;
+}
+
+void RecordingResource::metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) {
+    read(buffer, offset, length);
+}
+
+void RecordingResource::delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
+                                             std::size_t length) {
+    write(buffer, offset, length);
+}
+
+void RecordingResource::metadataFlush() {
+    events_.push_back({true, 0, {}});
+}
+
+std::optional<fskit::Error> RecordingResource::reachMedium() {
+    events_.push_back({true, 0, {}});
+    return std::nullopt;
+}
+
+Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::size_t end, Cut cut,
+               std::mt19937_64& random) {
+    Bytes image = base;
+    std::size_t certain = end; // events that happened whole and in order
+    if (cut == Cut::torn && end > 0) {
+        certain = end - 1;
+    } else if (cut == Cut::reordered) {
+        while (certain > 0 && !events[certain - 1].flush) {
+            certain--;
+        }
+    }
+    for (std::size_t i = 0; i < certain; i++) {
+        putOnMedium(image, events[i]);
+    }
+    if (cut == Cut::torn) {
+        for (std::size_t i = certain; i < end; i++) {
+            putSomeSectors(image, events[i], random);
+        }
+        return image;
+    }
+    std::vector<std::size_t> uncertain;
+    for (std::size_t i = certain; i < end; i++) {
+        if (random() % 2 == 0) {
+            uncertain.push_back(i);
+        }
+    }
+    std::shuffle(uncertain.begin(), uncertain.end(), random);
+    for (const std::size_t i : uncertain) {
+        putOnMedium(image, events[i]);
+    }
+    return image;
+}
+
+} // namespace tavelin::test

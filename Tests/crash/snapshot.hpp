@@ -1,0 +1,39 @@
+// What a volume holds, as a program that reads all of it sees it.
+#pragma once
+
+#include "hosts/module/volume_client.hpp"
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tavelin::test {
+
+struct SnapshotEntry {
+    fskit::FSItemType type = fskit::FSItemType::unknown;
+    std::vector<std::byte> content; // of a link, its target
+    std::map<std::string, std::vector<std::byte>> streams;
+    std::timespec modified{};
+    std::timespec born{};
+
+    bool sameTimes(const SnapshotEntry& other) const {
+        return modified.tv_sec == other.modified.tv_sec &&
+               modified.tv_nsec == other.modified.tv_nsec && born.tv_sec == other.born.tv_sec &&
+               born.tv_nsec == other.born.tv_nsec;
+    }
+    bool sameContent(const SnapshotEntry& other) const {
+        return type == other.type && content == other.content && streams == other.streams;
+    }
+};
+
+struct Snapshot {
+    std::map<std::string, SnapshotEntry> entries; // by path from the root, "a/b"
+    std::string label;
+};
+
+// Lists, opens and reads everything. Throws fskit::Error, or std::runtime_error for an entry
+// without attributes, naming the path.
+Snapshot takeSnapshot(VolumeClient& volume);
+
+} // namespace tavelin::test
