@@ -1,0 +1,103 @@
+// A module over a resource in memory, with its log lines and events to look at.
+#pragma once
+
+#include "memory_resource.hpp"
+#include "requests.hpp"
+
+#include "diagnostics/error_tally.hpp"
+#include "diagnostics/event_log.hpp"
+#include "diagnostics/op_counter.hpp"
+#include "fskit/tavelin_file_system.hpp"
+#include "support/replaced_services.hpp"
+#include "support/temp_folder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+
+namespace tavelin::test {
+
+// The process's event log, in a folder of its own and not among what earlier runs left behind.
+struct OwnGroupContainer {
+    OwnGroupContainer() { ::setenv("TAVELIN_GROUP_CONTAINER", folder.path().c_str(), 1); }
+    TempFolder folder;
+};
+inline const OwnGroupContainer ownGroupContainer;
+
+class ModuleTest : public ::testing::Test {
+  protected:
+    using Type = fskit::FSItemType;
+    using Item = fskit::FSItemRef;
+    using Words = std::vector<std::string>;
+
+    ModuleTest() {
+        static_cast<void>(takeEvents());
+        static_cast<void>(OpCounter::shared().dumpAndReset());
+        errorTally().reset();
+    }
+
+    auto probe() {
+        return ask<fskit::FSProbeResult>([&](auto reply) { module.probeResource(disk, reply); });
+    }
+    auto load(const Words& options = {}) {
+        return ask<std::shared_ptr<fskit::FSVolume>>(
+            [&](auto reply) { module.loadResource(disk, {options}, reply); });
+    }
+    auto unload() {
+        return ask<>([&](auto reply) { module.unloadResource(disk, {}, reply); });
+    }
+    // Loads and activates; the volume then answers requests, and `root` is its root.
+    void start(const Words& options = {}) {
+        ASSERT_EQ(load(options).code(), 0);
+        root = *requests().activate();
+    }
+    TavelinVolume& volume() { return *module.volume; }
+    Requests<TavelinVolume> requests() { return Requests(volume()); }
+
+    // The events since the last call, one JSON line each, without time and process and with every
+    // elapsed time 0.
+    std::vector<std::string> takeEvents() {
+        const EventLog::Chunk fresh = events().read(eventsRead_);
+        eventsRead_ = fresh.offset;
+        std::vector<std::string> lines;
+        std::istringstream text(fresh.text);
+        for (std::string line; std::getline(text, line);) {
+            line = std::regex_replace(line, std::regex(R"re(,?"(t|pid)":("[^"]*"|\d+))re"), "");
+            line = std::regex_replace(line, std::regex(R"re("ms":\d+)re"), "\"ms\":0");
+            lines.push_back(line);
+        }
+        return lines;
+    }
+    // The last of the events since the last call.
+    std::string takeLastEvent() {
+        const auto lines = takeEvents();
+        return lines.empty() ? "" : lines.back();
+    }
+    std::vector<std::string> takeLog() { return services.log().takeLines(); }
+    static std::string takeCounts() { return OpCounter::shared().dumpAndReset(); }
+
+    ReplacedServices services;
+    std::shared_ptr<MemoryResource> disk;
+    TavelinFileSystem module;
+    Item root;
+
+  private:
+    static inline std::uint64_t eventsRead_ = 0;
+};
+
+// The same over a fresh volume.
+class VolumeTest : public ModuleTest {
+  protected:
+    explicit VolumeTest(const VolumeGeometry& geometry = {}) : sample(geometry) {
+        disk = std::make_shared<MemoryResource>(sample);
+    }
+
+    // Puts what the resource holds back into the image file, for other programs to look at.
+    void save() { writeFile(sample.image(), disk->bytes); }
+
+    const SampleVolume sample;
+};
+
+} // namespace tavelin::test
