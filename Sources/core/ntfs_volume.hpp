@@ -17,8 +17,8 @@
 ///
 /// Errors are NTFSError with macOS numbers. Every operation but those of the first two rows below
 /// may answer kENXIO once the volume is unmounted, kENOENT for an inode or name that does not
-/// exist, kEINVAL for text with a NUL in it, and, as all of them may reach the medium, kEIO, kENOMEM
-/// or any other code of the device and the NTFS library; the rows name what else they answer.
+/// exist, kEINVAL for text with a NUL in it, and, as all may reach the medium, kEIO, kENOMEM or any
+/// other code of the device and the NTFS library; the rows name what else they answer.
 /// "Names" stands for kEINVAL (empty, ".", "..", with "/", or refused by the Windows-names switch),
 /// kENAMETOOLONG (over 255 UTF-16 units) and kEILSEQ (not UTF-8).
 ///
