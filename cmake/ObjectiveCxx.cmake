@@ -28,6 +28,8 @@ if(NOT APPLE)
     ${TAVELIN_SDK}/gnustep ${PROJECT_BINARY_DIR}/gnustep /usr/include/GNUstep)
   target_include_directories(tavelin_gnustep INTERFACE ${TAVELIN_SDK}/any)
   target_link_libraries(tavelin_gnustep INTERFACE gnustep-base objc BlocksRuntime)
+  # See Sources/extension/sdk/gnustep/personality.cpp.
+  target_link_options(tavelin_gnustep INTERFACE LINKER:--wrap=__gnu_objc_personality_v0)
 
   # The macOS target with the standard headers of this system: _GNU_SOURCE is what clang defines by
   # itself for Linux, __nonnull what it defines for macOS and the C library wants for itself.
