@@ -14,11 +14,15 @@ OpCounter& OpCounter::shared() {
     return instance;
 }
 
-void OpCounter::hit(std::string_view op) {
+void OpCounter::hit(std::string_view op) noexcept {
     MutexLock lock(lock_);
     auto known = counts_.find(op);
     if (known == counts_.end()) {
-        known = counts_.emplace(op, 0).first;
+        try {
+            known = counts_.emplace(op, 0).first;
+        } catch (const std::bad_alloc&) {
+            return; // the count is lost, what it counts goes on
+        }
     }
     checkedIncrement(known->second, "an operation counter overflowed");
 }

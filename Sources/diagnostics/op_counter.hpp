@@ -20,9 +20,9 @@ class OpCounter {
     [[nodiscard]] static OpCounter& shared();
 
     /// Counts one call of the operation (its bare name, such as "enumerateDirectory"). On every
-    /// request's path: no allocation for a name already known. A counter that overflows stops the
-    /// process.
-    void hit(std::string_view op);
+    /// request's path: no allocation for a name already known, and never a failure: without memory
+    /// for a new name the call goes uncounted. A counter that overflows stops the process.
+    void hit(std::string_view op) noexcept;
 
     /// All counts, highest first, such as "lookupItem=120 getAttributes=87 read=3", and starts
     /// anew; empty when nothing was counted. Equal counts stand in no particular order.

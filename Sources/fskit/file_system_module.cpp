@@ -41,10 +41,44 @@ std::string probedName(const std::shared_ptr<ResourceDevice>& device) {
             name = label;
         }
         temporary->unmount();
-    } catch (const NTFSError&) {
+    } catch (const std::exception&) {
         // The name found so far stands.
     }
     return name;
+}
+
+std::shared_ptr<ResourceDevice>
+makeDevice(const std::shared_ptr<fskit::FSBlockDeviceResource>& resource) {
+    auto device = std::make_shared<ResourceDevice>(resource);
+    device->cached = ResourceDevice::kernelCacheEnabled();
+    return device;
+}
+
+fskit::FSProbeResult probed(const fskit::FSResourceRef& resource) {
+    const auto disk = std::dynamic_pointer_cast<fskit::FSBlockDeviceResource>(resource);
+    if (!disk) {
+        events().event("probe", Fields{{"result", "not_block_device"}});
+        return fskit::FSProbeResult::notRecognized();
+    }
+    const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
+    Fields fields{{"bsd", disk->BSDName()},
+                  {"size", checkedMultiply(disk->blockCount(), disk->blockSize(),
+                                           "resource size overflowed")},
+                  {"block", disk->blockSize()}};
+    const std::optional<std::uint64_t> serial = NTFSVolume::probe(device);
+    if (!serial) {
+        fields.insert_or_assign("result", "not_ntfs");
+        events().event("probe", fields);
+        return fskit::FSProbeResult::notRecognized();
+    }
+    std::string name = probedName(device);
+    log().info(fmt::format("probe: NTFS serial={:x} name={}", *serial, name));
+    fields.insert_or_assign("result", "usable");
+    fields.insert_or_assign("writable", disk->isWritable());
+    // The event log, unlike the system log, never carries the whole serial.
+    fields.insert_or_assign("serial", fmt::format("{:x}", *serial & 0xffff));
+    events().event("probe", fields);
+    return fskit::FSProbeResult::usable(std::move(name), {{Driver2::volumeUUID(*serial)}});
 }
 
 /// One load, from its options to the event that reports it.
@@ -104,13 +138,6 @@ class Load {
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-std::shared_ptr<ResourceDevice>
-makeDevice(const std::shared_ptr<fskit::FSBlockDeviceResource>& resource) {
-    auto device = std::make_shared<ResourceDevice>(resource);
-    device->cached = ResourceDevice::kernelCacheEnabled();
-    return device;
-}
-
 } // namespace
 
 TavelinFileSystem::TavelinFileSystem() {
@@ -129,33 +156,40 @@ const std::string& TavelinFileSystem::typeName() {
 
 void TavelinFileSystem::probeResource(const fskit::FSResourceRef& resource,
                                       const fskit::ProbeReply& reply) {
-    const auto disk = std::dynamic_pointer_cast<fskit::FSBlockDeviceResource>(resource);
-    if (!disk) {
-        events().event("probe", Fields{{"result", "not_block_device"}});
-        reply(fskit::FSProbeResult::notRecognized(), std::nullopt);
-        return;
+    fskit::FSProbeResult result = fskit::FSProbeResult::notRecognized();
+    try {
+        result = probed(resource);
+    } catch (const std::exception&) {
+        // No memory to look with: a probe answers what it knows, never an error.
     }
-    const auto device = std::make_shared<ResourceDevice>(disk);
-    Fields fields{{"bsd", disk->BSDName()},
-                  {"size", checkedMultiply(disk->blockCount(), disk->blockSize(),
-                                           "resource size overflowed")},
-                  {"block", disk->blockSize()}};
-    const std::optional<std::uint64_t> serial = NTFSVolume::probe(device);
-    if (!serial) {
-        fields.insert_or_assign("result", "not_ntfs");
-        events().event("probe", fields);
-        reply(fskit::FSProbeResult::notRecognized(), std::nullopt);
-        return;
+    reply(std::move(result), std::nullopt);
+}
+
+std::shared_ptr<TavelinVolume>
+TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
+                          const fskit::FSTaskOptions& options) {
+    const Load load(*disk, options);
+    errorTally().reset();
+    deviceErrorEvents = 0;
+    try {
+        const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
+        const auto [ntfs, fellBack] = load.open(device);
+        if (fellBack) {
+            log().info("load: volume is hibernated or write-protected, mounted read-only");
+        }
+        auto fresh = std::make_shared<TavelinVolume>(ntfs);
+        fresh->device = device;
+        if (!ntfs->readOnly()) {
+            ntfs->startAutoFlush(kFlushInterval);
+        }
+        volume = fresh;
+        containerStatus = fskit::FSContainerStatus::ready();
+        load.reportSuccess(*ntfs, fellBack);
+        return fresh;
+    } catch (const std::exception& error) {
+        load.reportFailure(error);
+        throw;
     }
-    std::string name = probedName(device);
-    log().info(fmt::format("probe: NTFS serial={:x} name={}", *serial, name));
-    fields.insert_or_assign("result", "usable");
-    fields.insert_or_assign("writable", disk->isWritable());
-    // The event log, unlike the system log, never carries the whole serial.
-    fields.insert_or_assign("serial", fmt::format("{:x}", *serial & 0xffff));
-    events().event("probe", fields);
-    reply(fskit::FSProbeResult::usable(std::move(name), {{Driver2::volumeUUID(*serial)}}),
-          std::nullopt);
 }
 
 void TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
@@ -168,37 +202,14 @@ void TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
         reply(nullptr, fskit::fs_errorForPOSIXError(kENODEV));
         return;
     }
-    const Load load(*disk, options);
-    errorTally().reset();
-    deviceErrorEvents = 0;
-    const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
-    const auto loaded = attempt(kLoad, [&] {
-        try {
-            const auto [ntfs, fellBack] = load.open(device);
-            if (fellBack) {
-                log().info("load: volume is hibernated or write-protected, mounted read-only");
-            }
-            auto fresh = std::make_shared<TavelinVolume>(ntfs);
-            fresh->device = device;
-            if (!ntfs->readOnly()) {
-                ntfs->startAutoFlush(kFlushInterval);
-            }
-            volume = fresh;
-            containerStatus = fskit::FSContainerStatus::ready();
-            load.reportSuccess(*ntfs, fellBack);
-            return fresh;
-        } catch (const std::exception& error) {
-            load.reportFailure(error);
-            throw;
-        }
-    });
-    reply(loaded.value.value_or(nullptr), loaded.error);
+    auto made = attempt(kLoad, [&] { return loaded(disk, options); });
+    reply(std::move(made.value).value_or(nullptr), std::move(made.error));
 }
 
 void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
                                        const fskit::FSTaskOptions& /*options*/,
                                        const fskit::ErrorReply& reply) {
-    const auto unloaded = attempt(kUnload, [&] {
+    auto unloaded = attempt(kUnload, [&] {
         try {
             if (volume) {
                 volume->ntfs->unmount();
@@ -211,7 +222,7 @@ void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
             throw;
         }
     });
-    reply(unloaded.error);
+    reply(std::move(unloaded.error));
     volume = nullptr;
 }
 

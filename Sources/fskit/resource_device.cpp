@@ -22,18 +22,29 @@ std::atomic<bool> kernelCache{false};
 
 /// Logs and records a failed call and returns its errno.
 std::int32_t fail(std::string_view op, std::uint64_t offset, std::uint64_t length,
-                  std::int32_t error, std::string_view description) {
-    log().error(fmt::format("{} failed off={} len={}: {}", op, offset, length, description));
+                  std::int32_t error, std::string_view description) noexcept {
+    try {
+        log().error(fmt::format("{} failed off={} len={}: {}", op, offset, length, description));
+    } catch (const std::bad_alloc&) {
+        // The line is lost, the error itself is still answered.
+    }
     deviceError(op, error, offset, length, description);
     return error;
+}
+
+std::uint32_t usableBlockSize(const fskit::FSBlockDeviceResource& resource) {
+    const std::uint64_t bytes =
+        std::max({resource.physicalBlockSize(), resource.blockSize(), kSmallestBlock});
+    if (bytes > UINT32_MAX) {
+        fatal("a resource's block size overflowed");
+    }
+    return static_cast<std::uint32_t>(bytes);
 }
 
 } // namespace
 
 ResourceDevice::ResourceDevice(std::shared_ptr<fskit::FSBlockDeviceResource> deviceResource)
-    : resource(std::move(deviceResource)),
-      blockSize_(static_cast<std::uint32_t>(
-          std::max({resource->physicalBlockSize(), resource->blockSize(), kSmallestBlock}))) {
+    : resource(std::move(deviceResource)), blockSize_(usableBlockSize(*resource)) {
     const std::uint64_t bytes =
         checkedMultiply(resource->blockSize(), resource->blockCount(), "resource size overflowed");
     size_ = bytes / blockSize_ * blockSize_;
@@ -64,7 +75,7 @@ std::int32_t ResourceDevice::transferAll(std::string_view op, std::uint64_t offs
             if (count < 1) {
                 return EIO;
             }
-            done += count;
+            done += std::min(count, length - done);
         }
         return 0;
     } catch (const fskit::Error& error) {

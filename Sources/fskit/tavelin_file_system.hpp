@@ -46,6 +46,11 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     [[nodiscard]] std::shared_ptr<fskit::NSProgress>
     startFormat(const std::shared_ptr<fskit::FSTask>& task,
                 const fskit::FSTaskOptions& options) override;
+
+  private:
+    /// Mounts the resource and keeps the volume; reports either outcome.
+    std::shared_ptr<TavelinVolume> loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
+                                          const fskit::FSTaskOptions& options);
 };
 
 } // namespace tavelin

@@ -74,9 +74,8 @@ void TavelinVolume::getAttributes(const fskit::FSItemGetAttributesRequest& /*des
         reply(std::nullopt, missingItem());
         return;
     }
-    const auto read =
-        attempt("getAttributes(_:of:replyHandler:)", [&] { return attributes(n(item)); });
-    reply(read.value, read.error);
+    auto read = attempt("getAttributes(_:of:replyHandler:)", [&] { return attributes(n(item)); });
+    reply(std::move(read.value), std::move(read.error));
 }
 
 void TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
@@ -87,11 +86,11 @@ void TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
         reply(std::nullopt, missingItem());
         return;
     }
-    const auto read = attempt("setAttributes(_:on:replyHandler:)", [&] {
+    auto read = attempt("setAttributes(_:on:replyHandler:)", [&] {
         apply(changes, n(item));
         return attributes(n(item));
     });
-    reply(read.value, read.error);
+    reply(std::move(read.value), std::move(read.error));
 }
 
 } // namespace tavelin

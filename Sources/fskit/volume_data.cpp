@@ -25,11 +25,11 @@ void TavelinVolume::read(const fskit::FSItemRef& item, std::int64_t offset, std:
         reply(0, missingItem());
         return;
     }
-    const auto count = attempt("read(from:at:length:into:replyHandler:)", [&] {
+    auto count = attempt("read(from:at:length:into:replyHandler:)", [&] {
         return ntfs->read(n(item).ino, unsignedOffset(offset), buffer.mutableBytes(),
                           std::min(length, buffer.length()));
     });
-    reply(count.value.value_or(0), count.error);
+    reply(count.value.value_or(0), std::move(count.error));
 }
 
 void TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
@@ -38,10 +38,10 @@ void TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSIt
         reply(0, missingItem());
         return;
     }
-    const auto count = attempt("write(contents:to:at:replyHandler:)", [&] {
+    auto count = attempt("write(contents:to:at:replyHandler:)", [&] {
         return ntfs->write(n(item).ino, unsignedOffset(offset), contents);
     });
-    reply(count.value.value_or(0), count.error);
+    reply(count.value.value_or(0), std::move(count.error));
 }
 
 void TavelinVolume::readSymbolicLink(const fskit::FSItemRef& item, const fskit::NameReply& reply) {
@@ -50,9 +50,9 @@ void TavelinVolume::readSymbolicLink(const fskit::FSItemRef& item, const fskit::
         reply(std::nullopt, missingItem());
         return;
     }
-    const auto target = attempt("readSymbolicLink(_:replyHandler:)",
-                                [&] { return fskit::FSFileName(ntfs->readlink(n(item).ino)); });
-    reply(target.value, target.error);
+    auto target = attempt("readSymbolicLink(_:replyHandler:)",
+                          [&] { return fskit::FSFileName(ntfs->readlink(n(item).ino)); });
+    reply(std::move(target.value), std::move(target.error));
 }
 
 } // namespace tavelin

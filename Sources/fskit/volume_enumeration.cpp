@@ -89,7 +89,7 @@ void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
         reply(verifier, missingItem());
         return;
     }
-    const auto packed = attempt(kOperation, [&] {
+    auto packed = attempt(kOperation, [&] {
         NItem& folder = n(directory);
         const Snapshot snapshot = listing(folder, startingAt, verifier);
         if (wanted != nullptr) {
@@ -100,7 +100,7 @@ void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
         }
         return snapshot->verifier;
     });
-    reply(packed.value.value_or(verifier), packed.error);
+    reply(packed.value.value_or(verifier), std::move(packed.error));
 }
 
 } // namespace tavelin

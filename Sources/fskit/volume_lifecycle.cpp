@@ -24,7 +24,7 @@ fskit::FSFileName volumeName(NTFSVolume& volume) {
     std::string label;
     try {
         label = volume.label();
-    } catch (const NTFSError&) {
+    } catch (const std::exception&) {
         // An unreadable label is no reason to refuse the volume.
     }
     return fskit::FSFileName(label.empty() ? "NTFS" : label);
@@ -70,7 +70,7 @@ fskit::FSStatFSResult TavelinVolume::volumeStatistics() {
     NTFSStatFS record;
     try {
         record = ntfs->statfs();
-    } catch (const NTFSError&) {
+    } catch (const std::exception&) {
         return result; // statistics have no way to fail
     }
     result.blockSize = record.clusterSize;
@@ -89,19 +89,23 @@ fskit::FSStatFSResult TavelinVolume::volumeStatistics() {
 }
 
 void TavelinVolume::activate(const fskit::FSTaskOptions& options, const fskit::ItemReply& reply) {
-    // Passing through the lock waits for device I/O that is in flight.
-    bool hasDevice = false;
-    ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
-    if (Driver2::MountOptions(options.taskOptions).windowsNames) {
-        ntfs->setWindowsNames(true);
-    }
-    const std::string words = fmt::format("{}", fmt::join(options.taskOptions, " "));
-    log().info(fmt::format("activate: windowsNames={} options={}", ntfs->windowsNames(), words));
-    const std::shared_ptr<ResourceDevice> underlying = hasDevice ? device.lock() : nullptr;
-    events().event("activate", Fields{{"ro", ntfs->readOnly()},
-                                      {"kernel_cache", underlying && underlying->cached.load()},
-                                      {"options", words}});
-    reply(root(), std::nullopt);
+    auto activated = attempt("activate(options:replyHandler:)", [&] {
+        // Passing through the lock waits for device I/O that is in flight.
+        bool hasDevice = false;
+        ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
+        if (Driver2::MountOptions(options.taskOptions).windowsNames) {
+            ntfs->setWindowsNames(true);
+        }
+        const std::string words = fmt::format("{}", fmt::join(options.taskOptions, " "));
+        log().info(
+            fmt::format("activate: windowsNames={} options={}", ntfs->windowsNames(), words));
+        const std::shared_ptr<ResourceDevice> underlying = hasDevice ? device.lock() : nullptr;
+        events().event("activate", Fields{{"ro", ntfs->readOnly()},
+                                          {"kernel_cache", underlying && underlying->cached},
+                                          {"options", words}});
+        return root();
+    });
+    reply(std::move(activated.value).value_or(nullptr), std::move(activated.error));
 }
 
 void TavelinVolume::mount(const fskit::FSTaskOptions& /*options*/, const fskit::ErrorReply& reply) {
@@ -109,13 +113,13 @@ void TavelinVolume::mount(const fskit::FSTaskOptions& /*options*/, const fskit::
 }
 
 void TavelinVolume::unmount(const std::function<void()>& reply) {
-    // Unlike at deactivation, counts that nobody would see are kept.
-    if (log().isEnabled(LogLevel::kInfo)) {
-        logOperations(OpCounter::shared().dumpAndReset());
-    }
     try {
+        // Unlike at deactivation, counts that nobody would see are kept.
+        if (log().isEnabled(LogLevel::kInfo)) {
+            logOperations(OpCounter::shared().dumpAndReset());
+        }
         ntfs->sync();
-    } catch (const NTFSError&) {
+    } catch (const std::exception&) {
         // An unmount cannot fail; deactivation and unload write again and report.
     }
     reply();
@@ -133,20 +137,24 @@ void TavelinVolume::synchronize(fskit::FSSyncFlags flags, const fskit::ErrorRepl
 
 void TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/,
                                const fskit::ErrorReply& reply) {
-    const std::string counts = OpCounter::shared().dumpAndReset();
-    if (log().isEnabled(LogLevel::kInfo)) {
-        logOperations(counts);
-    }
-    events().event("deactivate", Fields{{"ops", counts}, {"errors", errorTally().summary()}});
-    reply(attempt("deactivate(options:replyHandler:)", [&] { ntfs->sync(); }).error);
+    reply(attempt("deactivate(options:replyHandler:)", [&] {
+              const std::string counts = OpCounter::shared().dumpAndReset();
+              if (log().isEnabled(LogLevel::kInfo)) {
+                  logOperations(counts);
+              }
+              events().event("deactivate",
+                             Fields{{"ops", counts}, {"errors", errorTally().summary()}});
+              ntfs->sync();
+          }).error);
 }
 
 void TavelinVolume::setVolumeName(const fskit::FSFileName& newName, const fskit::NameReply& reply) {
-    const auto done = attempt("setVolumeName(_:replyHandler:)", [&] {
+    auto done = attempt("setVolumeName(_:replyHandler:)", [&] {
         ntfs->setLabel(name(newName));
         setName(newName);
+        return newName;
     });
-    reply(done ? std::optional(newName) : std::nullopt, done.error);
+    reply(std::move(done.value), std::move(done.error));
 }
 
 } // namespace tavelin

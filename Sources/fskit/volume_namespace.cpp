@@ -13,11 +13,11 @@ void TavelinVolume::lookupItem(const fskit::FSFileName& named, const fskit::FSIt
         reply(nullptr, {}, missingItem());
         return;
     }
-    const auto found = attempt("lookupItem(named:inDirectory:replyHandler:)", [&] {
+    auto found = attempt("lookupItem(named:inDirectory:replyHandler:)", [&] {
         const std::uint64_t parent = n(directory).ino;
         return item(ntfs->lookup(name(named), parent), parent);
     });
-    reply(found.value.value_or(nullptr), named, found.error);
+    reply(std::move(found.value).value_or(nullptr), named, std::move(found.error));
 }
 
 void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type,
@@ -34,7 +34,7 @@ void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType
         reply(nullptr, {}, missingItem());
         return;
     }
-    const auto made = attempt("createItem(named:type:inDirectory:attributes:replyHandler:)", [&] {
+    auto made = attempt("createItem(named:type:inDirectory:attributes:replyHandler:)", [&] {
         NItem& folder = n(directory);
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
         const auto fresh = item(ntfs->create(name(named), folder.ino, kind), folder.ino);
@@ -47,7 +47,7 @@ void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType
         changed(folder);
         return fresh;
     });
-    reply(made.value.value_or(nullptr), named, made.error);
+    reply(std::move(made.value).value_or(nullptr), named, std::move(made.error));
 }
 
 void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
@@ -60,7 +60,7 @@ void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
         reply(nullptr, {}, missingItem());
         return;
     }
-    const auto made =
+    auto made =
         attempt("createSymbolicLink(named:inDirectory:attributes:linkContents:replyHandler:)", [&] {
             NItem& folder = n(directory);
             const std::string_view linkName = name(named);
@@ -68,7 +68,7 @@ void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
             changed(folder);
             return item(ino, folder.ino);
         });
-    reply(made.value.value_or(nullptr), named, made.error);
+    reply(std::move(made.value).value_or(nullptr), named, std::move(made.error));
 }
 
 void TavelinVolume::createLink(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& /*named*/,
@@ -103,7 +103,7 @@ void TavelinVolume::renameItem(const fskit::FSItemRef& moved,
         reply(std::nullopt, missingItem());
         return;
     }
-    const auto done =
+    auto done =
         attempt("renameItem(_:inDirectory:named:to:inDirectory:overItem:replyHandler:)", [&] {
             NItem& from = n(sourceDirectory);
             NItem& to = n(destinationDirectory);
@@ -112,13 +112,15 @@ void TavelinVolume::renameItem(const fskit::FSItemRef& moved,
             if (!isNull(moved)) {
                 n(moved).parent = to.ino;
             }
-            if (!isNull(overItem)) {
+            // An item that goes by a new spelling of its own name is not replaced by itself.
+            if (!isNull(overItem) && overItem != moved) {
                 forget(n(overItem));
             }
             changed(from);
             changed(to);
+            return destinationName;
         });
-    reply(done ? std::optional(destinationName) : std::nullopt, done.error);
+    reply(std::move(done.value), std::move(done.error));
 }
 
 } // namespace tavelin

@@ -29,7 +29,7 @@ void TavelinVolume::getXattr(const fskit::FSFileName& named, const fskit::FSItem
     }
     auto read = attempt("getXattr(named:of:replyHandler:)",
                         [&] { return ntfs->xattr(name(named), n(item).ino); });
-    reply(std::move(read.value).value_or(std::vector<std::byte>()), read.error);
+    reply(std::move(read.value).value_or(std::vector<std::byte>()), std::move(read.error));
 }
 
 void TavelinVolume::setXattr(const fskit::FSFileName& named,
@@ -66,7 +66,8 @@ void TavelinVolume::listXattrs(const fskit::FSItemRef& item, const fskit::NamesR
         }
         return list;
     });
-    reply(std::move(names.value).value_or(std::vector<fskit::FSFileName>()), names.error);
+    reply(std::move(names.value).value_or(std::vector<fskit::FSFileName>()),
+          std::move(names.error));
 }
 
 } // namespace tavelin

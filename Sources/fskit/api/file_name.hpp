@@ -17,8 +17,6 @@ class FSFileName {
     const std::string& data() const noexcept { return data_; }
     /// The text, absent when the bytes are not valid UTF-8.
     std::optional<std::string_view> string() const noexcept;
-    /// For logs only: what is not printable is escaped.
-    std::string debugDescription() const;
 
     friend bool operator==(const FSFileName&, const FSFileName&) = default;
 
