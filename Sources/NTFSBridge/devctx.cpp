@@ -3,16 +3,15 @@
 #include "NTFSBridge/block_io.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <memory>
-#include <new>
 
 namespace ntb {
 namespace {
 
 constexpr uint64_t page_size = page_cache::page_size;
 constexpr uint64_t largest_cached_transfer = 65536;
+static_assert(largest_cached_transfer / page_size < page_cache::max_run_pages,
+              "a fetch fits into the cache's staging memory, be its ends aligned or not");
 
 // The part of a byte range that falls into one page.
 struct page_part {
@@ -60,17 +59,14 @@ int32_t ntb_devctx::cached_read(uint8_t* to, uint64_t count, uint64_t offset) no
         while (page + run <= last && cache.pc_find(page + run) == nullptr) {
             run += 1;
         }
-        const std::unique_ptr<uint8_t[]> fetched(new (std::nothrow) uint8_t[run * page_size]);
-        if (!fetched) {
-            return ENOMEM;
-        }
-        const int32_t error = io_read(io, stats, fetched.get(), page * page_size, run * page_size);
+        uint8_t* const fetched = cache.staging();
+        const int32_t error = io_read(io, stats, fetched, page * page_size, run * page_size);
         if (error != 0) {
             return error;
         }
         stats->cacheMisses += run;
         for (uint64_t i = 0; i < run; ++i, ++page) {
-            const uint8_t* const data = fetched.get() + i * page_size;
+            const uint8_t* const data = fetched + i * page_size;
             if (uint8_t* const slot = cache.pc_slot_for(page); slot != nullptr) {
                 std::memcpy(slot, data, page_size);
             }

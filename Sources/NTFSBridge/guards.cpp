@@ -1,6 +1,25 @@
 #include "NTFSBridge/guards.hpp"
 
 namespace ntb {
+namespace {
+
+bool is_dirty(const ntfs_inode* inode) noexcept {
+    return NInoDirty(inode) || NInoAttrListDirty(inode);
+}
+
+// Closes an inode that cannot be written, giving its changes up. The library would keep it open,
+// with nobody left who knows of it.
+void discard(ntfs_inode* inode) noexcept {
+    NInoClearDirty(inode);
+    NInoAttrListClearDirty(inode);
+    NInoFileNameClearDirty(inode);
+    for (s32 i = 0; i < inode->nr_extents; ++i) {
+        NInoClearDirty(inode->extent_nis[i]);
+    }
+    (void)ntfs_inode_real_close(inode); // writes nothing, so nothing fails
+}
+
+} // namespace
 
 int32_t inode_guard::open(ntfs_volume* volume, uint64_t ino) noexcept {
     (void)close();
@@ -10,19 +29,40 @@ int32_t inode_guard::open(ntfs_volume* volume, uint64_t ino) noexcept {
 }
 
 int32_t inode_guard::close() noexcept {
-    if (inode_ == nullptr) {
+    ntfs_inode* const inode = release();
+    if (inode == nullptr) {
         return 0;
     }
     errno = 0;
-    return ntfs_inode_close(release()) == 0 ? 0 : err_or(EIO);
+    if (is_dirty(inode) && ntfs_inode_sync(inode) != 0) {
+        const int32_t error = err_or(EIO);
+        // A second try may still save the change, but the caller hears of the first.
+        if (ntfs_inode_sync(inode) != 0) {
+            discard(inode);
+            return error;
+        }
+        (void)ntfs_inode_close(inode);
+        return error;
+    }
+    errno = 0;
+    return ntfs_inode_close(inode) == 0 ? 0 : err_or(EIO);
 }
 
 int32_t inode_guard::close_in(ntfs_inode* directory) noexcept {
-    if (inode_ == nullptr) {
+    ntfs_inode* const inode = release();
+    if (inode == nullptr) {
         return 0;
     }
     errno = 0;
-    return ntfs_inode_close_in_dir(release(), directory) == 0 ? 0 : err_or(EIO);
+    if (ntfs_inode_close_in_dir(inode, directory) == 0) {
+        return 0;
+    }
+    // The library leaves the inode open when it cannot be written.
+    const int32_t error = err_or(EIO);
+    if (ntfs_inode_close_in_dir(inode, directory) != 0) {
+        discard(inode);
+    }
+    return error;
 }
 
 } // namespace ntb

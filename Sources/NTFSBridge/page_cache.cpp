@@ -3,43 +3,20 @@
 #include "NTFSBridge/block_io.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <new>
 
 namespace ntb {
-namespace {
-
-// Number of pages at the head of the list that follow each other on the device.
-template<typename Page>
-uint64_t run_length(const Page* list, uint64_t count, uint64_t longest) noexcept {
-    const uint64_t limit = std::min(count, longest);
-    uint64_t length = 1;
-    while (length < limit && list[length].page == list[0].page + length) {
-        length += 1;
-    }
-    return length;
-}
-
-template<typename Page>
-uint64_t longest_run(const Page* list, uint64_t count, uint64_t limit) noexcept {
-    uint64_t longest = 0;
-    for (uint64_t at = 0; at < count;) {
-        const uint64_t length = run_length(list + at, count - at, limit);
-        longest = std::max(longest, length);
-        at += length;
-    }
-    return longest;
-}
-
-} // namespace
-
 bool page_cache::enable() noexcept {
     slots_.reset(new (std::nothrow) ntb_cache_slot[slot_count]());
     pages_.reset(new (std::nothrow) uint8_t[uint64_t{slot_count} * page_size]);
-    if (!slots_ || !pages_) {
+    dirty_pages_.reset(new (std::nothrow) dirty_page[slot_count]);
+    staging_.reset(new (std::nothrow) uint8_t[uint64_t{max_run_pages} * page_size]);
+    if (!slots_ || !pages_ || !dirty_pages_ || !staging_) {
         slots_.reset();
         pages_.reset();
+        dirty_pages_.reset();
+        staging_.reset();
         return false;
     }
     set_count_ = full_set_count;
@@ -129,40 +106,51 @@ void page_cache::mark_dirty(uint32_t slot_index) noexcept {
     }
 }
 
-// A range of fewer pages than there are sets is looked up page by page; walking all slots would
-// cost more.
-uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last, dirty_page* list,
-                                   uint64_t capacity) const noexcept {
+// Lists the dirty pages of the range and answers how many there are. A range of fewer pages than
+// there are sets is looked up page by page; walking all slots would cost more.
+uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
     uint64_t count = 0;
     if (last - first < full_set_count) {
-        for (uint64_t offset = 0; offset <= last - first && count < capacity; ++offset) {
-            const uint32_t slot = slot_holding(first + offset);
+        for (uint64_t page = first; page - first <= last - first && count < dirty_count_; ++page) {
+            const uint32_t slot = slot_holding(page);
             if (slot != no_slot && slots_[slot].dirty != 0) {
-                list[count++] = {.page = first + offset, .slot = slot};
+                dirty_pages_[count++] = {.page = page, .slot = slot};
             }
         }
         return count;
     }
-    for (uint32_t slot = 0; slot < slot_count && count < capacity; ++slot) {
+    for (uint32_t slot = 0; slot < slot_count && count < dirty_count_; ++slot) {
         const ntb_cache_slot& entry = slots_[slot];
         if (entry.valid != 0 && entry.dirty != 0 && entry.page >= first && entry.page <= last) {
-            list[count++] = {.page = entry.page, .slot = slot};
+            dirty_pages_[count++] = {.page = entry.page, .slot = slot};
         }
     }
-    std::sort(list, list + count, [](const dirty_page& left, const dirty_page& right) {
-        return cmp_u64(&left, &right) < 0;
-    });
+    std::sort(
+        dirty_pages_.get(), dirty_pages_.get() + count,
+        [](const dirty_page& left, const dirty_page& right) { return cmp_u64(&left, &right) < 0; });
     return count;
 }
 
-int32_t page_cache::write_run(const dirty_page* run, uint64_t count, uint8_t* staging) noexcept {
+// Number of listed pages from first on, before end, that follow each other on the device.
+uint64_t page_cache::run_length(uint64_t first, uint64_t end) const noexcept {
+    const uint64_t limit = std::min<uint64_t>(end - first, max_run_pages);
+    uint64_t length = 1;
+    while (length < limit &&
+           dirty_pages_[first + length].page == dirty_pages_[first].page + length) {
+        length += 1;
+    }
+    return length;
+}
+
+int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
     if (count == 1) {
         return write_back(run->slot);
     }
     for (uint64_t i = 0; i < count; ++i) {
-        std::memcpy(staging + i * page_size, data_of(run[i].slot), page_size);
+        std::memcpy(staging_.get() + i * page_size, data_of(run[i].slot), page_size);
     }
-    const int32_t error = io_write(io_, &stats_, staging, run->page * page_size, count * page_size);
+    const int32_t error =
+        io_write(io_, &stats_, staging_.get(), run->page * page_size, count * page_size);
     if (error == 0) {
         for (uint64_t i = 0; i < count; ++i) {
             slots_[run[i].slot].dirty = 0;
@@ -176,24 +164,10 @@ int32_t page_cache::pc_flush_pages(uint64_t first, uint64_t last) noexcept {
     if (dirty_count_ == 0) {
         return 0;
     }
-    const uint64_t pages_after_first = last - first;
-    const uint64_t capacity =
-        pages_after_first < dirty_count_ ? pages_after_first + 1 : dirty_count_;
-    const std::unique_ptr<dirty_page[]> list(new (std::nothrow) dirty_page[capacity]);
-    if (!list) {
-        return ENOMEM;
-    }
-    const uint64_t count = collect_dirty(first, last, list.get(), capacity);
-    std::unique_ptr<uint8_t[]> staging;
-    if (const uint64_t pages = longest_run(list.get(), count, max_run_pages); pages > 1) {
-        staging.reset(new (std::nothrow) uint8_t[pages * page_size]);
-        if (!staging) {
-            return ENOMEM;
-        }
-    }
+    const uint64_t count = collect_dirty(first, last);
     for (uint64_t at = 0; at < count;) {
-        const uint64_t length = run_length(&list[at], count - at, max_run_pages);
-        if (const int32_t error = write_run(&list[at], length, staging.get()); error != 0) {
+        const uint64_t length = run_length(at, count);
+        if (const int32_t error = write_run(&dirty_pages_[at], length); error != 0) {
             return error;
         }
         at += length;

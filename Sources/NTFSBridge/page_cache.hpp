@@ -38,7 +38,8 @@ class page_cache {
     page_cache(const page_cache&) = delete;
     page_cache& operator=(const page_cache&) = delete;
 
-    // Allocates the slots and pages. Without memory the cache stays off and says false.
+    // Allocates all that the cache will ever need, so that writing back never fails for want of
+    // memory. When there is not enough the cache stays off and says false.
     bool enable() noexcept;
     bool is_on() const noexcept { return set_count_ != 0; }
 
@@ -55,9 +56,12 @@ class page_cache {
     void mark_dirty(uint32_t slot_index) noexcept;
 
     // Writes the dirty pages from first to last, both included, in page order, consecutive pages
-    // together. Stops at the first failed write; that run and all later pages stay dirty. ENOMEM
-    // when there is no memory for the list or the staging buffer.
+    // together. Stops at the first failed write; that run and all later pages stay dirty.
     [[nodiscard]] int32_t pc_flush_pages(uint64_t first, uint64_t last) noexcept;
+
+    // max_run_pages pages to work with, which pc_flush_pages overwrites and pc_slot_for leaves
+    // alone. Null when the cache is off.
+    uint8_t* staging() noexcept { return staging_.get(); }
 
     // Checks the facts above by walking every slot; for tests.
     bool is_consistent() const noexcept;
@@ -76,16 +80,17 @@ class page_cache {
     uint32_t victim_for(uint64_t page) const noexcept;
     [[nodiscard]] int32_t write_back(uint32_t slot) noexcept;
     uint8_t* use(uint32_t slot, uint32_t* slot_index) noexcept;
-    uint64_t collect_dirty(uint64_t first, uint64_t last, dirty_page* list,
-                           uint64_t capacity) const noexcept;
-    [[nodiscard]] int32_t write_run(const dirty_page* run, uint64_t count,
-                                    uint8_t* staging) noexcept;
+    uint64_t collect_dirty(uint64_t first, uint64_t last) noexcept;
+    uint64_t run_length(uint64_t first, uint64_t end) const noexcept;
+    [[nodiscard]] int32_t write_run(const dirty_page* run, uint64_t count) noexcept;
 
     const ntb_io& io_;
     ntb_stats& stats_;
     std::unique_ptr<ntb_cache_slot[]> slots_;
-    std::unique_ptr<uint8_t[]> pages_; // slot i owns the bytes from i * page_size on
-    uint32_t set_count_ = 0;           // 0: off
+    std::unique_ptr<uint8_t[]> pages_;          // slot i owns the bytes from i * page_size on
+    std::unique_ptr<dirty_page[]> dirty_pages_; // what a flush writes, by page number
+    std::unique_ptr<uint8_t[]> staging_;
+    uint32_t set_count_ = 0; // 0: off
     uint32_t use_clock_ = 0;
     uint64_t dirty_count_ = 0;
 };
