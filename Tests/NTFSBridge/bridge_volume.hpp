@@ -42,6 +42,12 @@ class BridgeVolume {
         return sample_;
     }
 
+    // Mounts again what others have made of the image after finish().
+    void reload() {
+        memory_ = MemoryIo::fromFile(sample_.image());
+        ASSERT_EQ(mount(), 0);
+    }
+
     uint64_t make(const std::string& name, uint64_t parent = NTB_ROOT_INO,
                   uint32_t kind = NTB_TYPE_FILE) {
         uint64_t ino = 0;

@@ -1,0 +1,266 @@
+// Volumes shared with the independent tools and with the FUSE driver ntfs-3g, in both directions.
+#include "bridge_volume.hpp"
+
+#include "support/run_process.hpp"
+
+#include <fstream>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The image mounted by the driver, for as long as this lives.
+class DriverMount {
+  public:
+    explicit DriverMount(const SampleVolume& sample) : folder_(sample.folder() / "mount") {
+        fs::create_directories(folder_);
+        runOrThrow({"ntfs-3g", "-o", "compression", sample.image().string(), folder_.string()});
+    }
+    ~DriverMount() { EXPECT_TRUE(run({"umount", folder_.string()}).ok()); }
+    DriverMount(const DriverMount&) = delete;
+    DriverMount& operator=(const DriverMount&) = delete;
+
+    static bool isPossible() { return access("/dev/fuse", R_OK | W_OK) == 0 && geteuid() == 0; }
+
+    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+    void make(const std::string& name, const std::string& content = {}) const {
+        writeFile(folder_ / name, content);
+    }
+    void set(const std::string& name, const char* attribute, const std::string& value) const {
+        EXPECT_EQ(setxattr(path(name).c_str(), attribute, value.data(), value.size(), 0), 0)
+            << name << " " << attribute << ": " << strerror(errno);
+    }
+    std::string get(const std::string& name, const char* attribute) const {
+        char value[65536];
+        const ssize_t size = getxattr(path(name).c_str(), attribute, value, sizeof value);
+        EXPECT_GE(size, 0) << name << " " << attribute << ": " << strerror(errno);
+        return std::string(value, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    }
+
+  private:
+    fs::path folder_;
+};
+
+#define REQUIRE_DRIVER()                                                                           \
+    if (!DriverMount::isPossible()) {                                                              \
+        GTEST_SKIP() << "mounting the driver needs root and /dev/fuse";                            \
+    }
+
+std::string littleEndian(uint64_t value, int bytes) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i) {
+        text += static_cast<char>(value >> (8 * i));
+    }
+    return text;
+}
+
+std::string utf16(const std::string& ascii) {
+    std::string text;
+    for (const char c : ascii) {
+        text += {c, '\0'};
+    }
+    return text;
+}
+
+// The data of a reparse point as Windows writes it: a symbolic link, or a junction.
+std::string symlinkData(const std::string& target, bool isRelative) {
+    const std::string name = utf16(target);
+    const std::string body = littleEndian(0, 2) + littleEndian(name.size(), 2) +
+                             littleEndian(name.size(), 2) + littleEndian(name.size(), 2) +
+                             littleEndian(isRelative ? 1 : 0, 4) + name + name;
+    return littleEndian(0xA000000C, 4) + littleEndian(body.size(), 2) + littleEndian(0, 2) + body;
+}
+
+std::string junctionData(const std::string& target) {
+    const std::string print = utf16(target);
+    const std::string name = utf16("\\??\\" + target);
+    const std::string body = littleEndian(0, 2) + littleEndian(name.size(), 2) +
+                             littleEndian(name.size() + 2, 2) + littleEndian(print.size(), 2) +
+                             name + std::string(2, '\0') + print + std::string(2, '\0');
+    return littleEndian(0xA0000003, 4) + littleEndian(body.size(), 2) + littleEndian(0, 2) + body;
+}
+
+const std::string kCompressible(300000, 'c');
+
+TEST(Interop, WhatToolsWroteIsReadAndBack) {
+    BridgeVolume volume;
+    const uint64_t file = volume.make("from bridge");
+    EXPECT_EQ(volume.write(file, patternText(70000)), 0);
+    const ntb_time time = {1234567890, 0};
+    EXPECT_EQ(ntb_set_times(volume, file, &time, &time, &time, &time), 0);
+    const SampleVolume& sample = volume.finish();
+    const std::string info =
+        runOrThrow({"ntfsinfo", "--force", "-F", "/from bridge", sample.image().string()});
+    EXPECT_NE(info.find("Fri Feb 13 23:31:30 2009"), std::string::npos) << info;
+    EXPECT_NE(info.find("70000"), std::string::npos) << info;
+
+    writeFile(sample.folder() / "source", patternText(123456, 7));
+    runOrThrow({"ntfscp", "--force", "--quiet", sample.image().string(),
+                (sample.folder() / "source").string(), "/copied"});
+    volume.reload();
+    EXPECT_TRUE(volume.read(volume.find("copied")) == patternText(123456, 7));
+    EXPECT_EQ(volume.attributes(volume.find("copied")).size, 123456u);
+}
+
+void makeWithDriver(const DriverMount& driver) {
+    fs::create_directory(driver.path("compressed"));
+    driver.set("compressed", "system.ntfs_attrib", littleEndian(0x810, 4));
+    driver.make("compressed/file", kCompressible);
+    driver.make("sparse");
+    fs::resize_file(driver.path("sparse"), 1u << 30);
+    std::ofstream(driver.path("sparse"), std::ios::in | std::ios::binary)
+        .seekp(500 << 20)
+        .write(std::string(4096, 's').data(), 4096);
+    driver.make("streams", "unnamed");
+    driver.set("streams", "user.first", "1");
+    driver.set("streams", "user.second", patternText(30000));
+    driver.make("Long name with an alias.text", "aliased");
+    driver.set("Long name with an alias.text", "system.ntfs_dos_name", "LONGNA~1.TXT");
+    driver.make(std::string(255, 'n'));
+    fs::create_hard_link(driver.path("streams"), driver.path("second name"));
+    fs::create_symlink("streams", driver.path("interix"));
+    for (const char* const name : {"relative", "absolute", "itself", "dedup"}) {
+        driver.make(name);
+    }
+    fs::create_directory(driver.path("junction"));
+    driver.set("relative", "system.ntfs_reparse_data", symlinkData("compressed\\file", true));
+    driver.set("absolute", "system.ntfs_reparse_data", symlinkData("\\??\\C:\\streams", false));
+    driver.set("itself", "system.ntfs_reparse_data", symlinkData("itself", true));
+    driver.set("junction", "system.ntfs_reparse_data", junctionData("C:\\compressed"));
+    driver.set("dedup", "system.ntfs_reparse_data",
+               littleEndian(0x80000013, 4) + littleEndian(4, 4) + "data");
+}
+
+TEST(Interop, WhatTheDriverWroteIsRead) {
+    REQUIRE_DRIVER();
+    BridgeVolume volume;
+    volume.finish();
+    makeWithDriver(DriverMount(volume.sample()));
+    volume.reload();
+
+    EXPECT_EQ(volume.list(), (std::map<std::string, uint32_t>{
+                                 {"Long name with an alias.text", 1},
+                                 {"absolute", 3},
+                                 {"compressed", 2},
+                                 {"dedup", 3},
+                                 {"interix", 3},
+                                 {"itself", 3},
+                                 {"junction", 3},
+                                 {std::string(255, 'n'), 1},
+                                 {"relative", 3},
+                                 {"second name", 1},
+                                 {"sparse", 1},
+                                 {"streams", 1},
+                             }));
+    const uint64_t compressed = volume.resolve("/compressed/file");
+    ntb_attr attr = volume.attributes(compressed);
+    EXPECT_NE(attr.flags & NTB_FLAG_COMPRESSED, 0u);
+    EXPECT_LT(attr.alloc_size, attr.size);
+    EXPECT_TRUE(volume.read(compressed) == kCompressible);
+    attr = volume.attributes(volume.find("sparse"));
+    EXPECT_EQ(attr.size, 1u << 30);
+    EXPECT_EQ(attr.alloc_size, 4096u);
+    EXPECT_EQ(volume.read(volume.find("sparse"), (500 << 20) - 1, 4098),
+              std::string(1, '\0') + std::string(4096, 's') + std::string(1, '\0'));
+    EXPECT_EQ(volume.streams(volume.find("streams")),
+              (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(volume.stream(volume.find("second name"), "second").second, patternText(30000));
+    EXPECT_EQ(volume.attributes(volume.find("streams")).link_count, 2u);
+    EXPECT_EQ(volume.find("LONGNA~1.TXT"), volume.find("Long name with an alias.text"));
+
+    const std::pair<const char*, const char*> links[] = {{"relative", "compressed/file"},
+                                                         {"absolute", "/streams"},
+                                                         {"itself", "itself"},
+                                                         {"junction", "/compressed"},
+                                                         {"interix", "streams"}};
+    for (const auto& [name, target] : links) {
+        SCOPED_TRACE(name);
+        const uint64_t ino = volume.find(name);
+        EXPECT_EQ(volume.readlink(ino), target);
+        attr = volume.attributes(ino);
+        EXPECT_EQ(attr.type, uint32_t{NTB_TYPE_SYMLINK});
+        EXPECT_EQ(attr.size, strlen(target));
+    }
+    EXPECT_EQ(volume.attributes(volume.find("dedup")).type, uint32_t{NTB_TYPE_FILE});
+}
+
+TEST(Interop, WhatTheDriverWroteIsChanged) {
+    REQUIRE_DRIVER();
+    BridgeVolume volume;
+    volume.finish();
+    makeWithDriver(DriverMount(volume.sample()));
+    volume.reload();
+
+    const std::string patch = patternText(50000);
+    std::string expected = kCompressible;
+    expected.replace(100000, patch.size(), patch);
+    EXPECT_EQ(volume.write(volume.resolve("/compressed/file"), patch, 100000), 0);
+    EXPECT_EQ(volume.write(volume.find("sparse"), "hole", 100 << 20), 0);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "Long name with an alias.text", NTB_ROOT_INO,
+                         "Long Name with an alias.text"),
+              0);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "second name", NTB_ROOT_INO, "streams"), EEXIST);
+    EXPECT_EQ(volume.list().count("second name") + volume.list().count("streams"), 2u);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "second name"), 0);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "relative", NTB_ROOT_INO, "moved link"), 0);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "junction"), 0);
+    const DriverMount driver(volume.finish());
+    EXPECT_TRUE(readFile(driver.path("compressed/file")) == expected);
+    EXPECT_EQ(readFile(driver.path("Long Name with an alias.text")), "aliased");
+    EXPECT_EQ(fs::read_symlink(driver.path("moved link")), "compressed/file");
+    EXPECT_EQ(fs::hard_link_count(driver.path("streams")), 1u);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(driver.path("junction"))));
+    char hole[5] = {};
+    std::ifstream(driver.path("sparse"), std::ios::binary).seekg(100 << 20).read(hole, 4);
+    EXPECT_STREQ(hole, "hole");
+}
+
+TEST(Interop, WhatTheBridgeWroteTheDriverReads) {
+    REQUIRE_DRIVER();
+    BridgeVolume volume;
+    const uint64_t directory = volume.makeDirectory("directory \u20ac");
+    const uint64_t file = volume.make(std::string(255, 'f'), directory);
+    uint64_t link = 0;
+    EXPECT_EQ(volume.write(file, patternText(600000)), 0);
+    EXPECT_EQ(volume.setStream(file, "stream", "value"), 0);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "directory \u20ac", &link), 0);
+    const ntb_time time = {1234567890, 123456700};
+    EXPECT_EQ(ntb_set_times(volume, file, nullptr, &time, nullptr, nullptr), 0);
+
+    const DriverMount driver(volume.finish());
+    const std::string path = "directory \u20ac/" + std::string(255, 'f');
+    EXPECT_TRUE(readFile(driver.path(path)) == patternText(600000));
+    EXPECT_EQ(driver.get(path, "user.stream"), "value");
+    EXPECT_EQ(fs::read_symlink(driver.path("link")), "directory \u20ac");
+    struct stat status = {};
+    ASSERT_EQ(stat(driver.path(path).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, time.seconds);
+    EXPECT_EQ(status.st_mtim.tv_nsec, time.nanoseconds);
+}
+
+TEST(Interop, ADirectoryOfTwentyThousand) {
+    REQUIRE_DRIVER();
+    constexpr int kCount = 20000;
+    BridgeVolume volume({.bytes = 64 << 20});
+    volume.finish();
+    {
+        const DriverMount driver(volume.sample());
+        fs::create_directory(driver.path("many"));
+        for (int i = 0; i < kCount; ++i) {
+            std::ofstream(driver.path("many/entry number " + std::to_string(i)));
+        }
+    }
+    volume.reload();
+    const uint64_t many = volume.find("many");
+    EXPECT_EQ(volume.list(many).size(), size_t{kCount});
+    for (int i = 0; i < kCount; i += 997) {
+        EXPECT_NE(volume.find("entry number " + std::to_string(i), many), 0u);
+    }
+}
+
+} // namespace
+} // namespace tavelin::test
