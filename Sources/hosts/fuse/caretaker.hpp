@@ -1,0 +1,38 @@
+/// What has to be done beside serving requests: the thread that waits for signals and looks after
+/// removed files that stay open.
+///
+/// The first SIGINT, SIGTERM or SIGHUP unmounts the folder as `umount` would; when somebody still
+/// uses it, it is taken away at once and served until they are done. A second signal cuts them off.
+#pragma once
+
+#include "hosts/fuse/removed_files.hpp"
+#include "hosts/fuse/serving_threads.hpp"
+
+#include <filesystem>
+#include <thread>
+
+namespace tavelin::fusehost {
+
+class Caretaker {
+  public:
+    /// Blocks the signals in the calling thread, and so in all that it starts later; to be called
+    /// while there is no other. Throws std::system_error.
+    Caretaker();
+    ~Caretaker();
+    Caretaker(const Caretaker&) = delete;
+    Caretaker& operator=(const Caretaker&) = delete;
+
+    void start(const std::filesystem::path& folder, RemovedFiles& removed, ServingThreads& threads);
+    /// Returns once the thread has ended; does nothing when it has not been started. Not for the
+    /// thread itself.
+    void stop();
+
+  private:
+    void watch(const std::filesystem::path& folder, RemovedFiles& removed, ServingThreads& threads);
+
+    int signals_ = -1; // a signalfd
+    int ending_ = -1;  // an eventfd
+    std::thread thread_;
+};
+
+} // namespace tavelin::fusehost

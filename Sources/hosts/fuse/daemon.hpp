@@ -1,0 +1,31 @@
+/// Leaving the terminal, but only once there is something to leave it for.
+#pragma once
+
+namespace tavelin::fusehost {
+
+/// Splits off a process that serves, while the calling process waits until that reports success
+/// or ends.
+class Daemon {
+  public:
+    enum class Side { server, caller };
+
+    /// Forks unless `foreground`; in both processes it returns. Throws std::system_error.
+    explicit Daemon(bool foreground);
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    Side side() const noexcept { return side_; }
+
+    /// The caller's side: waits, and answers the exit code.
+    int awaitServer();
+
+    /// The server's side: lets the caller go with success and detaches from its terminal.
+    void ready();
+
+  private:
+    Side side_ = Side::server;
+    int pipe_ = -1; // the caller reads, the server writes; -1 in the foreground
+};
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,34 @@
+/// A loop device over an image file, so that the kernel mounts it like a disk.
+///
+/// For a mount over a block device the kernel passes syncfs on to us, and an unmount returns only
+/// when we have written everything back. For a mount over nothing it does neither. The data itself
+/// never goes through the loop device.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace tavelin::fusehost {
+
+class LoopDevice {
+  public:
+    /// Null when the system has none to give (not an administrator, no loop devices, a
+    /// container): the mount then goes without.
+    static std::unique_ptr<LoopDevice> attach(const std::filesystem::path& image, bool readOnly);
+
+    /// Lets go of the device, which frees itself once the mount over it is gone too.
+    ~LoopDevice();
+    LoopDevice(const LoopDevice&) = delete;
+    LoopDevice& operator=(const LoopDevice&) = delete;
+
+    const std::string& path() const { return path_; }
+
+  private:
+    LoopDevice(std::string path, int fd) : path_(std::move(path)), fd_(fd) {}
+
+    const std::string path_;
+    const int fd_;
+};
+
+} // namespace tavelin::fusehost

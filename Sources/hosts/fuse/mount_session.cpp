@@ -1,0 +1,208 @@
+// One mount from its beginning to its end.
+#include "diagnostics/log.hpp"
+#include "hosts/fuse/caretaker.hpp"
+#include "hosts/fuse/commands.hpp"
+#include "hosts/fuse/daemon.hpp"
+#include "hosts/fuse/kernel_channel.hpp"
+#include "hosts/fuse/loop_device.hpp"
+#include "hosts/fuse/requests.hpp"
+#include "hosts/fuse/serving_threads.hpp"
+#include "hosts/fuse/session_context.hpp"
+#include "hosts/module/module_host.hpp"
+
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace tavelin::fusehost {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr size_t kServingThreads = 4;
+
+void complain(std::string_view what) {
+    fmt::print(stderr, "tavelin: {}\n", what);
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string list;
+    for (const std::string& word : words) {
+        list += list.empty() ? word : "," + word;
+    }
+    return list;
+}
+
+// A value inside an option list: its commas and backslashes are not ours.
+std::string escaped(const std::string& value) {
+    std::string safe;
+    for (const char c : value) {
+        if (c == ',' || c == '\\') {
+            safe += '\\';
+        }
+        safe += c;
+    }
+    return safe;
+}
+
+struct CloseSession {
+    void operator()(fuse_session* session) const {
+        fuse_session_unmount(session);
+        fuse_session_destroy(session);
+    }
+};
+using Session = std::unique_ptr<fuse_session, CloseSession>;
+
+// One mount. The members are destroyed in reverse: the session before the volume it serves.
+class Mount {
+  public:
+    Mount(const MountRequest& request, Daemon& daemon) : request_(request), daemon_(daemon) {}
+
+    int run() {
+        open();
+        if (!connect()) {
+            return 1; // libfuse has said why
+        }
+        ServingThreads threads(session_.get());
+        caretaker_.start(request_.folder, volume_->removedFiles(), threads);
+        const int failed = threads.run(kServingThreads);
+        if (failed != 0) {
+            complain(fmt::format("{}: {}", request_.folder.string(), std::strerror(failed)));
+        }
+        session_.reset();
+        close();
+        if (request_.trace) {
+            fmt::print(stderr, "{}\n", channel_.summary());
+        }
+        return failed != 0 || lost_ ? 1 : 0;
+    }
+
+  private:
+    void open() {
+        std::vector<std::string> words;
+        if (!request_.volumeOptions.empty()) {
+            words = {"-o", joined(request_.volumeOptions)};
+        }
+        ImageResource::Settings settings;
+        settings.readOnly = request_.readOnly;
+        host_ = ModuleHost::openImage(request_.image, words, settings);
+        if (host_->fellBackToReadOnly()) {
+            complain(fmt::format("{}: hibernated, shut down by fast start-up or write-protected; "
+                                 "mounted read-only",
+                                 request_.image.string()));
+        }
+        volume_.emplace(host_->volume());
+        if (!host_->volume().isReadOnly()) {
+            volume_->removedFiles().cleanUp();
+        }
+    }
+
+    // The options of the kernel's mount.
+    std::string mountOptions() {
+        std::string source = request_.image;
+        bool isDisk = false;
+        if (::geteuid() == 0) {
+            isDisk = fs::is_block_file(request_.image);
+            if (!isDisk) {
+                loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
+            }
+            if (loop_ != nullptr) {
+                source = loop_->path();
+                isDisk = true;
+            }
+        }
+        std::vector<std::string> options = request_.kernelOptions;
+        options.push_back("fsname=" + escaped(source));
+        options.insert(options.end(), {"subtype=tavelin", "default_permissions"});
+        if (host_->volume().isReadOnly()) {
+            options.push_back("ro");
+        }
+        if (request_.allowOther) {
+            options.push_back("allow_other");
+        }
+        if (isDisk) {
+            options.insert(options.end(), {"blkdev", "blksize=4096"});
+        }
+        return joined(options);
+    }
+
+    bool connect() {
+        std::string program = "tavelin", dashO = "-o", options = mountOptions();
+        char* words[] = {program.data(), dashO.data(), options.data(), nullptr};
+        fuse_args arguments = FUSE_ARGS_INIT(3, words);
+        context_.emplace(
+            SessionContext{channel_, *volume_, [this] { daemon_.ready(); }, [this] { close(); }});
+        session_.reset(
+            fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &*context_));
+        return session_ != nullptr &&
+               fuse_session_mount(session_.get(), request_.folder.c_str()) == 0 &&
+               KernelChannel::attach(session_.get()) == 0;
+    }
+
+    // Carries everything to the image and lets go of it. Called when the kernel sends its last
+    // request, which it waits for where it can, and once more at the end, for where it cannot.
+    void close() {
+        if (closed_) {
+            return;
+        }
+        closed_ = true;
+        caretaker_.stop();
+        Outcome<void> finished = volume_->finish();
+        Outcome<void> closed = host_->close();
+        for (const Outcome<void>& outcome : {std::move(finished), std::move(closed)}) {
+            if (!outcome) {
+                lost_ = true;
+                const std::string why =
+                    fmt::format("{}: not everything could be written: {}", request_.image.string(),
+                                outcome.error().localizedDescription());
+                complain(why);
+                log().error(why);
+            }
+        }
+    }
+
+    const MountRequest& request_;
+    Daemon& daemon_;
+    KernelChannel channel_{request_.trace};
+    Caretaker caretaker_;
+    std::unique_ptr<ModuleHost> host_;
+    std::optional<MountedVolume> volume_;
+    std::optional<SessionContext> context_;
+    std::unique_ptr<LoopDevice> loop_;
+    Session session_;
+    bool closed_ = false;
+    bool lost_ = false;
+};
+
+} // namespace
+
+int mountVolume(const MountRequest& request) {
+    try {
+        MountRequest absolute = request;
+        absolute.image = fs::absolute(request.image);
+        absolute.folder = fs::canonical(request.folder);
+        if (!fs::is_directory(absolute.folder)) {
+            complain(fmt::format("{}: not a folder", absolute.folder.string()));
+            return 1;
+        }
+        Daemon daemon(request.foreground);
+        if (daemon.side() == Daemon::Side::caller) {
+            return daemon.awaitServer();
+        }
+        return Mount(absolute, daemon).run();
+    } catch (const fs::filesystem_error& failure) {
+        complain(fmt::format("{}: {}", failure.path1().string(), failure.code().message()));
+    } catch (const std::exception& failure) {
+        complain(failure.what());
+    }
+    return 1;
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,84 @@
+#include "hosts/fuse/mount_table.hpp"
+
+#include <cerrno>
+#include <fstream>
+#include <spawn.h>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+// Spaces and the like are written as \ooo.
+std::string unescaped(const std::string& text) {
+    std::string plain;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            plain += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
+// "36 35 98:0 /root /folder rw,noatime master:1 - type source rw,options"
+std::optional<MountEntry> parse(const std::string& line) {
+    std::istringstream words(line);
+    MountEntry entry;
+    std::string id, parent, root, folder, options, word;
+    words >> id >> parent >> entry.device >> root >> folder >> options;
+    while (words >> word && word != "-") {
+    }
+    if (!(words >> entry.type >> entry.source)) {
+        return std::nullopt;
+    }
+    entry.folder = unescaped(folder);
+    entry.source = unescaped(entry.source);
+    entry.readOnly = options == "ro" || options.starts_with("ro,");
+    return entry;
+}
+
+int runFusermount(const std::filesystem::path& folder, bool lazy) {
+    std::string program = "fusermount3", unmount = "-u", quiet = "-q", how = lazy ? "-z" : "-q";
+    std::string path = folder;
+    char* arguments[] = {program.data(), unmount.data(), quiet.data(),
+                         how.data(),     path.data(),    nullptr};
+    pid_t child = 0;
+    if (const int failed =
+            ::posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments, environ);
+        failed != 0) {
+        return failed;
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    }
+    // It says why on standard error only; a folder in use is by far the likeliest reason.
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : EBUSY;
+}
+
+} // namespace
+
+std::optional<MountEntry> findMount(const std::filesystem::path& folder) {
+    std::ifstream table("/proc/self/mountinfo");
+    std::optional<MountEntry> topmost;
+    for (std::string line; std::getline(table, line);) {
+        if (std::optional<MountEntry> entry = parse(line); entry && entry->folder == folder) {
+            topmost = std::move(entry);
+        }
+    }
+    return topmost;
+}
+
+int unmountFolder(const std::filesystem::path& folder, bool lazy) {
+    if (::umount2(folder.c_str(), UMOUNT_NOFOLLOW | (lazy ? MNT_DETACH : 0)) == 0) {
+        return 0;
+    }
+    return errno == EPERM ? runFusermount(folder, lazy) : errno;
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,246 @@
+#include "hosts/fuse/mounted_volume.hpp"
+
+#include "core/driver2.hpp"
+#include "fskit/api/error.hpp"
+#include "platform/error_numbers.hpp"
+
+namespace tavelin::fusehost {
+
+using fskit::fs_errorForPOSIXError;
+
+namespace {
+
+uint64_t inoOf(const Found& found) {
+    return Driver2::ino(found.attributes.fileID());
+}
+
+bool isCode(const fskit::Error& error, int32_t code) {
+    return error.isPOSIX() && error.code() == code;
+}
+
+} // namespace
+
+MountedVolume::MountedVolume(VolumeClient& volume)
+    : volume_(volume),
+      nodes_(volume.withAttributes(volume.root().again()).get()),
+      removed_(volume) {}
+
+bool MountedVolume::isPrivate(const Node& folder, std::string_view name) noexcept {
+    return &folder == &nodes_.root() && name == RemovedFiles::kParkingFolder;
+}
+
+Outcome<Found> MountedVolume::found(const Node& folder, std::string_view name) {
+    if (folder.gone || isPrivate(folder, name)) {
+        return fs_errorForPOSIXError(kENOENT);
+    }
+    return volume_.withAttributes(volume_.lookup(folder.item, name));
+}
+
+Outcome<Entry> MountedVolume::entryOf(Outcome<ItemRef> item) {
+    Outcome<Found> found = volume_.withAttributes(std::move(item));
+    if (!found) {
+        return found.error();
+    }
+    const fskit::FSItemAttributes attributes = found->attributes;
+    return Entry{&nodes_.remember(std::move(*found)), attributes};
+}
+
+Outcome<Entry> MountedVolume::lookup(Node& folder, std::string_view name) {
+    Outcome<Found> child = found(folder, name);
+    if (!child) {
+        return child.error();
+    }
+    if (removed_.contains(inoOf(*child))) {
+        return fs_errorForPOSIXError(kENOENT);
+    }
+    const fskit::FSItemAttributes attributes = child->attributes;
+    return Entry{&nodes_.remember(std::move(*child)), attributes};
+}
+
+void MountedVolume::forget(uint64_t number, uint64_t counts) {
+    if (const std::unique_ptr<Node> node = nodes_.forget(number, counts)) {
+        removed_.release(node->ino);
+    }
+}
+
+template<typename Make>
+Outcome<ItemRef> MountedVolume::makingRoom(const Node& folder, std::string_view name, Make&& make) {
+    if (folder.gone) {
+        return fs_errorForPOSIXError(kENOENT);
+    }
+    if (isPrivate(folder, name)) {
+        return fs_errorForPOSIXError(kEPERM);
+    }
+    Outcome<ItemRef> made = make();
+    if (made || !isCode(made.error(), kEEXIST) || removed_.isEmpty()) {
+        return made;
+    }
+    const Outcome<Found> old = found(folder, name);
+    if (!old || !removed_.contains(inoOf(*old))) {
+        return made;
+    }
+    if (const Outcome<void> freed = removed_.freeName(inoOf(*old)); !freed) {
+        return freed.error();
+    }
+    return make();
+}
+
+Outcome<Entry> MountedVolume::create(Node& folder, std::string_view name, fskit::FSItemType type) {
+    Outcome<ItemRef> made =
+        makingRoom(folder, name, [&] { return volume_.create(folder.item, name, type); });
+    if (made) {
+        noteNewName(folder);
+    }
+    return entryOf(std::move(made));
+}
+
+Outcome<Entry> MountedVolume::createLink(Node& folder, std::string_view name,
+                                         std::string_view target) {
+    Outcome<ItemRef> made = makingRoom(
+        folder, name, [&] { return volume_.createSymbolicLink(folder.item, name, target); });
+    if (made) {
+        noteNewName(folder);
+    }
+    return entryOf(std::move(made));
+}
+
+Outcome<void> MountedVolume::removeFile(Node& folder, std::string_view name) {
+    Outcome<Found> old = found(folder, name);
+    if (!old) {
+        return old.error();
+    }
+    const uint64_t ino = inoOf(*old);
+    if (removed_.contains(ino)) {
+        return fs_errorForPOSIXError(kENOENT);
+    }
+    Node* node = nodes_.find(ino);
+    Outcome<void> removed = node != nullptr && node->isFile
+                                ? removed_.remove(*node, folder, name)
+                                : volume_.remove(old->item, folder.item, name);
+    if (removed) {
+        noteLostName(folder, ino, name);
+    }
+    return removed;
+}
+
+Outcome<void> MountedVolume::removeFolder(Node& folder, std::string_view name) {
+    Outcome<Found> old = found(folder, name);
+    if (!old) {
+        return old.error();
+    }
+    Node* node = nodes_.find(inoOf(*old));
+    if (node != nullptr) {
+        nodes_.detach(*node);
+    }
+    Outcome<void> removed = volume_.remove(old->item, folder.item, name);
+    if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
+        if (Outcome<void> freed = removed_.freeFolder(*node); !freed) {
+            removed = std::move(freed);
+        } else {
+            removed = volume_.remove(old->item, folder.item, name);
+        }
+    }
+    if (removed) {
+        noteLostName(folder, inoOf(*old), name);
+    } else if (node != nullptr) {
+        nodes_.attach(*node);
+    }
+    return removed;
+}
+
+Outcome<void> MountedVolume::rename(Node& fromFolder, std::string_view from, Node& toFolder,
+                                    std::string_view to, bool mayReplace) {
+    if (isPrivate(toFolder, to) || toFolder.gone) {
+        return fs_errorForPOSIXError(toFolder.gone ? kENOENT : kEPERM);
+    }
+    Outcome<Found> moved = found(fromFolder, from);
+    if (!moved) {
+        return moved.error();
+    }
+    const Outcome<Found> old = found(toFolder, to);
+    if (!old && !isCode(old.error(), kENOENT)) {
+        return old.error();
+    }
+    const bool hidden = old && removed_.contains(inoOf(*old));
+    if (old && !hidden && !mayReplace) {
+        return fs_errorForPOSIXError(kEEXIST);
+    }
+    if (hidden) {
+        if (Outcome<void> freed = removed_.freeName(inoOf(*old)); !freed) {
+            return freed;
+        }
+    }
+    Outcome<void> done;
+    if (!old || hidden || inoOf(*old) == inoOf(*moved)) {
+        done = volume_.rename(moved->item, fromFolder.item, from, toFolder.item, to, ItemRef());
+    } else if (old->attributes.type() == fskit::FSItemType::directory) {
+        Node* node = nodes_.find(inoOf(*old));
+        if (node != nullptr && !removed_.isEmpty()) {
+            if (Outcome<void> freed = removed_.freeFolder(*node); !freed) {
+                return freed;
+            }
+        }
+        if (node != nullptr) {
+            nodes_.detach(*node);
+        }
+        done = volume_.rename(moved->item, fromFolder.item, from, toFolder.item, to, old->item);
+        if (!done && node != nullptr) {
+            nodes_.attach(*node);
+        }
+    } else {
+        done = replaceFile(fromFolder, from, moved->item, toFolder, to, *old);
+    }
+    if (done) {
+        noteLostName(fromFolder, inoOf(*moved), from);
+        if (old && !hidden) {
+            noteLostName(toFolder, inoOf(*old), to);
+        }
+        noteNewName(toFolder);
+    }
+    return done;
+}
+
+Outcome<void> MountedVolume::replaceFile(Node& fromFolder, std::string_view from,
+                                         const ItemRef& item, Node& toFolder, std::string_view to,
+                                         const Found& old) {
+    Node* node = nodes_.find(inoOf(old));
+    const bool mayBeOpen = node != nullptr && node->isFile;
+    if (mayBeOpen) {
+        if (Outcome<void> parked = removed_.park(*node, toFolder, to); !parked) {
+            return parked;
+        }
+    }
+    Outcome<void> done = volume_.rename(item, fromFolder.item, from, toFolder.item, to,
+                                        mayBeOpen ? ItemRef() : old.item.again());
+    if (!done && mayBeOpen) {
+        removed_.putBack(*node, toFolder, to);
+    }
+    return done;
+}
+
+Outcome<fskit::FSItemAttributes> MountedVolume::attributes(Node& node) {
+    if (node.gone) {
+        fskit::FSItemAttributes rest;
+        rest.setType(fskit::FSItemType::directory);
+        rest.setMode(Driver2::mode(NTFSItemType::directory));
+        rest.setFileID(Driver2::itemID(node.ino));
+        return rest;
+    }
+    Outcome<fskit::FSItemAttributes> attributes = volume_.attributes(node.item);
+    if (attributes && removed_.contains(node.ino)) {
+        attributes->setLinkCount(0);
+    }
+    return attributes;
+}
+
+Outcome<void> MountedVolume::synchronize() {
+    Outcome<void> settled = removed_.settle();
+    Outcome<void> synchronized = volume_.synchronize();
+    return settled ? std::move(synchronized) : std::move(settled);
+}
+
+Outcome<void> MountedVolume::finish() {
+    return volume_.isReadOnly() ? Outcome<void>() : removed_.releaseAll();
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,89 @@
+/// A volume as the kernel sees it: nodes in place of items, files that live on after their last
+/// name, folders whose streams survive every change.
+///
+/// One method a request, except where a request is one call into the volume. Errors are the
+/// volume's, in macOS numbers; whoever replies translates them. Any thread may call anything.
+/// Nodes are the kernel's: a caller has one only for a request that names it.
+#pragma once
+
+#include "hosts/fuse/node_table.hpp"
+#include "hosts/fuse/removed_files.hpp"
+#include "hosts/module/volume_client.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+namespace tavelin::fusehost {
+
+/// What the kernel is told of an item: a node that has been counted, and its attributes.
+struct Entry {
+    Node* node = nullptr;
+    fskit::FSItemAttributes attributes;
+};
+
+/// Takes one entry of a folder; answers false when it did not fit. `entry.node` is null where only
+/// the name was asked for.
+using TakeEntry = std::function<bool(const FolderListing::Entry& name, const Entry& entry)>;
+
+class MountedVolume {
+  public:
+    /// Throws fskit::Error when not even the root's attributes can be read.
+    explicit MountedVolume(VolumeClient& volume);
+
+    VolumeClient& volume() noexcept { return volume_; }
+    Node& node(uint64_t number) noexcept { return nodes_.at(number); }
+    RemovedFiles& removedFiles() noexcept { return removed_; }
+
+    // ---- Names ---------------------------------------------------------------------------------
+
+    Outcome<Entry> lookup(Node& folder, std::string_view name);
+    void forget(uint64_t number, uint64_t counts);
+    Outcome<Entry> create(Node& folder, std::string_view name, fskit::FSItemType type);
+    Outcome<Entry> createLink(Node& folder, std::string_view name, std::string_view target);
+    Outcome<void> removeFile(Node& folder, std::string_view name);
+    Outcome<void> removeFolder(Node& folder, std::string_view name);
+    /// With `mayReplace` false an existing new name is kEEXIST.
+    Outcome<void> rename(Node& fromFolder, std::string_view from, Node& toFolder,
+                         std::string_view to, bool mayReplace);
+
+    // ---- Attributes, folders -------------------------------------------------------------------
+
+    /// Of a folder that is gone, what remains to be said of it.
+    Outcome<fskit::FSItemAttributes> attributes(Node& node);
+
+    /// Hands out the entries beyond `position` until one is not taken. The first two are "." and
+    /// "..". With `described`, entries come with counted nodes; those that cannot be described
+    /// come without.
+    Outcome<void> readFolder(Node& folder, uint64_t position, bool described,
+                             const TakeEntry& take);
+
+    // ---- The whole volume ----------------------------------------------------------------------
+
+    /// Returns once everything answered before is on the medium.
+    Outcome<void> synchronize();
+    /// Removes what is still parked, for unmounting.
+    Outcome<void> finish();
+
+  private:
+    Outcome<Entry> entryOf(Outcome<ItemRef> item);
+    Outcome<Found> found(const Node& folder, std::string_view name);
+    /// Whether a name is this host's own and must not be seen.
+    bool isPrivate(const Node& folder, std::string_view name) noexcept;
+    /// Runs `make`, once more when the name in its way is only that of a removed file.
+    template<typename Make>
+    Outcome<ItemRef> makingRoom(const Node& folder, std::string_view name, Make&& make);
+    Outcome<void> replaceFile(Node& fromFolder, std::string_view from, const ItemRef& item,
+                              Node& toFolder, std::string_view to, const Found& old);
+    static void noteNewName(Node& folder);
+    static void noteLostName(Node& folder, uint64_t ino, std::string_view name);
+    Outcome<std::unique_ptr<FolderListing>> list(const Node& folder);
+    bool describe(Node& folder, const FolderListing::Entry& name, Entry& entry);
+
+    VolumeClient& volume_;
+    NodeTable nodes_;
+    RemovedFiles removed_;
+};
+
+} // namespace tavelin::fusehost

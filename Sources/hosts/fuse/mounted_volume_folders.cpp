@@ -1,0 +1,133 @@
+// Listings of folders, and how changes reach them.
+#include "core/driver2.hpp"
+#include "fskit/api/error.hpp"
+#include "hosts/fuse/mounted_volume.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <algorithm>
+#include <sys/stat.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr uint64_t kAfterDot = 1, kAfterDotDot = 2;
+
+uint32_t fileType(fskit::FSItemType type) {
+    switch (type) {
+    case fskit::FSItemType::directory:
+        return S_IFDIR;
+    case fskit::FSItemType::symlink:
+        return S_IFLNK;
+    default:
+        return S_IFREG;
+    }
+}
+
+// Collects a whole enumeration; it never runs out of room.
+class ListingPacker final : public fskit::FSDirectoryEntryPacker {
+  public:
+    explicit ListingPacker(FolderListing& listing, std::string_view skipped)
+        : listing_(listing), skipped_(skipped) {}
+
+    bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
+                   fskit::FSItemID itemID, fskit::FSDirectoryCookie /*nextCookie*/,
+                   const fskit::FSItemAttributes* /*attributes*/) override {
+        const std::string& text = name.data();
+        if (text == "..") {
+            listing_.parent = Driver2::ino(itemID);
+        } else if (text != "." && text != skipped_) {
+            listing_.add(text, Driver2::ino(itemID), fileType(itemType));
+        }
+        return true;
+    }
+
+  private:
+    FolderListing& listing_;
+    std::string_view skipped_;
+};
+
+} // namespace
+
+void MountedVolume::noteNewName(Node& folder) {
+    const MutexLock held(folder.folder->lock);
+    folder.folder->listingIsOld = true;
+}
+
+void MountedVolume::noteLostName(Node& folder, uint64_t ino, std::string_view name) {
+    const MutexLock held(folder.folder->lock);
+    if (folder.folder->listing) {
+        folder.folder->listing->remove(ino, name);
+    }
+}
+
+Outcome<std::unique_ptr<FolderListing>> MountedVolume::list(const Node& folder) {
+    auto listing = std::make_unique<FolderListing>();
+    ListingPacker packer(*listing, &folder == &nodes_.root() ? RemovedFiles::kParkingFolder
+                                                             : std::string_view());
+    const Outcome<fskit::FSDirectoryVerifier> listed =
+        volume_.enumerate(folder.item, fskit::FSDirectoryCookieInitial,
+                          fskit::FSDirectoryVerifierInitial, false, packer);
+    if (!listed) {
+        return listed.error();
+    }
+    listing->seal();
+    if (!removed_.isEmpty()) {
+        listing->removeIf([&](uint64_t ino) { return removed_.contains(ino); });
+    }
+    return listing;
+}
+
+bool MountedVolume::describe(Node& folder, const FolderListing::Entry& name, Entry& entry) {
+    Outcome<Entry> described = lookup(folder, name.name);
+    if (!described) {
+        return false;
+    }
+    entry = std::move(*described);
+    return true;
+}
+
+Outcome<void> MountedVolume::readFolder(Node& folder, uint64_t position, bool described,
+                                        const TakeEntry& take) {
+    if (!folder.isFolder()) {
+        return fskit::fs_errorForPOSIXError(kENOTDIR);
+    }
+    if (folder.gone) {
+        return {}; // an empty folder without even "." and ".."
+    }
+    const MutexLock held(folder.folder->lock);
+    std::unique_ptr<FolderListing>& listing = folder.folder->listing;
+    if (!listing || (position == 0 && folder.folder->listingIsOld)) {
+        folder.folder->listingIsOld = false;
+        Outcome<std::unique_ptr<FolderListing>> fresh = list(folder);
+        if (!fresh) {
+            return fresh.error();
+        }
+        listing = std::move(*fresh);
+    }
+    if (position < kAfterDot && !take({kAfterDot, folder.ino, ".", S_IFDIR}, {})) {
+        return {};
+    }
+    if (position < kAfterDotDot && !take({kAfterDotDot, listing->parent, "..", S_IFDIR}, {})) {
+        return {};
+    }
+    bool more = position < kAfterDotDot;
+    listing->readAfter(std::max(position, kAfterDotDot), [&](const FolderListing::Entry& name) {
+        Entry entry;
+        if (described) {
+            (void)describe(folder, name, entry); // told by name only, which is true in any case
+        }
+        const bool taken = take(name, entry);
+        if (!taken && entry.node != nullptr) {
+            forget(entry.node->number(), 1);
+        }
+        more = true;
+        return taken;
+    });
+    if (!more) {
+        listing.reset(); // the stream has reached its end
+    }
+    return {};
+}
+
+} // namespace tavelin::fusehost

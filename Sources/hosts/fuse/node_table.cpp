@@ -1,0 +1,83 @@
+#include "hosts/fuse/node_table.hpp"
+
+#include "core/driver2.hpp"
+#include "hosts/fuse/libfuse.hpp"
+
+#include <algorithm>
+
+namespace tavelin::fusehost {
+
+Node::Node(uint64_t nodeIno, ItemRef nodeItem, const fskit::FSItemAttributes& attributes)
+    : ino(nodeIno),
+      item(std::move(nodeItem)),
+      folder(attributes.type() == fskit::FSItemType::directory ? std::make_unique<FolderState>()
+                                                               : nullptr),
+      isFile(attributes.type() == fskit::FSItemType::file),
+      linkCount(attributes.linkCount()) {}
+
+NodeTable::NodeTable(Found root)
+    : root_(std::make_unique<Node>(inoOf(root.attributes), std::move(root.item), root.attributes)) {
+}
+
+NodeTable::~NodeTable() {
+    const MutexLock held(lock_);
+    for (const auto& [ino, node] : nodes_) {
+        delete node; // the kernel takes no counts back when it unmounts
+    }
+}
+
+uint64_t NodeTable::inoOf(const fskit::FSItemAttributes& attributes) noexcept {
+    return Driver2::ino(attributes.fileID());
+}
+
+Node& NodeTable::at(uint64_t number) noexcept {
+    return number == FUSE_ROOT_ID ? *root_ : *reinterpret_cast<Node*>(number);
+}
+
+Node& NodeTable::remember(Found found) {
+    const uint64_t ino = inoOf(found.attributes);
+    const MutexLock held(lock_);
+    Node*& slot = nodes_[ino];
+    if (slot == nullptr) {
+        slot = new Node(ino, std::move(found.item), found.attributes);
+    }
+    slot->linkCount = found.attributes.linkCount();
+    ++slot->lookups;
+    return *slot;
+}
+
+std::unique_ptr<Node> NodeTable::forget(uint64_t number, uint64_t counts) {
+    Node& node = at(number);
+    if (&node == root_.get()) {
+        return nullptr;
+    }
+    const MutexLock held(lock_);
+    node.lookups -= std::min(node.lookups, counts);
+    if (node.lookups != 0) {
+        return nullptr;
+    }
+    if (const auto found = nodes_.find(node.ino); found != nodes_.end() && found->second == &node) {
+        nodes_.erase(found);
+    }
+    return std::unique_ptr<Node>(&node);
+}
+
+Node* NodeTable::find(uint64_t ino) {
+    const MutexLock held(lock_);
+    const auto found = nodes_.find(ino);
+    return found == nodes_.end() ? nullptr : found->second;
+}
+
+void NodeTable::detach(Node& node) {
+    const MutexLock held(lock_);
+    node.gone = true;
+    nodes_.erase(node.ino);
+}
+
+void NodeTable::attach(Node& node) {
+    const MutexLock held(lock_);
+    node.gone = false;
+    nodes_[node.ino] = &node;
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,72 @@
+// Requests that read and write files.
+#include "hosts/fuse/requests.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr size_t kAlignment = 4096;
+
+struct Free {
+    void operator()(std::byte* memory) const noexcept { std::free(memory); }
+};
+
+// The calling thread's buffer for one read, at least `size` bytes.
+std::span<std::byte> readBuffer(size_t size) {
+    static thread_local std::unique_ptr<std::byte, Free> memory;
+    static thread_local size_t room = 0;
+    if (room < size) {
+        const size_t wanted = (size + kAlignment - 1) / kAlignment * kAlignment;
+        memory.reset(static_cast<std::byte*>(std::aligned_alloc(kAlignment, wanted)));
+        room = memory ? wanted : 0;
+    }
+    if (!memory) {
+        throw std::bad_alloc();
+    }
+    return {memory.get(), size};
+}
+
+void read(fuse_req_t request, fuse_ino_t number, size_t size, off_t offset,
+          fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const std::span<std::byte> buffer = readBuffer(std::min(size, kLargestTransfer));
+        const Outcome<size_t> done =
+            volume.volume().read(volume.node(number).item, static_cast<uint64_t>(offset), buffer);
+        if (!done) {
+            fuse_reply_err(request, hostError(done.error()));
+            return;
+        }
+        fuse_reply_buf(request, reinterpret_cast<const char*>(buffer.data()), *done);
+    });
+}
+
+void write(fuse_req_t request, fuse_ino_t number, const char* bytes, size_t size, off_t offset,
+           fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const Outcome<size_t> done =
+            volume.volume().write(volume.node(number).item, static_cast<uint64_t>(offset),
+                                  {reinterpret_cast<const std::byte*>(bytes), size});
+        if (!done) {
+            fuse_reply_err(request, hostError(done.error()));
+            return;
+        }
+        fuse_reply_write(request, *done);
+    });
+}
+
+} // namespace
+
+void addDataRequests(fuse_lowlevel_ops& table) {
+    table.read = read;
+    table.write = write;
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,95 @@
+// Requests that list folders, with and without the entries' attributes.
+#include "hosts/fuse/requests.hpp"
+
+#include <string>
+#include <vector>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+// One reply: entries as the kernel wants them, as many as fit.
+class Page {
+  public:
+    Page(fuse_req_t request, size_t size, bool described)
+        : request_(request), bytes_(size), described_(described) {}
+
+    bool add(const FolderListing::Entry& name, const Entry& entry) {
+        name_.assign(name.name); // libfuse wants it terminated
+        fuse_entry_param parameters{};
+        if (entry.node != nullptr) {
+            parameters = entryParameters(entry, {});
+        } else {
+            parameters.attr.st_ino = name.ino;
+            parameters.attr.st_mode = name.type;
+        }
+        char* const at = bytes_.data() + used_;
+        const size_t room = bytes_.size() - used_;
+        const auto next = static_cast<off_t>(name.position);
+        const size_t size =
+            described_
+                ? fuse_add_direntry_plus(request_, at, room, name_.c_str(), &parameters, next)
+                : fuse_add_direntry(request_, at, room, name_.c_str(), &parameters.attr, next);
+        if (size > room) {
+            return false;
+        }
+        used_ += size;
+        if (entry.node != nullptr) {
+            counted_.push_back(entry.node->number());
+        }
+        return true;
+    }
+
+    void reply() {
+        MountedVolume& volume = volumeOf(request_);
+        if (fuse_reply_buf(request_, bytes_.data(), used_) == -ENOENT) {
+            for (const uint64_t number : counted_) {
+                volume.forget(number, 1);
+            }
+        }
+    }
+
+  private:
+    fuse_req_t request_;
+    std::vector<char> bytes_;
+    std::string name_;
+    size_t used_ = 0;
+    std::vector<uint64_t> counted_;
+    const bool described_;
+};
+
+void readPage(fuse_req_t request, fuse_ino_t number, size_t size, off_t position, bool described) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        Page page(request, size, described);
+        const Outcome<void> read =
+            volume.readFolder(volume.node(number), static_cast<uint64_t>(position), described,
+                              [&](const FolderListing::Entry& name, const Entry& entry) {
+                                  return page.add(name, entry);
+                              });
+        if (!read) {
+            fuse_reply_err(request, hostError(read.error()));
+            return;
+        }
+        page.reply();
+    });
+}
+
+void readFolder(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
+                fuse_file_info* /*file*/) {
+    readPage(request, number, size, position, false);
+}
+
+void readFolderDescribed(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
+                         fuse_file_info* /*file*/) {
+    readPage(request, number, size, position, true);
+}
+
+} // namespace
+
+void addFolderRequests(fuse_lowlevel_ops& table) {
+    table.readdir = readFolder;
+    table.readdirplus = readFolderDescribed;
+}
+
+} // namespace tavelin::fusehost

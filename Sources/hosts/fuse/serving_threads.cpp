@@ -1,0 +1,107 @@
+#include "hosts/fuse/serving_threads.hpp"
+
+#include "hosts/fuse/libfuse.hpp"
+
+#include <csignal>
+#include <cstdlib>
+#include <linux/fuse.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr uint32_t kMuchData = 64 << 10; // bytes
+
+// Interrupts a thread's wait for the next request; the handler itself has nothing to do.
+constexpr int kWakeSignal = SIGUSR1;
+
+void installWakeSignal() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ::sigaction(kWakeSignal, &action, nullptr); // cannot fail for a signal that can be caught
+    sigset_t wake;
+    sigemptyset(&wake);
+    sigaddset(&wake, kWakeSignal);
+    ::pthread_sigmask(SIG_UNBLOCK, &wake, nullptr);
+}
+
+bool takesLong(const fuse_buf& request) {
+    const auto& header = *static_cast<const fuse_in_header*>(request.mem);
+    const void* arguments = &header + 1;
+    switch (header.opcode) {
+    case FUSE_READ:
+        return static_cast<const fuse_read_in*>(arguments)->size >= kMuchData;
+    case FUSE_WRITE:
+        return static_cast<const fuse_write_in*>(arguments)->size >= kMuchData;
+    case FUSE_FSYNC:
+    case FUSE_FSYNCDIR:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+int ServingThreads::run(size_t count) {
+    {
+        const MutexLock held(threadsLock_);
+        for (size_t i = 0; i < count; ++i) {
+            threads_.emplace_back([this] { serve(); });
+        }
+    }
+    // Only run() changes the vector, and stop() needs the lock while the threads end.
+    std::vector<std::thread>* threads = nullptr;
+    {
+        const MutexLock held(threadsLock_);
+        threads = &threads_;
+    }
+    for (std::thread& thread : *threads) {
+        thread.join();
+    }
+    return error_;
+}
+
+void ServingThreads::stop() {
+    fuse_session_exit(session_);
+    const MutexLock held(threadsLock_);
+    for (std::thread& thread : threads_) {
+        ::pthread_kill(thread.native_handle(), kWakeSignal);
+    }
+}
+
+void ServingThreads::serve() noexcept {
+    installWakeSignal();
+    fuse_buf request{};
+    for (;;) {
+        {
+            const MutexLock held(leader_);
+            if (!lead(request)) {
+                break;
+            }
+        }
+        fuse_session_process_buf(session_, &request);
+    }
+    std::free(request.mem);
+}
+
+bool ServingThreads::lead(fuse_buf& request) {
+    while (fuse_session_exited(session_) == 0) {
+        const int got = fuse_session_receive_buf(session_, &request);
+        if (got == -EINTR || got == -EAGAIN) {
+            continue;
+        }
+        if (got <= 0) {
+            error_ = -got;
+            fuse_session_exit(session_);
+            return false;
+        }
+        if (takesLong(request)) {
+            return true;
+        }
+        fuse_session_process_buf(session_, &request);
+    }
+    return false;
+}
+
+} // namespace tavelin::fusehost

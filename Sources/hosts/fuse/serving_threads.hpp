@@ -1,0 +1,48 @@
+/// The threads that serve a session's requests.
+///
+/// One thread at a time leads: it waits for the next request and serves it itself, because a
+/// request about names or attributes takes less time than waking another thread would, and a thread
+/// that stays on its caller's processor answers soonest. Before a request that moves much data or
+/// waits for the device the leader steps down, so that the next thread takes what comes meanwhile.
+#pragma once
+
+#include "platform/mutex.hpp"
+
+#include <atomic>
+#include <cstddef>
+#include <pthread.h>
+#include <thread>
+#include <vector>
+
+struct fuse_buf;
+struct fuse_session;
+
+namespace tavelin::fusehost {
+
+class ServingThreads {
+  public:
+    explicit ServingThreads(fuse_session* session) : session_(session) {}
+    ServingThreads(const ServingThreads&) = delete;
+    ServingThreads& operator=(const ServingThreads&) = delete;
+
+    /// Serves with `count` threads until the file system is unmounted or stop() is called; 0 or a
+    /// host errno. Throws std::system_error when no thread can be started.
+    int run(size_t count);
+
+    /// Ends run() once the requests being served are answered; what the kernel sends after that is
+    /// cut off. May be called from any thread while run() runs.
+    void stop();
+
+  private:
+    void serve() noexcept;
+    /// Serves as the leader until there is a request to step down for (true) or the end (false).
+    bool lead(fuse_buf& request) TAVELIN_REQUIRES(leader_);
+
+    fuse_session* const session_;
+    Mutex leader_;
+    std::atomic<int> error_{0};
+    Mutex threadsLock_;
+    std::vector<std::thread> threads_ TAVELIN_GUARDED_BY(threadsLock_);
+};
+
+} // namespace tavelin::fusehost

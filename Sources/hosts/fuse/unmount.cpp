@@ -1,0 +1,89 @@
+// `tavelin umount`: unmounting and waiting for the server's end.
+#include "hosts/fuse/commands.hpp"
+#include "hosts/fuse/mount_table.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace tavelin::fusehost {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+int fail(const fs::path& what, const std::string& why) {
+    fmt::print(stderr, "tavelin: {}: {}\n", what.string(), why);
+    return 1;
+}
+
+// The absolute path as the mount table has it; a folder whose server is dead cannot be resolved.
+fs::path absolutePath(const fs::path& folder) {
+    std::error_code failed;
+    fs::path resolved = fs::canonical(folder, failed);
+    if (failed) {
+        resolved = fs::absolute(folder).lexically_normal();
+        if (!resolved.has_filename()) {
+            resolved = resolved.parent_path();
+        }
+    }
+    return resolved;
+}
+
+// The image behind the source of a mount, which may be a loop device over it.
+fs::path imageOf(const std::string& source) {
+    const fs::path name = fs::path(source).filename();
+    std::ifstream backing("/sys/block/" + name.string() + "/loop/backing_file");
+    std::string image;
+    return std::getline(backing, image) ? fs::path(image) : fs::path(source);
+}
+
+// Asks the server to write everything back; 0 or a host errno.
+int synchronize(const fs::path& folder) {
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd == -1) {
+        return errno;
+    }
+    const int failed = ::fsync(fd) == 0 ? 0 : errno;
+    ::close(fd);
+    return failed;
+}
+
+// The server keeps the image locked until it has let go of it.
+void awaitServer(int image) {
+    while (::flock(image, LOCK_SH) == -1 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+int unmountVolume(const fs::path& given) {
+    const fs::path folder = absolutePath(given);
+    const std::optional<MountEntry> mount = findMount(folder);
+    if (!mount || !mount->type.ends_with(".tavelin")) {
+        return fail(folder, "no volume is mounted here by tavelin");
+    }
+    const int image = ::open(imageOf(mount->source).c_str(), O_RDONLY | O_CLOEXEC);
+    if (const int failed = mount->readOnly ? 0 : synchronize(folder);
+        failed != 0 && failed != ENOTCONN) {
+        return fail(folder, fmt::format("cannot write everything back ({}); it stays mounted",
+                                        std::strerror(failed)));
+    }
+    if (const int failed = unmountFolder(folder, false); failed != 0) {
+        return fail(folder, failed == EBUSY ? "a program still uses it" : std::strerror(failed));
+    }
+    if (image != -1) {
+        if (!mount->readOnly) {
+            awaitServer(image);
+        }
+        ::close(image);
+    }
+    return 0;
+}
+
+} // namespace tavelin::fusehost
