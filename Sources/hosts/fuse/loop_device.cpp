@@ -1,7 +1,6 @@
 #include "hosts/fuse/loop_device.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
@@ -34,8 +33,8 @@ int bindFreeDevice(int control, int image, const std::filesystem::path& name, bo
         if (readOnly) {
             config.info.lo_flags |= LO_FLAGS_READ_ONLY;
         }
-        std::strncpy(reinterpret_cast<char*>(config.info.lo_file_name), name.c_str(),
-                     LO_NAME_SIZE - 1);
+        // Only a label; the array beyond it is zero already.
+        name.native().copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
         if (::ioctl(device, LOOP_CONFIGURE, &config) == 0) {
             return device;
         }

@@ -104,6 +104,19 @@ Outcome<Entry> MountedVolume::createLink(Node& folder, std::string_view name,
     return entryOf(std::move(made));
 }
 
+// The record that `change` frees may belong to another file a moment later, so its node leaves first.
+template<typename Change>
+Outcome<void> MountedVolume::freeing(Node* node, Change&& change) {
+    if (node != nullptr) {
+        nodes_.detach(*node);
+    }
+    Outcome<void> changed = change();
+    if (!changed && node != nullptr) {
+        nodes_.attach(*node);
+    }
+    return changed;
+}
+
 Outcome<void> MountedVolume::removeFile(Node& folder, std::string_view name) {
     Outcome<Found> old = found(folder, name);
     if (!old) {
@@ -114,9 +127,10 @@ Outcome<void> MountedVolume::removeFile(Node& folder, std::string_view name) {
         return fs_errorForPOSIXError(kENOENT);
     }
     Node* node = nodes_.find(ino);
-    Outcome<void> removed = node != nullptr && node->isFile
-                                ? removed_.remove(*node, folder, name)
-                                : volume_.remove(old->item, folder.item, name);
+    Outcome<void> removed =
+        node != nullptr && node->isFile
+            ? removed_.remove(*node, folder, name)
+            : freeing(node, [&] { return volume_.remove(old->item, folder.item, name); });
     if (removed) {
         noteLostName(folder, ino, name);
     }
@@ -129,21 +143,14 @@ Outcome<void> MountedVolume::removeFolder(Node& folder, std::string_view name) {
         return old.error();
     }
     Node* node = nodes_.find(inoOf(*old));
-    if (node != nullptr) {
-        nodes_.detach(*node);
-    }
-    Outcome<void> removed = volume_.remove(old->item, folder.item, name);
+    const auto remove = [&] { return volume_.remove(old->item, folder.item, name); };
+    Outcome<void> removed = freeing(node, remove);
     if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
-        if (Outcome<void> freed = removed_.freeFolder(*node); !freed) {
-            removed = std::move(freed);
-        } else {
-            removed = volume_.remove(old->item, folder.item, name);
-        }
+        Outcome<void> freed = removed_.freeFolder(*node);
+        removed = freed ? freeing(node, remove) : std::move(freed);
     }
     if (removed) {
         noteLostName(folder, inoOf(*old), name);
-    } else if (node != nullptr) {
-        nodes_.attach(*node);
     }
     return removed;
 }
@@ -153,46 +160,29 @@ Outcome<void> MountedVolume::rename(Node& fromFolder, std::string_view from, Nod
     if (isPrivate(toFolder, to) || toFolder.gone) {
         return fs_errorForPOSIXError(toFolder.gone ? kENOENT : kEPERM);
     }
-    Outcome<Found> moved = found(fromFolder, from);
+    const Outcome<Found> moved = found(fromFolder, from);
     if (!moved) {
         return moved.error();
     }
-    const Outcome<Found> old = found(toFolder, to);
+    Outcome<Found> old = found(toFolder, to);
     if (!old && !isCode(old.error(), kENOENT)) {
         return old.error();
     }
-    const bool hidden = old && removed_.contains(inoOf(*old));
-    if (old && !hidden && !mayReplace) {
-        return fs_errorForPOSIXError(kEEXIST);
-    }
-    if (hidden) {
+    if (old && removed_.contains(inoOf(*old))) {
         if (Outcome<void> freed = removed_.freeName(inoOf(*old)); !freed) {
             return freed;
         }
+        old = fs_errorForPOSIXError(kENOENT);
     }
-    Outcome<void> done;
-    if (!old || hidden || inoOf(*old) == inoOf(*moved)) {
-        done = volume_.rename(moved->item, fromFolder.item, from, toFolder.item, to, ItemRef());
-    } else if (old->attributes.type() == fskit::FSItemType::directory) {
-        Node* node = nodes_.find(inoOf(*old));
-        if (node != nullptr && !removed_.isEmpty()) {
-            if (Outcome<void> freed = removed_.freeFolder(*node); !freed) {
-                return freed;
-            }
-        }
-        if (node != nullptr) {
-            nodes_.detach(*node);
-        }
-        done = volume_.rename(moved->item, fromFolder.item, from, toFolder.item, to, old->item);
-        if (!done && node != nullptr) {
-            nodes_.attach(*node);
-        }
-    } else {
-        done = replaceFile(fromFolder, from, moved->item, toFolder, to, *old);
+    if (old && !mayReplace) {
+        return fs_errorForPOSIXError(kEEXIST);
     }
+    const Renaming renaming{fromFolder, from, moved->item, toFolder, to};
+    Outcome<void> done =
+        old && inoOf(*old) != inoOf(*moved) ? replace(renaming, *old) : rename(renaming, ItemRef());
     if (done) {
         noteLostName(fromFolder, inoOf(*moved), from);
-        if (old && !hidden) {
+        if (old) {
             noteLostName(toFolder, inoOf(*old), to);
         }
         noteNewName(toFolder);
@@ -200,20 +190,28 @@ Outcome<void> MountedVolume::rename(Node& fromFolder, std::string_view from, Nod
     return done;
 }
 
-Outcome<void> MountedVolume::replaceFile(Node& fromFolder, std::string_view from,
-                                         const ItemRef& item, Node& toFolder, std::string_view to,
-                                         const Found& old) {
+Outcome<void> MountedVolume::rename(const Renaming& renaming, const ItemRef& over) {
+    return volume_.rename(renaming.item, renaming.fromFolder.item, renaming.from,
+                          renaming.toFolder.item, renaming.to, over);
+}
+
+Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old) {
     Node* node = nodes_.find(inoOf(old));
-    const bool mayBeOpen = node != nullptr && node->isFile;
-    if (mayBeOpen) {
-        if (Outcome<void> parked = removed_.park(*node, toFolder, to); !parked) {
-            return parked;
+    if (node == nullptr || !node->isFile) {
+        if (node != nullptr && node->isFolder()) {
+            if (Outcome<void> freed = removed_.freeFolder(*node); !freed) {
+                return freed;
+            }
         }
+        return freeing(node, [&] { return rename(renaming, old.item); });
     }
-    Outcome<void> done = volume_.rename(item, fromFolder.item, from, toFolder.item, to,
-                                        mayBeOpen ? ItemRef() : old.item.again());
-    if (!done && mayBeOpen) {
-        removed_.putBack(*node, toFolder, to);
+    // Somebody may have the old file open.
+    if (Outcome<void> parked = removed_.park(*node, renaming.toFolder, renaming.to); !parked) {
+        return parked;
+    }
+    Outcome<void> done = rename(renaming, ItemRef());
+    if (!done) {
+        removed_.putBack(*node, renaming.toFolder, renaming.to);
     }
     return done;
 }

@@ -74,8 +74,17 @@ class MountedVolume {
     /// Runs `make`, once more when the name in its way is only that of a removed file.
     template<typename Make>
     Outcome<ItemRef> makingRoom(const Node& folder, std::string_view name, Make&& make);
-    Outcome<void> replaceFile(Node& fromFolder, std::string_view from, const ItemRef& item,
-                              Node& toFolder, std::string_view to, const Found& old);
+    template<typename Change>
+    Outcome<void> freeing(Node* node, Change&& change);
+    struct Renaming {
+        const Node& fromFolder;
+        std::string_view from;
+        const ItemRef& item;
+        const Node& toFolder;
+        std::string_view to;
+    };
+    Outcome<void> rename(const Renaming& renaming, const ItemRef& over);
+    Outcome<void> replace(const Renaming& renaming, const Found& old);
     static void noteNewName(Node& folder);
     static void noteLostName(Node& folder, uint64_t ino, std::string_view name);
     Outcome<std::unique_ptr<FolderListing>> list(const Node& folder);

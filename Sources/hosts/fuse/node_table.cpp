@@ -19,13 +19,6 @@ NodeTable::NodeTable(Found root)
     : root_(std::make_unique<Node>(inoOf(root.attributes), std::move(root.item), root.attributes)) {
 }
 
-NodeTable::~NodeTable() {
-    const MutexLock held(lock_);
-    for (const auto& [ino, node] : nodes_) {
-        delete node; // the kernel takes no counts back when it unmounts
-    }
-}
-
 uint64_t NodeTable::inoOf(const fskit::FSItemAttributes& attributes) noexcept {
     return Driver2::ino(attributes.fileID());
 }
@@ -36,10 +29,13 @@ Node& NodeTable::at(uint64_t number) noexcept {
 
 Node& NodeTable::remember(Found found) {
     const uint64_t ino = inoOf(found.attributes);
+    if (ino == root_->ino) {
+        return *root_; // counts on the root are not kept
+    }
     const MutexLock held(lock_);
-    Node*& slot = nodes_[ino];
-    if (slot == nullptr) {
-        slot = new Node(ino, std::move(found.item), found.attributes);
+    std::unique_ptr<Node>& slot = nodes_[ino];
+    if (!slot) {
+        slot = std::make_unique<Node>(ino, std::move(found.item), found.attributes);
     }
     slot->linkCount = found.attributes.linkCount();
     ++slot->lookups;
@@ -56,28 +52,29 @@ std::unique_ptr<Node> NodeTable::forget(uint64_t number, uint64_t counts) {
     if (node.lookups != 0) {
         return nullptr;
     }
-    if (const auto found = nodes_.find(node.ino); found != nodes_.end() && found->second == &node) {
-        nodes_.erase(found);
+    if (const auto found = nodes_.find(node.ino);
+        found != nodes_.end() && found->second.get() == &node) {
+        return std::move(nodes_.extract(found).mapped());
     }
-    return std::unique_ptr<Node>(&node);
+    return std::move(detached_.extract(&node).mapped());
 }
 
 Node* NodeTable::find(uint64_t ino) {
     const MutexLock held(lock_);
     const auto found = nodes_.find(ino);
-    return found == nodes_.end() ? nullptr : found->second;
+    return found == nodes_.end() ? nullptr : found->second.get();
 }
 
 void NodeTable::detach(Node& node) {
     const MutexLock held(lock_);
     node.gone = true;
-    nodes_.erase(node.ino);
+    detached_.emplace(&node, std::move(nodes_.extract(node.ino).mapped()));
 }
 
 void NodeTable::attach(Node& node) {
     const MutexLock held(lock_);
     node.gone = false;
-    nodes_[node.ino] = &node;
+    nodes_.emplace(node.ino, std::move(detached_.extract(&node).mapped()));
 }
 
 } // namespace tavelin::fusehost

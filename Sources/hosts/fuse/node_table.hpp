@@ -44,7 +44,6 @@ struct Node {
 class NodeTable {
   public:
     explicit NodeTable(Found root);
-    ~NodeTable();
     NodeTable(const NodeTable&) = delete;
     NodeTable& operator=(const NodeTable&) = delete;
 
@@ -72,7 +71,9 @@ class NodeTable {
 
     const std::unique_ptr<Node> root_;
     Mutex lock_;
-    std::unordered_map<uint64_t, Node*> nodes_ TAVELIN_GUARDED_BY(lock_); // attached ones, by inode
+    std::unordered_map<uint64_t, std::unique_ptr<Node>>
+        nodes_ TAVELIN_GUARDED_BY(lock_); // by inode
+    std::unordered_map<const Node*, std::unique_ptr<Node>> detached_ TAVELIN_GUARDED_BY(lock_);
 };
 
 } // namespace tavelin::fusehost
