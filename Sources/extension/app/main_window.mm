@@ -9,6 +9,8 @@
 namespace {
 
 constexpr NSTimeInterval kRefreshSeconds = 1.0;
+// The module's state is asked of another process, and changes when the user changes it.
+constexpr NSUInteger kRefreshesPerModuleState = 5;
 constexpr NSUInteger kMostLogCharacters = 1 << 20;
 
 NSTextField *wrappingLabel(NSString *text) {
@@ -25,7 +27,8 @@ NSTextField *wrappingLabel(NSString *text) {
     NSButton *_settings;
     NSTextField *_volumes;
     NSTextView *_log;
-    NSTimer *_refresh;
+    NSTimer *_timer;
+    NSUInteger _refreshes;
     std::unique_ptr<tavelin::LogFollower> _follower;
 }
 
@@ -35,11 +38,11 @@ NSTextField *wrappingLabel(NSString *text) {
     [self makeWindow];
     [self refresh];
     __weak TVLMainWindow *weakSelf = self;
-    _refresh = [NSTimer scheduledTimerWithTimeInterval:kRefreshSeconds
-                                               repeats:YES
-                                                 block:^(NSTimer *) {
-                                                     [weakSelf refresh];
-                                                 }];
+    _timer = [NSTimer scheduledTimerWithTimeInterval:kRefreshSeconds
+                                             repeats:YES
+                                               block:^(NSTimer *) {
+                                                   [weakSelf refresh];
+                                               }];
 }
 
 - (BOOL)applicationShouldTerminateAfterLastWindowClosed:(NSApplication *)application {
@@ -82,7 +85,9 @@ NSTextField *wrappingLabel(NSString *text) {
 }
 
 - (void)refresh {
-    [self refreshModuleState];
+    if (_refreshes++ % kRefreshesPerModuleState == 0) {
+        [self refreshModuleState];
+    }
     [self refreshVolumes];
     [self refreshLog];
 }

@@ -75,7 +75,7 @@ using tavelin::made;
 // How much of a transfer may be moved; 0 with *error set when none.
 - (size_t)allowed:(size_t)length at:(off_t)offset error:(NSError **)error {
     if (_revokedNow) {
-        *error = fs_errorForPOSIXError(ENXIO);
+        *error = fs_errorForPOSIXError(EIO);
         return 0;
     }
     if (_foreignErrors > 0) {
@@ -130,7 +130,7 @@ using tavelin::made;
 
 - (BOOL)metadataFlushWithError:(NSError **)error {
     if (_revokedNow) {
-        *error = fs_errorForPOSIXError(ENXIO);
+        *error = fs_errorForPOSIXError(EIO);
     }
     return !_revokedNow;
 }
