@@ -43,6 +43,8 @@ class TavelinVolume final : public fskit::FSVolume,
 
     const std::shared_ptr<NTFSVolume> ntfs;
 
+    using FSVolume::name;
+
     /// The device under `ntfs`, which owns it; set by load, before any request.
     std::weak_ptr<ResourceDevice> device;
 

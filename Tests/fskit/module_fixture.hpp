@@ -94,6 +94,8 @@ class VolumeTest : public ModuleTest {
         disk = std::make_shared<MemoryResource>(sample);
     }
 
+    // The volume as other programs have it.
+    void reread() { disk->bytes = readFile(sample.image()); }
     // Puts what the resource holds back into the image file, for other programs to look at.
     void save() { writeFile(sample.image(), disk->bytes); }
 

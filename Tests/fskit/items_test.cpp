@@ -1,0 +1,358 @@
+// Items: attributes, the registry, names that change, listings in pages, extended attributes.
+#include "module_fixture.hpp"
+
+#include "platform/error_numbers.hpp"
+
+#include <unistd.h>
+
+namespace tavelin {
+namespace {
+
+using namespace test;
+namespace Bit = fskit::FSItemAttribute;
+using Names = std::vector<std::string>;
+using fskit::FSItemSetAttributesRequest;
+
+std::uint64_t inodeOf(const fskit::FSItemRef& item) {
+    return dynamic_cast<const NItem&>(*item).ino;
+}
+
+bool same(const std::timespec& a, const std::timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+class Items : public VolumeTest {
+  protected:
+    void SetUp() override { start(); }
+
+    fskit::FSItemAttributes attributesOf(const Item& item) { return **requests().attributes(item); }
+    // The page from `cookie` on, as "name>next cookie"; keeps the verifier for the next one.
+    Names list(const Item& directory, fskit::FSDirectoryCookie cookie,
+               std::optional<fskit::FSDirectoryVerifier> with = {}, bool withAttributes = false,
+               std::size_t room = SIZE_MAX) {
+        Page page(room);
+        verifier =
+            *requests().list(directory, page, cookie, with.value_or(verifier), withAttributes);
+        return page.names();
+    }
+    // Makes reads of the device fail that are not answered from the page cache.
+    void failDevice() {
+        disk->hook = [](auto...) -> std::size_t { throw fskit::fs_errorForPOSIXError(kENXIO); };
+    }
+
+    fskit::FSDirectoryVerifier verifier = 0;
+};
+
+TEST_F(Items, MissingItemsAreAnsweredENOENTAndNotTallied) {
+    auto ask = requests();
+    const Item none;
+    FSItemSetAttributesRequest changes;
+    Page page;
+    static_cast<void>(takeCounts());
+    for (const std::int64_t code :
+         {ask.lookup(none, "a").code(), ask.create(none, "a").code(),
+          ask.symlink(none, "a", "b").code(), ask.readlink(none).code(),
+          ask.remove(root, none, "a").code(), ask.rename(root, none, "a", root, "b").code(),
+          ask.rename(root, root, "a", none, "b").code(), ask.attributes(none).code(),
+          ask.setAttributes(none, changes).code(), ask.list(none, page, 0, 77).code(),
+          ask.read(none, 0, 1).code(), ask.write(none, 0, "x").code(), ask.xattr(none, "a").code(),
+          ask.setXattr(none, "a", "v").code(), ask.xattrs(none).code(), ask.open(none).code()}) {
+        EXPECT_EQ(code, kENOENT);
+    }
+    EXPECT_EQ(std::get<0>(ask.list(none, page, 0, 77).values), 77u);
+    EXPECT_EQ(ask.close(none).code(), 0);
+    EXPECT_EQ(ask.reclaim(none).code(), 0);
+    EXPECT_EQ(errorTally().summary().at("counts"), FieldValue(Fields{}));
+    const std::string counts = ' ' + takeCounts();
+    for (const char* key : {"lookupItem", "createItem", "createSymbolicLink", "readSymbolicLink",
+                            "removeItem", "getAttributes", "setAttributes", "getXattr", "setXattr",
+                            "listXattrs", "openItem", "closeItem", "reclaimItem"}) {
+        EXPECT_NE(counts.find(' ' + std::string(key) + "=1"), std::string::npos) << counts;
+    }
+    EXPECT_NE(counts.find("enumerateDirectory=2"), std::string::npos) << counts;
+    EXPECT_EQ(counts.find("write"), std::string::npos) << "reads and writes are not counted";
+}
+
+TEST_F(Items, FailuresAreTalliedUnderTheRequestsBareName) {
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    Page page;
+    EXPECT_EQ(ask.lookup(root, "").code(), kEINVAL);
+    EXPECT_EQ(ask.lookup(root, "\xff").code(), kEINVAL);
+    EXPECT_EQ(ask.lookup(file, "x").code(), kENOTDIR);
+    EXPECT_EQ(ask.create(root, "file").code(), kEEXIST);
+    EXPECT_EQ(ask.symlink(root, "link", "").code(), kEINVAL);
+    EXPECT_EQ(ask.readlink(file).code(), kEINVAL);
+    EXPECT_EQ(ask.remove(nullptr, root, "absent").code(), kENOENT);
+    EXPECT_EQ(ask.rename(nullptr, root, "file", root, "").code(), kEINVAL);
+    EXPECT_EQ(ask.list(file, page, 0, 9).code(), kENOTDIR);
+    EXPECT_EQ(std::get<0>(ask.list(file, page, 0, 9).values), 9u);
+    EXPECT_EQ(ask.read(root, 0, 1).code(), kEISDIR);
+    EXPECT_EQ(ask.write(root, 0, "x").code(), kEISDIR);
+    EXPECT_EQ(ask.xattr(file, "none").code(), kENOATTR);
+    EXPECT_EQ(ask.setName(std::string(200, 'n')).code(), kENAMETOOLONG);
+    EXPECT_EQ(volume().name().data(), "Sample");
+    for (const auto type : {Type::fifo, Type::symlink, Type::unknown}) {
+        EXPECT_EQ(ask.create(root, "odd", type).code(), kENOTSUP);
+    }
+    EXPECT_EQ(ask.link(file, root, "hard").code(), kENOTSUP);
+    const auto summary = errorTally().summary();
+    EXPECT_EQ(
+        summary.at("first"),
+        FieldValue(Names{"lookupItem:22", "lookupItem:22", "lookupItem:20", "createSymbolicLink:22",
+                         "readSymbolicLink:22", "renameItem:22", "enumerateDirectory:20",
+                         "enumerateDirectory:20", "read:21", "write:21", "setVolumeName:63"}));
+    EXPECT_EQ(summary.at("counts"),
+              FieldValue(Fields{
+                  {"2", 1}, {"17", 1}, {"20", 3}, {"21", 2}, {"22", 5}, {"63", 1}, {"93", 1}}));
+}
+
+TEST_F(Items, AttributesAreFilledWhateverIsAsked) {
+    auto ask = requests();
+    const Item folder = *ask.create(root, "folder", Type::directory);
+    const Item file = *ask.create(folder, "file");
+    EXPECT_EQ(*ask.write(file, 0, std::string(5000, 'x')), 5000u);
+    const auto found = attributesOf(file);
+    EXPECT_EQ(found.validAttributes(), (1u << 17) - 1);
+    EXPECT_EQ(found.type(), Type::file);
+    EXPECT_EQ(found.mode(), 0100666u);
+    EXPECT_EQ(found.uid(), ::getuid());
+    EXPECT_EQ(found.linkCount(), 1u);
+    EXPECT_EQ(found.size(), 5000u);
+    EXPECT_EQ(found.allocSize(), 8192u);
+    EXPECT_EQ(found.fileID(), inodeOf(file));
+    EXPECT_EQ(found.parentID(), inodeOf(folder));
+    EXPECT_TRUE(same(found.addedTime(), found.birthTime()));
+    EXPECT_TRUE(same(found.backupTime(), {}));
+    EXPECT_EQ(attributesOf(folder).parentID(), fskit::FSItemIDRootDirectory);
+    EXPECT_EQ(attributesOf(root).fileID(), fskit::FSItemIDRootDirectory);
+    EXPECT_EQ(attributesOf(root).parentID(), fskit::FSItemIDParentOfRoot);
+    EXPECT_EQ(attributesOf(root).mode(), 040777u);
+    EXPECT_EQ(attributesOf(*ask.symlink(root, "link", "t")).type(), Type::symlink);
+    EXPECT_EQ(*ask.read(file, 5000, 10), "");
+    EXPECT_EQ(*ask.read(file, 4990, 100, 4), "xxxx") << "no more than the buffer holds";
+}
+
+TEST_F(Items, ChangesAreConsumedOneByOneAndStopAtTheFirstFailure) {
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    FSItemSetAttributesRequest all;
+    all.setSize(7);
+    all.setAccessTime({1000, 100});
+    all.setBirthTime({2000, 200});
+    all.setFlags(0x8000 | 0x2);
+    all.setMode(0400);
+    all.setUid(12345);
+    all.setGid(12345);
+    all.setType(Type::directory);
+    all.setLinkCount(9);
+    all.setBackupTime({3000, 0});
+    const auto before = attributesOf(file);
+    const auto after = **ask.setAttributes(file, all);
+    EXPECT_EQ(all.consumedAttributes, Bit::size | Bit::accessTime | Bit::birthTime | Bit::flags |
+                                          Bit::mode | Bit::uid | Bit::gid);
+    EXPECT_EQ(after.size(), 7u);
+    EXPECT_TRUE(same(after.accessTime(), {1000, 100}));
+    EXPECT_TRUE(same(after.birthTime(), {2000, 200}));
+    EXPECT_EQ(after.flags(), 0x8000u);
+    EXPECT_EQ(after.mode(), before.mode());
+    EXPECT_EQ(after.uid(), before.uid());
+    EXPECT_EQ(after.type(), Type::file);
+
+    FSItemSetAttributesRequest visible;
+    visible.setFlags(0);
+    EXPECT_EQ((*ask.setAttributes(file, visible))->flags(), 0u);
+
+    FSItemSetAttributesRequest tooLarge;
+    tooLarge.setSize(UINT64_MAX);
+    tooLarge.setModifyTime({1, 0});
+    tooLarge.setMode(0);
+    EXPECT_EQ(ask.setAttributes(file, tooLarge).code(), kEFBIG);
+    EXPECT_EQ(tooLarge.consumedAttributes, 0u);
+    EXPECT_FALSE(same(attributesOf(file).modifyTime(), {1, 0}));
+
+    FSItemSetAttributesRequest onCreation = tooLarge;
+    onCreation.consumedAttributes = Bit::type;
+    EXPECT_EQ(ask.create(root, "large", Type::file, onCreation).code(), 0);
+    EXPECT_EQ(onCreation.consumedAttributes, 0u);
+    FSItemSetAttributesRequest folderMode;
+    folderMode.setMode(0700);
+    const Item folder = *ask.create(root, "folder", Type::directory, folderMode);
+    EXPECT_EQ(folderMode.consumedAttributes, Bit::mode);
+    EXPECT_EQ(attributesOf(folder).mode(), 040777u);
+}
+
+TEST_F(Items, OneItemForEachInodeUntilItIsReclaimed) {
+    auto ask = requests();
+    const Item folder = *ask.create(root, "folder", Type::directory);
+    const Item file = *ask.create(root, "file");
+    const std::uint64_t ino = inodeOf(file);
+    EXPECT_EQ(*ask.lookup(root, "file"), file);
+    EXPECT_EQ(volume().item(ino, inodeOf(folder)), file);
+    EXPECT_EQ(attributesOf(file).parentID(), inodeOf(folder)) << "the directory last come through";
+
+    EXPECT_EQ(ask.reclaim(file).code(), 0);
+    const Item again = *ask.lookup(root, "file");
+    EXPECT_NE(again, file);
+    EXPECT_EQ(ask.reclaim(file).code(), 0);
+    EXPECT_EQ(*ask.lookup(root, "file"), again) << "the newer item stays";
+    EXPECT_EQ(ask.reclaim(root).code(), 0);
+    EXPECT_EQ(volume().item(NTFSVolume::kRootIno, NTFSVolume::kRootIno), root);
+
+    EXPECT_EQ(ask.remove(again, root, "file").code(), 0);
+    EXPECT_EQ(volume().item(ino, NTFSVolume::kRootIno), again) << "removal leaves it registered";
+}
+
+TEST_F(Items, RenamingMovesTheItemAndForgetsTheOneReplaced) {
+    auto ask = requests();
+    const Item folder = *ask.create(root, "folder", Type::directory);
+    const Item moved = *ask.create(root, "a");
+    const Item replaced = *ask.create(folder, "b");
+    EXPECT_EQ(ask.rename(moved, root, "absent", folder, "b", replaced).code(), kENOENT);
+    EXPECT_EQ(*ask.lookup(folder, "b"), replaced);
+    EXPECT_EQ(attributesOf(moved).parentID(), fskit::FSItemIDRootDirectory);
+
+    EXPECT_EQ((*ask.rename(moved, root, "a", folder, "b", replaced))->data(), "b");
+    EXPECT_EQ(attributesOf(moved).parentID(), inodeOf(folder));
+    EXPECT_EQ(*ask.lookup(folder, "b"), moved);
+    EXPECT_NE(volume().item(inodeOf(replaced), inodeOf(folder)), replaced);
+    EXPECT_EQ((*ask.rename(moved, folder, "b", folder, "B", moved))->data(), "B");
+    EXPECT_EQ(*ask.lookup(folder, "B"), moved) << "not replaced by itself";
+
+    EXPECT_EQ(list(root, 0), (Names{".>1", "..>2", "folder>3"}));
+    const auto before = verifier;
+    EXPECT_EQ(ask.rename(nullptr, folder, "B", folder, "c").code(), 0);
+    list(root, 0);
+    EXPECT_EQ(verifier, before + 2);
+}
+
+TEST_F(Items, ListingsGoOnWhereTheyWereUntilNamesChange) {
+    auto ask = requests();
+    const Item folder = *ask.create(root, "folder", Type::directory);
+    EXPECT_EQ(list(folder, 0), (Names{".>1", "..>2"}));
+    for (const char* name : {"a", "b", "c", "d"}) {
+        EXPECT_EQ(ask.create(folder, name).code(), 0);
+    }
+    EXPECT_EQ(list(folder, 0, {}, false, 1), Names{".>1"});
+    EXPECT_EQ(list(folder, 1, {}, false, 2), (Names{"..>2", "a>3"}));
+    EXPECT_EQ(list(folder, 2, {}, false, 1), Names{"a>3"});
+    EXPECT_EQ(list(folder, 3), (Names{"b>4", "c>5", "d>6"}));
+    EXPECT_EQ(list(folder, 0, {}, true, 2), (Names{"a>1", "b>2"}));
+    EXPECT_EQ(list(folder, 2, {}, true), (Names{"c>3", "d>4"}));
+    EXPECT_EQ(list(folder, 6), Names{});
+    EXPECT_EQ(list(folder, UINT64_MAX), Names{});
+    EXPECT_EQ(list(folder, UINT64_MAX, {}, true), Names{});
+
+    const auto old = verifier;
+    volume().ntfs->remove("a", inodeOf(folder)); // behind the volume's back
+    EXPECT_EQ(list(folder, 3), (Names{"b>4", "c>5", "d>6"})) << "served from what was listed";
+    EXPECT_EQ(list(folder, 3, old + 1), (Names{"c>4", "d>5"})) << "another verifier, a new list";
+    EXPECT_EQ(list(root, 0).size(), 3u);
+    EXPECT_EQ(ask.remove(nullptr, folder, "b").code(), 0);
+    EXPECT_EQ(list(folder, 2), (Names{"c>3", "d>4"})) << "a change drops the list";
+    EXPECT_GT(verifier, old);
+
+    volume().ntfs->create("e", inodeOf(folder), NTFSItemType::file);
+    EXPECT_EQ(list(folder, 4), Names{});
+    EXPECT_EQ(ask.reclaim(folder).code(), 0);
+    EXPECT_EQ(list(*ask.lookup(root, "folder"), 4), Names{"e>5"}) << "lists die with their item";
+}
+
+TEST_F(Items, ListedAttributesAreThoseOfTheItems) {
+    auto ask = requests();
+    const Item folder = *ask.create(root, "folder", Type::directory);
+    const Item file = *ask.create(folder, "file");
+    EXPECT_EQ(*ask.write(file, 0, "four"), 4u);
+    EXPECT_EQ(ask.symlink(folder, "link", "file").code(), 0);
+    Page page;
+    EXPECT_EQ(ask.list(folder, page, 0, 0, true).code(), 0);
+    ASSERT_EQ(page.entries.size(), 2u);
+    EXPECT_EQ(page.entries[0].attributes->size(), 4u);
+    EXPECT_EQ(page.entries[0].attributes->parentID(), inodeOf(folder));
+    EXPECT_EQ(page.entries[0].id, inodeOf(file));
+    EXPECT_EQ(page.entries[1].type, Type::symlink);
+    EXPECT_EQ(page.entries[1].attributes->type(), Type::symlink);
+
+    // An entry that cannot be read is listed all the same.
+    Page first(1);
+    verifier = *ask.list(folder, first, 0, 0, true);
+    volume().ntfs->remove("link", inodeOf(folder));
+    Page second;
+    EXPECT_EQ(ask.list(folder, second, 1, verifier, true).code(), 0);
+    EXPECT_EQ(second.names(), Names{"link>2"});
+    EXPECT_FALSE(second.entries[0].attributes);
+}
+
+TEST_F(Items, ExtendedAttributesObeyTheirPolicy) {
+    using Policy = fskit::FSSetXattrPolicy;
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    EXPECT_EQ((*ask.xattrs(file)).size(), 0u);
+    EXPECT_EQ(ask.setXattr(file, "note", "1", Policy::mustReplace).code(), kENOATTR);
+    EXPECT_EQ(ask.setXattr(file, "note", "1", Policy::mustCreate).code(), 0);
+    EXPECT_EQ(ask.setXattr(file, "note", "2", Policy::mustCreate).code(), kEEXIST);
+    EXPECT_EQ(ask.setXattr(file, "note", "3", static_cast<Policy>(9)).code(), 0);
+    EXPECT_EQ((*ask.xattr(file, "note")), std::vector{std::byte{'3'}});
+    EXPECT_EQ(ask.setXattr(file, "note", {}, Policy::alwaysSet).code(), 0);
+    EXPECT_EQ((*ask.xattr(file, "note")).size(), 0u);
+    EXPECT_EQ((*ask.xattrs(file)), std::vector{fskit::FSFileName("note")});
+    EXPECT_EQ(ask.setXattr(file, "note", "ignored", Policy::remove).code(), 0);
+    EXPECT_EQ(ask.xattr(file, "note").code(), kENOATTR);
+}
+
+TEST_F(Items, ABrokenDeviceIsAnsweredAndSurvived) {
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    EXPECT_EQ(*ask.write(file, 0, std::string(1 << 20, 'x')), 1u << 20);
+    EXPECT_EQ(ask.synchronize().code(), 0);
+    EXPECT_EQ(unload().code(), 0);
+    start();
+    const Item same = *requests().lookup(root, "file");
+    failDevice();
+    EXPECT_EQ(requests().read(same, 0, 4096).code(), kENXIO);
+    EXPECT_EQ(requests().close(same).code(), 0);
+    EXPECT_NE(takeLastEvent().find(R"("errno":6,"ev":"device_error")"), std::string::npos);
+    disk->hook = nullptr;
+    EXPECT_EQ(*requests().read(same, 0, 3), "xxx");
+}
+
+TEST_F(Items, CountsAreDumpedWhenTheVolumeIsLeft) {
+    auto ask = requests();
+    static_cast<void>(takeLog());
+    static_cast<void>(takeCounts());
+    static_cast<void>(ask.lookup(root, "absent"));
+    EXPECT_EQ(ask.synchronize(static_cast<fskit::FSSyncFlags>(6)).code(), 0);
+    services.log().setInfoEnabled(false);
+    ask.unmount();
+    services.log().setInfoEnabled(true);
+    static_cast<void>(ask.lookup(root, "absent"));
+    ask.unmount();
+    const std::string line = takeLog().back();
+    EXPECT_EQ(line.find("info fs: ops: lookupItem=2"), 0u) << line << ": unseen counts are kept";
+    EXPECT_NE(line.find("synchronize-6=1"), std::string::npos) << line;
+    static_cast<void>(ask.lookup(root, "absent"));
+    services.log().setInfoEnabled(false);
+    EXPECT_EQ(ask.deactivate().code(), 0);
+    EXPECT_EQ(takeLastEvent(), R"({"errors":{"counts":{"2":3},"first":[]},"ev":"deactivate",)"
+                               R"("ops":"lookupItem=1"})");
+    EXPECT_EQ(takeLog().size(), 0u);
+}
+
+TEST_F(Items, StatisticsAddUpAndSurviveAVolumeThatIsGone) {
+    const auto space = volume().volumeStatistics();
+    EXPECT_EQ(space.fileSystemTypeName, "tavelin");
+    EXPECT_EQ(space.blockSize, 4096);
+    EXPECT_EQ(space.ioSize, 1 << 20);
+    EXPECT_EQ(space.totalBytes, space.totalBlocks * 4096);
+    EXPECT_EQ(space.usedBytes + space.freeBytes, space.totalBytes);
+    EXPECT_EQ(space.usedBlocks + space.availableBlocks, space.totalBlocks);
+    EXPECT_GT(space.totalFiles, space.freeFiles);
+    const auto gone = module.volume;
+    EXPECT_EQ(unload().code(), 0);
+    EXPECT_EQ(gone->volumeStatistics().totalBytes, 0u);
+    EXPECT_EQ(gone->volumeStatistics().fileSystemTypeName, "tavelin");
+    EXPECT_EQ(Requests(*gone).attributes(root).code(), kENXIO);
+}
+
+} // namespace
+} // namespace tavelin

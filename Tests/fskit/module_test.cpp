@@ -1,0 +1,238 @@
+// What the module answers to probe, load, unload, check and format, and what it reports of it.
+#include "module_fixture.hpp"
+
+#include "core/ntfs_error.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace tavelin {
+namespace {
+
+using namespace test;
+using fskit::FSMatchResult;
+using Lines = std::vector<std::string>;
+
+class Module : public VolumeTest {
+  protected:
+    // The container identifier of this serial number; the volume's own has it too.
+    void setSerial(std::uint64_t serial) {
+        for (int byte = 0; byte < 8; ++byte) {
+            disk->bytes[static_cast<std::size_t>(72 + byte)] =
+                static_cast<char>(serial >> (8 * byte));
+        }
+    }
+
+    struct Network final : fskit::FSResource {};
+    const std::string size = std::to_string(disk->bytes.size());
+};
+
+TEST_F(Module, ReportsItsStart) {
+    const TavelinFileSystem another;
+    const std::string event = takeLastEvent();
+    for (const char* field :
+         {R"("build":)", R"("ev":"module_start")", R"("os":)", R"("version":)"}) {
+        EXPECT_NE(event.find(field), std::string::npos) << event;
+    }
+    EXPECT_EQ(TavelinFileSystem::typeName(), "tavelin");
+}
+
+TEST_F(Module, AProbeNamesTheVolumeAndKeepsItsSerialOutOfTheEventLog) {
+    setSerial(0x1234ABCD5678EF90);
+    const auto found = *probe();
+    EXPECT_EQ(found.result, FSMatchResult::usable);
+    EXPECT_EQ(found.name, "Sample");
+    EXPECT_EQ(found.containerID->uuid, Driver2::volumeUUID(0x1234ABCD5678EF90));
+    EXPECT_EQ(takeLog(), Lines{"info fs: probe: NTFS serial=1234abcd5678ef90 name=Sample"});
+    const std::string event = R"({"block":512,"bsd":"disk7s2","ev":"probe","result":"usable",)"
+                              R"("serial":"ef90","size":)" +
+                              size + R"(,"writable":true})";
+    EXPECT_EQ(takeEvents(), Lines{event});
+    EXPECT_EQ(module.volume, nullptr);
+
+    ASSERT_EQ(load().code(), 0);
+    EXPECT_EQ(volume().volumeID().uuid, found.containerID->uuid);
+    EXPECT_EQ(volume().name().data(), "Sample");
+}
+
+TEST_F(Module, AVolumeThatCannotBeReadStillProbesAsUsable) {
+    setSerial(1);
+    disk->hook = [](auto, std::uint64_t offset, std::size_t length) -> std::size_t {
+        if (offset >= 512) {
+            throw fskit::fs_errorForPOSIXError(kEIO);
+        }
+        return std::min<std::size_t>(length, 512);
+    };
+    EXPECT_EQ((*probe()).name, "NTFS");
+    disk->hook = nullptr;
+
+    start();
+    volume().ntfs->setLabel("");
+    EXPECT_EQ(unload().code(), 0);
+    EXPECT_EQ((*probe()).name, "NTFS") << "an empty label";
+    ASSERT_EQ(load().code(), 0);
+    EXPECT_EQ(volume().name().data(), "NTFS");
+}
+
+TEST_F(Module, WhatIsNoVolumeIsNotRecognisedAndNotLoaded) {
+    const auto network = std::make_shared<Network>();
+    const auto probed =
+        ask<fskit::FSProbeResult>([&](auto reply) { module.probeResource(network, reply); });
+    EXPECT_EQ((*probed).result, FSMatchResult::notRecognized);
+    const auto loaded = ask<std::shared_ptr<fskit::FSVolume>>(
+        [&](auto reply) { module.loadResource(network, {}, reply); });
+    EXPECT_EQ(loaded.code(), kENODEV);
+    EXPECT_EQ(takeEvents(),
+              (Lines{R"({"ev":"probe","result":"not_block_device"})",
+                     R"({"errno":19,"ev":"load","ok":false,"why":"not_block_device"})"}));
+
+    disk->bytes.assign(1 << 20, '\0');
+    disk->physicalBlock = 4096;
+    EXPECT_EQ((*probe()).result, FSMatchResult::notRecognized);
+    EXPECT_EQ(load({"-o", "ro"}).code(), kEINVAL);
+    EXPECT_EQ(module.volume, nullptr);
+    EXPECT_EQ(
+        takeEvents(),
+        (Lines{R"({"block":512,"bsd":"disk7s2","ev":"probe","result":"not_ntfs",)"
+               R"("size":1048576})",
+               R"({"bsd":"disk7s2","err":"22 Invalid argument","errno":22,"ev":"load",)"
+               R"("media_writable":true,"ms":0,"ok":false,"options":"-o ro","ro_req":true})"}));
+    EXPECT_EQ(takeLog(), Lines{"error fs: load failed: 22 Invalid argument"});
+    EXPECT_EQ(errorTally().summary(),
+              (Fields{{"counts", Fields{{"22", 1}}},
+                      {"first", FieldValue::List{FieldValue("loadResource:22")}}}));
+}
+
+TEST_F(Module, LoadObeysOptionsAndMedium) {
+    struct Case {
+        Words options;
+        bool writable;
+        bool readOnly;
+        bool windowsNames;
+    };
+    for (const Case& c :
+         {Case{{}, true, false, false}, Case{{"-o", "windows_names"}, true, false, true},
+          Case{{"rdonly"}, true, true, false}, Case{{}, false, true, false}}) {
+        disk->writable = c.writable;
+        errorTally().record(kEIO, "before");
+        deviceErrorEvents = 7;
+        ASSERT_EQ(load(c.options).code(), 0);
+        EXPECT_EQ(module.containerStatus.state, fskit::FSContainerState::ready);
+        EXPECT_EQ(volume().ntfs->readOnly(), c.readOnly);
+        EXPECT_EQ(volume().requestedMountOptions(),
+                  c.readOnly ? fskit::FSMountOptionsReadOnly : 0u);
+        EXPECT_EQ(services.timers().live().size(), c.readOnly ? 0u : 1u);
+        EXPECT_EQ(volume().ntfs->windowsNames(), c.windowsNames);
+        EXPECT_EQ(deviceErrorEvents, 0);
+        const std::string words = fmt::format("{}", fmt::join(c.options, " "));
+        EXPECT_EQ(takeLog(), Lines{fmt::format("info fs: load: mounted readOnly={} "
+                                               "windowsNames={} options={}",
+                                               c.readOnly, c.windowsNames, words)});
+        EXPECT_EQ(takeLastEvent(),
+                  fmt::format(R"({{"bsd":"disk7s2","ev":"load","fell_back":false,)"
+                              R"("media_writable":{},"ms":0,"ok":true,"options":"{}",)"
+                              R"("ro":{},"ro_req":{}}})",
+                              c.writable, words, c.readOnly, c.readOnly));
+        EXPECT_EQ(unload().code(), 0);
+        EXPECT_EQ(module.volume, nullptr);
+        EXPECT_EQ(takeLastEvent(),
+                  R"({"errors":{"counts":{},"first":[]},"ev":"unload","ok":true})");
+    }
+    EXPECT_EQ(unload().code(), 0) << "nothing is loaded";
+}
+
+TEST_F(Module, ActivateSwitchesTheWindowsRuleOnAndNeverOff) {
+    ASSERT_EQ(load({"-owindows_names"}).code(), 0);
+    EXPECT_EQ((*requests().activate({"-f", "x"})).get(), volume().root().get());
+    EXPECT_TRUE(volume().ntfs->windowsNames());
+    EXPECT_EQ(takeLog().back(), "info fs: activate: windowsNames=true options=-f x");
+    EXPECT_EQ(takeLastEvent(),
+              R"({"ev":"activate","kernel_cache":false,"options":"-f x","ro":false})");
+    ASSERT_EQ(load().code(), 0);
+    EXPECT_FALSE(volume().ntfs->windowsNames());
+    root = *requests().activate({"-o", "windows_names"});
+    EXPECT_EQ(requests().create(root, "a:b").code(), kEINVAL);
+}
+
+TEST_F(Module, AFailedUnloadReportsAndForgets) {
+    start();
+    EXPECT_EQ(requests().create(root, "file").code(), 0);
+    disk->hook = [](MemoryResource::Call call, auto, std::size_t length) {
+        return call == MemoryResource::Call::write ? throw fskit::fs_errorForPOSIXError(kENXIO)
+                                                   : length;
+    };
+    static_cast<void>(takeLog());
+    EXPECT_EQ(requests().synchronize(fskit::FSSyncFlags::noWait).code(), 0);
+    EXPECT_EQ(requests().synchronize().code(), kENXIO);
+    requests().unmount();
+    EXPECT_EQ(requests().deactivate().code(), kENXIO);
+    static_cast<void>(takeEvents());
+    EXPECT_EQ(unload().code(), kENXIO);
+    const std::string event = takeLastEvent();
+    for (const char* part :
+         {R"("errno":6)", R"("ok":false)", "device_write:6", "synchronize:6", "deactivate:6"}) {
+        EXPECT_NE(event.find(part), std::string::npos) << event;
+    }
+    EXPECT_EQ(event.find("unloadResource"), std::string::npos) << "it is reported before it counts";
+    EXPECT_EQ(module.volume, nullptr);
+    EXPECT_EQ(unload().code(), 0);
+}
+
+class Check : public Module {
+  protected:
+    struct Task final : fskit::FSTask {
+        void logMessage(const std::string&) override {}
+        void didComplete(const std::optional<fskit::Error>& error) override {
+            ++completed;
+            code = codeOf(error);
+        }
+        int completed = 0;
+        std::int64_t code = -1;
+    };
+
+    // The number with which the check is refused, 0 when it is accepted.
+    std::int64_t start(const Words& words) {
+        try {
+            progress = module.startCheck(task, {words});
+            return 0;
+        } catch (const fskit::Error& error) {
+            return codeOf(error);
+        }
+    }
+
+    const std::shared_ptr<Task> task = std::make_shared<Task>();
+    std::shared_ptr<fskit::NSProgress> progress;
+};
+
+TEST_F(Check, IsRefusedWithoutAVolumeAndForRepairs) {
+    const std::string rest = R"("ev":"check",)";
+    EXPECT_EQ(start({"-q", "-x"}), kEINVAL);
+    EXPECT_EQ(takeEvents(), Lines{R"({"errno":22,)" + rest + R"("options":"-q -x"})"});
+    EXPECT_EQ(takeLog(), Lines{});
+    EXPECT_EQ(start({"-n"}), kENXIO);
+    EXPECT_EQ(takeEvents(), Lines{R"({"errno":6,)" + rest + R"("loaded":false,"mode":"verify"})"});
+    EXPECT_EQ(takeLog(), Lines{"info fs: check: mode=verify -> errno 6"});
+    ASSERT_EQ(load().code(), 0);
+    EXPECT_EQ(start({"-y"}), kENOTSUP);
+    EXPECT_EQ(takeLastEvent(), R"({"errno":45,)" + rest + R"("loaded":true,"mode":"repair"})");
+    EXPECT_EQ(services.queue().run(), 0u);
+    EXPECT_EQ(task->completed, 0);
+    EXPECT_THROW(static_cast<void>(module.startFormat(task, {})), fskit::Error);
+}
+
+TEST_F(Check, OfALoadedVolumeCompletesLaterAndOnce) {
+    ASSERT_EQ(load().code(), 0);
+    static_cast<void>(takeEvents());
+    EXPECT_EQ(start({}), 0);
+    EXPECT_EQ(takeEvents(), Lines{R"({"errno":0,"ev":"check","mode":"quick"})"});
+    EXPECT_EQ(progress->completedUnitCount(), 0);
+    EXPECT_EQ(task->completed, 0);
+    EXPECT_EQ(services.queue().run(), 1u);
+    EXPECT_EQ(progress->completedUnitCount(), progress->totalUnitCount());
+    EXPECT_EQ(task->completed, 1);
+    EXPECT_EQ(task->code, 0);
+}
+
+} // namespace
+} // namespace tavelin
