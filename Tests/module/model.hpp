@@ -1,0 +1,87 @@
+// A plain file system in memory that follows the volume's rules: what every operation must answer
+// and what every item must look like afterwards.
+//
+// Times that an operation sets to "now" are known only as bounds until they have been seen once;
+// from then on they must stay as seen.
+#pragma once
+
+#include "operation.hpp"
+
+#include <map>
+#include <memory>
+
+namespace tavelin::test {
+
+// 100 ns units since 1970, rounded as the volume reports them.
+using Ticks = std::int64_t;
+Ticks nowTicks();
+
+enum class ItemKind { file = 1, directory = 2, symlink = 3 };
+enum TimeKind : std::size_t { accessTime, modifyTime, changeTime, birthTime, kTimeKinds };
+
+// Everything that can be observed of one item.
+struct ItemState {
+    ItemKind kind = ItemKind::file;
+    std::uint64_t size = 0; // not compared for directories
+    std::uint32_t linkCount = 1;
+    bool hidden = false;
+    std::array<Ticks, kTimeKinds> times{};
+    std::string content{}; // of a file; a link's target
+    std::map<std::string, std::string> streams{};
+    std::map<std::string, ItemKind> entries{}; // of a directory
+};
+
+class Model {
+  public:
+    explicit Model(bool windowsNames = false);
+
+    Answer apply(const Operation& op);
+
+    // All items from the directory `from` on, parents before their children.
+    Tree tree(const std::string& from = "/") const;
+
+    bool has(const std::string& path) const { return find(path).node != nullptr; }
+
+    // Says how `seen` differs from what the item at `path` must be; empty when it agrees. Takes over
+    // times that were known only by their bounds.
+    std::string disagreement(const std::string& path, const ItemState& seen);
+
+  private:
+    struct Time {
+        Ticks exact = 0;
+        Ticks earliest = 0; // when not `known`: a time from then to now,
+        bool known = false;
+        bool mayBeOlder = false; // or still the exact one
+    };
+    struct Node {
+        ItemKind kind = ItemKind::file;
+        Node* parent = nullptr;
+        bool hidden = false;
+        std::array<Time, kTimeKinds> times;
+        std::string content;
+        std::map<std::string, std::string> streams{};
+        std::map<std::string, std::unique_ptr<Node>> children; // names are compared byte by byte
+    };
+    struct Place {                 // a name in a directory, and what is there
+        std::int32_t error = 0;    // of the way there; kENOTDIR with a `directory` that is none
+        Node* directory = nullptr; // null when the way does not exist
+        std::string name{};
+        Node* node = nullptr;
+    };
+
+    static void collect(const Node& node, const std::string& path, Tree& tree);
+    Place find(const std::string& path) const;
+    std::int32_t newNameError(const std::string& name) const;
+    Answer make(const Operation& op, ItemKind kind);
+    Answer remove(const Operation& op);
+    Answer rename(const Operation& op);
+    Answer data(const Operation& op, Node& node);
+    Answer metadata(const Operation& op, Node& node);
+    Answer stream(const Operation& op, Node& node);
+    static void touch(Node& node, std::initializer_list<TimeKind> kinds, bool maybe = false);
+
+    bool windowsNames_;
+    std::unique_ptr<Node> root_;
+};
+
+} // namespace tavelin::test

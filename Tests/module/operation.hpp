@@ -1,0 +1,86 @@
+// One request of a random run, as plain data with a text form, so that a failing run can be shrunk,
+// printed and replayed.
+#pragma once
+
+#include "platform/error_numbers.hpp"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavelin::test {
+
+enum class Verb {
+    create,    // path, hidden (number 0/1), initial size (other)
+    mkdir,     // path
+    symlink,   // path, text: target
+    remove,    // path
+    rename,    // path, text: new path
+    lookup,    // path
+    readlink,  // path
+    write,     // path, number: offset, other: length, seed
+    read,      // path, number: offset, other: length
+    truncate,  // path, number: size
+    times,     // path, number: seconds, other: nanoseconds, seed: which, bits of TimeKind
+    hide,      // path, number 0/1
+    setStream, // path, text: name, number: FSKit policy (3 deletes), other: length, seed
+    getStream, // path, text: name
+    sync,      //
+    reload,    // close the volume and open it again
+};
+
+struct Operation {
+    Verb verb{};
+    std::string path;
+    std::string text;
+    std::int64_t number = 0;
+    std::int64_t other = 0;
+    std::uint64_t seed = 0;
+};
+
+// One line per operation: verb, path, text, number, other, seed; the texts percent-encoded.
+std::string toText(const std::vector<Operation>& script);
+std::vector<Operation> fromText(const std::string& text); // throws std::invalid_argument
+
+// The bytes a write or a stream of this seed and length carries.
+std::string pattern(std::uint64_t seed, std::int64_t length);
+
+// What one operation answered: 0 or the error number, and the bytes, target or type it read.
+struct Answer {
+    std::int32_t error = 0;
+    std::string data{};
+    bool operator==(const Answer&) const = default;
+};
+
+// The directory part and the last name of a path: "/a/b" gives "/a" and "b".
+std::pair<std::string, std::string> splitPath(const std::string& path);
+std::string joined(const std::string& directory, const std::string& name);
+std::vector<std::string> pathComponents(const std::string& path);
+
+// What there is for an operation to work on: paths, that of the directory with all others first.
+struct Tree {
+    std::vector<std::string> items;
+    std::vector<std::string> directories;
+};
+
+// Makes random operations on a tree: mostly on items that are there, with names few enough to
+// collide.
+class OperationSource {
+  public:
+    explicit OperationSource(std::uint64_t seed) : random_(seed) {}
+    Operation next(const Tree& tree);
+
+  private:
+    std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
+    std::string newPath(const Tree& tree);
+    std::string oldPath(const Tree& tree);
+    std::int64_t length();
+
+    std::mt19937_64 random_;
+};
+
+} // namespace tavelin::test
