@@ -31,6 +31,17 @@ if(NOT APPLE)
   # See Sources/extension/sdk/gnustep/personality.cpp.
   target_link_options(tavelin_gnustep INTERFACE LINKER:--wrap=__gnu_objc_personality_v0)
 
+  # On macOS the 64-bit integers are long long, here they are long: overloads and deduced types differ.
+  foreach(folder IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
+    foreach(header ${folder}/bits/types.h ${folder}/${CMAKE_LIBRARY_ARCHITECTURE}/bits/types.h)
+      if(EXISTS ${header})
+        file(READ ${header} types)
+      endif()
+    endforeach()
+  endforeach()
+  string(REGEX REPLACE "(signed) long int (__u?int64_t)" "\\1 long long int \\2" types "${types}")
+  file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/macos-check/bits/types.h CONTENT "${types}" @ONLY)
+
   # The macOS target with the standard headers of this system: _GNU_SOURCE is what clang defines by
   # itself for Linux, __nonnull what it defines for macOS and the C library wants for itself.
   set(TAVELIN_MACOS_CHECK
@@ -38,7 +49,7 @@ if(NOT APPLE)
     -fobjc-runtime=macosx-15.0 -fobjc-arc -fblocks -fapplication-extension -fsyntax-only
     -Wall -Wextra -Wshadow -Wthread-safety -Wunguarded-availability-new -Wprotocol -Werror
     -D_GNU_SOURCE -U__nonnull -nostdinc -nostdinc++
-    -I${TAVELIN_SDK}/apple -I${TAVELIN_SDK}/any -I${PROJECT_SOURCE_DIR}/Sources
+    -isystem ${PROJECT_BINARY_DIR}/macos-check -I${TAVELIN_SDK}/apple -I${TAVELIN_SDK}/any -I${PROJECT_SOURCE_DIR}/Sources
     -I${PROJECT_BINARY_DIR}/generated)
   foreach(folder IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
     list(APPEND TAVELIN_MACOS_CHECK -isystem ${folder})

@@ -185,6 +185,51 @@ class Bundle(unittest.TestCase):
                 self.assertNotEqual(self.assemble(folder, **changes).returncode, 0)
                 self.assertEqual(os.listdir(folder / "Tavelin.app"), [])
 
+    def test_is_signed_from_the_inside_out(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = Path(name)
+            appex = folder / "T.app/Contents/Extensions/M.appex"
+            appex.mkdir(parents=True)
+            recorder = folder / "codesign"
+            recorder.write_text(f'#!/bin/sh\necho "$@" >>"{folder}/calls"\n')
+            recorder.chmod(0o755)
+            script = SOURCE / "packaging/macos/sign-bundle"
+            subprocess.run(
+                [script, folder / "T.app", "Developer ID", "inner", "outer"],
+                env={"PATH": f"{folder}:{os.environ['PATH']}"},
+                capture_output=True,
+                check=True,
+            )
+            flags = "--force --timestamp --options runtime --entitlements"
+            self.assertEqual(
+                (folder / "calls").read_text().splitlines(),
+                [
+                    f"{flags} inner --sign Developer ID {appex}",
+                    f"{flags} outer --sign Developer ID {folder}/T.app",
+                    f"--verify --deep --strict --verbose=2 {folder}/T.app",
+                ],
+            )
+
+
+class Library(unittest.TestCase):
+    def test_untested_releases_are_refused(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = Path(name)
+            for package, release in (("ntfs-3g", "2017.3.23"), ("other", "2022.10.3")):
+                (folder / "top").mkdir(exist_ok=True)
+                (folder / "top/configure").write_text(
+                    f"PACKAGE_NAME='{package}'\nPACKAGE_VERSION='{release}'\n"
+                )
+                subprocess.run(["tar", "-cf", "a.tar", "top"], cwd=folder, check=True)
+                script = SOURCE / "packaging/macos/build-ntfs-3g"
+                result = subprocess.run(
+                    [script, "a.tar", "prefix"],
+                    cwd=folder, capture_output=True, text=True, check=False,
+                )
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(release if package == "ntfs-3g" else package, result.stderr)
+                self.assertFalse((folder / "prefix").exists())
+
 
 if __name__ == "__main__":
     unittest.main()
