@@ -99,9 +99,12 @@ Operation removeMany() {
     }
     operation.run = [names = operation.touches](VolumeClient& volume) {
         for (const std::string& name : names) {
-            if (auto gone = resolve(volume, name); gone) {
-                remove(volume, name);
+            auto found = resolve(volume, name);
+            if (!found && found.error().code() == kENOENT) {
+                continue; // gone already, when this is tried again
             }
+            const Location where = locate(volume, name).get();
+            volume.remove(std::move(found).get().item, where.directory, where.name).get();
         }
     };
     return operation;

@@ -23,7 +23,9 @@ struct DiskEvent {
 // One thread at a time. Sectors are 512 bytes.
 class RecordingResource final : public HostResource {
   public:
-    explicit RecordingResource(Bytes image) : image_(std::move(image)) {}
+    // `physicalBlockSize` is what the volume aligns its transfers to.
+    explicit RecordingResource(Bytes image, std::uint64_t physicalBlockSize = 512)
+        : image_(std::move(image)), physicalBlockSize_(physicalBlockSize) {}
 
     const std::vector<DiskEvent>& events() const { return events_; }
     const Bytes& image() const { return image_; }
@@ -33,7 +35,7 @@ class RecordingResource final : public HostResource {
     bool isWritable() const override { return true; }
     std::uint64_t blockSize() const override { return 512; }
     std::uint64_t blockCount() const override { return image_.size() / 512; }
-    std::uint64_t physicalBlockSize() const override { return 512; }
+    std::uint64_t physicalBlockSize() const override { return physicalBlockSize_; }
 
     std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
@@ -45,6 +47,7 @@ class RecordingResource final : public HostResource {
 
   private:
     Bytes image_;
+    const std::uint64_t physicalBlockSize_;
     std::vector<DiskEvent> events_;
 };
 

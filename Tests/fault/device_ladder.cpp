@@ -1,0 +1,295 @@
+#include "fault/device_ladder.hpp"
+
+#include "hosts/module/faulty_resource.hpp"
+#include "hosts/module/module_host.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+
+namespace tavelin::test {
+
+namespace {
+
+using Times = DeviceFault::Times;
+
+// A device without its host would be asked forever if a retry had no end.
+constexpr std::uint64_t kMostCallsAfterTheEnd = 100;
+constexpr std::uint64_t kPage = 4096; // of the page cache
+
+std::optional<std::int32_t> errorOf(const std::function<void()>& work) {
+    try {
+        work();
+        return std::nullopt;
+    } catch (const fskit::Error& error) {
+        return static_cast<std::int32_t>(error.code());
+    }
+}
+
+// Which device calls fail, counted from arm() on.
+class Trouble {
+  public:
+    explicit Trouble(const DeviceFault& fault) : fault_(fault) {}
+
+    void arm(std::uint64_t call) { next_ = call; }
+    void disarm() { next_ = 0; }
+    std::uint64_t hits() const { return hits_; }
+
+    FaultyResource::Fault judge(const FaultyResource::Transfer& transfer) {
+        if (next_ == 0 || --next_ > 0) {
+            return {};
+        }
+        next_ = fault_.times == Times::once ? 0 : 1;
+        hits_++;
+        if (fault_.error != 0) {
+            return {fskit::fs_errorForPOSIXError(fault_.error), std::nullopt};
+        }
+        return {std::nullopt, std::max<std::size_t>(512, transfer.length / 1024 * 512)};
+    }
+
+  private:
+    const DeviceFault fault_;
+    std::uint64_t next_ = 0; // 1: the next call fails; 0: none
+    std::uint64_t hits_ = 0;
+};
+
+struct Rig {
+    Rig(const Bytes& base, std::uint64_t blockSize, const DeviceFault& fault)
+        : trouble(fault),
+          disk(std::make_shared<RecordingResource>(base, blockSize)),
+          host(std::make_shared<FaultyResource>(
+              disk, [this](const auto& transfer) { return trouble.judge(transfer); })) {}
+
+    Trouble trouble;
+    std::shared_ptr<RecordingResource> disk;
+    ModuleHost host;
+};
+
+bool isTouched(const Operation& request, const std::string& path) {
+    return std::find(request.touches.begin(), request.touches.end(), path) != request.touches.end();
+}
+
+// What of `wanted` is not so in `found`; paths that the request changes only when asked for.
+std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& found,
+                                      const Operation& request, bool touchedToo) {
+    for (const auto& [path, entry] : wanted.entries) {
+        const auto at = found.entries.find(path);
+        if (!touchedToo && isTouched(request, path)) {
+            continue;
+        }
+        if (at == found.entries.end()) {
+            return path + " is lost";
+        }
+        if (!entry.sameContent(at->second)) {
+            return path + " differs";
+        }
+    }
+    for (const auto& [path, entry] : found.entries) {
+        if (!wanted.entries.contains(path) && (touchedToo || !isTouched(request, path))) {
+            return path + " is strange";
+        }
+    }
+    return std::nullopt;
+}
+
+// One run of a request on a failing device: what happened, and the complaints about it.
+class Rung {
+  public:
+    Rung(Rig& rig, const Operation& request, const DeviceFault& fault, const Reference& reference)
+        : rig_(rig), request_(request), fault_(fault), reference_(reference) {}
+
+    std::vector<std::string> run(std::uint64_t call, bool isCached) {
+        isCached_ = isCached;
+        rig_.host.open();
+        rig_.trouble.arm(call);
+        hurt();
+        if (fault_.times == Times::forGood) {
+            leave();
+            return std::move(complaints_);
+        }
+        rig_.trouble.disarm();
+        recover();
+        inspect();
+        return std::move(complaints_);
+    }
+
+    bool isHalfDone() const { return halfDone_; }
+
+  private:
+    void complain(std::string what) { complaints_.push_back(std::move(what)); }
+
+    // The request and a synchronise, on the failing device.
+    void hurt() {
+        const auto error = errorOf([&] { request_.run(rig_.host.volume()); });
+        done_ = !error;
+        const std::uint64_t hits = rig_.trouble.hits();
+        if (error && (hits == 0 || fault_.error == 0)) {
+            complain(fmt::format("answers {} without a failure", *error));
+        }
+        // Where writes pass the cache by, the library may have dropped the error of one. A device
+        // that is full for one moment is asked again in smaller pieces.
+        if (isCached_ && !error && hits > 0 && fault_.error != 0 && fault_.error != kENOSPC) {
+            complain("answers success although the device failed");
+        }
+        const auto synced = errorOf([&] { rig_.host.volume().synchronize().get(); });
+        const bool failed = fault_.error != 0 && rig_.trouble.hits() > hits;
+        if (failed != synced.has_value()) {
+            complain(fmt::format("synchronise answers {}, {} calls failed", synced.value_or(0),
+                                 rig_.trouble.hits() - hits));
+        }
+    }
+
+    void recover() {
+        if (!done_) {
+            const auto error = errorOf([&] { request_.run(rig_.host.volume()); });
+            done_ = !error;
+            // The first try may have come as far as the name.
+            if (isCached_ && error && *error != kEEXIST && *error != kENOENT) {
+                complain(fmt::format("retried, answers {}", *error));
+            }
+        }
+        if (const auto error = errorOf([&] { rig_.host.volume().synchronize().get(); })) {
+            complain(fmt::format("synchronise on a healed device answers {}", *error));
+        }
+        if (const auto error = errorOf([&] { rig_.host.close().get(); })) {
+            complain(fmt::format("closing on a healed device answers {}", *error));
+        }
+    }
+
+    // The device never comes back.
+    void leave() {
+        const std::uint64_t hits = rig_.trouble.hits();
+        const auto closed = errorOf([&] { rig_.host.close().get(); });
+        if (hits > 0 && !closed) {
+            complain("unloads without an error");
+        }
+        if (rig_.host.isLoaded()) {
+            complain("is still loaded");
+        }
+        if (rig_.trouble.hits() - hits > kMostCallsAfterTheEnd) {
+            complain(fmt::format("unloads after {} more calls", rig_.trouble.hits() - hits));
+        }
+    }
+
+    void inspect() {
+        ModuleHost again(std::make_shared<RecordingResource>(rig_.disk->image()));
+        try {
+            again.open();
+            const Snapshot found = takeSnapshot(again.volume());
+            const auto wrong = done_ && isCached_
+                                   ? difference(reference_.after, found, request_, true)
+                                   : difference(reference_.before, found, request_, false);
+            if (wrong) {
+                complain(*wrong);
+            }
+        } catch (const std::exception& error) {
+            halfDone_ = !isCached_;
+            if (isCached_) {
+                complain(std::string("left unreadable: ") + error.what());
+            }
+        }
+    }
+
+    Rig& rig_;
+    const Operation& request_;
+    const DeviceFault& fault_;
+    const Reference& reference_;
+    bool isCached_ = true;
+    bool done_ = false;
+    bool halfDone_ = false;
+    std::vector<std::string> complaints_;
+};
+
+} // namespace
+
+std::string DeviceFault::describe() const {
+    const std::string what = error == 0 ? "short transfer" : fmt::format("error {}", error);
+    switch (times) {
+    case Times::once:
+        return what + " once";
+    case Times::forAWhile:
+        return what + " for a while";
+    case Times::forGood:
+        break;
+    }
+    return what + " for good";
+}
+
+void LadderResult::add(const LadderResult& other) {
+    rungs += other.rungs;
+    failures += other.failures;
+    halfDone += other.halfDone;
+    faults.insert(faults.end(), other.faults.begin(), other.faults.end());
+}
+
+Reference DeviceLadder::reference(const Operation& request) const {
+    ModuleHost host(std::make_shared<RecordingResource>(base_, blockSize_));
+    host.open();
+    Reference reference;
+    reference.before = takeSnapshot(host.volume());
+    request.run(host.volume());
+    reference.after = takeSnapshot(host.volume());
+    host.close().get();
+    return reference;
+}
+
+LadderResult DeviceLadder::climb(const Operation& request, const DeviceFault& fault) const {
+    const Reference wanted = reference(request);
+    LadderResult result;
+    for (std::uint64_t call = 1;; call++) {
+        Rig rig(base_, blockSize_, fault);
+        Rung rung(rig, request, fault, wanted);
+        const auto complaints = rung.run(call, blockSize_ <= kPage);
+        result.rungs++;
+        result.halfDone += rung.isHalfDone() ? 1 : 0;
+        result.failures += rig.trouble.hits();
+        for (const std::string& complaint : complaints) {
+            result.faults.push_back(fmt::format("{}: {} at call {}: {}", request.name,
+                                                fault.describe(), call, complaint));
+        }
+        if (rig.trouble.hits() == 0) {
+            return result;
+        }
+    }
+}
+
+LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
+    LadderResult result;
+    for (std::uint64_t call = 1;; call++) {
+        Rig rig(base_, blockSize_, fault);
+        rig.trouble.arm(call);
+        const auto complain = [&](std::string_view what) {
+            result.faults.push_back(
+                fmt::format("open: {} at call {}: {}", fault.describe(), call, what));
+        };
+        bool opened = true;
+        try {
+            rig.host.open();
+        } catch (const OpenError& error) {
+            opened = false;
+        }
+        result.rungs++;
+        result.failures += rig.trouble.hits();
+        if (!opened && fault.error == 0) {
+            complain("refused for a short transfer");
+        }
+        rig.trouble.disarm();
+        if (!opened) {
+            try {
+                rig.host.open();
+            } catch (const OpenError& error) {
+                complain(std::string("does not open afterwards: ") + error.what());
+            }
+        }
+        if (const auto error = errorOf([&] { rig.host.close().get(); })) {
+            complain(fmt::format("closing on a healed device answers {}", *error));
+        }
+        if (rig.trouble.hits() == 0) {
+            return result;
+        }
+    }
+}
+
+} // namespace tavelin::test

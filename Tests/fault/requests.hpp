@@ -1,0 +1,12 @@
+// Every request a volume answers, once each, on the volume that preparedVolume() makes.
+#pragma once
+
+#include "crash/operations.hpp"
+
+namespace tavelin::test {
+
+// All changes of allOperations(), changes too large for the page cache, and requests that only
+// read. Those that only read throw std::runtime_error when they answer something wrong.
+const std::vector<Operation>& allRequests();
+
+} // namespace tavelin::test
