@@ -31,7 +31,8 @@ if(NOT APPLE)
   # See Sources/extension/sdk/gnustep/personality.cpp.
   target_link_options(tavelin_gnustep INTERFACE LINKER:--wrap=__gnu_objc_personality_v0)
 
-  # On macOS the 64-bit integers are long long, here they are long: overloads and deduced types differ.
+  # On macOS the 64-bit integers are long long, here they are long: overloads and deduced types
+  # would differ.
   foreach(folder IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
     foreach(header ${folder}/bits/types.h ${folder}/${CMAKE_LIBRARY_ARCHITECTURE}/bits/types.h)
       if(EXISTS ${header})
@@ -49,7 +50,8 @@ if(NOT APPLE)
     -fobjc-runtime=macosx-15.0 -fobjc-arc -fblocks -fapplication-extension -fsyntax-only
     -Wall -Wextra -Wshadow -Wthread-safety -Wunguarded-availability-new -Wprotocol -Werror
     -D_GNU_SOURCE -U__nonnull -nostdinc -nostdinc++
-    -isystem ${PROJECT_BINARY_DIR}/macos-check -I${TAVELIN_SDK}/apple -I${TAVELIN_SDK}/any -I${PROJECT_SOURCE_DIR}/Sources
+    -isystem ${PROJECT_BINARY_DIR}/macos-check
+    -I${TAVELIN_SDK}/apple -I${TAVELIN_SDK}/any -I${PROJECT_SOURCE_DIR}/Sources
     -I${PROJECT_BINARY_DIR}/generated)
   foreach(folder IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
     list(APPEND TAVELIN_MACOS_CHECK -isystem ${folder})

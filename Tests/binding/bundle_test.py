@@ -13,8 +13,8 @@ import tempfile
 import unittest
 from pathlib import Path
 
-BUILD = Path(sys.argv.pop(1))
-SOURCE = Path(sys.argv.pop(1))
+BUILD = Path(sys.argv.pop(1)).resolve()
+SOURCE = Path(sys.argv.pop(1)).resolve()
 INPUTS = BUILD / "bundle"
 PRODUCT = dict(
     re.findall(r'k(\w+) = "(.*)"', (BUILD / "generated/platform/product.hpp").read_text())
