@@ -45,6 +45,31 @@ int32_t ntb_devctx::flush_overlap(uint64_t count, uint64_t offset) noexcept {
     return cache.pc_flush_pages(offset / page_size, (end - 1) / page_size);
 }
 
+// Reads a run of pages that are not cached, caches them and hands out what the caller wants of
+// them. A run he wants whole is read straight into his memory.
+int32_t ntb_devctx::fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint64_t page,
+                              uint64_t run) noexcept {
+    const uint64_t start = page * page_size;
+    const uint64_t end = start + run * page_size;
+    const bool is_wanted_whole = start >= offset && end <= offset + count;
+    uint8_t* const fetched = is_wanted_whole ? to + (start - offset) : cache.staging();
+    if (const int32_t error = io_read(io, stats, fetched, start, end - start); error != 0) {
+        return error;
+    }
+    stats->cacheMisses += run;
+    for (uint64_t i = 0; i < run; ++i) {
+        if (uint8_t* const slot = cache.pc_slot_for(page + i); slot != nullptr) {
+            std::memcpy(slot, fetched + i * page_size, page_size);
+        }
+    }
+    if (!is_wanted_whole) {
+        const uint64_t from = std::max(start, offset);
+        const uint64_t length = std::min(end, offset + count) - from;
+        std::memcpy(to + (from - offset), fetched + (from - start), length);
+    }
+    return 0;
+}
+
 int32_t ntb_devctx::cached_read(uint8_t* to, uint64_t count, uint64_t offset) noexcept {
     const uint64_t last = (offset + count - 1) / page_size;
     for (uint64_t page = offset / page_size; page <= last;) {
@@ -59,20 +84,10 @@ int32_t ntb_devctx::cached_read(uint8_t* to, uint64_t count, uint64_t offset) no
         while (page + run <= last && cache.pc_find(page + run) == nullptr) {
             run += 1;
         }
-        uint8_t* const fetched = cache.staging();
-        const int32_t error = io_read(io, stats, fetched, page * page_size, run * page_size);
-        if (error != 0) {
+        if (const int32_t error = fetch_run(to, count, offset, page, run); error != 0) {
             return error;
         }
-        stats->cacheMisses += run;
-        for (uint64_t i = 0; i < run; ++i, ++page) {
-            const uint8_t* const data = fetched + i * page_size;
-            if (uint8_t* const slot = cache.pc_slot_for(page); slot != nullptr) {
-                std::memcpy(slot, data, page_size);
-            }
-            const page_part part(page, count, offset);
-            std::memcpy(to + part.in_buffer, data + part.in_page, part.length);
-        }
+        page += run;
     }
     return 0;
 }

@@ -36,6 +36,8 @@ struct ntb_devctx {
   private:
     bool is_cacheable(uint64_t count, uint64_t offset) const noexcept;
     [[nodiscard]] int32_t cached_read(uint8_t* to, uint64_t count, uint64_t offset) noexcept;
+    [[nodiscard]] int32_t fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint64_t page,
+                                    uint64_t run) noexcept;
     [[nodiscard]] int32_t cached_write(const uint8_t* from, uint64_t count,
                                        uint64_t offset) noexcept;
     [[nodiscard]] int32_t write_page(const uint8_t* from, uint64_t count, uint64_t page,

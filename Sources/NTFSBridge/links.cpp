@@ -12,7 +12,7 @@ c_string interix_target(ntfs_inode* inode) noexcept {
     if (!data || !is_interix_link(inode, data.get())) {
         return nullptr;
     }
-    ntfschar target[longest_interix_target];
+    ntfschar target[longest_interix_target + 1]; // the data may end in half a unit
     const s64 size = data->data_size - interix_marker_size;
     if (ntfs_attr_pread(data.get(), interix_marker_size, size, target) != size) {
         return nullptr;

@@ -187,6 +187,24 @@ TEST(Namespace, SymbolicLinks) {
     volume.finish();
 }
 
+TEST(Namespace, OnlyDataOfASensibleSizeIsALink) {
+    BridgeVolume volume;
+    uint64_t ino = 0;
+    ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "ab", &ino), 0);
+    for (const uint64_t size : {8, 9, 11, 12, 4095, 4096}) {
+        SCOPED_TRACE(size);
+        EXPECT_EQ(volume.write(ino, std::string(4096, 'x'), 12), 0);
+        EXPECT_EQ(ntb_truncate(volume, ino, size), 0);
+        const bool isLink = size > 8 && size < 4096;
+        const ntb_attr attr = volume.attributes(ino);
+        EXPECT_EQ(attr.type, isLink ? uint32_t{NTB_TYPE_SYMLINK} : uint32_t{NTB_TYPE_FILE});
+        EXPECT_EQ(attr.size, isLink ? (size - 8) / 2 : size);
+        char* target = nullptr;
+        EXPECT_EQ(ntb_readlink(volume, ino, &target), isLink ? 0 : EINVAL);
+        free(target);
+    }
+}
+
 TEST(Namespace, ListingStopsWhenAskedTo) {
     BridgeVolume volume;
     volume.make("a");
