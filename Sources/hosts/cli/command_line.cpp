@@ -1,0 +1,209 @@
+#include "hosts/cli/command_line.hpp"
+
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/product.hpp"
+#include "platform/services.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <numeric>
+
+namespace tavelin::cli {
+namespace {
+
+constexpr const char* kAbout =
+    "Reads and writes NTFS volumes in image files and on block devices, without mounting them.";
+constexpr const char* kRules =
+    "IMAGE is an image file or a block device. PATHs are inside the volume and begin at its\n"
+    "root, with or without \"/\". Commands that only look leave the image as it is, to the byte.\n"
+    "Exit status: 0 done, 1 failed with a message, 2 wrong usage.\n"
+    "More: 'tavelin COMMAND --help' with examples, and 'man tavelin'.";
+
+const Command* findCommand(std::string_view name) {
+    const auto table = commandTable();
+    const auto found =
+        std::find_if(table.begin(), table.end(), [&](const auto& row) { return row.name == name; });
+    return found == table.end() ? nullptr : &*found;
+}
+
+/// Usage lines from the command table, and arguments without the parser's jargon.
+class HelpText final : public CLI::Formatter {
+  public:
+    HelpText() { column_width(26); }
+
+    std::string make_usage(const CLI::App* app, std::string) const override {
+        const Command* const command = findCommand(app->get_name());
+        return command == nullptr
+                   ? "Usage: tavelin COMMAND [OPTIONS] IMAGE [PATH...]\n"
+                   : fmt::format("Usage: tavelin {} {}\n", command->name, command->synopsis);
+    }
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const std::string type = option->get_type_name();
+        return type.empty() ? "" : " " + type;
+    }
+    std::string make_footer(const CLI::App* app) const override { return app->get_footer() + "\n"; }
+};
+
+/// "Examples:", with the remarks in a column of their own.
+std::string exampleText(const Command& command) {
+    constexpr std::string_view kRemark = "  ## ";
+    std::vector<std::pair<std::string, std::string>> examples; // what to type, remark
+    std::size_t width = 0;
+    for (const std::string& line : CLI::detail::split(std::string(command.examples), '\n')) {
+        const std::size_t remark = line.find(kRemark);
+        const bool whole = line.find("tavelin") != std::string::npos; // a pipe into it
+        examples.emplace_back(
+            (whole ? "" : "tavelin ") + line.substr(0, remark),
+            remark == std::string::npos ? "" : "   # " + line.substr(remark + kRemark.size()));
+        width = std::max(width, examples.back().second.empty() ? 0 : examples.back().first.size());
+    }
+    std::string text = "Examples:";
+    for (const auto& [call, remark] : examples) {
+        text += fmt::format("\n  {:{}}{}", call, remark.empty() ? 0 : width, remark);
+    }
+    return text;
+}
+
+std::size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < b.size(); ++j) {
+            const std::size_t changed = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+/// Fails for a first word that is no command; the parser would only call it unexpected.
+void checkCommand(const std::string& word) {
+    if (word.empty() || word.front() == '-' || findCommand(word) != nullptr) {
+        return;
+    }
+    const auto table = commandTable();
+    const auto& closest =
+        *std::min_element(table.begin(), table.end(), [&](const auto& a, const auto& b) {
+            return editDistance(a.name, word) < editDistance(b.name, word);
+        });
+    const std::string hint = editDistance(closest.name, word) <= 2
+                                 ? fmt::format("did you mean '{}'?", closest.name)
+                                 : "'tavelin --help' lists the commands";
+    throw Failure(fmt::format("there is no command '{}': {}", escaped(word), hint),
+                  ExitStatus::wrongUsage);
+}
+
+void defineAll(CLI::App& app) {
+    app.formatter(std::make_shared<HelpText>());
+    app.set_version_flag("--version", std::string("tavelin ") + product::kVersion,
+                         "Print the version and exit");
+    app.set_help_flag("-h,--help", "Print this help and exit");
+    app.require_subcommand(1);
+    app.footer(kRules);
+    for (const Command& row : commandTable()) {
+        CLI::App* const command =
+            app.add_subcommand(std::string(row.name), std::string(row.summary));
+        command->group(std::string(row.group));
+        command->footer(exampleText(row));
+        row.define(*command);
+    }
+}
+
+/// Parses and runs; failures of the command pass through.
+ExitStatus parseAndRun(CLI::App& app, std::vector<std::string> words) {
+    if (words.empty()) {
+        throw Failure("say what to do: 'tavelin --help' lists the commands",
+                      ExitStatus::wrongUsage);
+    }
+    if (words.front() == "help") {
+        words.erase(words.begin());
+        words.emplace_back("--help");
+    }
+    checkCommand(words.front());
+    std::reverse(words.begin(), words.end()); // the parser takes them from the back
+    try {
+        app.parse(std::move(words));
+    } catch (const CLI::Success& asked) { // help or version
+        static_cast<void>(app.exit(asked));
+    } catch (const CLI::ParseError& error) {
+        const auto parsed = app.get_subcommands();
+        const std::string name = parsed.empty() ? "" : " " + parsed.front()->get_name();
+        throw Failure(fmt::format("{}; see 'tavelin{} --help'", escaped(error.what()), name),
+                      ExitStatus::wrongUsage);
+    }
+    flushOutput();
+    return ExitStatus::done;
+}
+
+/// Commands say themselves what went wrong; log lines on the terminal would only repeat it.
+void keepLogOffTerminal() {
+    Services own = posixServices();
+    own.systemLog = makePosixSystemLog({.terminal = std::nullopt});
+    installServices(std::move(own));
+}
+
+} // namespace
+
+void addVolume(CLI::App& command, VolumeArguments& arguments) {
+    command.add_option("IMAGE", arguments.image, "Image file or block device")
+        ->required()
+        ->type_name("");
+    command
+        .add_option("-o", arguments.options, "Volume options, comma separated: ro, windows_names")
+        ->type_name("OPTIONS")
+        ->allow_extra_args(false);
+    command.add_flag("--read-only", arguments.readOnly, "Do not change the volume");
+}
+
+void addJSON(CLI::App& command, bool& json) {
+    command.add_flag("--json", json, "Print JSON");
+}
+
+CLI::Option* addPaths(CLI::App& command, const std::string& name, std::vector<std::string>& paths,
+                      std::size_t least, const std::string& description) {
+    CLI::Option* const option = command.add_option(name, paths, description)->type_name("");
+    if (least > 0) {
+        option->required()->expected(static_cast<int>(least),
+                                     CLI::detail::expected_max_vector_size);
+    }
+    return option;
+}
+
+int runCommandLine(int argc, char** argv) {
+    ExitStatus status = ExitStatus::done;
+    std::string where;
+    const auto tell = [&](std::string_view message) { complain(where + std::string(message)); };
+    try {
+        keepLogOffTerminal();
+        CLI::App app(kAbout, "tavelin");
+        defineAll(app);
+        const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+        if (!words.empty() && findCommand(words.front()) != nullptr) {
+            where = words.front() + ": ";
+        }
+        status = parseAndRun(app, words);
+    } catch (const Failure& failure) {
+        status = failure.status();
+        tell(failure.what());
+    } catch (const fskit::Error& error) {
+        status = ExitStatus::failed;
+        tell(error.localizedDescription());
+    } catch (const std::bad_alloc&) {
+        status = ExitStatus::failed;
+        tell("out of memory");
+    } catch (const std::exception& error) {
+        status = ExitStatus::failed;
+        tell(error.what());
+    }
+    return static_cast<int>(status);
+}
+
+} // namespace tavelin::cli

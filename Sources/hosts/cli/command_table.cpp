@@ -1,0 +1,89 @@
+#include "hosts/cli/command_table.hpp"
+
+#include <array>
+
+namespace tavelin::cli {
+namespace {
+
+constexpr std::string_view kLook = "Look at a volume";
+constexpr std::string_view kCopy = "Copy in and out";
+constexpr std::string_view kChange = "Change a volume";
+constexpr std::string_view kDiagnose = "Find out what happened";
+
+constexpr std::array kCommands{
+    Command{"probe", kLook, "Say whether an image holds an NTFS volume", "[--json] IMAGE",
+            "probe disk.img\n"
+            "probe --json /dev/sdb1",
+            defineProbe},
+    Command{"info", kLook, "Show label, serial number, sizes and counts",
+            "[--stats] [--json] IMAGE",
+            "info disk.img\n"
+            "info --stats --json /dev/sdb1  ## with the I/O of reading all that, for a script",
+            defineInfo},
+    Command{"ls", kLook, "List directories", "[-l] [-R] [-a] [--json] IMAGE [PATH...]",
+            "ls disk.img\n"
+            "ls -l disk.img photos/2026  ## sizes and times, too\n"
+            "ls -Ra --json disk.img  ## everything, hidden things included, for a script",
+            defineList},
+    Command{"stat", kLook, "Show all attributes of files", "[--json] IMAGE PATH...",
+            "stat disk.img photos/a.jpg", defineStat},
+    Command{"cat", kLook, "Write the contents of files to standard output", "IMAGE PATH...",
+            "cat disk.img notes.txt\n"
+            "cat disk.img backup.tar.gz | tar tz",
+            defineCat},
+    Command{"readlink", kLook, "Print where a symbolic link points to", "[--json] IMAGE PATH...",
+            "readlink disk.img latest", defineReadlink},
+    Command{"check", kLook, "Have the module check that the volume can be used",
+            "[-q | -n | -y] [--json] IMAGE", "check -n disk.img", defineCheck},
+    Command{"get", kCopy, "Copy files and directories out of the volume",
+            "[--no-streams] [-q] [--json] IMAGE PATH... [TARGET]",
+            "get disk.img photos  ## into the current directory\n"
+            "get disk.img photos/a.jpg /tmp/b.jpg\n"
+            "get disk.img / rescued  ## everything",
+            defineGet},
+    Command{"put", kCopy, "Copy files and directories into the volume",
+            "[--no-streams] [-q] [--json] IMAGE SOURCE... [TARGET]",
+            "put disk.img ~/photos  ## into the volume's root\n"
+            "put disk.img a.jpg b.jpg photos/2026\n"
+            "tar c ~/notes | tavelin put disk.img - notes.tar",
+            definePut},
+    Command{"mkdir", kChange, "Make directories", "[-p] IMAGE PATH...",
+            "mkdir disk.img photos\n"
+            "mkdir -p disk.img photos/2026/11  ## and what is missing above it",
+            defineMkdir},
+    Command{"rm", kChange, "Remove files and directories", "[-r] [-f] IMAGE PATH...",
+            "rm disk.img notes.txt\n"
+            "rm -r disk.img photos/2026  ## with everything in it",
+            defineRemove},
+    Command{"mv", kChange, "Rename or move files and directories", "IMAGE SOURCE... TARGET",
+            "mv disk.img a.jpg b.jpg\n"
+            "mv disk.img a.jpg c.jpg photos  ## into a directory",
+            defineMove},
+    Command{"ln", kChange, "Make a symbolic link", "-s IMAGE TARGET PATH",
+            "ln -s disk.img photos/2026 latest  ## \"latest\" points to \"photos/2026\"",
+            defineLink},
+    Command{"xattr", kChange, "List, read, set and remove named streams",
+            "[--json] list|get|set|rm IMAGE PATH [NAME [VALUE]]",
+            "xattr list disk.img setup.exe\n"
+            "xattr get disk.img setup.exe Zone.Identifier\n"
+            "xattr set disk.img notes.txt author Ada\n"
+            "xattr set disk.img notes.txt thumbnail < small.png",
+            defineXattr},
+    Command{"label", kChange, "Show or change the volume's label", "[--json] IMAGE [NEW]",
+            "label disk.img\n"
+            "label disk.img \"Holiday photos\"",
+            defineLabel},
+    Command{"events", kDiagnose, "Show the module's event log",
+            "[--follow] [--since OFFSET] [--json]",
+            "events\n"
+            "events --follow --json  ## new events as they come, one JSON object a line",
+            defineEvents},
+};
+
+} // namespace
+
+std::span<const Command> commandTable() {
+    return kCommands;
+}
+
+} // namespace tavelin::cli

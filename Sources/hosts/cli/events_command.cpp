@@ -1,0 +1,122 @@
+// events: the module's event log, as it is and as it grows.
+#include "diagnostics/event_log.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/failure.hpp"
+#include "hosts/cli/file_watch.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/product.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <optional>
+
+namespace tavelin::cli {
+namespace {
+
+using JSON = nlohmann::json;
+
+struct EventsCommand {
+    bool follow = false;
+    bool json = false;
+    std::optional<std::uint64_t> since;
+};
+
+/// How much of the log is shown without --since.
+constexpr std::int64_t kTailBytes = 64 * 1024;
+
+/// "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …"; lines that are no events as they are.
+std::string forPeople(const std::string& line) {
+    const JSON event = JSON::parse(line, nullptr, false);
+    if (!event.is_object()) {
+        return escaped(line);
+    }
+    std::string fields;
+    for (const auto& [key, value] : event.items()) {
+        if (key != "t" && key != "ev") {
+            const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+            fields += fmt::format(" {}={}", key, escaped(text));
+        }
+    }
+    return fmt::format("{}  {}{}", painted(escaped(event.value("t", "?")), Colour::faint),
+                       painted(escaped(event.value("ev", "?")), Colour::strong), fields);
+}
+
+/// Prints the whole lines of a log that arrives in pieces.
+class LinePrinter {
+  public:
+    explicit LinePrinter(bool json) : json_(json) {}
+
+    void add(const std::string& text) {
+        pending_ += text;
+        std::size_t start = 0;
+        for (std::size_t end; (end = pending_.find('\n', start)) != std::string::npos;
+             start = end + 1) {
+            const std::string line = pending_.substr(start, end - start);
+            print((json_ ? line : forPeople(line)) + "\n");
+            any_ = true;
+        }
+        pending_.erase(0, start);
+        flushOutput();
+    }
+    [[nodiscard]] bool any() const noexcept { return any_; }
+
+  private:
+    const bool json_;
+    bool any_ = false;
+    std::string pending_; // a line that another process is still writing
+};
+
+void runEvents(const EventsCommand& command) {
+    const auto file = EventLog::groupFile(product::kGroup, "module.log");
+    if (!file) {
+        throw Failure("there is no place for an event log: set HOME or TAVELIN_GROUP_CONTAINER");
+    }
+    LinePrinter printer(command.json);
+    // Watching begins before the first reading, so that nothing is missed between the two.
+    std::optional<FileWatch> watch;
+    if (command.follow) {
+        static_cast<void>(events()); // makes the folder
+        watch.emplace(*file);
+    }
+    std::uint64_t offset = command.since.value_or(0);
+    if (command.since) {
+        EventLog::Chunk chunk = events().read(offset);
+        offset = chunk.offset;
+        printer.add(chunk.text);
+    } else {
+        offset = static_cast<std::uint64_t>(events().size());
+        printer.add(events().tail(kTailBytes));
+    }
+    while (watch) {
+        watch->wait();
+        EventLog::Chunk chunk = events().read(offset);
+        offset = chunk.offset;
+        printer.add(chunk.text);
+    }
+    if (command.since && command.json) {
+        print(fmt::format("{{\"offset\":{}}}\n", offset));
+    } else if (command.since) {
+        print(fmt::format("go on with: tavelin events --since {}\n", offset));
+    } else if (!printer.any() && isOutputTerminal()) {
+        print(fmt::format("no events yet in {}\n", escaped(file->string())));
+    }
+}
+
+} // namespace
+
+void defineEvents(CLI::App& command) {
+    const auto arguments = std::make_shared<EventsCommand>();
+    command.add_flag("-f,--follow", arguments->follow, "Go on with new events as they come");
+    command
+        .add_option("--since", arguments->since,
+                    "Only what was written after this byte of the log; also says where it ends")
+        ->type_name("OFFSET");
+    command.add_flag("--json", arguments->json, "The log's own lines, one JSON object each");
+    command.callback([arguments] { runEvents(*arguments); });
+}
+
+} // namespace tavelin::cli

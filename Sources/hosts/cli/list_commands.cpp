@@ -1,0 +1,243 @@
+// ls and stat: names and attributes.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <set>
+
+namespace tavelin::cli {
+namespace {
+
+using JSON = nlohmann::ordered_json;
+using fskit::FSItemType;
+
+/// UF_HIDDEN of the flags that items carry.
+constexpr std::uint32_t kHiddenFlag = 0x8000;
+
+struct ListCommand {
+    VolumeArguments volume;
+    std::vector<std::string> paths;
+    bool longForm = false;
+    bool recursive = false;
+    bool all = false;
+    bool json = false;
+};
+
+JSON asJSON(const std::string& path, const fskit::FSItemAttributes& attributes,
+            const std::optional<std::string>& target) {
+    JSON result{{"path", path},
+                {"type", typeName(attributes.type())},
+                {"size", attributes.size()},
+                {"allocated", attributes.allocSize()},
+                {"id", attributes.fileID()},
+                {"links", attributes.linkCount()},
+                {"mode", attributes.mode() & 07777},
+                {"hidden", (attributes.flags() & kHiddenFlag) != 0},
+                {"modified", isoTime(attributes.modifyTime())},
+                {"accessed", isoTime(attributes.accessTime())},
+                {"changed", isoTime(attributes.changeTime())},
+                {"created", isoTime(attributes.birthTime())}};
+    if (target) {
+        result["target"] = *target;
+    }
+    return result;
+}
+
+/// Prints JSON objects as they come, as one array.
+class JSONArray {
+  public:
+    void add(const JSON& value) {
+        print((empty_ ? "[\n" : ",\n") +
+              value.dump(-1, ' ', false, JSON::error_handler_t::replace));
+        empty_ = false;
+    }
+    void end() { print(empty_ ? "[]\n" : "\n]\n"); }
+
+  private:
+    bool empty_ = true;
+};
+
+class Lister {
+  public:
+    Lister(VolumeClient& volume, const ListCommand& command) : volume_(volume), command_(command) {}
+
+    void list(const std::string& path, bool titled) {
+        const Found found = valueOf(resolve(volume_, path), path);
+        if (found.attributes.type() != FSItemType::directory) {
+            show(path, path, found.attributes, target(found.attributes, found.item, path));
+        } else {
+            listDirectory(path, found.item, titled || command_.recursive);
+        }
+    }
+
+    void end() {
+        if (command_.json) {
+            array_.end();
+        }
+    }
+
+  private:
+    void listDirectory(const std::string& path, const ItemRef& directory, bool titled) {
+        if (titled && !command_.json) {
+            print(fmt::format("{}{}:\n", first_ ? "" : "\n", shown(path)));
+        }
+        first_ = false;
+        const auto entries = valueOf(volume_.list(directory, true), path);
+        for (const DirectoryEntry& entry : entries) {
+            if (isShown(entry)) {
+                const std::string below = joined(path == "/" ? "" : path, entry.name);
+                fskit::FSItemAttributes attributes =
+                    entry.attributes.value_or(fskit::FSItemAttributes());
+                attributes.setType(entry.type);
+                show(command_.json ? below : entry.name, below, attributes,
+                     entry.type == FSItemType::symlink && (command_.longForm || command_.json)
+                         ? linkTarget(directory, entry.name)
+                         : std::nullopt);
+            }
+        }
+        if (command_.recursive) {
+            descend(path, directory, entries);
+        }
+    }
+
+    void descend(const std::string& path, const ItemRef& directory,
+                 const std::vector<DirectoryEntry>& entries) {
+        for (const DirectoryEntry& entry : entries) {
+            // A damaged volume may have directories that contain themselves.
+            if (entry.type != FSItemType::directory || !isShown(entry) ||
+                !seen_.insert(entry.itemID).second) {
+                continue;
+            }
+            const std::string below = joined(path == "/" ? "" : path, entry.name);
+            const ItemRef child = valueOf(volume_.lookup(directory, entry.name), below);
+            listDirectory(below, child, true);
+        }
+    }
+
+    [[nodiscard]] bool isShown(const DirectoryEntry& entry) const {
+        const bool hidden = entry.attributes && (entry.attributes->flags() & kHiddenFlag) != 0;
+        return command_.all || (!hidden && !entry.name.starts_with('.'));
+    }
+
+    void show(const std::string& name, const std::string& path,
+              const fskit::FSItemAttributes& attributes, const std::optional<std::string>& target) {
+        if (command_.json) {
+            array_.add(asJSON(path, attributes, target));
+            return;
+        }
+        const Colour colour = attributes.type() == FSItemType::directory ? Colour::directory
+                              : attributes.type() == FSItemType::symlink ? Colour::link
+                                                                         : Colour::plain;
+        std::string line = painted(shown(name), colour);
+        if (command_.longForm) {
+            line =
+                fmt::format("{} {:>14}  {}  {}{}", modeText(attributes.type(), attributes.mode()),
+                            attributes.size(), humanTime(attributes.modifyTime()), line,
+                            target ? " -> " + shown(*target) : "");
+        }
+        print(line + "\n");
+    }
+
+    /// Absent for a target that cannot be read: one damaged link does not spoil a listing.
+    std::optional<std::string> linkTarget(const ItemRef& directory, const std::string& name) {
+        const auto item = volume_.lookup(directory, name);
+        if (!item) {
+            return std::nullopt;
+        }
+        auto text = volume_.readSymbolicLink(*item);
+        return text ? std::optional(std::move(text).get()) : std::nullopt;
+    }
+
+    std::optional<std::string> target(const fskit::FSItemAttributes& attributes,
+                                      const ItemRef& item, const std::string& path) {
+        if (attributes.type() != FSItemType::symlink) {
+            return std::nullopt;
+        }
+        return valueOf(volume_.readSymbolicLink(item), path);
+    }
+
+    VolumeClient& volume_;
+    const ListCommand& command_;
+    JSONArray array_;
+    std::set<fskit::FSItemID> seen_{fskit::FSItemIDRootDirectory};
+    bool first_ = true;
+};
+
+void runList(const ListCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        Lister lister(session.volume(), command);
+        const auto paths = command.paths.empty() ? std::vector<std::string>{"/"} : command.paths;
+        for (const std::string& path : paths) {
+            lister.list(path, paths.size() > 1);
+        }
+        lister.end();
+    });
+}
+
+void printAttributes(const std::string& path, const fskit::FSItemAttributes& attributes,
+                     const std::optional<std::string>& target) {
+    const auto row = [](std::string_view title, std::string_view value) {
+        print(fmt::format("{}{}\n", painted(fmt::format("{:<12}", title), Colour::strong), value));
+    };
+    row("path", shown(path) + (target ? " -> " + shown(*target) : ""));
+    row("type", fmt::format("{}{}", typeName(attributes.type()),
+                            (attributes.flags() & kHiddenFlag) != 0 ? ", hidden" : ""));
+    row("size", fmt::format("{} bytes, {} allocated", attributes.size(), attributes.allocSize()));
+    row("id", fmt::format("{}, in directory {}", attributes.fileID(), attributes.parentID()));
+    row("links", std::to_string(attributes.linkCount()));
+    row("mode", modeText(attributes.type(), attributes.mode()));
+    row("modified", humanTime(attributes.modifyTime(), true));
+    row("accessed", humanTime(attributes.accessTime(), true));
+    row("changed", humanTime(attributes.changeTime(), true));
+    row("created", humanTime(attributes.birthTime(), true));
+}
+
+void runStat(const ListCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        JSONArray array;
+        for (const std::string& path : command.paths) {
+            const Found found = valueOf(resolve(session.volume(), path, LastLink::keep), path);
+            std::optional<std::string> target;
+            if (found.attributes.type() == FSItemType::symlink) {
+                target = valueOf(session.volume().readSymbolicLink(found.item), path);
+            }
+            if (command.json) {
+                array.add(asJSON(path, found.attributes, target));
+            } else {
+                printAttributes(path, found.attributes, target);
+            }
+        }
+        if (command.json) {
+            array.end();
+        }
+    });
+}
+
+} // namespace
+
+void defineList(CLI::App& command) {
+    const auto arguments = std::make_shared<ListCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 0, "What to list; the root without any");
+    command.add_flag("-l", arguments->longForm, "Mode, size in bytes, time of last change, name");
+    command.add_flag("-R", arguments->recursive, "Directories below as well");
+    command.add_flag("-a", arguments->all, "Hidden items and names that begin with \".\" as well");
+    addJSON(command, arguments->json);
+    command.callback([arguments] { runList(*arguments); });
+}
+
+void defineStat(CLI::App& command) {
+    const auto arguments = std::make_shared<ListCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 1, "Files, directories or links");
+    addJSON(command, arguments->json);
+    command.callback([arguments] { runStat(*arguments); });
+}
+
+} // namespace tavelin::cli

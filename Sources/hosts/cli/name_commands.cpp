@@ -1,0 +1,188 @@
+// mkdir, mv, ln: names on the volume.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+
+namespace tavelin::cli {
+namespace {
+
+using fskit::FSItemType;
+
+struct NameCommand {
+    VolumeArguments volume;
+    std::vector<std::string> paths;
+    bool parents = false;
+    bool symbolic = false;
+};
+
+/// Where something is to be made; a missing directory above it is said to be missing.
+Location newPlace(VolumeClient& volume, const std::string& path) {
+    auto place = locate(volume, path);
+    if (!place) {
+        const bool missing = numberOf(place.error()) == kENOENT;
+        throw Failure(missing ? escaped(path) + ": the directory above it is missing: 'tavelin "
+                                                "mkdir -p' makes it"
+                              : explain(path, place.error()));
+    }
+    return std::move(place).get();
+}
+
+// ---- mkdir -------------------------------------------------------------------------------------
+
+/// Makes what is missing of a path, first components first.
+void makeWithParents(VolumeClient& volume, const std::string& path) {
+    for (std::size_t end = 0; end < path.size();) {
+        end = std::min(path.find('/', end + 1), path.size());
+        const std::string above = path.substr(0, end);
+        const auto there = resolve(volume, above);
+        if (there && there->attributes.type() != FSItemType::directory) {
+            throw Failure(explain(above, fskit::fs_errorForPOSIXError(kENOTDIR)));
+        }
+        if (!there && numberOf(there.error()) != kENOENT) {
+            throw Failure(explain(above, there.error()));
+        }
+        if (!there) {
+            const Location place = newPlace(volume, above);
+            valueOf(volume.create(place.directory, place.name, FSItemType::directory), above);
+        }
+    }
+}
+
+void runMkdir(const NameCommand& command) {
+    withVolume(command.volume, Access::change, [&](Session& session) {
+        for (const std::string& path : command.paths) {
+            if (command.parents) {
+                makeWithParents(session.volume(), path);
+                continue;
+            }
+            const Location place = newPlace(session.volume(), path);
+            valueOf(session.volume().create(place.directory, place.name, FSItemType::directory),
+                    path);
+        }
+    });
+}
+
+// ---- mv ----------------------------------------------------------------------------------------
+
+/// Whether a directory is below another one, as far as their paths tell.
+bool isBelow(const std::string& path, const std::string& directory) {
+    const auto plain = [](const std::string& text) {
+        std::string result;
+        for (const std::string& component : CLI::detail::split(text, '/')) {
+            if (!component.empty() && component != ".") {
+                result += component + "/";
+            }
+        }
+        return result;
+    };
+    return plain(path).starts_with(plain(directory));
+}
+
+void moveOne(VolumeClient& volume, const std::string& source, const std::string& target) {
+    const Location from = valueOf(locate(volume, source), source);
+    const Found moved =
+        valueOf(volume.withAttributes(volume.lookup(from.directory, from.name)), source);
+
+    Location to;
+    auto directory = resolve(volume, target);
+    if (directory && directory->attributes.type() == FSItemType::directory &&
+        !(directory->item == moved.item)) {
+        to = {std::move(directory->item), from.name};
+    } else {
+        to = newPlace(volume, target);
+    }
+    ItemRef over;
+    if (auto there = volume.lookup(to.directory, to.name)) {
+        if (*there == moved.item && to.name == from.name && to.directory == from.directory) {
+            throw Failure(escaped(source) + ": is there already");
+        }
+        // A change of case replaces nothing.
+        over = *there == moved.item ? ItemRef() : std::move(*there);
+    }
+    const auto renamed =
+        volume.rename(moved.item, from.directory, from.name, to.directory, to.name, over);
+    if (renamed) {
+        return;
+    }
+    if (numberOf(renamed.error()) == kEINVAL && isBelow(target, source)) {
+        throw Failure(escaped(source) + ": a directory cannot be moved into itself");
+    }
+    throw Failure(explain(target, renamed.error()));
+}
+
+void runMove(NameCommand& command) {
+    const std::string target = std::move(command.paths.back());
+    command.paths.pop_back();
+    withVolume(command.volume, Access::change, [&](Session& session) {
+        if (command.paths.size() > 1) {
+            const Found there = valueOf(resolve(session.volume(), target), target);
+            if (there.attributes.type() != FSItemType::directory) {
+                throw Failure(explain(target, fskit::fs_errorForPOSIXError(kENOTDIR)));
+            }
+        }
+        for (const std::string& source : command.paths) {
+            if (lastComponent(source).empty()) {
+                throw Failure("the root directory cannot be moved");
+            }
+            moveOne(session.volume(), source, target);
+        }
+    });
+}
+
+// ---- ln ----------------------------------------------------------------------------------------
+
+void runLink(const NameCommand& command) {
+    if (!command.symbolic) {
+        throw Failure("hard links are not offered: 'tavelin ln -s' makes symbolic ones",
+                      ExitStatus::wrongUsage);
+    }
+    withVolume(command.volume, Access::change, [&](Session& session) {
+        const std::string& target = command.paths.front();
+        const std::string& path = command.paths.back();
+        Location place;
+        auto there = resolve(session.volume(), path);
+        if (there && there->attributes.type() == FSItemType::directory) {
+            place = {std::move(there->item), lastComponent(target)};
+        } else {
+            place = newPlace(session.volume(), path);
+        }
+        valueOf(session.volume().createSymbolicLink(place.directory, place.name, target), path);
+    });
+}
+
+} // namespace
+
+void defineMkdir(CLI::App& command) {
+    const auto arguments = std::make_shared<NameCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 1, "Directories to make");
+    command.add_flag("-p", arguments->parents,
+                     "Also what is missing above them; fine when they are there already");
+    command.callback([arguments] { runMkdir(*arguments); });
+}
+
+void defineMove(CLI::App& command) {
+    const auto arguments = std::make_shared<NameCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 2,
+             "What to move, last the new name or the directory to move into; a file that has the "
+             "new name is replaced");
+    command.callback([arguments] { runMove(*arguments); });
+}
+
+void defineLink(CLI::App& command) {
+    const auto arguments = std::make_shared<NameCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 2,
+             "What the link points to, as written, and the link")
+        ->expected(2);
+    command.add_flag("-s", arguments->symbolic, "A symbolic link (the only kind)");
+    command.callback([arguments] { runLink(*arguments); });
+}
+
+} // namespace tavelin::cli

@@ -1,0 +1,80 @@
+// cat and readlink.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "hosts/cli/transfer.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+
+namespace tavelin::cli {
+namespace {
+
+struct ReadCommand {
+    VolumeArguments volume;
+    std::vector<std::string> paths;
+    bool json = false;
+};
+
+void runCat(const ReadCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        std::vector<std::byte> buffer(kTransferBytes);
+        for (const std::string& path : command.paths) {
+            const Found found = valueOf(resolve(session.volume(), path), path);
+            if (found.attributes.type() == fskit::FSItemType::directory) {
+                throw Failure(explain(path, fskit::fs_errorForPOSIXError(kEISDIR)));
+            }
+            std::uint64_t offset = 0;
+            while (const std::size_t count =
+                       valueOf(session.volume().read(found.item, offset, buffer), path)) {
+                print({reinterpret_cast<const char*>(buffer.data()), count});
+                offset += count;
+            }
+        }
+        flushOutput();
+    });
+}
+
+void runReadlink(const ReadCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        auto result = nlohmann::ordered_json::array();
+        for (const std::string& path : command.paths) {
+            const Found found = valueOf(resolve(session.volume(), path, LastLink::keep), path);
+            if (found.attributes.type() != fskit::FSItemType::symlink) {
+                throw Failure(escaped(path) + ": not a symbolic link");
+            }
+            const std::string target = valueOf(session.volume().readSymbolicLink(found.item), path);
+            if (command.json) {
+                result.push_back({{"path", path}, {"target", target}});
+            } else {
+                print(shown(target) + "\n");
+            }
+        }
+        if (command.json) {
+            print(result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+        }
+    });
+}
+
+} // namespace
+
+void defineCat(CLI::App& command) {
+    const auto arguments = std::make_shared<ReadCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 1, "Files");
+    command.callback([arguments] { runCat(*arguments); });
+}
+
+void defineReadlink(CLI::App& command) {
+    const auto arguments = std::make_shared<ReadCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 1, "Symbolic links");
+    addJSON(command, arguments->json);
+    command.callback([arguments] { runReadlink(*arguments); });
+}
+
+} // namespace tavelin::cli

@@ -1,0 +1,89 @@
+// rm: the one command that takes things away for good.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+
+namespace tavelin::cli {
+namespace {
+
+using fskit::FSItemType;
+
+struct RemoveCommand {
+    VolumeArguments volume;
+    std::vector<std::string> paths;
+    bool recursive = false;
+    bool force = false;
+};
+
+/// Directories inside each other; a damaged volume's may be endless.
+constexpr int kMaximumDepth = 2000;
+
+/// Removes everything in a directory, depth first.
+void empty(VolumeClient& volume, const ItemRef& directory, const std::string& path, int depth) {
+    throwIfInterrupted();
+    if (depth > kMaximumDepth) {
+        throw Failure(escaped(path) + ": too many directories inside each other");
+    }
+    for (const DirectoryEntry& entry : valueOf(volume.list(directory, false), path)) {
+        const std::string below = joined(path, entry.name);
+        const ItemRef item = valueOf(volume.lookup(directory, entry.name), below);
+        if (entry.type == FSItemType::directory) {
+            empty(volume, item, below, depth + 1);
+        }
+        valueOf(volume.remove(item, directory, entry.name), below);
+    }
+}
+
+void removeOne(VolumeClient& volume, const std::string& path, const RemoveCommand& command) {
+    auto place = locate(volume, path);
+    if (!place && numberOf(place.error()) == kEINVAL) {
+        throw Failure(escaped(path) + ": the root directory, or one named by \"..\", is not "
+                                      "removed: name what is in it");
+    }
+    if (!place && numberOf(place.error()) == kENOENT && command.force) {
+        return;
+    }
+    const Location at = valueOf(std::move(place), path);
+    auto found = volume.withAttributes(volume.lookup(at.directory, at.name));
+    if (!found && numberOf(found.error()) == kENOENT && command.force) {
+        return;
+    }
+    const Found item = valueOf(std::move(found), path);
+    if (item.attributes.type() == FSItemType::directory) {
+        if (!command.recursive) {
+            throw Failure(escaped(path) + ": is a directory: 'tavelin rm -r' removes it with its "
+                                          "contents");
+        }
+        if (item.item == volume.root()) { // only on a damaged volume
+            throw Failure(escaped(path) + ": the root directory is not removed");
+        }
+        empty(volume, item.item, path, 0);
+    }
+    valueOf(volume.remove(item.item, at.directory, at.name), path);
+}
+
+void runRemove(const RemoveCommand& command) {
+    withVolume(command.volume, Access::change, [&](Session& session) {
+        for (const std::string& path : command.paths) {
+            removeOne(session.volume(), path, command);
+        }
+    });
+}
+
+} // namespace
+
+void defineRemove(CLI::App& command) {
+    const auto arguments = std::make_shared<RemoveCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 1, "What to remove; of links, the link itself");
+    command.add_flag("-r", arguments->recursive, "Directories as well, with all that is in them");
+    command.add_flag("-f", arguments->force, "Do not mind what is not there");
+    command.callback([arguments] { runRemove(*arguments); });
+}
+
+} // namespace tavelin::cli

@@ -1,0 +1,128 @@
+#include "hosts/cli/session.hpp"
+
+#include "core/driver2.hpp"
+#include "fskit/tavelin_file_system.hpp"
+#include "fskit/tavelin_volume.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <csignal>
+
+namespace tavelin::cli {
+namespace {
+
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
+
+ModuleHost::Words optionWords(const VolumeArguments& arguments, Access access) {
+    ModuleHost::Words words;
+    if (arguments.readOnly || access == Access::read) {
+        words.emplace_back("-r");
+    }
+    for (const std::string& list : arguments.options) {
+        words.insert(words.end(), {"-o", list});
+    }
+    return words;
+}
+
+const char* advice(const OpenError& error) {
+    switch (error.reason()) {
+    case OpenError::Reason::notFound:
+        return "check the path of the image";
+    case OpenError::Reason::permission:
+        return "ask its owner for permission, or use sudo";
+    case OpenError::Reason::inUse:
+        return "unmount it or end the other program first";
+    case OpenError::Reason::notBlockDevice:
+        return "name an image file or a block device such as /dev/sdb1";
+    case OpenError::Reason::notNTFS:
+        return "for a whole disk, name its NTFS partition";
+    case OpenError::Reason::ioError:
+        return "copy what can still be read from it";
+    case OpenError::Reason::refused:
+        return "is the image complete? If so, check it with 'chkdsk /f' in Windows";
+    }
+    return "";
+}
+
+std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, Access access) {
+    try {
+        return ModuleHost::openImage(arguments.image, optionWords(arguments, access));
+    } catch (const OpenError& error) {
+        throw openFailure(error);
+    }
+}
+
+/// Why nothing can be changed on a volume that is open for reading only.
+std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
+    if (Driver2::MountOptions(optionWords(arguments, Access::change)).readOnly) {
+        return "it is open for reading only as you asked: leave out --read-only and -o ro";
+    }
+    if (!host.resource().isWritable()) {
+        return "it is write-protected, or you may not write to it: change its permissions or use "
+               "sudo";
+    }
+    if (host.fellBackToReadOnly()) {
+        return "Windows is hibernated on it, or was shut down with fast startup, so it was opened "
+               "for reading only: start Windows and shut it down with 'shutdown /s /t 0'";
+    }
+    return "it could only be opened for reading";
+}
+
+} // namespace
+
+void takeInterruptions() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { interrupted = true; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaction(signal, &action, nullptr); // cannot fail for these
+    }
+    action.sa_handler = SIG_IGN;
+    action.sa_flags = 0;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+Failure openFailure(const OpenError& error) {
+    return Failure(fmt::format("{} ({})", escaped(error.what()), advice(error)));
+}
+
+Session::Session(const VolumeArguments& arguments, Access access) : image_(arguments.image) {
+    if (access == Access::change) {
+        takeInterruptions();
+    }
+    host_ = opened(arguments, access);
+    if (access == Access::change && volume().isReadOnly()) {
+        throw Failure(fmt::format("{}: nothing was changed, {}", escaped(image_),
+                                  whyReadOnly(*host_, arguments)));
+    }
+}
+
+VolumeFacts Session::facts() {
+    auto& module = dynamic_cast<TavelinFileSystem&>(host_->module());
+    NTFSVolume& ntfs = *module.volume->ntfs;
+    try {
+        return {ntfs.label(), ntfs.serial(), ntfs.ioStats()};
+    } catch (const NTFSError& error) {
+        throw Failure(explain(image_, fskit::fs_errorForPOSIXError(error.code)));
+    }
+}
+
+void Session::close() {
+    if (auto closed = host_->close(); !closed) {
+        throw Failure(fmt::format("{}; not everything that was changed is on the image",
+                                  explain(image_, closed.error())));
+    }
+}
+
+void throwIfInterrupted() {
+    if (interrupted) {
+        throw Failure("interrupted; what was finished before stays");
+    }
+}
+
+} // namespace tavelin::cli

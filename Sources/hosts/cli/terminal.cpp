@@ -1,0 +1,127 @@
+#include "hosts/cli/terminal.hpp"
+
+#include "hosts/cli/failure.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/utf8.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace tavelin::cli {
+namespace {
+
+constexpr std::size_t kDefaultColumns = 80;
+
+std::size_t terminalColumns() {
+    winsize size{};
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return kDefaultColumns;
+    }
+    return size.ws_col;
+}
+
+bool wantsColour() {
+    // Read before any second thread starts.
+    static const bool wanted = isOutputTerminal() && std::getenv("NO_COLOR") == nullptr;
+    return wanted;
+}
+
+[[noreturn]] void throwOutputFailure() {
+    throw Failure(explainHost("standard output", errno));
+}
+
+} // namespace
+
+bool isOutputTerminal() noexcept {
+    static const bool terminal = isatty(STDOUT_FILENO) == 1;
+    return terminal;
+}
+
+std::string shown(std::string_view name) {
+    return isOutputTerminal() ? escaped(name) : std::string(name);
+}
+
+std::string painted(std::string_view text, Colour colour) {
+    if (!wantsColour() || colour == Colour::plain) {
+        return std::string(text);
+    }
+    const char* const code = colour == Colour::strong      ? "1"
+                             : colour == Colour::directory ? "1;34"
+                             : colour == Colour::link      ? "36"
+                                                           : "2";
+    return fmt::format("\x1b[{}m{}\x1b[0m", code, text);
+}
+
+void print(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+        throwOutputFailure();
+    }
+}
+
+void flushOutput() {
+    if (std::fflush(stdout) != 0) {
+        throwOutputFailure();
+    }
+}
+
+void complain(std::string_view message) {
+    // Nothing is left to tell when standard error itself cannot be written.
+    static_cast<void>(std::fflush(stdout));
+    fmt::print(stderr, "tavelin: {}\n", message);
+}
+
+ProgressBar::ProgressBar(bool quiet) : shown_(!quiet && isatty(STDERR_FILENO) == 1) {}
+
+void ProgressBar::begin(std::string_view name) {
+    if (shown_) {
+        name_ = escaped(name);
+        draw();
+    }
+}
+
+void ProgressBar::advance(std::uint64_t bytes) {
+    done_ += bytes;
+    if (shown_) {
+        draw();
+    }
+}
+
+void ProgressBar::clear() {
+    if (drawn_) {
+        fmt::print(stderr, "\r\x1b[K");
+        static_cast<void>(std::fflush(stderr));
+        drawn_ = false;
+    }
+}
+
+void ProgressBar::draw() {
+    constexpr std::size_t kBarWidth = 20;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - last_ < std::chrono::milliseconds(100)) {
+        return;
+    }
+    last_ = now;
+    const double part =
+        total_ == 0 ? 0 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
+    const double seconds = std::chrono::duration<double>(now - start_).count();
+    const auto speed = static_cast<std::uint64_t>(static_cast<double>(done_) / seconds);
+    const auto full = static_cast<std::size_t>(part * kBarWidth);
+    std::string line;
+    for (std::size_t i = 0; i < kBarWidth; ++i) {
+        line += i < full ? "#" : ".";
+    }
+    line = fmt::format("[{}] {:3.0f} %  {:>9}  {:>9}/s  ", line, part * 100, humanSize(done_),
+                       humanSize(speed));
+    const std::size_t room = terminalColumns() > line.size() ? terminalColumns() - line.size() : 0;
+    fmt::print(stderr, "\r{}{}\x1b[K", line, firstCharacters(name_, room));
+    static_cast<void>(std::fflush(stderr));
+    drawn_ = true;
+}
+
+} // namespace tavelin::cli

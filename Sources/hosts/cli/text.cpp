@@ -1,0 +1,158 @@
+#include "hosts/cli/text.hpp"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <array>
+#include <optional>
+
+namespace tavelin::cli {
+namespace {
+
+/// One character of UTF-8, or one byte of what is not.
+struct Character {
+    std::string_view bytes;
+    std::optional<char32_t> code;
+};
+
+Character firstCharacter(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text.front());
+    const std::size_t length = lead < 0x80                   ? 1
+                               : lead >= 0xC2 && lead < 0xE0 ? 2
+                               : lead >= 0xE0 && lead < 0xF0 ? 3
+                               : lead >= 0xF0 && lead < 0xF5 ? 4
+                                                             : 0;
+    if (length == 0 || length > text.size()) {
+        return {text.substr(0, 1), std::nullopt};
+    }
+    char32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        const auto next = static_cast<unsigned char>(text[i]);
+        if ((next & 0xC0u) != 0x80) {
+            return {text.substr(0, 1), std::nullopt};
+        }
+        code = (code << 6) | (next & 0x3Fu);
+    }
+    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+    if (overlong || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) {
+        return {text.substr(0, 1), std::nullopt};
+    }
+    return {text.substr(0, length), code};
+}
+
+bool isHarmless(char32_t code) {
+    const bool control = code < 0x20 || (code >= 0x7F && code < 0xA0);
+    const bool separator = code == 0x2028 || code == 0x2029;
+    const bool direction = code == 0x200E || code == 0x200F || code == 0x061C ||
+                           (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+    return !control && !separator && !direction;
+}
+
+std::string inEscapes(std::string_view bytes) {
+    if (bytes == "\n") {
+        return "\\n";
+    }
+    if (bytes == "\t") {
+        return "\\t";
+    }
+    std::string result;
+    for (const char byte : bytes) {
+        result += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+    }
+    return result;
+}
+
+std::tm brokenDown(std::time_t seconds, bool local) {
+    std::tm result{};
+    if ((local ? localtime_r(&seconds, &result) : gmtime_r(&seconds, &result)) == nullptr) {
+        result = {}; // a year beyond what the host can say; shows as the year 1900
+        result.tm_mday = 1;
+    }
+    return result;
+}
+
+} // namespace
+
+std::string escaped(std::string_view text) {
+    std::string result;
+    bool changed = false;
+    for (std::string_view rest = text; !rest.empty();) {
+        const Character character = firstCharacter(rest);
+        rest.remove_prefix(character.bytes.size());
+        if (character.bytes == "\\") {
+            result += "\\\\";
+        } else if (character.code && isHarmless(*character.code)) {
+            result += character.bytes;
+        } else {
+            changed = true;
+            result += inEscapes(character.bytes);
+        }
+    }
+    return changed ? result : std::string(text);
+}
+
+std::string humanSize(std::uint64_t bytes) {
+    if (bytes < 1024) {
+        return fmt::format("{} {}", bytes, bytes == 1 ? "byte" : "bytes");
+    }
+    static constexpr std::array kUnits{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    double value = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    while (value >= 1023.95 && unit + 1 < kUnits.size()) {
+        value /= 1024;
+        ++unit;
+    }
+    return fmt::format("{:.1f} {}", value, kUnits[unit]);
+}
+
+std::string humanTime(const std::timespec& time, bool fraction) {
+    const std::tm local = brokenDown(time.tv_sec, true);
+    return fraction
+               ? fmt::format("{:%Y-%m-%d %H:%M:%S}.{:07} {:%z}", local, time.tv_nsec / 100, local)
+               : fmt::format("{:%Y-%m-%d %H:%M:%S}", local);
+}
+
+std::string isoTime(const std::timespec& time) {
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:07}Z", brokenDown(time.tv_sec, false),
+                       time.tv_nsec / 100);
+}
+
+std::string modeText(fskit::FSItemType type, std::uint32_t mode) {
+    std::string text(1, type == fskit::FSItemType::directory ? 'd'
+                        : type == fskit::FSItemType::symlink ? 'l'
+                                                             : '-');
+    for (unsigned bit = 9; bit-- > 0;) {
+        text += ((mode >> bit) & 1u) != 0 ? "xwr"[bit % 3] : '-';
+    }
+    return text;
+}
+
+std::string_view typeName(fskit::FSItemType type) noexcept {
+    switch (type) {
+    case fskit::FSItemType::directory:
+        return "directory";
+    case fskit::FSItemType::symlink:
+        return "symlink";
+    default:
+        return "file";
+    }
+}
+
+std::string lastComponent(std::string_view path) {
+    const auto end = path.find_last_not_of('/');
+    if (end == std::string_view::npos) {
+        return {};
+    }
+    path = path.substr(0, end + 1);
+    return std::string(path.substr(path.find_last_of('/') + 1)); // npos + 1 is 0
+}
+
+std::string joined(std::string_view folder, std::string_view name) {
+    std::string path(folder);
+    if (!path.empty() && path.back() != '/') {
+        path += '/';
+    }
+    return path.append(name);
+}
+
+} // namespace tavelin::cli

@@ -1,0 +1,38 @@
+/// Names, sizes and times as people read them, and as programs do.
+///
+/// All functions are pure, except that local time depends on the process's time zone.
+#pragma once
+
+#include "fskit/api/item.hpp"
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace tavelin::cli {
+
+/// The text with control characters, line separators, direction marks and bytes that are not UTF-8
+/// written as \n, \t, \x1b and the like, so that no name can drive a terminal or fake a line.
+/// A backslash stays as it is unless something else needed one, when it is doubled.
+[[nodiscard]] std::string escaped(std::string_view text);
+
+/// "1.5 MiB", "812 bytes".
+[[nodiscard]] std::string humanSize(std::uint64_t bytes);
+
+/// "2026-11-15 18:20:33", local time; with `fraction` down to the volume's 100 ns.
+[[nodiscard]] std::string humanTime(const std::timespec& time, bool fraction = false);
+/// "2026-11-15T18:20:33.1234567Z", for programs.
+[[nodiscard]] std::string isoTime(const std::timespec& time);
+
+/// "drwxrwxrwx", as `ls -l` has it.
+[[nodiscard]] std::string modeText(fskit::FSItemType type, std::uint32_t mode);
+/// "file", "directory", "symlink".
+[[nodiscard]] std::string_view typeName(fskit::FSItemType type) noexcept;
+
+/// A path's last component: "c" of "a/b/c/"; empty for the root.
+[[nodiscard]] std::string lastComponent(std::string_view path);
+/// A name in a folder, as a path; `folder` may be empty or end in "/".
+[[nodiscard]] std::string joined(std::string_view folder, std::string_view name);
+
+} // namespace tavelin::cli

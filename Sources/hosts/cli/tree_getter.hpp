@@ -1,0 +1,53 @@
+/// Copies files and directories from a volume to the host.
+#pragma once
+
+#include "hosts/cli/descriptor.hpp"
+#include "hosts/cli/transfer.hpp"
+#include "hosts/module/volume_client.hpp"
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tavelin::cli {
+
+/// Contents, times of access and change, symbolic links (as links), and named streams. What is
+/// there already under a file's or link's name is replaced, directories are merged.
+///
+/// Never leaves the target: below it, everything is opened relative to its directory, host links
+/// are not followed, and names that mean another place ("..", "a/b") are refused.
+class TreeGetter {
+  public:
+    TreeGetter(VolumeClient& volume, CopyRun& run)
+        : volume_(volume), run_(run), buffer_(kTransferBytes) {}
+
+    /// Copies `found`, which messages call `path`, into an opened folder under the name `name`.
+    void get(const Found& found, const std::string& path, int folder, const std::string& name);
+    /// Copies what is in a directory into an opened folder.
+    void getContents(const ItemRef& directory, const std::string& path, int folder);
+
+  private:
+    void getItem(const Found& found, const std::string& path, int folder, const std::string& name);
+    void getFile(const Found& found, const std::string& path, int folder, const std::string& name);
+    void getLink(const Found& found, const std::string& path, int folder, const std::string& name);
+    void getDirectory(const Found& found, const std::string& path, int folder,
+                      const std::string& name);
+    void getEntries(const ItemRef& directory, const std::string& path, int folder);
+    void readContents(const ItemRef& item, const std::string& path, int file);
+    void getStreams(const ItemRef& item, const std::string& path, int file);
+
+    /// Gives the complete `partial` its name, in place of whatever file or link has it.
+    void giveName(int folder, const std::string& partial, const std::string& name,
+                  const std::string& path);
+    /// Takes `partial` away again when `work` fails.
+    void orTakeAway(int folder, const std::string& partial, const std::function<void()>& work);
+
+    VolumeClient& volume_;
+    CopyRun& run_;
+    std::vector<std::byte> buffer_;
+    std::set<fskit::FSItemID> entered_; // a damaged volume's directories may contain themselves
+    int depth_ = 0;
+};
+
+} // namespace tavelin::cli

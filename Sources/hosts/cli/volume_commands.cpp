@@ -1,0 +1,214 @@
+// probe, info, label, check: the volume as a whole.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <memory>
+#include <utility>
+
+namespace tavelin::cli {
+namespace {
+
+using JSON = nlohmann::ordered_json;
+
+struct VolumeCommand {
+    VolumeArguments volume;
+    bool json = false;
+    bool statistics = false;
+    std::string newLabel;
+    std::vector<std::string> checkWords;
+};
+
+void printJSON(const JSON& value) {
+    print(value.dump(2, ' ', false, JSON::error_handler_t::replace) + "\n");
+}
+
+std::string serialText(std::uint64_t serial) {
+    return fmt::format("{:016X}", serial);
+}
+
+std::string text(const std::array<std::uint8_t, 16>& uuid) {
+    std::string result;
+    for (std::size_t i = 0; i < uuid.size(); ++i) {
+        result +=
+            fmt::format("{}{:02x}", i == 4 || i == 6 || i == 8 || i == 10 ? "-" : "", uuid[i]);
+    }
+    return result;
+}
+
+/// Only probes, so that it also answers for volumes that cannot be mounted.
+void runProbe(const VolumeCommand& command) {
+    std::unique_ptr<ModuleHost> host;
+    try {
+        host = std::make_unique<ModuleHost>(std::make_shared<ImageResource>(
+            command.volume.image, ImageResource::Settings{.readOnly = true}));
+    } catch (const OpenError& error) {
+        throw openFailure(error);
+    }
+    const fskit::FSProbeResult probed = valueOf(host->probe(), command.volume.image);
+    const bool usable = probed.result == fskit::FSMatchResult::usable;
+    const std::string name = probed.name.value_or("");
+    const std::string identifier = probed.containerID ? text(probed.containerID->uuid) : "";
+    if (command.json) {
+        JSON result{{"image", command.volume.image}, {"ntfs", usable}};
+        if (usable) {
+            result["name"] = name;
+            result["identifier"] = identifier;
+        }
+        printJSON(result);
+    }
+    if (!usable) {
+        throw openFailure(
+            {OpenError::Reason::notNTFS, kEINVAL, command.volume.image, "not an NTFS volume"});
+    }
+    if (command.json) {
+        return;
+    }
+    print(fmt::format("{}: NTFS volume \"{}\", identifier {}\n", shown(command.volume.image),
+                      shown(name), identifier));
+}
+
+using Counters = std::vector<std::pair<const char*, std::uint64_t>>;
+
+Counters counters(const NTFSIOStats& io) {
+    return {{"deviceReads", io.deviceReads},   {"deviceWrites", io.deviceWrites},
+            {"readBytes", io.readBytes},       {"writeBytes", io.writeBytes},
+            {"unalignedOps", io.unalignedOps}, {"cacheHits", io.cacheHits},
+            {"cacheMisses", io.cacheMisses},   {"dirtyPages", io.dirtyPages}};
+}
+
+void printInfo(const VolumeFacts& facts, const fskit::FSStatFSResult& space,
+               const Counters& statistics) {
+    const auto row = [](std::string_view title, std::string_view value) {
+        print(fmt::format("{}{}\n", painted(fmt::format("{:<16}", title), Colour::strong), value));
+    };
+    const auto bytes = [](std::uint64_t count) {
+        return fmt::format("{} ({} bytes)", humanSize(count), count);
+    };
+    row("label", facts.label.empty() ? "(none)" : shown(facts.label));
+    row("serial number", serialText(facts.serial));
+    row("size", bytes(space.totalBytes));
+    row("used", bytes(space.usedBytes));
+    row("free", bytes(space.freeBytes));
+    row("cluster size", bytes(static_cast<std::uint64_t>(space.blockSize)));
+    row("clusters", fmt::format("{}, {} free", space.totalBlocks, space.freeBlocks));
+    row("file records", fmt::format("{}, {} free", space.totalFiles, space.freeFiles));
+    for (const auto& [name, value] : statistics) {
+        row(name, std::to_string(value));
+    }
+}
+
+void runInfo(const VolumeCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        const fskit::FSStatFSResult space = session.volume().statistics();
+        const VolumeFacts facts = session.facts(); // after the work that it counts
+        const Counters statistics = command.statistics ? counters(facts.io) : Counters{};
+        if (!command.json) {
+            printInfo(facts, space, statistics);
+            return;
+        }
+        JSON result{{"label", facts.label},
+                    {"serial", serialText(facts.serial)},
+                    {"totalBytes", space.totalBytes},
+                    {"usedBytes", space.usedBytes},
+                    {"freeBytes", space.freeBytes},
+                    {"clusterSize", space.blockSize},
+                    {"totalClusters", space.totalBlocks},
+                    {"freeClusters", space.freeBlocks},
+                    {"totalFiles", space.totalFiles},
+                    {"freeFiles", space.freeFiles}};
+        for (const auto& [name, value] : statistics) {
+            result["stats"][name] = value;
+        }
+        printJSON(result);
+    });
+}
+
+void runLabel(const VolumeCommand& command, bool change) {
+    withVolume(command.volume, change ? Access::change : Access::read, [&](Session& session) {
+        if (change) {
+            // The volume's name cannot be empty; answered here with what can be done.
+            if (command.newLabel.empty()) {
+                throw Failure("a label cannot be empty: name one", ExitStatus::wrongUsage);
+            }
+            if (auto set = session.volume().setName(command.newLabel); !set) {
+                throw Failure(numberOf(set.error()) == kENAMETOOLONG
+                                  ? "the label is too long: NTFS allows 128 UTF-16 units"
+                                  : explain(command.newLabel, set.error()));
+            }
+        }
+        const std::string label = session.facts().label;
+        if (command.json) {
+            printJSON({{"label", label}});
+        } else if (!change) {
+            print(shown(label) + "\n");
+        }
+    });
+}
+
+void runCheck(const VolumeCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        const auto checked = session.host().check(command.checkWords);
+        if (!checked && numberOf(checked.error()) == kENOTSUP) {
+            throw Failure("repairing is not offered: use 'chkdsk /f' in Windows");
+        }
+        valueOf(checked, command.volume.image);
+        if (command.json) {
+            printJSON({{"image", command.volume.image}, {"usable", true}});
+            return;
+        }
+        print(fmt::format("{}: can be used. This is no examination of every structure on it: "
+                          "'ntfsfix -n' and Windows' 'chkdsk' look deeper.\n",
+                          shown(command.volume.image)));
+    });
+}
+
+std::shared_ptr<VolumeCommand> defineVolumeCommand(CLI::App& command) {
+    auto arguments = std::make_shared<VolumeCommand>();
+    addVolume(command, arguments->volume);
+    addJSON(command, arguments->json);
+    return arguments;
+}
+
+} // namespace
+
+void defineProbe(CLI::App& command) {
+    const auto arguments = defineVolumeCommand(command);
+    command.callback([arguments] { runProbe(*arguments); });
+}
+
+void defineInfo(CLI::App& command) {
+    const auto arguments = defineVolumeCommand(command);
+    command.add_flag("--stats", arguments->statistics,
+                     "Also the device and cache counters since the volume was opened");
+    command.callback([arguments] { runInfo(*arguments); });
+}
+
+void defineLabel(CLI::App& command) {
+    const auto arguments = defineVolumeCommand(command);
+    const CLI::Option* const given =
+        command.add_option("NEW", arguments->newLabel, "The new label")->type_name("");
+    command.callback([arguments, given] { runLabel(*arguments, given->count() > 0); });
+}
+
+void defineCheck(CLI::App& command) {
+    const auto arguments = defineVolumeCommand(command);
+    for (const auto& [word, description] :
+         {std::pair{"-q", "Quick check, also without any of these"},
+          std::pair{"-n", "Verify, repair nothing"},
+          std::pair{"-y", "Repair (not offered: fails)"}}) {
+        command.add_flag_callback(
+            word, [arguments, text = std::string(word)] { arguments->checkWords.push_back(text); },
+            description);
+    }
+    command.callback([arguments] { runCheck(*arguments); });
+}
+
+} // namespace tavelin::cli

@@ -1,0 +1,121 @@
+// xattr: the named streams of files and directories.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "hosts/cli/transfer.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <unistd.h>
+
+namespace tavelin::cli {
+namespace {
+
+struct XattrCommand {
+    VolumeArguments volume;
+    std::string action;
+    std::string path;
+    std::string name;
+    std::optional<std::string> value; ///< standard input without
+    bool json = false;
+};
+
+/// What a volume takes as one stream at most.
+constexpr std::size_t kMaximumValue = 64 << 20;
+
+std::string standardInput() {
+    std::string value;
+    std::vector<char> piece(kTransferBytes);
+    for (;;) {
+        const ssize_t count = read(STDIN_FILENO, piece.data(), piece.size());
+        if (count == 0) {
+            return value;
+        }
+        if (count < 0 && errno != EINTR) {
+            throw Failure(explainHost("standard input", errno));
+        }
+        throwIfInterrupted();
+        value.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        if (value.size() > kMaximumValue) {
+            throw Failure("the value is larger than " + humanSize(kMaximumValue));
+        }
+    }
+}
+
+void list(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
+    auto result = nlohmann::ordered_json::array();
+    for (const std::string& name : valueOf(volume.listXattrs(item), command.path)) {
+        if (!command.json) {
+            print(shown(name) + "\n");
+            continue;
+        }
+        const auto value = valueOf(volume.getXattr(item, name), name);
+        result.push_back({{"name", name}, {"size", value.size()}});
+    }
+    if (command.json) {
+        print(result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    }
+}
+
+void get(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
+    const auto value = valueOf(volume.getXattr(item, command.name), command.name);
+    print({reinterpret_cast<const char*>(value.data()), value.size()});
+}
+
+void set(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
+    const std::string value = command.value ? *command.value : standardInput();
+    valueOf(volume.setXattr(item, command.name, std::as_bytes(std::span(value))), command.name);
+}
+
+void runXattr(const XattrCommand& command) {
+    const bool changes = command.action == "set" || command.action == "rm";
+    if (command.action != "list" && command.name.empty()) {
+        throw Failure(fmt::format("'{}' needs the NAME of a stream; see 'tavelin xattr --help'",
+                                  command.action),
+                      ExitStatus::wrongUsage);
+    }
+    withVolume(command.volume, changes ? Access::change : Access::read, [&](Session& session) {
+        VolumeClient& volume = session.volume();
+        const Found found = valueOf(resolve(volume, command.path), command.path);
+        if (command.action == "list") {
+            list(volume, found.item, command);
+        } else if (command.action == "get") {
+            get(volume, found.item, command);
+        } else if (command.action == "set") {
+            set(volume, found.item, command);
+        } else {
+            valueOf(volume.removeXattr(found.item, command.name), command.name);
+        }
+    });
+}
+
+} // namespace
+
+void defineXattr(CLI::App& command) {
+    const auto arguments = std::make_shared<XattrCommand>();
+    command.add_option("ACTION", arguments->action, "list, get, set or rm")
+        ->required()
+        ->type_name("")
+        ->check(CLI::IsMember({"list", "get", "set", "rm"}));
+    addVolume(command, arguments->volume);
+    command.add_option("PATH", arguments->path, "File or directory; links are followed")
+        ->required()
+        ->type_name("");
+    command.add_option("NAME", arguments->name, "The stream's name, without a prefix")
+        ->type_name("");
+    command
+        .add_option("VALUE", arguments->value,
+                    "What 'set' writes; standard input, byte by byte, when left out")
+        ->type_name("");
+    addJSON(command, arguments->json);
+    command.callback([arguments] { runXattr(*arguments); });
+}
+
+} // namespace tavelin::cli
