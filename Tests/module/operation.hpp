@@ -35,8 +35,8 @@ enum class Verb {
 
 struct Operation {
     Verb verb{};
-    std::string path;
-    std::string text;
+    std::string path{};
+    std::string text{};
     std::int64_t number = 0;
     std::int64_t other = 0;
     std::uint64_t seed = 0;
