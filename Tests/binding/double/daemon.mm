@@ -6,52 +6,31 @@ namespace tavelin::test {
 
 namespace {
 
-// A reply block of each shape that FSKit has, filling an Answer.
+// What the reply blocks do with what they get: one call for each shape that FSKit has.
+struct Into {
+    Answer *answer;
 
-auto intoError(Answer &answer) {
-    Answer *into = &answer;
-    return [into](NSError *error) {
-        ++into->replies;
-        into->error = Strong(error);
-    };
-}
-
-auto intoObject(Answer &answer) {
-    Answer *into = &answer;
-    return [into](id object, NSError *error) {
-        ++into->replies;
-        into->object = Strong(object);
-        into->error = Strong(error);
-    };
-}
-
-auto intoName(Answer &answer) {
-    Answer *into = &answer;
-    return [into](FSFileName *name, NSError *error) {
-        ++into->replies;
-        into->name = Strong(name);
-        into->error = Strong(error);
-    };
-}
-
-auto intoNamedItem(Answer &answer) {
-    Answer *into = &answer;
-    return [into](FSItem *item, FSFileName *name, NSError *error) {
-        ++into->replies;
-        into->object = Strong<id>(item);
-        into->name = Strong(name);
-        into->error = Strong(error);
-    };
-}
-
-auto intoNumber(Answer &answer) {
-    Answer *into = &answer;
-    return [into](std::uint64_t number, NSError *error) {
-        ++into->replies;
-        into->number = number;
-        into->error = Strong(error);
-    };
-}
+    void operator()(NSError *error) const {
+        ++answer->replies;
+        answer->error = Strong(error);
+    }
+    void operator()(id object, NSError *error) const {
+        answer->object = Strong(object);
+        (*this)(error);
+    }
+    void operator()(FSFileName *name, NSError *error) const {
+        answer->name = Strong(name);
+        (*this)(error);
+    }
+    void operator()(FSItem *item, FSFileName *name, NSError *error) const {
+        answer->object = Strong<id>(item);
+        (*this)(name, error);
+    }
+    void operator()(std::uint64_t number, NSError *error) const {
+        answer->number = number;
+        (*this)(error);
+    }
+};
 
 FSItemSetAttributesRequest *noAttributes() {
     return made([[FSItemSetAttributesRequest alloc] init]);
@@ -84,7 +63,7 @@ Daemon::Daemon() : module_(made([[::TavelinFileSystem alloc] init])) {}
 
 Answer Daemon::probe(FSResource *resource) {
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [module() probeResource:resource
                replyHandler:^(FSProbeResult *result, NSError *error) {
                    into(result, error);
@@ -94,7 +73,7 @@ Answer Daemon::probe(FSResource *resource) {
 
 Answer Daemon::load(FSResource *resource, NSArray<NSString *> *words) {
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [module() loadResource:resource
                    options:[FSTaskOptions optionsWithWords:words]
               replyHandler:^(FSVolume *volume, NSError *error) {
@@ -107,7 +86,7 @@ Answer Daemon::load(FSResource *resource, NSArray<NSString *> *words) {
 
 Answer Daemon::activate(NSArray<NSString *> *words) {
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [volume() activateWithOptions:[FSTaskOptions optionsWithWords:words]
                      replyHandler:^(FSItem *rootItem, NSError *error) {
                          into(rootItem, error);
@@ -122,7 +101,7 @@ void Daemon::bringUp(FSResource *resource) {
     ASSERT_EQ(activate().code(), 0);
     ASSERT_EQ(state(), FSContainerStateActive);
     Answer mounted;
-    const auto into = intoError(mounted);
+    const Into into{&mounted};
     [volume() mountWithOptions:[FSTaskOptions optionsWithWords:@[]]
                   replyHandler:^(NSError *error) {
                       into(error);
@@ -133,14 +112,14 @@ void Daemon::bringUp(FSResource *resource) {
 std::vector<Answer> Daemon::abandon() {
     std::vector<Answer> answers{synchronize()};
     Answer unmounted;
-    Answer *const count = &unmounted;
+    const Into gone{&unmounted};
     [volume() unmountWithReplyHandler:^{
-        ++count->replies;
+        gone(nil);
     }];
     answers.push_back(unmounted);
     answers.push_back(reclaim(root()));
     Answer deactivated;
-    const auto into = intoError(deactivated);
+    const Into into{&deactivated};
     [volume() deactivateWithOptions:0
                        replyHandler:^(NSError *error) {
                            into(error);
@@ -160,7 +139,7 @@ void Daemon::takeDown() {
 
 Answer Daemon::unload() {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [module() unloadResource:resource_.get()
                      options:[FSTaskOptions optionsWithWords:@[]]
                 replyHandler:^(NSError *error) {
@@ -175,7 +154,7 @@ Answer Daemon::check(NSArray<NSString *> *words, RecordingTask *task) {
                                                 options:[FSTaskOptions optionsWithWords:words]
                                                   error:&error];
     Answer answer;
-    intoObject(answer)(progress, error);
+    Into{&answer}(progress, error);
     return answer;
 }
 
@@ -185,13 +164,13 @@ Answer Daemon::format() {
                                                  options:[FSTaskOptions optionsWithWords:@[]]
                                                    error:&error];
     Answer answer;
-    intoObject(answer)(progress, error);
+    Into{&answer}(progress, error);
     return answer;
 }
 
 Answer Daemon::lookup(FSItem *directory, const std::string &name) {
     Answer answer;
-    const auto into = intoNamedItem(answer);
+    const Into into{&answer};
     [volume() lookupItemNamed:fileName(name)
                   inDirectory:directory
                  replyHandler:^(FSItem *item, FSFileName *itemName, NSError *error) {
@@ -202,7 +181,7 @@ Answer Daemon::lookup(FSItem *directory, const std::string &name) {
 
 Answer Daemon::create(FSItem *directory, const std::string &name, FSItemType type) {
     Answer answer;
-    const auto into = intoNamedItem(answer);
+    const Into into{&answer};
     [volume() createItemNamed:fileName(name)
                          type:type
                   inDirectory:directory
@@ -215,7 +194,7 @@ Answer Daemon::create(FSItem *directory, const std::string &name, FSItemType typ
 
 Answer Daemon::link(FSItem *directory, const std::string &name, const std::string &target) {
     Answer answer;
-    const auto into = intoNamedItem(answer);
+    const Into into{&answer};
     [volume() createSymbolicLinkNamed:fileName(name)
                           inDirectory:directory
                            attributes:noAttributes()
@@ -228,7 +207,7 @@ Answer Daemon::link(FSItem *directory, const std::string &name, const std::strin
 
 Answer Daemon::hardLink(FSItem *item, FSItem *directory, const std::string &name) {
     Answer answer;
-    const auto into = intoName(answer);
+    const Into into{&answer};
     [volume() createLinkToItem:item
                          named:fileName(name)
                    inDirectory:directory
@@ -240,7 +219,7 @@ Answer Daemon::hardLink(FSItem *item, FSItem *directory, const std::string &name
 
 Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [volume() removeItem:item
                    named:fileName(name)
            fromDirectory:directory
@@ -253,7 +232,7 @@ Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) 
 Answer Daemon::rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
                       const std::string &newName, FSItem *over) {
     Answer answer;
-    const auto into = intoName(answer);
+    const Into into{&answer};
     [volume() renameItem:item
              inDirectory:from
                    named:fileName(name)
@@ -268,7 +247,7 @@ Answer Daemon::rename(FSItem *item, FSItem *from, const std::string &name, FSIte
 
 Answer Daemon::readLink(FSItem *item) {
     Answer answer;
-    const auto into = intoName(answer);
+    const Into into{&answer};
     [volume() readSymbolicLink:item
                   replyHandler:^(FSFileName *contents, NSError *error) {
                       into(contents, error);
@@ -278,7 +257,7 @@ Answer Daemon::readLink(FSItem *item) {
 
 Answer Daemon::getAttributes(FSItem *item) {
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [volume() getAttributes:made([[FSItemGetAttributesRequest alloc] init])
                      ofItem:item
                replyHandler:^(FSItemAttributes *attributes, NSError *error) {
@@ -293,7 +272,7 @@ Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
     request.size = size;
     request.linkCount = 7; // never consumed
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [volume() setAttributes:request
                      onItem:item
                replyHandler:^(FSItemAttributes *attributes, NSError *error) {
@@ -305,7 +284,7 @@ Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
 
 Answer Daemon::write(FSItem *item, const std::string &data, off_t offset) {
     Answer answer;
-    const auto into = intoNumber(answer);
+    const Into into{&answer};
     [volume() writeContents:[NSData dataWithBytes:data.data() length:data.size()]
                      toFile:item
                    atOffset:offset
@@ -317,7 +296,7 @@ Answer Daemon::write(FSItem *item, const std::string &data, off_t offset) {
 
 Answer Daemon::read(FSItem *item, size_t length, off_t offset) {
     Answer answer;
-    const auto into = intoNumber(answer);
+    const Into into{&answer};
     ByteBuffer *buffer = [ByteBuffer bufferOfLength:length];
     [volume() readFromFile:item
                     offset:offset
@@ -338,7 +317,7 @@ std::string Daemon::readText(FSItem *item, size_t length) {
 
 Answer Daemon::getXattr(FSItem *item, const std::string &name) {
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [volume() getXattrNamed:fileName(name)
                      ofItem:item
                replyHandler:^(NSData *value, NSError *error) {
@@ -350,7 +329,7 @@ Answer Daemon::getXattr(FSItem *item, const std::string &name) {
 Answer Daemon::setXattr(FSItem *item, const std::string &name, NSData *value,
                         FSSetXattrPolicy policy) {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [volume() setXattrNamed:fileName(name)
                      toData:value
                      onItem:item
@@ -363,7 +342,7 @@ Answer Daemon::setXattr(FSItem *item, const std::string &name, NSData *value,
 
 Answer Daemon::listXattrs(FSItem *item) {
     Answer answer;
-    const auto into = intoObject(answer);
+    const Into into{&answer};
     [volume() listXattrsOfItem:item
                   replyHandler:^(NSArray<FSFileName *> *names, NSError *error) {
                       into(names, error);
@@ -373,7 +352,7 @@ Answer Daemon::listXattrs(FSItem *item) {
 
 Answer Daemon::setVolumeName(const std::string &name) {
     Answer answer;
-    const auto into = intoName(answer);
+    const Into into{&answer};
     [volume() setVolumeName:fileName(name)
                replyHandler:^(FSFileName *given, NSError *error) {
                    into(given, error);
@@ -383,7 +362,7 @@ Answer Daemon::setVolumeName(const std::string &name) {
 
 Answer Daemon::open(FSItem *item) {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [volume() openItem:item
              withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
           replyHandler:^(NSError *error) {
@@ -394,7 +373,7 @@ Answer Daemon::open(FSItem *item) {
 
 Answer Daemon::close(FSItem *item) {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [volume() closeItem:item
            keepingModes:0
            replyHandler:^(NSError *error) {
@@ -405,7 +384,7 @@ Answer Daemon::close(FSItem *item) {
 
 Answer Daemon::reclaim(FSItem *item) {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [volume() reclaimItem:item
              replyHandler:^(NSError *error) {
                  into(error);
@@ -415,7 +394,7 @@ Answer Daemon::reclaim(FSItem *item) {
 
 Answer Daemon::synchronize() {
     Answer answer;
-    const auto into = intoError(answer);
+    const Into into{&answer};
     [volume() synchronizeWithFlags:FSSyncFlagsWait
                       replyHandler:^(NSError *error) {
                           into(error);
@@ -433,7 +412,7 @@ std::vector<std::string> Daemon::list(FSItem *directory, size_t room, bool withA
         ListPacker *packer = [ListPacker packerWithRoom:room];
         const FSDirectoryVerifier verifier = answer.number;
         answer = {};
-        const auto into = intoNumber(answer);
+        const Into into{&answer};
         [volume() enumerateDirectory:directory
                     startingAtCookie:cookie
                             verifier:verifier
