@@ -1,8 +1,7 @@
 #include "diagnostics/op_counter.hpp"
 
-#include "platform/checked.hpp"
-
 #include <algorithm>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -14,26 +13,29 @@ OpCounter& OpCounter::shared() {
     return instance;
 }
 
-void OpCounter::hit(std::string_view op) noexcept {
-    MutexLock lock(lock_);
-    auto known = counts_.find(op);
-    if (known == counts_.end()) {
-        try {
-            known = counts_.emplace(op, 0).first;
-        } catch (const std::bad_alloc&) {
-            return; // the count is lost, what it counts goes on
-        }
+OpCounter::Count& OpCounter::count(std::string_view op) noexcept {
+    const MutexLock held(lock_);
+    const auto known = counts_.find(op);
+    if (known != counts_.end()) {
+        return known->second;
     }
-    checkedIncrement(known->second, "an operation counter overflowed");
+    try {
+        return counts_.try_emplace(std::string(op)).first->second;
+    } catch (const std::bad_alloc&) {
+        return unreported_; // the count is lost, what it counts goes on
+    }
 }
 
 std::string OpCounter::dumpAndReset() {
-    Counts counts;
+    std::vector<std::pair<std::string, std::int64_t>> sorted;
     {
-        MutexLock lock(lock_);
-        counts.swap(counts_);
+        const MutexLock held(lock_);
+        for (auto& [op, count] : counts_) {
+            if (const std::int64_t hits = count.value_.exchange(0, std::memory_order_relaxed)) {
+                sorted.emplace_back(op, hits);
+            }
+        }
     }
-    std::vector<std::pair<std::string, std::int64_t>> sorted(counts.begin(), counts.end());
     std::ranges::stable_sort(sorted, std::ranges::greater{},
                              [](const auto& pair) { return pair.second; });
     std::string text;

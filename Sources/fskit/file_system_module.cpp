@@ -203,13 +203,13 @@ void TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
         return;
     }
     auto made = attempt(kLoad, [&] { return loaded(disk, options); });
-    reply(std::move(made.value).value_or(nullptr), std::move(made.error));
+    reply(std::move(made.value).value_or(nullptr), made.error);
 }
 
 void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
                                        const fskit::FSTaskOptions& /*options*/,
                                        const fskit::ErrorReply& reply) {
-    auto unloaded = attempt(kUnload, [&] {
+    const auto unloaded = attempt(kUnload, [&] {
         try {
             if (volume) {
                 volume->ntfs->unmount();
@@ -222,7 +222,7 @@ void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
             throw;
         }
     });
-    reply(std::move(unloaded.error));
+    reply(unloaded.error);
     volume = nullptr;
 }
 

@@ -164,8 +164,12 @@ class TavelinVolume final : public fskit::FSVolume,
     /// What a request that takes an item answers when it is given none.
     static fskit::Error missingItem();
 
-    std::shared_ptr<NItem> itemLocked(std::uint64_t ino, std::uint64_t parent)
+    const std::shared_ptr<NItem>& itemLocked(std::uint64_t ino, std::uint64_t parent)
         TAVELIN_REQUIRES(items);
+    /// item(), without giving it to anybody.
+    void enter(std::uint64_t ino, std::uint64_t parent) TAVELIN_EXCLUDES(items);
+    /// Fills in the attributes of an item that is reached through `parent`.
+    void describe(std::uint64_t ino, std::uint64_t parent, fskit::FSItemAttributes& result) const;
     /// Takes the entry of this very object out of the registry, if it is there.
     void forget(const NItem& item) TAVELIN_EXCLUDES(items);
     /// The listing to serve a page from, taken afresh when the one kept does not fit.

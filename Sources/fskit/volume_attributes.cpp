@@ -1,6 +1,6 @@
 // Reading and changing an item's attributes.
-#include "diagnostics/op_counter.hpp"
 #include "fskit/private/attempt.hpp"
+#include "fskit/private/count_request.hpp"
 #include "fskit/private/item_type.hpp"
 #include "fskit/tavelin_volume.hpp"
 
@@ -19,8 +19,14 @@ std::optional<std::timespec> wanted(const fskit::FSItemAttributes& request,
 } // namespace
 
 fskit::FSItemAttributes TavelinVolume::attributes(const NItem& item) const {
-    const NTFSAttributes record = ntfs->attributes(item.ino);
     fskit::FSItemAttributes result;
+    describe(item.ino, item.parent, result);
+    return result;
+}
+
+void TavelinVolume::describe(std::uint64_t ino, std::uint64_t parent,
+                             fskit::FSItemAttributes& result) const {
+    const NTFSAttributes record = ntfs->attributes(ino);
     result.setType(fskitType(record.type));
     result.setMode(Driver2::mode(record.type));
     result.setUid(uid_);
@@ -29,9 +35,9 @@ fskit::FSItemAttributes TavelinVolume::attributes(const NItem& item) const {
     result.setFlags(record.hidden ? kHiddenFlag : 0);
     result.setSize(record.size);
     result.setAllocSize(record.allocSize);
-    result.setFileID(Driver2::itemID(item.ino));
-    result.setParentID(item.ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot
-                                                        : Driver2::itemID(item.parent));
+    result.setFileID(Driver2::itemID(ino));
+    result.setParentID(ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot
+                                                   : Driver2::itemID(parent));
     result.setAccessTime(record.accessTime);
     result.setModifyTime(record.modifyTime);
     result.setChangeTime(record.changeTime);
@@ -40,7 +46,6 @@ fskit::FSItemAttributes TavelinVolume::attributes(const NItem& item) const {
     result.setAddedTime(record.birthTime);
     result.setBackupTime({});
     result.setSupportsLimitedXAttrs(false);
-    return result;
 }
 
 void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NItem& item) {
@@ -69,19 +74,26 @@ void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NIte
 void TavelinVolume::getAttributes(const fskit::FSItemGetAttributesRequest& /*desired*/,
                                   const fskit::FSItemRef& item,
                                   const fskit::AttributesReply& reply) {
-    OpCounter::shared().hit("getAttributes");
+    countRequest<"getAttributes">();
     if (isNull(item)) {
         reply(std::nullopt, missingItem());
         return;
     }
-    auto read = attempt("getAttributes(_:of:replyHandler:)", [&] { return attributes(n(item)); });
-    reply(std::move(read.value), std::move(read.error));
+    std::optional<fskit::FSItemAttributes> found(std::in_place);
+    const auto read = attempt("getAttributes(_:of:replyHandler:)", [&] {
+        const NItem& own = n(item);
+        describe(own.ino, own.parent, *found);
+    });
+    if (!read) {
+        found.reset();
+    }
+    reply(found, read.error);
 }
 
 void TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
                                   const fskit::FSItemRef& item,
                                   const fskit::AttributesReply& reply) {
-    OpCounter::shared().hit("setAttributes");
+    countRequest<"setAttributes">();
     if (isNull(item)) {
         reply(std::nullopt, missingItem());
         return;
@@ -90,7 +102,7 @@ void TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
         apply(changes, n(item));
         return attributes(n(item));
     });
-    reply(std::move(read.value), std::move(read.error));
+    reply(read.value, read.error);
 }
 
 } // namespace tavelin

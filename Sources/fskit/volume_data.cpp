@@ -1,6 +1,6 @@
 // File contents and link targets. Reads and writes are not counted: they are too many.
-#include "diagnostics/op_counter.hpp"
 #include "fskit/private/attempt.hpp"
+#include "fskit/private/count_request.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
 
@@ -25,11 +25,11 @@ void TavelinVolume::read(const fskit::FSItemRef& item, std::int64_t offset, std:
         reply(0, missingItem());
         return;
     }
-    auto count = attempt("read(from:at:length:into:replyHandler:)", [&] {
+    const auto count = attempt("read(from:at:length:into:replyHandler:)", [&] {
         return ntfs->read(n(item).ino, unsignedOffset(offset), buffer.mutableBytes(),
                           std::min(length, buffer.length()));
     });
-    reply(count.value.value_or(0), std::move(count.error));
+    reply(count.value.value_or(0), count.error);
 }
 
 void TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
@@ -38,21 +38,21 @@ void TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSIt
         reply(0, missingItem());
         return;
     }
-    auto count = attempt("write(contents:to:at:replyHandler:)", [&] {
+    const auto count = attempt("write(contents:to:at:replyHandler:)", [&] {
         return ntfs->write(n(item).ino, unsignedOffset(offset), contents);
     });
-    reply(count.value.value_or(0), std::move(count.error));
+    reply(count.value.value_or(0), count.error);
 }
 
 void TavelinVolume::readSymbolicLink(const fskit::FSItemRef& item, const fskit::NameReply& reply) {
-    OpCounter::shared().hit("readSymbolicLink");
+    countRequest<"readSymbolicLink">();
     if (isNull(item)) {
         reply(std::nullopt, missingItem());
         return;
     }
-    auto target = attempt("readSymbolicLink(_:replyHandler:)",
-                          [&] { return fskit::FSFileName(ntfs->readlink(n(item).ino)); });
-    reply(std::move(target.value), std::move(target.error));
+    const auto target = attempt("readSymbolicLink(_:replyHandler:)",
+                                [&] { return fskit::FSFileName(ntfs->readlink(n(item).ino)); });
+    reply(target.value, target.error);
 }
 
 } // namespace tavelin

@@ -3,8 +3,8 @@
 // A cookie counts positions in a virtual list: "." and ".." (only when no attributes are wanted),
 // then the entries of the directory's snapshot. The verifier is the volume's generation when the
 // snapshot was taken, so a namespace change makes the next page start from a fresh listing.
-#include "diagnostics/op_counter.hpp"
 #include "fskit/private/attempt.hpp"
+#include "fskit/private/count_request.hpp"
 #include "fskit/private/item_type.hpp"
 #include "fskit/tavelin_volume.hpp"
 
@@ -58,20 +58,23 @@ void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, std::
                                 fskit::FSDirectoryEntryPacker& packer) {
     const std::uint64_t offset = withAttributes ? 0 : kDotEntries;
     std::uint64_t position = first;
+    fskit::FSFileName name;
     for (const NTFSDirEntry& entry : listing.page(first)) {
-        std::optional<fskit::FSItemAttributes> attributesOfEntry;
+        std::optional<fskit::FSItemAttributes> found;
         if (withAttributes) {
+            enter(entry.ino, directory.ino);
             try {
-                attributesOfEntry = attributes(*item(entry.ino, directory.ino));
+                describe(entry.ino, directory.ino, found.emplace());
             } catch (const NTFSError&) {
                 // One unreadable item must not hide the rest: it is listed without attributes.
+                found.reset();
             }
         }
         const std::uint64_t next =
             Driver2::DirectorySnapshot::cookie(static_cast<std::int64_t>(position)) + offset;
-        if (!packer.packEntry(fskit::FSFileName(entry.name), fskitType(entry.type),
-                              Driver2::itemID(entry.ino), next,
-                              attributesOfEntry ? &*attributesOfEntry : nullptr)) {
+        name = entry.name;
+        if (!packer.packEntry(name, fskitType(entry.type), Driver2::itemID(entry.ino), next,
+                              found ? &*found : nullptr)) {
             return;
         }
         position++;
@@ -84,12 +87,12 @@ void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
                                        const fskit::FSItemGetAttributesRequest* wanted,
                                        fskit::FSDirectoryEntryPacker& packer,
                                        const fskit::VerifierReply& reply) {
-    OpCounter::shared().hit("enumerateDirectory");
+    countRequest<"enumerateDirectory">();
     if (isNull(directory)) {
         reply(verifier, missingItem());
         return;
     }
-    auto packed = attempt(kOperation, [&] {
+    const auto packed = attempt(kOperation, [&] {
         NItem& folder = n(directory);
         const Snapshot snapshot = listing(folder, startingAt, verifier);
         if (wanted != nullptr) {
@@ -100,7 +103,7 @@ void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
         }
         return snapshot->verifier;
     });
-    reply(packed.value.value_or(verifier), std::move(packed.error));
+    reply(packed.value.value_or(verifier), packed.error);
 }
 
 } // namespace tavelin

@@ -105,7 +105,7 @@ void TavelinVolume::activate(const fskit::FSTaskOptions& options, const fskit::I
                                           {"options", words}});
         return root();
     });
-    reply(std::move(activated.value).value_or(nullptr), std::move(activated.error));
+    reply(std::move(activated.value).value_or(nullptr), activated.error);
 }
 
 void TavelinVolume::mount(const fskit::FSTaskOptions& /*options*/, const fskit::ErrorReply& reply) {
@@ -149,12 +149,12 @@ void TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/,
 }
 
 void TavelinVolume::setVolumeName(const fskit::FSFileName& newName, const fskit::NameReply& reply) {
-    auto done = attempt("setVolumeName(_:replyHandler:)", [&] {
+    const auto done = attempt("setVolumeName(_:replyHandler:)", [&] {
         ntfs->setLabel(name(newName));
         setName(newName);
         return newName;
     });
-    reply(std::move(done.value), std::move(done.error));
+    reply(done.value, done.error);
 }
 
 } // namespace tavelin

@@ -1,6 +1,6 @@
 // Looking names up, making, removing and renaming them.
-#include "diagnostics/op_counter.hpp"
 #include "fskit/private/attempt.hpp"
+#include "fskit/private/count_request.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -8,7 +8,7 @@ namespace tavelin {
 
 void TavelinVolume::lookupItem(const fskit::FSFileName& named, const fskit::FSItemRef& directory,
                                const fskit::NamedItemReply& reply) {
-    OpCounter::shared().hit("lookupItem");
+    countRequest<"lookupItem">();
     if (isNull(directory)) {
         reply(nullptr, {}, missingItem());
         return;
@@ -17,14 +17,14 @@ void TavelinVolume::lookupItem(const fskit::FSFileName& named, const fskit::FSIt
         const std::uint64_t parent = n(directory).ino;
         return item(ntfs->lookup(name(named), parent), parent);
     });
-    reply(std::move(found.value).value_or(nullptr), named, std::move(found.error));
+    reply(std::move(found.value).value_or(nullptr), named, found.error);
 }
 
 void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type,
                                const fskit::FSItemRef& directory,
                                fskit::FSItemSetAttributesRequest& newAttributes,
                                const fskit::NamedItemReply& reply) {
-    OpCounter::shared().hit("createItem");
+    countRequest<"createItem">();
     const bool makesDirectory = type == fskit::FSItemType::directory;
     if (!makesDirectory && type != fskit::FSItemType::file) {
         reply(nullptr, {}, fskit::fs_errorForPOSIXError(kENOTSUP));
@@ -47,7 +47,7 @@ void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType
         changed(folder);
         return fresh;
     });
-    reply(std::move(made.value).value_or(nullptr), named, std::move(made.error));
+    reply(std::move(made.value).value_or(nullptr), named, made.error);
 }
 
 void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
@@ -55,7 +55,7 @@ void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
                                        fskit::FSItemSetAttributesRequest& /*attributes*/,
                                        const fskit::FSFileName& linkContents,
                                        const fskit::NamedItemReply& reply) {
-    OpCounter::shared().hit("createSymbolicLink");
+    countRequest<"createSymbolicLink">();
     if (isNull(directory)) {
         reply(nullptr, {}, missingItem());
         return;
@@ -68,19 +68,19 @@ void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
             changed(folder);
             return item(ino, folder.ino);
         });
-    reply(std::move(made.value).value_or(nullptr), named, std::move(made.error));
+    reply(std::move(made.value).value_or(nullptr), named, made.error);
 }
 
 void TavelinVolume::createLink(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& /*named*/,
                                const fskit::FSItemRef& /*directory*/,
                                const fskit::NameReply& reply) {
-    OpCounter::shared().hit("createLink");
+    countRequest<"createLink">();
     reply(std::nullopt, fskit::fs_errorForPOSIXError(kENOTSUP));
 }
 
 void TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& named,
                                const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) {
-    OpCounter::shared().hit("removeItem");
+    countRequest<"removeItem">();
     if (isNull(directory)) {
         reply(missingItem());
         return;
@@ -98,12 +98,12 @@ void TavelinVolume::renameItem(const fskit::FSItemRef& moved,
                                const fskit::FSFileName& destinationName,
                                const fskit::FSItemRef& destinationDirectory,
                                const fskit::FSItemRef& overItem, const fskit::NameReply& reply) {
-    OpCounter::shared().hit("renameItem");
+    countRequest<"renameItem">();
     if (isNull(sourceDirectory) || isNull(destinationDirectory)) {
         reply(std::nullopt, missingItem());
         return;
     }
-    auto done =
+    const auto done =
         attempt("renameItem(_:inDirectory:named:to:inDirectory:overItem:replyHandler:)", [&] {
             NItem& from = n(sourceDirectory);
             NItem& to = n(destinationDirectory);
@@ -120,7 +120,7 @@ void TavelinVolume::renameItem(const fskit::FSItemRef& moved,
             changed(to);
             return destinationName;
         });
-    reply(std::move(done.value), std::move(done.error));
+    reply(done.value, done.error);
 }
 
 } // namespace tavelin

@@ -1,6 +1,6 @@
 // Extended attributes: named streams.
-#include "diagnostics/op_counter.hpp"
 #include "fskit/private/attempt.hpp"
+#include "fskit/private/count_request.hpp"
 #include "fskit/tavelin_volume.hpp"
 
 namespace tavelin {
@@ -22,21 +22,21 @@ NTFSVolume::XattrPolicy volumePolicy(fskit::FSSetXattrPolicy policy) noexcept {
 
 void TavelinVolume::getXattr(const fskit::FSFileName& named, const fskit::FSItemRef& item,
                              const fskit::DataReply& reply) {
-    OpCounter::shared().hit("getXattr");
+    countRequest<"getXattr">();
     if (isNull(item)) {
         reply({}, missingItem());
         return;
     }
     auto read = attempt("getXattr(named:of:replyHandler:)",
                         [&] { return ntfs->xattr(name(named), n(item).ino); });
-    reply(std::move(read.value).value_or(std::vector<std::byte>()), std::move(read.error));
+    reply(std::move(read.value).value_or(std::vector<std::byte>()), read.error);
 }
 
 void TavelinVolume::setXattr(const fskit::FSFileName& named,
                              const std::optional<std::span<const std::byte>>& value,
                              const fskit::FSItemRef& item, fskit::FSSetXattrPolicy policy,
                              const fskit::ErrorReply& reply) {
-    OpCounter::shared().hit("setXattr");
+    countRequest<"setXattr">();
     if (isNull(item)) {
         reply(missingItem());
         return;
@@ -54,7 +54,7 @@ void TavelinVolume::setXattr(const fskit::FSFileName& named,
 }
 
 void TavelinVolume::listXattrs(const fskit::FSItemRef& item, const fskit::NamesReply& reply) {
-    OpCounter::shared().hit("listXattrs");
+    countRequest<"listXattrs">();
     if (isNull(item)) {
         reply({}, missingItem());
         return;
@@ -66,8 +66,7 @@ void TavelinVolume::listXattrs(const fskit::FSItemRef& item, const fskit::NamesR
         }
         return list;
     });
-    reply(std::move(names.value).value_or(std::vector<fskit::FSFileName>()),
-          std::move(names.error));
+    reply(std::move(names.value).value_or(std::vector<fskit::FSFileName>()), names.error);
 }
 
 } // namespace tavelin

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace tavelin {
 
@@ -58,9 +59,23 @@ Sequence sequenceAt(std::string_view text) noexcept {
     return {length, length == lead.length};
 }
 
+/// The length of the ASCII at the start, in whole words: most names are little else.
+std::size_t asciiWords(std::string_view text) noexcept {
+    constexpr std::uint64_t kNotASCII = 0x8080808080808080;
+    std::size_t length = 0;
+    for (std::uint64_t word = 0; text.size() - length >= sizeof word; length += sizeof word) {
+        std::memcpy(&word, text.data() + length, sizeof word);
+        if ((word & kNotASCII) != 0) {
+            break;
+        }
+    }
+    return length;
+}
+
 } // namespace
 
 bool isUTF8(std::string_view text) noexcept {
+    text.remove_prefix(asciiWords(text));
     while (!text.empty()) {
         const Sequence sequence = sequenceAt(text);
         if (!sequence.whole) {

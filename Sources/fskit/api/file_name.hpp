@@ -7,12 +7,17 @@
 
 namespace fskit {
 
-/// Immutable after construction; compares by its bytes. Every constructor copies and stops at an
-/// embedded NUL.
+/// A value that compares by its bytes. What it is made from is copied, up to the first NUL.
 class FSFileName {
   public:
     FSFileName() = default;
     explicit FSFileName(std::string_view bytes) : data_(bytes.substr(0, bytes.find('\0'))) {}
+
+    /// Becomes another name, in the memory of the one that it was.
+    FSFileName& operator=(std::string_view bytes) {
+        data_.assign(bytes.substr(0, bytes.find('\0')));
+        return *this;
+    }
 
     const std::string& data() const noexcept { return data_; }
     /// The text, absent when the bytes are not valid UTF-8.

@@ -13,8 +13,8 @@ namespace fskit {
 
 using FSResourceRef = std::shared_ptr<FSResource>;
 
-using ProbeReply = std::function<void(FSProbeResult, MaybeError)>;
-using VolumeReply = std::function<void(std::shared_ptr<FSVolume>, MaybeError)>;
+using ProbeReply = std::function<void(FSProbeResult, const MaybeError&)>;
+using VolumeReply = std::function<void(std::shared_ptr<FSVolume>, const MaybeError&)>;
 
 /// One per module process. Probe, load and unload answer their reply exactly once.
 class FSUnaryFileSystem {

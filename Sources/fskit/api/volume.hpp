@@ -30,15 +30,16 @@ namespace fskit {
 using FSItemRef = std::shared_ptr<FSItem>;
 using MaybeError = std::optional<Error>;
 
-using ErrorReply = std::function<void(MaybeError)>;
-using ItemReply = std::function<void(FSItemRef, MaybeError)>;
-using NamedItemReply = std::function<void(FSItemRef, FSFileName, MaybeError)>;
-using NameReply = std::function<void(std::optional<FSFileName>, MaybeError)>;
-using AttributesReply = std::function<void(std::optional<FSItemAttributes>, MaybeError)>;
-using VerifierReply = std::function<void(FSDirectoryVerifier, MaybeError)>;
-using CountReply = std::function<void(std::size_t, MaybeError)>;
-using DataReply = std::function<void(std::vector<std::byte>, MaybeError)>;
-using NamesReply = std::function<void(std::vector<FSFileName>, MaybeError)>;
+using ErrorReply = std::function<void(const MaybeError&)>;
+using ItemReply = std::function<void(FSItemRef, const MaybeError&)>;
+using NamedItemReply = std::function<void(FSItemRef, const FSFileName&, const MaybeError&)>;
+using NameReply = std::function<void(const std::optional<FSFileName>&, const MaybeError&)>;
+using AttributesReply =
+    std::function<void(const std::optional<FSItemAttributes>&, const MaybeError&)>;
+using VerifierReply = std::function<void(FSDirectoryVerifier, const MaybeError&)>;
+using CountReply = std::function<void(std::size_t, const MaybeError&)>;
+using DataReply = std::function<void(std::vector<std::byte>, const MaybeError&)>;
+using NamesReply = std::function<void(std::vector<FSFileName>, const MaybeError&)>;
 
 /// Base of all volumes: identity and name.
 class FSVolume {
