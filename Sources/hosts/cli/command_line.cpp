@@ -192,7 +192,9 @@ int runCommandLine(int argc, char** argv) {
         status = parseAndRun(app, words);
     } catch (const Failure& failure) {
         status = failure.status();
-        tell(failure.what());
+        if (*failure.what() != '\0') {
+            tell(failure.what());
+        }
     } catch (const fskit::Error& error) {
         status = ExitStatus::failed;
         tell(error.localizedDescription());

@@ -8,6 +8,9 @@ namespace {
 constexpr std::string_view kLook = "Look at a volume";
 constexpr std::string_view kCopy = "Copy in and out";
 constexpr std::string_view kChange = "Change a volume";
+#ifdef TAVELIN_FUSE
+constexpr std::string_view kMount = "Mount";
+#endif
 constexpr std::string_view kDiagnose = "Find out what happened";
 
 constexpr std::array kCommands{
@@ -73,6 +76,16 @@ constexpr std::array kCommands{
             "label disk.img\n"
             "label disk.img \"Holiday photos\"",
             defineLabel},
+#ifdef TAVELIN_FUSE
+    Command{"mount", kMount, "Make a volume's files appear below a directory",
+            "[-o OPTIONS] [-r] [--foreground] [--trace] IMAGE DIR",
+            "mount disk.img ~/disk\n"
+            "mount -o ro,allow_other /dev/sdb1 /media/old\n"
+            "mount --foreground --trace disk.img ~/disk  ## shows every request",
+            defineMount},
+    Command{"umount", kMount, "Write everything out and take the volume away again", "DIR",
+            "umount ~/disk", defineUnmount},
+#endif
     Command{"events", kDiagnose, "Show the module's event log",
             "[--follow] [--since OFFSET] [--json]",
             "events\n"
