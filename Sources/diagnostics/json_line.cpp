@@ -12,42 +12,56 @@ using nlohmann::json;
 
 struct NotJson {};
 
-json jsonOf(const FieldValue& value);
-
-struct Converter {
-    json operator()(const FieldValue::Map& map) const {
-        json object = json::object();
+// Lists and objects are put together here: the library's own need memory to be destroyed, and
+// without it end the process.
+class Writer {
+  public:
+    void operator()(const FieldValue::Map& map) {
+        text_ += '{';
         for (const auto& [key, entry] : map) {
-            object[key] = jsonOf(entry);
+            separate('{');
+            (*this)(key);
+            text_ += ':';
+            std::visit(*this, entry.storage());
         }
-        return object;
+        text_ += '}';
     }
-    json operator()(const FieldValue::List& list) const {
-        json array = json::array();
+    void operator()(const FieldValue::List& list) {
+        text_ += '[';
         for (const FieldValue& entry : list) {
-            array.push_back(jsonOf(entry));
+            separate('[');
+            std::visit(*this, entry.storage());
         }
-        return array;
+        text_ += ']';
     }
-    json operator()(double number) const {
+    void operator()(double number) {
         if (!std::isfinite(number)) {
             throw NotJson{};
         }
-        return number;
+        text_ += json(number).dump();
     }
-    json operator()(Date) const { throw NotJson{}; }
-    json operator()(const auto& plain) const { return plain; }
-};
+    void operator()(Date) { throw NotJson{}; }
+    void operator()(const auto& plain) { text_ += json(plain).dump(); }
 
-json jsonOf(const FieldValue& value) {
-    return std::visit(Converter{}, value.storage());
-}
+    std::string take() { return std::move(text_); }
+
+  private:
+    void separate(char opening) {
+        if (text_.back() != opening) {
+            text_ += ',';
+        }
+    }
+
+    std::string text_;
+};
 
 } // namespace
 
 std::optional<std::string> jsonLine(const Fields& record) {
     try {
-        return Converter{}(record).dump() + '\n';
+        Writer writer;
+        writer(record);
+        return writer.take() + '\n';
     } catch (const NotJson&) {
         return std::nullopt;
     } catch (const json::exception&) {

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 #include <optional>
 
 namespace tavelin::test {
@@ -66,33 +67,6 @@ struct Rig {
     std::shared_ptr<RecordingResource> disk;
     ModuleHost host;
 };
-
-bool isTouched(const Operation& request, const std::string& path) {
-    return std::find(request.touches.begin(), request.touches.end(), path) != request.touches.end();
-}
-
-// What of `wanted` is not so in `found`; paths that the request changes only when asked for.
-std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& found,
-                                      const Operation& request, bool touchedToo) {
-    for (const auto& [path, entry] : wanted.entries) {
-        const auto at = found.entries.find(path);
-        if (!touchedToo && isTouched(request, path)) {
-            continue;
-        }
-        if (at == found.entries.end()) {
-            return path + " is lost";
-        }
-        if (!entry.sameContent(at->second)) {
-            return path + " differs";
-        }
-    }
-    for (const auto& [path, entry] : found.entries) {
-        if (!wanted.entries.contains(path) && (touchedToo || !isTouched(request, path))) {
-            return path + " is strange";
-        }
-    }
-    return std::nullopt;
-}
 
 // One run of a request on a failing device: what happened, and the complaints about it.
 class Rung {

@@ -3,6 +3,7 @@
 #include "hosts/module/paths.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace tavelin::test {
@@ -44,6 +45,10 @@ void readStreams(VolumeClient& volume) {
     expect(volume.getXattr(file, "kept").get().size() == 2000, "read stream");
 }
 
+bool isTouched(const Operation& request, const std::string& path) {
+    return std::find(request.touches.begin(), request.touches.end(), path) != request.touches.end();
+}
+
 } // namespace
 
 const std::vector<Operation>& allRequests() {
@@ -75,6 +80,28 @@ const std::vector<Operation>& allRequests() {
         return all;
     }();
     return requests;
+}
+
+std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& found,
+                                      const Operation& request, bool touchedToo) {
+    for (const auto& [path, entry] : wanted.entries) {
+        const auto at = found.entries.find(path);
+        if (!touchedToo && isTouched(request, path)) {
+            continue;
+        }
+        if (at == found.entries.end()) {
+            return path + " is lost";
+        }
+        if (!entry.sameContent(at->second)) {
+            return path + " differs";
+        }
+    }
+    for (const auto& [path, entry] : found.entries) {
+        if (!wanted.entries.contains(path) && (touchedToo || !isTouched(request, path))) {
+            return path + " is strange";
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace tavelin::test

@@ -92,8 +92,12 @@ bool CapturedLog::isEnabled(LogLevel level, std::string_view, std::string_view) 
 void CapturedLog::write(LogLevel level, std::string_view, std::string_view category,
                         std::string_view message) noexcept {
     MutexLock lock(mutex_);
-    lines_.push_back(std::string(level == LogLevel::kInfo ? "info " : "error ") +
-                     std::string(category) + ": " + std::string(message));
+    try {
+        lines_.push_back(std::string(level == LogLevel::kInfo ? "info " : "error ") +
+                         std::string(category) + ": " + std::string(message));
+    } catch (const std::bad_alloc&) {
+        // Dropped, as the contract says.
+    }
 }
 
 void CapturedLog::setInfoEnabled(bool enabled) {

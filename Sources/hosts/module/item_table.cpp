@@ -3,6 +3,7 @@
 #include "platform/checked.hpp"
 
 #include <algorithm>
+#include <new>
 
 namespace tavelin {
 
@@ -62,8 +63,12 @@ void ItemTable::drop(detail::ItemEntry& entry) {
     if (--entry.count > 0 || closed_) {
         return;
     }
+    try {
+        dropped_.push_back({&entry, nextTicket_});
+    } catch (const std::bad_alloc&) {
+        return; // without memory to note it the item stays with the volume until it is closed
+    }
     ++entry.drops;
-    dropped_.push_back({&entry, nextTicket_});
     reclaimDropped();
 }
 

@@ -1,0 +1,158 @@
+// Every allocation that a request makes, on its way through host, front end, core and bridge, fails
+// in turn.
+#include "crash/snapshot.hpp"
+#include "fault/requests.hpp"
+#include "hosts/module/module_host.hpp"
+#include "platform/error_numbers.hpp"
+#include "support/replaced_services.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <new>
+#include <optional>
+
+namespace {
+
+// The thread's allocations until one fails; 0: none does.
+thread_local std::uint64_t untilFailure = 0;
+thread_local std::uint64_t failed = 0;
+
+void* allocate(std::size_t bytes) noexcept {
+    if (untilFailure != 0 && --untilFailure == 0) {
+        failed++;
+        return nullptr;
+    }
+    return std::malloc(bytes == 0 ? 1 : bytes);
+}
+
+void* allocateOrThrow(std::size_t bytes) {
+    if (void* memory = allocate(bytes)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+} // namespace
+
+void* operator new(std::size_t bytes) {
+    return allocateOrThrow(bytes);
+}
+void* operator new[](std::size_t bytes) {
+    return allocateOrThrow(bytes);
+}
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+    return allocate(bytes);
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+    return allocate(bytes);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace tavelin::test {
+namespace {
+
+const Bytes& base() {
+    static const Bytes image = preparedVolume();
+    return image;
+}
+
+// Runs `work` with the allocation numbered `which` failing; false when it asked for fewer. What it
+// answers for want of memory is for it to choose.
+template<typename Work>
+bool withFailure(std::uint64_t which, bool& done, Work&& work) {
+    failed = 0;
+    done = false;
+    untilFailure = which;
+    try {
+        work();
+        done = true;
+    } catch (const std::bad_alloc&) {
+        // The host itself had no memory left.
+    } catch (const fskit::Error& error) {
+        EXPECT_NE(error.code(), 0);
+    } catch (const OpenError& error) {
+        EXPECT_NE(error.code(), 0);
+    }
+    untilFailure = 0;
+    return failed > 0;
+}
+
+Snapshot contentAfter(const Operation& request) {
+    ModuleHost host(std::make_shared<RecordingResource>(base()));
+    host.open();
+    request.run(host.volume());
+    return takeSnapshot(host.volume());
+}
+
+class NoMemory : public ::testing::Test {
+  protected:
+    const ReplacedServices services; // no flush but those that are asked for
+};
+
+TEST_F(NoMemory, EveryRequest) {
+    std::uint64_t runs = 0;
+    for (const Operation& request : allRequests()) {
+        const Snapshot wanted = contentAfter(request);
+        bool met = true;
+        for (std::uint64_t which = 1; met; which++) {
+            SCOPED_TRACE(request.name + ", allocation " + std::to_string(which));
+            ModuleHost host(std::make_shared<RecordingResource>(base()));
+            host.open();
+            bool done = false;
+            met = withFailure(which, done, [&] { request.run(host.volume()); });
+            if (!done) {
+                try {
+                    request.run(host.volume());
+                    done = true;
+                } catch (const fskit::Error& error) {
+                    // The first try may have come as far as the name.
+                    EXPECT_TRUE(error.code() == kEEXIST || error.code() == kENOENT) << error.what();
+                }
+            }
+            host.volume().synchronize().get();
+            const Snapshot found = takeSnapshot(host.volume());
+            EXPECT_EQ(difference(wanted, found, request, done).value_or(""), "");
+            host.close().get();
+            ASSERT_FALSE(HasFailure());
+            runs++;
+        }
+    }
+    std::cout << runs << " allocations of requests failed\n";
+}
+
+TEST_F(NoMemory, OpeningAndClosing) {
+    bool met = true;
+    std::uint64_t which = 0;
+    while (met) {
+        SCOPED_TRACE(++which);
+        ModuleHost host(std::make_shared<RecordingResource>(base()));
+        bool done = false;
+        met = withFailure(which, done, [&] {
+            host.open();
+            host.volume().synchronize().get();
+            host.close().get();
+        });
+        if (host.isLoaded()) {
+            host.close().get();
+        }
+        host.open();
+        host.close().get();
+    }
+    std::cout << which << " allocations of opening and closing failed\n";
+}
+
+} // namespace
+} // namespace tavelin::test
