@@ -43,7 +43,11 @@ bool is_link(ntfs_inode* inode) noexcept {
 }
 
 c_string reparse_target(ntfs_inode* inode) noexcept {
-    return c_string(is_reparse_point(inode) ? ntfs_make_symlink(inode, "") : nullptr);
+    if (!is_reparse_point(inode)) {
+        return nullptr;
+    }
+    c_string target = exact_relative_target(inode);
+    return target ? std::move(target) : c_string(ntfs_make_symlink(inode, ""));
 }
 
 } // namespace ntb

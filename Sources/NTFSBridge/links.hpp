@@ -22,4 +22,8 @@ bool is_link(ntfs_inode* inode) noexcept;
 // The target in UTF-8 of a reparse point that is a symbolic link or a junction; else null.
 c_string reparse_target(ntfs_inode* inode) noexcept;
 
+// The same for a relative symbolic link whose target exists just as it is written; null for any
+// other.
+c_string exact_relative_target(ntfs_inode* link) noexcept;
+
 } // namespace ntb

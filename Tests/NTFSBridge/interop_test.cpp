@@ -123,11 +123,14 @@ void makeWithDriver(const DriverMount& driver) {
     driver.make(std::string(255, 'n'));
     fs::create_hard_link(driver.path("streams"), driver.path("second name"));
     fs::create_symlink("streams", driver.path("interix"));
-    for (const char* const name : {"relative", "absolute", "itself", "dedup"}) {
+    for (const char* const name :
+         {"relative", "compressed/upwards", "absolute", "itself", "dedup"}) {
         driver.make(name);
     }
     fs::create_directory(driver.path("junction"));
     driver.set("relative", "system.ntfs_reparse_data", symlinkData("compressed\\file", true));
+    driver.set("compressed/upwards", "system.ntfs_reparse_data",
+               symlinkData("..\\..\\compressed\\file", true));
     driver.set("absolute", "system.ntfs_reparse_data", symlinkData("\\??\\C:\\streams", false));
     driver.set("itself", "system.ntfs_reparse_data", symlinkData("itself", true));
     driver.set("junction", "system.ntfs_reparse_data", junctionData("C:\\compressed"));
@@ -172,14 +175,13 @@ TEST(Interop, WhatTheDriverWroteIsRead) {
     EXPECT_EQ(volume.attributes(volume.find("streams")).link_count, 2u);
     EXPECT_EQ(volume.find("LONGNA~1.TXT"), volume.find("Long name with an alias.text"));
 
-    const std::pair<const char*, const char*> links[] = {{"relative", "compressed/file"},
-                                                         {"absolute", "/streams"},
-                                                         {"itself", "itself"},
-                                                         {"junction", "/compressed"},
-                                                         {"interix", "streams"}};
+    const std::pair<const char*, const char*> links[] = {
+        {"/relative", "compressed/file"}, {"/compressed/upwards", "../../compressed/file"},
+        {"/absolute", "/streams"},        {"/itself", "itself"},
+        {"/junction", "/compressed"},     {"/interix", "streams"}};
     for (const auto& [name, target] : links) {
         SCOPED_TRACE(name);
-        const uint64_t ino = volume.find(name);
+        const uint64_t ino = volume.resolve(name);
         EXPECT_EQ(volume.readlink(ino), target);
         attr = volume.attributes(ino);
         EXPECT_EQ(attr.type, uint32_t{NTB_TYPE_SYMLINK});
