@@ -27,8 +27,8 @@ class FaultyResource final : public HostResource {
 
     /// What becomes of a call. Without a fault it is carried out as it is.
     struct Fault {
-        std::optional<fskit::Error> error; ///< nothing is transferred, the call throws this
-        std::optional<std::size_t> bytes;  ///< a direct read or write transfers at most as many
+        std::optional<fskit::Error> error{}; ///< nothing is transferred, the call throws this
+        std::optional<std::size_t> bytes{};  ///< a direct read or write transfers at most as many
     };
 
     using Hook = std::function<Fault(const Transfer&)>;

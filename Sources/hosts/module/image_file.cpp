@@ -22,6 +22,8 @@ namespace {
 
 using Reason = OpenError::Reason;
 
+constexpr const char* kNoDevice = "neither a disk image nor a block device";
+
 [[noreturn]] void cannotOpen(const std::string& path, int error) {
     const std::int32_t code = fromHost(error);
     switch (error) {
@@ -31,6 +33,8 @@ using Reason = OpenError::Reason;
     case EACCES:
     case EPERM:
         throw OpenError(Reason::permission, code, path, "you may not open it");
+    case EISDIR:
+        throw OpenError(Reason::notBlockDevice, code, path, kNoDevice);
     case EBUSY:
     case EAGAIN:
         throw OpenError(Reason::inUse, code, path, "another program is using it");
@@ -112,8 +116,7 @@ void ImageFile::measure(const std::string& path) {
         return;
     }
     if (!S_ISBLK(status.st_mode)) {
-        throw OpenError(Reason::notBlockDevice, kENOTBLK, path,
-                        "neither a disk image nor a block device");
+        throw OpenError(Reason::notBlockDevice, kENOTBLK, path, kNoDevice);
     }
     const off_t end = ::lseek(descriptor_, 0, SEEK_END);
     if (end < 0) {
