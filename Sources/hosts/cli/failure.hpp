@@ -16,8 +16,8 @@ enum class ExitStatus : int {
     wrongUsage = 2,
 };
 
-/// Thrown by commands and shown by runCommandLine() behind "tavelin COMMAND: "; with an empty message
-/// for what has been told already.
+/// Thrown by commands and shown by runCommandLine() behind "tavelin COMMAND: "; with an empty
+/// message for what has been told already.
 class Failure : public std::runtime_error {
   public:
     explicit Failure(const std::string& message, ExitStatus status = ExitStatus::failed)
