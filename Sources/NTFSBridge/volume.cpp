@@ -3,6 +3,7 @@
 
 #include "NTFSBridge/block_io.hpp"
 #include "NTFSBridge/device_table.hpp"
+#include "NTFSBridge/mft_mirror.hpp"
 
 #include <mutex>
 #include <new>
@@ -82,6 +83,48 @@ int32_t mount(ntb_vol& vol) noexcept {
     return 0;
 }
 
+// Mounts a volume with a context of its own, so that nothing stays cached from an earlier try.
+ntb_vol* mount_once(const ntb_io& io, int32_t read_only, int32_t& error) noexcept {
+    error = 0;
+    std::unique_ptr<ntb_vol> vol(new (std::nothrow) ntb_vol);
+    if (!vol) {
+        error = ENOMEM;
+        return nullptr;
+    }
+    vol->context.reset(new (std::nothrow) ntb_devctx(io, read_only != 0, vol->stats));
+    if (!vol->context) {
+        error = ENOMEM;
+        return nullptr;
+    }
+    vol->io = io;
+    vol->read_only = read_only != 0 ? 1 : 0;
+    if (!read_boot_sector(io, vol->serial)) {
+        error = EINVAL;
+        return nullptr;
+    }
+    (void)vol->context->cache.enable(); // without memory for it the volume works uncached
+    error = mount(*vol);
+    return error == 0 ? vol.release() : nullptr;
+}
+
+// A power cut between two writes can leave a volume that the library refuses only because $MFTMirr
+// differs from $MFT. Whether that is all that is wrong is tried first on a view of the device, so
+// that a volume that then still does not mount is not written to.
+bool end_mirror_mismatch(const ntb_io& io) noexcept {
+    mft_mirror mirror(io);
+    if (!mirror.can_agree()) {
+        return false;
+    }
+    const ntb_io view = mirror.preview();
+    int32_t error = 0;
+    ntb_vol* const trial = mount_once(view, 0, error);
+    if (trial == nullptr || ntb_is_readonly(trial) != 0) {
+        (void)ntb_umount(trial);
+        return false;
+    }
+    return ntb_umount(trial) == 0 && mirror.agree() == 0;
+}
+
 } // namespace
 
 int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept {
@@ -113,26 +156,11 @@ int32_t ntb_probe(const ntb_io* io, uint64_t* serial) {
 }
 
 ntb_vol* ntb_mount(const ntb_io* io, int32_t read_only, int32_t* error) {
-    *error = 0;
-    std::unique_ptr<ntb_vol> vol(new (std::nothrow) ntb_vol);
-    if (!vol) {
-        *error = ENOMEM;
-        return nullptr;
+    ntb_vol* const vol = mount_once(*io, read_only, *error);
+    if (vol == nullptr && *error == EIO && read_only == 0 && end_mirror_mismatch(*io)) {
+        return mount_once(*io, read_only, *error);
     }
-    vol->context.reset(new (std::nothrow) ntb_devctx(*io, read_only != 0, vol->stats));
-    if (!vol->context) {
-        *error = ENOMEM;
-        return nullptr;
-    }
-    vol->io = *io;
-    vol->read_only = read_only != 0 ? 1 : 0;
-    if (!read_boot_sector(*io, vol->serial)) {
-        *error = EINVAL;
-        return nullptr;
-    }
-    (void)vol->context->cache.enable(); // without memory for it the volume works uncached
-    *error = mount(*vol);
-    return *error == 0 ? vol.release() : nullptr;
+    return vol;
 }
 
 int32_t ntb_umount(ntb_vol* vol) {
