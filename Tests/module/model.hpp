@@ -42,8 +42,8 @@ class Model {
 
     bool has(const std::string& path) const { return find(path).node != nullptr; }
 
-    // Says how `seen` differs from what the item at `path` must be; empty when it agrees. Takes over
-    // times that were known only by their bounds.
+    // Says how `seen` differs from what the item at `path` must be; empty when it agrees. Takes
+    // over times that were known only by their bounds.
     std::string disagreement(const std::string& path, const ItemState& seen);
 
   private:

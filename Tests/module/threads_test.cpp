@@ -1,5 +1,5 @@
 // Several threads on one volume: each with a tree and a model of its own, which must agree whatever
-// the others do; and all of them in one directory, where what is seen must be somebody's whole work.
+// the others do; and all of them in one directory, where what is seen must be whole work.
 
 #include "own_group.hpp"
 #include "system.hpp"

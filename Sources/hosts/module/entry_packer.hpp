@@ -22,8 +22,8 @@ struct DirectoryEntry {
     std::optional<fskit::FSItemAttributes> attributes;
 };
 
-/// A page of limited size: an entry costs kEntryBytes, its name's bytes, and kAttributeBytes when it
-/// comes with attributes. The first entry of a page always fits, so that every page advances.
+/// A page of limited size: an entry costs kEntryBytes, its name's bytes, and kAttributeBytes when
+/// it comes with attributes. The first entry of a page always fits, so that every page advances.
 /// Used by one thread at a time.
 class EntryPacker final : public fskit::FSDirectoryEntryPacker {
   public:

@@ -23,8 +23,8 @@ class HostResource : public fskit::FSBlockDeviceResource {
     [[nodiscard]] virtual std::optional<fskit::Error> reachMedium() = 0;
 };
 
-/// A resource over a disk-image file or a block-device node. Sizes and offsets are bytes; errors are
-/// POSIX ones, in macOS numbers. Any thread may call anything; overlapping transfers are the
+/// A resource over a disk-image file or a block-device node. Sizes and offsets are bytes; errors
+/// are POSIX ones, in macOS numbers. Any thread may call anything; overlapping transfers are the
 /// callers' business.
 class ImageResource final : public HostResource {
   public:

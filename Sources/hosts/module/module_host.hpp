@@ -17,8 +17,8 @@
 /// A step out of turn is a fault of the host and stops the process. Several hosts may live in one
 /// process, each with a module and a volume of its own.
 ///
-/// The steps are for one thread at a time, and no request may be in flight while unmount, deactivate
-/// or unload run; the requests of volume() are for any thread.
+/// The steps are for one thread at a time, and no request may be in flight while unmount,
+/// deactivate or unload run; the requests of volume() are for any thread.
 ///
 /// Durability: where a waiting synchronise, unload or close has answered success, everything that
 /// was answered before it has reached the medium of the image, beyond the host's caches.

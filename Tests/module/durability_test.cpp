@@ -1,0 +1,139 @@
+// What the module host adds to the volume's own care for its data: success means the medium, a lost
+// device is reported to the last, and reading leaves an image as it is.
+
+#include "own_group.hpp"
+
+#include "diagnostics/event_log.hpp"
+#include "hosts/module/faulty_resource.hpp"
+#include "hosts/module/module_host.hpp"
+#include "hosts/module/paths.hpp"
+#include "platform/error_numbers.hpp"
+#include "support/replaced_services.hpp"
+#include "support/sample_volume.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace tavelin::test {
+
+namespace {
+
+using Call = FaultyResource::Call;
+using Type = fskit::FSItemType;
+
+const std::vector<std::byte> kContent(100'000, std::byte{'c'});
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) {
+        ++count;
+    }
+    return count;
+}
+
+// The medium is pulled out while there is work to write back.
+TEST(LostDevice, IsReportedByEveryRequestAndTheDiagnostics) {
+    const ReplacedServices noTimer; // only the requests themselves reach the device
+    const SampleVolume sample;
+    const auto image = std::make_shared<ImageResource>(sample.image());
+    ModuleHost host(image);
+    host.open();
+    const auto logStart = events().read(0).offset;
+    {
+        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get();
+        image->revoke();
+        (void)host.volume().write(file, 0, kContent);
+        for (int i = 0; i < 30; ++i) {
+            const auto answer = host.volume().synchronize();
+            ASSERT_FALSE(answer);
+            EXPECT_TRUE(answer.error().code() == kENXIO || answer.error().code() == kEIO);
+        }
+    }
+    EXPECT_FALSE(host.close());
+    EXPECT_FALSE(host.isLoaded());
+    const std::string log = events().read(logStart).text;
+    EXPECT_EQ(occurrences(log, "\"ev\":\"device_error\""), 20u);
+    EXPECT_EQ(occurrences(log, "\"ev\":\"unload\""), 1u);
+    EXPECT_EQ(occurrences(log, "\"ok\":false"), 1u);
+}
+
+// Success is only answered once the image itself has been flushed, after all writes to it.
+TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
+    const ReplacedServices noTimer;
+    const SampleVolume sample;
+    std::vector<Call> calls;
+    bool fails = false;
+    ModuleHost host(std::make_shared<FaultyResource>(
+        std::make_shared<ImageResource>(sample.image()), [&](const auto& transfer) {
+            calls.push_back(transfer.call);
+            const bool failing = fails && transfer.call == Call::reachMedium;
+            return failing ? FaultyResource::Fault{.error = fskit::fs_errorForPOSIXError(kEIO)}
+                           : FaultyResource::Fault{};
+        }));
+    const auto flushes = [&] { return std::count(calls.begin(), calls.end(), Call::reachMedium); };
+    host.open();
+    {
+        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get();
+        const auto write = [&] { (void)host.volume().write(file, 0, kContent).get(); };
+        write();
+        calls.clear();
+        EXPECT_TRUE(host.volume().synchronize(fskit::FSSyncFlags::noWait));
+        EXPECT_EQ(flushes(), 0);
+        EXPECT_TRUE(host.volume().synchronize());
+        EXPECT_EQ(flushes(), 1);
+        EXPECT_EQ(calls.back(), Call::reachMedium);
+        EXPECT_EQ(calls.front(), Call::write);
+        fails = true;
+        write();
+        EXPECT_FALSE(host.volume().synchronize());
+        fails = false;
+        write();
+    }
+    calls.clear();
+    EXPECT_TRUE(host.close());
+    EXPECT_EQ(calls.back(), Call::reachMedium);
+
+    host.open();
+    fails = true;
+    EXPECT_FALSE(host.close());
+    EXPECT_FALSE(host.isLoaded());
+}
+
+// A file that begins as a hibernation image does.
+void addFile(const std::filesystem::path& image, const char* name) {
+    const auto host = ModuleHost::openImage(image);
+    VolumeClient& volume = host->volume();
+    std::vector<std::byte> content = kContent;
+    std::copy_n(std::as_bytes(std::span("hibr")).begin(), 4, content.begin());
+    (void)volume.write(volume.create(volume.root(), name, Type::file).get(), 0, content).get();
+    host->close().get();
+}
+
+TEST(ReadOnly, ByRequestOrFallbackLeavesTheImageByteIdentical) {
+    const SampleVolume sample;
+    for (const bool hibernated : {false, true}) {
+        addFile(sample.image(), hibernated ? "hiberfil.sys" : "kept");
+        const std::string before = readFile(sample.image());
+
+        const auto reader = ModuleHost::openImage(
+            sample.image(), hibernated ? ModuleHost::Words{} : ModuleHost::Words{"-o", "ro"});
+        EXPECT_TRUE(reader->volume().isReadOnly());
+        EXPECT_EQ(reader->fellBackToReadOnly(), hibernated);
+        const auto everything = [](const std::string&, const DirectoryEntry&) { return true; };
+        EXPECT_TRUE(walk(reader->volume(), reader->volume().root(), everything));
+        {
+            const Found kept = resolve(reader->volume(), "kept").get();
+            EXPECT_EQ(kept.attributes.size(), kContent.size());
+            const auto refused = reader->volume().write(kept.item, 0, kContent);
+            ASSERT_FALSE(refused);
+            EXPECT_EQ(refused.error().code(), kEROFS);
+        }
+        EXPECT_TRUE(reader->close());
+        EXPECT_TRUE(readFile(sample.image()) == before);
+    }
+}
+
+} // namespace
+
+} // namespace tavelin::test
