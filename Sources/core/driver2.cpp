@@ -1,6 +1,5 @@
 #include "core/driver2.hpp"
 
-#include "core/ntfs_volume.hpp"
 #include "platform/checked.hpp"
 
 #include <algorithm>
@@ -10,7 +9,6 @@ namespace tavelin::Driver2 {
 
 namespace {
 
-constexpr std::uint64_t kRootItemID = 2;
 constexpr std::string_view kOptionFlag = "-o";
 
 // The low bits of FSKit's synchronise flags.
@@ -86,14 +84,6 @@ std::string describe(std::int32_t code) {
     default:
         return "errno_" + std::to_string(code);
     }
-}
-
-std::uint64_t itemID(std::uint64_t ino) noexcept {
-    return ino == NTFSVolume::kRootIno ? kRootItemID : ino;
-}
-
-std::uint64_t ino(std::uint64_t itemID) noexcept {
-    return itemID == kRootItemID ? NTFSVolume::kRootIno : itemID;
 }
 
 std::uint32_t mode(NTFSItemType type) noexcept {

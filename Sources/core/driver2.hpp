@@ -6,6 +6,7 @@
 #pragma once
 
 #include "core/ntfs_error.hpp"
+#include "core/ntfs_volume.hpp"
 #include "core/values.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/information_dictionary.hpp"
@@ -82,8 +83,13 @@ template<typename Open>
 
 /// The host's identifier of an item: its inode number, except that the root directory is 2. Inode
 /// 2 is a system file that is never an item, so the two mappings are inverse.
-[[nodiscard]] std::uint64_t itemID(std::uint64_t ino) noexcept;
-[[nodiscard]] std::uint64_t ino(std::uint64_t itemID) noexcept;
+inline constexpr std::uint64_t kRootItemID = 2;
+[[nodiscard]] constexpr std::uint64_t itemID(std::uint64_t ino) noexcept {
+    return ino == NTFSVolume::kRootIno ? kRootItemID : ino;
+}
+[[nodiscard]] constexpr std::uint64_t ino(std::uint64_t itemID) noexcept {
+    return itemID == kRootItemID ? NTFSVolume::kRootIno : itemID;
+}
 
 /// Type and permission bits of an item. NTFS has no POSIX permissions: everybody may do everything.
 [[nodiscard]] std::uint32_t mode(NTFSItemType type) noexcept;

@@ -166,8 +166,8 @@ class TavelinVolume final : public fskit::FSVolume,
 
     const std::shared_ptr<NItem>& itemLocked(std::uint64_t ino, std::uint64_t parent)
         TAVELIN_REQUIRES(items);
-    /// item(), without giving it to anybody.
-    void enter(std::uint64_t ino, std::uint64_t parent) TAVELIN_EXCLUDES(items);
+    /// item() for each of the entries, under one lock and without giving the items to anybody.
+    void enter(std::span<const NTFSDirEntry> entries, std::uint64_t parent) TAVELIN_EXCLUDES(items);
     /// Fills in the attributes of an item that is reached through `parent`.
     void describe(std::uint64_t ino, std::uint64_t parent, fskit::FSItemAttributes& result) const;
     /// Takes the entry of this very object out of the registry, if it is there.

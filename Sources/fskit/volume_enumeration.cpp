@@ -59,25 +59,28 @@ void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, std::
     const std::uint64_t offset = withAttributes ? 0 : kDotEntries;
     std::uint64_t position = first;
     fskit::FSFileName name;
+    fskit::FSItemAttributes memory; // of the entry at hand, filled anew for each
     for (const NTFSDirEntry& entry : listing.page(first)) {
-        std::optional<fskit::FSItemAttributes> found;
+        const fskit::FSItemAttributes* found = nullptr;
         if (withAttributes) {
-            enter(entry.ino, directory.ino);
             try {
-                describe(entry.ino, directory.ino, found.emplace());
+                describe(entry.ino, directory.ino, memory);
+                found = &memory;
             } catch (const NTFSError&) {
                 // One unreadable item must not hide the rest: it is listed without attributes.
-                found.reset();
             }
         }
         const std::uint64_t next =
             Driver2::DirectorySnapshot::cookie(static_cast<std::int64_t>(position)) + offset;
         name = entry.name;
-        if (!packer.packEntry(name, fskitType(entry.type), Driver2::itemID(entry.ino), next,
-                              found ? &*found : nullptr)) {
-            return;
-        }
         position++;
+        if (!packer.packEntry(name, fskitType(entry.type), Driver2::itemID(entry.ino), next,
+                              found)) {
+            break;
+        }
+    }
+    if (withAttributes) {
+        enter(listing.page(first).first(position - first), directory.ino);
     }
 }
 

@@ -32,7 +32,7 @@ fskit::Error TavelinVolume::missingItem() {
 const std::shared_ptr<NItem>& TavelinVolume::itemLocked(std::uint64_t ino, std::uint64_t parent) {
     std::shared_ptr<NItem>& entry = registry_[ino];
     if (entry) {
-        entry->parent = parent;
+        entry->parent.store(parent, std::memory_order_relaxed);
     } else {
         entry = std::make_shared<NItem>(ino, parent);
     }
@@ -44,9 +44,11 @@ std::shared_ptr<NItem> TavelinVolume::item(std::uint64_t ino, std::uint64_t pare
     return itemLocked(ino, parent);
 }
 
-void TavelinVolume::enter(std::uint64_t ino, std::uint64_t parent) {
+void TavelinVolume::enter(std::span<const NTFSDirEntry> entries, std::uint64_t parent) {
     const MutexLock held(items);
-    itemLocked(ino, parent);
+    for (const NTFSDirEntry& entry : entries) {
+        itemLocked(entry.ino, parent);
+    }
 }
 
 std::shared_ptr<NItem> TavelinVolume::root() {

@@ -5,39 +5,52 @@
 
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace fskit {
 
 inline constexpr std::string_view NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr std::string_view FSKitErrorDomain = "FSKitErrorDomain";
 
-/// A value; also thrown where FSKit's Objective-C form has an error out-parameter.
+/// A value; also thrown where FSKit's Objective-C form has an error out-parameter. Copies share
+/// what they say and are cheap; copying never fails.
 class Error : public std::exception {
   public:
     Error(std::string_view domain, std::int64_t code, std::string localizedDescription)
-        : domain_(domain), code_(code), localizedDescription_(std::move(localizedDescription)) {}
+        : content_(std::make_shared<const Content>(
+              Content{std::string(domain), code, std::move(localizedDescription)})) {}
+    // Without moves: there is no such thing as an error that says nothing.
+    Error(const Error&) = default;
+    Error& operator=(const Error&) = default;
 
-    const std::string& domain() const noexcept { return domain_; }
-    std::int64_t code() const noexcept { return code_; }
-    const std::string& localizedDescription() const noexcept { return localizedDescription_; }
-    const char* what() const noexcept override { return localizedDescription_.c_str(); }
+    const std::string& domain() const noexcept { return content_->domain; }
+    std::int64_t code() const noexcept { return content_->code; }
+    const std::string& localizedDescription() const noexcept {
+        return content_->localizedDescription;
+    }
+    const char* what() const noexcept override { return localizedDescription().c_str(); }
 
-    bool isPOSIX() const noexcept { return domain_ == NSPOSIXErrorDomain; }
+    bool isPOSIX() const noexcept { return domain() == NSPOSIXErrorDomain; }
 
     /// Two errors are the same when domain and code are; the text is for people.
     friend bool operator==(const Error& a, const Error& b) noexcept {
-        return a.code_ == b.code_ && a.domain_ == b.domain_;
+        return a.code() == b.code() && a.domain() == b.domain();
     }
 
   private:
-    std::string domain_;
-    std::int64_t code_;
-    std::string localizedDescription_;
+    struct Content {
+        std::string domain;
+        std::int64_t code;
+        std::string localizedDescription;
+    };
+    std::shared_ptr<const Content> content_;
 };
 
-/// The error object of a macOS errno, in the POSIX domain.
+/// The error object of a macOS errno, in the POSIX domain. Those of the numbers that macOS knows
+/// are made once, so that answering one never fails.
 [[nodiscard]] Error fs_errorForPOSIXError(std::int32_t code);
 
 } // namespace fskit
