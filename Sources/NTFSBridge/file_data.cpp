@@ -36,6 +36,28 @@ struct open_file {
     }
 };
 
+// Has the last compression block written out, where there are such blocks; errno or EIO.
+int32_t complete(ntfs_attr* data) noexcept {
+    errno = 0;
+    return data->data_flags == 0 || ntfs_attr_pclose(data) == 0 ? 0 : err_or(EIO);
+}
+
+// errno or EIO.
+int32_t resize(ntfs_attr* data, uint64_t size) noexcept {
+    const bool grows = size > static_cast<uint64_t>(data->data_size);
+    if (grows && (data->data_flags & ATTR_COMPRESSION_MASK) != 0) {
+        // Asked to grow compressed data, the library makes it end with a compression block of its
+        // own choice and answers success. Writing the last byte gives the size that was asked for,
+        // and leaves a hole before it where there can be one.
+        const uint8_t zero = 0;
+        uint64_t done = 0;
+        const int32_t error = write_stream(data, size - 1, &zero, sizeof zero, &done);
+        return first_error(error, complete(data));
+    }
+    errno = 0;
+    return ntfs_attr_truncate(data, static_cast<s64>(size)) == 0 ? 0 : err_or(EIO);
+}
+
 } // namespace
 
 int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint64_t length,
@@ -72,12 +94,7 @@ int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffe
     if (error != 0 && *done == 0) {
         return file.close(error);
     }
-    if (file.data->data_flags != 0) {
-        errno = 0;
-        if (ntfs_attr_pclose(file.data.get()) != 0) {
-            error = first_error(error, err_or(EIO));
-        }
-    }
+    error = first_error(error, complete(file.data.get()));
     file.data.reset();
     ntfs_inode_update_times(file.inode.get(), data_and_change_time);
     return file.close(error);
@@ -97,9 +114,8 @@ int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
     if (size > largest_offset) {
         return EFBIG;
     }
-    errno = 0;
-    if (ntfs_attr_truncate(file.data.get(), static_cast<s64>(size)) != 0) {
-        return file.close(err_or(EIO));
+    if (const int32_t error = resize(file.data.get(), size); error != 0) {
+        return file.close(error);
     }
     file.data.reset();
     ntfs_inode_update_times(file.inode.get(), data_and_change_time);

@@ -3,10 +3,6 @@
 namespace ntb {
 namespace {
 
-bool is_dirty(const ntfs_inode* inode) noexcept {
-    return NInoDirty(inode) || NInoAttrListDirty(inode);
-}
-
 // Closes an inode that cannot be written, giving its changes up. The library would keep it open,
 // with nobody left who knows of it.
 void discard(ntfs_inode* inode) noexcept {

@@ -73,6 +73,11 @@ inline bool is_reparse_point(const ntfs_inode* inode) noexcept {
     return (inode->flags & FILE_ATTR_REPARSE_POINT) != 0;
 }
 
+// Whether there are changes of the record, or of one that continues it, that were not written yet.
+inline bool is_dirty(const ntfs_inode* inode) noexcept {
+    return NInoDirty(inode) || NInoAttrListDirty(inode);
+}
+
 inline void set_flag(ntfs_inode* inode, FILE_ATTR_FLAGS flag, bool on) noexcept {
     const auto flags = on ? inode->flags | flag : inode->flags & ~flag;
     inode->flags = static_cast<FILE_ATTR_FLAGS>(flags);

@@ -134,10 +134,23 @@ int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexc
     return is_directory(out.get()) ? 0 : ENOTDIR;
 }
 
+int32_t write_open_records(const ntb_vol* vol) noexcept {
+    const ntfs_volume* const volume = vol->volume;
+    int32_t error = 0;
+    for (ntfs_inode* const inode : {volume->vol_ni, volume->lcnbmp_ni, volume->mft_ni}) {
+        errno = 0;
+        if (is_dirty(inode) && ntfs_inode_sync(inode) != 0) {
+            error = first_error(error, err_or(EIO));
+        }
+    }
+    return error;
+}
+
 int32_t sync_device(const ntb_vol* vol) noexcept {
+    const int32_t error = write_open_records(vol);
     ntfs_device* const device = vol->volume->dev;
     errno = 0;
-    return device->d_ops->sync(device) == 0 ? 0 : err_or(EIO);
+    return first_error(error, device->d_ops->sync(device) == 0 ? 0 : err_or(EIO));
 }
 
 } // namespace ntb

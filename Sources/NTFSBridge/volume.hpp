@@ -27,7 +27,11 @@ inline bool is_read_only(const ntb_vol* vol) noexcept {
 // Opens a record; errno or ENOENT. ENOTDIR when it is no directory.
 [[nodiscard]] int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept;
 
-// Writes all dirty pages, then syncs the device; errno or EIO.
+// Has the library write the changed records that it keeps open until unmount, such as the one with
+// the label; errno or EIO.
+[[nodiscard]] int32_t write_open_records(const ntb_vol* vol) noexcept;
+
+// Writes open records and all dirty pages, then syncs the device; errno or EIO.
 [[nodiscard]] int32_t sync_device(const ntb_vol* vol) noexcept;
 
 } // namespace ntb

@@ -54,7 +54,8 @@ int32_t ntb_set_label(ntb_vol* vol, const char* label) {
     }
     std::free(vol->volume->vol_name);
     vol->volume->vol_name = copy.release();
-    return 0;
+    // An empty label is only in the open record so far, where no flush would find it.
+    return write_open_records(vol);
 }
 
 int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out) {

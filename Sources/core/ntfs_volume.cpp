@@ -43,8 +43,8 @@ NTFSVolume::NTFSVolume(OnlyOpenMayConstruct, std::shared_ptr<BlockDevice> device
 NTFSVolume::~NTFSVolume() {
     try {
         unmount();
-    } catch (const NTFSError&) {
-        return; // nobody is left to hear it
+    } catch (const std::exception&) {
+        return; // an NTFSError, or no memory for one: nobody is left to hear it
     }
 }
 

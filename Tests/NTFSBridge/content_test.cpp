@@ -37,12 +37,27 @@ TEST(FileData, ReadsAndWritesAtTheEdges) {
     volume.finish();
 }
 
-TEST(FileData, RandomWritesAndTruncationsMatchAString) {
+// Has what is made in the directory from now on compressed, as Windows marks folders.
+void compress(BridgeVolume& volume, uint64_t directory) {
+    const auto* const vol = static_cast<ntb_vol*>(volume);
+    ntb::inode_guard inode;
+    ASSERT_EQ(ntb::open_directory(vol, directory, inode), 0);
+    ntb::set_flag(inode.get(), FILE_ATTR_COMPRESSED, true);
+    NInoFileNameSetDirty(inode.get());
+    ntfs_inode_mark_dirty(inode.get());
+    ASSERT_EQ(inode.close(), 0);
+}
+
+void expectRandomChangesToMatchAString(bool isCompressed) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     BridgeVolume volume({.clusterSize = 512});
-    const uint64_t ino = volume.make("file");
+    const uint64_t directory = volume.makeDirectory("directory");
+    if (isCompressed) {
+        compress(volume, directory);
+    }
+    const uint64_t ino = volume.make("file", directory);
     std::string model;
     for (int step = 0; step < 400; ++step) {
         const uint64_t place = random() % (random() % 4 == 0 ? 400000 : 3000);
@@ -59,7 +74,34 @@ TEST(FileData, RandomWritesAndTruncationsMatchAString) {
         }
         ASSERT_TRUE(volume.read(ino) == model) << step;
     }
-    EXPECT_TRUE(volume.finish().cat("/file") == model);
+    EXPECT_EQ((volume.attributes(ino).flags & NTB_FLAG_COMPRESSED) != 0, isCompressed);
+    EXPECT_TRUE(volume.finish().cat("/directory/file") == model);
+}
+
+TEST(FileData, RandomChangesMatchAString) {
+    expectRandomChangesToMatchAString(false);
+}
+
+TEST(FileData, RandomChangesOfACompressedFileMatchAString) {
+    expectRandomChangesToMatchAString(true);
+}
+
+TEST(FileData, CompressedFilesGrowToTheSizeAskedFor) {
+    BridgeVolume volume;
+    const uint64_t directory = volume.makeDirectory("directory");
+    compress(volume, directory);
+    for (const uint64_t before : {0u, 100u, 5000u, 100000u}) {
+        for (const uint64_t after : {300u, 70000u, 131072u, 1000000u}) {
+            const uint64_t ino =
+                volume.make(std::to_string(before) + " " + std::to_string(after), directory);
+            std::string content(before, 'c');
+            EXPECT_EQ(volume.write(ino, content), 0);
+            EXPECT_EQ(ntb_truncate(volume, ino, after), 0);
+            content.resize(after);
+            EXPECT_TRUE(volume.read(ino) == content) << before << " to " << after;
+        }
+    }
+    volume.finish();
 }
 
 TEST(FileData, OnlyRealChangesMoveTheTimes) {

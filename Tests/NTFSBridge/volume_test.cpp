@@ -147,6 +147,17 @@ TEST(Volume, LabelsUpToTheirLongest) {
     EXPECT_EQ(runOrThrow({"ntfslabel", volume.finish().image().string()}), "After\n");
 }
 
+TEST(Volume, ASyncedLabelIsOnTheDevice) {
+    BridgeVolume volume({.label = "Before"});
+    const std::filesystem::path image = volume.sample().folder() / "synced";
+    for (const std::string wanted : {"After", "", "Again"}) {
+        EXPECT_EQ(ntb_set_label(volume, wanted.c_str()), 0);
+        EXPECT_EQ(ntb_sync(volume), 0);
+        volume.memory().save(image);
+        EXPECT_EQ(runOrThrow({"ntfslabel", "--force", image.string()}), wanted + "\n");
+    }
+}
+
 TEST(Volume, FlushesReachTheHostOnlyWhenThereIsSomethingToWrite) {
     BridgeVolume volume;
     ASSERT_EQ(ntb_sync(volume), 0);
