@@ -2,6 +2,7 @@
 #include "module_fixture.hpp"
 
 #include "core/ntfs_error.hpp"
+#include "fskit/posix_error.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <cerrno>
@@ -124,6 +125,17 @@ TEST_F(Device, IsCachedInAModuleThatUsesTheKernelsCache) {
     EXPECT_EQ(requests().synchronize().code(), 0);
     EXPECT_EQ(disk->count(Call::read) + disk->count(Call::write), 0);
     EXPECT_GE(disk->count(Call::metadataFlush), 1);
+}
+
+TEST_F(Device, ErrorsOfEveryKindBecomeThoseOfTheHost) {
+    const fskit::Error own("SomeDomain", 4506, "own");
+    EXPECT_EQ(posixError(NTFSError(kENOSPC), "write(contents:to:at:replyHandler:)"),
+              fskit::fs_errorForPOSIXError(kENOSPC));
+    EXPECT_EQ(posixError(own, "whole"), own);
+    EXPECT_EQ(posixError(std::runtime_error("odd"), "(none"), fskit::fs_errorForPOSIXError(kEIO));
+    EXPECT_EQ(errorTally().summary().at("first"),
+              FieldValue(std::vector<std::string>{"write:28", "whole:5", ":5"}));
+    EXPECT_EQ(fskit::fs_errorForPOSIXError(1000).code(), 1000);
 }
 
 } // namespace
