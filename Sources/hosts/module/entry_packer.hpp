@@ -29,7 +29,7 @@ class EntryPacker final : public fskit::FSDirectoryEntryPacker {
   public:
     static constexpr std::size_t kEntryBytes = 24;
     static constexpr std::size_t kAttributeBytes = 184;
-    static constexpr std::size_t kDefaultBytes = 64 * 1024;
+    static constexpr std::size_t kDefaultBytes = 65'536;
 
     explicit EntryPacker(std::size_t bytes = kDefaultBytes,
                          std::size_t entries = std::numeric_limits<std::size_t>::max())

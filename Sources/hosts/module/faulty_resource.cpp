@@ -7,7 +7,7 @@ namespace tavelin {
 std::size_t FaultyResource::admit(const Transfer& transfer) const {
     const Fault fault = hook_(transfer);
     if (fault.error) {
-        throw *fault.error;
+        throw fskit::Error(*fault.error);
     }
     return std::min(transfer.length, fault.bytes.value_or(transfer.length));
 }

@@ -46,7 +46,7 @@ class Walker {
                 way_.push_back(std::move(*found));
                 continue;
             }
-            if (const auto error = follow(*found, components)) {
+            if (auto error = follow(*found, components)) {
                 return error;
             }
         }
@@ -102,7 +102,7 @@ std::optional<fskit::Error> walkBelow(VolumeClient& volume, const ItemRef& direc
         if (!child) {
             return child.error();
         }
-        if (const auto error = walkBelow(volume, *child, path + "/", visit)) {
+        if (auto error = walkBelow(volume, *child, path + "/", visit)) {
             return error;
         }
     }
