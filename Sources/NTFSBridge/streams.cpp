@@ -47,27 +47,39 @@ int32_t make_empty_stream(const named_inode& target, attribute_guard& stream) no
     return error == 0 && !stream ? EIO : error;
 }
 
+int32_t fill_stream(ntfs_attr* stream, const void* value, uint64_t size) noexcept {
+    uint64_t done = 0;
+    if (const int32_t error = write_stream(stream, 0, value, size, &done); error != 0) {
+        return error;
+    }
+    errno = 0;
+    return ntfs_attr_pclose(stream) == 0 ? 0 : err_or(EIO);
+}
+
 int32_t set_stream(const named_inode& target, const void* value, uint64_t size,
                    int32_t flags) noexcept {
     attribute_guard stream;
     if (const int32_t error = target.open_stream(stream); error != 0) {
         return error;
     }
-    if (stream && flags == NTB_XATTR_CREATE) {
+    const bool is_new = !stream;
+    if (!is_new && flags == NTB_XATTR_CREATE) {
         return EEXIST;
     }
-    if (!stream && flags == NTB_XATTR_REPLACE) {
+    if (is_new && flags == NTB_XATTR_REPLACE) {
         return no_such_attribute;
     }
     if (const int32_t error = make_empty_stream(target, stream); error != 0) {
         return error;
     }
-    uint64_t done = 0;
-    if (const int32_t error = write_stream(stream.get(), 0, value, size, &done); error != 0) {
-        return error;
+    const int32_t error = fill_stream(stream.get(), value, size);
+    if (error != 0 && is_new) {
+        stream.reset();
+        // Best effort: a stream that could not be made should not be there half.
+        (void)ntfs_attr_remove(target.inode.get(), AT_DATA, target.name.units(),
+                               static_cast<u32>(target.name.length()));
     }
-    errno = 0;
-    return ntfs_attr_pclose(stream.get()) == 0 ? 0 : err_or(EIO);
+    return error;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "bridge_volume.hpp"
 
 #include "NTFSBridge/errors.hpp"
+#include "NTFSBridge/volume.hpp"
 
 #include <random>
 
@@ -213,6 +214,15 @@ TEST(Streams, CreateReplaceReadAndRemove) {
 
     EXPECT_EQ(ntb_removexattr(volume, ino, "b"), 0);
     EXPECT_EQ(volume.finish().cat("/file", "a"), "abc");
+}
+
+TEST(Streams, OneThatDoesNotFitIsNotThereHalf) {
+    BridgeVolume volume;
+    const uint64_t ino = volume.make("file");
+    EXPECT_EQ(volume.setStream(ino, "large", std::string(32 << 20, 'x')), ENOSPC);
+    EXPECT_TRUE(volume.streams(ino).empty());
+    EXPECT_EQ(volume.setStream(ino, "large", "small", NTB_XATTR_CREATE), 0);
+    EXPECT_EQ(volume.finish().cat("/file", "large"), "small");
 }
 
 TEST(Streams, OneInManyPiecesIsWrittenAndListedOnce) {
