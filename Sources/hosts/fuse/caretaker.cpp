@@ -71,6 +71,11 @@ void Caretaker::start(const std::filesystem::path& folder, RemovedFiles& removed
     thread_ = std::thread([this, folder, &removed, &threads] { watch(folder, removed, threads); });
 }
 
+void Caretaker::rest() {
+    const MutexLock held(resting_);
+    rests_ = true;
+}
+
 void Caretaker::stop() {
     if (thread_.joinable()) {
         const uint64_t one = 1;
@@ -90,7 +95,10 @@ void Caretaker::watch(const std::filesystem::path& folder, RemovedFiles& removed
             return;
         }
         if (ready == 0) {
-            removed.settleOld();
+            const MutexLock held(resting_);
+            if (!rests_) {
+                removed.settleOld();
+            }
         }
         if (events[1].revents == 0) {
             continue;

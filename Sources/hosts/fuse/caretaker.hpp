@@ -7,6 +7,7 @@
 
 #include "hosts/fuse/removed_files.hpp"
 #include "hosts/fuse/serving_threads.hpp"
+#include "platform/mutex.hpp"
 
 #include <filesystem>
 #include <thread>
@@ -23,8 +24,10 @@ class Caretaker {
     Caretaker& operator=(const Caretaker&) = delete;
 
     void start(const std::filesystem::path& folder, RemovedFiles& removed, ServingThreads& threads);
-    /// Returns once the thread has ended; does nothing when it has not been started. Not for the
-    /// thread itself.
+    /// From its return on removed files are left alone. Does not wait for the thread, which may be
+    /// the one that unmounts and so wait for whoever calls this.
+    void rest();
+    /// Returns once the thread has ended; does nothing when it has not been started.
     void stop();
 
   private:
@@ -33,6 +36,8 @@ class Caretaker {
     int signals_ = -1; // a signalfd
     int ending_ = -1;  // an eventfd
     std::thread thread_;
+    Mutex resting_; // held while removed files are looked after
+    bool rests_ TAVELIN_GUARDED_BY(resting_) = false;
 };
 
 } // namespace tavelin::fusehost

@@ -76,6 +76,7 @@ class Mount {
         if (failed != 0) {
             complain(fmt::format("{}: {}", request_.folder.string(), std::strerror(failed)));
         }
+        caretaker_.stop();
         session_.reset();
         close();
         if (request_.trace) {
@@ -106,28 +107,19 @@ class Mount {
 
     // The options of the kernel's mount.
     std::string mountOptions() {
-        std::string source = request_.image;
-        bool isDisk = false;
         if (::geteuid() == 0) {
-            isDisk = fs::is_block_file(request_.image);
-            if (!isDisk) {
-                loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
-            }
-            if (loop_ != nullptr) {
-                source = loop_->path();
-                isDisk = true;
-            }
+            loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
         }
         std::vector<std::string> options = request_.kernelOptions;
-        options.push_back("fsname=" + escaped(source));
-        options.insert(options.end(), {"subtype=tavelin", "default_permissions"});
+        options.push_back("fsname=" + escaped(loop_ ? loop_->path() : request_.image.string()));
+        options.emplace_back("subtype=tavelin");
         if (host_->volume().isReadOnly()) {
             options.push_back("ro");
         }
         if (request_.allowOther) {
             options.push_back("allow_other");
         }
-        if (isDisk) {
+        if (loop_) {
             options.insert(options.end(), {"blkdev", "blksize=4096"});
         }
         return joined(options);
@@ -153,7 +145,7 @@ class Mount {
             return;
         }
         closed_ = true;
-        caretaker_.stop();
+        caretaker_.rest();
         Outcome<void> finished = volume_->finish();
         Outcome<void> closed = host_->close();
         for (const Outcome<void>& outcome : {std::move(finished), std::move(closed)}) {

@@ -162,15 +162,21 @@ struct stat statusOf(const fskit::FSItemAttributes& attributes) {
     return status;
 }
 
+// A short alias such as LETTER~1.TXT comes and goes with the long name, behind the kernel's back:
+// names that may be one are asked for each time.
+double entryTimeout(std::string_view name) {
+    constexpr size_t kLongestAlias = 12;
+    const bool mayBeAlias =
+        name.size() <= kLongestAlias && name.find('~') != std::string_view::npos;
+    return mayBeAlias ? 0 : kForever;
+}
+
 fuse_entry_param entryParameters(const Entry& entry, std::string_view name) {
     fuse_entry_param parameters{};
     parameters.ino = entry.node->number();
     parameters.attr = statusOf(entry.attributes);
     parameters.attr_timeout = kForever;
-    // A short alias such as LETTER~1.TXT comes and goes with the long name, behind the kernel's
-    // back: names that may be one are asked for each time.
-    const bool mayBeAlias = name.size() <= 12 && name.find('~') != std::string_view::npos;
-    parameters.entry_timeout = mayBeAlias ? 0 : kForever;
+    parameters.entry_timeout = entryTimeout(name);
     return parameters;
 }
 

@@ -23,6 +23,8 @@ inline constexpr size_t kLargestTransfer = 1 << 20;   // bytes
 MountedVolume& volumeOf(fuse_req_t request);
 int hostError(const fskit::Error& error);
 struct stat statusOf(const fskit::FSItemAttributes& attributes);
+/// How long the kernel may remember what a name stands for, or that it stands for nothing.
+double entryTimeout(std::string_view name);
 fuse_entry_param entryParameters(const Entry& entry, std::string_view name);
 
 /// Replies with an entry; takes the count back when the kernel no longer waits for it.

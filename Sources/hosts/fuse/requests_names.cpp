@@ -15,7 +15,7 @@ void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
         if (!entry && hostError(entry.error()) == ENOENT) {
             // Only the kernel itself makes names, so it may also remember what does not exist.
             fuse_entry_param absent{};
-            absent.entry_timeout = kForever;
+            absent.entry_timeout = entryTimeout(name);
             fuse_reply_entry(request, &absent);
             return;
         }

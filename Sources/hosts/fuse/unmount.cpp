@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <sys/file.h>
 #include <unistd.h>
 
 namespace tavelin::fusehost {
@@ -56,7 +55,10 @@ int synchronize(const fs::path& folder) {
 
 // The server keeps the image locked until it has let go of it.
 void awaitServer(int image) {
-    while (::flock(image, LOCK_SH) == -1 && errno == EINTR) {
+    struct flock whole {};
+    whole.l_type = F_RDLCK;
+    whole.l_whence = SEEK_SET;
+    while (::fcntl(image, F_OFD_SETLKW, &whole) == -1 && errno == EINTR) {
     }
 }
 

@@ -1,0 +1,31 @@
+// What a folder holds, for comparing one with another.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+
+namespace tavelin::test {
+
+struct TreeEntry {
+    std::filesystem::file_type type = std::filesystem::file_type::none;
+    uint64_t size = 0;
+    size_t content = 0; // a hash of the bytes, or of a link's target
+
+    bool operator==(const TreeEntry&) const = default;
+};
+
+using Tree = std::map<std::string, TreeEntry>; // by path below the folder
+
+// Reads everything below a folder.
+Tree readTree(const std::filesystem::path& folder);
+
+// Names the first entry that is not the same in both, empty when there is none.
+std::string firstDifference(const Tree& expected, const Tree& actual);
+
+// Writes a tree of `files` small files in nested folders, with links and odd names among them; the
+// same for the same seed.
+void makeTree(const std::filesystem::path& folder, int files, unsigned seed = 1);
+
+} // namespace tavelin::test
