@@ -1,5 +1,7 @@
-// crash_lab [--pairs] [--seed N]: cuts the power at every write of many small scripts and prints
-// what was left. Exits 1 when a promise was broken.
+// crash_lab [--pairs] [--seed N] [--driver]: cuts the power at every write of many small scripts
+// and prints what was left. --driver does the same to the system's FUSE driver, ntfs-3g, with single
+// operations. Exits 1 when a promise was broken.
+#include "crash/driver_recording.hpp"
 #include "crash/power_cut.hpp"
 
 #include <fmt/core.h>
@@ -7,39 +9,74 @@
 #include <cstdlib>
 #include <string_view>
 
+namespace {
+
+using namespace tavelin::test;
+
+void print(const Verdict& verdict) {
+    fmt::print(
+        "scripts            {:>10}\ncut points         {:>10}\npromises compared  {:>10}\n\n",
+        verdict.scripts, verdict.cutPoints, verdict.promises);
+    const auto countOf = [](const auto& counts, const auto& key) {
+        const auto at = counts.find(key);
+        return at == counts.end() ? 0 : at->second;
+    };
+    fmt::print("{:<36}", "");
+    for (const auto& [cut, images] : verdict.images) {
+        fmt::print("{:>14}", cutName(cut));
+    }
+    fmt::print("\n{:<36}", "images");
+    for (const auto& [cut, images] : verdict.images) {
+        fmt::print("{:>14}", images);
+    }
+    fmt::print("\n{:<36}", "$MFTMirr brought up at the mount");
+    for (const auto& [cut, images] : verdict.images) {
+        fmt::print("{:>14}", countOf(verdict.mirrors, cut));
+    }
+    for (const Fault fault : kAllFaults) {
+        fmt::print("\n{:<36}", faultName(fault));
+        for (const auto& [cut, images] : verdict.images) {
+            const auto at = verdict.faults.find(cut);
+            fmt::print("{:>14}", at == verdict.faults.end() ? 0 : countOf(at->second, fault));
+        }
+    }
+    fmt::print("\n");
+    for (const std::string& example : verdict.examples) {
+        fmt::print("  {}\n", example);
+    }
+}
+
+} // namespace
+
 int main(int count, char** words) {
-    using namespace tavelin::test;
     bool pairs = false;
+    bool driver = false;
     Cuts cuts;
     for (int i = 1; i < count; i++) {
         const std::string_view word = words[i];
         if (word == "--pairs") {
             pairs = true;
+        } else if (word == "--driver") {
+            driver = true;
         } else if (word == "--seed" && i + 1 < count) {
             cuts.seed = std::strtoull(words[++i], nullptr, 10);
         } else {
-            fmt::print(stderr, "usage: crash_lab [--pairs] [--seed N]\n");
+            fmt::print(stderr, "usage: crash_lab [--pairs] [--seed N] [--driver]\n");
             return 2;
         }
     }
     const Bytes base = preparedVolume();
     Verdict verdict;
-    for (const Script& script : allScripts(pairs)) {
-        verdict.add(tryScript(base, script, cuts));
+    for (const Script& script : allScripts(pairs && !driver)) {
+        if (!driver) {
+            verdict.add(tryScript(base, script, cuts));
+        } else if (const auto recording = recordDriver(base, script)) {
+            verdict.add(tryRecording(base, script, *recording, cuts));
+        }
     }
-    fmt::print("scripts            {:>10}\ncut points         {:>10}\nimages mounted     {:>10}\n"
-               "promises compared  {:>10}\n",
-               verdict.scripts, verdict.cutPoints, verdict.images, verdict.promises);
-    for (const Fault fault :
-         {Fault::notMountable, Fault::unreadable, Fault::lost, Fault::damaged, Fault::strange}) {
-        fmt::print("{:<18} {:>10}\n", faultName(fault), verdict.faults[fault]);
-    }
-    for (const std::string& example : verdict.examples) {
-        fmt::print("  {}\n", example);
-    }
-    std::uint64_t broken = 0;
-    for (const auto& [fault, number] : verdict.faults) {
-        broken += number;
-    }
-    return broken == 0 ? 0 : 1;
+    print(verdict);
+    const bool broken = verdict.count(Fault::unreadable) + verdict.count(Fault::lost) +
+                            verdict.count(Fault::damaged) + verdict.count(Fault::strange) >
+                        0;
+    return broken ? 1 : 0;
 }

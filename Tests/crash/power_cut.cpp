@@ -1,6 +1,7 @@
 #include "crash/power_cut.hpp"
 
 #include "hosts/module/module_host.hpp"
+#include "support/replaced_services.hpp"
 
 #include <fmt/format.h>
 
@@ -13,38 +14,6 @@ namespace tavelin::test {
 namespace {
 
 constexpr std::size_t kMostExamples = 12;
-
-// One script as it ran: what the disk saw, and what the volume held in between.
-struct Recording {
-    std::vector<DiskEvent> events;
-    std::vector<Snapshot> states;        // before the first operation, then after each
-    std::vector<std::size_t> promisedAt; // events after which states[i] is promised
-};
-
-Recording record(const Bytes& base, const Script& script) {
-    const auto disk = std::make_shared<RecordingResource>(base);
-    ModuleHost host(disk);
-    host.open();
-    Recording recording;
-    recording.states.push_back(takeSnapshot(host.volume()));
-    recording.promisedAt.push_back(0);
-    for (const Operation* operation : script.operations) {
-        operation->run(host.volume());
-        if (script.finish == Finish::synchronise) {
-            host.volume().synchronize().get();
-            recording.promisedAt.push_back(disk->events().size());
-        }
-        recording.states.push_back(takeSnapshot(host.volume()));
-    }
-    if (script.finish == Finish::unmount) {
-        host.close().get();
-        recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
-        recording.promisedAt.back() = disk->events().size();
-    }
-    recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
-    recording.events = disk->events();
-    return recording;
-}
 
 // The volume after one cut, against what was promised by then.
 class Judge {
@@ -69,7 +38,9 @@ class Judge {
     };
 
     std::vector<Finding> judge(Bytes image) {
-        ModuleHost host(std::make_shared<RecordingResource>(std::move(image)));
+        const ReplacedServices services;
+        const auto disk = std::make_shared<RecordingResource>(std::move(image));
+        ModuleHost host(disk);
         try {
             host.open();
         } catch (const OpenError& error) {
@@ -78,24 +49,52 @@ class Judge {
         if (host.volume().isReadOnly()) {
             return {{Fault::notMountable, "read-only"}};
         }
-        try {
-            compare(takeSnapshot(host.volume()));
-        } catch (const std::exception& error) {
-            findings_.push_back({Fault::unreadable, error.what()});
-        }
+        wasRepaired_ = !disk->events().empty();
+        const Snapshot found = takeSnapshot(host.volume());
+        compareReadable(found);
+        compare(found);
         return std::move(findings_);
     }
 
     std::uint64_t promises() const { return promises_; }
+    bool wasRepaired() const { return wasRepaired_; }
 
   private:
+    bool changesIn(const std::string& folder) const {
+        return std::any_of(touched_.begin(), touched_.end(), [&](const std::string& path) {
+            return folder.empty() || path.starts_with(folder + "/");
+        });
+    }
+
+    bool changesBeside(const std::string& path) const {
+        const std::size_t slash = path.rfind('/');
+        const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+        return std::any_of(touched_.begin(), touched_.end(), [&](const std::string& other) {
+            return other.starts_with(folder) && other.find('/', folder.size()) == std::string::npos;
+        });
+    }
+
+    void compareReadable(const Snapshot& found) {
+        for (const auto& [path, why] : found.unreadable) {
+            const Fault fault = touched_.contains(path) ? Fault::noFile
+                                : changesIn(path)       ? Fault::noFolder
+                                                        : Fault::unreadable;
+            findings_.push_back({fault, path + ": " + why});
+        }
+    }
+
     void compare(const Snapshot& found) {
         for (const auto& [path, entry] : recording_.states[promised_].entries) {
             const auto now = found.entries.find(path);
             const bool touched = touched_.contains(path);
+            if (found.isHidden(path)) {
+                continue;
+            }
             promises_++;
             if (now == found.entries.end()) {
-                if (!touched || !mayBeAbsent(path, found)) {
+                if (!touched && changesBeside(path)) {
+                    findings_.push_back({Fault::halfFolder, path});
+                } else if (!touched || !mayBeAbsent(path, found)) {
                     findings_.push_back({Fault::lost, path});
                 }
             } else if (!touched && !same(entry, now->second)) {
@@ -103,6 +102,9 @@ class Judge {
             }
         }
         for (const auto& [path, entry] : found.entries) {
+            if (found.isHidden(path)) {
+                continue;
+            }
             const bool known = recording_.states[promised_].entries.contains(path);
             if (touched_.contains(path)) {
                 if (!isMixture(path, entry)) {
@@ -114,7 +116,8 @@ class Judge {
         }
         for (const auto& [from, to] : moves_) {
             const bool was = recording_.states[promised_].entries.contains(from);
-            if (was && !found.entries.contains(from) && !found.entries.contains(to)) {
+            if (was && !found.entries.contains(from) && !found.entries.contains(to) &&
+                !found.isHidden(from) && !found.isHidden(to)) {
                 findings_.push_back({Fault::lost, from + " on its way to " + to});
             }
         }
@@ -174,44 +177,37 @@ class Judge {
     std::vector<std::pair<std::string, std::string>> moves_;
     std::vector<Finding> findings_;
     std::uint64_t promises_ = 0;
+    bool wasRepaired_ = false;
 };
+
+} // namespace
 
 const char* cutName(Cut cut) {
     switch (cut) {
     case Cut::prefix:
         return "in order";
     case Cut::torn:
-        return "torn";
+        return "torn at 512";
+    case Cut::tornPages:
+        return "torn at 4096";
     case Cut::reordered:
         break;
     }
     return "reordered";
 }
 
-} // namespace
-
-std::string Script::describe() const {
-    std::string text;
-    for (const Operation* operation : operations) {
-        text += (text.empty() ? "" : ", ") + operation->name;
-    }
-    switch (finish) {
-    case Finish::nothing:
-        return text;
-    case Finish::synchronise:
-        return text + ", each synchronised";
-    case Finish::unmount:
-        break;
-    }
-    return text + ", unmounted";
-}
-
 const char* faultName(Fault fault) {
     switch (fault) {
     case Fault::notMountable:
         return "not mountable";
+    case Fault::noFolder:
+        return "folder being changed not listable";
+    case Fault::halfFolder:
+        return "folder being changed lacks entries";
+    case Fault::noFile:
+        return "name being changed not openable";
     case Fault::unreadable:
-        return "unreadable";
+        return "anything else unreadable";
     case Fault::lost:
         return "lost";
     case Fault::damaged:
@@ -222,13 +218,29 @@ const char* faultName(Fault fault) {
     return "strange";
 }
 
+std::uint64_t Verdict::count(Fault fault) const {
+    std::uint64_t sum = 0;
+    for (const auto& [cut, counts] : faults) {
+        const auto at = counts.find(fault);
+        sum += at == counts.end() ? 0 : at->second;
+    }
+    return sum;
+}
+
 void Verdict::add(const Verdict& other) {
     scripts += other.scripts;
     cutPoints += other.cutPoints;
-    images += other.images;
     promises += other.promises;
-    for (const auto& [fault, count] : other.faults) {
-        faults[fault] += count;
+    for (const auto& [cut, number] : other.images) {
+        images[cut] += number;
+    }
+    for (const auto& [cut, number] : other.mirrors) {
+        mirrors[cut] += number;
+    }
+    for (const auto& [cut, counts] : other.faults) {
+        for (const auto& [fault, number] : counts) {
+            faults[cut][fault] += number;
+        }
     }
     for (const std::string& example : other.examples) {
         if (examples.size() < kMostExamples) {
@@ -237,18 +249,20 @@ void Verdict::add(const Verdict& other) {
     }
 }
 
-Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
-    const Recording recording = record(base, script);
+Verdict tryRecording(const Bytes& base, const Script& script, const Recording& recording,
+                     const Cuts& cuts) {
     Verdict verdict;
     verdict.scripts = 1;
     std::mt19937_64 random(cuts.seed);
     const auto tryCut = [&](std::size_t end, Cut cut) {
         Judge judge(script, recording, end);
         const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random));
-        verdict.images++;
+        verdict.images[cut]++;
+        verdict.mirrors[cut] += judge.wasRepaired() ? 1 : 0;
         verdict.promises += judge.promises();
+        std::set<Fault> kinds;
         for (const auto& [fault, what] : findings) {
-            verdict.faults[fault]++;
+            verdict.faults[cut][fault] += kinds.insert(fault).second ? 1 : 0;
             if (verdict.examples.size() < kMostExamples) {
                 verdict.examples.push_back(
                     fmt::format("{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
@@ -261,15 +275,18 @@ Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
             continue; // the medium is as it was
         }
         verdict.cutPoints++;
-        tryCut(end, Cut::prefix);
-        if (end > 0 && cuts.torn) {
-            tryCut(end, Cut::torn);
-        }
-        for (unsigned i = 0; end > 0 && i < cuts.reorderings; i++) {
-            tryCut(end, Cut::reordered);
+        for (const Cut cut : cuts.kinds) {
+            const unsigned times = cut == Cut::reordered ? cuts.reorderings : 1;
+            for (unsigned i = 0; i < times && (end > 0 || cut == Cut::prefix); i++) {
+                tryCut(end, cut);
+            }
         }
     }
     return verdict;
+}
+
+Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
+    return tryRecording(base, script, recordTavelin(base, script), cuts);
 }
 
 std::vector<Script> allScripts(bool pairs) {

@@ -1,8 +1,7 @@
 // Runs changes on a recording disk, cuts the power at every write, and judges what is left.
 #pragma once
 
-#include "crash/operations.hpp"
-#include "crash/snapshot.hpp"
+#include "crash/recording.hpp"
 
 #include <cstdint>
 #include <map>
@@ -11,50 +10,49 @@
 
 namespace tavelin::test {
 
-enum class Finish {
-    nothing,     // the power goes before anything was asked to be kept
-    synchronise, // after each operation
-    unmount,     // at the end
-};
-
-struct Script {
-    std::vector<const Operation*> operations;
-    Finish finish = Finish::nothing;
-
-    std::string describe() const;
-};
-
 // What can be wrong with a volume after a cut.
 enum class Fault {
     notMountable, // read-write
-    unreadable,   // something on it cannot be listed, opened or read
+    noFolder,     // a folder in which names were being changed cannot be listed
+    halfFolder,   // a folder in which names were being changed lacks others
+    noFile,       // a name that was being changed is listed and cannot be opened
+    unreadable,   // something else cannot be listed, opened or read
     lost,         // a name that was promised is not there
     damaged,      // content that was promised, or that nothing touched, differs
     strange,      // a name that no moment of the script had
 };
 
+inline constexpr Fault kAllFaults[] = {Fault::notMountable, Fault::noFolder,   Fault::halfFolder,
+                                       Fault::noFile,       Fault::unreadable, Fault::lost,
+                                       Fault::damaged,      Fault::strange};
 const char* faultName(Fault fault);
+const char* cutName(Cut cut);
+
+using FaultCounts = std::map<Fault, std::uint64_t>;
 
 struct Verdict {
     std::uint64_t scripts = 0;
     std::uint64_t cutPoints = 0;
-    std::uint64_t images = 0;
     std::uint64_t promises = 0; // files and folders whose state was promised and compared
-    std::map<Fault, std::uint64_t> faults;
-    std::vector<std::string> examples; // the first few, with what it takes to repeat them
+    std::map<Cut, std::uint64_t> images;
+    std::map<Cut, std::uint64_t> mirrors; // images that mounted only with $MFTMirr brought up
+    std::map<Cut, FaultCounts> faults;    // images by what is wrong; one may count several times
+    std::vector<std::string> examples;    // the first few, with what it takes to repeat them
 
-    bool clean() const { return faults.empty(); }
+    std::uint64_t count(Fault fault) const;
     void add(const Verdict& other);
 };
 
 struct Cuts {
-    bool torn = true;
+    std::vector<Cut> kinds{Cut::prefix, Cut::torn, Cut::tornPages, Cut::reordered};
     unsigned reorderings = 2; // random ones for each cut point
     std::uint64_t seed = 1;
 };
 
 // Every cut of one script. `base` is preparedVolume().
 Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts);
+Verdict tryRecording(const Bytes& base, const Script& script, const Recording& recording,
+                     const Cuts& cuts);
 
 // All scripts of one operation and, when asked for, of all pairs.
 std::vector<Script> allScripts(bool pairs);

@@ -7,17 +7,17 @@ namespace tavelin::test {
 
 namespace {
 
-constexpr std::size_t kSector = 512;
-
 void putOnMedium(Bytes& image, const DiskEvent& event) {
     std::copy(event.content.begin(), event.content.end(),
               image.begin() + static_cast<std::ptrdiff_t>(event.offset));
 }
 
-void putSomeSectors(Bytes& image, const DiskEvent& event, std::mt19937_64& random) {
-    for (std::size_t at = 0; at < event.content.size(); at += kSector) {
+void putSomeSectors(Bytes& image, const DiskEvent& event, std::size_t sector,
+                    std::mt19937_64& random) {
+    for (std::size_t at = 0; at < event.content.size(); at += sector) {
         if (random() % 2 == 0) {
-            std::copy_n(event.content.begin() + static_cast<std::ptrdiff_t>(at), kSector,
+            std::copy_n(event.content.begin() + static_cast<std::ptrdiff_t>(at),
+                        std::min(sector, event.content.size() - at),
                         image.begin() + static_cast<std::ptrdiff_t>(event.offset + at));
         }
     }
@@ -59,7 +59,8 @@ Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::siz
                std::mt19937_64& random) {
     Bytes image = base;
     std::size_t certain = end; // events that happened whole and in order
-    if (cut == Cut::torn && end > 0) {
+    const bool isTorn = cut == Cut::torn || cut == Cut::tornPages;
+    if (isTorn && end > 0) {
         certain = end - 1;
     } else if (cut == Cut::reordered) {
         while (certain > 0 && !events[certain - 1].flush) {
@@ -69,9 +70,9 @@ Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::siz
     for (std::size_t i = 0; i < certain; i++) {
         putOnMedium(image, events[i]);
     }
-    if (cut == Cut::torn) {
+    if (isTorn) {
         for (std::size_t i = certain; i < end; i++) {
-            putSomeSectors(image, events[i], random);
+            putSomeSectors(image, events[i], cut == Cut::torn ? 512 : 4096, random);
         }
         return image;
     }

@@ -53,9 +53,10 @@ class RecordingResource final : public HostResource {
 
 // What the medium may hold after the power went during events[0, end).
 //   prefix    every write up to `end`, in order
-//   torn      the same, of the last write only some of its sectors
+//   torn      the same, of the last write only some of its sectors of 512 bytes
+//   tornPages the same by 4096 bytes, which disks of today write whole
 //   reordered up to the last flush everything, after it any of the writes, in any order
-enum class Cut { prefix, torn, reordered };
+enum class Cut { prefix, torn, tornPages, reordered };
 
 // `base` is the medium before the first event; `random` decides about sectors and subsets.
 Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::size_t end, Cut cut,

@@ -2,6 +2,7 @@
 
 #include "hosts/module/paths.hpp"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace tavelin::test {
@@ -41,19 +42,39 @@ SnapshotEntry entryOf(VolumeClient& volume, const std::string& path, const Direc
     return result;
 }
 
+void takeFolder(VolumeClient& volume, const ItemRef& folder, const std::string& prefix,
+                Snapshot& snapshot) {
+    for (const DirectoryEntry& entry : volume.list(folder, true).get()) {
+        const std::string path = prefix + entry.name;
+        try {
+            const SnapshotEntry& taken = snapshot.entries[path] = entryOf(volume, path, entry);
+            if (taken.type == fskit::FSItemType::directory) {
+                const Found found = resolve(volume, path, LastLink::keep).get();
+                takeFolder(volume, found.item, path + "/", snapshot);
+            }
+        } catch (const std::exception& error) {
+            snapshot.unreadable[path] = error.what();
+        }
+    }
+}
+
 } // namespace
+
+bool Snapshot::isHidden(const std::string& path) const {
+    const auto holds = [&](const auto& bad) {
+        return bad.first.empty() || path == bad.first || path.starts_with(bad.first + "/");
+    };
+    return std::any_of(unreadable.begin(), unreadable.end(), holds);
+}
 
 Snapshot takeSnapshot(VolumeClient& volume) {
     Snapshot snapshot;
     snapshot.label = volume.name();
-    walk(volume, volume.root(), [&](const std::string& path, const DirectoryEntry& entry) {
-        try {
-            snapshot.entries[path] = entryOf(volume, path, entry);
-        } catch (const std::exception& error) {
-            throw std::runtime_error(path + ": " + error.what());
-        }
-        return true;
-    }).get();
+    try {
+        takeFolder(volume, volume.root(), "", snapshot);
+    } catch (const std::exception& error) {
+        snapshot.unreadable[""] = error.what();
+    }
     return snapshot;
 }
 

@@ -28,12 +28,15 @@ struct SnapshotEntry {
 };
 
 struct Snapshot {
-    std::map<std::string, SnapshotEntry> entries; // by path from the root, "a/b"
+    std::map<std::string, SnapshotEntry> entries;  // by path from the root, "a/b"
+    std::map<std::string, std::string> unreadable; // what could not be opened, read or listed: why
     std::string label;
+
+    // Whether the path is in a folder that could not be listed.
+    bool isHidden(const std::string& path) const;
 };
 
-// Lists, opens and reads everything. Throws fskit::Error, or std::runtime_error for an entry
-// without attributes, naming the path.
+// Lists, opens and reads everything.
 Snapshot takeSnapshot(VolumeClient& volume);
 
 } // namespace tavelin::test

@@ -1,0 +1,50 @@
+#include "crash/recording.hpp"
+
+#include "hosts/module/module_host.hpp"
+#include "support/replaced_services.hpp"
+
+namespace tavelin::test {
+
+std::string Script::describe() const {
+    std::string text;
+    for (const Operation* operation : operations) {
+        text += (text.empty() ? "" : ", ") + operation->name;
+    }
+    switch (finish) {
+    case Finish::nothing:
+        return text;
+    case Finish::synchronise:
+        return text + ", each synchronised";
+    case Finish::unmount:
+        break;
+    }
+    return text + ", unmounted";
+}
+
+Recording recordTavelin(const Bytes& base, const Script& script) {
+    const ReplacedServices services; // no flush but those of the script
+    const auto disk = std::make_shared<RecordingResource>(base);
+    ModuleHost host(disk);
+    host.open();
+    Recording recording;
+    recording.states.push_back(takeSnapshot(host.volume()));
+    recording.promisedAt.push_back(0);
+    for (const Operation* operation : script.operations) {
+        operation->run(host.volume());
+        if (script.finish == Finish::synchronise) {
+            host.volume().synchronize().get();
+            recording.promisedAt.push_back(disk->events().size());
+        }
+        recording.states.push_back(takeSnapshot(host.volume()));
+    }
+    if (script.finish == Finish::unmount) {
+        host.close().get();
+        recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
+        recording.promisedAt.back() = disk->events().size();
+    }
+    recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
+    recording.events = disk->events();
+    return recording;
+}
+
+} // namespace tavelin::test

@@ -1,0 +1,35 @@
+// A script as it ran: what the disk saw, and what the volume held in between.
+#pragma once
+
+#include "crash/operations.hpp"
+#include "crash/snapshot.hpp"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace tavelin::test {
+
+enum class Finish {
+    nothing,     // the power goes before anything was asked to be kept
+    synchronise, // after each operation
+    unmount,     // at the end
+};
+
+struct Script {
+    std::vector<const Operation*> operations;
+    Finish finish = Finish::nothing;
+
+    std::string describe() const;
+};
+
+struct Recording {
+    std::vector<DiskEvent> events;
+    std::vector<Snapshot> states;        // before the first operation, then after each
+    std::vector<std::size_t> promisedAt; // events after which states[i] is promised
+};
+
+// `base` is preparedVolume().
+Recording recordTavelin(const Bytes& base, const Script& script);
+
+} // namespace tavelin::test
