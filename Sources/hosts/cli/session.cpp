@@ -30,6 +30,9 @@ ModuleHost::Words optionWords(const VolumeArguments& arguments, Access access) {
 }
 
 const char* advice(const OpenError& error) {
+    if (error.code() == kENOSPC) { // the volume goes on where the image ends
+        return "the image was cut off: get a complete copy";
+    }
     switch (error.reason()) {
     case OpenError::Reason::notFound:
         return "check the path of the image";
@@ -91,6 +94,17 @@ Failure openFailure(const OpenError& error) {
     return Failure(fmt::format("{} ({})", escaped(error.what()), advice(error)));
 }
 
+void Session::warnIfCutOff() {
+    const HostResource& resource = host_->resource();
+    const std::uint64_t there = resource.blockSize() * resource.blockCount();
+    const std::uint64_t wanted = volume().statistics().totalBytes;
+    if (there < wanted) {
+        complain(fmt::format("{}: the image was cut off: its volume has {} bytes, {} of them are "
+                             "missing and cannot be read: get a complete copy",
+                             escaped(image_), wanted, wanted - there));
+    }
+}
+
 Session::Session(const VolumeArguments& arguments, Access access) : image_(arguments.image) {
     if (access == Access::change) {
         takeInterruptions();
@@ -100,6 +114,7 @@ Session::Session(const VolumeArguments& arguments, Access access) : image_(argum
         throw Failure(fmt::format("{}: nothing was changed, {}", escaped(image_),
                                   whyReadOnly(*host_, arguments)));
     }
+    warnIfCutOff();
 }
 
 VolumeFacts Session::facts() {

@@ -51,6 +51,8 @@ class Session {
     void close();
 
   private:
+    void warnIfCutOff();
+
     const std::string image_;
     std::unique_ptr<ModuleHost> host_;
 };

@@ -32,6 +32,12 @@ bool wantsColour() {
     return wanted;
 }
 
+/// To standard error; nothing is left to tell when that cannot be written.
+void tellOrNot(const std::string& text) {
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr));
+    static_cast<void>(std::fflush(stderr));
+}
+
 [[noreturn]] void throwOutputFailure() {
     throw Failure(explainHost("standard output", errno));
 }
@@ -71,9 +77,8 @@ void flushOutput() {
 }
 
 void complain(std::string_view message) {
-    // Nothing is left to tell when standard error itself cannot be written.
-    static_cast<void>(std::fflush(stdout));
-    fmt::print(stderr, "tavelin: {}\n", message);
+    static_cast<void>(std::fflush(stdout)); // in the order of events; its failure is told elsewhere
+    tellOrNot(fmt::format("tavelin: {}\n", message));
 }
 
 ProgressBar::ProgressBar(bool quiet) : shown_(!quiet && isatty(STDERR_FILENO) == 1) {}
@@ -94,8 +99,7 @@ void ProgressBar::advance(std::uint64_t bytes) {
 
 void ProgressBar::clear() {
     if (drawn_) {
-        fmt::print(stderr, "\r\x1b[K");
-        static_cast<void>(std::fflush(stderr));
+        tellOrNot("\r\x1b[K");
         drawn_ = false;
     }
 }
@@ -119,8 +123,7 @@ void ProgressBar::draw() {
     line = fmt::format("[{}] {:3.0f} %  {:>9}  {:>9}/s  ", line, part * 100, humanSize(done_),
                        humanSize(speed));
     const std::size_t room = terminalColumns() > line.size() ? terminalColumns() - line.size() : 0;
-    fmt::print(stderr, "\r{}{}\x1b[K", line, firstCharacters(name_, room));
-    static_cast<void>(std::fflush(stderr));
+    tellOrNot(fmt::format("\r{}{}\x1b[K", line, firstCharacters(name_, room)));
     drawn_ = true;
 }
 
