@@ -1,0 +1,12 @@
+// libFuzzer's entry: script/fuzz builds and runs it.
+#include "fuzz/hostile_image.hpp"
+#include "support/replaced_services.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace tavelin::test;
+    static const ReplacedServices services; // no flush but those that are asked for
+    InputReader input({data, size});
+    Bytes volume = damagedVolume(input);
+    sendRequests(std::move(volume), input);
+    return 0;
+}

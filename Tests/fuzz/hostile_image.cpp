@@ -1,0 +1,192 @@
+#include "fuzz/hostile_image.hpp"
+
+#include "crash/operations.hpp"
+#include "support/sample_volume.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tavelin::test {
+
+namespace {
+
+constexpr std::size_t kSector = 512;
+constexpr std::size_t kRecord = 1024; // bytes of a file record, as mkntfs makes them
+constexpr std::size_t kIndexBlock = 4096;
+constexpr std::size_t kMirrored = 4; // records
+
+Bytes smallVolume() {
+    VolumeGeometry geometry;
+    geometry.bytes = 2u << 20;
+    geometry.clusterSize = 512;
+    const SampleVolume volume(geometry);
+    const std::string raw = readFile(volume.image());
+    Bytes image(raw.size());
+    std::memcpy(image.data(), raw.data(), raw.size());
+    return image;
+}
+
+template<typename Number>
+Number at(const Bytes& image, std::size_t where) {
+    Number number = 0;
+    std::memcpy(&number, image.data() + where, sizeof number);
+    return number;
+}
+
+std::size_t clusterSize(const Bytes& boot) {
+    return at<std::uint16_t>(boot, 0x0b) * std::size_t{at<std::uint8_t>(boot, 0x0d)};
+}
+
+// Takes the update sequence out of a block, or puts it in; sequences that do not fit are left.
+class Fixups {
+  public:
+    Fixups(Bytes& image, std::size_t block, std::size_t size) : image_(image), block_(block) {
+        const std::size_t offset = at<std::uint16_t>(image, block + 4);
+        if (at<std::uint16_t>(image, block + 6) != size / kSector + 1 ||
+            offset + 2 * (size / kSector + 1) > kSector) {
+            return;
+        }
+        count_ = size / kSector;
+        sequence_ = block + offset;
+        for (std::size_t i = 0; i < count_; i++) {
+            std::memcpy(endOf(i), &image[sequence_ + 2 * (i + 1)], 2);
+        }
+    }
+    ~Fixups() {
+        for (std::size_t i = 0; i < count_; i++) {
+            std::memcpy(&image_[sequence_ + 2 * (i + 1)], endOf(i), 2);
+            std::memcpy(endOf(i), &image_[sequence_], 2);
+        }
+    }
+    Fixups(const Fixups&) = delete;
+    Fixups& operator=(const Fixups&) = delete;
+
+  private:
+    std::byte* endOf(std::size_t sector) { return &image_[block_ + (sector + 1) * kSector - 2]; }
+
+    Bytes& image_;
+    const std::size_t block_;
+    std::size_t sequence_ = 0;
+    std::size_t count_ = 0;
+};
+
+std::vector<std::size_t> indexBlocks(const Bytes& image) {
+    std::vector<std::size_t> found;
+    for (std::size_t block = 0; block + kIndexBlock <= image.size(); block += kSector) {
+        if (std::memcmp(&image[block], "INDX", 4) == 0) {
+            found.push_back(block);
+        }
+    }
+    return found;
+}
+
+struct Change {
+    std::uint8_t kind;
+    std::uint8_t number;
+    std::uint16_t place;
+    std::uint8_t how;
+    std::uint8_t value;
+};
+
+void changeBytes(Bytes& image, std::size_t begin, std::size_t size, const Change& change) {
+    constexpr std::size_t kWidths[] = {1, 2, 4, 8};
+    const std::size_t width = kWidths[change.how / 4 % 4];
+    const std::size_t where = begin + change.place % (size - width + 1);
+    for (std::size_t i = 0; i < width; i++) {
+        std::byte& byte = image[where + i];
+        const auto value = static_cast<std::byte>(change.value);
+        switch (change.how % 4) {
+        case 0: // a small number
+            byte = i == 0 ? value : std::byte{0};
+            break;
+        case 1: // a large one
+            byte = i + 1 == width ? value : std::byte{0xff};
+            break;
+        case 2:
+            byte ^= i == 0 ? value : std::byte{0};
+            break;
+        default: // a little more or less
+            byte = i == 0 ? static_cast<std::byte>(std::to_integer<int>(byte) + change.value - 128)
+                          : byte;
+            break;
+        }
+    }
+}
+
+void apply(Bytes& image, const Change& change) {
+    const std::size_t cluster = clusterSize(image);
+    switch (change.kind % 4) {
+    case 0: {
+        const std::size_t table = at<std::uint64_t>(image, 0x30) * cluster;
+        const std::size_t mirror = at<std::uint64_t>(image, 0x38) * cluster;
+        const std::size_t record = table + change.number % 128 * kRecord;
+        {
+            const Fixups none(image, record, kRecord);
+            changeBytes(image, record, kRecord, change);
+        }
+        if (change.number % 128 < kMirrored) {
+            std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(record), kRecord,
+                        image.begin() + static_cast<std::ptrdiff_t>(mirror + record - table));
+        }
+        break;
+    }
+    case 1: {
+        const auto blocks = indexBlocks(image);
+        if (!blocks.empty()) {
+            const std::size_t block = blocks[change.number % blocks.size()];
+            const Fixups none(image, block, kIndexBlock);
+            changeBytes(image, block, kIndexBlock, change);
+        }
+        break;
+    }
+    case 2:
+        changeBytes(image, 0, kSector, change);
+        break;
+    default:
+        changeBytes(image, change.number * 8192u % (image.size() - 65536), 65536, change);
+        break;
+    }
+}
+
+} // namespace
+
+const std::vector<Bytes>& seedVolumes() {
+    static const std::vector<Bytes> volumes{preparedVolume(), smallVolume()};
+    return volumes;
+}
+
+std::uint8_t InputReader::byte() {
+    if (rest_.empty()) {
+        return 0;
+    }
+    const std::uint8_t first = rest_.front();
+    rest_ = rest_.subspan(1);
+    return first;
+}
+
+Bytes damagedVolume(InputReader& input) {
+    const auto& seeds = seedVolumes();
+    Bytes image = seeds[input.byte() % seeds.size()];
+    const std::uint8_t count = input.byte() % 32;
+    std::vector<Change> changes;
+    for (std::uint8_t i = 0; i < count && !input.isAtEnd(); i++) {
+        Change change{};
+        change.kind = input.byte();
+        change.number = input.byte();
+        change.place = input.byte();
+        change.place = static_cast<std::uint16_t>(change.place | input.byte() << 8);
+        change.how = input.byte();
+        change.value = input.byte();
+        changes.push_back(change);
+    }
+    // A changed boot sector would move what the other changes mean.
+    std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
+        return (a.kind % 4 == 2) < (b.kind % 4 == 2);
+    });
+    for (const Change& change : changes) {
+        apply(image, change);
+    }
+    return image;
+}
+
+} // namespace tavelin::test

@@ -1,0 +1,119 @@
+#include "fuzz/hostile_image.hpp"
+#include "hosts/module/module_host.hpp"
+#include "hosts/module/paths.hpp"
+
+#include <array>
+#include <functional>
+
+namespace tavelin::test {
+
+namespace {
+
+using Path = const std::string&;
+
+constexpr std::size_t kMostEntries = 400; // of a walk: folders may hold each other
+constexpr std::size_t kLongestRead = 1 << 20;
+
+ItemRef at(VolumeClient& volume, Path path) {
+    return resolve(volume, path, LastLink::keep).get().item;
+}
+
+void walkAll(VolumeClient& volume, Path path) {
+    std::size_t seen = 0;
+    walk(volume, at(volume, path), [&](const std::string&, const DirectoryEntry&) {
+        return ++seen < kMostEntries;
+    }).get();
+}
+
+void readAll(VolumeClient& volume, Path path) {
+    const ItemRef item = at(volume, path);
+    const auto attributes = volume.attributes(item).get();
+    if (attributes.type() == fskit::FSItemType::symlink) {
+        (void)volume.readSymbolicLink(item).get();
+        return;
+    }
+    Bytes content(std::min<std::size_t>(attributes.size(), kLongestRead));
+    (void)volume.read(item, 0, content).get();
+}
+
+void readStreams(VolumeClient& volume, Path path) {
+    const ItemRef item = at(volume, path);
+    for (const std::string& name : volume.listXattrs(item).get()) {
+        (void)volume.getXattr(item, name).get();
+    }
+}
+
+void create(VolumeClient& volume, Path path) {
+    const ItemRef folder = at(volume, path);
+    (void)volume.create(folder, "a new file with a name", fskit::FSItemType::file).get();
+    (void)volume.create(folder, "a new folder", fskit::FSItemType::directory).get();
+    (void)volume.createSymbolicLink(folder, "a new link", "target").get();
+}
+
+void rename(VolumeClient& volume, Path path) {
+    const Location from = locate(volume, path).get();
+    volume.rename(at(volume, path), from.directory, from.name, volume.root(), "moved", {}).get();
+}
+
+void write(VolumeClient& volume, Path path) {
+    const ItemRef item = at(volume, path);
+    (void)volume.write(item, 5000, Bytes(70000, std::byte{'w'})).get();
+    (void)volume.write(item, 10, Bytes(10, std::byte{'w'})).get();
+}
+
+void truncate(VolumeClient& volume, Path path) {
+    for (const std::uint64_t size : {200000, 10}) {
+        fskit::FSItemSetAttributesRequest request;
+        request.setSize(size);
+        (void)volume.setAttributes(at(volume, path), request).get();
+    }
+}
+
+void remove(VolumeClient& volume, Path path) {
+    const Location where = locate(volume, path).get();
+    volume.remove(at(volume, path), where.directory, where.name).get();
+}
+
+void changeStreams(VolumeClient& volume, Path path) {
+    const ItemRef item = at(volume, path);
+    volume.setXattr(item, "note", Bytes(3000, std::byte{'s'})).get();
+    volume.removeXattr(item, "tag").get();
+}
+
+void askVolume(VolumeClient& volume, Path /*path*/) {
+    (void)volume.statistics();
+    volume.setName("Renamed").get();
+    volume.synchronize().get();
+}
+
+using Request = void (*)(VolumeClient&, Path);
+constexpr std::array<Request, 10> kRequests{walkAll,       readAll,  readStreams, create,
+                                            rename,        write,    truncate,    remove,
+                                            changeStreams, askVolume};
+
+const std::array<std::string, 16> kPaths{
+    "",           "work",        "work/appended", "work/shrunk",   "work/tagged", "work/empty",
+    "stable",     "stable/link", "stable/3",      "stable/deep/1", "crowd",       "other",
+    "work/mover", "stable/11",   "a new folder",  "moved"};
+
+} // namespace
+
+void sendRequests(Bytes volume, InputReader& input) {
+    ModuleHost host(std::make_shared<RecordingResource>(std::move(volume)));
+    try {
+        host.open();
+    } catch (const OpenError&) {
+        return;
+    }
+    while (!input.isAtEnd()) {
+        const Request request = kRequests[input.byte() % kRequests.size()];
+        try {
+            request(host.volume(), kPaths[input.byte() % kPaths.size()]);
+        } catch (const fskit::Error&) {
+            // What a damaged volume answers is for it to choose.
+        }
+    }
+    (void)host.close(); // the same
+}
+
+} // namespace tavelin::test
