@@ -1,6 +1,6 @@
 // crash_lab [--pairs] [--seed N] [--driver]: cuts the power at every write of many small scripts
-// and prints what was left. --driver does the same to the system's FUSE driver, ntfs-3g, with single
-// operations. Exits 1 when a promise was broken.
+// and prints what was left. --driver does the same to the system's FUSE driver, ntfs-3g, with
+// single operations. Exits 1 when a promise was broken.
 #include "crash/driver_recording.hpp"
 #include "crash/power_cut.hpp"
 

@@ -3,6 +3,7 @@
 #include "hosts/fuse/mount_table.hpp"
 #include "mount/served_volume.hpp"
 #include "mount/tree.hpp"
+#include "mount/watches.hpp"
 #include "support/run_process.hpp"
 
 #include <gtest/gtest.h>
@@ -98,14 +99,11 @@ TEST_F(MountLifecycle, RemovalsThatNobodySynchronisesReachTheImageAnyway) {
     const int open = synced("open", "content");
     fs::remove(*this / "open");
     // About a second of idleness parks the file, another writes that back.
+    ChangeWatch image(volume_->image());
     std::vector<std::string> names;
-    for (int tries = 0; tries < 100; ++tries) {
+    do {
         names = asOnTheImage()->list();
-        if (std::find(names.begin(), names.end(), "open") == names.end()) {
-            break;
-        }
-        ::usleep(100'000);
-    }
+    } while (std::find(names.begin(), names.end(), "open") != names.end() && image.await());
     EXPECT_EQ(names, std::vector<std::string>{".tavelin-removed"});
     char byte = 0;
     EXPECT_EQ(::pread(open, &byte, 1, 0), 1);
@@ -135,8 +133,9 @@ TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
     for (const bool impatient : {false, true}) {
         const int open = synced("file", "content");
         ::kill(served_->server(), SIGTERM);
+        MountTableWatch mounts;
         while (fusehost::findMount(served_->folder())) {
-            ::usleep(5'000);
+            ASSERT_TRUE(mounts.await());
         }
         EXPECT_EQ(::pwrite(open, "CONTENT", 7, 0), 7) << "it is still served";
         if (impatient) {

@@ -23,7 +23,9 @@ try() {
     output=${output//"$work/"/}
     lines=$(printf '%s\n' "$output" | wc -l)
     printf '%s\n' "$output" | head -n "$most" | sed 's/^/    /'
-    [ "$lines" -le "$most" ] || printf '    %s… %d lines more%s\n' "$faint" $((lines - most)) "$plain"
+    if [ "$lines" -gt "$most" ]; then
+        printf '    %s… %d lines more%s\n' "$faint" $((lines - most)) "$plain"
+    fi
 }
 
 # Runs what only matters when it fails.

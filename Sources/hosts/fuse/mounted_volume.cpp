@@ -104,7 +104,8 @@ Outcome<Entry> MountedVolume::createLink(Node& folder, std::string_view name,
     return entryOf(std::move(made));
 }
 
-// The record that `change` frees may belong to another file a moment later, so its node leaves first.
+// The record that `change` frees may belong to another file a moment later, so its node leaves
+// first.
 template<typename Change>
 Outcome<void> MountedVolume::freeing(Node* node, Change&& change) {
     if (node != nullptr) {
