@@ -38,9 +38,13 @@ CopySettings settings(const CopyCommand& command) {
     return result;
 }
 
+struct FromTo {
+    std::vector<std::string> sources;
+    std::string target;
+};
+
 /// The last of several paths says where to.
-std::pair<std::vector<std::string>, std::string> apart(std::vector<std::string> paths,
-                                                       const std::string& usualTarget) {
+FromTo apart(std::vector<std::string> paths, const std::string& usualTarget) {
     if (paths.size() == 1) {
         return {std::move(paths), usualTarget};
     }
@@ -107,11 +111,11 @@ void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
 void runGet(const CopyCommand& command) {
     takeInterruptions();
     withVolume(command.volume, Access::read, [&](Session& session) {
-        const auto [paths, target] = apart(command.paths, ".");
-        const HostPlace place = hostPlace(target, paths.size() > 1);
+        const FromTo paths = apart(command.paths, ".");
+        const HostPlace place = hostPlace(paths.target, paths.sources.size() > 1);
         CopyRun run("get", settings(command));
         TreeGetter getter(session.volume(), run);
-        for (const std::string& path : paths) {
+        for (const std::string& path : paths.sources) {
             getOne(session.volume(), getter, path, place);
         }
         run.end();
@@ -188,8 +192,8 @@ void putOne(TreePutter& putter, const std::string& source, const VolumePlace& pl
 }
 
 void runPut(const CopyCommand& command) {
-    const auto [sources, target] = apart(command.paths, "/");
-    for (const std::string& source : sources) { // before the image is even opened
+    const FromTo paths = apart(command.paths, "/");
+    for (const std::string& source : paths.sources) { // before the image is even opened
         struct ::stat status {};
         if (source != "-" && lstat(source.c_str(), &status) != 0) {
             throw Failure(explainHost(source, errno));
@@ -197,14 +201,15 @@ void runPut(const CopyCommand& command) {
     }
     withVolume(command.volume, Access::change, [&](Session& session) {
         CopyRun run("put", settings(command));
-        const VolumePlace place = volumePlace(session.volume(), target, sources.size() > 1);
+        const VolumePlace place =
+            volumePlace(session.volume(), paths.target, paths.sources.size() > 1);
         if (run.bar.isShown()) {
-            for (const std::string& source : sources) {
+            for (const std::string& source : paths.sources) {
                 run.bar.expect(bytesBelow(source));
             }
         }
         TreePutter putter(session.volume(), run);
-        for (const std::string& source : sources) {
+        for (const std::string& source : paths.sources) {
             putOne(putter, source, place);
         }
         run.end();
