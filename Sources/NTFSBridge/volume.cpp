@@ -54,6 +54,12 @@ struct device_free {
     }
 };
 
+// The library takes a damaged boot sector's word for the number of clusters.
+bool has_possible_size(const ntfs_volume& volume) noexcept {
+    return volume.nr_clusters > 0 && volume.cluster_size > 0 &&
+           volume.nr_clusters <= INT64_MAX / volume.cluster_size;
+}
+
 int32_t mount(ntb_vol& vol) noexcept {
     set_library_up();
     errno = 0;
@@ -75,7 +81,7 @@ int32_t mount(ntb_vol& vol) noexcept {
     ntfs_create_lru_caches(vol.volume);
     ntfs_set_shown_files(vol.volume, FALSE, TRUE, FALSE);
     errno = 0;
-    if (ntfs_volume_get_free_space(vol.volume) != 0) {
+    if (!has_possible_size(*vol.volume) || ntfs_volume_get_free_space(vol.volume) != 0) {
         const int32_t error = err_or(EIO);
         (void)ntfs_umount(vol.volume, TRUE);
         return error;

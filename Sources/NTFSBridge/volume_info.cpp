@@ -63,7 +63,8 @@ int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out) {
     *out = {};
     out->clusterSize = volume->cluster_size;
     out->totalClusters = at_least_zero(volume->nr_clusters);
-    out->freeClusters = at_least_zero(volume->free_clusters);
+    // A damaged bitmap can have more bits than the volume has clusters.
+    out->freeClusters = std::min(at_least_zero(volume->free_clusters), out->totalClusters);
     out->freeFiles =
         records_in(volume, out->freeClusters) + at_least_zero(volume->free_mft_records);
     const uint64_t bitmap_bytes =
