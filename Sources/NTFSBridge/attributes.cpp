@@ -8,11 +8,12 @@ using namespace ntb;
 namespace {
 
 uint32_t flags_of(const ntfs_inode* inode) noexcept {
+    const uint32_t found = file_flags(inode);
     uint32_t flags = 0;
-    flags |= (inode->flags & FILE_ATTR_HIDDEN) != 0 ? NTB_FLAG_HIDDEN : 0;
-    flags |= (inode->flags & FILE_ATTR_READONLY) != 0 ? NTB_FLAG_READ_ONLY : 0;
-    flags |= (inode->flags & FILE_ATTR_SYSTEM) != 0 ? NTB_FLAG_SYSTEM : 0;
-    flags |= (inode->flags & FILE_ATTR_COMPRESSED) != 0 ? NTB_FLAG_COMPRESSED : 0;
+    flags |= (found & FILE_ATTR_HIDDEN) != 0 ? NTB_FLAG_HIDDEN : 0;
+    flags |= (found & FILE_ATTR_READONLY) != 0 ? NTB_FLAG_READ_ONLY : 0;
+    flags |= (found & FILE_ATTR_SYSTEM) != 0 ? NTB_FLAG_SYSTEM : 0;
+    flags |= (found & FILE_ATTR_COMPRESSED) != 0 ? NTB_FLAG_COMPRESSED : 0;
     flags |= is_reparse_point(inode) ? NTB_FLAG_REPARSE_POINT : 0;
     return flags;
 }

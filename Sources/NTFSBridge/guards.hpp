@@ -65,12 +65,26 @@ struct search_release {
 
 using search_guard = std::unique_ptr<ntfs_attr_search_ctx, search_release>;
 
+// The flags of a file and of its record, as they are on the volume: on a damaged one also bits that
+// the library's enumerations do not have.
+inline uint32_t file_flags(const ntfs_inode* inode) noexcept {
+    uint32_t flags = 0;
+    std::memcpy(&flags, &inode->flags, sizeof flags);
+    return flags;
+}
+
+inline uint16_t record_flags(const ntfs_inode* inode) noexcept {
+    uint16_t flags = 0;
+    std::memcpy(&flags, &inode->mrec->flags, sizeof flags);
+    return flags;
+}
+
 inline bool is_directory(const ntfs_inode* inode) noexcept {
-    return (inode->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0;
+    return (record_flags(inode) & MFT_RECORD_IS_DIRECTORY) != 0;
 }
 
 inline bool is_reparse_point(const ntfs_inode* inode) noexcept {
-    return (inode->flags & FILE_ATTR_REPARSE_POINT) != 0;
+    return (file_flags(inode) & FILE_ATTR_REPARSE_POINT) != 0;
 }
 
 // Whether there are changes of the record, or of one that continues it, that were not written yet.
@@ -79,8 +93,9 @@ inline bool is_dirty(const ntfs_inode* inode) noexcept {
 }
 
 inline void set_flag(ntfs_inode* inode, FILE_ATTR_FLAGS flag, bool on) noexcept {
-    const auto flags = on ? inode->flags | flag : inode->flags & ~flag;
-    inode->flags = static_cast<FILE_ATTR_FLAGS>(flags);
+    const uint32_t bit = flag;
+    const uint32_t flags = on ? file_flags(inode) | bit : file_flags(inode) & ~bit;
+    std::memcpy(&inode->flags, &flags, sizeof flags);
 }
 
 // The unnamed data stream, null with errno when there is none or it cannot be opened.

@@ -23,7 +23,7 @@ c_string interix_target(ntfs_inode* inode) noexcept {
 } // namespace
 
 bool is_interix_link(ntfs_inode* inode, ntfs_attr* data) noexcept {
-    if ((inode->flags & FILE_ATTR_SYSTEM) == 0 || is_directory(inode)) {
+    if ((file_flags(inode) & FILE_ATTR_SYSTEM) == 0 || is_directory(inode)) {
         return false;
     }
     attribute_guard own;

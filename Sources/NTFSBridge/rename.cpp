@@ -81,6 +81,10 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
     if (const int32_t error = link_name(vol, ino, to.directory, to.name); error != 0) {
         return error;
     }
+    // The two names may be in different pages, of which one flush writes the lower first. So that
+    // a power cut in it cannot leave the file without a name, the new one goes to the device now.
+    // A failure is dropped: the pages stay dirty, and the flush that retries them reports.
+    (void)sync_device(vol);
     const int32_t error = unlink_impl(vol, from.directory, from.name, false);
     if (error != 0) {
         // Best effort: the file has both names if this fails too.

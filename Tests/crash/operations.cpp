@@ -144,6 +144,18 @@ const std::vector<Operation>& allOperations() {
          [](auto& v) { rename(v, "work/mover", "other/moved"); },
          {"work/mover", "other/moved"},
          {{"work/mover", "other/moved"}}},
+        {"rename back",
+         [](auto& v) { rename(v, "other/away", "work/back"); },
+         {"other/away", "work/back"},
+         {{"other/away", "work/back"}}},
+        {"rename inside",
+         [](auto& v) { rename(v, crowded(3), "crowd/z"); },
+         {crowded(3), "crowd/z"},
+         {{crowded(3), "crowd/z"}}},
+        {"rename inside back",
+         [](auto& v) { rename(v, crowded(39), "crowd/0"); },
+         {crowded(39), "crowd/0"},
+         {{crowded(39), "crowd/0"}}},
         {"rename case",
          [](auto& v) { rename(v, "work/readme", "work/README"); },
          {"work/readme", "work/README"},
@@ -194,6 +206,7 @@ Bytes preparedVolume() {
                              "winner", "loser", "mover", "readme", "streamed", "tagged", "timed"}) {
         makeFile(v, std::string("work/") + file, patterned(9000, static_cast<unsigned>(file[0])));
     }
+    makeFile(v, "other/away", patterned(9000, 6));
     setStream(v, "work/tagged", "tag", patterned(40, 7));
     for (unsigned i = 0; i < 12; i++) {
         makeFile(v, "stable/" + std::to_string(i), patterned(100 + i * 4000, i));

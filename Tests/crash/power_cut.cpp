@@ -78,6 +78,7 @@ class Judge {
         for (const auto& [path, why] : found.unreadable) {
             const Fault fault = touched_.contains(path) ? Fault::noFile
                                 : changesIn(path)       ? Fault::noFolder
+                                : changesBeside(path)   ? Fault::halfFolder
                                                         : Fault::unreadable;
             findings_.push_back({fault, path + ": " + why});
         }
@@ -108,7 +109,10 @@ class Judge {
             const bool known = recording_.states[promised_].entries.contains(path);
             if (touched_.contains(path)) {
                 if (!isMixture(path, entry)) {
-                    findings_.push_back({Fault::damaged, path + " (being changed)"});
+                    const bool isOthers =
+                        std::any_of(touched_.begin(), touched_.end(),
+                                    [&](const auto& other) { return isMixture(other, entry); });
+                    findings_.push_back({isOthers ? Fault::exchanged : Fault::damaged, path});
                 }
             } else if (!known) {
                 findings_.push_back({Fault::strange, path});
@@ -206,6 +210,8 @@ const char* faultName(Fault fault) {
         return "folder being changed lacks entries";
     case Fault::noFile:
         return "name being changed not openable";
+    case Fault::exchanged:
+        return "name being changed shows another's";
     case Fault::unreadable:
         return "anything else unreadable";
     case Fault::lost:
