@@ -122,7 +122,7 @@ class Judge {
             const bool was = recording_.states[promised_].entries.contains(from);
             if (was && !found.entries.contains(from) && !found.entries.contains(to) &&
                 !found.isHidden(from) && !found.isHidden(to)) {
-                findings_.push_back({Fault::lost, from + " on its way to " + to});
+                findings_.push_back({Fault::moved, from + " on its way to " + to});
             }
         }
     }
@@ -212,6 +212,8 @@ const char* faultName(Fault fault) {
         return "name being changed not openable";
     case Fault::exchanged:
         return "name being changed shows another's";
+    case Fault::moved:
+        return "file being moved has neither name";
     case Fault::unreadable:
         return "anything else unreadable";
     case Fault::lost:

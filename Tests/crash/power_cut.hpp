@@ -17,15 +17,16 @@ enum class Fault {
     halfFolder,   // a folder in which names were being changed lacks others, or cannot find them
     noFile,       // a name that was being changed is listed and cannot be opened
     exchanged,    // a name that was being changed leads to another file that was
+    moved,        // a file that was being moved has neither its old nor its new name
     unreadable,   // something else cannot be listed, opened or read
     lost,         // a name that was promised is not there
     damaged,      // content that was promised, or that nothing touched, differs
     strange,      // a name that no moment of the script had
 };
 
-inline constexpr Fault kAllFaults[] = {Fault::notMountable, Fault::noFolder,  Fault::halfFolder,
-                                       Fault::noFile,       Fault::exchanged, Fault::unreadable,
-                                       Fault::lost,         Fault::damaged,   Fault::strange};
+inline constexpr Fault kAllFaults[] = {
+    Fault::notMountable, Fault::noFolder,   Fault::halfFolder, Fault::noFile,  Fault::exchanged,
+    Fault::moved,        Fault::unreadable, Fault::lost,       Fault::damaged, Fault::strange};
 const char* faultName(Fault fault);
 const char* cutName(Cut cut);
 
