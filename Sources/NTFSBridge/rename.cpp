@@ -82,9 +82,10 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
         return error;
     }
     // The two names may be in different pages, of which one flush writes the lower first. So that
-    // a power cut in it cannot leave the file without a name, the new one goes to the device now.
-    // A failure is dropped: the pages stay dirty, and the flush that retries them reports.
-    (void)sync_device(vol);
+    // a power cut in it cannot leave the file without a name, the new one is written first. Order
+    // is all that matters here, so the device is not asked to sync. A failure is dropped: the
+    // pages stay dirty, and the flush that retries them reports.
+    (void)vol->context->flush();
     const int32_t error = unlink_impl(vol, from.directory, from.name, false);
     if (error != 0) {
         // Best effort: the file has both names if this fails too.

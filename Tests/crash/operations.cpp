@@ -79,6 +79,10 @@ std::string crowded(int number) {
            std::to_string(number);
 }
 
+Operation moving(const std::string& name, const std::string& from, const std::string& to) {
+    return {name, [=](VolumeClient& v) { rename(v, from, to); }, {from, to}, {{from, to}}};
+}
+
 Operation createMany() {
     Operation operation{"create many", {}, {}, {}};
     for (int i = 100; i < 130; i++) {
@@ -132,34 +136,13 @@ const std::vector<Operation>& allOperations() {
         {"mkdir", [](auto& v) { makeFolder(v, "work/made"); }, {"work/made"}, {}},
         {"rmdir", [](auto& v) { remove(v, "work/empty"); }, {"work/empty"}, {}},
         {"unlink", [](auto& v) { remove(v, "work/unlinked"); }, {"work/unlinked"}, {}},
-        {"rename",
-         [](auto& v) { rename(v, "work/from", "work/to"); },
-         {"work/from", "work/to"},
-         {{"work/from", "work/to"}}},
-        {"rename over",
-         [](auto& v) { rename(v, "work/winner", "work/loser"); },
-         {"work/winner", "work/loser"},
-         {{"work/winner", "work/loser"}}},
-        {"rename across",
-         [](auto& v) { rename(v, "work/mover", "other/moved"); },
-         {"work/mover", "other/moved"},
-         {{"work/mover", "other/moved"}}},
-        {"rename back",
-         [](auto& v) { rename(v, "other/away", "work/back"); },
-         {"other/away", "work/back"},
-         {{"other/away", "work/back"}}},
-        {"rename inside",
-         [](auto& v) { rename(v, crowded(3), "crowd/z"); },
-         {crowded(3), "crowd/z"},
-         {{crowded(3), "crowd/z"}}},
-        {"rename inside back",
-         [](auto& v) { rename(v, crowded(39), "crowd/0"); },
-         {crowded(39), "crowd/0"},
-         {{crowded(39), "crowd/0"}}},
-        {"rename case",
-         [](auto& v) { rename(v, "work/readme", "work/README"); },
-         {"work/readme", "work/README"},
-         {{"work/readme", "work/README"}}},
+        moving("rename", "work/from", "work/to"),
+        moving("rename over", "work/winner", "work/loser"),
+        moving("rename across", "work/mover", "other/moved"),
+        moving("rename back", "other/away", "work/back"),
+        moving("rename inside", crowded(3), "crowd/z"),
+        moving("rename inside back", crowded(39), "crowd/0"),
+        moving("rename case", "work/readme", "work/README"),
         {"symlink",
          [](auto& v) { v.createSymbolicLink(at(v, "work"), "link", "../stable/0").get(); },
          {"work/link"},
