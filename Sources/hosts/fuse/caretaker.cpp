@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -32,15 +31,6 @@ void raiseReadAhead(const std::filesystem::path& folder) {
             std::ofstream setting("/sys/class/bdi/" + mount->device + suffix + "/read_ahead_kb");
             setting << kReadAhead << std::flush;
         }
-    }
-}
-
-// Writes back what the kernel still holds of the folder's files, while we serve its requests.
-void writeBack(const std::filesystem::path& folder) {
-    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd != -1) {
-        ::syncfs(fd); // a failure is met again, and reported, when the volume is closed
-        ::close(fd);
     }
 }
 
@@ -110,11 +100,10 @@ void Caretaker::watch(const std::filesystem::path& folder, RemovedFiles& removed
             continue;
         }
         leaving = true;
-        writeBack(folder);
-        if (const int failed = unmountFolder(folder, false); failed != 0) {
+        if (const int failed = unmountOwnFolder(folder, false); failed != 0) {
             log().info(fmt::format("{}: {}; serving its users until they are done", folder.string(),
                                    std::strerror(failed)));
-            unmountFolder(folder, true); // if even this fails, the second signal ends us
+            unmountOwnFolder(folder, true); // if even this fails, the second signal ends us
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "hosts/fuse/mount_table.hpp"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <fstream>
 #include <spawn.h>
 #include <sstream>
@@ -43,6 +44,14 @@ std::optional<MountEntry> parse(const std::string& line) {
     return entry;
 }
 
+// The exit status of a child, once it has ended.
+int statusOf(pid_t child) {
+    int status = 0;
+    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : EINTR;
+}
+
 int runFusermount(const std::filesystem::path& folder, bool lazy) {
     std::string program = "fusermount3", unmount = "-u", quiet = "-q", how = lazy ? "-z" : "-q";
     std::string path = folder;
@@ -54,11 +63,12 @@ int runFusermount(const std::filesystem::path& folder, bool lazy) {
         failed != 0) {
         return failed;
     }
-    int status = 0;
-    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
-    }
     // It says why on standard error only; a folder in use is by far the likeliest reason.
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : EBUSY;
+    return statusOf(child) == 0 ? 0 : EBUSY;
+}
+
+int flagsOf(bool lazy) {
+    return UMOUNT_NOFOLLOW | (lazy ? MNT_DETACH : 0);
 }
 
 } // namespace
@@ -75,10 +85,26 @@ std::optional<MountEntry> findMount(const std::filesystem::path& folder) {
 }
 
 int unmountFolder(const std::filesystem::path& folder, bool lazy) {
-    if (::umount2(folder.c_str(), UMOUNT_NOFOLLOW | (lazy ? MNT_DETACH : 0)) == 0) {
+    if (::umount2(folder.c_str(), flagsOf(lazy)) == 0) {
         return 0;
     }
     return errno == EPERM ? runFusermount(folder, lazy) : errno;
+}
+
+int unmountOwnFolder(const std::filesystem::path& folder, bool lazy) {
+    const pid_t child = ::fork();
+    if (child == 0) { // other threads may hold any lock: nothing but system calls from here on
+        ::close_range(STDERR_FILENO + 1, ~0u, 0);
+        const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::syncfs(fd); // a failure is met again, and reported, when the volume is closed
+        ::close(fd);
+        ::_exit(::umount2(folder.c_str(), flagsOf(lazy)) == 0 ? 0 : errno);
+    }
+    if (child == -1) {
+        return errno;
+    }
+    const int status = statusOf(child);
+    return status == EPERM ? runFusermount(folder, lazy) : status;
 }
 
 } // namespace tavelin::fusehost

@@ -23,4 +23,9 @@ std::optional<MountEntry> findMount(const std::filesystem::path& folder);
 /// unmount takes the folder away at once and lets those who use it finish.
 int unmountFolder(const std::filesystem::path& folder, bool lazy);
 
+/// The same for the process that serves the folder, which must serve on meanwhile: what is dirty in
+/// the kernel comes back to it first. The calls that wait for our own answers are made in a child
+/// process; a thread of ours in them could never end if the others were killed.
+int unmountOwnFolder(const std::filesystem::path& folder, bool lazy);
+
 } // namespace tavelin::fusehost
