@@ -109,9 +109,9 @@ class Judge {
             const bool known = recording_.states[promised_].entries.contains(path);
             if (touched_.contains(path)) {
                 if (!isMixture(path, entry)) {
-                    const bool isOthers =
-                        std::any_of(touched_.begin(), touched_.end(),
-                                    [&](const auto& other) { return isMixture(other, entry); });
+                    const bool isOthers = std::any_of(
+                        touched_.begin(), touched_.end(),
+                        [&, &shown = entry](const auto& other) { return isMixture(other, shown); });
                     findings_.push_back({isOthers ? Fault::exchanged : Fault::damaged, path});
                 }
             } else if (!known) {
