@@ -27,17 +27,21 @@ fskit::FSItemAttributes TavelinVolume::attributes(const NItem& item) const {
 void TavelinVolume::describe(std::uint64_t ino, std::uint64_t parent,
                              fskit::FSItemAttributes& result) const {
     const NTFSAttributes record = ntfs->attributes(ino);
+    // All calls before the first store: the stores then need not be kept in order with them.
+    const std::uint32_t mode = Driver2::mode(record.type);
+    const fskit::FSItemID fileID = Driver2::itemID(ino);
+    const fskit::FSItemID parentID =
+        ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot : Driver2::itemID(parent);
     result.setType(fskitType(record.type));
-    result.setMode(Driver2::mode(record.type));
+    result.setMode(mode);
     result.setUid(uid_);
     result.setGid(gid_);
     result.setLinkCount(record.linkCount);
     result.setFlags(record.hidden ? kHiddenFlag : 0);
     result.setSize(record.size);
     result.setAllocSize(record.allocSize);
-    result.setFileID(Driver2::itemID(ino));
-    result.setParentID(ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot
-                                                   : Driver2::itemID(parent));
+    result.setFileID(fileID);
+    result.setParentID(parentID);
     result.setAccessTime(record.accessTime);
     result.setModifyTime(record.modifyTime);
     result.setChangeTime(record.changeTime);

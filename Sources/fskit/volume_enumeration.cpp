@@ -43,8 +43,8 @@ TavelinVolume::Snapshot TavelinVolume::listing(NItem& directory, fskit::FSDirect
         }
         generation = generation_;
     }
-    // A change made while the list is taken raises the generation beyond the one noted here, so
-    // the next page will not trust this listing.
+    // A change made while the list is taken may or may not be in it, and does not drop it: like any
+    // change during an enumeration, it is certain to show in the next one from the start.
     Snapshot fresh =
         std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.ino), generation);
     Snapshot replaced = fresh; // freed after the lock is released
