@@ -218,7 +218,7 @@ void runPut(const CopyCommand& command) {
 }
 
 std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& what) {
-    const auto arguments = std::make_shared<CopyCommand>();
+    auto arguments = std::make_shared<CopyCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, what);
     command.add_flag("--no-streams", arguments->noStreams,

@@ -26,7 +26,7 @@ struct EventsCommand {
 };
 
 /// How much of the log is shown without --since.
-constexpr std::int64_t kTailBytes = 64 * 1024;
+constexpr std::int64_t kTailBytes = 65'536;
 
 /// "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …"; lines that are no events as they are.
 std::string forPeople(const std::string& line) {

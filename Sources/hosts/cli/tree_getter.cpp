@@ -5,6 +5,8 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -169,7 +171,7 @@ void TreeGetter::getStreams(const ItemRef& item, const std::string& path, int fi
         return;
     }
     for (const std::string& name : ofItem(volume_.listXattrs(item), path)) {
-        const std::string stream = path + " (stream " + name + ")";
+        const std::string stream = fmt::format("{} (stream {})", path, name);
         const auto value = volume_.getXattr(item, name);
         try {
             if (writeHostStream(file, name, ofItem(value, stream), stream)) {

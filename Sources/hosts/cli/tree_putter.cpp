@@ -6,6 +6,8 @@
 #include "platform/error_numbers.hpp"
 #include "platform/utf8.hpp"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
@@ -231,7 +233,7 @@ void TreePutter::putStreams(int descriptor, const ItemRef& item, const std::stri
             continue;
         }
         try {
-            throwVolumeError(path + " (stream " + stream.name + ")", set.error());
+            throwVolumeError(fmt::format("{} (stream {})", path, stream.name), set.error());
         } catch (const ItemFailure& failure) { // the file itself is still worth having
             run_.problem(failure.what());
         }
