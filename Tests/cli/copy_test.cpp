@@ -179,6 +179,19 @@ TEST(Copy, LeavesOutWhatItCannotCopyAndGoesOn) {
     EXPECT_EQ(tavelinDone({"cat", image, name}), "impostor");
 }
 
+// No host keeps attributes of any size; what does not fit is told, never dropped in silence.
+TEST(Copy, StreamsThatTheHostHasNoRoomForAreToldAndCanBeLeftOut) {
+    const SampleVolume volume;
+    const TempFolder host;
+    const std::string image = volume.image();
+    tavelinDone({"put", image, "-", "file"}, "content");
+    tavelinDone({"xattr", "set", image, "file", "huge"}, std::string(100'000, 'x'));
+    expectRefusal(tavelinRun({"get", image, "file", host.path()}), kFailed, "--no-streams");
+    EXPECT_EQ(readFile(host / "file"), "content");
+    tavelinDone({"get", "--no-streams", image, "file", host / "second"});
+    EXPECT_EQ(readFile(host / "second"), "content");
+}
+
 /// Replaces a name wherever the volume has it, in UTF-16, by one of the same length.
 void forgeName(const fs::path& image, const std::string& name, const std::string& forged) {
     const auto utf16 = [](const std::string& text) {
