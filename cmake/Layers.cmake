@@ -22,8 +22,9 @@ endfunction()
 #              [TIMEOUT seconds] [LIBRARIES lib...])
 #
 # One GoogleTest program, registered with CTest as one test per TEST() under LABEL:
-# unit, image, mount, binding or fault. THREADS makes that unit-threads and so on:
-# `ctest -L threads` is what the thread-sanitizer run covers.
+# unit, image, mount, binding or fault. THREADS makes that unit-threads and so on: the target
+# thread_suites and `ctest -L threads` are what the thread-sanitizer run builds and covers.
+add_custom_target(thread_suites)
 function(tavelin_test name)
   cmake_parse_arguments(ARG "THREADS" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
   # gtest_discover_tests() breaks a list of labels apart, so the two make one word.
@@ -34,6 +35,9 @@ function(tavelin_test name)
     set(ARG_TIMEOUT 300)
   endif()
   add_executable(${name} ${ARG_SOURCES})
+  if(ARG_THREADS)
+    add_dependencies(thread_suites ${name})
+  endif()
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/Tests)
   target_link_libraries(${name} PRIVATE tavelin_flags test_support GTest::gtest_main
     ${ARG_LIBRARIES})
