@@ -47,7 +47,9 @@ void ItemTable::end(std::uint64_t ticket) {
 ItemRef ItemTable::count(fskit::FSItemRef item) {
     const MutexLock held(lock_);
     detail::ItemEntry& entry = entries_[item.get()];
-    entry.item = std::move(item);
+    if (!entry.item) { // else it is the same one, and references read it without the lock
+        entry.item = std::move(item);
+    }
     ++entry.count;
     return {this, &entry};
 }
