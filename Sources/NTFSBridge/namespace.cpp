@@ -169,3 +169,30 @@ int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char*
 int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name) {
     return unlink_impl(vol, parent, name, true);
 }
+
+int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name) {
+    utf16_text text;
+    if (const int32_t error = check_new_name(vol, name, text); error != 0) {
+        return error;
+    }
+    if (parent == extend_ino || ino < first_user_ino) {
+        return EPERM;
+    }
+    {
+        inode_guard directory;
+        inode_guard file;
+        int32_t error = open_directory(vol, parent, directory);
+        error = first_error(error, file.open(vol->volume, ino));
+        if (error == 0 && is_directory(file.get())) {
+            error = EPERM;
+        }
+        uint64_t present = 0;
+        if (error == 0 && lookup_in(directory.get(), text, present) == 0) {
+            error = EEXIST;
+        }
+        if (error != 0) {
+            return error;
+        }
+    } // no record is open twice
+    return link_name(vol, ino, parent, name);
+}

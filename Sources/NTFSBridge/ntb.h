@@ -202,6 +202,9 @@ int32_t ntb_readlink(ntb_vol* vol, uint64_t ino, char** target);
 /* Removes a file's name or an empty directory. ENOENT, ENOTDIR, ENOTEMPTY. */
 int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name);
 
+/* Gives a file one more name. EEXIST, ENOTDIR, EPERM for directories and system files, ENOSPC. */
+int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name);
+
 /* Replaces an existing target of the same kind. EINVAL into the own subtree, EISDIR, ENOTDIR,
  * ENOTEMPTY. Safe when only the case of the name changes. */
 int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,

@@ -33,13 +33,14 @@
 ///   label, statfs, ioStats, sync,    nothing else
 ///   attributes, flush, xattrNames
 ///   setLabel                         kEROFS, kEILSEQ, kENAMETOOLONG over 128 UTF-16 units, kENOSPC
-///   lookup, resolve                  kENOTDIR, kEINVAL empty name, kEILSEQ
+///   lookup, resolve, find            kENOTDIR, kEINVAL empty name, kEILSEQ
 ///   list                             kENOTDIR
 ///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression
 ///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP
 ///   create                           kEROFS, kEEXIST, kENOTDIR, kENOSPC, kEPERM in $Extend, names
 ///   symlink                          kEROFS, kEEXIST, kENOTDIR, kENOSPC, names; of the target
 ///                                    kEINVAL empty, kENAMETOOLONG, kEILSEQ
+///   link                             those of create, kEPERM also for directories
 ///   readlink                         kEINVAL not a link
 ///   remove                           kEROFS, kENOTDIR, kENOTEMPTY, kEPERM system file, names
 ///   rename                           kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEINVAL into
@@ -159,6 +160,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// are names like any other. The lock is taken once a component.
     [[nodiscard]] std::uint64_t resolve(std::string_view path);
     [[nodiscard]] NTFSAttributes attributes(std::uint64_t ino);
+    /// The attributes of what a name stands for, in one go; absent when there is no such name.
+    [[nodiscard]] std::optional<NTFSAttributes> find(std::string_view name, std::uint64_t parent);
     /// All entries of a directory, without "." and "..", in the volume's collation order.
     [[nodiscard]] std::vector<NTFSDirEntry> list(std::uint64_t directory);
 
@@ -168,6 +171,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     [[nodiscard]] std::string readlink(std::uint64_t ino);
     /// Removes a file's name or an empty directory.
     void remove(std::string_view name, std::uint64_t parent);
+    /// Gives a file one more name.
+    void link(std::uint64_t ino, std::string_view name, std::uint64_t parent);
     /// Replaces an existing item of the same kind.
     void rename(std::string_view name, std::uint64_t parent, std::string_view newName,
                 std::uint64_t newParent);

@@ -80,6 +80,22 @@ NTFSAttributes NTFSVolume::attributes(std::uint64_t ino) {
     return attributesOf(record);
 }
 
+std::optional<NTFSAttributes> NTFSVolume::find(std::string_view name, std::uint64_t parent) {
+    const BridgeText text(name);
+    ntb_attr record{};
+    const std::int32_t result = locked([&](ntb_vol* vol) {
+        std::uint64_t ino = 0;
+        const std::int32_t error = ntb_lookup(vol, parent, text.cString(), &ino);
+        return error != 0 ? error : ntb_getattr(vol, ino, &record);
+    });
+    // A name that does not exist is the usual answer before one is made: no reason to throw.
+    if (fromHost(result) == kENOENT) {
+        return std::nullopt;
+    }
+    check(result);
+    return attributesOf(record);
+}
+
 std::vector<NTFSDirEntry> NTFSVolume::list(std::uint64_t directory) {
     ListBox box;
     const std::int32_t result =

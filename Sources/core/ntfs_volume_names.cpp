@@ -32,6 +32,11 @@ std::string NTFSVolume::readlink(std::uint64_t ino) {
     });
 }
 
+void NTFSVolume::link(std::uint64_t ino, std::string_view name, std::uint64_t parent) {
+    const BridgeText text(name);
+    check(locked([&](ntb_vol* vol) { return ntb_link(vol, ino, parent, text.cString()); }));
+}
+
 void NTFSVolume::remove(std::string_view name, std::uint64_t parent) {
     const BridgeText text(name);
     check(locked([&](ntb_vol* vol) { return ntb_unlink(vol, parent, text.cString()); }));

@@ -18,6 +18,7 @@
 
 #include "core/ntfs_volume.hpp"
 #include "fskit/api/volume.hpp"
+#include "fskit/host_requests.hpp"
 #include "fskit/n_item.hpp"
 #include "fskit/resource_device.hpp"
 #include "platform/mutex.hpp"
@@ -35,7 +36,8 @@ class TavelinVolume final : public fskit::FSVolume,
                             public fskit::FSVolumeReadWriteOperations,
                             public fskit::FSVolumeOpenCloseOperations,
                             public fskit::FSVolumeRenameOperations,
-                            public fskit::FSVolumeXattrOperations {
+                            public fskit::FSVolumeXattrOperations,
+                            public HostRequests {
   public:
     /// Named after the volume's label, "NTFS" when that is empty or cannot be read; identified by
     /// the serial number.
@@ -150,6 +152,13 @@ class TavelinVolume final : public fskit::FSVolume,
                   const fskit::ErrorReply& reply) override;
     void listXattrs(const fskit::FSItemRef& item, const fskit::NamesReply& reply) override;
 
+    void findItem(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
+                  const DescribedItemReply& reply) override;
+    void describeEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory,
+                       const DescribedItemReply& reply) override;
+    void addHostName(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                     const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) override;
+
     /// Never held across a call into `ntfs`.
     mutable Mutex items;
 
@@ -170,6 +179,9 @@ class TavelinVolume final : public fskit::FSVolume,
     void enter(std::span<const NTFSDirEntry> entries, std::uint64_t parent) TAVELIN_EXCLUDES(items);
     /// Fills in the attributes of an item that is reached through `parent`.
     void describe(std::uint64_t ino, std::uint64_t parent, fskit::FSItemAttributes& result) const;
+    void describe(const NTFSAttributes& record, std::uint64_t parent,
+                  fskit::FSItemAttributes& result) const;
+    DescribedItem described(const NTFSAttributes& record, std::uint64_t parent);
     /// Takes the entry of this very object out of the registry, if it is there.
     void forget(const NItem& item) TAVELIN_EXCLUDES(items);
     /// The listing to serve a page from, taken afresh when the one kept does not fit.

@@ -200,9 +200,12 @@ TEST_F(MountSemantics, OtherNamesOfAFileOutliveOne) {
     EXPECT_EQ(::pwrite(open, "SHARED", 6, 0), 6);
     EXPECT_EQ(readFile(*this / "second"), "SHARED");
     fs::rename(*this / "second", *this / "third"); // the same file: nothing happens
-    fs::remove(*this / "second");
+    writeFile(*this / "other", "other");
+    fs::rename(*this / "other", *this / "second");
+    EXPECT_EQ(readFile(*this / "second"), "other");
     EXPECT_EQ(readFile(*this / "third"), "SHARED");
-    EXPECT_EQ(names(), Names{"third"});
+    EXPECT_EQ(fs::hard_link_count(*this / "third"), 1u);
+    EXPECT_EQ(names(), (Names{"second", "third"}));
     EXPECT_EQ(errorOf(::link(path("third").c_str(), path("fourth").c_str())), EOPNOTSUPP);
 }
 

@@ -29,11 +29,16 @@ bool MountedVolume::isPrivate(const Node& folder, std::string_view name) noexcep
     return &folder == &nodes_.root() && name == RemovedFiles::kParkingFolder;
 }
 
-Outcome<Found> MountedVolume::found(const Node& folder, std::string_view name) {
+Outcome<std::optional<Found>> MountedVolume::find(const Node& folder, std::string_view name) {
     if (folder.gone || isPrivate(folder, name)) {
-        return fs_errorForPOSIXError(kENOENT);
+        return std::optional<Found>();
     }
-    return volume_.withAttributes(volume_.lookup(folder.item, name));
+    return volume_.find(folder.item, name);
+}
+
+Entry MountedVolume::remember(Found found) {
+    const fskit::FSItemAttributes attributes = found.attributes;
+    return {&nodes_.remember(std::move(found)), attributes};
 }
 
 Outcome<Entry> MountedVolume::entryOf(Outcome<ItemRef> item) {
@@ -41,26 +46,35 @@ Outcome<Entry> MountedVolume::entryOf(Outcome<ItemRef> item) {
     if (!found) {
         return found.error();
     }
-    const fskit::FSItemAttributes attributes = found->attributes;
-    return Entry{&nodes_.remember(std::move(*found)), attributes};
+    return remember(std::move(*found));
 }
 
-Outcome<Entry> MountedVolume::lookup(Node& folder, std::string_view name) {
-    Outcome<Found> child = found(folder, name);
+Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& folder, std::string_view name) {
+    Outcome<std::optional<Found>> child = find(folder, name);
     if (!child) {
         return child.error();
     }
-    if (removed_.contains(inoOf(*child))) {
-        return fs_errorForPOSIXError(kENOENT);
+    if (!*child || removed_.contains(inoOf(**child))) {
+        return std::optional<Entry>();
     }
-    const fskit::FSItemAttributes attributes = child->attributes;
-    return Entry{&nodes_.remember(std::move(*child)), attributes};
+    return std::optional(remember(std::move(**child)));
 }
 
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
     if (const std::unique_ptr<Node> node = nodes_.forget(number, counts)) {
         removed_.release(node->ino);
     }
+}
+
+Outcome<Found> MountedVolume::existing(const Node& folder, std::string_view name) {
+    Outcome<std::optional<Found>> found = find(folder, name);
+    if (!found) {
+        return found.error();
+    }
+    if (!*found || removed_.contains(inoOf(**found))) {
+        return fs_errorForPOSIXError(kENOENT);
+    }
+    return std::move(**found);
 }
 
 template<typename Make>
@@ -75,11 +89,11 @@ Outcome<ItemRef> MountedVolume::makingRoom(const Node& folder, std::string_view 
     if (made || !isCode(made.error(), kEEXIST) || removed_.isEmpty()) {
         return made;
     }
-    const Outcome<Found> old = found(folder, name);
-    if (!old || !removed_.contains(inoOf(*old))) {
+    const Outcome<std::optional<Found>> old = find(folder, name);
+    if (!old || !*old || !removed_.contains(inoOf(**old))) {
         return made;
     }
-    if (const Outcome<void> freed = removed_.freeName(inoOf(*old)); !freed) {
+    if (const Outcome<void> freed = removed_.freeName(inoOf(**old)); !freed) {
         return freed.error();
     }
     return make();
@@ -119,14 +133,11 @@ Outcome<void> MountedVolume::freeing(Node* node, Change&& change) {
 }
 
 Outcome<void> MountedVolume::removeFile(Node& folder, std::string_view name) {
-    Outcome<Found> old = found(folder, name);
+    const Outcome<Found> old = existing(folder, name);
     if (!old) {
         return old.error();
     }
     const uint64_t ino = inoOf(*old);
-    if (removed_.contains(ino)) {
-        return fs_errorForPOSIXError(kENOENT);
-    }
     Node* node = nodes_.find(ino);
     Outcome<void> removed =
         node != nullptr && node->isFile
@@ -139,7 +150,7 @@ Outcome<void> MountedVolume::removeFile(Node& folder, std::string_view name) {
 }
 
 Outcome<void> MountedVolume::removeFolder(Node& folder, std::string_view name) {
-    Outcome<Found> old = found(folder, name);
+    const Outcome<Found> old = existing(folder, name);
     if (!old) {
         return old.error();
     }
@@ -161,21 +172,22 @@ Outcome<void> MountedVolume::rename(Node& fromFolder, std::string_view from, Nod
     if (isPrivate(toFolder, to) || toFolder.gone) {
         return fs_errorForPOSIXError(toFolder.gone ? kENOENT : kEPERM);
     }
-    const Outcome<Found> moved = found(fromFolder, from);
+    const Outcome<Found> moved = existing(fromFolder, from);
     if (!moved) {
         return moved.error();
     }
-    Outcome<Found> old = found(toFolder, to);
-    if (!old && !isCode(old.error(), kENOENT)) {
-        return old.error();
+    const Outcome<std::optional<Found>> present = find(toFolder, to);
+    if (!present) {
+        return present.error();
     }
-    if (old && removed_.contains(inoOf(*old))) {
+    const Found* old = *present ? &**present : nullptr;
+    if (old != nullptr && removed_.contains(inoOf(*old))) {
         if (Outcome<void> freed = removed_.freeName(inoOf(*old)); !freed) {
             return freed;
         }
-        old = fs_errorForPOSIXError(kENOENT);
+        old = nullptr;
     }
-    if (old && !mayReplace) {
+    if (old != nullptr && !mayReplace) {
         return fs_errorForPOSIXError(kEEXIST);
     }
     const Renaming renaming{fromFolder, from, moved->item, toFolder, to};
@@ -183,7 +195,7 @@ Outcome<void> MountedVolume::rename(Node& fromFolder, std::string_view from, Nod
         old && inoOf(*old) != inoOf(*moved) ? replace(renaming, *old) : rename(renaming, ItemRef());
     if (done) {
         noteLostName(fromFolder, inoOf(*moved), from);
-        if (old) {
+        if (old != nullptr) {
             noteLostName(toFolder, inoOf(*old), to);
         }
         noteNewName(toFolder);
@@ -206,13 +218,16 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
         }
         return freeing(node, [&] { return rename(renaming, old.item); });
     }
-    // Somebody may have the old file open.
-    if (Outcome<void> parked = removed_.park(*node, renaming.toFolder, renaming.to); !parked) {
-        return parked;
+    // Somebody may have the old file open: a second, parked name keeps it when this one is taken.
+    // It has both until then, so that at no time, not even after a crash, the name is missing.
+    if (Outcome<void> kept = removed_.keep(*node); !kept) {
+        return kept;
     }
-    Outcome<void> done = rename(renaming, ItemRef());
-    if (!done) {
-        removed_.putBack(*node, renaming.toFolder, renaming.to);
+    Outcome<void> done = rename(renaming, old.item);
+    if (done) {
+        removed_.leaveToOtherNames(*node);
+    } else {
+        removed_.release(node->ino); // gives up the parked name
     }
     return done;
 }

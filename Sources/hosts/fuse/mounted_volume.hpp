@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 namespace tavelin::fusehost {
@@ -38,7 +39,8 @@ class MountedVolume {
 
     // ---- Names ---------------------------------------------------------------------------------
 
-    Outcome<Entry> lookup(Node& folder, std::string_view name);
+    /// Absent when the name stands for nothing.
+    Outcome<std::optional<Entry>> lookup(const Node& folder, std::string_view name);
     void forget(uint64_t number, uint64_t counts);
     Outcome<Entry> create(Node& folder, std::string_view name, fskit::FSItemType type);
     Outcome<Entry> createLink(Node& folder, std::string_view name, std::string_view target);
@@ -67,8 +69,12 @@ class MountedVolume {
     Outcome<void> finish();
 
   private:
+    Entry remember(Found found);
     Outcome<Entry> entryOf(Outcome<ItemRef> item);
-    Outcome<Found> found(const Node& folder, std::string_view name);
+    /// What a name stands for; absent for none.
+    Outcome<std::optional<Found>> find(const Node& folder, std::string_view name);
+    /// The same where it must stand for something: kENOENT, also for names of removed files.
+    Outcome<Found> existing(const Node& folder, std::string_view name);
     /// Whether a name is this host's own and must not be seen.
     bool isPrivate(const Node& folder, std::string_view name) noexcept;
     /// Runs `make`, once more when the name in its way is only that of a removed file.
@@ -88,7 +94,7 @@ class MountedVolume {
     static void noteNewName(Node& folder);
     static void noteLostName(Node& folder, uint64_t ino, std::string_view name);
     Outcome<std::unique_ptr<FolderListing>> list(const Node& folder);
-    bool describe(Node& folder, const FolderListing::Entry& name, Entry& entry);
+    Entry describe(const Node& folder, const FolderListing::Entry& name);
 
     VolumeClient& volume_;
     NodeTable nodes_;

@@ -78,13 +78,10 @@ Outcome<std::unique_ptr<FolderListing>> MountedVolume::list(const Node& folder) 
     return listing;
 }
 
-bool MountedVolume::describe(Node& folder, const FolderListing::Entry& name, Entry& entry) {
-    Outcome<Entry> described = lookup(folder, name.name);
-    if (!described) {
-        return false;
-    }
-    entry = std::move(*described);
-    return true;
+Entry MountedVolume::describe(const Node& folder, const FolderListing::Entry& name) {
+    Outcome<Found> found = volume_.describe(folder.item, Driver2::itemID(name.ino));
+    // Without its attributes an entry is told by name only, which is true in any case.
+    return found ? remember(std::move(*found)) : Entry();
 }
 
 Outcome<void> MountedVolume::readFolder(Node& folder, uint64_t position, bool described,
@@ -113,10 +110,7 @@ Outcome<void> MountedVolume::readFolder(Node& folder, uint64_t position, bool de
     }
     bool more = position < kAfterDotDot;
     listing->readAfter(std::max(position, kAfterDotDot), [&](const FolderListing::Entry& name) {
-        Entry entry;
-        if (described) {
-            (void)describe(folder, name, entry); // told by name only, which is true in any case
-        }
+        const Entry entry = described ? describe(folder, name) : Entry();
         const bool taken = take(name, entry);
         if (!taken && entry.node != nullptr) {
             forget(entry.node->number(), 1);

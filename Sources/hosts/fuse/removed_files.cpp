@@ -111,12 +111,19 @@ Outcome<void> RemovedFiles::remove(Node& file, const Node& folder, std::string_v
     if (Outcome<void> parked = park(file, folder, name); !parked) {
         return parked;
     }
+    leaveToOtherNames(file);
+    return {};
+}
+
+void RemovedFiles::leaveToOtherNames(Node& file) {
+    if (file.linkCount <= 1) {
+        return;
+    }
     const Outcome<fskit::FSItemAttributes> attributes = volume_.attributes(file.item);
     if (attributes && attributes->linkCount() > 1) {
         file.linkCount = attributes->linkCount() - 1;
         release(file.ino);
     }
-    return {};
 }
 
 Outcome<void> RemovedFiles::park(const Node& file, const Node& folder, std::string_view name) {
@@ -134,15 +141,17 @@ Outcome<void> RemovedFiles::park(const Node& file, const Node& folder, std::stri
     return moved;
 }
 
-void RemovedFiles::putBack(const Node& file, const Node& folder, std::string_view name) {
-    alone(file.ino, [&](Removal& removal) {
-        const Outcome<void> moved = volume_.rename(removal.item, removal.folder, removal.name,
-                                                   folder.item, name, ItemRef());
-        if (!moved) {
-            noteFailure(moved.error(), std::string(name));
-        }
-        return bool(moved);
-    });
+Outcome<void> RemovedFiles::keep(const Node& file) {
+    Outcome<ItemRef> parking = parkingFolder();
+    if (!parking) {
+        return parking.error();
+    }
+    Outcome<void> named = volume_.addHostName(file.item, *parking, parkedName(file.ino));
+    if (named) {
+        put(file.ino, {file.item.again(), std::move(*parking), 0, parkedName(file.ino),
+                       Clock::now(), true, false});
+    }
+    return named;
 }
 
 Outcome<void> RemovedFiles::freeName(uint64_t ino) {

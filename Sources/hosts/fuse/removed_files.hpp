@@ -49,9 +49,10 @@ class RemovedFiles {
 
     /// Hides a file, or parks it when it has other names too, which then show as before.
     Outcome<void> remove(Node& file, const Node& folder, std::string_view name);
-    /// Moves a file out of the way of what replaces it. `putBack` undoes that.
-    Outcome<void> park(const Node& file, const Node& folder, std::string_view name);
-    void putBack(const Node& file, const Node& folder, std::string_view name);
+    /// Gives a file that is about to be replaced a parked name beside the one it will lose.
+    Outcome<void> keep(const Node& file);
+    /// Gives up the parked name of a file that shows under others still.
+    void leaveToOtherNames(Node& file);
 
     /// Parks a hidden file, or all those of one folder, so that the name or the folder is free.
     Outcome<void> freeName(uint64_t ino);
@@ -80,6 +81,7 @@ class RemovedFiles {
     };
 
     Outcome<ItemRef> parkingFolder();
+    Outcome<void> park(const Node& file, const Node& folder, std::string_view name);
     Outcome<void> moveToParking(Removal& removal, uint64_t ino);
     /// Calls `work(removal)` without the lock, alone with this removal; the entry goes when that
     /// answers true. Nothing happens when there is none.

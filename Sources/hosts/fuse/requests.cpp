@@ -180,7 +180,7 @@ fuse_entry_param entryParameters(const Entry& entry, std::string_view name) {
     return parameters;
 }
 
-void replyEntry(fuse_req_t request, Outcome<Entry>& entry, std::string_view name) {
+void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_view name) {
     if (!entry) {
         fuse_reply_err(request, hostError(entry.error()));
         return;

@@ -28,7 +28,7 @@ double entryTimeout(std::string_view name);
 fuse_entry_param entryParameters(const Entry& entry, std::string_view name);
 
 /// Replies with an entry; takes the count back when the kernel no longer waits for it.
-void replyEntry(fuse_req_t request, Outcome<Entry>& entry, std::string_view name);
+void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_view name);
 void replyResult(fuse_req_t request, const Outcome<void>& result);
 
 /// Runs a callback's work; what is thrown becomes the reply. The work replies last, so that

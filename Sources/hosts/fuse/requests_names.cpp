@@ -11,15 +11,17 @@ namespace {
 void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        Outcome<Entry> entry = volume.lookup(volume.node(parent), name);
-        if (!entry && hostError(entry.error()) == ENOENT) {
+        const Outcome<std::optional<Entry>> found = volume.lookup(volume.node(parent), name);
+        if (!found) {
+            fuse_reply_err(request, hostError(found.error()));
+        } else if (*found) {
+            replyEntry(request, **found, name);
+        } else {
             // Only the kernel itself makes names, so it may also remember what does not exist.
             fuse_entry_param absent{};
             absent.entry_timeout = entryTimeout(name);
             fuse_reply_entry(request, &absent);
-            return;
         }
-        replyEntry(request, entry, name);
     });
 }
 

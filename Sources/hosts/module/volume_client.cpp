@@ -61,6 +61,7 @@ VolumeClient::VolumeClient(std::shared_ptr<fskit::FSVolume> volume,
       opening_(dynamic_cast<fskit::FSVolumeOpenCloseOperations*>(volume_.get())),
       naming_(dynamic_cast<fskit::FSVolumeRenameOperations*>(volume_.get())),
       xattrs_(dynamic_cast<fskit::FSVolumeXattrOperations*>(volume_.get())),
+      beyond_(dynamic_cast<HostRequests*>(volume_.get())),
       items_([this](const fskit::FSItemRef& item) {
           // The volume has nothing to refuse here, and the host no use for the item either way.
           (void)ask<>("reclaimItem",
@@ -105,6 +106,35 @@ Outcome<Found> VolumeClient::withAttributes(Outcome<ItemRef> item) {
         return found.error();
     }
     return Found{std::move(*item), *found};
+}
+
+template<typename Send>
+Outcome<std::optional<Found>> VolumeClient::askForDescribed(std::string_view request, Send&& send) {
+    if (beyond_ == nullptr) {
+        return unsupported();
+    }
+    ItemTable::HandOut handOut(items_);
+    auto answer = ask<std::optional<DescribedItem>>(request, send);
+    if (!answer) {
+        return answer.error();
+    }
+    if (!*answer) {
+        return std::optional<Found>();
+    }
+    return std::optional<Found>(
+        Found{handOut.take(std::move((*answer)->item)), (*answer)->attributes});
+}
+
+Outcome<std::optional<Found>> VolumeClient::find(const ItemRef& directory, std::string_view name) {
+    return askForDescribed("findItem", [&](const auto& reply) {
+        beyond_->findItem(FSFileName(name), directory.item(), reply);
+    });
+}
+
+Outcome<Found> VolumeClient::describe(const ItemRef& directory, fskit::FSItemID entry) {
+    return present(askForDescribed("describeEntry", [&](const auto& reply) {
+        beyond_->describeEntry(entry, directory.item(), reply);
+    }));
 }
 
 Outcome<fskit::FSItemAttributes>
@@ -195,6 +225,16 @@ Outcome<void> VolumeClient::createLink(const ItemRef& item, const ItemRef& direc
         operations_->createLink(item.item(), FSFileName(name), directory.item(), reply);
     });
     return answer ? Outcome<void>() : answer.error();
+}
+
+Outcome<void> VolumeClient::addHostName(const ItemRef& item, const ItemRef& directory,
+                                        std::string_view name) {
+    if (beyond_ == nullptr) {
+        return unsupported();
+    }
+    return ask<>("addHostName", [&](const auto& reply) {
+        beyond_->addHostName(item.item(), FSFileName(name), directory.item(), reply);
+    });
 }
 
 Outcome<void> VolumeClient::remove(const ItemRef& item, const ItemRef& directory,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fskit/api/volume.hpp"
+#include "fskit/host_requests.hpp"
 #include "hosts/module/entry_packer.hpp"
 #include "hosts/module/image_resource.hpp"
 #include "hosts/module/item_table.hpp"
@@ -50,6 +51,10 @@ class VolumeClient {
     /// What a lookup or creation answered, with the item's attributes: for hosts that must tell
     /// both. The error of either.
     Outcome<Found> withAttributes(Outcome<ItemRef> item);
+    /// The same as a lookup with attributes, in one go; absent when there is no such name.
+    Outcome<std::optional<Found>> find(const ItemRef& directory, std::string_view name);
+    /// The item of an entry that an enumeration of the directory delivered, with its attributes.
+    Outcome<Found> describe(const ItemRef& directory, fskit::FSItemID entry);
     /// Applies the valid attributes of `changes`, marks in it which were, and answers the new ones.
     Outcome<fskit::FSItemAttributes> setAttributes(const ItemRef& item,
                                                    fskit::FSItemSetAttributesRequest& changes);
@@ -78,6 +83,8 @@ class VolumeClient {
     Outcome<ItemRef> createSymbolicLink(const ItemRef& directory, std::string_view name,
                                         std::string_view target);
     Outcome<void> createLink(const ItemRef& item, const ItemRef& directory, std::string_view name);
+    /// Gives a file a name of the host's own, see HostRequests.
+    Outcome<void> addHostName(const ItemRef& item, const ItemRef& directory, std::string_view name);
     /// `item` is what the name stands for, as for FSKit, which has looked it up before.
     Outcome<void> remove(const ItemRef& item, const ItemRef& directory, std::string_view name);
     /// `over` is the item that the new name stands for so far, empty when there is none.
@@ -128,6 +135,8 @@ class VolumeClient {
     Outcome<void> deactivate();
 
     template<typename Send>
+    Outcome<std::optional<Found>> askForDescribed(std::string_view request, Send&& send);
+    template<typename Send>
     Outcome<ItemRef> askForItem(std::string_view request, Send&& send);
 
     const std::shared_ptr<fskit::FSVolume> volume_;
@@ -138,6 +147,7 @@ class VolumeClient {
     fskit::FSVolumeOpenCloseOperations* const opening_;
     fskit::FSVolumeRenameOperations* const naming_;
     fskit::FSVolumeXattrOperations* const xattrs_;
+    HostRequests* const beyond_;
     ItemTable items_;
     ItemRef root_; // after items_, which it points into
 };

@@ -1,0 +1,38 @@
+/// Requests beside FSKit's, for hosts whose kernel asks for more at a time, or for other things.
+///
+/// They follow the rules of the requests in fskit/api/volume.hpp: one reply each, on every path,
+/// and an item that is handed out is the host's until it reclaims it.
+#pragma once
+
+#include "fskit/api/volume.hpp"
+
+#include <functional>
+#include <optional>
+
+namespace tavelin {
+
+struct DescribedItem {
+    fskit::FSItemRef item;
+    fskit::FSItemAttributes attributes;
+};
+
+/// With neither an item nor an error, there is none.
+using DescribedItemReply = std::function<void(std::optional<DescribedItem>, fskit::MaybeError)>;
+
+class HostRequests {
+  public:
+    virtual ~HostRequests() = default;
+
+    /// What a name stands for, with its attributes; no error when it stands for nothing.
+    virtual void findItem(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
+                          const DescribedItemReply& reply) = 0;
+    /// The item of an entry of a directory's listing, with its attributes.
+    virtual void describeEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory,
+                               const DescribedItemReply& reply) = 0;
+    /// Gives a file a name of the host's own, beside those that users see: FSKit's hard links are
+    /// refused, but a host keeps a file alive by this when its last name is taken by another.
+    virtual void addHostName(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                             const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) = 0;
+};
+
+} // namespace tavelin
