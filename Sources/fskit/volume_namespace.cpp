@@ -37,7 +37,7 @@ void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType
     auto made = attempt("createItem(named:type:inDirectory:attributes:replyHandler:)", [&] {
         NItem& folder = n(directory);
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
-        const auto fresh = item(ntfs->create(name(named), folder.ino, kind), folder.ino);
+        auto fresh = item(ntfs->create(name(named), folder.ino, kind), folder.ino);
         newAttributes.consumedAttributes = 0;
         try {
             apply(newAttributes, *fresh);

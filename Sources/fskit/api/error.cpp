@@ -16,6 +16,7 @@ Error makePOSIX(std::int32_t code) {
 
 std::vector<Error> makeKnown() {
     std::vector<Error> errors;
+    errors.reserve(kKnown);
     for (std::int32_t code = 0; code < kKnown; ++code) {
         errors.push_back(makePOSIX(code));
     }
