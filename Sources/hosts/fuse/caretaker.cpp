@@ -2,13 +2,13 @@
 
 #include "diagnostics/log.hpp"
 #include "hosts/fuse/mount_table.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <fstream>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -102,7 +102,7 @@ void Caretaker::watch(const std::filesystem::path& folder, RemovedFiles& removed
         leaving = true;
         if (const int failed = unmountOwnFolder(folder, false); failed != 0) {
             log().info(fmt::format("{}: {}; serving its users until they are done", folder.string(),
-                                   std::strerror(failed)));
+                                   errorText(fromHost(failed))));
             unmountOwnFolder(folder, true); // if even this fails, the second signal ends us
         }
     }

@@ -9,6 +9,7 @@
 #include "hosts/fuse/serving_threads.hpp"
 #include "hosts/fuse/session_context.hpp"
 #include "hosts/module/module_host.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
 
@@ -74,7 +75,7 @@ class Mount {
         caretaker_.start(request_.folder, volume_->removedFiles(), threads);
         const int failed = threads.run(kServingThreads);
         if (failed != 0) {
-            complain(fmt::format("{}: {}", request_.folder.string(), std::strerror(failed)));
+            complain(fmt::format("{}: {}", request_.folder.string(), errorText(fromHost(failed))));
         }
         caretaker_.stop();
         session_.reset();

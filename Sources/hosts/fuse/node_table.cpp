@@ -24,6 +24,7 @@ uint64_t NodeTable::inoOf(const fskit::FSItemAttributes& attributes) noexcept {
 }
 
 Node& NodeTable::at(uint64_t number) noexcept {
+    // The kernel hands back the address it was given. NOLINTNEXTLINE(performance-no-int-to-ptr)
     return number == FUSE_ROOT_ID ? *root_ : *reinterpret_cast<Node*>(number);
 }
 

@@ -1,6 +1,7 @@
 // `tavelin umount`: unmounting and waiting for the server's end.
 #include "hosts/fuse/commands.hpp"
 #include "hosts/fuse/mount_table.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
 
@@ -74,10 +75,11 @@ int unmountVolume(const fs::path& given) {
     if (const int failed = mount->readOnly ? 0 : synchronize(folder);
         failed != 0 && failed != ENOTCONN) {
         return fail(folder, fmt::format("cannot write everything back ({}); it stays mounted",
-                                        std::strerror(failed)));
+                                        errorText(fromHost(failed))));
     }
     if (const int failed = unmountFolder(folder, false); failed != 0) {
-        return fail(folder, failed == EBUSY ? "a program still uses it" : std::strerror(failed));
+        return fail(folder, failed == EBUSY ? std::string("a program still uses it")
+                                            : errorText(fromHost(failed)));
     }
     if (image != -1) {
         if (!mount->readOnly) {
