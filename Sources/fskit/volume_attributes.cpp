@@ -34,9 +34,8 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
     // All calls before the first store: the stores then need not be kept in order with them.
     const std::uint32_t mode = Driver2::mode(record.type);
     const fskit::FSItemID fileID = Driver2::itemID(record.ino);
-    const fskit::FSItemID parentID = record.ino == NTFSVolume::kRootIno
-                                         ? fskit::FSItemIDParentOfRoot
-                                         : Driver2::itemID(parent);
+    const fskit::FSItemID parentID =
+        record.ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot : Driver2::itemID(parent);
     result.setType(fskitType(record.type));
     result.setMode(mode);
     result.setUid(uid_);
