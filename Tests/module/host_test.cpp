@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 namespace tavelin::test {
 
 namespace {
@@ -223,6 +225,43 @@ TEST(Paths, AreResolvedThroughLinksInsideTheVolume) {
     }));
     EXPECT_EQ(seen, (std::vector<std::string>{"a", "a/b", "a/up", "absolute", "dangling", "loop"}));
     EXPECT_EQ(volume.liveItems(), 1u);
+}
+
+TEST(Paths, AWalkEndsWhereADirectoryIsInsideItself) {
+    const SampleVolume sample;
+    std::uint64_t number = 0;
+    std::uint64_t below = 0;
+    {
+        ModuleHost host(std::make_shared<ImageResource>(sample.image()));
+        host.open();
+        VolumeClient& volume = host.volume();
+        const ItemRef outer = volume.create(volume.root(), "outer", Type::directory).get();
+        number = volume.attributes(outer).get().fileID();
+        const ItemRef inner = volume.create(outer, "inner", Type::directory).get();
+        below = volume.attributes(inner).get().fileID();
+    }
+
+    // The entry: what it stands for, and 16 bytes on the directory it is in.
+    std::string raw = readFile(sample.image());
+    const auto reference = [&raw](std::size_t at) {
+        std::uint64_t value = 0;
+        std::memcpy(&value, &raw[at], 6);
+        return value;
+    };
+    for (std::size_t at = 0; at + 24 <= raw.size(); at += 8) {
+        if (reference(at) == below && reference(at + 16) == number) {
+            raw.replace(at, 8, raw, at + 16, 8);
+        }
+    }
+    writeFile(sample.image(), raw);
+
+    ModuleHost host(std::make_shared<ImageResource>(sample.image()));
+    host.open();
+    int visits = 0;
+    const auto end = walk(host.volume(), host.volume().root(),
+                          [&](const auto&, const auto&) { return ++visits < 100; });
+    EXPECT_EQ(codeOf(end), kEIO);
+    EXPECT_EQ(visits, 2);
 }
 
 TEST(ImageResource, HasTheGeometryAskedForAndEndsWhereItEnds) {

@@ -2,6 +2,7 @@
 
 #include "platform/error_numbers.hpp"
 
+#include <algorithm>
 #include <deque>
 
 namespace tavelin {
@@ -87,27 +88,51 @@ class Walker {
     int links_ = 0;
 };
 
-std::optional<fskit::Error> walkBelow(VolumeClient& volume, const ItemRef& directory,
-                                      const std::string& prefix, const Visit& visit) {
-    const auto entries = volume.list(directory, true);
-    if (!entries) {
-        return entries.error();
+/// Enters directories, each at most once on the way to where it stands.
+class TreeWalk {
+  public:
+    TreeWalk(VolumeClient& volume, const Visit& visit) : volume_(volume), visit_(visit) {}
+
+    std::optional<fskit::Error> enter(const ItemRef& directory, const std::string& prefix) {
+        const auto own = volume_.attributes(directory);
+        if (!own) {
+            return own.error();
+        }
+        if (std::find(way_.begin(), way_.end(), own->fileID()) != way_.end()) {
+            return fskit::fs_errorForPOSIXError(kEIO); // only a damaged volume has such a directory
+        }
+        way_.push_back(own->fileID());
+        auto error = below(directory, prefix);
+        way_.pop_back();
+        return error;
     }
-    for (const DirectoryEntry& entry : *entries) {
-        const std::string path = prefix + entry.name;
-        if (!visit(path, entry) || entry.type != fskit::FSItemType::directory) {
-            continue;
+
+  private:
+    std::optional<fskit::Error> below(const ItemRef& directory, const std::string& prefix) {
+        const auto entries = volume_.list(directory, true);
+        if (!entries) {
+            return entries.error();
         }
-        const auto child = volume.lookup(directory, entry.name);
-        if (!child) {
-            return child.error();
+        for (const DirectoryEntry& entry : *entries) {
+            const std::string path = prefix + entry.name;
+            if (!visit_(path, entry) || entry.type != fskit::FSItemType::directory) {
+                continue;
+            }
+            const auto child = volume_.lookup(directory, entry.name);
+            if (!child) {
+                return child.error();
+            }
+            if (auto error = enter(*child, path + "/")) {
+                return error;
+            }
         }
-        if (auto error = walkBelow(volume, *child, path + "/", visit)) {
-            return error;
-        }
+        return std::nullopt;
     }
-    return std::nullopt;
-}
+
+    VolumeClient& volume_;
+    const Visit& visit_;
+    std::vector<fskit::FSItemID> way_; // of the directories entered and not yet left
+};
 
 } // namespace
 
@@ -134,7 +159,7 @@ Outcome<Location> locate(VolumeClient& volume, std::string_view path) {
 }
 
 Outcome<void> walk(VolumeClient& volume, const ItemRef& directory, const Visit& visit) {
-    return walkBelow(volume, directory, {}, visit);
+    return TreeWalk(volume, visit).enter(directory, {});
 }
 
 } // namespace tavelin
