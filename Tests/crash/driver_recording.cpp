@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tavelin::test {
 
@@ -99,9 +100,11 @@ std::vector<DiskEvent> eventsIn(const fs::path& log) {
     const std::string raw = fs::exists(log) ? readFile(log) : "";
     std::vector<DiskEvent> events;
     for (std::size_t at = 0; at < raw.size();) {
-        std::uint64_t head[2];
+        std::uint64_t head[2] = {};
+        must(raw.size() - at >= sizeof head, "a recording cut short");
         std::memcpy(head, raw.data() + at, sizeof head);
         at += sizeof head;
+        must(raw.size() - at >= head[1], "a recording cut short");
         DiskEvent event{head[1] == 0, head[0], Bytes(head[1])};
         std::memcpy(event.content.data(), raw.data() + at, head[1]);
         at += head[1];
@@ -124,6 +127,34 @@ Snapshot contentOf(Bytes image) {
     return takeSnapshot(host.volume());
 }
 
+// Tells when the driver has ended: it inherits the writing end of a pipe, and nobody else has it.
+class Lifeline {
+  public:
+    Lifeline() {
+        must(::pipe(ends_) == 0, "pipe");
+        must(::fcntl(ends_[0], F_SETFD, FD_CLOEXEC) == 0, "fcntl");
+    }
+    ~Lifeline() {
+        handedOver();
+        ::close(ends_[0]);
+    }
+    Lifeline(const Lifeline&) = delete;
+    Lifeline& operator=(const Lifeline&) = delete;
+
+    void handedOver() {
+        if (ends_[1] >= 0) {
+            ::close(std::exchange(ends_[1], -1));
+        }
+    }
+    void awaitEnd() const {
+        char byte = 0;
+        must(::read(ends_[0], &byte, 1) == 0, "waiting for the driver");
+    }
+
+  private:
+    int ends_[2] = {-1, -1};
+};
+
 // The driver, mounted for this object's lifetime over an image of its own.
 class MountedDriver {
   public:
@@ -134,6 +165,7 @@ class MountedDriver {
                     "TAVELIN_RECORDED_IMAGE=" + image().string(),
                     "TAVELIN_RECORDING=" + log().string(), "ntfs-3g", image().string(),
                     root().string(), "-o", "noatime,streams_interface=xattr"});
+        lifeline_.handedOver();
         isMounted_ = true;
     }
     ~MountedDriver() {
@@ -144,11 +176,11 @@ class MountedDriver {
     MountedDriver(const MountedDriver&) = delete;
     MountedDriver& operator=(const MountedDriver&) = delete;
 
-    // The driver goes on writing for a moment after umount has returned.
+    // The driver goes on writing after umount has returned, and takes no lock to wait for.
     void unmount() {
         isMounted_ = false;
         runOrThrow({"umount", root().string()});
-        runOrThrow({"flock", image().string(), "true"});
+        lifeline_.awaitEnd();
     }
     // Through any of its files: the driver flushes the whole device.
     void synchronise() const {
@@ -163,6 +195,7 @@ class MountedDriver {
 
   private:
     const TempFolder folder_;
+    Lifeline lifeline_;
     bool isMounted_ = false;
 };
 
