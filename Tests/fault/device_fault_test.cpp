@@ -24,7 +24,7 @@ const Bytes& base() {
 }
 
 // Without the cache, and in a mount that fails, the library loses memory of its own when the device
-// fails. The tests of the bridge and of the module host tell its losses from ours there.
+// fails.
 #ifndef __has_feature
 #define __has_feature(feature) 0
 #endif

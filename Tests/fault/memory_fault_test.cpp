@@ -19,12 +19,26 @@ namespace {
 thread_local std::uint64_t untilFailure = 0;
 thread_local std::uint64_t failed = 0;
 
+bool fails() noexcept {
+    const bool isTheOne = untilFailure != 0 && --untilFailure == 0;
+    failed += isTheOne ? 1 : 0;
+    return isTheOne;
+}
+
+} // namespace
+
+// What the bridge hands out it takes from malloc; the linker's --wrap leads it here.
+extern "C" {
+void* __real_malloc(std::size_t bytes);
+void* __wrap_malloc(std::size_t bytes) {
+    return fails() ? nullptr : __real_malloc(bytes);
+}
+}
+
+namespace {
+
 void* allocate(std::size_t bytes) noexcept {
-    if (untilFailure != 0 && --untilFailure == 0) {
-        failed++;
-        return nullptr;
-    }
-    return std::malloc(bytes == 0 ? 1 : bytes);
+    return __wrap_malloc(bytes == 0 ? 1 : bytes);
 }
 
 void* allocateOrThrow(std::size_t bytes) {

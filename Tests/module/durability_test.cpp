@@ -1,12 +1,11 @@
-// What the module host adds to the volume's own care for its data: success means the medium, a lost
-// device is reported to the last, and reading leaves an image as it is.
+// What the module host adds to the volume's own care for its data: success means the medium, and a
+// lost device is reported to the last.
 
 #include "own_group.hpp"
 
 #include "diagnostics/event_log.hpp"
 #include "hosts/module/faulty_resource.hpp"
 #include "hosts/module/module_host.hpp"
-#include "hosts/module/paths.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/replaced_services.hpp"
 #include "support/sample_volume.hpp"
@@ -98,40 +97,6 @@ TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
     fails = true;
     EXPECT_FALSE(host.close());
     EXPECT_FALSE(host.isLoaded());
-}
-
-// A file that begins as a hibernation image does.
-void addFile(const std::filesystem::path& image, const char* name) {
-    const auto host = ModuleHost::openImage(image);
-    VolumeClient& volume = host->volume();
-    std::vector<std::byte> content = kContent;
-    std::copy_n(std::as_bytes(std::span("hibr")).begin(), 4, content.begin());
-    (void)volume.write(volume.create(volume.root(), name, Type::file).get(), 0, content).get();
-    host->close().get();
-}
-
-TEST(ReadOnly, ByRequestOrFallbackLeavesTheImageByteIdentical) {
-    const SampleVolume sample;
-    for (const bool hibernated : {false, true}) {
-        addFile(sample.image(), hibernated ? "hiberfil.sys" : "kept");
-        const std::string before = readFile(sample.image());
-
-        const auto reader = ModuleHost::openImage(
-            sample.image(), hibernated ? ModuleHost::Words{} : ModuleHost::Words{"-o", "ro"});
-        EXPECT_TRUE(reader->volume().isReadOnly());
-        EXPECT_EQ(reader->fellBackToReadOnly(), hibernated);
-        const auto everything = [](const std::string&, const DirectoryEntry&) { return true; };
-        EXPECT_TRUE(walk(reader->volume(), reader->volume().root(), everything));
-        {
-            const Found kept = resolve(reader->volume(), "kept").get();
-            EXPECT_EQ(kept.attributes.size(), kContent.size());
-            const auto refused = reader->volume().write(kept.item, 0, kContent);
-            ASSERT_FALSE(refused);
-            EXPECT_EQ(refused.error().code(), kEROFS);
-        }
-        EXPECT_TRUE(reader->close());
-        EXPECT_TRUE(readFile(sample.image()) == before);
-    }
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // Directories read in pages, as a kernel reads them: whatever the page size, the pages make up the
-// listing; when names change between pages the reading goes on in the changed listing.
+// listing.
 
 #include "own_group.hpp"
 
@@ -120,75 +120,6 @@ TEST_P(EnumerationTest, PagesOfAnySizeMakeUpTheListing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Entries, EnumerationTest, ::testing::Values(0, 1, 2, 7, 1000, 50'000));
-
-using EnumerationProtocolTest = EnumerationTest;
-
-// What happens between two pages: the second page is that of the listing as it is then.
-TEST_F(EnumerationProtocolTest, ChangesBetweenPagesContinueInTheFreshListing) {
-    const ItemRef folder = directory(6);
-    const auto lookup = [&](const std::string& name) {
-        return volume().lookup(folder, name).get();
-    };
-    const std::vector<std::pair<std::string, std::function<void()>>> changes{
-        {"create before", [&] { volume().create(folder, "a first", Type::file).get(); }},
-        {"create after", [&] { volume().create(folder, "z last", Type::file).get(); }},
-        {"rename to the end",
-         [&] {
-             volume().rename(lookup("a first"), folder, "a first", folder, "zz", ItemRef()).get();
-         }},
-        {"remove what was seen",
-         [&] { volume().remove(lookup(entryName(0)), folder, entryName(0)).get(); }},
-        {"remove what was not", [&] { volume().remove(lookup("zz"), folder, "zz").get(); }},
-        {"move out",
-         [&] {
-             volume()
-                 .rename(lookup("z last"), folder, "z last", volume().root(), "out", ItemRef())
-                 .get();
-         }},
-    };
-    for (const auto& [what, change] : changes) {
-        SCOPED_TRACE(what);
-        const Page first = page(folder, 0, 0, false, 5);
-        change();
-        const Page second = page(folder, first.entries.back().nextCookie, first.verifier, false);
-        EXPECT_NE(second.verifier, first.verifier);
-        const std::vector<std::string> fresh = names(page(folder, 0, 0, false).entries);
-        EXPECT_EQ(names(second.entries), std::vector(fresh.begin() + 5, fresh.end()));
-    }
-}
-
-TEST_F(EnumerationProtocolTest, CookiesAndVerifiersOfEveryKind) {
-    const ItemRef folder = directory(7);
-    const Page whole = page(folder, 0, 0, false);
-    const auto tail = [&](std::size_t from) {
-        const std::vector<std::string> all = names(whole.entries);
-        return std::vector(all.begin() + static_cast<std::ptrdiff_t>(std::min(from, all.size())),
-                           all.end());
-    };
-    struct Case {
-        fskit::FSDirectoryCookie cookie;
-        fskit::FSDirectoryVerifier verifier;
-        bool attributes;
-        std::size_t firstOfWhole; // position in the whole listing with its dots
-    };
-    const std::uint64_t stale = whole.verifier + 1000;
-    const std::uint64_t farthest = ~std::uint64_t{0};
-    for (const Case& at : {Case{1, whole.verifier, false, 1}, Case{2, whole.verifier, false, 2},
-                           Case{2, stale, false, 2}, Case{6, stale, false, 6},
-                           Case{0, stale, true, 2}, Case{1, whole.verifier, true, 3},
-                           Case{9, whole.verifier, false, 9}, Case{10, stale, false, 9},
-                           Case{farthest, whole.verifier, false, 9}, Case{farthest, 0, true, 9}}) {
-        SCOPED_TRACE(std::to_string(at.cookie) + " " + std::to_string(at.verifier));
-        EXPECT_EQ(names(page(folder, at.cookie, at.verifier, at.attributes).entries),
-                  tail(at.firstOfWhole));
-    }
-    // A change elsewhere disturbs no reading that is under way.
-    const Page first = page(folder, 0, 0, false, 3);
-    volume().create(volume().root(), "elsewhere", Type::file).get();
-    const Page second = page(folder, 3, first.verifier, false);
-    EXPECT_EQ(second.verifier, first.verifier);
-    EXPECT_EQ(names(second.entries), tail(3));
-}
 
 } // namespace
 
