@@ -15,13 +15,32 @@ void discard(ntfs_inode* inode) noexcept {
     (void)ntfs_inode_real_close(inode); // writes nothing, so nothing fails
 }
 
+// The library writes a record's times to where the record says that they are, be it over the
+// attribute's own header, and then follows what it finds there.
+bool has_room_for_times(const ntfs_inode* inode) noexcept {
+    const auto* const record = reinterpret_cast<const uint8_t*>(inode->mrec);
+    ATTR_RECORD first;
+    std::memcpy(&first, record + le16_to_cpu(inode->mrec->attrs_offset), sizeof first);
+    return first.type == AT_STANDARD_INFORMATION && first.non_resident == 0 &&
+           le16_to_cpu(first.value_offset) >= offsetof(ATTR_RECORD, resident_end) &&
+           le16_to_cpu(first.value_offset) + uint64_t{le32_to_cpu(first.value_length)} <=
+               le32_to_cpu(first.length);
+}
+
 } // namespace
 
 int32_t inode_guard::open(ntfs_volume* volume, uint64_t ino) noexcept {
     (void)close();
     errno = 0;
     inode_ = ntfs_inode_open(volume, ino);
-    return inode_ != nullptr ? 0 : err_or(ENOENT);
+    if (inode_ == nullptr) {
+        return err_or(ENOENT);
+    }
+    if (!has_room_for_times(inode_)) {
+        (void)ntfs_inode_close(std::exchange(inode_, nullptr));
+        return EIO;
+    }
+    return 0;
 }
 
 int32_t inode_guard::close() noexcept {
