@@ -80,6 +80,53 @@ std::vector<std::size_t> indexBlocks(const Bytes& image) {
     return found;
 }
 
+// What Windows writes for a symbolic link, relative or not, and nobody else's writing reaches.
+Bytes windowsLink(std::string_view target, bool isRelative) {
+    Bytes data(8 + 12 + 2 * target.size());
+    const auto put = [&data](std::size_t where, std::uint32_t value) {
+        std::memcpy(&data[where], &value, where == 0 || where == 16 ? 4 : 2);
+    };
+    put(0, 0xA000000C);
+    put(4, static_cast<std::uint32_t>(data.size() - 8));
+    for (const std::size_t length : {10, 14}) {
+        put(length, static_cast<std::uint32_t>(2 * target.size()));
+    }
+    put(16, isRelative ? 1 : 0);
+    for (std::size_t i = 0; i < target.size(); i++) {
+        data[20 + 2 * i] = static_cast<std::byte>(target[i]);
+    }
+    return data;
+}
+
+// Turns the small files of a volume into links.
+Bytes volumeOfLinks() {
+    constexpr std::size_t kFirst = 24; // records before it are the volume's own
+    constexpr std::size_t kRecords = 128;
+    Bytes image = preparedVolume();
+    const std::size_t table = at<std::uint64_t>(image, 0x30) * clusterSize(image);
+    for (std::size_t number = kFirst; number < kRecords; number++) {
+        const std::size_t record = table + number * kRecord;
+        const Fixups none(image, record, kRecord);
+        const Bytes link =
+            windowsLink(number % 2 == 0 ? "..\\3" : "\\??\\C:\\stable", number % 2 == 0);
+        std::size_t attribute = record + at<std::uint16_t>(image, record + 0x14);
+        const std::size_t information = attribute;
+        while (at<std::uint32_t>(image, attribute) < 0x80) {
+            attribute += at<std::uint32_t>(image, attribute + 4);
+        }
+        const std::size_t value = attribute + at<std::uint16_t>(image, attribute + 0x14);
+        if (at<std::uint32_t>(image, attribute) == 0x80 && image[attribute + 8] == std::byte{0} &&
+            at<std::uint32_t>(image, attribute + 0x10) > link.size()) {
+            image[attribute] = std::byte{0xc0};
+            image[attribute + 0x10] = static_cast<std::byte>(link.size());
+            image[attribute + 0x11] = std::byte{0};
+            std::copy(link.begin(), link.end(), &image[value]);
+            image[information + 0x18 + 0x21] |= std::byte{4}; // "is a reparse point"
+        }
+    }
+    return image;
+}
+
 struct Change {
     std::uint8_t kind;
     std::uint8_t number;
@@ -151,7 +198,7 @@ void apply(Bytes& image, const Change& change) {
 } // namespace
 
 const std::vector<Bytes>& seedVolumes() {
-    static const std::vector<Bytes> volumes{preparedVolume(), smallVolume()};
+    static const std::vector<Bytes> volumes{preparedVolume(), smallVolume(), volumeOfLinks()};
     return volumes;
 }
 

@@ -55,6 +55,36 @@ void rename(VolumeClient& volume, Path path) {
     volume.rename(at(volume, path), from.directory, from.name, volume.root(), "moved", {}).get();
 }
 
+void replace(VolumeClient& volume, Path path) {
+    const Location from = locate(volume, path).get();
+    const Location to = locate(volume, "other/away").get();
+    volume
+        .rename(at(volume, path), from.directory, from.name, to.directory, to.name,
+                at(volume, "other/away"))
+        .get();
+}
+
+void link(VolumeClient& volume, Path path) {
+    volume.createLink(at(volume, path), at(volume, "other"), "a second name").get();
+}
+
+constexpr std::uint32_t kHidden = 0x8000; // macOS's flag
+
+void changeAttributes(VolumeClient& volume, Path path) {
+    fskit::FSItemSetAttributesRequest request;
+    request.setModifyTime({1000000000, 0});
+    request.setBirthTime({-1, 999999999});
+    request.setFlags(kHidden);
+    (void)volume.setAttributes(at(volume, path), request).get();
+}
+
+void describe(VolumeClient& volume, Path path) {
+    const Location where = locate(volume, path).get();
+    if (const auto found = volume.find(where.directory, where.name).get()) {
+        (void)volume.describe(where.directory, found->attributes.fileID()).get();
+    }
+}
+
 void write(VolumeClient& volume, Path path) {
     const ItemRef item = at(volume, path);
     (void)volume.write(item, 5000, Bytes(70000, std::byte{'w'})).get();
@@ -87,14 +117,14 @@ void askVolume(VolumeClient& volume, Path /*path*/) {
 }
 
 using Request = void (*)(VolumeClient&, Path);
-constexpr std::array<Request, 10> kRequests{walkAll,       readAll,  readStreams, create,
-                                            rename,        write,    truncate,    remove,
-                                            changeStreams, askVolume};
+constexpr std::array<Request, 14> kRequests{
+    walkAll,       readAll,   readStreams, create, rename,           write,   truncate, remove,
+    changeStreams, askVolume, replace,     link,   changeAttributes, describe};
 
-const std::array<std::string, 16> kPaths{
-    "",           "work",        "work/appended", "work/shrunk",   "work/tagged", "work/empty",
-    "stable",     "stable/link", "stable/3",      "stable/deep/1", "crowd",       "other",
-    "work/mover", "stable/11",   "a new folder",  "moved"};
+const std::array<std::string, 18> kPaths{
+    "",           "work",        "work/appended", "work/shrunk",   "work/tagged",   "work/empty",
+    "stable",     "stable/link", "stable/3",      "stable/deep/1", "crowd",         "other",
+    "work/mover", "stable/11",   "a new folder",  "moved",         "stable/deep/2", "work/README"};
 
 } // namespace
 

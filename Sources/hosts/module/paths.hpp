@@ -34,8 +34,8 @@ Outcome<Location> locate(VolumeClient& volume, std::string_view path);
 
 /// Calls `visit` for everything below a directory, parents first, with the path below it ("a/b")
 /// and the entry, whose attributes are there unless they could not be read. A directory is entered
-/// when `visit` answers true. Links are not followed. Stops at the first error, kEIO for a directory
-/// that is inside itself.
+/// when `visit` answers true. Links are not followed. Stops at the first error, kEIO for a
+/// directory that is inside itself.
 using Visit = std::function<bool(const std::string& path, const DirectoryEntry& entry)>;
 Outcome<void> walk(VolumeClient& volume, const ItemRef& directory, const Visit& visit);
 
