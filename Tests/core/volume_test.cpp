@@ -41,36 +41,6 @@ TEST_F(Volume, IsProbedLabelledAndMeasured) {
     EXPECT_EQ(blank.use_count(), 1) << "a refused mount must hold nothing";
 }
 
-TEST_F(Volume, ItemsComeBackAsTheyWereMade) {
-    const auto dir = volume->create("dir", kRoot, Type::directory);
-    const auto file = volume->create("file", dir, Type::file);
-    const std::string target(1500, 't'); // longer than any name
-    const auto link = volume->symlink("link", dir, target);
-    EXPECT_EQ(volume->list(dir), (std::vector<NTFSDirEntry>{{"file", file, Type::file},
-                                                            {"link", link, Type::symlink}}));
-    EXPECT_EQ(volume->resolve("//dir///file/"), file);
-    EXPECT_EQ(volume->readlink(link), target);
-    EXPECT_EQ(volume->write(file, 10, bytesOf("0123456789")), 10u);
-    EXPECT_EQ(textOf(volume->read(file, 15, 100)), "56789");
-    volume->truncate(file, 13);
-
-    const auto at = [](std::time_t seconds) { return std::timespec{seconds, 100}; };
-    volume->setHidden(file, true);
-    volume->setTimes(file, at(10), at(20), at(30), at(40));
-    volume->setTimes(file, std::nullopt, at(50), std::nullopt, std::nullopt);
-    NTFSAttributes expected{file,  Type::file, 1,      13,     0,      true,  false,
-                            false, false,      at(10), at(50), at(30), at(40)};
-    expected.allocSize = volume->attributes(file).allocSize;
-    EXPECT_EQ(volume->attributes(file), expected);
-    EXPECT_EQ(volume->attributes(dir).type, Type::directory);
-
-    volume->rename("file", dir, "moved", kRoot);
-    EXPECT_EQ(volume->lookup("moved", kRoot), file);
-    volume->unmount();
-    EXPECT_EQ(sample.list("/dir"), std::vector<std::string>{"link"});
-    EXPECT_EQ(sample.cat("/moved"), std::string(10, '\0') + "012");
-}
-
 TEST_F(Volume, ErrorsHaveTheSameNumbersOnEveryHost) {
     const auto dir = volume->create("dir", kRoot, Type::directory);
     volume->create("child", dir, Type::file);

@@ -280,20 +280,6 @@ TEST_F(MountSemantics, WhatIsNotOfferedSaysSo) {
     EXPECT_EQ(readFile(*this / "file"), "content");
 }
 
-TEST_F(MountSemantics, LinksKeepTheirTargets) {
-    const std::string far = "../../somewhere/é/" + std::string(1000, 'x');
-    fs::create_symlink(far, *this / "link");
-    fs::create_symlink("file", *this / "near");
-    writeFile(*this / "file", "through the link");
-    EXPECT_EQ(readFile(*this / "near"), "through the link");
-    mount();
-    EXPECT_EQ(fs::read_symlink(*this / "link"), far);
-    EXPECT_EQ(readFile(*this / "near"), "through the link");
-    fs::remove(*this / "near");
-    fs::remove(*this / "link");
-    EXPECT_EQ(names(), Names{"file"});
-}
-
 TEST_F(MountSemantics, WindowsNamesAndReadOnlyAreHonoured) {
     mount("windows_names");
     EXPECT_EQ(errorOf(::mkdir(path("aux").c_str(), 0777)), EINVAL);
