@@ -9,6 +9,7 @@
 #include <fstream>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -48,7 +49,8 @@ dev_t deviceOf(const fs::path& folder) {
     return found.st_dev;
 }
 
-pid_t start(const std::vector<std::string>& command) {
+// Starts a server that reads nothing and says what it has to say into `output`.
+pid_t start(const std::vector<std::string>& command, int output) {
     std::vector<char*> arguments;
     for (const std::string& word : command)
         arguments.push_back(const_cast<char*>(word.c_str()));
@@ -59,7 +61,8 @@ pid_t start(const std::vector<std::string>& command) {
     if (child == 0) {
         const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
         ::dup2(null, STDIN_FILENO);
-        ::dup2(null, STDOUT_FILENO);
+        ::dup2(output, STDOUT_FILENO);
+        ::dup2(output, STDERR_FILENO);
         ::execvp(arguments[0], arguments.data());
         ::_exit(127);
     }
@@ -72,7 +75,8 @@ MountedServer::MountedServer(const Server& server, const fs::path& store, const 
     : name_(server.name), folder_(folder) {
     const int mounts = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
     const dev_t before = deviceOf(folder_);
-    child_ = start(server.command(store, folder_));
+    output_ = ::memfd_create("server-output", MFD_CLOEXEC);
+    child_ = start(server.command(store, folder_), output_);
     // The kernel flags every change of the mount table on this descriptor.
     while (deviceOf(folder_) == before) {
         pollfd change{mounts, POLLPRI, 0};
@@ -81,7 +85,10 @@ MountedServer::MountedServer(const Server& server, const fs::path& store, const 
         if (::waitpid(child_, &status, WNOHANG) == child_) {
             child_ = -1;
             ::close(mounts);
-            throw std::runtime_error(fmt::format("{} did not mount {}", name_, store.string()));
+            const std::string why = said();
+            ::close(output_);
+            throw std::runtime_error(
+                fmt::format("{} did not mount {}: {}", name_, store.string(), why));
         }
     }
     ::close(mounts);
@@ -93,6 +100,14 @@ MountedServer::~MountedServer() {
     } catch (const std::exception&) {
         // Only reached while another failure is already on its way out.
     }
+    ::close(output_);
+}
+
+std::string MountedServer::said() const {
+    std::string text(static_cast<size_t>(::lseek(output_, 0, SEEK_END)), 0);
+    (void)!::pread(output_, text.data(), text.size(),
+                   0); // for a message; none is no reason to fail
+    return text;
 }
 
 void MountedServer::unmount() {
@@ -114,7 +129,7 @@ void MountedServer::unmount() {
     ::waitpid(child_, &status, 0);
     child_ = -1;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw std::runtime_error(fmt::format("{} ended with status {}", name_, status));
+        throw std::runtime_error(fmt::format("{} ended with status {}: {}", name_, status, said()));
 }
 
 uint64_t MountedServer::peakMemory() const {

@@ -42,8 +42,11 @@ class MountedServer {
     uint64_t peakMemory() const;
 
   private:
+    std::string said() const;
+
     std::string name_;
     std::filesystem::path folder_;
+    int output_ = -1; // what the server prints
     pid_t child_ = -1;
 };
 

@@ -54,8 +54,8 @@ void defineMount(CLI::App& command) {
         ->type_name("");
     command
         .add_option("-o", arguments->options,
-                    "Options, comma separated: ro, windows_names, allow_other, and the kernel's "
-                    "own such as noatime")
+                    "Options, comma separated: ro, windows_names, allow_other, power_save, and the "
+                    "kernel's own such as noatime")
         ->type_name("OPTIONS")
         ->allow_extra_args(false);
     command.add_flag("-r,--read-only", arguments->request.readOnly, "Do not change the volume");

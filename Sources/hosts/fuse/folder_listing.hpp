@@ -32,6 +32,9 @@ class FolderListing {
     /// Ends the adding; the listing can be read from now on.
     void seal();
 
+    /// How many entries there are, or were before some were struck out.
+    size_t size() const noexcept { return rows_.size(); }
+
     /// Strikes an entry out, if it is there.
     void remove(uint64_t ino, std::string_view name) noexcept;
     template<typename Unwanted>

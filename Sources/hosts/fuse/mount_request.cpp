@@ -35,6 +35,8 @@ bool apply(std::string_view word, MountRequest& request) {
         request.volumeOptions.emplace_back(word);
     } else if (word == "allow_other") {
         request.allowOther = true;
+    } else if (word == "power_save") {
+        request.powerSave = true;
     } else if (contains(kForKernel, word)) {
         request.kernelOptions.emplace_back(word);
     } else {

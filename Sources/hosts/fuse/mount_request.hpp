@@ -16,6 +16,7 @@ struct MountRequest {
     std::vector<std::string> kernelOptions; ///< words for the kernel, such as "noatime"
     bool readOnly = false;
     bool allowOther = false;
+    bool powerSave = false; ///< let processors sleep between requests, see Wakefulness
     bool foreground = false;
     bool trace = false; ///< print every request to standard error, and their counts at the end
 };

@@ -8,6 +8,7 @@
 #include "hosts/fuse/requests.hpp"
 #include "hosts/fuse/serving_threads.hpp"
 #include "hosts/fuse/session_context.hpp"
+#include "hosts/fuse/wakefulness.hpp"
 #include "hosts/module/module_host.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -71,7 +72,8 @@ class Mount {
         if (!connect()) {
             return 1; // libfuse has said why
         }
-        ServingThreads threads(session_.get());
+        Wakefulness wakefulness(!request_.powerSave);
+        ServingThreads threads(session_.get(), wakefulness);
         caretaker_.start(request_.folder, volume_->removedFiles(), threads);
         const int failed = threads.run(kServingThreads);
         if (failed != 0) {

@@ -13,6 +13,11 @@ namespace {
 
 constexpr uint64_t kAfterDot = 1, kAfterDotDot = 2;
 
+// The kernel asks for attributes with the first page of every listing, wanted or not, and with later
+// ones only when somebody looks at the entries. In a folder of more entries than this the first page
+// holds so few of them that those who want only names should not have to pay for it.
+constexpr size_t kWorthDescribing = 1000;
+
 uint32_t fileType(fskit::FSItemType type) {
     switch (type) {
     case fskit::FSItemType::directory:
@@ -108,9 +113,10 @@ Outcome<void> MountedVolume::readFolder(Node& folder, uint64_t position, bool de
     if (position < kAfterDotDot && !take({kAfterDotDot, listing->parent, "..", S_IFDIR}, {})) {
         return {};
     }
+    const bool describes = described && (position != 0 || listing->size() <= kWorthDescribing);
     bool more = position < kAfterDotDot;
     listing->readAfter(std::max(position, kAfterDotDot), [&](const FolderListing::Entry& name) {
-        const Entry entry = described ? describe(folder, name) : Entry();
+        const Entry entry = describes ? describe(folder, name) : Entry();
         const bool taken = take(name, entry);
         if (!taken && entry.node != nullptr) {
             forget(entry.node->number(), 1);

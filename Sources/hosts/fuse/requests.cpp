@@ -43,8 +43,8 @@ void destroy(void* context) {
     static_cast<SessionContext*>(context)->unmounted();
 }
 
-// Answered once and for all: the kernel then opens files and folders without asking, and sends
-// neither flushes nor releases. What is open is known by the counts it holds on nodes.
+// Answered once and for all: the kernel then opens files without asking, and sends neither flushes
+// nor releases. What is open is known by the counts it holds on nodes.
 void open(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* /*file*/) {
     fuse_reply_err(request, ENOSYS);
 }
@@ -202,7 +202,6 @@ const fuse_lowlevel_ops& requestTable() {
         all.init = initialise;
         all.destroy = destroy;
         all.open = open;
-        all.opendir = open;
         all.getattr = getAttributes;
         all.setattr = setAttributes;
         all.statfs = volumeStatistics;

@@ -75,6 +75,13 @@ void readPage(fuse_req_t request, fuse_ino_t number, size_t size, off_t position
     });
 }
 
+// Folders are opened one by one although nothing is kept for an open one. Without the question the
+// kernel would keep its own copy of each listing, entry by entry, which takes it longer than all
+// that we do for a listing, and far longer than this request.
+void openFolder(fuse_req_t request, fuse_ino_t /*number*/, fuse_file_info* file) {
+    fuse_reply_open(request, file);
+}
+
 void readFolder(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
                 fuse_file_info* /*file*/) {
     readPage(request, number, size, position, false);
@@ -88,6 +95,7 @@ void readFolderDescribed(fuse_req_t request, fuse_ino_t number, size_t size, off
 } // namespace
 
 void addFolderRequests(fuse_lowlevel_ops& table) {
+    table.opendir = openFolder;
     table.readdir = readFolder;
     table.readdirplus = readFolderDescribed;
 }

@@ -96,6 +96,7 @@ bool ServingThreads::lead(fuse_buf& request) {
             fuse_session_exit(session_);
             return false;
         }
+        wakefulness_.noteRequest();
         if (takesLong(request)) {
             return true;
         }

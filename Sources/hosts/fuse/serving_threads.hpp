@@ -6,6 +6,7 @@
 /// waits for the device the leader steps down, so that the next thread takes what comes meanwhile.
 #pragma once
 
+#include "hosts/fuse/wakefulness.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -21,7 +22,9 @@ namespace tavelin::fusehost {
 
 class ServingThreads {
   public:
-    explicit ServingThreads(fuse_session* session) : session_(session) {}
+    /// Both must outlive this.
+    ServingThreads(fuse_session* session, Wakefulness& wakefulness)
+        : session_(session), wakefulness_(wakefulness) {}
     ServingThreads(const ServingThreads&) = delete;
     ServingThreads& operator=(const ServingThreads&) = delete;
 
@@ -39,6 +42,7 @@ class ServingThreads {
     bool lead(fuse_buf& request) TAVELIN_REQUIRES(leader_);
 
     fuse_session* const session_;
+    Wakefulness& wakefulness_;
     Mutex leader_;
     std::atomic<int> error_{0};
     Mutex threadsLock_;
