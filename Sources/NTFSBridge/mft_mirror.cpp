@@ -1,6 +1,7 @@
 #include "NTFSBridge/mft_mirror.hpp"
 
 #include "NTFSBridge/block_io.hpp"
+#include "NTFSBridge/disk_layout.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -9,43 +10,6 @@
 namespace ntb {
 namespace {
 
-// Of the boot sector, in little endian.
-constexpr uint64_t at_sector_size = 0x0b;         // u16, bytes
-constexpr uint64_t at_sectors_per_cluster = 0x0d; // u8; from 0x80 on minus the power of two
-constexpr uint64_t at_table_cluster = 0x30;       // u64
-constexpr uint64_t at_mirror_cluster = 0x38;      // u64
-constexpr uint64_t at_record_size = 0x40; // s8: clusters, or minus the power of two of bytes
-
-// Of a file record.
-constexpr uint64_t at_sequence_offset = 0x04; // u16, of the update sequence
-constexpr uint64_t at_sequence_count = 0x06;  // u16, its number and one word a sector
-constexpr uint64_t at_record_number = 0x2c; // u32, where the update sequence does not begin before
-constexpr uint64_t end_of_record_number = 0x30;
-constexpr uint64_t protected_sector = 512; // bytes that a word of the update sequence protects
-
-constexpr uint64_t smallest_record = 1024;
-constexpr uint64_t largest_record = 4096;
-constexpr uint64_t largest_cluster = 2u << 20;
-constexpr uint64_t fewest_records = 4; // a mirror holds these, or as many as fill a cluster
-
-uint64_t number_at(const uint8_t* bytes, uint64_t offset, unsigned size) noexcept {
-    uint64_t number = 0;
-    for (unsigned i = size; i > 0; --i) {
-        number = number << 8 | bytes[offset + i - 1];
-    }
-    return number;
-}
-
-bool is_power_of_two(uint64_t number) noexcept {
-    return number != 0 && (number & (number - 1)) == 0;
-}
-
-// 2 to the power of minus the signed byte; 0 for what no volume has.
-uint64_t minus_power(uint64_t byte) noexcept {
-    const uint64_t power = 0x100 - byte;
-    return power < 32 ? uint64_t{1} << power : 0;
-}
-
 int32_t forget_write(void*, const void*, uint64_t, uint64_t) noexcept {
     return 0;
 }
@@ -53,28 +17,14 @@ int32_t forget_write(void*, const void*, uint64_t, uint64_t) noexcept {
 } // namespace
 
 bool mft_mirror::locate() noexcept {
-    uint8_t boot[512];
-    if (io_read(device_, nullptr, boot, 0, sizeof boot) != 0) {
+    disk_layout layout;
+    if (read_layout(device_, layout) != 0) {
         return false;
     }
-    const uint64_t sectors = boot[at_sectors_per_cluster];
-    const uint64_t cluster =
-        number_at(boot, at_sector_size, 2) * (sectors < 0x80 ? sectors : minus_power(sectors));
-    const uint64_t record = boot[at_record_size];
-    record_size_ = record < 0x80 ? record * cluster : minus_power(record);
-    if (!is_power_of_two(cluster) || cluster > largest_cluster || !is_power_of_two(record_size_) ||
-        record_size_ < smallest_record || record_size_ > largest_record) {
-        return false;
-    }
-    record_count_ = std::max(fewest_records, cluster / record_size_);
-    const uint64_t clusters = device_.size / cluster;
-    const uint64_t table = number_at(boot, at_table_cluster, 8);
-    const uint64_t mirror = number_at(boot, at_mirror_cluster, 8);
-    if (table >= clusters || mirror >= clusters) {
-        return false;
-    }
-    table_.offset = table * cluster;
-    mirror_.offset = mirror * cluster;
+    record_size_ = layout.record;
+    record_count_ = std::max(fewest_mirrored, layout.cluster / record_size_);
+    table_.offset = layout.table;
+    mirror_.offset = layout.mirror;
     const uint64_t size = record_count_ * record_size_;
     const uint64_t distance =
         std::max(table_.offset, mirror_.offset) - std::min(table_.offset, mirror_.offset);
@@ -88,24 +38,6 @@ bool mft_mirror::fetch(copy& side) const noexcept {
     side.is_changed.reset(new (std::nothrow) bool[record_count_]());
     return side.records && side.is_changed &&
            io_read(device_, nullptr, side.records.get(), side.offset, size) == 0;
-}
-
-bool mft_mirror::is_whole(const uint8_t* record, uint64_t number) const noexcept {
-    const uint64_t sequence = number_at(record, at_sequence_offset, 2);
-    const uint64_t count = number_at(record, at_sequence_count, 2);
-    if (std::memcmp(record, "FILE", 4) != 0 || count != record_size_ / protected_sector + 1 ||
-        sequence % 2 != 0 || sequence + count * 2 > protected_sector - 2) {
-        return false;
-    }
-    if (sequence >= end_of_record_number && number_at(record, at_record_number, 4) != number) {
-        return false;
-    }
-    for (uint64_t end = protected_sector; end <= record_size_; end += protected_sector) {
-        if (std::memcmp(record + end - 2, record + sequence, 2) != 0) {
-            return false;
-        }
-    }
-    return true;
 }
 
 void mft_mirror::take_over(const copy& from, copy& to, uint64_t number) const noexcept {
@@ -126,9 +58,9 @@ bool mft_mirror::can_agree() noexcept {
             continue;
         }
         differ = true;
-        if (is_whole(original, number)) {
+        if (is_whole_record(original, record_size_, number)) {
             take_over(table_, mirror_, number);
-        } else if (is_whole(second, number)) {
+        } else if (is_whole_record(second, record_size_, number)) {
             take_over(mirror_, table_, number);
         } else {
             return false;

@@ -2,8 +2,7 @@
 // two leaves different. The library mounts no volume on which they differ.
 //
 // The record of $MFT counts; where it was cut in the middle of its write and its copy was not, the
-// copy does. A record is whole when its magic is "FILE", its number is its own, and each of its
-// sectors ends with the record's update sequence number.
+// copy does.
 #pragma once
 
 #include "NTFSBridge/ntb.h"
@@ -38,7 +37,6 @@ class mft_mirror {
 
     [[nodiscard]] bool locate() noexcept;
     [[nodiscard]] bool fetch(copy& side) const noexcept;
-    bool is_whole(const uint8_t* record, uint64_t number) const noexcept;
     void take_over(const copy& from, copy& to, uint64_t number) const noexcept;
     void overlay(const copy& side, uint8_t* buffer, uint64_t offset,
                  uint64_t length) const noexcept;

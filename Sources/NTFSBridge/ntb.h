@@ -81,6 +81,21 @@ typedef struct ntb_statfs {
  * *serial unless that is NULL; EINVAL otherwise, *serial being left alone. */
 int32_t ntb_probe(const ntb_io* io, uint64_t* serial);
 
+/* A stretch of the device, in bytes. */
+typedef struct ntb_extent {
+    uint64_t offset;
+    uint64_t length;
+} ntb_extent;
+
+/*
+ * Where the volume's journal file, $LogFile, lies, in the order of the file; nothing is mounted.
+ * Stores *count extents, room for them given. They are whole clusters of the device that overlap
+ * neither each other nor the boot sector nor the first file records. EINVAL when there is no NTFS
+ * volume or its journal file is not such a plain sequence (damaged, sparse, in more pieces than
+ * there is room for), else what the device answered.
+ */
+int32_t ntb_log_extents(const ntb_io* io, ntb_extent* extents, uint32_t room, uint32_t* count);
+
 /*
  * Mounts. NULL with *error set on failure: EINVAL not NTFS, ENOMEM, EPERM hibernated or fast
  * started (read-write only), EROFS, or whatever the device or library answered. A read-write mount

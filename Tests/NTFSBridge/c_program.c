@@ -28,6 +28,8 @@ int main(int argc, char** argv) {
     int file = argc == 2 ? open(argv[1], O_RDWR) : -1;
     ntb_io io = {.context = &file, .read = read_file, .write = write_file, .block_size = 512};
     const char text[] = "Hello from C";
+    ntb_extent log;
+    uint32_t count = 0;
     uint64_t serial = 0;
     uint64_t ino = 0;
     uint64_t done = 0;
@@ -37,6 +39,7 @@ int main(int argc, char** argv) {
     CHECK(file >= 0);
     io.size = (uint64_t)lseek(file, 0, SEEK_END);
     CHECK(ntb_probe(&io, &serial) == 0);
+    CHECK(ntb_log_extents(&io, &log, 1, &count) == 0 && count == 1 && log.length >= 1 << 20);
     vol = ntb_mount(&io, 0, &error);
     CHECK(vol != NULL && error == 0 && ntb_serial(vol) == serial);
     label = ntb_label(vol);
