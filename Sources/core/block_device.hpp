@@ -27,6 +27,18 @@ class BlockDevice {
                                              std::uint64_t length) noexcept = 0;
     /// Returns once everything written before is on the medium.
     [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
+
+    /// Writes that wait in memory for the next sync(), in pages of 4096 bytes, and how many pages a
+    /// sync carries over as one: after a power cut all of them are there, or none is. A device
+    /// whose writes do not wait has no room.
+    struct Backlog {
+        std::uint64_t pages = 0;
+        std::uint64_t room = 0;
+    };
+    [[nodiscard]] virtual Backlog backlog() const noexcept { return {}; }
+    /// While on, large writes are the content of a file and need not wait with the others. They
+    /// are, too, what a cache writes back in long runs; only the volume knows which it asked for.
+    virtual void expectFileData(bool on) noexcept { static_cast<void>(on); }
 };
 
 } // namespace tavelin

@@ -82,7 +82,21 @@ void NTFSVolume::flushTick() noexcept {
     const MutexLock held(lock_);
     if (vol_ != nullptr) {
         // A failure is left to the next tick; the device has reported it already.
-        static_cast<void>(ntb_flush_dirty(vol_));
+        static_cast<void>(box_.device->backlog().pages > 0 ? ntb_sync(vol_)
+                                                           : ntb_flush_dirty(vol_));
+    }
+}
+
+void NTFSVolume::makeRoom() noexcept {
+    const BlockDevice::Backlog backlog = box_.device->backlog();
+    if (backlog.room == 0) {
+        return;
+    }
+    ntb_stats stats{};
+    ntb_get_stats(vol_, &stats);
+    if (stats.dirtyPages + backlog.pages > backlog.room / 2) {
+        // A failure is left to the sync that somebody waits for: nothing is lost by it.
+        static_cast<void>(ntb_sync(vol_));
     }
 }
 

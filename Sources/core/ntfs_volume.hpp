@@ -149,6 +149,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
         if (vol_ == nullptr) {
             throw NTFSError(kENXIO);
         }
+        makeRoom();
         return std::invoke(std::forward<Body>(body), vol_);
     }
 
@@ -215,6 +216,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Throws the bridge's result as an NTFSError unless it is 0.
     static void check(std::int32_t result);
     void flushTick() noexcept;
+    /// Syncs when so much waits that what comes next may not fit into one sync of the device.
+    /// Between two operations is where a sync must fall for a power cut to leave both whole.
+    void makeRoom() noexcept TAVELIN_REQUIRES(lock_);
 
     DeviceBox box_;
     mutable Mutex lock_;

@@ -9,6 +9,30 @@ namespace tavelin {
 
 namespace {
 
+/// The least of a request that goes around the bridge's cache, in bytes.
+constexpr std::size_t kMuch = 64u << 10;
+
+/// Tells a device, for as long as it lives, that a request writes much of a file.
+class FileData {
+  public:
+    FileData(BlockDevice& device, std::size_t length) noexcept
+        : device_(length > kMuch ? &device : nullptr) {
+        tell(true);
+    }
+    ~FileData() { tell(false); }
+    FileData(const FileData&) = delete;
+    FileData& operator=(const FileData&) = delete;
+
+  private:
+    void tell(bool on) noexcept {
+        if (device_ != nullptr) {
+            device_->expectFileData(on);
+        }
+    }
+
+    BlockDevice* const device_;
+};
+
 using NameBox = ListingBox<std::string>;
 
 std::int32_t appendName(void* context, const char* name) noexcept {
@@ -35,7 +59,10 @@ std::vector<std::byte> NTFSVolume::read(std::uint64_t ino, std::uint64_t offset,
 std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset, const std::byte* source,
                               std::size_t length) {
     std::uint64_t done = 0;
-    check(locked([&](ntb_vol* vol) { return ntb_write(vol, ino, offset, source, length, &done); }));
+    check(locked([&](ntb_vol* vol) {
+        const FileData data(*box_.device, length);
+        return ntb_write(vol, ino, offset, source, length, &done);
+    }));
     return static_cast<std::size_t>(done);
 }
 
@@ -77,6 +104,7 @@ void NTFSVolume::setXattr(std::string_view name, std::uint64_t ino,
                           std::span<const std::byte> value, XattrPolicy policy) {
     const BridgeText text(name);
     check(locked([&](ntb_vol* vol) {
+        const FileData data(*box_.device, value.size());
         return ntb_setxattr(vol, ino, text.cString(), value.data(), value.size(),
                             static_cast<std::int32_t>(policy));
     }));
