@@ -7,6 +7,7 @@
 #include "fskit/private/attempt.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "platform/checked.hpp"
+#include "platform/error_numbers.hpp"
 #include "platform/information_dictionary.hpp"
 #include "platform/os_version.hpp"
 #include "platform/utf8.hpp"
@@ -90,11 +91,24 @@ class Load {
           words_(fmt::format("{}", fmt::join(options.taskOptions, " "))),
           requestedReadOnly_(options_.readOnly || !resource.isWritable()) {}
 
+    /// First carries to its end what a power cut interrupted. A volume that may be written to is
+    /// journaled from then on.
     Driver2::Opened<std::shared_ptr<NTFSVolume>>
-    open(const std::shared_ptr<ResourceDevice>& device) const {
-        auto opened = Driver2::openWithReadOnlyFallback(
-            requestedReadOnly_, [&](bool readOnly) { return NTFSVolume::open(device, readOnly); });
+    open(const std::shared_ptr<JournaledDevice>& device) const {
+        auto opened = Driver2::openWithReadOnlyFallback(requestedReadOnly_, [&](bool readOnly) {
+            if (const std::int32_t error = device->recover(readOnly); error != 0) {
+                throw NTFSError(fromHost(error));
+            }
+            return NTFSVolume::open(device, readOnly);
+        });
         opened.value->setWindowsNames(options_.windowsNames);
+        if (device->recovered() > 0) {
+            log().info(
+                fmt::format("load: completed what was interrupted, {} pages", device->recovered()));
+        }
+        if (!opened.value->readOnly()) {
+            beginJournal(*device, *opened.value);
+        }
         return opened;
     }
 
@@ -117,6 +131,19 @@ class Load {
     }
 
   private:
+    /// Without one the volume works all the same.
+    static void beginJournal(JournaledDevice& device, NTFSVolume& volume) {
+        try {
+            volume
+                .sync(); // the mount may have emptied $LogFile, which is the journal's from now on
+            if (const std::int32_t error = device.begin(); error != 0) {
+                throw NTFSError(fromHost(error));
+            }
+        } catch (const std::exception& error) {
+            log().error(fmt::format("load: works without a journal: {}", error.what()));
+        }
+    }
+
     Fields common(bool ok) const {
         return {{"ok", ok},
                 {"bsd", resource_.BSDName()},
@@ -173,7 +200,8 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
     deviceErrorEvents = 0;
     try {
         const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
-        const auto [ntfs, fellBack] = load.open(device);
+        const auto journaled = std::make_shared<JournaledDevice>(device);
+        const auto [ntfs, fellBack] = load.open(journaled);
         if (fellBack) {
             log().info("load: volume is hibernated or write-protected, mounted read-only");
         }
@@ -183,6 +211,7 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
             ntfs->startAutoFlush(kFlushInterval);
         }
         volume = fresh;
+        journal_ = journaled;
         containerStatus = fskit::FSContainerStatus::ready();
         load.reportSuccess(*ntfs, fellBack);
         return fresh;
@@ -213,6 +242,9 @@ void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
         try {
             if (volume) {
                 volume->ntfs->unmount();
+                if (const std::int32_t error = journal_->close(); error != 0) {
+                    throw NTFSError(fromHost(error));
+                }
             }
             events().event("unload", Fields{{"ok", true}, {"errors", errorTally().summary()}});
         } catch (const std::exception& error) {
@@ -224,6 +256,7 @@ void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
     });
     reply(unloaded.error);
     volume = nullptr;
+    journal_ = nullptr;
 }
 
 } // namespace tavelin

@@ -3,6 +3,7 @@
 #include "core/ntfs_error.hpp"
 #include "diagnostics/log.hpp"
 #include "diagnostics/op_counter.hpp"
+#include "fskit/host_medium.hpp"
 #include "platform/checked.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -108,11 +109,15 @@ std::int32_t ResourceDevice::write(const std::byte* source, std::uint64_t offset
 }
 
 std::int32_t ResourceDevice::sync() noexcept {
-    if (!cached) {
-        return 0;
-    }
     try {
-        resource->metadataFlush();
+        if (cached) {
+            resource->metadataFlush();
+        }
+        if (auto* const medium = dynamic_cast<HostMedium*>(resource.get())) {
+            if (const auto error = medium->reachMedium()) {
+                return fail("sync", 0, 0, errorNumber(*error), error->localizedDescription());
+            }
+        }
         return 0;
     } catch (const fskit::Error& error) {
         return errorNumber(error);

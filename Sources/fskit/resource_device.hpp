@@ -31,8 +31,8 @@ class ResourceDevice final : public BlockDevice {
                                     std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
                                      std::uint64_t length) noexcept override;
-    /// Flushes the kernel's buffers when cached. Uncached writes have already left this process;
-    /// there is no call of the resource that asks more of the device.
+    /// Flushes the kernel's buffers when cached. Uncached writes have already left this process; a
+    /// HostMedium is asked for more, of any other resource there is nothing to ask.
     [[nodiscard]] std::int32_t sync() noexcept override;
 
     /// Whether I/O goes through the kernel's buffer cache. Set before the device is used.

@@ -5,6 +5,7 @@
 /// the utility queue.
 #pragma once
 
+#include "core/journaled_device.hpp"
 #include "fskit/api/file_system.hpp"
 #include "fskit/tavelin_volume.hpp"
 
@@ -33,7 +34,7 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// that one, which then unmounts when its last user does.
     void loadResource(const fskit::FSResourceRef& resource, const fskit::FSTaskOptions& options,
                       const fskit::VolumeReply& reply) override;
-    /// Unmounts the volume and forgets it, whatever the result.
+    /// Unmounts the volume, ends its journal, and forgets it, whatever the result.
     void unloadResource(const fskit::FSResourceRef& resource, const fskit::FSTaskOptions& options,
                         const fskit::ErrorReply& reply) override;
 
@@ -51,6 +52,8 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// Mounts the resource and keeps the volume; reports either outcome.
     std::shared_ptr<TavelinVolume> loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
                                           const fskit::FSTaskOptions& options);
+
+    std::shared_ptr<JournaledDevice> journal_; ///< under `volume`
 };
 
 } // namespace tavelin

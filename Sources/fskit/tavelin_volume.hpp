@@ -47,7 +47,7 @@ class TavelinVolume final : public fskit::FSVolume,
 
     using FSVolume::name;
 
-    /// The device under `ntfs`, which owns it; set by load, before any request.
+    /// The device at the bottom of `ntfs`, which owns it; set by load, before any request.
     std::weak_ptr<ResourceDevice> device;
 
     // ---- Items ---------------------------------------------------------------------------------

@@ -6,7 +6,9 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <string_view>
 
 namespace {
@@ -29,9 +31,9 @@ void print(const Verdict& verdict) {
     for (const auto& [cut, images] : verdict.images) {
         fmt::print("{:>14}", images);
     }
-    fmt::print("\n{:<36}", "$MFTMirr brought up at the mount");
+    fmt::print("\n{:<36}", "completed by the mount");
     for (const auto& [cut, images] : verdict.images) {
-        fmt::print("{:>14}", countOf(verdict.mirrors, cut));
+        fmt::print("{:>14}", countOf(verdict.completed, cut));
     }
     for (const Fault fault : kAllFaults) {
         fmt::print("\n{:<36}", faultName(fault));
@@ -75,8 +77,7 @@ int main(int count, char** words) {
         }
     }
     print(verdict);
-    const bool broken = verdict.count(Fault::unreadable) + verdict.count(Fault::lost) +
-                            verdict.count(Fault::damaged) + verdict.count(Fault::strange) >
-                        0;
-    return broken ? 1 : 0;
+    const bool isSound = std::none_of(std::begin(kAllFaults), std::end(kAllFaults),
+                                      [&](Fault fault) { return verdict.count(fault) > 0; });
+    return isSound ? 0 : 1;
 }

@@ -49,7 +49,7 @@ class Judge {
         if (host.volume().isReadOnly()) {
             return {{Fault::notMountable, "read-only"}};
         }
-        wasRepaired_ = !disk->events().empty();
+        wasCompleted_ = !disk->events().empty();
         const Snapshot found = takeSnapshot(host.volume());
         compareReadable(found);
         compare(found);
@@ -57,7 +57,7 @@ class Judge {
     }
 
     std::uint64_t promises() const { return promises_; }
-    bool wasRepaired() const { return wasRepaired_; }
+    bool wasCompleted() const { return wasCompleted_; }
 
   private:
     bool changesIn(const std::string& folder) const {
@@ -181,7 +181,7 @@ class Judge {
     std::vector<std::pair<std::string, std::string>> moves_;
     std::vector<Finding> findings_;
     std::uint64_t promises_ = 0;
-    bool wasRepaired_ = false;
+    bool wasCompleted_ = false;
 };
 
 } // namespace
@@ -242,8 +242,8 @@ void Verdict::add(const Verdict& other) {
     for (const auto& [cut, number] : other.images) {
         images[cut] += number;
     }
-    for (const auto& [cut, number] : other.mirrors) {
-        mirrors[cut] += number;
+    for (const auto& [cut, number] : other.completed) {
+        completed[cut] += number;
     }
     for (const auto& [cut, counts] : other.faults) {
         for (const auto& [fault, number] : counts) {
@@ -266,7 +266,7 @@ Verdict tryRecording(const Bytes& base, const Script& script, const Recording& r
         Judge judge(script, recording, end);
         const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random));
         verdict.images[cut]++;
-        verdict.mirrors[cut] += judge.wasRepaired() ? 1 : 0;
+        verdict.completed[cut] += judge.wasCompleted() ? 1 : 0;
         verdict.promises += judge.promises();
         std::set<Fault> kinds;
         for (const auto& [fault, what] : findings) {

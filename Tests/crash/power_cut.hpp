@@ -37,9 +37,9 @@ struct Verdict {
     std::uint64_t cutPoints = 0;
     std::uint64_t promises = 0; // files and folders whose state was promised and compared
     std::map<Cut, std::uint64_t> images;
-    std::map<Cut, std::uint64_t> mirrors; // images that mounted only with $MFTMirr brought up
-    std::map<Cut, FaultCounts> faults;    // images by what is wrong; one may count several times
-    std::vector<std::string> examples;    // the first few, with what it takes to repeat them
+    std::map<Cut, std::uint64_t> completed; // images that the mount had to write to
+    std::map<Cut, FaultCounts> faults;      // images by what is wrong; one may count several times
+    std::vector<std::string> examples;      // the first few, with what it takes to repeat them
 
     std::uint64_t count(Fault fault) const;
     void add(const Verdict& other);

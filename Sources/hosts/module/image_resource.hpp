@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fskit/api/resource.hpp"
+#include "fskit/host_medium.hpp"
 #include "hosts/module/image_file.hpp"
 
 #include <atomic>
@@ -13,15 +14,8 @@
 
 namespace tavelin {
 
-/// A block device whose host can say when what was written has reached the medium. FSKit's direct
-/// writes have no such call, so the module host makes it itself, after the volume has written
-/// everything to the device.
-class HostResource : public fskit::FSBlockDeviceResource {
-  public:
-    /// Returns once everything written before is on the medium and would survive a power cut;
-    /// answers the error when that cannot be promised.
-    [[nodiscard]] virtual std::optional<fskit::Error> reachMedium() = 0;
-};
+/// A block device whose host can say when what was written has reached the medium.
+class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {};
 
 /// A resource over a disk-image file or a block-device node. Sizes and offsets are bytes; errors
 /// are POSIX ones, in macOS numbers. Any thread may call anything; overlapping transfers are the

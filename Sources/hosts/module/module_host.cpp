@@ -169,7 +169,7 @@ Outcome<void> ModuleHost::load(const Words& options) {
     if (slot.error()) {
         return *slot.error();
     }
-    volume_ = std::make_unique<VolumeClient>(std::move(slot.value<0>()), resource_);
+    volume_ = std::make_unique<VolumeClient>(std::move(slot.value<0>()));
     state_ = State::loaded;
     const bool mayWrite = resource_->isWritable() && !Driver2::MountOptions(options).readOnly;
     fellBack_ = mayWrite && volume_->isReadOnly();

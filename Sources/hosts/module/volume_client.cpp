@@ -52,10 +52,8 @@ Outcome<Value> present(Outcome<std::optional<Value>> answer) {
 
 } // namespace
 
-VolumeClient::VolumeClient(std::shared_ptr<fskit::FSVolume> volume,
-                           std::shared_ptr<HostResource> resource)
+VolumeClient::VolumeClient(std::shared_ptr<fskit::FSVolume> volume)
     : volume_(std::move(volume)),
-      resource_(std::move(resource)),
       operations_(dynamic_cast<fskit::FSVolumeOperations*>(volume_.get())),
       data_(dynamic_cast<fskit::FSVolumeReadWriteOperations*>(volume_.get())),
       opening_(dynamic_cast<fskit::FSVolumeOpenCloseOperations*>(volume_.get())),
@@ -349,12 +347,7 @@ Outcome<std::vector<std::string>> VolumeClient::listXattrs(const ItemRef& item) 
 // ---- The volume --------------------------------------------------------------------------------
 
 Outcome<void> VolumeClient::synchronize(fskit::FSSyncFlags flags) {
-    auto answer =
-        ask<>("synchronize", [&](const auto& reply) { operations_->synchronize(flags, reply); });
-    if (answer && Driver2::syncMustFlush(static_cast<std::int64_t>(flags))) {
-        return resource_->reachMedium();
-    }
-    return answer;
+    return ask<>("synchronize", [&](const auto& reply) { operations_->synchronize(flags, reply); });
 }
 
 Outcome<void> VolumeClient::setName(std::string_view name) {

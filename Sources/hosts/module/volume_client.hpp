@@ -38,7 +38,7 @@ class VolumeClient {
     using Bytes = std::span<const std::byte>;
 
     /// Throws fskit::Error (kENOTSUP) when the object does not take volume requests.
-    VolumeClient(std::shared_ptr<fskit::FSVolume> volume, std::shared_ptr<HostResource> resource);
+    explicit VolumeClient(std::shared_ptr<fskit::FSVolume> volume);
     VolumeClient(const VolumeClient&) = delete;
     VolumeClient& operator=(const VolumeClient&) = delete;
 
@@ -140,7 +140,6 @@ class VolumeClient {
     Outcome<ItemRef> askForItem(std::string_view request, Send&& send);
 
     const std::shared_ptr<fskit::FSVolume> volume_;
-    const std::shared_ptr<HostResource> resource_;
     // The volume's protocols: parts of *volume_; all but the first may be absent.
     fskit::FSVolumeOperations* const operations_;
     fskit::FSVolumeReadWriteOperations* const data_;

@@ -1,0 +1,21 @@
+/// What a host's block device can do beside FSKit's: say when data is on the medium.
+#pragma once
+
+#include "fskit/api/error.hpp"
+
+#include <optional>
+
+namespace tavelin {
+
+/// A resource that is one of these too is asked at each sync of its device. FSKit's are not: their
+/// direct writes have no such call.
+class HostMedium {
+  public:
+    virtual ~HostMedium() = default;
+
+    /// Returns once everything written before is on the medium and would survive a power cut;
+    /// answers the error when that cannot be promised. Any thread.
+    [[nodiscard]] virtual std::optional<fskit::Error> reachMedium() = 0;
+};
+
+} // namespace tavelin
