@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <linux/fuse.h>
+#include <thread>
 
 namespace tavelin::fusehost {
 
@@ -45,18 +46,14 @@ bool takesLong(const fuse_buf& request) {
 
 int ServingThreads::run(size_t count) {
     {
-        const MutexLock held(threadsLock_);
-        for (size_t i = 0; i < count; ++i) {
-            threads_.emplace_back([this] { serve(); });
-        }
+        const MutexLock held(servingLock_);
+        serving_.reserve(count);
     }
-    // Only run() changes the vector, and stop() needs the lock while the threads end.
-    std::vector<std::thread>* threads = nullptr;
-    {
-        const MutexLock held(threadsLock_);
-        threads = &threads_;
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; ++i) {
+        threads.emplace_back([this] { serve(); });
     }
-    for (std::thread& thread : *threads) {
+    for (std::thread& thread : threads) {
         thread.join();
     }
     return error_;
@@ -64,14 +61,18 @@ int ServingThreads::run(size_t count) {
 
 void ServingThreads::stop() {
     fuse_session_exit(session_);
-    const MutexLock held(threadsLock_);
-    for (std::thread& thread : threads_) {
-        ::pthread_kill(thread.native_handle(), kWakeSignal);
+    const MutexLock held(servingLock_);
+    for (const pthread_t thread : serving_) {
+        ::pthread_kill(thread, kWakeSignal);
     }
 }
 
 void ServingThreads::serve() noexcept {
     installWakeSignal();
+    {
+        const MutexLock held(servingLock_);
+        serving_.push_back(::pthread_self());
+    }
     fuse_buf request{};
     for (;;) {
         {
@@ -83,6 +84,8 @@ void ServingThreads::serve() noexcept {
         fuse_session_process_buf(session_, &request);
     }
     std::free(request.mem);
+    const MutexLock held(servingLock_);
+    std::erase(serving_, ::pthread_self());
 }
 
 bool ServingThreads::lead(fuse_buf& request) {

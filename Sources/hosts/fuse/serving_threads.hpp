@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cstddef>
 #include <pthread.h>
-#include <thread>
 #include <vector>
 
 struct fuse_buf;
@@ -45,8 +44,9 @@ class ServingThreads {
     Wakefulness& wakefulness_;
     Mutex leader_;
     std::atomic<int> error_{0};
-    Mutex threadsLock_;
-    std::vector<std::thread> threads_ TAVELIN_GUARDED_BY(threadsLock_);
+    Mutex servingLock_;
+    /// Those that may be woken: a thread takes itself out before it ends.
+    std::vector<pthread_t> serving_ TAVELIN_GUARDED_BY(servingLock_);
 };
 
 } // namespace tavelin::fusehost
