@@ -13,9 +13,9 @@ namespace {
 
 constexpr uint64_t kAfterDot = 1, kAfterDotDot = 2;
 
-// The kernel asks for attributes with the first page of every listing, wanted or not, and with later
-// ones only when somebody looks at the entries. In a folder of more entries than this the first page
-// holds so few of them that those who want only names should not have to pay for it.
+// The kernel asks for attributes with the first page of every listing, wanted or not, and with
+// later ones only when somebody looks at the entries. In a folder of more entries than this the
+// first page holds so few of them that those who want only names should not have to pay for it.
 constexpr size_t kWorthDescribing = 1000;
 
 uint32_t fileType(fskit::FSItemType type) {
