@@ -19,6 +19,28 @@ confirm_volume() {
     good "ntfsfix -n gets through the volume without a fault"
 }
 
+# A session on the mounted volume; where FUSE cannot be used, the same changes without a mount.
+mounted_session() {
+    local volume=$1 tree=$2 folder=$work/mount
+    mkdir "$folder"
+    cp -a "$tree/project/docs" "$tree/notes"
+    if tavelin mount "$volume" "$folder" 2>"$work/why"; then
+        good "mounted with: tavelin mount sample.img mount"
+        try cp -a "$tree/notes" "$folder/"
+        try mv "$folder/notes/macos.md" "$folder/notes/MacOS.md"
+        try ls -l "$folder/notes"
+        try grep -c flush "$folder/notes/durability.md"
+        try df -h "$folder"
+        try tavelin umount "$folder"
+    else
+        good "FUSE cannot be used here ($(head -n 1 "$work/why")), so without a mount:"
+        try tavelin put "$volume" "$tree/notes" /
+        try tavelin mv "$volume" notes/macos.md notes/MacOS.md
+        try tavelin ls -l "$volume" notes
+    fi
+    mv "$tree/notes/macos.md" "$tree/notes/MacOS.md"
+}
+
 sample_tour() {
     local volume=$work/sample.img tree=$work/tree
     step "Make an NTFS volume of 256 MiB with mkntfs, and something to put on it"
@@ -53,6 +75,9 @@ sample_tour() {
     rm -r "$tree/project/script"
     mkdir -p "$tree/archive/1999"
     mv "$tree/awkward/empty file" "$tree/archive/1999/EMPTY.txt"
+
+    step "Mount it, and use it like any folder"
+    mounted_session "$volume" "$tree"
 
     step "Let independent tools confirm what is on the volume"
     ntfsinfo -m "$volume" 2>/dev/null | grep -q "Volume Name: Confirmed" ||
