@@ -36,8 +36,9 @@ class BlockDevice {
         std::uint64_t room = 0;
     };
     [[nodiscard]] virtual Backlog backlog() const noexcept { return {}; }
-    /// While on, large writes are the content of a file and need not wait with the others. They
-    /// are, too, what a cache writes back in long runs; only the volume knows which it asked for.
+    /// While on, large writes are the content of a file and need not wait with the others. By their
+    /// length alone they could also be what a cache writes back in long runs: whoever turns this on
+    /// sees to it that no cache has cause to.
     virtual void expectFileData(bool on) noexcept { static_cast<void>(on); }
 };
 

@@ -22,7 +22,6 @@ LogFile::LogFile(std::shared_ptr<BlockDevice> device, std::vector<ntb_extent> ex
     for (const ntb_extent& extent : extents_) {
         size_ += extent.length;
     }
-    size_ = size_ / kPage * kPage;
 }
 
 std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
@@ -37,11 +36,10 @@ std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
             return error == EINVAL ? 0 : error;
         }
         extents.resize(count);
-        const std::uint64_t block = device->blockSize();
-        const bool isAligned = std::all_of(extents.begin(), extents.end(), [&](const auto& extent) {
-            return extent.offset % block == 0 && extent.length % block == 0;
+        const bool isAligned = std::all_of(extents.begin(), extents.end(), [](const auto& extent) {
+            return extent.offset % kPage == 0 && extent.length % kPage == 0;
         });
-        if (isAligned && kPage % block == 0) {
+        if (isAligned && kPage % device->blockSize() == 0) {
             found = LogFile(device, std::move(extents));
         }
         return 0;

@@ -20,7 +20,8 @@ class LogFile {
     static constexpr std::uint64_t kPage = 4096; ///< bytes
 
     /// Finds it without mounting. 0 with nothing found means that there is none that can be used:
-    /// see ntb_log_extents, and blocks larger than a page or than the volume's clusters.
+    /// see ntb_log_extents; or the device has blocks larger than a page; or a piece shares a page
+    /// of the device with something else, as small clusters may have it: caches write whole pages.
     /// Otherwise an error of the device, or ENOMEM.
     [[nodiscard]] static std::int32_t find(const std::shared_ptr<BlockDevice>& device,
                                            std::optional<LogFile>& found) noexcept;

@@ -12,6 +12,10 @@ namespace {
 
 constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
 
+/// Dirty pages in the bridge's cache. From 4096 on it writes all of them back by itself, in long
+/// runs, which a device takes for file data when it expects that: 4 MiB less than that.
+constexpr std::uint64_t kMostDirty = 3072;
+
 } // namespace
 
 std::optional<std::uint64_t> NTFSVolume::probe(std::shared_ptr<BlockDevice> device) {
@@ -94,7 +98,7 @@ void NTFSVolume::makeRoom() noexcept {
     }
     ntb_stats stats{};
     ntb_get_stats(vol_, &stats);
-    if (stats.dirtyPages + backlog.pages > backlog.room / 2) {
+    if (stats.dirtyPages > kMostDirty || stats.dirtyPages + backlog.pages > backlog.room / 2) {
         // A failure is left to the sync that somebody waits for: nothing is lost by it.
         static_cast<void>(ntb_sync(vol_));
     }

@@ -216,8 +216,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Throws the bridge's result as an NTFSError unless it is 0.
     static void check(std::int32_t result);
     void flushTick() noexcept;
-    /// Syncs when so much waits that what comes next may not fit into one sync of the device.
-    /// Between two operations is where a sync must fall for a power cut to leave both whole.
+    /// Syncs when so much waits that what comes next may not fit into one sync of the device, or
+    /// that the bridge's cache may write it back on its own. Between two operations is where a sync
+    /// must fall for a power cut to leave both whole.
     void makeRoom() noexcept TAVELIN_REQUIRES(lock_);
 
     DeviceBox box_;

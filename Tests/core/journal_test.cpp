@@ -47,8 +47,11 @@ class Disk final : public BlockDevice {
         return error;
     }
 
+    Backlog backlog() const noexcept override { return {0, room}; }
+
     Bytes image;
     std::vector<DiskEvent> events;
+    std::uint64_t room = 0;
     std::uint64_t callsToFailure = 0; // 1: the next call fails, once; 0: none
 
   private:
@@ -297,6 +300,50 @@ TEST(Journal, OfAnotherVolumeOrDamagedIsIgnored) {
         EXPECT_EQ(device.recover(false), 0);
         EXPECT_EQ(device.recovered(), 0u) << at;
     }
+}
+
+// A disk with a formatted volume of its own.
+std::shared_ptr<Disk> formatted(const VolumeGeometry& geometry) {
+    const std::string raw = readFile(SampleVolume(geometry).image());
+    const auto bytes = std::as_bytes(std::span(raw));
+    return std::make_shared<Disk>(Bytes(bytes.begin(), bytes.end()));
+}
+
+std::shared_ptr<NTFSVolume> opened(const std::shared_ptr<JournaledDevice>& device) {
+    EXPECT_EQ(device->recover(false), 0);
+    auto ntfs = NTFSVolume::open(device, false);
+    ntfs->sync();
+    EXPECT_EQ(device->begin(), 0);
+    return ntfs;
+}
+
+// $LogFile of a volume with small clusters shares pages of the device with its neighbours.
+TEST(Journal, LeavesTheNeighboursOfTheLogWritable) {
+    const auto disk = formatted({.clusterSize = 512});
+    const auto device = std::make_shared<JournaledDevice>(disk);
+    const auto ntfs = opened(device);
+    for (int i = 0; i < 100; ++i) {
+        ntfs->create(std::to_string(i), NTFSVolume::kRootIno, NTFSItemType::file);
+    }
+    EXPECT_NO_THROW(ntfs->sync());
+    EXPECT_NO_THROW(ntfs->unmount());
+    EXPECT_EQ(device->close(), 0);
+}
+
+// The cache below a volume writes back by itself once it is half full, and during a large request
+// that would pass for file data.
+TEST(Journal, IsFlushedBeforeTheCacheWritesBackByItself) {
+    const auto disk = formatted({.bytes = 48u << 20});
+    disk->room = 1u << 20;
+    const auto ntfs = NTFSVolume::open(disk, false);
+    const auto file = ntfs->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
+    std::uint64_t most = 0;
+    for (std::uint64_t at = 0; at < (24u << 20); at += 16 * kPage) {
+        ntfs->write(file, at, pagesOf(1, 16));
+        most = std::max(most, ntfs->ioStats().dirtyPages);
+    }
+    EXPECT_GT(most, 2048u);
+    EXPECT_LT(most, 4096u - 512u); // more than a large request makes dirty
 }
 
 // Offsets in $LogFile's record of what a hostile volume may lie about, and a lie.
