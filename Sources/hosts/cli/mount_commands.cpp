@@ -59,10 +59,13 @@ void defineMount(CLI::App& command) {
         ->type_name("OPTIONS")
         ->allow_extra_args(false);
     command.add_flag("-r,--read-only", arguments->request.readOnly, "Do not change the volume");
-    command.add_flag("-f,--foreground", arguments->request.foreground,
-                     "Serve from this process, until the volume is unmounted");
-    command.add_flag("--trace", arguments->request.trace,
-                     "Print every request on standard error, and their counts at the end");
+    CLI::Option* const foreground =
+        command.add_flag("-f,--foreground", arguments->request.foreground,
+                         "Serve from this process, until the volume is unmounted");
+    command
+        .add_flag("--trace", arguments->request.trace,
+                  "Print every request on standard error, and their counts at the end")
+        ->needs(foreground); // there is no standard error in the background
     command.callback([arguments] { runMount(*arguments); });
 }
 

@@ -13,12 +13,12 @@ using namespace std::string_view_literals;
 constexpr std::array kIgnored = {
     "rw"sv,    "defaults"sv, "auto"sv,  "noauto"sv,  "user"sv,       "nouser"sv,
     "users"sv, "owner"sv,    "group"sv, "_netdev"sv, "nofail"sv,     "relatime"sv,
-    "async"sv, "nosuid"sv,   "nodev"sv, "loop"sv,    "big_writes"sv, "default_permissions"sv,
+    "async"sv, "nosuid"sv,   "nodev"sv, "loop"sv,    "big_writes"sv,
 };
 
 constexpr std::array kForKernel = {
     "noatime"sv, "strictatime"sv, "nodiratime"sv, "noexec"sv, "exec"sv,
-    "sync"sv,    "dirsync"sv,     "suid"sv,       "dev"sv,
+    "sync"sv,    "dirsync"sv,     "suid"sv,       "dev"sv,    "default_permissions"sv,
 };
 
 template<size_t n>
