@@ -12,7 +12,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/Sources/hosts/cli/completions/_tavelin
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 if(TAVELIN_FUSE)
-  # mount(8) looks for its helpers in /sbin, which is /usr/sbin.
+  # mount(8) looks for its helpers in /sbin only, which is /usr/sbin: README.md says what to do with
+  # another prefix.
   install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/mount.fuse.tavelin
           DESTINATION ${CMAKE_INSTALL_SBINDIR})
 endif()
