@@ -36,7 +36,9 @@ _tavelin() {
         return
     fi
     if [ "$3" = -o ]; then
-        mapfile -t COMPREPLY < <(compgen -W "ro windows_names" -- "$word")
+        local words="ro windows_names"
+        [ "$command" != mount ] || words+=" allow_other power_save noatime"
+        mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
         return
     fi
     case $word in
