@@ -19,6 +19,11 @@ confirm_volume() {
     good "ntfsfix -n gets through the volume without a fault"
 }
 
+# Whether `tavelin mount`, going by what it said, failed for want of FUSE, or of leave to use it.
+lacks_fuse() {
+    [ ! -e /dev/fuse ] || grep -Eq '^fuse(rmount3)?: .*(not found|not permitted|denied)' "$1"
+}
+
 # A session on the mounted volume; where FUSE cannot be used, the same changes without a mount.
 mounted_session() {
     local volume=$1 tree=$2 folder=$work/mount
@@ -32,6 +37,8 @@ mounted_session() {
         try grep -c flush "$folder/notes/durability.md"
         try df -h "$folder"
         try tavelin umount "$folder"
+    elif ! lacks_fuse "$work/why"; then
+        bad "tavelin mount failed: $(cat "$work/why")"
     else
         good "FUSE cannot be used here ($(head -n 1 "$work/why")), so without a mount:"
         try tavelin put "$volume" "$tree/notes" /
