@@ -133,11 +133,11 @@ int compare(const Arguments& arguments) {
 int scale(const Arguments& arguments) {
     const Workplace place(arguments.memory);
     place.allocateImage((arguments.quick ? 512ull : 5'120ull) << 20);
-    const std::string text = measureScale(serversOf(arguments).at(0), place.image(),
-                                          place.mountPoint(), arguments.quick);
-    fmt::print("{}", text);
-    writeTo(arguments.table, text);
-    return 0;
+    const Scale scale = measureScale(serversOf(arguments).at(0), place.image(), place.mountPoint(),
+                                     arguments.quick);
+    fmt::print("{}", scale.tables);
+    writeTo(arguments.table, scale.tables);
+    return scale.asAimed ? 0 : 1;
 }
 
 } // namespace

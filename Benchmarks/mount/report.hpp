@@ -15,7 +15,7 @@ using Samples = std::map<std::string, std::map<std::string, std::vector<double>>
 double median(std::vector<double> values);
 
 // One row a category: milliseconds of every server, and how many times faster than the better
-// driver ours and the floor are; below them the geometric means of those two columns.
+// driver ours and the floor are; below them the geometric means of those two columns, and a note.
 std::string markdownTable(const std::vector<Server>& servers, const Samples& samples);
 
 // One pair of bars a category: how many times faster than the better driver ours and the floor

@@ -92,43 +92,57 @@ Steps byteSteps(const Server& server, const fs::path& image, const fs::path& fol
     return steps;
 }
 
-std::string table(const char* unit, const std::vector<int>& sizes, const char* sizeUnit,
-                  const std::function<Steps(int)>& measureSize) {
+constexpr double kMostGrowth = 2;
+constexpr uint64_t kMostMemory = 64 << 20; // bytes, besides those of entries
+constexpr uint64_t kMostMemoryAnEntry = 200;
+
+// Appends a table to `scale`; a unit of size may cost the server `bytesAUnit` of memory.
+void addTable(Scale& scale, const char* unit, const std::vector<int>& sizes, const char* sizeUnit,
+              uint64_t bytesAUnit, const std::function<Steps(int)>& measureSize) {
+    std::string head = fmt::format("| {} |", unit), rule = "|---|", peaks = "| peak memory, MiB |";
     std::vector<Steps> all;
-    for (const int size : sizes)
+    bool fits = true;
+    const auto verdict = [&](bool holds) {
+        scale.asAimed &= holds;
+        return holds ? "yes" : "**no**";
+    };
+    for (const int size : sizes) {
         all.push_back(measureSize(size));
-    std::string text = fmt::format("| {} |", unit), rule = "|---|", peaks = "| peak memory, MiB |";
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        text += fmt::format(" {} {} |", sizes[i], sizeUnit);
+        head += fmt::format(" {} {} |", size, sizeUnit);
         rule += "---:|";
         uint64_t peak = 0;
-        for (const auto& [name, step] : all[i])
+        for (const auto& [name, step] : all.back())
             peak = std::max(peak, step.peakMemory);
         peaks += fmt::format(" {:.1f} |", static_cast<double>(peak) / (1 << 20));
+        fits &= peak <= kMostMemory + bytesAUnit * static_cast<uint64_t>(size);
     }
-    text += " largest against smallest |\n" + rule + "---:|\n";
+    scale.tables += head + " largest against smallest | as aimed |\n" + rule + "---:|---|\n";
     for (size_t row = 0; row < all.front().size(); ++row) {
-        text += fmt::format("| {} |", all.front()[row].first);
+        scale.tables += fmt::format("| {} |", all.front()[row].first);
         for (const Steps& steps : all)
-            text += fmt::format(" {:.0f} |", steps[row].second.cost);
-        text +=
-            fmt::format(" {:.2f} |\n", all.back()[row].second.cost / all.front()[row].second.cost);
+            scale.tables += fmt::format(" {:.0f} |", steps[row].second.cost);
+        const double growth = all.back()[row].second.cost / all.front()[row].second.cost;
+        scale.tables += fmt::format(" {:.2f} | {} |\n", growth, verdict(growth <= kMostGrowth));
     }
-    return text + peaks + " |\n";
+    scale.tables += fmt::format("{} | {} |\n\n", peaks, verdict(fits));
 }
 
 } // namespace
 
-std::string measureScale(const Server& server, const fs::path& image, const fs::path& folder,
-                         bool quick) {
+Scale measureScale(const Server& server, const fs::path& image, const fs::path& folder,
+                   bool quick) {
     const std::vector<int> entries =
         quick ? std::vector{1'000, 10'000} : std::vector{1'000, 10'000, 100'000};
     const std::vector<int> mebibytes = quick ? std::vector{1, 64} : std::vector{1, 64, 512, 4'096};
-    return table("nanoseconds an entry", entries, "entries",
-                 [&](int n) { return entrySteps(server, image, folder, n); }) +
-           "\n" + table("nanoseconds a KiB", mebibytes, "MiB", [&](int n) {
-               return byteSteps(server, image, folder, n);
-           });
+    Scale scale;
+    addTable(scale, "nanoseconds an entry", entries, "entries", kMostMemoryAnEntry,
+             [&](int n) { return entrySteps(server, image, folder, n); });
+    addTable(scale, "nanoseconds a KiB", mebibytes, "MiB", 0,
+             [&](int n) { return byteSteps(server, image, folder, n); });
+    scale.tables += fmt::format(
+        "Aims: a factor of at most {}; at most {} MiB of memory and {} bytes an entry.\n",
+        kMostGrowth, kMostMemory >> 20, kMostMemoryAnEntry);
+    return scale;
 }
 
 } // namespace tavelin::bench

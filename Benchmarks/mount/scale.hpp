@@ -8,10 +8,16 @@
 
 namespace tavelin::bench {
 
-// Formats `image` anew for every size, runs the ladder on `server`, and returns Markdown tables:
-// nanoseconds an entry (create, look up, list, remove), nanoseconds a KiB written and read, the
-// largest size against the smallest, and the server's peak memory. `quick` shortens the ladder.
-std::string measureScale(const Server& server, const std::filesystem::path& image,
-                         const std::filesystem::path& folder, bool quick);
+struct Scale {
+    std::string tables; // Markdown, each row with whether it keeps within its aim
+    bool asAimed = true;
+};
+
+// Formats `image` anew for every size and runs the ladder on `server`: nanoseconds an entry
+// (create, look up, list, remove) and a KiB written and read, and the server's peak memory. The
+// aims: at the largest size at most twice the cost at the smallest; 64 MiB and 200 bytes an entry.
+// `quick` shortens the ladder.
+Scale measureScale(const Server& server, const std::filesystem::path& image,
+                   const std::filesystem::path& folder, bool quick);
 
 } // namespace tavelin::bench
