@@ -11,6 +11,7 @@
 #include <random>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -117,14 +118,15 @@ TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
     }
     ::close(fd);
     EXPECT_TRUE(readFile(file) == model);
-    mount();
-    EXPECT_TRUE(readFile(*this / "file") == model) << "after a second mount";
+    expectToLast(*volume_, served_);
 }
 
 TEST_F(MountData, AFullVolumeSaysSoAndLosesNothing) {
     mountFresh(24 * kMiB);
     const std::string block(64 << 10, 'b');
     writeFile(*this / "kept", "kept content");
+    writeFile(*this / "new", "new content");
+    writeFile(*this / "old", "old content");
     const auto fill = [&](const std::string& name) {
         const int fd = ::open(path(name).c_str(), O_WRONLY | O_CREAT, 0666);
         EXPECT_NE(fd, -1);
@@ -140,19 +142,28 @@ TEST_F(MountData, AFullVolumeSaysSoAndLosesNothing) {
     };
     const off_t first = fill("large");
     EXPECT_GT(first, 15 << 20);
-    // Growing a file and creating many more fails cleanly too.
-    EXPECT_EQ(::truncate(path("kept").c_str(), 64 << 20) == -1 ? errno : 0, ENOSPC);
+    // Everything else that takes room fails cleanly too.
+    const auto errorOf = [](int result) { return result == -1 ? errno : 0; };
+    EXPECT_EQ(errorOf(::truncate(path("kept").c_str(), 64 << 20)), ENOSPC);
     int created = 0;
     errno = 0;
     while (created < 100'000 && ::mkdir(path("f" + std::to_string(created)).c_str(), 0777) == 0) {
         ++created;
     }
     EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(readFile(*this / "kept").substr(0, 12), "kept content");
+    EXPECT_EQ(errorOf(::open(path("another").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666)), ENOSPC);
+    EXPECT_EQ(errorOf(::symlink("kept", path("link").c_str())), ENOSPC);
+    EXPECT_EQ(errorOf(::setxattr(path("kept").c_str(), "user.x", block.data(), block.size(), 0)),
+              ENOSPC);
+    EXPECT_EQ(readFile(*this / "kept"), "kept content");
+    const int replacing = errorOf(::rename(path("new").c_str(), path("old").c_str()));
+    EXPECT_TRUE(replacing == 0 || replacing == ENOSPC) << replacing;
+    EXPECT_EQ(readFile(*this / "old"), replacing == 0 ? "new content" : "old content");
+    EXPECT_EQ(errorOf(::rename(path("f0").c_str(), path("f1").c_str())), 0) << "gives room back";
     const std::string large = readFile(*this / "large");
     EXPECT_GE(large.size(), static_cast<size_t>(first)); // the write that failed may have begun
     EXPECT_EQ(large.find_first_not_of('b'), std::string::npos);
-    for (int i = 0; i < created; ++i) {
+    for (int i = 1; i < created; ++i) {
         EXPECT_EQ(::rmdir(path("f" + std::to_string(i)).c_str()), 0);
     }
     // Removed space is there at once.

@@ -2,14 +2,14 @@
 #include "mount/served_volume.hpp"
 #include "support/run_process.hpp"
 
+#include <climits>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
 #include <set>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -36,18 +36,20 @@ class MountFolders : public MountTest {
         }
     }
 
-    // Runs `change` over and over in a thread of its own while `work` runs.
-    static void whileRepeating(const std::function<void(int)>& change,
+    // Runs `change` up to `times` in a process of its own while `work` runs.
+    static void whileRepeating(int times, const std::function<void(int)>& change,
                                const std::function<void()>& work) {
-        std::atomic<bool> ending = false;
-        std::thread other([&] {
-            for (int i = 0; !ending; ++i) {
+        const pid_t other = ::fork();
+        ASSERT_NE(other, -1);
+        if (other == 0) {
+            for (int i = 0; i < times; ++i) {
                 change(i);
             }
-        });
+            ::_exit(0);
+        }
         work();
-        ending = true;
-        other.join();
+        ::kill(other, SIGKILL);
+        ::waitpid(other, nullptr, 0);
     }
 };
 
@@ -63,8 +65,9 @@ TEST_F(MountFolders, StreamsSeeWhatExistsThroughoutExactlyOnce) {
             ::unlink(renamed.c_str());
         }
     };
-    whileRepeating(change, [&] {
-        for (int round = 0; round < 12; ++round) {
+    whileRepeating(INT_MAX, change, [&] {
+        bool changing = false;
+        for (int round = 0; round < 12 || !changing; ++round) {
             std::multiset<std::string> seen;
             DIR* stream = ::opendir(folder.c_str());
             ASSERT_NE(stream, nullptr);
@@ -79,6 +82,7 @@ TEST_F(MountFolders, StreamsSeeWhatExistsThroughoutExactlyOnce) {
                 missing += seen.count("file" + std::to_string(i)) != 1;
             }
             EXPECT_EQ(missing, 0) << "in round " << round;
+            changing |= seen.size() > 3002;
         }
     });
 }
@@ -114,26 +118,23 @@ TEST_F(MountFolders, PositionsOfAStreamStayGood) {
 }
 
 TEST_F(MountFolders, LargeFoldersAreRemovedWhileOthersCreateInThem) {
-    for (const auto& command : std::vector<std::vector<std::string>>{
-             {"rm", "-rf"}, {"find", "", "-type", "f", "-name", "file*", "-delete"}}) {
+    for (const bool byFind : {false, true}) {
         fill("folder", 20'000);
         const std::string folder = path("folder");
-        std::vector<std::string> words = command;
-        if (words[0] == "rm") {
-            words.push_back(folder);
-        } else {
-            words[1] = folder;
-        }
-        // Few enough to end: rm -rf gives up when a folder never gets empty.
+        const std::vector<std::string> remove{"rm", "-rf", folder};
+        const std::vector<std::string> find{"find",  folder,  "-type",  "f",
+                                            "-name", "file*", "-delete"};
         const auto change = [&](int i) {
-            if (i < 500) {
-                ::close(::open((folder + "/late" + std::to_string(i)).c_str(), O_WRONLY | O_CREAT,
-                               0666));
-            } else {
-                std::this_thread::yield();
-            }
+            ::close(
+                ::open((folder + "/late" + std::to_string(i)).c_str(), O_WRONLY | O_CREAT, 0666));
         };
-        whileRepeating(change, [&] { (void)run(words); });
+        // Few enough to end: rm -rf gives up when a folder never gets empty.
+        whileRepeating(500, change, [&] {
+            const ProcessResult result = run(byFind ? find : remove);
+            EXPECT_TRUE(result.ok() ||
+                        result.err == "rm: cannot remove '" + folder + "': Directory not empty\n")
+                << result.describe();
+        });
         int left = 0;
         if (fs::exists(folder)) {
             for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
@@ -142,7 +143,8 @@ TEST_F(MountFolders, LargeFoldersAreRemovedWhileOthersCreateInThem) {
             }
         }
         EXPECT_LE(left, 500);
-        EXPECT_TRUE(run({"rm", "-rf", folder}).ok());
+        expectToLast(*volume_, served_);
+        EXPECT_TRUE(run({"rm", "-rf", path("folder")}).ok());
         EXPECT_FALSE(fs::exists(folder));
     }
 }

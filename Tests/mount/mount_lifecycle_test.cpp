@@ -1,5 +1,5 @@
 // How mounts begin and end: options, refusals, signals, crashes.
-#include "hosts/fuse/commands.hpp"
+#include "hosts/fuse/mount_request.hpp"
 #include "hosts/fuse/mount_table.hpp"
 #include "mount/served_volume.hpp"
 #include "mount/tree.hpp"
@@ -12,7 +12,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -38,18 +37,12 @@ class MountLifecycle : public MountTest {
         return copy;
     }
 
-    // Runs a command of ours in a process of its own, as the command line would.
-    static int inProcess(const std::function<int()>& command) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-            ::dup2(null, STDERR_FILENO);
-            closeInherited();
-            std::_Exit(command());
-        }
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        return WEXITSTATUS(status);
+    // Runs the built program to its end, and answers its exit status; it says why when that is bad.
+    static int tavelin(std::vector<std::string> words) {
+        words.insert(words.begin(), TAVELIN_PROGRAM);
+        const ProcessResult result = run(words);
+        EXPECT_NE(result.ok(), result.err.starts_with("tavelin: ")) << result.describe();
+        return result.status;
     }
 };
 
@@ -90,9 +83,9 @@ TEST_F(MountLifecycle, ACrashLeavesNoRemovedFileBehind) {
     mount();
     EXPECT_FALSE(fs::exists(*this / "open"));
     EXPECT_EQ(readFile(*this / "replaced"), "new");
-    EXPECT_EQ(served_->unmount(), 0);
-    EXPECT_EQ(volume_->list(), std::vector<std::string>{"replaced"});
+    expectToLast(*volume_, served_);
     served_.reset();
+    EXPECT_EQ(volume_->list(), std::vector<std::string>{"replaced"});
 }
 
 TEST_F(MountLifecycle, RemovalsThatNobodySynchronisesReachTheImageAnyway) {
@@ -112,26 +105,26 @@ TEST_F(MountLifecycle, RemovalsThatNobodySynchronisesReachTheImageAnyway) {
 
 TEST_F(MountLifecycle, SignalsUnmountWithEverythingWritten) {
     for (const int signal : {SIGTERM, SIGINT}) {
-        writeFile(*this / "file", std::string(3 << 20, static_cast<char>(signal)));
-        // Pages that only the kernel knows to be dirty.
-        const int fd = ::open(path("file").c_str(), O_RDWR);
-        void* const map = ::mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        ASSERT_NE(map, MAP_FAILED);
-        std::fill_n(static_cast<char*>(map), 8192, '!');
-        ::munmap(map, 8192);
-        ::close(fd);
+        const std::string content(3 << 20, static_cast<char>(signal));
+        writeFile(*this / "file", content);
         ::kill(served_->server(), signal);
         EXPECT_EQ(served_->awaitEnd(), 0);
         EXPECT_FALSE(fusehost::findMount(served_->folder()));
-        EXPECT_TRUE(volume_->cat("file").starts_with(std::string(8192, '!')));
+        EXPECT_TRUE(volume_->cat("file") == content);
         mount();
-        EXPECT_EQ(readFile(*this / "file").size(), 3u << 20);
     }
+    expectToLast(*volume_, served_);
 }
 
 TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
+    constexpr size_t kPage = 4096;
     for (const bool impatient : {false, true}) {
-        const int open = synced("file", "content");
+        const int open = synced("file", std::string(2 * kPage, 'x'));
+        // A page that only the kernel knows to be dirty, and that nobody unmaps before the end.
+        void* const map =
+            ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, open, off_t{kPage});
+        ASSERT_NE(map, MAP_FAILED);
+        std::fill_n(static_cast<char*>(map), kPage, '!');
         ::kill(served_->server(), SIGTERM);
         MountTableWatch mounts;
         while (fusehost::findMount(served_->folder())) {
@@ -139,68 +132,72 @@ TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
         }
         EXPECT_EQ(::pwrite(open, "CONTENT", 7, 0), 7) << "it is still served";
         if (impatient) {
-            EXPECT_EQ(::fsync(open), 0);
             ::kill(served_->server(), SIGTERM);
+            EXPECT_EQ(served_->awaitEnd(), 0);
         }
+        ::munmap(map, kPage);
         ::close(open);
         EXPECT_EQ(served_->awaitEnd(), 0);
+        EXPECT_TRUE(volume_->cat("file") ==
+                    "CONTENT" + std::string(kPage - 7, 'x') + std::string(kPage, '!'));
         mount();
-        EXPECT_EQ(readFile(*this / "file"), "CONTENT");
     }
+    expectToLast(*volume_, served_);
 }
 
-TEST_F(MountLifecycle, AnUnmountReturnsWithEverythingWritten) {
-    writeFile(*this / "file", std::string(1 << 20, 'x'));
-    const fs::path folder = served_->folder();
-    EXPECT_EQ(inProcess([&] { return fusehost::unmountVolume(folder); }), 0);
-    EXPECT_EQ(volume_->cat("file").size(), 1u << 20);
-    EXPECT_EQ(served_->awaitEnd(), 0);
-    EXPECT_EQ(inProcess([&] { return fusehost::unmountVolume(folder); }), 1) << "nothing there";
-    if (::geteuid() == 0) {
-        // Over a loop device even a bare umount waits, and syncfs reaches us.
-        mount();
-        writeFile(*this / "second", "second");
-        const int fd = ::open(path("second").c_str(), O_RDONLY);
+// As users type them: the program, the helper of mount(8), and the unmounting programs.
+TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
+    served_.reset();
+    const TempFolder mountPoint;
+    const std::string folder = mountPoint.path(), image = volume_->image();
+    const std::string content(1 << 20, 'c');
+    const auto isServed = [&] { return fusehost::findMount(folder).has_value(); };
+    EXPECT_EQ(tavelin({"mount", image, folder}), 0);
+    EXPECT_TRUE(isServed());
+    writeFile(mountPoint / "by the program", content);
+    EXPECT_EQ(tavelin({"mount", image, folder}), 1) << "in use already";
+    EXPECT_TRUE(readFile(mountPoint / "by the program") == content);
+    EXPECT_EQ(tavelin({"umount", folder}), 0);
+    EXPECT_TRUE(volume_->cat("by the program") == content);
+    EXPECT_EQ(tavelin({"umount", folder}), 1) << "nothing there";
+
+    runOrThrow({"env",
+                "PATH=" + fs::path(TAVELIN_PROGRAM).parent_path().string() + ":/usr/bin:/bin",
+                MOUNT_HELPER, image, folder, "-o", "rw,nodev,noatime", "-s"});
+    writeFile(mountPoint / "by the helper", content);
+    // Over a loop device even a bare unmount waits, and syncfs reaches us.
+    const bool waits = fusehost::findMount(folder).value().type == "fuseblk.tavelin";
+    if (waits) {
+        const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY);
         EXPECT_EQ(::syncfs(fd), 0);
         ::close(fd);
-        if (fusehost::findMount(served_->folder())->type == "fuseblk.tavelin") {
-            EXPECT_EQ(asOnTheImage()->cat("second"), "second");
-        }
+        EXPECT_TRUE(asOnTheImage()->cat("by the helper") == content);
+        writeFile(mountPoint / "after syncfs", content);
     }
-}
+    runOrThrow(waits ? std::vector<std::string>{"fusermount3", "-u", folder}
+                     : std::vector<std::string>{TAVELIN_PROGRAM, "umount", folder});
+    EXPECT_TRUE(volume_->cat(waits ? "after syncfs" : "by the helper") == content);
 
-TEST_F(MountLifecycle, StartsInTheBackgroundAndRefusesInTheForeground) {
-    served_.reset();
-    const TempFolder folder;
-    fusehost::MountRequest request;
-    request.image = volume_->image();
-    request.folder = folder.path();
-    EXPECT_EQ(inProcess([&] { return fusehost::mountVolume(request); }), 0);
-    EXPECT_TRUE(fusehost::findMount(folder.path())) << "served once the command has returned";
-    writeFile(folder / "file", "content");
-    fusehost::MountRequest again = request;
-    EXPECT_EQ(inProcess([&] { return fusehost::mountVolume(again); }), 1) << "in use already";
-    EXPECT_EQ(readFile(folder / "file"), "content");
-    EXPECT_EQ(inProcess([&] { return fusehost::unmountVolume(folder.path()); }), 0);
-    EXPECT_EQ(volume_->cat("file"), "content");
-
-    writeFile(folder / "no volume", std::string(1 << 20, 'n'));
-    for (const fs::path& image : {folder / "missing", folder / "no volume", folder.path()}) {
-        request.image = image;
-        EXPECT_EQ(inProcess([&] { return fusehost::mountVolume(request); }), 1) << image;
+    writeFile(mountPoint / "no volume", content);
+    for (const fs::path& none :
+         {mountPoint / "missing", mountPoint / "no volume", mountPoint.path()}) {
+        EXPECT_EQ(tavelin({"mount", none, folder}), 1) << none;
     }
-    EXPECT_FALSE(fusehost::findMount(folder.path()));
+    EXPECT_EQ(tavelin({"mount", "--trace", image, folder}), 2) << "nowhere to print to";
+    EXPECT_FALSE(isServed());
+    mount();
+    expectToLast(*volume_, served_);
 }
 
 TEST(MountOptions, AreSortedByWhomTheyConcern) {
     fusehost::MountRequest request;
     EXPECT_EQ(fusehost::applyOptions("rw,noatime,,windows_names,allow_other,nonsense,_netdev,"
-                                     "x-systemd.automount,uid=5",
+                                     "x-systemd.automount,uid=5,default_permissions",
                                      request),
               (std::vector<std::string>{"nonsense", "uid=5"}));
     EXPECT_TRUE(request.allowOther);
     EXPECT_FALSE(request.readOnly);
-    EXPECT_EQ(request.kernelOptions, std::vector<std::string>{"noatime"});
+    EXPECT_EQ(request.kernelOptions, (std::vector<std::string>{"noatime", "default_permissions"}));
     EXPECT_EQ(request.volumeOptions, std::vector<std::string>{"windows_names"});
     EXPECT_TRUE(fusehost::applyOptions("ro", request).empty());
     EXPECT_TRUE(request.readOnly);

@@ -28,7 +28,8 @@ namespace {
     const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     ::dup2(fd, STDERR_FILENO);
     ::dup2(fd, STDOUT_FILENO);
-    closeInherited();
+    // What the test has open is not the server's; least of all files on the volume that it serves.
+    ::close_range(STDERR_FILENO + 1, ~0u, 0);
     ::prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is ended takes its server along
     fusehost::MountRequest request;
     request.image = image;
@@ -47,11 +48,6 @@ int statusOf(int waited) {
 }
 
 } // namespace
-
-// What the test has open is not the server's; least of all files on the volume that it serves.
-void closeInherited() {
-    ::close_range(STDERR_FILENO + 1, ~0u, 0);
-}
 
 std::string whyNoMounts() {
     if (::access("/dev/fuse", R_OK | W_OK) != 0) {

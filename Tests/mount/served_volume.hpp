@@ -15,9 +15,6 @@ namespace tavelin::test {
 // Why nothing can be mounted here; empty when it can.
 std::string whyNoMounts();
 
-// Closes all descriptors but the standard ones: for processes that are forked to act as commands.
-void closeInherited();
-
 class ServedVolume {
   public:
     // Mounts with options as after -o. Throws std::runtime_error with what the server said.

@@ -3,11 +3,44 @@
 #include "support/temp_folder.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <numeric>
 #include <random>
+#include <set>
+#include <sstream>
+#include <sys/xattr.h>
+#include <system_error>
 
 namespace tavelin::test {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+void check(ssize_t result, const fs::path& path) {
+    if (result == -1) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+}
+
+// The names and values of the attributes "user.*", in the order of names.
+std::string readAttributes(const fs::path& path) {
+    std::string names(64 << 10, '\0'), value(64 << 10, '\0');
+    const ssize_t listed = ::llistxattr(path.c_str(), names.data(), names.size());
+    check(listed, path);
+    std::istringstream each(names.substr(0, static_cast<size_t>(listed)));
+    std::set<std::string> found;
+    for (std::string name; std::getline(each, name, '\0');) {
+        if (name.starts_with("user.")) {
+            const ssize_t got = ::lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
+            check(got, path);
+            found.insert(name + "=" + value.substr(0, static_cast<size_t>(got)));
+        }
+    }
+    return std::accumulate(found.begin(), found.end(), std::string());
+}
+
+} // namespace
 
 Tree readTree(const fs::path& folder) {
     Tree tree;
@@ -22,6 +55,7 @@ Tree readTree(const fs::path& folder) {
             content = fs::read_symlink(found.path());
         }
         entry.content = std::hash<std::string>()(content);
+        entry.attributes = std::hash<std::string>()(readAttributes(found.path()));
     }
     return tree;
 }
@@ -62,6 +96,12 @@ void makeTree(const fs::path& folder, int files, unsigned seed) {
         std::string content(size, '\0');
         std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random()); });
         writeFile(parent / name, content);
+        if (i % 41 == 0) {
+            const std::string value = content.substr(0, 2'000);
+            for (const fs::path& noted : {parent / name, parent}) {
+                check(::setxattr(noted.c_str(), "user.note", value.data(), value.size(), 0), noted);
+            }
+        }
     }
 }
 

@@ -11,7 +11,8 @@ namespace tavelin::test {
 struct TreeEntry {
     std::filesystem::file_type type = std::filesystem::file_type::none;
     uint64_t size = 0;
-    size_t content = 0; // a hash of the bytes, or of a link's target
+    size_t content = 0;    // a hash of the bytes, or of a link's target
+    size_t attributes = 0; // a hash of the extended attributes that belong to users
 
     bool operator==(const TreeEntry&) const = default;
 };
@@ -24,8 +25,8 @@ Tree readTree(const std::filesystem::path& folder);
 // Names the first entry that is not the same in both, empty when there is none.
 std::string firstDifference(const Tree& expected, const Tree& actual);
 
-// Writes a tree of `files` small files in nested folders, with links and odd names among them; the
-// same for the same seed.
+// Writes a tree of `files` small files in nested folders, with links, odd names and extended
+// attributes among them; the same for the same seed. Throws std::system_error.
 void makeTree(const std::filesystem::path& folder, int files, unsigned seed = 1);
 
 } // namespace tavelin::test
