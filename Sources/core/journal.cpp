@@ -92,14 +92,14 @@ std::int32_t Journal::readRecord(std::uint64_t& position, JournalRecord& last, P
     return 0;
 }
 
-std::int32_t Journal::readPending(PageMap& pages) const noexcept {
+std::int32_t Journal::readRecords(std::uint64_t end, PageMap& pages) const noexcept {
     try {
         bool counts = false;
         if (const std::int32_t error = log_.isBlank(0, kBegin, counts); error != 0) {
             return error;
         }
         JournalRecord last;
-        for (std::uint64_t position = kBegin; counts && position < end_;) {
+        for (std::uint64_t position = kBegin; counts && position < end;) {
             if (const std::int32_t error = readRecord(position, last, pages, counts); error != 0) {
                 return error;
             }

@@ -1,6 +1,6 @@
 /// A redo journal in the clusters of $LogFile, which Windows alone writes otherwise.
 ///
-/// The first 64 KiB of the file stay blank (0xff): so Windows finds a journal that was never begun,
+/// The first 64 KiB of the file stay blank (0xff), as where Windows never began a journal,
 /// and whatever else stands there makes the rest not ours. Records (journal_record.hpp) follow each
 /// other from there on. The place is a power of two because libntfs-3g looks for a journal of
 /// Windows's at all of these: where it finds ours it takes the file for a damaged one and blanks
@@ -32,7 +32,14 @@ class Journal {
     }
 
     /// The pages of all records that count, each as the last one has it. Adds to `pages`.
-    [[nodiscard]] std::int32_t readPending(PageMap& pages) const noexcept;
+    [[nodiscard]] std::int32_t readPending(PageMap& pages) const noexcept {
+        return readRecords(end_, pages);
+    }
+    /// The same of those that were accepted since begin(): one that was not may have reached the
+    /// device without the device having promised to keep it.
+    [[nodiscard]] std::int32_t readAccepted(PageMap& pages) const noexcept {
+        return readRecords(position_, pages);
+    }
 
     /// Begins a session; blanks $LogFile unless it is. Nothing in it may count any more: its
     /// pending pages are in place, and the volume is mounted for writing, which the library allows
@@ -69,6 +76,7 @@ class Journal {
 
     Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t serial);
 
+    [[nodiscard]] std::int32_t readRecords(std::uint64_t end, PageMap& pages) const noexcept;
     /// Adds the record at `position` and moves on behind it; false when it does not count.
     [[nodiscard]] std::int32_t readRecord(std::uint64_t& position, JournalRecord& last,
                                           PageMap& pages, bool& counts) const;

@@ -254,11 +254,11 @@ std::int32_t JournaledDevice::place(const PageMap& pages, std::uint64_t count) n
 std::int32_t JournaledDevice::startOver() noexcept {
     if (isUnplaced_) {
         // Not what is held: that may be newer, and must not be in place before it is in a record.
-        PageMap pending;
-        if (const std::int32_t error = journal_->readPending(pending); error != 0) {
+        PageMap accepted;
+        if (const std::int32_t error = journal_->readAccepted(accepted); error != 0) {
             return error;
         }
-        if (const std::int32_t error = place(pending, pending.size()); error != 0) {
+        if (const std::int32_t error = place(accepted, accepted.size()); error != 0) {
             return error;
         }
         isUnplaced_ = false;

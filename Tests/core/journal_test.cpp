@@ -257,6 +257,33 @@ std::shared_ptr<Disk> interrupted(std::uint64_t number) {
     return disk;
 }
 
+// A record that the disk would not keep has reached it all the same, and the journal begins again.
+TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    const auto write = [&](std::uint64_t number, std::uint64_t page, std::uint64_t count) {
+        return device->write(pagesOf(number, count).data(), (volume().work + page) * kPage,
+                             count * kPage);
+    };
+    EXPECT_EQ(write(77, 0, 1), 0);
+    disk->callsToFailure = 3; // its pages
+    EXPECT_EQ(device->sync(), EIO);
+    EXPECT_EQ(write(88, 1, 1), 0);
+    disk->callsToFailure = 2; // the device's sync
+    EXPECT_EQ(device->sync(), EIO);
+    EXPECT_EQ(write(99, 2, device->backlog().room - 3), 0); // does not fit behind
+    disk->events.clear();
+    const Bytes before = disk->image;
+    EXPECT_EQ(device->sync(), 0);
+    const auto& events = disk->events;
+    const auto flush = std::find_if(events.begin(), events.end(), [](auto& e) { return e.flush; });
+    std::mt19937_64 random;
+    const auto end = static_cast<std::size_t>(flush - events.begin());
+    const Bytes then = afterCut(before, events, end, Cut::prefix, random);
+    EXPECT_EQ(valueAt(then, volume().work * kPage), 77u);
+    EXPECT_NE(valueAt(then, (volume().work + 1) * kPage), 88u);
+}
+
 TEST(Journal, IsReadThroughWhereNothingMayBeWritten) {
     const auto disk = interrupted(77);
     const Bytes before = disk->image;
