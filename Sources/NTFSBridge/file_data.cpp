@@ -90,6 +90,8 @@ int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffe
     if (offset > largest_offset || length > largest_offset - offset) {
         return EFBIG;
     }
+    // What is compressed anew moves to other clusters.
+    vol->has_freed = vol->has_freed || file.data->data_flags != 0;
     int32_t error = write_stream(file.data.get(), offset, buffer, length, done);
     if (error != 0 && *done == 0) {
         return file.close(error);
@@ -114,6 +116,7 @@ int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
     if (size > largest_offset) {
         return EFBIG;
     }
+    const free_space_watch watch(vol);
     if (const int32_t error = resize(file.data.get(), size); error != 0) {
         return file.close(error);
     }

@@ -114,6 +114,10 @@ int32_t ntb_sync(ntb_vol* vol);
 /* As ntb_sync when there are dirty pages, else nothing at all: meant for a periodic timer. */
 int32_t ntb_flush_dirty(ntb_vol* vol);
 
+/* 1 when files have given clusters back since the last sync that succeeded. Should the device lose
+   what was written since, the files have them again. */
+int32_t ntb_has_freed(const ntb_vol* vol);
+
 /* 1 when mounted read-only, by request or by the library. */
 int32_t ntb_is_readonly(ntb_vol* vol);
 

@@ -34,7 +34,9 @@ bool starts_a_named_stream(const ATTR_RECORD* attribute) noexcept {
 }
 
 // Leaves the stream open and empty.
-int32_t make_empty_stream(const named_inode& target, attribute_guard& stream) noexcept {
+int32_t make_empty_stream(ntb_vol* vol, const named_inode& target,
+                          attribute_guard& stream) noexcept {
+    const free_space_watch watch(vol);
     errno = 0;
     if (stream) {
         return ntfs_attr_truncate(stream.get(), 0) == 0 ? 0 : err_or(EIO);
@@ -56,7 +58,7 @@ int32_t fill_stream(ntfs_attr* stream, const void* value, uint64_t size) noexcep
     return ntfs_attr_pclose(stream) == 0 ? 0 : err_or(EIO);
 }
 
-int32_t set_stream(const named_inode& target, const void* value, uint64_t size,
+int32_t set_stream(ntb_vol* vol, const named_inode& target, const void* value, uint64_t size,
                    int32_t flags) noexcept {
     attribute_guard stream;
     if (const int32_t error = target.open_stream(stream); error != 0) {
@@ -69,7 +71,7 @@ int32_t set_stream(const named_inode& target, const void* value, uint64_t size,
     if (is_new && flags == NTB_XATTR_REPLACE) {
         return no_such_attribute;
     }
-    if (const int32_t error = make_empty_stream(target, stream); error != 0) {
+    if (const int32_t error = make_empty_stream(vol, target, stream); error != 0) {
         return error;
     }
     const int32_t error = fill_stream(stream.get(), value, size);
@@ -158,7 +160,7 @@ int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* v
     if (is_link(target.inode.get())) {
         return EPERM;
     }
-    if (const int32_t error = set_stream(target, value, size, flags); error != 0) {
+    if (const int32_t error = set_stream(vol, target, value, size, flags); error != 0) {
         return error;
     }
     set_flag(target.inode.get(), FILE_ATTR_ARCHIVE, true);
@@ -180,6 +182,7 @@ int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name) {
     if (is_link(inode) || !ntfs_attr_exist(inode, AT_DATA, target.name.units(), length)) {
         return no_such_attribute;
     }
+    const free_space_watch watch(vol);
     errno = 0;
     if (ntfs_attr_remove(inode, AT_DATA, target.name.units(), length) != 0) {
         return err_or(EIO);

@@ -152,11 +152,13 @@ int32_t write_open_records(const ntb_vol* vol) noexcept {
     return error;
 }
 
-int32_t sync_device(const ntb_vol* vol) noexcept {
+int32_t sync_device(ntb_vol* vol) noexcept {
     const int32_t error = write_open_records(vol);
     ntfs_device* const device = vol->volume->dev;
     errno = 0;
-    return first_error(error, device->d_ops->sync(device) == 0 ? 0 : err_or(EIO));
+    const int32_t result = first_error(error, device->d_ops->sync(device) == 0 ? 0 : err_or(EIO));
+    vol->has_freed = vol->has_freed && result != 0;
+    return result;
 }
 
 } // namespace ntb
@@ -193,6 +195,10 @@ int32_t ntb_umount(ntb_vol* vol) {
 
 int32_t ntb_sync(ntb_vol* vol) {
     return vol->read_only != 0 ? 0 : sync_device(vol);
+}
+
+int32_t ntb_has_freed(const ntb_vol* vol) {
+    return vol->has_freed ? 1 : 0;
 }
 
 int32_t ntb_flush_dirty(ntb_vol* vol) {

@@ -12,6 +12,7 @@ struct ntb_vol {
     uint32_t windows_names = 0; // 0 or 1
     uint64_t serial = 0;
     ntb_stats stats = {};
+    bool has_freed = false;                   // clusters, since the last sync that succeeded
     std::unique_ptr<ntb::ntb_devctx> context; // the library device's private pointer
 };
 
@@ -24,6 +25,22 @@ inline bool is_read_only(const ntb_vol* vol) noexcept {
     return vol->read_only != 0 || NVolReadOnly(vol->volume);
 }
 
+// Notes clusters that are given back while it lives.
+class free_space_watch {
+  public:
+    explicit free_space_watch(ntb_vol* vol) noexcept
+        : vol_(vol), before_(vol->volume->free_clusters) {}
+    ~free_space_watch() {
+        vol_->has_freed = vol_->has_freed || vol_->volume->free_clusters > before_;
+    }
+    free_space_watch(const free_space_watch&) = delete;
+    free_space_watch& operator=(const free_space_watch&) = delete;
+
+  private:
+    ntb_vol* const vol_;
+    const s64 before_;
+};
+
 // Opens a record; errno or ENOENT. ENOTDIR when it is no directory.
 [[nodiscard]] int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept;
 
@@ -32,6 +49,6 @@ inline bool is_read_only(const ntb_vol* vol) noexcept {
 [[nodiscard]] int32_t write_open_records(const ntb_vol* vol) noexcept;
 
 // Writes open records and all dirty pages, then syncs the device; errno or EIO.
-[[nodiscard]] int32_t sync_device(const ntb_vol* vol) noexcept;
+[[nodiscard]] int32_t sync_device(ntb_vol* vol) noexcept;
 
 } // namespace ntb

@@ -38,7 +38,8 @@ class BlockDevice {
     [[nodiscard]] virtual Backlog backlog() const noexcept { return {}; }
     /// While on, large writes are the content of a file and need not wait with the others. By their
     /// length alone they could also be what a cache writes back in long runs: whoever turns this on
-    /// sees to it that no cache has cause to.
+    /// sees to it that no cache has cause to, and that they go nowhere where, without what waits,
+    /// something else would be.
     virtual void expectFileData(bool on) noexcept { static_cast<void>(on); }
 };
 

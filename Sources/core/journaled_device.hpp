@@ -12,8 +12,8 @@
 /// content would come back over the new.
 ///
 /// What this cannot do: a sync of more pages than the journal has room for is done in parts, each
-/// whole by itself. A large write into clusters that were freed since the last sync meets whoever
-/// had them if the power goes before the next.
+/// whole by itself. Nor does it know what was freed since the last sync and belongs to its former
+/// owner again after a cut: whoever expects file data keeps it from there.
 ///
 /// Life: made over a device; recover() before the volume is opened; begin() once it is, for
 /// writing; close() after it was unmounted. Without begin() it hands all calls on.

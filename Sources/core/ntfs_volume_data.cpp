@@ -11,12 +11,15 @@ namespace {
 
 /// The least of a request that goes around the bridge's cache, in bytes.
 constexpr std::size_t kMuch = 64u << 10;
+constexpr std::size_t kDevicePage = 4096; ///< bytes of a page that a device lets wait
 
-/// Tells a device, for as long as it lives, that a request writes much of a file.
+/// Tells a device, for as long as it lives, that a request writes much of a file. Not when the data
+/// may go where another file's would be again after a power cut: then it waits with the rest, or,
+/// where it is too much for that, the rest is synced before it.
 class FileData {
   public:
-    FileData(BlockDevice& device, std::size_t length) noexcept
-        : device_(length > kMuch ? &device : nullptr) {
+    FileData(BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept
+        : device_(length > kMuch && goesAhead(device, vol, length) ? &device : nullptr) {
         tell(true);
     }
     ~FileData() { tell(false); }
@@ -24,6 +27,14 @@ class FileData {
     FileData& operator=(const FileData&) = delete;
 
   private:
+    static bool goesAhead(const BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept {
+        const std::uint64_t room = device.backlog().room;
+        if (room == 0 || ntb_has_freed(vol) == 0) {
+            return true;
+        }
+        return length / kDevicePage > room / 2 && ntb_sync(vol) == 0;
+    }
+
     void tell(bool on) noexcept {
         if (device_ != nullptr) {
             device_->expectFileData(on);
@@ -60,7 +71,7 @@ std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset, const std
                               std::size_t length) {
     std::uint64_t done = 0;
     check(locked([&](ntb_vol* vol) {
-        const FileData data(*box_.device, length);
+        const FileData data(*box_.device, vol, length);
         return ntb_write(vol, ino, offset, source, length, &done);
     }));
     return static_cast<std::size_t>(done);
@@ -104,7 +115,6 @@ void NTFSVolume::setXattr(std::string_view name, std::uint64_t ino,
                           std::span<const std::byte> value, XattrPolicy policy) {
     const BridgeText text(name);
     check(locked([&](ntb_vol* vol) {
-        const FileData data(*box_.device, value.size());
         return ntb_setxattr(vol, ino, text.cString(), value.data(), value.size(),
                             static_cast<std::int32_t>(policy));
     }));

@@ -357,6 +357,45 @@ TEST(Journal, LeavesTheNeighboursOfTheLogWritable) {
     EXPECT_EQ(device->close(), 0);
 }
 
+// What a file leaves is taken by large data only once a cut cannot bring the file back.
+TEST(Journal, KeepsFreedClustersUntilTheyAreFreeAfterACutToo) {
+    constexpr auto kRoot = NTFSVolume::kRootIno;
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = std::make_shared<JournaledDevice>(disk);
+    const auto ntfs = opened(device);
+    const Bytes old = pagesOf(1, 40);
+    for (const char* name : {"removed", "replaced", "shrunk"}) {
+        ntfs->write(ntfs->create(name, kRoot, NTFSItemType::file), 0, old);
+    }
+    const auto shrunk = ntfs->lookup("shrunk", kRoot);
+    ntfs->setXattr("note", shrunk, old, NTFSVolume::XattrPolicy::always);
+    ntfs->create("replacing", kRoot, NTFSItemType::file);
+    const auto filler = ntfs->create("filler", kRoot, NTFSItemType::file);
+    for (std::uint64_t at = 0; ntfs->statfs().freeClusters > 4; at += kPage) {
+        ntfs->write(filler, at, pagesOf(2, 1));
+    }
+    const auto next = ntfs->create("next", kRoot, NTFSItemType::file);
+    const std::vector<std::pair<std::string, std::function<void()>>> freeings{
+        {"removed", [&] { ntfs->remove("removed", kRoot); }},
+        {"replaced", [&] { ntfs->rename("replacing", kRoot, "replaced", kRoot); }},
+        {"shrunk", [&] { ntfs->truncate(shrunk, 0); }},
+        {"note", [&] { ntfs->removeXattr("note", shrunk); }},
+    };
+    std::uint64_t end = 0;
+    for (const auto& [what, free] : freeings) {
+        ntfs->sync();
+        free();
+        end += ntfs->write(next, end, pagesOf(3, 39));
+        const auto cut = std::make_shared<JournaledDevice>(std::make_shared<Disk>(disk->image));
+        ASSERT_EQ(cut->recover(false), 0);
+        const auto after = NTFSVolume::open(cut, true);
+        const bool isNote = what == "note";
+        const auto ino = after->lookup(isNote ? "shrunk" : what, kRoot);
+        EXPECT_TRUE((isNote ? after->xattr("note", ino) : after->read(ino, 0, old.size())) == old)
+            << what;
+    }
+}
+
 // The cache below a volume writes back by itself once it is half full, and during a large request
 // that would pass for file data.
 TEST(Journal, IsFlushedBeforeTheCacheWritesBackByItself) {
