@@ -121,7 +121,7 @@ TEST_F(MountFolders, LargeFoldersAreRemovedWhileOthersCreateInThem) {
     for (const bool byFind : {false, true}) {
         fill("folder", 20'000);
         const std::string folder = path("folder");
-        const std::vector<std::string> remove{"rm", "-rf", folder};
+        const std::vector<std::string> remove{"env", "LC_ALL=C", "rm", "-rf", folder};
         const std::vector<std::string> find{"find",  folder,  "-type",  "f",
                                             "-name", "file*", "-delete"};
         const auto change = [&](int i) {
