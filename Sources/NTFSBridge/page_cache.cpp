@@ -7,6 +7,19 @@
 #include <new>
 
 namespace ntb {
+
+namespace {
+
+// Touches each of the system's pages, of which none is smaller than ours.
+void touch(void* memory, size_t size) noexcept {
+    auto* const bytes = static_cast<volatile uint8_t*>(memory);
+    for (size_t at = 0; at < size; at += page_cache::page_size) {
+        bytes[at] = bytes[at]; // NOLINT(clang-diagnostic-self-assign): the write is wanted
+    }
+}
+
+} // namespace
+
 bool page_cache::enable() noexcept {
     slots_.reset(new (std::nothrow) ntb_cache_slot[slot_count]());
     pages_.reset(new (std::nothrow) uint8_t[uint64_t{slot_count} * page_size]);
@@ -21,6 +34,14 @@ bool page_cache::enable() noexcept {
     }
     set_count_ = full_set_count;
     return true;
+}
+
+void page_cache::populate() noexcept {
+    if (is_on()) {
+        touch(pages_.get(), size_t{slot_count} * page_size);
+        touch(dirty_pages_.get(), slot_count * sizeof(dirty_page));
+        touch(staging_.get(), size_t{max_run_pages} * page_size);
+    }
 }
 
 int page_cache::cmp_u64(const void* left, const void* right) noexcept {

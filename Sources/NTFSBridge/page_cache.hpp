@@ -43,6 +43,9 @@ class page_cache {
     bool enable() noexcept;
     bool is_on() const noexcept { return set_count_ != 0; }
 
+    // Has the system back the cache's memory with real memory. What is cached stays as it is.
+    void populate() noexcept;
+
     uint64_t dirty_count() const noexcept { return dirty_count_; }
 
     // The page's bytes if it is cached, else null. A hit makes it the most recently used.

@@ -84,3 +84,7 @@ int32_t ntb_windows_names(ntb_vol* vol) {
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out) {
     *out = vol->stats;
 }
+
+void ntb_populate_cache(ntb_vol* vol) {
+    vol->context->cache.populate();
+}

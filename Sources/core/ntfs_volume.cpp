@@ -160,6 +160,10 @@ NTFSIOStats NTFSVolume::ioStats() {
             .dirtyPages = record.dirtyPages};
 }
 
+void NTFSVolume::populateCache() {
+    locked([](ntb_vol* vol) { ntb_populate_cache(vol); });
+}
+
 void NTFSVolume::sync() {
     check(locked([](ntb_vol* vol) { return ntb_sync(vol); }));
 }

@@ -60,7 +60,8 @@ TEST(PageCache, AVictimThatCannotBeWrittenStaysAndTheNewPageGoesThrough) {
     for (uint64_t way = 0; way < 8; ++way) {
         ASSERT_EQ(device.fill(way * kSets * kPage, kPage, static_cast<uint8_t>(way + 1)), 0);
     }
-    device.memory.fail(1, 1, EIO); // the write-back; the write-through after it works
+    device.context.cache.populate(); // changes nothing
+    device.memory.fail(1, 1, EIO);   // the write-back; the write-through after it works
     ASSERT_EQ(device.fill(8 * kSets * kPage, kPage, 9), 0);
     EXPECT_EQ(device.memory.bytes()[8 * kSets * kPage], 9);
     EXPECT_EQ(device.context.cache.dirty_count(), 8u);

@@ -3,6 +3,8 @@
 
 #include "platform/checked.hpp"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <utility>
@@ -31,6 +33,10 @@ class ListingBox {
     template<typename Fill>
     std::int32_t append(Fill&& fill) noexcept {
         try {
+            if (items.size() == items.capacity()) {
+                // The system takes longer to give fresh memory than a move into it takes.
+                items.reserve(std::max(kFirstItems, items.size() * kGrowth));
+            }
             std::forward<Fill>(fill)(items.emplace_back());
             return 0;
         } catch (...) {
@@ -46,6 +52,9 @@ class ListingBox {
     }
 
   private:
+    static constexpr std::size_t kFirstItems = 64;
+    static constexpr std::size_t kGrowth = 4;
+
     std::exception_ptr failure_;
 };
 

@@ -1,6 +1,7 @@
 #include "hosts/fuse/folder_listing.hpp"
 
 #include <algorithm>
+#include <functional>
 
 namespace tavelin::fusehost {
 
@@ -10,18 +11,11 @@ namespace {
 // whose hashes agree.
 constexpr uint64_t kRoomForTies = 1024;
 
-uint64_t nameHash(std::string_view name, uint64_t values) noexcept {
-    uint64_t hash = 0xcbf29ce484222325; // FNV-1a
-    for (const char c : name) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-    }
-    return hash % (values - kRoomForTies);
-}
-
 } // namespace
 
 uint64_t FolderListing::position(uint64_t ino, std::string_view name) noexcept {
-    return ino << kNameBits | nameHash(name, uint64_t{1} << kNameBits);
+    constexpr uint64_t kHashes = (uint64_t{1} << kNameBits) - kRoomForTies;
+    return ino << kNameBits | std::hash<std::string_view>()(name) % kHashes;
 }
 
 void FolderListing::add(std::string_view name, uint64_t ino, uint32_t type) {

@@ -1,5 +1,6 @@
 // One mount from its beginning to its end.
 #include "diagnostics/log.hpp"
+#include "fskit/tavelin_file_system.hpp"
 #include "hosts/fuse/caretaker.hpp"
 #include "hosts/fuse/commands.hpp"
 #include "hosts/fuse/daemon.hpp"
@@ -102,6 +103,7 @@ class Mount {
                                  "mounted read-only",
                                  request_.image.string()));
         }
+        dynamic_cast<TavelinFileSystem&>(host_->module()).volume->ntfs->populateCache();
         volume_.emplace(host_->volume());
         if (!host_->volume().isReadOnly()) {
             volume_->removedFiles().cleanUp();
