@@ -228,6 +228,10 @@ int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name);
 /* Gives a file one more name. EEXIST, ENOTDIR, EPERM for directories and system files, ENOSPC. */
 int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name);
 
+/* How many names a file has that ntb_readdir lists: its 8.3 alias, which its link count has in it,
+ * goes with one of them. */
+int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count);
+
 /* Replaces an existing target of the same kind. EINVAL into the own subtree, EISDIR, ENOTDIR,
  * ENOTEMPTY. Safe when only the case of the name changes. */
 int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
@@ -255,6 +259,8 @@ enum {
 
 int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, void* context);
 int32_t ntb_getxattr(ntb_vol* vol, uint64_t ino, const char* name, void** buffer, uint64_t* size);
+/* The size of what ntb_getxattr would answer. */
+int32_t ntb_xattr_size(ntb_vol* vol, uint64_t ino, const char* name, uint64_t* size);
 int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* value, uint64_t size,
                      int32_t flags);
 int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name);

@@ -25,6 +25,19 @@ struct named_inode {
             ntfs_attr_open(inode.get(), AT_DATA, name.units(), static_cast<u32>(name.length())));
         return stream || errno == ENOENT ? 0 : err_or(EIO);
     }
+
+    // Both, for a stream that must be there.
+    [[nodiscard]] int32_t open_existing(const ntb_vol* vol, uint64_t ino, const char* text,
+                                        attribute_guard& stream) noexcept {
+        if (const int32_t error = open(vol, ino, text); error != 0) {
+            return error;
+        }
+        if (is_link(inode.get())) {
+            return no_such_attribute;
+        }
+        const int32_t error = open_stream(stream);
+        return error == 0 && !stream ? no_such_attribute : error;
+    }
 };
 
 // Continuations of a stream whose extents fill several records carry its name as well.
@@ -116,22 +129,24 @@ int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, vo
     return errno == ENOENT ? 0 : err_or(EIO);
 }
 
+int32_t ntb_xattr_size(ntb_vol* vol, uint64_t ino, const char* name, uint64_t* size) {
+    *size = 0;
+    named_inode source;
+    attribute_guard stream;
+    if (const int32_t error = source.open_existing(vol, ino, name, stream); error != 0) {
+        return error;
+    }
+    *size = static_cast<uint64_t>(stream->data_size);
+    return 0;
+}
+
 int32_t ntb_getxattr(ntb_vol* vol, uint64_t ino, const char* name, void** buffer, uint64_t* size) {
     *buffer = nullptr;
     *size = 0;
     named_inode source;
-    if (const int32_t error = source.open(vol, ino, name); error != 0) {
-        return error;
-    }
-    if (is_link(source.inode.get())) {
-        return no_such_attribute;
-    }
     attribute_guard stream;
-    if (const int32_t error = source.open_stream(stream); error != 0) {
+    if (const int32_t error = source.open_existing(vol, ino, name, stream); error != 0) {
         return error;
-    }
-    if (!stream) {
-        return no_such_attribute;
     }
     const auto length = static_cast<uint64_t>(stream->data_size);
     c_bytes value(static_cast<uint8_t*>(std::malloc(std::max<uint64_t>(length, 1))));

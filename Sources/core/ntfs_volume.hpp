@@ -47,7 +47,7 @@
 ///   rename                           kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEINVAL into
 ///                                    its own subtree, kEPERM system file, names
 ///   setTimes, setHidden              kEROFS
-///   xattr                            kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ
+///   xattr, xattrSize                 kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ
 ///   setXattr                         those of xattr, kEROFS, kEEXIST, kENOSPC, kEPERM on a link
 ///   removeXattr                      those of xattr, kEROFS
 #pragma once
@@ -178,6 +178,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void remove(std::string_view name, std::uint64_t parent);
     /// Gives a file one more name.
     void link(std::uint64_t ino, std::string_view name, std::uint64_t parent);
+    /// How many names a file has, without the 8.3 alias that its link count has in it.
+    [[nodiscard]] std::uint32_t countNames(std::uint64_t ino);
     /// Replaces an existing item of the same kind.
     void rename(std::string_view name, std::uint64_t parent, std::string_view newName,
                 std::uint64_t newParent);
@@ -212,6 +214,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
 
     [[nodiscard]] std::vector<std::string> xattrNames(std::uint64_t ino);
     [[nodiscard]] std::vector<std::byte> xattr(std::string_view name, std::uint64_t ino);
+    /// How many bytes xattr() would answer.
+    [[nodiscard]] std::uint64_t xattrSize(std::string_view name, std::uint64_t ino);
     void setXattr(std::string_view name, std::uint64_t ino, std::span<const std::byte> value,
                   XattrPolicy policy);
     void removeXattr(std::string_view name, std::uint64_t ino);

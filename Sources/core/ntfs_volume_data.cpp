@@ -111,6 +111,13 @@ std::vector<std::byte> NTFSVolume::xattr(std::string_view name, std::uint64_t in
     });
 }
 
+std::uint64_t NTFSVolume::xattrSize(std::string_view name, std::uint64_t ino) {
+    const BridgeText text(name);
+    std::uint64_t size = 0;
+    check(locked([&](ntb_vol* vol) { return ntb_xattr_size(vol, ino, text.cString(), &size); }));
+    return size;
+}
+
 void NTFSVolume::setXattr(std::string_view name, std::uint64_t ino,
                           std::span<const std::byte> value, XattrPolicy policy) {
     const BridgeText text(name);

@@ -37,6 +37,12 @@ void NTFSVolume::link(std::uint64_t ino, std::string_view name, std::uint64_t pa
     check(locked([&](ntb_vol* vol) { return ntb_link(vol, ino, parent, text.cString()); }));
 }
 
+std::uint32_t NTFSVolume::countNames(std::uint64_t ino) {
+    std::uint32_t count = 0;
+    check(locked([&](ntb_vol* vol) { return ntb_count_names(vol, ino, &count); }));
+    return count;
+}
+
 void NTFSVolume::remove(std::string_view name, std::uint64_t parent) {
     const BridgeText text(name);
     check(locked([&](ntb_vol* vol) { return ntb_unlink(vol, parent, text.cString()); }));

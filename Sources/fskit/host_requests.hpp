@@ -33,6 +33,12 @@ class HostRequests {
     /// refused, but a host keeps a file alive by this when its last name is taken by another.
     virtual void addHostName(const fskit::FSItemRef& item, const fskit::FSFileName& name,
                              const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) = 0;
+    /// How many names a file has to lose. Its link count may be one more: a short alias counts, and
+    /// goes with the name it belongs to.
+    virtual void countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) = 0;
+    /// The size in bytes of an extended attribute, which is not read for it.
+    virtual void measureXattr(const fskit::FSFileName& name, const fskit::FSItemRef& item,
+                              const fskit::CountReply& reply) = 0;
 };
 
 } // namespace tavelin

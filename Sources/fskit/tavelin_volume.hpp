@@ -158,6 +158,9 @@ class TavelinVolume final : public fskit::FSVolume,
                        const DescribedItemReply& reply) override;
     void addHostName(const fskit::FSItemRef& item, const fskit::FSFileName& name,
                      const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) override;
+    void countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) override;
+    void measureXattr(const fskit::FSFileName& name, const fskit::FSItemRef& item,
+                      const fskit::CountReply& reply) override;
 
     /// Never held across a call into `ntfs`.
     mutable Mutex items;

@@ -53,4 +53,28 @@ void TavelinVolume::addHostName(const fskit::FSItemRef& item, const fskit::FSFil
     reply(added.error);
 }
 
+void TavelinVolume::countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) {
+    countRequest<"getAttributes">();
+    if (isNull(item)) {
+        reply(0, missingItem());
+        return;
+    }
+    const auto count = attempt("getAttributes(_:of:replyHandler:)",
+                               [&] { return std::size_t{ntfs->countNames(n(item).ino)}; });
+    reply(count.value.value_or(0), count.error);
+}
+
+void TavelinVolume::measureXattr(const fskit::FSFileName& named, const fskit::FSItemRef& item,
+                                 const fskit::CountReply& reply) {
+    countRequest<"getXattr">();
+    if (isNull(item)) {
+        reply(0, missingItem());
+        return;
+    }
+    const auto size = attempt("getXattr(named:of:replyHandler:)", [&] {
+        return static_cast<std::size_t>(ntfs->xattrSize(name(named), n(item).ino));
+    });
+    reply(size.value.value_or(0), size.error);
+}
+
 } // namespace tavelin

@@ -235,6 +235,14 @@ Outcome<void> VolumeClient::addHostName(const ItemRef& item, const ItemRef& dire
     });
 }
 
+Outcome<std::size_t> VolumeClient::countNames(const ItemRef& item) {
+    if (beyond_ == nullptr) {
+        return unsupported();
+    }
+    return ask<std::size_t>("countNames",
+                            [&](const auto& reply) { beyond_->countNames(item.item(), reply); });
+}
+
 Outcome<void> VolumeClient::remove(const ItemRef& item, const ItemRef& directory,
                                    std::string_view name) {
     return ask<>("removeItem", [&](const auto& reply) {
@@ -305,6 +313,15 @@ Outcome<std::vector<std::byte>> VolumeClient::getXattr(const ItemRef& item, std:
     }
     return ask<std::vector<std::byte>>("getXattr", [&](const auto& reply) {
         xattrs_->getXattr(FSFileName(name), item.item(), reply);
+    });
+}
+
+Outcome<std::size_t> VolumeClient::measureXattr(const ItemRef& item, std::string_view name) {
+    if (beyond_ == nullptr) {
+        return unsupported();
+    }
+    return ask<std::size_t>("measureXattr", [&](const auto& reply) {
+        beyond_->measureXattr(FSFileName(name), item.item(), reply);
     });
 }
 

@@ -85,6 +85,8 @@ class VolumeClient {
     Outcome<void> createLink(const ItemRef& item, const ItemRef& directory, std::string_view name);
     /// Gives a file a name of the host's own, see HostRequests.
     Outcome<void> addHostName(const ItemRef& item, const ItemRef& directory, std::string_view name);
+    /// How many names a file has to lose, see HostRequests.
+    Outcome<std::size_t> countNames(const ItemRef& item);
     /// `item` is what the name stands for, as for FSKit, which has looked it up before.
     Outcome<void> remove(const ItemRef& item, const ItemRef& directory, std::string_view name);
     /// `over` is the item that the new name stands for so far, empty when there is none.
@@ -104,6 +106,8 @@ class VolumeClient {
     // ---- Extended attributes -------------------------------------------------------------------
 
     Outcome<std::vector<std::byte>> getXattr(const ItemRef& item, std::string_view name);
+    /// How many bytes getXattr() would answer, without reading them.
+    Outcome<std::size_t> measureXattr(const ItemRef& item, std::string_view name);
     Outcome<void> setXattr(const ItemRef& item, std::string_view name, Bytes value,
                            fskit::FSSetXattrPolicy policy = fskit::FSSetXattrPolicy::alwaysSet);
     Outcome<void> removeXattr(const ItemRef& item, std::string_view name);
