@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
+#include <optional>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -53,6 +54,24 @@ class MountSemantics : public MountTest {
         return found;
     }
     using Names = std::vector<std::string>;
+
+    // Adds, by the system's own driver, "a long name.txt" with an alias for old programs.
+    void makeAliased() {
+        served_.reset();
+        const TempFolder folder;
+        runOrThrow({"ntfs-3g", volume_->image(), folder.path()});
+        writeFile(folder / "a long name.txt", "content");
+        runOrThrow({"setfattr", "-h", "-n", "system.ntfs_dos_name", "-v", "ALONGN~1.TXT",
+                    folder / "a long name.txt"});
+        runOrThrow({"umount", folder.path()});
+        mount();
+    }
+
+    static struct stat statusOf(int fd) {
+        struct stat status {};
+        EXPECT_EQ(::fstat(fd, &status), 0) << std::generic_category().message(errno);
+        return status;
+    }
 };
 
 TEST_F(MountSemantics, RemovedFileLivesUntilItsLastClose) {
@@ -107,6 +126,67 @@ TEST_F(MountSemantics, FolderGoesAlthoughItsRemovedFilesAreOpen) {
     EXPECT_EQ(errorOf(::openat(working, "file", O_RDONLY)), ENOENT);
     EXPECT_EQ(errorOf(::openat(working, "new", O_RDWR | O_CREAT, 0666)), ENOENT);
     EXPECT_EQ(names(), Names{"other"});
+}
+
+TEST_F(MountSemantics, DescriptorsOfWhatIsGoneChangeNobodyElse) {
+    fs::create_directory(*this / "folder");
+    std::optional<Descriptor> gone(std::in_place, *this / "folder", O_RDONLY | O_DIRECTORY);
+    const ino_t ino = statusOf(*gone).st_ino;
+    ASSERT_EQ(::rmdir(path("folder").c_str()), 0);
+    std::string heir; // of the folder's record
+    struct stat before {};
+    for (int i = 0; i < 500 && before.st_ino != ino; ++i) {
+        heir = "file" + std::to_string(i);
+        writeFile(*this / heir, "content");
+        ASSERT_EQ(::setxattr(path(heir).c_str(), "user.mine", "x", 1, 0), 0);
+        ASSERT_EQ(::stat(path(heir).c_str(), &before), 0);
+    }
+    ASSERT_EQ(before.st_ino, ino);
+    char value[16];
+    const timespec times[2] = {{1, 0}, {1, 0}};
+    EXPECT_EQ(errorOf(::futimens(*gone, times)), ESTALE);
+    EXPECT_EQ(errorOf(::fsetxattr(*gone, "user.x", "x", 1, 0)), ESTALE);
+    EXPECT_EQ(errorOf(::fremovexattr(*gone, "user.mine")), ESTALE);
+    EXPECT_EQ(errorOf(static_cast<int>(::fgetxattr(*gone, "user.mine", value, 16))), ESTALE);
+    EXPECT_EQ(errorOf(static_cast<int>(::flistxattr(*gone, value, 16))), ESTALE);
+    gone.reset();
+    mount();
+    struct stat after {};
+    ASSERT_EQ(::stat(path(heir).c_str(), &after), 0);
+    EXPECT_EQ(after.st_mtim.tv_sec, before.st_mtim.tv_sec);
+    EXPECT_EQ(::getxattr(path(heir).c_str(), "user.mine", value, sizeof value), 1);
+}
+
+TEST_F(MountSemantics, WhatIsOpenWithoutANameHasItsOwnAttributes) {
+    writeFile(*this / "file", "content");
+    fs::create_symlink("target", *this / "link");
+    const Descriptor file(*this / "file", O_RDWR);
+    const Descriptor link(*this / "link", O_PATH | O_NOFOLLOW);
+    ASSERT_EQ(::unlink(path("file").c_str()), 0);
+    ASSERT_EQ(::unlink(path("link").c_str()), 0);
+    for (int i = 0; i < 50; ++i) {
+        fs::create_directory(*this / std::to_string(i));
+    }
+    ASSERT_EQ(::ftruncate(file, 3), 0);
+    EXPECT_EQ(statusOf(file).st_nlink, 0u);
+    EXPECT_EQ(statusOf(file).st_size, 3);
+    EXPECT_EQ(statusOf(link).st_mode & S_IFMT, S_IFLNK + 0u);
+    EXPECT_EQ(statusOf(link).st_nlink, 0u);
+    char target[16];
+    EXPECT_EQ(::readlinkat(link, "", target, sizeof target), 6);
+}
+
+TEST_F(MountSemantics, LinksAreAsLongAsTheirTarget) {
+    const std::string target = "Übergrößen/日本語/𝄞.txt";
+    fs::create_symlink(target, *this / "link");
+    for (int i = 0; i < 2; ++i) {
+        struct stat status {};
+        ASSERT_EQ(::lstat(path("link").c_str(), &status), 0);
+        EXPECT_EQ(status.st_size, static_cast<off_t>(target.size()));
+        EXPECT_EQ(fs::read_symlink(*this / "link"), target);
+        mount();
+        EXPECT_EQ(names(), Names{"link"}); // brings the attributes with it
+    }
 }
 
 TEST_F(MountSemantics, RenameOverAnOpenFileKeepsBoth) {
@@ -165,14 +245,7 @@ TEST_F(MountSemantics, NamesThatDifferInCaseAreDifferentNames) {
 }
 
 TEST_F(MountSemantics, ShortAliasesComeAndGoWithTheirFile) {
-    served_.reset();
-    const TempFolder folder;
-    runOrThrow({"ntfs-3g", volume_->image(), folder.path()});
-    writeFile(folder / "a long name.txt", "content");
-    runOrThrow({"setfattr", "-h", "-n", "system.ntfs_dos_name", "-v", "ALONGN~1.TXT",
-                folder / "a long name.txt"});
-    runOrThrow({"umount", folder.path()});
-    mount();
+    makeAliased();
     EXPECT_EQ(names(), Names{"a long name.txt"});
     EXPECT_EQ(readFile(*this / "ALONGN~1.TXT"), "content");
     // Its record counts two names, but it has one to lose.
@@ -183,6 +256,41 @@ TEST_F(MountSemantics, ShortAliasesComeAndGoWithTheirFile) {
         writeFile(*this / ("new" + std::to_string(i)), "other");
     }
     EXPECT_EQ(open.read(), "content");
+}
+
+// The kernel knows nothing of the two names being one: it keeps what it was told of the long name.
+TEST_F(MountSemantics, WhatHappensToAShortAliasHappensToTheLongName) {
+    const auto awaitItsEnd = [&](const std::string& name) {
+        // The kernel is told once the call has returned. A name that it does not know is asked for.
+        for (int i = 0; i < 1000 && ::access(path(name).c_str(), F_OK) == 0; ++i) {
+            ::usleep(1000);
+        }
+        EXPECT_FALSE(fs::exists(*this / name));
+    };
+    const std::string lng = "a long name.txt", alias = "ALONGN~1.TXT";
+    for (const std::string change : {"remove", "rename", "replace"}) {
+        SCOPED_TRACE(change);
+        mountFresh(64 * kMiB);
+        makeAliased();
+        EXPECT_EQ(readFile(*this / lng), "content");
+        writeFile(*this / "other", "other");
+        if (change == "remove") {
+            fs::remove(*this / alias);
+        } else if (change == "rename") {
+            fs::rename(*this / alias, *this / "renamed");
+        } else {
+            fs::rename(*this / "other", *this / alias);
+        }
+        awaitItsEnd(lng);
+        writeFile(*this / lng, "new");
+        EXPECT_EQ(readFile(*this / lng), "new");
+        if (change == "rename") {
+            EXPECT_EQ(readFile(*this / "renamed"), "content");
+        } else if (change == "replace") {
+            EXPECT_EQ(readFile(*this / alias), "other");
+        }
+        expectToLast(*volume_, served_);
+    }
 }
 
 TEST_F(MountSemantics, OtherNamesOfAFileOutliveOne) {
@@ -255,13 +363,21 @@ TEST_F(MountSemantics, AttributesAndTimesStayWhatTheyWereSetTo) {
     check();
     mount();
     check();
-    // Writing and truncating move the time on, reading does not.
+    // Writing and truncating move the time on, also to the size that it has; reading does not.
     const std::time_t before = std::time(nullptr) - 2;
-    EXPECT_EQ(::truncate(path("file").c_str(), 3), 0);
-    struct stat status {};
-    ASSERT_EQ(::stat(path("file").c_str(), &status), 0);
-    EXPECT_GE(status.st_mtim.tv_sec, before);
-    EXPECT_EQ(status.st_size, 3);
+    for (const int size : {3, 0, 0}) {
+        ASSERT_EQ(::utimensat(AT_FDCWD, path("file").c_str(), times, 0), 0);
+        if (size != 0) {
+            EXPECT_EQ(::truncate(path("file").c_str(), size), 0);
+        } else {
+            const Descriptor truncated(*this / "file", O_WRONLY | O_TRUNC);
+        }
+        struct stat status {};
+        ASSERT_EQ(::stat(path("file").c_str(), &status), 0);
+        EXPECT_GE(status.st_mtim.tv_sec, before);
+        EXPECT_GE(status.st_ctim.tv_sec, before);
+        EXPECT_EQ(status.st_size, size);
+    }
 }
 
 TEST_F(MountSemantics, WhatIsNotOfferedSaysSo) {

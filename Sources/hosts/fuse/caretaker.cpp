@@ -1,6 +1,7 @@
 #include "hosts/fuse/caretaker.hpp"
 
 #include "diagnostics/log.hpp"
+#include "hosts/fuse/libfuse.hpp"
 #include "hosts/fuse/mount_table.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -34,6 +35,18 @@ void raiseReadAhead(const std::filesystem::path& folder) {
     }
 }
 
+// The kernel waits with this until it has let go of the folder, and so for requests about names in
+// it: while they are served, and only then, it returns.
+void forgetNames(StaleNames& stale, fuse_session* session) {
+    for (const StaleNames::Name& name : stale.take()) {
+        if (session != nullptr) {
+            // Fails only when the kernel remembers the name no more.
+            (void)fuse_lowlevel_notify_inval_entry(session, name.folder, name.name.c_str(),
+                                                   name.name.size());
+        }
+    }
+}
+
 } // namespace
 
 Caretaker::Caretaker() {
@@ -56,9 +69,8 @@ Caretaker::~Caretaker() {
     ::close(ending_);
 }
 
-void Caretaker::start(const std::filesystem::path& folder, RemovedFiles& removed,
-                      ServingThreads& threads) {
-    thread_ = std::thread([this, folder, &removed, &threads] { watch(folder, removed, threads); });
+void Caretaker::start(const Charge& charge) {
+    thread_ = std::thread([this, charge] { watch(charge); });
 }
 
 void Caretaker::rest() {
@@ -74,37 +86,48 @@ void Caretaker::stop() {
     }
 }
 
-void Caretaker::watch(const std::filesystem::path& folder, RemovedFiles& removed,
-                      ServingThreads& threads) {
-    raiseReadAhead(folder);
-    bool leaving = false;
+void Caretaker::watch(const Charge& charge) {
+    raiseReadAhead(charge.folder);
+    StaleNames& stale = charge.volume.staleNames();
     for (;;) {
-        pollfd events[] = {{ending_, POLLIN, 0}, {signals_, POLLIN, 0}};
-        const int ready = ::poll(events, 2, kInterval);
+        pollfd events[] = {
+            {ending_, POLLIN, 0}, {signals_, POLLIN, 0}, {stale.descriptor(), POLLIN, 0}};
+        const int ready = ::poll(events, 3, kInterval);
         if (events[0].revents != 0) {
             return;
         }
         if (ready == 0) {
-            const MutexLock held(resting_);
-            if (!rests_) {
-                removed.settleOld();
-            }
+            settle(charge.volume.removedFiles());
         }
-        if (events[1].revents == 0) {
-            continue;
+        if (events[1].revents != 0) {
+            takeSignal(charge);
         }
-        signalfd_siginfo signal{};
-        (void)!::read(signals_, &signal, sizeof signal); // poll() has said that there is one
-        if (leaving) {
-            threads.stop();
-            continue;
+        if (events[2].revents != 0) {
+            forgetNames(stale, cutOff_ ? nullptr : charge.session);
         }
-        leaving = true;
-        if (const int failed = unmountOwnFolder(folder, false); failed != 0) {
-            log().info(fmt::format("{}: {}; serving its users until they are done", folder.string(),
-                                   errorText(fromHost(failed))));
-            unmountOwnFolder(folder, true); // if even this fails, the second signal ends us
-        }
+    }
+}
+
+void Caretaker::settle(RemovedFiles& removed) {
+    const MutexLock held(resting_);
+    if (!rests_) {
+        removed.settleOld();
+    }
+}
+
+void Caretaker::takeSignal(const Charge& charge) {
+    signalfd_siginfo signal{};
+    (void)!::read(signals_, &signal, sizeof signal); // poll() has said that there is one
+    if (leaving_) {
+        cutOff_ = true;
+        charge.threads.stop();
+        return;
+    }
+    leaving_ = true;
+    if (const int failed = unmountOwnFolder(charge.folder, false); failed != 0) {
+        log().info(fmt::format("{}: {}; serving its users until they are done",
+                               charge.folder.string(), errorText(fromHost(failed))));
+        unmountOwnFolder(charge.folder, true); // if even this fails, the second signal ends us
     }
 }
 

@@ -75,7 +75,7 @@ class Mount {
         }
         Wakefulness wakefulness(!request_.powerSave);
         ServingThreads threads(session_.get(), wakefulness);
-        caretaker_.start(request_.folder, volume_->removedFiles(), threads);
+        caretaker_.start({request_.folder, *volume_, threads, session_.get()});
         const int failed = threads.run(kServingThreads);
         if (failed != 0) {
             complain(fmt::format("{}: {}", request_.folder.string(), errorText(fromHost(failed))));

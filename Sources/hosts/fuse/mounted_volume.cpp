@@ -8,17 +8,13 @@ namespace tavelin::fusehost {
 
 using fskit::fs_errorForPOSIXError;
 
-namespace {
-
-uint64_t inoOf(const Found& found) {
+uint64_t MountedVolume::inoOf(const Found& found) noexcept {
     return Driver2::ino(found.attributes.fileID());
 }
 
-bool isCode(const fskit::Error& error, int32_t code) {
+bool MountedVolume::isCode(const fskit::Error& error, int32_t code) noexcept {
     return error.isPOSIX() && error.code() == code;
 }
-
-} // namespace
 
 MountedVolume::MountedVolume(VolumeClient& volume)
     : volume_(volume),
@@ -37,6 +33,7 @@ Outcome<std::optional<Found>> MountedVolume::find(const Node& folder, std::strin
 }
 
 Entry MountedVolume::remember(Found found) {
+    amendLink(found.item, found.attributes);
     const fskit::FSItemAttributes attributes = found.attributes;
     return {&nodes_.remember(std::move(found)), attributes};
 }
@@ -61,7 +58,8 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& folder, std::str
 }
 
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
-    if (const std::unique_ptr<Node> node = nodes_.forget(number, counts)) {
+    // The record of a node that is gone may be another's by now, removed and open in its turn.
+    if (const std::unique_ptr<Node> node = nodes_.forget(number, counts); node && !node->gone) {
         removed_.release(node->ino);
     }
 }
@@ -118,121 +116,28 @@ Outcome<Entry> MountedVolume::createLink(Node& folder, std::string_view name,
     return entryOf(std::move(made));
 }
 
-// The record that `change` frees may belong to another file a moment later, so its node leaves
-// first.
-template<typename Change>
-Outcome<void> MountedVolume::freeing(Node* node, Change&& change) {
-    if (node != nullptr) {
-        nodes_.detach(*node);
-    }
-    Outcome<void> changed = change();
-    if (!changed && node != nullptr) {
-        nodes_.attach(*node);
-    }
-    return changed;
-}
-
-Outcome<void> MountedVolume::removeFile(Node& folder, std::string_view name) {
-    const Outcome<Found> old = existing(folder, name);
-    if (!old) {
-        return old.error();
-    }
-    const uint64_t ino = inoOf(*old);
-    Node* node = nodes_.find(ino);
-    Outcome<void> removed =
-        node != nullptr && node->isFile
-            ? removed_.remove(*node, folder, name)
-            : freeing(node, [&] { return volume_.remove(old->item, folder.item, name); });
-    if (removed) {
-        noteLostName(folder, ino, name);
-    }
-    return removed;
-}
-
-Outcome<void> MountedVolume::removeFolder(Node& folder, std::string_view name) {
-    const Outcome<Found> old = existing(folder, name);
-    if (!old) {
-        return old.error();
-    }
-    Node* node = nodes_.find(inoOf(*old));
-    const auto remove = [&] { return volume_.remove(old->item, folder.item, name); };
-    Outcome<void> removed = freeing(node, remove);
-    if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
-        Outcome<void> freed = removed_.freeFolder(*node);
-        removed = freed ? freeing(node, remove) : std::move(freed);
-    }
-    if (removed) {
-        noteLostName(folder, inoOf(*old), name);
-    }
-    return removed;
-}
-
-Outcome<void> MountedVolume::rename(Node& fromFolder, std::string_view from, Node& toFolder,
-                                    std::string_view to, bool mayReplace) {
-    if (isPrivate(toFolder, to) || toFolder.gone) {
-        return fs_errorForPOSIXError(toFolder.gone ? kENOENT : kEPERM);
-    }
-    const Outcome<Found> moved = existing(fromFolder, from);
-    if (!moved) {
-        return moved.error();
-    }
-    const Outcome<std::optional<Found>> present = find(toFolder, to);
-    if (!present) {
-        return present.error();
-    }
-    const Found* old = *present ? &**present : nullptr;
-    if (old != nullptr && removed_.contains(inoOf(*old))) {
-        if (Outcome<void> freed = removed_.freeName(inoOf(*old)); !freed) {
-            return freed;
+// What only this host knows of an item.
+Outcome<fskit::FSItemAttributes> MountedVolume::amended(const Node& node,
+                                                        Outcome<fskit::FSItemAttributes> found) {
+    if (found) {
+        amendLink(node.item, *found);
+        if (removed_.contains(node.ino)) {
+            found->setLinkCount(0);
         }
-        old = nullptr;
     }
-    if (old != nullptr && !mayReplace) {
-        return fs_errorForPOSIXError(kEEXIST);
-    }
-    const Renaming renaming{fromFolder, from, moved->item, toFolder, to};
-    Outcome<void> done =
-        old && inoOf(*old) != inoOf(*moved) ? replace(renaming, *old) : rename(renaming, ItemRef());
-    if (done) {
-        noteLostName(fromFolder, inoOf(*moved), from);
-        if (old != nullptr) {
-            noteLostName(toFolder, inoOf(*old), to);
+    return found;
+}
+
+// Volumes count the characters of a link's target, the kernel its bytes.
+void MountedVolume::amendLink(const ItemRef& item, fskit::FSItemAttributes& attributes) {
+    if (attributes.type() == fskit::FSItemType::symlink) {
+        if (const Outcome<std::string> target = volume_.readSymbolicLink(item)) {
+            attributes.setSize(target->size());
         }
-        noteNewName(toFolder);
     }
-    return done;
 }
 
-Outcome<void> MountedVolume::rename(const Renaming& renaming, const ItemRef& over) {
-    return volume_.rename(renaming.item, renaming.fromFolder.item, renaming.from,
-                          renaming.toFolder.item, renaming.to, over);
-}
-
-Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old) {
-    Node* node = nodes_.find(inoOf(old));
-    if (node == nullptr || !node->isFile) {
-        if (node != nullptr && node->isFolder()) {
-            if (Outcome<void> freed = removed_.freeFolder(*node); !freed) {
-                return freed;
-            }
-        }
-        return freeing(node, [&] { return rename(renaming, old.item); });
-    }
-    // Somebody may have the old file open: a second, parked name keeps it when this one is taken.
-    // It has both until then, so that at no time, not even after a crash, the name is missing.
-    if (Outcome<void> kept = removed_.keep(*node); !kept) {
-        return kept;
-    }
-    Outcome<void> done = rename(renaming, old.item);
-    if (done) {
-        removed_.leaveToOtherNames(*node);
-    } else {
-        removed_.release(node->ino); // gives up the parked name
-    }
-    return done;
-}
-
-Outcome<fskit::FSItemAttributes> MountedVolume::attributes(Node& node) {
+Outcome<fskit::FSItemAttributes> MountedVolume::attributes(const Node& node) {
     if (node.gone) {
         fskit::FSItemAttributes rest;
         rest.setType(fskit::FSItemType::directory);
@@ -240,11 +145,15 @@ Outcome<fskit::FSItemAttributes> MountedVolume::attributes(Node& node) {
         rest.setFileID(Driver2::itemID(node.ino));
         return rest;
     }
-    Outcome<fskit::FSItemAttributes> attributes = volume_.attributes(node.item);
-    if (attributes && removed_.contains(node.ino)) {
-        attributes->setLinkCount(0);
+    return amended(node, volume_.attributes(node.item));
+}
+
+Outcome<fskit::FSItemAttributes>
+MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest& changes) {
+    if (node.gone) {
+        return fs_errorForPOSIXError(kESTALE);
     }
-    return attributes;
+    return amended(node, volume_.setAttributes(node.item, changes));
 }
 
 Outcome<void> MountedVolume::synchronize() {

@@ -2,19 +2,26 @@
 /// name, folders whose streams survive every change.
 ///
 /// One method a request, except where a request is one call into the volume. Errors are the
-/// volume's, in macOS numbers; whoever replies translates them. Any thread may call anything.
-/// Nodes are the kernel's: a caller has one only for a request that names it.
+/// volume's, in macOS numbers; whoever replies translates them.
+///
+/// Nodes are the kernel's: a caller has one only for a request that names it. Requests about names
+/// must come one at a time, and forget() among them, which ServingThreads see to: between a lookup
+/// of a name and what is done to it nobody else may change it, and a node found in the table must
+/// not go away. Anything else may be called by any thread.
 #pragma once
 
 #include "hosts/fuse/node_table.hpp"
 #include "hosts/fuse/removed_files.hpp"
+#include "hosts/fuse/stale_names.hpp"
 #include "hosts/module/volume_client.hpp"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavelin::fusehost {
 
@@ -36,6 +43,7 @@ class MountedVolume {
     VolumeClient& volume() noexcept { return volume_; }
     Node& node(uint64_t number) noexcept { return nodes_.at(number); }
     RemovedFiles& removedFiles() noexcept { return removed_; }
+    StaleNames& staleNames() noexcept { return staleNames_; }
 
     // ---- Names ---------------------------------------------------------------------------------
 
@@ -53,8 +61,15 @@ class MountedVolume {
     // ---- Attributes, folders -------------------------------------------------------------------
 
     /// Of a folder that is gone, what remains to be said of it.
-    Outcome<fskit::FSItemAttributes> attributes(Node& node);
+    Outcome<fskit::FSItemAttributes> attributes(const Node& node);
+    /// Applies the valid attributes of `changes` and answers the new ones; kESTALE for a folder that
+    /// is gone.
+    Outcome<fskit::FSItemAttributes> setAttributes(const Node& node,
+                                                   fskit::FSItemSetAttributesRequest& changes);
 
+    /// Counts a folder's streams, so that its listing goes with the last of them.
+    void openFolder(Node& folder);
+    void closeFolder(Node& folder);
     /// Hands out the entries beyond `position` until one is not taken. The first two are "." and
     /// "..". With `described`, entries come with counted nodes; those that cannot be described
     /// come without.
@@ -91,14 +106,25 @@ class MountedVolume {
     };
     Outcome<void> rename(const Renaming& renaming, const ItemRef& over);
     Outcome<void> replace(const Renaming& renaming, const Found& old);
+    template<typename Remove>
+    Outcome<void> remove(Node& folder, std::string_view name, Remove&& remove);
+    using Names = std::vector<std::string>;
+    Outcome<Names> namesBehind(const Node& folder, const Found& found, std::string_view name);
     static void noteNewName(Node& folder);
     static void noteLostName(Node& folder, uint64_t ino, std::string_view name);
+    void noteLostName(Node& folder, const Found& lost, std::string_view name, const Names& behind);
+    Outcome<fskit::FSItemAttributes> amended(const Node& node,
+                                             Outcome<fskit::FSItemAttributes> found);
+    void amendLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
+    static uint64_t inoOf(const Found& found) noexcept;
+    static bool isCode(const fskit::Error& error, int32_t code) noexcept;
     Outcome<std::unique_ptr<FolderListing>> list(const Node& folder);
     Entry describe(const Node& folder, const FolderListing::Entry& name);
 
     VolumeClient& volume_;
     NodeTable nodes_;
     RemovedFiles removed_;
+    StaleNames staleNames_;
 };
 
 } // namespace tavelin::fusehost

@@ -54,6 +54,18 @@ class ListingPacker final : public fskit::FSDirectoryEntryPacker {
 
 } // namespace
 
+void MountedVolume::openFolder(Node& folder) {
+    const MutexLock held(folder.folder->lock);
+    ++folder.folder->streams;
+}
+
+void MountedVolume::closeFolder(Node& folder) {
+    const MutexLock held(folder.folder->lock);
+    if (--folder.folder->streams == 0) {
+        folder.folder->listing.reset();
+    }
+}
+
 void MountedVolume::noteNewName(Node& folder) {
     const MutexLock held(folder.folder->lock);
     folder.folder->listingIsOld = true;
@@ -100,11 +112,11 @@ Outcome<void> MountedVolume::readFolder(Node& folder, uint64_t position, bool de
     const MutexLock held(folder.folder->lock);
     std::unique_ptr<FolderListing>& listing = folder.folder->listing;
     if (!listing || (position == 0 && folder.folder->listingIsOld)) {
-        folder.folder->listingIsOld = false;
         Outcome<std::unique_ptr<FolderListing>> fresh = list(folder);
         if (!fresh) {
             return fresh.error();
         }
+        folder.folder->listingIsOld = false;
         listing = std::move(*fresh);
     }
     if (position < kAfterDot && !take({kAfterDot, folder.ino, ".", S_IFDIR}, {})) {

@@ -12,7 +12,6 @@ Node::Node(uint64_t nodeIno, ItemRef nodeItem, const fskit::FSItemAttributes& at
       item(std::move(nodeItem)),
       folder(attributes.type() == fskit::FSItemType::directory ? std::make_unique<FolderState>()
                                                                : nullptr),
-      isFile(attributes.type() == fskit::FSItemType::file),
       linkCount(attributes.linkCount()) {}
 
 NodeTable::NodeTable(Found root)
@@ -26,6 +25,10 @@ uint64_t NodeTable::inoOf(const fskit::FSItemAttributes& attributes) noexcept {
 Node& NodeTable::at(uint64_t number) noexcept {
     // The kernel hands back the address it was given. NOLINTNEXTLINE(performance-no-int-to-ptr)
     return number == FUSE_ROOT_ID ? *root_ : *reinterpret_cast<Node*>(number);
+}
+
+uint64_t NodeTable::numberOf(const Node& node) const noexcept {
+    return &node == root_.get() ? FUSE_ROOT_ID : node.number();
 }
 
 Node& NodeTable::remember(Found found) {

@@ -18,10 +18,12 @@
 
 namespace tavelin::fusehost {
 
-/// The listing that streams of one folder read from, until one of them reaches its end.
+/// The listing that streams of one folder read from, until one of them reaches its end or the last
+/// is closed.
 struct FolderState {
     Mutex lock;
     std::unique_ptr<FolderListing> listing TAVELIN_GUARDED_BY(lock);
+    size_t streams TAVELIN_GUARDED_BY(lock) = 0;        // that are open
     bool listingIsOld TAVELIN_GUARDED_BY(lock) = false; // names have come that it lacks
 };
 
@@ -34,8 +36,9 @@ struct Node {
     const uint64_t ino;
     const ItemRef item;
     const std::unique_ptr<FolderState> folder; // null for anything but a folder
-    const bool isFile;
-    std::atomic<bool> gone{false};   // a folder that was removed
+    // A folder that was removed, and whose record may be another item's. Files keep their record
+    // until the kernel lets go of the node.
+    std::atomic<bool> gone{false};
     std::atomic<uint32_t> linkCount; // as the volume last said
 
     uint64_t lookups = 0; // the kernel's counts; guarded by the table's lock
@@ -50,6 +53,8 @@ class NodeTable {
     /// The node of a number that the kernel gave.
     Node& at(uint64_t number) noexcept;
     Node& root() noexcept { return *root_; }
+    /// The kernel's number of a node, that of the root included.
+    uint64_t numberOf(const Node& node) const noexcept;
 
     /// The node of an item, found or made, with one more count: for replies that tell the kernel
     /// of it.

@@ -1,6 +1,7 @@
 #include "hosts/fuse/removed_files.hpp"
 
 #include "diagnostics/log.hpp"
+#include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -12,14 +13,9 @@ namespace tavelin::fusehost {
 namespace {
 
 constexpr auto kLongOpen = std::chrono::seconds(1);
-constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN
 
-std::string parkedName(uint64_t ino) {
-    return fmt::format("{:012x}", ino);
-}
-
-bool isAbsent(const fskit::Error& error) {
-    return error.isPOSIX() && error.code() == kENOENT;
+bool isLackOfRoom(const fskit::Error& error) {
+    return error.isPOSIX() && error.code() == kENOSPC;
 }
 
 } // namespace
@@ -32,32 +28,47 @@ bool RemovedFiles::contains(uint64_t ino) const {
     return removals_.contains(ino);
 }
 
-template<typename Work>
-void RemovedFiles::alone(uint64_t ino, Work&& work) {
-    Removal* removal = nullptr;
-    {
-        const MutexLock held(lock_);
-        auto found = removals_.find(ino);
-        while (found != removals_.end() && found->second.busy) {
-            idle_.wait(lock_);
-            found = removals_.find(ino);
-        }
-        if (found == removals_.end()) {
-            return;
-        }
-        removal = &found->second;
-        removal->busy = true;
+RemovedFiles::Removal* RemovedFiles::begin(uint64_t ino) {
+    const MutexLock held(lock_);
+    auto found = removals_.find(ino);
+    while (found != removals_.end() && found->second.busy) {
+        idle_.wait(lock_);
+        found = removals_.find(ino);
     }
-    const bool done = work(*removal);
+    if (found == removals_.end()) {
+        return nullptr;
+    }
+    found->second.busy = true;
+    return &found->second;
+}
+
+void RemovedFiles::end(uint64_t ino, bool done) {
     {
         const MutexLock held(lock_);
-        removal->busy = false;
+        const auto removal = removals_.find(ino);
+        removal->second.busy = false;
         if (done) {
-            removals_.erase(ino);
+            removals_.erase(removal);
             count_ = removals_.size();
         }
     }
     idle_.notifyAll();
+}
+
+template<typename Work>
+void RemovedFiles::alone(uint64_t ino, Work&& work) {
+    Removal* const removal = begin(ino);
+    if (removal == nullptr) {
+        return;
+    }
+    bool done = false;
+    try {
+        done = work(*removal);
+    } catch (...) {
+        end(ino, false); // nobody must wait for it forever
+        throw;
+    }
+    end(ino, done);
 }
 
 void RemovedFiles::put(uint64_t ino, Removal removal) {
@@ -66,92 +77,83 @@ void RemovedFiles::put(uint64_t ino, Removal removal) {
     count_ = removals_.size();
 }
 
-Outcome<ItemRef> RemovedFiles::parkingFolder() {
-    const MutexLock held(parkingLock_);
-    if (parking_) {
-        return parking_.again();
-    }
-    Outcome<ItemRef> folder = volume_.lookup(volume_.root(), kParkingFolder);
-    if (!folder && isAbsent(folder.error())) {
-        fskit::FSItemSetAttributesRequest hidden;
-        hidden.setFlags(kHiddenFlag);
-        folder =
-            volume_.create(volume_.root(), kParkingFolder, fskit::FSItemType::directory, hidden);
-    }
-    if (folder) {
-        parking_ = folder->again();
-    }
-    return folder;
-}
-
 Outcome<void> RemovedFiles::moveToParking(Removal& removal, uint64_t ino) {
-    Outcome<ItemRef> parking = parkingFolder();
+    Outcome<ItemRef> parking = parking_.open();
     if (!parking) {
         return parking.error();
     }
-    Outcome<void> moved = volume_.rename(removal.item, removal.folder, removal.name, *parking,
-                                         parkedName(ino), ItemRef());
+    std::string parked = ParkingFolder::nameOf(ino);
+    Outcome<void> moved =
+        volume_.rename(removal.item, removal.folder, removal.name, *parking, parked, ItemRef());
     if (moved) {
         removal.folder = std::move(*parking);
         removal.folderIno = 0;
-        removal.name = parkedName(ino);
+        removal.name = std::move(parked);
         removal.parked = true;
     }
     return moved;
 }
 
-Outcome<void> RemovedFiles::remove(Node& file, const Node& folder, std::string_view name) {
-    if (file.linkCount <= 1) {
-        put(file.ino, {file.item.again(), folder.item.again(), folder.ino, std::string(name),
-                       Clock::now(), false, false});
-        return {};
+Outcome<void> RemovedFiles::remove(const Node& file, const Node& folder, std::string_view name) {
+    // The count may include a short alias of this very name, which goes with it.
+    if (file.linkCount > 1) {
+        const Outcome<size_t> names = volume_.countNames(file.item);
+        if (!names) {
+            return names.error();
+        }
+        if (*names > 1) {
+            return volume_.remove(file.item, folder.item, name);
+        }
     }
-    // The count may include a short alias of this very name, so what remains is only known
-    // afterwards: parked, the file has one name there and whatever others it really has.
-    if (Outcome<void> parked = park(file, folder, name); !parked) {
-        return parked;
-    }
-    leaveToOtherNames(file);
+    put(file.ino, {file.item.again(), folder.item.again(), folder.ino, std::string(name)});
     return {};
 }
 
-void RemovedFiles::leaveToOtherNames(Node& file) {
+Outcome<void> RemovedFiles::keep(const Node& file) {
+    Outcome<ItemRef> parking = parking_.open();
+    if (!parking) {
+        return parking.error();
+    }
+    std::string parked = ParkingFolder::nameOf(file.ino);
+    Outcome<void> named = volume_.addHostName(file.item, *parking, parked);
+    if (named) {
+        Removal removal{file.item.again(), std::move(*parking), 0, std::move(parked)};
+        removal.parked = true;
+        put(file.ino, std::move(removal));
+    }
+    return named;
+}
+
+void RemovedFiles::leaveToOtherNames(const Node& file) {
     if (file.linkCount <= 1) {
         return;
     }
-    const Outcome<fskit::FSItemAttributes> attributes = volume_.attributes(file.item);
-    if (attributes && attributes->linkCount() > 1) {
-        file.linkCount = attributes->linkCount() - 1;
+    const Outcome<size_t> names = volume_.countNames(file.item);
+    if (names && *names > 1) {
         release(file.ino);
     }
 }
 
-Outcome<void> RemovedFiles::park(const Node& file, const Node& folder, std::string_view name) {
-    Removal removal{file.item.again(),
-                    folder.item.again(),
-                    folder.ino,
-                    std::string(name),
-                    Clock::now(),
-                    false,
-                    false};
-    Outcome<void> moved = moveToParking(removal, file.ino);
-    if (moved) {
-        put(file.ino, std::move(removal));
-    }
-    return moved;
+void RemovedFiles::giveBack(const Node& file, const Node& folder, std::string_view name) {
+    alone(file.ino, [&](Removal& removal) {
+        removal.homeFolder = folder.item.again();
+        removal.home = name;
+        return static_cast<bool>(moveHome(removal)); // otherwise tried again when it is released
+    });
 }
 
-Outcome<void> RemovedFiles::keep(const Node& file) {
-    Outcome<ItemRef> parking = parkingFolder();
-    if (!parking) {
-        return parking.error();
+Outcome<void> RemovedFiles::moveHome(const Removal& removal) {
+    const Outcome<std::optional<Found>> present = volume_.find(removal.homeFolder, removal.home);
+    if (!present) {
+        return present.error();
     }
-    Outcome<void> named = volume_.addHostName(file.item, *parking, parkedName(file.ino));
-    if (named) {
-        put(file.ino, {file.item.again(), std::move(*parking), 0, parkedName(file.ino),
-                       Clock::now(), true, false});
+    if (!*present) {
+        return volume_.rename(removal.item, removal.folder, removal.name, removal.homeFolder,
+                              removal.home, ItemRef());
     }
-    return named;
+    return (*present)->item == removal.item
+               ? volume_.remove(removal.item, removal.folder, removal.name)
+               : Outcome<void>(fskit::fs_errorForPOSIXError(kEEXIST));
 }
 
 Outcome<void> RemovedFiles::freeName(uint64_t ino) {
@@ -179,7 +181,8 @@ Outcome<void> RemovedFiles::parkWhere(Wanted&& wanted) {
     }
     Outcome<void> result;
     for (const uint64_t ino : chosen) {
-        if (Outcome<void> parked = freeName(ino); !parked && result) {
+        if (Outcome<void> parked = freeName(ino);
+            !parked && (result || isLackOfRoom(result.error()))) {
             result = std::move(parked);
         }
     }
@@ -192,6 +195,10 @@ Outcome<void> RemovedFiles::freeFolder(const Node& folder) {
 
 Outcome<void> RemovedFiles::settle() {
     Outcome<void> result = parkWhere([](const Removal&) { return true; });
+    noteParking(result);
+    if (!result && isLackOfRoom(result.error())) {
+        result = {}; // who synchronises asks for data, and that has its room
+    }
     const MutexLock held(lock_);
     if (std::optional<fskit::Error> failure = std::exchange(failure_, std::nullopt);
         failure && result) {
@@ -202,16 +209,27 @@ Outcome<void> RemovedFiles::settle() {
 
 void RemovedFiles::settleOld() {
     const Clock::time_point limit = Clock::now() - kLongOpen;
-    Outcome<void> parked = parkWhere([&](const Removal& removal) { return removal.since < limit; });
-    if (!parked) {
-        noteFailure(parked.error(), "removed file");
+    noteParking(parkWhere([&](const Removal& removal) { return removal.since < limit; }));
+}
+
+void RemovedFiles::noteParking(const Outcome<void>& parked) {
+    {
+        const MutexLock held(lock_);
+        const bool failedBefore = std::exchange(parkingFails_, !parked);
+        if (parked || failedBefore) {
+            return;
+        }
     }
+    log().error(fmt::format("a removed file that is still open could not be moved away: {}",
+                            parked.error().localizedDescription()));
 }
 
 void RemovedFiles::finish(const Removal& removal) {
-    const Outcome<void> removed = volume_.remove(removal.item, removal.folder, removal.name);
-    if (!removed) {
-        noteFailure(removed.error(), removal.name);
+    const Outcome<void> done = removal.homeFolder
+                                   ? moveHome(removal)
+                                   : volume_.remove(removal.item, removal.folder, removal.name);
+    if (!done) {
+        noteFailure(done.error(), removal.name);
     }
 }
 
@@ -244,44 +262,10 @@ Outcome<void> RemovedFiles::releaseAll() {
     for (const uint64_t ino : all) {
         release(ino);
     }
-    {
-        const MutexLock held(parkingLock_);
-        if (parking_) {
-            if (const Outcome<void> removed =
-                    volume_.remove(parking_, volume_.root(), kParkingFolder);
-                !removed) {
-                noteFailure(removed.error(), std::string(kParkingFolder));
-            }
-            parking_ = ItemRef();
-        }
-    }
-    return settle();
-}
-
-void RemovedFiles::cleanUp() {
-    Outcome<ItemRef> folder = volume_.lookup(volume_.root(), kParkingFolder);
-    if (!folder) {
-        return; // the usual case: there is none
-    }
-    const Outcome<std::vector<DirectoryEntry>> left = volume_.list(*folder, false);
-    if (!left) {
-        noteFailure(left.error(), std::string(kParkingFolder));
-        return;
-    }
-    for (const DirectoryEntry& entry : *left) {
-        Outcome<ItemRef> item = volume_.lookup(*folder, entry.name);
-        if (Outcome<void> removed =
-                item ? volume_.remove(*item, *folder, entry.name) : Outcome<void>(item.error());
-            !removed) {
-            noteFailure(removed.error(), entry.name);
-        }
-    }
-    if (const Outcome<void> removed = volume_.remove(*folder, volume_.root(), kParkingFolder);
-        !removed) {
+    if (const Outcome<void> removed = parking_.remove(); !removed) {
         noteFailure(removed.error(), std::string(kParkingFolder));
     }
-    const MutexLock held(lock_);
-    failure_.reset(); // logged; it is nothing that this mount has changed
+    return settle();
 }
 
 } // namespace tavelin::fusehost

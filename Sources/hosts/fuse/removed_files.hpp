@@ -10,16 +10,15 @@
 ///            folder goes, because changes are being synchronised, or because it has been open for
 ///            a second. The name is free and the removal will survive a crash.
 ///
-/// The parking folder is a hidden folder in the volume's root that does not show either. What is
-/// in it is removed when its user lets go of it, at unmount, and when a volume is mounted again
-/// after a crash. A removal that fails when nobody waits for it any more is reported by the next
-/// synchronise.
+/// On a volume without room for a parking place files stay hidden until there is. A removal that
+/// fails when nobody waits for it any more is reported by the next synchronise.
 ///
 /// Any thread may call anything. The lock is never held across a call into the volume; meanwhile
 /// the removal that is being worked on is marked busy.
 #pragma once
 
 #include "hosts/fuse/node_table.hpp"
+#include "hosts/fuse/parking_folder.hpp"
 #include "hosts/module/volume_client.hpp"
 #include "platform/mutex.hpp"
 
@@ -35,30 +34,31 @@ namespace tavelin::fusehost {
 
 class RemovedFiles {
   public:
-    static constexpr std::string_view kParkingFolder = ".tavelin-removed";
+    static constexpr std::string_view kParkingFolder = ParkingFolder::kName;
 
-    explicit RemovedFiles(VolumeClient& volume) : volume_(volume) {}
+    explicit RemovedFiles(VolumeClient& volume) : volume_(volume), parking_(volume) {}
 
-    /// Removes what a crash left in the parking folder. Errors are logged: they keep nobody from
-    /// using the volume.
-    void cleanUp();
+    /// Removes what a crash left in the parking folder.
+    void cleanUp() { parking_.cleanUp(); }
 
     /// Whether an inode's only name is one that the user has removed.
     bool contains(uint64_t ino) const;
     bool isEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
-    /// Hides a file, or parks it when it has other names too, which then show as before.
-    Outcome<void> remove(Node& file, const Node& folder, std::string_view name);
-    /// Gives a file that is about to be replaced a parked name beside the one it will lose.
+    /// Hides a file, or just takes the name from it when it has others.
+    Outcome<void> remove(const Node& file, const Node& folder, std::string_view name);
+    /// Gives a file that is about to be replaced a parked name beside the one it will lose. Then
+    /// either gives that up for a file that shows under others still, or, when the replacement has
+    /// failed, sees to it that the file has its own name as before.
     Outcome<void> keep(const Node& file);
-    /// Gives up the parked name of a file that shows under others still.
-    void leaveToOtherNames(Node& file);
+    void leaveToOtherNames(const Node& file);
+    void giveBack(const Node& file, const Node& folder, std::string_view name);
 
     /// Parks a hidden file, or all those of one folder, so that the name or the folder is free.
     Outcome<void> freeName(uint64_t ino);
     Outcome<void> freeFolder(const Node& folder);
-    /// Parks all hidden files; answers the error of the first removal that has failed since the
-    /// last call, if any.
+    /// Parks all hidden files for which there is room; answers the error of the first removal that
+    /// has failed since the last call, if any.
     Outcome<void> settle();
     /// Parks what has been hidden for longer than a second.
     void settleOld();
@@ -75,33 +75,40 @@ class RemovedFiles {
         ItemRef folder; // where the name is now
         uint64_t folderIno = 0;
         std::string name;
-        Clock::time_point since;
+        Clock::time_point since = Clock::now();
         bool parked = false;
         bool busy = false; // one thread is changing it, without the lock
+        // A file that a failed replacement left without its name goes back to it instead.
+        ItemRef homeFolder{};
+        std::string home{};
     };
 
-    Outcome<ItemRef> parkingFolder();
-    Outcome<void> park(const Node& file, const Node& folder, std::string_view name);
     Outcome<void> moveToParking(Removal& removal, uint64_t ino);
+    Outcome<void> moveHome(const Removal& removal);
     /// Calls `work(removal)` without the lock, alone with this removal; the entry goes when that
     /// answers true. Nothing happens when there is none.
     template<typename Work>
     void alone(uint64_t ino, Work&& work);
+    Removal* begin(uint64_t ino);
+    void end(uint64_t ino, bool done);
     void put(uint64_t ino, Removal removal);
     void finish(const Removal& removal);
     void noteFailure(const fskit::Error& error, const std::string& name);
-    /// Parks the hidden files that `wanted(removal)` chooses; the first error.
+    /// Parks the hidden files that `wanted(removal)` chooses; the first error, if one can be of
+    /// another kind than a lack of room.
     template<typename Wanted>
     Outcome<void> parkWhere(Wanted&& wanted);
+    /// Logs the first of several failures to park.
+    void noteParking(const Outcome<void>& parked);
 
     VolumeClient& volume_;
+    ParkingFolder parking_;
     mutable Mutex lock_;
     ConditionVariable idle_; // some removal is no longer busy
     std::atomic<size_t> count_{0};
     std::unordered_map<uint64_t, Removal> removals_ TAVELIN_GUARDED_BY(lock_);
     std::optional<fskit::Error> failure_ TAVELIN_GUARDED_BY(lock_);
-    Mutex parkingLock_; // held while the parking folder is found, made or removed; before lock_
-    ItemRef parking_ TAVELIN_GUARDED_BY(parkingLock_);
+    bool parkingFails_ TAVELIN_GUARDED_BY(lock_) = false; // and has been logged
 };
 
 } // namespace tavelin::fusehost

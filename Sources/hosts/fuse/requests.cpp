@@ -93,6 +93,12 @@ fskit::FSItemSetAttributesRequest changesOf(const struct stat& wanted, int which
     if ((which & FUSE_SET_ATTR_CTIME) != 0) {
         changes.setChangeTime(wanted.st_ctim);
     }
+    // The kernel leaves this to us, and volumes do it where the size becomes another.
+    if ((which & FUSE_SET_ATTR_SIZE) != 0 && (which & FUSE_SET_ATTR_MTIME) == 0) {
+        const timespec now = chosenTime({}, true);
+        changes.setModifyTime(now);
+        changes.setChangeTime(now);
+    }
     return changes;
 }
 
@@ -102,7 +108,7 @@ void setAttributes(fuse_req_t request, fuse_ino_t number, struct stat* wanted, i
         MountedVolume& volume = volumeOf(request);
         fskit::FSItemSetAttributesRequest changes = changesOf(*wanted, which);
         const Outcome<fskit::FSItemAttributes> attributes =
-            volume.volume().setAttributes(volume.node(number).item, changes);
+            volume.setAttributes(volume.node(number), changes);
         if (!attributes) {
             fuse_reply_err(request, hostError(attributes.error()));
             return;
@@ -145,6 +151,15 @@ int hostError(const fskit::Error& error) {
     return error.isPOSIX() ? toHost(static_cast<int32_t>(error.code())) : EIO;
 }
 
+const ItemRef* itemOf(fuse_req_t request, fuse_ino_t number) {
+    const Node& node = volumeOf(request).node(number);
+    if (node.gone) {
+        fuse_reply_err(request, ESTALE);
+        return nullptr;
+    }
+    return &node.item;
+}
+
 struct stat statusOf(const fskit::FSItemAttributes& attributes) {
     struct stat status {};
     status.st_ino = Driver2::ino(attributes.fileID());
@@ -165,10 +180,7 @@ struct stat statusOf(const fskit::FSItemAttributes& attributes) {
 // A short alias such as LETTER~1.TXT comes and goes with the long name, behind the kernel's back:
 // names that may be one are asked for each time.
 double entryTimeout(std::string_view name) {
-    constexpr size_t kLongestAlias = 12;
-    const bool mayBeAlias =
-        name.size() <= kLongestAlias && name.find('~') != std::string_view::npos;
-    return mayBeAlias ? 0 : kForever;
+    return mayBeAlias(name) ? 0 : kForever;
 }
 
 fuse_entry_param entryParameters(const Entry& entry, std::string_view name) {

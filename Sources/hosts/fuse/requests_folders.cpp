@@ -1,6 +1,7 @@
 // Requests that list folders, with and without the entries' attributes.
 #include "hosts/fuse/requests.hpp"
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -75,11 +76,26 @@ void readPage(fuse_req_t request, fuse_ino_t number, size_t size, off_t position
     });
 }
 
-// Folders are opened one by one although nothing is kept for an open one. Without the question the
+// Folders are opened one by one although little is kept for an open one. Without the question the
 // kernel would keep its own copy of each listing, entry by entry, which takes it longer than all
 // that we do for a listing, and far longer than this request.
-void openFolder(fuse_req_t request, fuse_ino_t /*number*/, fuse_file_info* file) {
-    fuse_reply_open(request, file);
+void openFolder(fuse_req_t request, fuse_ino_t number, fuse_file_info* file) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        Node& folder = volume.node(number);
+        volume.openFolder(folder);
+        if (fuse_reply_open(request, file) == -ENOENT) {
+            volume.closeFolder(folder);
+        }
+    });
+}
+
+void closeFolder(fuse_req_t request, fuse_ino_t number, fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        volume.closeFolder(volume.node(number));
+        fuse_reply_err(request, 0);
+    });
 }
 
 void readFolder(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
@@ -96,6 +112,7 @@ void readFolderDescribed(fuse_req_t request, fuse_ino_t number, size_t size, off
 
 void addFolderRequests(fuse_lowlevel_ops& table) {
     table.opendir = openFolder;
+    table.releasedir = closeFolder;
     table.readdir = readFolder;
     table.readdirplus = readFolderDescribed;
 }

@@ -40,9 +40,19 @@ void get(fuse_req_t request, fuse_ino_t number, const char* name, size_t room) {
             fuse_reply_err(request, EOPNOTSUPP);
             return;
         }
-        MountedVolume& volume = volumeOf(request);
+        const ItemRef* const item = itemOf(request, number);
+        if (item == nullptr) {
+            return;
+        }
+        VolumeClient& volume = volumeOf(request).volume();
+        // A stream may be of any size; read is only what the caller has room for.
+        const Outcome<size_t> size = volume.measureXattr(*item, *stream);
+        if (size && (room == 0 || *size > room)) {
+            replyBytes(request, nullptr, *size, room);
+            return;
+        }
         const Outcome<std::vector<std::byte>> value =
-            volume.volume().getXattr(volume.node(number).item, *stream);
+            size ? volume.getXattr(*item, *stream) : size.error();
         if (!value) {
             fuse_reply_err(request, hostError(value.error()));
             return;
@@ -53,9 +63,12 @@ void get(fuse_req_t request, fuse_ino_t number, const char* name, size_t room) {
 
 void list(fuse_req_t request, fuse_ino_t number, size_t room) {
     answer(request, [&] {
-        MountedVolume& volume = volumeOf(request);
+        const ItemRef* const item = itemOf(request, number);
+        if (item == nullptr) {
+            return;
+        }
         const Outcome<std::vector<std::string>> names =
-            volume.volume().listXattrs(volume.node(number).item);
+            volumeOf(request).volume().listXattrs(*item);
         if (!names) {
             fuse_reply_err(request, hostError(names.error()));
             return;
@@ -82,10 +95,11 @@ void set(fuse_req_t request, fuse_ino_t number, const char* name, const char* va
         } else if ((flags & XATTR_REPLACE) != 0) {
             policy = fskit::FSSetXattrPolicy::mustReplace;
         }
-        MountedVolume& volume = volumeOf(request);
-        replyResult(request, volume.volume().setXattr(
-                                 volume.node(number).item, *stream,
-                                 {reinterpret_cast<const std::byte*>(value), size}, policy));
+        if (const ItemRef* const item = itemOf(request, number)) {
+            replyResult(request, volumeOf(request).volume().setXattr(
+                                     *item, *stream,
+                                     {reinterpret_cast<const std::byte*>(value), size}, policy));
+        }
     });
 }
 
@@ -96,8 +110,9 @@ void remove(fuse_req_t request, fuse_ino_t number, const char* name) {
             fuse_reply_err(request, EOPNOTSUPP);
             return;
         }
-        MountedVolume& volume = volumeOf(request);
-        replyResult(request, volume.volume().removeXattr(volume.node(number).item, *stream));
+        if (const ItemRef* const item = itemOf(request, number)) {
+            replyResult(request, volumeOf(request).volume().removeXattr(*item, *stream));
+        }
     });
 }
 
