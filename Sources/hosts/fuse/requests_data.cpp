@@ -2,6 +2,7 @@
 #include "hosts/fuse/requests.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -47,18 +48,40 @@ void read(fuse_req_t request, fuse_ino_t number, size_t size, off_t offset,
     });
 }
 
+// How many of the first bytes the file has at that place: a write for all of which there is no room
+// may have come so far, and the volume does not tell.
+size_t alreadyThere(VolumeClient& volume, const ItemRef& item, uint64_t offset,
+                    VolumeClient::Bytes given) {
+    const std::span<std::byte> found = readBuffer(given.size());
+    const Outcome<size_t> count = volume.read(item, offset, found);
+    if (!count) {
+        return 0;
+    }
+    const auto end = given.begin() + static_cast<ptrdiff_t>(std::min(*count, given.size()));
+    return static_cast<size_t>(std::mismatch(given.begin(), end, found.begin()).first -
+                               given.begin());
+}
+
 void write(fuse_req_t request, fuse_ino_t number, const char* bytes, size_t size, off_t offset,
            fuse_file_info* /*file*/) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        const Outcome<size_t> done =
-            volume.volume().write(volume.node(number).item, static_cast<uint64_t>(offset),
-                                  {reinterpret_cast<const std::byte*>(bytes), size});
-        if (!done) {
-            fuse_reply_err(request, hostError(done.error()));
+        const ItemRef& item = volume.node(number).item;
+        const auto start = static_cast<uint64_t>(offset);
+        const VolumeClient::Bytes given{reinterpret_cast<const std::byte*>(bytes), size};
+        const Outcome<size_t> done = volume.volume().write(item, start, given);
+        if (done) {
+            fuse_reply_write(request, *done);
             return;
         }
-        fuse_reply_write(request, *done);
+        const int error = hostError(done.error());
+        const size_t written =
+            error == ENOSPC ? alreadyThere(volume.volume(), item, start, given) : 0;
+        if (written != 0 && written < size) {
+            fuse_reply_write(request, written);
+        } else {
+            fuse_reply_err(request, error);
+        }
     });
 }
 
