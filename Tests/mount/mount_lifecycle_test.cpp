@@ -12,6 +12,8 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -191,6 +193,48 @@ TEST_F(MountLifecycle, SyncfsAndBareUnmountsReachAServerOverALoopDevice) {
     EXPECT_EQ(served_->awaitEnd(), 0);
     mount();
     expectToLast(*volume_, served_);
+}
+
+TEST_F(MountLifecycle, AnUnmountedImageCanBeMountedAtOnce) {
+    if (fusehost::findMount(served_->folder())->type != "fuseblk.tavelin") {
+        GTEST_SKIP() << "without a loop device an unmount does not wait";
+    }
+    std::vector<std::unique_ptr<ServedVolume>> servers;
+    for (int i = 0; i < 20; ++i) {
+        writeFile(*this / "file", "content"); // it is being served
+        ASSERT_EQ(::umount2(served_->folder().c_str(), 0), 0);
+        servers.push_back(std::move(served_)); // it may still be ending
+        served_ = std::make_unique<ServedVolume>(volume_->image());
+    }
+    for (const auto& server : servers) {
+        EXPECT_EQ(server->awaitEnd(), 0);
+    }
+}
+
+TEST_F(MountLifecycle, NobodyNeedListenToATrace) {
+    served_.reset();
+    const TempFolder folder;
+    MountTableWatch mounts;
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const pid_t server = ::fork();
+    if (server == 0) {
+        ::dup2(ends[1], STDERR_FILENO);
+        ::execl(TAVELIN_PROGRAM, "tavelin", "mount", "--foreground", "--trace",
+                volume_->image().c_str(), folder.path().c_str(), nullptr);
+        std::_Exit(127);
+    }
+    ::close(ends[0]);
+    ::close(ends[1]);
+    while (!fusehost::findMount(folder.path())) {
+        ASSERT_TRUE(mounts.await());
+    }
+    writeFile(folder / "file", "content");
+    EXPECT_EQ(::umount2(folder.path().c_str(), 0), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(server, &status, 0), server);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(volume_->cat("file"), "content");
 }
 
 TEST(MountOptions, AreSortedByWhomTheyConcern) {

@@ -13,8 +13,8 @@ namespace tavelin::fusehost {
 /// the serving process the code tells whether everything reached the image.
 int mountVolume(const MountRequest& request);
 
-/// Unmounts a folder and waits until everything is on the image and its server is gone. Exit code:
-/// 0, or 1 after saying why on standard error.
+/// Unmounts a folder and waits until everything is on the image and its server has let go of it.
+/// Exit code: 0, or 1 after saying why on standard error.
 int unmountVolume(const std::filesystem::path& folder);
 
 } // namespace tavelin::fusehost

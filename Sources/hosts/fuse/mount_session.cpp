@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -31,8 +32,19 @@ namespace {
 
 constexpr size_t kServingThreads = 4;
 
+// Whoever was to read it may be gone.
+void print(const std::string& line) noexcept {
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
 void complain(std::string_view what) {
-    fmt::print(stderr, "tavelin: {}\n", what);
+    print(fmt::format("tavelin: {}", what));
+}
+
+// For a server that may have left its terminal.
+void report(const std::string& what) {
+    complain(what);
+    log().error(what);
 }
 
 std::string joined(const std::vector<std::string>& words) {
@@ -78,13 +90,13 @@ class Mount {
         caretaker_.start({request_.folder, *volume_, threads, session_.get()});
         const int failed = threads.run(kServingThreads);
         if (failed != 0) {
-            complain(fmt::format("{}: {}", request_.folder.string(), errorText(fromHost(failed))));
+            report(fmt::format("{}: {}", request_.folder.string(), errorText(fromHost(failed))));
         }
         caretaker_.stop();
         session_.reset();
         close();
         if (request_.trace) {
-            fmt::print(stderr, "{}\n", channel_.summary());
+            print(channel_.summary());
         }
         return failed != 0 || lost_ ? 1 : 0;
     }
@@ -153,14 +165,13 @@ class Mount {
         caretaker_.rest();
         Outcome<void> finished = volume_->finish();
         Outcome<void> closed = host_->close();
+        host_->resource().letGo();
         for (const Outcome<void>& outcome : {std::move(finished), std::move(closed)}) {
             if (!outcome) {
                 lost_ = true;
-                const std::string why =
-                    fmt::format("{}: not everything could be written: {}", request_.image.string(),
-                                outcome.error().localizedDescription());
-                complain(why);
-                log().error(why);
+                report(fmt::format("{}: not everything could be written: {}",
+                                   request_.image.string(),
+                                   outcome.error().localizedDescription()));
             }
         }
     }
@@ -193,6 +204,7 @@ int mountVolume(const MountRequest& request) {
         if (daemon.side() == Daemon::Side::caller) {
             return daemon.awaitServer();
         }
+        ::signal(SIGPIPE, SIG_IGN); // who listens may leave; the volume is served all the same
         return Mount(absolute, daemon).run();
     } catch (const fs::filesystem_error& failure) {
         complain(fmt::format("{}: {}", failure.path1().string(), failure.code().message()));

@@ -1,4 +1,5 @@
 // Requests about names: finding, making, removing and renaming.
+#include "diagnostics/log.hpp"
 #include "hosts/fuse/requests.hpp"
 
 #include <cerrno>
@@ -25,15 +26,24 @@ void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
     });
 }
 
+// Nobody waits for an answer. What could not be removed for it is, at the latest, at unmount.
+void forgetOne(MountedVolume& volume, fuse_ino_t node, uint64_t counts) noexcept {
+    try {
+        volume.forget(node, counts);
+    } catch (const std::exception& failure) {
+        log().error(failure.what());
+    }
+}
+
 void forget(fuse_req_t request, fuse_ino_t node, uint64_t counts) {
-    volumeOf(request).forget(node, counts);
+    forgetOne(volumeOf(request), node, counts);
     fuse_reply_none(request);
 }
 
 void forgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgets) {
     MountedVolume& volume = volumeOf(request);
     for (size_t i = 0; i < count; ++i) {
-        volume.forget(forgets[i].ino, forgets[i].nlookup);
+        forgetOne(volume, forgets[i].ino, forgets[i].nlookup);
     }
     fuse_reply_none(request);
 }

@@ -1,10 +1,15 @@
 #include "hosts/fuse/serving_threads.hpp"
 
+#include "diagnostics/log.hpp"
 #include "hosts/fuse/libfuse.hpp"
 
+#include <fmt/format.h>
+
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <linux/fuse.h>
+#include <system_error>
 #include <thread>
 
 namespace tavelin::fusehost {
@@ -12,6 +17,7 @@ namespace tavelin::fusehost {
 namespace {
 
 constexpr uint32_t kMuchData = 64 << 10; // bytes
+constexpr auto kPatience = std::chrono::milliseconds(20);
 
 // Interrupts a thread's wait for the next request; the handler itself has nothing to do.
 constexpr int kWakeSignal = SIGUSR1;
@@ -50,8 +56,17 @@ int ServingThreads::run(size_t count) {
         serving_.reserve(count);
     }
     std::vector<std::thread> threads;
-    for (size_t i = 0; i < count; ++i) {
-        threads.emplace_back([this] { serve(); });
+    threads.reserve(count);
+    try {
+        while (threads.size() < count) {
+            threads.emplace_back([this] { serve(); });
+        }
+    } catch (const std::system_error& failure) {
+        if (threads.empty()) {
+            throw;
+        }
+        log().error(fmt::format("serving with {} threads of {}: {}", threads.size(), count,
+                                failure.code().message()));
     }
     for (std::thread& thread : threads) {
         thread.join();
@@ -62,8 +77,13 @@ int ServingThreads::run(size_t count) {
 void ServingThreads::stop() {
     fuse_session_exit(session_);
     const MutexLock held(servingLock_);
-    for (const pthread_t thread : serving_) {
-        ::pthread_kill(thread, kWakeSignal);
+    while (!serving_.empty()) {
+        for (const pthread_t thread : serving_) {
+            ::pthread_kill(thread, kWakeSignal);
+        }
+        // A signal that comes between a thread's last look whether to end and its wait for the next
+        // request wakes nobody.
+        ended_.waitUntil(servingLock_, std::chrono::steady_clock::now() + kPatience);
     }
 }
 
@@ -86,6 +106,7 @@ void ServingThreads::serve() noexcept {
     std::free(request.mem);
     const MutexLock held(servingLock_);
     std::erase(serving_, ::pthread_self());
+    ended_.notifyAll();
 }
 
 bool ServingThreads::lead(fuse_buf& request) {

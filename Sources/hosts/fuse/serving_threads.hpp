@@ -27,12 +27,12 @@ class ServingThreads {
     ServingThreads(const ServingThreads&) = delete;
     ServingThreads& operator=(const ServingThreads&) = delete;
 
-    /// Serves with `count` threads until the file system is unmounted or stop() is called; 0 or a
-    /// host errno. Throws std::system_error when no thread can be started.
+    /// Serves with up to `count` threads until the file system is unmounted or stop() is called; 0
+    /// or a host errno. Throws std::system_error when not even one thread can be started.
     int run(size_t count);
 
     /// Ends run() once the requests being served are answered; what the kernel sends after that is
-    /// cut off. May be called from any thread while run() runs.
+    /// cut off. Waits for that. May be called while run() runs, from any thread but those it has.
     void stop();
 
   private:
@@ -45,6 +45,7 @@ class ServingThreads {
     Mutex leader_;
     std::atomic<int> error_{0};
     Mutex servingLock_;
+    ConditionVariable ended_; // one thread fewer serves
     /// Those that may be woken: a thread takes itself out before it ends.
     std::vector<pthread_t> serving_ TAVELIN_GUARDED_BY(servingLock_);
 };

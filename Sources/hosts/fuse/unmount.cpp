@@ -37,10 +37,14 @@ fs::path absolutePath(const fs::path& folder) {
 
 // The image behind the source of a mount, which may be a loop device over it.
 fs::path imageOf(const std::string& source) {
-    const fs::path name = fs::path(source).filename();
-    std::ifstream backing("/sys/block/" + name.string() + "/loop/backing_file");
+    const fs::path path = source;
     std::string image;
-    return std::getline(backing, image) ? fs::path(image) : fs::path(source);
+    std::error_code unknown;
+    if (path.parent_path() == "/dev" && fs::is_block_file(path, unknown)) {
+        std::ifstream backing("/sys/block" / path.filename() / "loop/backing_file");
+        std::getline(backing, image);
+    }
+    return image.empty() ? path : fs::path(image);
 }
 
 // Asks the server to write everything back; 0 or a host errno.
@@ -71,7 +75,9 @@ int unmountVolume(const fs::path& given) {
     if (!mount || !mount->type.ends_with(".tavelin")) {
         return fail(folder, "no volume is mounted here by tavelin");
     }
-    const int image = ::open(imageOf(mount->source).c_str(), O_RDONLY | O_CLOEXEC);
+    const fs::path path = imageOf(mount->source);
+    const int image = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int closed = image == -1 ? errno : 0;
     if (const int failed = mount->readOnly ? 0 : synchronize(folder);
         failed != 0 && failed != ENOTCONN) {
         return fail(folder, fmt::format("cannot write everything back ({}); it stays mounted",
@@ -81,12 +87,15 @@ int unmountVolume(const fs::path& given) {
         return fail(folder, failed == EBUSY ? std::string("a program still uses it")
                                             : errorText(fromHost(failed)));
     }
-    if (image != -1) {
-        if (!mount->readOnly) {
-            awaitServer(image);
-        }
-        ::close(image);
+    if (closed != 0) {
+        return fail(folder, fmt::format("unmounted, but whether its server has ended cannot be "
+                                        "seen: {}: {}",
+                                        path.string(), errorText(fromHost(closed))));
     }
+    if (!mount->readOnly) {
+        awaitServer(image);
+    }
+    ::close(image);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #if defined(__APPLE__)
 #include <sys/disk.h>
@@ -102,8 +103,14 @@ ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
 }
 
 ImageFile::~ImageFile() {
-    // Whoever needs its writes kept has flushed them; nothing that close says can help the others.
-    ::close(descriptor_);
+    close();
+}
+
+void ImageFile::close() noexcept {
+    if (descriptor_ != -1) {
+        // Whoever needs its writes kept has flushed them; what this says can help nobody else.
+        ::close(std::exchange(descriptor_, -1));
+    }
 }
 
 void ImageFile::measure(const std::string& path) {

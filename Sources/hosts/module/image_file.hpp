@@ -20,6 +20,8 @@ class ImageFile {
     /// file system or the medium allow no more. Throws OpenError.
     ImageFile(const std::filesystem::path& path, bool readOnly);
     ~ImageFile();
+    /// Closes and unlocks before its time; nothing but destruction may follow.
+    void close() noexcept;
     ImageFile(const ImageFile&) = delete;
     ImageFile& operator=(const ImageFile&) = delete;
 

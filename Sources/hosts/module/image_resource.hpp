@@ -15,7 +15,12 @@
 namespace tavelin {
 
 /// A block device whose host can say when what was written has reached the medium.
-class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {};
+class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {
+  public:
+    /// Gives the device back to the system, for others to open. Once no volume is loaded from it;
+    /// nothing but destruction may follow.
+    virtual void letGo() {}
+};
 
 /// A resource over a disk-image file or a block-device node. Sizes and offsets are bytes; errors
 /// are POSIX ones, in macOS numbers. Any thread may call anything; overlapping transfers are the
@@ -52,6 +57,7 @@ class ImageResource final : public HostResource {
                               std::size_t length) override;
     void metadataFlush() override;
     std::optional<fskit::Error> reachMedium() override;
+    void letGo() override { file_.close(); }
 
   private:
     ImageFile file_;
