@@ -172,8 +172,18 @@ TEST(Interop, WhatTheDriverWroteIsRead) {
     EXPECT_EQ(volume.streams(volume.find("streams")),
               (std::vector<std::string>{"first", "second"}));
     EXPECT_EQ(volume.stream(volume.find("second name"), "second").second, patternText(30000));
+    uint64_t size = 0;
+    EXPECT_EQ(ntb_xattr_size(volume, volume.find("streams"), "second", &size), 0);
+    EXPECT_EQ(size, 30000u);
+    const uint64_t aliased = volume.find("Long name with an alias.text");
+    EXPECT_EQ(volume.find("LONGNA~1.TXT"), aliased);
     EXPECT_EQ(volume.attributes(volume.find("streams")).link_count, 2u);
-    EXPECT_EQ(volume.find("LONGNA~1.TXT"), volume.find("Long name with an alias.text"));
+    EXPECT_EQ(volume.attributes(aliased).link_count, 2u);
+    uint32_t names = 0;
+    EXPECT_EQ(ntb_count_names(volume, volume.find("streams"), &names), 0);
+    EXPECT_EQ(names, 2u);
+    EXPECT_EQ(ntb_count_names(volume, aliased, &names), 0);
+    EXPECT_EQ(names, 1u);
 
     const std::pair<const char*, const char*> links[] = {
         {"/relative", "compressed/file"}, {"/compressed/upwards", "../../compressed/file"},

@@ -104,8 +104,9 @@ TEST_F(MountedVolumeTest, AnOldNodeLetsGoOfItsOwnRecordOnly) {
     forget(folder);
     EXPECT_EQ(read(*file), "content") << "it is open still";
     EXPECT_TRUE(mounted_->removedFiles().contains(file->ino));
+    const uint64_t ino = file->ino;
     forget(*file);
-    EXPECT_FALSE(mounted_->removedFiles().contains(file->ino));
+    EXPECT_FALSE(mounted_->removedFiles().contains(ino));
 }
 
 TEST_F(MountedVolumeTest, ARenameThatFailsLeavesItsTarget) {

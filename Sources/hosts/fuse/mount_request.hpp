@@ -1,4 +1,5 @@
-/// What a user asks of one mount, taken from the words after `-o`.
+/// What a user asks of one mount, taken from the words after `-o`. Plain values for one thread; a
+/// mount keeps a copy. Words that mean nothing are handed back, other errors there are none.
 #pragma once
 
 #include <filesystem>

@@ -62,8 +62,8 @@ class MountedVolume {
 
     /// Of a folder that is gone, what remains to be said of it.
     Outcome<fskit::FSItemAttributes> attributes(const Node& node);
-    /// Applies the valid attributes of `changes` and answers the new ones; kESTALE for a folder that
-    /// is gone.
+    /// Applies the valid attributes of `changes` and answers the new ones; kESTALE for a folder
+    /// that is gone.
     Outcome<fskit::FSItemAttributes> setAttributes(const Node& node,
                                                    fskit::FSItemSetAttributesRequest& changes);
 

@@ -25,8 +25,8 @@ Outcome<void> MountedVolume::freeing(Node* node, Change&& change) {
     return changed;
 }
 
-// The names that users see of an item that was found by its short alias: where the one goes, so does
-// the other. None for any other name.
+// The names that users see of an item that was found by its short alias: where the one goes, so
+// does the other. None for any other name.
 Outcome<MountedVolume::Names> MountedVolume::namesBehind(const Node& folder, const Found& found,
                                                          std::string_view name) {
     if (found.attributes.linkCount() <= 1 || !mayBeAlias(name)) {

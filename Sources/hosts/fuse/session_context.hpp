@@ -1,4 +1,5 @@
-/// What libfuse hands back to every callback of one session.
+/// What libfuse hands back to every callback of one session. It owns nothing: what it names must
+/// outlive the session. Any thread may read it, and none changes it.
 #pragma once
 
 #include <functional>
@@ -11,6 +12,7 @@ class MountedVolume;
 struct SessionContext {
     KernelChannel& channel;
     MountedVolume& volume;
+    // Each is called once at most; what it throws ends the process.
     std::function<void()> served;    ///< called once the kernel has begun to send requests
     std::function<void()> unmounted; ///< called when it sends no more, before it is told so
 };
