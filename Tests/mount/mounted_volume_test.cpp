@@ -138,6 +138,24 @@ TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {
     EXPECT_TRUE(mounted_->removedFiles().isEmpty());
 }
 
+TEST_F(MountedVolumeTest, AListingGoesWithTheLastStream) {
+    make("file");
+    const auto listed = [&] {
+        const MutexLock held(root().folder->lock);
+        return root().folder->listing != nullptr;
+    };
+    for (int i = 0; i < 2; ++i) {
+        mounted_->openFolder(root());
+    }
+    EXPECT_TRUE(mounted_->readFolder(root(), 0, false, [](const auto&, const auto&) {
+        return false; // a reader that looks at nothing more
+    }));
+    mounted_->closeFolder(root());
+    EXPECT_TRUE(listed()) << "the other stream may go on";
+    mounted_->closeFolder(root());
+    EXPECT_FALSE(listed());
+}
+
 TEST_F(MountedVolumeTest, OnlyWhatThisHostParkedIsCleanedUp) {
     VolumeClient& volume = mounted_->volume();
     const std::string parking(RemovedFiles::kParkingFolder);

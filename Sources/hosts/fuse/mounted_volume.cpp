@@ -4,9 +4,23 @@
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <ctime>
+#include <utility>
+
 namespace tavelin::fusehost {
 
 using fskit::fs_errorForPOSIXError;
+
+namespace {
+
+// As exactly as volumes keep times.
+bool isBefore(const timespec& time, const timespec& other) {
+    constexpr long kStep = 100; // nanoseconds
+    return std::pair(time.tv_sec, time.tv_nsec / kStep) <
+           std::pair(other.tv_sec, other.tv_nsec / kStep);
+}
+
+} // namespace
 
 uint64_t MountedVolume::inoOf(const Found& found) noexcept {
     return Driver2::ino(found.attributes.fileID());
@@ -153,7 +167,20 @@ MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest
     if (node.gone) {
         return fs_errorForPOSIXError(kESTALE);
     }
-    return amended(node, volume_.setAttributes(node.item, changes));
+    timespec start{};
+    std::timespec_get(&start, TIME_UTC);
+    Outcome<fskit::FSItemAttributes> found = volume_.setAttributes(node.item, changes);
+    // A truncation moves the times on. The kernel leaves that to us, and the volume does it unless
+    // the size is what it was.
+    namespace Bit = fskit::FSItemAttribute;
+    if (found && changes.isValid(Bit::size) && !changes.isValid(Bit::modifyTime) &&
+        isBefore(found->modifyTime(), start)) {
+        fskit::FSItemSetAttributesRequest times;
+        times.setModifyTime(start);
+        times.setChangeTime(start);
+        found = volume_.setAttributes(node.item, times);
+    }
+    return amended(node, std::move(found));
 }
 
 Outcome<void> MountedVolume::synchronize() {

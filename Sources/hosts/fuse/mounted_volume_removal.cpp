@@ -151,7 +151,12 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
                 return freed;
             }
         }
-        return freeing(node, [&] { return rename(renaming, old.item); });
+        Outcome<void> done = freeing(node, [&] { return rename(renaming, old.item); });
+        if (!done && node != nullptr && node->gone) {
+            // Too late for the empty folder: it is no more, which the kernel does not expect.
+            staleNames_.add(nodes_.numberOf(renaming.toFolder), renaming.to);
+        }
+        return done;
     }
     // Somebody may have the old file open: a second, parked name keeps it when this one is taken.
     // It has both until then, so that at no time, not even after a crash, the name is missing.

@@ -93,12 +93,6 @@ fskit::FSItemSetAttributesRequest changesOf(const struct stat& wanted, int which
     if ((which & FUSE_SET_ATTR_CTIME) != 0) {
         changes.setChangeTime(wanted.st_ctim);
     }
-    // The kernel leaves this to us, and volumes do it where the size becomes another.
-    if ((which & FUSE_SET_ATTR_SIZE) != 0 && (which & FUSE_SET_ATTR_MTIME) == 0) {
-        const timespec now = chosenTime({}, true);
-        changes.setModifyTime(now);
-        changes.setChangeTime(now);
-    }
     return changes;
 }
 

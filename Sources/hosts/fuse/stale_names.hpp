@@ -1,7 +1,8 @@
-/// Names that the kernel remembers although they stand for nothing any more: long names of files
-/// that were removed or renamed by their short alias. The kernel does not know that the two belong
-/// together and has to be told, but not by the request itself: it holds the folder meanwhile. So
-/// for a moment after the request its long name leads the kernel to the file that had it.
+/// Names that the kernel remembers although they stand for nothing any more: above all long names
+/// of files that were removed or renamed by their short alias. The kernel does not know that the
+/// two belong together and has to be told, but not by the request itself: it holds the folder
+/// meanwhile. So for a moment after the request the long name leads the kernel to the file that
+/// had it.
 ///
 /// Any thread may call anything.
 #pragma once
