@@ -4,6 +4,7 @@
 #include "core/private/bridge_text.hpp"
 #include "platform/checked.hpp"
 
+#include <algorithm>
 #include <utility>
 
 namespace tavelin {
@@ -12,9 +13,11 @@ namespace {
 
 constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
 
-/// Dirty pages in the bridge's cache. From 4096 on it writes all of them back by itself, in long
-/// runs, which a device takes for file data when it expects that: 4 MiB less than that.
-constexpr std::uint64_t kMostDirty = 3072;
+/// Pages that wait for a sync, in the bridge's cache or in the device, before one is made in
+/// between. Their memory comes on top of the cache's. And it is well below the 4096 dirty pages from
+/// which on the cache writes all of them back by itself, in long runs, which a device that expects
+/// file data takes for that.
+constexpr std::uint64_t kMostWaiting = 1024;
 
 } // namespace
 
@@ -98,7 +101,7 @@ void NTFSVolume::makeRoom() noexcept {
     }
     ntb_stats stats{};
     ntb_get_stats(vol_, &stats);
-    if (stats.dirtyPages > kMostDirty || stats.dirtyPages + backlog.pages > backlog.room / 2) {
+    if (stats.dirtyPages + backlog.pages > std::min(kMostWaiting, backlog.room / 4)) {
         // A failure is left to the sync that somebody waits for: nothing is lost by it.
         static_cast<void>(ntb_sync(vol_));
     }

@@ -408,7 +408,7 @@ TEST(Journal, IsFlushedBeforeTheCacheWritesBackByItself) {
         ntfs->write(file, at, pagesOf(1, 16));
         most = std::max(most, ntfs->ioStats().dirtyPages);
     }
-    EXPECT_GT(most, 2048u);
+    EXPECT_GT(most, 512u);         // it waits at all
     EXPECT_LT(most, 4096u - 512u); // more than a large request makes dirty
 }
 

@@ -28,10 +28,11 @@ namespace tavelin {
 class ItemTable;
 
 namespace detail {
+/// One for each item that a host holds, so small: neither number outgrows the references in memory.
 struct ItemEntry {
     fskit::FSItemRef item;
-    std::uint64_t count = 0; ///< ItemRefs
-    std::uint64_t drops = 0; ///< its records in the list of dropped items
+    std::uint32_t count = 0; ///< ItemRefs
+    std::uint32_t drops = 0; ///< its records in the list of dropped items
 };
 } // namespace detail
 
