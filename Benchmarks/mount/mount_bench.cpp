@@ -60,8 +60,8 @@ class Workplace {
     fs::path mountPoint() const { return root_ / "mount"; }
     fs::path material() const { return root_ / "material"; }
 
-    // Written and not just reserved: memory that nobody has touched yet is slower the first time, in
-    // virtual machines many times, and that would count for whoever comes first.
+    // Written and not just reserved: memory that nobody has touched yet is slower the first time,
+    // in virtual machines many times, and that would count for whoever comes first.
     void allocateImage(uint64_t bytes) const {
         const std::string block(1 << 20, '\0');
         File file(image().string(), O_WRONLY | O_CREAT);

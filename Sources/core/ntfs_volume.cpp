@@ -14,9 +14,9 @@ namespace {
 constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
 
 /// Pages that wait for a sync, in the bridge's cache or in the device, before one is made in
-/// between. Their memory comes on top of the cache's. And it is well below the 4096 dirty pages from
-/// which on the cache writes all of them back by itself, in long runs, which a device that expects
-/// file data takes for that.
+/// between. Their memory comes on top of the cache's. And they are far fewer than the 4096 dirty
+/// pages from which on the cache writes all of them back by itself, in long runs, which a
+/// device that expects file data takes for that.
 constexpr std::uint64_t kMostWaiting = 1024;
 
 } // namespace
