@@ -49,8 +49,8 @@ class Results {
     const Samples& samples_;
 };
 
-constexpr int kRow = 34, kLabels = 210, kPlot = 520, kTop = 56;
-constexpr double kLow = 0.25, kHigh = 16; // ends of the logarithmic axis
+constexpr int kRow = 34, kLabels = 210, kPlot = 520, kTop = 56, kFoot = 24;
+constexpr double kLow = 0.25, kHigh = 32; // ends of the logarithmic axis
 
 double across(double ratio) {
     const double at = std::log(std::clamp(ratio, kLow, kHigh) / kLow) / std::log(kHigh / kLow);
@@ -109,7 +109,7 @@ std::string svgChart(const std::vector<Server>& servers, const Samples& samples)
     const Results results(servers, samples);
     const Server* ours = results.withRole(Role::ours);
     const Server* floor = results.withRole(Role::floor);
-    const int height = kTop + kRow * static_cast<int>(categories().size()) + 16;
+    const int height = kTop + kRow * static_cast<int>(categories().size()) + kFoot + 4;
     std::string chart = fmt::format(
         "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 {0} {1}\" width=\"{0}\" "
         "height=\"{1}\" font-family=\"sans-serif\" font-size=\"12\">\n"
@@ -125,10 +125,12 @@ std::string svgChart(const std::vector<Server>& servers, const Samples& samples)
         chart +=
             "<rect class=\"floor\" x=\"90\" y=\"30\" width=\"11\" height=\"11\"/>"
             "<text x=\"106\" y=\"40\">a FUSE server that only passes through to memory</text>\n";
-    for (const double mark : {0.25, 0.5, 1.0, 2.0, 4.0, 8.0, 16.0})
+    for (double mark = kLow; mark <= kHigh; mark *= 2)
         chart += fmt::format("<line class=\"axis\" x1=\"{0:.1f}\" x2=\"{0:.1f}\" y1=\"{1}\" "
-                             "y2=\"{2}\" opacity=\"{3}\"/>\n",
-                             across(mark), kTop, height - 12, mark == 1.0 ? 1.0 : 0.25);
+                             "y2=\"{2}\" opacity=\"{3}\"/><text class=\"value\" x=\"{0:.1f}\" "
+                             "y=\"{4}\" text-anchor=\"middle\">{5}×</text>\n",
+                             across(mark), kTop, height - kFoot, mark == 1.0 ? 1.0 : 0.25,
+                             height - kFoot + 14, mark);
     int top = kTop;
     for (const std::string& category : categories()) {
         chart += fmt::format("<text x=\"{}\" y=\"{}\" text-anchor=\"end\">{}</text>\n", kLabels - 8,
