@@ -84,6 +84,9 @@ const std::vector<Operation>& allRequests() {
 
 std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& found,
                                       const Operation& request, bool touchedToo) {
+    if (wanted.label != found.label && (touchedToo || request.name != "label")) {
+        return "the label differs";
+    }
     for (const auto& [path, entry] : wanted.entries) {
         const auto at = found.entries.find(path);
         if (!touchedToo && isTouched(request, path)) {
