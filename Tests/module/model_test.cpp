@@ -1,7 +1,7 @@
 // Random requests against a volume and against a plain model of one, which must agree on every
 // answer and every item after every step, and again after the volume was closed and opened.
 //
-// TAVELIN_MODEL_SEED and TAVELIN_MODEL_STEPS run something else than the usual runs, and
+// TAVELIN_MODEL_SEED, the first of eight, and TAVELIN_MODEL_STEPS run something else than usual, and
 // TAVELIN_MODEL_SCRIPT replays the script in that file.
 
 #include "system.hpp"
@@ -133,11 +133,11 @@ std::uint64_t number(const char* variable, std::uint64_t usual) {
 class ModelRun : public ::testing::TestWithParam<std::uint64_t> {};
 
 TEST_P(ModelRun, AgreesWithTheVolume) {
-    const std::uint64_t seed = number("TAVELIN_MODEL_SEED", GetParam());
+    const std::uint64_t seed = number("TAVELIN_MODEL_SEED", 1) + GetParam();
     runSeed(seed, number("TAVELIN_MODEL_STEPS", 800), seed % 4 == 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(1, 9));
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 8));
 
 TEST(ModelReplay, AgreesWithTheVolume) {
     const char* file = std::getenv("TAVELIN_MODEL_SCRIPT");
