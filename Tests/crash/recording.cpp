@@ -3,6 +3,8 @@
 #include "hosts/module/module_host.hpp"
 #include "support/replaced_services.hpp"
 
+#include <algorithm>
+
 namespace tavelin::test {
 
 std::string Script::describe() const {
@@ -45,6 +47,19 @@ Recording recordTavelin(const Bytes& base, const Script& script) {
     recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
     recording.events = disk->events();
     return recording;
+}
+
+Bytes pendingVolume() {
+    Bytes base = preparedVolume();
+    const auto& all = allOperations();
+    std::vector<DiskEvent> events =
+        recordTavelin(base, {{&all[0], &all[1]}, Finish::synchronise}).events;
+    // What follows the last flush of the disk is the second one's pages, each to its place.
+    while (!events.back().flush) {
+        events.pop_back();
+    }
+    std::mt19937_64 unused;
+    return afterCut(base, events, events.size(), Cut::prefix, unused);
 }
 
 } // namespace tavelin::test

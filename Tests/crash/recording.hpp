@@ -32,4 +32,8 @@ struct Recording {
 // `base` is preparedVolume().
 Recording recordTavelin(const Bytes& base, const Script& script);
 
+// preparedVolume() as a cut leaves it when two flushes are in the journal and the second one is
+// nowhere else. The first operations of allOperations() were flushed.
+Bytes pendingVolume();
+
 } // namespace tavelin::test

@@ -10,8 +10,8 @@ namespace tavelin::test {
 struct ChildResult {
     enum class End {
         well,
-        inLibrary, // crashed or hung within libntfs-3g
-        inOurs,    // anywhere else
+        inLibrary, // crashed within libntfs-3g
+        inOurs,    // anywhere else, or without an end: any frame of the stack may be the loop
     };
     End end = End::well;
     std::string where;  // the innermost function of libntfs-3g, or the innermost frame of ours

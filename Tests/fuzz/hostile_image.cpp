@@ -1,19 +1,24 @@
 #include "fuzz/hostile_image.hpp"
 
-#include "crash/operations.hpp"
+#include "core/journal_record.hpp"
+#include "crash/recording.hpp"
 #include "support/sample_volume.hpp"
 
 #include <algorithm>
 #include <cstring>
+#include <zlib.h>
 
 namespace tavelin::test {
 
 namespace {
 
 constexpr std::size_t kSector = 512;
-constexpr std::size_t kRecord = 1024; // bytes of a file record, as mkntfs makes them
-constexpr std::size_t kIndexBlock = 4096;
-constexpr std::size_t kMirrored = 4; // records
+constexpr std::size_t kRecord = 1024;      // bytes of a file record, as mkntfs makes them
+constexpr std::size_t kBlock = 4096;       // of an index, and a page of a journal
+constexpr std::size_t kMirrored = 4;       // records
+constexpr std::size_t kJournalHeader = 40; // bytes, before the list of pages
+constexpr std::size_t kAtChecksum = 8;
+constexpr unsigned kKinds = 5;
 
 Bytes smallVolume() {
     VolumeGeometry geometry;
@@ -70,10 +75,10 @@ class Fixups {
     std::size_t count_ = 0;
 };
 
-std::vector<std::size_t> indexBlocks(const Bytes& image) {
+std::vector<std::size_t> blocksOf(const Bytes& image, std::string_view magic) {
     std::vector<std::size_t> found;
-    for (std::size_t block = 0; block + kIndexBlock <= image.size(); block += kSector) {
-        if (std::memcmp(&image[block], "INDX", 4) == 0) {
+    for (std::size_t block = 0; block + kBlock <= image.size(); block += kSector) {
+        if (std::memcmp(&image[block], magic.data(), magic.size()) == 0) {
             found.push_back(block);
         }
     }
@@ -160,9 +165,30 @@ void changeBytes(Bytes& image, std::size_t begin, std::size_t size, const Change
     }
 }
 
+JournalRecord journalRecord(const Bytes& image, std::size_t at) {
+    return JournalRecord::parse(&image[at]).value_or(JournalRecord{});
+}
+
+// Gives a journal's record the checksum it should have; one that leaves the disk has none.
+void seal(Bytes& image, std::size_t at) {
+    const JournalRecord record = journalRecord(image, at);
+    const std::size_t pages = JournalRecord::length(record.pages);
+    if (pages > (image.size() - at) / kBlock) {
+        return;
+    }
+    Bytes whole(&image[at], &image[at] + pages * kBlock);
+    for (std::size_t page = JournalRecord::headerPages(record.pages); page < pages; page++) {
+        record.mask(&whole[page * kBlock]);
+    }
+    std::memset(&whole[kAtChecksum], 0, sizeof(std::uint32_t));
+    const auto sum = static_cast<std::uint32_t>(
+        crc32_z(0, reinterpret_cast<const Bytef*>(whole.data()), whole.size()));
+    std::memcpy(&image[at + kAtChecksum], &sum, sizeof sum);
+}
+
 void apply(Bytes& image, const Change& change) {
     const std::size_t cluster = clusterSize(image);
-    switch (change.kind % 4) {
+    switch (change.kind % kKinds) {
     case 0: {
         const std::size_t table = at<std::uint64_t>(image, 0x30) * cluster;
         const std::size_t mirror = at<std::uint64_t>(image, 0x38) * cluster;
@@ -178,27 +204,38 @@ void apply(Bytes& image, const Change& change) {
         break;
     }
     case 1: {
-        const auto blocks = indexBlocks(image);
+        const auto blocks = blocksOf(image, "INDX");
         if (!blocks.empty()) {
             const std::size_t block = blocks[change.number % blocks.size()];
-            const Fixups none(image, block, kIndexBlock);
-            changeBytes(image, block, kIndexBlock, change);
+            const Fixups none(image, block, kBlock);
+            changeBytes(image, block, kBlock, change);
         }
         break;
     }
     case 2:
         changeBytes(image, 0, kSector, change);
         break;
-    default:
+    case 3:
         changeBytes(image, change.number * 8192u % (image.size() - 65536), 65536, change);
         break;
+    default: {
+        const auto records = blocksOf(image, "TavelinJ");
+        if (!records.empty()) {
+            const std::size_t record = records[change.number % records.size()];
+            const std::size_t list = 8 * std::size_t{journalRecord(image, record).pages};
+            changeBytes(image, record, std::min(kJournalHeader + list, kBlock), change);
+            seal(image, record);
+        }
+        break;
+    }
     }
 }
 
 } // namespace
 
 const std::vector<Bytes>& seedVolumes() {
-    static const std::vector<Bytes> volumes{preparedVolume(), smallVolume(), volumeOfLinks()};
+    static const std::vector<Bytes> volumes{preparedVolume(), smallVolume(), volumeOfLinks(),
+                                            pendingVolume()};
     return volumes;
 }
 
@@ -228,7 +265,7 @@ Bytes damagedVolume(InputReader& input) {
     }
     // A changed boot sector would move what the other changes mean.
     std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
-        return (a.kind % 4 == 2) < (b.kind % 4 == 2);
+        return (a.kind % kKinds == 2) < (b.kind % kKinds == 2);
     });
     for (const Change& change : changes) {
         apply(image, change);

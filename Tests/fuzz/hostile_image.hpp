@@ -3,14 +3,16 @@
 // An input is a list of bytes, absent ones being 0:
 //   seed                         which sound volume to begin with
 //   count, then count times      changes of its structures, six bytes each:
-//     kind                       file record, index block, boot sector, or anywhere
+//     kind                       file record, index block, boot sector, anywhere, or the header of
+//                                a journal's record
 //     number                     which record or block, or the upper bits of the place
 //     place, 2 bytes             in it, little endian
 //     how                        what becomes of the bytes there
 //     value
 //   the rest                     requests, two bytes each: which, and on what
 // File records and index blocks are changed as the library sees them, without their update
-// sequences, which are put back afterwards; the first records are changed in $MFTMirr too.
+// sequences, which are put back afterwards; the first records are changed in $MFTMirr too. A journal's record gets the
+// checksum that its new header asks for.
 #pragma once
 
 #include "crash/recording_resource.hpp"
