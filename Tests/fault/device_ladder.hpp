@@ -13,7 +13,7 @@ namespace tavelin::test {
 // What becomes of a device call that is chosen to fail.
 struct DeviceFault {
     enum class Times {
-        once,
+        once,      // at the latest when the volume is closed
         forAWhile, // from then on, until the request and a synchronise have been answered
         forGood,   // from then on, to the end of the volume
     };
@@ -25,9 +25,9 @@ struct DeviceFault {
 };
 
 struct LadderResult {
-    std::uint64_t rungs = 0;    // runs of the request
-    std::uint64_t failures = 0; // device calls failed
-    std::uint64_t halfDone = 0; // changes left half done by a device without the cache before it
+    std::uint64_t rungs = 0;     // runs of the request
+    std::uint64_t failures = 0;  // device calls failed
+    std::uint64_t lostNames = 0; // without the cache: new names that were answered, and are lost
     std::vector<std::string> faults;
 
     void add(const LadderResult& other);
@@ -47,7 +47,7 @@ class DeviceLadder {
 
     // Call by call: the request, a synchronise, and the volume's end.
     LadderResult climb(const Operation& request, const DeviceFault& fault) const;
-    // The same for opening the volume.
+    // The same for opening the volume: its content is that of `base`, opened without a failure.
     LadderResult climbOpening(const DeviceFault& fault) const;
 
   private:

@@ -88,13 +88,11 @@ const Bytes& base() {
 // Runs `work` with the allocation numbered `which` failing; false when it asked for fewer. What it
 // answers for want of memory is for it to choose.
 template<typename Work>
-bool withFailure(std::uint64_t which, bool& done, Work&& work) {
+bool withFailure(std::uint64_t which, Work&& work) {
     failed = 0;
-    done = false;
     untilFailure = which;
     try {
         work();
-        done = true;
     } catch (const std::bad_alloc&) {
         // The host itself had no memory left.
     } catch (const fskit::Error& error) {
@@ -113,13 +111,19 @@ Snapshot contentAfter(const Operation& request) {
     return takeSnapshot(host.volume());
 }
 
+Snapshot contentOf(const RecordingResource& disk) {
+    ModuleHost host(std::make_shared<RecordingResource>(disk.image()));
+    host.open();
+    return takeSnapshot(host.volume());
+}
+
 class NoMemory : public ::testing::Test {
   protected:
     const ReplacedServices services; // no flush but those that are asked for
 };
 
 TEST_F(NoMemory, EveryRequest) {
-    std::uint64_t runs = 0;
+    std::uint64_t failures = 0;
     for (const Operation& request : allRequests()) {
         if (request.touches.size() > kMany) {
             continue; // the same allocations again
@@ -128,10 +132,15 @@ TEST_F(NoMemory, EveryRequest) {
         bool met = true;
         for (std::uint64_t which = 1; met; which++) {
             SCOPED_TRACE(request.name + ", allocation " + std::to_string(which));
-            ModuleHost host(std::make_shared<RecordingResource>(base()));
+            const auto disk = std::make_shared<RecordingResource>(base());
+            ModuleHost host(disk);
             host.open();
             bool done = false;
-            met = withFailure(which, done, [&] { request.run(host.volume()); });
+            met = withFailure(which, [&] {
+                request.run(host.volume());
+                done = true;
+                host.volume().synchronize().get();
+            });
             if (!done) {
                 try {
                     request.run(host.volume());
@@ -142,25 +151,30 @@ TEST_F(NoMemory, EveryRequest) {
                 }
             }
             host.volume().synchronize().get();
-            const Snapshot found = takeSnapshot(host.volume());
-            EXPECT_EQ(difference(wanted, found, request, done).value_or(""), "");
+            EXPECT_EQ(difference(wanted, contentOf(*disk), request, done).value_or(""), "");
             host.close().get();
             ASSERT_FALSE(HasFailure());
-            runs++;
+            failures += met ? 1 : 0;
         }
     }
-    std::cout << runs << " allocations of requests failed\n";
+    std::cout << failures << " allocations of requests and flushes failed\n";
 }
 
 TEST_F(NoMemory, OpeningAndClosing) {
+    const Operation& request = allRequests().front();
+    const Snapshot before = contentOf(RecordingResource(base()));
+    const Snapshot after = contentAfter(request);
     bool met = true;
     std::uint64_t which = 0;
     while (met) {
         SCOPED_TRACE(++which);
-        ModuleHost host(std::make_shared<RecordingResource>(base()));
+        const auto disk = std::make_shared<RecordingResource>(base());
+        ModuleHost host(disk);
         bool done = false;
-        met = withFailure(which, done, [&] {
+        met = withFailure(which, [&] {
             host.open();
+            request.run(host.volume());
+            done = true;
             host.volume().synchronize().get();
             host.close().get();
         });
@@ -169,8 +183,11 @@ TEST_F(NoMemory, OpeningAndClosing) {
         }
         host.open();
         host.close().get();
+        EXPECT_EQ(difference(done ? after : before, contentOf(*disk), request, done).value_or(""),
+                  "");
+        ASSERT_FALSE(HasFailure());
     }
-    std::cout << which << " allocations of opening and closing failed\n";
+    std::cout << which - 1 << " allocations from opening to closing failed\n";
 }
 
 } // namespace
