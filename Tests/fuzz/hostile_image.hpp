@@ -11,8 +11,8 @@
 //     value
 //   the rest                     requests, two bytes each: which, and on what
 // File records and index blocks are changed as the library sees them, without their update
-// sequences, which are put back afterwards; the first records are changed in $MFTMirr too. A journal's record gets the
-// checksum that its new header asks for.
+// sequences, which are put back afterwards; the first records are changed in $MFTMirr too. A
+// journal's record gets the checksum that its new header asks for.
 #pragma once
 
 #include "crash/recording_resource.hpp"

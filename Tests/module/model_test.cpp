@@ -1,8 +1,8 @@
 // Random requests against a volume and against a plain model of one, which must agree on every
 // answer and every item after every step, and again after the volume was closed and opened.
 //
-// TAVELIN_MODEL_SEED, the first of eight, and TAVELIN_MODEL_STEPS run something else than usual, and
-// TAVELIN_MODEL_SCRIPT replays the script in that file.
+// TAVELIN_MODEL_SEED, the first seed of eight, and TAVELIN_MODEL_STEPS run something else than
+// usual, and TAVELIN_MODEL_SCRIPT replays the script in that file.
 
 #include "system.hpp"
 
