@@ -63,7 +63,7 @@ int ServingThreads::run(size_t count) {
         }
     } catch (const std::system_error& failure) {
         if (threads.empty()) {
-            throw;
+            return failure.code().value();
         }
         log().error(fmt::format("serving with {} threads of {}: {}", threads.size(), count,
                                 failure.code().message()));

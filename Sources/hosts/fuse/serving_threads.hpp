@@ -28,7 +28,7 @@ class ServingThreads {
     ServingThreads& operator=(const ServingThreads&) = delete;
 
     /// Serves with up to `count` threads until the file system is unmounted or stop() is called; 0
-    /// or a host errno. Throws std::system_error when not even one thread can be started.
+    /// or a host errno, also when not even one thread can be started.
     int run(size_t count);
 
     /// Ends run() once the requests being served are answered; what the kernel sends after that is
