@@ -9,6 +9,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace tavelin::test {
 namespace {
 
@@ -122,6 +124,35 @@ TEST_F(MountedVolumeTest, ARenameThatFailsLeavesItsTarget) {
     EXPECT_NE(find("source"), nullptr);
     forget(*find(longName));
     EXPECT_NE(find(longName), nullptr) << "also once nobody has it open";
+}
+
+TEST_F(MountedVolumeTest, ARenameThatFailsLeavesALinkThatHasLostAName) {
+    Node& file = make("first", "content");
+    EXPECT_TRUE(mounted_->volume().addHostName(file.item, root().item, "second"));
+    ASSERT_EQ(find("second"), &file);
+    make("other");
+    ASSERT_TRUE(mounted_->rename(root(), "other", root(), "first", true));
+    make("folder", {}, FSItemType::directory);
+    expectError(mounted_->rename(root(), "folder", root(), "second", true), kENOTDIR);
+    EXPECT_EQ(find("second"), &file);
+    EXPECT_EQ(read(file), "content");
+}
+
+TEST_F(MountedVolumeTest, ANameIsFreeWhoeverParksItsFile) {
+    const std::jthread parking([&](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            EXPECT_TRUE(mounted_->removedFiles().settle());
+        }
+    });
+    Node* last = nullptr;
+    for (int i = 0; i < 2000; ++i) {
+        Node& file = make("file");
+        if (last != nullptr) {
+            forget(*last);
+        }
+        ASSERT_TRUE(mounted_->removeFile(root(), "file"));
+        last = &file;
+    }
 }
 
 TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {

@@ -102,11 +102,13 @@ Outcome<ItemRef> MountedVolume::makingRoom(const Node& folder, std::string_view 
         return made;
     }
     const Outcome<std::optional<Found>> old = find(folder, name);
-    if (!old || !*old || !removed_.contains(inoOf(**old))) {
+    if (!old || (*old && !removed_.contains(inoOf(**old)))) {
         return made;
     }
-    if (const Outcome<void> freed = removed_.freeName(inoOf(**old)); !freed) {
-        return freed.error();
+    if (*old) { // else it has just been parked, by another thread
+        if (const Outcome<void> freed = removed_.freeName(inoOf(**old)); !freed) {
+            return freed.error();
+        }
     }
     return make();
 }

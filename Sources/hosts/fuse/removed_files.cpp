@@ -1,5 +1,6 @@
 #include "hosts/fuse/removed_files.hpp"
 
+#include "core/driver2.hpp"
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
@@ -128,6 +129,7 @@ void RemovedFiles::leaveToOtherNames(const Node& file) {
     if (file.linkCount <= 1) {
         return;
     }
+    // When that cannot be told, its other names show again once nobody has it open.
     const Outcome<size_t> names = volume_.countNames(file.item);
     if (names && *names > 1) {
         release(file.ino);
@@ -138,11 +140,12 @@ void RemovedFiles::giveBack(const Node& file, const Node& folder, std::string_vi
     alone(file.ino, [&](Removal& removal) {
         removal.homeFolder = folder.item.again();
         removal.home = name;
-        return static_cast<bool>(moveHome(removal)); // otherwise tried again when it is released
+        // Where this fails it is tried again when the file is released.
+        return static_cast<bool>(moveHome(removal, file.ino));
     });
 }
 
-Outcome<void> RemovedFiles::moveHome(const Removal& removal) {
+Outcome<void> RemovedFiles::moveHome(const Removal& removal, uint64_t ino) {
     const Outcome<std::optional<Found>> present = volume_.find(removal.homeFolder, removal.home);
     if (!present) {
         return present.error();
@@ -151,7 +154,9 @@ Outcome<void> RemovedFiles::moveHome(const Removal& removal) {
         return volume_.rename(removal.item, removal.folder, removal.name, removal.homeFolder,
                               removal.home, ItemRef());
     }
-    return (*present)->item == removal.item
+    // Told by its number: once another name of the file has been replaced, the volume hands out a
+    // new item for it.
+    return Driver2::ino((*present)->attributes.fileID()) == ino
                ? volume_.remove(removal.item, removal.folder, removal.name)
                : Outcome<void>(fskit::fs_errorForPOSIXError(kEEXIST));
 }
@@ -224,9 +229,9 @@ void RemovedFiles::noteParking(const Outcome<void>& parked) {
                             parked.error().localizedDescription()));
 }
 
-void RemovedFiles::finish(const Removal& removal) {
+void RemovedFiles::finish(const Removal& removal, uint64_t ino) {
     const Outcome<void> done = removal.homeFolder
-                                   ? moveHome(removal)
+                                   ? moveHome(removal, ino)
                                    : volume_.remove(removal.item, removal.folder, removal.name);
     if (!done) {
         noteFailure(done.error(), removal.name);
@@ -246,7 +251,7 @@ void RemovedFiles::release(uint64_t ino) {
         return;
     }
     alone(ino, [&](const Removal& removal) {
-        finish(removal);
+        finish(removal, ino);
         return true;
     });
 }

@@ -84,7 +84,7 @@ class RemovedFiles {
     };
 
     Outcome<void> moveToParking(Removal& removal, uint64_t ino);
-    Outcome<void> moveHome(const Removal& removal);
+    Outcome<void> moveHome(const Removal& removal, uint64_t ino);
     /// Calls `work(removal)` without the lock, alone with this removal; the entry goes when that
     /// answers true. Nothing happens when there is none.
     template<typename Work>
@@ -92,10 +92,10 @@ class RemovedFiles {
     Removal* begin(uint64_t ino);
     void end(uint64_t ino, bool done);
     void put(uint64_t ino, Removal removal);
-    void finish(const Removal& removal);
+    void finish(const Removal& removal, uint64_t ino);
     void noteFailure(const fskit::Error& error, const std::string& name);
-    /// Parks the hidden files that `wanted(removal)` chooses; the first error, if one can be of
-    /// another kind than a lack of room.
+    /// Parks the hidden files that `wanted(removal)` chooses. Of several errors it answers one that
+    /// is no lack of room, where there is one.
     template<typename Wanted>
     Outcome<void> parkWhere(Wanted&& wanted);
     /// Logs the first of several failures to park.
