@@ -222,5 +222,10 @@ TEST_F(MountedVolumeTest, OnlyWhatThisHostParkedIsCleanedUp) {
     EXPECT_EQ(volume_.list(), std::vector<std::string>{parking});
 }
 
+TEST(ShortAliases, MayHaveLettersOfSeveralBytes) {
+    EXPECT_TRUE(fusehost::mayBeAlias("ФОТОГР~1.JPG"));
+    EXPECT_FALSE(fusehost::mayBeAlias("ФОТОГРАФ~1.JPG"));
+}
+
 } // namespace
 } // namespace tavelin::test

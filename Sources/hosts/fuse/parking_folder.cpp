@@ -79,10 +79,10 @@ Outcome<void> ParkingFolder::empty(const ItemRef& folder) {
 
 void ParkingFolder::cleanUp() {
     const Outcome<ItemRef> folder = volume_.lookup(volume_.root(), kName);
-    if (!folder) {
-        return; // the usual case: there is none
+    if (!folder && isCode(folder.error(), kENOENT)) {
+        return; // as is usual
     }
-    if (const Outcome<void> emptied = empty(*folder); !emptied) {
+    if (const Outcome<void> emptied = folder ? empty(*folder) : folder.error(); !emptied) {
         log().error(fmt::format("emptying {}: {}", kName, emptied.error().localizedDescription()));
     }
 }

@@ -1,6 +1,8 @@
 #include "hosts/fuse/stale_names.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
@@ -9,8 +11,10 @@
 namespace tavelin::fusehost {
 
 bool mayBeAlias(std::string_view name) noexcept {
-    constexpr size_t kLongestAlias = 12;
-    return name.size() <= kLongestAlias && name.find('~') != std::string_view::npos;
+    constexpr ptrdiff_t kLongestAlias = 12; // characters, which need not be of one byte
+    const auto beginsCharacter = [](char byte) { return (byte & 0xC0) != 0x80; };
+    return name.find('~') != std::string_view::npos &&
+           std::count_if(name.begin(), name.end(), beginsCharacter) <= kLongestAlias;
 }
 
 StaleNames::StaleNames() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
