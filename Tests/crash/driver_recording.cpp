@@ -52,6 +52,7 @@ const Calls& driverCalls() {
     static const Calls calls{
         {"create", [](auto& root, auto& op) { writeAt(root / op.touches[0], 0, 0); }},
         {"write", [](auto& root, auto& op) { writeAt(root / op.touches[0], 0, 20000); }},
+        {"write much", [](auto& root, auto& op) { writeAt(root / op.touches[0], 0, 300000); }},
         {"append", [](auto& root, auto& op) { writeAt(root / op.touches[0], 9000, 9000); }},
         {"overwrite", [](auto& root, auto& op) { writeAt(root / op.touches[0], 3000, 5000); }},
         {"truncate down", [](auto& root, auto& op) { fs::resize_file(root / op.touches[0], 100); }},

@@ -1,19 +1,17 @@
 #include "crash/power_cut.hpp"
 
+#include "crash/independent_check.hpp"
 #include "hosts/module/module_host.hpp"
 #include "support/replaced_services.hpp"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <optional>
 #include <set>
 
 namespace tavelin::test {
 
 namespace {
-
-constexpr std::size_t kMostExamples = 12;
 
 // The volume after one cut, against what was promised by then.
 class Judge {
@@ -37,7 +35,8 @@ class Judge {
         std::string what;
     };
 
-    std::vector<Finding> judge(Bytes image) {
+    // `check` is absent when it is not to be asked.
+    std::vector<Finding> judge(Bytes image, const IndependentCheck* check) {
         const ReplacedServices services;
         const auto disk = std::make_shared<RecordingResource>(std::move(image));
         ModuleHost host(disk);
@@ -53,6 +52,13 @@ class Judge {
         const Snapshot found = takeSnapshot(host.volume());
         compareReadable(found);
         compare(found);
+        if (check != nullptr) {
+            host.close().get();
+            if (const std::string complaint = check->complaintAbout(disk->image());
+                !complaint.empty()) {
+                findings_.push_back({Fault::inconsistent, complaint});
+            }
+        }
         return std::move(findings_);
     }
 
@@ -98,7 +104,7 @@ class Judge {
                 } else if (!touched || !mayBeAbsent(path, found)) {
                     findings_.push_back({Fault::lost, path});
                 }
-            } else if (!touched && !same(entry, now->second)) {
+            } else if (!touched && !entry.sameAs(now->second)) {
                 findings_.push_back({Fault::damaged, path});
             }
         }
@@ -108,11 +114,11 @@ class Judge {
             }
             const bool known = recording_.states[promised_].entries.contains(path);
             if (touched_.contains(path)) {
-                if (!isMixture(path, entry)) {
-                    const bool isOthers = std::any_of(
-                        touched_.begin(), touched_.end(),
-                        [&, &shown = entry](const auto& other) { return isMixture(other, shown); });
-                    findings_.push_back({isOthers ? Fault::exchanged : Fault::damaged, path});
+                const bool isOthers = std::any_of(
+                    touched_.begin(), touched_.end(),
+                    [&, &shown = entry](const auto& other) { return wasThere(other, shown); });
+                if (!wasThere(path, entry) && isOthers) {
+                    findings_.push_back({Fault::exchanged, path});
                 }
             } else if (!known) {
                 findings_.push_back({Fault::strange, path});
@@ -125,12 +131,12 @@ class Judge {
                 findings_.push_back({Fault::moved, from + " on its way to " + to});
             }
         }
-    }
-
-    // A folder's own times change with its entries, which are compared instead.
-    static bool same(const SnapshotEntry& was, const SnapshotEntry& is) {
-        return was.sameContent(is) &&
-               (was.type == fskit::FSItemType::directory || was.sameTimes(is));
+        if (!atSomeMoment([&](const Snapshot& state) { return state.label == found.label; })) {
+            findings_.push_back({Fault::damaged, "label"});
+        }
+        if (!atSomeMoment([&](const Snapshot& state) { return state.sameAs(found); })) {
+            findings_.push_back({Fault::between, "the volume"});
+        }
     }
 
     bool mayBeAbsent(const std::string& path, const Snapshot& found) const {
@@ -139,40 +145,20 @@ class Judge {
         const auto isReplaced = [&](const auto& move) {
             return move.second == path && found.entries.contains(move.first);
         };
-        return std::any_of(recording_.states.begin() + static_cast<std::ptrdiff_t>(promised_),
-                           recording_.states.end(), isAbsent) ||
-               std::any_of(moves_.begin(), moves_.end(), isReplaced);
+        return atSomeMoment(isAbsent) || std::any_of(moves_.begin(), moves_.end(), isReplaced);
     }
 
-    // Each byte as it was at some moment since the promise, or zero where the file was growing.
-    bool isMixture(const std::string& path, const SnapshotEntry& entry) const {
-        std::vector<const SnapshotEntry*> moments;
-        for (std::size_t i = promised_; i < recording_.states.size(); i++) {
-            const auto at = recording_.states[i].entries.find(path);
-            if (at != recording_.states[i].entries.end()) {
-                if (at->second.sameContent(entry)) {
-                    return true;
-                }
-                moments.push_back(&at->second);
-            }
-        }
-        std::size_t longest = 0;
-        for (const SnapshotEntry* moment : moments) {
-            longest = std::max(longest, moment->content.size());
-        }
-        if (moments.empty() || entry.content.size() > longest) {
-            return false;
-        }
-        for (std::size_t i = 0; i < entry.content.size(); i++) {
-            const auto hadIt = [&](const SnapshotEntry* moment) {
-                return i < moment->content.size() && moment->content[i] == entry.content[i];
-            };
-            if (entry.content[i] != std::byte{0} &&
-                std::none_of(moments.begin(), moments.end(), hadIt)) {
-                return false;
-            }
-        }
-        return true;
+    template<class Predicate>
+    bool atSomeMoment(Predicate predicate) const {
+        return std::any_of(recording_.states.begin() + static_cast<std::ptrdiff_t>(promised_),
+                           recording_.states.end(), predicate);
+    }
+
+    bool wasThere(const std::string& path, const SnapshotEntry& entry) const {
+        return atSomeMoment([&](const Snapshot& state) {
+            const auto at = state.entries.find(path);
+            return at != state.entries.end() && at->second.sameContent(entry);
+        });
     }
 
     const Recording& recording_;
@@ -186,92 +172,29 @@ class Judge {
 
 } // namespace
 
-const char* cutName(Cut cut) {
-    switch (cut) {
-    case Cut::prefix:
-        return "in order";
-    case Cut::torn:
-        return "torn at 512";
-    case Cut::tornPages:
-        return "torn at 4096";
-    case Cut::reordered:
-        break;
-    }
-    return "reordered";
-}
-
-const char* faultName(Fault fault) {
-    switch (fault) {
-    case Fault::notMountable:
-        return "not mountable";
-    case Fault::noFolder:
-        return "folder being changed not listable";
-    case Fault::halfFolder:
-        return "folder being changed lacks entries";
-    case Fault::noFile:
-        return "name being changed not openable";
-    case Fault::exchanged:
-        return "name being changed shows another's";
-    case Fault::moved:
-        return "file being moved has neither name";
-    case Fault::unreadable:
-        return "anything else unreadable";
-    case Fault::lost:
-        return "lost";
-    case Fault::damaged:
-        return "damaged";
-    case Fault::strange:
-        break;
-    }
-    return "strange";
-}
-
-std::uint64_t Verdict::count(Fault fault) const {
-    std::uint64_t sum = 0;
-    for (const auto& [cut, counts] : faults) {
-        const auto at = counts.find(fault);
-        sum += at == counts.end() ? 0 : at->second;
-    }
-    return sum;
-}
-
-void Verdict::add(const Verdict& other) {
-    scripts += other.scripts;
-    cutPoints += other.cutPoints;
-    promises += other.promises;
-    for (const auto& [cut, number] : other.images) {
-        images[cut] += number;
-    }
-    for (const auto& [cut, number] : other.completed) {
-        completed[cut] += number;
-    }
-    for (const auto& [cut, counts] : other.faults) {
-        for (const auto& [fault, number] : counts) {
-            faults[cut][fault] += number;
-        }
-    }
-    for (const std::string& example : other.examples) {
-        if (examples.size() < kMostExamples) {
-            examples.push_back(example);
-        }
-    }
-}
-
 Verdict tryRecording(const Bytes& base, const Script& script, const Recording& recording,
                      const Cuts& cuts) {
     Verdict verdict;
     verdict.scripts = 1;
     std::mt19937_64 random(cuts.seed);
+    static const IndependentCheck check(base);
     const auto tryCut = [&](std::size_t end, Cut cut) {
         Judge judge(script, recording, end);
-        const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random));
+        const bool isChecked = cut == Cut::prefix && random() % cuts.imagesPerCheck == 0;
+        const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random),
+                                          isChecked ? &check : nullptr);
+        const bool isMounted = findings.empty() || findings[0].fault != Fault::notMountable;
+        verdict.checked += isChecked && isMounted ? 1 : 0;
         verdict.images[cut]++;
         verdict.completed[cut] += judge.wasCompleted() ? 1 : 0;
         verdict.promises += judge.promises();
         std::set<Fault> kinds;
         for (const auto& [fault, what] : findings) {
             verdict.faults[cut][fault] += kinds.insert(fault).second ? 1 : 0;
-            if (verdict.examples.size() < kMostExamples) {
+            if (fault == Fault::inconsistent) {
+                verdict.complaints[what]++;
+            }
+            if (verdict.examples.size() < Verdict::kMostExamples) {
                 verdict.examples.push_back(
                     fmt::format("{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
                                 recording.events.size(), cutName(cut), faultName(fault), what));
@@ -279,13 +202,19 @@ Verdict tryRecording(const Bytes& base, const Script& script, const Recording& r
         }
     };
     for (std::size_t end = 0; end <= recording.events.size(); end++) {
-        if (end > 0 && recording.events[end - 1].flush) {
-            continue; // the medium is as it was
+        const auto& promised = recording.promisedAt;
+        const bool isPromise = std::find(promised.begin(), promised.end(), end) != promised.end();
+        const bool isFlush = end > 0 && recording.events[end - 1].flush;
+        if (isFlush && !isPromise) {
+            continue; // the medium is as it was, and so is what must be on it
         }
         verdict.cutPoints++;
         for (const Cut cut : cuts.kinds) {
             const unsigned times = cut == Cut::reordered ? cuts.reorderings : 1;
-            for (unsigned i = 0; i < times && (end > 0 || cut == Cut::prefix); i++) {
+            const bool isNew = cut == Cut::dropped  ? isPromise && end > 0
+                               : cut == Cut::prefix ? !isFlush
+                                                    : end > 0 && !isFlush;
+            for (unsigned i = 0; i < times && isNew; i++) {
                 tryCut(end, cut);
             }
         }
@@ -303,7 +232,7 @@ std::vector<Script> allScripts(bool pairs) {
         for (const Operation& first : allOperations()) {
             scripts.push_back({{&first}, finish});
             for (const Operation& second : allOperations()) {
-                if (pairs && &second != &first) {
+                if (pairs) {
                     scripts.push_back({{&first, &second}, finish});
                 }
             }

@@ -11,7 +11,7 @@
 namespace tavelin::test {
 
 enum class Finish {
-    nothing,     // the power goes before anything was asked to be kept
+    nothing,     // nothing was asked to be kept; the timer flushes after each operation
     synchronise, // after each operation
     unmount,     // at the end
 };

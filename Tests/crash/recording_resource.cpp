@@ -62,7 +62,7 @@ Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::siz
     const bool isTorn = cut == Cut::torn || cut == Cut::tornPages;
     if (isTorn && end > 0) {
         certain = end - 1;
-    } else if (cut == Cut::reordered) {
+    } else if (cut == Cut::reordered || cut == Cut::dropped) {
         while (certain > 0 && !events[certain - 1].flush) {
             certain--;
         }
@@ -77,7 +77,7 @@ Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::siz
         return image;
     }
     std::vector<std::size_t> uncertain;
-    for (std::size_t i = certain; i < end; i++) {
+    for (std::size_t i = certain; i < end && cut == Cut::reordered; i++) {
         if (random() % 2 == 0) {
             uncertain.push_back(i);
         }

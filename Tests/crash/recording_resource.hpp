@@ -55,8 +55,9 @@ class RecordingResource final : public HostResource {
 //   prefix    every write up to `end`, in order
 //   torn      the same, of the last write only some of its sectors of 512 bytes
 //   tornPages the same by 4096 bytes, which disks of today write whole
-//   reordered up to the last flush everything, after it any of the writes, in any order
-enum class Cut { prefix, torn, tornPages, reordered };
+//   reordered up to the last flush everything, after it a random half of the writes, shuffled
+//   dropped   up to the last flush everything, after it nothing
+enum class Cut { prefix, torn, tornPages, reordered, dropped };
 
 // `base` is the medium before the first event; `random` decides about sectors and subsets.
 Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::size_t end, Cut cut,

@@ -67,6 +67,15 @@ bool Snapshot::isHidden(const std::string& path) const {
     return std::any_of(unreadable.begin(), unreadable.end(), holds);
 }
 
+bool Snapshot::sameAs(const Snapshot& other) const {
+    const auto same = [](const auto& mine, const auto& theirs) {
+        return mine.first == theirs.first && mine.second.sameAs(theirs.second);
+    };
+    return label == other.label && unreadable == other.unreadable &&
+           std::equal(entries.begin(), entries.end(), other.entries.begin(), other.entries.end(),
+                      same);
+}
+
 Snapshot takeSnapshot(VolumeClient& volume) {
     Snapshot snapshot;
     snapshot.label = volume.name();

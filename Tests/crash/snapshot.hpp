@@ -25,6 +25,10 @@ struct SnapshotEntry {
     bool sameContent(const SnapshotEntry& other) const {
         return type == other.type && content == other.content && streams == other.streams;
     }
+    // A folder's own times change with its entries, which are compared instead.
+    bool sameAs(const SnapshotEntry& other) const {
+        return sameContent(other) && (type == fskit::FSItemType::directory || sameTimes(other));
+    }
 };
 
 struct Snapshot {
@@ -32,6 +36,7 @@ struct Snapshot {
     std::map<std::string, std::string> unreadable; // what could not be opened, read or listed: why
     std::string label;
 
+    bool sameAs(const Snapshot& other) const;
     // Whether the path is in a folder that could not be listed.
     bool isHidden(const std::string& path) const;
 };
