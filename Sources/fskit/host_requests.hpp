@@ -39,6 +39,9 @@ class HostRequests {
     /// The size in bytes of an extended attribute, which is not read for it.
     virtual void measureXattr(const fskit::FSFileName& name, const fskit::FSItemRef& item,
                               const fskit::CountReply& reply) = 0;
+    /// Has the volume take at once the memory that it would take bit by bit, some 32 MiB: for a
+    /// host that will keep it mounted and wants first requests to be as fast as later ones.
+    virtual void stayReady(const fskit::ErrorReply& reply) = 0;
 };
 
 } // namespace tavelin

@@ -161,6 +161,7 @@ class TavelinVolume final : public fskit::FSVolume,
     void countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) override;
     void measureXattr(const fskit::FSFileName& name, const fskit::FSItemRef& item,
                       const fskit::CountReply& reply) override;
+    void stayReady(const fskit::ErrorReply& reply) override;
 
     /// Never held across a call into `ntfs`.
     mutable Mutex items;

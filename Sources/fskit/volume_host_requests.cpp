@@ -77,4 +77,8 @@ void TavelinVolume::measureXattr(const fskit::FSFileName& named, const fskit::FS
     reply(size.value.value_or(0), size.error);
 }
 
+void TavelinVolume::stayReady(const fskit::ErrorReply& reply) {
+    reply(attempt("mount(options:replyHandler:)", [&] { ntfs->populateCache(); }).error);
+}
+
 } // namespace tavelin

@@ -367,6 +367,13 @@ Outcome<void> VolumeClient::synchronize(fskit::FSSyncFlags flags) {
     return ask<>("synchronize", [&](const auto& reply) { operations_->synchronize(flags, reply); });
 }
 
+Outcome<void> VolumeClient::stayReady() {
+    if (beyond_ == nullptr) {
+        return unsupported();
+    }
+    return ask<>("stayReady", [&](const auto& reply) { beyond_->stayReady(reply); });
+}
+
 Outcome<void> VolumeClient::setName(std::string_view name) {
     if (naming_ == nullptr) {
         return unsupported();

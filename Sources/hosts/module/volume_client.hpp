@@ -115,6 +115,8 @@ class VolumeClient {
 
     // ---- The volume ----------------------------------------------------------------------------
 
+    /// Makes first requests as fast as later ones, see HostRequests.
+    Outcome<void> stayReady();
     /// With flags that wait, success means that everything answered before is on the medium.
     Outcome<void> synchronize(fskit::FSSyncFlags flags = fskit::FSSyncFlags::wait);
     [[nodiscard]] fskit::FSStatFSResult statistics() { return operations_->volumeStatistics(); }
