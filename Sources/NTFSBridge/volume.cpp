@@ -60,6 +60,18 @@ bool has_possible_size(const ntfs_volume& volume) noexcept {
            volume.nr_clusters <= INT64_MAX / volume.cluster_size;
 }
 
+// The library reads both bitmaps to their ends to count what is free, and they may say that they
+// are as long as a number holds. Twice what the device has clusters and records for, and some, is
+// no less than a sound volume may have.
+bool has_possible_bitmaps(const ntfs_volume& volume, uint64_t device_size) noexcept {
+    constexpr uint64_t slack = 1 << 20; // bytes
+    const auto is_possible = [&](const ntfs_attr* bitmap, uint64_t unit) {
+        return static_cast<uint64_t>(bitmap->data_size) <= device_size / unit / 4 + slack;
+    };
+    return is_possible(volume.lcnbmp_na, volume.cluster_size) &&
+           is_possible(volume.mftbmp_na, volume.mft_record_size);
+}
+
 int32_t mount(ntb_vol& vol) noexcept {
     set_library_up();
     errno = 0;
@@ -81,7 +93,8 @@ int32_t mount(ntb_vol& vol) noexcept {
     ntfs_create_lru_caches(vol.volume);
     ntfs_set_shown_files(vol.volume, FALSE, TRUE, FALSE);
     errno = 0;
-    if (!has_possible_size(*vol.volume) || ntfs_volume_get_free_space(vol.volume) != 0) {
+    if (!has_possible_size(*vol.volume) || !has_possible_bitmaps(*vol.volume, vol.io.size) ||
+        ntfs_volume_get_free_space(vol.volume) != 0) {
         const int32_t error = err_or(EIO);
         (void)ntfs_umount(vol.volume, TRUE);
         return error;
