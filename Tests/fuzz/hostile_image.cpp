@@ -186,12 +186,13 @@ void seal(Bytes& image, std::size_t at) {
     std::memcpy(&image[at + kAtChecksum], &sum, sizeof sum);
 }
 
-void apply(Bytes& image, const Change& change) {
-    const std::size_t cluster = clusterSize(image);
+// `seed` is the image before all changes: what its boot sector says still holds.
+void apply(Bytes& image, const Bytes& seed, const Change& change) {
+    const std::size_t cluster = clusterSize(seed);
     switch (change.kind % kKinds) {
     case 0: {
-        const std::size_t table = at<std::uint64_t>(image, 0x30) * cluster;
-        const std::size_t mirror = at<std::uint64_t>(image, 0x38) * cluster;
+        const std::size_t table = at<std::uint64_t>(seed, 0x30) * cluster;
+        const std::size_t mirror = at<std::uint64_t>(seed, 0x38) * cluster;
         const std::size_t record = table + change.number % 128 * kRecord;
         {
             const Fixups none(image, record, kRecord);
@@ -250,7 +251,8 @@ std::uint8_t InputReader::byte() {
 
 Bytes damagedVolume(InputReader& input) {
     const auto& seeds = seedVolumes();
-    Bytes image = seeds[input.byte() % seeds.size()];
+    const Bytes& seed = seeds[input.byte() % seeds.size()];
+    Bytes image = seed;
     const std::uint8_t count = input.byte() % 32;
     std::vector<Change> changes;
     for (std::uint8_t i = 0; i < count && !input.isAtEnd(); i++) {
@@ -263,12 +265,8 @@ Bytes damagedVolume(InputReader& input) {
         change.value = input.byte();
         changes.push_back(change);
     }
-    // A changed boot sector would move what the other changes mean.
-    std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) {
-        return (a.kind % kKinds == 2) < (b.kind % kKinds == 2);
-    });
     for (const Change& change : changes) {
-        apply(image, change);
+        apply(image, seed, change);
     }
     return image;
 }
