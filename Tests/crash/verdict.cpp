@@ -6,49 +6,29 @@
 namespace tavelin::test {
 
 const char* cutName(Cut cut) {
-    switch (cut) {
-    case Cut::prefix:
-        return "in order";
-    case Cut::torn:
-        return "torn at 512";
-    case Cut::tornPages:
-        return "torn at 4096";
-    case Cut::reordered:
-        return "reordered";
-    case Cut::dropped:
-        break;
-    }
-    return "dropped";
+    static const std::map<Cut, const char*> names{{Cut::prefix, "in order"},
+                                                  {Cut::torn, "torn at 512"},
+                                                  {Cut::tornPages, "torn at 4096"},
+                                                  {Cut::reordered, "reordered"},
+                                                  {Cut::dropped, "dropped"}};
+    return names.at(cut);
 }
 
 const char* faultName(Fault fault) {
-    switch (fault) {
-    case Fault::notMountable:
-        return "not mountable";
-    case Fault::noFolder:
-        return "folder being changed not listable";
-    case Fault::halfFolder:
-        return "folder being changed lacks entries";
-    case Fault::noFile:
-        return "name being changed not openable";
-    case Fault::exchanged:
-        return "name being changed shows another's";
-    case Fault::moved:
-        return "file being moved has neither name";
-    case Fault::unreadable:
-        return "anything else unreadable";
-    case Fault::lost:
-        return "lost";
-    case Fault::damaged:
-        return "damaged";
-    case Fault::strange:
-        return "strange";
-    case Fault::between:
-        return "not as at any one moment";
-    case Fault::inconsistent:
-        break;
-    }
-    return "an independent check complains";
+    static const std::map<Fault, const char*> names{
+        {Fault::notMountable, "not mountable"},
+        {Fault::noFolder, "folder being changed not listable"},
+        {Fault::halfFolder, "folder being changed lacks entries"},
+        {Fault::noFile, "name being changed not openable"},
+        {Fault::exchanged, "name being changed shows another's"},
+        {Fault::moved, "file being moved has neither name"},
+        {Fault::unreadable, "anything else unreadable"},
+        {Fault::lost, "lost"},
+        {Fault::damaged, "damaged"},
+        {Fault::strange, "strange"},
+        {Fault::between, "not as at any one moment"},
+        {Fault::inconsistent, "an independent check complains"}};
+    return names.at(fault);
 }
 
 bool Verdict::isSound() const {

@@ -56,18 +56,6 @@ class MountSemantics : public MountTest {
     }
     using Names = std::vector<std::string>;
 
-    // Adds, by the system's own driver, "a long name.txt" with an alias for old programs.
-    void makeAliased() {
-        served_.reset();
-        const TempFolder folder;
-        runOrThrow({"ntfs-3g", volume_->image(), folder.path()});
-        writeFile(folder / "a long name.txt", "content");
-        runOrThrow({"setfattr", "-h", "-n", "system.ntfs_dos_name", "-v", "ALONGN~1.TXT",
-                    folder / "a long name.txt"});
-        runOrThrow({"umount", folder.path()});
-        mount();
-    }
-
     static struct stat statusOf(int fd) {
         struct stat status {};
         EXPECT_EQ(::fstat(fd, &status), 0) << std::generic_category().message(errno);
@@ -246,7 +234,7 @@ TEST_F(MountSemantics, NamesThatDifferInCaseAreDifferentNames) {
 }
 
 TEST_F(MountSemantics, ShortAliasesComeAndGoWithTheirFile) {
-    makeAliased();
+    changeByDriver(addAliased);
     EXPECT_EQ(names(), Names{"a long name.txt"});
     EXPECT_EQ(readFile(*this / "ALONGN~1.TXT"), "content");
     // Its record counts two names, but it has one to lose.
@@ -272,7 +260,7 @@ TEST_F(MountSemantics, WhatHappensToAShortAliasHappensToTheLongName) {
     for (const std::string change : {"remove", "rename", "replace"}) {
         SCOPED_TRACE(change);
         mountFresh(64 * kMiB);
-        makeAliased();
+        changeByDriver(addAliased);
         EXPECT_EQ(readFile(*this / lng), "content");
         writeFile(*this / "other", "other");
         if (change == "remove") {
@@ -295,14 +283,11 @@ TEST_F(MountSemantics, WhatHappensToAShortAliasHappensToTheLongName) {
 }
 
 TEST_F(MountSemantics, OtherNamesOfAFileOutliveOne) {
-    served_.reset();
-    const TempFolder folder;
-    runOrThrow({"ntfs-3g", volume_->image(), folder.path()});
-    writeFile(folder / "first", "shared");
-    fs::create_hard_link(folder / "first", folder / "second");
-    fs::create_hard_link(folder / "first", folder / "third");
-    runOrThrow({"umount", folder.path()});
-    mount();
+    changeByDriver([](const TempFolder& folder) {
+        writeFile(folder / "first", "shared");
+        fs::create_hard_link(folder / "first", folder / "second");
+        fs::create_hard_link(folder / "first", folder / "third");
+    });
     EXPECT_EQ(fs::hard_link_count(*this / "first"), 3u);
     const Descriptor open(*this / "first", O_RDWR);
     fs::remove(*this / "first");

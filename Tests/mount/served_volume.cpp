@@ -140,6 +140,23 @@ void MountTest::TearDown() {
     }
 }
 
+void MountTest::changeByDriver(const std::function<void(const TempFolder& folder)>& change) {
+    served_.reset();
+    {
+        const TempFolder folder;
+        runOrThrow({"ntfs-3g", volume_->image(), folder.path()});
+        change(folder);
+        runOrThrow({"umount", folder.path()});
+    }
+    mount();
+}
+
+void MountTest::addAliased(const TempFolder& folder) {
+    writeFile(folder / "a long name.txt", "content");
+    runOrThrow({"setfattr", "-h", "-n", "system.ntfs_dos_name", "-v", "ALONGN~1.TXT",
+                folder / "a long name.txt"});
+}
+
 void expectToLast(const SampleVolume& volume, std::unique_ptr<ServedVolume>& served) {
     const Tree before = readTree(served->folder());
     EXPECT_EQ(served->unmount(), 0) << served->printed();

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 
@@ -54,6 +55,10 @@ class MountTest : public testing::Test {
     // Mounts the test's volume anew; with `bytes`, a fresh one of that size.
     void mount(const std::string& options = {});
     void mountFresh(uint64_t bytes, const std::string& options = {});
+    // Has the system's own driver mount the volume for `change`, and mounts it anew.
+    void changeByDriver(const std::function<void(const TempFolder& folder)>& change);
+    // Such a change: "a long name.txt", with an alias for old programs.
+    static void addAliased(const TempFolder& folder);
     std::filesystem::path operator/(const std::string& name) const { return *served_ / name; }
     std::string path(const std::string& name) const { return (*this / name).string(); }
 
