@@ -1,0 +1,49 @@
+// The boot sector of an NTFS volume: where everything else is found.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+namespace ntb {
+
+struct boot_sector {
+    uint64_t sector_size = 0;      // bytes, a power of two from 256 to 4096
+    uint64_t cluster_size = 0;     // bytes, a power of two up to 2 MiB
+    uint64_t sectors = 0;          // of the volume, without the backup boot sector behind it
+    uint64_t record_size = 0;      // bytes of a file record, a power of two from 1024 to 4096
+    uint64_t index_block_size = 0; // bytes, a power of two from 512 to 64 KiB
+    uint64_t mft_lcn = 0;          // cluster of the first record of $MFT
+    uint64_t mftmirr_lcn = 0;      // the same of $MFTMirr
+    uint64_t serial = 0;
+
+    [[nodiscard]] uint64_t clusters() const noexcept {
+        return sectors / (cluster_size / sector_size);
+    }
+};
+
+enum class boot_fault {
+    none,
+    not_ntfs,         // the system's name is not in it
+    sector_size,      // no power of two in range
+    cluster_size,     // the same
+    record_size,      // the same
+    index_block_size, // the same
+    size,             // no clusters
+    mft,              // a table begins outside the volume
+};
+
+constexpr uint64_t boot_sector_bytes = 512;
+// Smallest and largest file record in bytes.
+constexpr uint64_t record_size_min = 1024;
+constexpr uint64_t record_size_max = 4096;
+constexpr uint64_t cluster_size_max = 2u << 20;
+constexpr uint64_t index_block_size_max = 64u << 10;
+
+// Fills `boot` in as far as `fault` allows: all of it for none.
+[[nodiscard]] boot_fault parse_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes,
+                                           boot_sector& boot) noexcept;
+
+// "the size of a cluster", for messages.
+[[nodiscard]] const char* describe(boot_fault fault) noexcept;
+
+} // namespace ntb

@@ -1,0 +1,118 @@
+// A file record and its attributes, read where they lie.
+//
+// Views own nothing: they are valid as long as the record's bytes are. Everything in a record is
+// the disk's word; what a view offers has been checked to lie inside the record.
+#pragma once
+
+#include "NTFSBridge/ondisk/layout.hpp"
+#include "NTFSBridge/ondisk/little_endian.hpp"
+
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+namespace ntb {
+
+// The header of a record whose fixups have been applied. `bytes` is a whole record.
+class record_view {
+  public:
+    explicit record_view(std::span<const uint8_t> bytes) noexcept : bytes_(bytes) {}
+
+    [[nodiscard]] std::span<const uint8_t> bytes() const noexcept { return bytes_; }
+    [[nodiscard]] bool has_magic() const noexcept { return std::memcmp(at(0), "FILE", 4) == 0; }
+    [[nodiscard]] uint16_t usa_offset() const noexcept { return u16_at(at(0), 0x04); }
+    [[nodiscard]] uint64_t lsn() const noexcept { return u64_at(at(0), 0x08); }
+    [[nodiscard]] uint16_t sequence() const noexcept { return u16_at(at(0), 0x10); }
+    [[nodiscard]] uint16_t links() const noexcept { return u16_at(at(0), 0x12); }
+    [[nodiscard]] uint16_t attributes_offset() const noexcept { return u16_at(at(0), 0x14); }
+    [[nodiscard]] uint16_t flags() const noexcept { return u16_at(at(0), 0x16); }
+    [[nodiscard]] bool in_use() const noexcept { return (flags() & record_in_use) != 0; }
+    [[nodiscard]] uint32_t used() const noexcept { return u32_at(at(0), 0x18); }
+    [[nodiscard]] uint32_t allocated() const noexcept { return u32_at(at(0), 0x1c); }
+    // 0 in a base record.
+    [[nodiscard]] uint64_t base() const noexcept { return u64_at(at(0), 0x20); }
+    [[nodiscard]] uint16_t next_instance() const noexcept { return u16_at(at(0), 0x28); }
+    // Only where the update sequence does not lie over it, as in volumes before Windows XP.
+    [[nodiscard]] bool has_number() const noexcept { return usa_offset() >= 0x30; }
+    [[nodiscard]] uint32_t number() const noexcept { return u32_at(at(0), 0x2c); }
+
+  private:
+    [[nodiscard]] const uint8_t* at(uint64_t offset) const noexcept {
+        return bytes_.data() + offset;
+    }
+
+    std::span<const uint8_t> bytes_;
+};
+
+// One attribute, or one extent of it. Made by attribute_reader only.
+class attribute_view {
+  public:
+    attribute_view() = default;
+    explicit attribute_view(std::span<const uint8_t> bytes) noexcept : bytes_(bytes) {}
+
+    [[nodiscard]] std::span<const uint8_t> bytes() const noexcept { return bytes_; }
+    [[nodiscard]] uint32_t type() const noexcept { return u32_at(at(0), 0x00); }
+    [[nodiscard]] bool is_resident() const noexcept { return bytes_[0x08] == 0; }
+    [[nodiscard]] uint8_t name_length() const noexcept { return bytes_[0x09]; } // UTF-16 units
+    [[nodiscard]] std::span<const uint8_t> name() const noexcept {              // UTF-16LE
+        return bytes_.subspan(name_length() == 0 ? 0 : u16_at(at(0), 0x0a), name_length() * 2u);
+    }
+    [[nodiscard]] uint16_t flags() const noexcept { return u16_at(at(0), 0x0c); }
+    [[nodiscard]] bool is_compressed() const noexcept {
+        return (flags() & attribute_compression_mask) != 0;
+    }
+    [[nodiscard]] bool is_sparse() const noexcept { return (flags() & attribute_sparse) != 0; }
+    [[nodiscard]] uint16_t instance() const noexcept { return u16_at(at(0), 0x0e); }
+
+    // Of resident attributes.
+    [[nodiscard]] std::span<const uint8_t> value() const noexcept {
+        return bytes_.subspan(u16_at(at(0), 0x14), u32_at(at(0), 0x10));
+    }
+    [[nodiscard]] bool is_indexed() const noexcept { return (bytes_[0x16] & 1) != 0; }
+
+    // Of the others. Sizes are bytes, and valid where the lowest VCN is 0.
+    [[nodiscard]] uint64_t lowest_vcn() const noexcept { return u64_at(at(0), 0x10); }
+    [[nodiscard]] uint64_t highest_vcn() const noexcept { return u64_at(at(0), 0x18); }
+    [[nodiscard]] uint8_t compression_unit() const noexcept { return bytes_[0x22]; } // power of two
+    [[nodiscard]] uint64_t allocated_size() const noexcept { return u64_at(at(0), 0x28); }
+    [[nodiscard]] uint64_t data_size() const noexcept { return u64_at(at(0), 0x30); }
+    [[nodiscard]] uint64_t initialized_size() const noexcept { return u64_at(at(0), 0x38); }
+    // Bytes in clusters, of attributes with holes.
+    [[nodiscard]] bool has_total_allocated() const noexcept {
+        return lowest_vcn() == 0 && (is_compressed() || is_sparse()) && bytes_.size() >= 0x48;
+    }
+    [[nodiscard]] uint64_t total_allocated() const noexcept { return u64_at(at(0), 0x40); }
+    [[nodiscard]] std::span<const uint8_t> mapping_pairs() const noexcept {
+        return bytes_.subspan(u16_at(at(0), 0x20));
+    }
+
+  private:
+    [[nodiscard]] const uint8_t* at(uint64_t offset) const noexcept {
+        return bytes_.data() + offset;
+    }
+
+    std::span<const uint8_t> bytes_;
+};
+
+// Walks the attributes of a record in their order.
+class attribute_reader {
+  public:
+    enum class result {
+        attribute,
+        end,       // the end marker, inside the used bytes
+        malformed, // what follows cannot be read: lengths that do not fit, or no end marker
+    };
+
+    explicit attribute_reader(const record_view& record) noexcept;
+
+    // Fills `attribute` in for result::attribute.
+    [[nodiscard]] result next(attribute_view& attribute) noexcept;
+    // Where the next attribute begins, or after the end the end marker, in bytes of the record.
+    [[nodiscard]] uint64_t position() const noexcept { return position_; }
+
+  private:
+    std::span<const uint8_t> used_;
+    uint64_t position_ = 0;
+};
+
+} // namespace ntb
