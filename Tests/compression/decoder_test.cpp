@@ -1,0 +1,161 @@
+#include "compression/chunk_trial.hpp"
+
+#include <gtest/gtest.h>
+
+namespace tavelin::test {
+namespace {
+
+using compression::Format;
+
+constexpr Format kFormats[] = {Format::xpress4K, Format::xpress8K, Format::xpress16K,
+                               Format::lzx32K};
+
+TEST(Decoders, AgreeWithLibwimOnRandomChunks) {
+    for (const Format format : kFormats) {
+        ChunkTrial trial(format, 20'260'101);
+        for (int i = 0; i < 400; i++) {
+            const auto difference = trial.run();
+            ASSERT_FALSE(difference)
+                << *difference << ", format " << static_cast<int>(format) << ", chunk " << i;
+        }
+        EXPECT_LT(trial.incompressible(), 100U);
+    }
+}
+
+TEST(Decoders, RefuseAChunkThatIsCutOff) {
+    std::mt19937_64 random(7);
+    for (const Format format : kFormats) {
+        Oracle oracle(format);
+        for (int i = 0; i < 20; i++) {
+            const Bytes chunk = makeChunk(random, 2000);
+            const Bytes packed = oracle.compress(chunk);
+            for (std::size_t size = 0; size < packed.size(); size++) {
+                Bytes output(chunk.size());
+                // The last word may be all padding.
+                ASSERT_TRUE(!decode(format, std::span(packed).first(size), output) ||
+                            (output == chunk && size + 4 >= packed.size()))
+                    << size << " of " << packed.size();
+            }
+        }
+    }
+}
+
+/// Writes LZX by hand: what libwim's encoder never makes.
+class LzxWriter {
+  public:
+    void put(std::uint32_t value, unsigned bits) {
+        for (unsigned bit = bits; bit-- > 0;) {
+            word_ = word_ << 1 | (value >> bit & 1);
+            if (++count_ % 16 == 0) {
+                flushWord();
+            }
+        }
+    }
+
+    /// A block of plain bytes, with the recent distances that it sets.
+    void putUncompressed(std::span<const std::uint8_t> bytes, std::uint32_t distance) {
+        put(3, 3);
+        put(0, 1);
+        put(static_cast<std::uint32_t>(bytes.size()), 16);
+        do { // up to a word's end, by one bit at least
+            put(0, 1);
+        } while (count_ % 16 != 0);
+        for (int i = 0; i < 3; i++) {
+            for (unsigned shift = 0; shift < 32; shift += 8) {
+                output_.push_back(static_cast<std::uint8_t>(distance >> shift));
+            }
+        }
+        output_.insert(output_.end(), bytes.begin(), bytes.end());
+        if (bytes.size() % 2 != 0) {
+            output_.push_back(0);
+        }
+    }
+
+    /// A block of two matches with the most recent distance, of 2 bytes each, and no literals.
+    void putRepeats() {
+        put(1, 3);
+        put(0, 1);
+        put(4, 16);
+        putLengths(256, {});
+        putLengths(240, {{0, 1}, {1, 1}}); // slot 0, lengths 2 and 3
+        putLengths(249, {});
+        put(0, 2);
+    }
+
+    [[nodiscard]] const Bytes& output() const { return output_; }
+
+  private:
+    /// Code lengths that are zero but for those named, which come first. As the block is the first
+    /// one with codes, the differences are to zero.
+    void putLengths(unsigned symbols, const std::vector<std::pair<unsigned, unsigned>>& ones) {
+        // The code for the differences: 16 (a length of 1) and 17 (4 to 19 zeros) and 0.
+        for (unsigned symbol = 0; symbol < 20; symbol++) {
+            put(symbol == 17 ? 1 : symbol == 16 || symbol == 0 ? 2 : 0, 4);
+        }
+        const auto putZero = [&] { put(2, 2); };
+        unsigned next = static_cast<unsigned>(ones.size());
+        for (unsigned i = 0; i < next; i++) {
+            put(3, 2);
+        }
+        for (; symbols - next >= 19; next += 19) {
+            put(0, 1);
+            put(15, 4);
+        }
+        for (; next < symbols; next++) {
+            putZero();
+        }
+    }
+
+    void flushWord() {
+        output_.push_back(static_cast<std::uint8_t>(word_));
+        output_.push_back(static_cast<std::uint8_t>(word_ >> 8));
+        word_ = 0;
+    }
+
+    Bytes output_;
+    std::uint32_t word_ = 0;
+    unsigned count_ = 0;
+};
+
+void expectAsLibwim(const LzxWriter& writer, std::size_t size, bool isValid) {
+    Oracle oracle(Format::lzx32K);
+    Bytes ours(size);
+    Bytes theirs(size);
+    EXPECT_EQ(decode(Format::lzx32K, writer.output(), ours), isValid);
+    EXPECT_EQ(oracle.decompress(writer.output(), theirs), isValid);
+    if (isValid) {
+        EXPECT_EQ(ours, theirs);
+    }
+}
+
+TEST(LzxDecoder, ReadsUncompressedBlocksBetweenOthers) {
+    const Bytes bytes = {'a', 'b', 'c', 'd', 'e'};
+    for (const std::uint32_t distance : {1U, 5U, 6U, 0U, 0xffffffffU}) {
+        LzxWriter writer;
+        writer.putUncompressed(bytes, distance);
+        writer.putRepeats();
+        writer.putUncompressed(std::span(bytes).first(4), 1);
+        SCOPED_TRACE(distance);
+        expectAsLibwim(writer, 13, distance == 1 || distance == 5);
+    }
+}
+
+TEST(LzxDecoder, TranslatesCallsUpToTheLastTenBytes) {
+    for (const std::size_t size : {5U, 9U, 10U, 11U, 12U, 20U, 64U}) {
+        for (std::size_t position = 0; position + 5 <= size; position++) {
+            for (const std::uint32_t target : {0U, 5U, 11'999'999U, 12'000'000U, 0xffffffffU,
+                                               0U - static_cast<std::uint32_t>(position)}) {
+                Bytes bytes(size, 0x11);
+                bytes[position] = 0xe8;
+                std::memcpy(&bytes[position + 1], &target, sizeof target);
+                LzxWriter writer;
+                writer.putUncompressed(bytes, 1);
+                SCOPED_TRACE(testing::Message() << size << " " << position << " " << target);
+                expectAsLibwim(writer, size, true);
+            }
+        }
+    }
+}
+
+} // namespace
+} // namespace tavelin::test
