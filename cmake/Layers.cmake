@@ -3,6 +3,9 @@
 # One static library per folder of Sources/, named after the folder. Includes are written from
 # Sources/ ("core/ntfs_volume.hpp"). DEPENDS names the layers below, whose headers may appear in
 # this layer's public headers; LIBRARIES are outside libraries used by the implementation.
+#
+# The sources of a layer are compiled a few at a time, since most of the time would go into the same
+# headers again: names in their anonymous namespaces are distinct throughout the layer.
 function(tavelin_layer name)
   cmake_parse_arguments(ARG "" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
@@ -13,6 +16,7 @@ function(tavelin_layer name)
     target_link_libraries(${name} PUBLIC tavelin::${layer})
   endforeach()
   target_link_libraries(${name} PRIVATE tavelin_flags ${ARG_LIBRARIES})
+  set_target_properties(${name} PROPERTIES UNITY_BUILD ${TAVELIN_UNITY} UNITY_BUILD_BATCH_SIZE 8)
   if(TAVELIN_SANITIZE)
     target_link_options(${name} PUBLIC -fsanitize=${TAVELIN_SANITIZE})
   endif()

@@ -5,6 +5,7 @@ option(TAVELIN_WERROR "Treat warnings as errors" ON)
 option(TAVELIN_HOSTS "Build the command line and the FUSE host" ON)
 option(TAVELIN_FUSE "Build the FUSE host" ON)
 option(TAVELIN_BINDING "Build and run the FSKit binding on GNUstep (needs clang)" OFF)
+option(TAVELIN_UNITY "Compile several sources at once; OFF for tools that read the commands" ON)
 set(TAVELIN_SANITIZE "" CACHE STRING "Sanitizers to build with, as given to -fsanitize=")
 
 set(CMAKE_CXX_STANDARD 20)

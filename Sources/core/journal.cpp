@@ -13,8 +13,7 @@ namespace tavelin {
 
 namespace {
 
-constexpr std::uint64_t kPage = LogFile::kPage;
-constexpr std::uint64_t kStretch = 256 * kPage; ///< longest write of a record
+constexpr std::uint64_t kStretch = 256 * LogFile::kPage; ///< longest write of a record
 
 std::uint64_t randomNumber() {
     std::random_device source;

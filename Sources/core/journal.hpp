@@ -70,6 +70,7 @@ class Journal {
     [[nodiscard]] bool isUsed() const noexcept { return used_ > kBegin; }
 
   private:
+    static constexpr std::uint64_t kPage = LogFile::kPage;
     static constexpr std::uint64_t kBegin = 64u << 10; ///< bytes in $LogFile, a power of two
     static constexpr std::uint64_t kLeast = 128u << 10;
     static constexpr std::uint64_t kMost = 32u << 20; ///< bytes of records

@@ -10,7 +10,6 @@ namespace tavelin {
 
 namespace {
 
-constexpr std::uint64_t kPage = LogFile::kPage;
 constexpr std::uint64_t kLargestHeld = 64u << 10; ///< bytes of a write
 constexpr std::uint64_t kLongestRun = 256;        ///< pages written in one go
 

@@ -61,6 +61,8 @@ class JournaledDevice final : public BlockDevice {
     void expectFileData(bool on) noexcept override { hasFileData_ = on; }
 
   private:
+    static constexpr std::uint64_t kPage = LogFile::kPage;
+
     [[nodiscard]] std::uint64_t lengthOf(std::uint64_t page) const noexcept;
     /// The first page from `page` on that waits or that the journal has.
     [[nodiscard]] std::uint64_t nextJournaled(std::uint64_t page) const noexcept;

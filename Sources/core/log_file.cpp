@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::uint32_t kMostExtents = 64;
 constexpr std::byte kBlank{0xff};
-constexpr std::uint64_t kStretch = 256 * LogFile::kPage; // blanked at a time
+constexpr std::uint64_t kBlankedAtOnce = 256 * LogFile::kPage; // bytes
 
 } // namespace
 
@@ -94,7 +94,7 @@ std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blan
 
 std::int32_t LogFile::makeBlank(std::uint64_t begin, std::uint64_t end) noexcept {
     try {
-        const std::vector<std::byte> blank(std::min(end - begin, kStretch), kBlank);
+        const std::vector<std::byte> blank(std::min(end - begin, kBlankedAtOnce), kBlank);
         for (; begin < end; begin += blank.size()) {
             const std::uint64_t count = std::min<std::uint64_t>(end - begin, blank.size());
             if (const std::int32_t error = write(blank.data(), begin, count); error != 0) {

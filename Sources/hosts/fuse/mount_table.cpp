@@ -45,7 +45,7 @@ std::optional<MountEntry> parse(const std::string& line) {
 }
 
 // The exit status of a child, once it has ended.
-int statusOf(pid_t child) {
+int exitStatusOf(pid_t child) {
     int status = 0;
     while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
     }
@@ -64,7 +64,7 @@ int runFusermount(const std::filesystem::path& folder, bool lazy) {
         return failed;
     }
     // It says why on standard error only; a folder in use is by far the likeliest reason.
-    return statusOf(child) == 0 ? 0 : EBUSY;
+    return exitStatusOf(child) == 0 ? 0 : EBUSY;
 }
 
 int flagsOf(bool lazy) {
@@ -103,7 +103,7 @@ int unmountOwnFolder(const std::filesystem::path& folder, bool lazy) {
     if (child == -1) {
         return errno;
     }
-    const int status = statusOf(child);
+    const int status = exitStatusOf(child);
     return status == EPERM ? runFusermount(folder, lazy) : status;
 }
 
