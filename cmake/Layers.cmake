@@ -1,13 +1,14 @@
-# tavelin_layer(NAME DEPENDS layer... LIBRARIES lib... SOURCES file...)
+# tavelin_layer(NAME [SEPARATE] DEPENDS layer... LIBRARIES lib... SOURCES file...)
 #
 # One static library per folder of Sources/, named after the folder. Includes are written from
 # Sources/ ("core/ntfs_volume.hpp"). DEPENDS names the layers below, whose headers may appear in
 # this layer's public headers; LIBRARIES are outside libraries used by the implementation.
 #
 # The sources of a layer are compiled a few at a time, since most of the time would go into the same
-# headers again: names in their anonymous namespaces are distinct throughout the layer.
+# headers again: names in their anonymous namespaces are distinct throughout the layer. SEPARATE
+# compiles each alone, for a layer whose files are twins.
 function(tavelin_layer name)
-  cmake_parse_arguments(ARG "" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "SEPARATE" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   add_library(tavelin::${name} ALIAS ${name})
   set_target_properties(${name} PROPERTIES OUTPUT_NAME tavelin_${name})
@@ -16,7 +17,9 @@ function(tavelin_layer name)
     target_link_libraries(${name} PUBLIC tavelin::${layer})
   endforeach()
   target_link_libraries(${name} PRIVATE tavelin_flags ${ARG_LIBRARIES})
-  set_target_properties(${name} PROPERTIES UNITY_BUILD ${TAVELIN_UNITY} UNITY_BUILD_BATCH_SIZE 8)
+  if(TAVELIN_UNITY AND NOT ARG_SEPARATE)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+  endif()
   if(TAVELIN_SANITIZE)
     target_link_options(${name} PUBLIC -fsanitize=${TAVELIN_SANITIZE})
   endif()
