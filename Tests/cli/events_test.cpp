@@ -36,7 +36,7 @@ TEST_F(Events, ReadFromAnOffsetOn) {
     EXPECT_EQ(first.front().at("ev"), "module_start");
     const auto offset = first.back().at("offset").get<std::uint64_t>();
 
-    tavelinDone({"check", volume_.image()});
+    tavelinDone({"check", "-q", volume_.image()});
     const auto later =
         parseLines(tavelinDone({"events", "--json", "--since", std::to_string(offset)}));
     EXPECT_EQ(later.front().at("ev"), "module_start");

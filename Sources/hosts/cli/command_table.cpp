@@ -36,8 +36,12 @@ constexpr std::array kCommands{
             defineCat},
     Command{"readlink", kLook, "Print where a symbolic link points to", "[--json] IMAGE PATH...",
             "readlink disk.img latest", defineReadlink},
-    Command{"check", kLook, "Have the module check that the volume can be used",
-            "[-q | -n | -y] [--json] IMAGE", "check -n disk.img", defineCheck},
+    Command{"check", kLook, "Examine a volume's structures and say what is wrong",
+            "[--deep] [-q | -n | -y] [--json] IMAGE",
+            "check disk.img\n"
+            "check --deep /dev/sdb1  ## reads all files, too\n"
+            "check --json disk.img  ## one JSON object a line: the findings, then a summary",
+            defineCheck},
     Command{"get", kCopy, "Copy files and directories out of the volume",
             "[--no-streams] [-q] [--json] IMAGE PATH... [TARGET]",
             "get disk.img photos  ## into the current directory\n"

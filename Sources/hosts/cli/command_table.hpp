@@ -27,8 +27,8 @@ struct Command {
 void defineProbe(CLI::App& command); // volume_commands.cpp
 void defineInfo(CLI::App& command);
 void defineLabel(CLI::App& command);
-void defineCheck(CLI::App& command);
-void defineList(CLI::App& command); // list_commands.cpp
+void defineCheck(CLI::App& command); // check_command.cpp
+void defineList(CLI::App& command);  // list_commands.cpp
 void defineStat(CLI::App& command);
 void defineCat(CLI::App& command); // read_commands.cpp
 void defineReadlink(CLI::App& command);

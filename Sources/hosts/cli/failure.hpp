@@ -14,6 +14,7 @@ enum class ExitStatus : int {
     done = 0,
     failed = 1,
     wrongUsage = 2,
+    unreadable = 3, ///< of `check`: what it is to examine cannot be read
 };
 
 /// Thrown by commands and shown by runCommandLine() behind "tavelin COMMAND: "; with an empty

@@ -1,4 +1,4 @@
-// probe, info, label, check: the volume as a whole.
+// probe, info, label: the volume as a whole.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/terminal.hpp"
@@ -23,7 +23,6 @@ struct VolumeCommand {
     bool json = false;
     bool statistics = false;
     std::string newLabel;
-    std::vector<std::string> checkWords;
 };
 
 void printJSON(const JSON& value) {
@@ -153,23 +152,6 @@ void runLabel(const VolumeCommand& command, bool change) {
     });
 }
 
-void runCheck(const VolumeCommand& command) {
-    withVolume(command.volume, Access::read, [&](Session& session) {
-        const auto checked = session.host().check(command.checkWords);
-        if (!checked && numberOf(checked.error()) == kENOTSUP) {
-            throw Failure("repairing is not offered: use 'chkdsk /f' in Windows");
-        }
-        valueOf(checked, command.volume.image);
-        if (command.json) {
-            printJSON({{"image", command.volume.image}, {"usable", true}});
-            return;
-        }
-        print(fmt::format("{}: can be used. This is no examination of every structure on it: "
-                          "'ntfsfix -n' and Windows' 'chkdsk' look deeper.\n",
-                          shown(command.volume.image)));
-    });
-}
-
 std::shared_ptr<VolumeCommand> defineVolumeCommand(CLI::App& command) {
     auto arguments = std::make_shared<VolumeCommand>();
     addVolume(command, arguments->volume);
@@ -196,19 +178,6 @@ void defineLabel(CLI::App& command) {
     const CLI::Option* const given =
         command.add_option("NEW", arguments->newLabel, "The new label")->type_name("");
     command.callback([arguments, given] { runLabel(*arguments, given->count() > 0); });
-}
-
-void defineCheck(CLI::App& command) {
-    const auto arguments = defineVolumeCommand(command);
-    for (const auto& [word, description] :
-         {std::pair{"-q", "Quick check, also without any of these"},
-          std::pair{"-n", "Verify, repair nothing"},
-          std::pair{"-y", "Repair (not offered: fails)"}}) {
-        command.add_flag_callback(
-            word, [arguments, text = std::string(word)] { arguments->checkWords.push_back(text); },
-            description);
-    }
-    command.callback([arguments] { runCheck(*arguments); });
 }
 
 } // namespace tavelin::cli

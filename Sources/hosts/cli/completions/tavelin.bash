@@ -51,7 +51,7 @@ _tavelin() {
         mkdir) options+=" -p" ;;
         rm) options+=" -r -f" ;;
         ln) options+=" -s" ;;
-        check) options+=" -q -n -y --json" ;;
+        check) options+=" --deep -q -n -y --json" ;;
         mount) options+=" --foreground --trace" ;;
         umount) options="--help" ;;
         events) options="--help --follow --since --json" ;;

@@ -1,0 +1,242 @@
+// check: what the structural check finds, for a person or for a program.
+#include "check/check.hpp"
+#include "core/file_block_device.hpp"
+#include "core/journaled_device.hpp"
+#include "core/ntfs_error.hpp"
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/terminal.hpp"
+#include "hosts/cli/text.hpp"
+#include "hosts/module/image_file.hpp"
+#include "hosts/module/open_error.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <optional>
+
+namespace tavelin::cli {
+namespace {
+
+using JSON = nlohmann::ordered_json;
+
+struct CheckCommand {
+    VolumeArguments volume;
+    bool json = false;
+    bool deep = false;
+    bool quick = false;
+    bool verify = false;
+    bool repair = false;
+};
+
+/// One line each, so that a program reads them as they come.
+void printLine(const JSON& value) {
+    print(value.dump(-1, ' ', false, JSON::error_handler_t::replace) + "\n");
+}
+
+/// The image as the check reads it.
+struct CheckedImage {
+    std::unique_ptr<ImageFile> lock; ///< keeps other programs from changing it meanwhile
+    std::shared_ptr<JournaledDevice> device;
+    std::vector<std::string> notes;
+};
+
+/// The volume as it will be once an interrupted flush is carried to its end.
+CheckedImage openForCheck(const std::string& image) {
+    CheckedImage opened;
+    try {
+        opened.lock = std::make_unique<ImageFile>(image, true);
+    } catch (const OpenError& error) {
+        if (error.reason() != OpenError::Reason::inUse) {
+            throw Failure(openFailure(error).what(), ExitStatus::unreadable);
+        }
+        opened.notes.emplace_back(
+            "another program has it open, perhaps as a mount: it is read as the last flush left "
+            "it, and what changes meanwhile may look like a fault");
+    }
+    try {
+        opened.device =
+            std::make_shared<JournaledDevice>(std::make_shared<FileBlockDevice>(image, 512, true));
+    } catch (const NTFSError& error) {
+        throw Failure(fmt::format("{}: {}", escaped(image), errorText(error.code)),
+                      ExitStatus::unreadable);
+    }
+    if (opened.device->recover(true) == 0 && opened.device->recovered() > 0) {
+        opened.notes.emplace_back("a flush was interrupted: the volume is checked as the next "
+                                  "mount will make it from the journal");
+    }
+    return opened;
+}
+
+JSON asJSON(const check::Finding& finding) {
+    const check::ClassInfo& about = check::info(finding.kind);
+    JSON line{{"class", about.name}, {"severity", check::text(about.severity)}};
+    if (finding.record) {
+        line["record"] = *finding.record;
+    }
+    if (!finding.path.empty()) {
+        line["path"] = finding.path;
+    }
+    line["meaning"] = about.meaning;
+    line["expected"] = finding.expected;
+    line["found"] = finding.found;
+    line["chkdsk"] = about.chkdsk;
+    return line;
+}
+
+void printFinding(const check::Finding& finding) {
+    const check::ClassInfo& about = check::info(finding.kind);
+    std::string where = finding.record ? fmt::format("record {}", *finding.record) : "the volume";
+    if (!finding.path.empty()) {
+        where = fmt::format("{} ({})", shown(finding.path), where);
+    }
+    print(fmt::format("{}: {}: {}\n"
+                      "    {}: expected {}; found {}\n"
+                      "    chkdsk /f {}\n",
+                      painted(check::text(about.severity), Colour::strong), where, about.meaning,
+                      about.name, escaped(finding.expected), escaped(finding.found), about.chkdsk));
+}
+
+void printSummary(const std::string& image, const check::Report& report) {
+    for (const std::string& note : report.notes) {
+        print(fmt::format("note: {}\n", note));
+    }
+    print(fmt::format("{}: {} directories, {} files, {} of {} clusters used\n", shown(image),
+                      report.directories, report.files, report.clustersUsed, report.clusters));
+    if (report.isClean()) {
+        print(fmt::format("{}: nothing is wrong\n", shown(image)));
+        return;
+    }
+    for (std::size_t i = 0; i < report.counts.size(); ++i) {
+        if (report.counts[i] > 0) {
+            print(fmt::format("{:>9}  {}\n", report.counts[i],
+                              check::info(static_cast<check::FindingClass>(i)).name));
+        }
+    }
+    using enum check::Severity;
+    print(fmt::format("{}: {} findings: {} put data at risk, {} are wrong, {} cosmetic\n",
+                      shown(image), report.total(), report.total(dataAtRisk), report.total(wrong),
+                      report.total(cosmetic)));
+}
+
+JSON summaryJSON(const std::string& image, const check::Report& report) {
+    JSON counts = JSON::object();
+    for (std::size_t i = 0; i < report.counts.size(); ++i) {
+        if (report.counts[i] > 0) {
+            counts[check::info(static_cast<check::FindingClass>(i)).name] = report.counts[i];
+        }
+    }
+    return {{"image", image},
+            {"clean", report.isClean()},
+            {"findings", report.total()},
+            {"dataAtRisk", report.total(check::Severity::dataAtRisk)},
+            {"counts", counts},
+            {"directories", report.directories},
+            {"files", report.files},
+            {"clusters", report.clusters},
+            {"clustersUsed", report.clustersUsed},
+            {"notes", report.notes}};
+}
+
+/// What the module answers to a check: whether the volume can be loaded.
+std::optional<std::string> moduleRefusal(const CheckCommand& command, const char* word) {
+    std::optional<std::string> refusal;
+    try {
+        withVolume(command.volume, Access::read, [&](Session& session) {
+            valueOf(session.host().check({word}), command.volume.image);
+        });
+    } catch (const Failure& failure) {
+        refusal = failure.what();
+    }
+    return refusal;
+}
+
+void runQuick(const CheckCommand& command) {
+    if (const auto refusal = moduleRefusal(command, "-q")) {
+        throw Failure(*refusal);
+    }
+    if (command.json) {
+        printLine({{"image", command.volume.image}, {"usable", true}});
+    } else {
+        print(fmt::format("{}: can be used. Its structures were not examined: leave out -q.\n",
+                          shown(command.volume.image)));
+    }
+}
+
+check::Report examine(const CheckCommand& command, BlockDevice& device) {
+    ProgressBar bar(command.json);
+    std::uint64_t done = 0;
+    std::uint64_t total = 0;
+    check::Options options;
+    options.deep = command.deep;
+    options.onProgress = [&](const check::Progress& progress) {
+        throwIfInterrupted();
+        bar.expect(progress.total - std::exchange(total, progress.total));
+        bar.begin(progress.phase);
+        bar.advance(progress.done - std::exchange(done, progress.done));
+        return true;
+    };
+    options.onFinding = [&](const check::Finding& finding) {
+        bar.clear();
+        if (command.json) {
+            printLine(asJSON(finding));
+        } else {
+            printFinding(finding);
+        }
+    };
+    return check::checkVolume(device, options);
+}
+
+void runCheck(const CheckCommand& command) {
+    if (command.repair) {
+        throw Failure("repairing is not offered: use 'chkdsk /f' in Windows");
+    }
+    if (command.quick && !command.deep && !command.verify) {
+        return runQuick(command);
+    }
+    const std::string& image = command.volume.image;
+    takeInterruptions();
+    CheckedImage opened = openForCheck(image);
+    check::Report report = examine(command, *opened.device);
+    opened.device.reset();
+    opened.lock.reset();
+    if (!report.unreadable.empty()) {
+        throw Failure(fmt::format("{}: {}", escaped(image), report.unreadable),
+                      ExitStatus::unreadable);
+    }
+    report.notes.insert(report.notes.begin(), opened.notes.begin(), opened.notes.end());
+    const auto refusal = moduleRefusal(command, "-n");
+    if (command.json) {
+        JSON summary = summaryJSON(image, report);
+        summary["usable"] = !refusal.has_value();
+        printLine(summary);
+    } else {
+        printSummary(image, report);
+        if (refusal) {
+            print(fmt::format("{}: cannot be used now: {}\n", shown(image), *refusal));
+        }
+    }
+    if (!report.isClean()) {
+        flushOutput();
+        throw Failure(""); // it has been told
+    }
+}
+
+} // namespace
+
+void defineCheck(CLI::App& command) {
+    const auto arguments = std::make_shared<CheckCommand>();
+    addVolume(command, arguments->volume);
+    addJSON(command, arguments->json);
+    command.add_flag("--deep", arguments->deep,
+                     "Read the content of all files, too, and try to decompress it");
+    command.add_flag("-q", arguments->quick, "Only ask whether the volume can be used");
+    command.add_flag("-n", arguments->verify, "Examine, repair nothing; also without any of these");
+    command.add_flag("-y", arguments->repair, "Repair (not offered: fails)");
+    command.callback([arguments] { runCheck(*arguments); });
+}
+
+} // namespace tavelin::cli
