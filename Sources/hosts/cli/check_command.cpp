@@ -11,7 +11,6 @@
 #include "hosts/module/open_error.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -231,12 +230,12 @@ void defineCheck(CLI::App& command) {
     const auto arguments = std::make_shared<CheckCommand>();
     addVolume(command, arguments->volume);
     addJSON(command, arguments->json);
-    command.add_flag("--deep", arguments->deep,
-                     "Read the content of all files, too, and try to decompress it");
-    command.add_flag("-q", arguments->quick, "Only ask whether the volume can be used");
-    command.add_flag("-n", arguments->verify, "Examine, repair nothing; also without any of these");
-    command.add_flag("-y", arguments->repair, "Repair (not offered: fails)");
-    command.callback([arguments] { runCheck(*arguments); });
+    addFlag(command, "--deep", arguments->deep,
+            "Read the content of all files, too, and try to decompress it");
+    addFlag(command, "-q", arguments->quick, "Only ask whether the volume can be used");
+    addFlag(command, "-n", arguments->verify, "Examine, repair nothing; also without any of these");
+    addFlag(command, "-y", arguments->repair, "Repair (not offered: fails)");
+    setWork(command, [arguments] { runCheck(*arguments); });
 }
 
 } // namespace tavelin::cli

@@ -1,7 +1,7 @@
 #include "hosts/cli/command_line.hpp"
 
-#include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/failure.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/product.hpp"
@@ -151,31 +151,6 @@ void keepLogOffTerminal() {
 }
 
 } // namespace
-
-void addVolume(CLI::App& command, VolumeArguments& arguments) {
-    command.add_option("IMAGE", arguments.image, "Image file or block device")
-        ->required()
-        ->type_name("");
-    command
-        .add_option("-o", arguments.options, "Volume options, comma separated: ro, windows_names")
-        ->type_name("OPTIONS")
-        ->allow_extra_args(false);
-    command.add_flag("--read-only", arguments.readOnly, "Do not change the volume");
-}
-
-void addJSON(CLI::App& command, bool& json) {
-    command.add_flag("--json", json, "Print JSON");
-}
-
-CLI::Option* addPaths(CLI::App& command, const std::string& name, std::vector<std::string>& paths,
-                      std::size_t least, const std::string& description) {
-    CLI::Option* const option = command.add_option(name, paths, description)->type_name("");
-    if (least > 0) {
-        option->required()->expected(static_cast<int>(least),
-                                     CLI::detail::expected_max_vector_size);
-    }
-    return option;
-}
 
 int runCommandLine(int argc, char** argv) {
     ExitStatus status = ExitStatus::done;

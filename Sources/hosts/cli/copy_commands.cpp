@@ -6,7 +6,6 @@
 #include "hosts/cli/tree_putter.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -221,9 +220,9 @@ std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& wh
     auto arguments = std::make_shared<CopyCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, what);
-    command.add_flag("--no-streams", arguments->noStreams,
-                     "Leave named streams out; else they are \"user.\" attributes on the host");
-    command.add_flag("-q,--quiet", arguments->quiet, "No progress bar");
+    addFlag(command, "--no-streams", arguments->noStreams,
+            "Leave named streams out; else they are \"user.\" attributes on the host");
+    addFlag(command, "-q,--quiet", arguments->quiet, "No progress bar");
     addJSON(command, arguments->json);
     return arguments;
 }
@@ -233,14 +232,14 @@ std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& wh
 void defineGet(CLI::App& command) {
     const auto arguments =
         defineCopy(command, "What to copy; with more than one, the last one says where to");
-    command.callback([arguments] { runGet(*arguments); });
+    setWork(command, [arguments] { runGet(*arguments); });
 }
 
 void definePut(CLI::App& command) {
     const auto arguments = defineCopy(
         command, "What to copy, \"-\" for standard input; with more than one, the last one says "
                  "where to on the volume");
-    command.callback([arguments] { runPut(*arguments); });
+    setWork(command, [arguments] { runPut(*arguments); });
 }
 
 } // namespace tavelin::cli

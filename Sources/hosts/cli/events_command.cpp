@@ -1,5 +1,6 @@
 // events: the module's event log, as it is and as it grows.
 #include "diagnostics/event_log.hpp"
+#include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/file_watch.hpp"
@@ -7,7 +8,6 @@
 #include "hosts/cli/text.hpp"
 #include "platform/product.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -16,8 +16,6 @@
 
 namespace tavelin::cli {
 namespace {
-
-using JSON = nlohmann::json;
 
 struct EventsCommand {
     bool follow = false;
@@ -30,7 +28,7 @@ constexpr std::int64_t kTailBytes = 65'536;
 
 /// "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …"; lines that are no events as they are.
 std::string forPeople(const std::string& line) {
-    const JSON event = JSON::parse(line, nullptr, false);
+    const auto event = nlohmann::json::parse(line, nullptr, false);
     if (!event.is_object()) {
         return escaped(line);
     }
@@ -110,13 +108,11 @@ void runEvents(const EventsCommand& command) {
 
 void defineEvents(CLI::App& command) {
     const auto arguments = std::make_shared<EventsCommand>();
-    command.add_flag("-f,--follow", arguments->follow, "Go on with new events as they come");
-    command
-        .add_option("--since", arguments->since,
-                    "Only what was written after this byte of the log; also says where it ends")
-        ->type_name("OFFSET");
-    command.add_flag("--json", arguments->json, "The log's own lines, one JSON object each");
-    command.callback([arguments] { runEvents(*arguments); });
+    addFlag(command, "-f,--follow", arguments->follow, "Go on with new events as they come");
+    addNumber(command, "--since", arguments->since, "OFFSET",
+              "Only what was written after this byte of the log; also says where it ends");
+    addFlag(command, "--json", arguments->json, "The log's own lines, one JSON object each");
+    setWork(command, [arguments] { runEvents(*arguments); });
 }
 
 } // namespace tavelin::cli

@@ -4,7 +4,6 @@
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -225,11 +224,11 @@ void defineList(CLI::App& command) {
     const auto arguments = std::make_shared<ListCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 0, "What to list; the root without any");
-    command.add_flag("-l", arguments->longForm, "Mode, size in bytes, time of last change, name");
-    command.add_flag("-R", arguments->recursive, "Directories below as well");
-    command.add_flag("-a", arguments->all, "Hidden items and names that begin with \".\" as well");
+    addFlag(command, "-l", arguments->longForm, "Mode, size in bytes, time of last change, name");
+    addFlag(command, "-R", arguments->recursive, "Directories below as well");
+    addFlag(command, "-a", arguments->all, "Hidden items and names that begin with \".\" as well");
     addJSON(command, arguments->json);
-    command.callback([arguments] { runList(*arguments); });
+    setWork(command, [arguments] { runList(*arguments); });
 }
 
 void defineStat(CLI::App& command) {
@@ -237,7 +236,7 @@ void defineStat(CLI::App& command) {
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, "Files, directories or links");
     addJSON(command, arguments->json);
-    command.callback([arguments] { runStat(*arguments); });
+    setWork(command, [arguments] { runStat(*arguments); });
 }
 
 } // namespace tavelin::cli

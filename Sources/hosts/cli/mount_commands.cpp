@@ -1,10 +1,10 @@
 // mount and umount: the command line of the FUSE host.
+#include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/text.hpp"
 #include "hosts/fuse/commands.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <memory>
@@ -46,35 +46,24 @@ void runMount(MountCommand& command) {
 
 void defineMount(CLI::App& command) {
     const auto arguments = std::make_shared<MountCommand>();
-    command.add_option("IMAGE", arguments->image, "Image file or block device")
-        ->required()
-        ->type_name("");
-    command.add_option("DIR", arguments->folder, "The directory to mount on")
-        ->required()
-        ->type_name("");
-    command
-        .add_option("-o", arguments->options,
-                    "Options, comma separated: ro, windows_names, allow_other, power_save, and the "
-                    "kernel's own such as noatime")
-        ->type_name("OPTIONS")
-        ->allow_extra_args(false);
-    command.add_flag("-r,--read-only", arguments->request.readOnly, "Do not change the volume");
-    CLI::Option* const foreground =
-        command.add_flag("-f,--foreground", arguments->request.foreground,
-                         "Serve from this process, until the volume is unmounted");
-    command
-        .add_flag("--trace", arguments->request.trace,
-                  "Print every request on standard error, and their counts at the end")
-        ->needs(foreground); // there is no standard error in the background
-    command.callback([arguments] { runMount(*arguments); });
+    addArgument(command, "IMAGE", arguments->image, "Image file or block device");
+    addArgument(command, "DIR", arguments->folder, "The directory to mount on");
+    addOptionLists(command, arguments->options,
+                   "Options, comma separated: ro, windows_names, allow_other, power_save, and the "
+                   "kernel's own such as noatime");
+    addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
+    addFlag(command, "-f,--foreground", arguments->request.foreground,
+            "Serve from this process, until the volume is unmounted");
+    // There is no standard error in the background.
+    addFlagWith(command, "--foreground", "--trace", arguments->request.trace,
+                "Print every request on standard error, and their counts at the end");
+    setWork(command, [arguments] { runMount(*arguments); });
 }
 
 void defineUnmount(CLI::App& command) {
     const auto folder = std::make_shared<std::string>();
-    command.add_option("DIR", *folder, "The directory that a volume is mounted on")
-        ->required()
-        ->type_name("");
-    command.callback([folder] {
+    addArgument(command, "DIR", *folder, "The directory that a volume is mounted on");
+    setWork(command, [folder] {
         failQuietlyUnless(fusehost::unmountVolume(std::filesystem::absolute(*folder)));
     });
 }

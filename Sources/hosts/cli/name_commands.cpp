@@ -4,9 +4,8 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
+#include <sstream>
 
 namespace tavelin::cli {
 namespace {
@@ -73,7 +72,8 @@ void runMkdir(const NameCommand& command) {
 bool isBelow(const std::string& path, const std::string& directory) {
     const auto plain = [](const std::string& text) {
         std::string result;
-        for (const std::string& component : CLI::detail::split(text, '/')) {
+        std::istringstream components(text);
+        for (std::string component; std::getline(components, component, '/');) {
             if (!component.empty() && component != ".") {
                 result += component + "/";
             }
@@ -161,9 +161,9 @@ void defineMkdir(CLI::App& command) {
     const auto arguments = std::make_shared<NameCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, "Directories to make");
-    command.add_flag("-p", arguments->parents,
-                     "Also what is missing above them; fine when they are there already");
-    command.callback([arguments] { runMkdir(*arguments); });
+    addFlag(command, "-p", arguments->parents,
+            "Also what is missing above them; fine when they are there already");
+    setWork(command, [arguments] { runMkdir(*arguments); });
 }
 
 void defineMove(CLI::App& command) {
@@ -172,17 +172,16 @@ void defineMove(CLI::App& command) {
     addPaths(command, "PATH", arguments->paths, 2,
              "What to move, last the new name or the directory to move into; a file that has the "
              "new name is replaced");
-    command.callback([arguments] { runMove(*arguments); });
+    setWork(command, [arguments] { runMove(*arguments); });
 }
 
 void defineLink(CLI::App& command) {
     const auto arguments = std::make_shared<NameCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 2,
-             "What the link points to, as written, and the link")
-        ->expected(2);
-    command.add_flag("-s", arguments->symbolic, "A symbolic link (the only kind)");
-    command.callback([arguments] { runLink(*arguments); });
+             "What the link points to, as written, and the link", 2);
+    addFlag(command, "-s", arguments->symbolic, "A symbolic link (the only kind)");
+    setWork(command, [arguments] { runLink(*arguments); });
 }
 
 } // namespace tavelin::cli

@@ -6,7 +6,6 @@
 #include "hosts/cli/transfer.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <memory>
@@ -66,7 +65,7 @@ void defineCat(CLI::App& command) {
     const auto arguments = std::make_shared<ReadCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, "Files");
-    command.callback([arguments] { runCat(*arguments); });
+    setWork(command, [arguments] { runCat(*arguments); });
 }
 
 void defineReadlink(CLI::App& command) {
@@ -74,7 +73,7 @@ void defineReadlink(CLI::App& command) {
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, "Symbolic links");
     addJSON(command, arguments->json);
-    command.callback([arguments] { runReadlink(*arguments); });
+    setWork(command, [arguments] { runReadlink(*arguments); });
 }
 
 } // namespace tavelin::cli

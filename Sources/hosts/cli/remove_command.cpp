@@ -4,8 +4,6 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 
 namespace tavelin::cli {
@@ -81,9 +79,9 @@ void defineRemove(CLI::App& command) {
     const auto arguments = std::make_shared<RemoveCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, "What to remove; of links, the link itself");
-    command.add_flag("-r", arguments->recursive, "Directories as well, with all that is in them");
-    command.add_flag("-f", arguments->force, "Do not mind what is not there");
-    command.callback([arguments] { runRemove(*arguments); });
+    addFlag(command, "-r", arguments->recursive, "Directories as well, with all that is in them");
+    addFlag(command, "-f", arguments->force, "Do not mind what is not there");
+    setWork(command, [arguments] { runRemove(*arguments); });
 }
 
 } // namespace tavelin::cli

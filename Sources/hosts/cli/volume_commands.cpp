@@ -5,12 +5,12 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace tavelin::cli {
@@ -22,7 +22,7 @@ struct VolumeCommand {
     VolumeArguments volume;
     bool json = false;
     bool statistics = false;
-    std::string newLabel;
+    std::optional<std::string> newLabel;
 };
 
 void printJSON(const JSON& value) {
@@ -130,17 +130,18 @@ void runInfo(const VolumeCommand& command) {
     });
 }
 
-void runLabel(const VolumeCommand& command, bool change) {
+void runLabel(const VolumeCommand& command) {
+    const bool change = command.newLabel.has_value();
     withVolume(command.volume, change ? Access::change : Access::read, [&](Session& session) {
         if (change) {
             // The volume's name cannot be empty; answered here with what can be done.
-            if (command.newLabel.empty()) {
+            if (command.newLabel->empty()) {
                 throw Failure("a label cannot be empty: name one", ExitStatus::wrongUsage);
             }
-            if (auto set = session.volume().setName(command.newLabel); !set) {
+            if (auto set = session.volume().setName(*command.newLabel); !set) {
                 throw Failure(numberOf(set.error()) == kENAMETOOLONG
                                   ? "the label is too long: NTFS allows 128 UTF-16 units"
-                                  : explain(command.newLabel, set.error()));
+                                  : explain(*command.newLabel, set.error()));
             }
         }
         const std::string label = session.facts().label;
@@ -163,21 +164,20 @@ std::shared_ptr<VolumeCommand> defineVolumeCommand(CLI::App& command) {
 
 void defineProbe(CLI::App& command) {
     const auto arguments = defineVolumeCommand(command);
-    command.callback([arguments] { runProbe(*arguments); });
+    setWork(command, [arguments] { runProbe(*arguments); });
 }
 
 void defineInfo(CLI::App& command) {
     const auto arguments = defineVolumeCommand(command);
-    command.add_flag("--stats", arguments->statistics,
-                     "Also the device and cache counters since the volume was opened");
-    command.callback([arguments] { runInfo(*arguments); });
+    addFlag(command, "--stats", arguments->statistics,
+            "Also the device and cache counters since the volume was opened");
+    setWork(command, [arguments] { runInfo(*arguments); });
 }
 
 void defineLabel(CLI::App& command) {
     const auto arguments = defineVolumeCommand(command);
-    const CLI::Option* const given =
-        command.add_option("NEW", arguments->newLabel, "The new label")->type_name("");
-    command.callback([arguments, given] { runLabel(*arguments, given->count() > 0); });
+    addArgument(command, "NEW", arguments->newLabel, "The new label");
+    setWork(command, [arguments] { runLabel(*arguments); });
 }
 
 } // namespace tavelin::cli

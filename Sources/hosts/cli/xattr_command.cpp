@@ -6,7 +6,6 @@
 #include "hosts/cli/transfer.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -22,7 +21,7 @@ struct XattrCommand {
     VolumeArguments volume;
     std::string action;
     std::string path;
-    std::string name;
+    std::optional<std::string> name;
     std::optional<std::string> value; ///< standard input without
     bool json = false;
 };
@@ -65,18 +64,18 @@ void list(VolumeClient& volume, const ItemRef& item, const XattrCommand& command
 }
 
 void get(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
-    const auto value = valueOf(volume.getXattr(item, command.name), command.name);
+    const auto value = valueOf(volume.getXattr(item, *command.name), *command.name);
     print({reinterpret_cast<const char*>(value.data()), value.size()});
 }
 
 void set(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
     const std::string value = command.value ? *command.value : standardInput();
-    valueOf(volume.setXattr(item, command.name, std::as_bytes(std::span(value))), command.name);
+    valueOf(volume.setXattr(item, *command.name, std::as_bytes(std::span(value))), *command.name);
 }
 
 void runXattr(const XattrCommand& command) {
     const bool changes = command.action == "set" || command.action == "rm";
-    if (command.action != "list" && command.name.empty()) {
+    if (command.action != "list" && command.name.value_or("").empty()) {
         throw Failure(fmt::format("'{}' needs the NAME of a stream; see 'tavelin xattr --help'",
                                   command.action),
                       ExitStatus::wrongUsage);
@@ -91,7 +90,7 @@ void runXattr(const XattrCommand& command) {
         } else if (command.action == "set") {
             set(volume, found.item, command);
         } else {
-            valueOf(volume.removeXattr(found.item, command.name), command.name);
+            valueOf(volume.removeXattr(found.item, *command.name), *command.name);
         }
     });
 }
@@ -100,22 +99,15 @@ void runXattr(const XattrCommand& command) {
 
 void defineXattr(CLI::App& command) {
     const auto arguments = std::make_shared<XattrCommand>();
-    command.add_option("ACTION", arguments->action, "list, get, set or rm")
-        ->required()
-        ->type_name("")
-        ->check(CLI::IsMember({"list", "get", "set", "rm"}));
+    addChoice(command, "ACTION", arguments->action, {"list", "get", "set", "rm"},
+              "list, get, set or rm");
     addVolume(command, arguments->volume);
-    command.add_option("PATH", arguments->path, "File or directory; links are followed")
-        ->required()
-        ->type_name("");
-    command.add_option("NAME", arguments->name, "The stream's name, without a prefix")
-        ->type_name("");
-    command
-        .add_option("VALUE", arguments->value,
-                    "What 'set' writes; standard input, byte by byte, when left out")
-        ->type_name("");
+    addArgument(command, "PATH", arguments->path, "File or directory; links are followed");
+    addArgument(command, "NAME", arguments->name, "The stream's name, without a prefix");
+    addArgument(command, "VALUE", arguments->value,
+                "What 'set' writes; standard input, byte by byte, when left out");
     addJSON(command, arguments->json);
-    command.callback([arguments] { runXattr(*arguments); });
+    setWork(command, [arguments] { runXattr(*arguments); });
 }
 
 } // namespace tavelin::cli

@@ -1,0 +1,72 @@
+#include "hosts/cli/arguments.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <utility>
+
+namespace tavelin::cli {
+
+void addVolume(CLI::App& command, VolumeArguments& arguments) {
+    addArgument(command, "IMAGE", arguments.image, "Image file or block device");
+    addOptionLists(command, arguments.options,
+                   "Volume options, comma separated: ro, windows_names");
+    addFlag(command, "--read-only", arguments.readOnly, "Do not change the volume");
+}
+
+void addJSON(CLI::App& command, bool& json) {
+    addFlag(command, "--json", json, "Print JSON");
+}
+
+void addArgument(CLI::App& command, const std::string& name, std::string& value,
+                 const std::string& description) {
+    command.add_option(name, value, description)->required()->type_name("");
+}
+
+void addChoice(CLI::App& command, const std::string& name, std::string& value,
+               const std::vector<std::string>& choices, const std::string& description) {
+    command.add_option(name, value, description)
+        ->required()
+        ->type_name("")
+        ->check(CLI::IsMember(choices));
+}
+
+void addArgument(CLI::App& command, const std::string& name, std::optional<std::string>& value,
+                 const std::string& description) {
+    // The parser would take an empty word for none.
+    const auto keep = [&value](const std::string& given) { value = given; };
+    command.add_option_function<std::string>(name, keep, description)->type_name("");
+}
+
+void addPaths(CLI::App& command, const std::string& name, std::vector<std::string>& paths,
+              int least, const std::string& description, std::optional<int> most) {
+    CLI::Option* const option = command.add_option(name, paths, description)->type_name("");
+    if (least > 0) {
+        option->required()->expected(least, most.value_or(CLI::detail::expected_max_vector_size));
+    }
+}
+
+void addFlag(CLI::App& command, const std::string& names, bool& value,
+             const std::string& description) {
+    command.add_flag(names, value, description);
+}
+
+void addFlagWith(CLI::App& command, const std::string& other, const std::string& names, bool& value,
+                 const std::string& description) {
+    command.add_flag(names, value, description)->needs(command.get_option(other));
+}
+
+void addOptionLists(CLI::App& command, std::vector<std::string>& lists,
+                    const std::string& description) {
+    command.add_option("-o", lists, description)->type_name("OPTIONS")->allow_extra_args(false);
+}
+
+void addNumber(CLI::App& command, const std::string& names, std::optional<std::uint64_t>& value,
+               const std::string& valueName, const std::string& description) {
+    command.add_option(names, value, description)->type_name(valueName);
+}
+
+void setWork(CLI::App& command, std::function<void()> work) {
+    command.callback(std::move(work));
+}
+
+} // namespace tavelin::cli
