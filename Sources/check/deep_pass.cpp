@@ -12,7 +12,7 @@ namespace {
 
 using enum FindingClass;
 
-constexpr std::uint64_t kChunkBytes = 1u << 20;
+constexpr std::uint64_t kDeepReadBytes = 1u << 20;
 constexpr std::uint64_t kUnitBytesMax = 1u << 20; // of a compression unit
 constexpr std::uint16_t kLznt1 = 1;
 
@@ -46,8 +46,8 @@ class ContentReader {
         const std::uint64_t cluster = volume_.boot.cluster_size;
         for (const ntb::run& run : attribute_.runs) {
             const std::uint64_t bytes = run.is_hole ? 0 : run.length * cluster;
-            for (std::uint64_t at = 0; at < bytes && !volume_.isExhausted(); at += kChunkBytes) {
-                buffer_.resize(std::min(kChunkBytes, bytes - at));
+            for (std::uint64_t at = 0; at < bytes && !volume_.isExhausted(); at += kDeepReadBytes) {
+                buffer_.resize(std::min(kDeepReadBytes, bytes - at));
                 readClusters(run.lcn * cluster + at, run.vcn * cluster + at, buffer_);
             }
         }

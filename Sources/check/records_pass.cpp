@@ -11,7 +11,7 @@ namespace {
 
 using enum FindingClass;
 
-constexpr std::uint64_t kChunkBytes = 1u << 20;
+constexpr std::uint64_t kReadBytes = 1u << 20;
 
 class RecordsPass {
   public:
@@ -24,10 +24,9 @@ class RecordsPass {
         }
         volume_.beginPhase("file records");
         volume_.expect(volume_.recordCount() * size_);
-        std::vector<std::uint8_t> chunk(kChunkBytes);
+        std::vector<std::uint8_t> chunk(kReadBytes);
         for (std::uint64_t first = 0; first < volume_.recordCount();) {
-            const std::uint64_t count =
-                std::min(kChunkBytes / size_, volume_.recordCount() - first);
+            const std::uint64_t count = std::min(kReadBytes / size_, volume_.recordCount() - first);
             const std::span<std::uint8_t> records(chunk.data(), count * size_);
             const bool isRead = volume_.readRawRecords(first, records) == 0;
             for (std::uint64_t i = 0; i < count; ++i) {

@@ -12,9 +12,9 @@ namespace {
 
 using enum FindingClass;
 
-constexpr std::uint64_t kHalf = 256u << 10;   // bytes of descriptors, then as many of their copies
-constexpr std::size_t kHeader = 20;           // bytes of an entry before its descriptor
-constexpr std::size_t kEntriesMax = 4u << 20; // a server with ACLs for each user has thousands
+constexpr std::uint64_t kHalf = 256u << 10; // bytes of descriptors, then as many of their copies
+constexpr std::size_t kDescriptorEntryHeader = 20; // bytes of an entry before its descriptor
+constexpr std::size_t kEntriesMax = 4u << 20;      // a server with ACLs for each user has thousands
 constexpr std::uint32_t kFirstId = 0x100;
 
 struct Descriptor {
@@ -94,12 +94,14 @@ class SecurityPass {
 
     void readHalf(std::uint64_t base, std::uint64_t end, std::span<const std::uint8_t> half,
                   std::span<const std::uint8_t> copy) {
-        for (std::uint64_t at = 0; at + kHeader <= end && descriptors_.size() < kEntriesMax;) {
+        for (std::uint64_t at = 0;
+             at + kDescriptorEntryHeader <= end && descriptors_.size() < kEntriesMax;) {
             const Descriptor entry = parse(half.subspan(at));
             if (entry.id == 0 && entry.length == 0) {
                 return; // the rest of the half is not used
             }
-            if (entry.offset != base + at || entry.length < kHeader || entry.length > end - at) {
+            if (entry.offset != base + at || entry.length < kDescriptorEntryHeader ||
+                entry.length > end - at) {
                 isWhole_ = false;
                 add(securityStream, fmt::format("an entry of offset {}", base + at),
                     fmt::format("id {:#x}, offset {}, {} bytes", entry.id, entry.offset,
@@ -107,7 +109,7 @@ class SecurityPass {
                 return;
             }
             const auto bytes = half.subspan(at, entry.length);
-            const auto descriptor = bytes.subspan(kHeader);
+            const auto descriptor = bytes.subspan(kDescriptorEntryHeader);
             if (securityHash(descriptor) != entry.hash) {
                 add(securityStream, fmt::format("hash {:#x}", securityHash(descriptor)),
                     fmt::format("{:#x} at id {:#x}", entry.hash, entry.id));
@@ -126,7 +128,7 @@ class SecurityPass {
     void compareIndex(std::string_view name, Collation collation, std::size_t keySize,
                       std::uint8_t mark) {
         IndexWalk(volume_, file_, name).run(collation, [&](const IndexEntry& entry) {
-            if (entry.key().size() < keySize || entry.data().size() < kHeader) {
+            if (entry.key().size() < keySize || entry.data().size() < kDescriptorEntryHeader) {
                 add(securityIndex, "a key and a header",
                     fmt::format("{}: {} and {} bytes", name, entry.key().size(),
                                 entry.data().size()));

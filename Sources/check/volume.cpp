@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::uint64_t kClustersMax = std::uint64_t{1} << 32; // of any system's volumes
 constexpr std::uint64_t kRecordsMax = std::uint64_t{1} << 32;
-constexpr int kDepthMax = 512;          // directories that a path is followed through
+constexpr int kPathDepthMax = 512;      // directories that a path is followed through
 constexpr int kMftExtentRoundsMax = 64; // each finds records of $MFT's that the next one needs
 constexpr std::uint64_t kBudgetBase = 64u << 20;
 constexpr std::uint64_t kBudgetFactor = 8;
@@ -173,7 +173,7 @@ std::string Volume::pathOf(std::uint64_t record) {
         return "/";
     }
     std::string path;
-    for (int depth = 0; depth < kDepthMax && record != ntb::record_root; ++depth) {
+    for (int depth = 0; depth < kPathDepthMax && record != ntb::record_root; ++depth) {
         File file;
         FileName name;
         if (!loadFile(record, file)) {
