@@ -4,7 +4,12 @@
 if(NOT APPLE AND NOT DEFINED CMAKE_OBJCXX_COMPILER)
   find_program(CMAKE_OBJCXX_COMPILER NAMES clang++ clang++-14 REQUIRED)
 endif()
+# Enabling clang for one language makes CMake write every language's precompiled headers its way.
+set(extension ${CMAKE_PCH_EXTENSION})
+set(prologue ${CMAKE_PCH_PROLOGUE})
 enable_language(OBJCXX)
+set(CMAKE_PCH_EXTENSION ${extension})
+set(CMAKE_PCH_PROLOGUE ${prologue})
 set(CMAKE_OBJCXX_STANDARD 20)
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
 set(CMAKE_OBJCXX_EXTENSIONS OFF)
