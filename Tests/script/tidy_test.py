@@ -34,6 +34,9 @@ FORBIDDEN = [
     ("error_numbers", "Sources/core/a.cpp", "throw NTFSError(6);\n"),
     ("error_numbers", "Sources/hosts/cli/a.cpp", "if (error.code == 66) {}\n"),
     ("error_numbers", "Sources/fskit/volume.cpp", "reply(ENOENT);\n"),
+    ("pipes", "script/a", "#!/bin/bash\nls |\n    grep -qx a\n"),
+    ("pipes", "script/lib/a.sh", "ls | sort | grep -E -q a && b\n"),
+    ("pipes", "packaging/a", "#!/bin/sh\nls \\\n  | head -n 1\n"),
     ("unfinished", "docs/a.md", "TO" + "DO: more\n"),
     ("words", "Sources/core/a.cpp", "// as the sp" + "ec says\n"),
     ("words", "docs/sp" + "ec_notes.md", "Notes\n"),
@@ -55,6 +58,7 @@ ALLOWED = [
     ("Sources/core/b.cpp", "void f() {\n" + "    g();\n" * 68 + "}\n"),
     ("Tests/core/a.cpp", '#include "core/private/b.hpp"\n#include "support/temp_folder.hpp"\n'),
     ("docs/a.md", "a" * 200 + "\n"),
+    ("script/a", "#!/bin/bash\nhead -c 9 a | wc -c\ngrep -q a <<<b || grep -q b c\nls | grep a\n"),
 ]
 
 

@@ -2,7 +2,7 @@
 # install_packages GROUP...: installs what is missing of the named groups of
 # packaging/debian-packages. Uses sudo when not root; does nothing when all is there.
 install_packages() {
-    local root list group line package missing=() sudo=()
+    local root list group line package status missing=() sudo=()
     root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
     list=$root/packaging/debian-packages
     if ! command -v dpkg-query >/dev/null; then
@@ -16,8 +16,8 @@ install_packages() {
             return 1
         fi
         for package in $line; do
-            if ! dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null |
-                grep -qx installed; then
+            status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) || true
+            if [ "$status" != installed ]; then
                 missing+=("$package")
             fi
         done

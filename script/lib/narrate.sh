@@ -21,8 +21,8 @@ try() {
     fi
     [ -n "$output" ] || return 0
     output=${output//"$work/"/}
-    lines=$(printf '%s\n' "$output" | wc -l)
-    printf '%s\n' "$output" | head -n "$most" | sed 's/^/    /'
+    lines=$(wc -l <<<"$output")
+    sed -n "1,${most}s/^/    /p" <<<"$output"
     if [ "$lines" -gt "$most" ]; then
         printf '    %s… %d lines more%s\n' "$faint" $((lines - most)) "$plain"
     fi

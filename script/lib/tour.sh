@@ -15,7 +15,7 @@ confirm_contents() {
 confirm_volume() {
     local volume=$1 said
     said=$(ntfsfix -n "$volume" 2>&1) || { printf '%s\n' "$said" && bad "ntfsfix found faults"; }
-    printf '%s\n' "$said" | grep -q "processed successfully" || bad "ntfsfix did not get through"
+    grep -q "processed successfully" <<<"$said" || bad "ntfsfix did not get through"
     good "ntfsfix -n gets through the volume without a fault"
 }
 
@@ -87,10 +87,10 @@ sample_tour() {
     mounted_session "$volume" "$tree"
 
     step "Let independent tools confirm what is on the volume"
-    ntfsinfo -m "$volume" 2>/dev/null | grep -q "Volume Name: Confirmed" ||
+    grep -q "Volume Name: Confirmed" <<<"$(ntfsinfo -m "$volume" 2>/dev/null)" ||
         bad "ntfsinfo does not see the label"
     good "ntfsinfo sees the label \"Confirmed\""
-    ntfsls -p archive/1999 "$volume" 2>/dev/null | grep -qx "EMPTY.txt" ||
+    grep -qx "EMPTY.txt" <<<"$(ntfsls -p archive/1999 "$volume" 2>/dev/null)" ||
         bad "ntfsls does not see the renamed file"
     good "ntfsls sees archive/1999/EMPTY.txt"
     [ "$(ntfscat -n origin "$volume" project/LICENSE 2>/dev/null)" = "copied by script/run" ] ||
