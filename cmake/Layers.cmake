@@ -1,6 +1,6 @@
 # tavelin_layer(NAME [SEPARATE] DEPENDS layer... LIBRARIES lib... SOURCES file...)
 #
-# One static library per folder of Sources/, named after the folder. Includes are written from
+# One static library per directory of Sources/, named after the directory. Includes are written from
 # Sources/ ("core/ntfs_volume.hpp"). DEPENDS names the layers below, whose headers may appear in
 # this layer's public headers; LIBRARIES are outside libraries used by the implementation.
 #

@@ -38,8 +38,9 @@ if(NOT APPLE)
 
   # On macOS the 64-bit integers are long long, here they are long: overloads and deduced types
   # would differ.
-  foreach(folder IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
-    foreach(header ${folder}/bits/types.h ${folder}/${CMAKE_LIBRARY_ARCHITECTURE}/bits/types.h)
+  foreach(directory IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
+    set(architecture ${directory}/${CMAKE_LIBRARY_ARCHITECTURE})
+    foreach(header ${directory}/bits/types.h ${architecture}/bits/types.h)
       if(EXISTS ${header})
         file(READ ${header} types)
       endif()
@@ -58,8 +59,8 @@ if(NOT APPLE)
     -isystem ${PROJECT_BINARY_DIR}/macos-check
     -I${TAVELIN_SDK}/apple -I${TAVELIN_SDK}/any -I${PROJECT_SOURCE_DIR}/Sources
     -I${PROJECT_BINARY_DIR}/generated)
-  foreach(folder IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
-    list(APPEND TAVELIN_MACOS_CHECK -isystem ${folder})
+  foreach(directory IN LISTS CMAKE_OBJCXX_IMPLICIT_INCLUDE_DIRECTORIES)
+    list(APPEND TAVELIN_MACOS_CHECK -isystem ${directory})
   endforeach()
   list(APPEND TAVELIN_MACOS_CHECK -x objective-c++)
 endif()

@@ -1,5 +1,5 @@
 # What `cmake --install` puts where, and the Debian package that `cpack` makes of it in a build
-# folder (`cpack -G DEB`, `cpack -G TGZ`).
+# directory (`cpack -G DEB`, `cpack -G TGZ`).
 set(man ${PROJECT_BINARY_DIR}/generated/tavelin.1)
 configure_file(${PROJECT_SOURCE_DIR}/docs/tavelin.1.in ${man} @ONLY)
 

@@ -56,7 +56,8 @@ using Samples = std::map<std::string, std::vector<double>>;
 // An image file that has all its blocks, removed at the end.
 class Image {
   public:
-    Image(const std::string& folder, uint64_t bytes) : path_(folder + "/bridge-bench.XXXXXX") {
+    Image(const std::string& directory, uint64_t bytes)
+        : path_(directory + "/bridge-bench.XXXXXX") {
         const int file = mkstemp(path_.data());
         const int error = file < 0 ? errno : posix_fallocate(file, 0, static_cast<off_t>(bytes));
         if (error != 0) {
@@ -214,14 +215,14 @@ int main(int argc, char** argv) {
     CLI::App app("Compares the bridge with libntfs-3g on its own file device.");
     bool isQuick = false;
     std::string json;
-    std::string folder = "/dev/shm";
+    std::string directory = "/dev/shm";
     app.add_flag("--quick", isQuick, "small sizes, to see that it works");
     app.add_option("--json", json, "also write the figures to this file");
-    app.add_option("--folder", folder, "where the image goes; memory by default");
+    app.add_option("--folder", directory, "where the image goes; memory by default");
     CLI11_PARSE(app, argc, argv);
     try {
         const Sizes sizes = isQuick ? kQuick : Sizes{};
-        const Image image(folder, sizes.image);
+        const Image image(directory, sizes.image);
         Samples bridge;
         Samples library;
         for (int round = 0; round < sizes.rounds; ++round) {

@@ -53,11 +53,11 @@ class DiscardingPage final : public fskit::FSDirectoryEntryPacker {
     std::size_t entries_ = 0;
 };
 
-/// A loaded volume with one folder of kEntries files, all of it in the cache.
+/// A loaded volume with one directory of kEntries files, all of it in the cache.
 class WarmVolume {
   public:
     WarmVolume() {
-        ::setenv("TAVELIN_GROUP_CONTAINER", sample_.folder().path().c_str(), 1);
+        ::setenv("TAVELIN_GROUP_CONTAINER", sample_.directory().path().c_str(), 1);
         module_ = std::make_unique<TavelinFileSystem>();
         module_->loadResource(std::make_shared<test::MemoryResource>(sample_), {},
                               [](const auto&, const auto& error) { require(error); });
@@ -65,10 +65,10 @@ class WarmVolume {
             require(error);
             root_ = std::move(root);
         });
-        folder = create(root_, "folder", fskit::FSItemType::directory);
+        directory = create(root_, "folder", fskit::FSItemType::directory);
         for (std::size_t i = 0; i < kEntries; i++) {
             names.emplace_back("document number " + std::to_string(i) + ".txt");
-            files.push_back(create(folder, names.back().data(), fskit::FSItemType::file));
+            files.push_back(create(directory, names.back().data(), fskit::FSItemType::file));
         }
         const std::vector<std::byte> content(16 * kTransfer, std::byte{7});
         ntfs().write(ino(files[0]), 0, content);
@@ -86,14 +86,14 @@ class WarmVolume {
     void list(fskit::FSDirectoryCookie cookie) {
         DiscardingPage page;
         const fskit::FSItemGetAttributesRequest all{~0ull};
-        volume().enumerateDirectory(folder, cookie, verifier_, &all, page,
+        volume().enumerateDirectory(directory, cookie, verifier_, &all, page,
                                     [this](auto verifier, const auto& error) {
                                         require(error);
                                         verifier_ = verifier;
                                     });
     }
 
-    fskit::FSItemRef folder;
+    fskit::FSItemRef directory;
     std::vector<fskit::FSFileName> names;
     std::vector<fskit::FSItemRef> files;
 
@@ -163,11 +163,11 @@ void compare(benchmark::State& state, int calls, Request request, Call call) {
 
 void lookup(benchmark::State& state) {
     WarmVolume& w = warm();
-    const std::uint64_t parent = WarmVolume::ino(w.folder);
+    const std::uint64_t parent = WarmVolume::ino(w.directory);
     compare(
         state, kTurn,
         [&](std::size_t i) {
-            w.volume().lookupItem(w.names[i], w.folder,
+            w.volume().lookupItem(w.names[i], w.directory,
                                   [](const auto& item, const auto&, const auto& error) {
                                       require(error);
                                       benchmark::DoNotOptimize(item.get());
@@ -234,10 +234,10 @@ void write4K(benchmark::State& state) {
         });
 }
 
-/// A page that starts at `first`: at 0 the folder is listed, later on the listing is at hand.
+/// A page that starts at `first`: at 0 the directory is listed, later on the listing is at hand.
 void page(benchmark::State& state, fskit::FSDirectoryCookie first) {
     WarmVolume& w = warm();
-    const std::uint64_t parent = WarmVolume::ino(w.folder);
+    const std::uint64_t parent = WarmVolume::ino(w.directory);
     const std::vector<NTFSDirEntry> listing = w.ntfs().list(parent);
     compare(
         state, kPageTurn, [&](std::size_t) { w.list(first); },

@@ -44,10 +44,10 @@ class File {
     int fd_;
 };
 
-// The names in a folder but for "." and "..".
-inline std::vector<std::string> namesIn(const std::string& folder) {
-    DIR* stream = ::opendir(folder.c_str());
-    check(stream != nullptr, folder);
+// The names in a directory but for "." and "..".
+inline std::vector<std::string> namesIn(const std::string& directory) {
+    DIR* stream = ::opendir(directory.c_str());
+    check(stream != nullptr, directory);
     std::vector<std::string> names;
     while (const dirent* entry = ::readdir(stream)) // one thread only, one stream each
         if (entry->d_name[0] != '.')

@@ -37,7 +37,7 @@ struct Arguments {
     bool quick = false, scale = false;
 };
 
-// The folder in memory that holds the image and the mount point, gone at the end.
+// The directory in memory that holds the image and the mount point, gone at the end.
 class Workplace {
   public:
     explicit Workplace(const std::string& memory) {
@@ -49,7 +49,7 @@ class Workplace {
         fs::create_directories(material());
     }
     ~Workplace() {
-        std::error_code ignored; // the folder is in memory; nothing is lost but its room
+        std::error_code ignored; // the directory is in memory; nothing is lost but its room
         fs::remove_all(root_, ignored);
     }
     Workplace(const Workplace&) = delete;
@@ -68,7 +68,7 @@ class Workplace {
         for (uint64_t at = 0; at < bytes; at += block.size())
             file.write(block, static_cast<off_t>(at));
     }
-    // A fresh store for a server: the formatted image, or for the floor an empty folder.
+    // A fresh store for a server: the formatted image, or for the floor an empty directory.
     fs::path store(const Server& server) const {
         if (server.role == Role::floor) {
             fs::remove_all(floor());

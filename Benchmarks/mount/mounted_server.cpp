@@ -20,32 +20,33 @@ namespace tavelin::bench {
 namespace fs = std::filesystem;
 
 Server tavelinServer(const fs::path& program) {
-    return {"tavelin", Role::ours, [program](const fs::path& store, const fs::path& folder) {
-                return std::vector<std::string>{program, "mount", store, folder, "--foreground"};
+    return {"tavelin", Role::ours, [program](const fs::path& store, const fs::path& directory) {
+                return std::vector<std::string>{program, "mount", store, directory, "--foreground"};
             }};
 }
 
 Server driverServer(const std::string& program) {
-    return {
-        program, Role::driver, [program](const fs::path& store, const fs::path& folder) {
-            return std::vector<std::string>{program, store, folder, "-o", "big_writes,no_detach"};
-        }};
+    return {program, Role::driver, [program](const fs::path& store, const fs::path& directory) {
+                return std::vector<std::string>{program, store, directory, "-o",
+                                                "big_writes,no_detach"};
+            }};
 }
 
 Server floorServer(const fs::path& program) {
-    return {"pass-through", Role::floor, [program](const fs::path& store, const fs::path& folder) {
+    return {"pass-through", Role::floor,
+            [program](const fs::path& store, const fs::path& directory) {
                 return std::vector<std::string>{
                     program, "-f", "-o",
-                    fmt::format("source={},cache=always,writeback", store.string()), folder};
+                    fmt::format("source={},cache=always,writeback", store.string()), directory};
             }};
 }
 
 namespace {
 
-dev_t deviceOf(const fs::path& folder) {
+dev_t deviceOf(const fs::path& directory) {
     struct stat found {};
-    if (::stat(folder.c_str(), &found) != 0)
-        throw std::runtime_error(fmt::format("{}: {}", folder.string(), std::strerror(errno)));
+    if (::stat(directory.c_str(), &found) != 0)
+        throw std::runtime_error(fmt::format("{}: {}", directory.string(), std::strerror(errno)));
     return found.st_dev;
 }
 
@@ -71,14 +72,14 @@ pid_t start(const std::vector<std::string>& command, int output) {
 
 } // namespace
 
-MountedServer::MountedServer(const Server& server, const fs::path& store, const fs::path& folder)
-    : name_(server.name), folder_(folder) {
+MountedServer::MountedServer(const Server& server, const fs::path& store, const fs::path& directory)
+    : name_(server.name), directory_(directory) {
     const int mounts = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-    const dev_t before = deviceOf(folder_);
+    const dev_t before = deviceOf(directory_);
     output_ = ::memfd_create("server-output", MFD_CLOEXEC);
-    child_ = start(server.command(store, folder_), output_);
+    child_ = start(server.command(store, directory_), output_);
     // The kernel flags every change of the mount table on this descriptor.
-    while (deviceOf(folder_) == before) {
+    while (deviceOf(directory_) == before) {
         pollfd change{mounts, POLLPRI, 0};
         (void)::poll(&change, 1, 20);
         int status = 0;
@@ -113,15 +114,15 @@ std::string MountedServer::said() const {
 void MountedServer::unmount() {
     if (child_ == -1)
         return;
-    for (int attempt = 0; ::umount2(folder_.c_str(), 0) != 0; ++attempt) {
-        // A program that has just exited may hold the folder a moment longer.
+    for (int attempt = 0; ::umount2(directory_.c_str(), 0) != 0; ++attempt) {
+        // A program that has just exited may hold the directory a moment longer.
         if (errno != EBUSY || attempt == 100) {
             const std::string why = std::strerror(errno);
-            ::umount2(folder_.c_str(), MNT_DETACH);
+            ::umount2(directory_.c_str(), MNT_DETACH);
             ::kill(child_, SIGTERM);
             ::waitpid(child_, nullptr, 0);
             child_ = -1;
-            throw std::runtime_error(fmt::format("umount {}: {}", folder_.string(), why));
+            throw std::runtime_error(fmt::format("umount {}: {}", directory_.string(), why));
         }
         ::usleep(10'000);
     }

@@ -14,10 +14,10 @@ enum class Role { ours, driver, floor };
 struct Server {
     std::string name;
     Role role = Role::driver;
-    // The command that serves `store` on `folder` in the foreground. The store is an NTFS image,
-    // for the floor a plain folder.
+    // The command that serves `store` on `directory` in the foreground. The store is an NTFS image,
+    // for the floor a plain directory.
     std::function<std::vector<std::string>(const std::filesystem::path& store,
-                                           const std::filesystem::path& folder)>
+                                           const std::filesystem::path& directory)>
         command;
 };
 
@@ -26,18 +26,18 @@ Server driverServer(const std::string& program);
 Server floorServer(const std::filesystem::path& program);
 
 // A server running as our child from construction to unmount(). Construction returns once the
-// folder is served; both it and unmount() throw std::runtime_error when the server fails.
+// directory is served; both it and unmount() throw std::runtime_error when the server fails.
 class MountedServer {
   public:
     MountedServer(const Server& server, const std::filesystem::path& store,
-                  const std::filesystem::path& folder);
+                  const std::filesystem::path& directory);
     ~MountedServer(); // unmounts; what fails then was already reported or is of no more use
     MountedServer(const MountedServer&) = delete;
     MountedServer& operator=(const MountedServer&) = delete;
 
     // Unmounts and waits for the server's end, so that the store holds everything.
     void unmount();
-    const std::filesystem::path& folder() const { return folder_; }
+    const std::filesystem::path& directory() const { return directory_; }
     // The most memory the server has held so far, in bytes.
     uint64_t peakMemory() const;
 
@@ -45,7 +45,7 @@ class MountedServer {
     std::string said() const;
 
     std::string name_;
-    std::filesystem::path folder_;
+    std::filesystem::path directory_;
     int output_ = -1; // what the server prints
     pid_t child_ = -1;
 };

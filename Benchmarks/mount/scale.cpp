@@ -25,10 +25,11 @@ void format(const fs::path& image) {
     test::runOrThrow({"mkntfs", "-q", "-Q", "-F", image});
 }
 
-Steps entrySteps(const Server& server, const fs::path& image, const fs::path& folder, int count) {
+Steps entrySteps(const Server& server, const fs::path& image, const fs::path& directory,
+                 int count) {
     format(image);
-    auto mounted = std::make_unique<MountedServer>(server, image, folder);
-    const std::string root = folder.string() + "/one";
+    auto mounted = std::make_unique<MountedServer>(server, image, directory);
+    const std::string root = directory.string() + "/one";
     check(::mkdir(root.c_str(), 0777) == 0, root);
     const auto path = [&](int i) { return fmt::format("{}/entry{:06}", root, i); };
     Steps steps;
@@ -38,7 +39,7 @@ Steps entrySteps(const Server& server, const fs::path& image, const fs::path& fo
     };
     const auto remount = [&] {
         mounted->unmount();
-        mounted = std::make_unique<MountedServer>(server, image, folder);
+        mounted = std::make_unique<MountedServer>(server, image, directory);
     };
     step("create", [&] {
         for (int i = 0; i < count; ++i)
@@ -62,12 +63,12 @@ Steps entrySteps(const Server& server, const fs::path& image, const fs::path& fo
     return steps;
 }
 
-Steps byteSteps(const Server& server, const fs::path& image, const fs::path& folder,
+Steps byteSteps(const Server& server, const fs::path& image, const fs::path& directory,
                 int mebibytes) {
     constexpr int kMiB = 1 << 20;
     format(image);
-    auto mounted = std::make_unique<MountedServer>(server, image, folder);
-    const std::string path = folder.string() + "/large";
+    auto mounted = std::make_unique<MountedServer>(server, image, directory);
+    const std::string path = directory.string() + "/large";
     std::string block(kMiB, 'x');
     Steps steps;
     const auto step = [&](const char* name, const std::function<void()>& work) {
@@ -81,7 +82,7 @@ Steps byteSteps(const Server& server, const fs::path& image, const fs::path& fol
         file.sync();
     });
     mounted->unmount();
-    mounted = std::make_unique<MountedServer>(server, image, folder);
+    mounted = std::make_unique<MountedServer>(server, image, directory);
     step("read", [&] {
         File file(path, O_RDONLY);
         for (int i = 0; i < mebibytes; ++i)
@@ -92,9 +93,9 @@ Steps byteSteps(const Server& server, const fs::path& image, const fs::path& fol
     return steps;
 }
 
-constexpr double kMostGrowth = 2;
-constexpr uint64_t kMostMemory = 64 << 20; // bytes, besides those of entries
-constexpr uint64_t kMostMemoryAnEntry = 200;
+constexpr double kGrowthMax = 2;
+constexpr uint64_t kMemoryBytesMax = 64 << 20; // bytes, besides those of entries
+constexpr uint64_t kMemoryPerEntryMax = 200;
 
 // Appends a table to `scale`; a unit of size may cost the server `bytesAUnit` of memory.
 void addTable(Scale& scale, const char* unit, const std::vector<int>& sizes, const char* sizeUnit,
@@ -114,7 +115,7 @@ void addTable(Scale& scale, const char* unit, const std::vector<int>& sizes, con
         for (const auto& [name, step] : all.back())
             peak = std::max(peak, step.peakMemory);
         peaks += fmt::format(" {:.1f} |", static_cast<double>(peak) / (1 << 20));
-        fits &= peak <= kMostMemory + bytesAUnit * static_cast<uint64_t>(size);
+        fits &= peak <= kMemoryBytesMax + bytesAUnit * static_cast<uint64_t>(size);
     }
     scale.tables += head + " largest against smallest | as aimed |\n" + rule + "---:|---|\n";
     for (size_t row = 0; row < all.front().size(); ++row) {
@@ -122,26 +123,26 @@ void addTable(Scale& scale, const char* unit, const std::vector<int>& sizes, con
         for (const Steps& steps : all)
             scale.tables += fmt::format(" {:.0f} |", steps[row].second.cost);
         const double growth = all.back()[row].second.cost / all.front()[row].second.cost;
-        scale.tables += fmt::format(" {:.2f} | {} |\n", growth, verdict(growth <= kMostGrowth));
+        scale.tables += fmt::format(" {:.2f} | {} |\n", growth, verdict(growth <= kGrowthMax));
     }
     scale.tables += fmt::format("{} | {} |\n\n", peaks, verdict(fits));
 }
 
 } // namespace
 
-Scale measureScale(const Server& server, const fs::path& image, const fs::path& folder,
+Scale measureScale(const Server& server, const fs::path& image, const fs::path& directory,
                    bool quick) {
     const std::vector<int> entries =
         quick ? std::vector{1'000, 10'000} : std::vector{1'000, 10'000, 100'000};
     const std::vector<int> mebibytes = quick ? std::vector{1, 64} : std::vector{1, 64, 512, 4'096};
     Scale scale;
-    addTable(scale, "nanoseconds an entry", entries, "entries", kMostMemoryAnEntry,
-             [&](int n) { return entrySteps(server, image, folder, n); });
+    addTable(scale, "nanoseconds an entry", entries, "entries", kMemoryPerEntryMax,
+             [&](int n) { return entrySteps(server, image, directory, n); });
     addTable(scale, "nanoseconds a KiB", mebibytes, "MiB", 0,
-             [&](int n) { return byteSteps(server, image, folder, n); });
+             [&](int n) { return byteSteps(server, image, directory, n); });
     scale.tables += fmt::format(
         "Aims: a factor of at most {}; at most {} MiB of memory and {} bytes an entry.\n",
-        kMostGrowth, kMostMemory >> 20, kMostMemoryAnEntry);
+        kGrowthMax, kMemoryBytesMax >> 20, kMemoryPerEntryMax);
     return scale;
 }
 

@@ -1,4 +1,4 @@
-// How the cost of one entry and of one byte grows with the size of a folder and of a file.
+// How the cost of one entry and of one byte grows with the size of a directory and of a file.
 #pragma once
 
 #include "Benchmarks/mount/mounted_server.hpp"
@@ -18,6 +18,6 @@ struct Scale {
 // aims: at the largest size at most twice the cost at the smallest; 64 MiB and 200 bytes an entry.
 // `quick` shortens the ladder.
 Scale measureScale(const Server& server, const std::filesystem::path& image,
-                   const std::filesystem::path& folder, bool quick);
+                   const std::filesystem::path& directory, bool quick);
 
 } // namespace tavelin::bench

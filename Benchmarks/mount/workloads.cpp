@@ -29,20 +29,20 @@ void expect(bool ok, const char* what) {
 // One round on one server. Each member function is one category or a group that shares files.
 class Round {
   public:
-    Round(const Server& server, const fs::path& store, const fs::path& folder,
+    Round(const Server& server, const fs::path& store, const fs::path& directory,
           const Material& material, const Sizes& sizes)
         : server_(server),
           store_(store),
-          folder_(folder),
+          directory_(directory),
           material_(material),
           sizes_(sizes),
-          root_(folder.string()) {}
+          root_(directory.string()) {}
 
     std::map<std::string, double> run() {
         coldMount();
         largeFile();
         smallFiles();
-        oneFolder();
+        oneDirectory();
         programs();
         mounted_->unmount();
         return std::move(seconds_);
@@ -56,7 +56,7 @@ class Round {
         std::ofstream drop("/proc/sys/vm/drop_caches");
         if (!(drop << "3\n" << std::flush))
             throw std::runtime_error("only root can drop the kernel's caches for a cold start");
-        mounted_ = std::make_unique<MountedServer>(server_, store_, folder_);
+        mounted_ = std::make_unique<MountedServer>(server_, store_, directory_);
     }
 
     template<typename Work>
@@ -100,56 +100,56 @@ class Round {
         check(::unlink(path.c_str()) == 0, path);
     }
 
-    std::string smallFolder(int index) const {
-        return fmt::format("{}/folder{:02}", root_, index % sizes_.smallFolders);
+    std::string smallDirectory(int index) const {
+        return fmt::format("{}/folder{:02}", root_, index % sizes_.smallDirectories);
     }
 
     void smallFiles() {
         const std::string content(static_cast<size_t>(sizes_.smallFile), 's');
         measure("create small files", [&] {
-            for (int i = 0; i < sizes_.smallFolders; ++i)
-                check(::mkdir(smallFolder(i).c_str(), 0777) == 0, smallFolder(i));
+            for (int i = 0; i < sizes_.smallDirectories; ++i)
+                check(::mkdir(smallDirectory(i).c_str(), 0777) == 0, smallDirectory(i));
             for (int i = 0; i < sizes_.smallFiles; ++i)
-                File(fmt::format("{}/file{:05}", smallFolder(i), i), O_WRONLY | O_CREAT | O_EXCL)
+                File(fmt::format("{}/file{:05}", smallDirectory(i), i), O_WRONLY | O_CREAT | O_EXCL)
                     .write(content, 0);
         });
         coldMount();
         measure("walk and stat, cold", [&] {
             int found = 0;
-            for (int i = 0; i < sizes_.smallFolders; ++i)
-                for (const std::string& name : namesIn(smallFolder(i)))
-                    found += statusOf(smallFolder(i) + "/" + name).st_size == sizes_.smallFile;
+            for (int i = 0; i < sizes_.smallDirectories; ++i)
+                for (const std::string& name : namesIn(smallDirectory(i)))
+                    found += statusOf(smallDirectory(i) + "/" + name).st_size == sizes_.smallFile;
             expect(found == sizes_.smallFiles, "files found by the walk");
         });
         coldMount();
         std::string block(static_cast<size_t>(sizes_.smallFile), 0);
         measure("read small files, cold", [&] {
             for (int i = 0; i < sizes_.smallFiles; ++i) {
-                File file(fmt::format("{}/file{:05}", smallFolder(i), i), O_RDONLY);
+                File file(fmt::format("{}/file{:05}", smallDirectory(i), i), O_RDONLY);
                 expect(file.read(block, 0) == block.size(), "size of a small file");
             }
         });
         expect(block == content, "content of a small file");
         measure("rename", [&] {
             for (int i = 0; i < sizes_.smallFiles; ++i) {
-                const std::string from = fmt::format("{}/file{:05}", smallFolder(i), i);
-                const std::string to = fmt::format("{}/renamed{:05}", smallFolder(i), i);
+                const std::string from = fmt::format("{}/file{:05}", smallDirectory(i), i);
+                const std::string to = fmt::format("{}/renamed{:05}", smallDirectory(i), i);
                 check(::rename(from.c_str(), to.c_str()) == 0, from);
             }
         });
     }
 
-    void oneFolder() {
-        const std::string folder = root_ + "/one";
-        check(::mkdir(folder.c_str(), 0777) == 0, folder);
-        const auto path = [&](int i) { return fmt::format("{}/entry{:06}", folder, i); };
+    void oneDirectory() {
+        const std::string directory = root_ + "/one";
+        check(::mkdir(directory.c_str(), 0777) == 0, directory);
+        const auto path = [&](int i) { return fmt::format("{}/entry{:06}", directory, i); };
         measure("create in one folder", [&] {
             for (int i = 0; i < sizes_.smallFiles; ++i)
                 File(path(i), O_WRONLY | O_CREAT | O_EXCL);
         });
         coldMount();
         measure("list one folder, cold", [&] {
-            expect(namesIn(folder).size() == static_cast<size_t>(sizes_.smallFiles),
+            expect(namesIn(directory).size() == static_cast<size_t>(sizes_.smallFiles),
                    "entries of the one folder");
         });
         coldMount();
@@ -184,7 +184,7 @@ class Round {
     }
 
     const Server& server_;
-    fs::path store_, folder_;
+    fs::path store_, directory_;
     const Material& material_;
     const Sizes& sizes_;
     std::string root_;
@@ -218,8 +218,8 @@ const std::vector<std::string>& categories() {
     return all;
 }
 
-Material makeMaterial(const fs::path& folder, const Sizes& sizes) {
-    Material material{folder / "source", folder / "work"};
+Material makeMaterial(const fs::path& directory, const Sizes& sizes) {
+    Material material{directory / "source", directory / "work"};
     makeSourceTree(material.sourceTree, sizes.sourceFiles);
     makeSourceTree(material.workTree, sizes.smallFiles);
     const std::string work = material.workTree;
@@ -233,9 +233,9 @@ Material makeMaterial(const fs::path& folder, const Sizes& sizes) {
 }
 
 std::map<std::string, double> runRound(const Server& server, const fs::path& store,
-                                       const fs::path& folder, const Material& material,
+                                       const fs::path& directory, const Material& material,
                                        const Sizes& sizes) {
-    return Round(server, store, folder, material, sizes).run();
+    return Round(server, store, directory, material, sizes).run();
 }
 
 } // namespace tavelin::bench

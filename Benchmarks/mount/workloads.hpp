@@ -14,8 +14,8 @@ struct Sizes {
     int largeFile = 256 << 20;   // bytes
     int randomReads = 4'000;     // of 4 KiB
     int syncedWrites = 1'000;    // of 4 KiB, each followed by fsync
-    int smallFiles = 5'000;      // in smallFolders folders, and again in one folder
-    int smallFolders = 20;       //
+    int smallFiles = 5'000;      // in smallDirectories directories, and again in one directory
+    int smallDirectories = 20;   //
     int smallFile = 2'000;       // bytes
     int sourceFiles = 1'500;     // of the tree that is copied in
     uint64_t image = 2ull << 30; // bytes
@@ -32,14 +32,14 @@ struct Material {
     std::filesystem::path workTree;   // a git work tree of smallFiles files
 };
 
-// Makes the material below `folder`.
-Material makeMaterial(const std::filesystem::path& folder, const Sizes& sizes);
+// Makes the material below `directory`.
+Material makeMaterial(const std::filesystem::path& directory, const Sizes& sizes);
 
-// Runs every category once on `server` over `store`, mounted on `folder`; seconds by category.
+// Runs every category once on `server` over `store`, mounted on `directory`; seconds by category.
 // Cold categories start on a fresh mount with the kernel's caches dropped.
 // Throws std::runtime_error (or std::system_error) when an operation fails.
 std::map<std::string, double> runRound(const Server& server, const std::filesystem::path& store,
-                                       const std::filesystem::path& folder,
+                                       const std::filesystem::path& directory,
                                        const Material& material, const Sizes& sizes);
 
 // Seconds that `work` takes.

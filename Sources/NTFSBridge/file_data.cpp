@@ -7,7 +7,7 @@ using namespace ntb;
 namespace {
 
 // What the library can count: its offsets are signed.
-constexpr uint64_t largest_offset = INT64_MAX;
+constexpr uint64_t offset_max = INT64_MAX;
 
 constexpr auto data_and_change_time = static_cast<ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
 
@@ -87,11 +87,11 @@ int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffe
     if (length == 0) {
         return file.close(0);
     }
-    if (offset > largest_offset || length > largest_offset - offset) {
+    if (offset > offset_max || length > offset_max - offset) {
         return EFBIG;
     }
     // What is compressed anew moves to other clusters.
-    vol->has_freed = vol->has_freed || file.data->data_flags != 0;
+    vol->freed_since_sync = vol->freed_since_sync || file.data->data_flags != 0;
     int32_t error = write_stream(file.data.get(), offset, buffer, length, done);
     if (error != 0 && *done == 0) {
         return file.close(error);
@@ -113,7 +113,7 @@ int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
     if (size == file.size()) {
         return file.close(0);
     }
-    if (size > largest_offset) {
+    if (size > offset_max) {
         return EFBIG;
     }
     const free_space_watch watch(vol);

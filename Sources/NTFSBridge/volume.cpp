@@ -1,9 +1,9 @@
 // Recognising, mounting and unmounting a volume, and pushing its changes to the device.
 #include "NTFSBridge/volume.hpp"
 
-#include "NTFSBridge/block_io.hpp"
-#include "NTFSBridge/device_table.hpp"
-#include "NTFSBridge/mft_mirror.hpp"
+#include "NTFSBridge/device/block_io.hpp"
+#include "NTFSBridge/device/device_table.hpp"
+#include "NTFSBridge/ondisk/mft_mirror.hpp"
 
 #include <mutex>
 #include <new>
@@ -131,17 +131,17 @@ ntb_vol* mount_once(const ntb_io& io, int32_t read_only, int32_t& error) noexcep
 // that a volume that then still does not mount is not written to.
 bool end_mirror_mismatch(const ntb_io& io) noexcept {
     mft_mirror mirror(io);
-    if (!mirror.can_agree()) {
+    if (!mirror.plan()) {
         return false;
     }
-    const ntb_io view = mirror.preview();
+    const ntb_io view = mirror.overlay_io();
     int32_t error = 0;
     ntb_vol* const trial = mount_once(view, 0, error);
     if (trial == nullptr || ntb_is_readonly(trial) != 0) {
         (void)ntb_umount(trial);
         return false;
     }
-    return ntb_umount(trial) == 0 && mirror.agree() == 0;
+    return ntb_umount(trial) == 0 && mirror.commit() == 0;
 }
 
 } // namespace
@@ -170,7 +170,7 @@ int32_t sync_device(ntb_vol* vol) noexcept {
     ntfs_device* const device = vol->volume->dev;
     errno = 0;
     const int32_t result = first_error(error, device->d_ops->sync(device) == 0 ? 0 : err_or(EIO));
-    vol->has_freed = vol->has_freed && result != 0;
+    vol->freed_since_sync = vol->freed_since_sync && result != 0;
     return result;
 }
 
@@ -211,7 +211,7 @@ int32_t ntb_sync(ntb_vol* vol) {
 }
 
 int32_t ntb_has_freed(const ntb_vol* vol) {
-    return vol->has_freed ? 1 : 0;
+    return vol->freed_since_sync ? 1 : 0;
 }
 
 int32_t ntb_flush_dirty(ntb_vol* vol) {

@@ -1,7 +1,7 @@
 // The volume handle behind ntb_vol.
 #pragma once
 
-#include "NTFSBridge/devctx.hpp"
+#include "NTFSBridge/device/devctx.hpp"
 #include "NTFSBridge/guards.hpp"
 #include "NTFSBridge/ntb.h"
 
@@ -12,7 +12,7 @@ struct ntb_vol {
     uint32_t windows_names = 0; // 0 or 1
     uint64_t serial = 0;
     ntb_stats stats = {};
-    bool has_freed = false;                   // clusters, since the last sync that succeeded
+    bool freed_since_sync = false;            // clusters, since the last sync that succeeded
     std::unique_ptr<ntb::ntb_devctx> context; // the library device's private pointer
 };
 
@@ -31,7 +31,7 @@ class free_space_watch {
     explicit free_space_watch(ntb_vol* vol) noexcept
         : vol_(vol), before_(vol->volume->free_clusters) {}
     ~free_space_watch() {
-        vol_->has_freed = vol_->has_freed || vol_->volume->free_clusters > before_;
+        vol_->freed_since_sync = vol_->freed_since_sync || vol_->volume->free_clusters > before_;
     }
     free_space_watch(const free_space_watch&) = delete;
     free_space_watch& operator=(const free_space_watch&) = delete;

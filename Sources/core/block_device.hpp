@@ -30,17 +30,17 @@ class BlockDevice {
 
     /// Writes that wait in memory for the next sync(), in pages of 4096 bytes, and how many pages a
     /// sync carries over as one: after a power cut all of them are there, or none is. A device
-    /// whose writes do not wait has no room.
+    /// whose writes do not wait has no capacity.
     struct Backlog {
         std::uint64_t pages = 0;
-        std::uint64_t room = 0;
+        std::uint64_t capacity = 0;
     };
     [[nodiscard]] virtual Backlog backlog() const noexcept { return {}; }
     /// While on, large writes are the content of a file and need not wait with the others. By their
     /// length alone they could also be what a cache writes back in long runs: whoever turns this on
     /// sees to it that no cache has cause to, and that they go nowhere where, without what waits,
     /// something else would be.
-    virtual void expectFileData(bool on) noexcept { static_cast<void>(on); }
+    virtual void expectBulkData(bool on) noexcept { static_cast<void>(on); }
 };
 
 } // namespace tavelin

@@ -15,7 +15,7 @@ namespace tavelin {
 namespace {
 
 /// Most bytes asked of one system call: macOS refuses requests of 2 GiB and more.
-constexpr std::uint64_t kMaxTransfer = 1ull << 30;
+constexpr std::uint64_t kTransferBytesMax = 1ull << 30;
 
 /// The result of a system call that is repeated for as long as a signal interrupts it.
 template<typename Call>
@@ -70,7 +70,7 @@ std::int32_t FileBlockDevice::read(std::byte* destination, std::uint64_t offset,
     }
     for (std::uint64_t done = 0; done < length;) {
         const auto count = uninterrupted([&] {
-            return pread(fd_, destination + done, std::min(length - done, kMaxTransfer),
+            return pread(fd_, destination + done, std::min(length - done, kTransferBytesMax),
                          static_cast<off_t>(offset + done));
         });
         if (count < 0) {
@@ -95,7 +95,7 @@ std::int32_t FileBlockDevice::write(const std::byte* source, std::uint64_t offse
     // No end-of-device test: the bridge never writes past the size it was given.
     for (std::uint64_t done = 0; done < length;) {
         const auto count = uninterrupted([&] {
-            return pwrite(fd_, source + done, std::min(length - done, kMaxTransfer),
+            return pwrite(fd_, source + done, std::min(length - done, kTransferBytesMax),
                           static_cast<off_t>(offset + done));
         });
         if (count < 0) {

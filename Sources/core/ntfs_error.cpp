@@ -12,8 +12,8 @@ namespace tavelin {
 
 namespace {
 
-constexpr std::int64_t kMaxDeviceErrorEvents = 20;
-constexpr std::size_t kMaxDescriptionCharacters = 200;
+constexpr std::int64_t kDeviceErrorEventsMax = 20;
+constexpr std::size_t kDescriptionCharactersMax = 200;
 
 /// Counts an error for the diagnostics, whose own lack of memory must not become a second failure.
 void tally(std::int32_t code, std::string_view prefix, std::string_view op) noexcept {
@@ -54,7 +54,7 @@ void deviceError(std::string_view op, std::int32_t hostError, std::uint64_t offs
                  std::uint64_t length, std::string_view description) noexcept {
     const std::int32_t code = fromHost(hostError);
     tally(code, "device_", op);
-    if (countDeviceError() > kMaxDeviceErrorEvents) {
+    if (countDeviceError() > kDeviceErrorEventsMax) {
         return;
     }
     try {
@@ -64,7 +64,7 @@ void deviceError(std::string_view op, std::int32_t hostError, std::uint64_t offs
                               {"errno", code},
                               {"off", offset},
                               {"len", length},
-                              {"err", firstCharacters(text, kMaxDescriptionCharacters)}});
+                              {"err", firstCharacters(text, kDescriptionCharactersMax)}});
     } catch (const std::bad_alloc&) {
         return; // the event is lost, the error itself is still answered
     }

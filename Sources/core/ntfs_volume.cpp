@@ -17,7 +17,7 @@ constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
 /// between. Their memory comes on top of the cache's. And they are far fewer than the 4096 dirty
 /// pages from which on the cache writes all of them back by itself, in long runs, which a
 /// device that expects file data takes for that.
-constexpr std::uint64_t kMostWaiting = 1024;
+constexpr std::uint64_t kPendingPagesMax = 1024;
 
 } // namespace
 
@@ -94,14 +94,14 @@ void NTFSVolume::flushTick() noexcept {
     }
 }
 
-void NTFSVolume::makeRoom() noexcept {
+void NTFSVolume::flushIfNearCapacity() noexcept {
     const BlockDevice::Backlog backlog = box_.device->backlog();
-    if (backlog.room == 0) {
+    if (backlog.capacity == 0) {
         return;
     }
     ntb_stats stats{};
     ntb_get_stats(vol_, &stats);
-    if (stats.dirtyPages + backlog.pages > std::min(kMostWaiting, backlog.room / 4)) {
+    if (stats.dirtyPages + backlog.pages > std::min(kPendingPagesMax, backlog.capacity / 4)) {
         // A failure is left to the sync that somebody waits for: nothing is lost by it.
         static_cast<void>(ntb_sync(vol_));
     }

@@ -153,7 +153,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
         if (vol_ == nullptr) {
             throw NTFSError(kENXIO);
         }
-        makeRoom();
+        flushIfNearCapacity();
         return std::invoke(std::forward<Body>(body), vol_);
     }
 
@@ -227,7 +227,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Syncs when so much waits that what comes next may not fit into one sync of the device, or
     /// that the bridge's cache may write it back on its own. Between two operations is where a sync
     /// must fall for a power cut to leave both whole.
-    void makeRoom() noexcept TAVELIN_REQUIRES(lock_);
+    void flushIfNearCapacity() noexcept TAVELIN_REQUIRES(lock_);
 
     DeviceBox box_;
     mutable Mutex lock_;

@@ -10,25 +10,27 @@ namespace tavelin {
 namespace {
 
 /// The least of a request that goes around the bridge's cache, in bytes.
-constexpr std::size_t kMuch = 64u << 10;
+constexpr std::size_t kBulkWriteBytesMin = 64u << 10;
 constexpr std::size_t kDevicePage = 4096; ///< bytes of a page that a device lets wait
 
 /// Tells a device, for as long as it lives, that a request writes much of a file. Not when the data
 /// may go where another file's would be again after a power cut: then it waits with the rest, or,
 /// where it is too much for that, the rest is synced before it.
-class FileData {
+class BulkWriteScope {
   public:
-    FileData(BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept
-        : device_(length > kMuch && goesAhead(device, vol, length) ? &device : nullptr) {
+    BulkWriteScope(BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept
+        : device_(length > kBulkWriteBytesMin && mayBypassJournal(device, vol, length) ? &device
+                                                                                       : nullptr) {
         tell(true);
     }
-    ~FileData() { tell(false); }
-    FileData(const FileData&) = delete;
-    FileData& operator=(const FileData&) = delete;
+    ~BulkWriteScope() { tell(false); }
+    BulkWriteScope(const BulkWriteScope&) = delete;
+    BulkWriteScope& operator=(const BulkWriteScope&) = delete;
 
   private:
-    static bool goesAhead(const BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept {
-        const std::uint64_t room = device.backlog().room;
+    static bool mayBypassJournal(const BlockDevice& device, ntb_vol* vol,
+                                 std::size_t length) noexcept {
+        const std::uint64_t room = device.backlog().capacity;
         if (room == 0 || ntb_has_freed(vol) == 0) {
             return true;
         }
@@ -37,7 +39,7 @@ class FileData {
 
     void tell(bool on) noexcept {
         if (device_ != nullptr) {
-            device_->expectFileData(on);
+            device_->expectBulkData(on);
         }
     }
 
@@ -71,7 +73,7 @@ std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset, const std
                               std::size_t length) {
     std::uint64_t done = 0;
     check(locked([&](ntb_vol* vol) {
-        const FileData data(*box_.device, vol, length);
+        const BulkWriteScope data(*box_.device, vol, length);
         return ntb_write(vol, ino, offset, source, length, &done);
     }));
     return static_cast<std::size_t>(done);

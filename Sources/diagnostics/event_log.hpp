@@ -31,8 +31,8 @@ class EventLog {
   public:
     static constexpr std::int64_t kDefaultMaxBytes = 1'000'000;
 
-    /// Logs to the file `url`, whose folders are made when missing; without a file the log stays
-    /// inert for good. `maxBytes` bounds the current file.
+    /// Logs to the file `url`, whose directories are made when missing; without a file the log
+    /// stays inert for good. `maxBytes` bounds the current file.
     explicit EventLog(std::optional<std::filesystem::path> url,
                       std::int64_t maxBytes = kDefaultMaxBytes, Clock now = currentDate);
 

@@ -1,4 +1,4 @@
-/// The item that FSKit holds for one file or folder.
+/// The item that FSKit holds for one file or directory.
 #pragma once
 
 #import <FSKit/FSKit.h>

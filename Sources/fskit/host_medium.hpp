@@ -15,7 +15,7 @@ class HostMedium {
 
     /// Returns once everything written before is on the medium and would survive a power cut;
     /// answers the error when that cannot be promised. Any thread.
-    [[nodiscard]] virtual std::optional<fskit::Error> reachMedium() = 0;
+    [[nodiscard]] virtual std::optional<fskit::Error> flushToMedium() = 0;
 };
 
 } // namespace tavelin

@@ -114,7 +114,7 @@ std::int32_t ResourceDevice::sync() noexcept {
             resource->metadataFlush();
         }
         if (auto* const medium = dynamic_cast<HostMedium*>(resource.get())) {
-            if (const auto error = medium->reachMedium()) {
+            if (const auto error = medium->flushToMedium()) {
                 return fail("sync", 0, 0, errorNumber(*error), error->localizedDescription());
             }
         }

@@ -5,7 +5,7 @@
 /// the utility queue.
 #pragma once
 
-#include "core/journaled_device.hpp"
+#include "core/journal/journaled_device.hpp"
 #include "fskit/api/file_system.hpp"
 #include "fskit/tavelin_volume.hpp"
 

@@ -18,7 +18,7 @@
 
 #include "core/ntfs_volume.hpp"
 #include "fskit/api/volume.hpp"
-#include "fskit/host_requests.hpp"
+#include "fskit/extended_operations.hpp"
 #include "fskit/n_item.hpp"
 #include "fskit/resource_device.hpp"
 #include "platform/mutex.hpp"
@@ -37,7 +37,7 @@ class TavelinVolume final : public fskit::FSVolume,
                             public fskit::FSVolumeOpenCloseOperations,
                             public fskit::FSVolumeRenameOperations,
                             public fskit::FSVolumeXattrOperations,
-                            public HostRequests {
+                            public ExtendedOperations {
   public:
     /// Named after the volume's label, "NTFS" when that is empty or cannot be read; identified by
     /// the serial number.
@@ -152,16 +152,16 @@ class TavelinVolume final : public fskit::FSVolume,
                   const fskit::ErrorReply& reply) override;
     void listXattrs(const fskit::FSItemRef& item, const fskit::NamesReply& reply) override;
 
-    void findItem(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
-                  const DescribedItemReply& reply) override;
-    void describeEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory,
-                       const DescribedItemReply& reply) override;
-    void addHostName(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                     const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) override;
+    void lookupWithAttributes(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
+                              const DescribedItemReply& reply) override;
+    void attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory,
+                           const DescribedItemReply& reply) override;
+    void linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                      const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) override;
     void countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) override;
-    void measureXattr(const fskit::FSFileName& name, const fskit::FSItemRef& item,
-                      const fskit::CountReply& reply) override;
-    void stayReady(const fskit::ErrorReply& reply) override;
+    void xattrSize(const fskit::FSFileName& name, const fskit::FSItemRef& item,
+                   const fskit::CountReply& reply) override;
+    void prefaultCache(const fskit::ErrorReply& reply) override;
 
     /// Never held across a call into `ntfs`.
     mutable Mutex items;

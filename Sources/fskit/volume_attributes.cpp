@@ -50,7 +50,7 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
     result.setModifyTime(record.modifyTime);
     result.setChangeTime(record.changeTime);
     result.setBirthTime(record.birthTime);
-    // NTFS does not record when an item came to its folder.
+    // NTFS does not record when an item came to its directory.
     result.setAddedTime(record.birthTime);
     result.setBackupTime({});
     result.setSupportsLimitedXAttrs(false);

@@ -96,13 +96,13 @@ void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
         return;
     }
     const auto packed = attempt(kOperation, [&] {
-        NItem& folder = n(directory);
-        const Snapshot snapshot = listing(folder, startingAt, verifier);
+        NItem& parent = n(directory);
+        const Snapshot snapshot = listing(parent, startingAt, verifier);
         if (wanted != nullptr) {
-            packEntries(*snapshot, startingAt, folder, true, packer);
-        } else if (packDotEntries(folder, startingAt, packer)) {
+            packEntries(*snapshot, startingAt, parent, true, packer);
+        } else if (packDotEntries(parent, startingAt, packer)) {
             const std::uint64_t first = startingAt > kDotEntries ? startingAt - kDotEntries : 0;
-            packEntries(*snapshot, first, folder, false, packer);
+            packEntries(*snapshot, first, parent, false, packer);
         }
         return snapshot->verifier;
     });

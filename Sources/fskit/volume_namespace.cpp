@@ -35,16 +35,16 @@ void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType
         return;
     }
     auto made = attempt("createItem(named:type:inDirectory:attributes:replyHandler:)", [&] {
-        NItem& folder = n(directory);
+        NItem& parent = n(directory);
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
-        auto fresh = item(ntfs->create(name(named), folder.ino, kind), folder.ino);
+        auto fresh = item(ntfs->create(name(named), parent.ino, kind), parent.ino);
         newAttributes.consumedAttributes = 0;
         try {
             apply(newAttributes, *fresh);
         } catch (const std::exception&) {
             // The item exists, and the host sees in `consumedAttributes` what it lacks.
         }
-        changed(folder);
+        changed(parent);
         return fresh;
     });
     reply(std::move(made.value).value_or(nullptr), named, made.error);
@@ -62,11 +62,11 @@ void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
     }
     auto made =
         attempt("createSymbolicLink(named:inDirectory:attributes:linkContents:replyHandler:)", [&] {
-            NItem& folder = n(directory);
+            NItem& parent = n(directory);
             const std::string_view linkName = name(named);
-            const std::uint64_t ino = ntfs->symlink(linkName, folder.ino, name(linkContents));
-            changed(folder);
-            return item(ino, folder.ino);
+            const std::uint64_t ino = ntfs->symlink(linkName, parent.ino, name(linkContents));
+            changed(parent);
+            return item(ino, parent.ino);
         });
     reply(std::move(made.value).value_or(nullptr), named, made.error);
 }
@@ -86,9 +86,9 @@ void TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/, const fskit::FS
         return;
     }
     reply(attempt("removeItem(_:named:fromDirectory:replyHandler:)", [&] {
-              NItem& folder = n(directory);
-              ntfs->remove(name(named), folder.ino);
-              changed(folder);
+              NItem& parent = n(directory);
+              ntfs->remove(name(named), parent.ino);
+              changed(parent);
           }).error);
 }
 

@@ -1,4 +1,4 @@
-/// The folder that an app group's members share.
+/// The directory that an app group's members share.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 namespace tavelin {
 
-/// The container of an app group; absent when the system gives none. The folder need not exist
+/// The container of an app group; absent when the system gives none. The directory need not exist
 /// yet. Outside macOS: $TAVELIN_GROUP_CONTAINER as it stands, else
 /// ${XDG_STATE_HOME:-$HOME/.local/state}/tavelin/<group>. Any thread.
 [[nodiscard]] std::optional<std::filesystem::path> groupContainer(const std::string& group);

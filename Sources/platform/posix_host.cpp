@@ -40,7 +40,7 @@ std::optional<std::filesystem::path> containerFrom(const char* container, const 
         return std::filesystem::path(container);
     }
     std::filesystem::path state;
-    // A relative XDG folder is to be ignored, as if it were not set.
+    // A relative XDG directory is to be ignored, as if it were not set.
     if (isSet(stateHome) && stateHome[0] == '/') {
         state = stateHome;
     } else if (isSet(home)) {

@@ -17,7 +17,7 @@ class ThreadQueue final : public UtilityQueue, public std::enable_shared_from_th
     void async(std::function<void()> work) override {
         MutexLock lock(mutex_);
         waiting_.push_back(std::move(work));
-        if (waiting_.size() > idle_ && threads_ < kMostThreads) {
+        if (waiting_.size() > idle_ && threads_ < kThreadsMax) {
             try {
                 spawnUtilityThread([self = shared_from_this()] { self->serve(); });
                 ++threads_;
@@ -33,7 +33,7 @@ class ThreadQueue final : public UtilityQueue, public std::enable_shared_from_th
     }
 
   private:
-    static constexpr std::size_t kMostThreads = 4;
+    static constexpr std::size_t kThreadsMax = 4;
 
     [[noreturn]] void serve() {
         for (;;) {

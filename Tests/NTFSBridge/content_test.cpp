@@ -38,7 +38,7 @@ TEST(FileData, ReadsAndWritesAtTheEdges) {
     volume.finish();
 }
 
-// Has what is made in the directory from now on compressed, as Windows marks folders.
+// Has what is made in the directory from now on compressed, as Windows marks directories.
 void compress(BridgeVolume& volume, uint64_t directory) {
     const auto* const vol = static_cast<ntb_vol*>(volume);
     ntb::inode_guard inode;

@@ -30,21 +30,21 @@ TEST(DamagedVolume, HasNoMoreFreeSpaceThanSpace) {
 }
 
 // The library wrote the times over the attribute's header, and then to memory that was not its own.
-TEST(DamagedVolume, WhoseTimesAreSaidToBeInTheirHeaderKeepsTheFolderClosed) {
+TEST(DamagedVolume, WhoseTimesAreSaidToBeInTheirHeaderKeepsTheDirectoryClosed) {
     BridgeVolume volume;
-    const uint64_t folder = volume.makeDirectory("folder");
-    volume.make("file", folder);
+    const uint64_t directory = volume.makeDirectory("folder");
+    volume.make("file", directory);
     EXPECT_EQ(volume.unmount(), 0);
     uint64_t table = 0;
     std::memcpy(&table, &volume.memory().bytes()[0x30], sizeof table);
-    uint8_t* const record = &volume.memory().bytes()[table * 4096 + folder * 1024];
+    uint8_t* const record = &volume.memory().bytes()[table * 4096 + directory * 1024];
     record[record[0x14] + 0x14] = 1; // the first attribute's value begins in its second byte
 
     ASSERT_EQ(volume.mount(), 0);
     uint64_t ino = 0;
-    EXPECT_EQ(ntb_lookup(volume, folder, "file", &ino), EIO);
-    EXPECT_EQ(ntb_rename(volume, folder, "file", NTB_ROOT_INO, "moved"), EIO);
-    EXPECT_EQ(ntb_create(volume, folder, "new", NTB_TYPE_FILE, &ino), EIO);
+    EXPECT_EQ(ntb_lookup(volume, directory, "file", &ino), EIO);
+    EXPECT_EQ(ntb_rename(volume, directory, "file", NTB_ROOT_INO, "moved"), EIO);
+    EXPECT_EQ(ntb_create(volume, directory, "new", NTB_TYPE_FILE, &ino), EIO);
 }
 
 } // namespace

@@ -16,19 +16,19 @@ namespace fs = std::filesystem;
 // The image mounted by the driver, for as long as this lives.
 class DriverMount {
   public:
-    explicit DriverMount(const SampleVolume& sample) : folder_(sample.folder() / "mount") {
-        fs::create_directories(folder_);
-        runOrThrow({"ntfs-3g", "-o", "compression", sample.image().string(), folder_.string()});
+    explicit DriverMount(const SampleVolume& sample) : directory_(sample.directory() / "mount") {
+        fs::create_directories(directory_);
+        runOrThrow({"ntfs-3g", "-o", "compression", sample.image().string(), directory_.string()});
     }
-    ~DriverMount() { EXPECT_TRUE(run({"umount", folder_.string()}).ok()); }
+    ~DriverMount() { EXPECT_TRUE(run({"umount", directory_.string()}).ok()); }
     DriverMount(const DriverMount&) = delete;
     DriverMount& operator=(const DriverMount&) = delete;
 
     static bool isPossible() { return access("/dev/fuse", R_OK | W_OK) == 0 && geteuid() == 0; }
 
-    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+    std::string path(const std::string& name) const { return (directory_ / name).string(); }
     void make(const std::string& name, const std::string& content = {}) const {
-        writeFile(folder_ / name, content);
+        writeFile(directory_ / name, content);
     }
     void set(const std::string& name, const char* attribute, const std::string& value) const {
         EXPECT_EQ(setxattr(path(name).c_str(), attribute, value.data(), value.size(), 0), 0)
@@ -42,7 +42,7 @@ class DriverMount {
     }
 
   private:
-    fs::path folder_;
+    fs::path directory_;
 };
 
 #define REQUIRE_DRIVER()                                                                           \
@@ -98,9 +98,9 @@ TEST(Interop, WhatToolsWroteIsReadAndBack) {
     EXPECT_NE(info.find("Fri Feb 13 23:31:30 2009"), std::string::npos) << info;
     EXPECT_NE(info.find("70000"), std::string::npos) << info;
 
-    writeFile(sample.folder() / "source", patternText(123456, 7));
+    writeFile(sample.directory() / "source", patternText(123456, 7));
     runOrThrow({"ntfscp", "--force", "--quiet", sample.image().string(),
-                (sample.folder() / "source").string(), "/copied"});
+                (sample.directory() / "source").string(), "/copied"});
     volume.reload();
     EXPECT_TRUE(volume.read(volume.find("copied")) == patternText(123456, 7));
     EXPECT_EQ(volume.attributes(volume.find("copied")).size, 123456u);

@@ -138,7 +138,7 @@ TEST(Volume, LabelsUpToTheirLongest) {
 
 TEST(Volume, ASyncedLabelIsOnTheDevice) {
     BridgeVolume volume({.label = "Before"});
-    const std::filesystem::path image = volume.sample().folder() / "synced";
+    const std::filesystem::path image = volume.sample().directory() / "synced";
     for (const std::string wanted : {"After", "", "Again"}) {
         EXPECT_EQ(ntb_set_label(volume, wanted.c_str()), 0);
         EXPECT_EQ(ntb_sync(volume), 0);

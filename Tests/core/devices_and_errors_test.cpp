@@ -4,7 +4,7 @@
 #include "diagnostics/event_log.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/run_process.hpp"
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 #include "support/watched_device.hpp"
 
 #include <gtest/gtest.h>
@@ -21,10 +21,10 @@ using test::run;
 constexpr std::uint64_t kBlock = 4096;
 
 TEST(FileBlockDevice, ServesWholeBlocksOfAFile) {
-    const test::TempFolder folder;
-    test::writeFile(folder / "image", std::string(10000, 'a'));
+    const test::TempDirectory directory;
+    test::writeFile(directory / "image", std::string(10000, 'a'));
     for (const bool noCache : {false, true}) {
-        FileBlockDevice device(folder / "image", kBlock, false, noCache);
+        FileBlockDevice device(directory / "image", kBlock, false, noCache);
         EXPECT_EQ(device.size(), 8192u);
         std::array<std::byte, 2 * kBlock> out{}, in{};
         out.fill(std::byte{noCache});
@@ -41,14 +41,14 @@ TEST(FileBlockDevice, ServesWholeBlocksOfAFile) {
         EXPECT_EQ(device.read(in.data(), 1, 100), 0);
         EXPECT_EQ(device.misaligned, 3);
     }
-    EXPECT_DEATH(FileBlockDevice(folder / "image", 0), "block size of 0");
-    EXPECT_EQ(test::codeOf([&] { FileBlockDevice(folder / "absent"); }), kENOENT);
+    EXPECT_DEATH(FileBlockDevice(directory / "image", 0), "block size of 0");
+    EXPECT_EQ(test::codeOf([&] { FileBlockDevice(directory / "absent"); }), kENOENT);
 }
 
 TEST(FileBlockDevice, TakesTheSizeOfADeviceNodeFromTheDevice) {
-    const test::TempFolder folder;
-    test::writeFile(folder / "image", std::string(1 << 20, 'x'));
-    const auto attached = run({"losetup", "--find", "--show", folder / "image"});
+    const test::TempDirectory directory;
+    test::writeFile(directory / "image", std::string(1 << 20, 'x'));
+    const auto attached = run({"losetup", "--find", "--show", directory / "image"});
     if (!attached.ok()) {
         GTEST_SKIP() << "no loop device here: " << attached.err;
     }
@@ -76,7 +76,7 @@ TEST(NTFSError, IsDescribedAndRecordedByItsNumber) {
 }
 
 TEST(DeviceError, IsTalliedAlwaysButLoggedTwentyTimesOnly) {
-    static const test::TempFolder container; // the process's event log stays in the first one
+    static const test::TempDirectory container; // the process's event log stays in the first one
     setenv("TAVELIN_GROUP_CONTAINER", container.path().c_str(), 1);
     const std::uint64_t start = events().read(0).offset;
     errorTally().reset();

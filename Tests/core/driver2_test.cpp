@@ -5,11 +5,11 @@
 namespace tavelin {
 namespace {
 
-using Words = std::vector<std::string>;
+using Options = std::vector<std::string>;
 using Driver2::CheckMode;
 
 TEST(Driver2, ReadsMountOptions) {
-    const std::vector<std::pair<Words, Words>> cases{
+    const std::vector<std::pair<Options, Options>> cases{
         // arguments, what they switch on
         {{"-o"}, {}},
         {{"-r"}, {"ro"}},
@@ -23,7 +23,7 @@ TEST(Driver2, ReadsMountOptions) {
     };
     for (const auto& [arguments, expected] : cases) {
         const Driver2::MountOptions options(arguments);
-        Words on;
+        Options on;
         if (options.readOnly) {
             on.emplace_back("ro");
         }
@@ -35,10 +35,10 @@ TEST(Driver2, ReadsMountOptions) {
 }
 
 TEST(Driver2, TheStrongestCheckModeWins) {
-    EXPECT_EQ(Driver2::checkMode(Words{}), CheckMode::quick);
-    EXPECT_EQ(Driver2::checkMode(Words{"-n", "-q"}), CheckMode::verify);
-    EXPECT_EQ(Driver2::checkMode(Words{"-y", "-n"}), CheckMode::repair);
-    EXPECT_THROW(static_cast<void>(Driver2::checkMode(Words{"-q", "-x"})), NTFSError);
+    EXPECT_EQ(Driver2::checkMode(Options{}), CheckMode::quick);
+    EXPECT_EQ(Driver2::checkMode(Options{"-n", "-q"}), CheckMode::verify);
+    EXPECT_EQ(Driver2::checkMode(Options{"-y", "-n"}), CheckMode::repair);
+    EXPECT_THROW(static_cast<void>(Driver2::checkMode(Options{"-q", "-x"})), NTFSError);
     EXPECT_EQ(Driver2::checkError(CheckMode::repair, true), kENOTSUP);
     EXPECT_EQ(Driver2::checkError(CheckMode::verify, false), kENXIO);
 }

@@ -33,9 +33,9 @@ TEST_F(Volume, IsProbedLabelledAndMeasured) {
     EXPECT_EQ(volume->statfs().totalBytes(), device->size() - 4096); // the last holds the backup
     EXPECT_GT(volume->ioStats().dirtyPages, 0u);
 
-    const test::TempFolder folder;
-    test::writeFile(folder / "blank", std::string(1 << 20, '\0'));
-    const auto blank = std::make_shared<FileBlockDevice>(folder / "blank");
+    const test::TempDirectory directory;
+    test::writeFile(directory / "blank", std::string(1 << 20, '\0'));
+    const auto blank = std::make_shared<FileBlockDevice>(directory / "blank");
     EXPECT_EQ(NTFSVolume::probe(blank), std::nullopt);
     EXPECT_EQ(codeOf([&] { static_cast<void>(NTFSVolume::open(blank, false)); }), kEINVAL);
     EXPECT_EQ(blank.use_count(), 1) << "a refused mount must hold nothing";

@@ -21,10 +21,10 @@ constexpr int kThreads = 4;
 constexpr int kNames = 6;
 constexpr int kStepsBeforeUnmount = 20000;
 
-/// What the threads share: a folder whose names they all make and remove.
+/// What the threads share: a directory whose names they all make and remove.
 struct Common {
     std::shared_ptr<NTFSVolume> volume;
-    std::uint64_t folder = 0;
+    std::uint64_t directory = 0;
     std::array<std::atomic<int>, kNames> made{}; // made minus removed
     std::atomic<int> steps = 0;
     std::promise<void> unmountNow;
@@ -37,7 +37,7 @@ class Worker {
           volume_(*common.volume),
           name_("own" + std::to_string(number)),
           random_(static_cast<unsigned>(number)),
-          folder_(volume_.create(name_, kRoot, NTFSItemType::directory)) {}
+          directory_(volume_.create(name_, kRoot, NTFSItemType::directory)) {}
 
     void run() {
         try {
@@ -52,8 +52,8 @@ class Worker {
         }
     }
 
-    /// The folder holds exactly what this worker's successful calls made of it.
-    void expectFolder(NTFSVolume& volume) const {
+    /// The directory holds exactly what this worker's successful calls made of it.
+    void expectDirectory(NTFSVolume& volume) const {
         std::map<std::string, std::string> found;
         for (const NTFSDirEntry& entry : volume.list(volume.lookup(name_, kRoot))) {
             const auto size = volume.attributes(entry.ino).size;
@@ -66,7 +66,7 @@ class Worker {
     void step() {
         switch (random_() % 5) {
         case 0:
-            return expectFolder(volume_);
+            return expectDirectory(volume_);
         case 1:
             return compete(random_() % kNames);
         case 2:
@@ -83,17 +83,17 @@ class Worker {
         const std::string other = "f" + std::to_string(random_() % kNames);
         const auto found = files_.find(name);
         if (found == files_.end()) {
-            volume_.create(name, folder_, NTFSItemType::file);
+            volume_.create(name, directory_, NTFSItemType::file);
             files_[name];
         } else if (random_() % 2 == 0) {
             const std::string text(random_() % 9000, static_cast<char>('a' + random_() % 26));
-            volume_.write(volume_.lookup(name, folder_), 0, bytesOf(text));
+            volume_.write(volume_.lookup(name, directory_), 0, bytesOf(text));
             found->second.replace(0, std::min(found->second.size(), text.size()), text);
         } else if (name == other) {
-            volume_.remove(name, folder_);
+            volume_.remove(name, directory_);
             files_.erase(found);
         } else {
-            volume_.rename(name, folder_, other, folder_);
+            volume_.rename(name, directory_, other, directory_);
             files_[other] = std::move(found->second);
             files_.erase(name);
         }
@@ -104,8 +104,8 @@ class Worker {
         const std::string name = "c" + std::to_string(which);
         const bool making = random_() % 2 == 0;
         const std::int32_t code = codeOf([&] {
-            making ? static_cast<void>(volume_.create(name, common_.folder, NTFSItemType::file))
-                   : volume_.remove(name, common_.folder);
+            making ? static_cast<void>(volume_.create(name, common_.directory, NTFSItemType::file))
+                   : volume_.remove(name, common_.directory);
         });
         if (code == 0) {
             common_.made[which] += making ? 1 : -1;
@@ -118,7 +118,7 @@ class Worker {
     NTFSVolume& volume_;
     std::string name_;
     std::minstd_rand random_;
-    std::uint64_t folder_;
+    std::uint64_t directory_;
     std::map<std::string, std::string> files_;
 };
 
@@ -126,7 +126,7 @@ TEST(VolumeThreads, WhatSucceededBeforeAnUnmountInTheMiddleIsOnTheImage) {
     const SampleVolume sample({.bytes = 32u << 20});
     Common common;
     common.volume = NTFSVolume::open(std::make_shared<WatchedDevice>(sample), false);
-    common.folder = common.volume->create("common", kRoot, NTFSItemType::directory);
+    common.directory = common.volume->create("common", kRoot, NTFSItemType::directory);
     common.volume->startAutoFlush(0.01);
 
     std::vector<Worker> workers;
@@ -146,7 +146,7 @@ TEST(VolumeThreads, WhatSucceededBeforeAnUnmountInTheMiddleIsOnTheImage) {
     expectConsistent(sample);
     const auto after = NTFSVolume::open(std::make_shared<WatchedDevice>(sample), true);
     for (const Worker& worker : workers) {
-        worker.expectFolder(*after);
+        worker.expectDirectory(*after);
     }
     for (std::size_t i = 0; i < kNames; ++i) {
         const std::string path = "common/c" + std::to_string(i);

@@ -13,7 +13,7 @@ namespace {
 
 using namespace tavelin::test;
 
-void print(const Verdict& verdict) {
+void print(const CrashReport& verdict) {
     fmt::print(
         "scripts            {:>10}\ncut points         {:>10}\npromises compared  {:>10}\n\n",
         verdict.scripts, verdict.cutPoints, verdict.promises);
@@ -70,7 +70,7 @@ int main(int count, char** words) {
     }
     const Bytes base = preparedVolume();
     cuts.imagesPerCheck = pairs ? 16 : 1;
-    Verdict verdict;
+    CrashReport verdict;
     for (const Script& script : allScripts(pairs && !driver)) {
         if (!driver) {
             verdict.add(tryScript(base, script, cuts));

@@ -1,6 +1,6 @@
 #include "crash/driver_recording.hpp"
 
-#include "hosts/module/module_host.hpp"
+#include "hosting/module_host.hpp"
 #include "support/replaced_services.hpp"
 #include "support/run_process.hpp"
 #include "support/sample_volume.hpp"
@@ -190,12 +190,12 @@ class MountedDriver {
         ::close(file);
     }
 
-    fs::path root() const { return folder_.path() / "root"; }
-    fs::path image() const { return folder_.path() / "image"; }
-    fs::path log() const { return folder_.path() / "log"; }
+    fs::path root() const { return directory_.path() / "root"; }
+    fs::path image() const { return directory_.path() / "image"; }
+    fs::path log() const { return directory_.path() / "log"; }
 
   private:
-    const TempFolder folder_;
+    const TempDirectory directory_;
     Lifeline lifeline_;
     bool isMounted_ = false;
 };

@@ -1,7 +1,7 @@
 #include "crash/operations.hpp"
 
-#include "hosts/module/module_host.hpp"
-#include "hosts/module/paths.hpp"
+#include "hosting/module_host.hpp"
+#include "hosting/paths.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/sample_volume.hpp"
 
@@ -35,7 +35,7 @@ void makeFile(VolumeClient& volume, const std::string& path, const Bytes& conten
     }
 }
 
-void makeFolder(VolumeClient& volume, const std::string& path) {
+void makeDirectory(VolumeClient& volume, const std::string& path) {
     const Location where = locate(volume, path).get();
     volume.create(where.directory, where.name, FSItemType::directory).get();
 }
@@ -137,7 +137,7 @@ const std::vector<Operation>& allOperations() {
          {}},
         {"truncate down", [](auto& v) { truncate(v, "work/shrunk", 100); }, {"work/shrunk"}, {}},
         {"truncate up", [](auto& v) { truncate(v, "work/grown", 50000); }, {"work/grown"}, {}},
-        {"mkdir", [](auto& v) { makeFolder(v, "work/made"); }, {"work/made"}, {}},
+        {"mkdir", [](auto& v) { makeDirectory(v, "work/made"); }, {"work/made"}, {}},
         {"rmdir", [](auto& v) { remove(v, "work/empty"); }, {"work/empty"}, {}},
         {"unlink", [](auto& v) { remove(v, "work/unlinked"); }, {"work/unlinked"}, {}},
         moving("rename", "work/from", "work/to"),
@@ -186,8 +186,9 @@ Bytes preparedVolume() {
     ModuleHost host(disk);
     host.open();
     VolumeClient& v = host.volume();
-    for (const char* folder : {"work", "other", "stable", "stable/deep", "crowd", "work/empty"}) {
-        makeFolder(v, folder);
+    for (const char* directory :
+         {"work", "other", "stable", "stable/deep", "crowd", "work/empty"}) {
+        makeDirectory(v, directory);
     }
     for (const char* file : {"appended", "overwritten", "shrunk", "grown", "unlinked", "from",
                              "winner", "loser", "mover", "readme", "streamed", "tagged", "timed"}) {

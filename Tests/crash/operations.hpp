@@ -2,7 +2,7 @@
 #pragma once
 
 #include "crash/recording_resource.hpp"
-#include "hosts/module/volume_client.hpp"
+#include "hosting/volume_client.hpp"
 
 #include <functional>
 #include <string>
@@ -23,7 +23,7 @@ struct Operation {
 const std::vector<Operation>& allOperations();
 
 // A formatted volume of 4 MiB with files for the operations to work on, others for them to leave
-// alone, and a folder large enough to have index blocks. Cleanly unmounted.
+// alone, and a directory large enough to have index blocks. Cleanly unmounted.
 Bytes preparedVolume();
 
 } // namespace tavelin::test

@@ -1,7 +1,7 @@
 #include "crash/power_cut.hpp"
 
 #include "crash/independent_check.hpp"
-#include "hosts/module/module_host.hpp"
+#include "hosting/module_host.hpp"
 #include "support/replaced_services.hpp"
 
 #include <fmt/format.h>
@@ -14,9 +14,9 @@ namespace tavelin::test {
 namespace {
 
 // The volume after one cut, against what was promised by then.
-class Judge {
+class CrashOracle {
   public:
-    Judge(const Script& script, const Recording& recording, std::size_t end)
+    CrashOracle(const Script& script, const Recording& recording, std::size_t end)
         : recording_(recording) {
         for (std::size_t i = 0; i < recording.states.size(); i++) {
             if (recording.promisedAt[i] <= end) {
@@ -66,25 +66,26 @@ class Judge {
     bool wasCompleted() const { return wasCompleted_; }
 
   private:
-    bool changesIn(const std::string& folder) const {
+    bool changesIn(const std::string& directory) const {
         return std::any_of(touched_.begin(), touched_.end(), [&](const std::string& path) {
-            return folder.empty() || path.starts_with(folder + "/");
+            return directory.empty() || path.starts_with(directory + "/");
         });
     }
 
     bool changesBeside(const std::string& path) const {
         const std::size_t slash = path.rfind('/');
-        const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+        const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
         return std::any_of(touched_.begin(), touched_.end(), [&](const std::string& other) {
-            return other.starts_with(folder) && other.find('/', folder.size()) == std::string::npos;
+            return other.starts_with(directory) &&
+                   other.find('/', directory.size()) == std::string::npos;
         });
     }
 
     void compareReadable(const Snapshot& found) {
         for (const auto& [path, why] : found.unreadable) {
             const Fault fault = touched_.contains(path) ? Fault::noFile
-                                : changesIn(path)       ? Fault::noFolder
-                                : changesBeside(path)   ? Fault::halfFolder
+                                : changesIn(path)       ? Fault::noDirectory
+                                : changesBeside(path)   ? Fault::halfDirectory
                                                         : Fault::unreadable;
             findings_.push_back({fault, path + ": " + why});
         }
@@ -100,7 +101,7 @@ class Judge {
             promises_++;
             if (now == found.entries.end()) {
                 if (!touched && changesBeside(path)) {
-                    findings_.push_back({Fault::halfFolder, path});
+                    findings_.push_back({Fault::halfDirectory, path});
                 } else if (!touched || !mayBeAbsent(path, found)) {
                     findings_.push_back({Fault::lost, path});
                 }
@@ -172,14 +173,14 @@ class Judge {
 
 } // namespace
 
-Verdict tryRecording(const Bytes& base, const Script& script, const Recording& recording,
-                     const Cuts& cuts) {
-    Verdict verdict;
+CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
+                         const Cuts& cuts) {
+    CrashReport verdict;
     verdict.scripts = 1;
     std::mt19937_64 random(cuts.seed);
     static const IndependentCheck check(base);
     const auto tryCut = [&](std::size_t end, Cut cut) {
-        Judge judge(script, recording, end);
+        CrashOracle judge(script, recording, end);
         const bool isChecked = cut == Cut::prefix && random() % cuts.imagesPerCheck == 0;
         const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random),
                                           isChecked ? &check : nullptr);
@@ -194,7 +195,7 @@ Verdict tryRecording(const Bytes& base, const Script& script, const Recording& r
             if (fault == Fault::inconsistent) {
                 verdict.complaints[what]++;
             }
-            if (verdict.examples.size() < Verdict::kMostExamples) {
+            if (verdict.examples.size() < CrashReport::kExamplesMax) {
                 verdict.examples.push_back(
                     fmt::format("{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
                                 recording.events.size(), cutName(cut), faultName(fault), what));
@@ -222,7 +223,7 @@ Verdict tryRecording(const Bytes& base, const Script& script, const Recording& r
     return verdict;
 }
 
-Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
+CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
     return tryRecording(base, script, recordTavelin(base, script), cuts);
 }
 

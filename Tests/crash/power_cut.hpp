@@ -1,8 +1,8 @@
 // Runs changes on a recording disk, cuts the power at every write, and judges what is left.
 #pragma once
 
+#include "crash/crash_report.hpp"
 #include "crash/recording.hpp"
-#include "crash/verdict.hpp"
 
 #include <cstdint>
 #include <vector>
@@ -18,9 +18,9 @@ struct Cuts {
 };
 
 // Every cut of one script. `base` is preparedVolume().
-Verdict tryScript(const Bytes& base, const Script& script, const Cuts& cuts);
-Verdict tryRecording(const Bytes& base, const Script& script, const Recording& recording,
-                     const Cuts& cuts);
+CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts);
+CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
+                         const Cuts& cuts);
 
 // All scripts of one operation and, when asked for, of all pairs.
 std::vector<Script> allScripts(bool pairs);

@@ -8,7 +8,7 @@
 namespace tavelin::test {
 namespace {
 
-std::string text(const Verdict& verdict) {
+std::string text(const CrashReport& verdict) {
     std::string lines;
     for (const std::string& example : verdict.examples) {
         lines += example + "\n";
@@ -23,7 +23,7 @@ const Operation& named(const char* name) {
 
 TEST(PowerCut, LosesAndDamagesNothingThatWasPromised) {
     const Bytes base = preparedVolume();
-    Verdict verdict;
+    CrashReport verdict;
     for (const Script& script : allScripts(false)) {
         verdict.add(tryScript(base, script, {}));
     }

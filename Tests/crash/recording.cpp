@@ -1,6 +1,6 @@
 #include "crash/recording.hpp"
 
-#include "hosts/module/module_host.hpp"
+#include "hosting/module_host.hpp"
 #include "support/replaced_services.hpp"
 
 #include <algorithm>

@@ -50,7 +50,7 @@ void RecordingResource::metadataFlush() {
     events_.push_back({true, 0, {}});
 }
 
-std::optional<fskit::Error> RecordingResource::reachMedium() {
+std::optional<fskit::Error> RecordingResource::flushToMedium() {
     events_.push_back({true, 0, {}});
     return std::nullopt;
 }

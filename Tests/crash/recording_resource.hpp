@@ -1,7 +1,7 @@
 // A disk in memory that notes every write and every flush, and what a power cut leaves of it.
 #pragma once
 
-#include "hosts/module/image_resource.hpp"
+#include "hosting/image_resource.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -43,7 +43,7 @@ class RecordingResource final : public HostResource {
     void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
                               std::size_t length) override;
     void metadataFlush() override;
-    std::optional<fskit::Error> reachMedium() override;
+    std::optional<fskit::Error> flushToMedium() override;
 
   private:
     Bytes image_;

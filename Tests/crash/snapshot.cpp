@@ -1,6 +1,6 @@
 #include "crash/snapshot.hpp"
 
-#include "hosts/module/paths.hpp"
+#include "hosting/paths.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -42,15 +42,15 @@ SnapshotEntry entryOf(VolumeClient& volume, const std::string& path, const Direc
     return result;
 }
 
-void takeFolder(VolumeClient& volume, const ItemRef& folder, const std::string& prefix,
-                Snapshot& snapshot) {
-    for (const DirectoryEntry& entry : volume.list(folder, true).get()) {
+void takeDirectory(VolumeClient& volume, const ItemRef& directory, const std::string& prefix,
+                   Snapshot& snapshot) {
+    for (const DirectoryEntry& entry : volume.list(directory, true).get()) {
         const std::string path = prefix + entry.name;
         try {
             const SnapshotEntry& taken = snapshot.entries[path] = entryOf(volume, path, entry);
             if (taken.type == fskit::FSItemType::directory) {
                 const Found found = resolve(volume, path, LastLink::keep).get();
-                takeFolder(volume, found.item, path + "/", snapshot);
+                takeDirectory(volume, found.item, path + "/", snapshot);
             }
         } catch (const std::exception& error) {
             snapshot.unreadable[path] = error.what();
@@ -80,7 +80,7 @@ Snapshot takeSnapshot(VolumeClient& volume) {
     Snapshot snapshot;
     snapshot.label = volume.name();
     try {
-        takeFolder(volume, volume.root(), "", snapshot);
+        takeDirectory(volume, volume.root(), "", snapshot);
     } catch (const std::exception& error) {
         snapshot.unreadable[""] = error.what();
     }

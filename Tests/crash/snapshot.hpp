@@ -1,7 +1,7 @@
 // What a volume holds, as a program that reads all of it sees it.
 #pragma once
 
-#include "hosts/module/volume_client.hpp"
+#include "hosting/volume_client.hpp"
 
 #include <cstddef>
 #include <map>
@@ -25,7 +25,7 @@ struct SnapshotEntry {
     bool sameContent(const SnapshotEntry& other) const {
         return type == other.type && content == other.content && streams == other.streams;
     }
-    // A folder's own times change with its entries, which are compared instead.
+    // A directory's own times change with its entries, which are compared instead.
     bool sameAs(const SnapshotEntry& other) const {
         return sameContent(other) && (type == fskit::FSItemType::directory || sameTimes(other));
     }
@@ -37,7 +37,7 @@ struct Snapshot {
     std::string label;
 
     bool sameAs(const Snapshot& other) const;
-    // Whether the path is in a folder that could not be listed.
+    // Whether the path is in a directory that could not be listed.
     bool isHidden(const std::string& path) const;
 };
 

@@ -1,6 +1,6 @@
 // Whatever the file system refuses, the caller of the event log never notices.
 #include "diagnostics/event_log.hpp"
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
 
@@ -42,40 +42,40 @@ void expectInert(EventLog& log) {
 
 class EventLogFailureTest : public testing::Test {
   protected:
-    const test::TempFolder folder;
-    const std::filesystem::path file = folder / "module.log";
+    const test::TempDirectory directory;
+    const std::filesystem::path file = directory / "module.log";
 };
 
-TEST_F(EventLogFailureTest, WithoutAFileOrAFolderOrATimeItIsInert) {
+TEST_F(EventLogFailureTest, WithoutAFileOrADirectoryOrATimeItIsInert) {
     EventLog absent(std::nullopt);
     expectInert(absent);
     EXPECT_EQ(absent.size(), 0);
 
     EventLog timeless(file, 1000, []() -> Date { throw std::runtime_error("no time"); });
     expectInert(timeless);
-    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+    EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 
     writeFile(file, "");
     EventLog unmakeable(file / "Logs" / "module.log");
     expectInert(unmakeable);
 
-    EventLog blocked(folder / "folder");
-    std::filesystem::create_directory(folder / "folder");
+    EventLog blocked(directory / "folder");
+    std::filesystem::create_directory(directory / "folder");
     expectInert(blocked);
 }
 
-TEST_F(EventLogFailureTest, AFileThatVanishesIsMadeAgainAFolderIsNot) {
-    EventLog log(folder / "Logs" / "module.log");
+TEST_F(EventLogFailureTest, AFileThatVanishesIsMadeAgainADirectoryIsNot) {
+    EventLog log(directory / "Logs" / "module.log");
     log.event("one");
-    std::filesystem::remove(folder / "Logs" / "module.log");
+    std::filesystem::remove(directory / "Logs" / "module.log");
     log.event("two");
     EXPECT_NE(log.tail(1000).find("\"two\""), std::string::npos);
-    std::filesystem::remove_all(folder / "Logs");
+    std::filesystem::remove_all(directory / "Logs");
     expectInert(log);
 }
 
 TEST_F(EventLogFailureTest, ARotationThatFailsKeepsWritingToTheSameFile) {
-    std::filesystem::create_directories(folder / "module.log.1" / "obstacle");
+    std::filesystem::create_directories(directory / "module.log.1" / "obstacle");
     EventLog log(file, 10);
     log.event("one");
     log.event("two");

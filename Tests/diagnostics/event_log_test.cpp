@@ -1,5 +1,5 @@
 #include "diagnostics/event_log.hpp"
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
 
@@ -29,8 +29,8 @@ struct Describable {
 
 class EventLogTest : public testing::Test {
   protected:
-    const test::TempFolder folder;
-    const std::filesystem::path file = folder / "Library" / "Logs" / "module.log";
+    const test::TempDirectory directory;
+    const std::filesystem::path file = directory / "Library" / "Logs" / "module.log";
     const std::filesystem::path older = file.string() + ".1";
     EventLog log{file, EventLog::kDefaultMaxBytes,
                  [] { return at(1794766833) + std::chrono::milliseconds(999); }};
@@ -137,10 +137,11 @@ TEST_F(EventLogTest, ReadingFollowsTheFileAndBeginsAgainAfterARotation) {
 }
 
 TEST_F(EventLogTest, TheProcessesLogIsInTheGroupsContainer) {
-    ::setenv("TAVELIN_GROUP_CONTAINER", (folder / "box").c_str(), 1); // NOLINT: one thread
-    EXPECT_EQ(EventLog::groupFile("any", "a.log"), folder / "box" / "Library" / "Logs" / "a.log");
+    ::setenv("TAVELIN_GROUP_CONTAINER", (directory / "box").c_str(), 1); // NOLINT: one thread
+    EXPECT_EQ(EventLog::groupFile("any", "a.log"),
+              directory / "box" / "Library" / "Logs" / "a.log");
     events().event("module_start");
-    EXPECT_NE(readFile(folder / "box" / "Library" / "Logs" / "module.log"), "");
+    EXPECT_NE(readFile(directory / "box" / "Library" / "Logs" / "module.log"), "");
 }
 
 } // namespace

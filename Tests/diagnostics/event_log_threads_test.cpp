@@ -1,5 +1,5 @@
 #include "diagnostics/event_log.hpp"
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -58,11 +58,11 @@ TEST(EventLogThreads, LinesStayWholeAndOnlyRemovedGenerationsAreLost) {
     // All of it is more than half a megabyte: with the first bound it takes one rotation, which
     // removes nothing; with the second it takes dozens.
     for (const std::int64_t bound : {400'000, 10'000}) {
-        const test::TempFolder folder;
-        EventLog log(folder / "module.log", bound);
+        const test::TempDirectory directory;
+        EventLog log(directory / "module.log", bound);
         writeFromManyThreads(log);
         EXPECT_LE(log.size(), bound);
-        EXPECT_LE(std::filesystem::file_size(folder / "module.log.1"), std::uintmax_t(bound));
+        EXPECT_LE(std::filesystem::file_size(directory / "module.log.1"), std::uintmax_t(bound));
 
         // What is left of each writer is the end of what it wrote, each event once, without a gap.
         const auto records = recordsIn(log.tail(1'000'000));

@@ -1,7 +1,7 @@
 #include "fault/device_ladder.hpp"
 
-#include "hosts/module/faulty_resource.hpp"
-#include "hosts/module/module_host.hpp"
+#include "hosting/faulty_resource.hpp"
+#include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -17,7 +17,7 @@ namespace {
 using Times = DeviceFault::Times;
 
 // A device without its host would be asked forever if a retry had no end.
-constexpr std::uint64_t kMostCallsAfterTheEnd = 100;
+constexpr std::uint64_t kCallsAfterTheEndMax = 100;
 constexpr std::uint64_t kPage = 4096; // of the page cache
 
 std::optional<std::int32_t> errorOf(const std::function<void()>& work) {
@@ -30,9 +30,9 @@ std::optional<std::int32_t> errorOf(const std::function<void()>& work) {
 }
 
 // Which device calls fail, counted from arm() on.
-class Trouble {
+class FaultInjector {
   public:
-    explicit Trouble(const DeviceFault& fault) : fault_(fault) {}
+    explicit FaultInjector(const DeviceFault& fault) : fault_(fault) {}
 
     void arm(std::uint64_t call) { next_ = call; }
     void disarm() { next_ = 0; }
@@ -72,15 +72,16 @@ struct Rig {
           host(std::make_shared<FaultyResource>(
               disk, [this](const auto& transfer) { return trouble.judge(transfer); })) {}
 
-    Trouble trouble;
+    FaultInjector trouble;
     std::shared_ptr<RecordingResource> disk;
     ModuleHost host;
 };
 
 // One run of a request on a failing device: what happened, and the complaints about it.
-class Rung {
+class FaultRun {
   public:
-    Rung(Rig& rig, const Operation& request, const DeviceFault& fault, const Reference& reference)
+    FaultRun(Rig& rig, const Operation& request, const DeviceFault& fault,
+             const Reference& reference)
         : rig_(rig), request_(request), fault_(fault), reference_(reference) {}
 
     std::vector<std::string> run(std::uint64_t call, bool isCached) {
@@ -95,7 +96,7 @@ class Rung {
         if (fault_.times == Times::forAWhile) {
             rig_.trouble.disarm();
         }
-        recover();
+        replay();
         inspect();
         return std::move(complaints_);
     }
@@ -134,7 +135,7 @@ class Rung {
         expectReported("synchronise", [&] { rig_.host.volume().synchronize().get(); });
     }
 
-    void recover() {
+    void replay() {
         if (!done_) {
             const auto error = errorOf([&] { request_.run(rig_.host.volume()); });
             done_ = !error;
@@ -161,7 +162,7 @@ class Rung {
         if (rig_.host.isLoaded()) {
             complain("is still loaded");
         }
-        if (rig_.trouble.hits() > kMostCallsAfterTheEnd) {
+        if (rig_.trouble.hits() > kCallsAfterTheEndMax) {
             complain(fmt::format("calls the lost device {} times", rig_.trouble.hits()));
         }
     }
@@ -236,7 +237,7 @@ LadderResult DeviceLadder::climb(const Operation& request, const DeviceFault& fa
     LadderResult result;
     for (std::uint64_t call = 1;; call++) {
         Rig rig(base_, blockSize_, fault);
-        Rung rung(rig, request, fault, wanted);
+        FaultRun rung(rig, request, fault, wanted);
         const auto complaints = rung.run(call, blockSize_ <= kPage);
         result.rungs++;
         result.lostNames += rung.hasLostName() ? 1 : 0;

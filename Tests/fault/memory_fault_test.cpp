@@ -2,7 +2,7 @@
 // in turn.
 #include "crash/snapshot.hpp"
 #include "fault/requests.hpp"
-#include "hosts/module/module_host.hpp"
+#include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/replaced_services.hpp"
 

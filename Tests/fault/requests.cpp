@@ -1,6 +1,6 @@
 #include "fault/requests.hpp"
 
-#include "hosts/module/paths.hpp"
+#include "hosting/paths.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <algorithm>

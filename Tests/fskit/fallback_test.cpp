@@ -66,7 +66,7 @@ class Fallback : public VolumeTest {
         std::string journal = run({"ntfscat", "-f", "-q", "-i", "2", image}).out;
         const std::string page = restartPage(major, minor, inUse, journal.size());
         journal.replace(0, 2 * kPage, page + page);
-        const auto file = sample.folder() / "journal";
+        const auto file = sample.directory() / "journal";
         writeFile(file, journal);
         const auto copied = run({"ntfscp", "-f", "-q", "-i", image, file.string(), "2"});
         ASSERT_TRUE(copied.ok()) << copied.describe();
@@ -82,7 +82,7 @@ class Fallback : public VolumeTest {
     }
 
     // Loads, tries to change everything that a request can change, and unloads again.
-    void expectReadOnly(bool fellBack, const Words& options = {}) {
+    void expectReadOnly(bool fellBack, const Options& options = {}) {
         const std::string before = disk->bytes;
         start(options);
         const bool said =

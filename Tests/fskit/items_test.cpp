@@ -109,8 +109,8 @@ TEST_F(Items, FailuresAreTalliedUnderTheRequestsBareName) {
 
 TEST_F(Items, AttributesAreFilledWhateverIsAsked) {
     auto ask = requests();
-    const Item folder = *ask.create(root, "folder", Type::directory);
-    const Item file = *ask.create(folder, "file");
+    const Item directory = *ask.create(root, "folder", Type::directory);
+    const Item file = *ask.create(directory, "file");
     EXPECT_EQ(*ask.write(file, 0, std::string(5000, 'x')), 5000u);
     const auto found = attributesOf(file);
     EXPECT_EQ(found.validAttributes(), (1u << 17) - 1);
@@ -121,10 +121,10 @@ TEST_F(Items, AttributesAreFilledWhateverIsAsked) {
     EXPECT_EQ(found.size(), 5000u);
     EXPECT_EQ(found.allocSize(), 8192u);
     EXPECT_EQ(found.fileID(), inodeOf(file));
-    EXPECT_EQ(found.parentID(), inodeOf(folder));
+    EXPECT_EQ(found.parentID(), inodeOf(directory));
     EXPECT_TRUE(same(found.addedTime(), found.birthTime()));
     EXPECT_TRUE(same(found.backupTime(), {}));
-    EXPECT_EQ(attributesOf(folder).parentID(), fskit::FSItemIDRootDirectory);
+    EXPECT_EQ(attributesOf(directory).parentID(), fskit::FSItemIDRootDirectory);
     EXPECT_EQ(attributesOf(root).fileID(), fskit::FSItemIDRootDirectory);
     EXPECT_EQ(attributesOf(root).parentID(), fskit::FSItemIDParentOfRoot);
     EXPECT_EQ(attributesOf(root).mode(), 040777u);
@@ -175,21 +175,22 @@ TEST_F(Items, ChangesAreConsumedOneByOneAndStopAtTheFirstFailure) {
     onCreation.consumedAttributes = Bit::type;
     EXPECT_EQ(ask.create(root, "large", Type::file, onCreation).code(), 0);
     EXPECT_EQ(onCreation.consumedAttributes, 0u);
-    FSItemSetAttributesRequest folderMode;
-    folderMode.setMode(0700);
-    const Item folder = *ask.create(root, "folder", Type::directory, folderMode);
-    EXPECT_EQ(folderMode.consumedAttributes, Bit::mode);
-    EXPECT_EQ(attributesOf(folder).mode(), 040777u);
+    FSItemSetAttributesRequest directoryMode;
+    directoryMode.setMode(0700);
+    const Item directory = *ask.create(root, "folder", Type::directory, directoryMode);
+    EXPECT_EQ(directoryMode.consumedAttributes, Bit::mode);
+    EXPECT_EQ(attributesOf(directory).mode(), 040777u);
 }
 
 TEST_F(Items, OneItemForEachInodeUntilItIsReclaimed) {
     auto ask = requests();
-    const Item folder = *ask.create(root, "folder", Type::directory);
+    const Item directory = *ask.create(root, "folder", Type::directory);
     const Item file = *ask.create(root, "file");
     const std::uint64_t ino = inodeOf(file);
     EXPECT_EQ(*ask.lookup(root, "file"), file);
-    EXPECT_EQ(volume().item(ino, inodeOf(folder)), file);
-    EXPECT_EQ(attributesOf(file).parentID(), inodeOf(folder)) << "the directory last come through";
+    EXPECT_EQ(volume().item(ino, inodeOf(directory)), file);
+    EXPECT_EQ(attributesOf(file).parentID(), inodeOf(directory))
+        << "the directory last come through";
 
     EXPECT_EQ(ask.reclaim(file).code(), 0);
     const Item again = *ask.lookup(root, "file");
@@ -205,80 +206,80 @@ TEST_F(Items, OneItemForEachInodeUntilItIsReclaimed) {
 
 TEST_F(Items, RenamingMovesTheItemAndForgetsTheOneReplaced) {
     auto ask = requests();
-    const Item folder = *ask.create(root, "folder", Type::directory);
+    const Item directory = *ask.create(root, "folder", Type::directory);
     const Item moved = *ask.create(root, "a");
-    const Item replaced = *ask.create(folder, "b");
-    EXPECT_EQ(ask.rename(moved, root, "absent", folder, "b", replaced).code(), kENOENT);
-    EXPECT_EQ(*ask.lookup(folder, "b"), replaced);
+    const Item replaced = *ask.create(directory, "b");
+    EXPECT_EQ(ask.rename(moved, root, "absent", directory, "b", replaced).code(), kENOENT);
+    EXPECT_EQ(*ask.lookup(directory, "b"), replaced);
     EXPECT_EQ(attributesOf(moved).parentID(), fskit::FSItemIDRootDirectory);
 
-    EXPECT_EQ((*ask.rename(moved, root, "a", folder, "b", replaced))->data(), "b");
-    EXPECT_EQ(attributesOf(moved).parentID(), inodeOf(folder));
-    EXPECT_EQ(*ask.lookup(folder, "b"), moved);
-    EXPECT_NE(volume().item(inodeOf(replaced), inodeOf(folder)), replaced);
-    EXPECT_EQ((*ask.rename(moved, folder, "b", folder, "B", moved))->data(), "B");
-    EXPECT_EQ(*ask.lookup(folder, "B"), moved) << "not replaced by itself";
+    EXPECT_EQ((*ask.rename(moved, root, "a", directory, "b", replaced))->data(), "b");
+    EXPECT_EQ(attributesOf(moved).parentID(), inodeOf(directory));
+    EXPECT_EQ(*ask.lookup(directory, "b"), moved);
+    EXPECT_NE(volume().item(inodeOf(replaced), inodeOf(directory)), replaced);
+    EXPECT_EQ((*ask.rename(moved, directory, "b", directory, "B", moved))->data(), "B");
+    EXPECT_EQ(*ask.lookup(directory, "B"), moved) << "not replaced by itself";
 
     EXPECT_EQ(list(root, 0), (Names{".>1", "..>2", "folder>3"}));
     const auto before = verifier;
-    EXPECT_EQ(ask.rename(nullptr, folder, "B", folder, "c").code(), 0);
+    EXPECT_EQ(ask.rename(nullptr, directory, "B", directory, "c").code(), 0);
     list(root, 0);
     EXPECT_EQ(verifier, before + 2);
 }
 
 TEST_F(Items, ListingsGoOnWhereTheyWereUntilNamesChange) {
     auto ask = requests();
-    const Item folder = *ask.create(root, "folder", Type::directory);
-    EXPECT_EQ(list(folder, 0), (Names{".>1", "..>2"}));
+    const Item directory = *ask.create(root, "folder", Type::directory);
+    EXPECT_EQ(list(directory, 0), (Names{".>1", "..>2"}));
     for (const char* name : {"a", "b", "c", "d"}) {
-        EXPECT_EQ(ask.create(folder, name).code(), 0);
+        EXPECT_EQ(ask.create(directory, name).code(), 0);
     }
-    EXPECT_EQ(list(folder, 0, {}, false, 1), Names{".>1"});
-    EXPECT_EQ(list(folder, 1, {}, false, 2), (Names{"..>2", "a>3"}));
-    EXPECT_EQ(list(folder, 2, {}, false, 1), Names{"a>3"});
-    EXPECT_EQ(list(folder, 3), (Names{"b>4", "c>5", "d>6"}));
-    EXPECT_EQ(list(folder, 0, {}, true, 2), (Names{"a>1", "b>2"}));
-    EXPECT_EQ(list(folder, 2, {}, true), (Names{"c>3", "d>4"}));
-    EXPECT_EQ(list(folder, 6), Names{});
-    EXPECT_EQ(list(folder, UINT64_MAX), Names{});
-    EXPECT_EQ(list(folder, UINT64_MAX, {}, true), Names{});
+    EXPECT_EQ(list(directory, 0, {}, false, 1), Names{".>1"});
+    EXPECT_EQ(list(directory, 1, {}, false, 2), (Names{"..>2", "a>3"}));
+    EXPECT_EQ(list(directory, 2, {}, false, 1), Names{"a>3"});
+    EXPECT_EQ(list(directory, 3), (Names{"b>4", "c>5", "d>6"}));
+    EXPECT_EQ(list(directory, 0, {}, true, 2), (Names{"a>1", "b>2"}));
+    EXPECT_EQ(list(directory, 2, {}, true), (Names{"c>3", "d>4"}));
+    EXPECT_EQ(list(directory, 6), Names{});
+    EXPECT_EQ(list(directory, UINT64_MAX), Names{});
+    EXPECT_EQ(list(directory, UINT64_MAX, {}, true), Names{});
 
     const auto old = verifier;
-    volume().ntfs->remove("a", inodeOf(folder)); // behind the volume's back
-    EXPECT_EQ(list(folder, 3), (Names{"b>4", "c>5", "d>6"})) << "served from what was listed";
-    EXPECT_EQ(list(folder, 3, old + 1), (Names{"c>4", "d>5"})) << "another verifier, a new list";
+    volume().ntfs->remove("a", inodeOf(directory)); // behind the volume's back
+    EXPECT_EQ(list(directory, 3), (Names{"b>4", "c>5", "d>6"})) << "served from what was listed";
+    EXPECT_EQ(list(directory, 3, old + 1), (Names{"c>4", "d>5"})) << "another verifier, a new list";
     EXPECT_EQ(list(root, 0).size(), 3u);
-    EXPECT_EQ(ask.remove(nullptr, folder, "b").code(), 0);
-    EXPECT_EQ(list(folder, 2), (Names{"c>3", "d>4"})) << "a change drops the list";
+    EXPECT_EQ(ask.remove(nullptr, directory, "b").code(), 0);
+    EXPECT_EQ(list(directory, 2), (Names{"c>3", "d>4"})) << "a change drops the list";
     EXPECT_GT(verifier, old);
 
-    volume().ntfs->create("e", inodeOf(folder), NTFSItemType::file);
-    EXPECT_EQ(list(folder, 4), Names{});
-    EXPECT_EQ(ask.reclaim(folder).code(), 0);
+    volume().ntfs->create("e", inodeOf(directory), NTFSItemType::file);
+    EXPECT_EQ(list(directory, 4), Names{});
+    EXPECT_EQ(ask.reclaim(directory).code(), 0);
     EXPECT_EQ(list(*ask.lookup(root, "folder"), 4), Names{"e>5"}) << "lists die with their item";
 }
 
 TEST_F(Items, ListedAttributesAreThoseOfTheItems) {
     auto ask = requests();
-    const Item folder = *ask.create(root, "folder", Type::directory);
-    const Item file = *ask.create(folder, "file");
+    const Item directory = *ask.create(root, "folder", Type::directory);
+    const Item file = *ask.create(directory, "file");
     EXPECT_EQ(*ask.write(file, 0, "four"), 4u);
-    EXPECT_EQ(ask.symlink(folder, "link", "file").code(), 0);
+    EXPECT_EQ(ask.symlink(directory, "link", "file").code(), 0);
     Page page;
-    EXPECT_EQ(ask.list(folder, page, 0, 0, true).code(), 0);
+    EXPECT_EQ(ask.list(directory, page, 0, 0, true).code(), 0);
     ASSERT_EQ(page.entries.size(), 2u);
     EXPECT_EQ(page.entries[0].attributes->size(), 4u);
-    EXPECT_EQ(page.entries[0].attributes->parentID(), inodeOf(folder));
+    EXPECT_EQ(page.entries[0].attributes->parentID(), inodeOf(directory));
     EXPECT_EQ(page.entries[0].id, inodeOf(file));
     EXPECT_EQ(page.entries[1].type, Type::symlink);
     EXPECT_EQ(page.entries[1].attributes->type(), Type::symlink);
 
     // An entry that cannot be read is listed all the same.
     Page first(1);
-    verifier = *ask.list(folder, first, 0, 0, true);
-    volume().ntfs->remove("link", inodeOf(folder));
+    verifier = *ask.list(directory, first, 0, 0, true);
+    volume().ntfs->remove("link", inodeOf(directory));
     Page second;
-    EXPECT_EQ(ask.list(folder, second, 1, verifier, true).code(), 0);
+    EXPECT_EQ(ask.list(directory, second, 1, verifier, true).code(), 0);
     EXPECT_EQ(second.names(), Names{"link>2"});
     EXPECT_FALSE(second.entries[0].attributes);
 }

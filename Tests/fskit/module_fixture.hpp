@@ -9,7 +9,7 @@
 #include "diagnostics/op_counter.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "support/replaced_services.hpp"
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
 
@@ -19,10 +19,10 @@
 
 namespace tavelin::test {
 
-// The process's event log, in a folder of its own and not among what earlier runs left behind.
+// The process's event log, in a directory of its own and not among what earlier runs left behind.
 struct OwnGroupContainer {
-    OwnGroupContainer() { ::setenv("TAVELIN_GROUP_CONTAINER", folder.path().c_str(), 1); }
-    TempFolder folder;
+    OwnGroupContainer() { ::setenv("TAVELIN_GROUP_CONTAINER", directory.path().c_str(), 1); }
+    TempDirectory directory;
 };
 inline const OwnGroupContainer ownGroupContainer;
 
@@ -30,7 +30,7 @@ class ModuleTest : public ::testing::Test {
   protected:
     using Type = fskit::FSItemType;
     using Item = fskit::FSItemRef;
-    using Words = std::vector<std::string>;
+    using Options = std::vector<std::string>;
 
     ModuleTest() {
         static_cast<void>(takeEvents());
@@ -41,7 +41,7 @@ class ModuleTest : public ::testing::Test {
     auto probe() {
         return ask<fskit::FSProbeResult>([&](auto reply) { module.probeResource(disk, reply); });
     }
-    auto load(const Words& options = {}) {
+    auto load(const Options& options = {}) {
         return ask<std::shared_ptr<fskit::FSVolume>>(
             [&](auto reply) { module.loadResource(disk, {options}, reply); });
     }
@@ -49,7 +49,7 @@ class ModuleTest : public ::testing::Test {
         return ask<>([&](auto reply) { module.unloadResource(disk, {}, reply); });
     }
     // Loads and activates; the volume then answers requests, and `root` is its root.
-    void start(const Words& options = {}) {
+    void start(const Options& options = {}) {
         ASSERT_EQ(load(options).code(), 0);
         root = *requests().activate();
     }

@@ -106,7 +106,7 @@ TEST_F(Module, WhatIsNoVolumeIsNotRecognisedAndNotLoaded) {
 
 TEST_F(Module, LoadObeysOptionsAndMedium) {
     struct Case {
-        Words options;
+        Options options;
         bool writable;
         bool readOnly;
         bool windowsNames;
@@ -192,7 +192,7 @@ class Check : public Module {
     };
 
     // The number with which the check is refused, 0 when it is accepted.
-    std::int64_t start(const Words& words) {
+    std::int64_t start(const Options& words) {
         try {
             progress = module.startCheck(task, {words});
             return 0;

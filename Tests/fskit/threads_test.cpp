@@ -10,27 +10,27 @@ using namespace test;
 
 class Threads : public VolumeTest {};
 
-TEST_F(Threads, ChangesReclaimsListingsAndFlushesMeetInOneFolder) {
+TEST_F(Threads, ChangesReclaimsListingsAndFlushesMeetInOneDirectory) {
     start();
-    const Item folder = *requests().create(root, "folder", Type::directory);
-    const Item kept = *requests().create(folder, "kept");
+    const Item directory = *requests().create(root, "folder", Type::directory);
+    const Item kept = *requests().create(directory, "kept");
     const auto change = [&](const std::string& mine) {
         auto ask = requests();
-        const Item file = *ask.create(folder, mine);
-        EXPECT_EQ(*ask.lookup(folder, mine), file);
-        EXPECT_EQ(ask.rename(file, folder, mine, root, mine).code(), 0);
+        const Item file = *ask.create(directory, mine);
+        EXPECT_EQ(*ask.lookup(directory, mine), file);
+        EXPECT_EQ(ask.rename(file, directory, mine, root, mine).code(), 0);
         EXPECT_EQ(ask.remove(file, root, mine).code(), 0);
         EXPECT_EQ(ask.reclaim(file).code(), 0);
     };
     const auto look = [&](bool withAttributes) {
         auto ask = requests();
         Page page;
-        EXPECT_EQ(ask.list(folder, page, 0, 0, withAttributes).code(), 0);
+        EXPECT_EQ(ask.list(directory, page, 0, 0, withAttributes).code(), 0);
         EXPECT_EQ(std::count_if(page.entries.begin(), page.entries.end(),
                                 [](const Entry& entry) { return entry.name == "kept"; }),
                   1)
             << "what stays is listed once, whatever comes and goes";
-        EXPECT_EQ(ask.reclaim(*ask.lookup(folder, "kept")).code(), 0);
+        EXPECT_EQ(ask.reclaim(*ask.lookup(directory, "kept")).code(), 0);
         EXPECT_EQ((*ask.attributes(kept))->type(), Type::file);
         EXPECT_EQ(ask.setName("Sample" + std::to_string(withAttributes)).code(), 0);
         EXPECT_EQ(ask.synchronize().code(), 0);

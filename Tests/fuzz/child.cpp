@@ -21,8 +21,8 @@ namespace tavelin::test {
 
 namespace {
 
-constexpr rlim_t kSeconds = 20;        // of processor time, for one input, under the sanitizers
-constexpr unsigned kMostSeconds = 120; // on a busy machine: threads that wait for each other
+constexpr rlim_t kSeconds = 20;       // of processor time, for one input, under the sanitizers
+constexpr unsigned kSecondsMax = 120; // on a busy machine: threads that wait for each other
 constexpr std::string_view kLibrary = "libntfs-3g.so";
 
 // Prints the stack as the sanitizers do, one frame a line, innermost first.
@@ -38,7 +38,7 @@ void reportSignal(int signal) {
     ::dup2(report, STDERR_FILENO);
     const rlimit seconds{kSeconds, kSeconds + 5};
     ::setrlimit(RLIMIT_CPU, &seconds);
-    ::alarm(kMostSeconds);
+    ::alarm(kSecondsMax);
     const rlimit noCore{0, 0};
     ::setrlimit(RLIMIT_CORE, &noCore);
     for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGXCPU, SIGALRM}) {

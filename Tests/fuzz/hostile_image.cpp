@@ -1,6 +1,6 @@
 #include "fuzz/hostile_image.hpp"
 
-#include "core/journal_record.hpp"
+#include "core/journal/journal_record.hpp"
 #include "crash/recording.hpp"
 #include "support/sample_volume.hpp"
 

@@ -1,6 +1,6 @@
 #include "fuzz/hostile_image.hpp"
-#include "hosts/module/module_host.hpp"
-#include "hosts/module/paths.hpp"
+#include "hosting/module_host.hpp"
+#include "hosting/paths.hpp"
 
 #include <array>
 #include <functional>
@@ -16,8 +16,8 @@ namespace {
 
 using Path = const std::string&;
 
-constexpr std::size_t kMostEntries = 400; // of a walk: folders may hold each other
-constexpr std::size_t kLongestRead = 1 << 20;
+constexpr std::size_t kWalkEntriesMax = 400; // of a walk: directories may hold each other
+constexpr std::size_t kReadBytesMax = 1 << 20;
 
 ItemRef at(VolumeClient& volume, Path path) {
     return resolve(volume, path, LastLink::keep).get().item;
@@ -26,7 +26,7 @@ ItemRef at(VolumeClient& volume, Path path) {
 void walkAll(VolumeClient& volume, Path path) {
     std::size_t seen = 0;
     walk(volume, at(volume, path), [&](const std::string&, const DirectoryEntry&) {
-        return ++seen < kMostEntries;
+        return ++seen < kWalkEntriesMax;
     }).get();
 }
 
@@ -37,7 +37,7 @@ void readAll(VolumeClient& volume, Path path) {
         (void)volume.readSymbolicLink(item).get();
         return;
     }
-    Bytes content(std::min<std::size_t>(attributes.size(), kLongestRead));
+    Bytes content(std::min<std::size_t>(attributes.size(), kReadBytesMax));
     (void)volume.read(item, 0, content).get();
 }
 
@@ -49,10 +49,10 @@ void readStreams(VolumeClient& volume, Path path) {
 }
 
 void create(VolumeClient& volume, Path path) {
-    const ItemRef folder = at(volume, path);
-    (void)volume.create(folder, "a new file with a name", fskit::FSItemType::file).get();
-    (void)volume.create(folder, "a new folder", fskit::FSItemType::directory).get();
-    (void)volume.createSymbolicLink(folder, "a new link", "target").get();
+    const ItemRef directory = at(volume, path);
+    (void)volume.create(directory, "a new file with a name", fskit::FSItemType::file).get();
+    (void)volume.create(directory, "a new folder", fskit::FSItemType::directory).get();
+    (void)volume.createSymbolicLink(directory, "a new link", "target").get();
 }
 
 void rename(VolumeClient& volume, Path path) {

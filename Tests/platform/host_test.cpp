@@ -20,7 +20,7 @@ TEST(InformationDictionary, NamesTheProductAndItsGroup) {
     EXPECT_EQ(informationText(dictionary, {"TVLLogGroup", "FSShortName"}), std::nullopt);
 }
 
-TEST(GroupContainer, IsTheFirstFolderThatTheEnvironmentGives) {
+TEST(GroupContainer, IsTheFirstDirectoryThatTheEnvironmentGives) {
     struct Case {
         const char* container;
         const char* stateHome;

@@ -1,6 +1,6 @@
 #include "support/memory_io.hpp"
 
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 
 #include <cerrno>
 #include <cstring>

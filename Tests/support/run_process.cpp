@@ -64,9 +64,9 @@ std::string locate(const std::string& name) {
     if (name.find('/') != std::string::npos) {
         return name;
     }
-    std::istringstream folders(searchPath());
-    for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string candidate = folder + "/" + name;
+    std::istringstream directories(searchPath());
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        const std::string candidate = directory + "/" + name;
         if (::access(candidate.c_str(), X_OK) == 0) {
             return candidate;
         }

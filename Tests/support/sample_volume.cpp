@@ -17,14 +17,14 @@ using GeometryKey = std::tuple<uint64_t, uint32_t, uint32_t, std::string>;
 // Formatted images kept for the life of the process, one a geometry.
 const std::filesystem::path& formatted(const VolumeGeometry& geometry) {
     static std::mutex mutex;
-    static TempFolder folder;
+    static TempDirectory directory;
     static std::map<GeometryKey, std::filesystem::path> images;
     const std::lock_guard lock(mutex);
     const GeometryKey key{geometry.bytes, geometry.clusterSize, geometry.sectorSize,
                           geometry.label};
     const auto [entry, fresh] = images.try_emplace(key);
     if (fresh) {
-        entry->second = folder / (std::to_string(images.size()) + ".img");
+        entry->second = directory / (std::to_string(images.size()) + ".img");
         makeVolume(entry->second, geometry);
     }
     return entry->second;
@@ -40,7 +40,7 @@ void makeVolume(const std::filesystem::path& image, const VolumeGeometry& geomet
                 std::to_string(geometry.sectorSize), "--label", geometry.label, image.string()});
 }
 
-SampleVolume::SampleVolume(const VolumeGeometry& geometry) : image_(folder_ / "volume.img") {
+SampleVolume::SampleVolume(const VolumeGeometry& geometry) : image_(directory_ / "volume.img") {
     // cp keeps the holes of a sparse image, which copy_file does not.
     runOrThrow({"cp", "--sparse=always", formatted(geometry).string(), image_.string()});
 }

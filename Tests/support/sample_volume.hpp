@@ -1,7 +1,7 @@
 // NTFS volumes made by mkntfs for one test.
 #pragma once
 
-#include "support/temp_folder.hpp"
+#include "support/temp_directory.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -20,14 +20,14 @@ struct VolumeGeometry {
 // Makes an NTFS image at `image`. Throws std::runtime_error with what mkntfs said.
 void makeVolume(const std::filesystem::path& image, const VolumeGeometry& geometry = {});
 
-// One volume in a folder of its own. The first volume of a geometry is formatted, later ones are
+// One volume in a directory of its own. The first volume of a geometry is formatted, later ones are
 // copies of it, so a test may take as many as it likes.
 class SampleVolume {
   public:
     explicit SampleVolume(const VolumeGeometry& geometry = {});
 
     const std::filesystem::path& image() const { return image_; }
-    const TempFolder& folder() const { return folder_; }
+    const TempDirectory& directory() const { return directory_; }
 
     // What an independent reader says of it: the text `ntfsfix -n` prints, which names every fault
     // it finds. Throws when it cannot read the volume at all, or when the clusters that the file
@@ -35,11 +35,11 @@ class SampleVolume {
     std::string check() const;
     // The content of a file, by ntfscat. `stream` names an alternate stream.
     std::string cat(const std::string& path, const std::string& stream = {}) const;
-    // The names in a folder, by ntfsls, sorted.
+    // The names in a directory, by ntfsls, sorted.
     std::vector<std::string> list(const std::string& path = "/") const;
 
   private:
-    TempFolder folder_;
+    TempDirectory directory_;
     std::filesystem::path image_;
 };
 

@@ -11,7 +11,7 @@ namespace {
 constexpr NSTimeInterval kRefreshSeconds = 1.0;
 // The module's state is asked of another process, and changes when the user changes it.
 constexpr NSUInteger kRefreshesPerModuleState = 5;
-constexpr NSUInteger kMostLogCharacters = 1 << 20;
+constexpr NSUInteger kLogCharactersMax = 1 << 20;
 
 NSTextField *wrappingLabel(NSString *text) {
     NSTextField *label = [NSTextField wrappingLabelWithString:text];
@@ -119,8 +119,8 @@ NSTextField *wrappingLabel(NSString *text) {
     }
     NSMutableString *shown = _log.textStorage.mutableString;
     [shown appendString:tavelin::toNSString(added)];
-    if (shown.length > kMostLogCharacters) {
-        [shown deleteCharactersInRange:NSMakeRange(0, shown.length - kMostLogCharacters)];
+    if (shown.length > kLogCharactersMax) {
+        [shown deleteCharactersInRange:NSMakeRange(0, shown.length - kLogCharactersMax)];
     }
     [_log scrollRangeToVisible:NSMakeRange(shown.length, 0)];
 }

@@ -13,7 +13,7 @@ namespace {
 std::optional<std::filesystem::path> containerOf(const std::string &group) {
     @autoreleasepool {
         // macOS answers a URL even for a group this process does not belong to; the event log
-        // then finds the folder closed and drops what it is given.
+        // then finds the directory closed and drops what it is given.
         NSURL *url = [NSFileManager.defaultManager
             containerURLForSecurityApplicationGroupIdentifier:toNSString(group)];
         if (url.path == nil) {

@@ -1,14 +1,14 @@
 // check: what the structural check finds, for a person or for a program.
 #include "check/check.hpp"
 #include "core/file_block_device.hpp"
-#include "core/journaled_device.hpp"
+#include "core/journal/journaled_device.hpp"
 #include "core/ntfs_error.hpp"
+#include "hosting/image_file.hpp"
+#include "hosting/open_error.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
-#include "hosts/module/image_file.hpp"
-#include "hosts/module/open_error.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -63,7 +63,7 @@ CheckedImage openForCheck(const std::string& image) {
         throw Failure(fmt::format("{}: {}", escaped(image), errorText(error.code)),
                       ExitStatus::unreadable);
     }
-    if (opened.device->recover(true) == 0 && opened.device->recovered() > 0) {
+    if (opened.device->replay(true) == 0 && opened.device->recovered() > 0) {
         opened.notes.emplace_back("a flush was interrupted: the volume is checked as the next "
                                   "mount will make it from the journal");
     }

@@ -77,7 +77,7 @@ void runEvents(const EventsCommand& command) {
     // Watching begins before the first reading, so that nothing is missed between the two.
     std::optional<FileWatch> watch;
     if (command.follow) {
-        static_cast<void>(events()); // makes the folder
+        static_cast<void>(events()); // makes the directory
         watch.emplace(*file);
     }
     std::uint64_t offset = command.since.value_or(0);

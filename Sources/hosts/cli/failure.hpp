@@ -1,7 +1,7 @@
 /// How a command fails: one line for the user that says what to do, and the exit status.
 #pragma once
 
-#include "hosts/module/outcome.hpp"
+#include "hosting/outcome.hpp"
 
 #include <stdexcept>
 #include <string>

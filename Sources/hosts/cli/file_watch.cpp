@@ -16,10 +16,10 @@ namespace tavelin::cli {
 
 FileWatch::FileWatch(const std::filesystem::path& file)
     : notifications_(inotify_init1(IN_CLOEXEC)) {
-    const std::string folder = file.parent_path().string();
-    if (!notifications_ || inotify_add_watch(notifications_.get(), folder.c_str(),
+    const std::string directory = file.parent_path().string();
+    if (!notifications_ || inotify_add_watch(notifications_.get(), directory.c_str(),
                                              IN_MODIFY | IN_CREATE | IN_MOVED_TO) < 0) {
-        throw Failure(explainHost(folder, errno));
+        throw Failure(explainHost(directory, errno));
     }
 }
 

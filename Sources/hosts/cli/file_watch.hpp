@@ -7,8 +7,8 @@
 
 namespace tavelin::cli {
 
-/// Watches the folder of a file, so that the file may be replaced or made anew. Throws Failure when
-/// the folder cannot be watched.
+/// Watches the directory of a file, so that the file may be replaced or made anew. Throws Failure
+/// when the directory cannot be watched.
 class FileWatch {
   public:
     explicit FileWatch(const std::filesystem::path& file);

@@ -3,7 +3,7 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/text.hpp"
-#include "hosts/fuse/commands.hpp"
+#include "hosts/fuse/mount/commands.hpp"
 
 #include <fmt/format.h>
 
@@ -14,7 +14,7 @@ namespace {
 
 struct MountCommand {
     std::string image;
-    std::string folder;
+    std::string directory;
     std::vector<std::string> options; ///< each the list after one -o
     fusehost::MountRequest request;
 };
@@ -38,7 +38,7 @@ void runMount(MountCommand& command) {
     }
     // The serving process changes its directory.
     request.image = std::filesystem::absolute(command.image);
-    request.folder = std::filesystem::absolute(command.folder);
+    request.directory = std::filesystem::absolute(command.directory);
     failQuietlyUnless(fusehost::mountVolume(request));
 }
 
@@ -47,7 +47,7 @@ void runMount(MountCommand& command) {
 void defineMount(CLI::App& command) {
     const auto arguments = std::make_shared<MountCommand>();
     addArgument(command, "IMAGE", arguments->image, "Image file or block device");
-    addArgument(command, "DIR", arguments->folder, "The directory to mount on");
+    addArgument(command, "DIR", arguments->directory, "The directory to mount on");
     addOptionLists(command, arguments->options,
                    "Options, comma separated: ro, windows_names, allow_other, power_save, and the "
                    "kernel's own such as noatime");
@@ -61,10 +61,10 @@ void defineMount(CLI::App& command) {
 }
 
 void defineUnmount(CLI::App& command) {
-    const auto folder = std::make_shared<std::string>();
-    addArgument(command, "DIR", *folder, "The directory that a volume is mounted on");
-    setWork(command, [folder] {
-        failQuietlyUnless(fusehost::unmountVolume(std::filesystem::absolute(*folder)));
+    const auto directory = std::make_shared<std::string>();
+    addArgument(command, "DIR", *directory, "The directory that a volume is mounted on");
+    setWork(command, [directory] {
+        failQuietlyUnless(fusehost::unmountVolume(std::filesystem::absolute(*directory)));
     });
 }
 

@@ -1,9 +1,9 @@
 // cat and readlink.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/copy/transfer.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
-#include "hosts/cli/transfer.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <nlohmann/json.hpp>

@@ -19,12 +19,12 @@ struct RemoveCommand {
 };
 
 /// Directories inside each other; a damaged volume's may be endless.
-constexpr int kMaximumRemovalDepth = 2000;
+constexpr int kRemovalDepthMax = 2000;
 
 /// Removes everything in a directory, depth first.
 void empty(VolumeClient& volume, const ItemRef& directory, const std::string& path, int depth) {
     throwIfInterrupted();
-    if (depth > kMaximumRemovalDepth) {
+    if (depth > kRemovalDepthMax) {
         throw Failure(escaped(path) + ": too many directories inside each other");
     }
     for (const DirectoryEntry& entry : valueOf(volume.list(directory, false), path)) {

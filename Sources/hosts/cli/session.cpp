@@ -18,8 +18,8 @@ namespace {
 std::atomic<bool> interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
-ModuleHost::Words optionWords(const VolumeArguments& arguments, Access access) {
-    ModuleHost::Words words;
+ModuleHost::Options optionWords(const VolumeArguments& arguments, Access access) {
+    ModuleHost::Options words;
     if (arguments.readOnly || access == Access::read) {
         words.emplace_back("-r");
     }

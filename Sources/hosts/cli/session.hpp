@@ -2,9 +2,9 @@
 #pragma once
 
 #include "core/values.hpp"
+#include "hosting/module_host.hpp"
+#include "hosting/paths.hpp"
 #include "hosts/cli/failure.hpp"
-#include "hosts/module/module_host.hpp"
-#include "hosts/module/paths.hpp"
 
 #include <cstdint>
 #include <memory>

@@ -147,8 +147,8 @@ std::string lastComponent(std::string_view path) {
     return std::string(path.substr(path.find_last_of('/') + 1)); // npos + 1 is 0
 }
 
-std::string joined(std::string_view folder, std::string_view name) {
-    std::string path(folder);
+std::string joined(std::string_view directory, std::string_view name) {
+    std::string path(directory);
     if (!path.empty() && path.back() != '/') {
         path += '/';
     }

@@ -32,7 +32,7 @@ namespace tavelin::cli {
 
 /// A path's last component: "c" of "a/b/c/"; empty for the root.
 [[nodiscard]] std::string lastComponent(std::string_view path);
-/// A name in a folder, as a path; `folder` may be empty or end in "/".
-[[nodiscard]] std::string joined(std::string_view folder, std::string_view name);
+/// A name in a directory, as a path; `directory` may be empty or end in "/".
+[[nodiscard]] std::string joined(std::string_view directory, std::string_view name);
 
 } // namespace tavelin::cli

@@ -1,9 +1,9 @@
 // xattr: the named streams of files and directories.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/copy/transfer.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
-#include "hosts/cli/transfer.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -27,7 +27,7 @@ struct XattrCommand {
 };
 
 /// What a volume takes as one stream at most.
-constexpr std::size_t kMaximumValue = 64 << 20;
+constexpr std::size_t kXattrBytesMax = 64 << 20;
 
 std::string standardInput() {
     std::string value;
@@ -42,8 +42,8 @@ std::string standardInput() {
         }
         throwIfInterrupted();
         value.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        if (value.size() > kMaximumValue) {
-            throw Failure("the value is larger than " + humanSize(kMaximumValue));
+        if (value.size() > kXattrBytesMax) {
+            throw Failure("the value is larger than " + humanSize(kXattrBytesMax));
         }
     }
 }

@@ -1,0 +1,49 @@
+// The device context: what the device table works on. Reading and writing any byte range of the
+// device through the page cache. Knows nothing of libntfs-3g.
+//
+// Small transfers (up to 64 KiB) of whole device pages go through the cache. Everything else goes
+// straight to the device, after the dirty pages it overlaps were written, so that bulk file data
+// does not drive the metadata out.
+#pragma once
+
+#include "NTFSBridge/device/page_cache.hpp"
+
+namespace ntb {
+
+struct ntb_devctx {
+    // stats belongs to the volume handle and outlives the context. The cache is off until
+    // cache.enable().
+    ntb_devctx(const ntb_io& device, bool is_read_only, ntb_stats& counters) noexcept
+        : io(device), read_only(is_read_only ? 1 : 0), stats(&counters), cache(io, counters) {}
+    ntb_devctx(const ntb_devctx&) = delete;
+    ntb_devctx& operator=(const ntb_devctx&) = delete;
+
+    // Reads count bytes, which must be at least 1 and inside the device.
+    [[nodiscard]] int32_t read(uint8_t* to, uint64_t count, uint64_t offset) noexcept;
+
+    // Writes count bytes, at least 1. After a failure some of the range may have been written.
+    [[nodiscard]] int32_t write(const uint8_t* from, uint64_t count, uint64_t offset) noexcept;
+
+    // Writes every dirty page and refreshes the dirtyPages counter.
+    [[nodiscard]] int32_t flush() noexcept;
+
+    const ntb_io io;
+    uint64_t position = 0; // bytes, for the calls that have no offset of their own
+    const uint32_t read_only;
+    ntb_stats* const stats;
+    page_cache cache;
+
+  private:
+    bool is_cacheable(uint64_t count, uint64_t offset) const noexcept;
+    [[nodiscard]] int32_t cached_read(uint8_t* to, uint64_t count, uint64_t offset) noexcept;
+    [[nodiscard]] int32_t fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint64_t page,
+                                    uint64_t run) noexcept;
+    [[nodiscard]] int32_t cached_write(const uint8_t* from, uint64_t count,
+                                       uint64_t offset) noexcept;
+    [[nodiscard]] int32_t write_page(const uint8_t* from, uint64_t count, uint64_t page,
+                                     uint64_t in_page) noexcept;
+    [[nodiscard]] int32_t flush_overlap(uint64_t count, uint64_t offset) noexcept;
+    void update_cached_pages(const uint8_t* from, uint64_t count, uint64_t offset) noexcept;
+};
+
+} // namespace ntb

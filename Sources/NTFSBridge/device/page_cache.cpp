@@ -1,0 +1,219 @@
+#include "NTFSBridge/device/page_cache.hpp"
+
+#include "NTFSBridge/device/block_io.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace ntb {
+
+namespace {
+
+// Touches each of the system's pages, of which none is smaller than ours.
+void touch(void* memory, size_t size) noexcept {
+    auto* const bytes = static_cast<volatile uint8_t*>(memory);
+    for (size_t at = 0; at < size; at += page_cache::page_size) {
+        bytes[at] = bytes[at]; // NOLINT(clang-diagnostic-self-assign): the write is wanted
+    }
+}
+
+} // namespace
+
+bool page_cache::enable() noexcept {
+    slots_.reset(new (std::nothrow) ntb_cache_slot[slot_count]());
+    pages_.reset(new (std::nothrow) uint8_t[uint64_t{slot_count} * page_size]);
+    dirty_pages_.reset(new (std::nothrow) dirty_page[slot_count]);
+    staging_.reset(new (std::nothrow) uint8_t[uint64_t{run_pages_max} * page_size]);
+    if (!slots_ || !pages_ || !dirty_pages_ || !staging_) {
+        slots_.reset();
+        pages_.reset();
+        dirty_pages_.reset();
+        staging_.reset();
+        return false;
+    }
+    set_count_ = full_set_count;
+    return true;
+}
+
+void page_cache::populate() noexcept {
+    if (is_on()) {
+        touch(pages_.get(), size_t{slot_count} * page_size);
+        touch(dirty_pages_.get(), slot_count * sizeof(dirty_page));
+        touch(staging_.get(), size_t{run_pages_max} * page_size);
+    }
+}
+
+int page_cache::cmp_u64(const void* left, const void* right) noexcept {
+    uint64_t a = 0;
+    uint64_t b = 0;
+    std::memcpy(&a, left, sizeof a);
+    std::memcpy(&b, right, sizeof b);
+    return (a > b) - (a < b);
+}
+
+uint32_t page_cache::slot_holding(uint64_t page) const noexcept {
+    const uint32_t first = static_cast<uint32_t>(page % set_count_) * way_count;
+    for (uint32_t slot = first; slot < first + way_count; ++slot) {
+        if (slots_[slot].page == page && slots_[slot].valid != 0) {
+            return slot;
+        }
+    }
+    return no_slot;
+}
+
+uint32_t page_cache::victim_for(uint64_t page) const noexcept {
+    const uint32_t first = static_cast<uint32_t>(page % set_count_) * way_count;
+    uint32_t oldest = first;
+    for (uint32_t slot = first; slot < first + way_count; ++slot) {
+        if (slots_[slot].valid == 0) {
+            return slot;
+        }
+        if (slots_[slot].use_stamp < slots_[oldest].use_stamp) {
+            oldest = slot;
+        }
+    }
+    return oldest;
+}
+
+int32_t page_cache::write_back(uint32_t slot) noexcept {
+    const uint64_t offset = slots_[slot].page * page_size;
+    const int32_t error = io_write(io_, &stats_, data_of(slot), offset, page_size);
+    if (error == 0) {
+        slots_[slot].dirty = 0;
+        dirty_count_ -= 1;
+    }
+    return error;
+}
+
+uint8_t* page_cache::use(uint32_t slot, uint32_t* slot_index) noexcept {
+    use_clock_ += 1;
+    slots_[slot].use_stamp = use_clock_;
+    if (slot_index != nullptr) {
+        *slot_index = slot;
+    }
+    return data_of(slot);
+}
+
+uint8_t* page_cache::pc_find(uint64_t page, uint32_t* slot_index) noexcept {
+    if (!is_on()) {
+        return nullptr;
+    }
+    const uint32_t slot = slot_holding(page);
+    return slot == no_slot ? nullptr : use(slot, slot_index);
+}
+
+uint8_t* page_cache::pc_slot_for(uint64_t page, uint32_t* slot_index) noexcept {
+    if (!is_on()) {
+        return nullptr;
+    }
+    uint32_t slot = slot_holding(page);
+    if (slot == no_slot) {
+        slot = victim_for(page);
+        if (slots_[slot].valid != 0 && slots_[slot].dirty != 0 && write_back(slot) != 0) {
+            // The error is dropped here on purpose: the page stays dirty, and the flush that
+            // retries it reports.
+            return nullptr;
+        }
+        slots_[slot] = {.page = page, .use_stamp = 0, .valid = 1, .dirty = 0};
+    }
+    return use(slot, slot_index);
+}
+
+void page_cache::mark_dirty(uint32_t slot_index) noexcept {
+    if (slots_[slot_index].dirty == 0) {
+        slots_[slot_index].dirty = 1;
+        dirty_count_ += 1;
+    }
+}
+
+// Lists the dirty pages of the range and answers how many there are. A range of fewer pages than
+// there are sets is looked up page by page; walking all slots would cost more.
+uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
+    uint64_t count = 0;
+    if (last - first < full_set_count) {
+        for (uint64_t page = first; page - first <= last - first && count < dirty_count_; ++page) {
+            const uint32_t slot = slot_holding(page);
+            if (slot != no_slot && slots_[slot].dirty != 0) {
+                dirty_pages_[count++] = {.page = page, .slot = slot};
+            }
+        }
+        return count;
+    }
+    for (uint32_t slot = 0; slot < slot_count && count < dirty_count_; ++slot) {
+        const ntb_cache_slot& entry = slots_[slot];
+        if (entry.valid != 0 && entry.dirty != 0 && entry.page >= first && entry.page <= last) {
+            dirty_pages_[count++] = {.page = entry.page, .slot = slot};
+        }
+    }
+    std::sort(
+        dirty_pages_.get(), dirty_pages_.get() + count,
+        [](const dirty_page& left, const dirty_page& right) { return cmp_u64(&left, &right) < 0; });
+    return count;
+}
+
+// Number of listed pages from first on, before end, that follow each other on the device.
+uint64_t page_cache::run_length(uint64_t first, uint64_t end) const noexcept {
+    const uint64_t limit = std::min<uint64_t>(end - first, run_pages_max);
+    uint64_t length = 1;
+    while (length < limit &&
+           dirty_pages_[first + length].page == dirty_pages_[first].page + length) {
+        length += 1;
+    }
+    return length;
+}
+
+int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
+    if (count == 1) {
+        return write_back(run->slot);
+    }
+    for (uint64_t i = 0; i < count; ++i) {
+        std::memcpy(staging_.get() + i * page_size, data_of(run[i].slot), page_size);
+    }
+    const int32_t error =
+        io_write(io_, &stats_, staging_.get(), run->page * page_size, count * page_size);
+    if (error == 0) {
+        for (uint64_t i = 0; i < count; ++i) {
+            slots_[run[i].slot].dirty = 0;
+        }
+        dirty_count_ -= count;
+    }
+    return error;
+}
+
+int32_t page_cache::pc_flush_pages(uint64_t first, uint64_t last) noexcept {
+    if (dirty_count_ == 0) {
+        return 0;
+    }
+    const uint64_t count = collect_dirty(first, last);
+    for (uint64_t at = 0; at < count;) {
+        const uint64_t length = run_length(at, count);
+        if (const int32_t error = write_run(&dirty_pages_[at], length); error != 0) {
+            return error;
+        }
+        at += length;
+    }
+    return 0;
+}
+
+bool page_cache::is_consistent() const noexcept {
+    uint64_t dirty = 0;
+    for (uint32_t slot = 0; is_on() && slot < slot_count; ++slot) {
+        const ntb_cache_slot& entry = slots_[slot];
+        if (entry.valid == 0) {
+            if (entry.dirty != 0) {
+                return false;
+            }
+            continue;
+        }
+        // Finding itself first proves both the right set and that there is no second copy.
+        if (slot_holding(entry.page) != slot ||
+            !is_within(entry.page * page_size, page_size, io_.size)) {
+            return false;
+        }
+        dirty += entry.dirty;
+    }
+    return dirty == dirty_count_;
+}
+
+} // namespace ntb

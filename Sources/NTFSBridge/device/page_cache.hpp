@@ -1,0 +1,102 @@
+// A write-back cache of a device's 4096-byte pages: set-associative, 1024 sets of 8 ways, 32 MiB.
+//
+// Page p (byte offset / 4096) lives in one of the eight slots of set p mod 1024. Within a set the
+// least recently used page gives way. A dirty page is written back before its slot is reused, and
+// becomes clean only after its write succeeded, so a failed write is retried by the next flush.
+//
+// Facts that hold between calls: a page is in at most one slot; dirty_count() is the number of
+// slots that are valid and dirty; only whole pages of the device are cached.
+//
+// Not safe for use from two threads at a time; the volume's caller serialises.
+#pragma once
+
+#include "NTFSBridge/ntb.h"
+
+#include <memory>
+
+namespace ntb {
+
+struct ntb_cache_slot {
+    uint64_t page;      // byte offset / 4096; means nothing unless valid
+    uint32_t use_stamp; // the use clock when the slot was last used
+    uint8_t valid;
+    uint8_t dirty;
+};
+
+class page_cache {
+  public:
+    static constexpr uint32_t page_size = 4096;
+    static constexpr uint32_t way_count = 8;
+    static constexpr uint32_t full_set_count = 1024;
+    static constexpr uint32_t slot_count = full_set_count * way_count;
+    static constexpr uint32_t run_pages_max = 256; // longest single write of a flush: 1 MiB
+    static constexpr uint32_t dirty_pages_max =
+        slot_count / 2; // above it a write flushes everything
+    static constexpr uint64_t last_page = UINT64_MAX;
+
+    // Off until enable(). io and stats belong to the volume and outlive the cache.
+    page_cache(const ntb_io& io, ntb_stats& stats) noexcept : io_(io), stats_(stats) {}
+    page_cache(const page_cache&) = delete;
+    page_cache& operator=(const page_cache&) = delete;
+
+    // Allocates all that the cache will ever need, so that writing back never fails for want of
+    // memory. When there is not enough the cache stays off and says false.
+    bool enable() noexcept;
+    bool is_on() const noexcept { return set_count_ != 0; }
+
+    // Has the system back the cache's memory with real memory. What is cached stays as it is.
+    void populate() noexcept;
+
+    uint64_t dirty_count() const noexcept { return dirty_count_; }
+
+    // The page's bytes if it is cached, else null. A hit makes it the most recently used.
+    uint8_t* pc_find(uint64_t page, uint32_t* slot_index = nullptr) noexcept;
+
+    // The bytes of a slot that now holds the page. A newly taken slot is clean and its bytes are
+    // the caller's to fill. Null when the cache is off or the page that should give way is dirty
+    // and cannot be written: that page then stays cached and dirty.
+    uint8_t* pc_slot_for(uint64_t page, uint32_t* slot_index = nullptr) noexcept;
+
+    void mark_dirty(uint32_t slot_index) noexcept;
+
+    // Writes the dirty pages from first to last, both included, in page order, consecutive pages
+    // together. Stops at the first failed write; that run and all later pages stay dirty.
+    [[nodiscard]] int32_t pc_flush_pages(uint64_t first, uint64_t last) noexcept;
+
+    // run_pages_max pages to work with, which pc_flush_pages overwrites and pc_slot_for leaves
+    // alone. Null when the cache is off.
+    uint8_t* staging() noexcept { return staging_.get(); }
+
+    // Checks the facts above by walking every slot; for tests.
+    bool is_consistent() const noexcept;
+
+  private:
+    struct dirty_page {
+        uint64_t page;
+        uint32_t slot;
+    };
+    static constexpr uint32_t no_slot = UINT32_MAX;
+
+    static int cmp_u64(const void* left, const void* right) noexcept;
+
+    uint8_t* data_of(uint32_t slot) noexcept { return pages_.get() + uint64_t{slot} * page_size; }
+    uint32_t slot_holding(uint64_t page) const noexcept;
+    uint32_t victim_for(uint64_t page) const noexcept;
+    [[nodiscard]] int32_t write_back(uint32_t slot) noexcept;
+    uint8_t* use(uint32_t slot, uint32_t* slot_index) noexcept;
+    uint64_t collect_dirty(uint64_t first, uint64_t last) noexcept;
+    uint64_t run_length(uint64_t first, uint64_t end) const noexcept;
+    [[nodiscard]] int32_t write_run(const dirty_page* run, uint64_t count) noexcept;
+
+    const ntb_io& io_;
+    ntb_stats& stats_;
+    std::unique_ptr<ntb_cache_slot[]> slots_;
+    std::unique_ptr<uint8_t[]> pages_;          // slot i owns the bytes from i * page_size on
+    std::unique_ptr<dirty_page[]> dirty_pages_; // what a flush writes, by page number
+    std::unique_ptr<uint8_t[]> staging_;
+    uint32_t set_count_ = 0; // 0: off
+    uint32_t use_clock_ = 0;
+    uint64_t dirty_count_ = 0;
+};
+
+} // namespace ntb

@@ -1,0 +1,263 @@
+// Probe, load, unload.
+#include "fskit/tavelin_file_system.hpp"
+
+#include "core/driver2.hpp"
+#include "core/ntfs_error.hpp"
+#include "diagnostics/error_tally.hpp"
+#include "diagnostics/event_log.hpp"
+#include "diagnostics/log.hpp"
+#include "fskit/private/attempt.hpp"
+#include "platform/checked.hpp"
+#include "platform/error_numbers.hpp"
+#include "platform/information_dictionary.hpp"
+#include "platform/os_version.hpp"
+#include "platform/utf8.hpp"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <chrono>
+#include <cmath>
+
+namespace tavelin {
+
+namespace {
+
+constexpr double kFlushInterval = 1.0; // seconds
+constexpr std::size_t kErrorCharactersMax = 300;
+constexpr std::string_view kLoad = "loadResource(resource:options:replyHandler:)";
+constexpr std::string_view kUnload = "unloadResource(resource:options:replyHandler:)";
+
+std::string dictionaryText(std::string_view key) {
+    return informationText(mainInformationDictionary(), {key}).value_or("");
+}
+
+/// What a usable volume is called; best effort, as a volume that cannot be read in full should
+/// still be offered to its user.
+std::string probedName(const std::shared_ptr<ResourceDevice>& device) {
+    std::string name = "NTFS";
+    try {
+        const auto temporary = NTFSVolume::open(device, true);
+        const std::string label = temporary->label();
+        if (!label.empty()) {
+            name = label;
+        }
+        temporary->unmount();
+    } catch (const std::exception&) {
+        // The name found so far stands.
+    }
+    return name;
+}
+
+std::shared_ptr<ResourceDevice>
+makeDevice(const std::shared_ptr<fskit::FSBlockDeviceResource>& resource) {
+    auto device = std::make_shared<ResourceDevice>(resource);
+    device->cached = ResourceDevice::kernelCacheEnabled();
+    return device;
+}
+
+fskit::FSProbeResult probed(const fskit::FSResourceRef& resource) {
+    const auto disk = std::dynamic_pointer_cast<fskit::FSBlockDeviceResource>(resource);
+    if (!disk) {
+        events().event("probe", Fields{{"result", "not_block_device"}});
+        return fskit::FSProbeResult::notRecognized();
+    }
+    const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
+    Fields fields{{"bsd", disk->BSDName()},
+                  {"size", checkedMultiply(disk->blockCount(), disk->blockSize(),
+                                           "resource size overflowed")},
+                  {"block", disk->blockSize()}};
+    const std::optional<std::uint64_t> serial = NTFSVolume::probe(device);
+    if (!serial) {
+        fields.insert_or_assign("result", "not_ntfs");
+        events().event("probe", fields);
+        return fskit::FSProbeResult::notRecognized();
+    }
+    std::string name = probedName(device);
+    log().info(fmt::format("probe: NTFS serial={:x} name={}", *serial, name));
+    fields.insert_or_assign("result", "usable");
+    fields.insert_or_assign("writable", disk->isWritable());
+    // The event log, unlike the system log, never carries the whole serial.
+    fields.insert_or_assign("serial", fmt::format("{:x}", *serial & 0xffff));
+    events().event("probe", fields);
+    return fskit::FSProbeResult::usable(std::move(name), {{Driver2::volumeUUID(*serial)}});
+}
+
+/// One load, from its options to the event that reports it.
+class Load {
+  public:
+    Load(const fskit::FSBlockDeviceResource& resource, const fskit::FSTaskOptions& options)
+        : resource_(resource),
+          options_(options.taskOptions),
+          words_(fmt::format("{}", fmt::join(options.taskOptions, " "))),
+          requestedReadOnly_(options_.readOnly || !resource.isWritable()) {}
+
+    /// First carries to its end what a power cut interrupted. A volume that may be written to is
+    /// journaled from then on.
+    Driver2::Opened<std::shared_ptr<NTFSVolume>>
+    open(const std::shared_ptr<JournaledDevice>& device) const {
+        auto opened = Driver2::openWithReadOnlyFallback(requestedReadOnly_, [&](bool readOnly) {
+            if (const std::int32_t error = device->replay(readOnly); error != 0) {
+                throw NTFSError(fromHost(error));
+            }
+            return NTFSVolume::open(device, readOnly);
+        });
+        opened.value->setWindowsNames(options_.windowsNames);
+        if (device->recovered() > 0) {
+            log().info(
+                fmt::format("load: completed what was interrupted, {} pages", device->recovered()));
+        }
+        if (!opened.value->readOnly()) {
+            beginJournal(*device, *opened.value);
+        }
+        return opened;
+    }
+
+    void reportFailure(const std::exception& error) const {
+        log().error(fmt::format("load failed: {}", error.what()));
+        Fields fields = common(false);
+        fields.insert_or_assign("errno", errorCode(error));
+        fields.insert_or_assign("err",
+                                firstCharacters(repairUTF8(error.what()), kErrorCharactersMax));
+        events().event("load", fields);
+    }
+
+    void reportSuccess(const NTFSVolume& volume, bool fellBack) const {
+        log().info(fmt::format("load: mounted readOnly={} windowsNames={} options={}",
+                               volume.readOnly(), volume.windowsNames(), words_));
+        Fields fields = common(true);
+        fields.insert_or_assign("fell_back", fellBack);
+        fields.insert_or_assign("ro", volume.readOnly());
+        events().event("load", fields);
+    }
+
+  private:
+    /// Without one the volume works all the same.
+    static void beginJournal(JournaledDevice& device, NTFSVolume& volume) {
+        try {
+            volume
+                .sync(); // the mount may have emptied $LogFile, which is the journal's from now on
+            if (const std::int32_t error = device.begin(); error != 0) {
+                throw NTFSError(fromHost(error));
+            }
+        } catch (const std::exception& error) {
+            log().error(fmt::format("load: works without a journal: {}", error.what()));
+        }
+    }
+
+    Fields common(bool ok) const {
+        return {{"ok", ok},
+                {"bsd", resource_.BSDName()},
+                {"ro_req", requestedReadOnly_},
+                {"media_writable", resource_.isWritable()},
+                {"ms", elapsedMilliseconds()},
+                {"options", words_}};
+    }
+
+    std::int64_t elapsedMilliseconds() const {
+        const auto elapsed = std::chrono::steady_clock::now() - start_;
+        return std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
+    }
+
+    const fskit::FSBlockDeviceResource& resource_;
+    const Driver2::MountOptions options_;
+    const std::string words_;
+    const bool requestedReadOnly_;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+} // namespace
+
+TavelinFileSystem::TavelinFileSystem() {
+    events().event("module_start", Fields{{"version", dictionaryText("CFBundleShortVersionString")},
+                                          {"build", dictionaryText("CFBundleVersion")},
+                                          {"os", operatingSystemVersion()}});
+}
+
+const std::string& TavelinFileSystem::typeName() {
+    static const std::string name = [] {
+        const InformationDictionary dictionary = mainInformationDictionary();
+        return Driver2::shortName(&dictionary);
+    }();
+    return name;
+}
+
+void TavelinFileSystem::probeResource(const fskit::FSResourceRef& resource,
+                                      const fskit::ProbeReply& reply) {
+    fskit::FSProbeResult result = fskit::FSProbeResult::notRecognized();
+    try {
+        result = probed(resource);
+    } catch (const std::exception&) {
+        // No memory to look with: a probe answers what it knows, never an error.
+    }
+    reply(std::move(result), std::nullopt);
+}
+
+std::shared_ptr<TavelinVolume>
+TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
+                          const fskit::FSTaskOptions& options) {
+    const Load load(*disk, options);
+    errorTally().reset();
+    deviceErrorEvents = 0;
+    try {
+        const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
+        const auto journaled = std::make_shared<JournaledDevice>(device);
+        const auto [ntfs, fellBack] = load.open(journaled);
+        if (fellBack) {
+            log().info("load: volume is hibernated or write-protected, mounted read-only");
+        }
+        auto fresh = std::make_shared<TavelinVolume>(ntfs);
+        fresh->device = device;
+        if (!ntfs->readOnly()) {
+            ntfs->startAutoFlush(kFlushInterval);
+        }
+        volume = fresh;
+        journal_ = journaled;
+        containerStatus = fskit::FSContainerStatus::ready();
+        load.reportSuccess(*ntfs, fellBack);
+        return fresh;
+    } catch (const std::exception& error) {
+        load.reportFailure(error);
+        throw;
+    }
+}
+
+void TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
+                                     const fskit::FSTaskOptions& options,
+                                     const fskit::VolumeReply& reply) {
+    const auto disk = std::dynamic_pointer_cast<fskit::FSBlockDeviceResource>(resource);
+    if (!disk) {
+        events().event("load",
+                       Fields{{"ok", false}, {"errno", kENODEV}, {"why", "not_block_device"}});
+        reply(nullptr, fskit::fs_errorForPOSIXError(kENODEV));
+        return;
+    }
+    auto made = attempt(kLoad, [&] { return loaded(disk, options); });
+    reply(std::move(made.value).value_or(nullptr), made.error);
+}
+
+void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
+                                       const fskit::FSTaskOptions& /*options*/,
+                                       const fskit::ErrorReply& reply) {
+    const auto unloaded = attempt(kUnload, [&] {
+        try {
+            if (volume) {
+                volume->ntfs->unmount();
+                if (const std::int32_t error = journal_->close(); error != 0) {
+                    throw NTFSError(fromHost(error));
+                }
+            }
+            events().event("unload", Fields{{"ok", true}, {"errors", errorTally().summary()}});
+        } catch (const std::exception& error) {
+            events().event("unload", Fields{{"ok", false},
+                                            {"errno", errorCode(error)},
+                                            {"errors", errorTally().summary()}});
+            throw;
+        }
+    });
+    reply(unloaded.error);
+    volume = nullptr;
+    journal_ = nullptr;
+}
+
+} // namespace tavelin

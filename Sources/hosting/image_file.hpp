@@ -1,0 +1,59 @@
+/// An opened disk image or block-device node: the system calls under ImageResource.
+#pragma once
+
+#include "platform/mutex.hpp"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+namespace tavelin {
+
+/// Owns the descriptor and, through it, the lock on the image: shared for reading, exclusive for
+/// writing, so that no two programs that honour such locks change it under each other. Errors of
+/// the methods are the host's errno. Any thread may call anything.
+class ImageFile {
+  public:
+    /// Opens for writing, or for reading only when asked to or when the file's permissions, its
+    /// file system or the medium allow no more. Throws OpenError.
+    ImageFile(const std::filesystem::path& path, bool readOnly);
+    ~ImageFile();
+    /// Closes and unlocks before its time; nothing but destruction may follow.
+    void close() noexcept;
+    ImageFile(const ImageFile&) = delete;
+    ImageFile& operator=(const ImageFile&) = delete;
+
+    [[nodiscard]] bool writable() const noexcept { return writable_; }
+    [[nodiscard]] std::uint64_t bytes() const noexcept { return bytes_; }
+    /// Of a device node; 512 for an image file.
+    [[nodiscard]] std::uint64_t blockSize() const noexcept { return blockSize_; }
+    [[nodiscard]] std::uint64_t physicalBlockSize() const noexcept { return physicalBlockSize_; }
+
+    struct Transferred {
+        std::size_t bytes = 0; ///< fewer than asked at the end of the image
+        int error = 0;
+    };
+    [[nodiscard]] Transferred read(void* into, std::uint64_t offset, std::size_t length) const;
+    [[nodiscard]] Transferred write(const void* from, std::uint64_t offset, std::size_t length);
+
+    /// 0 once everything written before is on the medium. A failure is final: the system may have
+    /// dropped what it could not write, so no later success could vouch for it.
+    [[nodiscard]] int flushToMedium();
+
+  private:
+    void measure(const std::string& path);
+
+    int descriptor_ = -1;
+    bool writable_ = false;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t blockSize_ = 512;
+    std::uint64_t physicalBlockSize_ = 512;
+
+    std::atomic<bool> unsettled_ = false; ///< written to since the last flush began
+    Mutex flushing_;                      ///< one at a time: a second caller waits for the first
+    int flushError_ TAVELIN_GUARDED_BY(flushing_) = 0;
+};
+
+} // namespace tavelin

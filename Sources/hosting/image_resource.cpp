@@ -1,0 +1,70 @@
+#include "hosting/image_resource.hpp"
+
+#include "platform/error_numbers.hpp"
+
+namespace tavelin {
+
+namespace {
+
+void check(int hostError) {
+    if (hostError != 0) {
+        throw fskit::fs_errorForPOSIXError(fromHost(hostError));
+    }
+}
+
+} // namespace
+
+ImageResource::ImageResource(const std::filesystem::path& path) : ImageResource(path, Settings()) {}
+
+ImageResource::ImageResource(const std::filesystem::path& path, const Settings& settings)
+    : file_(path, settings.readOnly),
+      name_(path.filename().string()),
+      blockSize_(settings.blockSize != 0 ? settings.blockSize : file_.blockSize()),
+      physicalBlockSize_(settings.physicalBlockSize != 0 ? settings.physicalBlockSize
+                                                         : file_.physicalBlockSize()) {}
+
+std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::size_t length) {
+    check(isRevoked() ? ENXIO : 0);
+    const ImageFile::Transferred done = file_.read(buffer, offset, length);
+    check(done.error);
+    return done.bytes;
+}
+
+std::size_t ImageResource::write(const std::byte* buffer, std::uint64_t offset,
+                                 std::size_t length) {
+    check(isRevoked() ? ENXIO : 0);
+    const ImageFile::Transferred done = file_.write(buffer, offset, length);
+    check(done.error);
+    return done.bytes;
+}
+
+void ImageResource::metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) {
+    for (std::size_t done = 0; done < length;) {
+        const std::size_t count = read(buffer + done, offset + done, length - done);
+        check(count == 0 ? EIO : 0);
+        done += count;
+    }
+}
+
+void ImageResource::delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
+                                         std::size_t length) {
+    for (std::size_t done = 0; done < length;) {
+        const std::size_t count = write(buffer + done, offset + done, length - done);
+        check(count == 0 ? EIO : 0);
+        done += count;
+    }
+}
+
+void ImageResource::metadataFlush() {
+    check(isRevoked() ? ENXIO : file_.flushToMedium());
+}
+
+std::optional<fskit::Error> ImageResource::flushToMedium() {
+    const int error = isRevoked() ? ENXIO : file_.flushToMedium();
+    if (error == 0) {
+        return std::nullopt;
+    }
+    return fskit::fs_errorForPOSIXError(fromHost(error));
+}
+
+} // namespace tavelin

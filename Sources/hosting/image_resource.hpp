@@ -1,0 +1,70 @@
+/// The block device that a host offers to its volume.
+#pragma once
+
+#include "fskit/api/resource.hpp"
+#include "fskit/host_medium.hpp"
+#include "hosting/image_file.hpp"
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace tavelin {
+
+/// A block device whose host can say when what was written has reached the medium.
+class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {
+  public:
+    /// Gives the device back to the system, for others to open. Once no volume is loaded from it;
+    /// nothing but destruction may follow.
+    virtual void release() {}
+};
+
+/// A resource over a disk-image file or a block-device node. Sizes and offsets are bytes; errors
+/// are POSIX ones, in macOS numbers. Any thread may call anything; overlapping transfers are the
+/// callers' business.
+class ImageResource final : public HostResource {
+  public:
+    struct Settings {
+        bool readOnly = false; ///< only read, whatever is allowed
+        /// What the device says of itself: multiples of 512, or 0 for the device node's own values
+        /// (512 for an image file). What does not fill a block is left out at the end.
+        std::uint64_t blockSize = 0;
+        std::uint64_t physicalBlockSize = 0;
+    };
+
+    /// Opens the image and locks it, see ImageFile. Throws OpenError.
+    explicit ImageResource(const std::filesystem::path& path);
+    ImageResource(const std::filesystem::path& path, const Settings& settings);
+
+    /// As when the medium is pulled out: every transfer from now on fails with kENXIO.
+    void revoke() noexcept { revoked_.store(true); }
+    bool isRevoked() const override { return revoked_.load(); }
+
+    /// The last component of the path.
+    std::string BSDName() const override { return name_; }
+    bool isWritable() const override { return file_.writable(); }
+    std::uint64_t blockSize() const override { return blockSize_; }
+    std::uint64_t blockCount() const override { return file_.bytes() / blockSize_; }
+    std::uint64_t physicalBlockSize() const override { return physicalBlockSize_; }
+
+    std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
+    std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
+    void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
+    void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
+                              std::size_t length) override;
+    void metadataFlush() override;
+    std::optional<fskit::Error> flushToMedium() override;
+    void release() override { file_.close(); }
+
+  private:
+    ImageFile file_;
+    const std::string name_;
+    const std::uint64_t blockSize_;
+    const std::uint64_t physicalBlockSize_;
+    std::atomic<bool> revoked_ = false;
+};
+
+} // namespace tavelin

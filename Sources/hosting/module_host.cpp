@@ -1,0 +1,230 @@
+#include "hosting/module_host.hpp"
+
+#include "core/driver2.hpp"
+#include "fskit/tavelin_file_system.hpp"
+#include "hosting/reply_slot.hpp"
+#include "platform/error_numbers.hpp"
+#include "platform/mutex.hpp"
+
+namespace tavelin {
+
+namespace {
+
+/// A task whose end one thread waits for.
+class AwaitedTask final : public fskit::FSTask {
+  public:
+    // The front end's tasks have nothing to say that their end does not.
+    void logMessage(const std::string& /*text*/) override {}
+
+    void didComplete(const std::optional<fskit::Error>& error) override {
+        const MutexLock held(lock_);
+        if (completed_) {
+            fatal("a task was completed twice");
+        }
+        completed_ = true;
+        error_ = error;
+        changed_.notifyAll();
+    }
+
+    std::optional<fskit::Error> wait() {
+        const MutexLock held(lock_);
+        while (!completed_) {
+            changed_.wait(lock_);
+        }
+        return error_;
+    }
+
+  private:
+    Mutex lock_;
+    ConditionVariable changed_;
+    bool completed_ TAVELIN_GUARDED_BY(lock_) = false;
+    std::optional<fskit::Error> error_ TAVELIN_GUARDED_BY(lock_);
+};
+
+/// Why a load was refused, in the user's words.
+std::string refusal(const fskit::Error& error) {
+    switch (error.isPOSIX() ? error.code() : 0) {
+    case kEPERM:
+        return "Windows is hibernated on it, or was shut down with fast start-up";
+    case kEINVAL:
+        return "its NTFS structures are not valid";
+    case kEIO:
+        return "it cannot be read, or its NTFS structures are damaged";
+    default:
+        return error.localizedDescription();
+    }
+}
+
+/// Whether a device's first block can be read: tells a failing device from a foreign one.
+std::optional<fskit::Error> firstBlockError(HostResource& resource) {
+    std::vector<std::byte> block(resource.physicalBlockSize());
+    try {
+        (void)resource.read(block.data(), 0, block.size());
+        return std::nullopt;
+    } catch (const fskit::Error& error) {
+        return error;
+    }
+}
+
+} // namespace
+
+ModuleHost::ModuleHost(std::shared_ptr<HostResource> resource)
+    : ModuleHost(std::move(resource), std::make_unique<TavelinFileSystem>()) {}
+
+ModuleHost::ModuleHost(std::shared_ptr<HostResource> resource,
+                       std::unique_ptr<fskit::FSUnaryFileSystem> module)
+    : resource_(std::move(resource)), module_(std::move(module)) {}
+
+ModuleHost::~ModuleHost() {
+    (void)close();
+}
+
+// ---- All steps ---------------------------------------------------------------------------------
+
+void ModuleHost::open(const Options& options) {
+    using Reason = OpenError::Reason;
+    const std::string image = resource_->BSDName();
+    const auto fail = [&](Reason reason, const fskit::Error& error, const std::string& why) {
+        (void)close(); // what failed first is what the user must hear
+        throw OpenError(reason, error.isPOSIX() ? static_cast<std::int32_t>(error.code()) : kEIO,
+                        image, why);
+    };
+    const auto probed = probe();
+    if (!probed || probed->result != fskit::FSMatchResult::usable) {
+        if (const auto error = probed ? firstBlockError(*resource_) : probed.error()) {
+            fail(Reason::ioError, *error, error->localizedDescription());
+        }
+        throw OpenError(Reason::notNTFS, kEINVAL, image, "not an NTFS volume");
+    }
+    if (const auto loaded = load(options); !loaded) {
+        fail(Reason::refused, loaded.error(), refusal(loaded.error()));
+    }
+    if (const auto activated = activate(options); !activated) {
+        fail(Reason::refused, activated.error(), refusal(activated.error()));
+    }
+    if (const auto mounted = mount({}); !mounted) {
+        fail(Reason::refused, mounted.error(), refusal(mounted.error()));
+    }
+}
+
+Outcome<void> ModuleHost::close() {
+    std::optional<fskit::Error> first;
+    const auto note = [&](const Outcome<void>& step) {
+        if (!step && !first) {
+            first = step.error();
+        }
+    };
+    if (state_ == State::mounted) {
+        note(volume_->synchronize(fskit::FSSyncFlags::wait));
+        unmount();
+    }
+    if (state_ == State::unmounted || state_ == State::active) {
+        note(deactivate());
+    }
+    if (state_ == State::loaded) {
+        note(unload());
+    }
+    return first;
+}
+
+std::unique_ptr<ModuleHost> ModuleHost::openImage(const std::filesystem::path& path,
+                                                  const Options& options,
+                                                  ImageResource::Settings settings) {
+    settings.readOnly = settings.readOnly || Driver2::MountOptions(options).readOnly;
+    auto host = std::make_unique<ModuleHost>(std::make_shared<ImageResource>(path, settings));
+    host->open(options);
+    return host;
+}
+
+VolumeClient& ModuleHost::volume() {
+    if (state_ != State::active && state_ != State::mounted) {
+        fatal("the module host has no active volume");
+    }
+    return *volume_;
+}
+
+// ---- One step each -----------------------------------------------------------------------------
+
+void ModuleHost::expect(bool inTurn, const char* step) const {
+    if (!inTurn) {
+        fatal(std::string("the module host takes this step out of turn: ") + step);
+    }
+}
+
+Outcome<fskit::FSProbeResult> ModuleHost::probe() {
+    ReplySlot<fskit::FSProbeResult> slot("probeResource");
+    module_->probeResource(resource_, slot.handler());
+    slot.check();
+    if (slot.error()) {
+        return *slot.error();
+    }
+    return slot.value<0>();
+}
+
+Outcome<void> ModuleHost::load(const Options& options) {
+    expect(state_ == State::idle, "load");
+    ReplySlot<std::shared_ptr<fskit::FSVolume>> slot("loadResource");
+    module_->loadResource(resource_, {options}, slot.handler());
+    slot.check();
+    if (slot.error()) {
+        return *slot.error();
+    }
+    volume_ = std::make_unique<VolumeClient>(std::move(slot.value<0>()));
+    state_ = State::loaded;
+    const bool mayWrite = resource_->isWritable() && !Driver2::MountOptions(options).readOnly;
+    fellBack_ = mayWrite && volume_->isReadOnly();
+    return {};
+}
+
+Outcome<void> ModuleHost::activate(const Options& options) {
+    expect(state_ == State::loaded, "activate");
+    auto answer = volume_->activate({options});
+    state_ = answer ? State::active : State::loaded;
+    return answer;
+}
+
+Outcome<void> ModuleHost::mount(const Options& options) {
+    expect(state_ == State::active, "mount");
+    auto answer = volume_->mount({options});
+    state_ = answer ? State::mounted : State::active;
+    return answer;
+}
+
+void ModuleHost::unmount() {
+    expect(state_ == State::mounted, "unmount");
+    volume_->unmount();
+    state_ = State::unmounted;
+}
+
+Outcome<void> ModuleHost::deactivate() {
+    expect(state_ == State::unmounted || state_ == State::active, "deactivate");
+    auto answer = volume_->deactivate();
+    state_ = State::loaded; // whatever the answer: the items are gone
+    return answer;
+}
+
+Outcome<void> ModuleHost::unload() {
+    expect(state_ == State::loaded, "unload");
+    ReplySlot<> slot("unloadResource");
+    module_->unloadResource(resource_, {}, slot.handler());
+    slot.check();
+    state_ = State::idle; // a module forgets the volume even when it cannot unload it cleanly
+    if (slot.error()) {
+        return *slot.error();
+    }
+    return resource_->flushToMedium();
+}
+
+// ---- Maintenance -------------------------------------------------------------------------------
+
+Outcome<void> ModuleHost::check(const Options& options) {
+    const auto task = std::make_shared<AwaitedTask>();
+    try {
+        (void)module_->startCheck(task, {options});
+    } catch (const fskit::Error& error) {
+        return error;
+    }
+    return task->wait();
+}
+
+} // namespace tavelin

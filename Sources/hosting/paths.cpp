@@ -1,0 +1,165 @@
+#include "hosting/paths.hpp"
+
+#include "platform/error_numbers.hpp"
+
+#include <algorithm>
+#include <deque>
+
+namespace tavelin {
+
+namespace {
+
+/// The components that count, first to last.
+std::deque<std::string> split(std::string_view path) {
+    std::deque<std::string> components;
+    while (!path.empty()) {
+        const std::size_t slash = std::min(path.find('/'), path.size());
+        const std::string_view component = path.substr(0, slash);
+        if (!component.empty() && component != ".") {
+            components.emplace_back(component);
+        }
+        path.remove_prefix(std::min(slash + 1, path.size()));
+    }
+    return components;
+}
+
+/// The way from the root to where a path has led so far.
+class Walker {
+  public:
+    explicit Walker(VolumeClient& volume) : volume_(volume) {}
+
+    std::optional<fskit::Error> go(std::deque<std::string> components, LastLink last) {
+        while (!components.empty()) {
+            const std::string name = std::move(components.front());
+            components.pop_front();
+            if (name == "..") {
+                if (!path_.empty()) {
+                    path_.pop_back();
+                }
+                continue;
+            }
+            auto found = volume_.withAttributes(volume_.lookup(here(), name));
+            if (!found) {
+                return found.error();
+            }
+            const bool link = found->attributes.type() == fskit::FSItemType::symlink;
+            if (!link || (components.empty() && last == LastLink::keep)) {
+                path_.push_back(std::move(*found));
+                continue;
+            }
+            if (auto error = follow(*found, components)) {
+                return error;
+            }
+        }
+        return std::nullopt;
+    }
+
+    [[nodiscard]] const ItemRef& here() const {
+        return path_.empty() ? volume_.root() : path_.back().item;
+    }
+
+    Outcome<Found> end() {
+        if (path_.empty()) {
+            return volume_.withAttributes(volume_.root().duplicate());
+        }
+        return std::move(path_.back());
+    }
+
+  private:
+    /// Puts a link's target in front of what is still to go.
+    std::optional<fskit::Error> follow(const Found& link, std::deque<std::string>& components) {
+        if (++links_ > kLinkDepthMax) {
+            return fskit::fs_errorForPOSIXError(kELOOP);
+        }
+        const auto target = volume_.readSymbolicLink(link.item);
+        if (!target) {
+            return target.error();
+        }
+        if (target->starts_with('/')) {
+            path_.clear();
+        }
+        const std::deque<std::string> steps = split(*target);
+        components.insert(components.begin(), steps.begin(), steps.end());
+        return std::nullopt;
+    }
+
+    VolumeClient& volume_;
+    std::vector<Found> path_; // below the root
+    int links_ = 0;
+};
+
+/// Enters directories, each at most once on the way to where it stands.
+class TreeWalk {
+  public:
+    TreeWalk(VolumeClient& volume, const Visit& visit) : volume_(volume), visit_(visit) {}
+
+    std::optional<fskit::Error> enter(const ItemRef& directory, const std::string& prefix) {
+        const auto own = volume_.attributes(directory);
+        if (!own) {
+            return own.error();
+        }
+        if (std::find(path_.begin(), path_.end(), own->fileID()) != path_.end()) {
+            return fskit::fs_errorForPOSIXError(kEIO); // only a damaged volume has such a directory
+        }
+        path_.push_back(own->fileID());
+        auto error = below(directory, prefix);
+        path_.pop_back();
+        return error;
+    }
+
+  private:
+    std::optional<fskit::Error> below(const ItemRef& directory, const std::string& prefix) {
+        const auto entries = volume_.list(directory, true);
+        if (!entries) {
+            return entries.error();
+        }
+        for (const DirectoryEntry& entry : *entries) {
+            const std::string path = prefix + entry.name;
+            if (!visit_(path, entry) || entry.type != fskit::FSItemType::directory) {
+                continue;
+            }
+            const auto child = volume_.lookup(directory, entry.name);
+            if (!child) {
+                return child.error();
+            }
+            if (auto error = enter(*child, path + "/")) {
+                return error;
+            }
+        }
+        return std::nullopt;
+    }
+
+    VolumeClient& volume_;
+    const Visit& visit_;
+    std::vector<fskit::FSItemID> path_; // of the directories entered and not yet left
+};
+
+} // namespace
+
+Outcome<Found> resolve(VolumeClient& volume, std::string_view path, LastLink last) {
+    Walker walker(volume);
+    if (const auto error = walker.go(split(path), last)) {
+        return *error;
+    }
+    return walker.end();
+}
+
+Outcome<Location> locate(VolumeClient& volume, std::string_view path) {
+    std::deque<std::string> components = split(path);
+    if (components.empty() || components.back() == "..") {
+        return fskit::fs_errorForPOSIXError(kEINVAL);
+    }
+    std::string name = std::move(components.back());
+    components.pop_back();
+    Walker walker(volume);
+    if (const auto error = walker.go(std::move(components), LastLink::follow)) {
+        return *error;
+    }
+    return Location{walker.here().duplicate(), std::move(name)};
+}
+
+Outcome<void> walk(VolumeClient& volume, const ItemRef& directory, const Visit& visit) {
+    return TreeWalk(volume, visit).enter(directory, {});
+}
+
+} // namespace tavelin

@@ -1,0 +1,42 @@
+/// Path-based work on a volume: for hosts whose users name items by paths.
+///
+/// A path is relative to the volume's root, whether it begins with "/" or not. Empty components and
+/// "." do not count; ".." goes up, at the root to itself. Symbolic links on the way are followed
+/// inside the volume (an absolute target starts at its root), the last one only when asked to;
+/// more than kLinkDepthMax are kELOOP. May be called from any thread.
+#pragma once
+
+#include "hosting/volume_client.hpp"
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace tavelin {
+
+inline constexpr int kLinkDepthMax = 40;
+
+enum class LastLink { follow, keep };
+
+/// The item that a path leads to, and its attributes.
+Outcome<Found> resolve(VolumeClient& volume, std::string_view path,
+                       LastLink last = LastLink::follow);
+
+/// A name in a directory: where something is, or is to be made.
+struct Location {
+    ItemRef directory;
+    std::string name;
+};
+
+/// The directory that holds the path's last component, and that component, which need not exist.
+/// kEINVAL for the root itself and for paths that end in "..".
+Outcome<Location> locate(VolumeClient& volume, std::string_view path);
+
+/// Calls `visit` for everything below a directory, parents first, with the path below it ("a/b")
+/// and the entry, whose attributes are there unless they could not be read. A directory is entered
+/// when `visit` answers true. Links are not followed. Stops at the first error, kEIO for a
+/// directory that is inside itself.
+using Visit = std::function<bool(const std::string& path, const DirectoryEntry& entry)>;
+Outcome<void> walk(VolumeClient& volume, const ItemRef& directory, const Visit& visit);
+
+} // namespace tavelin

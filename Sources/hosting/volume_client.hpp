@@ -1,0 +1,161 @@
+/// The requests to an active volume, with return values in place of replies.
+#pragma once
+
+#include "fskit/api/volume.hpp"
+#include "fskit/extended_operations.hpp"
+#include "hosting/entry_packer.hpp"
+#include "hosting/image_resource.hpp"
+#include "hosting/item_table.hpp"
+#include "hosting/outcome.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tavelin {
+
+/// An item together with its attributes.
+struct Found {
+    ItemRef item;
+    fskit::FSItemAttributes attributes;
+};
+
+/// Sends requests to one volume, as FSKit would: each is answered exactly once or the process
+/// stops, each item handed out is counted in its ItemRef and reclaimed with the last of them, and
+/// opens and closes are only sent when the volume wants them.
+///
+/// Made and owned by a ModuleHost; good from its activation until its close. Any thread may send
+/// anything, several at a time. Names are single components in UTF-8, offsets and sizes bytes.
+/// Errors are those of the volume, in the POSIX domain with macOS numbers as a rule.
+class VolumeClient {
+  public:
+    using Bytes = std::span<const std::byte>;
+
+    /// Throws fskit::Error (kENOTSUP) when the object does not take volume requests.
+    explicit VolumeClient(std::shared_ptr<fskit::FSVolume> volume);
+    VolumeClient(const VolumeClient&) = delete;
+    VolumeClient& operator=(const VolumeClient&) = delete;
+
+    // ---- Lookup and attributes -----------------------------------------------------------------
+
+    /// The root directory; held from activation to close.
+    [[nodiscard]] const ItemRef& root() const noexcept { return root_; }
+    Outcome<ItemRef> lookup(const ItemRef& directory, std::string_view name);
+    Outcome<fskit::FSItemAttributes> attributes(const ItemRef& item);
+    /// What a lookup or creation answered, with the item's attributes: for hosts that must tell
+    /// both. The error of either.
+    Outcome<Found> withAttributes(Outcome<ItemRef> item);
+    /// The same as a lookup with attributes, in one go; absent when there is no such name.
+    Outcome<std::optional<Found>> find(const ItemRef& directory, std::string_view name);
+    /// The item of an entry that an enumeration of the directory delivered, with its attributes.
+    Outcome<Found> describe(const ItemRef& directory, fskit::FSItemID entry);
+    /// Applies the valid attributes of `changes`, marks in it which were, and answers the new ones.
+    Outcome<fskit::FSItemAttributes> setAttributes(const ItemRef& item,
+                                                   fskit::FSItemSetAttributesRequest& changes);
+    Outcome<std::string> readSymbolicLink(const ItemRef& item);
+
+    // ---- Directories ---------------------------------------------------------------------------
+
+    /// Packs the entries from `cookie` on; answers the verifier to go on with. With attributes, "."
+    /// and ".." are left out.
+    Outcome<fskit::FSDirectoryVerifier> enumerate(const ItemRef& directory,
+                                                  fskit::FSDirectoryCookie cookie,
+                                                  fskit::FSDirectoryVerifier verifier,
+                                                  bool withAttributes,
+                                                  fskit::FSDirectoryEntryPacker& packer);
+    /// All entries but "." and "..", in the volume's order, page after page.
+    Outcome<std::vector<DirectoryEntry>> list(const ItemRef& directory, bool withAttributes,
+                                              std::size_t pageBytes = EntryPacker::kDefaultBytes);
+
+    // ---- Namespace -----------------------------------------------------------------------------
+
+    /// `attributes` are applied as far as they can be; what was is marked.
+    Outcome<ItemRef> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type,
+                            fskit::FSItemSetAttributesRequest& attributes);
+    Outcome<ItemRef> create(const ItemRef& directory, std::string_view name,
+                            fskit::FSItemType type);
+    Outcome<ItemRef> createSymbolicLink(const ItemRef& directory, std::string_view name,
+                                        std::string_view target);
+    Outcome<void> createLink(const ItemRef& item, const ItemRef& directory, std::string_view name);
+    /// Gives a file a name of the host's own, see ExtendedOperations.
+    Outcome<void> linkInternal(const ItemRef& item, const ItemRef& directory,
+                               std::string_view name);
+    /// How many names a file has to lose, see ExtendedOperations.
+    Outcome<std::size_t> countNames(const ItemRef& item);
+    /// `item` is what the name stands for, as for FSKit, which has looked it up before.
+    Outcome<void> remove(const ItemRef& item, const ItemRef& directory, std::string_view name);
+    /// `over` is the item that the new name stands for so far, empty when there is none.
+    Outcome<void> rename(const ItemRef& item, const ItemRef& fromDirectory,
+                         std::string_view fromName, const ItemRef& toDirectory,
+                         std::string_view toName, const ItemRef& over);
+
+    // ---- Data ----------------------------------------------------------------------------------
+
+    Outcome<void> open(const ItemRef& item, fskit::FSVolumeOpenModes modes);
+    /// `modes` are those that remain; none for the last close.
+    Outcome<void> close(const ItemRef& item, fskit::FSVolumeOpenModes modes);
+    /// Answers the bytes read: fewer than `into` holds at the end of the file.
+    Outcome<std::size_t> read(const ItemRef& item, std::uint64_t offset, std::span<std::byte> into);
+    Outcome<std::size_t> write(const ItemRef& item, std::uint64_t offset, Bytes contents);
+
+    // ---- Extended attributes -------------------------------------------------------------------
+
+    Outcome<std::vector<std::byte>> getXattr(const ItemRef& item, std::string_view name);
+    /// How many bytes getXattr() would answer, without reading them.
+    Outcome<std::size_t> xattrSize(const ItemRef& item, std::string_view name);
+    Outcome<void> setXattr(const ItemRef& item, std::string_view name, Bytes value,
+                           fskit::FSSetXattrPolicy policy = fskit::FSSetXattrPolicy::alwaysSet);
+    Outcome<void> removeXattr(const ItemRef& item, std::string_view name);
+    Outcome<std::vector<std::string>> listXattrs(const ItemRef& item);
+
+    // ---- The volume ----------------------------------------------------------------------------
+
+    /// Makes first requests as fast as later ones, see ExtendedOperations.
+    Outcome<void> prefaultCache();
+    /// With flags that wait, success means that everything answered before is on the medium.
+    Outcome<void> synchronize(fskit::FSSyncFlags flags = fskit::FSSyncFlags::wait);
+    [[nodiscard]] fskit::FSStatFSResult statistics() { return operations_->volumeStatistics(); }
+    [[nodiscard]] std::string name() const { return volume_->name().data(); }
+    Outcome<void> setName(std::string_view name);
+    /// Whether changes are refused, by request or because the volume allowed no more.
+    [[nodiscard]] bool isReadOnly() const;
+
+    /// Capabilities and limits; for anything else the requests above count and check.
+    [[nodiscard]] const fskit::FSVolumeOperations& operations() const { return *operations_; }
+    /// Whether opens and closes are withheld, see FSVolumeOpenCloseOperations.
+    void setOpenCloseInhibited(bool inhibited);
+    /// Items handed out and not reclaimed, the root among them.
+    [[nodiscard]] std::size_t liveItems() const { return items_.size(); }
+
+  private:
+    // The steps of its life, which are the module host's to take.
+    friend class ModuleHost;
+    Outcome<void> activate(const fskit::FSTaskOptions& options);
+    Outcome<void> mount(const fskit::FSTaskOptions& options);
+    void unmount();
+    Outcome<void> deactivate();
+
+    template<typename Send>
+    Outcome<std::optional<Found>> askForDescribed(std::string_view request, Send&& send);
+    template<typename Send>
+    Outcome<ItemRef> askForItem(std::string_view request, Send&& send);
+
+    const std::shared_ptr<fskit::FSVolume> volume_;
+    // The volume's protocols: parts of *volume_; all but the first may be absent.
+    fskit::FSVolumeOperations* const operations_;
+    fskit::FSVolumeReadWriteOperations* const data_;
+    fskit::FSVolumeOpenCloseOperations* const opening_;
+    fskit::FSVolumeRenameOperations* const naming_;
+    fskit::FSVolumeXattrOperations* const xattrs_;
+    ExtendedOperations* const extended_;
+    ItemTable items_;
+    ItemRef root_; // after items_, which it points into
+};
+
+} // namespace tavelin

@@ -1,0 +1,245 @@
+// get and put: where to, then the work of TreeGetter and TreePutter.
+#include "hosts/cli/arguments.hpp"
+#include "hosts/cli/command_table.hpp"
+#include "hosts/cli/copy/tree_getter.hpp"
+#include "hosts/cli/copy/tree_putter.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+
+namespace tavelin::cli {
+namespace {
+
+using fskit::FSItemType;
+
+struct CopyCommand {
+    VolumeArguments volume;
+    std::vector<std::string> paths;
+    bool noStreams = false;
+    bool quiet = false;
+    bool json = false;
+};
+
+CopySettings settings(const CopyCommand& command) {
+    CopySettings result;
+    result.streams = !command.noStreams;
+    result.quiet = command.quiet || command.json;
+    if (stat(command.volume.image.c_str(), &result.image) != 0) {
+        throw Failure(explainHost(command.volume.image, errno));
+    }
+    return result;
+}
+
+struct FromTo {
+    std::vector<std::string> sources;
+    std::string target;
+};
+
+/// The last of several paths says where to.
+FromTo apart(std::vector<std::string> paths, const std::string& usualTarget) {
+    if (paths.size() == 1) {
+        return {std::move(paths), usualTarget};
+    }
+    std::string target = std::move(paths.back());
+    paths.pop_back();
+    return {std::move(paths), std::move(target)};
+}
+
+void printReport(const CopyReport& report, bool json) {
+    if (json) {
+        const nlohmann::ordered_json result{{"files", report.files},
+                                            {"directories", report.directories},
+                                            {"links", report.links},
+                                            {"streams", report.streams},
+                                            {"bytes", report.bytes}};
+        print(result.dump() + "\n");
+    } else if (isOutputTerminal()) {
+        print(fmt::format("{} files ({}), {} directories, {} links, {} streams\n", report.files,
+                          humanSize(report.bytes), report.directories, report.links,
+                          report.streams));
+    }
+}
+
+// ---- get ---------------------------------------------------------------------------------------
+
+/// A place on the host: an opened directory, and a name in it unless the directory itself is meant.
+struct HostPlace {
+    Descriptor directory;
+    std::string name;
+};
+
+Descriptor openDirectory(const std::string& path) {
+    Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) {
+        throw Failure(explainHost(path, errno));
+    }
+    return directory;
+}
+
+HostPlace hostPlace(const std::string& target, bool several) {
+    if (std::filesystem::is_directory(target)) {
+        return {openDirectory(target), {}};
+    }
+    if (several || target.ends_with('/')) {
+        throw Failure(escaped(target) + ": no such directory: make it first");
+    }
+    const std::filesystem::path path(target);
+    return {openDirectory(path.has_parent_path() ? path.parent_path().string() : "."),
+            path.filename().string()};
+}
+
+void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
+            const HostPlace& place) {
+    const Found found = valueOf(resolve(volume, path, LastLink::keep), path);
+    std::string name = place.name.empty() ? lastComponent(path) : place.name;
+    const bool isRoot = found.item == volume.root();
+    if (isRoot && place.name.empty()) {
+        getter.getContents(found.item, path, place.directory.get());
+        return;
+    }
+    getter.get(found, path, place.directory.get(), name);
+}
+
+void runGet(const CopyCommand& command) {
+    takeInterruptions();
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        const FromTo paths = apart(command.paths, ".");
+        const HostPlace place = hostPlace(paths.target, paths.sources.size() > 1);
+        CopyRun run("get", settings(command));
+        TreeGetter getter(session.volume(), run);
+        for (const std::string& path : paths.sources) {
+            getOne(session.volume(), getter, path, place);
+        }
+        run.end();
+        printReport(run.report, command.json);
+    });
+}
+
+// ---- put ---------------------------------------------------------------------------------------
+
+/// A place on the volume, as above.
+struct VolumePlace {
+    ItemRef directory;
+    std::string name;
+};
+
+VolumePlace volumePlace(VolumeClient& volume, const std::string& target, bool several) {
+    auto there = resolve(volume, target);
+    if (there && there->attributes.type() == FSItemType::directory) {
+        return {std::move(there->item), {}};
+    }
+    if (!there && numberOf(there.error()) != kENOENT) {
+        throw Failure(explain(target, there.error()));
+    }
+    if (several || target.ends_with('/')) {
+        throw Failure(escaped(target) + ": no such directory on the volume: 'tavelin mkdir -p' "
+                                        "makes it");
+    }
+    auto place = locate(volume, target);
+    if (!place) {
+        throw Failure(numberOf(place.error()) == kENOENT
+                          ? escaped(target) + ": the directory for it is missing: 'tavelin mkdir "
+                                              "-p' makes it"
+                          : explain(target, place.error()));
+    }
+    return {std::move(place->directory), std::move(place->name)};
+}
+
+/// What is to be copied, for the progress bar; what cannot be read counts as nothing here.
+std::uint64_t bytesBelow(const std::string& source) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    if (!fs::is_directory(fs::symlink_status(source, ignored))) {
+        const auto size = fs::file_size(source, ignored);
+        return ignored ? 0 : size;
+    }
+    std::uint64_t sum = 0;
+    fs::recursive_directory_iterator entry(source, fs::directory_options::skip_permission_denied,
+                                           ignored);
+    for (; !ignored && entry != fs::recursive_directory_iterator(); entry.increment(ignored)) {
+        std::error_code unreadable;
+        if (fs::is_regular_file(entry->symlink_status(unreadable))) {
+            const auto size = entry->file_size(unreadable);
+            sum += unreadable ? 0 : size;
+        }
+    }
+    return sum;
+}
+
+void putOne(TreePutter& putter, const std::string& source, const VolumePlace& place) {
+    if (source == "-") {
+        if (place.name.empty()) {
+            throw Failure("name the file that standard input goes to", ExitStatus::wrongUsage);
+        }
+        putter.putStream(STDIN_FILENO, place.directory, place.name);
+        return;
+    }
+    const std::string last = lastComponent(source);
+    const bool contents = last.empty() || last == "." || last == "..";
+    if (contents && place.name.empty()) {
+        putter.putContents({AT_FDCWD, source, source}, place.directory);
+        return;
+    }
+    putter.put({AT_FDCWD, source, source}, place.directory, place.name.empty() ? last : place.name);
+}
+
+void runPut(const CopyCommand& command) {
+    const FromTo paths = apart(command.paths, "/");
+    for (const std::string& source : paths.sources) { // before the image is even opened
+        struct ::stat status {};
+        if (source != "-" && lstat(source.c_str(), &status) != 0) {
+            throw Failure(explainHost(source, errno));
+        }
+    }
+    withVolume(command.volume, Access::change, [&](Session& session) {
+        CopyRun run("put", settings(command));
+        const VolumePlace place =
+            volumePlace(session.volume(), paths.target, paths.sources.size() > 1);
+        if (run.bar.isShown()) {
+            for (const std::string& source : paths.sources) {
+                run.bar.expect(bytesBelow(source));
+            }
+        }
+        TreePutter putter(session.volume(), run);
+        for (const std::string& source : paths.sources) {
+            putOne(putter, source, place);
+        }
+        run.end();
+        printReport(run.report, command.json);
+    });
+}
+
+std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& what) {
+    auto arguments = std::make_shared<CopyCommand>();
+    addVolume(command, arguments->volume);
+    addPaths(command, "PATH", arguments->paths, 1, what);
+    addFlag(command, "--no-streams", arguments->noStreams,
+            "Leave named streams out; else they are \"user.\" attributes on the host");
+    addFlag(command, "-q,--quiet", arguments->quiet, "No progress bar");
+    addJSON(command, arguments->json);
+    return arguments;
+}
+
+} // namespace
+
+void defineGet(CLI::App& command) {
+    const auto arguments =
+        defineCopy(command, "What to copy; with more than one, the last one says where to");
+    setWork(command, [arguments] { runGet(*arguments); });
+}
+
+void definePut(CLI::App& command) {
+    const auto arguments = defineCopy(
+        command, "What to copy, \"-\" for standard input; with more than one, the last one says "
+                 "where to on the volume");
+    setWork(command, [arguments] { runPut(*arguments); });
+}
+
+} // namespace tavelin::cli

@@ -1,0 +1,211 @@
+#include "hosts/cli/copy/tree_getter.hpp"
+
+#include "hosts/cli/copy/host_streams.hpp"
+#include "hosts/cli/session.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+
+namespace tavelin::cli {
+namespace {
+
+using fskit::FSItemType;
+
+/// Whether a name means an entry of the directory it is used in, and nothing else.
+bool staysInside(std::string_view name) {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+std::array<std::timespec, 2> times(const fskit::FSItemAttributes& attributes) {
+    return {attributes.accessTime(), attributes.modifyTime()};
+}
+
+} // namespace
+
+void TreeGetter::get(const Found& found, const std::string& path, int directory,
+                     const std::string& name) {
+    throwIfInterrupted();
+    try {
+        getItem(found, path, directory, name);
+    } catch (const ItemFailure& failure) {
+        run_.problem(failure.what());
+    }
+}
+
+void TreeGetter::getContents(const ItemRef& volumeDirectory, const std::string& path,
+                             int directory) {
+    try {
+        getEntries(volumeDirectory, path, directory);
+    } catch (const ItemFailure& failure) {
+        run_.problem(failure.what());
+    }
+}
+
+void TreeGetter::getItem(const Found& found, const std::string& path, int directory,
+                         const std::string& name) {
+    if (!staysInside(name)) {
+        throw ItemFailure(escaped(path) + ": left out, its name would lead out of the target");
+    }
+    struct ::stat there {};
+    if (fstatat(directory, name.c_str(), &there, 0) == 0 && run_.isImage(there)) {
+        throw ItemFailure(escaped(path) + ": left out, it would replace the image itself");
+    }
+    switch (found.attributes.type()) {
+    case FSItemType::directory:
+        return getDirectory(found, path, directory, name);
+    case FSItemType::symlink:
+        return getLink(found, path, directory, name);
+    default:
+        return getFile(found, path, directory, name);
+    }
+}
+
+void TreeGetter::getFile(const Found& found, const std::string& path, int directory,
+                         const std::string& name) {
+    run_.bar.begin(path);
+    const std::string partial = run_.partialName();
+    Descriptor file(openat(directory, partial.c_str(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!file) {
+        throwHostError(path);
+    }
+    orTakeAway(directory, partial, [&] {
+        readContents(found.item, path, file.get());
+        getStreams(found.item, path, file.get());
+        if (futimens(file.get(), times(found.attributes).data()) != 0 || !file.close()) {
+            throwHostError(path);
+        }
+        giveName(directory, partial, name, path);
+    });
+    ++run_.report.files;
+}
+
+void TreeGetter::getLink(const Found& found, const std::string& path, int directory,
+                         const std::string& name) {
+    const std::string target = ofItem(volume_.readSymbolicLink(found.item), path);
+    const std::string partial = run_.partialName();
+    if (symlinkat(target.c_str(), directory, partial.c_str()) != 0) {
+        throwHostError(path);
+    }
+    orTakeAway(directory, partial, [&] {
+        if (utimensat(directory, partial.c_str(), times(found.attributes).data(),
+                      AT_SYMLINK_NOFOLLOW) != 0) {
+            throwHostError(path);
+        }
+        giveName(directory, partial, name, path);
+    });
+    ++run_.report.links;
+}
+
+void TreeGetter::getDirectory(const Found& found, const std::string& path, int directory,
+                              const std::string& name) {
+    if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) {
+        throwHostError(path);
+    }
+    const Descriptor made(
+        openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!made) {
+        if (errno == ENOTDIR || errno == ELOOP) {
+            throw ItemFailure(escaped(path) +
+                              ": something else than a directory has its name in the target");
+        }
+        throwHostError(path);
+    }
+    ++run_.report.directories;
+    getEntries(found.item, path, made.get());
+    getStreams(found.item, path, made.get());
+    if (futimens(made.get(), times(found.attributes).data()) != 0) {
+        throwHostError(path);
+    }
+}
+
+void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& path,
+                            int directory) {
+    const fskit::FSItemID own = ofItem(volume_.attributes(volumeDirectory), path).fileID();
+    if (depth_ >= kTreeDepthMax || !entered_.insert(own).second) {
+        throw ItemFailure(escaped(path) + ": too many directories inside each other");
+    }
+    const auto entries = ofItem(volume_.list(volumeDirectory, true), path);
+    for (const DirectoryEntry& entry : entries) {
+        if (entry.attributes && entry.type == FSItemType::file) {
+            run_.bar.expect(entry.attributes->size());
+        }
+    }
+    ++depth_;
+    for (const DirectoryEntry& entry : entries) {
+        const std::string below = joined(path == "/" ? "" : path, entry.name);
+        auto found = volume_.withAttributes(volume_.lookup(volumeDirectory, entry.name));
+        if (found) {
+            get(*found, below, directory, entry.name);
+        } else {
+            run_.problem(explain(below, found.error()));
+        }
+    }
+    --depth_;
+}
+
+void TreeGetter::readContents(const ItemRef& item, const std::string& path, int file) {
+    std::uint64_t offset = 0;
+    while (const std::size_t count = ofItem(volume_.read(item, offset, buffer_), path)) {
+        throwIfInterrupted();
+        for (std::size_t done = 0; done < count;) {
+            const ssize_t written = write(file, buffer_.data() + done, count - done);
+            if (written < 0 && errno != EINTR) {
+                throwHostError(path);
+            }
+            done += static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+        }
+        offset += count;
+        run_.report.bytes += count;
+        run_.bar.advance(count);
+    }
+}
+
+void TreeGetter::getStreams(const ItemRef& item, const std::string& path, int file) {
+    if (!run_.settings.streams) {
+        return;
+    }
+    for (const std::string& name : ofItem(volume_.listXattrs(item), path)) {
+        const std::string stream = fmt::format("{} (stream {})", path, name);
+        const auto value = volume_.getXattr(item, name);
+        try {
+            if (writeHostStream(file, name, ofItem(value, stream), stream)) {
+                ++run_.report.streams;
+            } else {
+                run_.leaveOutStream();
+            }
+        } catch (const ItemFailure& failure) { // the file itself is still worth having
+            run_.problem(failure.what());
+        }
+    }
+}
+
+void TreeGetter::giveName(int directory, const std::string& partial, const std::string& name,
+                          const std::string& path) {
+    throwIfInterrupted();
+    if (renameat(directory, partial.c_str(), directory, name.c_str()) != 0) {
+        throwHostError(path);
+    }
+}
+
+void TreeGetter::orTakeAway(int directory, const std::string& partial,
+                            const std::function<void()>& work) {
+    try {
+        work();
+    } catch (...) {
+        if (unlinkat(directory, partial.c_str(), 0) != 0) {
+            run_.problem("a half-written file could not be removed again: " +
+                         explainHost(partial, errno));
+        }
+        throw;
+    }
+}
+
+} // namespace tavelin::cli

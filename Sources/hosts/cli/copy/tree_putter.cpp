@@ -1,0 +1,303 @@
+#include "hosts/cli/copy/tree_putter.hpp"
+
+#include "hosts/cli/copy/host_streams.hpp"
+#include "hosts/cli/session.hpp"
+#include "hosts/cli/text.hpp"
+#include "platform/error_numbers.hpp"
+#include "platform/utf8.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+
+namespace tavelin::cli {
+namespace {
+
+using fskit::FSItemType;
+
+Descriptor openSource(const TreePutter::Source& source, int flags) {
+    Descriptor opened(
+        openat(source.directory, source.name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | flags));
+    if (!opened) {
+        throwHostError(source.path);
+    }
+    return opened;
+}
+
+struct ::stat statusOf(int descriptor, const std::string& path) {
+    struct ::stat status {};
+    if (fstat(descriptor, &status) != 0) {
+        throwHostError(path);
+    }
+    return status;
+}
+
+/// The names in a directory, sorted, so that the same tree always makes the same volume.
+std::vector<std::string> namesIn(const Descriptor& directory, const std::string& path) {
+    // Reading takes a descriptor of its own, which closedir() closes.
+    const int reading = openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(reading < 0 ? nullptr : fdopendir(reading),
+                                                     closedir);
+    if (!stream) {
+        const Descriptor unused(reading);
+        throwHostError(path);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* const entry = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe)
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        throwHostError(path);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+} // namespace
+
+void TreePutter::put(const Source& source, const ItemRef& volumeDirectory,
+                     const std::string& name) {
+    throwIfInterrupted();
+    try {
+        putItem(source, volumeDirectory, name);
+    } catch (const ItemFailure& failure) {
+        run_.problem(failure.what());
+    }
+}
+
+void TreePutter::putItem(const Source& source, const ItemRef& volumeDirectory,
+                         const std::string& name) {
+    if (!isUTF8(name)) {
+        throw ItemFailure(escaped(source.path) + ": the name is not UTF-8: rename it first");
+    }
+    struct ::stat status {};
+    if (fstatat(source.directory, source.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        throwHostError(source.path);
+    }
+    if (run_.isImage(status)) {
+        throw ItemFailure(escaped(source.path) + ": this is the image itself, it was left out");
+    }
+    if (S_ISREG(status.st_mode)) {
+        putFile(source, volumeDirectory, name);
+    } else if (S_ISDIR(status.st_mode)) {
+        putDirectory(source, volumeDirectory, name);
+    } else if (S_ISLNK(status.st_mode)) {
+        putLink(source, status, volumeDirectory, name);
+    } else {
+        throw ItemFailure(escaped(source.path) + ": devices, pipes and sockets are left out");
+    }
+}
+
+void TreePutter::putFile(const Source& source, const ItemRef& volumeDirectory,
+                         const std::string& name) {
+    const Descriptor file = openSource(source, O_NONBLOCK | O_NOCTTY);
+    const struct ::stat status = statusOf(file.get(), source.path);
+    run_.bar.begin(source.path);
+    const std::string partial = run_.partialName();
+    install(volume_.create(volumeDirectory, partial, FSItemType::file), partial, volumeDirectory,
+            name, source.path, [&](const ItemRef& item) {
+                writeContents(file.get(), item, source.path);
+                putStreams(file.get(), item, source.path);
+                setTimes(status, item, source.path);
+            });
+    ++run_.report.files;
+}
+
+void TreePutter::putStream(int descriptor, const ItemRef& volumeDirectory,
+                           const std::string& name) {
+    const std::string partial = run_.partialName();
+    install(volume_.create(volumeDirectory, partial, FSItemType::file), partial, volumeDirectory,
+            name, name, [&](const ItemRef& item) { writeContents(descriptor, item, name); });
+    ++run_.report.files;
+}
+
+void TreePutter::putLink(const Source& source, const struct ::stat& status,
+                         const ItemRef& volumeDirectory, const std::string& name) {
+    // A link may have grown since, but no target is longer than a path may be.
+    std::string target(std::max<std::size_t>(static_cast<std::size_t>(status.st_size) + 1, 4097),
+                       '\0');
+    const ssize_t length =
+        readlinkat(source.directory, source.name.c_str(), target.data(), target.size());
+    if (length < 0) {
+        throwHostError(source.path);
+    }
+    target.resize(static_cast<std::size_t>(length));
+    const std::string partial = run_.partialName();
+    install(volume_.createSymbolicLink(volumeDirectory, partial, target), partial, volumeDirectory,
+            name, source.path, [&](const ItemRef& item) { setTimes(status, item, source.path); });
+    ++run_.report.links;
+}
+
+void TreePutter::putDirectory(const Source& source, const ItemRef& volumeDirectory,
+                              const std::string& name) {
+    const Descriptor directory = openSource(source, O_DIRECTORY);
+    const ItemRef target = targetDirectory(volumeDirectory, name, source.path);
+    ++run_.report.directories;
+    putEntries(directory, source, target);
+    putStreams(directory.get(), target, source.path);
+    setTimes(statusOf(directory.get(), source.path), target, source.path);
+}
+
+void TreePutter::putContents(const Source& source, const ItemRef& volumeDirectory) {
+    try {
+        const Descriptor directory = openSource(source, O_DIRECTORY);
+        putEntries(directory, source, volumeDirectory);
+    } catch (const ItemFailure& failure) {
+        run_.problem(failure.what());
+    }
+}
+
+void TreePutter::putEntries(const Descriptor& directory, const Source& source,
+                            const ItemRef& volumeDirectory) {
+    if (depth_ >= kTreeDepthMax) {
+        throw ItemFailure(escaped(source.path) + ": too many directories inside each other");
+    }
+    ++depth_;
+    for (const std::string& entry : namesIn(directory, source.path)) {
+        put({directory.get(), entry, joined(source.path, entry)}, volumeDirectory, entry);
+    }
+    --depth_;
+}
+
+ItemRef TreePutter::targetDirectory(const ItemRef& volumeDirectory, const std::string& name,
+                                    const std::string& path) {
+    auto there = volume_.withAttributes(volume_.lookup(volumeDirectory, name));
+    if (there) {
+        if (there->attributes.type() != FSItemType::directory) {
+            throw ItemFailure(escaped(path) +
+                              ": something else than a directory has its name on the volume");
+        }
+        refuseOwn(there->attributes, path);
+        return std::move(there->item);
+    }
+    if (numberOf(there.error()) != kENOENT) {
+        throwVolumeError(path, there.error());
+    }
+    return ofItem(volume_.create(volumeDirectory, name, FSItemType::directory), path);
+}
+
+void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::string& path) {
+    std::uint64_t offset = 0;
+    for (;;) {
+        throwIfInterrupted();
+        // Pipes give less than asked; the volume gets full pieces anyway.
+        std::size_t filled = 0;
+        while (filled < buffer_.size()) {
+            const ssize_t count =
+                read(descriptor, buffer_.data() + filled, buffer_.size() - filled);
+            if (count < 0 && errno == EINTR) {
+                throwIfInterrupted();
+                continue;
+            }
+            if (count < 0) {
+                throwHostError(path);
+            }
+            if (count == 0) {
+                break;
+            }
+            filled += static_cast<std::size_t>(count);
+        }
+        for (std::size_t done = 0; done < filled;) {
+            const std::size_t written =
+                ofItem(volume_.write(file, offset,
+                                     VolumeClient::Bytes(buffer_).subspan(done, filled - done)),
+                       path);
+            if (written == 0) {
+                throw ItemFailure(escaped(path) + ": the volume takes no more of it");
+            }
+            done += written;
+            offset += written;
+        }
+        run_.report.bytes += filled;
+        run_.bar.advance(filled);
+        if (filled < buffer_.size()) {
+            return;
+        }
+    }
+}
+
+void TreePutter::putStreams(int descriptor, const ItemRef& item, const std::string& path) {
+    if (!run_.settings.streams) {
+        return;
+    }
+    for (const HostStream& stream : readHostStreams(descriptor, path)) {
+        const auto bytes = std::as_bytes(std::span(stream.value));
+        const auto set = volume_.setXattr(item, stream.name, bytes);
+        if (set) {
+            ++run_.report.streams;
+            continue;
+        }
+        try {
+            throwVolumeError(fmt::format("{} (stream {})", path, stream.name), set.error());
+        } catch (const ItemFailure& failure) { // the file itself is still worth having
+            run_.problem(failure.what());
+        }
+    }
+}
+
+void TreePutter::setTimes(const struct ::stat& status, const ItemRef& item,
+                          const std::string& path) {
+    fskit::FSItemSetAttributesRequest changes;
+    changes.setAccessTime(status.st_atim);
+    changes.setModifyTime(status.st_mtim);
+    made_.insert(ofItem(volume_.setAttributes(item, changes), path).fileID());
+}
+
+void TreePutter::install(Outcome<ItemRef> made, const std::string& partial,
+                         const ItemRef& volumeDirectory, const std::string& name,
+                         const std::string& path, const Fill& fill) {
+    const ItemRef item = ofItem(std::move(made), path);
+    try {
+        fill(item);
+        giveName(item, partial, volumeDirectory, name, path);
+    } catch (...) {
+        takeAway(item, partial, volumeDirectory);
+        throw;
+    }
+}
+
+void TreePutter::giveName(const ItemRef& item, const std::string& partial,
+                          const ItemRef& volumeDirectory, const std::string& name,
+                          const std::string& path) {
+    throwIfInterrupted(); // the end of a pipe may only mean that its writer was
+    auto there = volume_.withAttributes(volume_.lookup(volumeDirectory, name));
+    ItemRef over;
+    if (there) {
+        if (there->attributes.type() == FSItemType::directory) {
+            throw ItemFailure(escaped(path) + ": a directory has its name on the volume");
+        }
+        refuseOwn(there->attributes, path);
+        over = std::move(there->item);
+    } else if (numberOf(there.error()) != kENOENT) {
+        throwVolumeError(path, there.error());
+    }
+    const bool renamed = lastComponent(path) != name;
+    ofItem(volume_.rename(item, volumeDirectory, partial, volumeDirectory, name, over),
+           renamed ? path + " as \"" + name + "\"" : path);
+}
+
+void TreePutter::takeAway(const ItemRef& item, const std::string& partial,
+                          const ItemRef& volumeDirectory) {
+    if (const auto removed = volume_.remove(item, volumeDirectory, partial); !removed) {
+        run_.problem("a half-written file could not be removed again: " +
+                     explain(partial, removed.error()));
+    }
+}
+
+void TreePutter::refuseOwn(const fskit::FSItemAttributes& there, const std::string& path) const {
+    if (made_.contains(there.fileID())) {
+        throw ItemFailure(escaped(path) + ": left out, as what was copied before it has the same "
+                                          "name on the volume, perhaps in another case");
+    }
+}
+
+} // namespace tavelin::cli

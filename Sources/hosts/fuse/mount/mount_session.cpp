@@ -1,0 +1,217 @@
+// One mount from its beginning to its end.
+#include "diagnostics/log.hpp"
+#include "hosting/module_host.hpp"
+#include "hosts/fuse/mount/commands.hpp"
+#include "hosts/fuse/mount/daemon.hpp"
+#include "hosts/fuse/mount/loop_device.hpp"
+#include "hosts/fuse/mount/maintenance_thread.hpp"
+#include "hosts/fuse/protocol/cpu_latency_request.hpp"
+#include "hosts/fuse/protocol/kernel_channel.hpp"
+#include "hosts/fuse/protocol/requests.hpp"
+#include "hosts/fuse/protocol/session_context.hpp"
+#include "hosts/fuse/protocol/worker_threads.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace tavelin::fusehost {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr size_t kServingThreads = 4;
+
+// Whoever was to read it may be gone.
+void print(const std::string& line) noexcept {
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void complain(std::string_view what) {
+    print(fmt::format("tavelin: {}", what));
+}
+
+// For a server that may have left its terminal.
+void report(const std::string& what) {
+    complain(what);
+    log().error(what);
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string list;
+    for (const std::string& word : words) {
+        list += list.empty() ? word : "," + word;
+    }
+    return list;
+}
+
+// A value inside an option list: its commas and backslashes are not ours.
+std::string escaped(const std::string& value) {
+    std::string safe;
+    for (const char c : value) {
+        if (c == ',' || c == '\\') {
+            safe += '\\';
+        }
+        safe += c;
+    }
+    return safe;
+}
+
+struct CloseSession {
+    void operator()(fuse_session* session) const {
+        fuse_session_unmount(session);
+        fuse_session_destroy(session);
+    }
+};
+using Session = std::unique_ptr<fuse_session, CloseSession>;
+
+// One mount. The members are destroyed in reverse: the session before the volume it serves.
+class Mount {
+  public:
+    Mount(const MountRequest& request, Daemon& daemon) : request_(request), daemon_(daemon) {}
+
+    int run() {
+        open();
+        if (!connect()) {
+            return 1; // libfuse has said why
+        }
+        CpuLatencyRequest wakefulness(!request_.powerSave);
+        WorkerThreads threads(session_.get(), wakefulness);
+        caretaker_.start({request_.directory, *volume_, threads, session_.get()});
+        const int failed = threads.run(kServingThreads);
+        if (failed != 0) {
+            report(fmt::format("{}: {}", request_.directory.string(), errorText(fromHost(failed))));
+        }
+        caretaker_.stop();
+        session_.reset();
+        close();
+        if (request_.trace) {
+            print(channel_.summary());
+        }
+        return failed != 0 || lost_ ? 1 : 0;
+    }
+
+  private:
+    void open() {
+        std::vector<std::string> words;
+        if (!request_.volumeOptions.empty()) {
+            words = {"-o", joined(request_.volumeOptions)};
+        }
+        ImageResource::Settings settings;
+        settings.readOnly = request_.readOnly;
+        host_ = ModuleHost::openImage(request_.image, words, settings);
+        if (host_->fellBackToReadOnly()) {
+            complain(fmt::format("{}: hibernated, shut down by fast start-up or write-protected; "
+                                 "mounted read-only",
+                                 request_.image.string()));
+        }
+        // Without it the mount is only slower at first.
+        static_cast<void>(host_->volume().prefaultCache());
+        volume_.emplace(host_->volume());
+        if (!host_->volume().isReadOnly()) {
+            volume_->removedFiles().cleanUp();
+        }
+    }
+
+    // The options of the kernel's mount.
+    std::string mountOptions() {
+        if (::geteuid() == 0) {
+            loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
+        }
+        std::vector<std::string> options = request_.kernelOptions;
+        options.push_back("fsname=" + escaped(loop_ ? loop_->path() : request_.image.string()));
+        options.emplace_back("subtype=tavelin");
+        if (host_->volume().isReadOnly()) {
+            options.push_back("ro");
+        }
+        if (request_.allowOther) {
+            options.push_back("allow_other");
+        }
+        if (loop_) {
+            options.insert(options.end(), {"blkdev", "blksize=4096"});
+        }
+        return joined(options);
+    }
+
+    bool connect() {
+        std::string program = "tavelin", dashO = "-o", options = mountOptions();
+        char* words[] = {program.data(), dashO.data(), options.data(), nullptr};
+        fuse_args arguments = FUSE_ARGS_INIT(3, words);
+        context_.emplace(
+            SessionContext{channel_, *volume_, [this] { daemon_.ready(); }, [this] { close(); }});
+        session_.reset(
+            fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &*context_));
+        return session_ != nullptr &&
+               fuse_session_mount(session_.get(), request_.directory.c_str()) == 0 &&
+               KernelChannel::attach(session_.get()) == 0;
+    }
+
+    // Carries everything to the image and lets go of it. Called when the kernel sends its last
+    // request, which it waits for where it can, and once more at the end, for where it cannot.
+    void close() {
+        if (closed_) {
+            return;
+        }
+        closed_ = true;
+        caretaker_.suspend();
+        Outcome<void> finished = volume_->finish();
+        Outcome<void> closed = host_->close();
+        host_->resource().release();
+        for (const Outcome<void>& outcome : {std::move(finished), std::move(closed)}) {
+            if (!outcome) {
+                lost_ = true;
+                report(fmt::format("{}: not everything could be written: {}",
+                                   request_.image.string(),
+                                   outcome.error().localizedDescription()));
+            }
+        }
+    }
+
+    const MountRequest& request_;
+    Daemon& daemon_;
+    KernelChannel channel_{request_.trace};
+    MaintenanceThread caretaker_;
+    std::unique_ptr<ModuleHost> host_;
+    std::optional<MountedVolume> volume_;
+    std::optional<SessionContext> context_;
+    std::unique_ptr<LoopDevice> loop_;
+    Session session_;
+    bool closed_ = false;
+    bool lost_ = false;
+};
+
+} // namespace
+
+int mountVolume(const MountRequest& request) {
+    try {
+        MountRequest absolute = request;
+        absolute.image = fs::absolute(request.image);
+        absolute.directory = fs::canonical(request.directory);
+        if (!fs::is_directory(absolute.directory)) {
+            complain(fmt::format("{}: not a folder", absolute.directory.string()));
+            return 1;
+        }
+        Daemon daemon(request.foreground);
+        if (daemon.side() == Daemon::Side::caller) {
+            return daemon.awaitServer();
+        }
+        ::signal(SIGPIPE, SIG_IGN); // who listens may leave; the volume is served all the same
+        return Mount(absolute, daemon).run();
+    } catch (const fs::filesystem_error& failure) {
+        complain(fmt::format("{}: {}", failure.path1().string(), failure.code().message()));
+    } catch (const std::exception& failure) {
+        complain(failure.what());
+    }
+    return 1;
+}
+
+} // namespace tavelin::fusehost

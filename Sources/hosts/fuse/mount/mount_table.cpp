@@ -1,0 +1,110 @@
+#include "hosts/fuse/mount/mount_table.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <fstream>
+#include <spawn.h>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+// Spaces and the like are written as \ooo.
+std::string unescaped(const std::string& text) {
+    std::string plain;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            plain += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
+// "36 35 98:0 /root /directory rw,noatime master:1 - type source rw,options"
+std::optional<MountEntry> parse(const std::string& line) {
+    std::istringstream words(line);
+    MountEntry entry;
+    std::string id, parent, root, directory, options, word;
+    words >> id >> parent >> entry.device >> root >> directory >> options;
+    while (words >> word && word != "-") {
+    }
+    if (!(words >> entry.type >> entry.source)) {
+        return std::nullopt;
+    }
+    entry.directory = unescaped(directory);
+    entry.source = unescaped(entry.source);
+    entry.readOnly = options == "ro" || options.starts_with("ro,");
+    return entry;
+}
+
+// The exit status of a child, once it has ended.
+int exitStatusOf(pid_t child) {
+    int status = 0;
+    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : EINTR;
+}
+
+int runFusermount(const std::filesystem::path& directory, bool lazy) {
+    std::string program = "fusermount3", unmount = "-u", quiet = "-q", how = lazy ? "-z" : "-q";
+    std::string path = directory;
+    char* arguments[] = {program.data(), unmount.data(), quiet.data(),
+                         how.data(),     path.data(),    nullptr};
+    pid_t child = 0;
+    if (const int failed =
+            ::posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments, environ);
+        failed != 0) {
+        return failed;
+    }
+    // It says why on standard error only; a directory in use is by far the likeliest reason.
+    return exitStatusOf(child) == 0 ? 0 : EBUSY;
+}
+
+int flagsOf(bool lazy) {
+    return UMOUNT_NOFOLLOW | (lazy ? MNT_DETACH : 0);
+}
+
+} // namespace
+
+std::optional<MountEntry> findMount(const std::filesystem::path& directory) {
+    std::ifstream table("/proc/self/mountinfo");
+    std::optional<MountEntry> topmost;
+    for (std::string line; std::getline(table, line);) {
+        if (std::optional<MountEntry> entry = parse(line); entry && entry->directory == directory) {
+            topmost = std::move(entry);
+        }
+    }
+    return topmost;
+}
+
+int unmountDirectory(const std::filesystem::path& directory, bool lazy) {
+    if (::umount2(directory.c_str(), flagsOf(lazy)) == 0) {
+        return 0;
+    }
+    return errno == EPERM ? runFusermount(directory, lazy) : errno;
+}
+
+int unmountOwnDirectory(const std::filesystem::path& directory, bool lazy) {
+    const pid_t child = ::fork();
+    if (child == 0) { // other threads may hold any lock: nothing but system calls from here on
+        ::close_range(STDERR_FILENO + 1, ~0u, 0);
+        const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::syncfs(fd); // a failure is met again, and reported, when the volume is closed
+        ::close(fd);
+        ::_exit(::umount2(directory.c_str(), flagsOf(lazy)) == 0 ? 0 : errno);
+    }
+    if (child == -1) {
+        return errno;
+    }
+    const int status = exitStatusOf(child);
+    return status == EPERM ? runFusermount(directory, lazy) : status;
+}
+
+} // namespace tavelin::fusehost

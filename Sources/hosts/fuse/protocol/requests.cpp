@@ -1,0 +1,225 @@
+// The table of requests, the session's settings, and requests about attributes and the volume.
+#include "hosts/fuse/protocol/requests.hpp"
+
+#include "core/driver2.hpp"
+#include "diagnostics/log.hpp"
+#include "hosts/fuse/protocol/session_context.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <sys/statvfs.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr blksize_t kBlockSize = 4096; // what programs are told to read and write by
+constexpr uint64_t kStatusBlock = 512; // the unit of st_blocks
+
+void initialise(void* context, fuse_conn_info* connection) {
+    const auto want = [&](unsigned capability, bool on) {
+        connection->want &= ~capability;
+        connection->want |= on ? connection->capable & capability : 0u;
+    };
+    want(FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO, true);
+    want(FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_CACHE_SYMLINKS, true);
+    // Nothing but the kernel's own requests changes the volume, so its caches are always right.
+    want(FUSE_CAP_AUTO_INVAL_DATA, false);
+    want(FUSE_CAP_EXPLICIT_INVAL_DATA, true);
+    // There are no opens (see below) that could carry a truncation with them.
+    want(FUSE_CAP_ATOMIC_O_TRUNC, false);
+    connection->max_write = kTransferBytesMax;
+    connection->max_readahead = kTransferBytesMax;
+    connection->max_background = 64;
+    connection->time_gran = 100; // nanoseconds
+    static_cast<SessionContext*>(context)->served();
+}
+
+void destroy(void* context) {
+    static_cast<SessionContext*>(context)->unmounted();
+}
+
+// Answered once and for all: the kernel then opens files without asking, and sends neither flushes
+// nor releases. What is open is known by the counts it holds on nodes.
+void open(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* /*file*/) {
+    fuse_reply_err(request, ENOSYS);
+}
+
+void getAttributes(fuse_req_t request, fuse_ino_t number, fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const Outcome<fskit::FSItemAttributes> attributes = volume.attributes(volume.node(number));
+        if (!attributes) {
+            fuse_reply_err(request, hostError(attributes.error()));
+            return;
+        }
+        const struct stat status = statusOf(*attributes);
+        fuse_reply_attr(request, &status, kForever);
+    });
+}
+
+timespec chosenTime(const timespec& given, bool now) {
+    timespec time = given;
+    if (now) {
+        std::timespec_get(&time, TIME_UTC);
+    }
+    return time;
+}
+
+fskit::FSItemSetAttributesRequest changesOf(const struct stat& wanted, int which) {
+    fskit::FSItemSetAttributesRequest changes;
+    if ((which & FUSE_SET_ATTR_SIZE) != 0) {
+        changes.setSize(static_cast<uint64_t>(wanted.st_size));
+    }
+    if ((which & FUSE_SET_ATTR_MODE) != 0) {
+        changes.setMode(wanted.st_mode);
+    }
+    if ((which & FUSE_SET_ATTR_UID) != 0) {
+        changes.setUid(wanted.st_uid);
+    }
+    if ((which & FUSE_SET_ATTR_GID) != 0) {
+        changes.setGid(wanted.st_gid);
+    }
+    if ((which & FUSE_SET_ATTR_ATIME) != 0) {
+        changes.setAccessTime(chosenTime(wanted.st_atim, (which & FUSE_SET_ATTR_ATIME_NOW) != 0));
+    }
+    if ((which & FUSE_SET_ATTR_MTIME) != 0) {
+        changes.setModifyTime(chosenTime(wanted.st_mtim, (which & FUSE_SET_ATTR_MTIME_NOW) != 0));
+    }
+    if ((which & FUSE_SET_ATTR_CTIME) != 0) {
+        changes.setChangeTime(wanted.st_ctim);
+    }
+    return changes;
+}
+
+void setAttributes(fuse_req_t request, fuse_ino_t number, struct stat* wanted, int which,
+                   fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        fskit::FSItemSetAttributesRequest changes = changesOf(*wanted, which);
+        const Outcome<fskit::FSItemAttributes> attributes =
+            volume.setAttributes(volume.node(number), changes);
+        if (!attributes) {
+            fuse_reply_err(request, hostError(attributes.error()));
+            return;
+        }
+        const struct stat status = statusOf(*attributes);
+        fuse_reply_attr(request, &status, kForever);
+    });
+}
+
+void volumeStatistics(fuse_req_t request, fuse_ino_t /*node*/) {
+    answer(request, [&] {
+        VolumeClient& volume = volumeOf(request).volume();
+        const fskit::FSStatFSResult found = volume.statistics();
+        struct statvfs status {};
+        status.f_bsize = static_cast<unsigned long>(found.blockSize);
+        status.f_frsize = status.f_bsize;
+        status.f_blocks = found.totalBlocks;
+        status.f_bfree = found.freeBlocks;
+        status.f_bavail = found.availableBlocks;
+        status.f_files = found.totalFiles;
+        status.f_ffree = found.freeFiles;
+        status.f_favail = found.freeFiles;
+        status.f_namemax = static_cast<unsigned long>(volume.operations().maximumNameLength());
+        fuse_reply_statfs(request, &status);
+    });
+}
+
+void synchronize(fuse_req_t request, fuse_ino_t /*node*/, int /*dataOnly*/,
+                 fuse_file_info* /*file*/) {
+    answer(request, [&] { replyResult(request, volumeOf(request).synchronize()); });
+}
+
+} // namespace
+
+MountedVolume& volumeOf(fuse_req_t request) {
+    return static_cast<SessionContext*>(fuse_req_userdata(request))->volume;
+}
+
+int hostError(const fskit::Error& error) {
+    return error.isPOSIX() ? toHost(static_cast<int32_t>(error.code())) : EIO;
+}
+
+const ItemRef* itemOf(fuse_req_t request, fuse_ino_t number) {
+    const Node& node = volumeOf(request).node(number);
+    if (node.gone) {
+        fuse_reply_err(request, ESTALE);
+        return nullptr;
+    }
+    return &node.item;
+}
+
+struct stat statusOf(const fskit::FSItemAttributes& attributes) {
+    struct stat status {};
+    status.st_ino = Driver2::ino(attributes.fileID());
+    status.st_mode = attributes.mode();
+    status.st_nlink = attributes.linkCount();
+    status.st_uid = attributes.uid();
+    status.st_gid = attributes.gid();
+    status.st_size = static_cast<off_t>(attributes.size());
+    status.st_blocks =
+        static_cast<blkcnt_t>((attributes.allocSize() + kStatusBlock - 1) / kStatusBlock);
+    status.st_blksize = kBlockSize;
+    status.st_atim = attributes.accessTime();
+    status.st_mtim = attributes.modifyTime();
+    status.st_ctim = attributes.changeTime();
+    return status;
+}
+
+// A short alias such as LETTER~1.TXT comes and goes with the long name, behind the kernel's back:
+// names that may be one are asked for each time.
+double entryTimeout(std::string_view name) {
+    return mayBeDosName(name) ? 0 : kForever;
+}
+
+fuse_entry_param entryParameters(const Entry& entry, std::string_view name) {
+    fuse_entry_param parameters{};
+    parameters.ino = entry.node->number();
+    parameters.attr = statusOf(entry.attributes);
+    parameters.attr_timeout = kForever;
+    parameters.entry_timeout = entryTimeout(name);
+    return parameters;
+}
+
+void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_view name) {
+    if (!entry) {
+        fuse_reply_err(request, hostError(entry.error()));
+        return;
+    }
+    MountedVolume& volume = volumeOf(request);
+    const fuse_entry_param parameters = entryParameters(*entry, name);
+    if (fuse_reply_entry(request, &parameters) == -ENOENT) {
+        volume.forget(entry->node->number(), 1);
+    }
+}
+
+void replyResult(fuse_req_t request, const Outcome<void>& result) {
+    fuse_reply_err(request, result ? 0 : hostError(result.error()));
+}
+
+const fuse_lowlevel_ops& requestTable() {
+    static const fuse_lowlevel_ops table = [] {
+        fuse_lowlevel_ops all{};
+        all.init = initialise;
+        all.destroy = destroy;
+        all.open = open;
+        all.getattr = getAttributes;
+        all.setattr = setAttributes;
+        all.statfs = volumeStatistics;
+        all.fsync = synchronize;
+        all.fsyncdir = synchronize;
+        addNameRequests(all);
+        addDirectoryRequests(all);
+        addDataRequests(all);
+        addXattrRequests(all);
+        return all;
+    }();
+    return table;
+}
+
+} // namespace tavelin::fusehost

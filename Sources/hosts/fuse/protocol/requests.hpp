@@ -1,0 +1,56 @@
+/// The kernel's requests: each callback takes its arguments from libfuse, asks the MountedVolume,
+/// and replies exactly once. No exception leaves a callback.
+#pragma once
+
+#include "hosts/fuse/libfuse.hpp"
+#include "hosts/fuse/tree/mounted_volume.hpp"
+
+#include <exception>
+#include <new>
+#include <sys/stat.h>
+
+namespace tavelin::fusehost {
+
+/// Every request that is served; the session's user data must be a SessionContext.
+const fuse_lowlevel_ops& requestTable();
+
+// ---- What the callbacks share ------------------------------------------------------------------
+
+/// The kernel may keep what it was told for so long: nobody else changes the volume.
+inline constexpr double kForever = 365.0 * 24 * 3600; // seconds
+inline constexpr size_t kTransferBytesMax = 1 << 20;  // bytes
+
+MountedVolume& volumeOf(fuse_req_t request);
+/// The item of a node, for requests that go to the volume as they are. When it is gone, replies so
+/// and answers null.
+const ItemRef* itemOf(fuse_req_t request, fuse_ino_t number);
+int hostError(const fskit::Error& error);
+struct stat statusOf(const fskit::FSItemAttributes& attributes);
+/// How long the kernel may remember what a name stands for, or that it stands for nothing.
+double entryTimeout(std::string_view name);
+fuse_entry_param entryParameters(const Entry& entry, std::string_view name);
+
+/// Replies with an entry; takes the count back when the kernel no longer waits for it.
+void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_view name);
+void replyResult(fuse_req_t request, const Outcome<void>& result);
+
+/// Runs a callback's work; what is thrown becomes the reply. The work replies last, so that
+/// nothing can be thrown after a reply.
+template<typename Work>
+void answer(fuse_req_t request, Work&& work) noexcept {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        fuse_reply_err(request, ENOMEM);
+    } catch (const std::exception&) {
+        fuse_reply_err(request, EIO);
+    }
+}
+
+/// Enter the callbacks of one subject in the table.
+void addNameRequests(fuse_lowlevel_ops& table);
+void addDirectoryRequests(fuse_lowlevel_ops& table);
+void addDataRequests(fuse_lowlevel_ops& table);
+void addXattrRequests(fuse_lowlevel_ops& table);
+
+} // namespace tavelin::fusehost

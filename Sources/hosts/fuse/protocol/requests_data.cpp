@@ -1,0 +1,95 @@
+// Requests that read and write files.
+#include "hosts/fuse/protocol/requests.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr size_t kAlignment = 4096;
+
+struct Free {
+    void operator()(std::byte* memory) const noexcept { std::free(memory); }
+};
+
+// The calling thread's buffer for one read, at least `size` bytes.
+std::span<std::byte> readBuffer(size_t size) {
+    static thread_local std::unique_ptr<std::byte, Free> memory;
+    static thread_local size_t room = 0;
+    if (room < size) {
+        const size_t wanted = (size + kAlignment - 1) / kAlignment * kAlignment;
+        memory.reset(static_cast<std::byte*>(std::aligned_alloc(kAlignment, wanted)));
+        room = memory ? wanted : 0;
+    }
+    if (!memory) {
+        throw std::bad_alloc();
+    }
+    return {memory.get(), size};
+}
+
+void read(fuse_req_t request, fuse_ino_t number, size_t size, off_t offset,
+          fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const std::span<std::byte> buffer = readBuffer(std::min(size, kTransferBytesMax));
+        const Outcome<size_t> done =
+            volume.volume().read(volume.node(number).item, static_cast<uint64_t>(offset), buffer);
+        if (!done) {
+            fuse_reply_err(request, hostError(done.error()));
+            return;
+        }
+        fuse_reply_buf(request, reinterpret_cast<const char*>(buffer.data()), *done);
+    });
+}
+
+// How many of the first bytes the file has at that place: a write for all of which there is no room
+// may have come so far, and the volume does not tell.
+size_t alreadyThere(VolumeClient& volume, const ItemRef& item, uint64_t offset,
+                    VolumeClient::Bytes given) {
+    const std::span<std::byte> found = readBuffer(given.size());
+    const Outcome<size_t> count = volume.read(item, offset, found);
+    if (!count) {
+        return 0;
+    }
+    const auto end = given.begin() + static_cast<ptrdiff_t>(std::min(*count, given.size()));
+    return static_cast<size_t>(std::mismatch(given.begin(), end, found.begin()).first -
+                               given.begin());
+}
+
+void write(fuse_req_t request, fuse_ino_t number, const char* bytes, size_t size, off_t offset,
+           fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const ItemRef& item = volume.node(number).item;
+        const auto start = static_cast<uint64_t>(offset);
+        const VolumeClient::Bytes given{reinterpret_cast<const std::byte*>(bytes), size};
+        const Outcome<size_t> done = volume.volume().write(item, start, given);
+        if (done) {
+            fuse_reply_write(request, *done);
+            return;
+        }
+        const int error = hostError(done.error());
+        const size_t written =
+            error == ENOSPC ? alreadyThere(volume.volume(), item, start, given) : 0;
+        if (written != 0 && written < size) {
+            fuse_reply_write(request, written);
+        } else {
+            fuse_reply_err(request, error);
+        }
+    });
+}
+
+} // namespace
+
+void addDataRequests(fuse_lowlevel_ops& table) {
+    table.read = read;
+    table.write = write;
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,173 @@
+// Requests about names: finding, making, removing and renaming.
+#include "diagnostics/log.hpp"
+#include "hosts/fuse/protocol/requests.hpp"
+
+#include <cerrno>
+#include <cstdio>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const Outcome<std::optional<Entry>> found = volume.lookup(volume.node(parent), name);
+        if (!found) {
+            fuse_reply_err(request, hostError(found.error()));
+        } else if (*found) {
+            replyEntry(request, **found, name);
+        } else {
+            // Only the kernel itself makes names, so it may also remember what does not exist.
+            fuse_entry_param absent{};
+            absent.entry_timeout = entryTimeout(name);
+            fuse_reply_entry(request, &absent);
+        }
+    });
+}
+
+// Nobody waits for an answer. What could not be removed for it is, at the latest, at unmount.
+void forgetOne(MountedVolume& volume, fuse_ino_t node, uint64_t counts) noexcept {
+    try {
+        volume.forget(node, counts);
+    } catch (const std::exception& failure) {
+        log().error(failure.what());
+    }
+}
+
+void forget(fuse_req_t request, fuse_ino_t node, uint64_t counts) {
+    forgetOne(volumeOf(request), node, counts);
+    fuse_reply_none(request);
+}
+
+void forgetMany(fuse_req_t request, size_t count, fuse_forget_data* forgets) {
+    MountedVolume& volume = volumeOf(request);
+    for (size_t i = 0; i < count; ++i) {
+        forgetOne(volume, forgets[i].ino, forgets[i].nlookup);
+    }
+    fuse_reply_none(request);
+}
+
+fskit::FSItemType itemType(mode_t mode) {
+    switch (mode & S_IFMT) {
+    case S_IFREG:
+        return fskit::FSItemType::file;
+    case S_IFDIR:
+        return fskit::FSItemType::directory;
+    case S_IFIFO:
+        return fskit::FSItemType::fifo;
+    case S_IFSOCK:
+        return fskit::FSItemType::socket;
+    case S_IFCHR:
+        return fskit::FSItemType::charDevice;
+    case S_IFBLK:
+        return fskit::FSItemType::blockDevice;
+    default:
+        return fskit::FSItemType::unknown;
+    }
+}
+
+void makeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+              dev_t /*device*/) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        Outcome<Entry> entry = volume.create(volume.node(parent), name, itemType(mode));
+        replyEntry(request, entry, name);
+    });
+}
+
+void makeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mode*/) {
+    makeNode(request, parent, name, S_IFDIR, 0);
+}
+
+void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mode*/,
+            fuse_file_info* file) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        Outcome<Entry> entry = volume.create(volume.node(parent), name, fskit::FSItemType::file);
+        if (!entry) {
+            fuse_reply_err(request, hostError(entry.error()));
+            return;
+        }
+        file->keep_cache = 1;
+        const fuse_entry_param parameters = entryParameters(*entry, name);
+        if (fuse_reply_create(request, &parameters, file) == -ENOENT) {
+            volume.forget(entry->node->number(), 1);
+        }
+    });
+}
+
+void makeSymbolicLink(fuse_req_t request, const char* target, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        Outcome<Entry> entry = volume.createLink(volume.node(parent), name, target);
+        replyEntry(request, entry, name);
+    });
+}
+
+void makeHardLink(fuse_req_t request, fuse_ino_t number, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        replyResult(request, volume.volume().createLink(volume.node(number).item,
+                                                        volume.node(parent).item, name));
+    });
+}
+
+void readSymbolicLink(fuse_req_t request, fuse_ino_t number) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        const Outcome<std::string> target =
+            volume.volume().readSymbolicLink(volume.node(number).item);
+        if (!target) {
+            fuse_reply_err(request, hostError(target.error()));
+            return;
+        }
+        fuse_reply_readlink(request, target->c_str());
+    });
+}
+
+void removeFile(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        replyResult(request, volume.removeFile(volume.node(parent), name));
+    });
+}
+
+void removeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        MountedVolume& volume = volumeOf(request);
+        replyResult(request, volume.removeDirectory(volume.node(parent), name));
+    });
+}
+
+void rename(fuse_req_t request, fuse_ino_t fromParent, const char* from, fuse_ino_t toParent,
+            const char* to, unsigned flags) {
+    answer(request, [&] {
+        if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) {
+            fuse_reply_err(request, EINVAL); // exchanging names is not offered
+            return;
+        }
+        MountedVolume& volume = volumeOf(request);
+        replyResult(request, volume.rename(volume.node(fromParent), from, volume.node(toParent), to,
+                                           (flags & RENAME_NOREPLACE) == 0));
+    });
+}
+
+} // namespace
+
+void addNameRequests(fuse_lowlevel_ops& table) {
+    table.lookup = lookup;
+    table.forget = forget;
+    table.forget_multi = forgetMany;
+    table.mknod = makeNode;
+    table.mkdir = makeDirectory;
+    table.create = create;
+    table.symlink = makeSymbolicLink;
+    table.link = makeHardLink;
+    table.readlink = readSymbolicLink;
+    table.unlink = removeFile;
+    table.rmdir = removeDirectory;
+    table.rename = rename;
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,133 @@
+/// A volume as the kernel sees it: nodes in place of items, files that live on after their last
+/// name, directories whose streams survive every change.
+///
+/// One method a request, except where a request is one call into the volume. Errors are the
+/// volume's, in macOS numbers; whoever replies translates them.
+///
+/// Nodes are the kernel's: a caller has one only for a request that names it. Requests about names
+/// must come one at a time, and forget() among them, which WorkerThreads see to: between a lookup
+/// of a name and what is done to it nobody else may change it, and a node found in the table must
+/// not go away. Anything else may be called by any thread.
+#pragma once
+
+#include "hosting/volume_client.hpp"
+#include "hosts/fuse/tree/dentry_invalidation_queue.hpp"
+#include "hosts/fuse/tree/node_table.hpp"
+#include "hosts/fuse/tree/orphan_files.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavelin::fusehost {
+
+/// What the kernel is told of an item: a node that has been counted, and its attributes.
+struct Entry {
+    Node* node = nullptr;
+    fskit::FSItemAttributes attributes;
+};
+
+/// Takes one entry of a directory; answers false when it did not fit. `entry.node` is null where
+/// only the name was asked for.
+using TakeEntry = std::function<bool(const DirectoryListing::Entry& name, const Entry& entry)>;
+
+class MountedVolume {
+  public:
+    /// Throws fskit::Error when not even the root's attributes can be read.
+    explicit MountedVolume(VolumeClient& volume);
+
+    VolumeClient& volume() noexcept { return volume_; }
+    Node& node(uint64_t number) noexcept { return nodes_.at(number); }
+    OrphanFiles& removedFiles() noexcept { return removed_; }
+    DentryInvalidationQueue& staleNames() noexcept { return staleNames_; }
+
+    // ---- Names ---------------------------------------------------------------------------------
+
+    /// Absent when the name stands for nothing.
+    Outcome<std::optional<Entry>> lookup(const Node& directory, std::string_view name);
+    void forget(uint64_t number, uint64_t counts);
+    Outcome<Entry> create(Node& directory, std::string_view name, fskit::FSItemType type);
+    Outcome<Entry> createLink(Node& directory, std::string_view name, std::string_view target);
+    Outcome<void> removeFile(Node& directory, std::string_view name);
+    Outcome<void> removeDirectory(Node& directory, std::string_view name);
+    /// With `mayReplace` false an existing new name is kEEXIST.
+    Outcome<void> rename(Node& fromDirectory, std::string_view from, Node& toDirectory,
+                         std::string_view to, bool mayReplace);
+
+    // ---- Attributes, directories
+    // -------------------------------------------------------------------
+
+    /// Of a directory that is gone, what remains to be said of it.
+    Outcome<fskit::FSItemAttributes> attributes(const Node& node);
+    /// Applies the valid attributes of `changes` and answers the new ones; kESTALE for a directory
+    /// that is gone.
+    Outcome<fskit::FSItemAttributes> setAttributes(const Node& node,
+                                                   fskit::FSItemSetAttributesRequest& changes);
+
+    /// Counts a directory's streams, so that its listing goes with the last of them.
+    void openDirectory(Node& directory);
+    void closeDirectory(Node& directory);
+    /// Hands out the entries beyond `position` until one is not taken. The first two are "." and
+    /// "..". With `described`, entries come with counted nodes; those that cannot be described
+    /// come without.
+    Outcome<void> readDirectory(Node& directory, uint64_t position, bool described,
+                                const TakeEntry& take);
+
+    // ---- The whole volume ----------------------------------------------------------------------
+
+    /// Returns once everything answered before is on the medium.
+    Outcome<void> synchronize();
+    /// Removes what is still parked, for unmounting.
+    Outcome<void> finish();
+
+  private:
+    Entry acquire(Found found);
+    Outcome<Entry> entryOf(Outcome<ItemRef> item);
+    /// What a name stands for; absent for none.
+    Outcome<std::optional<Found>> find(const Node& directory, std::string_view name);
+    /// The same where it must stand for something: kENOENT, also for names of removed files.
+    Outcome<Found> existing(const Node& directory, std::string_view name);
+    /// Whether a name is this host's own and must not be seen.
+    bool isPrivate(const Node& directory, std::string_view name) noexcept;
+    /// Runs `make`, once more when the name in its way is only that of a removed file.
+    template<typename Make>
+    Outcome<ItemRef> retryAfterFreeingName(const Node& directory, std::string_view name,
+                                           Make&& make);
+    template<typename Change>
+    Outcome<void> withNodeDetached(Node* node, Change&& change);
+    struct Renaming {
+        const Node& fromDirectory;
+        std::string_view from;
+        const ItemRef& item;
+        const Node& toDirectory;
+        std::string_view to;
+    };
+    Outcome<void> rename(const Renaming& renaming, const ItemRef& over);
+    Outcome<void> replace(const Renaming& renaming, const Found& old);
+    template<typename Remove>
+    Outcome<void> remove(Node& directory, std::string_view name, Remove&& remove);
+    using Names = std::vector<std::string>;
+    Outcome<Names> longNamesOf(const Node& directory, const Found& found, std::string_view name);
+    static void noteNewName(Node& directory);
+    static void noteLostName(Node& directory, uint64_t ino, std::string_view name);
+    void noteLostName(Node& directory, const Found& lost, std::string_view name,
+                      const Names& behind);
+    Outcome<fskit::FSItemAttributes> adjusted(const Node& node,
+                                              Outcome<fskit::FSItemAttributes> found);
+    void amendLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
+    static uint64_t inoOf(const Found& found) noexcept;
+    static bool isCode(const fskit::Error& error, int32_t code) noexcept;
+    Outcome<std::unique_ptr<DirectoryListing>> list(const Node& directory);
+    Entry describe(const Node& directory, const DirectoryListing::Entry& name);
+
+    VolumeClient& volume_;
+    NodeTable nodes_;
+    OrphanFiles removed_;
+    DentryInvalidationQueue staleNames_;
+};
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,145 @@
+// Listings of directories, and how changes reach them.
+#include "core/driver2.hpp"
+#include "fskit/api/error.hpp"
+#include "hosts/fuse/tree/mounted_volume.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <algorithm>
+#include <sys/stat.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr uint64_t kAfterDot = 1, kAfterDotDot = 2;
+
+// The kernel asks for attributes with the first page of every listing, wanted or not, and with
+// later ones only when somebody looks at the entries. In a directory of more entries than this the
+// first page holds so few of them that those who want only names should not have to pay for it.
+constexpr size_t kDescribedEntriesMax = 1000;
+
+uint32_t fileType(fskit::FSItemType type) {
+    switch (type) {
+    case fskit::FSItemType::directory:
+        return S_IFDIR;
+    case fskit::FSItemType::symlink:
+        return S_IFLNK;
+    default:
+        return S_IFREG;
+    }
+}
+
+// Collects a whole enumeration; it never runs out of room.
+class ListingPacker final : public fskit::FSDirectoryEntryPacker {
+  public:
+    explicit ListingPacker(DirectoryListing& listing, std::string_view skipped)
+        : listing_(listing), skipped_(skipped) {}
+
+    bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
+                   fskit::FSItemID itemID, fskit::FSDirectoryCookie /*nextCookie*/,
+                   const fskit::FSItemAttributes* /*attributes*/) override {
+        const std::string& text = name.data();
+        if (text == "..") {
+            listing_.parent = Driver2::ino(itemID);
+        } else if (text != "." && text != skipped_) {
+            listing_.add(text, Driver2::ino(itemID), fileType(itemType));
+        }
+        return true;
+    }
+
+  private:
+    DirectoryListing& listing_;
+    std::string_view skipped_;
+};
+
+} // namespace
+
+void MountedVolume::openDirectory(Node& directory) {
+    const MutexLock held(directory.directory->lock);
+    ++directory.directory->streams;
+}
+
+void MountedVolume::closeDirectory(Node& directory) {
+    const MutexLock held(directory.directory->lock);
+    if (--directory.directory->streams == 0) {
+        directory.directory->listing.reset();
+    }
+}
+
+void MountedVolume::noteNewName(Node& directory) {
+    const MutexLock held(directory.directory->lock);
+    directory.directory->listingIsOld = true;
+}
+
+void MountedVolume::noteLostName(Node& directory, uint64_t ino, std::string_view name) {
+    const MutexLock held(directory.directory->lock);
+    if (directory.directory->listing) {
+        directory.directory->listing->remove(ino, name);
+    }
+}
+
+Outcome<std::unique_ptr<DirectoryListing>> MountedVolume::list(const Node& directory) {
+    auto listing = std::make_unique<DirectoryListing>();
+    ListingPacker packer(*listing, &directory == &nodes_.root() ? OrphanFiles::kOrphanDirectory
+                                                                : std::string_view());
+    const Outcome<fskit::FSDirectoryVerifier> listed =
+        volume_.enumerate(directory.item, fskit::FSDirectoryCookieInitial,
+                          fskit::FSDirectoryVerifierInitial, false, packer);
+    if (!listed) {
+        return listed.error();
+    }
+    listing->seal();
+    if (!removed_.isEmpty()) {
+        listing->removeIf([&](uint64_t ino) { return removed_.contains(ino); });
+    }
+    return listing;
+}
+
+Entry MountedVolume::describe(const Node& directory, const DirectoryListing::Entry& name) {
+    Outcome<Found> found = volume_.describe(directory.item, Driver2::itemID(name.ino));
+    // Without its attributes an entry is told by name only, which is true in any case.
+    return found ? acquire(std::move(*found)) : Entry();
+}
+
+Outcome<void> MountedVolume::readDirectory(Node& directory, uint64_t position, bool described,
+                                           const TakeEntry& take) {
+    if (!directory.isDirectory()) {
+        return fskit::fs_errorForPOSIXError(kENOTDIR);
+    }
+    if (directory.gone) {
+        return {}; // an empty directory without even "." and ".."
+    }
+    const MutexLock held(directory.directory->lock);
+    std::unique_ptr<DirectoryListing>& listing = directory.directory->listing;
+    if (!listing || (position == 0 && directory.directory->listingIsOld)) {
+        Outcome<std::unique_ptr<DirectoryListing>> fresh = list(directory);
+        if (!fresh) {
+            return fresh.error();
+        }
+        directory.directory->listingIsOld = false;
+        listing = std::move(*fresh);
+    }
+    if (position < kAfterDot && !take({kAfterDot, directory.ino, ".", S_IFDIR}, {})) {
+        return {};
+    }
+    if (position < kAfterDotDot && !take({kAfterDotDot, listing->parent, "..", S_IFDIR}, {})) {
+        return {};
+    }
+    const bool describes = described && (position != 0 || listing->size() <= kDescribedEntriesMax);
+    bool more = position < kAfterDotDot;
+    listing->readAfter(std::max(position, kAfterDotDot), [&](const DirectoryListing::Entry& name) {
+        const Entry entry = describes ? describe(directory, name) : Entry();
+        const bool taken = take(name, entry);
+        if (!taken && entry.node != nullptr) {
+            forget(entry.node->number(), 1);
+        }
+        more = true;
+        return taken;
+    });
+    if (!more) {
+        listing.reset(); // the stream has reached its end
+    }
+    return {};
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,90 @@
+#include "hosts/fuse/tree/orphan_directory.hpp"
+
+#include "core/driver2.hpp"
+#include "diagnostics/log.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
+
+#include <vector>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN
+
+bool isCode(const fskit::Error& error, int32_t code) {
+    return error.isPOSIX() && error.code() == code;
+}
+
+} // namespace
+
+std::string OrphanDirectory::nameOf(uint64_t ino) {
+    return fmt::format("{:012x}", ino);
+}
+
+Outcome<ItemRef> OrphanDirectory::open() {
+    const MutexLock held(lock_);
+    if (directory_) {
+        return directory_.duplicate();
+    }
+    Outcome<ItemRef> directory = volume_.lookup(volume_.root(), kName);
+    if (!directory && isCode(directory.error(), kENOENT)) {
+        fskit::FSItemSetAttributesRequest hidden;
+        hidden.setFlags(kHiddenFlag);
+        directory = volume_.create(volume_.root(), kName, fskit::FSItemType::directory, hidden);
+    }
+    if (directory) {
+        directory_ = directory->duplicate();
+    }
+    return directory;
+}
+
+Outcome<void> OrphanDirectory::remove() {
+    const MutexLock held(lock_);
+    if (!directory_) {
+        return {};
+    }
+    directory_ = ItemRef();
+    return removeFrom(volume_.root(), kName);
+}
+
+// What else is in a directory stays, and then so does the directory.
+Outcome<void> OrphanDirectory::removeFrom(const ItemRef& parent, std::string_view name) {
+    const Outcome<ItemRef> item = volume_.lookup(parent, name);
+    if (!item) {
+        return item.error();
+    }
+    Outcome<void> removed = volume_.remove(*item, parent, name);
+    return !removed && isCode(removed.error(), kENOTEMPTY) ? Outcome<void>() : std::move(removed);
+}
+
+Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
+    const Outcome<std::vector<DirectoryEntry>> left = volume_.list(directory, false);
+    if (!left) {
+        return left.error();
+    }
+    Outcome<void> result;
+    for (const DirectoryEntry& entry : *left) {
+        if (entry.name != nameOf(Driver2::ino(entry.itemID))) {
+            continue;
+        }
+        if (Outcome<void> removed = removeFrom(directory, entry.name); !removed && result) {
+            result = std::move(removed);
+        }
+    }
+    return result ? removeFrom(volume_.root(), kName) : std::move(result);
+}
+
+void OrphanDirectory::cleanUp() {
+    const Outcome<ItemRef> directory = volume_.lookup(volume_.root(), kName);
+    if (!directory && isCode(directory.error(), kENOENT)) {
+        return; // as is usual
+    }
+    if (const Outcome<void> emptied = directory ? empty(*directory) : directory.error(); !emptied) {
+        log().error(fmt::format("emptying {}: {}", kName, emptied.error().localizedDescription()));
+    }
+}
+
+} // namespace tavelin::fusehost

@@ -1,0 +1,445 @@
+// What waits for a sync arrives as a whole or not at all, whatever the power or the device does.
+#include "core/device_box.hpp"
+#include "core/journal/journaled_device.hpp"
+#include "core/ntfs_volume.hpp"
+#include "crash/recording_resource.hpp"
+#include "support/watched_device.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <map>
+
+namespace tavelin::test {
+namespace {
+
+constexpr std::uint64_t kPage = LogFile::kPage;
+constexpr std::uint64_t kSector = 512;
+
+// A disk that notes what reaches it, and fails on demand.
+class Disk final : public BlockDevice {
+  public:
+    explicit Disk(Bytes content) : image(std::move(content)) {}
+
+    std::uint64_t size() const noexcept override { return image.size(); }
+    std::uint32_t blockSize() const noexcept override { return kSector; }
+    std::int32_t read(std::byte* to, std::uint64_t offset, std::uint64_t length) noexcept override {
+        std::memcpy(to, &image.at(offset), length);
+        return trouble();
+    }
+    std::int32_t write(const std::byte* from, std::uint64_t offset,
+                       std::uint64_t length) noexcept override {
+        const std::int32_t error = trouble();
+        if (error == 0) {
+            std::memcpy(&image.at(offset), from, length);
+            events.push_back({false, offset, Bytes(from, from + length)});
+        }
+        return error;
+    }
+    std::int32_t sync() noexcept override {
+        const std::int32_t error = trouble();
+        if (error == 0) {
+            events.push_back({true, 0, {}});
+        }
+        return error;
+    }
+
+    Backlog backlog() const noexcept override { return {0, room}; }
+
+    Bytes image;
+    std::vector<DiskEvent> events;
+    std::uint64_t room = 0;
+    std::uint64_t callsToFailure = 0; // 1: the next call fails, once; 0: none
+
+  private:
+    std::int32_t trouble() noexcept {
+        return callsToFailure > 0 && --callsToFailure == 0 ? EIO : 0;
+    }
+};
+
+// An empty volume of 4 MiB, and where things are on it.
+struct Volume {
+    Volume() {
+        const SampleVolume sample({.bytes = 4u << 20});
+        const std::string raw = readFile(sample.image());
+        image.assign(std::as_bytes(std::span(raw)).begin(), std::as_bytes(std::span(raw)).end());
+        DeviceBox box(std::make_shared<Disk>(image));
+        const ntb_io io = makeIO(box);
+        std::uint32_t count = 0;
+        EXPECT_EQ(ntb_log_extents(&io, &log, 1, &count), 0);
+        work = (log.offset + log.length) / kPage; // what follows $LogFile is free
+    }
+    Bytes image;
+    ntb_extent log{};
+    std::uint64_t work = 0; // a page number
+};
+
+const Volume& volume() {
+    static const Volume once;
+    return once;
+}
+
+std::shared_ptr<JournaledDevice> mounted(const std::shared_ptr<Disk>& disk) {
+    auto device = std::make_shared<JournaledDevice>(disk);
+    EXPECT_EQ(device->replay(false), 0);
+    EXPECT_EQ(device->begin(), 0);
+    return device;
+}
+
+Bytes pagesOf(std::uint64_t value, std::uint64_t count) {
+    std::vector<std::uint64_t> numbers(count * kPage / sizeof value, value);
+    const auto bytes = std::as_bytes(std::span(numbers));
+    return {bytes.begin(), bytes.end()};
+}
+
+std::uint64_t valueAt(const Bytes& image, std::uint64_t offset) {
+    std::uint64_t value = 0;
+    std::memcpy(&value, &image.at(offset), sizeof value);
+    return value;
+}
+
+// Random writes and syncs on some pages of the volume, each write with a number of its own.
+class Workload {
+  public:
+    static constexpr std::uint64_t kPages = 180; // fewer than the journal has room for
+    using State = std::array<std::uint64_t, kPages>;
+
+    Workload(std::uint64_t seed, bool fails)
+        : random_(seed), fails_(fails), disk_(std::make_shared<Disk>(volume().image)) {
+        device_ = mounted(disk_);
+        disk_->events.clear();
+        base_ = disk_->image;
+        State first;
+        for (std::uint64_t page = 0; page < kPages; ++page) {
+            first[page] = valueAt(base_, (volume().work + page) * kPage);
+        }
+        states_.push_back({first, disk_->events.size()});
+        now_ = first;
+    }
+
+    void run() {
+        for (int step = 0; step < 60; ++step) {
+            disk_->callsToFailure = fails_ && random_() % 4 == 0 ? 1 + random_() % 6 : 0;
+            const auto what = random_() % 8;
+            if (what < 4) {
+                write(1 + random_() % 16, false);
+            } else if (what < 5) {
+                write(20 + random_() % 60, true);
+            } else if (what < 7 || !unmount()) {
+                note(device_->sync() == 0);
+            }
+        }
+    }
+
+    // Of each cut: after recovery every sector is as one and the same sync left it, or as a large
+    // write did that nobody promised yet.
+    void cutEverywhere() {
+        for (std::size_t end = 0; end <= disk_->events.size(); ++end) {
+            for (const Cut cut : {Cut::prefix, Cut::torn, Cut::reordered}) {
+                const auto disk =
+                    std::make_shared<Disk>(afterCut(base_, disk_->events, end, cut, random_));
+                JournaledDevice device(disk);
+                ASSERT_EQ(device.replay(false), 0);
+                ASSERT_TRUE(isOneState(disk->image, end))
+                    << "cut " << static_cast<int>(cut) << " after event " << end << " of "
+                    << disk_->events.size();
+            }
+        }
+    }
+
+  private:
+    struct Moment {
+        State pages;
+        std::size_t promised; // events when its sync had answered
+    };
+
+    void write(std::uint64_t count, bool isFileData) {
+        const std::uint64_t first = random_() % (kPages - count);
+        const Bytes content = pagesOf(++number_, count);
+        device_->expectBulkData(isFileData);
+        const std::int32_t error =
+            device_->write(content.data(), (volume().work + first) * kPage, content.size());
+        device_->expectBulkData(false);
+        for (std::uint64_t page = first; page < first + count; ++page) {
+            if (isFileData) {
+                large_[page].push_back({number_, disk_->events.size()});
+            }
+            if (error == 0) {
+                now_[page] = number_;
+            }
+        }
+        EXPECT_TRUE(error == 0 || isFileData) << "what waits cannot fail";
+        if (error != 0) { // as far as it came
+            Bytes seen(kPages * kPage);
+            disk_->callsToFailure = 0;
+            EXPECT_EQ(device_->read(seen.data(), volume().work * kPage, seen.size()), 0);
+            for (std::uint64_t page = 0; page < kPages; ++page) {
+                now_[page] = valueAt(seen, page * kPage);
+            }
+        }
+    }
+
+    void note(bool isPromised) {
+        const std::size_t at = disk_->events.size();
+        states_.push_back({now_, isPromised ? at : SIZE_MAX});
+    }
+
+    bool unmount() {
+        states_.push_back({now_, SIZE_MAX});
+        const bool closed = device_->close() == 0;
+        if (closed) {
+            states_.back().promised = disk_->events.size();
+            disk_->callsToFailure = 0;
+            device_ = mounted(disk_);
+            EXPECT_EQ(device_->recovered(), 0u) << "a journal was left after an unmount";
+        }
+        return closed;
+    }
+
+    bool isOneState(const Bytes& image, std::size_t end) const {
+        std::size_t promised = 0;
+        for (std::size_t i = 0; i < states_.size(); ++i) {
+            promised = states_[i].promised <= end ? i : promised;
+        }
+        const std::size_t since = states_[promised].promised;
+        for (std::size_t i = promised; i < states_.size(); ++i) {
+            bool fits = true;
+            for (std::uint64_t at = 0; fits && at < kPages * kPage; at += kSector) {
+                const std::uint64_t value = valueAt(image, volume().work * kPage + at);
+                fits = value == states_[i].pages[at / kPage] || isLarge(at / kPage, value, since);
+            }
+            if (fits) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    bool isLarge(std::uint64_t page, std::uint64_t value, std::size_t since) const {
+        const auto writes = large_.find(page);
+        return writes != large_.end() &&
+               std::any_of(writes->second.begin(), writes->second.end(), [&](const auto& write) {
+                   return write.first == value && write.second >= since;
+               });
+    }
+
+    std::mt19937_64 random_;
+    const bool fails_;
+    std::shared_ptr<Disk> disk_;
+    std::shared_ptr<JournaledDevice> device_;
+    Bytes base_;
+    State now_{};
+    std::uint64_t number_ = 1u << 20; // no content of the volume
+    std::vector<Moment> states_;
+    std::map<std::uint64_t, std::vector<std::pair<std::uint64_t, std::size_t>>> large_;
+};
+
+TEST(Journal, CarriesEachSyncOverACutAsAWhole) {
+    for (std::uint64_t seed = 1; seed <= 16; ++seed) {
+        Workload story(seed, seed % 2 == 0);
+        story.run();
+        story.cutEverywhere();
+        ASSERT_FALSE(testing::Test::HasFailure()) << "seed " << seed;
+    }
+}
+
+// A disk on which a sync of `number`s has reached only the journal.
+std::shared_ptr<Disk> interrupted(std::uint64_t number) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    const Bytes content = pagesOf(number, 3);
+    EXPECT_EQ(device->write(content.data(), volume().work * kPage, content.size()), 0);
+    disk->callsToFailure = 3; // the record, the device's sync, the pages
+    EXPECT_EQ(device->sync(), EIO);
+    return disk;
+}
+
+// A record that the disk would not keep has reached it all the same, and the journal begins again.
+TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    const auto write = [&](std::uint64_t number, std::uint64_t page, std::uint64_t count) {
+        return device->write(pagesOf(number, count).data(), (volume().work + page) * kPage,
+                             count * kPage);
+    };
+    EXPECT_EQ(write(77, 0, 1), 0);
+    disk->callsToFailure = 3; // its pages
+    EXPECT_EQ(device->sync(), EIO);
+    EXPECT_EQ(write(88, 1, 1), 0);
+    disk->callsToFailure = 2; // the device's sync
+    EXPECT_EQ(device->sync(), EIO);
+    EXPECT_EQ(write(99, 2, device->backlog().capacity - 3), 0); // does not fit behind
+    disk->events.clear();
+    const Bytes before = disk->image;
+    EXPECT_EQ(device->sync(), 0);
+    const auto& events = disk->events;
+    const auto flush = std::find_if(events.begin(), events.end(), [](auto& e) { return e.flush; });
+    std::mt19937_64 random;
+    const auto end = static_cast<std::size_t>(flush - events.begin());
+    const Bytes then = afterCut(before, events, end, Cut::prefix, random);
+    EXPECT_EQ(valueAt(then, volume().work * kPage), 77u);
+    EXPECT_NE(valueAt(then, (volume().work + 1) * kPage), 88u);
+}
+
+TEST(Journal, IsReadThroughWhereNothingMayBeWritten) {
+    const auto disk = interrupted(77);
+    const Bytes before = disk->image;
+    JournaledDevice device(disk);
+    ASSERT_EQ(device.replay(true), 0);
+    Bytes seen(2 * kPage);
+    ASSERT_EQ(device.read(seen.data(), volume().work * kPage - kPage, seen.size()), 0);
+    EXPECT_EQ(valueAt(seen, kPage), 77u);
+    EXPECT_NE(valueAt(seen, 0), 77u);
+    EXPECT_TRUE(disk->image == before);
+}
+
+// Whoever changes the volume without knowing of the journal takes its validity away.
+TEST(Journal, DoesNotOutliveOtherSystems) {
+    const auto pending = [](const std::shared_ptr<Disk>& disk) {
+        JournaledDevice device(disk);
+        EXPECT_EQ(device.replay(true), 0);
+        return device.recovered();
+    };
+    const auto library = interrupted(77);
+    ASSERT_EQ(pending(library), 3u);
+    NTFSVolume::open(library, false)->unmount();
+    EXPECT_EQ(pending(library), 0u) << "the NTFS library mounted the volume for writing";
+
+    const auto windows = interrupted(77);
+    std::memcpy(&windows->image.at(volume().log.offset), "RSTR", 4);
+    EXPECT_EQ(pending(windows), 0u) << "Windows has begun a journal";
+    (void)mounted(windows);
+    std::fill_n(windows->image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset), kPage,
+                std::byte{0xff});
+    EXPECT_EQ(pending(windows), 0u) << "what Windows's journal hid came back";
+}
+
+TEST(Journal, OfAnotherVolumeOrDamagedIsIgnored) {
+    const std::uint64_t record = volume().log.offset + (64u << 10);
+    for (const std::uint64_t at :
+         {std::uint64_t{72}, record, record + 16, record + 40, record + 3 * kPage + 100}) {
+        const auto disk = interrupted(77);
+        disk->image.at(at) ^= std::byte{1};
+        JournaledDevice device(disk);
+        EXPECT_EQ(device.replay(false), 0);
+        EXPECT_EQ(device.recovered(), 0u) << at;
+    }
+}
+
+// A disk with a formatted volume of its own.
+std::shared_ptr<Disk> formatted(const VolumeGeometry& geometry) {
+    const std::string raw = readFile(SampleVolume(geometry).image());
+    const auto bytes = std::as_bytes(std::span(raw));
+    return std::make_shared<Disk>(Bytes(bytes.begin(), bytes.end()));
+}
+
+std::shared_ptr<NTFSVolume> opened(const std::shared_ptr<JournaledDevice>& device) {
+    EXPECT_EQ(device->replay(false), 0);
+    auto ntfs = NTFSVolume::open(device, false);
+    ntfs->sync();
+    EXPECT_EQ(device->begin(), 0);
+    return ntfs;
+}
+
+// $LogFile of a volume with small clusters shares pages of the device with its neighbours.
+TEST(Journal, LeavesTheNeighboursOfTheLogWritable) {
+    const auto disk = formatted({.clusterSize = 512});
+    const auto device = std::make_shared<JournaledDevice>(disk);
+    const auto ntfs = opened(device);
+    for (int i = 0; i < 100; ++i) {
+        ntfs->create(std::to_string(i), NTFSVolume::kRootIno, NTFSItemType::file);
+    }
+    EXPECT_NO_THROW(ntfs->sync());
+    EXPECT_NO_THROW(ntfs->unmount());
+    EXPECT_EQ(device->close(), 0);
+}
+
+// What a file leaves is taken by large data only once a cut cannot bring the file back.
+TEST(Journal, KeepsFreedClustersUntilTheyAreFreeAfterACutToo) {
+    constexpr auto kRoot = NTFSVolume::kRootIno;
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = std::make_shared<JournaledDevice>(disk);
+    const auto ntfs = opened(device);
+    const Bytes old = pagesOf(1, 40);
+    for (const char* name : {"removed", "replaced", "shrunk"}) {
+        ntfs->write(ntfs->create(name, kRoot, NTFSItemType::file), 0, old);
+    }
+    const auto shrunk = ntfs->lookup("shrunk", kRoot);
+    ntfs->setXattr("note", shrunk, old, NTFSVolume::XattrPolicy::always);
+    ntfs->create("replacing", kRoot, NTFSItemType::file);
+    const auto filler = ntfs->create("filler", kRoot, NTFSItemType::file);
+    for (std::uint64_t at = 0; ntfs->statfs().freeClusters > 4; at += kPage) {
+        ntfs->write(filler, at, pagesOf(2, 1));
+    }
+    const auto next = ntfs->create("next", kRoot, NTFSItemType::file);
+    const std::vector<std::pair<std::string, std::function<void()>>> freeings{
+        {"removed", [&] { ntfs->remove("removed", kRoot); }},
+        {"replaced", [&] { ntfs->rename("replacing", kRoot, "replaced", kRoot); }},
+        {"shrunk", [&] { ntfs->truncate(shrunk, 0); }},
+        {"note", [&] { ntfs->removeXattr("note", shrunk); }},
+    };
+    std::uint64_t end = 0;
+    for (const auto& [what, free] : freeings) {
+        ntfs->sync();
+        free();
+        end += ntfs->write(next, end, pagesOf(3, 39));
+        const auto cut = std::make_shared<JournaledDevice>(std::make_shared<Disk>(disk->image));
+        ASSERT_EQ(cut->replay(false), 0);
+        const auto after = NTFSVolume::open(cut, true);
+        const bool isNote = what == "note";
+        const auto ino = after->lookup(isNote ? "shrunk" : what, kRoot);
+        EXPECT_TRUE((isNote ? after->xattr("note", ino) : after->read(ino, 0, old.size())) == old)
+            << what;
+    }
+}
+
+// The cache below a volume writes back by itself once it is half full, and during a large request
+// that would pass for file data.
+TEST(Journal, IsFlushedBeforeTheCacheWritesBackByItself) {
+    const auto disk = formatted({.bytes = 48u << 20});
+    disk->room = 1u << 20;
+    const auto ntfs = NTFSVolume::open(disk, false);
+    const auto file = ntfs->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
+    std::uint64_t most = 0;
+    for (std::uint64_t at = 0; at < (24u << 20); at += 16 * kPage) {
+        ntfs->write(file, at, pagesOf(1, 16));
+        most = std::max(most, ntfs->ioStats().dirtyPages);
+    }
+    EXPECT_GT(most, 512u);         // it waits at all
+    EXPECT_LT(most, 4096u - 512u); // more than a large request makes dirty
+}
+
+// Offsets in $LogFile's record of what a hostile volume may lie about, and a lie.
+TEST(Journal, StaysAwayFromALogThatIsNotWhatItSeems) {
+    const std::uint64_t record = valueAt(volume().image, 0x30) * kPage + 2 * 1024;
+    std::uint64_t data = record + static_cast<std::uint64_t>(volume().image[record + 0x14]);
+    while (volume().image[data] != std::byte{0x80}) {
+        data += static_cast<std::uint64_t>(volume().image[data + 4]);
+    }
+    const std::uint64_t runs = data + static_cast<std::uint64_t>(volume().image[data + 0x20]);
+    const std::map<const char*, std::pair<std::uint64_t, int>> lies{
+        {"a torn record", {record + 510, 0x55}},
+        {"not in use", {record + 0x16, 0}},
+        {"an attribute without length", {data + 4, 0}},
+        {"resident", {data + 8, 0}},
+        {"sparse", {data + 0xd, 0x80}},
+        {"more clusters than runs", {data + 0x18, 0x01}},
+        {"runs past the attribute", {data + 0x20, 0xf0}},
+        {"a run past the device", {runs + 4, 0x7f}},
+        {"a run over the boot sector", {runs + 4, 0}},
+        {"a run without length", {runs, 0x20}},
+    };
+    for (const auto& [what, lie] : lies) {
+        const auto disk = std::make_shared<Disk>(volume().image);
+        disk->image.at(lie.first) = static_cast<std::byte>(lie.second);
+        std::optional<Journal> journal;
+        EXPECT_EQ(Journal::find(disk, journal), 0) << what;
+        EXPECT_FALSE(journal) << what;
+    }
+}
+
+} // namespace
+} // namespace tavelin::test

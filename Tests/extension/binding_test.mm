@@ -1,0 +1,354 @@
+// The binding on a real volume, driven as FSKit drives it.
+#import "extension/double/daemon.h"
+
+#include "extension/reply.hpp"
+#include "platform/product.hpp"
+#include "support/replaced_services.hpp"
+#include "support/sample_volume.hpp"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace tavelin::test {
+
+namespace {
+
+class Binding : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        static const TempDirectory container;
+        setenv("TAVELIN_GROUP_CONTAINER", container.path().c_str(), 1);
+    }
+
+    ImageResource *resource(BOOL writable = YES) {
+        return [ImageResource resourceWithImage:sample_.image() writable:writable];
+    }
+
+    std::unique_ptr<ReplacedServices> replaced_ = std::make_unique<ReplacedServices>();
+    SampleVolume sample_;
+    NSAutoreleasePool *pool_ = [NSAutoreleasePool new];
+    Daemon daemon_;
+
+    void TearDown() override { [pool_ release]; }
+};
+
+std::vector<std::string> namesIn(NSArray<FSFileName *> *array) {
+    std::vector<std::string> names;
+    for (FSFileName *name in array) {
+        names.emplace_back(static_cast<const char *>(name.data.bytes), name.data.length);
+    }
+    return names;
+}
+
+NSData *data(const std::string &text) {
+    return [NSData dataWithBytes:text.data() length:text.size()];
+}
+
+TEST_F(Binding, ServesAVolumeFromProbeToUnload) {
+    const Answer probe = daemon_.probe(resource());
+    ASSERT_TRUE(probe.ok());
+    FSProbeResult *found = static_cast<FSProbeResult *>(probe.object.get());
+    EXPECT_EQ(found.result, FSMatchResultUsable);
+    EXPECT_TRUE([found.name isEqualToString:@"Sample"]);
+
+    daemon_.bringUp(resource());
+    EXPECT_TRUE([daemon_.volume().volumeID.uuid isEqual:found.containerID.uuid]);
+    FSStatFSResult *statistics = daemon_.volume().volumeStatistics;
+    EXPECT_STREQ(statistics.fileSystemTypeName.UTF8String, product::kShortName);
+    EXPECT_EQ(statistics.totalBytes, statistics.totalBlocks * 4096);
+    EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptions{0});
+
+    FSItem *const root = daemon_.root();
+    const Answer directory = daemon_.create(root, "Photos", FSItemTypeDirectory);
+    const Answer file = daemon_.create(directory.item(), "été.jpg");
+    const Answer link = daemon_.link(root, "latest", "Photos/été.jpg");
+    ASSERT_TRUE(directory.ok() && file.ok() && link.ok());
+    EXPECT_EQ(file.text(), "été.jpg");
+    EXPECT_EQ(daemon_.readLink(link.item()).text(), "Photos/été.jpg");
+    EXPECT_EQ(daemon_.write(file.item(), "the picture").number, 11u);
+    EXPECT_EQ(daemon_.readText(file.item()), "the picture");
+    const Answer resized = daemon_.setSize(file.item(), 7);
+    EXPECT_EQ(resized.attributes().size, 7u);
+    EXPECT_EQ(resized.number, static_cast<std::uint64_t>(FSItemAttributeSize));
+    EXPECT_EQ(resized.attributes().type, FSItemTypeFile);
+    EXPECT_TRUE([resized.attributes() isValid:FSItemAttributeModifyTime]);
+
+    EXPECT_TRUE(daemon_.setXattr(file.item(), "com.apple.test", data("value")).ok());
+    EXPECT_TRUE(
+        [daemon_.getXattr(file.item(), "com.apple.test").object.get() isEqual:data("value")]);
+    EXPECT_EQ(namesIn(daemon_.listXattrs(file.item()).object.get()),
+              std::vector<std::string>{"com.apple.test"});
+    EXPECT_TRUE(daemon_.setXattr(file.item(), "com.apple.test", nil, FSSetXattrPolicyDelete).ok());
+
+    const Answer renamed = daemon_.rename(file.item(), directory.item(), "été.jpg", root, "kept");
+    EXPECT_EQ(renamed.text(), "kept");
+    EXPECT_TRUE(daemon_.open(file.item()).ok());
+    EXPECT_TRUE(daemon_.close(file.item()).ok());
+    EXPECT_EQ(daemon_.lookup(root, "kept").item(), file.item());
+    EXPECT_TRUE(daemon_.setVolumeName("Holiday").ok());
+    EXPECT_TRUE([daemon_.volume().name.string isEqualToString:@"Holiday"]);
+
+    for (const Answer *held : {&directory, &file, &link}) {
+        EXPECT_TRUE(daemon_.reclaim(held->item()).ok());
+    }
+    daemon_.takeDown();
+    EXPECT_EQ(sample_.cat("/kept"), "the pic");
+    static_cast<void>(sample_.check()); // throws when the volume is not whole
+    EXPECT_TRUE([static_cast<FSProbeResult *>(daemon_.probe(resource()).object.get()).name
+        isEqualToString:@"Holiday"]);
+}
+
+TEST_F(Binding, ListsPageAfterPage) {
+    daemon_.bringUp(resource());
+    std::vector<std::string> made;
+    for (int i = 0; i < 20; ++i) {
+        made.push_back("file" + std::to_string(10 + i));
+        ASSERT_TRUE(daemon_.reclaim(daemon_.create(daemon_.root(), made.back()).item()).ok());
+    }
+    for (const std::size_t room : {1, 3, 1000}) {
+        EXPECT_EQ(daemon_.list(daemon_.root(), room, true), made);
+        std::vector<std::string> withDots{".", ".."};
+        withDots.insert(withDots.end(), made.begin(), made.end());
+        EXPECT_EQ(daemon_.list(daemon_.root(), room, false), withDots);
+    }
+    EXPECT_EQ(daemon_.volume().handedItemCount, 1u) << "what a listing shows is not handed out";
+    daemon_.takeDown();
+}
+
+TEST_F(Binding, AnswersErrorsInThePOSIXDomain) {
+    EXPECT_EQ(daemon_.load(made([OtherResource new])).code(), kENODEV);
+    EXPECT_EQ(daemon_.state(), FSContainerStateNotReady);
+    EXPECT_EQ(static_cast<FSProbeResult *>(daemon_.probe(nil).object.get()).result,
+              FSMatchResultNotRecognized);
+    RecordingTask *task = made([RecordingTask new]);
+    EXPECT_EQ(daemon_.check(@[ @"-q" ], task).code(), kENXIO);
+    EXPECT_EQ(daemon_.format().code(), kENOTSUP);
+
+    daemon_.bringUp(resource());
+    FSItem *const root = daemon_.root();
+    const Answer directory = daemon_.create(root, "folder", FSItemTypeDirectory);
+    const Answer file = daemon_.create(directory.item(), "file");
+    FSItem *const foreign = made([FSItem new]);
+    const auto pipe = static_cast<FSItemType>(4);
+
+    EXPECT_EQ(daemon_.lookup(root, "nothing").code(), kENOENT);
+    EXPECT_EQ(daemon_.create(directory.item(), "file").code(), kEEXIST);
+    EXPECT_EQ(daemon_.create(root, "pipe", pipe).code(), kENOTSUP);
+    EXPECT_EQ(daemon_.hardLink(file.item(), root, "other").code(), kENOTSUP);
+    EXPECT_EQ(daemon_.remove(directory.item(), root, "folder").code(), kENOTEMPTY);
+    EXPECT_EQ(daemon_.getXattr(file.item(), "absent").code(), kENOATTR);
+    EXPECT_EQ(daemon_.check(@[ @"-z" ], task).code(), kEINVAL);
+    EXPECT_EQ(daemon_.check(@[ @"-y" ], task).code(), kENOTSUP);
+    EXPECT_EQ(task->_completions, 0);
+
+    // What FSKit promises not to send.
+    for (FSItem *item : {static_cast<FSItem *>(nil), foreign}) {
+        EXPECT_EQ(daemon_.getAttributes(item).code(), kENOENT);
+        EXPECT_EQ(daemon_.setSize(item, 1).code(), kENOENT);
+        EXPECT_EQ(daemon_.lookup(item, "file").code(), kENOENT);
+        EXPECT_EQ(daemon_.create(item, "file").code(), kENOENT);
+        EXPECT_EQ(daemon_.read(item, 1).code(), kENOENT);
+        EXPECT_EQ(daemon_.write(item, "x").code(), kENOENT);
+        EXPECT_EQ(daemon_.listXattrs(item).code(), kENOENT);
+        EXPECT_EQ(daemon_.reclaim(item).code(), 0);
+    }
+    for (const char *name : {"", "\xff\xfe"}) {
+        EXPECT_EQ(daemon_.lookup(root, name).code(), kEINVAL);
+        EXPECT_EQ(daemon_.create(root, name).code(), kEINVAL);
+        EXPECT_EQ(daemon_.rename(file.item(), directory.item(), "file", root, name).code(),
+                  kEINVAL);
+        EXPECT_EQ(daemon_.setXattr(file.item(), name, data("x")).code(), kEINVAL);
+    }
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok() && daemon_.reclaim(directory.item()).ok());
+    daemon_.takeDown();
+}
+
+TEST_F(Binding, CompletesACheckOnceAndLater) {
+    daemon_.bringUp(resource());
+    RecordingTask *task = made([RecordingTask new]);
+    const Answer started = daemon_.check(@[ @"-q" ], task);
+    ASSERT_TRUE(started.ok());
+    NSProgress *progress = static_cast<NSProgress *>(started.object.get());
+    EXPECT_EQ(progress.completedUnitCount, 0);
+    EXPECT_EQ(task->_completions, 0);
+    EXPECT_EQ(replaced_->queue().run(), 1u);
+    EXPECT_EQ(progress.completedUnitCount, progress.totalUnitCount);
+    EXPECT_EQ(task->_completions, 1);
+    EXPECT_EQ(task->_errorCode, 0);
+    daemon_.takeDown();
+}
+
+TEST_F(Binding, AsksForAReadOnlyMountWhenTheMediumIs) {
+    daemon_.bringUp(resource(NO));
+    EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptionsReadOnly);
+    EXPECT_EQ(daemon_.create(daemon_.root(), "file").code(), kEROFS);
+    daemon_.takeDown();
+}
+
+TEST_F(Binding, GetsAcrossAMisbehavingDevice) {
+    ImageResource *device = resource();
+    device->_shortBytes = 4096;
+    daemon_.bringUp(device);
+    std::string content(300'000, 'a');
+    content.back() = 'z';
+    const Answer file = daemon_.create(daemon_.root(), "file");
+    EXPECT_EQ(daemon_.write(file.item(), content).number, content.size());
+    EXPECT_EQ(daemon_.synchronize().code(), 0);
+    device->_shortBytes = 0;
+    EXPECT_TRUE(daemon_.readText(file.item()) == content);
+
+    const auto written = [&](const char *text) {
+        const int code = daemon_.write(file.item(), text).code();
+        return code != 0 ? code : daemon_.synchronize().code();
+    };
+    device->_stalled = true;
+    EXPECT_EQ(written("1"), kEIO);
+    device->_stalled = false;
+    device->_foreignErrors = 1'000;
+    EXPECT_EQ(written("2"), kEIO);
+    device->_foreignErrors = 0;
+    EXPECT_EQ(written("3"), 0);
+
+    EXPECT_EQ(daemon_.write(file.item(), "4").code(), 0);
+    device->_revokedNow = true;
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok());
+    const std::vector<Answer> answers = daemon_.abandon();
+    for (const Answer &answer : answers) {
+        EXPECT_EQ(answer.replies, 1);
+    }
+    EXPECT_EQ(answers.front().code(), kENXIO) << "the synchronise says that data is lost";
+    EXPECT_EQ(daemon_.state(), FSContainerStateNotReady);
+}
+
+TEST_F(Binding, GivesOneObjectForAFileAndKeepsItUntilReclaimed) {
+    daemon_.bringUp(resource());
+    FSItem *const root = daemon_.root();
+    const Answer file = daemon_.create(root, "file");
+    EXPECT_EQ(daemon_.lookup(root, "file").item(), file.item());
+    EXPECT_EQ(daemon_.volume().handedItemCount, 2u);
+
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok());
+    EXPECT_EQ(daemon_.volume().handedItemCount, 1u);
+    EXPECT_TRUE(daemon_.getAttributes(file.item()).ok()) << "a late request is answered";
+
+    const Answer again = daemon_.lookup(root, "file");
+    EXPECT_NE(again.item(), file.item());
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok()) << "a second reclaim of the old one";
+    EXPECT_EQ(daemon_.lookup(root, "file").item(), again.item());
+    EXPECT_TRUE(daemon_.reclaim(again.item()).ok());
+    daemon_.takeDown();
+}
+
+TEST_F(Binding, GivesANewFileItsOwnObjectThoughItsRecordWasUsed) {
+    daemon_.bringUp(resource());
+    FSItem *const root = daemon_.root();
+    const Answer gone = daemon_.create(root, "gone");
+    const FSItemID record = daemon_.getAttributes(gone.item()).attributes().fileID;
+    ASSERT_TRUE(daemon_.remove(gone.item(), root, "gone").ok());
+
+    // Records are taken in turn: sooner or later this one comes again.
+    Answer reborn;
+    for (int i = 0; i < 1000; ++i) {
+        const Answer file = daemon_.create(root, "file" + std::to_string(i));
+        ASSERT_TRUE(file.ok());
+        if (daemon_.getAttributes(file.item()).attributes().fileID == record) {
+            reborn = file;
+            break;
+        }
+        ASSERT_TRUE(daemon_.remove(file.item(), root, "file" + std::to_string(i)).ok());
+        ASSERT_TRUE(daemon_.reclaim(file.item()).ok());
+    }
+    ASSERT_TRUE(reborn.ok()) << "the record was never used again";
+    EXPECT_NE(reborn.item(), gone.item());
+    EXPECT_TRUE(daemon_.reclaim(gone.item()).ok());
+    EXPECT_EQ(daemon_.lookup(root, reborn.text()).item(), reborn.item());
+    EXPECT_TRUE(daemon_.reclaim(reborn.item()).ok());
+    daemon_.takeDown();
+}
+
+// Runs `work(thread)` on several threads at once, each with a pool of its own.
+template<typename Work>
+void onThreads(int count, const Work &work) {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < count; ++thread) {
+        threads.emplace_back([&work, thread] {
+            NSAutoreleasePool *pool = [NSAutoreleasePool new];
+            work(thread);
+            [pool release];
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(Binding, GivesALookupThatRacesAReclaimALiveItem) {
+    daemon_.bringUp(resource());
+    ASSERT_TRUE(daemon_.create(daemon_.root(), "file").ok());
+    std::atomic<int> failures = 0;
+    onThreads(4, [&](int) {
+        for (int i = 0; i < 500; ++i) {
+            const Answer found = daemon_.lookup(daemon_.root(), "file");
+            failures += !found.ok() || !daemon_.getAttributes(found.item()).ok();
+            failures += !daemon_.reclaim(found.item()).ok();
+        }
+    });
+    EXPECT_EQ(failures, 0);
+    const Answer last = daemon_.lookup(daemon_.root(), "file");
+    EXPECT_EQ(daemon_.lookup(daemon_.root(), "file").item(), last.item());
+    EXPECT_TRUE(daemon_.reclaim(last.item()).ok());
+    daemon_.takeDown();
+}
+
+TEST_F(Binding, ServesSeveralThreads) {
+    daemon_.bringUp(resource());
+    std::atomic<int> failures = 0;
+    onThreads(4, [&](int thread) {
+        const std::string mine = std::to_string(thread);
+        const Answer directory = daemon_.create(daemon_.root(), mine, FSItemTypeDirectory);
+        for (int i = 0; i < 25; ++i) {
+            const std::string name = mine + "-" + std::to_string(i);
+            const Answer file = daemon_.create(directory.item(), name);
+            failures += daemon_.write(file.item(), name).number != name.size();
+            failures += daemon_.readText(file.item()) != name;
+            failures += !daemon_.reclaim(file.item()).ok();
+        }
+        failures += daemon_.list(directory.item(), 7, true).size() != 25;
+        failures += !daemon_.reclaim(directory.item()).ok();
+    });
+    EXPECT_EQ(failures, 0);
+    daemon_.takeDown();
+    EXPECT_EQ(sample_.cat("/2/2-24"), "2-24");
+}
+
+TEST_F(Binding, AnswersExactlyOnceWhateverTheRequestDoes) {
+    using Answerer = Reply<NSNumber *, NSError *>;
+    const auto outcome = [](const auto &request) {
+        __block int replies = 0;
+        __block int code = 0;
+        void (^reply)(NSNumber *, NSError *) = ^(NSNumber *, NSError *error) {
+            ++replies;
+            code = static_cast<int>(error.code);
+        };
+        serve(reply, request);
+        return std::pair(replies, code);
+    };
+    EXPECT_EQ(outcome([](Answerer &answer) {
+                  answer(@1, nil);
+                  answer(nil, fs_errorForPOSIXError(kEBUSY));
+              }),
+              std::pair(1, 0));
+    EXPECT_EQ(outcome([](Answerer &) {}), std::pair(1, kEIO));
+    EXPECT_EQ(outcome([](Answerer &) { throw std::bad_alloc(); }), std::pair(1, kENOMEM));
+    EXPECT_EQ(outcome([](Answerer &) { throw 1; }), std::pair(1, kEIO));
+    EXPECT_EQ(outcome([](Answerer &answer) {
+                  answer(@1, nil);
+                  throw std::runtime_error("late");
+              }),
+              std::pair(1, 0));
+}
+
+} // namespace
+
+} // namespace tavelin::test

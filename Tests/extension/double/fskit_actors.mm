@@ -1,0 +1,210 @@
+// FSKit's classes that do something: devices, tasks, buffers, packers.
+#import "extension/double/fskit_double.h"
+
+#include "extension/memory.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using tavelin::made;
+
+@implementation FSResource
+- (BOOL)isRevoked {
+    return NO;
+}
+@end
+
+@implementation OtherResource
+@end
+
+// Never made itself; ImageResource overrides all of it.
+@implementation FSBlockDeviceResource
+@end
+
+@implementation ImageResource
++ (instancetype)resourceWithImage:(const std::filesystem::path &)image writable:(BOOL)writable {
+    ImageResource *resource = made([[ImageResource alloc] initWithImage:image writable:writable]);
+    return resource;
+}
+
+- (instancetype)initWithImage:(const std::filesystem::path &)image writable:(BOOL)writable {
+    if ((self = [super init])) {
+        _descriptor = open(image.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+        struct stat attributes {};
+        if (_descriptor < 0 || fstat(_descriptor, &attributes) != 0) {
+            [self release];
+            return nil;
+        }
+        _writable = writable;
+        _size = static_cast<uint64_t>(attributes.st_size);
+        _blockSize = 512;
+        _physicalBlockSize = 4096;
+    }
+    return self;
+}
+
+- (void)dealloc {
+    if (_descriptor >= 0) {
+        close(_descriptor);
+    }
+    [super dealloc];
+}
+
+- (NSString *)BSDName {
+    return @"disk7s1";
+}
+- (BOOL)isWritable {
+    return _writable;
+}
+- (BOOL)isRevoked {
+    return _revokedNow;
+}
+- (uint64_t)blockSize {
+    return _blockSize;
+}
+- (uint64_t)blockCount {
+    return _size / _blockSize;
+}
+- (uint64_t)physicalBlockSize {
+    return _physicalBlockSize;
+}
+
+// How much of a transfer may be moved; 0 with *error set when none.
+- (size_t)allowed:(size_t)length at:(off_t)offset error:(NSError **)error {
+    if (_revokedNow) {
+        *error = fs_errorForPOSIXError(EIO);
+        return 0;
+    }
+    if (_foreignErrors > 0) {
+        --_foreignErrors;
+        *error = [NSError errorWithDomain:FSKitErrorDomain
+                                     code:FSErrorResourceUnusable
+                                 userInfo:nil];
+        return 0;
+    }
+    const auto block = static_cast<off_t>(_physicalBlockSize);
+    if (offset % block != 0 || length % _physicalBlockSize != 0) {
+        *error = fs_errorForPOSIXError(EINVAL);
+        return 0;
+    }
+    if (_stalled) {
+        return 0;
+    }
+    return _shortBytes > 0 ? std::min<size_t>(length, _shortBytes) : length;
+}
+
+- (size_t)readInto:(void *)buffer
+        startingAt:(off_t)offset
+            length:(size_t)length
+             error:(NSError **)error {
+    const size_t allowed = [self allowed:length at:offset error:error];
+    const ssize_t count = allowed > 0 ? pread(_descriptor, buffer, allowed, offset) : 0;
+    return count > 0 ? static_cast<size_t>(count) : 0;
+}
+
+- (size_t)writeFrom:(void *)buffer
+         startingAt:(off_t)offset
+             length:(size_t)length
+              error:(NSError **)error {
+    const size_t allowed = [self allowed:length at:offset error:error];
+    const ssize_t count = allowed > 0 ? pwrite(_descriptor, buffer, allowed, offset) : 0;
+    return count > 0 ? static_cast<size_t>(count) : 0;
+}
+
+- (BOOL)metadataReadInto:(void *)buffer
+              startingAt:(off_t)offset
+                  length:(size_t)length
+                   error:(NSError **)error {
+    return [self readInto:buffer startingAt:offset length:length error:error] == length;
+}
+
+- (BOOL)delayedMetadataWriteFrom:(void *)buffer
+                      startingAt:(off_t)offset
+                          length:(size_t)length
+                           error:(NSError **)error {
+    return [self writeFrom:buffer startingAt:offset length:length error:error] == length;
+}
+
+- (BOOL)metadataFlushWithError:(NSError **)error {
+    if (_revokedNow) {
+        *error = fs_errorForPOSIXError(EIO);
+    }
+    return !_revokedNow;
+}
+@end
+
+@implementation FSTask
+- (void)logMessage:(NSString *)message {
+    (void)message;
+}
+- (void)didCompleteWithError:(NSError *)error {
+    (void)error;
+}
+@end
+
+@implementation RecordingTask
+- (void)didCompleteWithError:(NSError *)error {
+    _errorCode = error.code;
+    ++_completions;
+}
+@end
+
+@implementation FSMutableFileDataBuffer
+- (NSUInteger)length {
+    return 0;
+}
+- (void *)mutableBytes {
+    return nullptr;
+}
+@end
+
+@implementation ByteBuffer
++ (instancetype)bufferOfLength:(NSUInteger)length {
+    ByteBuffer *buffer = made([ByteBuffer new]);
+    buffer->_bytes.resize(length);
+    return buffer;
+}
+- (NSUInteger)length {
+    return _bytes.size();
+}
+- (void *)mutableBytes {
+    return _bytes.data();
+}
+- (std::string)text:(size_t)length {
+    return {_bytes.data(), length};
+}
+@end
+
+@implementation FSDirectoryEntryPacker
+- (BOOL)packEntryWithName:(FSFileName *)name
+                 itemType:(FSItemType)itemType
+                   itemID:(FSItemID)itemID
+               nextCookie:(FSDirectoryCookie)nextCookie
+               attributes:(FSItemAttributes *)attributes {
+    (void)name, (void)itemType, (void)itemID, (void)nextCookie, (void)attributes;
+    return NO;
+}
+@end
+
+@implementation ListPacker
++ (instancetype)packerWithRoom:(size_t)room {
+    ListPacker *packer = made([ListPacker new]);
+    packer->_room = room;
+    return packer;
+}
+- (BOOL)packEntryWithName:(FSFileName *)name
+                 itemType:(FSItemType)itemType
+                   itemID:(FSItemID)itemID
+               nextCookie:(FSDirectoryCookie)nextCookie
+               attributes:(FSItemAttributes *)attributes {
+    if (_entries.size() == _room) {
+        return NO;
+    }
+    _entries.push_back({std::string(static_cast<const char *>(name.data.bytes), name.data.length),
+                        itemType, static_cast<uint64_t>(itemID), nextCookie, attributes != nil});
+    return YES;
+}
+@end

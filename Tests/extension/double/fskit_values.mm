@@ -1,0 +1,274 @@
+// FSKit's value classes: one map of fields behind each object.
+#import "extension/double/fskit_double.h"
+
+#include "extension/memory.hpp"
+
+#include <map>
+#include <string_view>
+
+using tavelin::made;
+using tavelin::Strong;
+
+namespace {
+
+struct State {
+    std::map<std::string_view, uint64_t> numbers;
+    std::map<std::string_view, timespec> times;
+    std::map<std::string_view, Strong<id>> objects;
+};
+
+} // namespace
+
+@interface StateBox : NSObject {
+  @public
+    State _state;
+}
+@end
+
+@implementation StateBox
+@end
+
+#define STATE (static_cast<StateBox *>(_storage)->_state)
+#define WITH_STATE                                                                                 \
+    -(instancetype)initDouble {                                                                    \
+        if ((self = [super init])) {                                                               \
+            _storage = [StateBox new];                                                             \
+        }                                                                                          \
+        return self;                                                                               \
+    }                                                                                              \
+    -(void)dealloc {                                                                               \
+        [_storage release];                                                                        \
+        [super dealloc];                                                                           \
+    }
+#define WITH_PLAIN_INIT                                                                            \
+    -(instancetype)init {                                                                          \
+        return [self initDouble];                                                                  \
+    }
+#define NUMBER(type, name, Setter)                                                                 \
+    -(type)name {                                                                                  \
+        return static_cast<type>(STATE.numbers[#name]);                                            \
+    }                                                                                              \
+    -(void)set##Setter : (type)value {                                                             \
+        STATE.numbers[#name] = static_cast<uint64_t>(value);                                       \
+    }
+#define OBJECT(type, name, Setter)                                                                 \
+    -(type)name {                                                                                  \
+        return STATE.objects[#name].get();                                                         \
+    }                                                                                              \
+    -(void)set##Setter : (type)value {                                                             \
+        STATE.objects[#name] = Strong<id>(value);                                                  \
+    }
+
+NSString *const FSKitErrorDomain = @"FSKitErrorDomain";
+
+NSError *fs_errorForPOSIXError(int code) {
+    return [NSError errorWithDomain:NSPOSIXErrorDomain code:code userInfo:nil];
+}
+
+@implementation FSEntityIdentifier
+WITH_STATE
+WITH_PLAIN_INIT
+OBJECT(NSUUID *, uuid, Uuid)
+- (instancetype)initWithUUID:(NSUUID *)uuid {
+    self = [self initDouble];
+    self.uuid = uuid;
+    return self;
+}
+@end
+
+@implementation FSVolumeIdentifier
+@end
+
+@implementation FSContainerIdentifier
+- (FSVolumeIdentifier *)volumeIdentifier {
+    return made([[FSVolumeIdentifier alloc] initWithUUID:self.uuid]);
+}
+@end
+
+@implementation FSContainerStatus
+WITH_STATE
+NUMBER(FSContainerState, state, State)
+OBJECT(NSError *, status, Status)
++ (FSContainerStatus *)statusWithState:(FSContainerState)state error:(NSError *)error {
+    FSContainerStatus *status = made([[FSContainerStatus alloc] initDouble]);
+    [status setState:state];
+    [status setStatus:error];
+    return status;
+}
++ (FSContainerStatus *)active {
+    return [self statusWithState:FSContainerStateActive error:nil];
+}
++ (FSContainerStatus *)ready {
+    return [self statusWithState:FSContainerStateReady error:nil];
+}
++ (instancetype)notReadyWithStatus:(NSError *)errorStatus {
+    return [self statusWithState:FSContainerStateNotReady error:errorStatus];
+}
+- (id)copyWithZone:(NSZone *)zone {
+    (void)zone;
+    return [self retain];
+}
+@end
+
+@implementation FSProbeResult
+WITH_STATE
+NUMBER(FSMatchResult, result, Result)
+OBJECT(NSString *, name, Name)
+OBJECT(FSContainerIdentifier *, containerID, ContainerID)
++ (FSProbeResult *)notRecognizedProbeResult {
+    return made([[FSProbeResult alloc] initDouble]);
+}
++ (instancetype)usableProbeResultWithName:(NSString *)name
+                              containerID:(FSContainerIdentifier *)containerID {
+    FSProbeResult *result = made([[FSProbeResult alloc] initDouble]);
+    result.result = FSMatchResultUsable;
+    result.name = name;
+    result.containerID = containerID;
+    return result;
+}
+@end
+
+@implementation FSTaskOptions
+WITH_STATE
+OBJECT(NSArray<NSString *> *, taskOptions, TaskOptions)
++ (instancetype)optionsWithWords:(NSArray<NSString *> *)words {
+    FSTaskOptions *options = made([[FSTaskOptions alloc] initDouble]);
+    [options setTaskOptions:words];
+    return options;
+}
+@end
+
+@implementation FSFileName
+WITH_STATE
+OBJECT(NSData *, data, Data)
+- (instancetype)initWithBytes:(const char *)bytes length:(NSUInteger)length {
+    self = [self initDouble];
+    [self setData:[NSData dataWithBytes:bytes length:strnlen(bytes, length)]];
+    return self;
+}
+- (NSString *)string {
+    return made([[NSString alloc] initWithData:self.data encoding:NSUTF8StringEncoding]);
+}
++ (instancetype)nameWithText:(const std::string &)bytes {
+    return made([[FSFileName alloc] initWithBytes:bytes.data() length:bytes.size()]);
+}
+@end
+
+@implementation FSItem
+- (BOOL)tryReclaimWithBlock:(void (^)(void))reclaimBlock {
+    reclaimBlock();
+    return YES;
+}
+@end
+
+// Setting an attribute marks it valid, as in FSKit.
+#define ATTRIBUTE(type, name, Setter, bit)                                                         \
+    -(type)name {                                                                                  \
+        return static_cast<type>(STATE.numbers[#name]);                                            \
+    }                                                                                              \
+    -(void)set##Setter : (type)value {                                                             \
+        STATE.numbers[#name] = static_cast<uint64_t>(value);                                       \
+        STATE.numbers["valid"] |= static_cast<uint64_t>(bit);                                      \
+    }
+#define TIME_ATTRIBUTE(name, Setter, bit)                                                          \
+    -(struct timespec)name {                                                                       \
+        return STATE.times[#name];                                                                 \
+    }                                                                                              \
+    -(void)set##Setter : (struct timespec)value {                                                  \
+        STATE.times[#name] = value;                                                                \
+        STATE.numbers["valid"] |= static_cast<uint64_t>(bit);                                      \
+    }
+
+@implementation FSItemAttributes
+WITH_STATE
+WITH_PLAIN_INIT
+- (BOOL)isValid:(FSItemAttribute)attribute {
+    return (STATE.numbers["valid"] & static_cast<uint64_t>(attribute)) != 0;
+}
+ATTRIBUTE(uint32_t, uid, Uid, FSItemAttributeUID)
+ATTRIBUTE(uint32_t, gid, Gid, FSItemAttributeGID)
+ATTRIBUTE(uint32_t, mode, Mode, FSItemAttributeMode)
+ATTRIBUTE(FSItemType, type, Type, FSItemAttributeType)
+ATTRIBUTE(uint32_t, linkCount, LinkCount, FSItemAttributeLinkCount)
+ATTRIBUTE(uint32_t, flags, Flags, FSItemAttributeFlags)
+ATTRIBUTE(uint64_t, size, Size, FSItemAttributeSize)
+ATTRIBUTE(uint64_t, allocSize, AllocSize, FSItemAttributeAllocSize)
+ATTRIBUTE(FSItemID, fileID, FileID, FSItemAttributeFileID)
+ATTRIBUTE(FSItemID, parentID, ParentID, FSItemAttributeParentID)
+ATTRIBUTE(BOOL, supportsLimitedXAttrs, SupportsLimitedXAttrs, FSItemAttributeSupportsLimitedXAttrs)
+ATTRIBUTE(BOOL, inhibitKernelOffloadedIO, InhibitKernelOffloadedIO,
+          FSItemAttributeInhibitKernelOffloadedIO)
+TIME_ATTRIBUTE(modifyTime, ModifyTime, FSItemAttributeModifyTime)
+TIME_ATTRIBUTE(addedTime, AddedTime, FSItemAttributeAddedTime)
+TIME_ATTRIBUTE(changeTime, ChangeTime, FSItemAttributeChangeTime)
+TIME_ATTRIBUTE(accessTime, AccessTime, FSItemAttributeAccessTime)
+TIME_ATTRIBUTE(birthTime, BirthTime, FSItemAttributeBirthTime)
+TIME_ATTRIBUTE(backupTime, BackupTime, FSItemAttributeBackupTime)
+@end
+
+@implementation FSItemSetAttributesRequest
+NUMBER(FSItemAttribute, consumedAttributes, ConsumedAttributes)
+@end
+
+@implementation FSItemGetAttributesRequest
+WITH_STATE
+WITH_PLAIN_INIT
+NUMBER(FSItemAttribute, wantedAttributes, WantedAttributes)
+@end
+
+@implementation FSVolume
+WITH_STATE
+OBJECT(FSVolumeIdentifier *, volumeID, VolumeID)
+OBJECT(FSFileName *, name, Name)
+- (instancetype)initWithVolumeID:(FSVolumeIdentifier *)volumeID
+                      volumeName:(FSFileName *)volumeName {
+    self = [self initDouble];
+    [self setVolumeID:volumeID];
+    self.name = volumeName;
+    return self;
+}
+@end
+
+@implementation FSUnaryFileSystem
+WITH_STATE
+WITH_PLAIN_INIT
+OBJECT(FSContainerStatus *, containerStatus, ContainerStatus)
+@end
+
+@implementation FSVolumeSupportedCapabilities
+WITH_STATE
+WITH_PLAIN_INIT
+NUMBER(BOOL, supportsPersistentObjectIDs, SupportsPersistentObjectIDs)
+NUMBER(BOOL, supportsSymbolicLinks, SupportsSymbolicLinks)
+NUMBER(BOOL, supportsHardLinks, SupportsHardLinks)
+NUMBER(BOOL, supportsSparseFiles, SupportsSparseFiles)
+NUMBER(BOOL, supports2TBFiles, Supports2TBFiles)
+NUMBER(BOOL, supportsHiddenFiles, SupportsHiddenFiles)
+NUMBER(BOOL, supports64BitObjectIDs, Supports64BitObjectIDs)
+NUMBER(BOOL, supportsFastStatFS, SupportsFastStatFS)
+NUMBER(BOOL, doesNotSupportSettingFilePermissions, DoesNotSupportSettingFilePermissions)
+NUMBER(FSVolumeCaseFormat, caseFormat, CaseFormat)
+@end
+
+@implementation FSStatFSResult
+WITH_STATE
+OBJECT(NSString *, fileSystemTypeName, FileSystemTypeName)
+- (instancetype)initWithFileSystemTypeName:(NSString *)fileSystemTypeName {
+    self = [self initDouble];
+    [self setFileSystemTypeName:fileSystemTypeName];
+    return self;
+}
+NUMBER(NSInteger, blockSize, BlockSize)
+NUMBER(NSInteger, ioSize, IoSize)
+NUMBER(uint64_t, totalBlocks, TotalBlocks)
+NUMBER(uint64_t, availableBlocks, AvailableBlocks)
+NUMBER(uint64_t, freeBlocks, FreeBlocks)
+NUMBER(uint64_t, usedBlocks, UsedBlocks)
+NUMBER(uint64_t, totalBytes, TotalBytes)
+NUMBER(uint64_t, availableBytes, AvailableBytes)
+NUMBER(uint64_t, freeBytes, FreeBytes)
+NUMBER(uint64_t, usedBytes, UsedBytes)
+NUMBER(uint64_t, totalFiles, TotalFiles)
+NUMBER(uint64_t, freeFiles, FreeFiles)
+NUMBER(NSInteger, fileSystemSubType, FileSystemSubType)
+@end

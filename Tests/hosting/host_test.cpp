@@ -1,0 +1,297 @@
+// The module host's own promises: exactly one answer, one reclaim for each item, withheld opens,
+// reasons in words, paths, and the resource over an image.
+
+#include "own_group.hpp"
+
+#include "diagnostics/op_counter.hpp"
+#include "hosting/module_host.hpp"
+#include "hosting/paths.hpp"
+#include "hosting/reply_slot.hpp"
+#include "platform/error_numbers.hpp"
+#include "support/sample_volume.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace tavelin::test {
+
+namespace {
+
+using Type = fskit::FSItemType;
+
+template<typename Value>
+std::int64_t codeOf(const Outcome<Value>& outcome) {
+    return outcome ? 0 : outcome.error().code();
+}
+
+// A module that answers its probe as often as it is told to.
+class MisansweringModule final : public fskit::FSUnaryFileSystem {
+  public:
+    explicit MisansweringModule(int answers) : answers_(answers) {}
+    void probeResource(const fskit::FSResourceRef&, const fskit::ProbeReply& reply) override {
+        for (int i = 0; i < answers_; ++i) {
+            reply(fskit::FSProbeResult::notRecognized(), std::nullopt);
+        }
+    }
+    void loadResource(const fskit::FSResourceRef&, const fskit::FSTaskOptions&,
+                      const fskit::VolumeReply&) override {}
+    void unloadResource(const fskit::FSResourceRef&, const fskit::FSTaskOptions&,
+                        const fskit::ErrorReply&) override {}
+    std::shared_ptr<fskit::NSProgress> startCheck(const std::shared_ptr<fskit::FSTask>& task,
+                                                  const fskit::FSTaskOptions&) override {
+        task->didComplete(std::nullopt);
+        task->didComplete(std::nullopt);
+        return nullptr;
+    }
+    std::shared_ptr<fskit::NSProgress> startFormat(const std::shared_ptr<fskit::FSTask>&,
+                                                   const fskit::FSTaskOptions&) override {
+        return nullptr;
+    }
+
+  private:
+    const int answers_;
+};
+
+TEST(ModuleHostDeathTest, StopsWhenARequestIsNotAnsweredExactlyOnce) {
+    const SampleVolume sample;
+    const auto image = std::make_shared<ImageResource>(sample.image());
+    const auto host = [&](int answers) {
+        return std::make_unique<ModuleHost>(image, std::make_unique<MisansweringModule>(answers));
+    };
+    EXPECT_EQ(host(1)->probe().get().result, fskit::FSMatchResult::notRecognized);
+    EXPECT_DEATH((void)host(0)->probe(), "probeResource was not answered");
+    EXPECT_DEATH((void)host(2)->probe(), "probeResource was answered twice");
+    EXPECT_DEATH((void)host(1)->check({}), "completed twice");
+    EXPECT_DEATH((void)host(1)->load({}), "loadResource was not answered");
+    EXPECT_DEATH((void)host(1)->unload(), "out of turn: unload");
+}
+
+TEST(ItemTable, ReclaimsOnceAndNeverUnderAHandOutThatMayHoldTheItem) {
+    std::vector<const fskit::FSItem*> reclaimed;
+    ItemTable table([&](const fskit::FSItemRef& item) { reclaimed.push_back(item.get()); });
+    const auto a = std::make_shared<fskit::FSItem>();
+    const auto b = std::make_shared<fskit::FSItem>();
+    using Reclaimed = std::vector<const fskit::FSItem*>;
+    const auto take = [&](const fskit::FSItemRef& item) {
+        return ItemTable::InFlightLookup(table).take(item);
+    };
+    {
+        ItemRef first = take(a);
+        const ItemRef second = take(a);
+        const ItemRef third = first.duplicate();
+        EXPECT_TRUE(first == second && second == third);
+        first = ItemRef();
+        EXPECT_EQ(table.size(), 1u);
+    }
+    EXPECT_EQ(reclaimed, Reclaimed{a.get()});
+    reclaimed.clear();
+
+    // Dropped while a request that began before may carry it: taken up, it lives on.
+    std::optional<ItemTable::InFlightLookup> running(std::in_place, table);
+    { const ItemRef dropped = take(a); }
+    EXPECT_EQ(reclaimed, Reclaimed{});
+    {
+        const ItemRef again = running->take(a);
+        running.reset();
+        EXPECT_EQ(reclaimed, Reclaimed{});
+    }
+    EXPECT_EQ(reclaimed, Reclaimed{a.get()});
+    reclaimed.clear();
+
+    // Dropped a second time, it waits for what runs at that time, not at the first.
+    std::optional<ItemTable::InFlightLookup> early(std::in_place, table);
+    { const ItemRef dropped = take(a); }
+    std::optional<ItemTable::InFlightLookup> late(std::in_place, table);
+    { const ItemRef dropped = take(a); }
+    early.reset();
+    EXPECT_EQ(reclaimed, Reclaimed{});
+    late.reset();
+    EXPECT_EQ(reclaimed, Reclaimed{a.get()});
+    reclaimed.clear();
+
+    const ItemRef held = take(b);
+    table.reclaimAll();
+    EXPECT_EQ(reclaimed, Reclaimed{b.get()});
+}
+
+TEST(ModuleHost, WithholdsOpensAndClosesWhileTheVolumeInhibitsThem) {
+    const SampleVolume sample;
+    const auto host = ModuleHost::openImage(sample.image());
+    VolumeClient& volume = host->volume();
+    const ItemRef file = volume.create(volume.root(), "f", Type::file).get();
+    (void)OpCounter::shared().dumpAndReset();
+    const auto openAndClose = [&] {
+        EXPECT_TRUE(volume.open(file, fskit::FSVolumeOpenModesRead));
+        EXPECT_TRUE(volume.close(file, 0));
+        return OpCounter::shared().dumpAndReset();
+    };
+    EXPECT_EQ(openAndClose().find("Item"), std::string::npos);
+    volume.setOpenCloseInhibited(false);
+    const std::string counted = openAndClose();
+    EXPECT_NE(counted.find("openItem"), std::string::npos);
+    EXPECT_NE(counted.find("closeItem"), std::string::npos);
+}
+
+TEST(ModuleHost, SaysWhyAVolumeCannotBeOpened) {
+    using Reason = OpenError::Reason;
+    const SampleVolume sample;
+    const TempDirectory& directory = sample.directory();
+    writeFile(directory / "text", std::string(10'000, 'x'));
+    writeFile(directory / "empty", {});
+    // A boot sector and nothing else.
+    writeFile(directory / "head", readFile(sample.image()).substr(0, 4096));
+    const ImageResource inUse(sample.image());
+    const std::vector<std::pair<std::filesystem::path, Reason>> cases{
+        {directory / "missing", Reason::notFound},
+        {directory / "text", Reason::notNTFS},
+        {directory / "empty", Reason::notNTFS},
+        {directory / "head", Reason::refused},
+        {directory.path(), Reason::notBlockDevice},
+        {"/dev/null", Reason::notBlockDevice},
+        {sample.image(), Reason::inUse},
+    };
+    for (const auto& [path, reason] : cases) {
+        SCOPED_TRACE(path);
+        try {
+            (void)ModuleHost::openImage(path);
+            ADD_FAILURE() << "opened";
+        } catch (const OpenError& error) {
+            EXPECT_EQ(error.reason(), reason) << error.what();
+            EXPECT_NE(std::string(error.what()).find(path.filename()), std::string::npos);
+        }
+    }
+}
+
+TEST(ModuleHost, OpensAgainAfterClosingAndWithOtherVolumesInTheProcess) {
+    const SampleVolume one;
+    const SampleVolume two;
+    ModuleHost first(std::make_shared<ImageResource>(one.image()));
+    first.open({"-o", "windows_names"});
+    const auto second = ModuleHost::openImage(two.image());
+    const auto create = [](ModuleHost& host, const char* name) {
+        return codeOf(host.volume().create(host.volume().root(), name, Type::file));
+    };
+    EXPECT_EQ(create(first, "a:b"), kEINVAL);
+    EXPECT_EQ(create(*second, "a:b"), 0);
+    EXPECT_TRUE(first.check({"-q"}));
+    EXPECT_EQ(codeOf(first.check({"-y"})), kENOTSUP);
+    EXPECT_TRUE(first.close());
+    EXPECT_TRUE(first.close());
+    EXPECT_EQ(codeOf(first.check({"-q"})), kENXIO);
+    first.open();
+    EXPECT_EQ(create(first, "a:b"), 0);
+}
+
+TEST(Paths, AreResolvedThroughLinksInsideTheVolume) {
+    const SampleVolume sample;
+    const auto host = ModuleHost::openImage(sample.image());
+    VolumeClient& volume = host->volume();
+    const auto make = [&](const std::string& path, Type type) {
+        const Location at = locate(volume, path).get();
+        (void)volume.create(at.directory, at.name, type).get();
+    };
+    const auto link = [&](const std::string& path, const std::string& target) {
+        const Location at = locate(volume, path).get();
+        (void)volume.createSymbolicLink(at.directory, at.name, target).get();
+    };
+    make("a", Type::directory);
+    make("/a/b/", Type::directory);
+    make("a/b/f", Type::file);
+    link("a/up", "../a/b");
+    link("absolute", "/a/up/f");
+    link("loop", "loop");
+    link("dangling", "nowhere");
+    const auto id = [&](const char* path, LastLink last = LastLink::follow) -> std::uint64_t {
+        const auto found = resolve(volume, path, last);
+        return found ? found->attributes.fileID() : 0;
+    };
+    const std::uint64_t file = id("a/b/f");
+    ASSERT_NE(file, 0u);
+    for (const char* path :
+         {"/a//b/./f", "a/up/f", "absolute", "../../a/b/../b/f", "a/up/../b/f"}) {
+        EXPECT_EQ(id(path), file) << path;
+    }
+    EXPECT_EQ(id(""), fskit::FSItemIDRootDirectory);
+    EXPECT_EQ(id("a/.."), fskit::FSItemIDRootDirectory);
+    EXPECT_NE(id("absolute", LastLink::keep), file);
+    EXPECT_EQ(codeOf(resolve(volume, "loop")), kELOOP);
+    EXPECT_EQ(codeOf(resolve(volume, "dangling")), kENOENT);
+    EXPECT_EQ(codeOf(resolve(volume, "a/b/f/g")), kENOTDIR);
+    EXPECT_EQ(codeOf(locate(volume, "/")), kEINVAL);
+    EXPECT_EQ(codeOf(locate(volume, "a/..")), kEINVAL);
+
+    std::vector<std::string> seen;
+    EXPECT_TRUE(walk(volume, volume.root(), [&](const std::string& path, const DirectoryEntry&) {
+        seen.push_back(path);
+        return path != "a/b";
+    }));
+    EXPECT_EQ(seen, (std::vector<std::string>{"a", "a/b", "a/up", "absolute", "dangling", "loop"}));
+    EXPECT_EQ(volume.liveItems(), 1u);
+}
+
+TEST(Paths, AWalkEndsWhereADirectoryIsInsideItself) {
+    const SampleVolume sample;
+    std::uint64_t number = 0;
+    std::uint64_t below = 0;
+    {
+        ModuleHost host(std::make_shared<ImageResource>(sample.image()));
+        host.open();
+        VolumeClient& volume = host.volume();
+        const ItemRef outer = volume.create(volume.root(), "outer", Type::directory).get();
+        number = volume.attributes(outer).get().fileID();
+        const ItemRef inner = volume.create(outer, "inner", Type::directory).get();
+        below = volume.attributes(inner).get().fileID();
+    }
+
+    // The entry: what it stands for, and 16 bytes on the directory it is in.
+    std::string raw = readFile(sample.image());
+    const auto reference = [&raw](std::size_t at) {
+        std::uint64_t value = 0;
+        std::memcpy(&value, &raw[at], 6);
+        return value;
+    };
+    for (std::size_t at = 0; at + 24 <= raw.size(); at += 8) {
+        if (reference(at) == below && reference(at + 16) == number) {
+            raw.replace(at, 8, raw, at + 16, 8);
+        }
+    }
+    writeFile(sample.image(), raw);
+
+    ModuleHost host(std::make_shared<ImageResource>(sample.image()));
+    host.open();
+    int visits = 0;
+    const auto end = walk(host.volume(), host.volume().root(),
+                          [&](const auto&, const auto&) { return ++visits < 100; });
+    EXPECT_EQ(codeOf(end), kEIO);
+    EXPECT_EQ(visits, 2);
+}
+
+TEST(ImageResource, HasTheGeometryAskedForAndEndsWhereItEnds) {
+    const TempDirectory directory;
+    writeFile(directory / "image", std::string(10'000, 'i'));
+    ImageResource image(directory / "image", {.blockSize = 4096, .physicalBlockSize = 8192});
+    EXPECT_EQ(image.BSDName(), "image");
+    EXPECT_EQ(image.blockCount(), 2u);
+    EXPECT_EQ(image.physicalBlockSize(), 8192u);
+    std::vector<std::byte> buffer(4096, std::byte{7});
+    EXPECT_EQ(image.read(buffer.data(), 8192, 4096), 10'000u - 8192u);
+    EXPECT_THROW(image.metadataRead(buffer.data(), 8192, 4096), fskit::Error);
+    EXPECT_THROW((void)image.write(buffer.data(), 8192, 4096), fskit::Error) << "grew";
+    EXPECT_EQ(image.write(buffer.data(), 0, 4096), 4096u);
+    EXPECT_FALSE(image.flushToMedium());
+    EXPECT_EQ(readFile(directory / "image").substr(4095, 2), std::string("\7i"));
+    image.revoke();
+    EXPECT_THROW((void)image.read(buffer.data(), 0, 512), fskit::Error);
+
+    writeFile(directory / "other", std::string(1024, 'o'));
+    ImageResource reader(directory / "other", {.readOnly = true});
+    EXPECT_FALSE(reader.isWritable());
+    EXPECT_THROW((void)reader.write(buffer.data(), 0, 512), fskit::Error);
+    const ImageResource secondReader(directory / "other", {.readOnly = true});
+    EXPECT_THROW(ImageResource(directory / "other"), OpenError) << "written to under its readers";
+}
+
+} // namespace
+
+} // namespace tavelin::test

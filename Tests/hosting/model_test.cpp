@@ -1,0 +1,153 @@
+// Random requests against a volume and against a plain model of one, which must agree on every
+// answer and every item after every step, and again after the volume was closed and opened.
+//
+// TAVELIN_MODEL_SEED, the first seed of eight, and TAVELIN_MODEL_STEPS run something else than
+// usual, and TAVELIN_MODEL_SCRIPT replays the script in that file.
+
+#include "system.hpp"
+
+#include "support/sample_volume.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace tavelin::test {
+
+namespace {
+
+using Script = std::vector<Operation>;
+
+constexpr std::size_t kStepsBetweenFullChecks = 40;
+
+// How the items at these paths differ from the model's; empty when they agree.
+std::string compare(System& system, Model& model, const std::vector<std::string>& paths) {
+    std::string text;
+    for (const std::string& path : paths) {
+        try {
+            text += model.disagreement(path, system.observe(path));
+        } catch (const fskit::Error& error) {
+            text += path + ": " + error.what() + "\n";
+        }
+    }
+    return text;
+}
+
+// Those of an operation's items that the model has, with the directories they are in.
+std::vector<std::string> touched(const Model& model, const Operation& op) {
+    std::vector<std::string> paths;
+    for (const std::string& path : {op.path, op.verb == Verb::rename ? op.text : ""}) {
+        for (const std::string& at : {path, splitPath(path).first}) {
+            if (!at.empty() && model.has(at)) {
+                paths.push_back(at);
+            }
+        }
+    }
+    return paths;
+}
+
+std::string step(System& system, Model& model, const Operation& op) {
+    const Answer expected = model.apply(op);
+    const Answer answer = system.apply(op);
+    if (answer != expected) {
+        return "answered " + std::to_string(answer.error) + ", not " +
+               std::to_string(expected.error) +
+               (answer.error == expected.error ? ", with other data\n" : "\n");
+    }
+    return compare(system, model, touched(model, op));
+}
+
+// What went wrong first in a whole run on a fresh volume; empty when nothing did.
+std::string play(const Script& script, bool windowsNames) {
+    const SampleVolume volume({.bytes = 128ull << 20});
+    const ModuleHost::Options options =
+        windowsNames ? ModuleHost::Options{"-o", "windows_names"} : ModuleHost::Options{};
+    try {
+        System system(volume.image(), options);
+        Model model(windowsNames);
+        for (std::size_t i = 0; i < script.size(); ++i) {
+            std::string fault = step(system, model, script[i]);
+            if (fault.empty() &&
+                (script[i].verb == Verb::reload || i % kStepsBetweenFullChecks == 0)) {
+                fault = compare(system, model, model.tree().items);
+            }
+            if (!fault.empty()) {
+                return "step " + std::to_string(i + 1) + ": " + toText({script[i]}) + fault;
+            }
+        }
+        system.reload();
+        if (std::string fault = compare(system, model, model.tree().items); !fault.empty()) {
+            return "after reloading: " + fault;
+        }
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    try {
+        (void)volume.check();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return {};
+}
+
+// Leaves out of a failing script what it fails without, in ever smaller pieces.
+Script shrink(Script script, bool windowsNames) {
+    for (std::size_t piece = script.size() / 2; piece > 0; piece /= 2) {
+        for (std::size_t at = 0; at < script.size();) {
+            Script shorter = script;
+            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(at);
+            const auto count = std::min(piece, script.size() - at);
+            shorter.erase(from, from + static_cast<std::ptrdiff_t>(count));
+            if (play(shorter, windowsNames).empty()) {
+                at += piece;
+            } else {
+                script = std::move(shorter);
+            }
+        }
+    }
+    return script;
+}
+
+void runSeed(std::uint64_t seed, std::size_t steps, bool windowsNames) {
+    OperationSource source(seed);
+    Model model(windowsNames);
+    Script script;
+    for (std::size_t i = 0; i < steps; ++i) {
+        script.push_back(source.next(model.tree()));
+        model.apply(script.back());
+    }
+    const std::string fault = play(script, windowsNames);
+    if (!fault.empty()) {
+        const Script shorter = shrink(script, windowsNames);
+        ADD_FAILURE() << "seed " << seed << ", windows_names " << windowsNames << "\n"
+                      << fault << "in short:\n"
+                      << toText(shorter) << play(shorter, windowsNames);
+    }
+}
+
+std::uint64_t number(const char* variable, std::uint64_t usual) {
+    const char* text = std::getenv(variable);
+    return text != nullptr ? std::strtoull(text, nullptr, 10) : usual;
+}
+
+class ModelRun : public ::testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(ModelRun, AgreesWithTheVolume) {
+    const std::uint64_t seed = number("TAVELIN_MODEL_SEED", 1) + GetParam();
+    runSeed(seed, number("TAVELIN_MODEL_STEPS", 800), seed % 4 == 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 8));
+
+TEST(ModelReplay, AgreesWithTheVolume) {
+    const char* file = std::getenv("TAVELIN_MODEL_SCRIPT");
+    if (file == nullptr) {
+        GTEST_SKIP() << "no TAVELIN_MODEL_SCRIPT to replay";
+    }
+    const Script script = fromText(readFile(file));
+    EXPECT_EQ(play(script, false), "");
+}
+
+} // namespace
+
+} // namespace tavelin::test

@@ -1,0 +1,198 @@
+#include "system.hpp"
+
+namespace tavelin::test {
+
+namespace {
+
+constexpr std::uint32_t kHidden = 0x8000;
+
+VolumeClient::Bytes bytes(const std::string& text) {
+    return std::as_bytes(std::span(text));
+}
+
+std::string text(std::span<const std::byte> content) {
+    std::string copy;
+    for (const std::byte byte : content) {
+        copy += static_cast<char>(byte);
+    }
+    return copy;
+}
+
+std::string readAll(VolumeClient& volume, const ItemRef& item, std::uint64_t offset,
+                    std::size_t length) {
+    std::vector<std::byte> buffer(length);
+    buffer.resize(volume.read(item, offset, buffer).get());
+    return text(buffer);
+}
+
+Ticks ticks(const std::timespec& time) {
+    return time.tv_sec * 10'000'000 + time.tv_nsec / 100;
+}
+
+fskit::FSItemSetAttributesRequest timesOf(const Operation& op) {
+    const std::timespec time{.tv_sec = op.number, .tv_nsec = op.other};
+    fskit::FSItemSetAttributesRequest changes;
+    if ((op.seed & 1u << accessTime) != 0) {
+        changes.setAccessTime(time);
+    }
+    if ((op.seed & 1u << modifyTime) != 0) {
+        changes.setModifyTime(time);
+    }
+    if ((op.seed & 1u << changeTime) != 0) {
+        changes.setChangeTime(time);
+    }
+    if ((op.seed & 1u << birthTime) != 0) {
+        changes.setBirthTime(time);
+    }
+    return changes;
+}
+
+} // namespace
+
+System::System(std::filesystem::path image, ModuleHost::Options options)
+    : image_(std::move(image)),
+      options_(std::move(options)),
+      host_(ModuleHost::openImage(image_, options_)) {}
+
+void System::reload() {
+    if (volume().liveItems() != 1) {
+        throw std::logic_error("items are left over besides the root");
+    }
+    host_->close().get();
+    host_.reset();
+    host_ = ModuleHost::openImage(image_, options_);
+}
+
+ItemRef System::walk(const std::string& path) {
+    ItemRef item = volume().root().duplicate();
+    for (const std::string& name : pathComponents(path)) {
+        item = volume().lookup(item, name).get();
+    }
+    return item;
+}
+
+Answer System::apply(const Operation& op) {
+    try {
+        const auto [directory, name] = splitPath(op.path);
+        switch (op.verb) {
+        case Verb::create: {
+            fskit::FSItemSetAttributesRequest attributes;
+            attributes.setSize(static_cast<std::uint64_t>(op.other));
+            attributes.setFlags(op.number != 0 ? kHidden : 0);
+            volume().create(walk(directory), name, fskit::FSItemType::file, attributes).get();
+            return {};
+        }
+        case Verb::mkdir:
+            volume().create(walk(directory), name, fskit::FSItemType::directory).get();
+            return {};
+        case Verb::symlink:
+            volume().createSymbolicLink(walk(directory), name, op.text).get();
+            return {};
+        case Verb::remove: {
+            const ItemRef parent = walk(directory);
+            const ItemRef item = volume().lookup(parent, name).get();
+            volume().remove(item, parent, name).get();
+            return {};
+        }
+        case Verb::rename:
+            rename(op);
+            return {};
+        case Verb::sync:
+            volume().synchronize().get();
+            return {};
+        case Verb::reload:
+            reload();
+            return {};
+        default:
+            return onItem(op);
+        }
+    } catch (const fskit::Error& error) {
+        return {.error = static_cast<std::int32_t>(error.code())};
+    }
+}
+
+void System::rename(const Operation& op) {
+    const auto [fromPath, fromName] = splitPath(op.path);
+    const auto [toPath, toName] = splitPath(op.text);
+    const ItemRef from = walk(fromPath);
+    const ItemRef item = volume().lookup(from, fromName).get();
+    const ItemRef to = walk(toPath);
+    auto over = volume().lookup(to, toName);
+    ItemRef none;
+    volume().rename(item, from, fromName, to, toName, over ? *over : none).get();
+}
+
+Answer System::onItem(const Operation& op) {
+    const ItemRef item = walk(op.path);
+    const fskit::FSItemType type = volume().attributes(item).get().type();
+    const bool link = type == fskit::FSItemType::symlink;
+    const auto offset = static_cast<std::uint64_t>(op.number);
+    fskit::FSItemSetAttributesRequest changes;
+    switch (op.verb) {
+    case Verb::lookup:
+        return {.data = std::to_string(static_cast<int>(type))};
+    case Verb::readlink:
+        return {.data = volume().readSymbolicLink(item).get()};
+    case Verb::write:
+    case Verb::read:
+    case Verb::truncate:
+        if (link) {
+            return {.error = kEINVAL}; // hosts never send data requests for links
+        }
+        if (op.verb == Verb::read) {
+            return {.data = readAll(volume(), item, offset, static_cast<std::size_t>(op.other))};
+        }
+        if (op.verb == Verb::write) {
+            const std::string content = pattern(op.seed, op.other);
+            return {.data = std::to_string(volume().write(item, offset, bytes(content)).get())};
+        }
+        changes.setSize(offset);
+        volume().setAttributes(item, changes).get();
+        return {};
+    case Verb::times:
+        changes = timesOf(op);
+        volume().setAttributes(item, changes).get();
+        return {};
+    case Verb::hide:
+        changes.setFlags(op.number != 0 ? kHidden : 0);
+        volume().setAttributes(item, changes).get();
+        return {};
+    case Verb::setStream: {
+        const std::string value = pattern(op.seed, op.other);
+        volume()
+            .setXattr(item, op.text, bytes(value), static_cast<fskit::FSSetXattrPolicy>(op.number))
+            .get();
+        return {};
+    }
+    case Verb::getStream:
+        return {.data = text(volume().getXattr(item, op.text).get())};
+    default:
+        throw std::logic_error("not an operation on an item");
+    }
+}
+
+ItemState System::observe(const std::string& path) {
+    const ItemRef item = walk(path);
+    const fskit::FSItemAttributes seen = volume().attributes(item).get();
+    ItemState state{.kind = static_cast<ItemKind>(seen.type()),
+                    .size = seen.size(),
+                    .linkCount = seen.linkCount(),
+                    .hidden = seen.flags() == kHidden,
+                    .times = {ticks(seen.accessTime()), ticks(seen.modifyTime()),
+                              ticks(seen.changeTime()), ticks(seen.birthTime())}};
+    if (state.kind == ItemKind::directory) {
+        for (const DirectoryEntry& entry : volume().list(item, false).get()) {
+            state.entries[entry.name] = static_cast<ItemKind>(entry.type);
+        }
+    } else if (state.kind == ItemKind::symlink) {
+        state.content = volume().readSymbolicLink(item).get();
+    } else {
+        state.content = readAll(volume(), item, 0, seen.size() + 1);
+    }
+    for (const std::string& name : volume().listXattrs(item).get()) {
+        state.streams[name] = text(volume().getXattr(item, name).get());
+    }
+    return state;
+}
+
+} // namespace tavelin::test

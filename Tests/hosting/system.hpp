@@ -1,0 +1,33 @@
+// The real thing, with the same interface as the model: a volume driven through the module host.
+#pragma once
+
+#include "model.hpp"
+
+#include "hosting/module_host.hpp"
+
+namespace tavelin::test {
+
+// Requests may come from several threads, except reload.
+class System {
+  public:
+    explicit System(std::filesystem::path image, ModuleHost::Options options = {});
+
+    Answer apply(const Operation& op);
+    // What is to be seen of an item; throws fskit::Error when it cannot be.
+    ItemState observe(const std::string& path);
+    // Closes the volume and opens it again. Throws fskit::Error or OpenError.
+    void reload();
+
+    VolumeClient& volume() { return host_->volume(); }
+
+  private:
+    Answer onItem(const Operation& op);
+    void rename(const Operation& op);
+    ItemRef walk(const std::string& path); // without following links
+
+    const std::filesystem::path image_;
+    const ModuleHost::Options options_;
+    std::unique_ptr<ModuleHost> host_;
+};
+
+} // namespace tavelin::test

@@ -1,0 +1,257 @@
+// put and get: what goes in comes out, and nothing else is touched.
+#include "tavelin_program.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <map>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kFailed = 1;
+
+std::string randomBytes(std::size_t count) {
+    std::string bytes(count, '\0');
+    std::uint32_t state = 12345;
+    for (char& byte : bytes) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+/// What must survive a copy, by path: kind, time of change in the volume's 100 ns, contents or
+/// target, and the attribute "user.author".
+std::map<std::string, std::string> fingerprint(const fs::path& tree) {
+    std::map<std::string, std::string> result;
+    for (const auto& entry : fs::recursive_directory_iterator(tree)) {
+        struct ::stat status {};
+        lstat(entry.path().c_str(), &status);
+        std::string& text = result[fs::relative(entry.path(), tree).string()];
+        text = std::to_string(status.st_mode & S_IFMT) + " " +
+               std::to_string(status.st_mtim.tv_sec) + "." +
+               std::to_string(status.st_mtim.tv_nsec / 100) + " ";
+        if (entry.is_symlink()) {
+            text += fs::read_symlink(entry.path()).string();
+        } else if (entry.is_regular_file()) {
+            text += readFile(entry.path());
+        }
+        char author[100];
+        const ssize_t length =
+            lgetxattr(entry.path().c_str(), "user.author", author, sizeof author);
+        text += length < 0 ? "" : "|" + std::string(author, static_cast<std::size_t>(length));
+    }
+    return result;
+}
+
+void setTime(const fs::path& path, std::time_t seconds, long nanoseconds) {
+    const std::timespec times[2] = {{seconds, 0}, {seconds, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+/// A tree with what goes wrong most easily. Answers whether attributes could be set.
+bool makeTree(const fs::path& tree) {
+    const std::string odd[] = {
+        "Grüße 日本 🎉",      "back\\slash", "a:b|c?*<>\"",         "dot.", " space ",
+        "new\nline \x1b[1m", "-dash",       std::string(255, 'n'), "CON"};
+    fs::path deep = tree / "deep";
+    for (int i = 0; i < 60; ++i) {
+        deep /= "level";
+    }
+    fs::create_directories(deep);
+    fs::create_directories(tree / "odd" / "empty folder");
+    writeFile(deep / "bottom", "deep");
+    for (const std::string& name : odd) {
+        writeFile(tree / "odd" / name, name);
+    }
+    writeFile(tree / "empty", "");
+    writeFile(tree / "exact", randomBytes(1 << 20));
+    writeFile(tree / "big", randomBytes((5 << 20) + 1));
+    for (int i = 0; i < 300; ++i) {
+        writeFile(tree / "odd" / ("many " + std::to_string(i)), std::to_string(i));
+    }
+    fs::create_symlink("../odd", tree / "deep" / "relative");
+    fs::create_symlink("/no/such/place", tree / "dangling");
+    fs::create_symlink(".", tree / "circle");
+    const bool attributes = setxattr((tree / "big").c_str(), "user.author", "Ada", 3, 0) == 0 &&
+                            setxattr((tree / "odd").c_str(), "user.author", "Grace", 5, 0) == 0;
+    setTime(tree / "big", 1, 123456700);
+    setTime(tree / "dangling", 946684799, 999999900);
+    setTime(tree / "odd", -11644473600 + 86400, 100); // in 1601
+    return attributes;
+}
+
+TEST(Copy, ATreeComesBackAsItWas) {
+    const SampleVolume volume({.bytes = 64ull << 20});
+    const TempDirectory host;
+    const std::string image = volume.image();
+    const fs::path tree = host / "tree";
+    const bool attributes = makeTree(tree);
+
+    const auto report = nlohmann::json::parse(tavelinDone({"put", "--json", image, tree}));
+    EXPECT_EQ(report.at("files"), 313);
+    EXPECT_EQ(report.at("links"), 3);
+    EXPECT_EQ(report.at("streams"), attributes ? 2 : 0);
+    EXPECT_EQ(volume.cat("tree/big"), readFile(tree / "big"));
+    EXPECT_EQ(volume.cat("tree/odd/back\\slash"), "back\\slash");
+    EXPECT_EQ(volume.list("tree/odd").size(), 310u + 1); // one name is two lines
+    if (attributes) {
+        EXPECT_EQ(volume.cat("tree/big", "author"), "Ada");
+    }
+    volume.check();
+
+    const std::string before = readFile(image);
+    tavelinDone({"get", image, "tree", host / "back"}); // under a new name
+    EXPECT_EQ(fingerprint(host / "back"), fingerprint(tree));
+    fs::create_directory(host / "whole");
+    tavelinDone({"get", image, "/", host / "whole"}); // everything, into a directory
+    EXPECT_EQ(fingerprint(host / "whole" / "tree"), fingerprint(tree));
+    EXPECT_EQ(readFile(image), before);
+
+    tavelinDone({"rm", "-r", image, "tree"});
+    EXPECT_EQ(tavelinDone({"ls", "-a", image}), "");
+    volume.check();
+}
+
+TEST(Copy, ReplacesFilesAndMergesDirectories) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    fs::create_directories(host / "a" / "sub");
+    writeFile(host.path() / "a" / "sub" / "one", "1");
+    writeFile(host.path() / "a" / "file", "long content");
+    tavelinDone({"put", image, host / "a"});
+    fs::remove(host.path() / "a" / "sub" / "one");
+    writeFile(host.path() / "a" / "sub" / "two", "2");
+    writeFile(host.path() / "a" / "file", "short");
+    tavelinDone({"put", image, host / "a"});
+    EXPECT_EQ(volume.list("a/sub"), (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(volume.cat("a/file"), "short");
+
+    fs::create_directories(host / "out" / "a");
+    writeFile(host.path() / "out" / "a" / "file", "old and longer");
+    writeFile(host.path() / "out" / "a" / "mine", "mine");
+    tavelinDone({"get", image, "a", host / "out"});
+    EXPECT_EQ(readFile(host.path() / "out" / "a" / "file"), "short");
+    EXPECT_EQ(readFile(host.path() / "out" / "a" / "mine"), "mine");
+
+    // A file never takes the place of a directory, nor the other way round.
+    fs::create_directories(host / "b" / "a" / "file");
+    writeFile(host.path() / "b" / "a" / "sub", "file");
+    const ProcessResult put = tavelinRun({"put", image, host.path() / "b" / "a"});
+    EXPECT_EQ(put.status, kFailed);
+    EXPECT_NE(put.err.find("2 problems"), std::string::npos) << put.err;
+    EXPECT_EQ(volume.list("a/sub"), (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(volume.cat("a/file"), "short");
+    const ProcessResult get = tavelinRun({"get", image, "a", host / "b"});
+    EXPECT_EQ(get.status, kFailed);
+    EXPECT_TRUE(fs::is_directory(host.path() / "b" / "a" / "file"));
+    EXPECT_EQ(readFile(host.path() / "b" / "a" / "sub"), "file");
+}
+
+TEST(Copy, LeavesOutWhatItCannotCopyAndGoesOn) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    const fs::path tree = volume.directory().path(); // holds the image itself
+    mkfifo((tree / "pipe").c_str(), 0600);
+    writeFile(tree / "caf\xe9", "not UTF-8");
+    writeFile(tree / "zuletzt", "last");
+    const ProcessResult result = tavelinRun({"put", image, tree.string() + "/."});
+    EXPECT_EQ(result.status, kFailed);
+    for (const char* const said : {"the image itself", "pipe: ", "caf\\xe9: ", "3 problems"}) {
+        EXPECT_NE(result.err.find(said), std::string::npos) << said << " in " << result.err;
+    }
+    EXPECT_EQ(tavelinDone({"ls", "-a", image}), "zuletzt\n");
+    // Nor does a copy out of the image replace it.
+    const std::string name = fs::path(image).filename();
+    tavelinDone({"put", image, "-", name}, "impostor");
+    expectRefusal(tavelinRun({"get", image, name, tree}), kFailed, "the image itself");
+    EXPECT_EQ(tavelinDone({"cat", image, name}), "impostor");
+}
+
+// No host keeps attributes of any size; what does not fit is told, never dropped in silence.
+TEST(Copy, StreamsThatTheHostHasNoRoomForAreToldAndCanBeLeftOut) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    tavelinDone({"put", image, "-", "file"}, "content");
+    tavelinDone({"xattr", "set", image, "file", "huge"}, std::string(100'000, 'x'));
+    expectRefusal(tavelinRun({"get", image, "file", host.path()}), kFailed, "--no-streams");
+    EXPECT_EQ(readFile(host / "file"), "content");
+    tavelinDone({"get", "--no-streams", image, "file", host / "second"});
+    EXPECT_EQ(readFile(host / "second"), "content");
+}
+
+/// Replaces a name wherever the volume has it, in UTF-16, by one of the same length.
+void forgeName(const fs::path& image, const std::string& name, const std::string& forged) {
+    const auto utf16 = [](const std::string& text) {
+        std::string units;
+        for (const char unit : text) {
+            units += unit;
+            units += '\0';
+        }
+        return units;
+    };
+    ASSERT_EQ(name.size(), forged.size());
+    std::string bytes = readFile(image);
+    int found = 0;
+    for (std::size_t at = 0; (at = bytes.find(utf16(name), at)) != std::string::npos; ++found) {
+        bytes.replace(at, utf16(name).size(), utf16(forged));
+    }
+    ASSERT_GE(found, 2) << "in the record and in the index";
+    writeFile(image, bytes);
+}
+
+TEST(Copy, GetNeverLeavesItsTarget) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    tavelinDone({"mkdir", image, "d"});
+    tavelinDone({"put", image, "-", "d/123456escape"}, "escaped");
+    tavelinDone({"put", image, "-", "d/12345sub"}, "escaped");
+    tavelinDone({"mkdir", image, "d/qz"});
+    tavelinDone({"put", image, "-", "d/qz/escape"}, "escaped");
+    tavelinDone({"put", image, "-", "d/..\\escape"}, "ordinary");
+    tavelinDone({"ln", "-s", image, host / "elsewhere", "d/link"});
+    forgeName(image, "123456escape", "../../escape");
+    forgeName(image, "12345sub", "/etc/sub");
+    forgeName(image, "qz", "..");
+
+    fs::create_directories(host / "elsewhere");
+    fs::create_directories(host.path() / "out" / "inner");
+    const fs::path target = host.path() / "out" / "inner";
+    // A link that waits in the target, where a directory of the volume is to go.
+    fs::create_directory_symlink(host / "elsewhere", target / "d2");
+    tavelinDone({"mkdir", "-p", image, "d2"});
+    tavelinDone({"put", image, "-", "d2/escape"}, "escaped");
+    const ProcessResult get = tavelinRun({"get", image, "d", target});
+    EXPECT_EQ(get.status, kFailed);
+    EXPECT_NE(get.err.find("would lead out"), std::string::npos) << get.describe();
+    expectRefusal(tavelinRun({"get", image, "d2", target}), kFailed, "something else");
+
+    EXPECT_EQ(readFile(target / "d" / "..\\escape"), "ordinary");
+    EXPECT_TRUE(fs::is_symlink(target / "d" / "link"));
+    std::vector<std::string> outside;
+    for (const auto& entry : fs::recursive_directory_iterator(host.path())) {
+        const fs::path relative = fs::relative(entry.path(), target);
+        if (entry.path().filename().string().ends_with("escape") &&
+            relative.string().starts_with("..")) {
+            outside.push_back(entry.path());
+        }
+    }
+    EXPECT_EQ(outside, std::vector<std::string>());
+    EXPECT_FALSE(fs::exists("/etc/sub"));
+}
+
+} // namespace
+} // namespace tavelin::test

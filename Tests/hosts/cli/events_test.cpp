@@ -1,0 +1,68 @@
+#include "tavelin_program.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <csignal>
+#include <cstdlib>
+
+namespace tavelin::test {
+namespace {
+
+using nlohmann::json;
+
+/// A log of its own for one test.
+class Events : public testing::Test {
+  protected:
+    Events() { setenv("TAVELIN_GROUP_CONTAINER", (directory_ / "group").c_str(), 1); }
+
+    TempDirectory directory_;
+    SampleVolume volume_;
+};
+
+std::vector<json> parseLines(const std::string& text) {
+    std::vector<json> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(json::parse(line));
+    }
+    return lines;
+}
+
+TEST_F(Events, ReadFromAnOffsetOn) {
+    tavelinDone({"ls", volume_.image()});
+    std::vector<json> first = parseLines(tavelinDone({"events", "--json", "--since", "0"}));
+    ASSERT_GE(first.size(), 4u);
+    EXPECT_EQ(first.front().at("ev"), "module_start");
+    const auto offset = first.back().at("offset").get<std::uint64_t>();
+
+    tavelinDone({"check", "-q", volume_.image()});
+    const auto later =
+        parseLines(tavelinDone({"events", "--json", "--since", std::to_string(offset)}));
+    EXPECT_EQ(later.front().at("ev"), "module_start");
+    const std::string shown = tavelinDone({"events"});
+    EXPECT_NE(shown.find("  check errno=0 mode=quick"), std::string::npos) << shown;
+    // Beyond its end, as after a rotation, the whole log comes.
+    EXPECT_EQ(parseLines(tavelinDone({"events", "--json", "--since", "99999999"})).size(),
+              first.size() + later.size() - 1);
+}
+
+TEST_F(Events, FollowShowsWhatComes) {
+    tavelinDone({"probe", volume_.image()});
+    RunningTavelin following({"events", "--follow", "--json"});
+    EXPECT_EQ(json::parse(following.readLine()).at("ev"), "module_start");
+    EXPECT_EQ(json::parse(following.readLine()).at("ev"), "probe");
+    tavelinDone({"check", "-n", volume_.image()});
+    json event;
+    do {
+        const std::string line = following.readLine();
+        ASSERT_FALSE(line.empty()) << following.finish().describe();
+        event = json::parse(line);
+    } while (event.at("ev") != "check");
+    EXPECT_EQ(event.at("mode"), "verify");
+    following.signal(SIGTERM);
+    EXPECT_EQ(following.finish().status, 128 + SIGTERM);
+}
+
+} // namespace
+} // namespace tavelin::test

@@ -1,0 +1,85 @@
+// What is different when a person is watching.
+#include "tavelin_program.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+/// All that a terminal of 100 columns receives while `tavelin` runs on it.
+std::string onTerminal(std::vector<std::string> words, const char* noColour = nullptr) {
+    words.insert(words.begin(), TAVELIN_PROGRAM);
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    winsize size{24, 100, 0, 0};
+    int terminal = -1;
+    const pid_t process = forkpty(&terminal, nullptr, nullptr, &size);
+    if (process == 0) {
+        noColour == nullptr ? unsetenv("NO_COLOR") : setenv("NO_COLOR", noColour, 1);
+        execv(arguments.front(), arguments.data());
+        _exit(127);
+    }
+    std::string received;
+    char piece[4096];
+    // A terminal whose last user is gone answers an error rather than an end.
+    for (ssize_t count; (count = read(terminal, piece, sizeof piece)) > 0;) {
+        received.append(piece, static_cast<std::size_t>(count));
+    }
+    close(terminal);
+    int status = 0;
+    waitpid(process, &status, 0);
+    EXPECT_EQ(status, 0) << received;
+    return received;
+}
+
+TEST(Terminal, NamesCannotDriveIt) {
+    const SampleVolume volume;
+    const std::string evil = "\x1b]0;gotcha\x07\x1b[2J\nfake line";
+    tavelinDone({"put", volume.image(), "-", evil}, "x");
+    tavelinDone({"ln", "-s", volume.image(), "\x1b[2J", "link"});
+    tavelinDone({"xattr", "set", volume.image(), evil, "stream\x1b[2J", "v"});
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"ls", "-l", volume.image()},
+          {"stat", volume.image(), evil},
+          {"readlink", volume.image(), "link"},
+          {"xattr", "list", volume.image(), evil}}) {
+        const std::string shown = onTerminal(words, "1");
+        EXPECT_EQ(shown.find('\x1b'), std::string::npos) << words.front() << ": " << shown;
+        EXPECT_EQ(shown.find("\nfake"), std::string::npos) << words.front() << ": " << shown;
+        EXPECT_NE(shown.find("\\x1b"), std::string::npos) << words.front() << ": " << shown;
+    }
+    // A program gets the name itself.
+    EXPECT_EQ(tavelinDone({"ls", volume.image()}), evil + "\nlink\n");
+}
+
+TEST(Terminal, ColoursAndProgressAreForPeopleOnly) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    tavelinDone({"mkdir", image, "folder"});
+    EXPECT_EQ(onTerminal({"ls", image}), "\x1b[1;34mfolder\x1b[0m\r\n");
+    EXPECT_EQ(onTerminal({"ls", image}, "1"), "folder\r\n");
+    EXPECT_EQ(tavelinDone({"ls", image}), "folder\n");
+
+    writeFile(host / "big", std::string(4 << 20, 'x'));
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"put", image, host / "big"},
+          {"get", image, "big", host.path()}}) {
+        const std::string shown = onTerminal(words, "1");
+        EXPECT_NE(shown.find("\r["), std::string::npos) << shown;      // the bar …
+        EXPECT_NE(shown.find("\r\x1b[K"), std::string::npos) << shown; // … is gone in the end
+        EXPECT_NE(shown.find("1 files (4.0 MiB)"), std::string::npos) << shown;
+    }
+    EXPECT_EQ(onTerminal({"put", "--json", image, host / "big"}).find("\r["), std::string::npos);
+}
+
+} // namespace
+} // namespace tavelin::test

@@ -1,0 +1,201 @@
+// Directories under concurrent change: streams that are read while others create and remove.
+#include "hosts/fuse/served_volume.hpp"
+#include "support/run_process.hpp"
+
+#include <climits>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <dirent.h>
+#include <fcntl.h>
+#include <set>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class MountDirectories : public MountTest {
+  protected:
+    void SetUp() override {
+        MountTest::SetUp();
+        if (!IsSkipped()) {
+            mountFresh(256 * kMiB);
+        }
+    }
+
+    void fill(const std::string& directory, int files) {
+        fs::create_directory(*this / directory);
+        for (int i = 0; i < files; ++i) {
+            const int fd = ::open(path(directory + "/file" + std::to_string(i)).c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL, 0666);
+            ASSERT_NE(fd, -1) << i;
+            ::close(fd);
+        }
+    }
+
+    // Runs `change` up to `times` in a process of its own while `work` runs.
+    static void whileRepeating(int times, const std::function<void(int)>& change,
+                               const std::function<void()>& work) {
+        const pid_t other = ::fork();
+        ASSERT_NE(other, -1);
+        if (other == 0) {
+            for (int i = 0; i < times; ++i) {
+                change(i);
+            }
+            ::_exit(0);
+        }
+        work();
+        ::kill(other, SIGKILL);
+        ::waitpid(other, nullptr, 0);
+    }
+};
+
+TEST_F(MountDirectories, StreamsSeeWhatExistsThroughoutExactlyOnce) {
+    fill("folder", 3000);
+    const std::string directory = path("folder");
+    const auto change = [&](int i) {
+        const std::string name = directory + "/come" + std::to_string(i % 200);
+        ::close(::open(name.c_str(), O_WRONLY | O_CREAT, 0666));
+        const std::string renamed = directory + "/go" + std::to_string(i % 150);
+        ::rename(name.c_str(), renamed.c_str());
+        if (i % 2 == 0) {
+            ::unlink(renamed.c_str());
+        }
+    };
+    whileRepeating(INT_MAX, change, [&] {
+        bool changing = false;
+        for (int round = 0; round < 12 || !changing; ++round) {
+            std::multiset<std::string> seen;
+            DIR* stream = ::opendir(directory.c_str());
+            ASSERT_NE(stream, nullptr);
+            while (const dirent* entry = ::readdir(stream)) {
+                seen.insert(entry->d_name);
+            }
+            ::closedir(stream);
+            EXPECT_EQ(seen.count("."), 1u);
+            EXPECT_EQ(seen.count(".."), 1u);
+            int missing = 0;
+            for (int i = 0; i < 3000; ++i) {
+                missing += seen.count("file" + std::to_string(i)) != 1;
+            }
+            EXPECT_EQ(missing, 0) << "in round " << round;
+            changing |= seen.size() > 3002;
+        }
+    });
+}
+
+TEST_F(MountDirectories, PositionsOfAStreamStayGood) {
+    fill("folder", 1500);
+    DIR* stream = ::opendir(path("folder").c_str());
+    ASSERT_NE(stream, nullptr);
+    std::vector<std::pair<long, std::string>> entries; // the position before each, and its name
+    long position = ::telldir(stream);
+    while (const dirent* entry = ::readdir(stream)) {
+        entries.emplace_back(position, entry->d_name);
+        position = ::telldir(stream);
+    }
+    // After other entries have gone and come, each position still leads to its entry.
+    for (int i = 0; i < 1500; i += 3) {
+        fs::remove(*this / "folder" / ("file" + std::to_string(i)));
+        writeFile(*this / "folder" / ("new" + std::to_string(i)), "x");
+    }
+    for (size_t i = 0; i < entries.size(); i += 101) {
+        if (!fs::exists(*this / "folder" / entries[i].second)) {
+            continue;
+        }
+        ::seekdir(stream, entries[i].first);
+        bool found = false;
+        for (int step = 0; step < 3 && !found; ++step) { // newcomers may stand before it
+            const dirent* entry = ::readdir(stream);
+            found = entry != nullptr && entry->d_name == entries[i].second;
+        }
+        EXPECT_TRUE(found) << entries[i].second;
+    }
+    ::closedir(stream);
+}
+
+TEST_F(MountDirectories, LargeDirectoriesAreRemovedWhileOthersCreateInThem) {
+    for (const bool byFind : {false, true}) {
+        fill("folder", 20'000);
+        const std::string directory = path("folder");
+        const std::vector<std::string> remove{"env", "LC_ALL=C", "rm", "-rf", directory};
+        const std::vector<std::string> find{"find",  directory, "-type",  "f",
+                                            "-name", "file*",   "-delete"};
+        const auto change = [&](int i) {
+            ::close(::open((directory + "/late" + std::to_string(i)).c_str(), O_WRONLY | O_CREAT,
+                           0666));
+        };
+        // Few enough to end: rm -rf gives up when a directory never gets empty.
+        whileRepeating(500, change, [&] {
+            const ProcessResult result = run(byFind ? find : remove);
+            EXPECT_TRUE(result.ok() || result.err == "rm: cannot remove '" + directory +
+                                                         "': Directory not empty\n")
+                << result.describe();
+        });
+        int left = 0;
+        if (fs::exists(directory)) {
+            for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
+                EXPECT_TRUE(entry.path().filename().string().starts_with("late")) << entry.path();
+                ++left;
+            }
+        }
+        EXPECT_LE(left, 500);
+        expectToLast(*volume_, served_);
+        EXPECT_TRUE(run({"rm", "-rf", path("folder")}).ok());
+        EXPECT_FALSE(fs::exists(directory));
+    }
+}
+
+TEST_F(MountDirectories, ManyProcessesCreateAndRemoveSideBySide) {
+    constexpr int kProcesses = 8, kRounds = 30, kFiles = 12;
+    fs::create_directory(*this / "shared");
+    std::vector<pid_t> children;
+    for (int worker = 0; worker < kProcesses; ++worker) {
+        const pid_t child = ::fork();
+        if (child != 0) {
+            children.push_back(child);
+            continue;
+        }
+        int failures = 0;
+        for (int round = 0; round < kRounds; ++round) {
+            const std::string own = path("own" + std::to_string(worker));
+            failures += ::mkdir(own.c_str(), 0777) != 0;
+            for (int i = 0; i < kFiles; ++i) {
+                const std::string name = "/w" + std::to_string(worker) + "f" + std::to_string(i);
+                const std::string content = name + std::to_string(round);
+                try {
+                    writeFile(own + name + ".tmp", content);
+                    fs::rename(own + name + ".tmp", own + name + ".o");
+                    writeFile(path("shared" + name), content);
+                    failures += readFile(own + name + ".o") != content;
+                    failures += readFile(path("shared" + name)) != content;
+                    fs::remove(own + name + ".o");
+                    if (round + 1 < kRounds) {
+                        fs::remove(path("shared" + name));
+                    }
+                } catch (const std::exception&) {
+                    ++failures;
+                }
+            }
+            failures += ::rmdir(own.c_str()) != 0;
+        }
+        ::_exit(std::min(failures, 255));
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(WEXITSTATUS(status), 0) << "failures in one process";
+    }
+    int left = 0;
+    for (const fs::directory_entry& entry : fs::directory_iterator(*this / "shared")) {
+        left += entry.is_regular_file();
+    }
+    EXPECT_EQ(left, kProcesses * kFiles);
+    expectToLast(*volume_, served_);
+}
+
+} // namespace
+} // namespace tavelin::test

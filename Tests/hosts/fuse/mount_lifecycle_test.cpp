@@ -1,0 +1,256 @@
+// How mounts begin and end: options, refusals, signals, crashes.
+#include "hosts/fuse/mount/mount_request.hpp"
+#include "hosts/fuse/mount/mount_table.hpp"
+#include "hosts/fuse/served_volume.hpp"
+#include "hosts/fuse/tree.hpp"
+#include "hosts/fuse/watches.hpp"
+#include "support/run_process.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class MountLifecycle : public MountTest {
+  protected:
+    // A file written and synchronised, and kept open.
+    int synced(const std::string& name, const std::string& content) {
+        const int fd = ::open(path(name).c_str(), O_RDWR | O_CREAT, 0666);
+        EXPECT_EQ(::write(fd, content.data(), content.size()),
+                  static_cast<ssize_t>(content.size()));
+        EXPECT_EQ(::fsync(fd), 0);
+        return fd;
+    }
+
+    // The volume as a crash would leave it now; the image itself is locked while it is served.
+    std::unique_ptr<SampleVolume> asOnTheImage() const {
+        auto copy = std::make_unique<SampleVolume>();
+        runOrThrow({"cp", "--sparse=always", volume_->image(), copy->image()});
+        return copy;
+    }
+
+    // Runs the built program to its end, and answers its exit status; it says why when that is bad.
+    static int tavelin(std::vector<std::string> words) {
+        words.insert(words.begin(), TAVELIN_PROGRAM);
+        const ProcessResult result = run(words);
+        EXPECT_NE(result.ok(), result.err.starts_with("tavelin: ")) << result.describe();
+        return result.status;
+    }
+};
+
+TEST_F(MountLifecycle, SynchronisedFilesSurviveAKilledServer) {
+    std::vector<int> open;
+    for (int i = 0; i < 40; ++i) {
+        const std::string directory = "folder" + std::to_string(i % 4);
+        fs::create_directories(*this / directory);
+        open.push_back(synced(directory + "/file" + std::to_string(i),
+                              std::string(static_cast<size_t>(1000 * (i + 1)), 's')));
+    }
+    // A new name for a synchronised file is synchronised with its directory.
+    fs::rename(*this / "folder0/file0", *this / "folder0/renamed");
+    const int directory = ::open(path("folder0").c_str(), O_RDONLY | O_DIRECTORY);
+    EXPECT_EQ(::fsync(directory), 0);
+    ::close(directory);
+    const Tree expected = readTree(served_->directory());
+    served_->crash();
+    for (const int fd : open) {
+        ::close(fd);
+    }
+    mount();
+    EXPECT_EQ(firstDifference(expected, readTree(served_->directory())), "");
+    expectToLast(*volume_, served_);
+}
+
+TEST_F(MountLifecycle, ACrashLeavesNoRemovedFileBehind) {
+    const int open = synced("open", std::string(300'000, 'o'));
+    const int replaced = synced("replaced", "old");
+    writeFile(*this / "new", "new");
+    fs::rename(*this / "new", *this / "replaced");
+    fs::remove(*this / "open");
+    ASSERT_EQ(::fsync(open), 0); // the removal is on the image now
+    EXPECT_EQ(asOnTheImage()->list().size(), 2u) << "parked, where independent readers see it";
+    served_->crash();
+    ::close(open);
+    ::close(replaced);
+    mount();
+    EXPECT_FALSE(fs::exists(*this / "open"));
+    EXPECT_EQ(readFile(*this / "replaced"), "new");
+    expectToLast(*volume_, served_);
+    served_.reset();
+    EXPECT_EQ(volume_->list(), std::vector<std::string>{"replaced"});
+}
+
+TEST_F(MountLifecycle, RemovalsThatNobodySynchronisesReachTheImageAnyway) {
+    const int open = synced("open", "content");
+    fs::remove(*this / "open");
+    // About a second of idleness parks the file, another writes that back.
+    ChangeWatch image(volume_->image());
+    std::vector<std::string> names;
+    do {
+        names = asOnTheImage()->list();
+    } while (std::find(names.begin(), names.end(), "open") != names.end() && image.await());
+    EXPECT_EQ(names, std::vector<std::string>{".tavelin-removed"});
+    char byte = 0;
+    EXPECT_EQ(::pread(open, &byte, 1, 0), 1);
+    ::close(open);
+}
+
+TEST_F(MountLifecycle, SignalsUnmountWithEverythingWritten) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const std::string content(3 << 20, static_cast<char>(signal));
+        writeFile(*this / "file", content);
+        ::kill(served_->server(), signal);
+        EXPECT_EQ(served_->awaitEnd(), 0);
+        EXPECT_FALSE(fusehost::findMount(served_->directory()));
+        EXPECT_TRUE(volume_->cat("file") == content);
+        mount();
+    }
+    expectToLast(*volume_, served_);
+}
+
+TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
+    constexpr size_t kPage = 4096;
+    for (const bool impatient : {false, true}) {
+        const int open = synced("file", std::string(2 * kPage, 'x'));
+        // A page that only the kernel knows to be dirty, and that nobody unmaps before the end.
+        void* const map =
+            ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, open, off_t{kPage});
+        ASSERT_NE(map, MAP_FAILED);
+        std::fill_n(static_cast<char*>(map), kPage, '!');
+        ::kill(served_->server(), SIGTERM);
+        MountTableWatch mounts;
+        while (fusehost::findMount(served_->directory())) {
+            ASSERT_TRUE(mounts.await());
+        }
+        EXPECT_EQ(::pwrite(open, "CONTENT", 7, 0), 7) << "it is still served";
+        if (impatient) {
+            ::kill(served_->server(), SIGTERM);
+            EXPECT_EQ(served_->awaitEnd(), 0);
+        }
+        ::munmap(map, kPage);
+        ::close(open);
+        EXPECT_EQ(served_->awaitEnd(), 0);
+        EXPECT_TRUE(volume_->cat("file") ==
+                    "CONTENT" + std::string(kPage - 7, 'x') + std::string(kPage, '!'));
+        mount();
+    }
+    expectToLast(*volume_, served_);
+}
+
+// As users type them: the program, the helper of mount(8), and the unmounting programs.
+TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
+    served_.reset();
+    const TempDirectory mountPoint;
+    const std::string directory = mountPoint.path(), image = volume_->image();
+    const std::string content(1 << 20, 'c');
+    const auto isServed = [&] { return fusehost::findMount(directory).has_value(); };
+    EXPECT_EQ(tavelin({"mount", image, directory}), 0);
+    EXPECT_TRUE(isServed());
+    writeFile(mountPoint / "by the program", content);
+    EXPECT_EQ(tavelin({"mount", image, directory}), 1) << "in use already";
+    EXPECT_TRUE(readFile(mountPoint / "by the program") == content);
+    EXPECT_EQ(tavelin({"umount", directory}), 0);
+    EXPECT_TRUE(volume_->cat("by the program") == content);
+    EXPECT_EQ(tavelin({"umount", directory}), 1) << "nothing there";
+
+    runOrThrow({"env",
+                "PATH=" + fs::path(TAVELIN_PROGRAM).parent_path().string() + ":/usr/bin:/bin",
+                MOUNT_HELPER, image, directory, "-o", "rw,nodev,noatime", "-s"});
+    writeFile(mountPoint / "by the helper", content);
+    EXPECT_EQ(tavelin({"umount", directory}), 0);
+    EXPECT_TRUE(volume_->cat("by the helper") == content);
+
+    writeFile(mountPoint / "no volume", content);
+    for (const fs::path& none :
+         {mountPoint / "missing", mountPoint / "no volume", mountPoint.path()}) {
+        EXPECT_EQ(tavelin({"mount", none, directory}), 1) << none;
+    }
+    EXPECT_EQ(tavelin({"mount", "--trace", image, directory}), 2) << "nowhere to print to";
+    EXPECT_FALSE(isServed());
+}
+
+TEST_F(MountLifecycle, SyncfsAndBareUnmountsReachAServerOverALoopDevice) {
+    const bool reached =
+        fusehost::findMount(served_->directory()).value().type == "fuseblk.tavelin";
+    const std::string content(1 << 20, 'c');
+    writeFile(*this / "synchronised", content);
+    const int fd = ::open(served_->directory().c_str(), O_RDONLY | O_DIRECTORY);
+    EXPECT_EQ(::syncfs(fd), 0);
+    ::close(fd);
+    EXPECT_TRUE(!reached || asOnTheImage()->cat("synchronised") == content);
+    writeFile(*this / "unmounted", content);
+    runOrThrow({"fusermount3", "-u", served_->directory()});
+    EXPECT_TRUE(!reached || asOnTheImage()->cat("unmounted") == content);
+    EXPECT_EQ(served_->awaitEnd(), 0);
+    mount();
+    expectToLast(*volume_, served_);
+}
+
+TEST_F(MountLifecycle, AnUnmountedImageCanBeMountedAtOnce) {
+    if (fusehost::findMount(served_->directory())->type != "fuseblk.tavelin") {
+        GTEST_SKIP() << "without a loop device an unmount does not wait";
+    }
+    std::vector<std::unique_ptr<ServedVolume>> servers;
+    for (int i = 0; i < 20; ++i) {
+        writeFile(*this / "file", "content"); // it is being served
+        ASSERT_EQ(::umount2(served_->directory().c_str(), 0), 0);
+        servers.push_back(std::move(served_)); // it may still be ending
+        served_ = std::make_unique<ServedVolume>(volume_->image());
+    }
+    for (const auto& server : servers) {
+        EXPECT_EQ(server->awaitEnd(), 0);
+    }
+}
+
+TEST_F(MountLifecycle, NobodyNeedListenToATrace) {
+    served_.reset();
+    const TempDirectory directory;
+    MountTableWatch mounts;
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const pid_t server = ::fork();
+    if (server == 0) {
+        ::dup2(ends[1], STDERR_FILENO);
+        ::execl(TAVELIN_PROGRAM, "tavelin", "mount", "--foreground", "--trace",
+                volume_->image().c_str(), directory.path().c_str(), nullptr);
+        std::_Exit(127);
+    }
+    ::close(ends[0]);
+    ::close(ends[1]);
+    while (!fusehost::findMount(directory.path())) {
+        ASSERT_TRUE(mounts.await());
+    }
+    writeFile(directory / "file", "content");
+    EXPECT_EQ(::umount2(directory.path().c_str(), 0), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(server, &status, 0), server);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(volume_->cat("file"), "content");
+}
+
+TEST(MountOptions, AreSortedByWhomTheyConcern) {
+    fusehost::MountRequest request;
+    EXPECT_EQ(fusehost::applyOptions("rw,noatime,,windows_names,allow_other,nonsense,_netdev,"
+                                     "x-systemd.automount,uid=5,default_permissions",
+                                     request),
+              (std::vector<std::string>{"nonsense", "uid=5"}));
+    EXPECT_TRUE(request.allowOther);
+    EXPECT_FALSE(request.readOnly);
+    EXPECT_EQ(request.kernelOptions, (std::vector<std::string>{"noatime", "default_permissions"}));
+    EXPECT_EQ(request.volumeOptions, std::vector<std::string>{"windows_names"});
+    EXPECT_TRUE(fusehost::applyOptions("ro", request).empty());
+    EXPECT_TRUE(request.readOnly);
+}
+
+} // namespace
+} // namespace tavelin::test

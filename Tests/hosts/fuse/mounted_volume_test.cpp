@@ -1,0 +1,233 @@
+// The mounted volume without a kernel: what becomes of nodes and removed files when the kernel lets
+// go of them late, when the volume is full and when others have used this host's directory.
+#include "core/driver2.hpp"
+#include "hosting/module_host.hpp"
+#include "hosts/fuse/tree/mounted_volume.hpp"
+#include "platform/error_numbers.hpp"
+#include "support/sample_volume.hpp"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace tavelin::test {
+namespace {
+
+using fskit::FSItemType;
+using fusehost::Entry;
+using fusehost::MountedVolume;
+using fusehost::Node;
+using fusehost::OrphanFiles;
+
+class MountedVolumeTest : public testing::Test {
+  protected:
+    void SetUp() override { open(); }
+    void TearDown() override { close(); }
+
+    void open() {
+        host_ = ModuleHost::openImage(volume_.image());
+        mounted_ = std::make_unique<MountedVolume>(host_->volume());
+        mounted_->removedFiles().cleanUp();
+    }
+    void close() {
+        if (host_) {
+            EXPECT_TRUE(mounted_->finish());
+            EXPECT_TRUE(host_->close());
+            mounted_.reset();
+            host_.reset();
+            EXPECT_NO_THROW(volume_.check());
+        }
+    }
+
+    Node& root() { return mounted_->node(1); }
+    Node& make(const std::string& name, const std::string& content = {},
+               FSItemType type = FSItemType::file) {
+        Node& node = *mounted_->create(root(), name, type).get().node;
+        if (!content.empty()) {
+            EXPECT_TRUE(mounted_->volume().write(node.item, 0, bytes(content)));
+        }
+        return node;
+    }
+    // With one more count, as for every answer to the kernel; null when there is no such name.
+    Node* find(const std::string& name) {
+        std::optional<Entry> found = mounted_->lookup(root(), name).get();
+        return found ? found->node : nullptr;
+    }
+    void forget(Node& node) { mounted_->forget(node.number(), node.lookups); }
+    std::string read(const Node& node) {
+        std::string text(100, 0);
+        const Outcome<size_t> got =
+            mounted_->volume().read(node.item, 0, std::as_writable_bytes(std::span<char>(text)));
+        return got ? text.substr(0, *got) : "error " + got.error().localizedDescription();
+    }
+    static VolumeClient::Bytes bytes(const std::string& text) {
+        return std::as_bytes(std::span<const char>(text));
+    }
+
+    // Takes all clusters, and with `records` all room for new files too.
+    void fill(bool records) {
+        const std::string block(64 << 10, 'b');
+        Node& large = make("large");
+        uint64_t size = 0;
+        for (size_t piece = block.size(); piece != 0; piece /= 2) {
+            while (mounted_->volume().write(large.item, size, bytes(block.substr(0, piece)))) {
+                size += piece;
+            }
+        }
+        int i = 0;
+        while (records && mounted_->create(root(), "f" + std::to_string(i), FSItemType::file)) {
+            ++i;
+        }
+    }
+
+    static void expectError(const Outcome<void>& outcome, int32_t code) {
+        ASSERT_FALSE(outcome);
+        EXPECT_EQ(outcome.error().code(), code);
+    }
+
+    SampleVolume volume_;
+    std::unique_ptr<ModuleHost> host_;
+    std::unique_ptr<MountedVolume> mounted_;
+};
+
+TEST_F(MountedVolumeTest, AnOldNodeLetsGoOfItsOwnRecordOnly) {
+    Node& directory = make("folder", {}, FSItemType::directory);
+    ASSERT_TRUE(mounted_->removeDirectory(root(), "folder"));
+    // Files until one has the directory's record.
+    Node* file = &make("file0", "content");
+    for (int i = 1; i < 500 && file->ino != directory.ino; ++i) {
+        file = &make("file" + std::to_string(i), "content");
+    }
+    ASSERT_EQ(file->ino, directory.ino);
+    for (int i = 0; i < 500; ++i) {
+        (void)mounted_->removeFile(root(), "file" + std::to_string(i));
+    }
+    forget(directory);
+    EXPECT_EQ(read(*file), "content") << "it is open still";
+    EXPECT_TRUE(mounted_->removedFiles().contains(file->ino));
+    const uint64_t ino = file->ino;
+    forget(*file);
+    EXPECT_FALSE(mounted_->removedFiles().contains(ino));
+}
+
+TEST_F(MountedVolumeTest, ARenameThatFailsLeavesItsTarget) {
+    // On a full volume the file cannot be given the long name: it would push its content out of its
+    // record.
+    const std::string longName(190, 'n');
+    make(longName, "target");
+    make("source", std::string(550, 's'));
+    fill(false);
+    expectError(mounted_->rename(root(), "source", root(), longName, true), kENOSPC);
+    ASSERT_NE(find(longName), nullptr);
+    EXPECT_EQ(read(*find(longName)), "target");
+    EXPECT_NE(find("source"), nullptr);
+    forget(*find(longName));
+    EXPECT_NE(find(longName), nullptr) << "also once nobody has it open";
+}
+
+TEST_F(MountedVolumeTest, ARenameThatFailsLeavesALinkThatHasLostAName) {
+    Node& file = make("first", "content");
+    EXPECT_TRUE(mounted_->volume().linkInternal(file.item, root().item, "second"));
+    ASSERT_EQ(find("second"), &file);
+    make("other");
+    ASSERT_TRUE(mounted_->rename(root(), "other", root(), "first", true));
+    make("folder", {}, FSItemType::directory);
+    expectError(mounted_->rename(root(), "folder", root(), "second", true), kENOTDIR);
+    EXPECT_EQ(find("second"), &file);
+    EXPECT_EQ(read(file), "content");
+}
+
+TEST_F(MountedVolumeTest, ANameIsFreeWhoeverParksItsFile) {
+    const std::jthread parking([&](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            EXPECT_TRUE(mounted_->removedFiles().persistOrphans());
+        }
+    });
+    Node* last = nullptr;
+    for (int i = 0; i < 2000; ++i) {
+        Node& file = make("file");
+        if (last != nullptr) {
+            forget(*last);
+        }
+        ASSERT_TRUE(mounted_->removeFile(root(), "file"));
+        last = &file;
+    }
+}
+
+TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {
+    Node& file = make("file", "content");
+    fill(true);
+    ASSERT_TRUE(mounted_->removeFile(root(), "file"));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(mounted_->synchronize()) << "there is no room to park the file, and no need";
+    }
+    mounted_->removedFiles().persistExpired();
+    EXPECT_EQ(read(file), "content");
+    EXPECT_EQ(find("file"), nullptr);
+    forget(file);
+    EXPECT_TRUE(mounted_->removedFiles().isEmpty());
+}
+
+TEST_F(MountedVolumeTest, AListingGoesWithTheLastStream) {
+    make("file");
+    const auto listed = [&] {
+        const MutexLock held(root().directory->lock);
+        return root().directory->listing != nullptr;
+    };
+    for (int i = 0; i < 2; ++i) {
+        mounted_->openDirectory(root());
+    }
+    EXPECT_TRUE(mounted_->readDirectory(root(), 0, false, [](const auto&, const auto&) {
+        return false; // a reader that looks at nothing more
+    }));
+    mounted_->closeDirectory(root());
+    EXPECT_TRUE(listed()) << "the other stream may go on";
+    mounted_->closeDirectory(root());
+    EXPECT_FALSE(listed());
+}
+
+TEST_F(MountedVolumeTest, OnlyWhatThisHostParkedIsCleanedUp) {
+    VolumeClient& volume = mounted_->volume();
+    const std::string parking(OrphanFiles::kOrphanDirectory);
+    {
+        const ItemRef directory =
+            volume.create(volume.root(), parking, FSItemType::directory).get();
+        (void)volume.create(directory, "photo.jpg", FSItemType::file).get();
+        (void)volume.create(directory, "0123456789ab", FSItemType::file).get();
+        const ItemRef left = volume.create(directory, "left", FSItemType::file).get();
+        const uint64_t ino = Driver2::ino(volume.attributes(left)->fileID());
+        volume.rename(left, directory, "left", directory, fmt::format("{:012x}", ino), ItemRef())
+            .get();
+    }
+    close();
+    open();
+    EXPECT_TRUE(mounted_->synchronize());
+    close();
+    EXPECT_EQ(volume_.list("/" + parking), (std::vector<std::string>{"0123456789ab", "photo.jpg"}));
+
+    // A file of that name is nobody's parking directory.
+    open();
+    {
+        VolumeClient& again = mounted_->volume();
+        const ItemRef directory = again.lookup(again.root(), parking).get();
+        for (const char* name : {"photo.jpg", "0123456789ab"}) {
+            again.remove(again.lookup(directory, name).get(), directory, name).get();
+        }
+        again.remove(directory, again.root(), parking).get();
+        (void)again.create(again.root(), parking, FSItemType::file).get();
+    }
+    close();
+    open();
+    EXPECT_TRUE(mounted_->synchronize()) << "what was found at the mount is nobody's failure";
+    close();
+    EXPECT_EQ(volume_.list(), std::vector<std::string>{parking});
+}
+
+TEST(ShortAliases, MayHaveLettersOfSeveralBytes) {
+    EXPECT_TRUE(fusehost::mayBeDosName("ФОТОГР~1.JPG"));
+    EXPECT_FALSE(fusehost::mayBeDosName("ФОТОГРАФ~1.JPG"));
+}
+
+} // namespace
+} // namespace tavelin::test

@@ -1,0 +1,175 @@
+#include "hosts/fuse/served_volume.hpp"
+
+#include "hosts/fuse/mount/commands.hpp"
+#include "hosts/fuse/mount/mount_table.hpp"
+#include "hosts/fuse/tree.hpp"
+#include "support/run_process.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace tavelin::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Becomes the server; does not return.
+[[noreturn]] void serve(const fs::path& image, const fs::path& directory,
+                        const std::string& options, const fs::path& log) {
+    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ::dup2(fd, STDERR_FILENO);
+    ::dup2(fd, STDOUT_FILENO);
+    // What the test has open is not the server's; least of all files on the volume that it serves.
+    ::close_range(STDERR_FILENO + 1, ~0u, 0);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is ended takes its server along
+    fusehost::MountRequest request;
+    request.image = image;
+    request.directory = directory;
+    request.foreground = true;
+    for (const std::string& word : fusehost::applyOptions(options, request)) {
+        if (word == "trace") {
+            request.trace = true;
+        }
+    }
+    std::_Exit(fusehost::mountVolume(request));
+}
+
+int statusOf(int waited) {
+    return WIFEXITED(waited) ? WEXITSTATUS(waited) : 128 + WTERMSIG(waited);
+}
+
+} // namespace
+
+std::string whyNoMounts() {
+    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
+        return "/dev/fuse cannot be used here";
+    }
+    return {};
+}
+
+ServedVolume::ServedVolume(const fs::path& image, const std::string& options) {
+    const int mounts = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    server_ = ::fork();
+    if (server_ == -1) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    if (server_ == 0) {
+        serve(image, directory(), options, log_ / "err");
+    }
+    // The kernel flags every change of the mount table on this descriptor.
+    bool ended = false;
+    while (!ended && !fusehost::findMount(directory())) {
+        pollfd change{mounts, POLLPRI, 0};
+        (void)::poll(&change, 1, 50);
+        siginfo_t end{};
+        ::waitid(P_PID, static_cast<id_t>(server_), &end, WEXITED | WNOHANG | WNOWAIT);
+        ended = end.si_pid == server_;
+    }
+    ::close(mounts);
+    if (ended) {
+        awaitEnd();
+        throw std::runtime_error(printed());
+    }
+}
+
+ServedVolume::~ServedVolume() {
+    unmount();
+}
+
+int ServedVolume::awaitEnd() {
+    if (server_ == -1) {
+        return 0;
+    }
+    int status = 0;
+    while (::waitpid(server_, &status, 0) == -1 && errno == EINTR) {
+    }
+    server_ = -1;
+    return statusOf(status);
+}
+
+int ServedVolume::unmount() {
+    if (server_ != -1 && ::umount2(directory().c_str(), 0) != 0) {
+        ADD_FAILURE() << "umount: " << std::generic_category().message(errno);
+        crash();
+    }
+    return awaitEnd();
+}
+
+void ServedVolume::crash() {
+    ::kill(server_, SIGKILL);
+    awaitEnd();
+    ::umount2(directory().c_str(), MNT_DETACH);
+}
+
+void MountTest::SetUp() {
+    if (const std::string why = whyNoMounts(); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    mountFresh(64 * kMiB);
+}
+
+void MountTest::mountFresh(uint64_t bytes, const std::string& options) {
+    served_.reset();
+    VolumeGeometry geometry;
+    geometry.bytes = bytes;
+    volume_ = std::make_unique<SampleVolume>(geometry);
+    mount(options);
+}
+
+void MountTest::mount(const std::string& options) {
+    served_.reset();
+    served_ = std::make_unique<ServedVolume>(volume_->image(), options);
+}
+
+void MountTest::TearDown() {
+    if (served_) {
+        EXPECT_EQ(served_->unmount(), 0) << served_->printed();
+        served_.reset();
+    }
+    if (volume_) {
+        EXPECT_NO_THROW(volume_->check());
+    }
+}
+
+void MountTest::changeByDriver(const std::function<void(const TempDirectory& directory)>& change) {
+    served_.reset();
+    {
+        const TempDirectory directory;
+        runOrThrow({"ntfs-3g", volume_->image(), directory.path()});
+        change(directory);
+        runOrThrow({"umount", directory.path()});
+    }
+    mount();
+}
+
+void MountTest::addAliased(const TempDirectory& directory) {
+    writeFile(directory / "a long name.txt", "content");
+    runOrThrow({"setfattr", "-h", "-n", "system.ntfs_dos_name", "-v", "ALONGN~1.TXT",
+                directory / "a long name.txt"});
+}
+
+void expectToLast(const SampleVolume& volume, std::unique_ptr<ServedVolume>& served) {
+    const Tree before = readTree(served->directory());
+    EXPECT_EQ(served->unmount(), 0) << served->printed();
+    EXPECT_NO_THROW(volume.check());
+    served = std::make_unique<ServedVolume>(volume.image());
+    EXPECT_EQ(firstDifference(before, readTree(served->directory())), "") << "in a second mount";
+    EXPECT_EQ(served->unmount(), 0);
+
+    const TempDirectory directory;
+    runOrThrow({"ntfs-3g", "-o", "ro,efs_raw", volume.image(), directory.path()});
+    EXPECT_EQ(firstDifference(before, readTree(directory.path())), "") << "through ntfs-3g";
+    ::umount2(directory.path().c_str(), 0);
+    served = std::make_unique<ServedVolume>(volume.image());
+}
+
+} // namespace tavelin::test

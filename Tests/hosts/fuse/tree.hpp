@@ -1,0 +1,32 @@
+// What a directory holds, for comparing one with another.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+
+namespace tavelin::test {
+
+struct TreeEntry {
+    std::filesystem::file_type type = std::filesystem::file_type::none;
+    uint64_t size = 0;
+    size_t content = 0;    // a hash of the bytes, or of a link's target
+    size_t attributes = 0; // a hash of the extended attributes that belong to users
+
+    bool operator==(const TreeEntry&) const = default;
+};
+
+using Tree = std::map<std::string, TreeEntry>; // by path below the directory
+
+// Reads everything below a directory.
+Tree readTree(const std::filesystem::path& directory);
+
+// Names the first entry that is not the same in both, empty when there is none.
+std::string firstDifference(const Tree& expected, const Tree& actual);
+
+// Writes a tree of `files` small files in nested directories, with links, odd names and extended
+// attributes among them; the same for the same seed. Throws std::system_error.
+void makeTree(const std::filesystem::path& directory, int files, unsigned seed = 1);
+
+} // namespace tavelin::test
