@@ -178,7 +178,7 @@ void seal(Bytes& image, std::size_t at) {
     }
     Bytes whole(&image[at], &image[at] + pages * kBlock);
     for (std::size_t page = JournalRecord::headerPages(record.pages); page < pages; page++) {
-        record.mask(&whole[page * kBlock]);
+        record.escape(&whole[page * kBlock]);
     }
     std::memset(&whole[kAtChecksum], 0, sizeof(std::uint32_t));
     const auto sum = static_cast<std::uint32_t>(
