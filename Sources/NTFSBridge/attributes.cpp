@@ -1,5 +1,6 @@
 // What one inode is like: ntb_getattr.
 #include "NTFSBridge/links.hpp"
+#include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/times.hpp"
 #include "NTFSBridge/volume.hpp"
 
@@ -18,33 +19,18 @@ uint32_t flags_of(const ntfs_inode* inode) noexcept {
     return flags;
 }
 
-bool describe_reparse_link(ntfs_inode* inode, ntb_attr& out) noexcept {
-    const c_string target = reparse_target(inode);
-    if (!target) {
-        return false;
-    }
-    out.type = NTB_TYPE_SYMLINK;
-    out.size = std::strlen(target.get());
-    return true;
-}
-
 void describe_directory(ntfs_inode* inode, ntb_attr& out) noexcept {
-    out.type = NTB_TYPE_DIRECTORY;
     out.link_count = 2;
     const attribute_guard index(ntfs_attr_open(inode, AT_INDEX_ALLOCATION, NTFS_INDEX_I30, 4));
     if (index) {
         out.size = static_cast<uint64_t>(index->data_size);
         out.alloc_size = static_cast<uint64_t>(index->allocated_size);
     }
-    describe_reparse_link(inode, out);
 }
 
-void describe_file(ntfs_inode* inode, ntb_attr& out) noexcept {
-    out.type = NTB_TYPE_FILE;
+void describe_file(ntfs_inode* inode, const reparse_point& point, ntb_attr& out) noexcept {
     out.link_count = std::max<uint32_t>(le16_to_cpu(inode->mrec->link_count), 1);
-    if (describe_reparse_link(inode, out)) {
-        return;
-    }
+    out.data_state = data_state_of(inode, point);
     const attribute_guard data = open_unnamed_data(inode);
     if (!data) {
         return;
@@ -53,10 +39,21 @@ void describe_file(ntfs_inode* inode, ntb_attr& out) noexcept {
     out.size = static_cast<uint64_t>(data->data_size);
     out.alloc_size =
         static_cast<uint64_t>(has_holes ? data->compressed_size : data->allocated_size);
-    if (is_interix_link(inode, data.get())) {
-        out.type = NTB_TYPE_SYMLINK;
-        out.size = static_cast<uint64_t>(data->data_size - interix_marker_size) / sizeof(ntfschar);
+    if (out.data_state == NTB_DATA_SYSTEM_COMPRESSED) {
+        out.alloc_size += compressed_allocation(inode);
     }
+}
+
+// After describe_file: an Interix link's target is in its data.
+void describe_link(ntfs_inode* inode, const reparse_point& point, ntb_attr& out) noexcept {
+    if (!point.exists()) {
+        out.size = (out.size - interix_marker_size) / sizeof(ntfschar);
+        return;
+    }
+    const c_string target = link_target(inode, point, target_form::in_mount);
+    out.size = target ? std::strlen(target.get()) : 0;
+    out.alloc_size = 0;
+    out.data_state = NTB_DATA_HERE;
 }
 
 } // namespace
@@ -73,10 +70,17 @@ int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out) {
     out->change_time = to_unix_time(inode->last_mft_change_time);
     out->birth_time = to_unix_time(inode->creation_time);
     out->flags = flags_of(inode.get());
+    reparse_point point;
+    (void)point.read(inode.get()); // of a damaged one, whatever could be read is told
+    out->reparse_tag = point.tag();
+    out->type = type_of(inode.get(), point, &out->device);
     if (is_directory(inode.get())) {
         describe_directory(inode.get(), *out);
     } else {
-        describe_file(inode.get(), *out);
+        describe_file(inode.get(), point, *out);
+    }
+    if (out->type == NTB_TYPE_SYMLINK) {
+        describe_link(inode.get(), point, *out);
     }
     return 0;
 }

@@ -1,4 +1,5 @@
 // The contents of files: always the unnamed data stream.
+#include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/transfer.hpp"
 #include "NTFSBridge/volume.hpp"
 
@@ -16,11 +17,25 @@ struct open_file {
     attribute_guard data; // after the inode, to be closed before it
 
     [[nodiscard]] int32_t open(const ntb_vol* vol, uint64_t ino) noexcept {
+        const int32_t error = open_inode(vol, ino);
+        return error != 0 ? error : open_data();
+    }
+
+    [[nodiscard]] int32_t open_inode(const ntb_vol* vol, uint64_t ino) noexcept {
         if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
             return error;
         }
-        if (is_directory(inode.get())) {
-            return EISDIR;
+        return is_directory(inode.get()) ? EISDIR : 0;
+    }
+
+    // EOPNOTSUPP when the stream does not have the file's bytes.
+    [[nodiscard]] int32_t open_data() noexcept {
+        if (is_reparse_point(inode.get())) {
+            reparse_point point;
+            const int32_t error = point.read(inode.get());
+            if (point.exists()) {
+                return error == 0 || error == EIO ? EOPNOTSUPP : error;
+            }
         }
         errno = 0;
         data = open_unnamed_data(inode.get());
@@ -64,7 +79,16 @@ int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint
                  uint64_t* done) {
     *done = 0;
     open_file file;
-    if (const int32_t error = file.open(vol, ino); error != 0) {
+    if (const int32_t error = file.open_inode(vol, ino); error != 0) {
+        return error;
+    }
+    if (is_reparse_point(file.inode.get())) {
+        const int32_t error = read_compressed(vol, file.inode.get(), offset, buffer, length, done);
+        if (error != EOPNOTSUPP) {
+            return error;
+        }
+    }
+    if (const int32_t error = file.open_data(); error != 0) {
         return error;
     }
     if (offset >= file.size()) {
@@ -130,10 +154,9 @@ int32_t ntb_flush(ntb_vol* vol, uint64_t ino) {
         return 0;
     }
     open_file file;
-    if (const int32_t error = file.open(vol, ino); error != 0) {
+    if (const int32_t error = file.open_inode(vol, ino); error != 0) {
         return error;
     }
-    file.data.reset();
     errno = 0;
     if (ntfs_inode_sync(file.inode.get()) != 0) {
         return file.close(err_or(EIO));

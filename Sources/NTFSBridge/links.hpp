@@ -1,9 +1,9 @@
-// Symbolic links in their two forms on a volume: reparse points as Windows makes them, which are
-// only read, and Interix links, which the bridge makes too: a system file whose data is a marker
-// of eight bytes followed by the target in UTF-16.
+// Symbolic links in their forms on a volume: reparse points as Windows and WSL make them, and
+// Interix links: a system file whose data is a marker of eight bytes followed by the target in
+// UTF-16.
 #pragma once
 
-#include "NTFSBridge/guards.hpp"
+#include "NTFSBridge/reparse.hpp"
 
 namespace ntb {
 
@@ -16,14 +16,21 @@ inline constexpr int longest_interix_target =
 // when the rest of the test needs it.
 bool is_interix_link(ntfs_inode* inode, ntfs_attr* data = nullptr) noexcept;
 
-// Whether the inode is a link as far as named streams go: any reparse point, or an Interix link.
+// Whether a reparse point is a link: a symbolic link or a junction of Windows, or a link of WSL,
+// with a target.
+bool is_reparse_link(const reparse_point& point) noexcept;
+
+// Whether the inode is a link of either kind.
 bool is_link(ntfs_inode* inode) noexcept;
 
-// The target in UTF-8 of a reparse point that is a symbolic link or a junction; else null.
-c_string reparse_target(ntfs_inode* inode) noexcept;
+// How the target of a link into this volume is told.
+enum class target_form {
+    of_volume, // from the volume's root: "/real"
+    in_mount,  // from the link's directory: "../real", which holds wherever the volume is mounted
+};
 
-// The same for a relative symbolic link whose target exists just as it is written; null for any
-// other.
-c_string exact_relative_target(ntfs_inode* link) noexcept;
+// The target in UTF-8 of an inode that has this reparse point, or is an Interix link; null when it
+// is no link.
+c_string link_target(ntfs_inode* inode, const reparse_point& point, target_form form) noexcept;
 
 } // namespace ntb

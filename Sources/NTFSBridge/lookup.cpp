@@ -1,5 +1,6 @@
 // Finding names and listing directories.
 #include "NTFSBridge/names.hpp"
+#include "NTFSBridge/reparse.hpp"
 #include "NTFSBridge/volume.hpp"
 
 using namespace ntb;
@@ -9,22 +10,27 @@ namespace {
 struct listing {
     ntb_dir_callback callback;
     void* context;
+    ntfs_inode* directory;
     bool stopped;
 };
 
 constexpr int go_on = 0;
 constexpr int stop = -1;
 
-uint32_t type_of_entry(unsigned entry_type) noexcept {
-    switch (entry_type) {
-    case NTFS_DT_DIR:
-        return NTB_TYPE_DIRECTORY;
-    case NTFS_DT_LNK:
-    case NTFS_DT_REPARSE:
-        return NTB_TYPE_SYMLINK;
-    default:
+// The library's word is good for plain files and directories. All else is looked at as ntb_getattr
+// does, so that an item is the same in a listing and for itself.
+uint32_t type_of_entry(const listing& list, uint64_t ino, unsigned entry_type) noexcept {
+    if (entry_type == NTFS_DT_REG || entry_type == NTFS_DT_DIR || ino == list.directory->mft_no) {
+        return entry_type == NTFS_DT_DIR ? NTB_TYPE_DIRECTORY : NTB_TYPE_FILE;
+    }
+    inode_guard inode;
+    if (inode.open(list.directory->vol, ino) != 0) {
         return NTB_TYPE_FILE;
     }
+    reparse_point point;
+    (void)point.read(inode.get()); // as in ntb_getattr
+    uint64_t device = 0;
+    return type_of(inode.get(), point, &device);
 }
 
 int filler(void* state, const ntfschar* name, const int name_length, const int name_type,
@@ -39,7 +45,7 @@ int filler(void* state, const ntfschar* name, const int name_length, const int n
         std::strcmp(text, ".") == 0 || std::strcmp(text, "..") == 0) {
         return go_on;
     }
-    if (list.callback(list.context, text, ino, type_of_entry(entry_type)) != 0) {
+    if (list.callback(list.context, text, ino, type_of_entry(list, ino, entry_type)) != 0) {
         list.stopped = true;
         return stop;
     }
@@ -69,7 +75,8 @@ int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback,
     if (const int32_t error = open_directory(vol, directory, inode); error != 0) {
         return error;
     }
-    listing list = {.callback = callback, .context = context, .stopped = false};
+    listing list = {
+        .callback = callback, .context = context, .directory = inode.get(), .stopped = false};
     s64 position = 0;
     errno = 0;
     if (ntfs_readdir(inode.get(), &position, &list, filler) != 0 && !list.stopped) {

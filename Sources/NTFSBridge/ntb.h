@@ -145,7 +145,16 @@ void ntb_populate_cache(ntb_vol* vol);
 
 /* ---- Lookup, attributes, listing ------------------------------------------------------------- */
 
-enum { NTB_TYPE_FILE = 1, NTB_TYPE_DIRECTORY = 2, NTB_TYPE_SYMLINK = 3 };
+enum {
+    NTB_TYPE_FILE = 1,
+    NTB_TYPE_DIRECTORY = 2,
+    NTB_TYPE_SYMLINK = 3,
+    /* special files as WSL and Interix make them */
+    NTB_TYPE_FIFO = 4,
+    NTB_TYPE_CHARACTER_DEVICE = 5,
+    NTB_TYPE_BLOCK_DEVICE = 6,
+    NTB_TYPE_SOCKET = 7
+};
 
 enum {
     NTB_FLAG_HIDDEN = 1u << 0,
@@ -153,6 +162,24 @@ enum {
     NTB_FLAG_SYSTEM = 1u << 2,
     NTB_FLAG_COMPRESSED = 1u << 3,
     NTB_FLAG_REPARSE_POINT = 1u << 4
+};
+
+/* Reparse tags that the bridge acts on, from Microsoft's [MS-FSCC] 2.1.2.1. */
+#define NTB_TAG_MOUNT_POINT UINT32_C(0xA0000003)
+#define NTB_TAG_SYMLINK UINT32_C(0xA000000C)
+#define NTB_TAG_WOF UINT32_C(0x80000017)
+#define NTB_TAG_LX_SYMLINK UINT32_C(0xA000001D)
+#define NTB_TAG_AF_UNIX UINT32_C(0x80000023)
+#define NTB_TAG_LX_FIFO UINT32_C(0x80000024)
+#define NTB_TAG_LX_CHR UINT32_C(0x80000025)
+#define NTB_TAG_LX_BLK UINT32_C(0x80000026)
+
+/* Where the bytes are that a file's unnamed stream should have. */
+enum {
+    NTB_DATA_HERE = 0,
+    NTB_DATA_SYSTEM_COMPRESSED = 1, /* in another stream: read as usual, see ntb_decompress */
+    NTB_DATA_ELSEWHERE = 2,         /* where only Windows, or nobody, finds them */
+    NTB_DATA_ENCRYPTED = 3          /* here, under a key that is not */
 };
 
 /* A time since 1970-01-01 UTC; 0 <= nanoseconds < 1e9, in steps of 100 on the volume. */
@@ -166,8 +193,11 @@ typedef struct ntb_attr {
     uint32_t type;       /* NTB_TYPE_... */
     uint32_t link_count; /* 2 for directories */
     uint32_t flags;      /* NTB_FLAG_... */
-    uint64_t size;       /* bytes; of a link, the length of its target */
+    uint64_t size;       /* bytes; of a link, the length of its target in a mount */
     uint64_t alloc_size; /* bytes on the volume */
+    uint64_t device;     /* of a device, its major number << 32 | its minor number */
+    uint32_t reparse_tag; /* 0: no reparse point */
+    uint32_t data_state;  /* of a file, NTB_DATA_... */
     ntb_time access_time;
     ntb_time modify_time;
     ntb_time change_time;
@@ -188,6 +218,11 @@ typedef int32_t (*ntb_dir_callback)(void* context, const char* name, uint64_t in
 int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback, void* context);
 
 /* ---- File data: always the unnamed stream. EISDIR on directories. ---------------------------- */
+/*
+ * Where the bytes are elsewhere, reading, writing and truncating answer EOPNOTSUPP, and EACCES
+ * where they are encrypted, however long the stream says that it is. System-compressed files are
+ * read as if they were not; writing and truncating answer EOPNOTSUPP until ntb_decompress.
+ */
 
 /* *done is set even on failure. At or past the end: 0 bytes, success. */
 int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint64_t length,
@@ -200,6 +235,14 @@ int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffe
 
 /* Grows (reading back as zeroes) or shrinks. The present size changes nothing, not even times. */
 int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size);
+
+/*
+ * Makes a plain file of a system-compressed one: the bytes go to the unnamed stream, then the
+ * reparse point and the compressed stream go. Until the last step the file is whole in its
+ * compressed form, and so it is after an error. ENOSPC before anything is written when there may
+ * not be room; EOPNOTSUPP when the file is not system-compressed; EIO when its data is damaged.
+ */
+int32_t ntb_decompress(ntb_vol* vol, uint64_t ino);
 
 /* Writes the file's record out, then does what ntb_sync does. 0 at once on read-only volumes. */
 int32_t ntb_flush(ntb_vol* vol, uint64_t ino);
@@ -219,8 +262,14 @@ int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kin
 int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
                     uint64_t* ino);
 
-/* The target of an Interix link or of a reparse point that is one; EINVAL for anything else. */
+/*
+ * The target of a link: an Interix link, a reparse point of WSL, or one of Windows; EINVAL for
+ * anything else. Links of Windows with a path from a drive's root lead into this volume. Their
+ * target is that path, as in "/real", or, in a mount, the way there from the link's directory, as
+ * in "../real". What is on no volume that could be this one keeps its spelling, with backslashes.
+ */
 int32_t ntb_readlink(ntb_vol* vol, uint64_t ino, char** target);
+int32_t ntb_readlink_in_mount(ntb_vol* vol, uint64_t ino, char** target);
 
 /* Removes a file's name or an empty directory. ENOENT, ENOTDIR, ENOTEMPTY. */
 int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name);
@@ -247,7 +296,9 @@ int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden);
 
 /*
  * Extended attributes are named data streams; names carry no prefix. Links have none: reading or
- * removing one answers ENOATTR (ENODATA on hosts without it), setting one EPERM.
+ * removing one answers ENOATTR (ENODATA on hosts without it), setting one EPERM. The stream that a
+ * system-compressed file has its data in is not listed and cannot be set (EPERM); removing it
+ * answers EOPNOTSUPP: it is gone after ntb_decompress.
  */
 typedef int32_t (*ntb_name_callback)(void* context, const char* name);
 

@@ -1,6 +1,7 @@
 // Named data streams, which the host sees as extended attributes.
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/names.hpp"
+#include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/transfer.hpp"
 
 using namespace ntb;
@@ -71,6 +72,15 @@ int32_t fill_stream(ntfs_attr* stream, const void* value, uint64_t size) noexcep
     return ntfs_attr_pclose(stream) == 0 ? 0 : err_or(EIO);
 }
 
+// Whether a stream is what a system-compressed file has its bytes in.
+bool is_compressed_stream(ntfs_inode* inode, const char* name) noexcept {
+    if (!is_reparse_point(inode) || std::strcmp(name, compressed_stream_name) != 0) {
+        return false;
+    }
+    reparse_point point;
+    return point.read(inode) == 0 && system_compression_format(point);
+}
+
 int32_t set_stream(ntb_vol* vol, const named_inode& target, const void* value, uint64_t size,
                    int32_t flags) noexcept {
     attribute_guard stream;
@@ -107,6 +117,7 @@ int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, vo
     if (is_link(inode.get())) {
         return 0;
     }
+    const bool has_compressed_stream = is_compressed_stream(inode.get(), compressed_stream_name);
     errno = 0;
     const search_guard search(ntfs_attr_get_search_ctx(inode.get(), nullptr));
     if (!search) {
@@ -121,6 +132,7 @@ int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, vo
         char name[name_buffer_size];
         if (starts_a_named_stream(found) &&
             to_utf8(static_cast<const ntfschar*>(units), found->name_length, name) &&
+            !(has_compressed_stream && std::strcmp(name, compressed_stream_name) == 0) &&
             callback(context, name) != 0) {
             return 0;
         }
@@ -172,7 +184,7 @@ int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* v
     if (const int32_t error = target.open(vol, ino, name); error != 0) {
         return error;
     }
-    if (is_link(target.inode.get())) {
+    if (is_link(target.inode.get()) || is_compressed_stream(target.inode.get(), name)) {
         return EPERM;
     }
     if (const int32_t error = set_stream(vol, target, value, size, flags); error != 0) {
@@ -194,6 +206,9 @@ int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name) {
     }
     ntfs_inode* const inode = target.inode.get();
     const auto length = static_cast<u32>(target.name.length());
+    if (is_compressed_stream(inode, name)) {
+        return EOPNOTSUPP;
+    }
     if (is_link(inode) || !ntfs_attr_exist(inode, AT_DATA, target.name.units(), length)) {
         return no_such_attribute;
     }

@@ -4,6 +4,7 @@
 #include "NTFSBridge/device/devctx.hpp"
 #include "NTFSBridge/guards.hpp"
 #include "NTFSBridge/ntb.h"
+#include "NTFSBridge/system_compression.hpp"
 
 struct ntb_vol {
     ntfs_volume* volume = nullptr;
@@ -12,7 +13,8 @@ struct ntb_vol {
     uint32_t windows_names = 0; // 0 or 1
     uint64_t serial = 0;
     ntb_stats stats = {};
-    bool freed_since_sync = false;            // clusters, since the last sync that succeeded
+    bool freed_since_sync = false; // clusters, since the last sync that succeeded
+    ntb::compressed_readers compressed;
     std::unique_ptr<ntb::ntb_devctx> context; // the library device's private pointer
 };
 

@@ -1,0 +1,64 @@
+// A sample volume mounted by the FUSE driver ntfs-3g, which writes what we only read.
+#pragma once
+
+#include "support/run_process.hpp"
+#include "support/sample_volume.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+
+// The image mounted by the driver, for as long as this lives.
+class DriverMount {
+  public:
+    // With streams_interface=windows a named stream is reached as "file:stream", with
+    // special_files=wsl special files are made as WSL does.
+    explicit DriverMount(const SampleVolume& sample, const std::string& options = "compression")
+        : directory_(sample.directory() / "mount") {
+        std::filesystem::create_directories(directory_);
+        runOrThrow({"ntfs-3g", "-o", options, sample.image().string(), directory_.string()});
+    }
+    ~DriverMount() { EXPECT_TRUE(run({"umount", directory_.string()}).ok()); }
+    DriverMount(const DriverMount&) = delete;
+    DriverMount& operator=(const DriverMount&) = delete;
+
+    static bool isPossible() { return access("/dev/fuse", R_OK | W_OK) == 0 && geteuid() == 0; }
+
+    std::string path(const std::string& name) const { return (directory_ / name).string(); }
+    void make(const std::string& name, const std::string& content = {}) const {
+        writeFile(directory_ / name, content);
+    }
+    void makeSpecial(const std::string& name, mode_t kind, dev_t device) const {
+        EXPECT_EQ(mknod(path(name).c_str(), kind | 0666, device), 0)
+            << name << ": " << strerror(errno);
+    }
+    void set(const std::string& name, const char* attribute, const std::string& value) const {
+        EXPECT_EQ(setxattr(path(name).c_str(), attribute, value.data(), value.size(), 0), 0)
+            << name << " " << attribute << ": " << strerror(errno);
+    }
+    std::string get(const std::string& name, const char* attribute) const {
+        char value[65536];
+        const ssize_t size = getxattr(path(name).c_str(), attribute, value, sizeof value);
+        EXPECT_GE(size, 0) << name << " " << attribute << ": " << strerror(errno);
+        return std::string(value, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    }
+
+  private:
+    std::filesystem::path directory_;
+};
+
+#define REQUIRE_DRIVER()                                                                           \
+    if (!DriverMount::isPossible()) {                                                              \
+        GTEST_SKIP() << "mounting the driver needs root and /dev/fuse";                            \
+    }
+
+} // namespace tavelin::test
