@@ -92,6 +92,14 @@ std::uint32_t mode(NTFSItemType type) noexcept {
         return S_IFDIR | 0777u;
     case NTFSItemType::symlink:
         return S_IFLNK | 0777u;
+    case NTFSItemType::fifo:
+        return S_IFIFO | 0666u;
+    case NTFSItemType::charDevice:
+        return S_IFCHR | 0666u;
+    case NTFSItemType::blockDevice:
+        return S_IFBLK | 0666u;
+    case NTFSItemType::socket:
+        return S_IFSOCK | 0666u;
     case NTFSItemType::file:
         break;
     }

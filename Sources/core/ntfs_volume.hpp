@@ -36,8 +36,10 @@
 ///   setLabel                         kEROFS, kEILSEQ, kENAMETOOLONG over 128 UTF-16 units, kENOSPC
 ///   lookup, resolve, find            kENOTDIR, kEINVAL empty name, kEILSEQ
 ///   list                             kENOTDIR
-///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression
-///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP
+///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression or
+///                                    bytes that are elsewhere (see NTFSDataState)
+///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP; of a
+///                                    system-compressed file also what reading it answers
 ///   create                           kEROFS, kEEXIST, kENOTDIR, kENOSPC, kEPERM in $Extend, names
 ///   symlink                          kEROFS, kEEXIST, kENOTDIR, kENOSPC, names; of the target
 ///                                    kEINVAL empty, kENAMETOOLONG, kEILSEQ
@@ -61,6 +63,7 @@
 #include "platform/mutex.hpp"
 #include "platform/repeating_timer.hpp"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -173,6 +176,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Make an item and return its inode. Creating a symlink by type makes a file: use symlink().
     std::uint64_t create(std::string_view name, std::uint64_t parent, NTFSItemType type);
     std::uint64_t symlink(std::string_view name, std::uint64_t parent, std::string_view target);
+    /// The target of a link, as it is followed in a mount: a link of Windows into this volume leads
+    /// there from its own directory, whatever drive letter it has.
     [[nodiscard]] std::string readlink(std::uint64_t ino);
     /// Removes a file's name or an empty directory.
     void remove(std::string_view name, std::uint64_t parent);
@@ -223,6 +228,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
   private:
     /// Throws the bridge's result as an NTFSError unless it is 0.
     static void check(std::int32_t result);
+    /// The same for a file's data. Logs why the data of some files cannot be had, `what` being what
+    /// was asked for: "read".
+    void checkData(std::int32_t result, std::uint64_t ino, std::string_view what);
     void flushTick() noexcept;
     /// Syncs when so much waits that what comes next may not fit into one sync of the device, or
     /// that the bridge's cache may write it back on its own. Between two operations is where a sync
@@ -233,6 +241,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     mutable Mutex lock_;
     ntb_vol* vol_ TAVELIN_GUARDED_BY(lock_) = nullptr;
     std::shared_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
+    std::atomic<std::uint32_t> refusals_{0};
     bool readOnly_ = false;
     std::uint64_t serial_ = 0;
 };

@@ -2,7 +2,10 @@
 #include "core/ntfs_volume.hpp"
 #include "core/private/bridge_text.hpp"
 #include "core/private/listing_box.hpp"
+#include "core/reparse_tags.hpp"
+#include "diagnostics/log.hpp"
 
+#include <cerrno>
 #include <utility>
 
 namespace tavelin {
@@ -11,7 +14,8 @@ namespace {
 
 /// The least of a request that goes around the bridge's cache, in bytes.
 constexpr std::size_t kBulkWriteBytesMin = 64u << 10;
-constexpr std::size_t kDevicePage = 4096; ///< bytes of a page that a device lets wait
+constexpr std::uint32_t kLoggedRefusalsMax = 20; ///< of one mount: a copied tree may have millions
+constexpr std::size_t kDevicePage = 4096;        ///< bytes of a page that a device lets wait
 
 /// Tells a device, for as long as it lives, that a request writes much of a file. Not when the data
 /// may go where another file's would be again after a power cut: then it waits with the rest, or,
@@ -46,6 +50,29 @@ class BulkWriteScope {
     BlockDevice* const device_;
 };
 
+/// Decompresses a system-compressed file, whose bytes all go to clusters that are free now.
+std::int32_t decompress(BlockDevice& device, ntb_vol* vol, std::uint64_t ino) noexcept {
+    ntb_attr attributes{};
+    if (const std::int32_t error = ntb_getattr(vol, ino, &attributes); error != 0) {
+        return error;
+    }
+    const BulkWriteScope data(device, vol, static_cast<std::size_t>(attributes.size));
+    return ntb_decompress(vol, ino);
+}
+
+/// Runs a change of a file's data. Where the bytes are not in the unnamed stream, decompresses the
+/// file if that is why, as a change of its own, and tries once more.
+template<typename Change>
+std::int32_t changeData(BlockDevice& device, ntb_vol* vol, std::uint64_t ino,
+                        const Change& change) noexcept {
+    const std::int32_t error = change();
+    if (error != EOPNOTSUPP) {
+        return error;
+    }
+    const std::int32_t decompressed = decompress(device, vol, ino);
+    return decompressed != 0 ? decompressed : change();
+}
+
 using NameBox = ListingBox<std::string>;
 
 std::int32_t appendName(void* context, const char* name) noexcept {
@@ -54,11 +81,31 @@ std::int32_t appendName(void* context, const char* name) noexcept {
 
 } // namespace
 
+void NTFSVolume::checkData(std::int32_t result, std::uint64_t ino, std::string_view what) {
+    if ((result == EOPNOTSUPP || result == EACCES) && refusals_.fetch_add(1) < kLoggedRefusalsMax) {
+        ntb_attr item{};
+        std::string reason;
+        if (locked([&](ntb_vol* vol) { return ntb_getattr(vol, ino, &item); }) == 0) {
+            reason = explainRefusal(static_cast<NTFSDataState>(item.data_state), item.reparse_tag);
+        }
+        if (!reason.empty()) {
+            log().error(std::string("file ")
+                            .append(std::to_string(ino))
+                            .append(" was not ")
+                            .append(what)
+                            .append(": ")
+                            .append(reason));
+        }
+    }
+    check(result);
+}
+
 std::size_t NTFSVolume::read(std::uint64_t ino, std::uint64_t offset, std::byte* destination,
                              std::size_t length) {
     std::uint64_t done = 0;
-    check(locked(
-        [&](ntb_vol* vol) { return ntb_read(vol, ino, offset, destination, length, &done); }));
+    const std::int32_t result = locked(
+        [&](ntb_vol* vol) { return ntb_read(vol, ino, offset, destination, length, &done); });
+    checkData(result, ino, "read");
     return static_cast<std::size_t>(done);
 }
 
@@ -72,10 +119,13 @@ std::vector<std::byte> NTFSVolume::read(std::uint64_t ino, std::uint64_t offset,
 std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset, const std::byte* source,
                               std::size_t length) {
     std::uint64_t done = 0;
-    check(locked([&](ntb_vol* vol) {
-        const BulkWriteScope data(*box_.device, vol, length);
-        return ntb_write(vol, ino, offset, source, length, &done);
-    }));
+    const std::int32_t result = locked([&](ntb_vol* vol) {
+        return changeData(*box_.device, vol, ino, [&] {
+            const BulkWriteScope data(*box_.device, vol, length);
+            return ntb_write(vol, ino, offset, source, length, &done);
+        });
+    });
+    checkData(result, ino, "written");
     return static_cast<std::size_t>(done);
 }
 
@@ -85,7 +135,10 @@ std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
 }
 
 void NTFSVolume::truncate(std::uint64_t ino, std::uint64_t size) {
-    check(locked([&](ntb_vol* vol) { return ntb_truncate(vol, ino, size); }));
+    const std::int32_t result = locked([&](ntb_vol* vol) {
+        return changeData(*box_.device, vol, ino, [&] { return ntb_truncate(vol, ino, size); });
+    });
+    checkData(result, ino, "truncated");
 }
 
 void NTFSVolume::flush(std::uint64_t ino) {
@@ -131,7 +184,11 @@ void NTFSVolume::setXattr(std::string_view name, std::uint64_t ino,
 
 void NTFSVolume::removeXattr(std::string_view name, std::uint64_t ino) {
     const BridgeText text(name);
-    check(locked([&](ntb_vol* vol) { return ntb_removexattr(vol, ino, text.cString()); }));
+    check(locked([&](ntb_vol* vol) {
+        const std::int32_t error = ntb_removexattr(vol, ino, text.cString());
+        // The stream that a system-compressed file is in goes when the file is decompressed.
+        return error == EOPNOTSUPP ? decompress(*box_.device, vol, ino) : error;
+    }));
 }
 
 } // namespace tavelin

@@ -27,7 +27,7 @@ std::uint64_t NTFSVolume::symlink(std::string_view name, std::uint64_t parent,
 std::string NTFSVolume::readlink(std::uint64_t ino) {
     return locked([&](ntb_vol* vol) -> std::string {
         char* target = nullptr;
-        check(ntb_readlink(vol, ino, &target));
+        check(ntb_readlink_in_mount(vol, ino, &target));
         return BridgeOwned<char>(target).get();
     });
 }

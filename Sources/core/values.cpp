@@ -3,7 +3,7 @@
 namespace tavelin {
 
 std::optional<NTFSItemType> itemType(std::uint32_t rawValue) noexcept {
-    if (rawValue < 1 || rawValue > 3) {
+    if (rawValue < 1 || rawValue > 7) {
         return std::nullopt;
     }
     return static_cast<NTFSItemType>(rawValue);

@@ -17,6 +17,10 @@ enum class NTFSItemType : std::uint32_t {
     file = 1,
     directory = 2,
     symlink = 3,
+    fifo = 4, ///< this and the following as WSL and Interix keep them
+    charDevice = 5,
+    blockDevice = 6,
+    socket = 7,
 };
 
 /// The type with this raw value, if there is one.
@@ -25,15 +29,16 @@ enum class NTFSItemType : std::uint32_t {
 /// The type of an item that the bridge reports under this code. An item of an unknown kind is
 /// shown as a regular file rather than refused.
 [[nodiscard]] constexpr NTFSItemType itemTypeFromBridge(std::uint32_t code) noexcept {
-    switch (code) {
-    case 2:
-        return NTFSItemType::directory;
-    case 3:
-        return NTFSItemType::symlink;
-    default:
-        return NTFSItemType::file;
-    }
+    return code >= 1 && code <= 7 ? static_cast<NTFSItemType>(code) : NTFSItemType::file;
 }
+
+/// Where the bytes of a file are. The raw values are the bridge's NTB_DATA_ codes.
+enum class NTFSDataState : std::uint32_t {
+    here = 0,
+    systemCompressed = 1, ///< read as usual; the first change decompresses the file
+    elsewhere = 2,        ///< where only Windows, or nobody, finds them: refused
+    encrypted = 3,        ///< refused
+};
 
 /// Lets the records below compare their times; found by lookup from within this namespace.
 [[nodiscard]] inline bool operator==(const std::timespec& a, const std::timespec& b) noexcept {
@@ -51,6 +56,9 @@ struct NTFSAttributes {
     bool readOnly = false;
     bool system = false;
     bool compressed = false;
+    std::uint32_t reparseTag = 0; ///< 0: none; reparse_tags.hpp knows the others
+    NTFSDataState dataState = NTFSDataState::here;
+    std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
     std::timespec accessTime{};
     std::timespec modifyTime{}; ///< last change of the data
     std::timespec changeTime{}; ///< last change of the file record

@@ -54,6 +54,9 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
     result.setAddedTime(record.birthTime);
     result.setBackupTime({});
     result.setSupportsLimitedXAttrs(false);
+    result.setNative({.reparseTag = record.reparseTag,
+                      .dataState = static_cast<fskit::FSItemDataState>(record.dataState),
+                      .device = record.device});
 }
 
 void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NItem& item) {

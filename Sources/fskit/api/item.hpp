@@ -60,6 +60,21 @@ class FSItem {
     FSItem& operator=(const FSItem&) = delete;
 };
 
+/// Where the bytes of a file are.
+enum class FSItemDataState : std::uint8_t {
+    here = 0,
+    systemCompressed = 1, ///< read and written as usual
+    elsewhere = 2,        ///< only Windows, or nobody, finds them: refused
+    encrypted = 3,        ///< refused
+};
+
+/// What FSKit has no property for, and hosts beside it can show. No binding passes it on.
+struct FSItemNativeAttributes {
+    std::uint32_t reparseTag = 0; ///< 0: none
+    FSItemDataState dataState = FSItemDataState::here;
+    std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
+};
+
 /// A value. Setting a property makes it valid; a property that is not valid reads as zero.
 class FSItemAttributes {
   public:
@@ -87,6 +102,9 @@ class FSItemAttributes {
     const std::timespec& addedTime() const noexcept { return addedTime_; }
     bool supportsLimitedXAttrs() const noexcept { return supportsLimitedXAttrs_; }
     bool inhibitKernelOffloadedIO() const noexcept { return inhibitKernelOffloadedIO_; }
+
+    const FSItemNativeAttributes& native() const noexcept { return native_; }
+    void setNative(const FSItemNativeAttributes& value) noexcept { native_ = value; }
 
     void setType(FSItemType value) noexcept { set(type_, value, FSItemAttribute::type); }
     void setMode(std::uint32_t value) noexcept { set(mode_, value, FSItemAttribute::mode); }
@@ -153,6 +171,7 @@ class FSItemAttributes {
     std::timespec birthTime_{};
     std::timespec backupTime_{};
     std::timespec addedTime_{};
+    FSItemNativeAttributes native_;
 };
 
 /// The attributes to change are the valid ones; the volume marks those that it applied.

@@ -7,15 +7,9 @@
 namespace tavelin {
 
 [[nodiscard]] constexpr fskit::FSItemType fskitType(NTFSItemType type) noexcept {
-    switch (type) {
-    case NTFSItemType::directory:
-        return fskit::FSItemType::directory;
-    case NTFSItemType::symlink:
-        return fskit::FSItemType::symlink;
-    case NTFSItemType::file:
-        break;
-    }
-    return fskit::FSItemType::file;
+    static_assert(static_cast<int>(NTFSItemType::socket) ==
+                  static_cast<int>(fskit::FSItemType::socket));
+    return static_cast<fskit::FSItemType>(type); // they count alike
 }
 
 } // namespace tavelin
