@@ -1,5 +1,6 @@
 #include "hosts/cli/failure.hpp"
 
+#include "core/reparse_tags.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -46,6 +47,18 @@ std::int32_t numberOf(const fskit::Error& error) noexcept {
 std::string explain(std::string_view subject, const fskit::Error& error) {
     return fmt::format("{}: {}", escaped(subject),
                        error.isPOSIX() ? inWords(numberOf(error)) : error.localizedDescription());
+}
+
+std::string explainData(std::string_view subject, const fskit::Error& error,
+                        const fskit::FSItemAttributes& attributes) {
+    const std::int32_t number = numberOf(error);
+    const bool isRefusal = number == kENOTSUP || number == kEOPNOTSUPP || number == kEACCES;
+    const fskit::FSItemNativeAttributes& native = attributes.native();
+    const std::string reason =
+        isRefusal ? explainRefusal(static_cast<NTFSDataState>(native.dataState), native.reparseTag)
+                  : "";
+    return reason.empty() ? explain(subject, error)
+                          : fmt::format("{}: {}", escaped(subject), reason);
 }
 
 std::string explainHost(std::string_view subject, int hostError) {

@@ -1,6 +1,7 @@
 /// How a command fails: one line for the user that says what to do, and the exit status.
 #pragma once
 
+#include "fskit/api/item.hpp"
 #include "hosting/outcome.hpp"
 
 #include <stdexcept>
@@ -33,6 +34,10 @@ class Failure : public std::runtime_error {
 /// "photos/a.jpg: No such file or directory": `subject` with its odd characters escaped, then the
 /// error in words, with a hint where there is something the user can do.
 [[nodiscard]] std::string explain(std::string_view subject, const fskit::Error& error);
+/// The same for an error of reading or changing a file's data, which may not be to be had: then
+/// says why, and what helps.
+[[nodiscard]] std::string explainData(std::string_view subject, const fskit::Error& error,
+                                      const fskit::FSItemAttributes& attributes);
 /// The same for a call of the host's system that failed with this errno.
 [[nodiscard]] std::string explainHost(std::string_view subject, int hostError);
 
@@ -44,6 +49,16 @@ template<typename Value>
 Value valueOf(Outcome<Value> outcome, std::string_view subject) {
     if (!outcome) {
         throw Failure(explain(subject, outcome.error()));
+    }
+    return std::move(outcome).get();
+}
+
+/// The value of a request to an item's data, or the failure that explains it.
+template<typename Value>
+Value dataOf(Outcome<Value> outcome, std::string_view subject,
+             const fskit::FSItemAttributes& attributes) {
+    if (!outcome) {
+        throw Failure(explainData(subject, outcome.error(), attributes));
     }
     return std::move(outcome).get();
 }

@@ -1,4 +1,5 @@
 // ls and stat: names and attributes.
+#include "core/reparse_tags.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/terminal.hpp"
@@ -28,6 +29,41 @@ struct ListCommand {
     bool json = false;
 };
 
+/// Where an item's bytes are, for programs.
+std::string_view dataName(fskit::FSItemDataState state) {
+    switch (state) {
+    case fskit::FSItemDataState::systemCompressed:
+        return "system-compressed";
+    case fskit::FSItemDataState::elsewhere:
+        return "elsewhere";
+    case fskit::FSItemDataState::encrypted:
+        return "encrypted";
+    case fskit::FSItemDataState::here:
+        break;
+    }
+    return "here";
+}
+
+bool isDevice(FSItemType type) {
+    return type == FSItemType::charDevice || type == FSItemType::blockDevice;
+}
+
+/// "5, 300", as `ls -l` has it in place of a size.
+std::string deviceText(std::uint64_t device) {
+    return fmt::format("{}, {}", device >> 32, device & 0xffffffff);
+}
+
+/// What the type does not say of an item: "deduplicated". Empty for plain ones, and for links.
+std::string_view nativeKind(const fskit::FSItemAttributes& attributes) {
+    const fskit::FSItemNativeAttributes& native = attributes.native();
+    if (native.dataState == fskit::FSItemDataState::encrypted) {
+        return "encrypted";
+    }
+    const bool isPlainType =
+        attributes.type() == FSItemType::file || attributes.type() == FSItemType::directory;
+    return isPlainType && native.reparseTag != 0 ? reparseTag(native.reparseTag).name : "";
+}
+
 JSON asJSON(const std::string& path, const fskit::FSItemAttributes& attributes,
             const std::optional<std::string>& target) {
     JSON result{{"path", path},
@@ -44,6 +80,15 @@ JSON asJSON(const std::string& path, const fskit::FSItemAttributes& attributes,
                 {"created", isoTime(attributes.birthTime())}};
     if (target) {
         result["target"] = *target;
+    }
+    const fskit::FSItemNativeAttributes& native = attributes.native();
+    result["data"] = dataName(native.dataState);
+    if (native.reparseTag != 0) {
+        result["reparseTag"] = fmt::format("0x{:08x}", native.reparseTag);
+        result["reparseKind"] = reparseTag(native.reparseTag).name;
+    }
+    if (isDevice(attributes.type())) {
+        result["device"] = deviceText(native.device);
     }
     return result;
 }
@@ -135,10 +180,14 @@ class Lister {
                                                                          : Colour::plain;
         std::string line = painted(shown(name), colour);
         if (command_.longForm) {
-            line =
-                fmt::format("{} {:>14}  {}  {}{}", modeText(attributes.type(), attributes.mode()),
-                            attributes.size(), humanTime(attributes.modifyTime()), line,
-                            target ? " -> " + shown(*target) : "");
+            line = fmt::format(
+                "{} {:>14}  {}  {}{}", modeText(attributes.type(), attributes.mode()),
+                isDevice(attributes.type()) ? deviceText(attributes.native().device)
+                                            : std::to_string(attributes.size()),
+                humanTime(attributes.modifyTime()), line, target ? " -> " + shown(*target) : "");
+            if (const std::string_view kind = nativeKind(attributes); !kind.empty()) {
+                line += fmt::format("  [{}]", kind);
+            }
         }
         print(line + "\n");
     }
@@ -185,8 +234,22 @@ void printAttributes(const std::string& path, const fskit::FSItemAttributes& att
         print(fmt::format("{}{}\n", painted(fmt::format("{:<12}", title), Colour::strong), value));
     };
     row("path", shown(path) + (target ? " -> " + shown(*target) : ""));
-    row("type", fmt::format("{}{}", typeName(attributes.type()),
+    const std::string_view kind = nativeKind(attributes);
+    row("type", fmt::format("{}{}{}{}", typeName(attributes.type()), kind.empty() ? "" : ", ", kind,
                             (attributes.flags() & kHiddenFlag) != 0 ? ", hidden" : ""));
+    const fskit::FSItemNativeAttributes& native = attributes.native();
+    if (native.reparseTag != 0) {
+        row("reparse tag",
+            fmt::format("0x{:08x}, {}", native.reparseTag, reparseTag(native.reparseTag).name));
+    }
+    if (isDevice(attributes.type())) {
+        row("device", deviceText(native.device));
+    }
+    if (const auto reason =
+            explainRefusal(static_cast<NTFSDataState>(native.dataState), native.reparseTag);
+        !reason.empty()) {
+        row("data", reason);
+    }
     row("size", fmt::format("{} bytes, {} allocated", attributes.size(), attributes.allocSize()));
     row("id", fmt::format("{}, in directory {}", attributes.fileID(), attributes.parentID()));
     row("links", std::to_string(attributes.linkCount()));

@@ -28,8 +28,8 @@ void runCat(const ReadCommand& command) {
                 throw Failure(explain(path, fskit::fs_errorForPOSIXError(kEISDIR)));
             }
             std::uint64_t offset = 0;
-            while (const std::size_t count =
-                       valueOf(session.volume().read(found.item, offset, buffer), path)) {
+            while (const std::size_t count = dataOf(
+                       session.volume().read(found.item, offset, buffer), path, found.attributes)) {
                 print({reinterpret_cast<const char*>(buffer.data()), count});
                 offset += count;
             }

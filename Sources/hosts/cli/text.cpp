@@ -118,9 +118,8 @@ std::string isoTime(const std::timespec& time) {
 }
 
 std::string modeText(fskit::FSItemType type, std::uint32_t mode) {
-    std::string text(1, type == fskit::FSItemType::directory ? 'd'
-                        : type == fskit::FSItemType::symlink ? 'l'
-                                                             : '-');
+    static constexpr std::string_view kLetters = "--dlpcbs"; // in the order of the types
+    std::string text(1, kLetters.at(static_cast<std::size_t>(type)));
     for (unsigned bit = 9; bit-- > 0;) {
         text += ((mode >> bit) & 1u) != 0 ? "xwr"[bit % 3] : '-';
     }
@@ -133,6 +132,14 @@ std::string_view typeName(fskit::FSItemType type) noexcept {
         return "directory";
     case fskit::FSItemType::symlink:
         return "symlink";
+    case fskit::FSItemType::fifo:
+        return "fifo";
+    case fskit::FSItemType::charDevice:
+        return "char-device";
+    case fskit::FSItemType::blockDevice:
+        return "block-device";
+    case fskit::FSItemType::socket:
+        return "socket";
     default:
         return "file";
     }

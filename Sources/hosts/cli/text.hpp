@@ -27,7 +27,7 @@ namespace tavelin::cli {
 
 /// "drwxrwxrwx", as `ls -l` has it.
 [[nodiscard]] std::string modeText(fskit::FSItemType type, std::uint32_t mode);
-/// "file", "directory", "symlink".
+/// "file", "directory", "symlink", "fifo", "char-device", "block-device", "socket".
 [[nodiscard]] std::string_view typeName(fskit::FSItemType type) noexcept;
 
 /// A path's last component: "c" of "a/b/c/"; empty for the root.

@@ -67,11 +67,12 @@ std::string CopyRun::partialName() {
     return fmt::format(".tavelin-part-{}-{}", getpid(), ++partials_);
 }
 
-void throwVolumeError(std::string_view path, const fskit::Error& error) {
+void throwVolumeError(std::string_view path, const fskit::Error& error,
+                      const fskit::FSItemAttributes& attributes) {
     if (endsEverything(numberOf(error))) {
         throw Failure(explain(path, error));
     }
-    throw ItemFailure(explain(path, error));
+    throw ItemFailure(explainData(path, error, attributes));
 }
 
 void throwHostError(std::string_view path) {

@@ -73,12 +73,15 @@ class CopyRun {
     std::uint64_t partials_ = 0;
 };
 
-/// Passes a volume's answer on: ItemFailure for what concerns one item, Failure for the rest.
-[[noreturn]] void throwVolumeError(std::string_view path, const fskit::Error& error);
+/// Passes a volume's answer on: ItemFailure for what concerns one item, Failure for the rest. The
+/// attributes of a file explain why its data cannot be had.
+[[noreturn]] void throwVolumeError(std::string_view path, const fskit::Error& error,
+                                   const fskit::FSItemAttributes& attributes = {});
 template<typename Value>
-Value ofItem(Outcome<Value> outcome, std::string_view path) {
+Value ofItem(Outcome<Value> outcome, std::string_view path,
+             const fskit::FSItemAttributes& attributes = {}) {
     if (!outcome) {
-        throwVolumeError(path, outcome.error());
+        throwVolumeError(path, outcome.error(), attributes);
     }
     return std::move(outcome).get();
 }

@@ -77,7 +77,7 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
         throwHostError(path);
     }
     orTakeAway(directory, partial, [&] {
-        readContents(found.item, path, file.get());
+        readContents(found, path, file.get());
         getStreams(found.item, path, file.get());
         if (futimens(file.get(), times(found.attributes).data()) != 0 || !file.close()) {
             throwHostError(path);
@@ -151,9 +151,10 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
     --depth_;
 }
 
-void TreeGetter::readContents(const ItemRef& item, const std::string& path, int file) {
+void TreeGetter::readContents(const Found& found, const std::string& path, int file) {
     std::uint64_t offset = 0;
-    while (const std::size_t count = ofItem(volume_.read(item, offset, buffer_), path)) {
+    while (const std::size_t count =
+               ofItem(volume_.read(found.item, offset, buffer_), path, found.attributes)) {
         throwIfInterrupted();
         for (std::size_t done = 0; done < count;) {
             const ssize_t written = write(file, buffer_.data() + done, count - done);

@@ -37,7 +37,7 @@ class TreeGetter {
     void getDirectory(const Found& found, const std::string& path, int directory,
                       const std::string& name);
     void getEntries(const ItemRef& volumeDirectory, const std::string& path, int directory);
-    void readContents(const ItemRef& item, const std::string& path, int file);
+    void readContents(const Found& found, const std::string& path, int file);
     void getStreams(const ItemRef& item, const std::string& path, int file);
 
     /// Gives the complete `partial` its name, in place of whatever file or link has it.

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 
 namespace tavelin::fusehost {
 
@@ -158,6 +159,9 @@ struct stat statusOf(const fskit::FSItemAttributes& attributes) {
     struct stat status {};
     status.st_ino = Driver2::ino(attributes.fileID());
     status.st_mode = attributes.mode();
+    const uint64_t device = attributes.native().device;
+    status.st_rdev =
+        makedev(static_cast<unsigned>(device >> 32), static_cast<unsigned>(device & UINT32_MAX));
     status.st_nlink = attributes.linkCount();
     status.st_uid = attributes.uid();
     status.st_gid = attributes.gid();

@@ -24,6 +24,14 @@ uint32_t fileType(fskit::FSItemType type) {
         return S_IFDIR;
     case fskit::FSItemType::symlink:
         return S_IFLNK;
+    case fskit::FSItemType::fifo:
+        return S_IFIFO;
+    case fskit::FSItemType::charDevice:
+        return S_IFCHR;
+    case fskit::FSItemType::blockDevice:
+        return S_IFBLK;
+    case fskit::FSItemType::socket:
+        return S_IFSOCK;
     default:
         return S_IFREG;
     }

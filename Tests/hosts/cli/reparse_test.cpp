@@ -1,0 +1,88 @@
+// Files whose bytes are elsewhere, through the command line: right bytes, or an error with a name.
+#include "core/reparse_tags.hpp"
+#include "hosts/cli/tavelin_program.hpp"
+#include "support/reparse_items.hpp"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace tavelin::test {
+namespace {
+
+using Kind = ReparseItem::Kind;
+namespace fs = std::filesystem;
+
+class ReparseItems : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        REQUIRE_DRIVER();
+        makeReparseItems(DriverMount(sample_, kReparseItemOptions), "items");
+    }
+
+    std::string image() const { return sample_.image().string(); }
+
+    SampleVolume sample_;
+};
+
+TEST_F(ReparseItems, AreReadOrRefusedByName) {
+    for (const ReparseItem& item : reparseItems()) {
+        SCOPED_TRACE(item.name);
+        if (item.kind == Kind::link) {
+            continue;
+        }
+        const ProcessResult cat = tavelinRun({"cat", image(), "/items/" + item.name});
+        if (item.kind == Kind::compressed) {
+            EXPECT_TRUE(cat.ok());
+            EXPECT_TRUE(cat.out == item.content);
+        } else {
+            expectRefusal(cat, 1, std::string(reparseTag(item.tag).meaning));
+        }
+    }
+}
+
+TEST_F(ReparseItems, AreToldInListings) {
+    const auto listed =
+        nlohmann::json::parse(tavelinDone({"ls", "--json", "-a", image(), "/items"}));
+    ASSERT_EQ(listed.size(), reparseItems().size());
+    const std::string lines = tavelinDone({"ls", "-l", image(), "/items"});
+    for (const ReparseItem& item : reparseItems()) {
+        SCOPED_TRACE(item.name);
+        const std::string path = "/items/" + item.name;
+        const auto status = nlohmann::json::parse(tavelinDone({"stat", "--json", image(), path}));
+        const auto entry =
+            std::ranges::find_if(listed, [&](const auto& each) { return each.at("path") == path; });
+        ASSERT_NE(entry, listed.end());
+        EXPECT_EQ(*entry, status.at(0));
+        EXPECT_EQ(entry->at("reparseKind"), reparseTag(item.tag).name);
+        EXPECT_EQ(entry->at("data") == "elsewhere",
+                  item.kind != Kind::compressed && item.kind != Kind::link);
+        EXPECT_NE(lines.find(item.kind == Kind::refused || item.kind == Kind::compressed
+                                 ? fmt::format("{}  [{}]", item.name, reparseTag(item.tag).name)
+                                 : item.name),
+                  std::string::npos)
+            << lines;
+    }
+}
+
+TEST_F(ReparseItems, AreLeftOutOfACopyThatHasTheRest) {
+    const TempDirectory target;
+    const ProcessResult got = tavelinRun({"get", "-q", image(), "/items", target.path().string()});
+    EXPECT_EQ(got.status, 1);
+    for (const ReparseItem& item : reparseItems()) {
+        SCOPED_TRACE(item.name);
+        const fs::path copy = target.path() / "items" / item.name;
+        if (item.kind == Kind::compressed) {
+            EXPECT_TRUE(readFile(copy) == item.content);
+        } else if (item.kind == Kind::link) {
+            EXPECT_EQ(fs::read_symlink(copy), item.content);
+        } else {
+            EXPECT_FALSE(fs::exists(copy));
+            EXPECT_NE(got.err.find("/items/" + item.name + ": its bytes are not in it"),
+                      std::string::npos)
+                << got.err;
+        }
+    }
+}
+
+} // namespace
+} // namespace tavelin::test

@@ -1,0 +1,102 @@
+// Files whose bytes are elsewhere, links and special files, through a mount.
+#include "hosts/fuse/served_volume.hpp"
+#include "support/reparse_items.hpp"
+
+#include <fcntl.h>
+#include <map>
+#include <sys/sysmacros.h>
+
+namespace tavelin::test {
+namespace {
+
+using Kind = ReparseItem::Kind;
+namespace fs = std::filesystem;
+
+int errorOf(bool succeeded) {
+    return succeeded ? 0 : errno;
+}
+
+class MountedReparseItems : public MountTest {
+  protected:
+    void SetUp() override {
+        if (const std::string reason = whyNoMounts(); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+        volume_ = std::make_unique<SampleVolume>();
+        {
+            const DriverMount driver(*volume_, kReparseItemOptions);
+            makeReparseItems(driver, "items");
+            fs::create_directory(driver.path("real"));
+            driver.make("real/file", "followed");
+        }
+        mount();
+    }
+
+    std::string pathOf(const ReparseItem& item) const { return path("items/" + item.name); }
+};
+
+TEST_F(MountedReparseItems, AreReadOrRefused) {
+    for (const ReparseItem& item : reparseItems()) {
+        SCOPED_TRACE(item.name);
+        if (item.kind == Kind::compressed) {
+            EXPECT_TRUE(readFile(pathOf(item)) == item.content);
+        } else if (item.kind == Kind::refused) {
+            const int file = open(pathOf(item).c_str(), O_RDWR | O_CLOEXEC);
+            ASSERT_GE(file, 0);
+            char byte = 0;
+            EXPECT_EQ(errorOf(read(file, &byte, 1) >= 0), EOPNOTSUPP);
+            EXPECT_EQ(errorOf(write(file, "x", 1) >= 0), EOPNOTSUPP);
+            EXPECT_EQ(errorOf(ftruncate(file, 0) == 0), EOPNOTSUPP);
+            EXPECT_EQ(fsync(file), 0);
+            close(file);
+            char note[8] = {};
+            EXPECT_EQ(getxattr(pathOf(item).c_str(), "user.note", note, sizeof note), 4);
+        } else if (item.kind == Kind::link) {
+            EXPECT_EQ(fs::read_symlink(pathOf(item)), item.content);
+        }
+    }
+    EXPECT_EQ(readFile(path("items/symlink")), "followed");
+    EXPECT_EQ(readFile(path("items/junction/file")), "followed");
+}
+
+TEST_F(MountedReparseItems, AreWhatTheyAre) {
+    const std::map<Kind, mode_t> types{{Kind::compressed, S_IFREG}, {Kind::refused, S_IFREG},
+                                       {Kind::link, S_IFLNK},       {Kind::fifo, S_IFIFO},
+                                       {Kind::socket, S_IFSOCK},    {Kind::charDevice, S_IFCHR},
+                                       {Kind::blockDevice, S_IFBLK}};
+    for (const ReparseItem& item : reparseItems()) {
+        SCOPED_TRACE(item.name);
+        struct stat status = {};
+        ASSERT_EQ(lstat(pathOf(item).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & S_IFMT, types.at(item.kind));
+        if (item.kind == Kind::charDevice || item.kind == Kind::blockDevice) {
+            EXPECT_EQ(status.st_rdev, makedev(5, 300));
+        }
+    }
+}
+
+TEST_F(MountedReparseItems, AreChangedRenamedAndRemoved) {
+    for (const ReparseItem& item : reparseItems()) {
+        SCOPED_TRACE(item.name);
+        if (item.kind == Kind::compressed) {
+            const int file = open(pathOf(item).c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
+            ASSERT_GE(file, 0);
+            EXPECT_EQ(write(file, "appended", 8), 8);
+            close(file);
+        }
+        const std::string renamed = path("renamed " + item.name);
+        EXPECT_EQ(rename(pathOf(item).c_str(), renamed.c_str()), 0);
+        if (item.kind != Kind::compressed) {
+            EXPECT_EQ(remove(renamed.c_str()), 0) << strerror(errno);
+        }
+    }
+    mount();
+    for (const ReparseItem& item : reparseItems()) {
+        if (item.kind == Kind::compressed) {
+            EXPECT_TRUE(readFile(path("renamed " + item.name)) == item.content + "appended");
+        }
+    }
+}
+
+} // namespace
+} // namespace tavelin::test
