@@ -100,9 +100,7 @@ std::string markdownTable(const std::vector<Server>& servers, const Samples& sam
         rows += " |";
     for (const Server* server : compared)
         rows += fmt::format(" {:.2f}× |", results.meanGain(*server));
-    return head + "\n" + rule + "\n" + rows +
-           "\n\nTavelin keeps processors awake while it is busy, which `-o power_save` turns off; "
-           "the drivers do not.\n";
+    return head + "\n" + rule + "\n" + rows + "\n";
 }
 
 std::string svgChart(const std::vector<Server>& servers, const Samples& samples) {

@@ -49,7 +49,7 @@ void defineMount(CLI::App& command) {
     addArgument(command, "IMAGE", arguments->image, "Image file or block device");
     addArgument(command, "DIR", arguments->directory, "The directory to mount on");
     addOptionLists(command, arguments->options,
-                   "Options, comma separated: ro, windows_names, allow_other, power_save, and the "
+                   "Options, comma separated: ro, windows_names, allow_other, low_latency, and the "
                    "kernel's own such as noatime");
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,

@@ -37,11 +37,11 @@ class KernelFile {
 
 TEST(CpuLatencyRequest, LastsAsLongAsRequestsCome) {
     KernelFile file;
-    CpuLatencyRequest wakefulness(true, file.path());
+    CpuLatencyRequest request(true, file.path());
     for (int times = 0; times < 3; ++times) {
         EXPECT_LE(file.next(), 2) << "busy: no deep sleep";
         EXPECT_GT(file.next(), 1'000'000) << "nothing came: as deep as it likes";
-        wakefulness.noteRequest();
+        request.noteRequest();
     }
     EXPECT_LE(file.next(), 2);
 }
@@ -54,7 +54,7 @@ TEST(CpuLatencyRequest, IsDoneWithoutWhereItIsNotWantedOrCannotBe) {
         unwanted.noteRequest();
         impossible.noteRequest();
     }
-    CpuLatencyRequest wakefulness(true, file.path());
+    CpuLatencyRequest request(true, file.path());
     EXPECT_LE(file.next(), 2) << "the first number there is";
 }
 

@@ -37,7 +37,7 @@ _tavelin() {
     fi
     if [ "$3" = -o ]; then
         local words="ro windows_names"
-        [ "$command" != mount ] || words+=" allow_other power_save noatime"
+        [ "$command" != mount ] || words+=" allow_other low_latency noatime"
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
         return
     fi

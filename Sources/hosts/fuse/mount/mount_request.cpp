@@ -13,7 +13,7 @@ using namespace std::string_view_literals;
 constexpr std::array kIgnored = {
     "rw"sv,    "defaults"sv, "auto"sv,  "noauto"sv,  "user"sv,       "nouser"sv,
     "users"sv, "owner"sv,    "group"sv, "_netdev"sv, "nofail"sv,     "relatime"sv,
-    "async"sv, "nosuid"sv,   "nodev"sv, "loop"sv,    "big_writes"sv,
+    "async"sv, "nosuid"sv,   "nodev"sv, "loop"sv,    "big_writes"sv, "power_save"sv,
 };
 
 constexpr std::array kForKernel = {
@@ -35,8 +35,8 @@ bool apply(std::string_view word, MountRequest& request) {
         request.volumeOptions.emplace_back(word);
     } else if (word == "allow_other") {
         request.allowOther = true;
-    } else if (word == "power_save") {
-        request.powerSave = true;
+    } else if (word == "low_latency") {
+        request.lowLatency = true;
     } else if (contains(kForKernel, word)) {
         request.kernelOptions.emplace_back(word);
     } else {

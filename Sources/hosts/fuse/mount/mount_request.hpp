@@ -17,7 +17,7 @@ struct MountRequest {
     std::vector<std::string> kernelOptions; ///< words for the kernel, such as "noatime"
     bool readOnly = false;
     bool allowOther = false;
-    bool powerSave = false; ///< let processors sleep between requests, see CpuLatencyRequest
+    bool lowLatency = false; ///< keep processors out of deep idle states, see CpuLatencyRequest
     bool foreground = false;
     bool trace = false; ///< print every request to standard error, and their counts at the end
 };

@@ -10,14 +10,14 @@ namespace tavelin::fusehost {
 
 namespace {
 
-// A busy time ends when no request has come for so long.
+// The latency request is dropped when no file-system request has come for this long.
 constexpr std::chrono::milliseconds kIdleTimeout{10};
 
-constexpr int32_t kDeepSleep = 2'000'000'000; // the kernel's own default, in microseconds
+constexpr int32_t kLatencyUnlimited = 2'000'000'000; // the kernel's own default, in microseconds
 
-// A processor of a virtual machine leaves the machine even for the lightest sleep, so there it has
-// to stay awake; a real one comes back from that in a microsecond or two, and may take it.
-int32_t shallowSleep() {
+// In a virtual machine even the lightest idle state exits to the hypervisor, so idling has to be
+// avoided altogether. On hardware the lightest state costs a microsecond or two and is allowed.
+int32_t chooseBusyLatency() {
     std::ifstream processors("/proc/cpuinfo");
     for (std::string line; std::getline(processors, line);) {
         if (line.starts_with("flags") && line.find(" hypervisor") != std::string::npos) {
@@ -31,11 +31,11 @@ int32_t shallowSleep() {
 
 CpuLatencyRequest::CpuLatencyRequest(bool wanted, const std::filesystem::path& kernelFile)
     : file_(wanted ? ::open(kernelFile.c_str(), O_WRONLY | O_CLOEXEC) : -1),
-      whileBusy_(shallowSleep()) {
+      busyLatency_(chooseBusyLatency()) {
     if (file_ == -1) {
         return; // not wanted, not allowed, or not known to this kernel
     }
-    attendant_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] { run(); });
 }
 
 CpuLatencyRequest::~CpuLatencyRequest() {
@@ -47,20 +47,20 @@ CpuLatencyRequest::~CpuLatencyRequest() {
         ending_ = true;
         changed_.notifyAll();
     }
-    attendant_.join();
-    ::close(file_); // and with it goes what was asked; nothing was stored that could be lost
+    thread_.join();
+    ::close(file_); // drops the request; the file stores nothing, so its result does not matter
 }
 
 void CpuLatencyRequest::wake() noexcept {
     const MutexLock held(lock_);
-    resting_ = false;
+    idle_ = false;
     changed_.notifyAll();
 }
 
 void CpuLatencyRequest::run() {
     const MutexLock held(lock_);
     while (!ending_) {
-        if (resting_) {
+        if (idle_) {
             changed_.wait(lock_);
         } else {
             holdRequest();
@@ -69,19 +69,21 @@ void CpuLatencyRequest::run() {
 }
 
 void CpuLatencyRequest::holdRequest() {
-    allow(whileBusy_);
+    allow(busyLatency_);
     uint64_t before = 0;
     do {
         before = requests_;
-        resting_ = false;
+        idle_ = false;
         changed_.waitUntil(lock_, std::chrono::steady_clock::now() + kIdleTimeout);
-        resting_ = true; // before the look at the count, so that no request is missed by both
+        // Set before the count is compared: a request that the comparison misses then sees idle_
+        // and calls wake().
+        idle_ = true;
     } while (!ending_ && requests_ != before);
-    allow(kDeepSleep);
+    allow(kLatencyUnlimited);
 }
 
 void CpuLatencyRequest::allow(int32_t microseconds) noexcept {
-    // A failure is dropped: requests are slower then and otherwise the same.
+    // A failure is dropped: the mount is slower without the request, not wrong.
     (void)!::write(file_, &microseconds, sizeof microseconds);
 }
 

@@ -1,13 +1,13 @@
-/// Keeps idle processors from falling asleep while a mount is busy.
+/// Asks the kernel to keep processors out of deep idle states while a mount is busy (PM QoS).
 ///
-/// A request and its reply each wake a thread that has just begun to wait. The wait is a few
-/// microseconds, but a processor that goes to sleep in it takes tens of microseconds to come back,
-/// and in a virtual machine more, because sleeping and waking leave the machine: most of the time
-/// of a small request then goes there. So while requests follow each other closely, the kernel is
-/// asked, through its quality-of-service file for processors, to keep sleep shallow; once they have
-/// stopped for a moment, no longer. The price is the electricity of that moment.
+/// Each request and each reply wakes a thread that has just begun to wait. A processor that enters
+/// a deep idle state in those few microseconds needs tens of microseconds to leave it, more in a
+/// virtual machine, where idling exits to the hypervisor. The request is held while file-system
+/// requests follow each other and is dropped after kIdleTimeout without one.
 ///
-/// Only an administrator may ask this. For anybody else nothing happens.
+/// The request applies to every processor of the system and costs power, so a mount makes it only
+/// with `-o low_latency`. The kernel lets only an administrator make it; for anybody else this
+/// class does nothing.
 #pragma once
 
 #include "platform/mutex.hpp"
@@ -21,12 +21,13 @@ namespace tavelin::fusehost {
 
 class CpuLatencyRequest {
   public:
-    /// The kernel's file for it: as long as it is open, the 32-bit number last written to it is how
-    /// many microseconds a processor may at most take to wake. See the kernel's "PM Quality Of
+    /// While this file is open, the 32-bit number last written to it is the longest wake-up
+    /// latency, in microseconds, that the kernel may choose. See the kernel's "PM Quality Of
     /// Service Interface".
     static constexpr const char* kKernelFile = "/dev/cpu_dma_latency";
 
-    /// With `wanted` false nothing will happen. Throws std::system_error when there is no thread.
+    /// With `wanted` false no request is ever made. Throws std::system_error when there is no
+    /// thread.
     explicit CpuLatencyRequest(bool wanted, const std::filesystem::path& kernelFile = kKernelFile);
     ~CpuLatencyRequest();
     CpuLatencyRequest(const CpuLatencyRequest&) = delete;
@@ -35,7 +36,7 @@ class CpuLatencyRequest {
     /// To be called for every request. Any thread; costs next to nothing.
     void noteRequest() noexcept {
         ++requests_;
-        if (resting_) {
+        if (idle_) {
             wake();
         }
     }
@@ -47,13 +48,13 @@ class CpuLatencyRequest {
     void allow(int32_t microseconds) noexcept;
 
     int file_ = -1;
-    const int32_t whileBusy_; // microseconds
+    const int32_t busyLatency_; // microseconds
     std::atomic<uint64_t> requests_{0};
-    std::atomic<bool> resting_{false}; // the next request begins a busy time
+    std::atomic<bool> idle_{false}; // the request is dropped; the next noteRequest() makes it again
     Mutex lock_;
     ConditionVariable changed_;
     bool ending_ TAVELIN_GUARDED_BY(lock_) = false;
-    std::thread attendant_;
+    std::thread thread_;
 };
 
 } // namespace tavelin::fusehost

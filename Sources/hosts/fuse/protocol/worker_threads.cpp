@@ -32,6 +32,7 @@ void installWakeSignal() {
     ::pthread_sigmask(SIG_UNBLOCK, &wake, nullptr);
 }
 
+// Whether serving the request takes longer than waking a follower to receive the next one.
 bool shouldHandOff(const fuse_buf& request) {
     const auto& header = *static_cast<const fuse_in_header*>(request.mem);
     const void* arguments = &header + 1;
@@ -81,8 +82,8 @@ void WorkerThreads::stop() {
         for (const pthread_t thread : serving_) {
             ::pthread_kill(thread, kWakeSignal);
         }
-        // A signal that comes between a thread's last look whether to end and its wait for the next
-        // request wakes nobody.
+        // A signal that arrives after a worker has tested for the end and before it blocks in the
+        // next receive is lost. Sending it again until the worker is gone closes that window.
         ended_.waitUntil(servingLock_, std::chrono::steady_clock::now() + kResendInterval);
     }
 }
@@ -120,7 +121,7 @@ bool WorkerThreads::lead(fuse_buf& request) {
             fuse_session_exit(session_);
             return false;
         }
-        wakefulness_.noteRequest();
+        latency_.noteRequest();
         if (shouldHandOff(request)) {
             return true;
         }

@@ -1,9 +1,9 @@
-/// The threads that serve a session's requests.
+/// The threads that serve a session's requests, in the leader/followers pattern.
 ///
-/// One thread at a time leads: it waits for the next request and serves it itself, because a
-/// request about names or attributes takes less time than waking another thread would, and a thread
-/// that stays on its caller's processor answers soonest. Before a request that moves much data or
-/// waits for the device the leader steps down, so that the next thread takes what comes meanwhile.
+/// One thread at a time is the leader: it waits for the next request and serves it itself. A
+/// request about names or attributes takes less time than waking another thread, and a thread that
+/// stays on its caller's processor answers soonest. Before a request that moves much data or waits
+/// for the device, the leader hands leadership to a follower, which receives what comes meanwhile.
 #pragma once
 
 #include "hosts/fuse/protocol/cpu_latency_request.hpp"
@@ -22,8 +22,8 @@ namespace tavelin::fusehost {
 class WorkerThreads {
   public:
     /// Both must outlive this.
-    WorkerThreads(fuse_session* session, CpuLatencyRequest& wakefulness)
-        : session_(session), wakefulness_(wakefulness) {}
+    WorkerThreads(fuse_session* session, CpuLatencyRequest& latency)
+        : session_(session), latency_(latency) {}
     WorkerThreads(const WorkerThreads&) = delete;
     WorkerThreads& operator=(const WorkerThreads&) = delete;
 
@@ -31,22 +31,25 @@ class WorkerThreads {
     /// or a host errno, also when not even one thread can be started.
     int run(size_t count);
 
-    /// Ends run() once the requests being served are answered; what the kernel sends after that is
-    /// cut off. Waits for that. May be called while run() runs, from any thread but those it has.
+    /// Makes every worker end after the request it serves, and waits for that. Requests that the
+    /// kernel sends afterwards are never answered. Callable while run() runs, from any thread that
+    /// is not a worker.
     void stop();
 
   private:
     void serve() noexcept;
-    /// Serves as the leader until there is a request to step down for (true) or the end (false).
+    /// Serves as the leader. True: `request` holds one to serve after giving up leadership. False:
+    /// the session has ended.
     bool lead(fuse_buf& request) TAVELIN_REQUIRES(leader_);
 
     fuse_session* const session_;
-    CpuLatencyRequest& wakefulness_;
+    CpuLatencyRequest& latency_;
     Mutex leader_;
     std::atomic<int> error_{0};
     Mutex servingLock_;
-    ConditionVariable ended_; // one thread fewer serves
-    /// Those that may be woken: a thread takes itself out before it ends.
+    ConditionVariable ended_; // signalled when a worker has removed itself from serving_
+    /// Workers that stop() may signal. Each removes itself before it ends, because signalling an
+    /// ended thread is undefined.
     std::vector<pthread_t> serving_ TAVELIN_GUARDED_BY(servingLock_);
 };
 
