@@ -147,6 +147,47 @@ TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
     expectToLast(*volume_, served_);
 }
 
+TEST(MountTable, UnmountsAMountWhereItIsNowAndNeverAnother) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root mounts a tmpfs";
+    }
+    const TempDirectory root;
+    const fs::path before = root.path() / "before" / "mount",
+                   after = root.path() / "after" / "mount";
+    const auto mountOther = [](const fs::path& directory) {
+        fs::create_directories(directory);
+        EXPECT_EQ(::mount("other", directory.c_str(), "tmpfs", 0, nullptr), 0);
+        return fusehost::findMount(directory)->id;
+    };
+    const int moved = mountOther(before);
+    fs::rename(before.parent_path(), after.parent_path());
+    const int atOldPath = mountOther(before), covering = mountOther(after);
+    EXPECT_EQ(fusehost::unmount(moved, false), EBUSY) << "covered";
+    EXPECT_EQ(fusehost::unmount(moved, true), EBUSY) << "covered";
+    EXPECT_EQ(fusehost::unmount(covering, false), 0);
+    EXPECT_EQ(fusehost::unmount(moved, false), 0);
+    EXPECT_FALSE(fusehost::findMount(moved));
+    EXPECT_EQ(fusehost::unmount(moved, false), 0) << "gone already";
+    EXPECT_TRUE(fusehost::findMount(atOldPath));
+    EXPECT_EQ(fusehost::unmount(atOldPath, false), 0);
+}
+
+TEST_F(MountLifecycle, SignalsLeaveAMountOnTopAlone) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root mounts a tmpfs";
+    }
+    const fs::path directory = served_->directory();
+    ASSERT_EQ(::mount("other", directory.c_str(), "tmpfs", 0, nullptr), 0);
+    writeFile(directory / "data", "of somebody else");
+    ::kill(served_->server(), SIGTERM);
+    ::kill(served_->server(), SIGINT); // the first cannot unmount, the second ends the serving
+    EXPECT_EQ(served_->awaitEnd(), 0) << served_->printed();
+    EXPECT_EQ(readFile(directory / "data"), "of somebody else");
+    EXPECT_EQ(::umount2(directory.c_str(), 0), 0);
+    EXPECT_EQ(::umount2(directory.c_str(), MNT_DETACH), 0) << "the dead mount was left below";
+    mount();
+}
+
 // As users type them: the program, the helper of mount(8), and the unmounting programs.
 TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
     served_.reset();

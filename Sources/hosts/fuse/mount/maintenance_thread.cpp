@@ -24,10 +24,10 @@ namespace {
 constexpr int kInterval = 1000;  // milliseconds
 constexpr int kReadAhead = 1024; // KiB: lets one request fetch as much as one can carry
 
-// The kernel reads ahead in pieces of 128 KiB unless told otherwise, which only an administrator
-// may; without that, sequential reads just take more requests.
-void raiseReadAhead(const std::filesystem::path& directory) {
-    if (const std::optional<MountEntry> mount = findMount(directory)) {
+// The kernel reads ahead 128 KiB by default. Only an administrator may raise that; without it,
+// sequential reads take more requests.
+void raiseReadAhead(int id) {
+    if (const std::optional<MountEntry> mount = findMount(id)) {
         for (const char* suffix : {"", "-fuseblk"}) {
             std::ofstream setting("/sys/class/bdi/" + mount->device + suffix + "/read_ahead_kb");
             setting << kReadAhead << std::flush;
@@ -35,12 +35,13 @@ void raiseReadAhead(const std::filesystem::path& directory) {
     }
 }
 
-// The kernel waits with this until it has let go of the directory, and so for requests about names
-// in it: while they are served, and only then, it returns.
+// The kernel takes the directory's lock for each invalidation, and requests on names in that
+// directory hold it: an invalidation returns only while other threads serve those requests. So it
+// is done by this thread, never by a worker, and not at all once the workers have ended.
 void forgetNames(DentryInvalidationQueue& stale, fuse_session* session) {
     for (const DentryInvalidationQueue::Name& name : stale.take()) {
         if (session != nullptr) {
-            // Fails only when the kernel remembers the name no more.
+            // Fails only when the kernel has dropped the dentry already.
             (void)fuse_lowlevel_notify_inval_entry(session, name.directory, name.name.c_str(),
                                                    name.name.size());
         }
@@ -69,13 +70,13 @@ MaintenanceThread::~MaintenanceThread() {
     ::close(ending_);
 }
 
-void MaintenanceThread::start(const Context& charge) {
-    thread_ = std::thread([this, charge] { watch(charge); });
+void MaintenanceThread::start(const Context& context) {
+    thread_ = std::thread([this, context] { watch(context); });
 }
 
 void MaintenanceThread::suspend() {
-    const MutexLock held(resting_);
-    rests_ = true;
+    const MutexLock held(orphanWork_);
+    suspended_ = true;
 }
 
 void MaintenanceThread::stop() {
@@ -86,9 +87,9 @@ void MaintenanceThread::stop() {
     }
 }
 
-void MaintenanceThread::watch(const Context& charge) {
-    raiseReadAhead(charge.directory);
-    DentryInvalidationQueue& stale = charge.volume.staleNames();
+void MaintenanceThread::watch(const Context& context) {
+    raiseReadAhead(context.mount);
+    DentryInvalidationQueue& stale = context.volume.staleNames();
     for (;;) {
         pollfd events[] = {
             {ending_, POLLIN, 0}, {signals_, POLLIN, 0}, {stale.descriptor(), POLLIN, 0}};
@@ -97,39 +98,50 @@ void MaintenanceThread::watch(const Context& charge) {
             return;
         }
         if (ready == 0) {
-            persistOrphans(charge.volume.removedFiles());
+            persistOrphans(context.volume.removedFiles());
+            if (stopRequested_ && !unmounted_ && !aborted_) {
+                unmountMount(context);
+            }
         }
         if (events[1].revents != 0) {
-            takeSignal(charge);
+            takeSignal(context);
         }
         if (events[2].revents != 0) {
-            forgetNames(stale, aborted_ ? nullptr : charge.session);
+            forgetNames(stale, aborted_ ? nullptr : context.session);
         }
     }
 }
 
-void MaintenanceThread::persistOrphans(OrphanFiles& removed) {
-    const MutexLock held(resting_);
-    if (!rests_) {
-        removed.persistExpired();
+void MaintenanceThread::persistOrphans(OrphanFiles& orphans) {
+    const MutexLock held(orphanWork_);
+    if (!suspended_) {
+        orphans.persistExpired();
     }
 }
 
-void MaintenanceThread::takeSignal(const Context& charge) {
+void MaintenanceThread::takeSignal(const Context& context) {
     signalfd_siginfo signal{};
     (void)!::read(signals_, &signal, sizeof signal); // poll() has said that there is one
     if (stopRequested_) {
         aborted_ = true;
-        charge.threads.stop();
+        context.threads.stop();
         return;
     }
     stopRequested_ = true;
-    if (const int failed = unmountOwnDirectory(charge.directory, false); failed != 0) {
+    unmountMount(context);
+}
+
+void MaintenanceThread::unmountMount(const Context& context) {
+    const std::optional<MountEntry> mount = findMount(context.mount);
+    int failed = unmountOwn(context.mount, false);
+    if (failed != 0) {
         log().info(fmt::format("{}: {}; serving its users until they are done",
-                               charge.directory.string(), errorText(fromHost(failed))));
-        unmountOwnDirectory(charge.directory,
-                            true); // if even this fails, the second signal ends us
+                               mount ? mount->directory.string() : std::string(),
+                               errorText(fromHost(failed))));
+        // Fails while another mount covers this one. It is tried again then.
+        failed = unmountOwn(context.mount, true);
     }
+    unmounted_ = failed == 0;
 }
 
 } // namespace tavelin::fusehost

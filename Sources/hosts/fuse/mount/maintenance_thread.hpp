@@ -1,16 +1,15 @@
-/// What has to be done beside serving requests: the thread that waits for signals, looks after
-/// removed files that stay open and tells the kernel of names that are stale.
+/// The thread that does what a mount needs beside serving requests: it waits for signals, persists
+/// the unlinked state of orphan files and tells the kernel of dentries that are no longer valid.
 ///
-/// The first SIGINT, SIGTERM or SIGHUP unmounts the directory as `umount` would; when somebody
-/// still uses it, it is taken away at once and served until they are done. A second signal cuts
-/// them off.
+/// The first SIGINT, SIGTERM or SIGHUP unmounts this mount, as `umount` would. While the mount is
+/// in use it is detached at once and served until its last user is done; while another mount lies
+/// on top of it, the unmount is tried again every second. A second signal ends the serving.
 #pragma once
 
 #include "hosts/fuse/protocol/worker_threads.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/mutex.hpp"
 
-#include <filesystem>
 #include <thread>
 
 struct fuse_session;
@@ -26,32 +25,36 @@ class MaintenanceThread {
     MaintenanceThread(const MaintenanceThread&) = delete;
     MaintenanceThread& operator=(const MaintenanceThread&) = delete;
 
-    /// What is given must stay until stop() has returned.
+    /// Everything referred to must outlive the call of stop().
     struct Context {
-        std::filesystem::path directory;
+        int mount; ///< id of the mount that is served, see mount_table.hpp
         MountedVolume& volume;
         WorkerThreads& threads;
         fuse_session* session;
     };
-    void start(const Context& charge);
-    /// From its return on removed files are left alone. Does not wait for the thread, which may be
-    /// the one that unmounts and so wait for whoever calls this.
+    void start(const Context& context);
+    /// After its return the thread no longer touches the volume's orphan files. Does not wait for
+    /// the thread: it may be blocked in the unmount, which itself waits for the caller.
     void suspend();
     /// Returns once the thread has ended; does nothing when it has not been started.
     void stop();
 
   private:
-    void watch(const Context& charge);
-    void takeSignal(const Context& charge);
-    void persistOrphans(OrphanFiles& removed);
+    void watch(const Context& context);
+    void takeSignal(const Context& context);
+    void unmountMount(const Context& context);
+    void persistOrphans(OrphanFiles& orphans);
 
     int signals_ = -1;           // a signalfd
     int ending_ = -1;            // an eventfd
     bool stopRequested_ = false; // the first signal has come
-    bool aborted_ = false;       // and the second: nobody serves any more
+    bool unmounted_ = false;     // and the unmount it asked for has succeeded
+    bool aborted_ = false;       // a second signal has come: nobody serves any more
     std::thread thread_;
-    Mutex resting_; // held while removed files are looked after
-    bool rests_ TAVELIN_GUARDED_BY(resting_) = false;
+    // Held across the calls into the volume that persist orphans, so that suspend() returns only
+    // between them. Taken before every lock of the tree and the volume.
+    Mutex orphanWork_;
+    bool suspended_ TAVELIN_GUARDED_BY(orphanWork_) = false;
 };
 
 } // namespace tavelin::fusehost

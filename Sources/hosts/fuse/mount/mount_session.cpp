@@ -5,6 +5,7 @@
 #include "hosts/fuse/mount/daemon.hpp"
 #include "hosts/fuse/mount/loop_device.hpp"
 #include "hosts/fuse/mount/maintenance_thread.hpp"
+#include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/protocol/cpu_latency_request.hpp"
 #include "hosts/fuse/protocol/kernel_channel.hpp"
 #include "hosts/fuse/protocol/requests.hpp"
@@ -66,13 +67,22 @@ std::string escaped(const std::string& value) {
     return safe;
 }
 
-struct CloseSession {
-    void operator()(fuse_session* session) const {
-        fuse_session_unmount(session);
-        fuse_session_destroy(session);
+// Destroys the session and leaves the mount alone. libfuse's own unmount goes by path, which may
+// lead to another mount by now; Mount unmounts by id.
+struct DestroySession {
+    void operator()(fuse_session* session) const { fuse_session_destroy(session); }
+};
+using Session = std::unique_ptr<fuse_session, DestroySession>;
+
+// Unmounts at the end whatever ended the serving.
+struct Unmount {
+    int id;
+    ~Unmount() {
+        if (const int failed = unmount(id, true); failed != 0) {
+            log().error(fmt::format("unmounting: {}", errorText(fromHost(failed))));
+        }
     }
 };
-using Session = std::unique_ptr<fuse_session, CloseSession>;
 
 // One mount. The members are destroyed in reverse: the session before the volume it serves.
 class Mount {
@@ -84,14 +94,15 @@ class Mount {
         if (!connect()) {
             return 1; // libfuse has said why
         }
-        CpuLatencyRequest wakefulness(!request_.powerSave);
-        WorkerThreads threads(session_.get(), wakefulness);
-        caretaker_.start({request_.directory, *volume_, threads, session_.get()});
+        CpuLatencyRequest latency(request_.lowLatency);
+        WorkerThreads threads(session_.get(), latency);
+        maintenance_.start({mount_->id, *volume_, threads, session_.get()});
         const int failed = threads.run(kServingThreads);
         if (failed != 0) {
             report(fmt::format("{}: {}", request_.directory.string(), errorText(fromHost(failed))));
         }
-        caretaker_.stop();
+        maintenance_.stop();
+        mount_.reset();
         session_.reset();
         close();
         if (request_.trace) {
@@ -150,9 +161,14 @@ class Mount {
             SessionContext{channel_, *volume_, [this] { daemon_.ready(); }, [this] { close(); }});
         session_.reset(
             fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &*context_));
-        return session_ != nullptr &&
-               fuse_session_mount(session_.get(), request_.directory.c_str()) == 0 &&
-               KernelChannel::attach(session_.get()) == 0;
+        if (session_ == nullptr ||
+            fuse_session_mount(session_.get(), request_.directory.c_str()) != 0) {
+            return false;
+        }
+        // Somebody may have covered or unmounted it already. The latter ends the serving at once.
+        const std::optional<MountEntry> mount = findOwnMount(request_.directory);
+        mount_.emplace(mount ? mount->id : 0);
+        return KernelChannel::attach(session_.get()) == 0;
     }
 
     // Carries everything to the image and lets go of it. Called when the kernel sends its last
@@ -162,7 +178,7 @@ class Mount {
             return;
         }
         closed_ = true;
-        caretaker_.suspend();
+        maintenance_.suspend();
         Outcome<void> finished = volume_->finish();
         Outcome<void> closed = host_->close();
         host_->resource().release();
@@ -179,12 +195,14 @@ class Mount {
     const MountRequest& request_;
     Daemon& daemon_;
     KernelChannel channel_{request_.trace};
-    MaintenanceThread caretaker_;
+    MaintenanceThread maintenance_;
     std::unique_ptr<ModuleHost> host_;
     std::optional<MountedVolume> volume_;
     std::optional<SessionContext> context_;
     std::unique_ptr<LoopDevice> loop_;
     Session session_;
+    std::optional<Unmount> mount_; // after session_: unmounting may need answers no longer, only
+                                   // the descriptor that session_ owns
     bool closed_ = false;
     bool lost_ = false;
 };

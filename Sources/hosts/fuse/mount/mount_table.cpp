@@ -31,8 +31,8 @@ std::string unescaped(const std::string& text) {
 std::optional<MountEntry> parse(const std::string& line) {
     std::istringstream words(line);
     MountEntry entry;
-    std::string id, parent, root, directory, options, word;
-    words >> id >> parent >> entry.device >> root >> directory >> options;
+    std::string parent, root, directory, options, word;
+    words >> entry.id >> parent >> entry.device >> root >> directory >> options;
     while (words >> word && word != "-") {
     }
     if (!(words >> entry.type >> entry.source)) {
@@ -71,27 +71,63 @@ int flagsOf(bool lazy) {
     return UMOUNT_NOFOLLOW | (lazy ? MNT_DETACH : 0);
 }
 
+// The last mount in the table that `wanted` accepts. Of mounts on one directory that is the
+// topmost.
+template<typename Wanted>
+std::optional<MountEntry> lastMount(Wanted&& wanted) {
+    std::ifstream table("/proc/self/mountinfo");
+    std::optional<MountEntry> last;
+    for (std::string line; std::getline(table, line);) {
+        if (std::optional<MountEntry> entry = parse(line); entry && wanted(*entry)) {
+            last = std::move(entry);
+        }
+    }
+    return last;
+}
+
+// Where an unmount by path would reach the mount: ENOENT when it is gone, EBUSY when it is covered.
+int pathOf(int id, std::filesystem::path& directory) {
+    const std::optional<MountEntry> own = findMount(id);
+    if (!own) {
+        return ENOENT;
+    }
+    directory = own->directory;
+    const std::optional<MountEntry> topmost = findMount(directory);
+    return topmost && topmost->id == id ? 0 : EBUSY;
+}
+
 } // namespace
 
 std::optional<MountEntry> findMount(const std::filesystem::path& directory) {
-    std::ifstream table("/proc/self/mountinfo");
-    std::optional<MountEntry> topmost;
-    for (std::string line; std::getline(table, line);) {
-        if (std::optional<MountEntry> entry = parse(line); entry && entry->directory == directory) {
-            topmost = std::move(entry);
-        }
-    }
-    return topmost;
+    return lastMount([&](const MountEntry& entry) { return entry.directory == directory; });
 }
 
-int unmountDirectory(const std::filesystem::path& directory, bool lazy) {
+std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory) {
+    return lastMount([&](const MountEntry& entry) {
+        return entry.directory == directory && entry.type.ends_with(".tavelin");
+    });
+}
+
+std::optional<MountEntry> findMount(int id) {
+    return lastMount([id](const MountEntry& entry) { return entry.id == id; });
+}
+
+int unmount(int id, bool lazy) {
+    std::filesystem::path directory;
+    if (const int failed = pathOf(id, directory); failed != 0) {
+        return failed == ENOENT ? 0 : failed;
+    }
     if (::umount2(directory.c_str(), flagsOf(lazy)) == 0) {
         return 0;
     }
     return errno == EPERM ? runFusermount(directory, lazy) : errno;
 }
 
-int unmountOwnDirectory(const std::filesystem::path& directory, bool lazy) {
+int unmountOwn(int id, bool lazy) {
+    std::filesystem::path directory;
+    if (const int failed = pathOf(id, directory); failed != 0) {
+        return failed == ENOENT ? 0 : failed;
+    }
     const pid_t child = ::fork();
     if (child == 0) { // other threads may hold any lock: nothing but system calls from here on
         ::close_range(STDERR_FILENO + 1, ~0u, 0);

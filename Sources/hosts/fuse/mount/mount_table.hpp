@@ -8,6 +8,7 @@
 namespace tavelin::fusehost {
 
 struct MountEntry {
+    int id = 0;         ///< of this mount as long as it lasts, whatever becomes of its path
     std::string device; ///< "major:minor"
     std::filesystem::path directory;
     std::string type;   ///< "fuse.tavelin", "fuseblk.tavelin", …
@@ -19,13 +20,23 @@ struct MountEntry {
 /// there. Never asks the mounted file system itself.
 std::optional<MountEntry> findMount(const std::filesystem::path& directory);
 
-/// Unmounts, through fusermount3 where the process has no right to; 0 or a host errno. A lazy
-/// unmount takes the directory away at once and lets those who use it finish.
-int unmountDirectory(const std::filesystem::path& directory, bool lazy);
+/// The topmost mount of ours on a directory, whatever lies on top of it.
+std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory);
 
-/// The same for the process that serves the directory, which must serve on meanwhile: what is dirty
-/// in the kernel comes back to it first. The calls that wait for our own answers are made in a
-/// child process; a thread of ours in them could never end if the others were killed.
-int unmountOwnDirectory(const std::filesystem::path& directory, bool lazy);
+/// The mount with an id, wherever it is now; absent when it has been unmounted.
+std::optional<MountEntry> findMount(int id);
+
+/// Unmounts one mount, through fusermount3 where the process has no right to. A lazy unmount takes
+/// the directory away at once and lets those who use it finish. 0, also when the mount is gone
+/// already; EBUSY when it is in use or another mount lies on top of it; or another host errno.
+///
+/// The kernel unmounts by path only, so the path is looked up by the id right before. Nothing but
+/// this mount is unmounted when its directory was moved or covered since it was made.
+int unmount(int id, bool lazy);
+
+/// The same for the process that serves the mount, which must serve on meanwhile: what is dirty in
+/// the kernel comes back to it first. The calls that wait for our own answers are made in a child
+/// process; a thread of ours in them could never end if the others were killed.
+int unmountOwn(int id, bool lazy);
 
 } // namespace tavelin::fusehost
