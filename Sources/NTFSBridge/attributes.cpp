@@ -1,4 +1,5 @@
 // What one inode is like: ntb_getattr.
+#include "NTFSBridge/link_path.hpp"
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/times.hpp"
@@ -49,6 +50,9 @@ void describe_link(ntfs_inode* inode, const reparse_point& point, ntb_attr& out)
     if (!point.exists()) {
         out.size = (out.size - interix_marker_size) / sizeof(ntfschar);
         return;
+    }
+    if (link_path(point).form() == link_path::kind::of_volume) {
+        out.flags |= NTB_FLAG_VOLUME_LINK;
     }
     const c_string target = link_target(inode, point, target_form::in_mount);
     out.size = target ? std::strlen(target.get()) : 0;

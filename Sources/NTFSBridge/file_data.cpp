@@ -39,7 +39,10 @@ struct open_file {
         }
         errno = 0;
         data = open_unnamed_data(inode.get());
-        return data ? 0 : err_or(EIO);
+        if (!data) {
+            return err_or(EIO);
+        }
+        return (data->data_flags & ATTR_IS_ENCRYPTED) != 0 ? EACCES : 0;
     }
 
     uint64_t size() const noexcept { return static_cast<uint64_t>(data->data_size); }

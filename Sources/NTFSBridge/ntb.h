@@ -161,7 +161,8 @@ enum {
     NTB_FLAG_READ_ONLY = 1u << 1,
     NTB_FLAG_SYSTEM = 1u << 2,
     NTB_FLAG_COMPRESSED = 1u << 3,
-    NTB_FLAG_REPARSE_POINT = 1u << 4
+    NTB_FLAG_REPARSE_POINT = 1u << 4,
+    NTB_FLAG_VOLUME_LINK = 1u << 5 /* a link whose target is a path from the volume's root */
 };
 
 /* Reparse tags that the bridge acts on, from Microsoft's [MS-FSCC] 2.1.2.1. */

@@ -56,7 +56,9 @@ int ChunkReader::read(const Source& source, std::uint64_t offset, std::span<std:
         const std::size_t size = sizeOf(chunk);
         const std::size_t wanted = std::min(size - skipped, to.size() - count);
         const std::uint64_t last = (offset + to.size() - 1) / chunkSize_;
-        if (const int error = provide(source, chunk, last, skipped, to.subspan(count, wanted))) {
+        const bool isBulk = last != offset / chunkSize_;
+        if (const int error =
+                provide(source, chunk, last, skipped, isBulk, to.subspan(count, wanted))) {
             return error;
         }
         count += wanted;
@@ -64,9 +66,10 @@ int ChunkReader::read(const Source& source, std::uint64_t offset, std::span<std:
     return 0;
 }
 
-/// Puts the bytes of a chunk from `skipped` on into `to`, by way of a slot unless all are wanted.
+/// Puts the bytes of a chunk from `skipped` on into `to`, by way of a slot unless the request is
+/// for all of it and for others.
 int ChunkReader::provide(const Source& source, std::uint64_t chunk, std::uint64_t last,
-                         std::size_t skipped, std::span<std::uint8_t> to) {
+                         std::size_t skipped, bool isBulk, std::span<std::uint8_t> to) {
     Slot* slot = find(chunk);
     if (slot == nullptr) {
         std::span<const std::uint8_t> input;
@@ -74,7 +77,8 @@ int ChunkReader::provide(const Source& source, std::uint64_t chunk, std::uint64_
             return error;
         }
         const std::size_t size = sizeOf(chunk);
-        if (to.size() == size) {
+        // Requests for single chunks may come again; in longer ones they would drive these out.
+        if (to.size() == size && isBulk) {
             return decode(input, to) ? 0 : EIO;
         }
         slot = &leastRecentlyUsed();

@@ -83,7 +83,7 @@ class ChunkReader {
     [[nodiscard]] int load(const Source& source, std::uint64_t chunk, std::uint64_t last,
                            std::span<const std::uint8_t>& input);
     [[nodiscard]] int provide(const Source& source, std::uint64_t chunk, std::uint64_t last,
-                              std::size_t skipped, std::span<std::uint8_t> to);
+                              std::size_t skipped, bool isBulk, std::span<std::uint8_t> to);
     [[nodiscard]] bool decode(std::span<const std::uint8_t> input,
                               std::span<std::uint8_t> output) noexcept;
     [[nodiscard]] Slot* find(std::uint64_t chunk) noexcept;

@@ -35,6 +35,7 @@ NTFSAttributes attributesOf(const ntb_attr& record) noexcept {
             .readOnly = (record.flags & NTB_FLAG_READ_ONLY) != 0,
             .system = (record.flags & NTB_FLAG_SYSTEM) != 0,
             .compressed = (record.flags & NTB_FLAG_COMPRESSED) != 0,
+            .volumeLink = (record.flags & NTB_FLAG_VOLUME_LINK) != 0,
             .reparseTag = record.reparse_tag,
             .dataState = static_cast<NTFSDataState>(record.data_state),
             .device = record.device,

@@ -56,6 +56,7 @@ struct NTFSAttributes {
     bool readOnly = false;
     bool system = false;
     bool compressed = false;
+    bool volumeLink = false;      ///< a link whose target is a path from the volume's root
     std::uint32_t reparseTag = 0; ///< 0: none; reparse_tags.hpp knows the others
     NTFSDataState dataState = NTFSDataState::here;
     std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number

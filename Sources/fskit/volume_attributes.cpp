@@ -56,6 +56,7 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
     result.setSupportsLimitedXAttrs(false);
     result.setNative({.reparseTag = record.reparseTag,
                       .dataState = static_cast<fskit::FSItemDataState>(record.dataState),
+                      .volumeLink = record.volumeLink,
                       .device = record.device});
 }
 

@@ -72,6 +72,7 @@ enum class FSItemDataState : std::uint8_t {
 struct FSItemNativeAttributes {
     std::uint32_t reparseTag = 0; ///< 0: none
     FSItemDataState dataState = FSItemDataState::here;
+    bool volumeLink = false;  ///< a link whose target is a path from the volume's root
     std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
 };
 

@@ -141,7 +141,7 @@ class Lister {
                 attributes.setType(entry.type);
                 show(command_.json ? below : entry.name, below, attributes,
                      entry.type == FSItemType::symlink && (command_.longForm || command_.json)
-                         ? linkTarget(directory, entry.name)
+                         ? linkTarget(directory, entry.name, attributes)
                          : std::nullopt);
             }
         }
@@ -193,13 +193,14 @@ class Lister {
     }
 
     /// Absent for a target that cannot be read: one damaged link does not spoil a listing.
-    std::optional<std::string> linkTarget(const ItemRef& directory, const std::string& name) {
+    std::optional<std::string> linkTarget(const ItemRef& directory, const std::string& name,
+                                          const fskit::FSItemAttributes& attributes) {
         const auto item = volume_.lookup(directory, name);
         if (!item) {
             return std::nullopt;
         }
-        auto text = volume_.readSymbolicLink(*item);
-        return text ? std::optional(std::move(text).get()) : std::nullopt;
+        const auto text = volume_.readSymbolicLink(*item);
+        return text ? std::optional(shownTarget(*text, attributes)) : std::nullopt;
     }
 
     std::optional<std::string> target(const fskit::FSItemAttributes& attributes,
@@ -207,7 +208,7 @@ class Lister {
         if (attributes.type() != FSItemType::symlink) {
             return std::nullopt;
         }
-        return valueOf(volume_.readSymbolicLink(item), path);
+        return shownTarget(valueOf(volume_.readSymbolicLink(item), path), attributes);
     }
 
     VolumeClient& volume_;
@@ -267,7 +268,8 @@ void runStat(const ListCommand& command) {
             const Found found = valueOf(resolve(session.volume(), path, LastLink::keep), path);
             std::optional<std::string> target;
             if (found.attributes.type() == FSItemType::symlink) {
-                target = valueOf(session.volume().readSymbolicLink(found.item), path);
+                target = shownTarget(valueOf(session.volume().readSymbolicLink(found.item), path),
+                                     found.attributes);
             }
             if (command.json) {
                 array.add(asJSON(path, found.attributes, target));

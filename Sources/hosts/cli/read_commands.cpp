@@ -46,7 +46,8 @@ void runReadlink(const ReadCommand& command) {
             if (found.attributes.type() != fskit::FSItemType::symlink) {
                 throw Failure(escaped(path) + ": not a symbolic link");
             }
-            const std::string target = valueOf(session.volume().readSymbolicLink(found.item), path);
+            const std::string target = shownTarget(
+                valueOf(session.volume().readSymbolicLink(found.item), path), found.attributes);
             if (command.json) {
                 result.push_back({{"path", path}, {"target", target}});
             } else {

@@ -145,6 +145,17 @@ std::string_view typeName(fskit::FSItemType type) noexcept {
     }
 }
 
+std::string shownTarget(const std::string& target, const fskit::FSItemAttributes& attributes) {
+    if (!attributes.native().volumeLink) {
+        return target;
+    }
+    std::string_view rest = target;
+    while (rest.starts_with("../")) {
+        rest.remove_prefix(3);
+    }
+    return rest == ".." || rest == "." ? "/" : "/" + std::string(rest);
+}
+
 std::string lastComponent(std::string_view path) {
     const auto end = path.find_last_not_of('/');
     if (end == std::string_view::npos) {

@@ -30,6 +30,11 @@ namespace tavelin::cli {
 /// "file", "directory", "symlink", "fifo", "char-device", "block-device", "socket".
 [[nodiscard]] std::string_view typeName(fskit::FSItemType type) noexcept;
 
+/// A link's target as the volume has it: a path from its root, which a mount has to tell as the way
+/// from the link's directory ("../../real"), is "/real" again.
+[[nodiscard]] std::string shownTarget(const std::string& target,
+                                      const fskit::FSItemAttributes& attributes);
+
 /// A path's last component: "c" of "a/b/c/"; empty for the root.
 [[nodiscard]] std::string lastComponent(std::string_view path);
 /// A name in a directory, as a path; `directory` may be empty or end in "/".

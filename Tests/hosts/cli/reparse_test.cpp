@@ -64,6 +64,13 @@ TEST_F(ReparseItems, AreToldInListings) {
     }
 }
 
+TEST_F(ReparseItems, AreToldWithTheVolumesPathWhenTheyLeadThere) {
+    EXPECT_EQ(tavelinDone({"readlink", image(), "/items/junction"}), "/real\n");
+    EXPECT_EQ(tavelinDone({"readlink", image(), "/items/symlink"}), "../real/file\n");
+    EXPECT_NE(tavelinDone({"ls", "-l", image(), "/items"}).find("junction -> /real\n"),
+              std::string::npos);
+}
+
 TEST_F(ReparseItems, AreLeftOutOfACopyThatHasTheRest) {
     const TempDirectory target;
     const ProcessResult got = tavelinRun({"get", "-q", image(), "/items", target.path().string()});
