@@ -15,6 +15,8 @@ set(CMAKE_C_STANDARD 11)
 set(CMAKE_C_STANDARD_REQUIRED ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES C CXX)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
 endif()
@@ -26,6 +28,25 @@ target_compile_options(tavelin_flags INTERFACE
   $<$<BOOL:${TAVELIN_WERROR}>:-Werror>
   # clang proves the lock discipline annotated in platform/mutex.hpp.
   $<$<COMPILE_LANG_AND_ID:CXX,Clang,AppleClang>:-Wthread-safety -Wthread-safety-beta>)
+
+# Hardening, in every preset; Hardening.OfTheProgram reads it back from the binary.
+target_compile_options(tavelin_flags INTERFACE -fstack-protector-strong)
+if(NOT APPLE)
+  target_compile_options(tavelin_flags INTERFACE -fstack-clash-protection)
+  target_link_options(tavelin_flags INTERFACE
+    LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64|AMD64|i[3-6]86")
+    target_compile_options(tavelin_flags INTERFACE -fcf-protection)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    target_compile_options(tavelin_flags INTERFACE -mbranch-protection=standard)
+  endif()
+endif()
+if(NOT TAVELIN_SANITIZE)
+  # Sanitizers check the same calls themselves, and unoptimised code has nothing to check.
+  target_compile_options(tavelin_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+endif()
+
 if(TAVELIN_SANITIZE)
   target_compile_options(tavelin_flags INTERFACE
     -fsanitize=${TAVELIN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
