@@ -44,7 +44,7 @@ endif()
 if(NOT TAVELIN_SANITIZE)
   # Sanitizers check the same calls themselves, and unoptimised code has nothing to check.
   target_compile_options(tavelin_flags INTERFACE
-    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+    "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
 endif()
 
 if(TAVELIN_SANITIZE)
