@@ -18,6 +18,8 @@ namespace {
 
 int deviceSize(int fd, std::uint64_t& bytes) noexcept {
 #if defined(__linux__)
+    // The older BLKGETSIZE counts sectors in a long, which is too small for large disks on a
+    // 32-bit host.
     return ioctl(fd, BLKGETSIZE64, &bytes) == 0 ? 0 : errno;
 #elif defined(__APPLE__)
     std::uint32_t blockSize = 0;
@@ -26,8 +28,10 @@ int deviceSize(int fd, std::uint64_t& bytes) noexcept {
         ioctl(fd, DKIOCGETBLOCKCOUNT, &blockCount) != 0) {
         return errno;
     }
+    // The device's driver reports both factors, so their product is checked.
     return __builtin_mul_overflow(blockCount, blockSize, &bytes) ? EOVERFLOW : 0;
 #else
+    // Moves the file offset. The callers read and write at explicit offsets only.
     const off_t end = lseek(fd, 0, SEEK_END);
     if (end < 0) {
         return errno;
@@ -44,6 +48,7 @@ int diskFileSize(int fd, std::uint64_t& bytes) noexcept {
     if (fstat(fd, &status) != 0) {
         return errno;
     }
+    // The size of a device is not in its node: fstat() answers 0 for it.
     if (S_ISBLK(status.st_mode)) {
         return deviceSize(fd, bytes);
     }
@@ -52,6 +57,7 @@ int diskFileSize(int fd, std::uint64_t& bytes) noexcept {
 }
 
 void bypassHostCache(int fd) noexcept {
+    // Advice to the host changes no result, so both forms drop its errors.
 #if defined(__APPLE__)
     static_cast<void>(fcntl(fd, F_NOCACHE, 1));
 #else
@@ -61,10 +67,12 @@ void bypassHostCache(int fd) noexcept {
 
 void forgetHostCache(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
 #if defined(__APPLE__)
+    // bypassHostCache() has kept the range out of the cache from the start.
     static_cast<void>(fd);
     static_cast<void>(offset);
     static_cast<void>(length);
 #else
+    // Linux drops whole pages only, and only clean ones.
     static_cast<void>(posix_fadvise(fd, static_cast<off_t>(offset), static_cast<off_t>(length),
                                     POSIX_FADV_DONTNEED));
 #endif

@@ -8,6 +8,7 @@ namespace tavelin {
 
 namespace {
 
+/// One row of the table: a macOS number and the host's number of the same meaning.
 struct Pair {
     std::int32_t number;
     int host;
@@ -92,6 +93,8 @@ constexpr Pair kTable[] = {
     {kEIDRM, EIDRM},
     {kENOMSG, ENOMSG},
     {kEILSEQ, EILSEQ},
+// Linux reports an extended attribute that is not set as ENODATA. This row stands above the one
+// for kENODATA, so that ENODATA becomes kENOATTR above the border.
 #ifdef ENOATTR
     {kENOATTR, ENOATTR},
 #else
@@ -108,6 +111,7 @@ constexpr Pair kTable[] = {
     {kEOPNOTSUPP, EOPNOTSUPP},
     {kENOTRECOVERABLE, ENOTRECOVERABLE},
     {kEOWNERDEAD, EOWNERDEAD},
+// The numbers without a counterpart outside macOS. They become EIO there.
 #ifdef __APPLE__
     {kEPROCLIM, EPROCLIM},
     {kEBADRPC, EBADRPC},
@@ -134,7 +138,7 @@ struct Text {
     const char* text;
 };
 
-// macOS's words for the numbers that only macOS has.
+// macOS's strerror texts of the numbers that only macOS has.
 constexpr Text kMacOSOnly[] = {
     {kEPROCLIM, "Too many processes"},
     {kEBADRPC, "RPC struct is bad"},
@@ -155,6 +159,46 @@ constexpr Text kMacOSOnly[] = {
     {kEQFULL, "Interface output queue is full"},
 };
 
+constexpr bool isListed(std::int32_t number) {
+    for (const Pair& pair : kTable) {
+        if (pair.number == number) {
+            return true;
+        }
+    }
+    for (const Text& entry : kMacOSOnly) {
+        if (entry.number == number) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The numbers are 1 to kEQFULL without a gap, so a forgotten row shows here.
+constexpr bool isEveryNumberListed() {
+    for (std::int32_t number = 1; number <= kEQFULL; ++number) {
+        if (!isListed(number)) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(isEveryNumberListed(), "a number has neither a counterpart nor a text");
+
+// toHost() would answer the last of two rows silently.
+constexpr bool isEachNumberInOneRow() {
+    for (const Pair& pair : kTable) {
+        int rows = 0;
+        for (const Pair& other : kTable) {
+            rows += other.number == pair.number ? 1 : 0;
+        }
+        if (rows != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(isEachNumberInOneRow(), "a number has two counterparts");
+
 #ifdef __APPLE__
 constexpr bool namesTheHostsOwnNumbers() {
     for (const Pair& pair : kTable) {
@@ -173,11 +217,13 @@ constexpr bool kHostIsMacOS = false;
 // One slot per number; 0 where there is no counterpart. Both numberings stay below the limit,
 // or the tables would not compile.
 constexpr std::size_t kLimit = 160;
+static_assert(kEQFULL < static_cast<std::int32_t>(kLimit));
 using Slots = std::array<std::int32_t, kLimit>;
 
 constexpr Slots makeFromHost() {
     Slots slots{};
     for (const Pair& pair : kTable) {
+        // The first row wins, which is the rule at the table.
         auto& slot = slots[static_cast<std::size_t>(pair.host)];
         if (slot == 0) {
             slot = pair.number;
@@ -205,7 +251,8 @@ std::int32_t find(const Slots& slots, int number) noexcept {
     return slots[static_cast<std::size_t>(number)];
 }
 
-// strerror_r comes in two forms: GNU's returns the text, POSIX's fills the buffer.
+// strerror_r comes in two forms: GNU's returns the text, POSIX's fills the buffer. Which one a
+// build gets depends on feature macros, so overload resolution picks the right source.
 [[maybe_unused]] const char* chosen(const char* returned, const char*) {
     return returned;
 }
@@ -248,8 +295,9 @@ std::string errorText(std::int32_t error) {
             return entry.text;
         }
     }
-    // A number that means nothing above the border may mean something to the host: ask it for
-    // its words about a number that it cannot know, and put the right number in.
+    // The number has no meaning above the border, but the host may use it for an error of its own,
+    // so the host's text for it would be wrong. The host's text for a number that no system uses
+    // is taken instead, and the given number is put into it.
     constexpr int kUnknown = 99999;
     const std::string unknown = std::to_string(kUnknown);
     std::string text = hostText(kUnknown);

@@ -11,7 +11,8 @@
 ///    does not exist); kENODATA goes back to the same ENODATA;
 ///  - where the host has one number for ENOTSUP and EOPNOTSUPP it is kENOTSUP; both go back to it.
 ///
-/// All functions are pure and may be called from any thread.
+/// A reply that crossed the border twice therefore keeps its meaning wherever both systems have
+/// the number. All functions are pure and may be called from any thread.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +20,8 @@
 
 namespace tavelin {
 
+// 1 to 34: the numbers of the first Unix systems, equal on macOS and Linux but for kEDEADLK.
+// 35 (kEAGAIN) takes the place of Linux's 11, so no value may be passed on without conversion.
 inline constexpr std::int32_t kEPERM = 1;
 inline constexpr std::int32_t kENOENT = 2;
 inline constexpr std::int32_t kESRCH = 3;
@@ -54,6 +57,7 @@ inline constexpr std::int32_t kEPIPE = 32;
 inline constexpr std::int32_t kEDOM = 33;
 inline constexpr std::int32_t kERANGE = 34;
 inline constexpr std::int32_t kEAGAIN = 35;
+// 36 to 61: sockets, as in BSD. The values differ from Linux's from here on.
 inline constexpr std::int32_t kEINPROGRESS = 36;
 inline constexpr std::int32_t kEALREADY = 37;
 inline constexpr std::int32_t kENOTSOCK = 38;
@@ -80,6 +84,7 @@ inline constexpr std::int32_t kESHUTDOWN = 58;
 inline constexpr std::int32_t kETOOMANYREFS = 59;
 inline constexpr std::int32_t kETIMEDOUT = 60;
 inline constexpr std::int32_t kECONNREFUSED = 61;
+// 62 to 71: paths, hosts, limits of users, and the network file system.
 inline constexpr std::int32_t kELOOP = 62;
 inline constexpr std::int32_t kENAMETOOLONG = 63;
 inline constexpr std::int32_t kEHOSTDOWN = 64;
@@ -90,11 +95,14 @@ inline constexpr std::int32_t kEUSERS = 68;
 inline constexpr std::int32_t kEDQUOT = 69;
 inline constexpr std::int32_t kESTALE = 70;
 inline constexpr std::int32_t kEREMOTE = 71;
+// 72 to 76: remote procedure calls. Linux has no counterpart of these.
 inline constexpr std::int32_t kEBADRPC = 72;
 inline constexpr std::int32_t kERPCMISMATCH = 73;
 inline constexpr std::int32_t kEPROGUNAVAIL = 74;
 inline constexpr std::int32_t kEPROGMISMATCH = 75;
 inline constexpr std::int32_t kEPROCUNAVAIL = 76;
+// 77 to 92: file types, authentication, devices, executables and messages. Those with a
+// counterpart are in error_numbers.cpp.
 inline constexpr std::int32_t kENOLCK = 77;
 inline constexpr std::int32_t kENOSYS = 78;
 inline constexpr std::int32_t kEFTYPE = 79;
@@ -111,6 +119,7 @@ inline constexpr std::int32_t kECANCELED = 89;
 inline constexpr std::int32_t kEIDRM = 90;
 inline constexpr std::int32_t kENOMSG = 91;
 inline constexpr std::int32_t kEILSEQ = 92;
+// 93 (kENOATTR) is the answer for an extended attribute that is not set. Linux answers ENODATA.
 inline constexpr std::int32_t kENOATTR = 93;
 inline constexpr std::int32_t kEBADMSG = 94;
 inline constexpr std::int32_t kEMULTIHOP = 95;
@@ -120,6 +129,7 @@ inline constexpr std::int32_t kENOSR = 98;
 inline constexpr std::int32_t kENOSTR = 99;
 inline constexpr std::int32_t kEPROTO = 100;
 inline constexpr std::int32_t kETIME = 101;
+// 102 (kEOPNOTSUPP) differs from 45 (kENOTSUP) on macOS alone; Linux has one value for both.
 inline constexpr std::int32_t kEOPNOTSUPP = 102;
 inline constexpr std::int32_t kENOPOLICY = 103;
 inline constexpr std::int32_t kENOTRECOVERABLE = 104;
@@ -132,9 +142,9 @@ inline constexpr std::int32_t kEQFULL = 106;
 /// The host errno of a macOS number, by the rules above.
 [[nodiscard]] int toHost(std::int32_t error) noexcept;
 
-/// What a macOS number means, in words: the host's strerror text of the number's counterpart. A
-/// number that only macOS has answers macOS's own text, any other number the host's text for an
-/// unknown error, with the number as given.
+/// The description of a macOS number for people: the host's strerror text of the number's
+/// counterpart. A number that only macOS has answers macOS's own text, any other number the host's
+/// text for an unknown error, with the number as given. The language is the process's locale's.
 [[nodiscard]] std::string errorText(std::int32_t error);
 
 } // namespace tavelin

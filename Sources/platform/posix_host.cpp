@@ -1,4 +1,4 @@
-// What the host says about the product and itself: information dictionary, container, version.
+// The services that read the host's settings: information dictionary, container, version.
 #include "platform/private/posix_services.hpp"
 #include "platform/product.hpp"
 
@@ -15,6 +15,7 @@ bool isSet(const char* value) {
     return value != nullptr && *value != '\0';
 }
 
+/// The content of a small file; empty when it cannot be read.
 std::string contentsOf(const char* path) {
     std::ifstream file(path);
     std::ostringstream contents;
@@ -25,6 +26,7 @@ std::string contentsOf(const char* path) {
 } // namespace
 
 InformationDictionary informationDictionary() {
+    // The keys that the extension's Info.plist has and that our code looks up.
     return {
         {"CFBundleIdentifier", product::kExtensionBundleID},
         {"CFBundleShortVersionString", product::kVersion},
@@ -40,7 +42,7 @@ std::optional<std::filesystem::path> containerFrom(const char* container, const 
         return std::filesystem::path(container);
     }
     std::filesystem::path state;
-    // A relative XDG directory is to be ignored, as if it were not set.
+    // The XDG base directory rules say to ignore a relative directory.
     if (isSet(stateHome) && stateHome[0] == '/') {
         state = stateHome;
     } else if (isSet(home)) {
@@ -52,7 +54,8 @@ std::optional<std::filesystem::path> containerFrom(const char* container, const 
 }
 
 std::optional<std::filesystem::path> groupContainer(const std::string& group) {
-    // Nothing in this process changes its environment once threads run.
+    // getenv() races only with changes of the environment. No process of ours makes any once its
+    // threads run.
     const auto variable = [](const char* name) {
         return std::getenv(name); // NOLINT(concurrency-mt-unsafe)
     };
@@ -61,6 +64,8 @@ std::optional<std::filesystem::path> groupContainer(const std::string& group) {
 }
 
 std::string prettyName(std::string_view osRelease) {
+    // os-release(5): one NAME=value per line, the value quoted as in a shell. The escapes of a
+    // shell do not occur in the names of distributions, so only the quotes are removed.
     constexpr std::string_view kKey = "PRETTY_NAME=";
     std::istringstream lines{std::string(osRelease)};
     for (std::string line; std::getline(lines, line);) {

@@ -9,6 +9,9 @@ namespace tavelin {
 
 namespace {
 
+static_assert(LogLevel::kInfo < LogLevel::kError, "the options compare levels");
+
+/// The text with control characters as \xNN. Bytes above 0x7f stay, as they are parts of UTF-8.
 std::string escaped(std::string_view text) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string result;
@@ -29,6 +32,7 @@ std::string escaped(std::string_view text) {
 class PosixSystemLog final : public SystemLog {
   public:
     explicit PosixSystemLog(PosixLogOptions options) : options_(options) {
+        // openlog() keeps the pointer it is given. The name is a constant.
         openlog(product::kShortName, LOG_PID, LOG_DAEMON);
     }
 
@@ -41,6 +45,7 @@ class PosixSystemLog final : public SystemLog {
         try {
             const std::string line = escaped(message);
             if (goesToSyslog(level)) {
+                // The message is an argument and not the format: it may contain '%'.
                 syslog(priority(level), "[%.*s:%.*s] %s", static_cast<int>(subsystem.size()),
                        subsystem.data(), static_cast<int>(category.size()), category.data(),
                        line.c_str());
@@ -58,6 +63,7 @@ class PosixSystemLog final : public SystemLog {
 
     bool goesToSyslog(LogLevel level) const { return options_.syslog && level >= *options_.syslog; }
 
+    /// Asks at every line, because a daemon may replace its standard error after the log was made.
     bool goesToTerminal(LogLevel level) const {
         return options_.terminal && level >= *options_.terminal && isatty(options_.descriptor) == 1;
     }

@@ -1,5 +1,5 @@
 // A repeating timer on a thread of its own. The thread and the handle share only State, so either
-// may go first: a cancelled timer's thread ends by itself when it next looks.
+// may be destroyed first. cancel() wakes the thread, which ends by itself; nothing joins it.
 #include "platform/mutex.hpp"
 #include "platform/private/posix_services.hpp"
 
@@ -13,6 +13,7 @@ namespace {
 
 using Instant = std::chrono::steady_clock::time_point;
 
+/// Owned by the handle and by the thread.
 struct State {
     Mutex mutex;
     ConditionVariable changed;
@@ -23,12 +24,15 @@ struct State {
 /// Waits for the deadline; false when the timer was cancelled before it.
 bool reached(State& state, Instant deadline) {
     MutexLock lock(state.mutex);
+    // Wake-ups without a reason and the early ones of a coarse clock go round again.
     while (!state.cancelled && std::chrono::steady_clock::now() < deadline) {
         state.changed.waitUntil(state.mutex, deadline);
     }
     return !state.cancelled;
 }
 
+/// The deadline after a tick. Deadlines stay on the grid of the first one, so ticks do not drift,
+/// and those that passed during the tick are skipped.
 Instant following(Instant deadline, std::chrono::nanoseconds interval) {
     const auto late = std::chrono::steady_clock::now() - deadline;
     const auto missed = late > interval ? late / interval : 0;
@@ -37,7 +41,7 @@ Instant following(Instant deadline, std::chrono::nanoseconds interval) {
 
 void allowLeeway(std::chrono::nanoseconds leeway) {
 #ifdef __linux__
-    // The kernel may then join this thread's wake-ups with others; refusal costs only power.
+    // The kernel may now join this thread's wake-ups with others. A refusal costs only power.
     static_cast<void>(prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(leeway.count())));
 #else
     static_cast<void>(leeway);
@@ -59,9 +63,11 @@ class ThreadTimer final : public RepeatingTimer {
             }
             state_->started = true;
         }
+        // The first interval counts from this call, not from the thread's first instruction.
         const Instant first = std::chrono::steady_clock::now() + schedule_.interval;
         spawnUtilityThread([state = state_, schedule = schedule_, tick = std::move(tick_), first] {
             allowLeeway(schedule.leeway);
+            // The tick runs without the lock, so it may cancel or destroy its own timer.
             for (Instant deadline = first; reached(*state, deadline);
                  deadline = following(deadline, schedule.interval)) {
                 tick();
@@ -78,7 +84,7 @@ class ThreadTimer final : public RepeatingTimer {
   private:
     const std::shared_ptr<State> state_ = std::make_shared<State>();
     const TimerSchedule schedule_;
-    std::function<void()> tick_;
+    std::function<void()> tick_; // moves to the thread at start()
 };
 
 } // namespace

@@ -11,22 +11,27 @@ namespace tavelin::posix {
 
 namespace {
 
-/// A few threads, made as work finds none idle, that wait for more and never end.
+/// At most kThreadsMax threads that serve one queue. A thread is made when work arrives and no
+/// thread is idle; it never ends. Work that blocks therefore delays only what comes after
+/// kThreadsMax pieces like it.
 class ThreadQueue final : public UtilityQueue, public std::enable_shared_from_this<ThreadQueue> {
   public:
     void async(std::function<void()> work) override {
         MutexLock lock(mutex_);
         waiting_.push_back(std::move(work));
+        // An idle thread may have been notified and not yet taken its work, so the comparison is
+        // with the whole queue.
         if (waiting_.size() > idle_ && threads_ < kThreadsMax) {
             try {
                 spawnUtilityThread([self = shared_from_this()] { self->serve(); });
                 ++threads_;
             } catch (const std::system_error&) {
+                // Without any thread the work would never run, so the caller is told. Otherwise
+                // the existing threads take it when they are done.
                 if (threads_ == 0) {
                     waiting_.pop_back();
                     throw;
                 }
-                // The threads there are will get to it.
             }
         }
         arrived_.notifyOne();
@@ -37,6 +42,8 @@ class ThreadQueue final : public UtilityQueue, public std::enable_shared_from_th
 
     [[noreturn]] void serve() {
         for (;;) {
+            // The work and what it owns are destroyed here, without the lock: a destructor may
+            // queue more work.
             const std::function<void()> work = next();
             work();
         }
@@ -56,8 +63,11 @@ class ThreadQueue final : public UtilityQueue, public std::enable_shared_from_th
 
     Mutex mutex_;
     ConditionVariable arrived_;
+    /// Not yet begun, oldest first.
     std::deque<std::function<void()>> waiting_ TAVELIN_GUARDED_BY(mutex_);
+    /// Threads inside next().
     std::size_t idle_ TAVELIN_GUARDED_BY(mutex_) = 0;
+    /// Threads made; never falls.
     std::size_t threads_ TAVELIN_GUARDED_BY(mutex_) = 0;
 };
 
@@ -67,7 +77,8 @@ void spawnUtilityThread(std::function<void()> body) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
-    // A new thread inherits the mask, so no signal can slip in before it sets its own.
+    // A new thread inherits the mask of its creator. Blocking first leaves no moment in which the
+    // new thread could receive a signal.
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
         std::thread(std::move(body)).detach();
@@ -79,6 +90,7 @@ void spawnUtilityThread(std::function<void()> body) {
 }
 
 std::shared_ptr<UtilityQueue> utilityQueue() {
+    // Never destroyed: its threads still wait on it while the process exits.
     static const auto& queue = *new std::shared_ptr<UtilityQueue>(std::make_shared<ThreadQueue>());
     return queue;
 }

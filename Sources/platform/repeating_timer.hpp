@@ -1,7 +1,11 @@
 /// Repeating timers on threads of the utility class, in the manner of dispatch timer sources.
 ///
-/// A timer starts suspended. From start() on it ticks one interval later and then every interval;
-/// ticks of one timer never overlap, and ticks missed while one was running late are skipped.
+/// A timer starts suspended. From start() on it ticks one interval later and then every interval.
+/// Ticks of one timer never overlap. A tick that runs past later deadlines makes the timer skip
+/// them, so a slow tick is followed by one tick and never by a burst.
+///
+///     suspended ──start()──▶ ticking ──cancel()──▶ cancelled
+///         └──────────────cancel()──────────────────────▲
 #pragma once
 
 #include <chrono>
@@ -12,9 +16,10 @@
 namespace tavelin {
 
 struct TimerSchedule {
-    /// Time from start() to the first tick, and from tick to tick.
+    /// Time from start() to the first tick, and from tick to tick. Positive.
     std::chrono::nanoseconds interval;
-    /// How much later than its deadline a tick may come, so that wake-ups can be shared.
+    /// How much later than its deadline a tick may come, so that the system can share wake-ups
+    /// and save power. Not negative.
     std::chrono::nanoseconds leeway;
 
     /// A schedule from an interval in seconds. Intervals below a millisecond (or that are no
@@ -22,22 +27,26 @@ struct TimerSchedule {
     [[nodiscard]] static TimerSchedule every(double seconds, std::chrono::nanoseconds leeway);
 };
 
+/// A timer in one of the three states above. Its owner holds it by unique_ptr. start() is called
+/// by one thread at a time; cancel() may be called by any thread.
 class RepeatingTimer {
   public:
-    /// Cancels.
+    /// Cancels. Like cancel(), it does not wait for a running tick.
     virtual ~RepeatingTimer() = default;
 
     /// Begins to tick. Further calls, and calls after cancel(), do nothing. Throws
     /// std::system_error when the system has no thread to give.
     virtual void start() = 0;
 
-    /// Ends the ticking. A tick that has already begun is not waited for, so this may be called
-    /// (and the timer destroyed) from any thread, from within the timer's own tick, and with a lock
-    /// held that the tick takes.
+    /// Ends the ticking for good. A tick that has already begun is not waited for, so this may be
+    /// called (and the timer destroyed) from any thread, from within the timer's own tick, and
+    /// with a lock held that the tick takes. A tick may therefore still run after this returns.
     virtual void cancel() noexcept = 0;
 };
 
-/// Makes a suspended timer whose tick knows nothing of owners; prefer makeRepeatingTimer.
+/// Makes a suspended timer that calls `tick`. The tick owns what it uses, or outlives it: it may
+/// still run after the timer is gone. Prefer makeRepeatingTimer, which takes care of this.
+/// A tick must not throw.
 [[nodiscard]] std::unique_ptr<RepeatingTimer> makeUnownedTimer(TimerSchedule schedule,
                                                                std::function<void()> tick);
 

@@ -12,6 +12,7 @@ namespace tavelin {
 
 namespace {
 
+/// The services in force. The lock is a leaf and covers only the exchange of the pointer.
 class Installed {
   public:
     std::shared_ptr<const Services> get() {
@@ -20,6 +21,8 @@ class Installed {
     }
 
     void set(std::shared_ptr<const Services> replacement) {
+        // The swap leaves the old services in the argument, which is destroyed after the lock is
+        // released. Their destructors may call services() again.
         MutexLock lock(mutex_);
         current_.swap(replacement);
     }
@@ -61,6 +64,7 @@ std::optional<std::string> informationText(const InformationDictionary& dictiona
     const InformationDictionary* level = &dictionary;
     const Value* entry = nullptr;
     for (const std::string_view key : keys) {
+        // Every key but the first looks into the entry before it, which must be a dictionary.
         if (entry != nullptr) {
             level = entry->as<Value::Map>();
         }
@@ -94,6 +98,7 @@ void runOnUtilityQueue(std::function<void()> work) {
 TimerSchedule TimerSchedule::every(double seconds, std::chrono::nanoseconds leeway) {
     constexpr double kShortest = 0.001;
     constexpr double kLongest = 24 * 60 * 60;
+    // std::clamp passes NaN through, and converting NaN to an integer is undefined.
     const double clamped =
         std::isnan(seconds) ? kShortest : std::clamp(seconds, kShortest, kLongest);
     return {std::chrono::duration_cast<std::chrono::nanoseconds>(

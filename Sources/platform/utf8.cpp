@@ -22,16 +22,19 @@ Lead leadOf(std::uint8_t byte) noexcept {
         return {1};
     }
     if (byte < 0xc2) {
+        // 0x80 to 0xbf continue a sequence. 0xc0 and 0xc1 would begin overlong forms of ASCII.
         return {0};
     }
     if (byte < 0xe0) {
         return {2};
     }
     if (byte < 0xf0) {
+        // 0xe0 excludes overlong forms. 0xed excludes the surrogates.
         return {3, static_cast<std::uint8_t>(byte == 0xe0 ? 0xa0 : 0x80),
                 static_cast<std::uint8_t>(byte == 0xed ? 0x9f : 0xbf)};
     }
     if (byte < 0xf5) {
+        // 0xf0 excludes overlong forms. 0xf4 excludes numbers above U+10FFFF.
         return {4, static_cast<std::uint8_t>(byte == 0xf0 ? 0x90 : 0x80),
                 static_cast<std::uint8_t>(byte == 0xf4 ? 0x8f : 0xbf)};
     }
@@ -39,8 +42,8 @@ Lead leadOf(std::uint8_t byte) noexcept {
 }
 
 struct Sequence {
-    std::size_t length;
-    bool whole;
+    std::size_t length; ///< in bytes, at least 1
+    bool whole;         ///< a well-formed character
 };
 
 /// The sequence at the start of a text that is not empty: a whole character, or the longest part
@@ -64,6 +67,7 @@ std::size_t asciiWords(std::string_view text) noexcept {
     constexpr std::uint64_t kNotASCII = 0x8080808080808080;
     std::size_t length = 0;
     for (std::uint64_t word = 0; text.size() - length >= sizeof word; length += sizeof word) {
+        // memcpy, because the text need not be aligned.
         std::memcpy(&word, text.data() + length, sizeof word);
         if ((word & kNotASCII) != 0) {
             break;
@@ -99,6 +103,7 @@ std::string repairUTF8(std::string_view text) {
 }
 
 std::string_view firstCharacters(std::string_view text, std::size_t count) {
+    // Steps by sequences, so that no character is cut in its middle.
     std::size_t end = 0;
     while (count > 0 && end < text.size()) {
         end += sequenceAt(text.substr(end)).length;

@@ -1,4 +1,7 @@
-/// Text from outside that may not be valid UTF-8.
+/// UTF-8 of unknown origin: validation, repair and truncation.
+///
+/// Well-formed means as in the Unicode Standard, table 3-7: no overlong forms, no surrogates,
+/// nothing past U+10FFFF. All functions are pure and may be called from any thread.
 #pragma once
 
 #include <string>
@@ -6,14 +9,16 @@
 
 namespace tavelin {
 
-/// Whether the whole text is well-formed (no overlong forms, no surrogates, nothing past U+10FFFF).
+/// Whether the whole text is well-formed. The empty text is.
 [[nodiscard]] bool isUTF8(std::string_view text) noexcept;
 
 /// The text with U+FFFD in place of every invalid sequence (one for each maximal part of a
-/// well-formed sequence, or else for each byte); valid text comes back unchanged.
+/// well-formed sequence, or else for each byte, as the Unicode Standard recommends). Valid text
+/// comes back unchanged.
 [[nodiscard]] std::string repairUTF8(std::string_view text);
 
-/// The first `count` characters (code points) of valid UTF-8.
+/// The first `count` characters (code points) of valid UTF-8; all of it when it has fewer. The
+/// result points into `text`.
 [[nodiscard]] std::string_view firstCharacters(std::string_view text, std::size_t count);
 
 } // namespace tavelin

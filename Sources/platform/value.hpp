@@ -1,9 +1,9 @@
-/// A tree of plain values: what the fields of an event and the entries of the information
-/// dictionary hold. There is no null; what is absent is left out.
+/// A tree of plain values, for the fields of an event and the entries of the information
+/// dictionary. There is no null: an absent entry is left out of its map.
 ///
-/// Values are made from what they are made of: `Value::Map{{"ro", true}, {"ms", elapsed}}`.
-/// Anything that is none of the kinds below but can be written to a stream becomes the text that
-/// the stream gets. Text is bytes as given; whoever prints it sees to its encoding.
+/// Values convert from C++ values: `Value::Map{{"ro", true}, {"ms", elapsed}}`. A type that is
+/// none of the kinds below but can be written to a stream becomes the text that it writes. Text is
+/// bytes as given, without a check of its encoding; the code that writes it out repairs it.
 #pragma once
 
 #include "platform/clock.hpp"
@@ -22,29 +22,40 @@
 
 namespace tavelin {
 
+/// Owns all of its content. A plain value type: copies are deep, and one object is used by one
+/// thread at a time unless all of them only read.
 class Value {
   public:
     using List = std::vector<Value>;
+    /// Sorted by key, so that its text form is the same on every run. Looks keys up without
+    /// making a std::string.
     using Map = std::map<std::string, Value, std::less<>>;
     using Storage =
         std::variant<std::string, bool, std::int64_t, std::uint64_t, double, Date, List, Map>;
 
+    /// Converts implicitly, so that fields read as a list of names and values. Throws
+    /// std::bad_alloc, and what the stream operator of T throws.
     template<typename T>
     // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): the constraint keeps copies out
     requires(!std::same_as<std::remove_cvref_t<T>, Value>) Value(T&& value)
         : storage_(convert(std::forward<T>(value))) {}
 
-    /// The value as one of the kinds of Storage, or null when it is of another kind.
+    /// The value as one of the kinds of Storage, or null when it is of another kind. Numbers are
+    /// not converted: as<double>() of an integer is null. The pointer lives as long as the value.
     template<typename Kind>
     [[nodiscard]] const Kind* as() const {
         return std::get_if<Kind>(&storage_);
     }
 
+    /// For std::visit over every kind.
     [[nodiscard]] const Storage& storage() const { return storage_; }
 
     friend bool operator==(const Value&, const Value&) = default;
 
   private:
+    // The order of the branches matters. bool is an integral type, so it is taken before the
+    // integers. Text is a range of characters, so it is taken before the ranges. A character is
+    // neither an integer nor text and goes to the stream, which writes it as a letter.
     template<typename T>
     static Storage convert(T&& value) {
         using Plain = std::remove_cvref_t<T>;

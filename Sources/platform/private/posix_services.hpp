@@ -13,6 +13,7 @@
 
 namespace tavelin::posix {
 
+// The members of Services, in its order. Each may be called from any thread.
 [[nodiscard]] InformationDictionary informationDictionary();
 [[nodiscard]] std::optional<std::filesystem::path> groupContainer(const std::string& group);
 [[nodiscard]] std::string operatingSystemVersion();
@@ -20,7 +21,8 @@ namespace tavelin::posix {
                                                         std::function<void()> tick);
 [[nodiscard]] std::shared_ptr<UtilityQueue> utilityQueue();
 
-/// The container for the given values of the environment (null or empty counts as not set).
+/// The container for the given values of $TAVELIN_GROUP_CONTAINER, $XDG_STATE_HOME and $HOME (null
+/// or empty counts as not set). Separate from the environment so that tests can pass values.
 [[nodiscard]] std::optional<std::filesystem::path> containerFrom(const char* container,
                                                                  const char* stateHome,
                                                                  const char* home,
@@ -29,8 +31,9 @@ namespace tavelin::posix {
 /// The text of PRETTY_NAME in an os-release file's contents; empty when there is none.
 [[nodiscard]] std::string prettyName(std::string_view osRelease);
 
-/// Runs `body` on a detached thread that takes no signals, so that they reach the threads that
-/// wait for them. `body` must own all it uses. Throws std::system_error when there is no thread.
+/// Runs `body` on a detached thread with all signals blocked: a signal is then delivered to a
+/// thread that expects it. Nothing joins the thread, so `body` must own all it uses and must not
+/// throw. Throws std::system_error when there is no thread.
 void spawnUtilityThread(std::function<void()> body);
 
 } // namespace tavelin::posix
