@@ -12,6 +12,7 @@ ErrorTally::ErrorTally(std::int64_t maxDetails) : maxDetails_(maxDetails) {}
 void ErrorTally::record(std::int32_t code, std::string_view op) {
     MutexLock lock(lock_);
     checkedIncrement(counts_[code], "an error counter overflowed");
+    // Errors of normal use would fill the few details before the first real failure.
     const bool usual = std::ranges::find(routine, code) != routine.end();
     if (!usual && std::cmp_less(first_.size(), maxDetails_)) {
         first_.push_back(std::string(op) + ':' + std::to_string(code));

@@ -25,7 +25,7 @@ class Descriptor {
         : number_(::open(path.c_str(), flags | O_CLOEXEC, 0644)) {}
     ~Descriptor() {
         if (valid()) {
-            ::close(number_); // what was written is best effort, so is closing
+            ::close(number_); // the log is best effort, so a failed close loses at most lines
         }
     }
     Descriptor(const Descriptor&) = delete;
@@ -38,6 +38,7 @@ class Descriptor {
     int number_;
 };
 
+/// The path of the previous generation.
 std::filesystem::path previous(std::filesystem::path url) {
     return url += ".1";
 }
@@ -51,7 +52,7 @@ std::optional<std::int64_t> fileSize(const std::filesystem::path& path) {
 }
 
 /// The file's bytes from `offset` on; an unreadable file counts as empty. An offset past the end
-/// counts as 0 and is corrected.
+/// is set to 0, because the file has been replaced by a shorter one.
 std::string bytesOf(const std::filesystem::path& path, std::uint64_t& offset) {
     const Descriptor file(path, O_RDONLY);
     struct stat attributes {};
@@ -63,6 +64,7 @@ std::string bytesOf(const std::filesystem::path& path, std::uint64_t& offset) {
     if (!file.valid() || attributes.st_size <= 0) {
         return bytes;
     }
+    // The size is read once: lines that arrive after it are for the next call.
     bytes.resize(static_cast<std::size_t>(attributes.st_size) - offset);
     std::size_t done = 0;
     while (done < bytes.size()) {
@@ -72,11 +74,12 @@ std::string bytesOf(const std::filesystem::path& path, std::uint64_t& offset) {
             continue;
         }
         if (count < 0) {
+            // The next call begins again, so that a passing error loses no line for good.
             offset = 0;
             return {};
         }
         if (count == 0) {
-            break; // cut short meanwhile: what was read stands
+            break; // another process took a half line back; the bytes read so far are valid
         }
         done += static_cast<std::size_t>(count);
     }
@@ -89,7 +92,7 @@ std::string bytesOf(const std::filesystem::path& path) {
     return bytesOf(path, start);
 }
 
-/// How many bytes of the line were written.
+/// Returns the number of bytes written: fewer than the line has when the disk is full.
 std::size_t writeLine(int descriptor, std::string_view line) {
     std::size_t done = 0;
     while (done < line.size()) {
@@ -105,20 +108,21 @@ std::size_t writeLine(int descriptor, std::string_view line) {
     return done;
 }
 
-/// Takes the last `written` bytes back, so that the next line does not begin in the middle of
-/// this one; unless somebody else has written since, whose line is worth more.
+/// Removes the last `written` bytes, so that the next line does not begin in the middle of this
+/// one. Leaves them when another process has appended since: its line must survive.
 void takeBack(int descriptor, std::size_t written) {
+    // After a write with O_APPEND the offset is the end of what this descriptor wrote.
     const off_t end = ::lseek(descriptor, 0, SEEK_CUR);
     struct stat attributes {};
     if (end < 0 || ::fstat(descriptor, &attributes) != 0 || attributes.st_size != end) {
         return;
     }
     if (::ftruncate(descriptor, end - static_cast<off_t>(written)) != 0) {
-        return; // then the half line stays
+        return; // the half line stays and spoils the next one
     }
 }
 
-/// Where the process's log is; absent when its group has no container.
+/// The path of the process's log; absent when its group has no container.
 std::optional<std::filesystem::path> moduleLog() {
     const auto group = informationText(mainInformationDictionary(), {"TVLLogGroup"});
     return group ? EventLog::groupFile(*group, "module.log") : std::nullopt;
@@ -129,6 +133,7 @@ std::optional<std::filesystem::path> moduleLog() {
 EventLog::EventLog(std::optional<std::filesystem::path> url, std::int64_t maxBytes, Clock now)
     : url_(std::move(url)), maxBytes_(maxBytes), now_(std::move(now)) {
     if (url_) {
+        // A directory that cannot be made shows again at the first append, which drops its line.
         std::error_code ignored;
         std::filesystem::create_directories(url_->parent_path(), ignored);
     }
@@ -143,6 +148,7 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
         for (const auto& [key, value] : fields) {
             record.insert_or_assign(repairUTF8(key), clean(value));
         }
+        // These come last, so that no field of the caller can replace them.
         record.insert_or_assign("t", iso(now_()));
         record.insert_or_assign("ev", repairUTF8(name));
         record.insert_or_assign("pid", ::getpid());
@@ -155,6 +161,8 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
 }
 
 void EventLog::append(std::string_view line) const {
+    // Another process may append between the check and the write. The file then passes its bound
+    // by a line, which does no harm.
     MutexLock lock(lock_);
     if (const auto current = fileSize(*url_);
         current && *current + static_cast<std::int64_t>(line.size()) > maxBytes_) {
@@ -172,6 +180,8 @@ void EventLog::append(std::string_view line) const {
 }
 
 void EventLog::rotate() const {
+    // Of two processes that rotate at once the second one moves a file of few lines, and the older
+    // generation is lost. When renaming fails the file grows past its bound and loses no line.
     std::error_code ignored;
     std::filesystem::remove(previous(*url_), ignored);
     std::filesystem::rename(*url_, previous(*url_), ignored);
@@ -191,6 +201,7 @@ std::string EventLog::tail(std::int64_t maxBytes) const {
         }
     }
     if (bytes.size() > limit) {
+        // The cut usually falls into a line, whose rest goes with its line feed.
         bytes.erase(0, bytes.size() - limit);
         if (const auto lineFeed = bytes.find('\n'); lineFeed != std::string::npos) {
             bytes.erase(0, lineFeed + 1);
@@ -203,6 +214,8 @@ EventLog::Chunk EventLog::read(std::uint64_t offset) const {
     if (!url_) {
         return {{}, 0};
     }
+    // bytesOf() corrects the offset, so it is called before the sum below is formed. The sum counts
+    // the file's bytes; the repaired text may be longer.
     MutexLock lock(lock_);
     const std::string bytes = bytesOf(*url_, offset);
     return {repairUTF8(bytes), offset + bytes.size()};

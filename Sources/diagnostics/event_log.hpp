@@ -1,6 +1,6 @@
 /// A small log of notable events (start, probe, load, activate, check, deactivate, unload, device
 /// errors) for programs and people to read back: JSON lines in the container of the app group,
-/// bounded in size.
+/// bounded in size. Several processes may append to one log.
 ///
 /// Format: one object per line, keys sorted, one line feed at the end. Besides the caller's fields
 /// it has "t" (when, such as 2026-11-15T18:20:33Z), "ev" (the event's name) and "pid"; these three
@@ -29,10 +29,12 @@ namespace tavelin {
 
 class EventLog {
   public:
+    /// Bytes of the current file. With the previous generation a log takes about twice as much.
     static constexpr std::int64_t kDefaultMaxBytes = 1'000'000;
 
     /// Logs to the file `url`, whose directories are made when missing; without a file the log
-    /// stays inert for good. `maxBytes` bounds the current file.
+    /// stays inert for good. `maxBytes` bounds the current file. `now` is called once per event, on
+    /// the thread that logs it. No descriptor is kept between calls.
     explicit EventLog(std::optional<std::filesystem::path> url,
                       std::int64_t maxBytes = kDefaultMaxBytes, Clock now = currentDate);
 
@@ -48,19 +50,21 @@ class EventLog {
 
     struct Chunk {
         std::string text;
-        /// What to pass next time.
+        /// In bytes of the file; the argument for the next read().
         std::uint64_t offset;
     };
 
-    /// What the current file holds from byte `offset` on; from its start when it is shorter than
-    /// that, which it is after a rotation. To follow the log, begin with 0 and pass on what came
-    /// back.
+    /// The current file's content from byte `offset` on. A file that is shorter than `offset` has
+    /// been rotated and is read from its start. To follow the log, begin with 0 and pass the
+    /// offset of each answer to the next call. The last line may be incomplete while another
+    /// process writes it.
     [[nodiscard]] Chunk read(std::uint64_t offset) const;
 
     /// Size of the current file in bytes, 0 when it cannot be told.
     [[nodiscard]] std::int64_t size() const;
 
-    /// Where a group's log file of this name is; absent when the group has no container.
+    /// The path of a group's log file of this name; absent when the group has no container. The
+    /// file need not exist.
     [[nodiscard]] static std::optional<std::filesystem::path> groupFile(const std::string& group,
                                                                         const std::string& name);
 
@@ -75,10 +79,10 @@ class EventLog {
     void append(std::string_view line) const;
     void rotate() const TAVELIN_REQUIRES(lock_);
 
-    const std::optional<std::filesystem::path> url_;
+    const std::optional<std::filesystem::path> url_; ///< absent: the log is inert
     const std::int64_t maxBytes_;
     const Clock now_;
-    /// Serialises every access to the files.
+    /// Serialises every access to the files from this process. A leaf.
     mutable Mutex lock_;
 };
 

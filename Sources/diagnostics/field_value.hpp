@@ -1,5 +1,5 @@
-/// What an event says: named values without null. See platform/value.hpp for what values are
-/// made of.
+/// The fields of an event: named values without null. The names "t", "ev" and "pid" belong to the
+/// event log, which overwrites them. See platform/value.hpp for the kinds of values.
 #pragma once
 
 #include "platform/value.hpp"

@@ -10,10 +10,11 @@ namespace {
 
 using nlohmann::json;
 
+/// Thrown for a value that JSON has no form for.
 struct NotJson {};
 
-// Lists and objects are put together here: the library's own need memory to be destroyed, and
-// without it end the process.
+/// Formats a record. Lists and objects are put together here and only leaves by the library: its
+/// own containers allocate in their destructor, and end the process when there is no memory.
 class Writer {
   public:
     void operator()(const FieldValue::Map& map) {
@@ -40,12 +41,14 @@ class Writer {
         }
         text_ += json(number).dump();
     }
+    /// EventLog::clean() has replaced dates by text.
     void operator()(Date) { throw NotJson{}; }
     void operator()(const auto& plain) { text_ += json(plain).dump(); }
 
     std::string take() { return std::move(text_); }
 
   private:
+    /// Writes the comma before every entry but the first, which follows the opening bracket.
     void separate(char opening) {
         if (text_.back() != opening) {
             text_ += ',';
@@ -65,7 +68,7 @@ std::optional<std::string> jsonLine(const Fields& record) {
     } catch (const NotJson&) {
         return std::nullopt;
     } catch (const json::exception&) {
-        return std::nullopt; // text that was not cleaned
+        return std::nullopt; // the library refuses text that is not UTF-8
     }
 }
 

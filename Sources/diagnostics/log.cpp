@@ -5,6 +5,8 @@
 
 namespace tavelin {
 
+// The services are asked for at each call: they may be replaced while the logger exists.
+
 bool Logger::isEnabled(LogLevel level) const {
     return services()->systemLog->isEnabled(level, subsystem_, category_);
 }

@@ -31,11 +31,14 @@ std::string OpCounter::dumpAndReset() {
     {
         const MutexLock held(lock_);
         for (auto& [op, count] : counts_) {
+            // Reading and clearing is one step, so that no hit in between is lost.
             if (const std::int64_t hits = count.value_.exchange(0, std::memory_order_relaxed)) {
                 sorted.emplace_back(op, hits);
             }
         }
     }
+    // Sorted and formatted without the lock, because the first request of each kind
+    // takes it.
     std::ranges::stable_sort(sorted, std::ranges::greater{},
                              [](const auto& pair) { return pair.second; });
     std::string text;
