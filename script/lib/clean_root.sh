@@ -44,7 +44,7 @@ files_of() {
 # check_life ROOT PACKAGE: it installs, replaces an older one, and goes away without a trace.
 check_life() {
     local root=$1 package=$2 before after
-    local install=(apt-get install -y -qq --no-install-recommends)
+    local install=(apt-get install -y -qq --no-install-recommends -o Dpkg::Use-Pty=0)
     # Its dependencies stay, so that what differs at the end is its own doing.
     mkdir -p "$root/packages"
     cp "$package" "$root/packages/new.deb"
