@@ -1,4 +1,8 @@
-/// Every command of `tavelin`: what it is called, how it is used, and where it is defined.
+/// The table of all commands of `tavelin`: name, help texts and definition.
+///
+/// The help, the suggestions for mistyped commands and the parser are made from this table. A new
+/// command needs a row, a declaration below and a file that defines it; the shell completions and
+/// the manual page list it as well.
 #pragma once
 
 #include <span>
@@ -10,20 +14,22 @@ class App;
 
 namespace tavelin::cli {
 
+/// One row. All texts are constants of the program and show in the help as they are.
 struct Command {
-    std::string_view name;
-    std::string_view group;
-    std::string_view summary;
+    std::string_view name;     ///< the first word of the command line
+    std::string_view group;    ///< the heading of the help under which it is listed
+    std::string_view summary;  ///< one line, without a full stop
     std::string_view synopsis; ///< what follows the name
     std::string_view examples; ///< one a line, without "tavelin", each with a remark behind two "#"
-    /// Adds the command's arguments to a parser, and the work to be done once they are parsed.
+    /// Adds the command's arguments and its work to a parser. Called for every row at start, so it
+    /// must be cheap and touch no file.
     void (*define)(CLI::App& command);
 };
 
-/// In the order of the help.
+/// All rows, in the order of the help. Constant; lives as long as the program.
 [[nodiscard]] std::span<const Command> commandTable();
 
-// One file for each family of commands.
+// The definitions, one file for each family of commands. See Command::define.
 void defineProbe(CLI::App& command); // volume_commands.cpp
 void defineInfo(CLI::App& command);
 void defineLabel(CLI::App& command);

@@ -1,4 +1,4 @@
-/// Waits for a file to change.
+/// Waits for a file to change, for `events --follow`.
 #pragma once
 
 #include "hosts/cli/descriptor.hpp"
@@ -7,18 +7,20 @@
 
 namespace tavelin::cli {
 
-/// Watches the directory of a file, so that the file may be replaced or made anew. Throws Failure
-/// when the directory cannot be watched.
+/// Watches the directory of a file and not the file itself, because the file may be missing, may be
+/// replaced or may be made anew. Linux uses inotify(7). Other systems poll twice a second. One
+/// thread at a time.
 class FileWatch {
   public:
+    /// Begins to watch. The file's directory must exist. Throws Failure when it cannot be watched.
     explicit FileWatch(const std::filesystem::path& file);
 
-    /// Returns once the file has changed since the watch began or since the last wait; sometimes
-    /// also without a change.
+    /// Returns once the file has changed since the watch began or since the last wait. It may also
+    /// return without a change, so callers read the file and wait again. Throws Failure.
     void wait();
 
   private:
-    Descriptor notifications_;
+    Descriptor notifications_; ///< the inotify instance; empty where the class polls
 };
 
 } // namespace tavelin::cli

@@ -1,4 +1,8 @@
-/// The volume that a command works on.
+/// The volume that a command works on: opening, closing and interruption.
+///
+/// A command opens its volume once, works on the process's only thread and closes the volume. A
+/// changing command that fails closes the volume all the same, so that everything it finished
+/// before is on the image.
 #pragma once
 
 #include "core/values.hpp"
@@ -13,51 +17,60 @@
 
 namespace tavelin::cli {
 
-/// What the user says about the image; common to all commands that open it.
+/// The arguments about the image, common to all commands that open a volume.
 struct VolumeArguments {
-    std::string image;
+    std::string image;                ///< path of an image file or a block device
     std::vector<std::string> options; ///< each the list after one -o
     bool readOnly = false;
 };
 
+/// The access that a command needs.
 enum class Access {
     read,   ///< opens for reading only, so that the image keeps every byte
     change, ///< needs a volume that can be written
 };
 
-/// What no request of the volume tells.
+/// Facts about the volume that no request of VolumeClient answers.
 struct VolumeFacts {
-    std::string label;
-    std::uint64_t serial = 0;
-    NTFSIOStats io;
+    std::string label;        ///< UTF-8; empty when the volume has none
+    std::uint64_t serial = 0; ///< of the boot sector
+    NTFSIOStats io;           ///< counted since the volume was opened
 };
 
-/// What a user reads of an OpenError: the reason and what can be done.
+/// The Failure for an OpenError: its reason, and a remedy in parentheses.
 [[nodiscard]] Failure openFailure(const OpenError& error);
 
-/// An open volume. The command closes it, which reports what could not be written; one that fails
-/// on the way leaves that to the destructor.
+/// An open volume. The command calls close(), which reports what could not be written. On a path
+/// that fails before, the destructor closes and drops the result. Commands use withVolume(), which
+/// does both. One thread at a time.
 class Session {
   public:
-    /// Throws Failure when the image cannot be opened, or only for reading where changes are meant;
-    /// it says what to do and nothing on the image has changed.
+    /// Opens the image. Throws Failure with a remedy when it cannot be opened, or when `access` is
+    /// `change` and it can only be opened for reading; nothing on the image has changed then.
+    /// Access::change calls takeInterruptions().
     Session(const VolumeArguments& arguments, Access access);
 
+    /// Valid until close().
     [[nodiscard]] VolumeClient& volume() { return host_->volume(); }
     [[nodiscard]] ModuleHost& host() { return *host_; }
+    /// Reads label and serial, and copies the counters at this moment. Throws Failure.
     [[nodiscard]] VolumeFacts facts();
 
-    /// Everything written reaches the image, or Failure.
+    /// Closes the volume. On success everything written is on the image's medium. Throws Failure
+    /// otherwise. No other member may be called afterwards.
     void close();
 
   private:
+    /// Warns on standard error when the image is smaller than its volume. Reading goes on, because
+    /// the user may want what is left.
     void warnIfCutOff();
 
     const std::string image_;
     std::unique_ptr<ModuleHost> host_;
 };
 
-/// Opens, does the work, closes. What fails in closing is told even when the work failed already.
+/// Opens the volume, calls `work(session)` and closes. Throws Failure when any of them fails. A
+/// failure of closing is reported together with one of the work: both may have lost changes.
 template<typename Work>
 void withVolume(const VolumeArguments& arguments, Access access, Work&& work) {
     Session session(arguments, access);
@@ -74,12 +87,14 @@ void withVolume(const VolumeArguments& arguments, Access access, Work&& work) {
     session.close();
 }
 
-/// From now on signals to end (SIGINT, SIGTERM, SIGHUP) only make throwIfInterrupted() throw, and
-/// closed pipes are errors. Access::change does it by itself. A second signal ends the process.
+/// From now on SIGINT, SIGTERM and SIGHUP only make throwIfInterrupted() throw, and writing to a
+/// closed pipe is an error instead of a signal. A second signal of a kind ends the process. Changes
+/// the process's signal actions for good. Commands that only read and take long call it
+/// themselves, so that they can remove half-written files on the host.
 void takeInterruptions();
 
-/// Throws Failure once the user has asked to stop: long work calls it often, so that what is half
-/// done is taken back and the volume closed properly.
+/// Throws Failure once one of these signals has arrived. Long work calls it between steps, so that
+/// unwinding removes half-done items and the volume is closed. Any thread.
 void throwIfInterrupted();
 
 } // namespace tavelin::cli

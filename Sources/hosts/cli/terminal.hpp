@@ -1,4 +1,8 @@
-/// Standard output and standard error: what goes there, and how, when a person is watching.
+/// Writing to standard output and standard error, for people at a terminal and for programs.
+///
+/// Standard output carries a command's result and is buffered by stdio. Its errors are failures of
+/// the command. Standard error carries messages and progress, and its errors are dropped. All
+/// functions belong to the process's only thread.
 #pragma once
 
 #include <chrono>
@@ -8,42 +12,51 @@
 
 namespace tavelin::cli {
 
-/// Whether standard output is a terminal.
+/// Whether standard output is a terminal. Asked once per process.
 [[nodiscard]] bool isOutputTerminal() noexcept;
 
-/// A name as it goes to standard output: escaped on a terminal, its own bytes elsewhere.
+/// The form of a name for standard output. It is escaped on a terminal, which it could drive
+/// otherwise. Elsewhere its bytes are unchanged, so that programs can use it.
 [[nodiscard]] std::string shown(std::string_view name);
 
+/// The styles of the output. Their codes are those of ECMA-48 (SGR).
 enum class Colour { plain, strong, directory, link, faint };
-/// The text in a colour, on a terminal and unless NO_COLOR is set; elsewhere as it is.
+/// The text in a colour when standard output is a terminal and $NO_COLOR is not set; otherwise
+/// unchanged. The text must be shown() already.
 [[nodiscard]] std::string painted(std::string_view text, Colour colour);
 
-/// Writes bytes to standard output. Throws Failure when they cannot be written.
+/// Writes bytes to standard output's buffer. Throws Failure when they cannot be written. Success is
+/// certain only after flushOutput().
 void print(std::string_view text);
-/// Makes sure that everything printed has been written. Throws Failure.
+/// Writes the buffer out. Throws Failure when that fails, for example on a full disk.
 void flushOutput();
-/// One line on standard error, "tavelin: …".
+/// Writes one line to standard error, "tavelin: …". Names in it are escaped().
 void complain(std::string_view message);
 
 /// The progress of long work on one line of standard error, while that is a terminal; elsewhere
-/// nothing is printed. The line is cleared when the bar goes, or for other output by clear().
+/// nothing is printed. Amounts are bytes. The destructor clears the line. Other output to a
+/// terminal must be preceded by clear(), or it would begin behind the bar.
 class ProgressBar {
   public:
-    /// `quiet` for a bar that stays away even from a terminal.
+    /// A `quiet` bar is not shown on a terminal either.
     explicit ProgressBar(bool quiet);
     ~ProgressBar() { clear(); }
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    /// Whether anybody sees it: counting what is to be done is worth the time only then.
+    /// Whether the bar is drawn at all. Callers count the work beforehand only then.
     [[nodiscard]] bool isShown() const noexcept { return shown_; }
+    /// Adds to the total. It may grow while the work goes on.
     void expect(std::uint64_t bytes) noexcept { total_ += bytes; }
-    /// Goes on with a file of this name.
+    /// Shows this name from now on. The name is escaped here.
     void begin(std::string_view name);
+    /// Adds to the work done, which may pass the total: a file may grow while it is copied.
     void advance(std::uint64_t bytes);
+    /// Removes the line from the terminal. The next advance() draws it again.
     void clear();
 
   private:
+    /// Draws at most ten times a second: a terminal is slower than the work.
     void draw();
 
     const bool shown_;

@@ -1,6 +1,7 @@
-/// Names, sizes and times as people read them, and as programs do.
+/// Text forms of names, sizes and times, for people and for programs.
 ///
-/// All functions are pure, except that local time depends on the process's time zone.
+/// All functions are pure, except that local time depends on the process's time zone. They may be
+/// called from any thread.
 #pragma once
 
 #include "fskit/api/item.hpp"
@@ -17,7 +18,7 @@ namespace tavelin::cli {
 /// A backslash stays as it is unless something else needed one, when it is doubled.
 [[nodiscard]] std::string escaped(std::string_view text);
 
-/// "1.5 MiB", "812 bytes".
+/// "1.5 MiB", "812 bytes": powers of 1024, one decimal.
 [[nodiscard]] std::string humanSize(std::uint64_t bytes);
 
 /// "2026-11-15 18:20:33", local time; with `fraction` down to the volume's 100 ns.
@@ -30,8 +31,9 @@ namespace tavelin::cli {
 /// "file", "directory", "symlink", "fifo", "char-device", "block-device", "socket".
 [[nodiscard]] std::string_view typeName(fskit::FSItemType type) noexcept;
 
-/// A link's target as the volume has it: a path from its root, which a mount has to tell as the way
-/// from the link's directory ("../../real"), is "/real" again.
+/// A symbolic link's target as the volume stores it. `target` is the request's answer, in which a
+/// path from the volume's root is relative to the link's directory ("../../real"), because a mount
+/// has another root. This returns "/real" again. Other targets come back unchanged.
 [[nodiscard]] std::string shownTarget(const std::string& target,
                                       const fskit::FSItemAttributes& attributes);
 

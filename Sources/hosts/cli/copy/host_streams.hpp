@@ -1,4 +1,5 @@
-/// Named streams on the host: extended attributes of the "user." namespace.
+/// Named streams on the host: extended attributes of the "user." namespace, which is the one of
+/// xattr(7) that an ordinary user may write. Descriptors stay the caller's. Any thread.
 #pragma once
 
 #include <span>
@@ -7,17 +8,19 @@
 
 namespace tavelin::cli {
 
+/// One stream with its whole value in memory: attributes of the host are small (64 KiB on Linux).
 struct HostStream {
     std::string name; ///< without "user."
     std::vector<char> value;
 };
 
-/// Those of an open file or directory, none where its file system has no such attributes. Throws
-/// ItemFailure or Failure; `path` is what messages call the file.
+/// The streams of an open file or directory; none where its file system has no such attributes.
+/// `path` names the file in messages. Throws ItemFailure or Failure as throwHostError() does.
 [[nodiscard]] std::vector<HostStream> readHostStreams(int descriptor, const std::string& path);
 
-/// False when the file system has no such attributes or not enough room for this one. Throws as
-/// above for other errors.
+/// Sets or replaces one stream of an open file or directory. Returns false when the file system has
+/// no such attributes or not enough room for this one; the file itself is still good then. Throws
+/// as above for other errors.
 [[nodiscard]] bool writeHostStream(int descriptor, const std::string& name,
                                    std::span<const std::byte> value, const std::string& path);
 

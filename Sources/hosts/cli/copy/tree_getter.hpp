@@ -12,8 +12,12 @@
 
 namespace tavelin::cli {
 
-/// Contents, times of access and change, symbolic links (as links), and named streams. What is
-/// there already under a file's or link's name is replaced, directories are merged.
+/// Copies contents, times of access and modification, symbolic links (as links), and named streams.
+/// A file or link that exists under an item's name in the target is replaced; directories are
+/// merged. Permissions are the process's defaults, as NTFS ones have no counterpart here.
+///
+/// Problems of single items go to the run. Failure passes through. One thread at a time; volume and
+/// run outlive the object.
 ///
 /// Never leaves the target: below it, everything is opened relative to its directory, host links
 /// are not followed, and names that mean another place ("..", "a/b") are refused.
@@ -22,12 +26,14 @@ class TreeGetter {
     TreeGetter(VolumeClient& volume, CopyRun& run)
         : volume_(volume), run_(run), buffer_(kTransferBytes) {}
 
-    /// Copies `found`, which messages call `path`, into an opened directory under the name `name`.
+    /// Copies `found`, which messages call `path`, into an opened directory of the host under the
+    /// name `name`. The descriptor stays the caller's.
     void get(const Found& found, const std::string& path, int directory, const std::string& name);
-    /// Copies what is in a directory into an opened directory.
+    /// Copies the entries of a directory of the volume into an opened directory of the host.
     void getContents(const ItemRef& volumeDirectory, const std::string& path, int directory);
 
   private:
+    // Each throws ItemFailure for its own item, and Failure. Parameters are those of get().
     void getItem(const Found& found, const std::string& path, int directory,
                  const std::string& name);
     void getFile(const Found& found, const std::string& path, int directory,
@@ -40,17 +46,20 @@ class TreeGetter {
     void readContents(const Found& found, const std::string& path, int file);
     void getStreams(const ItemRef& item, const std::string& path, int file);
 
-    /// Gives the complete `partial` its name, in place of whatever file or link has it.
+    /// Renames the complete `partial` to its own name, replacing a file or link of that name in one
+    /// step.
     void giveName(int directory, const std::string& partial, const std::string& name,
                   const std::string& path);
-    /// Takes `partial` away again when `work` fails.
+    /// Calls `work`, and removes `partial` again when it throws.
     void orTakeAway(int directory, const std::string& partial, const std::function<void()>& work);
 
     VolumeClient& volume_;
     CopyRun& run_;
-    std::vector<std::byte> buffer_;
-    std::set<fskit::FSItemID> entered_; // a damaged volume's directories may contain themselves
-    int depth_ = 0;
+    std::vector<std::byte> buffer_; ///< kTransferBytes, for all files in turn
+    /// Directories entered so far. None is entered twice, because directories of a damaged
+    /// volume may contain themselves.
+    std::set<fskit::FSItemID> entered_;
+    int depth_ = 0; ///< directories being copied, from the outermost to the current one
 };
 
 } // namespace tavelin::cli

@@ -12,30 +12,38 @@
 
 namespace tavelin::cli {
 
-/// Contents, times of access and change, symbolic links (as links), and named streams. What is
-/// there already under a file's or link's name is replaced, directories are merged.
+/// Copies contents, times of access and modification, symbolic links (as links), and named streams.
+/// A file or link that exists under an item's name on the volume is replaced; directories are
+/// merged. Links of the host are never followed. Devices, pipes and sockets are left out.
+///
+/// Problems of single items go to the run. Failure passes through. One thread at a time; volume and
+/// run outlive the object.
 class TreePutter {
   public:
     TreePutter(VolumeClient& volume, CopyRun& run)
         : volume_(volume), run_(run), buffer_(kTransferBytes) {}
 
-    /// Something on the host: `name` in an opened directory (AT_FDCWD for a path), and what
-    /// messages call it.
+    /// An item of the host.
     struct Source {
-        int directory;
-        std::string name;
-        std::string path;
+        int directory;    ///< opened directory, the caller's; AT_FDCWD when `name` is a path
+        std::string name; ///< in that directory
+        std::string path; ///< for messages
     };
 
-    /// Copies `source` into a directory of the volume, under a name of its own.
+    /// Copies `source` into a directory of the volume under the name `name`. Entries of a directory
+    /// are copied in the order of their names: the same tree always makes the same volume.
     void put(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
-    /// Merges what is in a host's directory into one of the volume.
+    /// Copies the entries of a directory of the host into one of the volume.
     void putContents(const Source& source, const ItemRef& volumeDirectory);
-    /// Makes a file of what a descriptor, such as a pipe, gives until its end.
+    /// Makes a file from the bytes that a descriptor (a pipe) delivers until its end. Throws
+    /// ItemFailure; the descriptor stays the caller's.
     void putStream(int descriptor, const ItemRef& volumeDirectory, const std::string& name);
 
   private:
+    /// Writes an item's content, streams and times while it has its partial name.
     using Fill = std::function<void(const ItemRef& item)>;
+
+    // Each throws ItemFailure for its own item, and Failure. Parameters are those of put().
 
     void putItem(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
     void putFile(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
@@ -47,27 +55,30 @@ class TreePutter {
                     const ItemRef& volumeDirectory);
     void writeContents(int descriptor, const ItemRef& file, const std::string& path);
     void putStreams(int descriptor, const ItemRef& item, const std::string& path);
-    /// The last step of an item: notes it as copied, too.
+    /// Sets the times of `status`, and records the item in made_. It is an item's last step before
+    /// its name, because every write would change the times again.
     void setTimes(const struct ::stat& status, const ItemRef& item, const std::string& path);
 
-    /// Completes an item under its partial name with `fill`, then gives it its own; takes it away
-    /// again when that fails.
+    /// Completes an item under its partial name with `fill`, then renames it to its own. Removes it
+    /// again when either throws.
     void install(Outcome<ItemRef> made, const std::string& partial, const ItemRef& volumeDirectory,
                  const std::string& name, const std::string& path, const Fill& fill);
     void giveName(const ItemRef& item, const std::string& partial, const ItemRef& volumeDirectory,
                   const std::string& name, const std::string& path);
+    /// Removes an incomplete item; a failure is a problem, as the error that led here comes first.
     void takeAway(const ItemRef& item, const std::string& partial, const ItemRef& volumeDirectory);
+    /// The directory of this name on the volume, made when it is missing.
     [[nodiscard]] ItemRef targetDirectory(const ItemRef& volumeDirectory, const std::string& name,
                                           const std::string& path);
-    /// Names that the volume takes for the same (perhaps in another case) must not replace each
-    /// other.
+    /// Throws ItemFailure when this run has copied the item `there`. Two names of the host that
+    /// differ only in case are one name on the volume, and must not replace each other.
     void refuseOwn(const fskit::FSItemAttributes& there, const std::string& path) const;
 
     VolumeClient& volume_;
     CopyRun& run_;
     std::vector<std::byte> buffer_;
-    std::set<fskit::FSItemID> made_; // what this run copied
-    int depth_ = 0;
+    std::set<fskit::FSItemID> made_; ///< items that this run copied
+    int depth_ = 0;                  ///< directories being copied
 };
 
 } // namespace tavelin::cli
