@@ -51,4 +51,6 @@ if(TAVELIN_SANITIZE)
   target_compile_options(tavelin_flags INTERFACE
     -fsanitize=${TAVELIN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tavelin_flags INTERFACE -fsanitize=${TAVELIN_SANITIZE})
+  # Turns on the assertions of platform/assert.hpp, whatever the build type.
+  target_compile_definitions(tavelin_flags INTERFACE TAVELIN_SANITIZE)
 endif()

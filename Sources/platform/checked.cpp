@@ -1,5 +1,6 @@
 #include "platform/checked.hpp"
 
+#include "platform/assert.hpp"
 #include "platform/product.hpp"
 #include "platform/services.hpp"
 
@@ -16,6 +17,14 @@ void fatal(std::string_view message) noexcept {
     services()->systemLog->write(LogLevel::kError, product::kExtensionBundleID, "fatal", message);
     // abort() runs no destructors: an object whose invariant is broken must not flush or close.
     std::abort();
+}
+
+void assertionFailed(const char* expression, const char* file, int line) noexcept {
+    // A buffer of its own: the heap may be what is broken.
+    char message[512];
+    static_cast<void>(
+        std::snprintf(message, sizeof message, "%s:%d: not true: %s", file, line, expression));
+    fatal(message);
 }
 
 } // namespace tavelin
