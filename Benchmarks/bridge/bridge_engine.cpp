@@ -49,7 +49,7 @@ class BridgeEngine final : public Engine {
     }
     uint64_t countEntries() override {
         uint64_t count = 0;
-        const auto add = [](void* context, const char*, uint64_t, uint32_t) {
+        const auto add = [](void* context, const char*, uint64_t, uint16_t, uint32_t) {
             *static_cast<uint64_t*>(context) += 1;
             return int32_t{0};
         };

@@ -69,6 +69,7 @@ int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out) {
     }
     *out = {};
     out->ino = inode->mft_no;
+    out->seq = sequence_of(inode.get());
     out->access_time = to_unix_time(inode->last_access_time);
     out->modify_time = to_unix_time(inode->last_data_change_time);
     out->change_time = to_unix_time(inode->last_mft_change_time);

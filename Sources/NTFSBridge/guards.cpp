@@ -29,12 +29,20 @@ bool has_room_for_times(const ntfs_inode* inode) noexcept {
 
 } // namespace
 
-int32_t inode_guard::open(ntfs_volume* volume, uint64_t ino) noexcept {
+int32_t inode_guard::open(ntfs_volume* volume, uint64_t reference) noexcept {
     (void)close();
+    const uint16_t sequence = MSEQNO(reference);
     errno = 0;
-    inode_ = ntfs_inode_open(volume, ino);
+    // The library would check the sequence number too, but answers EIO as for a damaged record, and
+    // not for an inode that is in its cache.
+    inode_ = ntfs_inode_open(volume, MREF(reference));
     if (inode_ == nullptr) {
-        return err_or(ENOENT);
+        const int32_t error = err_or(ENOENT);
+        return error == ENOENT && sequence != 0 ? ESTALE : error;
+    }
+    if (sequence != 0 && sequence != sequence_of(inode_)) {
+        (void)ntfs_inode_close(std::exchange(inode_, nullptr));
+        return ESTALE;
     }
     if (!has_room_for_times(inode_)) {
         (void)ntfs_inode_close(std::exchange(inode_, nullptr));

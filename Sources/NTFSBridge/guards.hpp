@@ -31,8 +31,9 @@ class inode_guard {
     }
     ~inode_guard() { (void)close(); }
 
-    // errno, or ENOENT where the library set none.
-    [[nodiscard]] int32_t open(ntfs_volume* volume, uint64_t ino) noexcept;
+    // errno, or ENOENT where the library set none. ESTALE when `reference` has a sequence number
+    // and the record is free or has another one. This is the only place that checks it.
+    [[nodiscard]] int32_t open(ntfs_volume* volume, uint64_t reference) noexcept;
 
     // Writes the record if it changed and closes; errno or EIO. The inode is gone in any case.
     int32_t close() noexcept;
@@ -77,6 +78,10 @@ inline uint16_t record_flags(const ntfs_inode* inode) noexcept {
     uint16_t flags = 0;
     std::memcpy(&flags, &inode->mrec->flags, sizeof flags);
     return flags;
+}
+
+inline uint16_t sequence_of(const ntfs_inode* inode) noexcept {
+    return le16_to_cpu(inode->mrec->sequence_number);
 }
 
 inline bool is_directory(const ntfs_inode* inode) noexcept {

@@ -45,7 +45,8 @@ int filler(void* state, const ntfschar* name, const int name_length, const int n
         std::strcmp(text, ".") == 0 || std::strcmp(text, "..") == 0) {
         return go_on;
     }
-    if (list.callback(list.context, text, ino, type_of_entry(list, ino, entry_type)) != 0) {
+    if (list.callback(list.context, text, ino, MSEQNO(reference),
+                      type_of_entry(list, ino, entry_type)) != 0) {
         list.stopped = true;
         return stop;
     }

@@ -64,7 +64,7 @@ int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_
     if (const int32_t error = lookup_in(directory.get(), text, ino); error != 0) {
         return error;
     }
-    if (parent == extend_ino || ino < first_user_ino) {
+    if (directory->mft_no == extend_ino || ino < first_user_ino) {
         return EPERM;
     }
     if (ino == directory->mft_no) {
@@ -94,7 +94,7 @@ int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* na
     if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
         return error;
     }
-    if (ino == directory) {
+    if (inode->mft_no == MREF(directory)) {
         return EINVAL;
     }
     inode_guard parent;
@@ -125,7 +125,7 @@ int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kin
     if (const int32_t error = entry.open_directory_at(vol, parent); error != 0) {
         return error;
     }
-    if (parent == extend_ino) {
+    if (entry.directory->mft_no == extend_ino) {
         return EPERM;
     }
     if (const int32_t error = entry.check_absent(); error != 0) {
@@ -176,7 +176,7 @@ int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name) 
     if (const int32_t error = check_new_name(vol, name, text); error != 0) {
         return error;
     }
-    if (parent == extend_ino || ino < first_user_ino) {
+    if (MREF(parent) == extend_ino || MREF(ino) < first_user_ino) {
         return EPERM;
     }
     {

@@ -11,8 +11,12 @@
  *   3. Booleans and flags cross as int, non-zero meaning true.
  *   4. Text is NUL-terminated UTF-8. Strings and buffers handed out are newly allocated; the caller
  *      releases them with free(). With an error, nothing is handed out.
- *   5. An inode number is the 48-bit NTFS file record number. The root directory is NTB_ROOT_INO;
- *      the other records below 16 are the volume's system files and are never exposed.
+ *   5. An inode number handed out is the 48-bit NTFS file record number. The root directory is
+ *      NTB_ROOT_INO; the other records below 16 are the volume's system files and are never exposed.
+ *      An inode number handed in may carry the record's sequence number in its upper 16 bits, as
+ *      NTFS's own file references do (ntb_reference). The sequence number changes each time a
+ *      record is freed, so a call with one that is not 0 answers ESTALE when the record is free or
+ *      has a new owner. 0 asks for no such check.
  *   6. The bridge holds no locks: calls on one volume must be serialised by the caller. Different
  *      volumes may be used from different threads at the same time. Listing callbacks run inside
  *      the call and must not call the bridge for the same volume.
@@ -34,6 +38,11 @@ extern "C" {
 typedef struct ntb_vol ntb_vol;
 
 #define NTB_ROOT_INO UINT64_C(5)
+
+static inline uint64_t ntb_reference(uint64_t ino, uint16_t seq) {
+    const uint64_t high = seq;
+    return ino | high << 48;
+}
 
 /* ---- The device below ------------------------------------------------------------------------ */
 
@@ -191,6 +200,7 @@ typedef struct ntb_time {
 
 typedef struct ntb_attr {
     uint64_t ino;
+    uint16_t seq;        /* sequence number of the record, for ntb_reference */
     uint32_t type;       /* NTB_TYPE_... */
     uint32_t link_count; /* 2 for directories */
     uint32_t flags;      /* NTB_FLAG_... */
@@ -212,8 +222,9 @@ int32_t ntb_lookup(ntb_vol* vol, uint64_t directory, const char* name, uint64_t*
 int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out);
 
 /* Called once an entry, in the volume's collation order; non-zero ends the listing, which then
- * still answers 0. */
-typedef int32_t (*ntb_dir_callback)(void* context, const char* name, uint64_t ino, uint32_t type);
+ * still answers 0. seq is the sequence number that the entry has of its record. */
+typedef int32_t (*ntb_dir_callback)(void* context, const char* name, uint64_t ino, uint16_t seq,
+                                    uint32_t type);
 
 /* Lists a directory without "." and "..", 8.3 aliases and system files. ENOENT, ENOTDIR, EIO. */
 int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback, void* context);

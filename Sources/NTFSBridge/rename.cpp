@@ -15,7 +15,7 @@ struct entry_name {
 
 // Whether inode is start or one of the directories above it.
 bool is_descendant(const ntb_vol* vol, uint64_t start, uint64_t inode) noexcept {
-    uint64_t current = start;
+    uint64_t current = MREF(start);
     for (int step = 0; step < deepest_directory && current != NTB_ROOT_INO; ++step) {
         if (current == inode) {
             return true;
@@ -104,7 +104,7 @@ int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new
     if (name == nullptr || new_name == nullptr) {
         return EINVAL;
     }
-    if (parent == new_parent && std::strcmp(name, new_name) == 0) {
+    if (MREF(parent) == MREF(new_parent) && std::strcmp(name, new_name) == 0) {
         return 0;
     }
     int32_t error = check_windows_name(vol, new_name);

@@ -3,7 +3,9 @@
 /// An NTFSVolume holds the device that the bridge reads and writes, the bridge's handle, one lock
 /// that serialises every call into the bridge for this volume, and a timer that writes dirty pages
 /// back about once a second. Items are named by inode number; the root directory is kRootIno.
-/// Nothing stays open between calls.
+/// Wherever an operation takes an inode it also takes a reference with the sequence number
+/// (itemReference in values.hpp), and then answers kESTALE when the record is free or has a new
+/// owner. Nothing stays open between calls.
 ///
 /// Threads. Everything may be called from any thread; calls queue on the lock, which is held for
 /// the whole bridge call. The lock is not recursive: what runs under it (the bodies of `locked` and
@@ -176,6 +178,10 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Make an item and return its inode. Creating a symlink by type makes a file: use symlink().
     std::uint64_t create(std::string_view name, std::uint64_t parent, NTFSItemType type);
     std::uint64_t symlink(std::string_view name, std::uint64_t parent, std::string_view target);
+    /// The same, with the attributes of what was made, under one lock.
+    NTFSAttributes createDescribed(std::string_view name, std::uint64_t parent, NTFSItemType type);
+    NTFSAttributes symlinkDescribed(std::string_view name, std::uint64_t parent,
+                                    std::string_view target);
     /// The target of a link, as it is followed in a mount: a link of Windows into this volume leads
     /// there from its own directory, whatever drive letter it has.
     [[nodiscard]] std::string readlink(std::uint64_t ino);

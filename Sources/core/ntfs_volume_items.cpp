@@ -1,5 +1,6 @@
 // Looking items up, describing and listing them.
 #include "core/ntfs_volume.hpp"
+#include "core/private/bridge_attributes.hpp"
 #include "core/private/bridge_text.hpp"
 #include "core/private/listing_box.hpp"
 
@@ -8,11 +9,6 @@
 namespace tavelin {
 
 namespace {
-
-std::timespec timespecOf(const ntb_time& time) noexcept {
-    return {.tv_sec = static_cast<std::time_t>(time.seconds),
-            .tv_nsec = static_cast<long>(time.nanoseconds)};
-}
 
 std::optional<ntb_time> bridgeTime(const std::optional<std::timespec>& time) noexcept {
     if (!time) {
@@ -25,33 +21,14 @@ const ntb_time* addressOf(const std::optional<ntb_time>& time) noexcept {
     return time ? &*time : nullptr;
 }
 
-NTFSAttributes attributesOf(const ntb_attr& record) noexcept {
-    return {.ino = record.ino,
-            .type = itemTypeFromBridge(record.type),
-            .linkCount = record.link_count,
-            .size = record.size,
-            .allocSize = record.alloc_size,
-            .hidden = (record.flags & NTB_FLAG_HIDDEN) != 0,
-            .readOnly = (record.flags & NTB_FLAG_READ_ONLY) != 0,
-            .system = (record.flags & NTB_FLAG_SYSTEM) != 0,
-            .compressed = (record.flags & NTB_FLAG_COMPRESSED) != 0,
-            .volumeLink = (record.flags & NTB_FLAG_VOLUME_LINK) != 0,
-            .reparseTag = record.reparse_tag,
-            .dataState = static_cast<NTFSDataState>(record.data_state),
-            .device = record.device,
-            .accessTime = timespecOf(record.access_time),
-            .modifyTime = timespecOf(record.modify_time),
-            .changeTime = timespecOf(record.change_time),
-            .birthTime = timespecOf(record.birth_time)};
-}
-
 using ListBox = ListingBox<NTFSDirEntry>;
 
-std::int32_t appendEntry(void* context, const char* name, std::uint64_t ino,
+std::int32_t appendEntry(void* context, const char* name, std::uint64_t ino, std::uint16_t sequence,
                          std::uint32_t type) noexcept {
     return ListBox::of(context, name).append([&](NTFSDirEntry& entry) {
         entry.name = name;
         entry.ino = ino;
+        entry.sequence = sequence;
         entry.type = itemTypeFromBridge(type);
     });
 }

@@ -1,5 +1,6 @@
 // Making, linking, removing and renaming items.
 #include "core/ntfs_volume.hpp"
+#include "core/private/bridge_attributes.hpp"
 #include "core/private/bridge_text.hpp"
 
 namespace tavelin {
@@ -22,6 +23,33 @@ std::uint64_t NTFSVolume::symlink(std::string_view name, std::uint64_t parent,
         return ntb_symlink(vol, parent, nameText.cString(), targetText.cString(), &ino);
     }));
     return ino;
+}
+
+NTFSAttributes NTFSVolume::createDescribed(std::string_view name, std::uint64_t parent,
+                                           NTFSItemType type) {
+    const BridgeText text(name);
+    ntb_attr record{};
+    check(locked([&](ntb_vol* vol) {
+        std::uint64_t ino = 0;
+        const std::int32_t error =
+            ntb_create(vol, parent, text.cString(), static_cast<std::uint32_t>(type), &ino);
+        return error != 0 ? error : ntb_getattr(vol, ino, &record);
+    }));
+    return attributesOf(record);
+}
+
+NTFSAttributes NTFSVolume::symlinkDescribed(std::string_view name, std::uint64_t parent,
+                                            std::string_view target) {
+    const BridgeText nameText(name);
+    const BridgeText targetText(target);
+    ntb_attr record{};
+    check(locked([&](ntb_vol* vol) {
+        std::uint64_t ino = 0;
+        const std::int32_t error =
+            ntb_symlink(vol, parent, nameText.cString(), targetText.cString(), &ino);
+        return error != 0 ? error : ntb_getattr(vol, ino, &record);
+    }));
+    return attributesOf(record);
 }
 
 std::string NTFSVolume::readlink(std::uint64_t ino) {

@@ -1,6 +1,10 @@
 /// The plain records that cross between the volume and what is built on it. They are copyable
 /// values without identity, filled once where they are made, and compare equal field by field;
 /// any thread may hold its own copy. Inode numbers are NTFS file record numbers; sizes are bytes.
+///
+/// A record number alone does not identify an item: a freed record goes to the next new item. Its
+/// sequence number changes with each owner. NTFSVolume's operations therefore take an item as a
+/// reference, the record number with the sequence number in the upper 16 bits.
 #pragma once
 
 #include "platform/checked.hpp"
@@ -45,9 +49,17 @@ enum class NTFSDataState : std::uint32_t {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
+/// How an operation is told which item it is for, so that it answers kESTALE when the record has
+/// another owner by now. A sequence number of 0 asks for no such check.
+[[nodiscard]] constexpr std::uint64_t itemReference(std::uint64_t ino,
+                                                    std::uint16_t sequence) noexcept {
+    return ino | std::uint64_t{sequence} << 48;
+}
+
 /// The attributes of one item. Times count from 1970-01-01 UTC, in steps of 100 ns on the volume.
 struct NTFSAttributes {
     std::uint64_t ino = 0;
+    std::uint16_t sequence = 0; ///< of the record, never 0 on a sound volume
     NTFSItemType type = NTFSItemType::file;
     std::uint32_t linkCount = 0;
     std::uint64_t size = 0;      ///< logical size; of a link, the length of its target
@@ -65,6 +77,7 @@ struct NTFSAttributes {
     std::timespec changeTime{}; ///< last change of the file record
     std::timespec birthTime{};
 
+    [[nodiscard]] std::uint64_t reference() const noexcept { return itemReference(ino, sequence); }
     bool operator==(const NTFSAttributes&) const = default;
 };
 
@@ -72,8 +85,10 @@ struct NTFSAttributes {
 struct NTFSDirEntry {
     std::string name;
     std::uint64_t ino = 0;
+    std::uint16_t sequence = 0; ///< of the record, as the directory has it
     NTFSItemType type = NTFSItemType::file;
 
+    [[nodiscard]] std::uint64_t reference() const noexcept { return itemReference(ino, sequence); }
     bool operator==(const NTFSDirEntry&) const = default;
 };
 

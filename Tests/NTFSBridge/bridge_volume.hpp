@@ -103,7 +103,7 @@ class BridgeVolume {
     // Name to type of everything in a directory. Duplicate names are a failure.
     std::map<std::string, uint32_t> list(uint64_t directory = NTB_ROOT_INO) {
         std::map<std::string, uint32_t> entries;
-        const auto add = [](void* context, const char* name, uint64_t, uint32_t type) {
+        const auto add = [](void* context, const char* name, uint64_t, uint16_t, uint32_t type) {
             auto& list = *static_cast<std::map<std::string, uint32_t>*>(context);
             EXPECT_TRUE(list.emplace(name, type).second) << name;
             return int32_t{0};

@@ -205,12 +205,74 @@ TEST(Namespace, OnlyDataOfASensibleSizeIsALink) {
     }
 }
 
+// A removed item's record goes to the next file. Whoever still has the old reference must reach
+// neither that file nor its names.
+TEST(Namespace, AReferenceOutlivesItsRecordAsStale) {
+    BridgeVolume volume;
+    const auto remember = [&](uint64_t ino) {
+        return ntb_reference(ino, volume.attributes(ino).seq);
+    };
+    const uint64_t directory = volume.makeDirectory("directory");
+    const uint64_t file = volume.make("file");
+    const uint64_t kept = volume.make("kept");
+    const uint64_t oldDirectory = remember(directory);
+    const uint64_t oldFile = remember(file);
+    EXPECT_EQ(volume.write(oldFile, "old"), 0);
+    EXPECT_EQ(volume.read(oldFile), "old");
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "file"), 0);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "kept", oldDirectory, "kept"), 0);
+    EXPECT_EQ(ntb_unlink(volume, oldDirectory, "kept"), 0);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), 0);
+
+    const auto expectStale = [&] {
+        uint64_t number = 0;
+        uint32_t count = 0;
+        char byte = 'x';
+        char* target = nullptr;
+        void* value = nullptr;
+        ntb_attr attr = {};
+        const ntb_time time = {};
+        EXPECT_EQ(ntb_getattr(volume, oldFile, &attr), ESTALE);
+        EXPECT_EQ(ntb_read(volume, oldFile, 0, &byte, 1, &number), ESTALE);
+        EXPECT_EQ(ntb_write(volume, oldFile, 0, &byte, 1, &number), ESTALE);
+        EXPECT_EQ(ntb_truncate(volume, oldFile, 0), ESTALE);
+        EXPECT_EQ(ntb_flush(volume, oldFile), ESTALE);
+        EXPECT_EQ(ntb_readlink(volume, oldFile, &target), ESTALE);
+        EXPECT_EQ(ntb_link(volume, oldFile, NTB_ROOT_INO, "again"), ESTALE);
+        EXPECT_EQ(ntb_count_names(volume, oldFile, &count), ESTALE);
+        EXPECT_EQ(ntb_set_times(volume, oldFile, &time, &time, &time, &time), ESTALE);
+        EXPECT_EQ(ntb_set_hidden(volume, oldFile, 1), ESTALE);
+        EXPECT_EQ(ntb_listxattr(volume, oldFile, nullptr, nullptr), ESTALE);
+        EXPECT_EQ(ntb_getxattr(volume, oldFile, "x", &value, &number), ESTALE);
+        EXPECT_EQ(ntb_setxattr(volume, oldFile, "x", &byte, 1, NTB_XATTR_ANY), ESTALE);
+        EXPECT_EQ(ntb_removexattr(volume, oldFile, "x"), ESTALE);
+        EXPECT_EQ(ntb_lookup(volume, oldDirectory, "x", &number), ESTALE);
+        EXPECT_EQ(ntb_readdir(volume, oldDirectory, nullptr, nullptr), ESTALE);
+        EXPECT_EQ(ntb_create(volume, oldDirectory, "x", NTB_TYPE_FILE, &number), ESTALE);
+        EXPECT_EQ(ntb_symlink(volume, oldDirectory, "x", "y", &number), ESTALE);
+        EXPECT_EQ(ntb_unlink(volume, oldDirectory, "x"), ESTALE);
+        EXPECT_EQ(ntb_rename(volume, oldDirectory, "x", NTB_ROOT_INO, "y"), ESTALE);
+    };
+    expectStale();
+    uint32_t heirs = 0;
+    for (int i = 0; i < 64 && heirs < 2; ++i) {
+        const uint64_t ino = volume.makeDirectory("heir " + std::to_string(i));
+        heirs += ino == file || ino == directory ? 1 : 0;
+    }
+    EXPECT_EQ(heirs, 2u) << "the records were not used again";
+    EXPECT_NE(volume.attributes(file).seq, static_cast<uint16_t>(oldFile >> 48));
+    expectStale();
+    EXPECT_EQ(volume.list(oldFile & ~(UINT64_C(0xffff) << 48)).size(), 0u);
+    EXPECT_NE(kept, file);
+    volume.finish();
+}
+
 TEST(Namespace, ListingStopsWhenAskedTo) {
     BridgeVolume volume;
     volume.make("a");
     volume.make("b");
     int calls = 0;
-    const auto stopAtOnce = [](void* context, const char*, uint64_t, uint32_t) {
+    const auto stopAtOnce = [](void* context, const char*, uint64_t, uint16_t, uint32_t) {
         *static_cast<int*>(context) += 1;
         return int32_t{7};
     };
