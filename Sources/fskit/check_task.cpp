@@ -1,6 +1,6 @@
 // The answer to checks and to formatting. Nothing on the volume is inspected or repaired: a check
 // is accepted for volumes that are loaded, and loading is what tests that they can be.
-#include "core/driver2.hpp"
+#include "core/driver2/check_mode.hpp"
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/log.hpp"
 #include "fskit/tavelin_file_system.hpp"

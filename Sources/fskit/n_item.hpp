@@ -1,7 +1,7 @@
 /// The item of one file, directory or link of a TavelinVolume.
 #pragma once
 
-#include "core/driver2.hpp"
+#include "core/driver2/directory_snapshot.hpp"
 #include "fskit/api/item.hpp"
 
 #include <atomic>

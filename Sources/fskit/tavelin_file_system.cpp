@@ -1,7 +1,10 @@
 // Probe, load, unload.
 #include "fskit/tavelin_file_system.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/mount_fallback.hpp"
+#include "core/driver2/mount_options.hpp"
+#include "core/driver2/short_name.hpp"
+#include "core/driver2/volume_uuid.hpp"
 #include "core/ntfs_error.hpp"
 #include "diagnostics/error_tally.hpp"
 #include "diagnostics/event_log.hpp"

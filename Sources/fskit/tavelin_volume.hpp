@@ -16,6 +16,7 @@
 /// process.
 #pragma once
 
+#include "core/driver2/directory_snapshot.hpp"
 #include "core/ntfs_volume.hpp"
 #include "fskit/api/volume.hpp"
 #include "fskit/extended_operations.hpp"

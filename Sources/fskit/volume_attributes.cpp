@@ -1,4 +1,5 @@
 // Reading and changing an item's attributes.
+#include "core/driver2/item_identity.hpp"
 #include "fskit/private/attempt.hpp"
 #include "fskit/private/count_request.hpp"
 #include "fskit/private/item_type.hpp"

@@ -3,6 +3,8 @@
 // A cookie counts positions in a virtual list: "." and ".." (only when no attributes are wanted),
 // then the entries of the directory's snapshot. The verifier is the volume's generation when the
 // snapshot was taken, so a namespace change makes the next page start from a fresh listing.
+#include "core/driver2/directory_snapshot.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "fskit/private/attempt.hpp"
 #include "fskit/private/count_request.hpp"
 #include "fskit/private/item_type.hpp"

@@ -1,4 +1,5 @@
 // Requests beside FSKit's. They count and tally with the FSKit request that they stand for.
+#include "core/driver2/item_identity.hpp"
 #include "fskit/private/attempt.hpp"
 #include "fskit/private/count_request.hpp"
 #include "fskit/tavelin_volume.hpp"

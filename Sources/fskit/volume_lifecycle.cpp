@@ -1,4 +1,7 @@
 // The volume as a whole: construction, activation, synchronising, statistics, its name.
+#include "core/driver2/mount_options.hpp"
+#include "core/driver2/sync_flags.hpp"
+#include "core/driver2/volume_uuid.hpp"
 #include "diagnostics/error_tally.hpp"
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/log.hpp"

@@ -1,6 +1,6 @@
 #include "hosting/module_host.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/mount_options.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "hosting/reply_slot.hpp"
 #include "platform/error_numbers.hpp"

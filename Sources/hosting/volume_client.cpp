@@ -1,6 +1,5 @@
 #include "hosting/volume_client.hpp"
 
-#include "core/driver2.hpp"
 #include "hosting/reply_slot.hpp"
 #include "platform/error_numbers.hpp"
 

@@ -1,4 +1,12 @@
-#include "core/driver2.hpp"
+
+#include "core/driver2/check_mode.hpp"
+#include "core/driver2/directory_snapshot.hpp"
+#include "core/driver2/item_identity.hpp"
+#include "core/driver2/mount_fallback.hpp"
+#include "core/driver2/mount_options.hpp"
+#include "core/driver2/short_name.hpp"
+#include "core/driver2/sync_flags.hpp"
+#include "core/driver2/volume_uuid.hpp"
 
 #include <gtest/gtest.h>
 

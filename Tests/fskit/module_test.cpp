@@ -1,6 +1,7 @@
 // What the module answers to probe, load, unload, check and format, and what it reports of it.
 #include "module_fixture.hpp"
 
+#include "core/driver2/volume_uuid.hpp"
 #include "core/ntfs_error.hpp"
 #include "platform/error_numbers.hpp"
 

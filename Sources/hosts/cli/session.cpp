@@ -1,6 +1,6 @@
 #include "hosts/cli/session.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/mount_options.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "hosts/cli/terminal.hpp"

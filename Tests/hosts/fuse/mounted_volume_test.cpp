@@ -1,6 +1,6 @@
 // The mounted volume without a kernel: what becomes of nodes and removed files when the kernel lets
 // go of them late, when the volume is full and when others have used this host's directory.
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "hosting/module_host.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/error_numbers.hpp"

@@ -1,7 +1,7 @@
 // The table of requests, the session's settings, and requests about attributes and the volume.
 #include "hosts/fuse/protocol/requests.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "hosts/fuse/protocol/session_context.hpp"
 #include "platform/error_numbers.hpp"

@@ -1,6 +1,6 @@
 #include "hosts/fuse/tree/mounted_volume.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
 

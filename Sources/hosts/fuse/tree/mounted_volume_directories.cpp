@@ -1,5 +1,5 @@
 // Listings of directories, and how changes reach them.
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "fskit/api/error.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/error_numbers.hpp"

@@ -1,6 +1,6 @@
 #include "hosts/fuse/tree/node_table.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "hosts/fuse/libfuse.hpp"
 
 #include <algorithm>

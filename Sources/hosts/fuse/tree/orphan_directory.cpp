@@ -1,6 +1,6 @@
 #include "hosts/fuse/tree/orphan_directory.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "platform/error_numbers.hpp"
 

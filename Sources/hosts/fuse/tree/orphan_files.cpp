@@ -1,6 +1,6 @@
 #include "hosts/fuse/tree/orphan_files.hpp"
 
-#include "core/driver2.hpp"
+#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"

@@ -1,0 +1,31 @@
+/// The directory listing that is kept for one enumeration.
+#pragma once
+
+#include "core/values.hpp"
+
+#include <cstdint>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace tavelin::Driver2 {
+
+/// One listing of a directory, kept while a host reads it in pages. Immutable once built and
+/// shared by reference. Positions count entries from 0; the cookie after an entry is its position
+/// plus one.
+class DirectorySnapshot {
+  public:
+    DirectorySnapshot(std::vector<NTFSDirEntry> listing, std::uint64_t generation)
+        : entries(std::move(listing)), verifier(generation) {}
+
+    const std::vector<NTFSDirEntry> entries; ///< in the order of NTFSVolume::list
+    const std::uint64_t verifier; ///< the volume's change generation when the list was taken
+
+    /// The entries from `position` on, none past the end. Valid while the snapshot lives.
+    [[nodiscard]] std::span<const NTFSDirEntry> page(std::uint64_t position) const noexcept;
+
+    /// `position` + 1; a negative or overflowing position stops the process.
+    [[nodiscard]] static std::uint64_t cookie(std::int64_t position) noexcept;
+};
+
+} // namespace tavelin::Driver2
