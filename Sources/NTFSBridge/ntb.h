@@ -62,6 +62,14 @@ typedef struct ntb_io {
     uint32_t block_size;            /* bytes; 0 and 1 both mean byte-addressable */
 } ntb_io;
 
+/* Longest transfer in bytes that goes through the page cache. A longer one is bulk data: it goes
+ * straight to the device, in the caller's own length. */
+enum { NTB_CACHED_BYTES_MAX = 64 << 10 };
+
+/* Dirty pages above which the page cache writes all of them back by itself, inside the operation
+ * that made one more dirty and in writes longer than NTB_CACHED_BYTES_MAX. */
+enum { NTB_DIRTY_PAGES_MAX = 4096 };
+
 /* I/O counters of one volume, zero at mount and never reset. */
 typedef struct ntb_stats {
     uint64_t deviceReads;  /* read calls to the device */
@@ -145,6 +153,11 @@ int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out);
  * mount. */
 void ntb_set_windows_names(ntb_vol* vol, int32_t on);
 int32_t ntb_windows_names(ntb_vol* vol);
+
+/* Off when the device carries all that is written between two syncs over a power cut as a whole.
+ * While on, as at mount, ntb_rename has the new name written before the old one is removed, so that
+ * a cut cannot leave the file without a name. */
+void ntb_set_ordered_writes(ntb_vol* vol, int32_t on);
 
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out);
 

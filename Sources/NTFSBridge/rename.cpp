@@ -81,11 +81,13 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
     if (const int32_t error = link_name(vol, ino, to.directory, to.name); error != 0) {
         return error;
     }
-    // The two names may be in different pages, of which one flush writes the lower first. So that
-    // a power cut in it cannot leave the file without a name, the new one is written first. Order
-    // is all that matters here, so the device is not asked to sync. A failure is dropped: the
+    // Two directories' pages are written in the order of their places on the device, so a power cut
+    // could let the removal through and not the new name. Without a journal the new name therefore
+    // goes first. The device need not sync: the order is all that matters. A failure is dropped: the
     // pages stay dirty, and the flush that retries them reports.
-    (void)vol->context->flush();
+    if (vol->ordered_writes) {
+        (void)vol->context->flush();
+    }
     const int32_t error = unlink_impl(vol, from.directory, from.name, false);
     if (error != 0) {
         // Best effort: the file has both names if this fails too.

@@ -3,6 +3,7 @@
 
 #include "NTFSBridge/device/block_io.hpp"
 #include "NTFSBridge/device/device_table.hpp"
+#include "NTFSBridge/ondisk/boot_sector.hpp"
 #include "NTFSBridge/ondisk/mft_mirror.hpp"
 
 #include <mutex>
@@ -11,24 +12,18 @@
 namespace ntb {
 namespace {
 
-constexpr uint64_t boot_sector_size = 512;
-
 // The volume's mount point: links with an absolute target are resolved against it by the library,
 // which frees neither it nor checks that there is one.
 constexpr const char* no_mount_point = "";
 
-// The boot sector of an NTFS volume has the system name at byte 3, the serial number in little
-// endian at byte 72 and the boot signature at byte 510.
-bool read_boot_sector(const ntb_io& io, uint64_t& serial) noexcept {
-    uint8_t sector[boot_sector_size];
+// Goes by the name and the signature alone, not the geometry, which the library judges.
+bool read_serial(const ntb_io& io, uint64_t& serial) noexcept {
+    uint8_t sector[boot_sector_bytes];
     if (io.size < sizeof sector || io_read(io, nullptr, sector, 0, sizeof sector) != 0 ||
-        std::memcmp(sector + 3, "NTFS    ", 8) != 0 || sector[510] != 0x55 || sector[511] != 0xAA) {
+        !is_ntfs_boot_sector(sector)) {
         return false;
     }
-    serial = 0;
-    for (int byte = 7; byte >= 0; --byte) {
-        serial = serial << 8 | sector[72 + byte];
-    }
+    serial = volume_serial(sector);
     return true;
 }
 
@@ -117,7 +112,7 @@ ntb_vol* mount_once(const ntb_io& io, int32_t read_only, int32_t& error) noexcep
     }
     vol->io = io;
     vol->read_only = read_only != 0 ? 1 : 0;
-    if (!read_boot_sector(io, vol->serial)) {
+    if (!read_serial(io, vol->serial)) {
         error = EINVAL;
         return nullptr;
     }
@@ -180,7 +175,7 @@ using namespace ntb;
 
 int32_t ntb_probe(const ntb_io* io, uint64_t* serial) {
     uint64_t found = 0;
-    if (!read_boot_sector(*io, found)) {
+    if (!read_serial(*io, found)) {
         return EINVAL;
     }
     if (serial != nullptr) {

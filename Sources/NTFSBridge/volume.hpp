@@ -11,6 +11,7 @@ struct ntb_vol {
     ntb_io io = {};
     uint32_t read_only = 0;     // as asked at mount; the library's own decision is in volume
     uint32_t windows_names = 0; // 0 or 1
+    bool ordered_writes = true; // see ntb_set_ordered_writes
     uint64_t serial = 0;
     ntb_stats stats = {};
     bool freed_since_sync = false; // clusters, since the last sync that succeeded

@@ -81,6 +81,10 @@ int32_t ntb_windows_names(ntb_vol* vol) {
     return static_cast<int32_t>(vol->windows_names);
 }
 
+void ntb_set_ordered_writes(ntb_vol* vol, int32_t on) {
+    vol->ordered_writes = on != 0;
+}
+
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out) {
     *out = vol->stats;
 }

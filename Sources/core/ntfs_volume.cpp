@@ -13,11 +13,15 @@ namespace {
 
 constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
 
-/// Pages that wait for a sync, in the bridge's cache or in the device, before one is made in
-/// between. Their memory comes on top of the cache's. And they are far fewer than the 4096 dirty
-/// pages from which on the cache writes all of them back by itself, in long runs, which a
-/// device that expects file data takes for that.
+/// Dirty and pending pages above which a sync is made between two operations. They take memory on
+/// top of the cache's.
 constexpr std::uint64_t kPendingPagesMax = 1024;
+/// Pages that one operation may dirty before it could reach the cache's own write-back mark.
+constexpr std::uint64_t kOperationPagesMin = 1024;
+static_assert(
+    kPendingPagesMax + kOperationPagesMin <= NTB_DIRTY_PAGES_MAX,
+    "at its mark the cache writes back in runs longer than NTB_CACHED_BYTES_MAX, which the "
+    "journal would mistake for bulk data during a bulk write");
 
 } // namespace
 

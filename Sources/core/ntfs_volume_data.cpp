@@ -12,8 +12,6 @@ namespace tavelin {
 
 namespace {
 
-/// The least of a request that goes around the bridge's cache, in bytes.
-constexpr std::size_t kBulkWriteBytesMin = 64u << 10;
 constexpr std::uint32_t kLoggedRefusalsMax = 20; ///< of one mount: a copied tree may have millions
 constexpr std::size_t kDevicePage = 4096;        ///< bytes of a page that a device lets wait
 
@@ -23,8 +21,9 @@ constexpr std::size_t kDevicePage = 4096;        ///< bytes of a page that a dev
 class BulkWriteScope {
   public:
     BulkWriteScope(BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept
-        : device_(length > kBulkWriteBytesMin && mayBypassJournal(device, vol, length) ? &device
-                                                                                       : nullptr) {
+        : device_(length > NTB_CACHED_BYTES_MAX && mayBypassJournal(device, vol, length)
+                      ? &device
+                      : nullptr) {
         tell(true);
     }
     ~BulkWriteScope() { tell(false); }

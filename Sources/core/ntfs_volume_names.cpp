@@ -81,6 +81,8 @@ void NTFSVolume::rename(std::string_view name, std::uint64_t parent, std::string
     const BridgeText oldText(name);
     const BridgeText newText(newName);
     check(locked([&](ntb_vol* vol) {
+        // A journal makes each flush atomic, whatever the order of its writes.
+        ntb_set_ordered_writes(vol, box_.device->backlog().capacity == 0 ? 1 : 0);
         return ntb_rename(vol, parent, oldText.cString(), newParent, newText.cString());
     }));
 }

@@ -9,9 +9,6 @@ namespace ntb {
 namespace {
 
 constexpr uint64_t page_size = page_cache::page_size;
-constexpr uint64_t cached_transfer_bytes_max = 65536;
-static_assert(cached_transfer_bytes_max / page_size < page_cache::run_pages_max,
-              "a fetch fits into the cache's staging memory, be its ends aligned or not");
 
 // The part of a byte range that falls into one page.
 struct page_part {
@@ -30,7 +27,7 @@ struct page_part {
 bool ntb_devctx::is_cacheable(uint64_t count, uint64_t offset) const noexcept {
     const uint64_t block = std::max<uint64_t>(io.block_size, 1);
     if (!cache.is_on() || block > page_size || page_size % block != 0 ||
-        count > cached_transfer_bytes_max || !is_within(offset, count, io.size)) {
+        count > NTB_CACHED_BYTES_MAX || !is_within(offset, count, io.size)) {
         return false;
     }
     const uint64_t last = (offset + count - 1) / page_size;

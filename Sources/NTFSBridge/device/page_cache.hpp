@@ -30,8 +30,12 @@ class page_cache {
     static constexpr uint32_t full_set_count = 1024;
     static constexpr uint32_t slot_count = full_set_count * way_count;
     static constexpr uint32_t run_pages_max = 256; // longest single write of a flush: 1 MiB
-    static constexpr uint32_t dirty_pages_max =
-        slot_count / 2; // above it a write flushes everything
+    static constexpr uint32_t dirty_pages_max = NTB_DIRTY_PAGES_MAX; // above it a write flushes all
+    static_assert(dirty_pages_max <= slot_count / 2, "half of the cache stays free for reading");
+    static_assert(
+        uint64_t{run_pages_max} * page_size > NTB_CACHED_BYTES_MAX,
+        "a fetch of the longest cached transfer fits into the staging memory, be its ends "
+        "aligned or not");
     static constexpr uint64_t last_page = UINT64_MAX;
 
     // Off until enable(). io and stats belong to the volume and outlive the cache.

@@ -16,6 +16,12 @@ constexpr uint64_t at_mftmirr_lcn = 0x38;         // u64
 constexpr uint64_t at_record_size = 0x40;      // s8: clusters, or minus the power of two of bytes
 constexpr uint64_t at_index_block_size = 0x44; // the same
 constexpr uint64_t at_serial = 0x48;           // u64
+constexpr uint64_t at_signature = 0x1fe;       // u16
+constexpr uint16_t signature = 0xaa55;
+
+bool has_name(const uint8_t* from) noexcept {
+    return std::memcmp(from + 3, "NTFS    ", 8) == 0;
+}
 
 // 2 to the power of minus the signed byte; 0 for what no volume has.
 uint64_t minus_power(uint64_t byte) noexcept {
@@ -33,10 +39,18 @@ bool is_size(uint64_t bytes, uint64_t least, uint64_t most) noexcept {
 
 } // namespace
 
+bool is_ntfs_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes) noexcept {
+    return has_name(bytes.data()) && u16_at(bytes.data(), at_signature) == signature;
+}
+
+uint64_t volume_serial(std::span<const uint8_t, boot_sector_bytes> bytes) noexcept {
+    return u64_at(bytes.data(), at_serial);
+}
+
 boot_fault parse_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes,
                              boot_sector& boot) noexcept {
     const uint8_t* const from = bytes.data();
-    if (std::memcmp(from + 3, "NTFS    ", 8) != 0) {
+    if (!has_name(from)) {
         return boot_fault::not_ntfs;
     }
     boot.sector_size = u16_at(from, at_sector_size);
@@ -59,7 +73,7 @@ boot_fault parse_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes,
     boot.sectors = u64_at(from, at_sectors);
     boot.mft_lcn = u64_at(from, at_mft_lcn);
     boot.mftmirr_lcn = u64_at(from, at_mftmirr_lcn);
-    boot.serial = u64_at(from, at_serial);
+    boot.serial = volume_serial(bytes);
     if (boot.clusters() == 0 || boot.sectors > UINT64_MAX / boot.sector_size) {
         return boot_fault::size;
     }

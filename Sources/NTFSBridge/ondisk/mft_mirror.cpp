@@ -1,7 +1,7 @@
 #include "NTFSBridge/ondisk/mft_mirror.hpp"
 
 #include "NTFSBridge/device/block_io.hpp"
-#include "NTFSBridge/ondisk/disk_layout.hpp"
+#include "NTFSBridge/ondisk/volume_reader.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -17,14 +17,14 @@ int32_t forget_write(void*, const void*, uint64_t, uint64_t) noexcept {
 } // namespace
 
 bool mft_mirror::locate() noexcept {
-    disk_layout layout;
-    if (read_layout(device_, layout) != 0) {
+    boot_sector boot;
+    if (read_boot_sector(device_, boot) != 0) {
         return false;
     }
-    record_size_ = layout.record_size;
-    record_count_ = std::max(mirrored_records_min, layout.cluster / record_size_);
-    table_.offset = layout.mft_offset;
-    mirror_.offset = layout.mftmirr_offset;
+    record_size_ = boot.record_size;
+    record_count_ = mirrored_records(boot);
+    table_.offset = boot.mft_lcn * boot.cluster_size;
+    mirror_.offset = boot.mftmirr_lcn * boot.cluster_size;
     const uint64_t size = record_count_ * record_size_;
     const uint64_t distance =
         std::max(table_.offset, mirror_.offset) - std::min(table_.offset, mirror_.offset);
@@ -58,9 +58,9 @@ bool mft_mirror::plan() noexcept {
             continue;
         }
         differ = true;
-        if (fixups_match(original, record_size_, number)) {
+        if (is_whole_record({original, record_size_}, number)) {
             take_over(table_, mirror_, number);
-        } else if (fixups_match(second, record_size_, number)) {
+        } else if (is_whole_record({second, record_size_}, number)) {
             take_over(mirror_, table_, number);
         } else {
             return false;

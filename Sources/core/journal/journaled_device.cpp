@@ -10,8 +10,7 @@ namespace tavelin {
 
 namespace {
 
-constexpr std::uint64_t kPendingWriteBytesMax = 64u << 10; ///< bytes of a write
-constexpr std::uint64_t kRunPagesMax = 256;                ///< pages written in one go
+constexpr std::uint64_t kRunPagesMax = 256; ///< pages written in one go
 
 } // namespace
 
@@ -113,7 +112,7 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
     if (journal_->overlaps(offset, length)) {
         return EIO;
     }
-    if (!hasFileData_ || length <= kPendingWriteBytesMax) {
+    if (!hasFileData_ || length <= NTB_CACHED_BYTES_MAX) {
         return buffer(source, offset, length);
     }
     const std::uint64_t end = offset + length;
