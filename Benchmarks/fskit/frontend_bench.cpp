@@ -27,12 +27,6 @@ constexpr std::size_t kTransfer = 4096; // bytes
 constexpr int kTurn = 64;               // calls of one side before the other side's turn
 constexpr int kPageTurn = 8;            // the same for pages, which are calls by the dozen
 
-void require(const fskit::MaybeError& error) {
-    if (error) {
-        throw *error;
-    }
-}
-
 /// Takes one page and throws it away.
 class DiscardingPage final : public fskit::FSDirectoryEntryPacker {
   public:
@@ -59,12 +53,8 @@ class WarmVolume {
     WarmVolume() {
         ::setenv("TAVELIN_GROUP_CONTAINER", sample_.directory().path().c_str(), 1);
         module_ = std::make_unique<TavelinFileSystem>();
-        module_->loadResource(std::make_shared<test::MemoryResource>(sample_), {},
-                              [](const auto&, const auto& error) { require(error); });
-        volume().activate({}, [this](auto root, const auto& error) {
-            require(error);
-            root_ = std::move(root);
-        });
+        module_->loadResource(std::make_shared<test::MemoryResource>(sample_), {}).get();
+        root_ = volume().activate({}).get();
         directory = create(root_, "folder", fskit::FSItemType::directory);
         for (std::size_t i = 0; i < kEntries; i++) {
             names.emplace_back("document number " + std::to_string(i) + ".txt");
@@ -86,11 +76,7 @@ class WarmVolume {
     void list(fskit::FSDirectoryCookie cookie) {
         DiscardingPage page;
         const fskit::FSItemGetAttributesRequest all{~0ull};
-        volume().enumerateDirectory(directory, cookie, verifier_, &all, page,
-                                    [this](auto verifier, const auto& error) {
-                                        require(error);
-                                        verifier_ = verifier;
-                                    });
+        verifier_ = volume().enumerateDirectory(directory, cookie, verifier_, &all, page).get();
     }
 
     fskit::FSItemRef directory;
@@ -100,14 +86,8 @@ class WarmVolume {
   private:
     fskit::FSItemRef create(const fskit::FSItemRef& directory, const std::string& name,
                             fskit::FSItemType type) {
-        fskit::FSItemRef made;
         fskit::FSItemSetAttributesRequest nothing;
-        volume().createItem(fskit::FSFileName(name), type, directory, nothing,
-                            [&](auto item, const auto&, const auto& error) {
-                                require(error);
-                                made = std::move(item);
-                            });
-        return made;
+        return volume().createItem(fskit::FSFileName(name), type, directory, nothing).get().newItem;
     }
 
     const test::ReplacedServices services_; // no flush ticks, no lines in the system log
@@ -167,14 +147,11 @@ void lookup(benchmark::State& state) {
     compare(
         state, kTurn,
         [&](std::size_t i) {
-            w.volume().lookupItem(w.names[i], w.directory,
-                                  [](const auto& item, const auto&, const auto& error) {
-                                      require(error);
-                                      benchmark::DoNotOptimize(item.get());
-                                  });
+            const auto found = w.volume().lookupItem(w.names[i], w.directory);
+            benchmark::DoNotOptimize(found->foundItem.get());
         },
         [&](std::size_t i) {
-            benchmark::DoNotOptimize(w.ntfs().lookup(w.names[i].data(), parent));
+            benchmark::DoNotOptimize(w.ntfs().find(w.names[i].data(), parent)->size);
         });
 }
 
@@ -183,10 +160,7 @@ void getAttributes(benchmark::State& state) {
     compare(
         state, kTurn,
         [&](std::size_t i) {
-            w.volume().getAttributes({}, w.files[i], [](const auto& attributes, const auto& error) {
-                require(error);
-                benchmark::DoNotOptimize(attributes->size());
-            });
+            benchmark::DoNotOptimize(w.volume().getAttributes({}, w.files[i])->size());
         },
         [&](std::size_t i) {
             benchmark::DoNotOptimize(w.ntfs().attributes(WarmVolume::ino(w.files[i])).size);
@@ -205,11 +179,9 @@ void read4K(benchmark::State& state) {
     compare(
         state, kTurn,
         [&](std::size_t i) {
-            w.volume().read(w.files[0], static_cast<std::int64_t>(offsetOf(i)), kTransfer, buffer,
-                            [](std::size_t count, const auto& error) {
-                                require(error);
-                                benchmark::DoNotOptimize(count);
-                            });
+            const auto count = w.volume().read(w.files[0], static_cast<std::int64_t>(offsetOf(i)),
+                                               kTransfer, buffer);
+            benchmark::DoNotOptimize(*count);
         },
         [&](std::size_t i) {
             benchmark::DoNotOptimize(w.ntfs().read(ino, offsetOf(i), memory.data(), kTransfer));
@@ -223,11 +195,9 @@ void write4K(benchmark::State& state) {
     compare(
         state, kTurn,
         [&](std::size_t i) {
-            w.volume().write(content, w.files[0], static_cast<std::int64_t>(offsetOf(i)),
-                             [](std::size_t count, const auto& error) {
-                                 require(error);
-                                 benchmark::DoNotOptimize(count);
-                             });
+            const auto count =
+                w.volume().write(content, w.files[0], static_cast<std::int64_t>(offsetOf(i)));
+            benchmark::DoNotOptimize(*count);
         },
         [&](std::size_t i) {
             benchmark::DoNotOptimize(w.ntfs().write(ino, offsetOf(i), content));

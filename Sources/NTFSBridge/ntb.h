@@ -12,7 +12,7 @@
  *   4. Text is NUL-terminated UTF-8. Strings and buffers handed out are newly allocated; the caller
  *      releases them with free(). With an error, nothing is handed out.
  *   5. An inode number handed out is the 48-bit NTFS file record number. The root directory is
- *      NTB_ROOT_INO; the other records below 16 are the volume's system files and are never exposed.
+ *      NTB_ROOT_INO; the other records below 16 are the volume's system files, never exposed.
  *      An inode number handed in may carry the record's sequence number in its upper 16 bits, as
  *      NTFS's own file references do (ntb_reference). The sequence number changes each time a
  *      record is freed, so a call with one that is not 0 answers ESTALE when the record is free or

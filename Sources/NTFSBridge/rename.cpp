@@ -83,8 +83,8 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
     }
     // Two directories' pages are written in the order of their places on the device, so a power cut
     // could let the removal through and not the new name. Without a journal the new name therefore
-    // goes first. The device need not sync: the order is all that matters. A failure is dropped: the
-    // pages stay dirty, and the flush that retries them reports.
+    // goes first. The device need not sync: the order is all that matters. A failure is dropped:
+    // the pages stay dirty, and the flush that retries them reports.
     if (vol->ordered_writes) {
         (void)vol->context->flush();
     }

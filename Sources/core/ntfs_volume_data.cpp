@@ -89,7 +89,7 @@ void NTFSVolume::checkData(std::int32_t result, std::uint64_t ino, std::string_v
         }
         if (!reason.empty()) {
             log().error(std::string("file ")
-                            .append(std::to_string(ino))
+                            .append(std::to_string(recordNumber(ino)))
                             .append(" was not ")
                             .append(what)
                             .append(": ")

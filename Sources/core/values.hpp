@@ -56,6 +56,11 @@ enum class NTFSDataState : std::uint32_t {
     return ino | std::uint64_t{sequence} << 48;
 }
 
+/// The record number in such a reference.
+[[nodiscard]] constexpr std::uint64_t recordNumber(std::uint64_t reference) noexcept {
+    return reference & ((std::uint64_t{1} << 48) - 1);
+}
+
 /// The attributes of one item. Times count from 1970-01-01 UTC, in steps of 100 ns on the volume.
 struct NTFSAttributes {
     std::uint64_t ino = 0;

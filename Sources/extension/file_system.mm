@@ -6,15 +6,12 @@
 #include "extension/reply.hpp"
 #include "extension/text.hpp"
 
-using tavelin::answerWith;
 using tavelin::serve;
 using tavelin::Strong;
 using tavelin::toCore;
 using tavelin::toFSKit;
 
 namespace {
-
-using fskit::MaybeError;
 
 /// FSKit's task as the front end completes it. The front end does its checks in one step, so the
 /// progress FSKit watches goes from nothing to all of it.
@@ -28,7 +25,7 @@ class TaskAdapter final : public fskit::FSTask {
         }
     }
 
-    void didComplete(const MaybeError &error) override {
+    void didComplete(const std::optional<fskit::Error> &error) override {
         @autoreleasepool {
             if (!error) {
                 progress_.get().completedUnitCount = kTotalUnitCount;
@@ -64,31 +61,28 @@ FSContainerStatus *notReady(NSError *error) {
 
 - (void)probeResource:(FSResource *)resource
          replyHandler:(void (^)(FSProbeResult *result, NSError *error))reply {
-    serve(reply,
-          [&](auto &answer) { _fileSystem->probeResource(toCore(resource), answerWith(answer)); });
+    serve(reply, [&] {
+        return std::tuple<FSProbeResult *, NSError *>(
+            toFSKit(_fileSystem->probeResource(toCore(resource))), nil);
+    });
 }
 
 // FSKit reads the container's status when it gets the reply, so it is set before.
 - (void)loadResource:(FSResource *)resource
              options:(FSTaskOptions *)options
         replyHandler:(void (^)(FSVolume *volume, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _fileSystem->loadResource(
-            toCore(resource), toCore(options),
-            [&](const std::shared_ptr<fskit::FSVolume> &loaded, const MaybeError &error) {
-                const auto volume = std::dynamic_pointer_cast<tavelin::TavelinVolume>(loaded);
-                if (error || volume == nullptr) {
-                    NSError *failure =
-                        toFSKit(error.value_or(fskit::fs_errorForPOSIXError(tavelin::kEIO)));
-                    self.containerStatus = notReady(failure);
-                    answer(nil, failure);
-                    return;
-                }
-                TavelinVolume *given = tavelin::made([[TavelinVolume alloc] initWithVolume:volume
-                                                                                fileSystem:self]);
-                self.containerStatus = [FSContainerStatus ready];
-                answer(given, nil);
-            });
+    serve(reply, [&]() -> std::tuple<FSVolume *, NSError *> {
+        const auto loaded = _fileSystem->loadResource(toCore(resource), toCore(options));
+        if (!loaded) {
+            NSError *failed = toFSKit(loaded.error());
+            self.containerStatus = notReady(failed);
+            return {nil, failed};
+        }
+        TavelinVolume *given = tavelin::made([[TavelinVolume alloc]
+            initWithVolume:std::dynamic_pointer_cast<tavelin::TavelinVolume>(*loaded)
+                fileSystem:self]);
+        self.containerStatus = [FSContainerStatus ready];
+        return {given, nil};
     });
 }
 
@@ -96,12 +90,10 @@ FSContainerStatus *notReady(NSError *error) {
 - (void)unloadResource:(FSResource *)resource
                options:(FSTaskOptions *)options
           replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _fileSystem->unloadResource(
-            toCore(resource), toCore(options), [&](const MaybeError &error) {
-                self.containerStatus = notReady(fs_errorForPOSIXError(tavelin::kEAGAIN));
-                answer(toFSKit(error));
-            });
+    serve(reply, [&] {
+        auto unloaded = _fileSystem->unloadResource(toCore(resource), toCore(options));
+        self.containerStatus = notReady(fs_errorForPOSIXError(tavelin::kEAGAIN));
+        return unloaded;
     });
 }
 
@@ -130,11 +122,12 @@ FSContainerStatus *notReady(NSError *error) {
     NSError *failure = nil;
     try {
         NSProgress *progress = [NSProgress progressWithTotalUnitCount:TaskAdapter::kTotalUnitCount];
-        static_cast<void>((_fileSystem.get()->*operation)(
-            std::make_shared<TaskAdapter>(task, progress), toCore(options)));
-        return progress;
-    } catch (const fskit::Error &refused) {
-        failure = toFSKit(refused);
+        const auto started = (_fileSystem.get()->*operation)(
+            std::make_shared<TaskAdapter>(task, progress), toCore(options));
+        if (started) {
+            return progress;
+        }
+        failure = toFSKit(started.error());
     } catch (...) {
         failure = fs_errorForPOSIXError(tavelin::kEIO);
     }

@@ -26,37 +26,23 @@ class HandedItems {
     HandedItems(const HandedItems&) = delete;
     HandedItems& operator=(const HandedItems&) = delete;
 
-    /// The object FSKit is to get for an item that a request found; nil for null.
-    [[nodiscard]] FSItem* found(const fskit::FSItemRef& item);
-
-    /// The same for a file that a request made. When its record was used before by a file that is
-    /// removed but not reclaimed yet, the registry answers that file's item; FSKit knows it as
-    /// dead, so the new file gets an item and an object of its own.
-    [[nodiscard]] FSItem* created(const fskit::FSItemRef& item);
-
-    /// Notes that the file behind an item lost a name, perhaps its last.
-    void removed(FSItem* item);
+    /// The object FSKit is to get for an item that a request answered.
+    [[nodiscard]] FSItem* handOut(const fskit::FSItemRef& item);
 
     /// Lets go of an item that FSKit gives back. A second reclaim, an item that is not ours and
-    /// nil change nothing. Answers through `reply` in every case.
-    void reclaim(FSItem* item, const fskit::ErrorReply& reply);
+    /// nil change nothing.
+    void reclaim(FSItem* item);
 
     /// How many items FSKit holds.
     [[nodiscard]] std::size_t count() const;
 
   private:
-    struct Handed {
-        Strong<::NItem*> object;
-        bool removed = false;
-    };
-
-    FSItem* handOut(std::uint64_t ino, std::uint64_t parent) TAVELIN_REQUIRES(mutex_);
-    void takeBack(FSItem* item, const fskit::ErrorReply& reply) TAVELIN_REQUIRES(mutex_);
+    void takeBack(FSItem* item) TAVELIN_REQUIRES(mutex_);
 
     TavelinVolume& volume_;
     mutable Mutex mutex_;
     /// Each object keeps the key it stands under alive.
-    std::map<const NItem*, Handed> handed_ TAVELIN_GUARDED_BY(mutex_);
+    std::map<const NItem*, Strong<::NItem*>> handed_ TAVELIN_GUARDED_BY(mutex_);
 };
 
 } // namespace tavelin

@@ -11,69 +11,39 @@ const NItem &own(const fskit::FSItemRef &item) {
 
 } // namespace
 
-FSItem *HandedItems::found(const fskit::FSItemRef &item) {
-    if (item == nullptr) {
-        return nil;
-    }
+FSItem *HandedItems::handOut(const fskit::FSItemRef &item) {
     MutexLock lock(mutex_);
-    return handOut(own(item).ino, own(item).parent);
-}
-
-FSItem *HandedItems::created(const fskit::FSItemRef &item) {
-    if (item == nullptr) {
-        return nil;
-    }
-    MutexLock lock(mutex_);
-    const auto entry = handed_.find(&own(item));
-    if (entry != handed_.end() && entry->second.removed) {
-        volume_.reclaimItem(item, [](const fskit::MaybeError &) {}); // it cannot fail
-    }
-    return handOut(own(item).ino, own(item).parent);
-}
-
-FSItem *HandedItems::handOut(std::uint64_t ino, std::uint64_t parent) {
-    const std::shared_ptr<NItem> registered = volume_.item(ino, parent);
+    const std::shared_ptr<NItem> registered = volume_.item(own(item).reference, own(item).parent);
     const auto [entry, isNew] = handed_.try_emplace(registered.get());
     if (isNew) {
-        entry->second.object = Strong(made([[::NItem alloc] initWithItem:registered]));
+        entry->second = Strong(made([[::NItem alloc] initWithItem:registered]));
     }
-    // Found under another name after one was removed: the file lives on.
-    entry->second.removed = false;
-    return entry->second.object.get();
+    return entry->second.get();
 }
 
-void HandedItems::removed(FSItem *item) {
-    const std::shared_ptr<NItem> core = toCore(item);
-    MutexLock lock(mutex_);
-    if (const auto entry = handed_.find(core.get()); entry != handed_.end()) {
-        entry->second.removed = true;
-    }
-}
-
-void HandedItems::reclaim(FSItem *item, const fskit::ErrorReply &reply) {
+void HandedItems::reclaim(FSItem *item) {
     MutexLock lock(mutex_);
     if (item == nil) {
-        volume_.reclaimItem(nullptr, reply);
+        volume_.reclaimItem(nullptr);
     } else if (@available(macOS 27.0, *)) {
-        // FSKit knows whether a reply that is still on its way carries the item once more.
-        if (![item tryReclaimWithBlock:^{
-                mutex_.assumeHeld();
-                takeBack(item, reply);
-            }]) {
-            reply(std::nullopt);
-        }
+        // FSKit knows whether an answer that is still on its way carries the item once more. Then
+        // it does not run the block, and the item stays handed out.
+        [item tryReclaimWithBlock:^{
+            mutex_.assumeHeld();
+            takeBack(item);
+        }];
     } else {
-        takeBack(item, reply);
+        takeBack(item);
     }
 }
 
-void HandedItems::takeBack(FSItem *item, const fskit::ErrorReply &reply) {
+void HandedItems::takeBack(FSItem *item) {
     const std::shared_ptr<NItem> core = toCore(item);
     if (const auto entry = handed_.find(core.get());
-        entry != handed_.end() && entry->second.object.get() == item) {
+        entry != handed_.end() && entry->second.get() == item) {
         handed_.erase(entry);
     }
-    volume_.reclaimItem(core, reply);
+    volume_.reclaimItem(core);
 }
 
 std::size_t HandedItems::count() const {

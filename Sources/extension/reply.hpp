@@ -1,99 +1,89 @@
 /// Serving one request of FSKit: its reply block runs exactly once, whatever happens.
 ///
-/// The front end answers a request before it returns, on the thread of the request. A Reply
-/// therefore lives no longer than the request, and what answers it may refer to the request's
-/// local variables.
+/// The front end answers a request with a value before it returns. serve() turns that value, or
+/// whatever was thrown, into the block's arguments first and calls the block last, at one place,
+/// with nothing locked and nothing left that could throw.
 #pragma once
 
 #include "diagnostics/log.hpp"
 #include "extension/values.hpp"
+#include "fskit/api/outcome.hpp"
 #include "platform/error_numbers.hpp"
 
 #import <FSKit/FSKit.h>
 #include <exception>
 #include <new>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
 namespace tavelin {
 
-/// The argument a reply gets when its request failed: the error where it takes one, else nothing
+/// The arguments of a reply whose request failed: the error where the block takes one, else nothing
 /// (nil, 0).
-template<typename Argument>
-Argument failedArgument(std::int32_t code) {
-    if constexpr (std::is_same_v<Argument, NSError*>) {
-        return fs_errorForPOSIXError(code);
+template<typename... Arguments>
+std::tuple<Arguments...> failure([[maybe_unused]] NSError* error) {
+    const auto argument = [error]<typename Argument>(std::type_identity<Argument>) -> Argument {
+        if constexpr (std::is_same_v<Argument, NSError*>) {
+            return error;
+        } else {
+            return Argument{};
+        }
+    };
+    return {argument(std::type_identity<Arguments>())...};
+}
+
+/// Makes the arguments of a reply from what a request answered. The first form takes arguments that
+/// the request has made itself.
+template<typename... Arguments>
+std::tuple<Arguments...> argumentsOf(std::tuple<Arguments...> arguments) {
+    return arguments;
+}
+template<typename Error>
+std::tuple<Error> argumentsOf(const Outcome<void>& outcome) {
+    return {outcome ? nil : toFSKit(outcome.error())};
+}
+template<typename Value, typename Error, typename Answer>
+std::tuple<Value, Error> argumentsOf(const Outcome<Answer>& outcome) {
+    if (!outcome) {
+        return failure<Value, Error>(toFSKit(outcome.error()));
+    }
+    if constexpr (std::is_convertible_v<const Answer&, Value>) {
+        return {*outcome, nil};
     } else {
-        return Argument{};
+        return {toFSKit(*outcome), nil};
     }
 }
 
-/// A reply block, to be called like a function. The first call runs it; later ones are dropped.
-template<typename... Arguments>
-class Reply {
-  public:
-    explicit Reply(void (^block)(Arguments...)) : block_(block) {}
-    Reply(const Reply&) = delete;
-    Reply& operator=(const Reply&) = delete;
+/// The same for a block of other arguments: `success` makes them from the value.
+template<typename... Arguments, typename Answer, typename Success>
+std::tuple<Arguments...> argumentsOf(const Outcome<Answer>& outcome, const Success& success) {
+    return outcome ? success(*outcome) : failure<Arguments...>(toFSKit(outcome.error()));
+}
 
-    void operator()(std::type_identity_t<Arguments>... arguments) {
-        if (std::exchange(answered_, true)) {
-            log().error("a request was answered twice; the second answer is dropped");
-            return;
-        }
-        block_(arguments...);
-    }
-
-    /// Answers with an error, unless there was an answer already.
-    void fail(std::int32_t code) {
-        if (!answered_) {
-            (*this)(failedArgument<Arguments>(code)...);
-        }
-    }
-
-  private:
-    void (^block_)(Arguments...);
-    bool answered_ = false;
-};
-
-/// Runs `request` with the Reply it is to answer through. A C++ exception ends here and becomes the
-/// request's error: beyond, it would end the extension with the volume mounted. So does a missing
-/// answer, for which FSKit would leave the process that asked stuck in the kernel.
+/// Runs `request`, which answers an Outcome or the arguments, and replies. A C++ exception ends
+/// here and becomes the request's error: beyond, it would end the extension with the volume
+/// mounted.
 template<typename... Arguments, typename Request>
 void serve(void (^block)(Arguments...), const Request& request) noexcept {
-    Reply<Arguments...> reply(block);
-    std::int32_t code = kEIO;
+    std::tuple<Arguments...> arguments;
+    std::int32_t code = 0;
     try {
-        request(reply);
+        arguments = argumentsOf<Arguments...>(request());
     } catch (const std::bad_alloc&) {
         code = kENOMEM;
     } catch (const std::exception& error) {
         log().error(std::string("a request failed unexpectedly: ") + error.what());
+        code = kEIO;
     } catch (...) {
         log().error("a request failed unexpectedly");
+        code = kEIO;
     }
-    reply.fail(code);
-}
-
-// What answers a reply of the common shapes, as the front end's reply handlers.
-
-inline auto answerWith(Reply<NSError*>& reply) {
-    return [&reply](const fskit::MaybeError& error) { reply(toFSKit(error)); };
-}
-
-inline auto answerWith(Reply<std::size_t, NSError*>& reply) {
-    return [&reply](std::size_t count, const fskit::MaybeError& error) {
-        reply(count, toFSKit(error));
-    };
-}
-
-/// For replies of one object and an error: the object is nil when there is an error.
-template<typename Object>
-auto answerWith(Reply<Object*, NSError*>& reply) {
-    return [&reply](const auto& value, const fskit::MaybeError& error) {
-        reply(error ? nil : toFSKit(value), toFSKit(error));
-    };
+    if (code != 0) {
+        arguments = failure<Arguments...>(fs_errorForPOSIXError(code));
+    }
+    std::apply(block, arguments);
 }
 
 } // namespace tavelin

@@ -4,14 +4,12 @@
 
 #include <utility>
 
-using tavelin::answerWith;
+using tavelin::argumentsOf;
 using tavelin::serve;
 using tavelin::toCore;
 using tavelin::toFSKit;
 
 namespace {
-
-using fskit::MaybeError;
 
 /// The front end's packer over FSKit's, for the length of one request.
 class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
@@ -34,6 +32,17 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
   private:
     const tavelin::Strong<::FSDirectoryEntryPacker *> packer_;
 };
+
+/// What lookups and creations reply.
+using NamedItem = std::tuple<FSItem *, FSFileName *, NSError *>;
+
+NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
+                  tavelin::HandedItems &handed) {
+    return argumentsOf<FSItem *, FSFileName *, NSError *>(
+        made, [&](const fskit::FSCreateItemResult &result) {
+            return NamedItem(handed.handOut(result.newItem), toFSKit(result.newItemName), nil);
+        });
+}
 
 } // namespace
 
@@ -107,43 +116,40 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
 
 - (void)activateWithOptions:(FSTaskOptions *)options
                replyHandler:(void (^)(FSItem *rootItem, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->activate(toCore(options),
-                          [&](const fskit::FSItemRef &root, const MaybeError &error) {
-                              if (error) {
-                                  answer(nil, toFSKit(error));
-                                  return;
-                              }
-                              _fileSystem.get().containerStatus = [FSContainerStatus active];
-                              answer(_handed->found(root), nil);
-                          });
+    serve(reply, [&] {
+        return argumentsOf<FSItem *, NSError *>(
+            _volume->activate(toCore(options)),
+            [&](const fskit::FSItemRef &root) -> std::tuple<FSItem *, NSError *> {
+                _fileSystem.get().containerStatus = [FSContainerStatus active];
+                return {_handed->handOut(root), nil};
+            });
     });
 }
 
 - (void)deactivateWithOptions:(FSDeactivateOptions)options
                  replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->deactivate(options, [&](const MaybeError &error) {
-            if (!error) {
-                _fileSystem.get().containerStatus = [FSContainerStatus ready];
-            }
-            answer(toFSKit(error));
-        });
+    serve(reply, [&] {
+        auto deactivated = _volume->deactivate(options);
+        if (deactivated) {
+            _fileSystem.get().containerStatus = [FSContainerStatus ready];
+        }
+        return deactivated;
     });
 }
 
 - (void)mountWithOptions:(FSTaskOptions *)options replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) { _volume->mount(toCore(options), answerWith(answer)); });
+    serve(reply, [&] { return _volume->mount(toCore(options)); });
 }
 
 - (void)unmountWithReplyHandler:(void (^)(void))reply {
-    serve(reply, [&](auto &answer) { _volume->unmount([&] { answer(); }); });
+    serve(reply, [&] {
+        _volume->unmount();
+        return std::tuple<>();
+    });
 }
 
 - (void)synchronizeWithFlags:(FSSyncFlags)flags replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->synchronize(static_cast<fskit::FSSyncFlags>(flags), answerWith(answer));
-    });
+    serve(reply, [&] { return _volume->synchronize(static_cast<fskit::FSSyncFlags>(flags)); });
 }
 
 // Items
@@ -151,66 +157,61 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
 - (void)lookupItemNamed:(FSFileName *)name
             inDirectory:(FSItem *)directory
            replyHandler:(void (^)(FSItem *item, FSFileName *itemName, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->lookupItem(toCore(name), toCore(directory),
-                            [&](const fskit::FSItemRef &item, const fskit::FSFileName &itemName,
-                                const MaybeError &error) {
-                                if (error) {
-                                    answer(nil, nil, toFSKit(error));
-                                } else {
-                                    answer(_handed->found(item), toFSKit(itemName), nil);
-                                }
-                            });
+    serve(reply, [&] {
+        return argumentsOf<FSItem *, FSFileName *, NSError *>(
+            _volume->lookupItem(toCore(name), toCore(directory)),
+            [&](const fskit::FSLookupItemResult &result) {
+                return NamedItem(_handed->handOut(result.foundItem), toFSKit(result.itemName), nil);
+            });
     });
 }
 
 - (void)reclaimItem:(FSItem *)item replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) { _handed->reclaim(item, answerWith(answer)); });
+    serve(reply, [&] {
+        _handed->reclaim(item);
+        return tavelin::Outcome<void>();
+    });
 }
 
 - (void)getAttributes:(FSItemGetAttributesRequest *)desiredAttributes
                ofItem:(FSItem *)item
          replyHandler:(void (^)(FSItemAttributes *attributes, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->getAttributes(toCore(desiredAttributes), toCore(item), answerWith(answer));
-    });
+    serve(reply, [&] { return _volume->getAttributes(toCore(desiredAttributes), toCore(item)); });
 }
 
 - (void)setAttributes:(FSItemSetAttributesRequest *)newAttributes
                onItem:(FSItem *)item
          replyHandler:(void (^)(FSItemAttributes *attributes, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
+    serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        _volume->setAttributes(
-            request, toCore(item),
-            [&](const std::optional<fskit::FSItemAttributes> &attributes, const MaybeError &error) {
-                newAttributes.consumedAttributes =
-                    static_cast<FSItemAttribute>(request.consumedAttributes);
-                answer(error ? nil : toFSKit(attributes), toFSKit(error));
-            });
+        auto attributes = _volume->setAttributes(request, toCore(item));
+        newAttributes.consumedAttributes = static_cast<FSItemAttribute>(request.consumedAttributes);
+        return attributes;
     });
 }
 
 - (void)readSymbolicLink:(FSItem *)item
             replyHandler:(void (^)(FSFileName *contents, NSError *error))reply {
-    serve(reply,
-          [&](auto &answer) { _volume->readSymbolicLink(toCore(item), answerWith(answer)); });
+    serve(reply, [&] { return _volume->readSymbolicLink(toCore(item)); });
 }
 
+// A failed page leaves the caller with the verifier that it has.
 - (void)enumerateDirectory:(FSItem *)directory
           startingAtCookie:(FSDirectoryCookie)cookie
                   verifier:(FSDirectoryVerifier)verifier
        providingAttributes:(FSItemGetAttributesRequest *)attributes
                usingPacker:(FSDirectoryEntryPacker *)packer
               replyHandler:(void (^)(FSDirectoryVerifier currentVerifier, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
+    serve(reply, [&]() -> std::tuple<FSDirectoryVerifier, NSError *> {
         PackerAdapter adapter(packer);
         const fskit::FSItemGetAttributesRequest wanted = toCore(attributes);
-        _volume->enumerateDirectory(
-            toCore(directory), cookie, verifier, attributes != nil ? &wanted : nullptr, adapter,
-            [&](fskit::FSDirectoryVerifier current, const MaybeError &error) {
-                answer(current, toFSKit(error));
-            });
+        const auto current =
+            _volume->enumerateDirectory(toCore(directory), cookie, verifier,
+                                        attributes != nil ? &wanted : nullptr, adapter);
+        if (!current) {
+            return {verifier, toFSKit(current.error())};
+        }
+        return {*current, nil};
     });
 }
 
@@ -221,20 +222,12 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
             inDirectory:(FSItem *)directory
              attributes:(FSItemSetAttributesRequest *)newAttributes
            replyHandler:(void (^)(FSItem *newItem, FSFileName *newItemName, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
+    serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        _volume->createItem(toCore(name), static_cast<fskit::FSItemType>(type), toCore(directory),
-                            request,
-                            [&](const fskit::FSItemRef &item, const fskit::FSFileName &itemName,
-                                const MaybeError &error) {
-                                newAttributes.consumedAttributes =
-                                    static_cast<FSItemAttribute>(request.consumedAttributes);
-                                if (error) {
-                                    answer(nil, nil, toFSKit(error));
-                                } else {
-                                    answer(_handed->created(item), toFSKit(itemName), nil);
-                                }
-                            });
+        const auto made = _volume->createItem(toCore(name), static_cast<fskit::FSItemType>(type),
+                                              toCore(directory), request);
+        newAttributes.consumedAttributes = static_cast<FSItemAttribute>(request.consumedAttributes);
+        return newItem(made, *_handed);
     });
 }
 
@@ -244,18 +237,11 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
                    linkContents:(FSFileName *)contents
                    replyHandler:
                        (void (^)(FSItem *newItem, FSFileName *newItemName, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
+    serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        _volume->createSymbolicLink(toCore(name), toCore(directory), request, toCore(contents),
-                                    [&](const fskit::FSItemRef &item,
-                                        const fskit::FSFileName &itemName,
-                                        const MaybeError &error) {
-                                        if (error) {
-                                            answer(nil, nil, toFSKit(error));
-                                        } else {
-                                            answer(_handed->created(item), toFSKit(itemName), nil);
-                                        }
-                                    });
+        return newItem(_volume->createSymbolicLink(toCore(name), toCore(directory), request,
+                                                   toCore(contents)),
+                       *_handed);
     });
 }
 
@@ -263,24 +249,16 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
                    named:(FSFileName *)name
              inDirectory:(FSItem *)directory
             replyHandler:(void (^)(FSFileName *linkName, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->createLink(toCore(item), toCore(name), toCore(directory), answerWith(answer));
-    });
+    serve(reply,
+          [&] { return _volume->createLink(toCore(item), toCore(name), toCore(directory)); });
 }
 
 - (void)removeItem:(FSItem *)item
              named:(FSFileName *)name
      fromDirectory:(FSItem *)directory
       replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->removeItem(toCore(item), toCore(name), toCore(directory),
-                            [&](const MaybeError &error) {
-                                if (!error) {
-                                    _handed->removed(item);
-                                }
-                                answer(toFSKit(error));
-                            });
-    });
+    serve(reply,
+          [&] { return _volume->removeItem(toCore(item), toCore(name), toCore(directory)); });
 }
 
 - (void)renameItem:(FSItem *)item
@@ -290,10 +268,10 @@ class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
        inDirectory:(FSItem *)destinationDirectory
           overItem:(FSItem *)overItem
       replyHandler:(void (^)(FSFileName *newName, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
-                            toCore(destinationName), toCore(destinationDirectory), toCore(overItem),
-                            answerWith(answer));
+    serve(reply, [&] {
+        return _volume->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
+                                   toCore(destinationName), toCore(destinationDirectory),
+                                   toCore(overItem));
     });
 }
 

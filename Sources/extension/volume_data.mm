@@ -2,7 +2,6 @@
 
 #include "extension/reply.hpp"
 
-using tavelin::answerWith;
 using tavelin::serve;
 using tavelin::toCore;
 
@@ -13,11 +12,11 @@ using tavelin::toCore;
               length:(size_t)length
           intoBuffer:(FSMutableFileDataBuffer *)buffer
         replyHandler:(void (^)(size_t actuallyRead, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
+    serve(reply, [&] {
         // The memory is FSKit's own and shared with the kernel: nothing is copied here.
         fskit::FSMutableFileDataBuffer memory(
             {static_cast<std::byte *>([buffer mutableBytes]), buffer.length});
-        _volume->read(toCore(item), offset, length, memory, answerWith(answer));
+        return _volume->read(toCore(item), offset, length, memory);
     });
 }
 
@@ -25,9 +24,8 @@ using tavelin::toCore;
                toFile:(FSItem *)item
              atOffset:(off_t)offset
          replyHandler:(void (^)(size_t actuallyWritten, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->write(tavelin::bytesOf(contents), toCore(item), offset, answerWith(answer));
-    });
+    serve(reply,
+          [&] { return _volume->write(tavelin::bytesOf(contents), toCore(item), offset); });
 }
 
 - (BOOL)isOpenCloseInhibited {
@@ -41,14 +39,16 @@ using tavelin::toCore;
 - (void)openItem:(FSItem *)item
        withModes:(FSVolumeOpenModes)modes
     replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) { _volume->openItem(toCore(item), modes, answerWith(answer)); });
+    serve(reply, [&] { return _volume->openItem(toCore(item), modes); });
 }
 
 - (void)closeItem:(FSItem *)item
      keepingModes:(FSVolumeOpenModes)modes
      replyHandler:(void (^)(NSError *error))reply {
-    serve(reply,
-          [&](auto &answer) { _volume->closeItem(toCore(item), modes, answerWith(answer)); });
+    serve(reply, [&] {
+        _volume->closeItem(toCore(item), modes);
+        return tavelin::Outcome<void>();
+    });
 }
 
 @end

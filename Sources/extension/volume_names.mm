@@ -3,7 +3,6 @@
 
 #include "extension/reply.hpp"
 
-using tavelin::answerWith;
 using tavelin::serve;
 using tavelin::toCore;
 using tavelin::toFSKit;
@@ -12,22 +11,19 @@ using tavelin::toFSKit;
 
 - (void)setVolumeName:(FSFileName *)name
          replyHandler:(void (^)(FSFileName *newName, NSError *error))reply {
-    serve(reply, [&](auto &answer) {
-        _volume->setVolumeName(toCore(name), [&](const std::optional<fskit::FSFileName> &newName,
-                                                 const fskit::MaybeError &error) {
-            if (!error) {
-                self.name = toFSKit(newName);
-            }
-            answer(error ? nil : toFSKit(newName), toFSKit(error));
-        });
+    serve(reply, [&] {
+        auto renamed = _volume->setVolumeName(toCore(name));
+        if (renamed) {
+            self.name = toFSKit(*renamed);
+        }
+        return renamed;
     });
 }
 
 - (void)getXattrNamed:(FSFileName *)name
                ofItem:(FSItem *)item
          replyHandler:(void (^)(NSData *value, NSError *error))reply {
-    serve(reply,
-          [&](auto &answer) { _volume->getXattr(toCore(name), toCore(item), answerWith(answer)); });
+    serve(reply, [&] { return _volume->getXattr(toCore(name), toCore(item)); });
 }
 
 - (void)setXattrNamed:(FSFileName *)name
@@ -35,19 +31,19 @@ using tavelin::toFSKit;
                onItem:(FSItem *)item
                policy:(FSSetXattrPolicy)policy
          replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&](auto &answer) {
+    serve(reply, [&] {
         std::optional<std::span<const std::byte>> bytes;
         if (value != nil) {
             bytes = tavelin::bytesOf(value);
         }
-        _volume->setXattr(toCore(name), bytes, toCore(item),
-                          static_cast<fskit::FSSetXattrPolicy>(policy), answerWith(answer));
+        return _volume->setXattr(toCore(name), bytes, toCore(item),
+                                 static_cast<fskit::FSSetXattrPolicy>(policy));
     });
 }
 
 - (void)listXattrsOfItem:(FSItem *)item
             replyHandler:(void (^)(NSArray<FSFileName *> *value, NSError *error))reply {
-    serve(reply, [&](auto &answer) { _volume->listXattrs(toCore(item), answerWith(answer)); });
+    serve(reply, [&] { return _volume->listXattrs(toCore(item)); });
 }
 
 @end

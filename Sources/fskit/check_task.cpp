@@ -9,6 +9,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <optional>
+
 namespace tavelin {
 
 namespace {
@@ -25,29 +27,34 @@ std::string_view modeName(Driver2::CheckMode mode) noexcept {
     return "repair";
 }
 
-Driver2::CheckMode parsedMode(const fskit::FSTaskOptions& options) {
+/// Absent when the arguments are not understood, which is reported here.
+std::optional<Driver2::CheckMode> parsedMode(const fskit::FSTaskOptions& options) {
     try {
         return Driver2::checkMode(options.taskOptions);
     } catch (const NTFSError& error) {
         events().event("check",
                        Fields{{"options", fmt::format("{}", fmt::join(options.taskOptions, " "))},
                               {"errno", error.code}});
-        throw fskit::fs_errorForPOSIXError(error.code);
+        return std::nullopt;
     }
 }
 
 } // namespace
 
-std::shared_ptr<fskit::NSProgress>
+Outcome<std::shared_ptr<fskit::NSProgress>>
 TavelinFileSystem::startCheck(const std::shared_ptr<fskit::FSTask>& task,
                               const fskit::FSTaskOptions& options) {
-    const Driver2::CheckMode mode = parsedMode(options);
+    const std::optional<Driver2::CheckMode> parsed = parsedMode(options);
+    if (!parsed) {
+        return fskit::fs_errorForPOSIXError(kEINVAL);
+    }
+    const Driver2::CheckMode mode = *parsed;
     const bool loaded = volume != nullptr;
     if (const auto refusal = Driver2::checkError(mode, loaded)) {
         log().info(fmt::format("check: mode={} -> errno {}", modeName(mode), *refusal));
         events().event("check",
                        Fields{{"mode", modeName(mode)}, {"errno", *refusal}, {"loaded", loaded}});
-        throw fskit::fs_errorForPOSIXError(*refusal);
+        return fskit::fs_errorForPOSIXError(*refusal);
     }
     events().event("check", Fields{{"mode", modeName(mode)}, {"errno", 0}});
     auto progress = std::make_shared<fskit::NSProgress>(1);
@@ -58,10 +65,10 @@ TavelinFileSystem::startCheck(const std::shared_ptr<fskit::FSTask>& task,
     return progress;
 }
 
-std::shared_ptr<fskit::NSProgress>
+Outcome<std::shared_ptr<fskit::NSProgress>>
 TavelinFileSystem::startFormat(const std::shared_ptr<fskit::FSTask>& /*task*/,
                                const fskit::FSTaskOptions& /*options*/) {
-    throw fskit::fs_errorForPOSIXError(kENOTSUP);
+    return fskit::fs_errorForPOSIXError(kENOTSUP);
 }
 
 } // namespace tavelin

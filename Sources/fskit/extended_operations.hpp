@@ -1,49 +1,61 @@
-/// Requests beside FSKit's, for hosts whose kernel asks for more at a time, or for other things.
+/// Requests that FSKit has no words for, for hosts in the same process.
 ///
-/// They follow the rules of the requests in fskit/api/volume.hpp: one reply each, on every path,
-/// and an item that is handed out is the host's until it reclaims it.
+/// They follow the rules of the requests in fskit/api/volume.hpp.
 #pragma once
 
+#include "core/values.hpp"
 #include "fskit/api/volume.hpp"
 
-#include <functional>
-#include <optional>
+#include <cstddef>
+#include <cstdint>
 
 namespace tavelin {
-
-struct DescribedItem {
-    fskit::FSItemRef item;
-    fskit::FSItemAttributes attributes;
-};
-
-/// With neither an item nor an error, there is none.
-using DescribedItemReply = std::function<void(std::optional<DescribedItem>, fskit::MaybeError)>;
 
 class ExtendedOperations {
   public:
     virtual ~ExtendedOperations() = default;
 
-    /// What a name stands for, with its attributes; no error when it stands for nothing.
-    virtual void lookupWithAttributes(const fskit::FSFileName& name,
-                                      const fskit::FSItemRef& directory,
-                                      const DescribedItemReply& reply) = 0;
+    // ---- Hand-outs -----------------------------------------------------------------------------
+    // Activate, lookup and create hand out an item once more each time they answer it. FSKit gives
+    // all of that back with one reclaim. A host that keeps one reference for each answer uses these
+    // instead, and no lookup can meet a reclaim half way.
+
+    /// One more hand-out of an item that the caller was handed. Takes no lock.
+    virtual void retain(const fskit::FSItemRef& item) noexcept = 0;
+    /// Gives one hand-out back; the last one reclaims the item.
+    virtual void release(const fskit::FSItemRef& item) noexcept = 0;
+    /// Reclaims everything that is handed out but the root, before the volume is deactivated. Items
+    /// may still be released, without effect.
+    virtual void reclaimAll() = 0;
+    /// Items handed out and not reclaimed, the root among them.
+    virtual std::size_t liveItems() const = 0;
+
+    // ---- Items ---------------------------------------------------------------------------------
+
     /// The item of an entry of a directory's listing, with its attributes.
-    virtual void attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory,
-                                   const DescribedItemReply& reply) = 0;
+    virtual Outcome<fskit::FSLookupItemResult>
+    attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) = 0;
     /// Gives a file a name of the host's own, beside those that users see: FSKit's hard links are
     /// refused, but a host keeps a file alive by this when its last name is taken by another.
-    virtual void linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                              const fskit::FSItemRef& directory,
-                              const fskit::ErrorReply& reply) = 0;
-    /// How many names a file has to lose. Its link count may be one more: a short alias counts, and
+    virtual Outcome<void> linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                                       const fskit::FSItemRef& directory) = 0;
+    /// How many names a file has to lose. Its link count may be one more: an 8.3 alias counts, and
     /// goes with the name it belongs to.
-    virtual void countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) = 0;
+    virtual Outcome<std::size_t> countNames(const fskit::FSItemRef& item) = 0;
     /// The size in bytes of an extended attribute, which is not read for it.
-    virtual void xattrSize(const fskit::FSFileName& name, const fskit::FSItemRef& item,
-                           const fskit::CountReply& reply) = 0;
-    /// Has the volume take at once the memory that it would take bit by bit, some 32 MiB: for a
-    /// host that will keep it mounted and wants first requests to be as fast as later ones.
-    virtual void prefaultCache(const fskit::ErrorReply& reply) = 0;
+    virtual Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
+                                           const fskit::FSItemRef& item) = 0;
+
+    // ---- The volume ----------------------------------------------------------------------------
+
+    /// Takes all memory of the page cache from the system at once, some 32 MiB: for a host that
+    /// keeps the volume mounted and wants first requests to be as fast as later ones.
+    virtual Outcome<void> prefaultCache() = 0;
+    virtual std::uint64_t serialNumber() const = 0;
+    /// The volume's label as it is stored: empty when it has none, unlike the volume's name.
+    virtual Outcome<std::string> label() = 0;
+    /// What the page cache and the device were used for since the load.
+    virtual Outcome<NTFSIOStats> ioStatistics() = 0;
 };
 
 } // namespace tavelin

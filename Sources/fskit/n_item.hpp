@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/driver2/directory_snapshot.hpp"
+#include "core/values.hpp"
 #include "fskit/api/item.hpp"
 
 #include <atomic>
@@ -10,20 +11,29 @@
 
 namespace tavelin {
 
-/// Made by TavelinVolume only, at most one live at a time for each inode number. Any thread may
-/// hold it; the host keeps it from the reply that handed it out until it reclaims it.
+/// Made by TavelinVolume only, at most one live at a time for each file. Any thread may hold it;
+/// the host keeps it from the answer that handed it out until it reclaims it.
+///
+/// An item is a file record *and* the record's sequence number, which NTFS raises whenever the
+/// record is used for another file. So an item whose file is gone never stands for the next file in
+/// its record: requests about it answer ESTALE.
 class NItem final : public fskit::FSItem {
   public:
-    NItem(std::uint64_t inode, std::uint64_t parentInode) noexcept
-        : ino(inode), parent(parentInode) {}
+    NItem(std::uint64_t fileReference, std::uint64_t parentInode) noexcept
+        : reference(fileReference), ino(recordNumber(fileReference)), parent(parentInode) {}
 
+    /// The NTFS file reference: the record number below, the sequence number in the upper 16 bits.
+    const std::uint64_t reference;
     const std::uint64_t ino; ///< NTFS file record number
-    /// Inode number of the directory through which the item was last reached.
+    /// Record number of the directory through which the item was last reached.
     std::atomic<std::uint64_t> parent;
 
   private:
     friend class TavelinVolume;
 
+    /// How often the item was handed out and not given back, see TavelinVolume::release(). Raised
+    /// from 0 and lowered to 0 under the volume's item lock only.
+    std::atomic<std::uint32_t> handedOut{0};
     /// A directory's listing while it is read in pages; guarded by the volume's item lock.
     std::shared_ptr<const Driver2::DirectorySnapshot> snapshot;
 };

@@ -9,7 +9,7 @@
 #include "diagnostics/error_tally.hpp"
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/log.hpp"
-#include "fskit/private/attempt.hpp"
+#include "fskit/private/request.hpp"
 #include "platform/checked.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/information_dictionary.hpp"
@@ -20,7 +20,7 @@
 #include <fmt/ranges.h>
 
 #include <chrono>
-#include <cmath>
+#include <utility>
 
 namespace tavelin {
 
@@ -28,8 +28,6 @@ namespace {
 
 constexpr double kFlushInterval = 1.0; // seconds
 constexpr std::size_t kErrorCharactersMax = 300;
-constexpr std::string_view kLoad = "loadResource(resource:options:replyHandler:)";
-constexpr std::string_view kUnload = "unloadResource(resource:options:replyHandler:)";
 
 std::string dictionaryText(std::string_view key) {
     return informationText(mainInformationDictionary(), {key}).value_or("");
@@ -185,15 +183,13 @@ const std::string& TavelinFileSystem::typeName() {
     return name;
 }
 
-void TavelinFileSystem::probeResource(const fskit::FSResourceRef& resource,
-                                      const fskit::ProbeReply& reply) {
-    fskit::FSProbeResult result = fskit::FSProbeResult::notRecognized();
+fskit::FSProbeResult TavelinFileSystem::probeResource(const fskit::FSResourceRef& resource) {
     try {
-        result = probed(resource);
+        return probed(resource);
     } catch (const std::exception&) {
         // No memory to look with: a probe answers what it knows, never an error.
+        return fskit::FSProbeResult::notRecognized();
     }
-    reply(std::move(result), std::nullopt);
 }
 
 std::shared_ptr<TavelinVolume>
@@ -225,28 +221,29 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
     }
 }
 
-void TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
-                                     const fskit::FSTaskOptions& options,
-                                     const fskit::VolumeReply& reply) {
+Outcome<std::shared_ptr<fskit::FSVolume>>
+TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
+                                const fskit::FSTaskOptions& options) {
     const auto disk = std::dynamic_pointer_cast<fskit::FSBlockDeviceResource>(resource);
     if (!disk) {
         events().event("load",
                        Fields{{"ok", false}, {"errno", kENODEV}, {"why", "not_block_device"}});
-        reply(nullptr, fskit::fs_errorForPOSIXError(kENODEV));
-        return;
+        return fskit::fs_errorForPOSIXError(kENODEV);
     }
-    auto made = attempt(kLoad, [&] { return loaded(disk, options); });
-    reply(std::move(made.value).value_or(nullptr), made.error);
+    return attempt<"loadResource">(
+        [&]() -> std::shared_ptr<fskit::FSVolume> { return loaded(disk, options); });
 }
 
-void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
-                                       const fskit::FSTaskOptions& /*options*/,
-                                       const fskit::ErrorReply& reply) {
-    const auto unloaded = attempt(kUnload, [&] {
+Outcome<void> TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
+                                                const fskit::FSTaskOptions& /*options*/) {
+    return attempt<"unloadResource">([&] {
+        // Forgotten before the answer: a load may follow as soon as the host has it.
+        const std::shared_ptr<TavelinVolume> unloaded = std::exchange(volume, nullptr);
+        const std::shared_ptr<JournaledDevice> journal = std::exchange(journal_, nullptr);
         try {
-            if (volume) {
-                volume->ntfs->unmount();
-                if (const std::int32_t error = journal_->close(); error != 0) {
+            if (unloaded) {
+                unloaded->ntfs->unmount();
+                if (const std::int32_t error = journal->close(); error != 0) {
                     throw NTFSError(fromHost(error));
                 }
             }
@@ -258,9 +255,6 @@ void TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
             throw;
         }
     });
-    reply(unloaded.error);
-    volume = nullptr;
-    journal_ = nullptr;
 }
 
 } // namespace tavelin

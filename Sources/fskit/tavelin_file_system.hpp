@@ -1,8 +1,7 @@
 /// The file-system module: probes resources, loads one volume, unloads it, and answers checks.
 ///
 /// Threads: requests may come on any thread, but the host does not overlap load, unload and check
-/// of one module. Replies are given before a request returns; a check's task is completed later, on
-/// the utility queue.
+/// of one module. A check's task is completed after the check has returned, on the utility queue.
 #pragma once
 
 #include "core/journal/journaled_device.hpp"
@@ -26,25 +25,25 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     [[nodiscard]] static const std::string& typeName();
 
     /// Usable under its label (else "NTFS") when there is an NTFS boot sector; never an error.
-    void probeResource(const fskit::FSResourceRef& resource,
-                       const fskit::ProbeReply& reply) override;
+    fskit::FSProbeResult probeResource(const fskit::FSResourceRef& resource) override;
     /// Mounts read-only when the options or the medium say so, or when the volume is hibernated,
     /// fast-started or write-protected; else read-write. kENODEV when the resource is no block
     /// device, otherwise what the volume's open answers. Loading over a loaded volume lets go of
     /// that one, which then unmounts when its last user does.
-    void loadResource(const fskit::FSResourceRef& resource, const fskit::FSTaskOptions& options,
-                      const fskit::VolumeReply& reply) override;
+    Outcome<std::shared_ptr<fskit::FSVolume>>
+    loadResource(const fskit::FSResourceRef& resource,
+                 const fskit::FSTaskOptions& options) override;
     /// Unmounts the volume, ends its journal, and forgets it, whatever the result.
-    void unloadResource(const fskit::FSResourceRef& resource, const fskit::FSTaskOptions& options,
-                        const fskit::ErrorReply& reply) override;
+    Outcome<void> unloadResource(const fskit::FSResourceRef& resource,
+                                 const fskit::FSTaskOptions& options) override;
 
     /// Quick and verifying checks of a loaded volume succeed without looking; kEINVAL for other
     /// arguments, kENXIO without a volume, kENOTSUP for a repair.
-    [[nodiscard]] std::shared_ptr<fskit::NSProgress>
+    Outcome<std::shared_ptr<fskit::NSProgress>>
     startCheck(const std::shared_ptr<fskit::FSTask>& task,
                const fskit::FSTaskOptions& options) override;
     /// Always kENOTSUP.
-    [[nodiscard]] std::shared_ptr<fskit::NSProgress>
+    Outcome<std::shared_ptr<fskit::NSProgress>>
     startFormat(const std::shared_ptr<fskit::FSTask>& task,
                 const fskit::FSTaskOptions& options) override;
 

@@ -1,19 +1,18 @@
 /// The volume that a host holds for one loaded NTFS volume: its requests, and the registry that
-/// gives each inode number one item.
+/// gives each file one item.
 ///
 /// Made by TavelinFileSystem's load around an open NTFSVolume; the host activates it, mounts it,
 /// sends requests, synchronises, unmounts, reclaims the items and deactivates it, and then unloads.
 ///
 /// Threads. Requests may come from any thread at any time. `items` guards the registry, the
-/// generation and every item's snapshot; it is never held across a call into the NTFSVolume, whose
-/// own lock serialises the volume. Replies are given before a request returns, on its thread, and
-/// never under a lock.
+/// generation and every item's snapshot. It is never held across a call into the NTFSVolume, whose
+/// own lock serialises the volume, and nothing that it is held for takes another lock. A host's own
+/// locks may be held around requests and so come before both.
 ///
-/// Errors are POSIX errors with macOS numbers. A request that takes an item and is given none
-/// answers kENOENT; failures of the volume (the table in core/ntfs_volume.hpp) are answered as they
-/// are and tallied under the request's bare name; a name that is empty or not UTF-8 is kEINVAL.
-/// An item that is not this module's own, a negative offset and an overflowing generation stop the
-/// process.
+/// Errors are POSIX errors with macOS numbers. A request that takes an item answers kENOENT when it
+/// is given none and kESTALE when the item's file is gone. A name that is empty or not UTF-8 is
+/// kEINVAL. An item that is not this module's own, a negative offset and an overflowing generation
+/// stop the process.
 #pragma once
 
 #include "core/driver2/directory_snapshot.hpp"
@@ -27,8 +26,12 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
+#include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace tavelin {
 
@@ -53,18 +56,15 @@ class TavelinVolume final : public fskit::FSVolume,
 
     // ---- Items ---------------------------------------------------------------------------------
 
-    /// The one item of an inode number, found or made, from now on reached through `parent`.
-    [[nodiscard]] std::shared_ptr<NItem> item(std::uint64_t ino, std::uint64_t parent)
+    /// The one item of a file, found or made, from now on reached through `parent`. It stays
+    /// registered until it is reclaimed, and is not counted as handed out.
+    [[nodiscard]] std::shared_ptr<NItem> item(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_EXCLUDES(items);
     /// The root directory's item, its own parent; it stays registered for the volume's life.
     [[nodiscard]] std::shared_ptr<NItem> root() TAVELIN_EXCLUDES(items);
     /// Notes a change of a directory's names: raises the generation and drops its listing.
     void changed(NItem& directory) TAVELIN_EXCLUDES(items);
 
-    /// The attributes of an item, every one that the volume knows, whatever is wanted. Throws
-    /// NTFSError. What getAttributes answers, without a reply handler: for hosts that want them
-    /// along with another request's answer.
-    [[nodiscard]] fskit::FSItemAttributes attributes(const NItem& item) const;
     /// Applies what is valid in the request, in a fixed order (size, times, flags, then mode, owner
     /// and group, which are accepted and ignored), and marks each as consumed once it is. Throws
     /// the first failure; what was applied before it stays.
@@ -85,84 +85,93 @@ class TavelinVolume final : public fskit::FSVolume,
         return ntfs->readOnly() ? fskit::FSMountOptionsReadOnly : 0;
     }
 
-    /// Answers the root item. "windows_names" among the options switches that rule on; nothing
-    /// switches it off again.
-    void activate(const fskit::FSTaskOptions& options, const fskit::ItemReply& reply) override;
-    void mount(const fskit::FSTaskOptions& options, const fskit::ErrorReply& reply) override;
-    void unmount(const std::function<void()>& reply) override;
+    /// "windows_names" among the options switches that rule on; nothing switches it off again.
+    Outcome<fskit::FSItemRef> activate(const fskit::FSTaskOptions& options) override;
+    Outcome<void> mount(const fskit::FSTaskOptions& options) override;
+    void unmount() override;
     /// Flushes unless the flags say not to wait.
-    void synchronize(fskit::FSSyncFlags flags, const fskit::ErrorReply& reply) override;
-    void deactivate(fskit::FSDeactivateOptions options, const fskit::ErrorReply& reply) override;
-    void setVolumeName(const fskit::FSFileName& name, const fskit::NameReply& reply) override;
+    Outcome<void> synchronize(fskit::FSSyncFlags flags) override;
+    Outcome<void> deactivate(fskit::FSDeactivateOptions options) override;
+    Outcome<fskit::FSFileName> setVolumeName(const fskit::FSFileName& name) override;
 
     // ---- Item requests -------------------------------------------------------------------------
 
-    void reclaimItem(const fskit::FSItemRef& item, const fskit::ErrorReply& reply) override;
+    /// The root stays registered.
+    void reclaimItem(const fskit::FSItemRef& item) override;
     [[nodiscard]] bool isOpenCloseInhibited() const override { return openCloseInhibited_; }
     void setOpenCloseInhibited(bool inhibited) override { openCloseInhibited_ = inhibited; }
-    void openItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes,
-                  const fskit::ErrorReply& reply) override;
-    /// The last close flushes the item, which is a flush of everything.
-    void closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes,
-                   const fskit::ErrorReply& reply) override;
+    Outcome<void> openItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
+    /// The last close flushes the item, which is a flush of everything. A failure is left to the
+    /// next synchronise.
+    void closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
 
-    void getAttributes(const fskit::FSItemGetAttributesRequest& desired,
-                       const fskit::FSItemRef& item, const fskit::AttributesReply& reply) override;
-    void setAttributes(fskit::FSItemSetAttributesRequest& changes, const fskit::FSItemRef& item,
-                       const fskit::AttributesReply& reply) override;
-    void lookupItem(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
-                    const fskit::NamedItemReply& reply) override;
-    void readSymbolicLink(const fskit::FSItemRef& item, const fskit::NameReply& reply) override;
+    /// Fills every attribute that the volume knows, whatever is desired.
+    Outcome<fskit::FSItemAttributes> getAttributes(const fskit::FSItemGetAttributesRequest& desired,
+                                                   const fskit::FSItemRef& item) override;
+    Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,
+                                                   const fskit::FSItemRef& item) override;
+    Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
+                                                  const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSFileName> readSymbolicLink(const fskit::FSItemRef& item) override;
     /// A listing goes on where it was: a stale verifier means a fresh listing from the same cookie
     /// on, never an error.
-    void enumerateDirectory(const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
-                            fskit::FSDirectoryVerifier verifier,
-                            const fskit::FSItemGetAttributesRequest* attributes,
-                            fskit::FSDirectoryEntryPacker& packer,
-                            const fskit::VerifierReply& reply) override;
-    void read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
-              fskit::FSMutableFileDataBuffer& buffer, const fskit::CountReply& reply) override;
-    void write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
-               std::int64_t offset, const fskit::CountReply& reply) override;
+    Outcome<fskit::FSDirectoryVerifier>
+    enumerateDirectory(const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
+                       fskit::FSDirectoryVerifier verifier,
+                       const fskit::FSItemGetAttributesRequest* attributes,
+                       fskit::FSDirectoryEntryPacker& packer) override;
+    Outcome<std::size_t> read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
+                              fskit::FSMutableFileDataBuffer& buffer) override;
+    Outcome<std::size_t> write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
+                               std::int64_t offset) override;
 
     /// Files and directories only (kENOTSUP). Attributes that cannot be applied do not undo it.
-    void createItem(const fskit::FSFileName& name, fskit::FSItemType type,
-                    const fskit::FSItemRef& directory,
-                    fskit::FSItemSetAttributesRequest& attributes,
-                    const fskit::NamedItemReply& reply) override;
+    Outcome<fskit::FSCreateItemResult>
+    createItem(const fskit::FSFileName& name, fskit::FSItemType type,
+               const fskit::FSItemRef& directory,
+               fskit::FSItemSetAttributesRequest& attributes) override;
     /// The attributes are ignored.
-    void createSymbolicLink(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
-                            fskit::FSItemSetAttributesRequest& attributes,
-                            const fskit::FSFileName& linkContents,
-                            const fskit::NamedItemReply& reply) override;
+    Outcome<fskit::FSCreateItemResult>
+    createSymbolicLink(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
+                       fskit::FSItemSetAttributesRequest& attributes,
+                       const fskit::FSFileName& linkContents) override;
     /// Always kENOTSUP: hard links are never made.
-    void createLink(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                    const fskit::FSItemRef& directory, const fskit::NameReply& reply) override;
-    void removeItem(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                    const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) override;
-    void renameItem(const fskit::FSItemRef& item, const fskit::FSItemRef& sourceDirectory,
-                    const fskit::FSFileName& sourceName, const fskit::FSFileName& destinationName,
-                    const fskit::FSItemRef& destinationDirectory, const fskit::FSItemRef& overItem,
-                    const fskit::NameReply& reply) override;
+    Outcome<fskit::FSFileName> createLink(const fskit::FSItemRef& item,
+                                          const fskit::FSFileName& name,
+                                          const fskit::FSItemRef& directory) override;
+    Outcome<void> removeItem(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                             const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSFileName> renameItem(const fskit::FSItemRef& item,
+                                          const fskit::FSItemRef& sourceDirectory,
+                                          const fskit::FSFileName& sourceName,
+                                          const fskit::FSFileName& destinationName,
+                                          const fskit::FSItemRef& destinationDirectory,
+                                          const fskit::FSItemRef& overItem) override;
 
-    void getXattr(const fskit::FSFileName& name, const fskit::FSItemRef& item,
-                  const fskit::DataReply& reply) override;
-    void setXattr(const fskit::FSFileName& name,
-                  const std::optional<std::span<const std::byte>>& value,
-                  const fskit::FSItemRef& item, fskit::FSSetXattrPolicy policy,
-                  const fskit::ErrorReply& reply) override;
-    void listXattrs(const fskit::FSItemRef& item, const fskit::NamesReply& reply) override;
+    Outcome<std::vector<std::byte>> getXattr(const fskit::FSFileName& name,
+                                             const fskit::FSItemRef& item) override;
+    Outcome<void> setXattr(const fskit::FSFileName& name,
+                           const std::optional<std::span<const std::byte>>& value,
+                           const fskit::FSItemRef& item, fskit::FSSetXattrPolicy policy) override;
+    Outcome<std::vector<fskit::FSFileName>> listXattrs(const fskit::FSItemRef& item) override;
 
-    void lookupWithAttributes(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
-                              const DescribedItemReply& reply) override;
-    void attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory,
-                           const DescribedItemReply& reply) override;
-    void linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                      const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) override;
-    void countNames(const fskit::FSItemRef& item, const fskit::CountReply& reply) override;
-    void xattrSize(const fskit::FSFileName& name, const fskit::FSItemRef& item,
-                   const fskit::CountReply& reply) override;
-    void prefaultCache(const fskit::ErrorReply& reply) override;
+    // ---- Requests beside FSKit's ---------------------------------------------------------------
+
+    void retain(const fskit::FSItemRef& item) noexcept override;
+    void release(const fskit::FSItemRef& item) noexcept override TAVELIN_EXCLUDES(items);
+    void reclaimAll() override TAVELIN_EXCLUDES(items);
+    [[nodiscard]] std::size_t liveItems() const override TAVELIN_EXCLUDES(items);
+    Outcome<fskit::FSLookupItemResult>
+    attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) override;
+    Outcome<void> linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                               const fskit::FSItemRef& directory) override;
+    Outcome<std::size_t> countNames(const fskit::FSItemRef& item) override;
+    Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
+                                   const fskit::FSItemRef& item) override;
+    Outcome<void> prefaultCache() override;
+    [[nodiscard]] std::uint64_t serialNumber() const override { return ntfs->serial(); }
+    Outcome<std::string> label() override;
+    Outcome<NTFSIOStats> ioStatistics() override;
 
     /// Never held across a call into `ntfs`.
     mutable Mutex items;
@@ -170,25 +179,29 @@ class TavelinVolume final : public fskit::FSVolume,
   private:
     using Snapshot = std::shared_ptr<const Driver2::DirectorySnapshot>;
 
-    static bool isNull(const fskit::FSItemRef& item) noexcept { return item == nullptr; }
-    /// The same object as an NItem; any other item stops the process.
+    /// The same object as an NItem. Throws MissingItem for none; an item of another file system
+    /// stops the process.
     static NItem& n(const fskit::FSItemRef& item);
     /// The text of a name; throws NTFSError kEINVAL when it has none.
     static std::string_view name(const fskit::FSFileName& name);
-    /// What a request that takes an item answers when it is given none.
-    static fskit::Error missingItem();
 
-    const std::shared_ptr<NItem>& itemLocked(std::uint64_t ino, std::uint64_t parent)
+    const std::shared_ptr<NItem>& itemLocked(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_REQUIRES(items);
-    /// item() for each of the entries, under one lock and without giving the items to anybody.
-    void enter(std::span<const NTFSDirEntry> entries, std::uint64_t parent) TAVELIN_EXCLUDES(items);
-    /// Fills in the attributes of an item that is reached through `parent`.
-    void describe(std::uint64_t ino, std::uint64_t parent, fskit::FSItemAttributes& result) const;
+    /// item(), and counts that it is handed out.
+    std::shared_ptr<NItem> handOut(std::uint64_t reference, std::uint64_t parent)
+        TAVELIN_EXCLUDES(items);
+    /// Fills in the attributes of an item that is reached through `parent`, a record number.
     void describe(const NTFSAttributes& record, std::uint64_t parent,
                   fskit::FSItemAttributes& result) const;
-    DescribedItem described(const NTFSAttributes& record, std::uint64_t parent);
-    /// Takes the entry of this very object out of the registry, if it is there.
-    void forget(const NItem& item) TAVELIN_EXCLUDES(items);
+    fskit::FSLookupItemResult found(const NTFSAttributes& record, std::uint64_t parent,
+                                    const fskit::FSFileName& name);
+    fskit::FSCreateItemResult created(const NTFSAttributes& record, NItem& parent,
+                                      const fskit::FSFileName& name);
+    /// Applies the attributes that an item is made with, as far as that goes.
+    void applyToNew(fskit::FSItemSetAttributesRequest& request, fskit::FSCreateItemResult& fresh);
+    /// Takes this very object out of the registry, if it is there, and answers what is left to be
+    /// freed once the lock is released.
+    std::shared_ptr<NItem> takeOut(const NItem& item) TAVELIN_REQUIRES(items);
     /// The listing to serve a page from, taken afresh when the one kept does not fit.
     Snapshot listing(NItem& directory, fskit::FSDirectoryCookie cookie,
                      fskit::FSDirectoryVerifier verifier) TAVELIN_EXCLUDES(items);
@@ -196,6 +209,7 @@ class TavelinVolume final : public fskit::FSVolume,
                      const NItem& directory, bool withAttributes,
                      fskit::FSDirectoryEntryPacker& packer);
 
+    /// By record number: a record has one file at a time.
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);
     std::uint64_t generation_ TAVELIN_GUARDED_BY(items) = 1;
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);

@@ -1,8 +1,7 @@
 // Reading and changing an item's attributes.
 #include "core/driver2/item_identity.hpp"
-#include "fskit/private/attempt.hpp"
-#include "fskit/private/count_request.hpp"
 #include "fskit/private/item_type.hpp"
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 
 namespace tavelin {
@@ -18,17 +17,6 @@ std::optional<std::timespec> wanted(const fskit::FSItemAttributes& request,
 }
 
 } // namespace
-
-fskit::FSItemAttributes TavelinVolume::attributes(const NItem& item) const {
-    fskit::FSItemAttributes result;
-    describe(item.ino, item.parent, result);
-    return result;
-}
-
-void TavelinVolume::describe(std::uint64_t ino, std::uint64_t parent,
-                             fskit::FSItemAttributes& result) const {
-    describe(ntfs->attributes(ino), parent, result);
-}
 
 void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
                              fskit::FSItemAttributes& result) const {
@@ -64,58 +52,60 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
 void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NItem& item) {
     namespace Bit = fskit::FSItemAttribute;
     if (request.isValid(Bit::size)) {
-        ntfs->truncate(item.ino, request.size());
+        ntfs->truncate(item.reference, request.size());
         request.consumedAttributes |= Bit::size;
     }
     constexpr fskit::FSItemAttributeSet kTimes =
         Bit::accessTime | Bit::modifyTime | Bit::changeTime | Bit::birthTime;
     if ((request.validAttributes() & kTimes) != 0) {
-        ntfs->setTimes(item.ino, wanted(request, Bit::accessTime, request.accessTime()),
+        ntfs->setTimes(item.reference, wanted(request, Bit::accessTime, request.accessTime()),
                        wanted(request, Bit::modifyTime, request.modifyTime()),
                        wanted(request, Bit::changeTime, request.changeTime()),
                        wanted(request, Bit::birthTime, request.birthTime()));
         request.consumedAttributes |= request.validAttributes() & kTimes;
     }
     if (request.isValid(Bit::flags)) {
-        ntfs->setHidden(item.ino, (request.flags() & kHiddenFlag) != 0);
+        ntfs->setHidden(item.reference, (request.flags() & kHiddenFlag) != 0);
         request.consumedAttributes |= Bit::flags;
     }
     // Permissions and ownership are accepted and ignored: NTFS has none that a host could set.
     request.consumedAttributes |= request.validAttributes() & (Bit::mode | Bit::uid | Bit::gid);
 }
 
-void TavelinVolume::getAttributes(const fskit::FSItemGetAttributesRequest& /*desired*/,
-                                  const fskit::FSItemRef& item,
-                                  const fskit::AttributesReply& reply) {
-    countRequest<"getAttributes">();
-    if (isNull(item)) {
-        reply(std::nullopt, missingItem());
-        return;
-    }
-    std::optional<fskit::FSItemAttributes> found(std::in_place);
-    const auto read = attempt("getAttributes(_:of:replyHandler:)", [&] {
+Outcome<fskit::FSItemAttributes>
+TavelinVolume::getAttributes(const fskit::FSItemGetAttributesRequest& /*desired*/,
+                             const fskit::FSItemRef& item) {
+    return request<"getAttributes">([&] {
         const NItem& own = n(item);
-        describe(own.ino, own.parent, *found);
+        fskit::FSItemAttributes result;
+        describe(ntfs->attributes(own.reference), own.parent, result);
+        return result;
     });
-    if (!read) {
-        found.reset();
-    }
-    reply(found, read.error);
 }
 
-void TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
-                                  const fskit::FSItemRef& item,
-                                  const fskit::AttributesReply& reply) {
-    countRequest<"setAttributes">();
-    if (isNull(item)) {
-        reply(std::nullopt, missingItem());
-        return;
-    }
-    auto read = attempt("setAttributes(_:on:replyHandler:)", [&] {
-        apply(changes, n(item));
-        return attributes(n(item));
+Outcome<fskit::FSItemAttributes>
+TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
+                             const fskit::FSItemRef& item) {
+    return request<"setAttributes">([&] {
+        const NItem& own = n(item);
+        apply(changes, own);
+        fskit::FSItemAttributes result;
+        describe(ntfs->attributes(own.reference), own.parent, result);
+        return result;
     });
-    reply(read.value, read.error);
+}
+
+Outcome<fskit::FSLookupItemResult>
+TavelinVolume::attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) {
+    return request<"getAttributes">([&] {
+        const NItem& parent = n(directory);
+        return found(ntfs->attributes(Driver2::ino(entry)), parent.ino, fskit::FSFileName());
+    });
+}
+
+Outcome<std::size_t> TavelinVolume::countNames(const fskit::FSItemRef& item) {
+    return request<"getAttributes">(
+        [&] { return std::size_t{ntfs->countNames(n(item).reference)}; });
 }
 
 } // namespace tavelin

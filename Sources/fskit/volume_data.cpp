@@ -1,6 +1,5 @@
 // File contents and link targets. Reads and writes are not counted: they are too many.
-#include "fskit/private/attempt.hpp"
-#include "fskit/private/count_request.hpp"
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
 
@@ -19,40 +18,24 @@ std::uint64_t unsignedOffset(std::int64_t offset) {
 
 } // namespace
 
-void TavelinVolume::read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
-                         fskit::FSMutableFileDataBuffer& buffer, const fskit::CountReply& reply) {
-    if (isNull(item)) {
-        reply(0, missingItem());
-        return;
-    }
-    const auto count = attempt("read(from:at:length:into:replyHandler:)", [&] {
-        return ntfs->read(n(item).ino, unsignedOffset(offset), buffer.mutableBytes(),
+Outcome<std::size_t> TavelinVolume::read(const fskit::FSItemRef& item, std::int64_t offset,
+                                         std::size_t length,
+                                         fskit::FSMutableFileDataBuffer& buffer) {
+    return attempt<"read">([&] {
+        return ntfs->read(n(item).reference, unsignedOffset(offset), buffer.mutableBytes(),
                           std::min(length, buffer.length()));
     });
-    reply(count.value.value_or(0), count.error);
 }
 
-void TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
-                          std::int64_t offset, const fskit::CountReply& reply) {
-    if (isNull(item)) {
-        reply(0, missingItem());
-        return;
-    }
-    const auto count = attempt("write(contents:to:at:replyHandler:)", [&] {
-        return ntfs->write(n(item).ino, unsignedOffset(offset), contents);
-    });
-    reply(count.value.value_or(0), count.error);
+Outcome<std::size_t> TavelinVolume::write(std::span<const std::byte> contents,
+                                          const fskit::FSItemRef& item, std::int64_t offset) {
+    return attempt<"write">(
+        [&] { return ntfs->write(n(item).reference, unsignedOffset(offset), contents); });
 }
 
-void TavelinVolume::readSymbolicLink(const fskit::FSItemRef& item, const fskit::NameReply& reply) {
-    countRequest<"readSymbolicLink">();
-    if (isNull(item)) {
-        reply(std::nullopt, missingItem());
-        return;
-    }
-    const auto target = attempt("readSymbolicLink(_:replyHandler:)",
-                                [&] { return fskit::FSFileName(ntfs->readlink(n(item).ino)); });
-    reply(target.value, target.error);
+Outcome<fskit::FSFileName> TavelinVolume::readSymbolicLink(const fskit::FSItemRef& item) {
+    return request<"readSymbolicLink">(
+        [&] { return fskit::FSFileName(ntfs->readlink(n(item).reference)); });
 }
 
 } // namespace tavelin

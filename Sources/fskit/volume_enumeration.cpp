@@ -5,9 +5,8 @@
 // snapshot was taken, so a namespace change makes the next page start from a fresh listing.
 #include "core/driver2/directory_snapshot.hpp"
 #include "core/driver2/item_identity.hpp"
-#include "fskit/private/attempt.hpp"
-#include "fskit/private/count_request.hpp"
 #include "fskit/private/item_type.hpp"
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 
 #include <utility>
@@ -17,9 +16,6 @@ namespace tavelin {
 namespace {
 
 constexpr std::uint64_t kDotEntries = 2;
-
-constexpr std::string_view kOperation =
-    "enumerateDirectory(_:startingAt:verifier:attributes:packer:replyHandler:)";
 
 /// Packs what of "." and ".." comes at or after the cookie; false when the packer is full.
 bool packDotEntries(const NItem& directory, fskit::FSDirectoryCookie cookie,
@@ -48,7 +44,7 @@ TavelinVolume::Snapshot TavelinVolume::listing(NItem& directory, fskit::FSDirect
     // A change made while the list is taken may or may not be in it, and does not drop it: like any
     // change during an enumeration, it is certain to show in the next one from the start.
     Snapshot fresh =
-        std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.ino), generation);
+        std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.reference), generation);
     Snapshot replaced = fresh; // freed after the lock is released
     const MutexLock held(items);
     directory.snapshot.swap(replaced);
@@ -66,7 +62,7 @@ void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, std::
         const fskit::FSItemAttributes* found = nullptr;
         if (withAttributes) {
             try {
-                describe(entry.ino, directory.ino, memory);
+                describe(ntfs->attributes(entry.reference()), directory.ino, memory);
                 found = &memory;
             } catch (const NTFSError&) {
                 // One unreadable item must not hide the rest: it is listed without attributes.
@@ -81,23 +77,13 @@ void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, std::
             break;
         }
     }
-    if (withAttributes) {
-        enter(listing.page(first).first(position - first), directory.ino);
-    }
 }
 
-void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
-                                       fskit::FSDirectoryCookie startingAt,
-                                       fskit::FSDirectoryVerifier verifier,
-                                       const fskit::FSItemGetAttributesRequest* wanted,
-                                       fskit::FSDirectoryEntryPacker& packer,
-                                       const fskit::VerifierReply& reply) {
-    countRequest<"enumerateDirectory">();
-    if (isNull(directory)) {
-        reply(verifier, missingItem());
-        return;
-    }
-    const auto packed = attempt(kOperation, [&] {
+Outcome<fskit::FSDirectoryVerifier> TavelinVolume::enumerateDirectory(
+    const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
+    fskit::FSDirectoryVerifier verifier, const fskit::FSItemGetAttributesRequest* wanted,
+    fskit::FSDirectoryEntryPacker& packer) {
+    return request<"enumerateDirectory">([&] {
         NItem& parent = n(directory);
         const Snapshot snapshot = listing(parent, startingAt, verifier);
         if (wanted != nullptr) {
@@ -108,7 +94,6 @@ void TavelinVolume::enumerateDirectory(const fskit::FSItemRef& directory,
         }
         return snapshot->verifier;
     });
-    reply(packed.value.value_or(verifier), packed.error);
 }
 
 } // namespace tavelin

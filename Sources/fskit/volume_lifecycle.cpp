@@ -6,7 +6,7 @@
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/log.hpp"
 #include "diagnostics/op_counter.hpp"
-#include "fskit/private/attempt.hpp"
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
@@ -91,8 +91,8 @@ fskit::FSStatFSResult TavelinVolume::volumeStatistics() {
     return result;
 }
 
-void TavelinVolume::activate(const fskit::FSTaskOptions& options, const fskit::ItemReply& reply) {
-    auto activated = attempt("activate(options:replyHandler:)", [&] {
+Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& options) {
+    return attempt<"activate">([&]() -> fskit::FSItemRef {
         // Passing through the lock waits for device I/O that is in flight.
         bool hasDevice = false;
         ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
@@ -106,16 +106,16 @@ void TavelinVolume::activate(const fskit::FSTaskOptions& options, const fskit::I
         events().event("activate", Fields{{"ro", ntfs->readOnly()},
                                           {"kernel_cache", underlying && underlying->cached},
                                           {"options", words}});
+        root()->handedOut.fetch_add(1);
         return root();
     });
-    reply(std::move(activated.value).value_or(nullptr), activated.error);
 }
 
-void TavelinVolume::mount(const fskit::FSTaskOptions& /*options*/, const fskit::ErrorReply& reply) {
-    reply(std::nullopt); // load and activate have done everything
+Outcome<void> TavelinVolume::mount(const fskit::FSTaskOptions& /*options*/) {
+    return {}; // load and activate have done everything
 }
 
-void TavelinVolume::unmount(const std::function<void()>& reply) {
+void TavelinVolume::unmount() {
     try {
         // Unlike at deactivation, counts that nobody would see are kept.
         if (log().isEnabled(LogLevel::kInfo)) {
@@ -125,39 +125,46 @@ void TavelinVolume::unmount(const std::function<void()>& reply) {
     } catch (const std::exception&) {
         // An unmount cannot fail; deactivation and unload write again and report.
     }
-    reply();
 }
 
-void TavelinVolume::synchronize(fskit::FSSyncFlags flags, const fskit::ErrorReply& reply) {
+Outcome<void> TavelinVolume::synchronize(fskit::FSSyncFlags flags) {
     const auto raw = static_cast<std::int64_t>(flags);
     OpCounter::shared().hit(fmt::format("synchronize-{}", raw));
     if (!Driver2::syncMustFlush(raw)) {
-        reply(std::nullopt);
-        return;
+        return {};
     }
-    reply(attempt("synchronize(flags:replyHandler:)", [&] { ntfs->sync(); }).error);
+    return attempt<"synchronize">([&] { ntfs->sync(); });
 }
 
-void TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/,
-                               const fskit::ErrorReply& reply) {
-    reply(attempt("deactivate(options:replyHandler:)", [&] {
-              const std::string counts = OpCounter::shared().dumpAndReset();
-              if (log().isEnabled(LogLevel::kInfo)) {
-                  logOperations(counts);
-              }
-              events().event("deactivate",
-                             Fields{{"ops", counts}, {"errors", errorTally().summary()}});
-              ntfs->sync();
-          }).error);
+Outcome<void> TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/) {
+    return attempt<"deactivate">([&] {
+        const std::string counts = OpCounter::shared().dumpAndReset();
+        if (log().isEnabled(LogLevel::kInfo)) {
+            logOperations(counts);
+        }
+        events().event("deactivate", Fields{{"ops", counts}, {"errors", errorTally().summary()}});
+        ntfs->sync();
+    });
 }
 
-void TavelinVolume::setVolumeName(const fskit::FSFileName& newName, const fskit::NameReply& reply) {
-    const auto done = attempt("setVolumeName(_:replyHandler:)", [&] {
+Outcome<fskit::FSFileName> TavelinVolume::setVolumeName(const fskit::FSFileName& newName) {
+    return attempt<"setVolumeName">([&] {
         ntfs->setLabel(name(newName));
         setName(newName);
         return newName;
     });
-    reply(done.value, done.error);
+}
+
+Outcome<void> TavelinVolume::prefaultCache() {
+    return attempt<"mount">([&] { ntfs->populateCache(); });
+}
+
+Outcome<std::string> TavelinVolume::label() {
+    return attempt<"label">([&] { return ntfs->label(); });
+}
+
+Outcome<NTFSIOStats> TavelinVolume::ioStatistics() {
+    return attempt<"ioStatistics">([&] { return ntfs->ioStats(); });
 }
 
 } // namespace tavelin

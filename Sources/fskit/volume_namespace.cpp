@@ -1,126 +1,133 @@
 // Looking names up, making, removing and renaming them.
-#include "fskit/private/attempt.hpp"
-#include "fskit/private/count_request.hpp"
+#include "diagnostics/error_tally.hpp"
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/error_numbers.hpp"
 
 namespace tavelin {
 
-void TavelinVolume::lookupItem(const fskit::FSFileName& named, const fskit::FSItemRef& directory,
-                               const fskit::NamedItemReply& reply) {
-    countRequest<"lookupItem">();
-    if (isNull(directory)) {
-        reply(nullptr, {}, missingItem());
-        return;
-    }
-    auto found = attempt("lookupItem(named:inDirectory:replyHandler:)", [&] {
-        const std::uint64_t parent = n(directory).ino;
-        return item(ntfs->lookup(name(named), parent), parent);
-    });
-    reply(std::move(found.value).value_or(nullptr), named, found.error);
+fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std::uint64_t parent,
+                                               const fskit::FSFileName& name) {
+    fskit::FSLookupItemResult result{handOut(record.reference(), parent), name, {}};
+    describe(record, parent, result.itemAttributes);
+    return result;
 }
 
-void TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type,
-                               const fskit::FSItemRef& directory,
-                               fskit::FSItemSetAttributesRequest& newAttributes,
-                               const fskit::NamedItemReply& reply) {
-    countRequest<"createItem">();
+fskit::FSCreateItemResult TavelinVolume::created(const NTFSAttributes& record, NItem& parent,
+                                                 const fskit::FSFileName& name) {
+    changed(parent);
+    fskit::FSCreateItemResult result{handOut(record.reference(), parent.ino), name, {}};
+    describe(record, parent.ino, result.newItemAttributes);
+    return result;
+}
+
+Outcome<fskit::FSLookupItemResult> TavelinVolume::lookupItem(const fskit::FSFileName& named,
+                                                             const fskit::FSItemRef& directory) {
+    return request<"lookupItem">([&]() -> Outcome<fskit::FSLookupItemResult> {
+        const NItem& parent = n(directory);
+        const std::optional<NTFSAttributes> record = ntfs->find(name(named), parent.reference);
+        if (!record) {
+            // Before a file is made its name is looked up, so this answer is as usual as the other
+            // and comes without the price of an exception.
+            errorTally().record(kENOENT, "lookupItem");
+            return fskit::fs_errorForPOSIXError(kENOENT);
+        }
+        return found(*record, parent.ino, named);
+    });
+}
+
+Outcome<fskit::FSCreateItemResult>
+TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type,
+                          const fskit::FSItemRef& directory,
+                          fskit::FSItemSetAttributesRequest& newAttributes) {
     const bool makesDirectory = type == fskit::FSItemType::directory;
-    if (!makesDirectory && type != fskit::FSItemType::file) {
-        reply(nullptr, {}, fskit::fs_errorForPOSIXError(kENOTSUP));
-        return;
-    }
-    if (isNull(directory)) {
-        reply(nullptr, {}, missingItem());
-        return;
-    }
-    auto made = attempt("createItem(named:type:inDirectory:attributes:replyHandler:)", [&] {
+    return request<"createItem">([&]() -> Outcome<fskit::FSCreateItemResult> {
+        if (!makesDirectory && type != fskit::FSItemType::file) {
+            return fskit::fs_errorForPOSIXError(kENOTSUP);
+        }
         NItem& parent = n(directory);
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
-        auto fresh = item(ntfs->create(name(named), parent.ino, kind), parent.ino);
+        fskit::FSCreateItemResult result =
+            created(ntfs->createDescribed(name(named), parent.reference, kind), parent, named);
         newAttributes.consumedAttributes = 0;
-        try {
-            apply(newAttributes, *fresh);
-        } catch (const std::exception&) {
-            // The item exists, and the host sees in `consumedAttributes` what it lacks.
+        if (newAttributes.validAttributes() != 0) {
+            applyToNew(newAttributes, result);
         }
-        changed(parent);
-        return fresh;
+        return result;
     });
-    reply(std::move(made.value).value_or(nullptr), named, made.error);
 }
 
-void TavelinVolume::createSymbolicLink(const fskit::FSFileName& named,
-                                       const fskit::FSItemRef& directory,
-                                       fskit::FSItemSetAttributesRequest& /*attributes*/,
-                                       const fskit::FSFileName& linkContents,
-                                       const fskit::NamedItemReply& reply) {
-    countRequest<"createSymbolicLink">();
-    if (isNull(directory)) {
-        reply(nullptr, {}, missingItem());
-        return;
+void TavelinVolume::applyToNew(fskit::FSItemSetAttributesRequest& request,
+                               fskit::FSCreateItemResult& fresh) {
+    const NItem& item = n(fresh.newItem);
+    try {
+        apply(request, item);
+        describe(ntfs->attributes(item.reference), item.parent, fresh.newItemAttributes);
+    } catch (const std::exception&) {
+        // The item exists, and the host sees in `consumedAttributes` what it lacks.
     }
-    auto made =
-        attempt("createSymbolicLink(named:inDirectory:attributes:linkContents:replyHandler:)", [&] {
-            NItem& parent = n(directory);
-            const std::string_view linkName = name(named);
-            const std::uint64_t ino = ntfs->symlink(linkName, parent.ino, name(linkContents));
-            changed(parent);
-            return item(ino, parent.ino);
-        });
-    reply(std::move(made.value).value_or(nullptr), named, made.error);
 }
 
-void TavelinVolume::createLink(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& /*named*/,
-                               const fskit::FSItemRef& /*directory*/,
-                               const fskit::NameReply& reply) {
+Outcome<fskit::FSCreateItemResult>
+TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::FSItemRef& directory,
+                                  fskit::FSItemSetAttributesRequest& /*attributes*/,
+                                  const fskit::FSFileName& linkContents) {
+    return request<"createSymbolicLink">([&] {
+        NItem& parent = n(directory);
+        const std::string_view linkName = name(named);
+        return created(ntfs->symlinkDescribed(linkName, parent.reference, name(linkContents)),
+                       parent, named);
+    });
+}
+
+Outcome<fskit::FSFileName> TavelinVolume::createLink(const fskit::FSItemRef& /*item*/,
+                                                     const fskit::FSFileName& /*named*/,
+                                                     const fskit::FSItemRef& /*directory*/) {
     countRequest<"createLink">();
-    reply(std::nullopt, fskit::fs_errorForPOSIXError(kENOTSUP));
+    return fskit::fs_errorForPOSIXError(kENOTSUP);
 }
 
-void TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& named,
-                               const fskit::FSItemRef& directory, const fskit::ErrorReply& reply) {
-    countRequest<"removeItem">();
-    if (isNull(directory)) {
-        reply(missingItem());
-        return;
-    }
-    reply(attempt("removeItem(_:named:fromDirectory:replyHandler:)", [&] {
-              NItem& parent = n(directory);
-              ntfs->remove(name(named), parent.ino);
-              changed(parent);
-          }).error);
+Outcome<void> TavelinVolume::linkInternal(const fskit::FSItemRef& item,
+                                          const fskit::FSFileName& named,
+                                          const fskit::FSItemRef& directory) {
+    return request<"createLink">([&] {
+        const std::uint64_t file = n(item).reference;
+        NItem& parent = n(directory);
+        ntfs->link(file, name(named), parent.reference);
+        changed(parent);
+    });
 }
 
-void TavelinVolume::renameItem(const fskit::FSItemRef& moved,
-                               const fskit::FSItemRef& sourceDirectory,
-                               const fskit::FSFileName& sourceName,
-                               const fskit::FSFileName& destinationName,
-                               const fskit::FSItemRef& destinationDirectory,
-                               const fskit::FSItemRef& overItem, const fskit::NameReply& reply) {
-    countRequest<"renameItem">();
-    if (isNull(sourceDirectory) || isNull(destinationDirectory)) {
-        reply(std::nullopt, missingItem());
-        return;
-    }
-    const auto done =
-        attempt("renameItem(_:inDirectory:named:to:inDirectory:overItem:replyHandler:)", [&] {
-            NItem& from = n(sourceDirectory);
-            NItem& to = n(destinationDirectory);
-            const std::string_view oldName = name(sourceName);
-            ntfs->rename(oldName, from.ino, name(destinationName), to.ino);
-            if (!isNull(moved)) {
-                n(moved).parent = to.ino;
-            }
-            // An item that goes by a new spelling of its own name is not replaced by itself.
-            if (!isNull(overItem) && overItem != moved) {
-                forget(n(overItem));
-            }
-            changed(from);
-            changed(to);
-            return destinationName;
-        });
-    reply(done.value, done.error);
+Outcome<void> TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/,
+                                        const fskit::FSFileName& named,
+                                        const fskit::FSItemRef& directory) {
+    return request<"removeItem">([&] {
+        NItem& parent = n(directory);
+        ntfs->remove(name(named), parent.reference);
+        changed(parent);
+    });
+}
+
+Outcome<fskit::FSFileName> TavelinVolume::renameItem(const fskit::FSItemRef& moved,
+                                                     const fskit::FSItemRef& sourceDirectory,
+                                                     const fskit::FSFileName& sourceName,
+                                                     const fskit::FSFileName& destinationName,
+                                                     const fskit::FSItemRef& destinationDirectory,
+                                                     const fskit::FSItemRef& /*overItem*/) {
+    return request<"renameItem">([&] {
+        NItem& from = n(sourceDirectory);
+        NItem& to = n(destinationDirectory);
+        const std::string_view oldName = name(sourceName);
+        ntfs->rename(oldName, from.reference, name(destinationName), to.reference);
+        if (moved != nullptr) {
+            n(moved).parent = to.ino;
+        }
+        // The item that was replaced stays registered until it is reclaimed: its file may have
+        // other names, and must not get a second item while the host holds this one.
+        changed(from);
+        changed(to);
+        return destinationName;
+    });
 }
 
 } // namespace tavelin

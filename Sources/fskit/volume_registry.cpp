@@ -1,5 +1,5 @@
-// One item for each inode number, and what a host is told of the items it holds.
-#include "fskit/private/count_request.hpp"
+// One item for each file, and how often the host was handed it.
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
 #include "platform/error_numbers.hpp"
@@ -10,6 +10,9 @@
 namespace tavelin {
 
 NItem& TavelinVolume::n(const fskit::FSItemRef& item) {
+    if (item == nullptr) {
+        throw MissingItem();
+    }
     // As exact as a dynamic_cast, for a class that nothing derives from, and much cheaper.
     if (fskit::FSItem& given = *item; typeid(given) == typeid(NItem)) {
         return static_cast<NItem&>(given);
@@ -25,30 +28,32 @@ std::string_view TavelinVolume::name(const fskit::FSFileName& name) {
     return *text;
 }
 
-fskit::Error TavelinVolume::missingItem() {
-    return fskit::fs_errorForPOSIXError(kENOENT);
-}
-
-const std::shared_ptr<NItem>& TavelinVolume::itemLocked(std::uint64_t ino, std::uint64_t parent) {
-    std::shared_ptr<NItem>& entry = registry_[ino];
-    if (entry) {
+const std::shared_ptr<NItem>& TavelinVolume::itemLocked(std::uint64_t reference,
+                                                        std::uint64_t parent) {
+    if (recordNumber(reference) == NTFSVolume::kRootIno) {
+        reference = NTFSVolume::kRootIno; // nobody can remove it, so there is nothing to tell apart
+    }
+    std::shared_ptr<NItem>& entry = registry_[recordNumber(reference)];
+    // The item of an earlier file in the same record makes room: whoever still holds it gets ESTALE
+    // for every request, so nobody will look for it here.
+    if (entry && entry->reference == reference) {
         entry->parent.store(parent, std::memory_order_relaxed);
     } else {
-        entry = std::make_shared<NItem>(ino, parent);
+        entry = std::make_shared<NItem>(reference, parent);
     }
     return entry;
 }
 
-std::shared_ptr<NItem> TavelinVolume::item(std::uint64_t ino, std::uint64_t parent) {
+std::shared_ptr<NItem> TavelinVolume::item(std::uint64_t reference, std::uint64_t parent) {
     const MutexLock held(items);
-    return itemLocked(ino, parent);
+    return itemLocked(reference, parent);
 }
 
-void TavelinVolume::enter(std::span<const NTFSDirEntry> entries, std::uint64_t parent) {
+std::shared_ptr<NItem> TavelinVolume::handOut(std::uint64_t reference, std::uint64_t parent) {
     const MutexLock held(items);
-    for (const NTFSDirEntry& entry : entries) {
-        itemLocked(entry.ino, parent);
-    }
+    const std::shared_ptr<NItem>& found = itemLocked(reference, parent);
+    found->handedOut.fetch_add(1, std::memory_order_relaxed);
+    return found;
 }
 
 std::shared_ptr<NItem> TavelinVolume::root() {
@@ -66,41 +71,80 @@ void TavelinVolume::changed(NItem& directory) {
     dropped = std::exchange(directory.snapshot, nullptr);
 }
 
-void TavelinVolume::forget(const NItem& item) {
+std::shared_ptr<NItem> TavelinVolume::takeOut(const NItem& item) {
+    const auto entry = registry_.find(item.ino);
+    if (entry == registry_.end() || entry->second.get() != &item ||
+        item.ino == NTFSVolume::kRootIno) {
+        return nullptr;
+    }
+    return std::move(registry_.extract(entry).mapped());
+}
+
+void TavelinVolume::reclaimItem(const fskit::FSItemRef& item) {
+    countRequest<"reclaimItem">();
+    if (item != nullptr) {
+        std::shared_ptr<NItem> dropped; // freed after the lock is released
+        const MutexLock held(items);
+        dropped = takeOut(n(item));
+    }
+}
+
+void TavelinVolume::retain(const fskit::FSItemRef& item) noexcept {
+    // The caller holds a hand-out, so the count is not 0 and cannot become 0 meanwhile.
+    n(item).handedOut.fetch_add(1, std::memory_order_relaxed);
+}
+
+void TavelinVolume::release(const fskit::FSItemRef& item) noexcept {
+    NItem& own = n(item);
+    // All but the last hand-out go without the lock. Only the change to 0 must exclude a lookup
+    // that hands the item out once more.
+    std::uint32_t count = own.handedOut.load(std::memory_order_relaxed);
+    while (count > 1) {
+        if (own.handedOut.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel)) {
+            return;
+        }
+    }
     std::shared_ptr<NItem> dropped; // freed after the lock is released
     const MutexLock held(items);
-    const auto entry = registry_.find(item.ino);
-    if (entry != registry_.end() && entry->second.get() == &item) {
-        dropped = std::move(entry->second);
-        registry_.erase(entry);
+    if (own.handedOut.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        dropped = takeOut(own);
+        if (dropped != nullptr) {
+            countRequest<"reclaimItem">();
+        }
     }
 }
 
-void TavelinVolume::reclaimItem(const fskit::FSItemRef& item, const fskit::ErrorReply& reply) {
-    countRequest<"reclaimItem">();
-    if (!isNull(item) && n(item).ino != NTFSVolume::kRootIno) {
-        forget(n(item));
+void TavelinVolume::reclaimAll() {
+    std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> dropped; // freed after the lock
+    const MutexLock held(items);
+    dropped.swap(registry_);
+    for (const auto& [record, item] : dropped) {
+        countRequest<"reclaimItem">();
+        if (item == root_) {
+            registry_.emplace(record, item);
+        }
     }
-    reply(std::nullopt);
 }
 
-void TavelinVolume::openItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes /*modes*/,
-                             const fskit::ErrorReply& reply) {
-    countRequest<"openItem">();
-    reply(isNull(item) ? fskit::MaybeError(missingItem()) : std::nullopt);
+std::size_t TavelinVolume::liveItems() const {
+    const MutexLock held(items);
+    return registry_.size();
 }
 
-void TavelinVolume::closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes,
-                              const fskit::ErrorReply& reply) {
+Outcome<void> TavelinVolume::openItem(const fskit::FSItemRef& item,
+                                      fskit::FSVolumeOpenModes /*modes*/) {
+    return request<"openItem">([&] { n(item); });
+}
+
+void TavelinVolume::closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) {
     countRequest<"closeItem">();
-    if (!isNull(item) && modes == 0 && !ntfs->readOnly()) {
+    if (item != nullptr && modes == 0 && !ntfs->readOnly()) {
         try {
-            ntfs->flush(n(item).ino);
+            ntfs->flush(n(item).reference);
         } catch (const std::exception&) {
             // A close cannot fail: the pages stay dirty and the next synchronise reports them.
         }
     }
-    reply(std::nullopt);
 }
 
 } // namespace tavelin

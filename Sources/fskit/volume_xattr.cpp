@@ -1,6 +1,5 @@
 // Extended attributes: named streams.
-#include "fskit/private/attempt.hpp"
-#include "fskit/private/count_request.hpp"
+#include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 
 namespace tavelin {
@@ -20,53 +19,45 @@ NTFSVolume::XattrPolicy volumePolicy(fskit::FSSetXattrPolicy policy) noexcept {
 
 } // namespace
 
-void TavelinVolume::getXattr(const fskit::FSFileName& named, const fskit::FSItemRef& item,
-                             const fskit::DataReply& reply) {
-    countRequest<"getXattr">();
-    if (isNull(item)) {
-        reply({}, missingItem());
-        return;
-    }
-    auto read = attempt("getXattr(named:of:replyHandler:)",
-                        [&] { return ntfs->xattr(name(named), n(item).ino); });
-    reply(std::move(read.value).value_or(std::vector<std::byte>()), read.error);
+Outcome<std::vector<std::byte>> TavelinVolume::getXattr(const fskit::FSFileName& named,
+                                                        const fskit::FSItemRef& item) {
+    return request<"getXattr">([&] {
+        const std::uint64_t reference = n(item).reference;
+        return ntfs->xattr(name(named), reference);
+    });
 }
 
-void TavelinVolume::setXattr(const fskit::FSFileName& named,
-                             const std::optional<std::span<const std::byte>>& value,
-                             const fskit::FSItemRef& item, fskit::FSSetXattrPolicy policy,
-                             const fskit::ErrorReply& reply) {
-    countRequest<"setXattr">();
-    if (isNull(item)) {
-        reply(missingItem());
-        return;
-    }
-    reply(attempt("setXattr(named:to:on:policy:replyHandler:)", [&] {
-              const std::string_view attribute = name(named);
-              if (policy == fskit::FSSetXattrPolicy::remove) {
-                  ntfs->removeXattr(attribute, n(item).ino);
-              } else {
-                  ntfs->setXattr(attribute, n(item).ino,
-                                 value.value_or(std::span<const std::byte>()),
-                                 volumePolicy(policy));
-              }
-          }).error);
+Outcome<std::size_t> TavelinVolume::xattrSize(const fskit::FSFileName& named,
+                                              const fskit::FSItemRef& item) {
+    return request<"getXattr">([&] {
+        const std::uint64_t reference = n(item).reference;
+        return static_cast<std::size_t>(ntfs->xattrSize(name(named), reference));
+    });
 }
 
-void TavelinVolume::listXattrs(const fskit::FSItemRef& item, const fskit::NamesReply& reply) {
-    countRequest<"listXattrs">();
-    if (isNull(item)) {
-        reply({}, missingItem());
-        return;
-    }
-    auto names = attempt("listXattrs(of:replyHandler:)", [&] {
+Outcome<void> TavelinVolume::setXattr(const fskit::FSFileName& named,
+                                      const std::optional<std::span<const std::byte>>& value,
+                                      const fskit::FSItemRef& item,
+                                      fskit::FSSetXattrPolicy policy) {
+    return request<"setXattr">([&] {
+        const std::uint64_t reference = n(item).reference;
+        if (policy == fskit::FSSetXattrPolicy::remove) {
+            ntfs->removeXattr(name(named), reference);
+        } else {
+            ntfs->setXattr(name(named), reference, value.value_or(std::span<const std::byte>()),
+                           volumePolicy(policy));
+        }
+    });
+}
+
+Outcome<std::vector<fskit::FSFileName>> TavelinVolume::listXattrs(const fskit::FSItemRef& item) {
+    return request<"listXattrs">([&] {
         std::vector<fskit::FSFileName> list;
-        for (const std::string& attribute : ntfs->xattrNames(n(item).ino)) {
+        for (const std::string& attribute : ntfs->xattrNames(n(item).reference)) {
             list.emplace_back(attribute);
         }
         return list;
     });
-    reply(std::move(names.value).value_or(std::vector<fskit::FSFileName>()), names.error);
 }
 
 } // namespace tavelin

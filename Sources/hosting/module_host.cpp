@@ -2,7 +2,6 @@
 
 #include "core/driver2/mount_options.hpp"
 #include "fskit/tavelin_file_system.hpp"
-#include "hosting/reply_slot.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/mutex.hpp"
 
@@ -89,9 +88,8 @@ void ModuleHost::open(const Options& options) {
         throw OpenError(reason, error.isPOSIX() ? static_cast<std::int32_t>(error.code()) : kEIO,
                         image, why);
     };
-    const auto probed = probe();
-    if (!probed || probed->result != fskit::FSMatchResult::usable) {
-        if (const auto error = probed ? firstBlockError(*resource_) : probed.error()) {
+    if (probe().result != fskit::FSMatchResult::usable) {
+        if (const auto error = firstBlockError(*resource_)) {
             fail(Reason::ioError, *error, error->localizedDescription());
         }
         throw OpenError(Reason::notNTFS, kEINVAL, image, "not an NTFS volume");
@@ -151,25 +149,21 @@ void ModuleHost::expect(bool inTurn, const char* step) const {
     }
 }
 
-Outcome<fskit::FSProbeResult> ModuleHost::probe() {
-    ReplySlot<fskit::FSProbeResult> slot("probeResource");
-    module_->probeResource(resource_, slot.handler());
-    slot.check();
-    if (slot.error()) {
-        return *slot.error();
-    }
-    return slot.value<0>();
+fskit::FSProbeResult ModuleHost::probe() {
+    return module_->probeResource(resource_);
 }
 
 Outcome<void> ModuleHost::load(const Options& options) {
     expect(state_ == State::idle, "load");
-    ReplySlot<std::shared_ptr<fskit::FSVolume>> slot("loadResource");
-    module_->loadResource(resource_, {options}, slot.handler());
-    slot.check();
-    if (slot.error()) {
-        return *slot.error();
+    const auto loaded = module_->loadResource(resource_, {options});
+    if (!loaded) {
+        return loaded.error();
     }
-    volume_ = std::make_unique<VolumeClient>(std::move(slot.value<0>()));
+    auto volume = std::dynamic_pointer_cast<TavelinVolume>(*loaded);
+    if (volume == nullptr) {
+        fatal("the module host was given a volume of another file system");
+    }
+    volume_ = std::make_unique<VolumeClient>(std::move(volume));
     state_ = State::loaded;
     const bool mayWrite = resource_->isWritable() && !Driver2::MountOptions(options).readOnly;
     fellBack_ = mayWrite && volume_->isReadOnly();
@@ -205,12 +199,10 @@ Outcome<void> ModuleHost::deactivate() {
 
 Outcome<void> ModuleHost::unload() {
     expect(state_ == State::loaded, "unload");
-    ReplySlot<> slot("unloadResource");
-    module_->unloadResource(resource_, {}, slot.handler());
-    slot.check();
+    const auto unloaded = module_->unloadResource(resource_, {});
     state_ = State::idle; // a module forgets the volume even when it cannot unload it cleanly
-    if (slot.error()) {
-        return *slot.error();
+    if (!unloaded) {
+        return unloaded.error();
     }
     return resource_->flushToMedium();
 }
@@ -219,10 +211,8 @@ Outcome<void> ModuleHost::unload() {
 
 Outcome<void> ModuleHost::check(const Options& options) {
     const auto task = std::make_shared<AwaitedTask>();
-    try {
-        (void)module_->startCheck(task, {options});
-    } catch (const fskit::Error& error) {
-        return error;
+    if (const auto started = module_->startCheck(task, {options}); !started) {
+        return started.error();
     }
     return task->wait();
 }

@@ -3,7 +3,7 @@
 ///     ModuleHost host(std::make_shared<ImageResource>("disk.img"));
 ///     host.open({"-o", "windows_names"});                   // throws OpenError, which says why
 ///     VolumeClient& volume = host.volume();
-///     ItemRef readme = volume.lookup(volume.root(), "readme.txt").get();
+///     ItemRef readme = volume.lookup(volume.root(), "readme.txt").get().item;
 ///     …
 ///     host.close().get();                                   // throws fskit::Error
 ///
@@ -27,7 +27,6 @@
 #include "fskit/api/file_system.hpp"
 #include "hosting/image_resource.hpp"
 #include "hosting/open_error.hpp"
-#include "hosting/outcome.hpp"
 #include "hosting/volume_client.hpp"
 
 #include <memory>
@@ -71,7 +70,7 @@ class ModuleHost {
 
     // ---- One step each -------------------------------------------------------------------------
 
-    Outcome<fskit::FSProbeResult> probe();
+    [[nodiscard]] fskit::FSProbeResult probe();
     Outcome<void> load(const Options& options);
     Outcome<void> activate(const Options& options);
     Outcome<void> mount(const Options& options);

@@ -38,7 +38,7 @@ class Walker {
                 }
                 continue;
             }
-            auto found = volume_.withAttributes(volume_.lookup(here(), name));
+            auto found = volume_.lookup(here(), name);
             if (!found) {
                 return found.error();
             }
@@ -60,7 +60,7 @@ class Walker {
 
     Outcome<Found> end() {
         if (path_.empty()) {
-            return volume_.withAttributes(volume_.root().duplicate());
+            return volume_.rootWithAttributes();
         }
         return std::move(path_.back());
     }
@@ -122,7 +122,7 @@ class TreeWalk {
             if (!child) {
                 return child.error();
             }
-            if (auto error = enter(*child, path + "/")) {
+            if (auto error = enter(child->item, path + "/")) {
                 return error;
             }
         }

@@ -1,6 +1,5 @@
 #include "hosting/volume_client.hpp"
 
-#include "hosting/reply_slot.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <limits>
@@ -16,137 +15,64 @@ constexpr fskit::FSItemGetAttributesRequest kAllAttributes{~fskit::FSItemAttribu
 /// Requests carry signed offsets.
 constexpr std::uint64_t kOffsetMax = std::numeric_limits<std::int64_t>::max();
 
-fskit::Error unsupported() {
-    return fskit::fs_errorForPOSIXError(kENOTSUP);
-}
-
-/// Sends a request and answers its first value. `send` is given the slot's handler.
-template<typename... Values, typename Send>
-auto ask(std::string_view request, Send&& send) {
-    ReplySlot<Values...> slot(request);
-    send(slot.handler());
-    slot.check();
-    if constexpr (sizeof...(Values) == 0) {
-        return Outcome<void>(std::move(slot.error()));
-    } else {
-        using First = std::tuple_element_t<0, std::tuple<Values...>>;
-        if (slot.error()) {
-            return Outcome<First>(*std::move(slot.error()));
-        }
-        return Outcome<First>(std::move(slot.template value<0>()));
-    }
-}
-
-/// A reply's optional value, which a successful one has.
-template<typename Value>
-Outcome<Value> present(Outcome<std::optional<Value>> answer) {
-    if (!answer) {
-        return answer.error();
-    }
-    if (!*answer) {
-        return fskit::fs_errorForPOSIXError(kEIO);
-    }
-    return *std::move(*answer);
-}
-
 } // namespace
 
-VolumeClient::VolumeClient(std::shared_ptr<fskit::FSVolume> volume)
-    : volume_(std::move(volume)),
-      operations_(dynamic_cast<fskit::FSVolumeOperations*>(volume_.get())),
-      data_(dynamic_cast<fskit::FSVolumeReadWriteOperations*>(volume_.get())),
-      opening_(dynamic_cast<fskit::FSVolumeOpenCloseOperations*>(volume_.get())),
-      naming_(dynamic_cast<fskit::FSVolumeRenameOperations*>(volume_.get())),
-      xattrs_(dynamic_cast<fskit::FSVolumeXattrOperations*>(volume_.get())),
-      extended_(dynamic_cast<ExtendedOperations*>(volume_.get())),
-      items_([this](const fskit::FSItemRef& item) {
-          // The volume has nothing to refuse here, and the host no use for the item either way.
-          (void)ask<>("reclaimItem",
-                      [&](const auto& reply) { operations_->reclaimItem(item, reply); });
-      }) {
-    if (operations_ == nullptr) {
-        throw unsupported();
-    }
+Found VolumeClient::take(fskit::FSLookupItemResult result) {
+    return {ItemRef(*volume_, std::move(result.foundItem)), result.itemAttributes};
 }
 
-template<typename Send>
-Outcome<ItemRef> VolumeClient::askForItem(std::string_view request, Send&& send) {
-    ItemTable::InFlightLookup handOut(items_);
-    auto item = ask<fskit::FSItemRef, FSFileName>(request, send);
-    if (!item) {
-        return item.error();
-    }
-    return handOut.take(std::move(*item));
+Found VolumeClient::take(fskit::FSCreateItemResult result) {
+    return {ItemRef(*volume_, std::move(result.newItem)), result.newItemAttributes};
 }
 
 // ---- Lookup and attributes ---------------------------------------------------------------------
 
-Outcome<ItemRef> VolumeClient::lookup(const ItemRef& directory, std::string_view name) {
-    return askForItem("lookupItem", [&](const auto& reply) {
-        operations_->lookupItem(FSFileName(name), directory.item(), reply);
-    });
-}
-
-Outcome<fskit::FSItemAttributes> VolumeClient::attributes(const ItemRef& item) {
-    return present(
-        ask<std::optional<fskit::FSItemAttributes>>("getAttributes", [&](const auto& reply) {
-            operations_->getAttributes(kAllAttributes, item.item(), reply);
-        }));
-}
-
-Outcome<Found> VolumeClient::withAttributes(Outcome<ItemRef> item) {
-    if (!item) {
-        return item.error();
-    }
-    auto found = attributes(*item);
+Outcome<Found> VolumeClient::rootWithAttributes() {
+    const auto found = attributes(root_);
     if (!found) {
         return found.error();
     }
-    return Found{std::move(*item), *found};
+    return Found{root_.duplicate(), *found};
 }
 
-template<typename Send>
-Outcome<std::optional<Found>> VolumeClient::askForDescribed(std::string_view request, Send&& send) {
-    if (extended_ == nullptr) {
-        return unsupported();
+Outcome<Found> VolumeClient::lookup(const ItemRef& directory, std::string_view name) {
+    auto found = volume_->lookupItem(FSFileName(name), directory.item());
+    if (!found) {
+        return found.error();
     }
-    ItemTable::InFlightLookup handOut(items_);
-    auto answer = ask<std::optional<DescribedItem>>(request, send);
-    if (!answer) {
-        return answer.error();
-    }
-    if (!*answer) {
-        return std::optional<Found>();
-    }
-    return std::optional<Found>(
-        Found{handOut.take(std::move((*answer)->item)), (*answer)->attributes});
+    return take(std::move(*found));
 }
 
 Outcome<std::optional<Found>> VolumeClient::find(const ItemRef& directory, std::string_view name) {
-    return askForDescribed("lookupWithAttributes", [&](const auto& reply) {
-        extended_->lookupWithAttributes(FSFileName(name), directory.item(), reply);
-    });
+    auto found = volume_->lookupItem(FSFileName(name), directory.item());
+    if (found) {
+        return std::optional(take(std::move(*found)));
+    }
+    if (found.error() == fskit::fs_errorForPOSIXError(kENOENT)) {
+        return std::optional<Found>();
+    }
+    return found.error();
 }
 
 Outcome<Found> VolumeClient::describe(const ItemRef& directory, fskit::FSItemID entry) {
-    return present(askForDescribed("attributesOfEntry", [&](const auto& reply) {
-        extended_->attributesOfEntry(entry, directory.item(), reply);
-    }));
+    auto found = volume_->attributesOfEntry(entry, directory.item());
+    if (!found) {
+        return found.error();
+    }
+    return take(std::move(*found));
+}
+
+Outcome<fskit::FSItemAttributes> VolumeClient::attributes(const ItemRef& item) {
+    return volume_->getAttributes(kAllAttributes, item.item());
 }
 
 Outcome<fskit::FSItemAttributes>
 VolumeClient::setAttributes(const ItemRef& item, fskit::FSItemSetAttributesRequest& changes) {
-    return present(
-        ask<std::optional<fskit::FSItemAttributes>>("setAttributes", [&](const auto& reply) {
-            operations_->setAttributes(changes, item.item(), reply);
-        }));
+    return volume_->setAttributes(changes, item.item());
 }
 
 Outcome<std::string> VolumeClient::readSymbolicLink(const ItemRef& item) {
-    auto target =
-        present(ask<std::optional<FSFileName>>("readSymbolicLink", [&](const auto& reply) {
-            operations_->readSymbolicLink(item.item(), reply);
-        }));
+    const auto target = volume_->readSymbolicLink(item.item());
     if (!target) {
         return target.error();
     }
@@ -160,10 +86,8 @@ Outcome<fskit::FSDirectoryVerifier> VolumeClient::enumerate(const ItemRef& direc
                                                             fskit::FSDirectoryVerifier verifier,
                                                             bool withAttributes,
                                                             fskit::FSDirectoryEntryPacker& packer) {
-    return ask<fskit::FSDirectoryVerifier>("enumerateDirectory", [&](const auto& reply) {
-        operations_->enumerateDirectory(directory.item(), cookie, verifier,
-                                        withAttributes ? &kAllAttributes : nullptr, packer, reply);
-    });
+    return volume_->enumerateDirectory(directory.item(), cookie, verifier,
+                                       withAttributes ? &kAllAttributes : nullptr, packer);
 }
 
 Outcome<std::vector<DirectoryEntry>>
@@ -193,168 +117,117 @@ VolumeClient::list(const ItemRef& directory, bool withAttributes, std::size_t pa
 
 // ---- Namespace ---------------------------------------------------------------------------------
 
-Outcome<ItemRef> VolumeClient::create(const ItemRef& directory, std::string_view name,
-                                      fskit::FSItemType type,
-                                      fskit::FSItemSetAttributesRequest& attributes) {
-    return askForItem("createItem", [&](const auto& reply) {
-        operations_->createItem(FSFileName(name), type, directory.item(), attributes, reply);
-    });
+Outcome<Found> VolumeClient::create(const ItemRef& directory, std::string_view name,
+                                    fskit::FSItemType type,
+                                    fskit::FSItemSetAttributesRequest& attributes) {
+    auto made = volume_->createItem(FSFileName(name), type, directory.item(), attributes);
+    if (!made) {
+        return made.error();
+    }
+    return take(std::move(*made));
 }
 
-Outcome<ItemRef> VolumeClient::create(const ItemRef& directory, std::string_view name,
-                                      fskit::FSItemType type) {
+Outcome<Found> VolumeClient::create(const ItemRef& directory, std::string_view name,
+                                    fskit::FSItemType type) {
     fskit::FSItemSetAttributesRequest none;
     return create(directory, name, type, none);
 }
 
-Outcome<ItemRef> VolumeClient::createSymbolicLink(const ItemRef& directory, std::string_view name,
-                                                  std::string_view target) {
+Outcome<Found> VolumeClient::createSymbolicLink(const ItemRef& directory, std::string_view name,
+                                                std::string_view target) {
     fskit::FSItemSetAttributesRequest none;
-    return askForItem("createSymbolicLink", [&](const auto& reply) {
-        operations_->createSymbolicLink(FSFileName(name), directory.item(), none,
-                                        FSFileName(target), reply);
-    });
+    auto made =
+        volume_->createSymbolicLink(FSFileName(name), directory.item(), none, FSFileName(target));
+    if (!made) {
+        return made.error();
+    }
+    return take(std::move(*made));
 }
 
 Outcome<void> VolumeClient::createLink(const ItemRef& item, const ItemRef& directory,
                                        std::string_view name) {
-    const auto answer = ask<std::optional<FSFileName>>("createLink", [&](const auto& reply) {
-        operations_->createLink(item.item(), FSFileName(name), directory.item(), reply);
-    });
-    return answer ? Outcome<void>() : answer.error();
+    return Outcome<void>::of(volume_->createLink(item.item(), FSFileName(name), directory.item()));
 }
 
 Outcome<void> VolumeClient::linkInternal(const ItemRef& item, const ItemRef& directory,
                                          std::string_view name) {
-    if (extended_ == nullptr) {
-        return unsupported();
-    }
-    return ask<>("linkInternal", [&](const auto& reply) {
-        extended_->linkInternal(item.item(), FSFileName(name), directory.item(), reply);
-    });
+    return volume_->linkInternal(item.item(), FSFileName(name), directory.item());
 }
 
 Outcome<std::size_t> VolumeClient::countNames(const ItemRef& item) {
-    if (extended_ == nullptr) {
-        return unsupported();
-    }
-    return ask<std::size_t>("countNames",
-                            [&](const auto& reply) { extended_->countNames(item.item(), reply); });
+    return volume_->countNames(item.item());
 }
 
 Outcome<void> VolumeClient::remove(const ItemRef& item, const ItemRef& directory,
                                    std::string_view name) {
-    return ask<>("removeItem", [&](const auto& reply) {
-        operations_->removeItem(item.item(), FSFileName(name), directory.item(), reply);
-    });
+    return volume_->removeItem(item.item(), FSFileName(name), directory.item());
 }
 
 Outcome<void> VolumeClient::rename(const ItemRef& item, const ItemRef& fromDirectory,
                                    std::string_view fromName, const ItemRef& toDirectory,
                                    std::string_view toName, const ItemRef& over) {
-    const auto answer = ask<std::optional<FSFileName>>("renameItem", [&](const auto& reply) {
-        operations_->renameItem(item.item(), fromDirectory.item(), FSFileName(fromName),
-                                FSFileName(toName), toDirectory.item(), over.item(), reply);
-    });
-    return answer ? Outcome<void>() : answer.error();
+    return Outcome<void>::of(volume_->renameItem(item.item(), fromDirectory.item(),
+                                                 FSFileName(fromName), FSFileName(toName),
+                                                 toDirectory.item(), over.item()));
 }
 
 // ---- Data --------------------------------------------------------------------------------------
 
 Outcome<void> VolumeClient::open(const ItemRef& item, fskit::FSVolumeOpenModes modes) {
-    if (opening_ == nullptr || opening_->isOpenCloseInhibited()) {
-        return {};
-    }
-    return ask<>("openItem",
-                 [&](const auto& reply) { opening_->openItem(item.item(), modes, reply); });
+    return volume_->isOpenCloseInhibited() ? Outcome<void>()
+                                           : volume_->openItem(item.item(), modes);
 }
 
-Outcome<void> VolumeClient::close(const ItemRef& item, fskit::FSVolumeOpenModes modes) {
-    if (opening_ == nullptr || opening_->isOpenCloseInhibited()) {
-        return {};
+void VolumeClient::close(const ItemRef& item, fskit::FSVolumeOpenModes modes) {
+    if (!volume_->isOpenCloseInhibited()) {
+        volume_->closeItem(item.item(), modes);
     }
-    return ask<>("closeItem",
-                 [&](const auto& reply) { opening_->closeItem(item.item(), modes, reply); });
 }
 
 Outcome<std::size_t> VolumeClient::read(const ItemRef& item, std::uint64_t offset,
                                         std::span<std::byte> into) {
-    if (data_ == nullptr) {
-        return unsupported();
-    }
     if (offset > kOffsetMax) {
         return fskit::fs_errorForPOSIXError(kEFBIG);
     }
     fskit::FSMutableFileDataBuffer buffer(into);
-    return ask<std::size_t>("read", [&](const auto& reply) {
-        data_->read(item.item(), static_cast<std::int64_t>(offset), into.size(), buffer, reply);
-    });
+    return volume_->read(item.item(), static_cast<std::int64_t>(offset), into.size(), buffer);
 }
 
 Outcome<std::size_t> VolumeClient::write(const ItemRef& item, std::uint64_t offset,
                                          Bytes contents) {
-    if (data_ == nullptr) {
-        return unsupported();
-    }
     if (offset > kOffsetMax) {
         return fskit::fs_errorForPOSIXError(kEFBIG);
     }
-    return ask<std::size_t>("write", [&](const auto& reply) {
-        data_->write(contents, item.item(), static_cast<std::int64_t>(offset), reply);
-    });
+    return volume_->write(contents, item.item(), static_cast<std::int64_t>(offset));
 }
 
 // ---- Extended attributes -----------------------------------------------------------------------
 
 Outcome<std::vector<std::byte>> VolumeClient::getXattr(const ItemRef& item, std::string_view name) {
-    if (xattrs_ == nullptr) {
-        return unsupported();
-    }
-    return ask<std::vector<std::byte>>("getXattr", [&](const auto& reply) {
-        xattrs_->getXattr(FSFileName(name), item.item(), reply);
-    });
+    return volume_->getXattr(FSFileName(name), item.item());
 }
 
 Outcome<std::size_t> VolumeClient::xattrSize(const ItemRef& item, std::string_view name) {
-    if (extended_ == nullptr) {
-        return unsupported();
-    }
-    return ask<std::size_t>("xattrSize", [&](const auto& reply) {
-        extended_->xattrSize(FSFileName(name), item.item(), reply);
-    });
+    return volume_->xattrSize(FSFileName(name), item.item());
 }
 
 Outcome<void> VolumeClient::setXattr(const ItemRef& item, std::string_view name, Bytes value,
                                      fskit::FSSetXattrPolicy policy) {
-    if (xattrs_ == nullptr) {
-        return unsupported();
-    }
-    return ask<>("setXattr", [&](const auto& reply) {
-        xattrs_->setXattr(FSFileName(name), value, item.item(), policy, reply);
-    });
+    return volume_->setXattr(FSFileName(name), value, item.item(), policy);
 }
 
 Outcome<void> VolumeClient::removeXattr(const ItemRef& item, std::string_view name) {
-    if (xattrs_ == nullptr) {
-        return unsupported();
-    }
-    return ask<>("setXattr", [&](const auto& reply) {
-        xattrs_->setXattr(FSFileName(name), std::nullopt, item.item(),
-                          fskit::FSSetXattrPolicy::remove, reply);
-    });
+    return volume_->setXattr(FSFileName(name), std::nullopt, item.item(),
+                             fskit::FSSetXattrPolicy::remove);
 }
 
 Outcome<std::vector<std::string>> VolumeClient::listXattrs(const ItemRef& item) {
-    if (xattrs_ == nullptr) {
-        return unsupported();
-    }
-    const auto answer = ask<std::vector<FSFileName>>(
-        "listXattrs", [&](const auto& reply) { xattrs_->listXattrs(item.item(), reply); });
-    if (!answer) {
-        return answer.error();
+    const auto listed = volume_->listXattrs(item.item());
+    if (!listed) {
+        return listed.error();
     }
     std::vector<std::string> names;
-    for (const FSFileName& name : *answer) {
+    for (const FSFileName& name : *listed) {
         names.push_back(name.data());
     }
     return names;
@@ -363,63 +236,39 @@ Outcome<std::vector<std::string>> VolumeClient::listXattrs(const ItemRef& item) 
 // ---- The volume --------------------------------------------------------------------------------
 
 Outcome<void> VolumeClient::synchronize(fskit::FSSyncFlags flags) {
-    return ask<>("synchronize", [&](const auto& reply) { operations_->synchronize(flags, reply); });
-}
-
-Outcome<void> VolumeClient::prefaultCache() {
-    if (extended_ == nullptr) {
-        return unsupported();
-    }
-    return ask<>("prefaultCache", [&](const auto& reply) { extended_->prefaultCache(reply); });
+    return volume_->synchronize(flags);
 }
 
 Outcome<void> VolumeClient::setName(std::string_view name) {
-    if (naming_ == nullptr) {
-        return unsupported();
-    }
-    const auto answer = ask<std::optional<FSFileName>>("setVolumeName", [&](const auto& reply) {
-        naming_->setVolumeName(FSFileName(name), reply);
-    });
-    return answer ? Outcome<void>() : answer.error();
+    return Outcome<void>::of(volume_->setVolumeName(FSFileName(name)));
 }
 
 bool VolumeClient::isReadOnly() const {
-    return (operations_->requestedMountOptions() & fskit::FSMountOptionsReadOnly) != 0;
-}
-
-void VolumeClient::setOpenCloseInhibited(bool inhibited) {
-    if (opening_ != nullptr) {
-        opening_->setOpenCloseInhibited(inhibited);
-    }
+    return (volume_->requestedMountOptions() & fskit::FSMountOptionsReadOnly) != 0;
 }
 
 // ---- Life, for the module host -----------------------------------------------------------------
 
 Outcome<void> VolumeClient::activate(const fskit::FSTaskOptions& options) {
-    ItemTable::InFlightLookup handOut(items_);
-    auto root = ask<fskit::FSItemRef>(
-        "activate", [&](const auto& reply) { operations_->activate(options, reply); });
+    auto root = volume_->activate(options);
     if (!root) {
         return root.error();
     }
-    root_ = handOut.take(std::move(*root));
+    root_ = ItemRef(*volume_, std::move(*root));
     return {};
 }
 
 Outcome<void> VolumeClient::mount(const fskit::FSTaskOptions& options) {
-    return ask<>("mount", [&](const auto& reply) { operations_->mount(options, reply); });
+    return volume_->mount(options);
 }
 
 void VolumeClient::unmount() {
-    // This request cannot fail: its reply carries no error.
-    (void)ask<>("unmount", [&](const auto& reply) {
-        operations_->unmount([&reply] { reply(std::nullopt); });
-    });
+    volume_->unmount();
 }
 
 Outcome<void> VolumeClient::deactivate() {
-    items_.reclaimAll();
-    return ask<>("deactivate", [&](const auto& reply) { operations_->deactivate(0, reply); });
+    volume_->reclaimAll();
+    return volume_->deactivate(0);
 }
 
 } // namespace tavelin

@@ -1,12 +1,9 @@
-/// The requests to an active volume, with return values in place of replies.
+/// The requests to an active volume, in the words of a host.
 #pragma once
 
-#include "fskit/api/volume.hpp"
-#include "fskit/extended_operations.hpp"
+#include "fskit/tavelin_volume.hpp"
 #include "hosting/entry_packer.hpp"
-#include "hosting/image_resource.hpp"
-#include "hosting/item_table.hpp"
-#include "hosting/outcome.hpp"
+#include "hosting/item_ref.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,19 +23,18 @@ struct Found {
     fskit::FSItemAttributes attributes;
 };
 
-/// Sends requests to one volume, as FSKit would: each is answered exactly once or the process
-/// stops, each item handed out is counted in its ItemRef and reclaimed with the last of them, and
-/// opens and closes are only sent when the volume wants them.
+/// Sends requests to one volume as FSKit would: each item handed out is held by an ItemRef and
+/// reclaimed with the last of them, and opens and closes are sent only when the volume wants them.
 ///
 /// Made and owned by a ModuleHost; good from its activation until its close. Any thread may send
-/// anything, several at a time. Names are single components in UTF-8, offsets and sizes bytes.
-/// Errors are those of the volume, in the POSIX domain with macOS numbers as a rule.
+/// anything, several at a time, and may hold its own locks: the volume's come after them. Names are
+/// single components in UTF-8, offsets and sizes bytes. Errors are those of the volume, in the
+/// POSIX domain with macOS numbers as a rule.
 class VolumeClient {
   public:
     using Bytes = std::span<const std::byte>;
 
-    /// Throws fskit::Error (kENOTSUP) when the object does not take volume requests.
-    explicit VolumeClient(std::shared_ptr<fskit::FSVolume> volume);
+    explicit VolumeClient(std::shared_ptr<TavelinVolume> volume) : volume_(std::move(volume)) {}
     VolumeClient(const VolumeClient&) = delete;
     VolumeClient& operator=(const VolumeClient&) = delete;
 
@@ -46,15 +42,13 @@ class VolumeClient {
 
     /// The root directory; held from activation to close.
     [[nodiscard]] const ItemRef& root() const noexcept { return root_; }
-    Outcome<ItemRef> lookup(const ItemRef& directory, std::string_view name);
-    Outcome<fskit::FSItemAttributes> attributes(const ItemRef& item);
-    /// What a lookup or creation answered, with the item's attributes: for hosts that must tell
-    /// both. The error of either.
-    Outcome<Found> withAttributes(Outcome<ItemRef> item);
-    /// The same as a lookup with attributes, in one go; absent when there is no such name.
+    Outcome<Found> rootWithAttributes();
+    Outcome<Found> lookup(const ItemRef& directory, std::string_view name);
+    /// The same, absent when there is no such name.
     Outcome<std::optional<Found>> find(const ItemRef& directory, std::string_view name);
-    /// The item of an entry that an enumeration of the directory delivered, with its attributes.
+    /// The item of an entry that an enumeration of the directory delivered.
     Outcome<Found> describe(const ItemRef& directory, fskit::FSItemID entry);
+    Outcome<fskit::FSItemAttributes> attributes(const ItemRef& item);
     /// Applies the valid attributes of `changes`, marks in it which were, and answers the new ones.
     Outcome<fskit::FSItemAttributes> setAttributes(const ItemRef& item,
                                                    fskit::FSItemSetAttributesRequest& changes);
@@ -76,12 +70,11 @@ class VolumeClient {
     // ---- Namespace -----------------------------------------------------------------------------
 
     /// `attributes` are applied as far as they can be; what was is marked.
-    Outcome<ItemRef> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type,
-                            fskit::FSItemSetAttributesRequest& attributes);
-    Outcome<ItemRef> create(const ItemRef& directory, std::string_view name,
-                            fskit::FSItemType type);
-    Outcome<ItemRef> createSymbolicLink(const ItemRef& directory, std::string_view name,
-                                        std::string_view target);
+    Outcome<Found> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type,
+                          fskit::FSItemSetAttributesRequest& attributes);
+    Outcome<Found> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type);
+    Outcome<Found> createSymbolicLink(const ItemRef& directory, std::string_view name,
+                                      std::string_view target);
     Outcome<void> createLink(const ItemRef& item, const ItemRef& directory, std::string_view name);
     /// Gives a file a name of the host's own, see ExtendedOperations.
     Outcome<void> linkInternal(const ItemRef& item, const ItemRef& directory,
@@ -99,7 +92,7 @@ class VolumeClient {
 
     Outcome<void> open(const ItemRef& item, fskit::FSVolumeOpenModes modes);
     /// `modes` are those that remain; none for the last close.
-    Outcome<void> close(const ItemRef& item, fskit::FSVolumeOpenModes modes);
+    void close(const ItemRef& item, fskit::FSVolumeOpenModes modes);
     /// Answers the bytes read: fewer than `into` holds at the end of the file.
     Outcome<std::size_t> read(const ItemRef& item, std::uint64_t offset, std::span<std::byte> into);
     Outcome<std::size_t> write(const ItemRef& item, std::uint64_t offset, Bytes contents);
@@ -116,22 +109,23 @@ class VolumeClient {
 
     // ---- The volume ----------------------------------------------------------------------------
 
-    /// Makes first requests as fast as later ones, see ExtendedOperations.
-    Outcome<void> prefaultCache();
     /// With flags that wait, success means that everything answered before is on the medium.
     Outcome<void> synchronize(fskit::FSSyncFlags flags = fskit::FSSyncFlags::wait);
-    [[nodiscard]] fskit::FSStatFSResult statistics() { return operations_->volumeStatistics(); }
-    [[nodiscard]] std::string name() const { return volume_->name().data(); }
+    [[nodiscard]] fskit::FSStatFSResult statistics() { return volume_->volumeStatistics(); }
+    [[nodiscard]] std::string name() const {
+        return static_cast<const fskit::FSVolume&>(*volume_).name().data();
+    }
     Outcome<void> setName(std::string_view name);
     /// Whether changes are refused, by request or because the volume allowed no more.
     [[nodiscard]] bool isReadOnly() const;
 
-    /// Capabilities and limits; for anything else the requests above count and check.
-    [[nodiscard]] const fskit::FSVolumeOperations& operations() const { return *operations_; }
+    /// The volume's requests as they are: for hosts that need no more than one of them, and for
+    /// capabilities and limits.
+    [[nodiscard]] TavelinVolume& requests() const noexcept { return *volume_; }
     /// Whether opens and closes are withheld, see FSVolumeOpenCloseOperations.
-    void setOpenCloseInhibited(bool inhibited);
+    void setOpenCloseInhibited(bool inhibited) { volume_->setOpenCloseInhibited(inhibited); }
     /// Items handed out and not reclaimed, the root among them.
-    [[nodiscard]] std::size_t liveItems() const { return items_.size(); }
+    [[nodiscard]] std::size_t liveItems() const { return volume_->liveItems(); }
 
   private:
     // The steps of its life, which are the module host's to take.
@@ -141,21 +135,11 @@ class VolumeClient {
     void unmount();
     Outcome<void> deactivate();
 
-    template<typename Send>
-    Outcome<std::optional<Found>> askForDescribed(std::string_view request, Send&& send);
-    template<typename Send>
-    Outcome<ItemRef> askForItem(std::string_view request, Send&& send);
+    Found take(fskit::FSCreateItemResult result);
+    Found take(fskit::FSLookupItemResult result);
 
-    const std::shared_ptr<fskit::FSVolume> volume_;
-    // The volume's protocols: parts of *volume_; all but the first may be absent.
-    fskit::FSVolumeOperations* const operations_;
-    fskit::FSVolumeReadWriteOperations* const data_;
-    fskit::FSVolumeOpenCloseOperations* const opening_;
-    fskit::FSVolumeRenameOperations* const naming_;
-    fskit::FSVolumeXattrOperations* const xattrs_;
-    ExtendedOperations* const extended_;
-    ItemTable items_;
-    ItemRef root_; // after items_, which it points into
+    const std::shared_ptr<TavelinVolume> volume_;
+    ItemRef root_; // after volume_, which it points into
 };
 
 } // namespace tavelin

@@ -29,7 +29,7 @@ ItemRef at(VolumeClient& volume, const std::string& path) {
 
 void makeFile(VolumeClient& volume, const std::string& path, const Bytes& content) {
     const Location where = locate(volume, path).get();
-    const ItemRef file = volume.create(where.directory, where.name, FSItemType::file).get();
+    const ItemRef file = volume.create(where.directory, where.name, FSItemType::file).get().item;
     if (!content.empty()) {
         volume.write(file, 0, content).get();
     }
@@ -62,8 +62,8 @@ void rename(VolumeClient& volume, const std::string& from, const std::string& to
     const ItemRef item = at(volume, from);
     ItemRef over;
     if (auto existing = volume.lookup(target.directory, target.name)) {
-        if (!(*existing == item)) {
-            over = std::move(*existing);
+        if (!(existing->item == item)) {
+            over = std::move(existing->item);
         }
     }
     volume.rename(item, source.directory, source.name, target.directory, target.name, over).get();

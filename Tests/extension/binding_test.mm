@@ -323,7 +323,7 @@ TEST_F(Binding, ServesSeveralThreads) {
 }
 
 TEST_F(Binding, AnswersExactlyOnceWhateverTheRequestDoes) {
-    using Answerer = Reply<NSNumber *, NSError *>;
+    using Arguments = std::tuple<NSNumber *, NSError *>;
     const auto outcome = [](const auto &request) {
         __block int replies = 0;
         __block int code = 0;
@@ -334,19 +334,11 @@ TEST_F(Binding, AnswersExactlyOnceWhateverTheRequestDoes) {
         serve(reply, request);
         return std::pair(replies, code);
     };
-    EXPECT_EQ(outcome([](Answerer &answer) {
-                  answer(@1, nil);
-                  answer(nil, fs_errorForPOSIXError(kEBUSY));
-              }),
-              std::pair(1, 0));
-    EXPECT_EQ(outcome([](Answerer &) {}), std::pair(1, kEIO));
-    EXPECT_EQ(outcome([](Answerer &) { throw std::bad_alloc(); }), std::pair(1, kENOMEM));
-    EXPECT_EQ(outcome([](Answerer &) { throw 1; }), std::pair(1, kEIO));
-    EXPECT_EQ(outcome([](Answerer &answer) {
-                  answer(@1, nil);
-                  throw std::runtime_error("late");
-              }),
-              std::pair(1, 0));
+    EXPECT_EQ(outcome([] { return Arguments(@1, nil); }), std::pair(1, 0));
+    EXPECT_EQ(outcome([]() -> Arguments { throw std::bad_alloc(); }), std::pair(1, kENOMEM));
+    EXPECT_EQ(outcome([]() -> Arguments { throw 1; }), std::pair(1, kEIO));
+    EXPECT_EQ(outcome([]() -> Arguments { throw std::runtime_error("broken"); }),
+              std::pair(1, kEIO));
 }
 
 } // namespace

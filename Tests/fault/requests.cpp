@@ -65,7 +65,7 @@ const std::vector<Operation>& allRequests() {
                        [](auto& v) {
                            const ItemRef file = at(v, "stable/5");
                            v.open(file, fskit::FSVolumeOpenModesRead).get();
-                           v.close(file, 0).get();
+                           v.close(file, 0);
                        },
                        {},
                        {}});

@@ -77,7 +77,7 @@ class Fallback : public VolumeTest {
         start();
         const Item file = *requests().create(root, "hiberfil.sys");
         EXPECT_EQ(requests().write(file, 0, content).code(), 0);
-        ASSERT_EQ(unload().code(), 0);
+        ASSERT_EQ(unload(), 0);
         static_cast<void>(takeLog());
     }
 
@@ -107,13 +107,13 @@ class Fallback : public VolumeTest {
         EXPECT_EQ(ask.create(root, "new").code(), kEROFS);
         EXPECT_EQ(ask.symlink(root, "new", "file").code(), kEROFS);
         EXPECT_EQ(ask.rename(file, root, "file", root, "new").code(), kEROFS);
-        EXPECT_EQ(ask.remove(file, root, "file").code(), kEROFS);
-        EXPECT_EQ(ask.setXattr(file, "note", "x").code(), kEROFS);
-        EXPECT_EQ(ask.setName("Other").code(), kEROFS);
-        EXPECT_EQ(ask.close(file).code(), 0);
-        EXPECT_EQ(ask.synchronize().code(), 0);
-        EXPECT_EQ(ask.deactivate().code(), 0);
-        EXPECT_EQ(unload().code(), 0);
+        EXPECT_EQ(ask.remove(file, root, "file"), kEROFS);
+        EXPECT_EQ(ask.setXattr(file, "note", "x"), kEROFS);
+        EXPECT_EQ(ask.setName("Other"), kEROFS);
+        ask.close(file);
+        EXPECT_EQ(ask.synchronize(), 0);
+        EXPECT_EQ(ask.deactivate(), 0);
+        EXPECT_EQ(unload(), 0);
         EXPECT_EQ(disk->count(MemoryResource::Call::write), writes_);
         EXPECT_TRUE(disk->bytes == before);
     }
@@ -121,7 +121,7 @@ class Fallback : public VolumeTest {
     void SetUp() override {
         start();
         EXPECT_EQ(*requests().write(*requests().create(root, "file"), 0, "content"), 7u);
-        ASSERT_EQ(unload().code(), 0);
+        ASSERT_EQ(unload(), 0);
         save();
         static_cast<void>(takeLog());
         writes_ = disk->count(MemoryResource::Call::write);
@@ -140,7 +140,7 @@ TEST_F(Fallback, AHibernatedVolumeIsOpenedForReading) {
         reread();
     }
     setHibernationFile(std::string(kPage, '\0')); // how Windows leaves the file when it is awake
-    ASSERT_EQ(load().code(), 0);
+    ASSERT_EQ(load(), 0);
     EXPECT_FALSE(volume().ntfs->readOnly());
 }
 
@@ -152,9 +152,9 @@ TEST_F(Fallback, AFastStartedVolumeIsOpenedForReading) {
 TEST_F(Fallback, AnUncleanJournalIsResetWhenTheVolumeMayBeWritten) {
     setJournal(1, 1, true);
     expectReadOnly(false, {"-r"});
-    ASSERT_EQ(load().code(), 0);
+    ASSERT_EQ(load(), 0);
     EXPECT_FALSE(volume().ntfs->readOnly());
-    EXPECT_EQ(unload().code(), 0);
+    EXPECT_EQ(unload(), 0);
     save();
     EXPECT_TRUE(run({"ntfs-3g.probe", "-w", sample.image().string()}).ok());
 }

@@ -38,23 +38,18 @@ class ModuleTest : public ::testing::Test {
         errorTally().reset();
     }
 
-    auto probe() {
-        return ask<fskit::FSProbeResult>([&](auto reply) { module.probeResource(disk, reply); });
+    fskit::FSProbeResult probe() { return module.probeResource(disk); }
+    std::int64_t load(const Options& options = {}) {
+        return codeOf(module.loadResource(disk, {options}));
     }
-    auto load(const Options& options = {}) {
-        return ask<std::shared_ptr<fskit::FSVolume>>(
-            [&](auto reply) { module.loadResource(disk, {options}, reply); });
-    }
-    auto unload() {
-        return ask<>([&](auto reply) { module.unloadResource(disk, {}, reply); });
-    }
+    std::int64_t unload() { return codeOf(module.unloadResource(disk, {})); }
     // Loads and activates; the volume then answers requests, and `root` is its root.
     void start(const Options& options = {}) {
-        ASSERT_EQ(load(options).code(), 0);
+        ASSERT_EQ(load(options), 0);
         root = *requests().activate();
     }
     TavelinVolume& volume() { return *module.volume; }
-    Requests<TavelinVolume> requests() { return Requests(volume()); }
+    Requests requests() { return Requests(volume()); }
 
     // The events since the last call, one JSON line each, without time and process and with every
     // elapsed time 0.

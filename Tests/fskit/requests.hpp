@@ -1,50 +1,39 @@
-// Requests as calls: each sends one request, checks that it was answered exactly once before it
-// returned, and answers what the handler was given.
+// Requests in short words: what a test says to one volume.
 #pragma once
 
-#include "fskit/api/file_system.hpp"
+#include "fskit/tavelin_volume.hpp"
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <vector>
 
 namespace tavelin::test {
 
 // 0 for success, the POSIX number of a failure, -1 for an error of another domain.
-inline std::int64_t codeOf(const fskit::MaybeError& error) {
+inline std::int64_t codeOf(const std::optional<fskit::Error>& error) {
     return !error ? 0 : error->isPOSIX() ? error->code() : -1;
 }
-
-template<typename... Values>
-struct Answer {
-    std::tuple<Values...> values;
-    fskit::MaybeError error;
-
-    std::int64_t code() const { return codeOf(error); }
-    // The first value, which must be there.
-    const auto& operator*() const {
-        EXPECT_EQ(code(), 0);
-        return std::get<0>(values);
-    }
-};
-
-template<typename... Values, typename Request>
-Answer<Values...> ask(const Request& request) {
-    int answers = 0;
-    Answer<Values...> answer;
-    using Reply = std::function<void(Values..., fskit::MaybeError)>;
-    request(Reply([&](Values... values, fskit::MaybeError error) {
-        ++answers;
-        answer.values = std::tuple<Values...>(std::move(values)...);
-        answer.error = std::move(error);
-    }));
-    EXPECT_EQ(answers, 1);
-    return answer;
+template<typename Value>
+std::int64_t codeOf(const Outcome<Value>& outcome) {
+    return outcome ? 0 : codeOf(std::optional(outcome.error()));
 }
+
+// An outcome that a test may take for granted.
+template<typename Value>
+struct Answer {
+    Outcome<Value> outcome;
+
+    std::int64_t code() const { return codeOf(outcome); }
+    const Value& operator*() const {
+        EXPECT_EQ(code(), 0);
+        return *outcome;
+    }
+    const Value* operator->() const { return &**this; }
+};
+template<typename Value>
+Answer(Outcome<Value>) -> Answer<Value>;
 
 struct Entry {
     std::string name;
@@ -88,128 +77,103 @@ inline std::span<const std::byte> bytesOf(std::string_view text) {
     return std::as_bytes(std::span(text));
 }
 
-// What a test says to one volume.
-template<typename Volume>
+inline Outcome<fskit::FSItemRef> itemOf(const Outcome<fskit::FSLookupItemResult>& found) {
+    return found ? Outcome(found->foundItem) : found.error();
+}
+inline Outcome<fskit::FSItemRef> itemOf(const Outcome<fskit::FSCreateItemResult>& made) {
+    return made ? Outcome(made->newItem) : made.error();
+}
+
 class Requests {
   public:
     using Item = fskit::FSItemRef;
     using Name = fskit::FSFileName;
-    using Named = std::optional<Name>;
 
-    explicit Requests(Volume& volume) : volume_(volume) {}
+    explicit Requests(TavelinVolume& volume) : volume_(volume) {}
 
-    auto lookup(const Item& directory, std::string_view name) {
-        return ask<Item, Name>(
-            [&](auto reply) { volume_.lookupItem(Name(name), directory, reply); });
+    Answer<Item> lookup(const Item& directory, std::string_view name) {
+        return {itemOf(volume_.lookupItem(Name(name), directory))};
     }
-    auto create(const Item& directory, std::string_view name,
-                fskit::FSItemType type = fskit::FSItemType::file,
-                fskit::FSItemSetAttributesRequest&& attributes = {}) {
+    Answer<Item> create(const Item& directory, std::string_view name,
+                        fskit::FSItemType type = fskit::FSItemType::file,
+                        fskit::FSItemSetAttributesRequest&& attributes = {}) {
         return create(directory, name, type, attributes);
     }
-    auto create(const Item& directory, std::string_view name, fskit::FSItemType type,
-                fskit::FSItemSetAttributesRequest& attributes) {
-        return ask<Item, Name>([&](auto reply) {
-            volume_.createItem(Name(name), type, directory, attributes, reply);
-        });
+    Answer<Item> create(const Item& directory, std::string_view name, fskit::FSItemType type,
+                        fskit::FSItemSetAttributesRequest& attributes) {
+        return {itemOf(volume_.createItem(Name(name), type, directory, attributes))};
     }
-    auto symlink(const Item& directory, std::string_view name, std::string_view target,
-                 fskit::FSItemSetAttributesRequest&& attributes = {}) {
-        return ask<Item, Name>([&](auto reply) {
-            volume_.createSymbolicLink(Name(name), directory, attributes, Name(target), reply);
-        });
+    Answer<Item> symlink(const Item& directory, std::string_view name, std::string_view target) {
+        fskit::FSItemSetAttributesRequest none;
+        return {itemOf(volume_.createSymbolicLink(Name(name), directory, none, Name(target)))};
     }
     auto link(const Item& item, const Item& directory, std::string_view name) {
-        return ask<Named>(
-            [&](auto reply) { volume_.createLink(item, Name(name), directory, reply); });
+        return Answer{volume_.createLink(item, Name(name), directory)};
     }
-    auto readlink(const Item& item) {
-        return ask<Named>([&](auto reply) { volume_.readSymbolicLink(item, reply); });
-    }
-    auto remove(const Item& item, const Item& directory, std::string_view name) {
-        return ask<>([&](auto reply) { volume_.removeItem(item, Name(name), directory, reply); });
+    auto readlink(const Item& item) { return Answer{volume_.readSymbolicLink(item)}; }
+    std::int64_t remove(const Item& item, const Item& directory, std::string_view name) {
+        return codeOf(volume_.removeItem(item, Name(name), directory));
     }
     auto rename(const Item& item, const Item& from, std::string_view name, const Item& to,
                 std::string_view newName, const Item& over = nullptr) {
-        return ask<Named>([&](auto reply) {
-            volume_.renameItem(item, from, Name(name), Name(newName), to, over, reply);
-        });
+        return Answer{volume_.renameItem(item, from, Name(name), Name(newName), to, over)};
     }
-    auto attributes(const Item& item) {
-        return ask<std::optional<fskit::FSItemAttributes>>(
-            [&](auto reply) { volume_.getAttributes({}, item, reply); });
-    }
+    auto attributes(const Item& item) { return Answer{volume_.getAttributes({}, item)}; }
     auto setAttributes(const Item& item, fskit::FSItemSetAttributesRequest& changes) {
-        return ask<std::optional<fskit::FSItemAttributes>>(
-            [&](auto reply) { volume_.setAttributes(changes, item, reply); });
+        return Answer{volume_.setAttributes(changes, item)};
     }
     auto list(const Item& directory, Page& page, fskit::FSDirectoryCookie cookie = 0,
               fskit::FSDirectoryVerifier verifier = 0, bool withAttributes = false) {
         const fskit::FSItemGetAttributesRequest wanted;
-        return ask<fskit::FSDirectoryVerifier>([&](auto reply) {
-            volume_.enumerateDirectory(directory, cookie, verifier,
-                                       withAttributes ? &wanted : nullptr, page, reply);
-        });
+        return Answer{volume_.enumerateDirectory(directory, cookie, verifier,
+                                                 withAttributes ? &wanted : nullptr, page)};
     }
-    // The bytes read as text, in second place.
-    auto read(const Item& item, std::int64_t offset, std::size_t length,
-              std::size_t room = 1 << 20) {
+    // The bytes read, as text.
+    Answer<std::string> read(const Item& item, std::int64_t offset, std::size_t length,
+                             std::size_t room = 1 << 20) {
         std::string text(room, '\0');
         fskit::FSMutableFileDataBuffer buffer(std::as_writable_bytes(std::span(text)));
-        const auto counted = ask<std::size_t>(
-            [&](auto reply) { volume_.read(item, offset, length, buffer, reply); });
-        text.resize(std::get<0>(counted.values));
-        return Answer<std::string>{{text}, counted.error};
+        const auto count = volume_.read(item, offset, length, buffer);
+        if (!count) {
+            return {count.error()};
+        }
+        text.resize(*count);
+        return {text};
     }
     auto write(const Item& item, std::int64_t offset, std::string_view text) {
-        return ask<std::size_t>(
-            [&](auto reply) { volume_.write(bytesOf(text), item, offset, reply); });
+        return Answer{volume_.write(bytesOf(text), item, offset)};
     }
     auto xattr(const Item& item, std::string_view name) {
-        return ask<std::vector<std::byte>>(
-            [&](auto reply) { volume_.getXattr(Name(name), item, reply); });
+        return Answer{volume_.getXattr(Name(name), item)};
     }
-    auto setXattr(const Item& item, std::string_view name, std::optional<std::string_view> value,
-                  fskit::FSSetXattrPolicy policy = fskit::FSSetXattrPolicy::alwaysSet) {
+    std::int64_t setXattr(const Item& item, std::string_view name,
+                          std::optional<std::string_view> value,
+                          fskit::FSSetXattrPolicy policy = fskit::FSSetXattrPolicy::alwaysSet) {
         const auto bytes = value ? std::optional(bytesOf(*value)) : std::nullopt;
-        return ask<>([&](auto reply) { volume_.setXattr(Name(name), bytes, item, policy, reply); });
+        return codeOf(volume_.setXattr(Name(name), bytes, item, policy));
     }
-    auto xattrs(const Item& item) {
-        return ask<std::vector<Name>>([&](auto reply) { volume_.listXattrs(item, reply); });
+    auto xattrs(const Item& item) { return Answer{volume_.listXattrs(item)}; }
+    std::int64_t open(const Item& item) {
+        return codeOf(volume_.openItem(item, fskit::FSVolumeOpenModesRead));
     }
-    auto open(const Item& item) {
-        return ask<>(
-            [&](auto reply) { volume_.openItem(item, fskit::FSVolumeOpenModesRead, reply); });
+    void close(const Item& item, fskit::FSVolumeOpenModes left = 0) {
+        volume_.closeItem(item, left);
     }
-    auto close(const Item& item, fskit::FSVolumeOpenModes left = 0) {
-        return ask<>([&](auto reply) { volume_.closeItem(item, left, reply); });
-    }
-    auto reclaim(const Item& item) {
-        return ask<>([&](auto reply) { volume_.reclaimItem(item, reply); });
-    }
+    void reclaim(const Item& item) { volume_.reclaimItem(item); }
     auto activate(const std::vector<std::string>& options = {}) {
-        return ask<Item>([&](auto reply) { volume_.activate({options}, reply); });
+        return Answer{volume_.activate({options})};
     }
-    auto mount() {
-        return ask<>([&](auto reply) { volume_.mount({}, reply); });
+    void unmount() { volume_.unmount(); }
+    std::int64_t synchronize(fskit::FSSyncFlags flags = fskit::FSSyncFlags::wait) {
+        return codeOf(volume_.synchronize(flags));
     }
-    void unmount() {
-        int answers = 0;
-        volume_.unmount([&] { ++answers; });
-        EXPECT_EQ(answers, 1);
-    }
-    auto synchronize(fskit::FSSyncFlags flags = fskit::FSSyncFlags::wait) {
-        return ask<>([&](auto reply) { volume_.synchronize(flags, reply); });
-    }
-    auto deactivate() {
-        return ask<>([&](auto reply) { volume_.deactivate(0, reply); });
-    }
-    auto setName(std::string_view name) {
-        return ask<Named>([&](auto reply) { volume_.setVolumeName(Name(name), reply); });
+    std::int64_t deactivate() { return codeOf(volume_.deactivate(0)); }
+    std::int64_t setName(std::string_view name) {
+        return codeOf(volume_.setVolumeName(Name(name)));
     }
 
   private:
-    Volume& volume_;
+    TavelinVolume& volume_;
 };
 
 } // namespace tavelin::test

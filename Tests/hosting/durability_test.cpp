@@ -40,7 +40,7 @@ TEST(LostDevice, IsReportedByEveryRequestAndTheDiagnostics) {
     host.open();
     const auto logStart = events().read(0).offset;
     {
-        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get();
+        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get().item;
         image->revoke();
         (void)host.volume().write(file, 0, kContent);
         for (int i = 0; i < 30; ++i) {
@@ -76,7 +76,7 @@ TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
     };
     host.open();
     {
-        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get();
+        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get().item;
         const auto write = [&] { (void)host.volume().write(file, 0, kContent).get(); };
         write();
         calls.clear();

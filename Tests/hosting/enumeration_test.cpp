@@ -40,9 +40,9 @@ class EnumerationTest : public ::testing::TestWithParam<std::size_t> {
     static ItemRef directoryOf(std::size_t count) {
         const std::string name = std::to_string(count);
         if (auto found = volume().lookup(volume().root(), name)) {
-            return std::move(*found);
+            return std::move(found->item);
         }
-        ItemRef made = volume().create(volume().root(), name, Type::directory).get();
+        ItemRef made = volume().create(volume().root(), name, Type::directory).get().item;
         for (std::size_t i = 0; i < count; ++i) {
             volume().create(made, entryName(i), i % 3 == 0 ? Type::directory : Type::file).get();
         }

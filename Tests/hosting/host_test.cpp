@@ -1,18 +1,19 @@
-// The module host's own promises: exactly one answer, one reclaim for each item, withheld opens,
-// reasons in words, paths, and the resource over an image.
+// The module host's own promises: steps in turn, one reclaim for each item, withheld opens, reasons
+// in words, paths, and the resource over an image.
 
 #include "own_group.hpp"
 
 #include "diagnostics/op_counter.hpp"
 #include "hosting/module_host.hpp"
 #include "hosting/paths.hpp"
-#include "hosting/reply_slot.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/sample_volume.hpp"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 namespace tavelin::test {
 
@@ -25,105 +26,83 @@ std::int64_t codeOf(const Outcome<Value>& outcome) {
     return outcome ? 0 : outcome.error().code();
 }
 
-// A module that answers its probe as often as it is told to.
+// A module that ends its tasks twice.
 class MisansweringModule final : public fskit::FSUnaryFileSystem {
   public:
-    explicit MisansweringModule(int answers) : answers_(answers) {}
-    void probeResource(const fskit::FSResourceRef&, const fskit::ProbeReply& reply) override {
-        for (int i = 0; i < answers_; ++i) {
-            reply(fskit::FSProbeResult::notRecognized(), std::nullopt);
-        }
+    fskit::FSProbeResult probeResource(const fskit::FSResourceRef&) override { return {}; }
+    Outcome<std::shared_ptr<fskit::FSVolume>> loadResource(const fskit::FSResourceRef&,
+                                                           const fskit::FSTaskOptions&) override {
+        return std::shared_ptr<fskit::FSVolume>();
     }
-    void loadResource(const fskit::FSResourceRef&, const fskit::FSTaskOptions&,
-                      const fskit::VolumeReply&) override {}
-    void unloadResource(const fskit::FSResourceRef&, const fskit::FSTaskOptions&,
-                        const fskit::ErrorReply&) override {}
-    std::shared_ptr<fskit::NSProgress> startCheck(const std::shared_ptr<fskit::FSTask>& task,
-                                                  const fskit::FSTaskOptions&) override {
+    Outcome<void> unloadResource(const fskit::FSResourceRef&,
+                                 const fskit::FSTaskOptions&) override {
+        return {};
+    }
+    Outcome<std::shared_ptr<fskit::NSProgress>>
+    startCheck(const std::shared_ptr<fskit::FSTask>& task, const fskit::FSTaskOptions&) override {
         task->didComplete(std::nullopt);
         task->didComplete(std::nullopt);
-        return nullptr;
+        return std::shared_ptr<fskit::NSProgress>();
     }
-    std::shared_ptr<fskit::NSProgress> startFormat(const std::shared_ptr<fskit::FSTask>&,
-                                                   const fskit::FSTaskOptions&) override {
-        return nullptr;
+    Outcome<std::shared_ptr<fskit::NSProgress>> startFormat(const std::shared_ptr<fskit::FSTask>&,
+                                                            const fskit::FSTaskOptions&) override {
+        return std::shared_ptr<fskit::NSProgress>();
     }
-
-  private:
-    const int answers_;
 };
 
-TEST(ModuleHostDeathTest, StopsWhenARequestIsNotAnsweredExactlyOnce) {
+TEST(ModuleHostDeathTest, StopsOnAModuleOrAHostOutOfOrder) {
     const SampleVolume sample;
-    const auto image = std::make_shared<ImageResource>(sample.image());
-    const auto host = [&](int answers) {
-        return std::make_unique<ModuleHost>(image, std::make_unique<MisansweringModule>(answers));
-    };
-    EXPECT_EQ(host(1)->probe().get().result, fskit::FSMatchResult::notRecognized);
-    EXPECT_DEATH((void)host(0)->probe(), "probeResource was not answered");
-    EXPECT_DEATH((void)host(2)->probe(), "probeResource was answered twice");
-    EXPECT_DEATH((void)host(1)->check({}), "completed twice");
-    EXPECT_DEATH((void)host(1)->load({}), "loadResource was not answered");
-    EXPECT_DEATH((void)host(1)->unload(), "out of turn: unload");
+    ModuleHost host(std::make_shared<ImageResource>(sample.image()),
+                    std::make_unique<MisansweringModule>());
+    EXPECT_DEATH((void)host.check({}), "completed twice");
+    EXPECT_DEATH((void)host.load({}), "a volume of another file system");
+    EXPECT_DEATH((void)host.unload(), "out of turn: unload");
 }
 
-TEST(ItemTable, ReclaimsOnceAndNeverUnderAHandOutThatMayHoldTheItem) {
-    std::vector<const fskit::FSItem*> reclaimed;
-    ItemTable table([&](const fskit::FSItemRef& item) { reclaimed.push_back(item.get()); });
-    const auto a = std::make_shared<fskit::FSItem>();
-    const auto b = std::make_shared<fskit::FSItem>();
-    using Reclaimed = std::vector<const fskit::FSItem*>;
-    const auto take = [&](const fskit::FSItemRef& item) {
-        return ItemTable::InFlightLookup(table).take(item);
-    };
+TEST(ItemRef, ReclaimsWithTheLastReferenceAndNeverUnderALookup) {
+    const SampleVolume sample;
+    const auto host = ModuleHost::openImage(sample.image());
+    VolumeClient& volume = host->volume();
+    (void)volume.create(volume.root(), "f", Type::file).get();
+    EXPECT_EQ(volume.liveItems(), 1u);
     {
-        ItemRef first = take(a);
-        const ItemRef second = take(a);
+        ItemRef first = volume.lookup(volume.root(), "f").get().item;
+        const ItemRef second = volume.lookup(volume.root(), "f").get().item;
         const ItemRef third = first.duplicate();
         EXPECT_TRUE(first == second && second == third);
         first = ItemRef();
-        EXPECT_EQ(table.size(), 1u);
+        EXPECT_EQ(volume.liveItems(), 2u);
     }
-    EXPECT_EQ(reclaimed, Reclaimed{a.get()});
-    reclaimed.clear();
+    EXPECT_EQ(volume.liveItems(), 1u);
 
-    // Dropped while a request that began before may carry it: taken up, it lives on.
-    std::optional<ItemTable::InFlightLookup> running(std::in_place, table);
-    { const ItemRef dropped = take(a); }
-    EXPECT_EQ(reclaimed, Reclaimed{});
-    {
-        const ItemRef again = running->take(a);
-        running.reset();
-        EXPECT_EQ(reclaimed, Reclaimed{});
+    // What two threads hold at the same time is the same item, whatever is reclaimed in between.
+    std::atomic<int> different = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 500; ++round) {
+                const ItemRef first = volume.lookup(volume.root(), "f").get().item;
+                const ItemRef second = volume.lookup(volume.root(), "f").get().item;
+                different += first == second ? 0 : 1;
+            }
+        });
     }
-    EXPECT_EQ(reclaimed, Reclaimed{a.get()});
-    reclaimed.clear();
-
-    // Dropped a second time, it waits for what runs at that time, not at the first.
-    std::optional<ItemTable::InFlightLookup> early(std::in_place, table);
-    { const ItemRef dropped = take(a); }
-    std::optional<ItemTable::InFlightLookup> late(std::in_place, table);
-    { const ItemRef dropped = take(a); }
-    early.reset();
-    EXPECT_EQ(reclaimed, Reclaimed{});
-    late.reset();
-    EXPECT_EQ(reclaimed, Reclaimed{a.get()});
-    reclaimed.clear();
-
-    const ItemRef held = take(b);
-    table.reclaimAll();
-    EXPECT_EQ(reclaimed, Reclaimed{b.get()});
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(different, 0);
+    EXPECT_EQ(volume.liveItems(), 1u);
 }
 
 TEST(ModuleHost, WithholdsOpensAndClosesWhileTheVolumeInhibitsThem) {
     const SampleVolume sample;
     const auto host = ModuleHost::openImage(sample.image());
     VolumeClient& volume = host->volume();
-    const ItemRef file = volume.create(volume.root(), "f", Type::file).get();
+    const ItemRef file = volume.create(volume.root(), "f", Type::file).get().item;
     (void)OpCounter::shared().dumpAndReset();
     const auto openAndClose = [&] {
         EXPECT_TRUE(volume.open(file, fskit::FSVolumeOpenModesRead));
-        EXPECT_TRUE(volume.close(file, 0));
+        volume.close(file, 0);
         return OpCounter::shared().dumpAndReset();
     };
     EXPECT_EQ(openAndClose().find("Item"), std::string::npos);
@@ -238,9 +217,9 @@ TEST(Paths, AWalkEndsWhereADirectoryIsInsideItself) {
         ModuleHost host(std::make_shared<ImageResource>(sample.image()));
         host.open();
         VolumeClient& volume = host.volume();
-        const ItemRef outer = volume.create(volume.root(), "outer", Type::directory).get();
+        const ItemRef outer = volume.create(volume.root(), "outer", Type::directory).get().item;
         number = volume.attributes(outer).get().fileID();
-        const ItemRef inner = volume.create(outer, "inner", Type::directory).get();
+        const ItemRef inner = volume.create(outer, "inner", Type::directory).get().item;
         below = volume.attributes(inner).get().fileID();
     }
 

@@ -66,7 +66,7 @@ void System::reload() {
 ItemRef System::walk(const std::string& path) {
     ItemRef item = volume().root().duplicate();
     for (const std::string& name : pathComponents(path)) {
-        item = volume().lookup(item, name).get();
+        item = volume().lookup(item, name).get().item;
     }
     return item;
 }
@@ -79,7 +79,7 @@ Answer System::apply(const Operation& op) {
             fskit::FSItemSetAttributesRequest attributes;
             attributes.setSize(static_cast<std::uint64_t>(op.other));
             attributes.setFlags(op.number != 0 ? kHidden : 0);
-            volume().create(walk(directory), name, fskit::FSItemType::file, attributes).get();
+            volume().create(walk(directory), name, fskit::FSItemType::file, attributes).get().item;
             return {};
         }
         case Verb::mkdir:
@@ -90,7 +90,7 @@ Answer System::apply(const Operation& op) {
             return {};
         case Verb::remove: {
             const ItemRef parent = walk(directory);
-            const ItemRef item = volume().lookup(parent, name).get();
+            const ItemRef item = volume().lookup(parent, name).get().item;
             volume().remove(item, parent, name).get();
             return {};
         }
@@ -115,11 +115,11 @@ void System::rename(const Operation& op) {
     const auto [fromPath, fromName] = splitPath(op.path);
     const auto [toPath, toName] = splitPath(op.text);
     const ItemRef from = walk(fromPath);
-    const ItemRef item = volume().lookup(from, fromName).get();
+    const ItemRef item = volume().lookup(from, fromName).get().item;
     const ItemRef to = walk(toPath);
     auto over = volume().lookup(to, toName);
     ItemRef none;
-    volume().rename(item, from, fromName, to, toName, over ? *over : none).get();
+    volume().rename(item, from, fromName, to, toName, over ? over->item : none).get();
 }
 
 Answer System::onItem(const Operation& op) {

@@ -1,5 +1,5 @@
-/// How a mount that was refused goes on: with a name for the error, or once more read-only. Pure but
-/// for what `open` does; any thread.
+/// How a mount that was refused goes on: with a name for the error, or once more read-only. Pure
+/// but for what `open` does; any thread.
 #pragma once
 
 #include "core/ntfs_error.hpp"

@@ -58,6 +58,9 @@ class FSItem {
     virtual ~FSItem() = default;
     FSItem(const FSItem&) = delete;
     FSItem& operator=(const FSItem&) = delete;
+
+    /// A host's own mark on an item that it was handed. The volume never touches it.
+    void* hostData = nullptr;
 };
 
 /// Where the bytes of a file are.
@@ -83,7 +86,6 @@ class FSItemAttributes {
         return (valid_ & attributes) == attributes;
     }
     FSItemAttributeSet validAttributes() const noexcept { return valid_; }
-    void invalidateAllProperties() noexcept { *this = FSItemAttributes(); }
 
     FSItemType type() const noexcept { return type_; }
     std::uint32_t mode() const noexcept { return mode_; }
@@ -179,18 +181,10 @@ class FSItemAttributes {
 class FSItemSetAttributesRequest : public FSItemAttributes {
   public:
     FSItemAttributeSet consumedAttributes = 0;
-
-    bool wasAttributeConsumed(FSItemAttributeSet attribute) const noexcept {
-        return (consumedAttributes & attribute) == attribute;
-    }
 };
 
 struct FSItemGetAttributesRequest {
     FSItemAttributeSet wantedAttributes = 0;
-
-    bool isAttributeWanted(FSItemAttributeSet attribute) const noexcept {
-        return (wantedAttributes & attribute) == attribute;
-    }
 };
 
 } // namespace fskit

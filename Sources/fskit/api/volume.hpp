@@ -1,10 +1,11 @@
 /// A mounted volume and the requests that a host sends it.
 ///
-/// Requests come on threads of the host's choosing, several at once. Each answers its reply handler
-/// exactly once, before it returns or later, from any thread. On failure the error is set and the
-/// values are to be ignored; on success the error is absent and items and names are set.
+/// Requests come on threads of the host's choosing, several at once. Each is carried out and
+/// answered before it returns: an Outcome holds the value or the error. Sizes and offsets are
+/// bytes.
 ///
-/// An absent (null) item is answered ENOENT where a request says that it takes one.
+/// A request that takes an item answers ENOENT for an absent (null) one, and ESTALE for an item
+/// whose file is gone. An item that a request hands out is the host's until the host reclaims it.
 #pragma once
 
 #include "fskit/api/directory.hpp"
@@ -13,13 +14,13 @@
 #include "fskit/api/file_data_buffer.hpp"
 #include "fskit/api/file_name.hpp"
 #include "fskit/api/item.hpp"
+#include "fskit/api/outcome.hpp"
 #include "fskit/api/task.hpp"
 #include "fskit/api/volume_types.hpp"
 #include "platform/mutex.hpp"
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -28,18 +29,21 @@
 namespace fskit {
 
 using FSItemRef = std::shared_ptr<FSItem>;
-using MaybeError = std::optional<Error>;
 
-using ErrorReply = std::function<void(const MaybeError&)>;
-using ItemReply = std::function<void(FSItemRef, const MaybeError&)>;
-using NamedItemReply = std::function<void(FSItemRef, const FSFileName&, const MaybeError&)>;
-using NameReply = std::function<void(const std::optional<FSFileName>&, const MaybeError&)>;
-using AttributesReply =
-    std::function<void(const std::optional<FSItemAttributes>&, const MaybeError&)>;
-using VerifierReply = std::function<void(FSDirectoryVerifier, const MaybeError&)>;
-using CountReply = std::function<void(std::size_t, const MaybeError&)>;
-using DataReply = std::function<void(std::vector<std::byte>, const MaybeError&)>;
-using NamesReply = std::function<void(std::vector<FSFileName>, const MaybeError&)>;
+/// What a lookup found: the item, its name as the volume stores it, and its attributes, all read
+/// without another change in between.
+struct FSLookupItemResult {
+    FSItemRef foundItem;
+    FSFileName itemName;
+    FSItemAttributes itemAttributes;
+};
+
+/// The same of what a request made.
+struct FSCreateItemResult {
+    FSItemRef newItem;
+    FSFileName newItemName;
+    FSItemAttributes newItemAttributes;
+};
 
 /// Base of all volumes: identity and name.
 class FSVolume {
@@ -85,50 +89,58 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
     /// Read by the host after the reply to mount: read-only for a volume that takes no changes.
     virtual FSMountOptions requestedMountOptions() const { return 0; }
 
-    virtual void activate(const FSTaskOptions& options, const ItemReply& reply) = 0;
-    virtual void mount(const FSTaskOptions& options, const ErrorReply& reply) = 0;
-    virtual void unmount(const std::function<void()>& reply) = 0;
-    virtual void synchronize(FSSyncFlags flags, const ErrorReply& reply) = 0;
-    virtual void deactivate(FSDeactivateOptions options, const ErrorReply& reply) = 0;
+    /// Answers the root directory.
+    virtual Outcome<FSItemRef> activate(const FSTaskOptions& options) = 0;
+    virtual Outcome<void> mount(const FSTaskOptions& options) = 0;
+    virtual void unmount() = 0;
+    virtual Outcome<void> synchronize(FSSyncFlags flags) = 0;
+    virtual Outcome<void> deactivate(FSDeactivateOptions options) = 0;
 
-    virtual void getAttributes(const FSItemGetAttributesRequest& desired, const FSItemRef& item,
-                               const AttributesReply& reply) = 0;
-    virtual void setAttributes(FSItemSetAttributesRequest& changes, const FSItemRef& item,
-                               const AttributesReply& reply) = 0;
-    virtual void lookupItem(const FSFileName& name, const FSItemRef& directory,
-                            const NamedItemReply& reply) = 0;
-    virtual void reclaimItem(const FSItemRef& item, const ErrorReply& reply) = 0;
-    virtual void readSymbolicLink(const FSItemRef& item, const NameReply& reply) = 0;
-    virtual void createItem(const FSFileName& name, FSItemType type, const FSItemRef& directory,
-                            FSItemSetAttributesRequest& attributes,
-                            const NamedItemReply& reply) = 0;
-    virtual void createSymbolicLink(const FSFileName& name, const FSItemRef& directory,
-                                    FSItemSetAttributesRequest& attributes,
-                                    const FSFileName& linkContents,
-                                    const NamedItemReply& reply) = 0;
-    virtual void createLink(const FSItemRef& item, const FSFileName& name,
-                            const FSItemRef& directory, const NameReply& reply) = 0;
-    virtual void removeItem(const FSItemRef& item, const FSFileName& name,
-                            const FSItemRef& directory, const ErrorReply& reply) = 0;
+    virtual Outcome<FSItemAttributes> getAttributes(const FSItemGetAttributesRequest& desired,
+                                                    const FSItemRef& item) = 0;
+    /// Answers the attributes as they are then. `changes` tells which were applied, also when a
+    /// later one failed.
+    virtual Outcome<FSItemAttributes> setAttributes(FSItemSetAttributesRequest& changes,
+                                                    const FSItemRef& item) = 0;
+    virtual Outcome<FSLookupItemResult> lookupItem(const FSFileName& name,
+                                                   const FSItemRef& directory) = 0;
+    /// Takes an item back that was handed out; an absent one is ignored.
+    virtual void reclaimItem(const FSItemRef& item) = 0;
+    virtual Outcome<FSFileName> readSymbolicLink(const FSItemRef& item) = 0;
+    virtual Outcome<FSCreateItemResult> createItem(const FSFileName& name, FSItemType type,
+                                                   const FSItemRef& directory,
+                                                   FSItemSetAttributesRequest& attributes) = 0;
+    virtual Outcome<FSCreateItemResult> createSymbolicLink(const FSFileName& name,
+                                                           const FSItemRef& directory,
+                                                           FSItemSetAttributesRequest& attributes,
+                                                           const FSFileName& linkContents) = 0;
+    /// Answers the name as it was stored, as renameItem() does.
+    virtual Outcome<FSFileName> createLink(const FSItemRef& item, const FSFileName& name,
+                                           const FSItemRef& directory) = 0;
+    virtual Outcome<void> removeItem(const FSItemRef& item, const FSFileName& name,
+                                     const FSItemRef& directory) = 0;
     /// `overItem` is the item being replaced, null when there is none.
-    virtual void renameItem(const FSItemRef& item, const FSItemRef& sourceDirectory,
-                            const FSFileName& sourceName, const FSFileName& destinationName,
-                            const FSItemRef& destinationDirectory, const FSItemRef& overItem,
-                            const NameReply& reply) = 0;
+    virtual Outcome<FSFileName> renameItem(const FSItemRef& item, const FSItemRef& sourceDirectory,
+                                           const FSFileName& sourceName,
+                                           const FSFileName& destinationName,
+                                           const FSItemRef& destinationDirectory,
+                                           const FSItemRef& overItem) = 0;
     /// `attributes` null asks for a plain listing with "." and "..", otherwise they are left out.
-    virtual void enumerateDirectory(const FSItemRef& directory, FSDirectoryCookie startingAt,
-                                    FSDirectoryVerifier verifier,
-                                    const FSItemGetAttributesRequest* attributes,
-                                    FSDirectoryEntryPacker& packer, const VerifierReply& reply) = 0;
+    /// Answers the verifier to pass with the next cookie.
+    virtual Outcome<FSDirectoryVerifier>
+    enumerateDirectory(const FSItemRef& directory, FSDirectoryCookie startingAt,
+                       FSDirectoryVerifier verifier, const FSItemGetAttributesRequest* attributes,
+                       FSDirectoryEntryPacker& packer) = 0;
 };
 
 class FSVolumeReadWriteOperations {
   public:
     virtual ~FSVolumeReadWriteOperations() = default;
-    virtual void read(const FSItemRef& item, std::int64_t offset, std::size_t length,
-                      FSMutableFileDataBuffer& buffer, const CountReply& reply) = 0;
-    virtual void write(std::span<const std::byte> contents, const FSItemRef& item,
-                       std::int64_t offset, const CountReply& reply) = 0;
+    /// Both answer the bytes that were transferred.
+    virtual Outcome<std::size_t> read(const FSItemRef& item, std::int64_t offset,
+                                      std::size_t length, FSMutableFileDataBuffer& buffer) = 0;
+    virtual Outcome<std::size_t> write(std::span<const std::byte> contents, const FSItemRef& item,
+                                       std::int64_t offset) = 0;
 };
 
 class FSVolumeOpenCloseOperations {
@@ -137,30 +149,27 @@ class FSVolumeOpenCloseOperations {
     /// While true the host sends neither opens nor closes.
     virtual bool isOpenCloseInhibited() const = 0;
     virtual void setOpenCloseInhibited(bool inhibited) = 0;
-    virtual void openItem(const FSItemRef& item, FSVolumeOpenModes modes,
-                          const ErrorReply& reply) = 0;
-    /// `modes` are those that remain; none means the last close.
-    virtual void closeItem(const FSItemRef& item, FSVolumeOpenModes modes,
-                           const ErrorReply& reply) = 0;
+    virtual Outcome<void> openItem(const FSItemRef& item, FSVolumeOpenModes modes) = 0;
+    /// `modes` are those that remain; none means the last close. Never fails.
+    virtual void closeItem(const FSItemRef& item, FSVolumeOpenModes modes) = 0;
 };
 
 class FSVolumeRenameOperations {
   public:
     virtual ~FSVolumeRenameOperations() = default;
-    virtual void setVolumeName(const FSFileName& name, const NameReply& reply) = 0;
+    virtual Outcome<FSFileName> setVolumeName(const FSFileName& name) = 0;
 };
 
 class FSVolumeXattrOperations {
   public:
     virtual ~FSVolumeXattrOperations() = default;
-    virtual void getXattr(const FSFileName& name, const FSItemRef& item,
-                          const DataReply& reply) = 0;
+    virtual Outcome<std::vector<std::byte>> getXattr(const FSFileName& name,
+                                                     const FSItemRef& item) = 0;
     /// An absent value is an empty one.
-    virtual void setXattr(const FSFileName& name,
-                          const std::optional<std::span<const std::byte>>& value,
-                          const FSItemRef& item, FSSetXattrPolicy policy,
-                          const ErrorReply& reply) = 0;
-    virtual void listXattrs(const FSItemRef& item, const NamesReply& reply) = 0;
+    virtual Outcome<void> setXattr(const FSFileName& name,
+                                   const std::optional<std::span<const std::byte>>& value,
+                                   const FSItemRef& item, FSSetXattrPolicy policy) = 0;
+    virtual Outcome<std::vector<FSFileName>> listXattrs(const FSItemRef& item) = 0;
 };
 
 } // namespace fskit

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "fskit/api/item.hpp"
-#include "hosting/outcome.hpp"
+#include "fskit/api/outcome.hpp"
 
 #include <stdexcept>
 #include <string>

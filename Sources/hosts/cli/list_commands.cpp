@@ -159,7 +159,7 @@ class Lister {
                 continue;
             }
             const std::string below = joined(path == "/" ? "" : path, entry.name);
-            const ItemRef child = valueOf(volume_.lookup(directory, entry.name), below);
+            const ItemRef child = valueOf(volume_.lookup(directory, entry.name), below).item;
             listDirectory(below, child, true);
         }
     }
@@ -195,11 +195,11 @@ class Lister {
     /// Absent for a target that cannot be read: one damaged link does not spoil a listing.
     std::optional<std::string> linkTarget(const ItemRef& directory, const std::string& name,
                                           const fskit::FSItemAttributes& attributes) {
-        const auto item = volume_.lookup(directory, name);
-        if (!item) {
+        const auto link = volume_.lookup(directory, name);
+        if (!link) {
             return std::nullopt;
         }
-        const auto text = volume_.readSymbolicLink(*item);
+        const auto text = volume_.readSymbolicLink(link->item);
         return text ? std::optional(shownTarget(*text, attributes)) : std::nullopt;
     }
 

@@ -85,8 +85,7 @@ bool isBelow(const std::string& path, const std::string& directory) {
 
 void moveOne(VolumeClient& volume, const std::string& source, const std::string& target) {
     const Location from = valueOf(locate(volume, source), source);
-    const Found moved =
-        valueOf(volume.withAttributes(volume.lookup(from.directory, from.name)), source);
+    const Found moved = valueOf(volume.lookup(from.directory, from.name), source);
 
     Location to;
     auto directory = resolve(volume, target);
@@ -98,11 +97,11 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
     }
     ItemRef over;
     if (auto there = volume.lookup(to.directory, to.name)) {
-        if (*there == moved.item && to.name == from.name && to.directory == from.directory) {
+        if (there->item == moved.item && to.name == from.name && to.directory == from.directory) {
             throw Failure(escaped(source) + ": is there already");
         }
         // A change of case replaces nothing.
-        over = *there == moved.item ? ItemRef() : std::move(*there);
+        over = there->item == moved.item ? ItemRef() : std::move(there->item);
     }
     const auto renamed =
         volume.rename(moved.item, from.directory, from.name, to.directory, to.name, over);

@@ -29,7 +29,7 @@ void empty(VolumeClient& volume, const ItemRef& directory, const std::string& pa
     }
     for (const DirectoryEntry& entry : valueOf(volume.list(directory, false), path)) {
         const std::string below = joined(path, entry.name);
-        const ItemRef item = valueOf(volume.lookup(directory, entry.name), below);
+        const ItemRef item = valueOf(volume.lookup(directory, entry.name), below).item;
         if (entry.type == FSItemType::directory) {
             empty(volume, item, below, depth + 1);
         }
@@ -47,7 +47,7 @@ void removeOne(VolumeClient& volume, const std::string& path, const RemoveComman
         return;
     }
     const Location at = valueOf(std::move(place), path);
-    auto found = volume.withAttributes(volume.lookup(at.directory, at.name));
+    auto found = volume.lookup(at.directory, at.name);
     if (!found && numberOf(found.error()) == kENOENT && command.force) {
         return;
     }

@@ -1,8 +1,6 @@
 #include "hosts/cli/session.hpp"
 
 #include "core/driver2/mount_options.hpp"
-#include "fskit/tavelin_file_system.hpp"
-#include "fskit/tavelin_volume.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
@@ -118,13 +116,9 @@ Session::Session(const VolumeArguments& arguments, Access access) : image_(argum
 }
 
 VolumeFacts Session::facts() {
-    auto& module = dynamic_cast<TavelinFileSystem&>(host_->module());
-    NTFSVolume& ntfs = *module.volume->ntfs;
-    try {
-        return {ntfs.label(), ntfs.serial(), ntfs.ioStats()};
-    } catch (const NTFSError& error) {
-        throw Failure(explain(image_, fskit::fs_errorForPOSIXError(error.code)));
-    }
+    ExtendedOperations& requests = volume().requests();
+    return {valueOf(requests.label(), image_), requests.serialNumber(),
+            valueOf(requests.ioStatistics(), image_)};
 }
 
 void Session::close() {

@@ -51,7 +51,7 @@ void runProbe(const VolumeCommand& command) {
     } catch (const OpenError& error) {
         throw openFailure(error);
     }
-    const fskit::FSProbeResult probed = valueOf(host->probe(), command.volume.image);
+    const fskit::FSProbeResult probed = host->probe();
     const bool usable = probed.result == fskit::FSMatchResult::usable;
     const std::string name = probed.name.value_or("");
     const std::string identifier = probed.containerID ? text(probed.containerID->uuid) : "";

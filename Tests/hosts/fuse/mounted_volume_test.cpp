@@ -96,17 +96,17 @@ TEST_F(MountedVolumeTest, AnOldNodeLetsGoOfItsOwnRecordOnly) {
     ASSERT_TRUE(mounted_->removeDirectory(root(), "folder"));
     // Files until one has the directory's record.
     Node* file = &make("file0", "content");
-    for (int i = 1; i < 500 && file->ino != directory.ino; ++i) {
+    for (int i = 1; i < 500 && file->id != directory.id; ++i) {
         file = &make("file" + std::to_string(i), "content");
     }
-    ASSERT_EQ(file->ino, directory.ino);
+    ASSERT_EQ(file->id, directory.id);
     for (int i = 0; i < 500; ++i) {
         (void)mounted_->removeFile(root(), "file" + std::to_string(i));
     }
     forget(directory);
     EXPECT_EQ(read(*file), "content") << "it is open still";
-    EXPECT_TRUE(mounted_->removedFiles().contains(file->ino));
-    const uint64_t ino = file->ino;
+    EXPECT_TRUE(mounted_->removedFiles().contains(file->id));
+    const uint64_t ino = file->id;
     forget(*file);
     EXPECT_FALSE(mounted_->removedFiles().contains(ino));
 }
@@ -192,10 +192,10 @@ TEST_F(MountedVolumeTest, OnlyWhatThisHostParkedIsCleanedUp) {
     const std::string parking(OrphanFiles::kOrphanDirectory);
     {
         const ItemRef directory =
-            volume.create(volume.root(), parking, FSItemType::directory).get();
+            volume.create(volume.root(), parking, FSItemType::directory).get().item;
         (void)volume.create(directory, "photo.jpg", FSItemType::file).get();
         (void)volume.create(directory, "0123456789ab", FSItemType::file).get();
-        const ItemRef left = volume.create(directory, "left", FSItemType::file).get();
+        const ItemRef left = volume.create(directory, "left", FSItemType::file).get().item;
         const uint64_t ino = Driver2::ino(volume.attributes(left)->fileID());
         volume.rename(left, directory, "left", directory, fmt::format("{:012x}", ino), ItemRef())
             .get();
@@ -210,9 +210,9 @@ TEST_F(MountedVolumeTest, OnlyWhatThisHostParkedIsCleanedUp) {
     open();
     {
         VolumeClient& again = mounted_->volume();
-        const ItemRef directory = again.lookup(again.root(), parking).get();
+        const ItemRef directory = again.lookup(again.root(), parking).get().item;
         for (const char* name : {"photo.jpg", "0123456789ab"}) {
-            again.remove(again.lookup(directory, name).get(), directory, name).get();
+            again.remove(again.lookup(directory, name).get().item, directory, name).get();
         }
         again.remove(directory, again.root(), parking).get();
         (void)again.create(again.root(), parking, FSItemType::file).get();

@@ -141,7 +141,7 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
     ++depth_;
     for (const DirectoryEntry& entry : entries) {
         const std::string below = joined(path == "/" ? "" : path, entry.name);
-        auto found = volume_.withAttributes(volume_.lookup(volumeDirectory, entry.name));
+        auto found = volume_.lookup(volumeDirectory, entry.name);
         if (found) {
             get(*found, below, directory, entry.name);
         } else {

@@ -170,7 +170,7 @@ void TreePutter::putEntries(const Descriptor& directory, const Source& source,
 
 ItemRef TreePutter::targetDirectory(const ItemRef& volumeDirectory, const std::string& name,
                                     const std::string& path) {
-    auto there = volume_.withAttributes(volume_.lookup(volumeDirectory, name));
+    auto there = volume_.lookup(volumeDirectory, name);
     if (there) {
         if (there->attributes.type() != FSItemType::directory) {
             throw ItemFailure(escaped(path) +
@@ -182,7 +182,7 @@ ItemRef TreePutter::targetDirectory(const ItemRef& volumeDirectory, const std::s
     if (numberOf(there.error()) != kENOENT) {
         throwVolumeError(path, there.error());
     }
-    return ofItem(volume_.create(volumeDirectory, name, FSItemType::directory), path);
+    return ofItem(volume_.create(volumeDirectory, name, FSItemType::directory), path).item;
 }
 
 void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::string& path) {
@@ -252,10 +252,10 @@ void TreePutter::setTimes(const struct ::stat& status, const ItemRef& item,
     made_.insert(ofItem(volume_.setAttributes(item, changes), path).fileID());
 }
 
-void TreePutter::install(Outcome<ItemRef> made, const std::string& partial,
+void TreePutter::install(Outcome<Found> made, const std::string& partial,
                          const ItemRef& volumeDirectory, const std::string& name,
                          const std::string& path, const Fill& fill) {
-    const ItemRef item = ofItem(std::move(made), path);
+    const ItemRef item = ofItem(std::move(made), path).item;
     try {
         fill(item);
         giveName(item, partial, volumeDirectory, name, path);
@@ -269,7 +269,7 @@ void TreePutter::giveName(const ItemRef& item, const std::string& partial,
                           const ItemRef& volumeDirectory, const std::string& name,
                           const std::string& path) {
     throwIfInterrupted(); // the end of a pipe may only mean that its writer was
-    auto there = volume_.withAttributes(volume_.lookup(volumeDirectory, name));
+    auto there = volume_.lookup(volumeDirectory, name);
     ItemRef over;
     if (there) {
         if (there->attributes.type() == FSItemType::directory) {

@@ -61,7 +61,7 @@ class TreePutter {
 
     /// Completes an item under its partial name with `fill`, then renames it to its own. Removes it
     /// again when either throws.
-    void install(Outcome<ItemRef> made, const std::string& partial, const ItemRef& volumeDirectory,
+    void install(Outcome<Found> made, const std::string& partial, const ItemRef& volumeDirectory,
                  const std::string& name, const std::string& path, const Fill& fill);
     void giveName(const ItemRef& item, const std::string& partial, const ItemRef& volumeDirectory,
                   const std::string& name, const std::string& path);

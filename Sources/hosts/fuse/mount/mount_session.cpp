@@ -126,7 +126,7 @@ class Mount {
                                  request_.image.string()));
         }
         // Without it the mount is only slower at first.
-        static_cast<void>(host_->volume().prefaultCache());
+        static_cast<void>(host_->volume().requests().prefaultCache());
         volume_.emplace(host_->volume());
         if (!host_->volume().isReadOnly()) {
             volume_->removedFiles().cleanUp();

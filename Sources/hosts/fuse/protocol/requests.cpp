@@ -126,7 +126,7 @@ void volumeStatistics(fuse_req_t request, fuse_ino_t /*node*/) {
         status.f_files = found.totalFiles;
         status.f_ffree = found.freeFiles;
         status.f_favail = found.freeFiles;
-        status.f_namemax = static_cast<unsigned long>(volume.operations().maximumNameLength());
+        status.f_namemax = static_cast<unsigned long>(volume.requests().maximumNameLength());
         fuse_reply_statfs(request, &status);
     });
 }
@@ -146,18 +146,17 @@ int hostError(const fskit::Error& error) {
     return error.isPOSIX() ? toHost(static_cast<int32_t>(error.code())) : EIO;
 }
 
-const ItemRef* itemOf(fuse_req_t request, fuse_ino_t number) {
-    const Node& node = volumeOf(request).node(number);
-    if (node.gone) {
-        fuse_reply_err(request, ESTALE);
-        return nullptr;
-    }
-    return &node.item;
+const ItemRef& itemOf(fuse_req_t request, fuse_ino_t number) {
+    return volumeOf(request).node(number).item;
+}
+
+ino_t inodeNumber(fskit::FSItemID id) noexcept {
+    return Driver2::ino(id);
 }
 
 struct stat statusOf(const fskit::FSItemAttributes& attributes) {
     struct stat status {};
-    status.st_ino = Driver2::ino(attributes.fileID());
+    status.st_ino = inodeNumber(attributes.fileID());
     status.st_mode = attributes.mode();
     const uint64_t device = attributes.native().device;
     status.st_rdev =

@@ -21,9 +21,10 @@ inline constexpr double kForever = 365.0 * 24 * 3600; // seconds
 inline constexpr size_t kTransferBytesMax = 1 << 20;  // bytes
 
 MountedVolume& volumeOf(fuse_req_t request);
-/// The item of a node, for requests that go to the volume as they are. When it is gone, replies so
-/// and answers null.
-const ItemRef* itemOf(fuse_req_t request, fuse_ino_t number);
+/// The item of a node, for requests that go to the volume as they are.
+const ItemRef& itemOf(fuse_req_t request, fuse_ino_t number);
+/// What programs are told as an item's inode number: that of its file record.
+ino_t inodeNumber(fskit::FSItemID id) noexcept;
 int hostError(const fskit::Error& error);
 struct stat statusOf(const fskit::FSItemAttributes& attributes);
 /// How long the kernel may remember what a name stands for, or that it stands for nothing.

@@ -36,10 +36,10 @@ std::span<std::byte> readBuffer(size_t size) {
 void read(fuse_req_t request, fuse_ino_t number, size_t size, off_t offset,
           fuse_file_info* /*file*/) {
     answer(request, [&] {
-        MountedVolume& volume = volumeOf(request);
         const std::span<std::byte> buffer = readBuffer(std::min(size, kTransferBytesMax));
-        const Outcome<size_t> done =
-            volume.volume().read(volume.node(number).item, static_cast<uint64_t>(offset), buffer);
+        fskit::FSMutableFileDataBuffer memory(buffer);
+        const Outcome<size_t> done = volumeOf(request).volume().requests().read(
+            itemOf(request, number).item(), offset, buffer.size(), memory);
         if (!done) {
             fuse_reply_err(request, hostError(done.error()));
             return;

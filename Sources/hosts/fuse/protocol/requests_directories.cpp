@@ -21,7 +21,7 @@ class Page {
         if (entry.node != nullptr) {
             parameters = entryParameters(entry, {});
         } else {
-            parameters.attr.st_ino = name.ino;
+            parameters.attr.st_ino = inodeNumber(name.id);
             parameters.attr.st_mode = name.type;
         }
         char* const at = bytes_.data() + used_;

@@ -40,19 +40,16 @@ void get(fuse_req_t request, fuse_ino_t number, const char* name, size_t room) {
             fuse_reply_err(request, EOPNOTSUPP);
             return;
         }
-        const ItemRef* const item = itemOf(request, number);
-        if (item == nullptr) {
-            return;
-        }
+        const ItemRef& item = itemOf(request, number);
         VolumeClient& volume = volumeOf(request).volume();
         // A stream may be of any size; read is only what the caller has room for.
-        const Outcome<size_t> size = volume.xattrSize(*item, *stream);
+        const Outcome<size_t> size = volume.xattrSize(item, *stream);
         if (size && (room == 0 || *size > room)) {
             replyBytes(request, nullptr, *size, room);
             return;
         }
         const Outcome<std::vector<std::byte>> value =
-            size ? volume.getXattr(*item, *stream) : size.error();
+            size ? volume.getXattr(item, *stream) : size.error();
         if (!value) {
             fuse_reply_err(request, hostError(value.error()));
             return;
@@ -63,12 +60,8 @@ void get(fuse_req_t request, fuse_ino_t number, const char* name, size_t room) {
 
 void list(fuse_req_t request, fuse_ino_t number, size_t room) {
     answer(request, [&] {
-        const ItemRef* const item = itemOf(request, number);
-        if (item == nullptr) {
-            return;
-        }
-        const Outcome<std::vector<std::string>> names =
-            volumeOf(request).volume().listXattrs(*item);
+        const ItemRef& item = itemOf(request, number);
+        const Outcome<std::vector<std::string>> names = volumeOf(request).volume().listXattrs(item);
         if (!names) {
             fuse_reply_err(request, hostError(names.error()));
             return;
@@ -95,11 +88,9 @@ void set(fuse_req_t request, fuse_ino_t number, const char* name, const char* va
         } else if ((flags & XATTR_REPLACE) != 0) {
             policy = fskit::FSSetXattrPolicy::mustReplace;
         }
-        if (const ItemRef* const item = itemOf(request, number)) {
-            replyResult(request, volumeOf(request).volume().setXattr(
-                                     *item, *stream,
-                                     {reinterpret_cast<const std::byte*>(value), size}, policy));
-        }
+        replyResult(request, volumeOf(request).volume().setXattr(
+                                 itemOf(request, number), *stream,
+                                 {reinterpret_cast<const std::byte*>(value), size}, policy));
     });
 }
 
@@ -110,9 +101,8 @@ void remove(fuse_req_t request, fuse_ino_t number, const char* name) {
             fuse_reply_err(request, EOPNOTSUPP);
             return;
         }
-        if (const ItemRef* const item = itemOf(request, number)) {
-            replyResult(request, volumeOf(request).volume().removeXattr(*item, *stream));
-        }
+        replyResult(request,
+                    volumeOf(request).volume().removeXattr(itemOf(request, number), *stream));
     });
 }
 

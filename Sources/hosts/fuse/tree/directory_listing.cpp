@@ -13,13 +13,13 @@ constexpr uint64_t kRoomForTies = 1024;
 
 } // namespace
 
-uint64_t DirectoryListing::position(uint64_t ino, std::string_view name) noexcept {
+uint64_t DirectoryListing::position(fskit::FSItemID id, std::string_view name) noexcept {
     constexpr uint64_t kHashes = (uint64_t{1} << kNameBits) - kRoomForTies;
-    return ino << kNameBits | std::hash<std::string_view>()(name) % kHashes;
+    return id << kNameBits | std::hash<std::string_view>()(name) % kHashes;
 }
 
-void DirectoryListing::add(std::string_view name, uint64_t ino, uint32_t type) {
-    rows_.push_back({position(ino, name), static_cast<uint32_t>(names_.size()),
+void DirectoryListing::add(std::string_view name, fskit::FSItemID id, uint32_t type) {
+    rows_.push_back({position(id, name), static_cast<uint32_t>(names_.size()),
                      static_cast<uint16_t>(name.size()), static_cast<uint16_t>(type)});
     names_ += name;
 }
@@ -42,8 +42,8 @@ size_t DirectoryListing::indexAfter(uint64_t position) const noexcept {
     return static_cast<size_t>(at - rows_.begin());
 }
 
-void DirectoryListing::remove(uint64_t ino, std::string_view name) noexcept {
-    for (size_t i = indexAfter((ino << kNameBits) - 1); i < rows_.size() && inoOf(rows_[i]) == ino;
+void DirectoryListing::remove(fskit::FSItemID id, std::string_view name) noexcept {
+    for (size_t i = indexAfter((id << kNameBits) - 1); i < rows_.size() && idOf(rows_[i]) == id;
          ++i) {
         if (nameOf(rows_[i]) == name) {
             rows_[i].type = 0;

@@ -1,6 +1,6 @@
 /// One directory's entries, in an order in which a stream can be resumed after any change.
 ///
-/// An entry's position is made of nothing but its inode number and its name, and the listing is
+/// An entry's position is made of nothing but its item's number and its name, and the listing is
 /// sorted by position. So a stream that goes on after position p finds exactly the entries beyond p
 /// in whatever listing there is by then: what exists throughout is neither skipped nor repeated,
 /// nothing has to be kept for a stream, and renaming within the directory moves almost nothing.
@@ -8,6 +8,8 @@
 /// Removed entries are struck out in place; new ones do not join a listing that is being read.
 /// Not thread-safe: the directory's owner guards it.
 #pragma once
+
+#include "fskit/api/item.hpp"
 
 #include <cstdint>
 #include <string>
@@ -20,15 +22,15 @@ class DirectoryListing {
   public:
     struct Entry {
         uint64_t position;
-        uint64_t ino;
+        fskit::FSItemID id;
         std::string_view name;
         uint32_t type; // S_IFREG, S_IFDIR or S_IFLNK
     };
 
     /// Positions 1 and 2 are taken by "." and "..", 0 is the start.
-    static uint64_t position(uint64_t ino, std::string_view name) noexcept;
+    static uint64_t position(fskit::FSItemID id, std::string_view name) noexcept;
 
-    void add(std::string_view name, uint64_t ino, uint32_t type);
+    void add(std::string_view name, fskit::FSItemID id, uint32_t type);
     /// Ends the adding; the listing can be read from now on.
     void seal();
 
@@ -36,24 +38,24 @@ class DirectoryListing {
     size_t size() const noexcept { return rows_.size(); }
 
     /// Strikes an entry out, if it is there.
-    void remove(uint64_t ino, std::string_view name) noexcept;
+    void remove(fskit::FSItemID id, std::string_view name) noexcept;
     template<typename Unwanted>
     void removeIf(Unwanted&& unwanted) {
         for (Row& row : rows_) {
-            if (unwanted(inoOf(row))) {
+            if (unwanted(idOf(row))) {
                 row.type = 0;
             }
         }
     }
 
-    uint64_t parent = 0; ///< the inode of the directory's parent
+    fskit::FSItemID parent = fskit::FSItemIDInvalid; ///< the directory's parent
 
     /// Calls `take(entry)` for the entries beyond `position` until it answers false.
     template<typename Take>
     void readAfter(uint64_t position, Take&& take) const {
         for (size_t i = indexAfter(position); i < rows_.size(); ++i) {
             const Row& row = rows_[i];
-            if (row.type != 0 && !take(Entry{row.position, inoOf(row), nameOf(row), row.type})) {
+            if (row.type != 0 && !take(Entry{row.position, idOf(row), nameOf(row), row.type})) {
                 return;
             }
         }
@@ -64,14 +66,14 @@ class DirectoryListing {
     static constexpr int kNameBits = 14;
 
     struct Row {
-        uint64_t position; // carries the inode number
+        uint64_t position; // carries the item's number
         uint32_t nameStart;
         uint16_t nameLength;
         uint16_t type; // 0: struck out
     };
 
     size_t indexAfter(uint64_t position) const noexcept;
-    static uint64_t inoOf(const Row& row) noexcept { return row.position >> kNameBits; }
+    static fskit::FSItemID idOf(const Row& row) noexcept { return row.position >> kNameBits; }
     std::string_view nameOf(const Row& row) const noexcept {
         return std::string_view(names_).substr(row.nameStart, row.nameLength);
     }

@@ -22,8 +22,8 @@ bool isBefore(const timespec& time, const timespec& other) {
 
 } // namespace
 
-uint64_t MountedVolume::inoOf(const Found& found) noexcept {
-    return Driver2::ino(found.attributes.fileID());
+fskit::Error MountedVolume::missingIfStale(const fskit::Error& error) {
+    return isCode(error, kESTALE) ? fs_errorForPOSIXError(kENOENT) : error;
 }
 
 bool MountedVolume::isCode(const fskit::Error& error, int32_t code) noexcept {
@@ -31,19 +31,21 @@ bool MountedVolume::isCode(const fskit::Error& error, int32_t code) noexcept {
 }
 
 MountedVolume::MountedVolume(VolumeClient& volume)
-    : volume_(volume),
-      nodes_(volume.withAttributes(volume.root().duplicate()).get()),
-      removed_(volume) {}
+    : volume_(volume), nodes_(volume.rootWithAttributes().get()), removed_(volume) {}
 
 bool MountedVolume::isPrivate(const Node& directory, std::string_view name) noexcept {
     return &directory == &nodes_.root() && name == OrphanFiles::kOrphanDirectory;
 }
 
 Outcome<std::optional<Found>> MountedVolume::find(const Node& directory, std::string_view name) {
-    if (directory.gone || isPrivate(directory, name)) {
+    if (isPrivate(directory, name)) {
         return std::optional<Found>();
     }
-    return volume_.find(directory.item, name);
+    Outcome<std::optional<Found>> found = volume_.find(directory.item, name);
+    if (!found && isCode(found.error(), kESTALE)) {
+        return std::optional<Found>(); // a directory that was removed has no names
+    }
+    return found;
 }
 
 Entry MountedVolume::acquire(Found found) {
@@ -52,29 +54,20 @@ Entry MountedVolume::acquire(Found found) {
     return {&nodes_.acquire(std::move(found)), attributes};
 }
 
-Outcome<Entry> MountedVolume::entryOf(Outcome<ItemRef> item) {
-    Outcome<Found> found = volume_.withAttributes(std::move(item));
-    if (!found) {
-        return found.error();
-    }
-    return acquire(std::move(*found));
-}
-
 Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::string_view name) {
     Outcome<std::optional<Found>> child = find(directory, name);
     if (!child) {
         return child.error();
     }
-    if (!*child || removed_.contains(inoOf(**child))) {
+    if (!*child || removed_.contains((*child)->attributes.fileID())) {
         return std::optional<Entry>();
     }
     return std::optional(acquire(std::move(**child)));
 }
 
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
-    // The record of a node that is gone may be another's by now, removed and open in its turn.
-    if (const std::unique_ptr<Node> node = nodes_.forget(number, counts); node && !node->gone) {
-        removed_.release(node->ino);
+    for (const Node& node : nodes_.forget(number, counts)) {
+        removed_.release(node);
     }
 }
 
@@ -83,55 +76,48 @@ Outcome<Found> MountedVolume::existing(const Node& directory, std::string_view n
     if (!found) {
         return found.error();
     }
-    if (!*found || removed_.contains(inoOf(**found))) {
+    if (!*found || removed_.contains((*found)->attributes.fileID())) {
         return fs_errorForPOSIXError(kENOENT);
     }
     return std::move(**found);
 }
 
 template<typename Make>
-Outcome<ItemRef> MountedVolume::retryAfterFreeingName(const Node& directory, std::string_view name,
-                                                      Make&& make) {
-    if (directory.gone) {
-        return fs_errorForPOSIXError(kENOENT);
-    }
+Outcome<Entry> MountedVolume::make(Node& directory, std::string_view name, Make&& make) {
     if (isPrivate(directory, name)) {
         return fs_errorForPOSIXError(kEPERM);
     }
-    Outcome<ItemRef> made = make();
-    if (made || !isCode(made.error(), kEEXIST) || removed_.isEmpty()) {
-        return made;
-    }
-    const Outcome<std::optional<Found>> old = find(directory, name);
-    if (!old || (*old && !removed_.contains(inoOf(**old)))) {
-        return made;
-    }
-    if (*old) { // else it has just been parked, by another thread
-        if (const Outcome<void> freed = removed_.moveAside(inoOf(**old)); !freed) {
-            return freed.error();
+    Outcome<Found> made = make();
+    if (!made && isCode(made.error(), kEEXIST) && !removed_.isEmpty()) {
+        // The name in the way may be that of a removed file, which can have another.
+        const Outcome<std::optional<Found>> old = find(directory, name);
+        if (!old || (*old && !removed_.contains((*old)->attributes.fileID()))) {
+            return made.error();
         }
+        if (*old) { // else it has just been parked, by another thread
+            if (const Outcome<void> freed = removed_.moveAside((*old)->attributes.fileID());
+                !freed) {
+                return freed.error();
+            }
+        }
+        made = make();
     }
-    return make();
+    if (!made) {
+        return missingIfStale(made.error());
+    }
+    noteNewName(directory);
+    return acquire(std::move(*made));
 }
 
 Outcome<Entry> MountedVolume::create(Node& directory, std::string_view name,
                                      fskit::FSItemType type) {
-    Outcome<ItemRef> made = retryAfterFreeingName(
-        directory, name, [&] { return volume_.create(directory.item, name, type); });
-    if (made) {
-        noteNewName(directory);
-    }
-    return entryOf(std::move(made));
+    return make(directory, name, [&] { return volume_.create(directory.item, name, type); });
 }
 
 Outcome<Entry> MountedVolume::createLink(Node& directory, std::string_view name,
                                          std::string_view target) {
-    Outcome<ItemRef> made = retryAfterFreeingName(
-        directory, name, [&] { return volume_.createSymbolicLink(directory.item, name, target); });
-    if (made) {
-        noteNewName(directory);
-    }
-    return entryOf(std::move(made));
+    return make(directory, name,
+                [&] { return volume_.createSymbolicLink(directory.item, name, target); });
 }
 
 // What only this host knows of an item.
@@ -139,7 +125,7 @@ Outcome<fskit::FSItemAttributes> MountedVolume::adjusted(const Node& node,
                                                          Outcome<fskit::FSItemAttributes> found) {
     if (found) {
         amendLink(node.item, *found);
-        if (removed_.contains(node.ino)) {
+        if (removed_.contains(node.id)) {
             found->setLinkCount(0);
         }
     }
@@ -156,21 +142,21 @@ void MountedVolume::amendLink(const ItemRef& item, fskit::FSItemAttributes& attr
 }
 
 Outcome<fskit::FSItemAttributes> MountedVolume::attributes(const Node& node) {
-    if (node.gone) {
+    Outcome<fskit::FSItemAttributes> found = volume_.attributes(node.item);
+    if (!found && node.isDirectory() && isCode(found.error(), kESTALE)) {
+        // A directory that was removed while somebody is in it. Its record is gone, a file's is
+        // not: those are kept until the kernel forgets them.
         fskit::FSItemAttributes rest;
         rest.setType(fskit::FSItemType::directory);
         rest.setMode(Driver2::mode(NTFSItemType::directory));
-        rest.setFileID(Driver2::itemID(node.ino));
+        rest.setFileID(node.id);
         return rest;
     }
-    return adjusted(node, volume_.attributes(node.item));
+    return adjusted(node, std::move(found));
 }
 
 Outcome<fskit::FSItemAttributes>
 MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest& changes) {
-    if (node.gone) {
-        return fs_errorForPOSIXError(kESTALE);
-    }
     timespec start{};
     std::timespec_get(&start, TIME_UTC);
     Outcome<fskit::FSItemAttributes> found = volume_.setAttributes(node.item, changes);

@@ -86,7 +86,6 @@ class MountedVolume {
 
   private:
     Entry acquire(Found found);
-    Outcome<Entry> entryOf(Outcome<ItemRef> item);
     /// What a name stands for; absent for none.
     Outcome<std::optional<Found>> find(const Node& directory, std::string_view name);
     /// The same where it must stand for something: kENOENT, also for names of removed files.
@@ -95,10 +94,7 @@ class MountedVolume {
     bool isPrivate(const Node& directory, std::string_view name) noexcept;
     /// Runs `make`, once more when the name in its way is only that of a removed file.
     template<typename Make>
-    Outcome<ItemRef> retryAfterFreeingName(const Node& directory, std::string_view name,
-                                           Make&& make);
-    template<typename Change>
-    Outcome<void> withNodeDetached(Node* node, Change&& change);
+    Outcome<Entry> make(Node& directory, std::string_view name, Make&& make);
     struct Renaming {
         const Node& fromDirectory;
         std::string_view from;
@@ -113,13 +109,14 @@ class MountedVolume {
     using Names = std::vector<std::string>;
     Outcome<Names> longNamesOf(const Node& directory, const Found& found, std::string_view name);
     static void noteNewName(Node& directory);
-    static void noteLostName(Node& directory, uint64_t ino, std::string_view name);
+    static void noteLostName(Node& directory, fskit::FSItemID id, std::string_view name);
     void noteLostName(Node& directory, const Found& lost, std::string_view name,
                       const Names& behind);
     Outcome<fskit::FSItemAttributes> adjusted(const Node& node,
                                               Outcome<fskit::FSItemAttributes> found);
     void amendLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
-    static uint64_t inoOf(const Found& found) noexcept;
+    /// What the kernel expects of requests about names in a directory that was removed: kENOENT.
+    static fskit::Error missingIfStale(const fskit::Error& error);
     static bool isCode(const fskit::Error& error, int32_t code) noexcept;
     Outcome<std::unique_ptr<DirectoryListing>> list(const Node& directory);
     Entry describe(const Node& directory, const DirectoryListing::Entry& name);

@@ -1,5 +1,4 @@
 // Listings of directories, and how changes reach them.
-#include "core/driver2/item_identity.hpp"
 #include "fskit/api/error.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/error_numbers.hpp"
@@ -48,9 +47,9 @@ class ListingPacker final : public fskit::FSDirectoryEntryPacker {
                    const fskit::FSItemAttributes* /*attributes*/) override {
         const std::string& text = name.data();
         if (text == "..") {
-            listing_.parent = Driver2::ino(itemID);
+            listing_.parent = itemID;
         } else if (text != "." && text != skipped_) {
-            listing_.add(text, Driver2::ino(itemID), fileType(itemType));
+            listing_.add(text, itemID, fileType(itemType));
         }
         return true;
     }
@@ -79,10 +78,10 @@ void MountedVolume::noteNewName(Node& directory) {
     directory.directory->listingIsOld = true;
 }
 
-void MountedVolume::noteLostName(Node& directory, uint64_t ino, std::string_view name) {
+void MountedVolume::noteLostName(Node& directory, fskit::FSItemID id, std::string_view name) {
     const MutexLock held(directory.directory->lock);
     if (directory.directory->listing) {
-        directory.directory->listing->remove(ino, name);
+        directory.directory->listing->remove(id, name);
     }
 }
 
@@ -98,13 +97,13 @@ Outcome<std::unique_ptr<DirectoryListing>> MountedVolume::list(const Node& direc
     }
     listing->seal();
     if (!removed_.isEmpty()) {
-        listing->removeIf([&](uint64_t ino) { return removed_.contains(ino); });
+        listing->removeIf([&](fskit::FSItemID id) { return removed_.contains(id); });
     }
     return listing;
 }
 
 Entry MountedVolume::describe(const Node& directory, const DirectoryListing::Entry& name) {
-    Outcome<Found> found = volume_.describe(directory.item, Driver2::itemID(name.ino));
+    Outcome<Found> found = volume_.describe(directory.item, name.id);
     // Without its attributes an entry is told by name only, which is true in any case.
     return found ? acquire(std::move(*found)) : Entry();
 }
@@ -114,20 +113,18 @@ Outcome<void> MountedVolume::readDirectory(Node& directory, uint64_t position, b
     if (!directory.isDirectory()) {
         return fskit::fs_errorForPOSIXError(kENOTDIR);
     }
-    if (directory.gone) {
-        return {}; // an empty directory without even "." and ".."
-    }
     const MutexLock held(directory.directory->lock);
     std::unique_ptr<DirectoryListing>& listing = directory.directory->listing;
     if (!listing || (position == 0 && directory.directory->listingIsOld)) {
         Outcome<std::unique_ptr<DirectoryListing>> fresh = list(directory);
         if (!fresh) {
-            return fresh.error();
+            // A directory that was removed is empty, without even "." and "..".
+            return isCode(fresh.error(), kESTALE) ? Outcome<void>() : fresh.error();
         }
         directory.directory->listingIsOld = false;
         listing = std::move(*fresh);
     }
-    if (position < kAfterDot && !take({kAfterDot, directory.ino, ".", S_IFDIR}, {})) {
+    if (position < kAfterDot && !take({kAfterDot, directory.id, ".", S_IFDIR}, {})) {
         return {};
     }
     if (position < kAfterDotDot && !take({kAfterDotDot, listing->parent, "..", S_IFDIR}, {})) {

@@ -7,24 +7,6 @@ namespace tavelin::fusehost {
 
 using fskit::fs_errorForPOSIXError;
 
-// The record that `change` frees may belong to another file a moment later, so its node leaves
-// first.
-template<typename Change>
-Outcome<void> MountedVolume::withNodeDetached(Node* node, Change&& change) {
-    if (node != nullptr) {
-        nodes_.detach(*node);
-    }
-    Outcome<void> changed = change();
-    if (!changed && node != nullptr) {
-        // Unless it failed when the record was free already.
-        const Outcome<fskit::FSItemAttributes> left = volume_.attributes(node->item);
-        if (left || !isCode(left.error(), kENOENT)) {
-            nodes_.attach(*node);
-        }
-    }
-    return changed;
-}
-
 // The names that users see of an item that was found by its short alias: where the one goes, so
 // does the other. None for any other name.
 Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory, const Found& found,
@@ -50,11 +32,11 @@ Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory, 
 
 void MountedVolume::noteLostName(Node& directory, const Found& lost, std::string_view name,
                                  const Names& behind) {
-    noteLostName(directory, inoOf(lost), name);
+    noteLostName(directory, lost.attributes.fileID(), name);
     for (const std::string& longName : behind) {
         const Outcome<Found> present = existing(directory, longName);
-        if (!present || inoOf(*present) != inoOf(lost)) {
-            noteLostName(directory, inoOf(lost), longName);
+        if (!present || !(present->item == lost.item)) {
+            noteLostName(directory, lost.attributes.fileID(), longName);
             staleNames_.add(nodes_.numberOf(directory), longName);
         }
     }
@@ -64,18 +46,16 @@ Outcome<void> MountedVolume::removeFile(Node& directory, std::string_view name) 
     return remove(directory, name, [&](const Found& old, Node* node) {
         return node != nullptr && !node->isDirectory()
                    ? removed_.remove(*node, directory, name)
-                   : withNodeDetached(
-                         node, [&] { return volume_.remove(old.item, directory.item, name); });
+                   : volume_.remove(old.item, directory.item, name);
     });
 }
 
 Outcome<void> MountedVolume::removeDirectory(Node& directory, std::string_view name) {
     return remove(directory, name, [&](const Found& old, Node* node) {
-        const auto remove = [&] { return volume_.remove(old.item, directory.item, name); };
-        Outcome<void> removed = withNodeDetached(node, remove);
+        Outcome<void> removed = volume_.remove(old.item, directory.item, name);
         if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
             Outcome<void> freed = removed_.moveAsideChildren(*node);
-            removed = freed ? withNodeDetached(node, remove) : std::move(freed);
+            removed = freed ? volume_.remove(old.item, directory.item, name) : std::move(freed);
         }
         return removed;
     });
@@ -91,7 +71,7 @@ Outcome<void> MountedVolume::remove(Node& directory, std::string_view name, Remo
     if (!behind) {
         return behind.error();
     }
-    Outcome<void> removed = remove(*old, nodes_.find(inoOf(*old)));
+    Outcome<void> removed = remove(*old, nodes_.find(old->item));
     if (removed) {
         noteLostName(directory, *old, name, *behind);
     }
@@ -100,8 +80,8 @@ Outcome<void> MountedVolume::remove(Node& directory, std::string_view name, Remo
 
 Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, Node& toDirectory,
                                     std::string_view to, bool mayReplace) {
-    if (isPrivate(toDirectory, to) || toDirectory.gone) {
-        return fs_errorForPOSIXError(toDirectory.gone ? kENOENT : kEPERM);
+    if (isPrivate(toDirectory, to)) {
+        return fs_errorForPOSIXError(kEPERM);
     }
     const Outcome<Found> moved = existing(fromDirectory, from);
     if (!moved) {
@@ -112,8 +92,8 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
         return present.error();
     }
     const Found* old = *present ? &**present : nullptr;
-    if (old != nullptr && removed_.contains(inoOf(*old))) {
-        if (Outcome<void> freed = removed_.moveAside(inoOf(*old)); !freed) {
+    if (old != nullptr && removed_.contains(old->attributes.fileID())) {
+        if (Outcome<void> freed = removed_.moveAside(old->attributes.fileID()); !freed) {
             return freed;
         }
         old = nullptr;
@@ -128,15 +108,16 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
     }
     const Renaming renaming{fromDirectory, from, moved->item, toDirectory, to};
     Outcome<void> done =
-        old && inoOf(*old) != inoOf(*moved) ? replace(renaming, *old) : rename(renaming, ItemRef());
+        old && !(old->item == moved->item) ? replace(renaming, *old) : rename(renaming, ItemRef());
     if (done) {
         noteLostName(fromDirectory, *moved, from, *behindMoved);
         if (old != nullptr) {
             noteLostName(toDirectory, *old, to, *behindOld);
         }
         noteNewName(toDirectory);
+        return done;
     }
-    return done;
+    return missingIfStale(done.error());
 }
 
 Outcome<void> MountedVolume::rename(const Renaming& renaming, const ItemRef& over) {
@@ -145,17 +126,21 @@ Outcome<void> MountedVolume::rename(const Renaming& renaming, const ItemRef& ove
 }
 
 Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old) {
-    Node* node = nodes_.find(inoOf(old));
+    Node* node = nodes_.find(old.item);
     if (node == nullptr || node->isDirectory()) {
         if (node != nullptr) {
             if (Outcome<void> freed = removed_.moveAsideChildren(*node); !freed) {
                 return freed;
             }
         }
-        Outcome<void> done = withNodeDetached(node, [&] { return rename(renaming, old.item); });
-        if (!done && node != nullptr && node->gone) {
-            // Too late for the empty directory: it is no more, which the kernel does not expect.
-            staleNames_.add(nodes_.numberOf(renaming.toDirectory), renaming.to);
+        Outcome<void> done = rename(renaming, old.item);
+        if (!done && node != nullptr) {
+            const Outcome<fskit::FSItemAttributes> left = volume_.attributes(node->item);
+            if (!left && isCode(left.error(), kESTALE)) {
+                // Too late for the empty directory: it is no more, which the kernel does not
+                // expect of a rename that failed.
+                staleNames_.add(nodes_.numberOf(renaming.toDirectory), renaming.to);
+            }
         }
         return done;
     }

@@ -2,9 +2,9 @@
 ///
 /// A node's number is its address, so that a request finds its node without a lock; the kernel
 /// names a node in requests only while it holds counts on it, and a node lives until its count is
-/// zero. One inode of the volume has one node at a time. When a file record is freed, its node is
-/// detached first: the kernel may still hold it for a while, and the record's next owner gets a
-/// node of its own.
+/// zero. An item carries its node with it (FSItem::hostData), so one item has one node at a time,
+/// and no table is searched. A file that takes over a freed record is another item and gets a node
+/// of its own, while the kernel may still hold the node of the record's last owner.
 #pragma once
 
 #include "hosting/volume_client.hpp"
@@ -13,13 +13,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <memory>
-#include <unordered_map>
 
 namespace tavelin::fusehost {
 
 /// The listing that streams of one directory read from, until one of them reaches its end or the
-/// last is closed.
+/// last is closed. The lock is held across the listing's requests to the volume and comes before
+/// the volume's locks and the node table's.
 struct DirectoryState {
     Mutex lock;
     std::unique_ptr<DirectoryListing> listing TAVELIN_GUARDED_BY(lock);
@@ -28,31 +29,33 @@ struct DirectoryState {
 };
 
 struct Node {
-    Node(uint64_t nodeIno, ItemRef nodeItem, const fskit::FSItemAttributes& attributes);
+    explicit Node(Found found);
 
     uint64_t number() const noexcept { return reinterpret_cast<uint64_t>(this); }
     bool isDirectory() const noexcept { return directory != nullptr; }
 
-    const uint64_t ino;
+    const fskit::FSItemID id;
     const ItemRef item;
     const std::unique_ptr<DirectoryState> directory; // null for anything but a directory
-    // A directory that was removed, and whose record may be another item's. Files keep their record
-    // until the kernel lets go of the node.
-    std::atomic<bool> gone{false};
-    std::atomic<uint32_t> linkCount; // as the volume last said
+    std::atomic<uint32_t> linkCount;                 // as the volume last said
 
-    uint64_t lookups = 0; // the kernel's counts; guarded by the table's lock
+    // Guarded by the table's lock.
+    uint64_t lookups = 0;            // the kernel's counts
+    std::list<Node>::iterator place; // of this node in the table's list
 };
 
+/// Any thread may call anything. The lock is held for no call into the volume but the release of an
+/// item, which takes the volume's item lock.
 class NodeTable {
   public:
     explicit NodeTable(Found root);
+    ~NodeTable();
     NodeTable(const NodeTable&) = delete;
     NodeTable& operator=(const NodeTable&) = delete;
 
     /// The node of a number that the kernel gave.
     Node& at(uint64_t number) noexcept;
-    Node& root() noexcept { return *root_; }
+    Node& root() noexcept { return root_; }
     /// The kernel's number of a node, that of the root included.
     uint64_t numberOf(const Node& node) const noexcept;
 
@@ -60,25 +63,17 @@ class NodeTable {
     /// of it.
     Node& acquire(Found found);
 
-    /// Takes counts back. A node without counts leaves the table and is handed to the caller.
-    std::unique_ptr<Node> forget(uint64_t number, uint64_t counts);
+    /// Takes counts back. A node without counts leaves the table and is handed to the caller, as
+    /// the only element of the list.
+    std::list<Node> forget(uint64_t number, uint64_t counts);
 
-    /// The node of an inode that the kernel holds counts on, null when it does not know it.
-    Node* find(uint64_t ino);
-
-    /// Marks a node as gone and lets its inode number have another one. `attach` takes that back
-    /// for a removal that failed after all.
-    void detach(Node& node);
-    void attach(Node& node);
+    /// The node of an item that the kernel holds counts on, null when it does not know it.
+    Node* find(const ItemRef& item);
 
   private:
-    static uint64_t inoOf(const fskit::FSItemAttributes& attributes) noexcept;
-
-    const std::unique_ptr<Node> root_;
+    Node root_;
     Mutex lock_;
-    std::unordered_map<uint64_t, std::unique_ptr<Node>>
-        nodes_ TAVELIN_GUARDED_BY(lock_); // by inode
-    std::unordered_map<const Node*, std::unique_ptr<Node>> detached_ TAVELIN_GUARDED_BY(lock_);
+    std::list<Node> nodes_ TAVELIN_GUARDED_BY(lock_); // all but the root
 };
 
 } // namespace tavelin::fusehost

@@ -1,6 +1,5 @@
 #include "hosts/fuse/tree/orphan_directory.hpp"
 
-#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -20,8 +19,8 @@ bool isCode(const fskit::Error& error, int32_t code) {
 
 } // namespace
 
-std::string OrphanDirectory::nameOf(uint64_t ino) {
-    return fmt::format("{:012x}", ino);
+std::string OrphanDirectory::nameOf(fskit::FSItemID id) {
+    return fmt::format("{:012x}", id);
 }
 
 Outcome<ItemRef> OrphanDirectory::open() {
@@ -29,16 +28,17 @@ Outcome<ItemRef> OrphanDirectory::open() {
     if (directory_) {
         return directory_.duplicate();
     }
-    Outcome<ItemRef> directory = volume_.lookup(volume_.root(), kName);
+    Outcome<Found> directory = volume_.lookup(volume_.root(), kName);
     if (!directory && isCode(directory.error(), kENOENT)) {
         fskit::FSItemSetAttributesRequest hidden;
         hidden.setFlags(kHiddenFlag);
         directory = volume_.create(volume_.root(), kName, fskit::FSItemType::directory, hidden);
     }
-    if (directory) {
-        directory_ = directory->duplicate();
+    if (!directory) {
+        return directory.error();
     }
-    return directory;
+    directory_ = std::move(directory->item);
+    return directory_.duplicate();
 }
 
 Outcome<void> OrphanDirectory::remove() {
@@ -52,11 +52,11 @@ Outcome<void> OrphanDirectory::remove() {
 
 // What else is in a directory stays, and then so does the directory.
 Outcome<void> OrphanDirectory::removeFrom(const ItemRef& parent, std::string_view name) {
-    const Outcome<ItemRef> item = volume_.lookup(parent, name);
-    if (!item) {
-        return item.error();
+    const Outcome<Found> found = volume_.lookup(parent, name);
+    if (!found) {
+        return found.error();
     }
-    Outcome<void> removed = volume_.remove(*item, parent, name);
+    Outcome<void> removed = volume_.remove(found->item, parent, name);
     return !removed && isCode(removed.error(), kENOTEMPTY) ? Outcome<void>() : std::move(removed);
 }
 
@@ -67,7 +67,7 @@ Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
     }
     Outcome<void> result;
     for (const DirectoryEntry& entry : *left) {
-        if (entry.name != nameOf(Driver2::ino(entry.itemID))) {
+        if (entry.name != nameOf(entry.itemID)) {
             continue;
         }
         if (Outcome<void> removed = removeFrom(directory, entry.name); !removed && result) {
@@ -78,11 +78,12 @@ Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
 }
 
 void OrphanDirectory::cleanUp() {
-    const Outcome<ItemRef> directory = volume_.lookup(volume_.root(), kName);
+    const Outcome<Found> directory = volume_.lookup(volume_.root(), kName);
     if (!directory && isCode(directory.error(), kENOENT)) {
         return; // as is usual
     }
-    if (const Outcome<void> emptied = directory ? empty(*directory) : directory.error(); !emptied) {
+    if (const Outcome<void> emptied = directory ? empty(directory->item) : directory.error();
+        !emptied) {
         log().error(fmt::format("emptying {}: {}", kName, emptied.error().localizedDescription()));
     }
 }

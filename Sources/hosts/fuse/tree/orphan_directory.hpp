@@ -24,7 +24,7 @@ class OrphanDirectory {
     OrphanDirectory& operator=(const OrphanDirectory&) = delete;
 
     /// The name of a file in it.
-    static std::string nameOf(uint64_t ino);
+    static std::string nameOf(fskit::FSItemID id);
 
     /// The directory, found or made.
     Outcome<ItemRef> open();

@@ -1,6 +1,5 @@
 #include "hosts/fuse/tree/orphan_files.hpp"
 
-#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
@@ -21,20 +20,20 @@ bool isLackOfRoom(const fskit::Error& error) {
 
 } // namespace
 
-bool OrphanFiles::contains(uint64_t ino) const {
+bool OrphanFiles::contains(fskit::FSItemID id) const {
     if (isEmpty()) {
         return false;
     }
     const MutexLock held(lock_);
-    return removals_.contains(ino);
+    return removals_.contains(id);
 }
 
-OrphanFiles::Removal* OrphanFiles::begin(uint64_t ino) {
+OrphanFiles::Removal* OrphanFiles::begin(fskit::FSItemID id) {
     const MutexLock held(lock_);
-    auto found = removals_.find(ino);
+    auto found = removals_.find(id);
     while (found != removals_.end() && found->second.busy) {
         idle_.wait(lock_);
-        found = removals_.find(ino);
+        found = removals_.find(id);
     }
     if (found == removals_.end()) {
         return nullptr;
@@ -43,10 +42,10 @@ OrphanFiles::Removal* OrphanFiles::begin(uint64_t ino) {
     return &found->second;
 }
 
-void OrphanFiles::end(uint64_t ino, bool done) {
+void OrphanFiles::end(fskit::FSItemID id, bool done) {
     {
         const MutexLock held(lock_);
-        const auto removal = removals_.find(ino);
+        const auto removal = removals_.find(id);
         removal->second.busy = false;
         if (done) {
             removals_.erase(removal);
@@ -57,8 +56,8 @@ void OrphanFiles::end(uint64_t ino, bool done) {
 }
 
 template<typename Work>
-void OrphanFiles::withExclusive(uint64_t ino, Work&& work) {
-    Removal* const removal = begin(ino);
+void OrphanFiles::withExclusive(fskit::FSItemID id, Work&& work) {
+    Removal* const removal = begin(id);
     if (removal == nullptr) {
         return;
     }
@@ -66,29 +65,29 @@ void OrphanFiles::withExclusive(uint64_t ino, Work&& work) {
     try {
         done = work(*removal);
     } catch (...) {
-        end(ino, false); // nobody must wait for it forever
+        end(id, false); // nobody must wait for it forever
         throw;
     }
-    end(ino, done);
+    end(id, done);
 }
 
-void OrphanFiles::put(uint64_t ino, Removal removal) {
+void OrphanFiles::put(fskit::FSItemID id, Removal removal) {
     const MutexLock held(lock_);
-    removals_.insert_or_assign(ino, std::move(removal));
+    removals_.insert_or_assign(id, std::move(removal));
     count_ = removals_.size();
 }
 
-Outcome<void> OrphanFiles::moveToParking(Removal& removal, uint64_t ino) {
+Outcome<void> OrphanFiles::moveToParking(Removal& removal, fskit::FSItemID id) {
     Outcome<ItemRef> parking = parking_.open();
     if (!parking) {
         return parking.error();
     }
-    std::string parked = OrphanDirectory::nameOf(ino);
+    std::string parked = OrphanDirectory::nameOf(id);
     Outcome<void> moved =
         volume_.rename(removal.item, removal.directory, removal.name, *parking, parked, ItemRef());
     if (moved) {
         removal.directory = std::move(*parking);
-        removal.directoryIno = 0;
+        removal.directoryID = fskit::FSItemIDInvalid;
         removal.name = std::move(parked);
         removal.parked = true;
     }
@@ -106,8 +105,8 @@ Outcome<void> OrphanFiles::remove(const Node& file, const Node& directory, std::
             return volume_.remove(file.item, directory.item, name);
         }
     }
-    put(file.ino,
-        {file.item.duplicate(), directory.item.duplicate(), directory.ino, std::string(name)});
+    put(file.id,
+        {file.item.duplicate(), directory.item.duplicate(), directory.id, std::string(name)});
     return {};
 }
 
@@ -116,12 +115,13 @@ Outcome<void> OrphanFiles::linkBeforeReplace(const Node& file) {
     if (!parking) {
         return parking.error();
     }
-    std::string parked = OrphanDirectory::nameOf(file.ino);
+    std::string parked = OrphanDirectory::nameOf(file.id);
     Outcome<void> named = volume_.linkInternal(file.item, *parking, parked);
     if (named) {
-        Removal removal{file.item.duplicate(), std::move(*parking), 0, std::move(parked)};
+        Removal removal{file.item.duplicate(), std::move(*parking), fskit::FSItemIDInvalid,
+                        std::move(parked)};
         removal.parked = true;
-        put(file.ino, std::move(removal));
+        put(file.id, std::move(removal));
     }
     return named;
 }
@@ -133,20 +133,20 @@ void OrphanFiles::dropIfStillLinked(const Node& file) {
     // When that cannot be told, its other names show again once nobody has it open.
     const Outcome<size_t> names = volume_.countNames(file.item);
     if (names && *names > 1) {
-        release(file.ino);
+        release(file.id);
     }
 }
 
 void OrphanFiles::undoReplace(const Node& file, const Node& directory, std::string_view name) {
-    withExclusive(file.ino, [&](Removal& removal) {
+    withExclusive(file.id, [&](Removal& removal) {
         removal.homeDirectory = directory.item.duplicate();
         removal.home = name;
         // Where this fails it is tried again when the file is released.
-        return static_cast<bool>(moveHome(removal, file.ino));
+        return static_cast<bool>(moveHome(removal));
     });
 }
 
-Outcome<void> OrphanFiles::moveHome(const Removal& removal, uint64_t ino) {
+Outcome<void> OrphanFiles::moveHome(const Removal& removal) {
     const Outcome<std::optional<Found>> present = volume_.find(removal.homeDirectory, removal.home);
     if (!present) {
         return present.error();
@@ -155,18 +155,16 @@ Outcome<void> OrphanFiles::moveHome(const Removal& removal, uint64_t ino) {
         return volume_.rename(removal.item, removal.directory, removal.name, removal.homeDirectory,
                               removal.home, ItemRef());
     }
-    // Told by its number: once another name of the file has been replaced, the volume hands out a
-    // new item for it.
-    return Driver2::ino((*present)->attributes.fileID()) == ino
+    return (*present)->item == removal.item
                ? volume_.remove(removal.item, removal.directory, removal.name)
                : Outcome<void>(fskit::fs_errorForPOSIXError(kEEXIST));
 }
 
-Outcome<void> OrphanFiles::moveAside(uint64_t ino) {
+Outcome<void> OrphanFiles::moveAside(fskit::FSItemID id) {
     Outcome<void> result;
-    withExclusive(ino, [&](Removal& removal) {
+    withExclusive(id, [&](Removal& removal) {
         if (!removal.parked) {
-            result = moveToParking(removal, ino);
+            result = moveToParking(removal, id);
         }
         return false;
     });
@@ -178,16 +176,16 @@ Outcome<void> OrphanFiles::parkWhere(Wanted&& wanted) {
     std::vector<uint64_t> chosen;
     if (!isEmpty()) {
         const MutexLock held(lock_);
-        for (const auto& [ino, removal] : removals_) {
+        for (const auto& [id, removal] : removals_) {
             // A busy one is waited for: whoever works on it parks or removes it.
             if (removal.busy || (!removal.parked && wanted(removal))) {
-                chosen.push_back(ino);
+                chosen.push_back(id);
             }
         }
     }
     Outcome<void> result;
-    for (const uint64_t ino : chosen) {
-        if (Outcome<void> parked = moveAside(ino);
+    for (const fskit::FSItemID id : chosen) {
+        if (Outcome<void> parked = moveAside(id);
             !parked && (result || isLackOfRoom(result.error()))) {
             result = std::move(parked);
         }
@@ -196,7 +194,7 @@ Outcome<void> OrphanFiles::parkWhere(Wanted&& wanted) {
 }
 
 Outcome<void> OrphanFiles::moveAsideChildren(const Node& directory) {
-    return parkWhere([&](const Removal& removal) { return removal.directoryIno == directory.ino; });
+    return parkWhere([&](const Removal& removal) { return removal.directoryID == directory.id; });
 }
 
 Outcome<void> OrphanFiles::persistOrphans() {
@@ -230,9 +228,9 @@ void OrphanFiles::noteParking(const Outcome<void>& parked) {
                             parked.error().localizedDescription()));
 }
 
-void OrphanFiles::finish(const Removal& removal, uint64_t ino) {
+void OrphanFiles::finish(const Removal& removal) {
     const Outcome<void> done = removal.homeDirectory
-                                   ? moveHome(removal, ino)
+                                   ? moveHome(removal)
                                    : volume_.remove(removal.item, removal.directory, removal.name);
     if (!done) {
         noteFailure(done.error(), removal.name);
@@ -247,12 +245,25 @@ void OrphanFiles::noteFailure(const fskit::Error& error, const std::string& name
     }
 }
 
-void OrphanFiles::release(uint64_t ino) {
+void OrphanFiles::release(const Node& file) {
     if (isEmpty()) {
         return;
     }
-    withExclusive(ino, [&](const Removal& removal) {
-        finish(removal, ino);
+    {
+        // The record of a directory that was removed may be another file's by now, which is removed
+        // and open in its turn: the number alone does not tell.
+        const MutexLock held(lock_);
+        const auto removal = removals_.find(file.id);
+        if (removal == removals_.end() || !(removal->second.item == file.item)) {
+            return;
+        }
+    }
+    release(file.id);
+}
+
+void OrphanFiles::release(fskit::FSItemID id) {
+    withExclusive(id, [&](const Removal& removal) {
+        finish(removal);
         return true;
     });
 }
@@ -261,12 +272,12 @@ Outcome<void> OrphanFiles::releaseAll() {
     std::vector<uint64_t> all;
     {
         const MutexLock held(lock_);
-        for (const auto& [ino, removal] : removals_) {
-            all.push_back(ino);
+        for (const auto& [id, removal] : removals_) {
+            all.push_back(id);
         }
     }
-    for (const uint64_t ino : all) {
-        release(ino);
+    for (const fskit::FSItemID id : all) {
+        release(id);
     }
     if (const Outcome<void> removed = parking_.remove(); !removed) {
         noteFailure(removed.error(), std::string(kOrphanDirectory));

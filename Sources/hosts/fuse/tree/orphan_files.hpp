@@ -42,8 +42,8 @@ class OrphanFiles {
     /// Removes what a crash left in the parking directory.
     void cleanUp() { parking_.cleanUp(); }
 
-    /// Whether an inode's only name is one that the user has removed.
-    bool contains(uint64_t ino) const;
+    /// Whether an item's only name is one that the user has removed.
+    bool contains(fskit::FSItemID id) const;
     bool isEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
     /// Hides a file, or just takes the name from it when it has others.
@@ -57,7 +57,7 @@ class OrphanFiles {
 
     /// Parks a hidden file, or all those of one directory, so that the name or the directory is
     /// free.
-    Outcome<void> moveAside(uint64_t ino);
+    Outcome<void> moveAside(fskit::FSItemID id);
     Outcome<void> moveAsideChildren(const Node& directory);
     /// Parks all hidden files for which there is room; answers the error of the first removal that
     /// has failed since the last call, if any.
@@ -66,7 +66,7 @@ class OrphanFiles {
     void persistExpired();
 
     /// The kernel has let go of the file: removes it.
-    void release(uint64_t ino);
+    void release(const Node& file);
     /// Removes everything, and the parking directory: for unmounting.
     Outcome<void> releaseAll();
 
@@ -75,7 +75,7 @@ class OrphanFiles {
     struct Removal {
         ItemRef item;
         ItemRef directory; // where the name is now
-        uint64_t directoryIno = 0;
+        fskit::FSItemID directoryID = fskit::FSItemIDInvalid;
         std::string name;
         Clock::time_point since = Clock::now();
         bool parked = false;
@@ -85,16 +85,17 @@ class OrphanFiles {
         std::string home{};
     };
 
-    Outcome<void> moveToParking(Removal& removal, uint64_t ino);
-    Outcome<void> moveHome(const Removal& removal, uint64_t ino);
+    void release(fskit::FSItemID id);
+    Outcome<void> moveToParking(Removal& removal, fskit::FSItemID id);
+    Outcome<void> moveHome(const Removal& removal);
     /// Calls `work(removal)` without the lock, alone with this removal; the entry goes when that
     /// answers true. Nothing happens when there is none.
     template<typename Work>
-    void withExclusive(uint64_t ino, Work&& work);
-    Removal* begin(uint64_t ino);
-    void end(uint64_t ino, bool done);
-    void put(uint64_t ino, Removal removal);
-    void finish(const Removal& removal, uint64_t ino);
+    void withExclusive(fskit::FSItemID id, Work&& work);
+    Removal* begin(fskit::FSItemID id);
+    void end(fskit::FSItemID id, bool done);
+    void put(fskit::FSItemID id, Removal removal);
+    void finish(const Removal& removal);
     void noteFailure(const fskit::Error& error, const std::string& name);
     /// Parks the hidden files that `wanted(removal)` chooses. Of several errors it answers one that
     /// is no lack of room, where there is one.
@@ -108,7 +109,7 @@ class OrphanFiles {
     mutable Mutex lock_;
     ConditionVariable idle_; // some removal is no longer busy
     std::atomic<size_t> count_{0};
-    std::unordered_map<uint64_t, Removal> removals_ TAVELIN_GUARDED_BY(lock_);
+    std::unordered_map<fskit::FSItemID, Removal> removals_ TAVELIN_GUARDED_BY(lock_);
     std::optional<fskit::Error> failure_ TAVELIN_GUARDED_BY(lock_);
     bool parkingFails_ TAVELIN_GUARDED_BY(lock_) = false; // and has been logged
 };

@@ -1,8 +1,8 @@
 /// What a request answered: its value, or the error.
 ///
-/// A host that translates errors itself (the FUSE host) tests it and asks for error(); everybody
-/// else calls get(), which hands out the value or throws the fskit::Error. Plain values; one thread
-/// at a time.
+/// The one result type above the volume core. A caller that passes errors on tests the outcome and
+/// asks for error(); any other calls get(), which hands out the value or throws the Error. A plain
+/// value that owns what it holds; one thread at a time.
 #pragma once
 
 #include "fskit/api/error.hpp"
@@ -10,13 +10,13 @@
 #include <optional>
 #include <utility>
 
-namespace tavelin {
+namespace fskit {
 
 template<typename Value>
 class [[nodiscard]] Outcome {
   public:
     Outcome(Value value) : value_(std::move(value)) {}
-    Outcome(fskit::Error error) : error_(std::move(error)) {}
+    Outcome(Error error) : error_(std::move(error)) {}
 
     explicit operator bool() const noexcept { return value_.has_value(); }
 
@@ -27,7 +27,7 @@ class [[nodiscard]] Outcome {
     [[nodiscard]] const Value* operator->() const noexcept { return &*value_; }
 
     /// The error of a failed outcome; only after testing.
-    [[nodiscard]] const fskit::Error& error() const noexcept { return *error_; }
+    [[nodiscard]] const Error& error() const noexcept { return *error_; }
 
     /// The value, or throws the error.
     Value get() && {
@@ -39,18 +39,23 @@ class [[nodiscard]] Outcome {
 
   private:
     std::optional<Value> value_;
-    std::optional<fskit::Error> error_;
+    std::optional<Error> error_;
 };
 
 template<>
 class [[nodiscard]] Outcome<void> {
   public:
     Outcome() = default;
-    Outcome(fskit::Error error) : error_(std::move(error)) {}
-    Outcome(std::optional<fskit::Error> error) : error_(std::move(error)) {}
+    Outcome(Error error) : error_(std::move(error)) {}
+    Outcome(std::optional<Error> error) : error_(std::move(error)) {}
+    /// Success or failure of a request whose value is not wanted.
+    template<typename Value>
+    static Outcome of(const Outcome<Value>& other) {
+        return other ? Outcome() : Outcome(other.error());
+    }
 
     explicit operator bool() const noexcept { return !error_; }
-    [[nodiscard]] const fskit::Error& error() const noexcept { return *error_; }
+    [[nodiscard]] const Error& error() const noexcept { return *error_; }
 
     void get() && {
         if (error_) {
@@ -59,7 +64,11 @@ class [[nodiscard]] Outcome<void> {
     }
 
   private:
-    std::optional<fskit::Error> error_;
+    std::optional<Error> error_;
 };
 
-} // namespace tavelin
+} // namespace fskit
+
+namespace tavelin {
+using fskit::Outcome;
+}

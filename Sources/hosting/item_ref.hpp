@@ -1,0 +1,56 @@
+/// A host's hold on an item of its volume.
+#pragma once
+
+#include "fskit/extended_operations.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+/// One hand-out of an item, given back when the handle goes; the last one reclaims the item. The
+/// volume itself counts them, under the lock that a lookup takes, so no lookup can answer an item
+/// that is being reclaimed.
+///
+/// Must not outlive its module host; one that outlives the volume's deactivation is good for
+/// nothing but its destruction. May be used by several threads at a time, except to move it.
+class ItemRef {
+  public:
+    ItemRef() = default;
+    /// Takes over one hand-out of `item`.
+    ItemRef(ExtendedOperations& volume, fskit::FSItemRef item) noexcept
+        : volume_(&volume), item_(std::move(item)) {}
+    ItemRef(ItemRef&& other) noexcept
+        : volume_(other.volume_), item_(std::exchange(other.item_, nullptr)) {}
+    ItemRef& operator=(ItemRef&& other) noexcept {
+        std::swap(volume_, other.volume_);
+        std::swap(item_, other.item_);
+        return *this;
+    }
+    ~ItemRef() {
+        if (item_ != nullptr) {
+            volume_->release(item_);
+        }
+    }
+
+    explicit operator bool() const noexcept { return item_ != nullptr; }
+    /// Absent for an empty handle.
+    [[nodiscard]] const fskit::FSItemRef& item() const noexcept { return item_; }
+    /// Whether both are references to the same item.
+    [[nodiscard]] bool operator==(const ItemRef& other) const noexcept {
+        return item_ == other.item_;
+    }
+    /// One more reference to the same item.
+    [[nodiscard]] ItemRef duplicate() const {
+        if (item_ == nullptr) {
+            return {};
+        }
+        volume_->retain(item_);
+        return {*volume_, item_};
+    }
+
+  private:
+    ExtendedOperations* volume_ = nullptr;
+    fskit::FSItemRef item_;
+};
+
+} // namespace tavelin
