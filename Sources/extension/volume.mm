@@ -109,7 +109,7 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
 // Asked for after the mount: a volume that could only be opened read-only is then mounted so, and
 // the Finder offers no changes.
 - (FSMountOptions)requestedMountOptions API_AVAILABLE(macos(26.4)) {
-    return _volume->ntfs->readOnly() ? FSMountOptionsReadOnly : 0;
+    return _volume->readOnly() ? FSMountOptionsReadOnly : 0;
 }
 
 // Lifecycle

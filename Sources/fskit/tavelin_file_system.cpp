@@ -5,6 +5,7 @@
 #include "core/driver2/mount_options.hpp"
 #include "core/driver2/short_name.hpp"
 #include "core/driver2/volume_uuid.hpp"
+#include "core/journal/journaled_device.hpp"
 #include "core/ntfs_error.hpp"
 #include "diagnostics/error_tally.hpp"
 #include "diagnostics/event_log.hpp"
@@ -38,7 +39,11 @@ std::string dictionaryText(std::string_view key) {
 std::string probedName(const std::shared_ptr<ResourceDevice>& device) {
     std::string name = "NTFS";
     try {
-        const auto temporary = NTFSVolume::open(device, true);
+        // Through the journal, as a load opens it: after a power cut the newest label may be there
+        // only. Reading alone, nothing is written home.
+        const auto journaled = std::make_shared<JournaledDevice>(device);
+        static_cast<void>(journaled->replay(true)); // answers no error when only reading
+        const auto temporary = NTFSVolume::open(journaled, true);
         const std::string label = temporary->label();
         if (!label.empty()) {
             name = label;
@@ -210,14 +215,26 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
         if (!ntfs->readOnly()) {
             ntfs->startAutoFlush(kFlushInterval);
         }
+        fresh->journal = journaled;
         volume = fresh;
-        journal_ = journaled;
         containerStatus = fskit::FSContainerStatus::ready();
         load.reportSuccess(*ntfs, fellBack);
         return fresh;
     } catch (const std::exception& error) {
         load.reportFailure(error);
         throw;
+    }
+}
+
+void TavelinFileSystem::closeForgotten() {
+    const std::shared_ptr<TavelinVolume> forgotten = std::exchange(volume, nullptr);
+    if (!forgotten) {
+        return;
+    }
+    try {
+        forgotten->close();
+    } catch (const NTFSError& error) {
+        log().error(fmt::format("load: the volume loaded before lost changes: {}", error.what()));
     }
 }
 
@@ -230,8 +247,10 @@ TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
                        Fields{{"ok", false}, {"errno", kENODEV}, {"why", "not_block_device"}});
         return fskit::fs_errorForPOSIXError(kENODEV);
     }
-    return attempt<"loadResource">(
-        [&]() -> std::shared_ptr<fskit::FSVolume> { return loaded(disk, options); });
+    return attempt<"loadResource">([&]() -> std::shared_ptr<fskit::FSVolume> {
+        closeForgotten();
+        return loaded(disk, options);
+    });
 }
 
 Outcome<void> TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
@@ -239,13 +258,9 @@ Outcome<void> TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*re
     return attempt<"unloadResource">([&] {
         // Forgotten before the answer: a load may follow as soon as the host has it.
         const std::shared_ptr<TavelinVolume> unloaded = std::exchange(volume, nullptr);
-        const std::shared_ptr<JournaledDevice> journal = std::exchange(journal_, nullptr);
         try {
             if (unloaded) {
-                unloaded->ntfs->unmount();
-                if (const std::int32_t error = journal->close(); error != 0) {
-                    throw NTFSError(fromHost(error));
-                }
+                unloaded->close();
             }
             events().event("unload", Fields{{"ok", true}, {"errors", errorTally().summary()}});
         } catch (const std::exception& error) {

@@ -4,7 +4,6 @@
 /// of one module. A check's task is completed after the check has returned, on the utility queue.
 #pragma once
 
-#include "core/journal/journaled_device.hpp"
 #include "fskit/api/file_system.hpp"
 #include "fskit/tavelin_volume.hpp"
 
@@ -28,12 +27,14 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     fskit::FSProbeResult probeResource(const fskit::FSResourceRef& resource) override;
     /// Mounts read-only when the options or the medium say so, or when the volume is hibernated,
     /// fast-started or write-protected; else read-write. kENODEV when the resource is no block
-    /// device, otherwise what the volume's open answers. Loading over a loaded volume lets go of
-    /// that one, which then unmounts when its last user does.
+    /// device, otherwise what the volume's open answers. A volume that is still loaded is closed
+    /// first: hosts load a device again without an unload, and the second load must find all that
+    /// was written through the first.
     Outcome<std::shared_ptr<fskit::FSVolume>>
     loadResource(const fskit::FSResourceRef& resource,
                  const fskit::FSTaskOptions& options) override;
-    /// Unmounts the volume, ends its journal, and forgets it, whatever the result.
+    /// Closes the volume, unless it was closed with its deactivation, and forgets it, whatever the
+    /// result.
     Outcome<void> unloadResource(const fskit::FSResourceRef& resource,
                                  const fskit::FSTaskOptions& options) override;
 
@@ -51,8 +52,9 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// Mounts the resource and keeps the volume; reports either outcome.
     std::shared_ptr<TavelinVolume> loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
                                           const fskit::FSTaskOptions& options);
-
-    std::shared_ptr<JournaledDevice> journal_; ///< under `volume`
+    /// Closes what an earlier load left open. A failure is logged: the new load shall go on, and
+    /// finds on the device what could be written.
+    void closeForgotten();
 };
 
 } // namespace tavelin

@@ -16,6 +16,7 @@
 #pragma once
 
 #include "core/driver2/directory_snapshot.hpp"
+#include "core/journal/journaled_device.hpp"
 #include "core/ntfs_volume.hpp"
 #include "fskit/api/volume.hpp"
 #include "fskit/extended_operations.hpp"
@@ -53,6 +54,15 @@ class TavelinVolume final : public fskit::FSVolume,
 
     /// The device at the bottom of `ntfs`, which owns it; set by load, before any request.
     std::weak_ptr<ResourceDevice> device;
+    /// The journal between the two, ended by close(); set by load as well, null without one.
+    std::shared_ptr<JournaledDevice> journal;
+
+    /// Writes everything back, unmounts, and ends the journal: the device is then as any other
+    /// system expects it. Requests answer kENXIO from then on, and further calls do nothing. Throws
+    /// the first failure, with the volume closed all the same.
+    void close();
+    /// Whether changes are refused: by the load, or by a mount that asked for it at activation.
+    [[nodiscard]] bool readOnly() const noexcept { return ntfs->readOnly() || refusesChanges_; }
 
     // ---- Items ---------------------------------------------------------------------------------
 
@@ -82,15 +92,18 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Only the type name when the volume cannot answer.
     [[nodiscard]] fskit::FSStatFSResult volumeStatistics() override;
     [[nodiscard]] fskit::FSMountOptions requestedMountOptions() const override {
-        return ntfs->readOnly() ? fskit::FSMountOptionsReadOnly : 0;
+        return readOnly() ? fskit::FSMountOptionsReadOnly : 0;
     }
 
-    /// "windows_names" among the options switches that rule on; nothing switches it off again.
+    /// "windows_names" among the options switches that rule on, "ro" and "rdonly" refuse changes
+    /// from now on; nothing switches either off again. kENXIO once the volume is closed.
     Outcome<fskit::FSItemRef> activate(const fskit::FSTaskOptions& options) override;
     Outcome<void> mount(const fskit::FSTaskOptions& options) override;
     void unmount() override;
     /// Flushes unless the flags say not to wait.
     Outcome<void> synchronize(fskit::FSSyncFlags flags) override;
+    /// Writes everything back and closes the volume, as nothing may follow: an unload does not
+    /// always come. When writing fails the volume stays open, for the unload to try again.
     Outcome<void> deactivate(fskit::FSDeactivateOptions options) override;
     Outcome<fskit::FSFileName> setVolumeName(const fskit::FSFileName& name) override;
 
@@ -182,6 +195,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The same object as an NItem. Throws MissingItem for none; an item of another file system
     /// stops the process.
     static NItem& n(const fskit::FSItemRef& item);
+    /// Throws NTFSError kEROFS when changes are refused although the volume could be written.
+    void requireChangeable() const;
     /// The text of a name; throws NTFSError kEINVAL when it has none.
     static std::string_view name(const fskit::FSFileName& name);
 
@@ -214,6 +229,7 @@ class TavelinVolume final : public fskit::FSVolume,
     std::uint64_t generation_ TAVELIN_GUARDED_BY(items) = 1;
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
     std::atomic<bool> openCloseInhibited_{true};
+    std::atomic<bool> refusesChanges_{false};
     const std::uint32_t uid_;
     const std::uint32_t gid_;
 };

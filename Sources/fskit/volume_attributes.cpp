@@ -51,12 +51,15 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
 
 void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NItem& item) {
     namespace Bit = fskit::FSItemAttribute;
+    constexpr fskit::FSItemAttributeSet kTimes =
+        Bit::accessTime | Bit::modifyTime | Bit::changeTime | Bit::birthTime;
+    if ((request.validAttributes() & (Bit::size | Bit::flags | kTimes)) != 0) {
+        requireChangeable();
+    }
     if (request.isValid(Bit::size)) {
         ntfs->truncate(item.reference, request.size());
         request.consumedAttributes |= Bit::size;
     }
-    constexpr fskit::FSItemAttributeSet kTimes =
-        Bit::accessTime | Bit::modifyTime | Bit::changeTime | Bit::birthTime;
     if ((request.validAttributes() & kTimes) != 0) {
         ntfs->setTimes(item.reference, wanted(request, Bit::accessTime, request.accessTime()),
                        wanted(request, Bit::modifyTime, request.modifyTime()),

@@ -29,8 +29,11 @@ Outcome<std::size_t> TavelinVolume::read(const fskit::FSItemRef& item, std::int6
 
 Outcome<std::size_t> TavelinVolume::write(std::span<const std::byte> contents,
                                           const fskit::FSItemRef& item, std::int64_t offset) {
-    return attempt<"write">(
-        [&] { return ntfs->write(n(item).reference, unsignedOffset(offset), contents); });
+    return attempt<"write">([&] {
+        const NItem& own = n(item);
+        requireChangeable();
+        return ntfs->write(own.reference, unsignedOffset(offset), contents);
+    });
 }
 
 Outcome<fskit::FSFileName> TavelinVolume::readSymbolicLink(const fskit::FSItemRef& item) {

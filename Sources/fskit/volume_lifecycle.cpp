@@ -10,10 +10,12 @@
 #include "fskit/tavelin_file_system.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <exception>
 #include <string>
 #include <unistd.h>
 
@@ -91,19 +93,43 @@ fskit::FSStatFSResult TavelinVolume::volumeStatistics() {
     return result;
 }
 
+void TavelinVolume::close() {
+    std::exception_ptr failed;
+    try {
+        ntfs->unmount();
+    } catch (const NTFSError&) {
+        failed = std::current_exception();
+    }
+    // The journal's end is tried in any case: what it still holds may reach its place now.
+    if (const std::int32_t error = journal ? journal->close() : 0; error != 0 && !failed) {
+        throw NTFSError(fromHost(error));
+    }
+    if (failed) {
+        std::rethrow_exception(failed);
+    }
+}
+
 Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& options) {
     return attempt<"activate">([&]() -> fskit::FSItemRef {
+        if (!ntfs->isMounted()) {
+            throw NTFSError(kENXIO);
+        }
         // Passing through the lock waits for device I/O that is in flight.
         bool hasDevice = false;
         ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
-        if (Driver2::MountOptions(options.taskOptions).windowsNames) {
+        const Driver2::MountOptions asked(options.taskOptions);
+        if (asked.windowsNames) {
             ntfs->setWindowsNames(true);
+        }
+        if (asked.readOnly) {
+            // The options of a mount arrive here, after a load that opened the volume for writing.
+            refusesChanges_ = true;
         }
         const std::string words = fmt::format("{}", fmt::join(options.taskOptions, " "));
         log().info(
             fmt::format("activate: windowsNames={} options={}", ntfs->windowsNames(), words));
         const std::shared_ptr<ResourceDevice> underlying = hasDevice ? device.lock() : nullptr;
-        events().event("activate", Fields{{"ro", ntfs->readOnly()},
+        events().event("activate", Fields{{"ro", readOnly()},
                                           {"kernel_cache", underlying && underlying->cached},
                                           {"options", words}});
         root()->handedOut.fetch_add(1);
@@ -138,17 +164,22 @@ Outcome<void> TavelinVolume::synchronize(fskit::FSSyncFlags flags) {
 
 Outcome<void> TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/) {
     return attempt<"deactivate">([&] {
+        if (!ntfs->isMounted()) {
+            return;
+        }
         const std::string counts = OpCounter::shared().dumpAndReset();
         if (log().isEnabled(LogLevel::kInfo)) {
             logOperations(counts);
         }
         events().event("deactivate", Fields{{"ops", counts}, {"errors", errorTally().summary()}});
         ntfs->sync();
+        close();
     });
 }
 
 Outcome<fskit::FSFileName> TavelinVolume::setVolumeName(const fskit::FSFileName& newName) {
     return attempt<"setVolumeName">([&] {
+        requireChangeable();
         ntfs->setLabel(name(newName));
         setName(newName);
         return newName;

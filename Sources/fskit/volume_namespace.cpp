@@ -46,6 +46,7 @@ TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type
             return fskit::fs_errorForPOSIXError(kENOTSUP);
         }
         NItem& parent = n(directory);
+        requireChangeable();
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
         fskit::FSCreateItemResult result =
             created(ntfs->createDescribed(name(named), parent.reference, kind), parent, named);
@@ -74,6 +75,7 @@ TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::F
                                   const fskit::FSFileName& linkContents) {
     return request<"createSymbolicLink">([&] {
         NItem& parent = n(directory);
+        requireChangeable();
         const std::string_view linkName = name(named);
         return created(ntfs->symlinkDescribed(linkName, parent.reference, name(linkContents)),
                        parent, named);
@@ -93,6 +95,7 @@ Outcome<void> TavelinVolume::linkInternal(const fskit::FSItemRef& item,
     return request<"createLink">([&] {
         const std::uint64_t file = n(item).reference;
         NItem& parent = n(directory);
+        requireChangeable();
         ntfs->link(file, name(named), parent.reference);
         changed(parent);
     });
@@ -103,6 +106,7 @@ Outcome<void> TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/,
                                         const fskit::FSItemRef& directory) {
     return request<"removeItem">([&] {
         NItem& parent = n(directory);
+        requireChangeable();
         ntfs->remove(name(named), parent.reference);
         changed(parent);
     });
@@ -117,6 +121,7 @@ Outcome<fskit::FSFileName> TavelinVolume::renameItem(const fskit::FSItemRef& mov
     return request<"renameItem">([&] {
         NItem& from = n(sourceDirectory);
         NItem& to = n(destinationDirectory);
+        requireChangeable();
         const std::string_view oldName = name(sourceName);
         ntfs->rename(oldName, from.reference, name(destinationName), to.reference);
         if (moved != nullptr) {

@@ -20,6 +20,12 @@ NItem& TavelinVolume::n(const fskit::FSItemRef& item) {
     fatal("an item of another file system was passed to a request");
 }
 
+void TavelinVolume::requireChangeable() const {
+    if (refusesChanges_) {
+        throw NTFSError(kEROFS);
+    }
+}
+
 std::string_view TavelinVolume::name(const fskit::FSFileName& name) {
     const std::optional<std::string_view> text = name.string();
     if (!text || text->empty()) {
@@ -138,7 +144,7 @@ Outcome<void> TavelinVolume::openItem(const fskit::FSItemRef& item,
 
 void TavelinVolume::closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) {
     countRequest<"closeItem">();
-    if (item != nullptr && modes == 0 && !ntfs->readOnly()) {
+    if (item != nullptr && modes == 0 && !readOnly()) {
         try {
             ntfs->flush(n(item).reference);
         } catch (const std::exception&) {

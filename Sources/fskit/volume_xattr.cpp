@@ -41,6 +41,7 @@ Outcome<void> TavelinVolume::setXattr(const fskit::FSFileName& named,
                                       fskit::FSSetXattrPolicy policy) {
     return request<"setXattr">([&] {
         const std::uint64_t reference = n(item).reference;
+        requireChangeable();
         if (policy == fskit::FSSetXattrPolicy::remove) {
             ntfs->removeXattr(name(named), reference);
         } else {

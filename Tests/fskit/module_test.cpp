@@ -8,6 +8,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <atomic>
+
 namespace tavelin {
 namespace {
 
@@ -150,6 +152,99 @@ TEST_F(Module, ActivateSwitchesTheWindowsRuleOnAndNeverOff) {
     EXPECT_FALSE(volume().ntfs->windowsNames());
     root = *requests().activate({"-o", "windows_names"});
     EXPECT_EQ(requests().create(root, "a:b").code(), kEINVAL);
+}
+
+TEST_F(Module, ASecondLoadFindsAllThatWasWrittenThroughTheFirst) {
+    start();
+    const std::shared_ptr<TavelinVolume> first = module.volume;
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(requests().create(root, "file " + std::to_string(i)).code(), 0);
+    }
+    const Item oldRoot = root;
+    start();
+    EXPECT_NE(module.volume, first);
+    EXPECT_EQ(requests().lookup(root, "file 49").code(), 0);
+    EXPECT_EQ(requests().create(root, "later").code(), 0);
+    EXPECT_EQ(Requests(*first).lookup(oldRoot, "file 0").code(), kENXIO);
+    EXPECT_EQ(Requests(*first).deactivate(), 0) << "closed already";
+    EXPECT_EQ(unload(), 0);
+    save();
+    EXPECT_EQ(sample.list("/").size(), 51u);
+}
+
+TEST_F(Module, DeactivationClosesVolumeAndJournal) {
+    start();
+    EXPECT_EQ(requests().create(root, "file").code(), 0);
+    requests().unmount();
+    EXPECT_EQ(requests().deactivate(), 0);
+    const std::string closed = disk->bytes;
+    const auto writes = disk->count(MemoryResource::Call::write);
+    save();
+    EXPECT_EQ(sample.list("/"), Lines{"file"});
+    EXPECT_EQ(requests().create(root, "late").code(), kENXIO);
+    EXPECT_EQ(requests().activate().code(), kENXIO);
+    EXPECT_EQ(requests().deactivate(), 0);
+    EXPECT_EQ(unload(), 0) << "there is nothing left to do";
+    EXPECT_EQ(disk->count(MemoryResource::Call::write), writes);
+    EXPECT_TRUE(disk->bytes == closed);
+    start();
+    EXPECT_EQ(requests().lookup(root, "file").code(), 0);
+}
+
+TEST_F(Module, ReadOnlyAtActivationRefusesChanges) {
+    ASSERT_EQ(load(), 0);
+    root = *requests().activate();
+    const Item file = *requests().create(root, "file");
+    EXPECT_EQ(*requests().write(file, 0, "content"), 7u);
+    EXPECT_EQ(*requests().activate({"-o", "rdonly"}), root);
+    EXPECT_EQ(volume().requestedMountOptions(), fskit::FSMountOptionsReadOnly);
+    EXPECT_NE(takeLastEvent().find(R"("ro":true)"), std::string::npos);
+    auto ask = requests();
+    fskit::FSItemSetAttributesRequest shorter;
+    shorter.setSize(0);
+    fskit::FSItemSetAttributesRequest hidden;
+    hidden.setFlags(0x8000);
+    for (const std::int64_t code :
+         {ask.write(file, 0, "x").code(), ask.setAttributes(file, shorter).code(),
+          ask.setAttributes(file, hidden).code(), ask.create(root, "new").code(),
+          ask.symlink(root, "new", "file").code(), ask.remove(file, root, "file"),
+          ask.rename(file, root, "file", root, "new").code(), ask.setXattr(file, "note", "x"),
+          ask.setName("Other"),
+          codeOf(volume().linkInternal(file, fskit::FSFileName("n"), root))}) {
+        EXPECT_EQ(code, kEROFS);
+    }
+    EXPECT_EQ(*ask.read(file, 0, 100), "content");
+}
+
+// However far the writes of a change came, a probe names the volume as the next load does.
+TEST_F(Module, AProbeAfterAPowerCutNamesTheVolumeAsALoadDoes) {
+    const std::string original = disk->bytes;
+    bool old = false;
+    bool fresh = false;
+    for (int writes = 0; writes < 40 && !fresh; ++writes) {
+        disk->bytes = original;
+        start();
+        EXPECT_EQ(requests().setName("After"), 0);
+        std::atomic<int> left = writes;
+        disk->hook = [&](MemoryResource::Call call, auto, std::size_t length) {
+            return call == MemoryResource::Call::write && left-- <= 0
+                       ? throw fskit::fs_errorForPOSIXError(kEIO)
+                       : length;
+        };
+        const bool durable = requests().synchronize() == 0;
+        const std::string cut = disk->bytes;
+        static_cast<void>(unload());
+        disk->hook = nullptr;
+        disk->bytes = cut;
+        const std::string probed = *probe().name;
+        ASSERT_EQ(load(), 0);
+        EXPECT_EQ(volume().name().data(), probed) << "after " << writes << " writes";
+        old = old || probed == "Sample";
+        fresh = durable;
+        EXPECT_TRUE(!durable || probed == "After");
+        EXPECT_EQ(unload(), 0);
+    }
+    EXPECT_TRUE(old && fresh);
 }
 
 TEST_F(Module, AFailedUnloadReportsAndForgets) {
