@@ -19,18 +19,4 @@ using Clock = std::function<Date()>;
     return std::chrono::system_clock::now();
 }
 
-/// Measures the time since its construction on the steady clock, which changes of the wall clock
-/// do not affect. It is immutable, so any thread may read it.
-class Stopwatch {
-  public:
-    /// The time since construction, rounded down to whole milliseconds.
-    [[nodiscard]] std::chrono::milliseconds elapsed() const {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now() - start_);
-    }
-
-  private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
 } // namespace tavelin

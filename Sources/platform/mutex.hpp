@@ -22,20 +22,16 @@
 #define TAVELIN_SCOPED_CAPABILITY TAVELIN_THREAD_ANNOTATION(scoped_lockable)
 // Members: the member itself, or what the pointer refers to, is accessed only under lock x.
 #define TAVELIN_GUARDED_BY(x) TAVELIN_THREAD_ANNOTATION(guarded_by(x))
-#define TAVELIN_PT_GUARDED_BY(x) TAVELIN_THREAD_ANNOTATION(pt_guarded_by(x))
 // Lock members: the order in which two locks are taken.
 #define TAVELIN_ACQUIRED_BEFORE(...) TAVELIN_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
-#define TAVELIN_ACQUIRED_AFTER(...) TAVELIN_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 // Functions: REQUIRES is called with the lock held, EXCLUDES without it, ACQUIRE returns with the
 // lock held, RELEASE without it.
 #define TAVELIN_REQUIRES(...) TAVELIN_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define TAVELIN_ACQUIRE(...) TAVELIN_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TAVELIN_RELEASE(...) TAVELIN_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define TAVELIN_TRY_ACQUIRE(...) TAVELIN_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define TAVELIN_EXCLUDES(...) TAVELIN_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 // For code that the analysis cannot follow. Each use says why it is correct.
 #define TAVELIN_ASSERT_CAPABILITY(x) TAVELIN_THREAD_ANNOTATION(assert_capability(x))
-#define TAVELIN_RETURN_CAPABILITY(x) TAVELIN_THREAD_ANNOTATION(lock_returned(x))
 #define TAVELIN_NO_THREAD_SAFETY_ANALYSIS TAVELIN_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace tavelin {
