@@ -1,4 +1,5 @@
 // The contents of files: always the unnamed data stream.
+#include "NTFSBridge/operation.hpp"
 #include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/transfer.hpp"
 #include "NTFSBridge/volume.hpp"
@@ -101,8 +102,8 @@ int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint
     return read_stream(file.data.get(), offset, buffer, length, done);
 }
 
-int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
-                  uint64_t* done) {
+static int32_t write_file(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer,
+                          uint64_t length, uint64_t* done) {
     *done = 0;
     if (is_read_only(vol)) {
         return EROFS;
@@ -129,7 +130,20 @@ int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffe
     return file.close(error);
 }
 
-int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
+int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
+                  uint64_t* done) {
+    *done = 0;
+    if (const int32_t error = begin_operation(vol); error != 0) {
+        return error;
+    }
+    bool taken_back = false;
+    const int32_t error =
+        end_operation(vol, write_file(vol, ino, offset, buffer, length, done), &taken_back);
+    *done = taken_back ? 0 : *done;
+    return error;
+}
+
+static int32_t resize_file(ntb_vol* vol, uint64_t ino, uint64_t size) {
     if (is_read_only(vol)) {
         return EROFS;
     }
@@ -150,6 +164,10 @@ int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
     file.data.reset();
     ntfs_inode_update_times(file.inode.get(), data_and_change_time);
     return file.close(0);
+}
+
+int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size) {
+    return atomically(vol, [&] { return resize_file(vol, ino, size); });
 }
 
 int32_t ntb_flush(ntb_vol* vol, uint64_t ino) {

@@ -1,4 +1,5 @@
 // Changing an inode's times and its hidden flag.
+#include "NTFSBridge/operation.hpp"
 #include "NTFSBridge/times.hpp"
 #include "NTFSBridge/volume.hpp"
 
@@ -19,8 +20,8 @@ int32_t close_changed(inode_guard& inode) noexcept {
 
 } // namespace
 
-int32_t ntb_set_times(ntb_vol* vol, uint64_t ino, const ntb_time* access, const ntb_time* modify,
-                      const ntb_time* change, const ntb_time* birth) {
+static int32_t change_times(ntb_vol* vol, uint64_t ino, const ntb_time* access,
+                            const ntb_time* modify, const ntb_time* change, const ntb_time* birth) {
     inode_guard inode;
     if (const int32_t error = open_for_change(vol, ino, inode); error != 0) {
         return error;
@@ -39,11 +40,20 @@ int32_t ntb_set_times(ntb_vol* vol, uint64_t ino, const ntb_time* access, const 
     return close_changed(inode);
 }
 
-int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden) {
+int32_t ntb_set_times(ntb_vol* vol, uint64_t ino, const ntb_time* access, const ntb_time* modify,
+                      const ntb_time* change, const ntb_time* birth) {
+    return atomically(vol, [&] { return change_times(vol, ino, access, modify, change, birth); });
+}
+
+static int32_t change_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden) {
     inode_guard inode;
     if (const int32_t error = open_for_change(vol, ino, inode); error != 0) {
         return error;
     }
     set_flag(inode.get(), FILE_ATTR_HIDDEN, hidden != 0);
     return close_changed(inode);
+}
+
+int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden) {
+    return atomically(vol, [&] { return change_hidden(vol, ino, hidden); });
 }

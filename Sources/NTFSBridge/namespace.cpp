@@ -3,6 +3,7 @@
 
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/names.hpp"
+#include "NTFSBridge/operation.hpp"
 
 namespace ntb {
 namespace {
@@ -117,7 +118,8 @@ int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* na
 
 using namespace ntb;
 
-int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino) {
+static int32_t create_entry(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind,
+                            uint64_t* ino) {
     new_entry entry;
     if (const int32_t error = check_new_name(vol, name, entry.name); error != 0) {
         return error;
@@ -131,6 +133,9 @@ int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kin
     if (const int32_t error = entry.check_absent(); error != 0) {
         return error;
     }
+    if (const int32_t error = admit(vol, 0); error != 0) {
+        return error;
+    }
     const mode_t mode = kind == NTB_TYPE_DIRECTORY ? S_IFDIR : S_IFREG;
     errno = 0;
     inode_guard created(
@@ -138,8 +143,12 @@ int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kin
     return created ? entry.finish(std::move(created), ino) : err_or(EIO);
 }
 
-int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
-                    uint64_t* ino) {
+int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino) {
+    return atomically(vol, [&] { return create_entry(vol, parent, name, kind, ino); });
+}
+
+static int32_t create_link_entry(ntb_vol* vol, uint64_t parent, const char* name,
+                                 const char* target, uint64_t* ino) {
     new_entry entry;
     if (const int32_t error = check_new_name(vol, name, entry.name); error != 0) {
         return error;
@@ -160,6 +169,9 @@ int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char*
     if (const int32_t error = entry.check_absent(); error != 0) {
         return error;
     }
+    if (const int32_t error = admit(vol, 0); error != 0) {
+        return error;
+    }
     errno = 0;
     inode_guard created(ntfs_create_symlink(entry.directory.get(), 0, entry.name.units(),
                                             entry.name.name_length(), target_text.units(),
@@ -167,11 +179,16 @@ int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char*
     return created ? entry.finish(std::move(created), ino) : err_or(EIO);
 }
 
-int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name) {
-    return unlink_impl(vol, parent, name, true);
+int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
+                    uint64_t* ino) {
+    return atomically(vol, [&] { return create_link_entry(vol, parent, name, target, ino); });
 }
 
-int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name) {
+int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name) {
+    return atomically(vol, [&] { return unlink_impl(vol, parent, name, true); });
+}
+
+static int32_t link_entry(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name) {
     utf16_text text;
     if (const int32_t error = check_new_name(vol, name, text); error != 0) {
         return error;
@@ -195,5 +212,10 @@ int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name) 
             return error;
         }
     } // no record is open twice
-    return link_name(vol, ino, parent, name);
+    const int32_t error = admit(vol, 0);
+    return error != 0 ? error : link_name(vol, ino, parent, name);
+}
+
+int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name) {
+    return atomically(vol, [&] { return link_entry(vol, ino, parent, name); });
 }

@@ -12,7 +12,7 @@
  *   4. Text is NUL-terminated UTF-8. Strings and buffers handed out are newly allocated; the caller
  *      releases them with free(). With an error, nothing is handed out.
  *   5. An inode number handed out is the 48-bit NTFS file record number. The root directory is
- *      NTB_ROOT_INO; the other records below 16 are the volume's system files, never exposed.
+ *      NTB_ROOT_INO; the others below 16 are the volume's system files and are never exposed.
  *      An inode number handed in may carry the record's sequence number in its upper 16 bits, as
  *      NTFS's own file references do (ntb_reference). The sequence number changes each time a
  *      record is freed, so a call with one that is not 0 answers ESTALE when the record is free or
@@ -22,7 +22,10 @@
  *      the call and must not call the bridge for the same volume.
  *   7. No inode stays open between calls. A change has reached the page cache when its call
  *      returns; ntb_sync, ntb_flush_dirty or ntb_umount carry it to the device.
- *   8. Operations that change a volume answer EROFS when it is mounted read-only, by request or by
+ *   8. An operation that fails leaves the volume as it was. Exceptions: the contents of a file that
+ *      were to be overwritten may be partly new; and an operation on a volume without a page cache,
+ *      or on more than 16 MiB of metadata, may end half-way.
+ *   9. Operations that change a volume answer EROFS when it is mounted read-only, by request or by
  *      the library's own decision.
  */
 #ifndef NTB_H
@@ -161,6 +164,10 @@ void ntb_set_ordered_writes(ntb_vol* vol, int32_t on);
 
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out);
 
+/* In builds with assertions: stops the process where the page cache contradicts itself or an
+ * operation has not ended. Does nothing in others. Takes as long as a walk over the whole cache. */
+void ntb_check_invariants(ntb_vol* vol);
+
 /* Takes all memory of the page cache from the system now, some 32 MiB, and not page by page when
  * each is first used, at the cost of a fault. For a volume that stays mounted. */
 void ntb_populate_cache(ntb_vol* vol);
@@ -213,13 +220,13 @@ typedef struct ntb_time {
 
 typedef struct ntb_attr {
     uint64_t ino;
-    uint16_t seq;        /* sequence number of the record, for ntb_reference */
-    uint32_t type;       /* NTB_TYPE_... */
-    uint32_t link_count; /* 2 for directories */
-    uint32_t flags;      /* NTB_FLAG_... */
-    uint64_t size;       /* bytes; of a link, the length of its target in a mount */
-    uint64_t alloc_size; /* bytes on the volume */
-    uint64_t device;     /* of a device, its major number << 32 | its minor number */
+    uint16_t seq;         /* sequence number of the record, for ntb_reference */
+    uint32_t type;        /* NTB_TYPE_... */
+    uint32_t link_count;  /* 2 for directories */
+    uint32_t flags;       /* NTB_FLAG_... */
+    uint64_t size;        /* bytes; of a link, the length of its target in a mount */
+    uint64_t alloc_size;  /* bytes on the volume */
+    uint64_t device;      /* of a device, its major number << 32 | its minor number */
     uint32_t reparse_tag; /* 0: no reparse point */
     uint32_t data_state;  /* of a file, NTB_DATA_... */
     ntb_time access_time;

@@ -1,6 +1,7 @@
 // Renaming, made of adding a name and removing a name, so that the inode is never without one.
 #include "NTFSBridge/names.hpp"
 #include "NTFSBridge/namespace.hpp"
+#include "NTFSBridge/operation.hpp"
 
 using namespace ntb;
 
@@ -73,7 +74,7 @@ int32_t make_room(ntb_vol* vol, const ntb_attr& source, uint64_t target,
     if (source_is_directory != target_is_directory) {
         return source_is_directory ? ENOTDIR : EISDIR;
     }
-    return ntb_unlink(vol, to.directory, to.name);
+    return unlink_impl(vol, to.directory, to.name, true);
 }
 
 int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
@@ -83,8 +84,8 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
     }
     // Two directories' pages are written in the order of their places on the device, so a power cut
     // could let the removal through and not the new name. Without a journal the new name therefore
-    // goes first. The device need not sync: the order is all that matters. A failure is dropped:
-    // the pages stay dirty, and the flush that retries them reports.
+    // goes first. The device need not sync, as only the order matters. A failure is dropped: the
+    // pages stay dirty, and the flush that retries them reports.
     if (vol->ordered_writes) {
         (void)vol->context->flush();
     }
@@ -98,8 +99,8 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
 
 } // namespace
 
-int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
-                   const char* new_name) {
+static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
+                            const char* new_name) {
     if (is_read_only(vol)) {
         return EROFS;
     }
@@ -129,6 +130,9 @@ int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new
     if (attributes.type == NTB_TYPE_DIRECTORY && is_descendant(vol, new_parent, source)) {
         return EINVAL;
     }
+    if (error = admit(vol, 0); error != 0) {
+        return error;
+    }
     const entry_name from = {.directory = parent, .name = name};
     const entry_name to = {.directory = new_parent, .name = new_name};
     uint64_t target = 0;
@@ -142,4 +146,9 @@ int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new
         error = 0;
     }
     return first_error(error, error == 0 ? move_name(vol, source, from, to) : 0);
+}
+
+int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
+                   const char* new_name) {
+    return atomically(vol, [&] { return rename_entry(vol, parent, name, new_parent, new_name); });
 }

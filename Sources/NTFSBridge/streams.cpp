@@ -1,6 +1,7 @@
 // Named data streams, which the host sees as extended attributes.
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/names.hpp"
+#include "NTFSBridge/operation.hpp"
 #include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/transfer.hpp"
 
@@ -94,6 +95,9 @@ int32_t set_stream(ntb_vol* vol, const named_inode& target, const void* value, u
     if (is_new && flags == NTB_XATTR_REPLACE) {
         return no_such_attribute;
     }
+    if (const int32_t error = admit(vol, size); error != 0) {
+        return error;
+    }
     if (const int32_t error = make_empty_stream(vol, target, stream); error != 0) {
         return error;
     }
@@ -175,8 +179,8 @@ int32_t ntb_getxattr(ntb_vol* vol, uint64_t ino, const char* name, void** buffer
     return 0;
 }
 
-int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* value, uint64_t size,
-                     int32_t flags) {
+static int32_t set_attribute(ntb_vol* vol, uint64_t ino, const char* name, const void* value,
+                             uint64_t size, int32_t flags) {
     if (is_read_only(vol)) {
         return EROFS;
     }
@@ -196,7 +200,12 @@ int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* v
     return target.inode.close();
 }
 
-int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name) {
+int32_t ntb_setxattr(ntb_vol* vol, uint64_t ino, const char* name, const void* value, uint64_t size,
+                     int32_t flags) {
+    return atomically(vol, [&] { return set_attribute(vol, ino, name, value, size, flags); });
+}
+
+static int32_t remove_attribute(ntb_vol* vol, uint64_t ino, const char* name) {
     if (is_read_only(vol)) {
         return EROFS;
     }
@@ -219,4 +228,8 @@ int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name) {
     }
     ntfs_inode_update_times(inode, NTFS_UPDATE_CTIME);
     return target.inode.close();
+}
+
+int32_t ntb_removexattr(ntb_vol* vol, uint64_t ino, const char* name) {
+    return atomically(vol, [&] { return remove_attribute(vol, ino, name); });
 }

@@ -1,5 +1,6 @@
 #include "NTFSBridge/system_compression.hpp"
 
+#include "NTFSBridge/operation.hpp"
 #include "NTFSBridge/transfer.hpp"
 #include "NTFSBridge/volume.hpp"
 
@@ -209,7 +210,7 @@ int32_t drop_compressed_form(ntfs_inode* inode) noexcept {
 
 using namespace ntb;
 
-int32_t ntb_decompress(ntb_vol* vol, uint64_t ino) {
+static int32_t decompress_file(ntb_vol* vol, uint64_t ino) {
     if (is_read_only(vol)) {
         return EROFS;
     }
@@ -252,4 +253,8 @@ int32_t ntb_decompress(ntb_vol* vol, uint64_t ino) {
     vol->compressed.forget(inode.get());
     error = drop_compressed_form(inode.get());
     return first_error(error, inode.close());
+}
+
+int32_t ntb_decompress(ntb_vol* vol, uint64_t ino) {
+    return atomically(vol, [&] { return decompress_file(vol, ino); });
 }

@@ -67,36 +67,6 @@ bool has_possible_bitmaps(const ntfs_volume& volume, uint64_t device_size) noexc
            is_possible(volume.mftbmp_na, volume.mft_record_size);
 }
 
-int32_t mount(ntb_vol& vol) noexcept {
-    set_library_up();
-    errno = 0;
-    std::unique_ptr<ntfs_device, device_free> device(
-        ntfs_device_alloc("ntb", 0, &ntb_dev_ops, vol.context.get()));
-    if (!device) {
-        return err_or(ENOMEM);
-    }
-    // RECOVER resets an unclean journal. Without IGNORE_HIBERFILE the library refuses to write to
-    // a volume that Windows has hibernated.
-    errno = 0;
-    vol.volume =
-        ntfs_device_mount(device.get(), vol.read_only != 0 ? NTFS_MNT_RDONLY : NTFS_MNT_RECOVER);
-    if (vol.volume == nullptr) {
-        return err_or(EIO);
-    }
-    (void)device.release(); // freed by ntfs_umount from here on
-    vol.volume->abs_mnt_point = no_mount_point;
-    ntfs_create_lru_caches(vol.volume);
-    ntfs_set_shown_files(vol.volume, FALSE, TRUE, FALSE);
-    errno = 0;
-    if (!has_possible_size(*vol.volume) || !has_possible_bitmaps(*vol.volume, vol.io.size) ||
-        ntfs_volume_get_free_space(vol.volume) != 0) {
-        const int32_t error = err_or(EIO);
-        (void)ntfs_umount(vol.volume, TRUE);
-        return error;
-    }
-    return 0;
-}
-
 // Mounts a volume with a context of its own, so that nothing stays cached from an earlier try.
 ntb_vol* mount_once(const ntb_io& io, int32_t read_only, int32_t& error) noexcept {
     error = 0;
@@ -117,7 +87,7 @@ ntb_vol* mount_once(const ntb_io& io, int32_t read_only, int32_t& error) noexcep
         return nullptr;
     }
     (void)vol->context->cache.enable(); // without memory for it the volume works uncached
-    error = mount(*vol);
+    error = open_library_volume(*vol, nullptr);
     return error == 0 ? vol.release() : nullptr;
 }
 
@@ -141,6 +111,41 @@ bool end_mirror_mismatch(const ntb_io& io) noexcept {
 
 } // namespace
 
+int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcept {
+    set_library_up();
+    errno = 0;
+    std::unique_ptr<ntfs_device, device_free> device(
+        ntfs_device_alloc("ntb", 0, &ntb_dev_ops, vol.context.get()));
+    if (!device) {
+        return err_or(ENOMEM);
+    }
+    // RECOVER resets an unclean journal. Without IGNORE_HIBERFILE the library refuses to write to
+    // a volume that Windows has hibernated.
+    errno = 0;
+    vol.volume =
+        ntfs_device_mount(device.get(), vol.read_only != 0 ? NTFS_MNT_RDONLY : NTFS_MNT_RECOVER);
+    if (vol.volume == nullptr) {
+        return err_or(EIO);
+    }
+    (void)device.release(); // freed by ntfs_umount from here on
+    vol.volume->abs_mnt_point = no_mount_point;
+    ntfs_create_lru_caches(vol.volume);
+    ntfs_set_shown_files(vol.volume, FALSE, TRUE, FALSE);
+    if (known_free != nullptr) {
+        vol.volume->free_clusters = known_free->clusters;
+        vol.volume->free_mft_records = known_free->records;
+        return 0;
+    }
+    errno = 0;
+    if (!has_possible_size(*vol.volume) || !has_possible_bitmaps(*vol.volume, vol.io.size) ||
+        ntfs_volume_get_free_space(vol.volume) != 0) {
+        const int32_t error = err_or(EIO);
+        (void)ntfs_umount(std::exchange(vol.volume, nullptr), TRUE);
+        return error;
+    }
+    return 0;
+}
+
 int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept {
     if (const int32_t error = out.open(vol->volume, ino); error != 0) {
         return error;
@@ -162,9 +167,9 @@ int32_t write_open_records(const ntb_vol* vol) noexcept {
 
 int32_t sync_device(ntb_vol* vol) noexcept {
     const int32_t error = write_open_records(vol);
-    ntfs_device* const device = vol->volume->dev;
     errno = 0;
-    const int32_t result = first_error(error, device->d_ops->sync(device) == 0 ? 0 : err_or(EIO));
+    const bool is_synced = ntb_dev_ops.sync(vol->volume->dev) == 0;
+    const int32_t result = first_error(error, is_synced ? 0 : err_or(EIO));
     vol->freed_since_sync = vol->freed_since_sync && result != 0;
     return result;
 }
@@ -197,8 +202,10 @@ int32_t ntb_umount(ntb_vol* vol) {
         return 0;
     }
     const std::unique_ptr<ntb_vol> owner(vol);
+    // A stale volume writes nothing, and so would leave the cache as it is.
+    const int32_t error = vol->is_stale ? sync_device(vol) : 0;
     errno = 0;
-    return ntfs_umount(vol->volume, FALSE) == 0 ? 0 : err_or(EIO);
+    return first_error(error, ntfs_umount(vol->volume, FALSE) == 0 ? 0 : err_or(EIO));
 }
 
 int32_t ntb_sync(ntb_vol* vol) {

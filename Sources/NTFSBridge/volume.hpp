@@ -6,6 +6,16 @@
 #include "NTFSBridge/ntb.h"
 #include "NTFSBridge/system_compression.hpp"
 
+namespace ntb {
+
+// What is free, as the library counts it.
+struct free_counts {
+    s64 clusters = 0;
+    s64 records = 0;
+};
+
+} // namespace ntb
+
 struct ntb_vol {
     ntfs_volume* volume = nullptr;
     ntb_io io = {};
@@ -16,6 +26,10 @@ struct ntb_vol {
     ntb_stats stats = {};
     bool freed_since_sync = false; // clusters, since the last sync that succeeded
     ntb::compressed_readers compressed;
+    ntb::free_counts free_before; // when the operation that is under way began
+    // The library's volume is that of an operation that was taken back: it may be read, and what it
+    // writes is dropped.
+    bool is_stale = false;
     std::unique_ptr<ntb::ntb_devctx> context; // the library device's private pointer
 };
 
@@ -43,6 +57,10 @@ class free_space_watch {
     ntb_vol* const vol_;
     const s64 before_;
 };
+
+// Opens the library's volume over the device context; errno or EIO. Counts what is free unless
+// that is given.
+[[nodiscard]] int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcept;
 
 // Opens a record; errno or ENOENT. ENOTDIR when it is no directory.
 [[nodiscard]] int32_t open_directory(const ntb_vol* vol, uint64_t ino, inode_guard& out) noexcept;

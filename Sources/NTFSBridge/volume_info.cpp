@@ -1,6 +1,9 @@
 // What is known about a volume as a whole: state, serial, label, space, name rule, counters.
+#include "NTFSBridge/device/device_table.hpp"
 #include "NTFSBridge/names.hpp"
+#include "NTFSBridge/operation.hpp"
 #include "NTFSBridge/volume.hpp"
+#include "platform/assert.hpp"
 
 using namespace ntb;
 
@@ -33,7 +36,7 @@ char* ntb_label(ntb_vol* vol) {
     return copy_for_caller(label != nullptr ? label : "").release();
 }
 
-int32_t ntb_set_label(ntb_vol* vol, const char* label) {
+static int32_t change_label(ntb_vol* vol, const char* label) {
     if (is_read_only(vol)) {
         return EROFS;
     }
@@ -56,6 +59,10 @@ int32_t ntb_set_label(ntb_vol* vol, const char* label) {
     vol->volume->vol_name = copy.release();
     // An empty label is only in the open record so far, where no flush would find it.
     return write_open_records(vol);
+}
+
+int32_t ntb_set_label(ntb_vol* vol, const char* label) {
+    return atomically(vol, [&] { return change_label(vol, label); });
 }
 
 int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out) {
@@ -87,6 +94,13 @@ void ntb_set_ordered_writes(ntb_vol* vol, int32_t on) {
 
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out) {
     *out = vol->stats;
+}
+
+void ntb_check_invariants(ntb_vol* vol) {
+    TAVELIN_ASSERT(vol->volume != nullptr);
+    TAVELIN_ASSERT(!vol->context->undo.is_open());
+    TAVELIN_ASSERT(vol->context->cache.is_consistent());
+    TAVELIN_ASSERT(vol->is_stale == (vol->volume->dev->d_ops == &ntb_discarding_ops));
 }
 
 void ntb_populate_cache(ntb_vol* vol) {

@@ -221,7 +221,10 @@ TEST(Streams, OneInManyPiecesIsWrittenAndListedOnce) {
     // A full volume with every other file removed has free space in pieces only, so many that the
     // list of a stream's pieces does not fit into one record.
     int count = 0;
-    while (volume.write(volume.make(std::to_string(count)), std::string(1024, 'x')) == 0) {
+    uint64_t made = 0;
+    while (ntb_create(volume, NTB_ROOT_INO, std::to_string(count).c_str(), NTB_TYPE_FILE, &made) ==
+               0 &&
+           volume.write(made, std::string(1024, 'x')) == 0) {
         count += 1;
     }
     for (int i = 0; i < count; i += 2) {

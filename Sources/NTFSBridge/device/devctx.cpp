@@ -1,6 +1,7 @@
 #include "NTFSBridge/device/devctx.hpp"
 
 #include "NTFSBridge/device/block_io.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -46,6 +47,7 @@ int32_t ntb_devctx::flush_overlap(uint64_t count, uint64_t offset) noexcept {
 // them. A run he wants whole is read straight into his memory.
 int32_t ntb_devctx::fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint64_t page,
                               uint64_t run) noexcept {
+    TAVELIN_ASSERT(run > 0 && run <= page_cache::run_pages_max);
     const uint64_t start = page * page_size;
     const uint64_t end = start + run * page_size;
     const bool is_wanted_whole = start >= offset && end <= offset + count;
@@ -90,6 +92,7 @@ int32_t ntb_devctx::cached_read(uint8_t* to, uint64_t count, uint64_t offset) no
 }
 
 int32_t ntb_devctx::read(uint8_t* to, uint64_t count, uint64_t offset) noexcept {
+    TAVELIN_ASSERT(count > 0 && is_within(offset, count, io.size));
     if (is_cacheable(count, offset)) {
         return cached_read(to, count, offset);
     }
@@ -112,14 +115,23 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
                 return error;
             }
             stats->cacheMisses += 1;
+            undo.keep(page, whole);
+        } else {
+            undo.keep_uncached(page);
         }
         data = cache.pc_slot_for(page, &slot);
         if (data == nullptr) {
+            // The write goes around the cache; only what was read can be put back.
+            if (!is_partial) {
+                undo.give_up();
+            }
             return io_write(io, stats, from, page * page_size + in_page, count);
         }
         if (is_partial) {
             std::memcpy(data, whole, page_size);
         }
+    } else {
+        undo.keep(page, data);
     }
     std::memcpy(data + in_page, from, count);
     cache.mark_dirty(slot);
@@ -155,6 +167,7 @@ void ntb_devctx::update_cached_pages(const uint8_t* from, uint64_t count,
 }
 
 int32_t ntb_devctx::write(const uint8_t* from, uint64_t count, uint64_t offset) noexcept {
+    TAVELIN_ASSERT(count > 0 && read_only == 0);
     if (is_cacheable(count, offset)) {
         return cached_write(from, count, offset);
     }

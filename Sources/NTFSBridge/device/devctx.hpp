@@ -7,6 +7,7 @@
 #pragma once
 
 #include "NTFSBridge/device/page_cache.hpp"
+#include "NTFSBridge/device/undo_log.hpp"
 
 namespace ntb {
 
@@ -32,6 +33,7 @@ struct ntb_devctx {
     const uint32_t read_only;
     ntb_stats* const stats;
     page_cache cache;
+    undo_log undo; // of the operation that is under way, if it may fail half-way
 
   private:
     bool is_cacheable(uint64_t count, uint64_t offset) const noexcept;

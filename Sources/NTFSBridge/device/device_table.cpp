@@ -156,7 +156,44 @@ int d_ioctl(ntfs_device* device, unsigned long request, void* argument) noexcept
     }
 }
 
+// ---- For a volume whose operation was taken back: it may read, and writes nothing ---------------
+
+int discard_open(ntfs_device* /*device*/, int /*flags*/) noexcept {
+    return fail(EBUSY);
+}
+
+int discard_close(ntfs_device* device) noexcept {
+    NDevClearOpen(device);
+    return 0;
+}
+
+s64 discard_pwrite(ntfs_device* /*device*/, const void* /*buffer*/, s64 count,
+                   s64 /*offset*/) noexcept {
+    return count;
+}
+
+s64 discard_write(ntfs_device* /*device*/, const void* /*buffer*/, s64 count) noexcept {
+    return count;
+}
+
+int discard_sync(ntfs_device* /*device*/) noexcept {
+    return 0;
+}
+
 } // namespace
+
+ntfs_device_operations ntb_discarding_ops = {
+    .open = discard_open,
+    .close = discard_close,
+    .seek = d_seek,
+    .read = d_read,
+    .write = discard_write,
+    .pread = d_pread,
+    .pwrite = discard_pwrite,
+    .sync = discard_sync,
+    .stat = d_stat,
+    .ioctl = d_ioctl,
+};
 
 ntfs_device_operations ntb_dev_ops = {
     .open = d_open,

@@ -10,4 +10,8 @@ namespace ntb {
 // -1 with errno. Not const because the library takes it so; it is never written.
 extern ntfs_device_operations ntb_dev_ops;
 
+// For a volume whose last operation was taken back: reads are as above, writes and syncs succeed
+// and do nothing.
+extern ntfs_device_operations ntb_discarding_ops;
+
 } // namespace ntb

@@ -1,6 +1,7 @@
 #include "NTFSBridge/device/page_cache.hpp"
 
 #include "NTFSBridge/device/block_io.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -78,6 +79,7 @@ uint32_t page_cache::victim_for(uint64_t page) const noexcept {
 
 int32_t page_cache::write_back(uint32_t slot) noexcept {
     const uint64_t offset = slots_[slot].page * page_size;
+    TAVELIN_ASSERT(slots_[slot].valid != 0 && slots_[slot].dirty != 0 && dirty_count_ > 0);
     const int32_t error = io_write(io_, &stats_, data_of(slot), offset, page_size);
     if (error == 0) {
         slots_[slot].dirty = 0;
@@ -87,6 +89,7 @@ int32_t page_cache::write_back(uint32_t slot) noexcept {
 }
 
 uint8_t* page_cache::use(uint32_t slot, uint32_t* slot_index) noexcept {
+    TAVELIN_ASSERT(slot < slot_count && slots_[slot].valid != 0);
     use_clock_ += 1;
     slots_[slot].use_stamp = use_clock_;
     if (slot_index != nullptr) {
@@ -121,15 +124,26 @@ uint8_t* page_cache::pc_slot_for(uint64_t page, uint32_t* slot_index) noexcept {
 }
 
 void page_cache::mark_dirty(uint32_t slot_index) noexcept {
+    TAVELIN_ASSERT(slot_index < slot_count && slots_[slot_index].valid != 0);
+    TAVELIN_ASSERT(is_within(slots_[slot_index].page * page_size, page_size, io_.size));
     if (slots_[slot_index].dirty == 0) {
         slots_[slot_index].dirty = 1;
         dirty_count_ += 1;
     }
 }
 
+void page_cache::pc_discard(uint64_t page) noexcept {
+    const uint32_t slot = is_on() ? slot_holding(page) : no_slot;
+    if (slot != no_slot) {
+        dirty_count_ -= slots_[slot].dirty;
+        slots_[slot] = {};
+    }
+}
+
 // Lists the dirty pages of the range and answers how many there are. A range of fewer pages than
 // there are sets is looked up page by page; walking all slots would cost more.
 uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
+    TAVELIN_ASSERT(first <= last);
     uint64_t count = 0;
     if (last - first < full_set_count) {
         for (uint64_t page = first; page - first <= last - first && count < dirty_count_; ++page) {
@@ -164,6 +178,7 @@ uint64_t page_cache::run_length(uint64_t first, uint64_t end) const noexcept {
 }
 
 int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
+    TAVELIN_ASSERT(count > 0 && count <= run_pages_max && count <= dirty_count_);
     if (count == 1) {
         return write_back(run->slot);
     }

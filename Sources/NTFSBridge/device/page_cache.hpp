@@ -63,6 +63,9 @@ class page_cache {
 
     void mark_dirty(uint32_t slot_index) noexcept;
 
+    // Forgets the page, and the changes of it that were not written back yet.
+    void pc_discard(uint64_t page) noexcept;
+
     // Writes the dirty pages from first to last, both included, in page order, consecutive pages
     // together. Stops at the first failed write; that run and all later pages stay dirty.
     [[nodiscard]] int32_t pc_flush_pages(uint64_t first, uint64_t last) noexcept;

@@ -39,8 +39,8 @@ constexpr uint64_t record_size_max = 4096;
 constexpr uint64_t cluster_size_max = 2u << 20;
 constexpr uint64_t index_block_size_max = 64u << 10;
 
-// Whether a sector has what a probe goes by: the name of the file system and the boot signature.
-// Its geometry may still be that of no volume.
+// Whether a sector has what a probe goes by, the name of the file system and the signature. Its
+// geometry may still be that of no volume.
 [[nodiscard]] bool is_ntfs_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes) noexcept;
 [[nodiscard]] uint64_t volume_serial(std::span<const uint8_t, boot_sector_bytes> bytes) noexcept;
 

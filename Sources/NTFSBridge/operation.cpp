@@ -1,0 +1,82 @@
+#include "NTFSBridge/operation.hpp"
+
+#include "NTFSBridge/device/device_table.hpp"
+#include "platform/assert.hpp"
+
+namespace ntb {
+namespace {
+
+// Opens the library's volume again over the same cache, and drops the old one with whatever it
+// still wants to write. On failure the old one stays, for reading only.
+int32_t reopen(ntb_vol* vol) noexcept {
+    ntfs_volume* const old = vol->volume;
+    old->dev->d_ops = &ntb_discarding_ops;
+    vol->volume = nullptr;
+    const int32_t error = open_library_volume(*vol, &vol->free_before);
+    vol->is_stale = error != 0;
+    if (error != 0) {
+        vol->volume = old;
+        return error;
+    }
+    // What was written before the operation still awaits its sync.
+    NDevSetDirty(vol->volume->dev);
+    (void)ntfs_umount(old, TRUE); // nothing it writes is kept, so nothing it says matters
+    return 0;
+}
+
+void take_back(ntb_vol* vol) noexcept {
+    // From here on the old volume cannot write: it still holds changed inodes.
+    vol->volume->dev->d_ops = &ntb_discarding_ops;
+    ntb_devctx& context = *vol->context;
+    // A page that can neither be cached nor written is given up: the device is failing, and has
+    // reported it.
+    (void)context.undo.restore(context.cache, context.io, *context.stats);
+    (void)reopen(vol);
+}
+
+// For the split of an index on three levels with a new root, an attribute list, its extension
+// records and 16 new records of $MFT, in clusters of 4096 bytes.
+constexpr uint64_t reserve_bytes = 64u << 10;
+// The same in clusters that are larger than what is put into each.
+constexpr uint64_t reserve_clusters_min = 8;
+
+} // namespace
+
+int32_t admit(const ntb_vol* vol, uint64_t bytes) noexcept {
+    const uint64_t cluster = vol->volume->cluster_size;
+    const uint64_t reserve = std::max(reserve_bytes / cluster, reserve_clusters_min);
+    const auto available = static_cast<uint64_t>(std::max<s64>(vol->volume->free_clusters, 0));
+    return available >= reserve && bytes / cluster <= available - reserve ? 0 : ENOSPC;
+}
+
+int32_t begin_operation(ntb_vol* vol) noexcept {
+    if (vol->is_stale && reopen(vol) != 0) {
+        return EIO;
+    }
+    if (vol->context->cache.is_on()) {
+        vol->free_before = {.clusters = vol->volume->free_clusters,
+                            .records = vol->volume->free_mft_records};
+        vol->context->undo.begin();
+    }
+    return 0;
+}
+
+int32_t end_operation(ntb_vol* vol, int32_t error, bool* taken_back) noexcept {
+    undo_log& undo = vol->context->undo;
+    if (taken_back != nullptr) {
+        *taken_back = false;
+    }
+    if (!undo.is_open()) {
+        return error;
+    }
+    if (error != 0 && undo.has_changes() && undo.is_complete()) {
+        take_back(vol);
+        if (taken_back != nullptr) {
+            *taken_back = true;
+        }
+    }
+    undo.end();
+    return error;
+}
+
+} // namespace ntb
