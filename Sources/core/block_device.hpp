@@ -41,6 +41,10 @@ class BlockDevice {
     /// sees to it that no cache has cause to, and that they go nowhere where, without what waits,
     /// something else would be.
     virtual void expectBulkData(bool on) noexcept { static_cast<void>(on); }
+
+    /// In builds with assertions: stops the process where what the device holds in memory
+    /// contradicts itself. Called after every operation of a volume.
+    virtual void checkInvariants() const noexcept {}
 };
 
 } // namespace tavelin

@@ -111,6 +111,14 @@ void NTFSVolume::flushIfNearCapacity() noexcept {
     }
 }
 
+void NTFSVolume::checkInvariants() const noexcept {
+    TAVELIN_ASSERT(vol_ != nullptr);
+    ntb_check_invariants(vol_);
+    box_.device->checkInvariants();
+    const BlockDevice::Backlog backlog = box_.device->backlog();
+    TAVELIN_ASSERT(backlog.capacity == 0 || backlog.pages <= backlog.capacity);
+}
+
 bool NTFSVolume::isMounted() const {
     const MutexLock held(lock_);
     return vol_ != nullptr;

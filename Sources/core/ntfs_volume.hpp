@@ -61,6 +61,7 @@
 #include "core/device_box.hpp"
 #include "core/ntfs_error.hpp"
 #include "core/values.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/mutex.hpp"
 #include "platform/repeating_timer.hpp"
@@ -159,6 +160,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
             throw NTFSError(kENXIO);
         }
         flushIfNearCapacity();
+        const InvariantCheck afterwards(*this);
         return std::invoke(std::forward<Body>(body), vol_);
     }
 
@@ -232,6 +234,25 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void removeXattr(std::string_view name, std::uint64_t ino);
 
   private:
+    /// Checks the invariants when an operation ends, be it by an exception.
+    class InvariantCheck {
+      public:
+        explicit InvariantCheck(const NTFSVolume& volume) noexcept : volume_(volume) {}
+        ~InvariantCheck() {
+            if constexpr (kAssertions) {
+                volume_.checkInvariants();
+            }
+        }
+        InvariantCheck(const InvariantCheck&) = delete;
+        InvariantCheck& operator=(const InvariantCheck&) = delete;
+
+      private:
+        const NTFSVolume& volume_;
+    };
+
+    /// The invariants of write-back (docs/architecture.md) over the bridge's cache and the device.
+    /// Under the lock, which a destructor cannot name.
+    void checkInvariants() const noexcept TAVELIN_NO_THREAD_SAFETY_ANALYSIS;
     /// Throws the bridge's result as an NTFSError unless it is 0.
     static void check(std::int32_t result);
     /// The same for a file's data. Logs why the data of some files cannot be had, `what` being what

@@ -1,6 +1,7 @@
 #include "core/journal/journal.hpp"
 
 #include "core/device_box.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -130,6 +131,7 @@ std::int32_t Journal::append(const PageMap& content, std::uint64_t pages) noexce
                                    .serial = serial_,
                                    .session = session_,
                                    .sequence = sequence_};
+        TAVELIN_ASSERT(pages > 0 && pages <= capacity_ && pages <= content.size() && fits(pages));
         std::vector<std::byte> stretch = record.encode(content);
         std::uint64_t done = 0;
         auto page = content.begin();
@@ -146,6 +148,7 @@ std::int32_t Journal::append(const PageMap& content, std::uint64_t pages) noexce
             record.escape(stretch.data() + stretch.size() - kPage);
         }
         appended_ = done + stretch.size();
+        TAVELIN_ASSERT(appended_ == JournalRecord::length(pages) * kPage);
         used_ = std::max(used_, position_ + appended_);
         return log_.write(stretch.data(), position_ + done, stretch.size());
     } catch (const std::bad_alloc&) {
@@ -154,8 +157,18 @@ std::int32_t Journal::append(const PageMap& content, std::uint64_t pages) noexce
 }
 
 void Journal::commit() noexcept {
+    TAVELIN_ASSERT(appended_ != 0 && !isStartingOver_);
     position_ += std::exchange(appended_, 0);
     ++sequence_;
+}
+
+void Journal::checkInvariants() const noexcept {
+    TAVELIN_ASSERT(position_ >= kBegin && position_ <= end_ && position_ % kPage == 0);
+    TAVELIN_ASSERT(position_ + appended_ <= end_);
+    TAVELIN_ASSERT(used_ >= kBegin && used_ <= end_);
+    TAVELIN_ASSERT(position_ == kBegin || used_ >= position_);
+    TAVELIN_ASSERT(sequence_ >= 1);
+    TAVELIN_ASSERT(JournalRecord::length(capacity_) * kPage <= end_ - kBegin);
 }
 
 std::int32_t Journal::reset() noexcept {

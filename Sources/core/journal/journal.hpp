@@ -31,6 +31,12 @@ class Journal {
         return log_.overlaps(offset, length);
     }
 
+    /// See LogFile.
+    void showBlank(std::byte* destination, std::uint64_t offset,
+                   std::uint64_t length) const noexcept {
+        log_.showBlank(destination, offset, length);
+    }
+
     /// The pages of all records that count, each as the last one has it. Adds to `pages`.
     [[nodiscard]] std::int32_t readPending(PageMap& pages) const noexcept {
         return readRecords(end_, pages);
@@ -65,6 +71,9 @@ class Journal {
     [[nodiscard]] std::int32_t makeBlank() noexcept;
     /// The same for whatever a former session left.
     [[nodiscard]] std::int32_t makeAllBlank() noexcept;
+
+    /// In builds with assertions: stops the process where positions and limits contradict.
+    void checkInvariants() const noexcept;
 
     /// Whether there has been a record since begin() or makeBlank().
     [[nodiscard]] bool isUsed() const noexcept { return used_ > kBegin; }

@@ -1,5 +1,7 @@
 #include "core/journal/journaled_device.hpp"
 
+#include "platform/assert.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -71,6 +73,7 @@ std::int32_t JournaledDevice::close() noexcept {
         }
     }
     isOn_ = false;
+    inJournal_.clear();
     return 0;
 }
 
@@ -84,6 +87,11 @@ std::int32_t JournaledDevice::read(std::byte* destination, std::uint64_t offset,
                                    std::uint64_t length) noexcept {
     if (const std::int32_t error = inner_->read(destination, offset, length); error != 0) {
         return error;
+    }
+    if (isOn_) {
+        // The records are ours alone. The library, when it opens the volume again during the
+        // session, would take them for a damaged journal of Windows's and refuse the volume.
+        journal_->showBlank(destination, offset, length);
     }
     for (auto page = pending_.lower_bound(offset / kPage);
          page != pending_.end() && page->first * kPage < offset + length; ++page) {
@@ -173,6 +181,25 @@ std::int32_t JournaledDevice::holdPart(std::uint64_t page, const std::byte* sour
     return 0;
 }
 
+void JournaledDevice::checkInvariants() const noexcept {
+    TAVELIN_ASSERT(!isOn_ || journal_.has_value());
+    TAVELIN_ASSERT(!isOn_ || pending_.size() <= journal_->capacity());
+    TAVELIN_ASSERT(!checkpointPending_ || !pending_.empty());
+    TAVELIN_ASSERT(isOn_ || inJournal_.empty());
+    if constexpr (kAssertions) {
+        for (const auto& [page, content] : pending_) {
+            TAVELIN_ASSERT(content != nullptr && page * kPage < size());
+            TAVELIN_ASSERT(!journal_->overlaps(page * kPage, kPage));
+        }
+        for (const auto& [page, content] : inJournal_) {
+            TAVELIN_ASSERT(content == nullptr && page * kPage < size());
+        }
+    }
+    if (isOn_) {
+        journal_->checkInvariants();
+    }
+}
+
 BlockDevice::Backlog JournaledDevice::backlog() const noexcept {
     return isOn_ ? Backlog{pending_.size(), journal_->capacity()} : Backlog{};
 }
@@ -202,6 +229,7 @@ std::int32_t JournaledDevice::commit() noexcept {
             return error;
         }
     }
+    TAVELIN_ASSERT(count > 0 && journal_->fits(count));
     if (const std::int32_t error = journal_->append(pending_, count); error != 0) {
         return error;
     }
@@ -209,12 +237,16 @@ std::int32_t JournaledDevice::commit() noexcept {
         return error;
     }
     journal_->commit();
+    // From here on the record decides: until all its pages are home, none may leave pending_, or a
+    // failed home write would have nothing to be repeated from.
     checkpointPending_ = true;
     if (const std::int32_t error = writeHome(pending_, count); error != 0) {
         return error;
     }
     for (std::uint64_t i = 0; i < count; ++i) {
         auto node = pending_.extract(pending_.begin());
+        // The page stays known: while its record is valid, a replay would put this content back
+        // over anything newer that went past the journal.
         node.mapped().reset();
         inJournal_.insert(std::move(node));
     }
@@ -251,7 +283,8 @@ std::int32_t JournaledDevice::writeHome(const PageMap& pages, std::uint64_t coun
 
 std::int32_t JournaledDevice::reset() noexcept {
     if (checkpointPending_) {
-        // Not what is held: that may be newer, and must not be in place before it is in a record.
+        // A home write failed earlier. The journal's own copies go home, not the pending ones:
+        // those may be newer, and must not be home before a record has them.
         PageMap accepted;
         if (const std::int32_t error = journal_->readAccepted(accepted); error != 0) {
             return error;

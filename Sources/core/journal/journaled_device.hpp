@@ -59,6 +59,7 @@ class JournaledDevice final : public BlockDevice {
     [[nodiscard]] std::int32_t sync() noexcept override;
     [[nodiscard]] Backlog backlog() const noexcept override;
     void expectBulkData(bool on) noexcept override { hasFileData_ = on; }
+    void checkInvariants() const noexcept override;
 
   private:
     static constexpr std::uint64_t kPage = LogFile::kPage;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -104,6 +105,17 @@ std::int32_t LogFile::makeBlank(std::uint64_t begin, std::uint64_t end) noexcept
         return 0;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
+    }
+}
+
+void LogFile::showBlank(std::byte* destination, std::uint64_t offset,
+                        std::uint64_t length) const noexcept {
+    for (const ntb_extent& extent : extents_) {
+        const std::uint64_t begin = std::max(offset, extent.offset);
+        const std::uint64_t end = std::min(offset + length, extent.offset + extent.length);
+        if (begin < end) {
+            std::memset(destination + (begin - offset), std::to_integer<int>(kBlank), end - begin);
+        }
     }
 }
 

@@ -37,6 +37,10 @@ class LogFile {
                                        bool& blank) const noexcept;
     [[nodiscard]] std::int32_t makeBlank(std::uint64_t begin, std::uint64_t end) noexcept;
 
+    /// Overwrites with 0xff what `destination`, read from a range of the device, has of the file.
+    void showBlank(std::byte* destination, std::uint64_t offset,
+                   std::uint64_t length) const noexcept;
+
     /// Whether a range of the device, in bytes, has any of the file in it.
     [[nodiscard]] bool overlaps(std::uint64_t offset, std::uint64_t length) const noexcept;
 

@@ -370,11 +370,11 @@ TEST(Journal, KeepsFreedClustersUntilTheyAreFreeAfterACutToo) {
     const auto shrunk = ntfs->lookup("shrunk", kRoot);
     ntfs->setXattr("note", shrunk, old, NTFSVolume::XattrPolicy::always);
     ntfs->create("replacing", kRoot, NTFSItemType::file);
+    const auto next = ntfs->create("next", kRoot, NTFSItemType::file);
     const auto filler = ntfs->create("filler", kRoot, NTFSItemType::file);
-    for (std::uint64_t at = 0; ntfs->statfs().freeClusters > 4; at += kPage) {
+    for (std::uint64_t at = 0; ntfs->statfs().freeClusters > 20; at += kPage) {
         ntfs->write(filler, at, pagesOf(2, 1));
     }
-    const auto next = ntfs->create("next", kRoot, NTFSItemType::file);
     const std::vector<std::pair<std::string, std::function<void()>>> freeings{
         {"removed", [&] { ntfs->remove("removed", kRoot); }},
         {"replaced", [&] { ntfs->rename("replacing", kRoot, "replaced", kRoot); }},
