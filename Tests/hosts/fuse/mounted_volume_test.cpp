@@ -28,7 +28,7 @@ class MountedVolumeTest : public testing::Test {
     void open() {
         host_ = ModuleHost::openImage(volume_.image());
         mounted_ = std::make_unique<MountedVolume>(host_->volume());
-        mounted_->removedFiles().cleanUp();
+        mounted_->orphanFiles().cleanUp();
     }
     void close() {
         if (host_) {
@@ -105,10 +105,10 @@ TEST_F(MountedVolumeTest, AnOldNodeLetsGoOfItsOwnRecordOnly) {
     }
     forget(directory);
     EXPECT_EQ(read(*file), "content") << "it is open still";
-    EXPECT_TRUE(mounted_->removedFiles().contains(file->id));
+    EXPECT_TRUE(mounted_->orphanFiles().contains(file->id));
     const uint64_t ino = file->id;
     forget(*file);
-    EXPECT_FALSE(mounted_->removedFiles().contains(ino));
+    EXPECT_FALSE(mounted_->orphanFiles().contains(ino));
 }
 
 TEST_F(MountedVolumeTest, ARenameThatFailsLeavesItsTarget) {
@@ -141,7 +141,7 @@ TEST_F(MountedVolumeTest, ARenameThatFailsLeavesALinkThatHasLostAName) {
 TEST_F(MountedVolumeTest, ANameIsFreeWhoeverParksItsFile) {
     const std::jthread parking([&](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
-            EXPECT_TRUE(mounted_->removedFiles().persistOrphans());
+            EXPECT_TRUE(mounted_->orphanFiles().persistOrphans());
         }
     });
     Node* last = nullptr;
@@ -162,11 +162,11 @@ TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_TRUE(mounted_->synchronize()) << "there is no room to park the file, and no need";
     }
-    mounted_->removedFiles().persistExpired();
+    mounted_->orphanFiles().persistExpired();
     EXPECT_EQ(read(file), "content");
     EXPECT_EQ(find("file"), nullptr);
     forget(file);
-    EXPECT_TRUE(mounted_->removedFiles().isEmpty());
+    EXPECT_TRUE(mounted_->orphanFiles().isEmpty());
 }
 
 TEST_F(MountedVolumeTest, AListingGoesWithTheLastStream) {

@@ -89,7 +89,7 @@ void MaintenanceThread::stop() {
 
 void MaintenanceThread::watch(const Context& context) {
     raiseReadAhead(context.mount);
-    DentryInvalidationQueue& stale = context.volume.staleNames();
+    DentryInvalidationQueue& stale = context.volume.invalidations();
     for (;;) {
         pollfd events[] = {
             {ending_, POLLIN, 0}, {signals_, POLLIN, 0}, {stale.descriptor(), POLLIN, 0}};
@@ -98,7 +98,7 @@ void MaintenanceThread::watch(const Context& context) {
             return;
         }
         if (ready == 0) {
-            persistOrphans(context.volume.removedFiles());
+            persistOrphans(context.volume.orphanFiles());
             if (stopRequested_ && !unmounted_ && !aborted_) {
                 unmountMount(context);
             }

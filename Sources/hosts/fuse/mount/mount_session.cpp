@@ -129,7 +129,7 @@ class Mount {
         static_cast<void>(host_->volume().requests().prefaultCache());
         volume_.emplace(host_->volume());
         if (!host_->volume().isReadOnly()) {
-            volume_->removedFiles().cleanUp();
+            volume_->orphanFiles().cleanUp();
         }
     }
 

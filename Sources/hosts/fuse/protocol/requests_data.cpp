@@ -12,13 +12,14 @@ namespace tavelin::fusehost {
 
 namespace {
 
-constexpr size_t kAlignment = 4096;
+constexpr size_t kAlignment = 4096; // lets the kernel and the device move whole pages
 
 struct Free {
     void operator()(std::byte* memory) const noexcept { std::free(memory); }
 };
 
-// The calling thread's buffer for one read, at least `size` bytes.
+// The calling thread's buffer for one read, at least `size` bytes. Kept for the thread's life: a
+// new buffer for each read would be mapped and faulted in anew.
 std::span<std::byte> readBuffer(size_t size) {
     static thread_local std::unique_ptr<std::byte, Free> memory;
     static thread_local size_t room = 0;
@@ -48,8 +49,8 @@ void read(fuse_req_t request, fuse_ino_t number, size_t size, off_t offset,
     });
 }
 
-// How many of the first bytes the file has at that place: a write for all of which there is no room
-// may have come so far, and the volume does not tell.
+// How many of the first bytes of a failed write the file has at that place. A write that filled the
+// volume may have written a part, and POSIX wants its count; the volume answers the error only.
 size_t alreadyThere(VolumeClient& volume, const ItemRef& item, uint64_t offset,
                     VolumeClient::Bytes given) {
     const std::span<std::byte> found = readBuffer(given.size());

@@ -9,7 +9,7 @@ namespace tavelin::fusehost {
 
 namespace {
 
-// One reply: entries as the kernel wants them, as many as fit.
+// One reply to READDIR or READDIRPLUS: as many entries as fit.
 class Page {
   public:
     Page(fuse_req_t request, size_t size, bool described)
@@ -43,6 +43,7 @@ class Page {
 
     void reply() {
         MountedVolume& volume = volumeOf(request_);
+        // ENOENT: the request was interrupted, so the kernel holds none of the counts.
         if (fuse_reply_buf(request_, bytes_.data(), used_) == -ENOENT) {
             for (const uint64_t number : counted_) {
                 volume.forget(number, 1);
@@ -76,9 +77,9 @@ void readPage(fuse_req_t request, fuse_ino_t number, size_t size, off_t position
     });
 }
 
-// Directories are opened one by one although little is kept for an open one. Without the question
-// the kernel would keep its own copy of each listing, entry by entry, which takes it longer than
-// all that we do for a listing, and far longer than this request.
+// OPENDIR is answered, although little is kept for an open directory. With ENOSYS the kernel would
+// stop sending it and cache each listing in its page cache, entry by entry, which costs more than
+// the listing itself and far more than this request.
 void openDirectory(fuse_req_t request, fuse_ino_t number, fuse_file_info* file) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);

@@ -18,7 +18,7 @@ void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
         } else if (*found) {
             replyEntry(request, **found, name);
         } else {
-            // Only the kernel itself makes names, so it may also remember what does not exist.
+            // Names change through this kernel only, so it may cache negative dentries as well.
             fuse_entry_param absent{};
             absent.entry_timeout = entryTimeout(name);
             fuse_reply_entry(request, &absent);
@@ -26,7 +26,8 @@ void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
     });
 }
 
-// Nobody waits for an answer. What could not be removed for it is, at the latest, at unmount.
+// FORGET has no reply, so a failure is logged. A removal that failed here is repeated at the latest
+// at the unmount.
 void forgetOne(MountedVolume& volume, fuse_ino_t node, uint64_t counts) noexcept {
     try {
         volume.forget(node, counts);
@@ -91,6 +92,7 @@ void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mo
         }
         file->keep_cache = 1;
         const fuse_entry_param parameters = entryParameters(*entry, name);
+        // ENOENT: the request was interrupted, and the kernel never learned of the node.
         if (fuse_reply_create(request, &parameters, file) == -ENOENT) {
             volume.forget(entry->node->number(), 1);
         }

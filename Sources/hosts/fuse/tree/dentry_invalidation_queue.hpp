@@ -1,10 +1,12 @@
-/// Names that the kernel remembers although they stand for nothing any more: above all long names
-/// of files that were removed or renamed by their short alias. The kernel does not know that the
-/// two belong together and has to be told, but not by the request itself: it holds the directory
-/// meanwhile. So for a moment after the request the long name leads the kernel to the file that
-/// had it.
+/// Dentries that the kernel caches although their names no longer exist, waiting to be invalidated.
 ///
-/// Any thread may call anything.
+/// They are mostly long names of files that were removed or renamed by their DOS name. The kernel
+/// does not know that the two names belong together. It cannot be told within the request that
+/// removes the name, because it holds the directory's lock until that request is answered; so the
+/// names are queued here, and MaintenanceThread sends the invalidations. Until it has, the long
+/// name still leads the kernel to the file.
+///
+/// Threading: any thread may call anything; lock_ guards the queue and calls nothing.
 #pragma once
 
 #include "platform/mutex.hpp"
@@ -16,13 +18,13 @@
 
 namespace tavelin::fusehost {
 
-/// Whether a name may be a short alias, such as LETTER~1.TXT.
+/// Whether a name may be a DOS name (8.3), such as LETTER~1.TXT. Never false for one that is.
 bool mayBeDosName(std::string_view name) noexcept;
 
 class DentryInvalidationQueue {
   public:
     struct Name {
-        uint64_t directory; ///< the kernel's number of it
+        uint64_t directory; ///< its node number
         std::string name;
     };
 
@@ -32,8 +34,9 @@ class DentryInvalidationQueue {
     DentryInvalidationQueue& operator=(const DentryInvalidationQueue&) = delete;
 
     void add(uint64_t directory, std::string_view name);
+    /// Empties the queue.
     std::vector<Name> take();
-    /// A descriptor that can be read (only for poll) as long as there are names to take.
+    /// Readable while the queue is not empty. For poll() only; owned by this object.
     int descriptor() const noexcept { return event_; }
 
   private:

@@ -1,12 +1,13 @@
 /// One directory's entries, in an order in which a stream can be resumed after any change.
 ///
-/// An entry's position is made of nothing but its item's number and its name, and the listing is
-/// sorted by position. So a stream that goes on after position p finds exactly the entries beyond p
-/// in whatever listing there is by then: what exists throughout is neither skipped nor repeated,
-/// nothing has to be kept for a stream, and renaming within the directory moves almost nothing.
+/// An entry's position is computed from its item's number and its name alone, and the listing is
+/// sorted by position. A stream that continues after position p therefore finds exactly the entries
+/// beyond p in whatever listing exists by then. An entry that exists throughout is neither skipped
+/// nor repeated, no state is kept per stream, and a rename within the directory moves almost
+/// nothing.
 ///
-/// Removed entries are struck out in place; new ones do not join a listing that is being read.
-/// Not thread-safe: the directory's owner guards it.
+/// A removed entry becomes a tombstone in place. A new entry does not join a listing that is being
+/// read. Threading: none of its own; the directory's lock guards it (DirectoryState).
 #pragma once
 
 #include "fskit/api/item.hpp"
@@ -21,23 +22,24 @@ namespace tavelin::fusehost {
 class DirectoryListing {
   public:
     struct Entry {
-        uint64_t position;
+        uint64_t position; ///< the stream continues after it
         fskit::FSItemID id;
-        std::string_view name;
-        uint32_t type; // S_IFREG, S_IFDIR or S_IFLNK
+        std::string_view name; ///< valid until the listing is destroyed
+        uint32_t type;         ///< the S_IF… bits of a mode
     };
 
-    /// Positions 1 and 2 are taken by "." and "..", 0 is the start.
+    /// Positions 1 and 2 belong to "." and ".."; 0 is the start of a stream. No item has a number
+    /// so small that its positions would collide with these.
     static uint64_t position(fskit::FSItemID id, std::string_view name) noexcept;
 
     void add(std::string_view name, fskit::FSItemID id, uint32_t type);
-    /// Ends the adding; the listing can be read from now on.
+    /// Sorts the entries. To be called once, after the last add() and before everything below.
     void seal();
 
-    /// How many entries there are, or were before some were struck out.
+    /// The number of entries, tombstones included.
     size_t size() const noexcept { return rows_.size(); }
 
-    /// Strikes an entry out, if it is there.
+    /// Makes the entry a tombstone; does nothing when there is none.
     void remove(fskit::FSItemID id, std::string_view name) noexcept;
     template<typename Unwanted>
     void removeIf(Unwanted&& unwanted) {
@@ -62,14 +64,15 @@ class DirectoryListing {
     }
 
   private:
-    // A record number has at most 48 bits, and the kernel's positions are positive 64-bit numbers.
+    // The kernel's positions are positive 64-bit numbers (off_t) and a record number has up to 48
+    // bits, which leaves 15. One is spare.
     static constexpr int kNameBits = 14;
 
     struct Row {
         uint64_t position; // carries the item's number
         uint32_t nameStart;
         uint16_t nameLength;
-        uint16_t type; // 0: struck out
+        uint16_t type; // 0 marks a tombstone
     };
 
     size_t indexAfter(uint64_t position) const noexcept;

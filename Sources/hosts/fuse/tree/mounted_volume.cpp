@@ -13,7 +13,7 @@ using fskit::fs_errorForPOSIXError;
 
 namespace {
 
-// As exactly as volumes keep times.
+// Compared at the resolution of NTFS times.
 bool isBefore(const timespec& time, const timespec& other) {
     constexpr long kStep = 100; // nanoseconds
     return std::pair(time.tv_sec, time.tv_nsec / kStep) <
@@ -31,7 +31,7 @@ bool MountedVolume::isCode(const fskit::Error& error, int32_t code) noexcept {
 }
 
 MountedVolume::MountedVolume(VolumeClient& volume)
-    : volume_(volume), nodes_(volume.rootWithAttributes().get()), removed_(volume) {}
+    : volume_(volume), nodes_(volume.rootWithAttributes().get()), orphans_(volume) {}
 
 bool MountedVolume::isPrivate(const Node& directory, std::string_view name) noexcept {
     return &directory == &nodes_.root() && name == OrphanFiles::kOrphanDirectory;
@@ -49,7 +49,7 @@ Outcome<std::optional<Found>> MountedVolume::find(const Node& directory, std::st
 }
 
 Entry MountedVolume::acquire(Found found) {
-    amendLink(found.item, found.attributes);
+    adjustLink(found.item, found.attributes);
     const fskit::FSItemAttributes attributes = found.attributes;
     return {&nodes_.acquire(std::move(found)), attributes};
 }
@@ -59,7 +59,7 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::
     if (!child) {
         return child.error();
     }
-    if (!*child || removed_.contains((*child)->attributes.fileID())) {
+    if (!*child || orphans_.contains((*child)->attributes.fileID())) {
         return std::optional<Entry>();
     }
     return std::optional(acquire(std::move(**child)));
@@ -67,7 +67,7 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::
 
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
     for (const Node& node : nodes_.forget(number, counts)) {
-        removed_.release(node);
+        orphans_.release(node);
     }
 }
 
@@ -76,7 +76,7 @@ Outcome<Found> MountedVolume::existing(const Node& directory, std::string_view n
     if (!found) {
         return found.error();
     }
-    if (!*found || removed_.contains((*found)->attributes.fileID())) {
+    if (!*found || orphans_.contains((*found)->attributes.fileID())) {
         return fs_errorForPOSIXError(kENOENT);
     }
     return std::move(**found);
@@ -88,14 +88,15 @@ Outcome<Entry> MountedVolume::make(Node& directory, std::string_view name, Make&
         return fs_errorForPOSIXError(kEPERM);
     }
     Outcome<Found> made = make();
-    if (!made && isCode(made.error(), kEEXIST) && !removed_.isEmpty()) {
-        // The name in the way may be that of a removed file, which can have another.
+    if (!made && isCode(made.error(), kEEXIST) && !orphans_.isEmpty()) {
+        // The name may belong to a file whose unlink is pending. Users do not see that file, so the
+        // name has to be free for them.
         const Outcome<std::optional<Found>> old = find(directory, name);
-        if (!old || (*old && !removed_.contains((*old)->attributes.fileID()))) {
+        if (!old || (*old && !orphans_.contains((*old)->attributes.fileID()))) {
             return made.error();
         }
-        if (*old) { // else it has just been parked, by another thread
-            if (const Outcome<void> freed = removed_.moveAside((*old)->attributes.fileID());
+        if (*old) { // else another thread has moved it aside meanwhile
+            if (const Outcome<void> freed = orphans_.moveAside((*old)->attributes.fileID());
                 !freed) {
                 return freed.error();
             }
@@ -120,20 +121,20 @@ Outcome<Entry> MountedVolume::createLink(Node& directory, std::string_view name,
                 [&] { return volume_.createSymbolicLink(directory.item, name, target); });
 }
 
-// What only this host knows of an item.
+// Corrects what only this host knows: link text sizes, and the link count of unlinked open files.
 Outcome<fskit::FSItemAttributes> MountedVolume::adjusted(const Node& node,
                                                          Outcome<fskit::FSItemAttributes> found) {
     if (found) {
-        amendLink(node.item, *found);
-        if (removed_.contains(node.id)) {
+        adjustLink(node.item, *found);
+        if (orphans_.contains(node.id)) {
             found->setLinkCount(0);
         }
     }
     return found;
 }
 
-// Volumes count the characters of a link's target, the kernel its bytes.
-void MountedVolume::amendLink(const ItemRef& item, fskit::FSItemAttributes& attributes) {
+// The volume reports a link's size in UTF-16 units; POSIX wants the bytes of its target.
+void MountedVolume::adjustLink(const ItemRef& item, fskit::FSItemAttributes& attributes) {
     if (attributes.type() == fskit::FSItemType::symlink) {
         if (const Outcome<std::string> target = volume_.readSymbolicLink(item)) {
             attributes.setSize(target->size());
@@ -160,8 +161,8 @@ MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest
     timespec start{};
     std::timespec_get(&start, TIME_UTC);
     Outcome<fskit::FSItemAttributes> found = volume_.setAttributes(node.item, changes);
-    // A truncation moves the times on. The kernel leaves that to us, and the volume does it unless
-    // the size is what it was.
+    // POSIX lets a truncate update the times even when the size does not change. The kernel leaves
+    // that to the server, and the volume does it only when the size changes.
     namespace Bit = fskit::FSItemAttribute;
     if (found && changes.isValid(Bit::size) && !changes.isValid(Bit::modifyTime) &&
         isBefore(found->modifyTime(), start)) {
@@ -174,13 +175,14 @@ MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest
 }
 
 Outcome<void> MountedVolume::synchronize() {
-    Outcome<void> settled = removed_.persistOrphans();
+    // Unlinks first, so that the flush makes them durable too.
+    Outcome<void> settled = orphans_.persistOrphans();
     Outcome<void> synchronized = volume_.synchronize();
     return settled ? std::move(synchronized) : std::move(settled);
 }
 
 Outcome<void> MountedVolume::finish() {
-    return volume_.isReadOnly() ? Outcome<void>() : removed_.releaseAll();
+    return volume_.isReadOnly() ? Outcome<void>() : orphans_.releaseAll();
 }
 
 } // namespace tavelin::fusehost

@@ -1,8 +1,8 @@
 /// A volume as the kernel sees it: nodes in place of items, files that live on after their last
 /// name, directories whose streams survive every change.
 ///
-/// One method a request, except where a request is one call into the volume. Errors are the
-/// volume's, in macOS numbers; whoever replies translates them.
+/// There is one method for each request, except where a request is a single call into the volume.
+/// Errors are the volume's, in macOS numbers; the protocol layer translates them for the kernel.
 ///
 /// Nodes are the kernel's: a caller has one only for a request that names it. Requests about names
 /// must come one at a time, and forget() among them, which WorkerThreads see to: between a lookup
@@ -42,8 +42,8 @@ class MountedVolume {
 
     VolumeClient& volume() noexcept { return volume_; }
     Node& node(uint64_t number) noexcept { return nodes_.at(number); }
-    OrphanFiles& removedFiles() noexcept { return removed_; }
-    DentryInvalidationQueue& staleNames() noexcept { return staleNames_; }
+    OrphanFiles& orphanFiles() noexcept { return orphans_; }
+    DentryInvalidationQueue& invalidations() noexcept { return invalidations_; }
 
     // ---- Names ---------------------------------------------------------------------------------
 
@@ -58,10 +58,9 @@ class MountedVolume {
     Outcome<void> rename(Node& fromDirectory, std::string_view from, Node& toDirectory,
                          std::string_view to, bool mayReplace);
 
-    // ---- Attributes, directories
-    // -------------------------------------------------------------------
+    // ---- Attributes, directories ---------------------------------------------------------------
 
-    /// Of a directory that is gone, what remains to be said of it.
+    /// For a directory that was removed while in use: its type, mode and number.
     Outcome<fskit::FSItemAttributes> attributes(const Node& node);
     /// Applies the valid attributes of `changes` and answers the new ones; kESTALE for a directory
     /// that is gone.
@@ -81,7 +80,7 @@ class MountedVolume {
 
     /// Returns once everything answered before is on the medium.
     Outcome<void> synchronize();
-    /// Removes what is still parked, for unmounting.
+    /// Removes all orphans, for unmounting.
     Outcome<void> finish();
 
   private:
@@ -92,7 +91,7 @@ class MountedVolume {
     Outcome<Found> existing(const Node& directory, std::string_view name);
     /// Whether a name is this host's own and must not be seen.
     bool isPrivate(const Node& directory, std::string_view name) noexcept;
-    /// Runs `make`, once more when the name in its way is only that of a removed file.
+    /// Runs `make`, and once more after moving aside a file whose pending unlink holds the name.
     template<typename Make>
     Outcome<Entry> make(Node& directory, std::string_view name, Make&& make);
     struct Renaming {
@@ -114,7 +113,7 @@ class MountedVolume {
                       const Names& behind);
     Outcome<fskit::FSItemAttributes> adjusted(const Node& node,
                                               Outcome<fskit::FSItemAttributes> found);
-    void amendLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
+    void adjustLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
     /// What the kernel expects of requests about names in a directory that was removed: kENOENT.
     static fskit::Error missingIfStale(const fskit::Error& error);
     static bool isCode(const fskit::Error& error, int32_t code) noexcept;
@@ -123,8 +122,8 @@ class MountedVolume {
 
     VolumeClient& volume_;
     NodeTable nodes_;
-    OrphanFiles removed_;
-    DentryInvalidationQueue staleNames_;
+    OrphanFiles orphans_;
+    DentryInvalidationQueue invalidations_;
 };
 
 } // namespace tavelin::fusehost

@@ -1,6 +1,7 @@
 // Listings of directories, and how changes reach them.
 #include "fskit/api/error.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <algorithm>
@@ -10,11 +11,13 @@ namespace tavelin::fusehost {
 
 namespace {
 
+// Positions of "." and "..", which no listing holds; see DirectoryListing::position().
 constexpr uint64_t kAfterDot = 1, kAfterDotDot = 2;
 
-// The kernel asks for attributes with the first page of every listing, wanted or not, and with
-// later ones only when somebody looks at the entries. In a directory of more entries than this the
-// first page holds so few of them that those who want only names should not have to pay for it.
+// The kernel asks for attributes with the first page of every listing, and with later pages only
+// after a program has looked entries up (READDIRPLUS_AUTO). Above this number of entries the first
+// page is a small part of the listing, so its attributes would be read in vain for every program
+// that wants names only.
 constexpr size_t kDescribedEntriesMax = 1000;
 
 uint32_t fileType(fskit::FSItemType type) {
@@ -68,7 +71,9 @@ void MountedVolume::openDirectory(Node& directory) {
 
 void MountedVolume::closeDirectory(Node& directory) {
     const MutexLock held(directory.directory->lock);
+    TAVELIN_ASSERT(directory.directory->streams > 0);
     if (--directory.directory->streams == 0) {
+        // The memory of a listing is bounded by what is open, not by what was ever listed.
         directory.directory->listing.reset();
     }
 }
@@ -80,6 +85,8 @@ void MountedVolume::noteNewName(Node& directory) {
 
 void MountedVolume::noteLostName(Node& directory, fskit::FSItemID id, std::string_view name) {
     const MutexLock held(directory.directory->lock);
+    // A tombstone at once: a stream that goes on reading must not show what the same program has
+    // removed. A new name may wait for the next listing, as POSIX allows.
     if (directory.directory->listing) {
         directory.directory->listing->remove(id, name);
     }
@@ -96,15 +103,17 @@ Outcome<std::unique_ptr<DirectoryListing>> MountedVolume::list(const Node& direc
         return listed.error();
     }
     listing->seal();
-    if (!removed_.isEmpty()) {
-        listing->removeIf([&](fskit::FSItemID id) { return removed_.contains(id); });
+    // A file with a pending unlink still has its name on the volume and none for users.
+    if (!orphans_.isEmpty()) {
+        listing->removeIf([&](fskit::FSItemID id) { return orphans_.contains(id); });
     }
     return listing;
 }
 
 Entry MountedVolume::describe(const Node& directory, const DirectoryListing::Entry& name) {
     Outcome<Found> found = volume_.describe(directory.item, name.id);
-    // Without its attributes an entry is told by name only, which is true in any case.
+    // The error is dropped: an entry without attributes is reported by name and type only, and the
+    // kernel looks it up when somebody uses it, which answers the error.
     return found ? acquire(std::move(*found)) : Entry();
 }
 
@@ -115,6 +124,9 @@ Outcome<void> MountedVolume::readDirectory(Node& directory, uint64_t position, b
     }
     const MutexLock held(directory.directory->lock);
     std::unique_ptr<DirectoryListing>& listing = directory.directory->listing;
+    // A stream at its start (opened, or rewound) must see every change made before. A stream
+    // further on keeps the listing that it reads, so that a growing directory does not make it
+    // endless.
     if (!listing || (position == 0 && directory.directory->listingIsOld)) {
         Outcome<std::unique_ptr<DirectoryListing>> fresh = list(directory);
         if (!fresh) {
@@ -135,6 +147,7 @@ Outcome<void> MountedVolume::readDirectory(Node& directory, uint64_t position, b
     listing->readAfter(std::max(position, kAfterDotDot), [&](const DirectoryListing::Entry& name) {
         const Entry entry = describes ? describe(directory, name) : Entry();
         const bool taken = take(name, entry);
+        // An entry that did not fit is not told to the kernel, so its count goes back.
         if (!taken && entry.node != nullptr) {
             forget(entry.node->number(), 1);
         }
@@ -142,7 +155,7 @@ Outcome<void> MountedVolume::readDirectory(Node& directory, uint64_t position, b
         return taken;
     });
     if (!more) {
-        listing.reset(); // the stream has reached its end
+        listing.reset(); // a stream has reached its end; others make a new listing
     }
     return {};
 }

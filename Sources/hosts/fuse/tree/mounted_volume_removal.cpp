@@ -7,13 +7,16 @@ namespace tavelin::fusehost {
 
 using fskit::fs_errorForPOSIXError;
 
-// The names that users see of an item that was found by its short alias: where the one goes, so
-// does the other. None for any other name.
+// The long names of an item that was found by its DOS name. Both name the same link of the file, so
+// unlinking one unlinks the other, and the kernel has to be told of the long one. Empty when the
+// name is not a DOS name.
 Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory, const Found& found,
                                                          std::string_view name) {
     if (found.attributes.linkCount() <= 1 || !mayBeDosName(name)) {
         return Names();
     }
+    // Listings leave DOS names out. So a name that the listing shows is none, and those that it
+    // shows for the same record are candidates for the long name behind it.
     const Outcome<std::vector<DirectoryEntry>> entries = volume_.list(directory.item, false);
     if (!entries) {
         return entries.error();
@@ -22,7 +25,7 @@ Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory, 
     for (const DirectoryEntry& entry : *entries) {
         if (entry.itemID == found.attributes.fileID()) {
             if (entry.name == name) {
-                return Names(); // it looks like an alias and is none
+                return Names(); // it looks like a DOS name and is none
             }
             names.push_back(entry.name);
         }
@@ -34,10 +37,12 @@ void MountedVolume::noteLostName(Node& directory, const Found& lost, std::string
                                  const Names& behind) {
     noteLostName(directory, lost.attributes.fileID(), name);
     for (const std::string& longName : behind) {
+        // A file with several hard links has several candidates. Only one of them went, so each is
+        // looked up again.
         const Outcome<Found> present = existing(directory, longName);
         if (!present || !(present->item == lost.item)) {
             noteLostName(directory, lost.attributes.fileID(), longName);
-            staleNames_.add(nodes_.numberOf(directory), longName);
+            invalidations_.add(nodes_.numberOf(directory), longName);
         }
     }
 }
@@ -45,7 +50,7 @@ void MountedVolume::noteLostName(Node& directory, const Found& lost, std::string
 Outcome<void> MountedVolume::removeFile(Node& directory, std::string_view name) {
     return remove(directory, name, [&](const Found& old, Node* node) {
         return node != nullptr && !node->isDirectory()
-                   ? removed_.remove(*node, directory, name)
+                   ? orphans_.remove(*node, directory, name)
                    : volume_.remove(old.item, directory.item, name);
     });
 }
@@ -53,8 +58,10 @@ Outcome<void> MountedVolume::removeFile(Node& directory, std::string_view name) 
 Outcome<void> MountedVolume::removeDirectory(Node& directory, std::string_view name) {
     return remove(directory, name, [&](const Found& old, Node* node) {
         Outcome<void> removed = volume_.remove(old.item, directory.item, name);
+        // The volume may count files with pending unlinks, which the user does not see. They are
+        // moved aside only now: most directories are removed without any.
         if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
-            Outcome<void> freed = removed_.moveAsideChildren(*node);
+            Outcome<void> freed = orphans_.moveAsideChildren(*node);
             removed = freed ? volume_.remove(old.item, directory.item, name) : std::move(freed);
         }
         return removed;
@@ -92,8 +99,9 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
         return present.error();
     }
     const Found* old = *present ? &**present : nullptr;
-    if (old != nullptr && removed_.contains(old->attributes.fileID())) {
-        if (Outcome<void> freed = removed_.moveAside(old->attributes.fileID()); !freed) {
+    // A name whose unlink is pending does not exist for the user: it is no file to replace.
+    if (old != nullptr && orphans_.contains(old->attributes.fileID())) {
+        if (Outcome<void> freed = orphans_.moveAside(old->attributes.fileID()); !freed) {
             return freed;
         }
         old = nullptr;
@@ -101,12 +109,14 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
     if (old != nullptr && !mayReplace) {
         return fs_errorForPOSIXError(kEEXIST);
     }
+    // Asked for before the rename: afterwards the DOS names are gone and lead to nothing.
     const Outcome<Names> behindMoved = longNamesOf(fromDirectory, *moved, from);
     const Outcome<Names> behindOld = old != nullptr ? longNamesOf(toDirectory, *old, to) : Names();
     if (!behindMoved || !behindOld) {
         return behindMoved ? behindOld.error() : behindMoved.error();
     }
     const Renaming renaming{fromDirectory, from, moved->item, toDirectory, to};
+    // Two names of one file: POSIX lets the rename succeed, and nothing is replaced.
     Outcome<void> done =
         old && !(old->item == moved->item) ? replace(renaming, *old) : rename(renaming, ItemRef());
     if (done) {
@@ -129,7 +139,7 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
     Node* node = nodes_.find(old.item);
     if (node == nullptr || node->isDirectory()) {
         if (node != nullptr) {
-            if (Outcome<void> freed = removed_.moveAsideChildren(*node); !freed) {
+            if (Outcome<void> freed = orphans_.moveAsideChildren(*node); !freed) {
                 return freed;
             }
         }
@@ -137,23 +147,24 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
         if (!done && node != nullptr) {
             const Outcome<fskit::FSItemAttributes> left = volume_.attributes(node->item);
             if (!left && isCode(left.error(), kESTALE)) {
-                // Too late for the empty directory: it is no more, which the kernel does not
-                // expect of a rename that failed.
-                staleNames_.add(nodes_.numberOf(renaming.toDirectory), renaming.to);
+                // The volume removed the empty directory before the rename failed. The kernel
+                // keeps its dentry after a failed rename, so it is invalidated.
+                invalidations_.add(nodes_.numberOf(renaming.toDirectory), renaming.to);
             }
         }
         return done;
     }
-    // Somebody may have the old file open: a second, parked name keeps it when this one is taken.
-    // It has both until then, so that at no time, not even after a crash, the name is missing.
-    if (Outcome<void> kept = removed_.linkBeforeReplace(*node); !kept) {
+    // A program may have the old file open. A second name in the orphan directory keeps the file
+    // when the rename takes the first. The file has both names until then, so there is no moment,
+    // not even after a crash, at which the target name is missing.
+    if (Outcome<void> kept = orphans_.linkBeforeReplace(*node); !kept) {
         return kept;
     }
     Outcome<void> done = rename(renaming, old.item);
     if (done) {
-        removed_.dropIfStillLinked(*node);
+        orphans_.dropIfStillLinked(*node);
     } else {
-        removed_.undoReplace(*node, renaming.toDirectory, renaming.to);
+        orphans_.undoReplace(*node, renaming.toDirectory, renaming.to);
     }
     return done;
 }

@@ -44,8 +44,8 @@ struct Node {
     std::list<Node>::iterator place; // of this node in the table's list
 };
 
-/// Any thread may call anything. The lock is held for no call into the volume but the release of an
-/// item, which takes the volume's item lock.
+/// Threading: any thread may call anything. lock_ is held across one kind of call into the volume,
+/// the release of an item, which takes the volume's item lock; so lock_ comes before that one.
 class NodeTable {
   public:
     explicit NodeTable(Found root);
@@ -53,21 +53,23 @@ class NodeTable {
     NodeTable(const NodeTable&) = delete;
     NodeTable& operator=(const NodeTable&) = delete;
 
-    /// The node of a number that the kernel gave.
+    /// The node of a number from a request. The kernel must hold counts on it: the number is an
+    /// address and cannot be checked.
     Node& at(uint64_t number) noexcept;
     Node& root() noexcept { return root_; }
     /// The kernel's number of a node, that of the root included.
     uint64_t numberOf(const Node& node) const noexcept;
 
-    /// The node of an item, found or made, with one more count: for replies that tell the kernel
-    /// of it.
+    /// The node of an item, found or made, with one more count. For replies that hand the node to
+    /// the kernel; a reply that fails needs a forget() in return.
     Node& acquire(Found found);
 
-    /// Takes counts back. A node without counts leaves the table and is handed to the caller, as
-    /// the only element of the list.
+    /// Takes counts back. A node whose count reaches zero leaves the table and is handed to the
+    /// caller as the only element of the list, so that it is destroyed without the lock. The root
+    /// never leaves.
     std::list<Node> forget(uint64_t number, uint64_t counts);
 
-    /// The node of an item that the kernel holds counts on, null when it does not know it.
+    /// The node of an item; null when the kernel holds no count on it.
     Node* find(const ItemRef& item);
 
   private:

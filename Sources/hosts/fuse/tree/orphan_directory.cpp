@@ -11,7 +11,7 @@ namespace tavelin::fusehost {
 
 namespace {
 
-constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN
+constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN of macOS, see chflags(2)
 
 bool isCode(const fskit::Error& error, int32_t code) {
     return error.isPOSIX() && error.code() == code;
@@ -24,6 +24,7 @@ std::string OrphanDirectory::nameOf(fskit::FSItemID id) {
 }
 
 Outcome<ItemRef> OrphanDirectory::open() {
+    // Held across the lookup and the creation: two threads must not both find the name missing.
     const MutexLock held(lock_);
     if (directory_) {
         return directory_.duplicate();
@@ -50,7 +51,7 @@ Outcome<void> OrphanDirectory::remove() {
     return removeFrom(volume_.root(), kName);
 }
 
-// What else is in a directory stays, and then so does the directory.
+// A directory that is not empty stays: what is left in it is somebody else's.
 Outcome<void> OrphanDirectory::removeFrom(const ItemRef& parent, std::string_view name) {
     const Outcome<Found> found = volume_.lookup(parent, name);
     if (!found) {
@@ -67,6 +68,8 @@ Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
     }
     Outcome<void> result;
     for (const DirectoryEntry& entry : *left) {
+        // An orphan is named after its own record number. A file that a user or another system put
+        // here has another name, except by a coincidence that no user produces.
         if (entry.name != nameOf(entry.itemID)) {
             continue;
         }
@@ -80,7 +83,7 @@ Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
 void OrphanDirectory::cleanUp() {
     const Outcome<Found> directory = volume_.lookup(volume_.root(), kName);
     if (!directory && isCode(directory.error(), kENOENT)) {
-        return; // as is usual
+        return; // the usual case: the last unmount was clean
     }
     if (const Outcome<void> emptied = directory ? empty(directory->item) : directory.error();
         !emptied) {

@@ -1,8 +1,10 @@
-/// The hidden directory in a volume's root where removed files wait for their last close, when they
-/// cannot wait under their old names. Users do not see it. What is in it is removed when its user
-/// lets go of it, at unmount, and when a volume is mounted again after a crash.
+/// The hidden directory in a volume's root that keeps orphans: files that were unlinked while open
+/// and whose old names could not wait for the last close. Users do not see it. An orphan is removed
+/// when the kernel forgets it, at the unmount, or by the next mount after a crash.
 ///
-/// Any thread may call anything. Errors are the volume's, in macOS numbers.
+/// Threading: any thread may call anything. lock_ is held across the calls into the volume that
+/// find, make or remove the directory; it comes before the volume's own locks. Errors are the
+/// volume's, in macOS numbers.
 #pragma once
 
 #include "hosting/volume_client.hpp"
@@ -28,10 +30,11 @@ class OrphanDirectory {
 
     /// The directory, found or made.
     Outcome<ItemRef> open();
-    /// Removes the directory where it was opened: for unmounting, when nothing of ours is in it.
+    /// Removes the directory if open() was called, for unmounting. A directory that still has
+    /// entries, which are not of this host's making then, stays; that is no error.
     Outcome<void> remove();
-    /// Removes what a crash left in it, and leaves alone what is not of this host's making. Errors
-    /// are logged: they keep nobody from using the volume.
+    /// Removes the orphans that a crash left in it, and leaves alone every entry that this host did
+    /// not make. Errors are logged only: the volume is usable all the same.
     void cleanUp();
 
   private:

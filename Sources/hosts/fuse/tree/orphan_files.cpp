@@ -2,6 +2,7 @@
 
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -12,7 +13,8 @@ namespace tavelin::fusehost {
 
 namespace {
 
-constexpr auto kLongOpen = std::chrono::seconds(1);
+// How long an unlink stays pending in memory only. A crash within this time brings the name back.
+constexpr auto kUnlinkPendingMax = std::chrono::seconds(1);
 
 bool isLackOfRoom(const fskit::Error& error) {
     return error.isPOSIX() && error.code() == kENOSPC;
@@ -31,6 +33,7 @@ bool OrphanFiles::contains(fskit::FSItemID id) const {
 OrphanFiles::Removal* OrphanFiles::begin(fskit::FSItemID id) {
     const MutexLock held(lock_);
     auto found = removals_.find(id);
+    // Searched anew after each wait: the thread that worked on it may have erased it.
     while (found != removals_.end() && found->second.busy) {
         idle_.wait(lock_);
         found = removals_.find(id);
@@ -38,6 +41,8 @@ OrphanFiles::Removal* OrphanFiles::begin(fskit::FSItemID id) {
     if (found == removals_.end()) {
         return nullptr;
     }
+    // The reference stays valid without the lock: rehashing an unordered_map moves no elements, and
+    // only the thread that marked an entry busy erases it.
     found->second.busy = true;
     return &found->second;
 }
@@ -46,6 +51,7 @@ void OrphanFiles::end(fskit::FSItemID id, bool done) {
     {
         const MutexLock held(lock_);
         const auto removal = removals_.find(id);
+        TAVELIN_ASSERT(removal != removals_.end() && removal->second.busy);
         removal->second.busy = false;
         if (done) {
             removals_.erase(removal);
@@ -65,7 +71,7 @@ void OrphanFiles::withExclusive(fskit::FSItemID id, Work&& work) {
     try {
         done = work(*removal);
     } catch (...) {
-        end(id, false); // nobody must wait for it forever
+        end(id, false); // else the threads that wait for this removal would wait forever
         throw;
     }
     end(id, done);
@@ -77,25 +83,28 @@ void OrphanFiles::put(fskit::FSItemID id, Removal removal) {
     count_ = removals_.size();
 }
 
-Outcome<void> OrphanFiles::moveToParking(Removal& removal, fskit::FSItemID id) {
-    Outcome<ItemRef> parking = parking_.open();
+Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItemID id) {
+    Outcome<ItemRef> parking = orphanDirectory_.open();
     if (!parking) {
         return parking.error();
     }
+    TAVELIN_ASSERT(!removal.orphaned);
     std::string parked = OrphanDirectory::nameOf(id);
+    // Nothing is replaced: the name is made of the record number, and the record is in use.
     Outcome<void> moved =
         volume_.rename(removal.item, removal.directory, removal.name, *parking, parked, ItemRef());
     if (moved) {
         removal.directory = std::move(*parking);
         removal.directoryID = fskit::FSItemIDInvalid;
         removal.name = std::move(parked);
-        removal.parked = true;
+        removal.orphaned = true;
     }
     return moved;
 }
 
 Outcome<void> OrphanFiles::remove(const Node& file, const Node& directory, std::string_view name) {
-    // The count may include a short alias of this very name, which goes with it.
+    // The link count includes the DOS name of this very name, which is unlinked with it. Only when
+    // another name remains can the name be unlinked while the file is open.
     if (file.linkCount > 1) {
         const Outcome<size_t> names = volume_.countNames(file.item);
         if (!names) {
@@ -111,7 +120,7 @@ Outcome<void> OrphanFiles::remove(const Node& file, const Node& directory, std::
 }
 
 Outcome<void> OrphanFiles::linkBeforeReplace(const Node& file) {
-    Outcome<ItemRef> parking = parking_.open();
+    Outcome<ItemRef> parking = orphanDirectory_.open();
     if (!parking) {
         return parking.error();
     }
@@ -120,7 +129,7 @@ Outcome<void> OrphanFiles::linkBeforeReplace(const Node& file) {
     if (named) {
         Removal removal{file.item.duplicate(), std::move(*parking), fskit::FSItemIDInvalid,
                         std::move(parked)};
-        removal.parked = true;
+        removal.orphaned = true;
         put(file.id, std::move(removal));
     }
     return named;
@@ -130,7 +139,8 @@ void OrphanFiles::dropIfStillLinked(const Node& file) {
     if (file.linkCount <= 1) {
         return;
     }
-    // When that cannot be told, its other names show again once nobody has it open.
+    // Where the count cannot be read, the file stays in the table. Its other names are then not
+    // shown until the kernel forgets the file.
     const Outcome<size_t> names = volume_.countNames(file.item);
     if (names && *names > 1) {
         release(file.id);
@@ -141,7 +151,7 @@ void OrphanFiles::undoReplace(const Node& file, const Node& directory, std::stri
     withExclusive(file.id, [&](Removal& removal) {
         removal.homeDirectory = directory.item.duplicate();
         removal.home = name;
-        // Where this fails it is tried again when the file is released.
+        // A failure is dropped here: finish() tries again when the file is released.
         return static_cast<bool>(moveHome(removal));
     });
 }
@@ -151,10 +161,12 @@ Outcome<void> OrphanFiles::moveHome(const Removal& removal) {
     if (!present) {
         return present.error();
     }
-    if (!*present) {
+    if (!*present) { // the failed rename took the name away
         return volume_.rename(removal.item, removal.directory, removal.name, removal.homeDirectory,
                               removal.home, ItemRef());
     }
+    // Either the file still has its own name and loses the one in the orphan directory, or another
+    // file has taken the name since, and the user's file must not be lost for it.
     return (*present)->item == removal.item
                ? volume_.remove(removal.item, removal.directory, removal.name)
                : Outcome<void>(fskit::fs_errorForPOSIXError(kEEXIST));
@@ -163,8 +175,8 @@ Outcome<void> OrphanFiles::moveHome(const Removal& removal) {
 Outcome<void> OrphanFiles::moveAside(fskit::FSItemID id) {
     Outcome<void> result;
     withExclusive(id, [&](Removal& removal) {
-        if (!removal.parked) {
-            result = moveToParking(removal, id);
+        if (!removal.orphaned) {
+            result = moveToOrphanDirectory(removal, id);
         }
         return false;
     });
@@ -172,17 +184,20 @@ Outcome<void> OrphanFiles::moveAside(fskit::FSItemID id) {
 }
 
 template<typename Wanted>
-Outcome<void> OrphanFiles::parkWhere(Wanted&& wanted) {
+Outcome<void> OrphanFiles::moveAsideWhere(Wanted&& wanted) {
     std::vector<uint64_t> chosen;
     if (!isEmpty()) {
         const MutexLock held(lock_);
         for (const auto& [id, removal] : removals_) {
-            // A busy one is waited for: whoever works on it parks or removes it.
-            if (removal.busy || (!removal.parked && wanted(removal))) {
+            // A busy one is chosen too, so that moveAside() waits for it: whoever works on it moves
+            // or removes the file, and the caller relies on its name being free afterwards.
+            if (removal.busy || (!removal.orphaned && wanted(removal))) {
                 chosen.push_back(id);
             }
         }
     }
+    // One failure does not keep the others from being moved. ENOSPC gives way to any other error:
+    // callers may ignore a lack of room, and only that.
     Outcome<void> result;
     for (const fskit::FSItemID id : chosen) {
         if (Outcome<void> parked = moveAside(id);
@@ -194,14 +209,16 @@ Outcome<void> OrphanFiles::parkWhere(Wanted&& wanted) {
 }
 
 Outcome<void> OrphanFiles::moveAsideChildren(const Node& directory) {
-    return parkWhere([&](const Removal& removal) { return removal.directoryID == directory.id; });
+    return moveAsideWhere(
+        [&](const Removal& removal) { return removal.directoryID == directory.id; });
 }
 
 Outcome<void> OrphanFiles::persistOrphans() {
-    Outcome<void> result = parkWhere([](const Removal&) { return true; });
-    noteParking(result);
+    Outcome<void> result = moveAsideWhere([](const Removal&) { return true; });
+    noteMoveAside(result);
     if (!result && isLackOfRoom(result.error())) {
-        result = {}; // who synchronises asks for data, and that has its room
+        // fsync promises data, and the data has its room. The unlink is tried again later.
+        result = {};
     }
     const MutexLock held(lock_);
     if (std::optional<fskit::Error> failure = std::exchange(failure_, std::nullopt);
@@ -212,14 +229,14 @@ Outcome<void> OrphanFiles::persistOrphans() {
 }
 
 void OrphanFiles::persistExpired() {
-    const Clock::time_point limit = Clock::now() - kLongOpen;
-    noteParking(parkWhere([&](const Removal& removal) { return removal.since < limit; }));
+    const Clock::time_point limit = Clock::now() - kUnlinkPendingMax;
+    noteMoveAside(moveAsideWhere([&](const Removal& removal) { return removal.since < limit; }));
 }
 
-void OrphanFiles::noteParking(const Outcome<void>& parked) {
+void OrphanFiles::noteMoveAside(const Outcome<void>& parked) {
     {
         const MutexLock held(lock_);
-        const bool failedBefore = std::exchange(parkingFails_, !parked);
+        const bool failedBefore = std::exchange(moveAsideFails_, !parked);
         if (parked || failedBefore) {
             return;
         }
@@ -250,8 +267,9 @@ void OrphanFiles::release(const Node& file) {
         return;
     }
     {
-        // The record of a directory that was removed may be another file's by now, which is removed
-        // and open in its turn: the number alone does not tell.
+        // A removed directory's record may belong to another file by now, one that is unlinked and
+        // open in its turn. The record number alone would release that file, so the items are
+        // compared, which carry the sequence number.
         const MutexLock held(lock_);
         const auto removal = removals_.find(file.id);
         if (removal == removals_.end() || !(removal->second.item == file.item)) {
@@ -269,6 +287,7 @@ void OrphanFiles::release(fskit::FSItemID id) {
 }
 
 Outcome<void> OrphanFiles::releaseAll() {
+    // Collected first: release() takes the lock and erases entries.
     std::vector<uint64_t> all;
     {
         const MutexLock held(lock_);
@@ -279,7 +298,8 @@ Outcome<void> OrphanFiles::releaseAll() {
     for (const fskit::FSItemID id : all) {
         release(id);
     }
-    if (const Outcome<void> removed = parking_.remove(); !removed) {
+    // The directory goes last, and only if it is empty: somebody else's file may be in it.
+    if (const Outcome<void> removed = orphanDirectory_.remove(); !removed) {
         noteFailure(removed.error(), std::string(kOrphanDirectory));
     }
     return persistOrphans();

@@ -1,21 +1,22 @@
-/// Files whose name the user removed while somebody may still have them open.
+/// Files whose last name was unlinked while a program may still have them open.
 ///
-/// The kernel does not tell us of opens and closes; it only lets go of a file's node when the last
-/// user has closed it, which for a file that nobody has open is at once. So the removal of a file's
-/// last name waits until then:
+/// The kernel tells a FUSE server nothing of opens and closes. It forgets a file's node when the
+/// last user has closed it, which for a file that nobody has open is at once. So unlinking a file's
+/// last name is deferred until the forget:
 ///
-///   hidden   The name is still on the volume and does not show. Nearly every removal ends here,
-///            with the real removal a moment later, at no cost.
-///   parked   The file has been moved to the parking directory, because its name is needed or its
-///            directory goes, because changes are being synchronised, or because it has been open
-/// for
-///            a second. The name is free and the removal will survive a crash.
+///   unlink pending  The name is still on the volume and is not shown. Nearly every removal ends in
+///                   this state: the forget follows a moment later and the file is removed.
+///   orphaned        The file has been moved to the orphan directory, because its name is needed,
+///                   because its directory is being removed, because changes are synchronised, or
+///                   because the file has been open for a second. Its name is free, and a mount
+///                   after a crash removes the file.
 ///
-/// On a volume without room for a parking place files stay hidden until there is. A removal that
-/// fails when nobody waits for it any more is reported by the next synchronise.
+/// On a volume without room for an orphan directory, files stay in the first state until there is.
+/// A removal that fails after its caller was answered is reported by the next synchronise.
 ///
-/// Any thread may call anything. The lock is never held across a call into the volume; meanwhile
-/// the removal that is being worked on is marked busy.
+/// Threading: any thread may call anything. lock_ guards the table and is never held across a call
+/// into the volume. Whoever works on one removal marks it busy and others wait for idle_; so at
+/// most one thread at a time changes a removal, and its entry in the table stays valid meanwhile.
 #pragma once
 
 #include "hosting/volume_client.hpp"
@@ -37,59 +38,61 @@ class OrphanFiles {
   public:
     static constexpr std::string_view kOrphanDirectory = OrphanDirectory::kName;
 
-    explicit OrphanFiles(VolumeClient& volume) : volume_(volume), parking_(volume) {}
+    explicit OrphanFiles(VolumeClient& volume) : volume_(volume), orphanDirectory_(volume) {}
 
-    /// Removes what a crash left in the parking directory.
-    void cleanUp() { parking_.cleanUp(); }
+    /// Removes the orphans that a crash left behind.
+    void cleanUp() { orphanDirectory_.cleanUp(); }
 
-    /// Whether an item's only name is one that the user has removed.
+    /// Whether the user has unlinked the item's last name.
     bool contains(fskit::FSItemID id) const;
     bool isEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
-    /// Hides a file, or just takes the name from it when it has others.
+    /// Unlinks a name of a file: at once when the file has other names, else deferred.
     Outcome<void> remove(const Node& file, const Node& directory, std::string_view name);
-    /// Gives a file that is about to be replaced a parked name beside the one it will lose. Then
-    /// either gives that up for a file that shows under others still, or, when the replacement has
-    /// failed, sees to it that the file has its own name as before.
+    /// Replacing a file by a rename takes three steps. linkBeforeReplace() gives the old file a
+    /// second name in the orphan directory. After the rename, dropIfStillLinked() removes that name
+    /// again when the file has other visible names. After a rename that failed, undoReplace() makes
+    /// sure that the file has the name that it was to lose.
     Outcome<void> linkBeforeReplace(const Node& file);
     void dropIfStillLinked(const Node& file);
     void undoReplace(const Node& file, const Node& directory, std::string_view name);
 
-    /// Parks a hidden file, or all those of one directory, so that the name or the directory is
-    /// free.
+    /// Moves a file with a pending unlink, or all those of one directory, to the orphan directory,
+    /// so that the name is free or the directory is empty.
     Outcome<void> moveAside(fskit::FSItemID id);
     Outcome<void> moveAsideChildren(const Node& directory);
-    /// Parks all hidden files for which there is room; answers the error of the first removal that
-    /// has failed since the last call, if any.
+    /// Moves every file with a pending unlink to the orphan directory, as far as there is room.
+    /// Answers the error of the first deferred removal that failed since the last call, if any.
     Outcome<void> persistOrphans();
-    /// Parks what has been hidden for longer than a second.
+    /// The same for files whose unlink has been pending for longer than a second.
     void persistExpired();
 
-    /// The kernel has let go of the file: removes it.
+    /// Removes the file, after the kernel has forgotten its node.
     void release(const Node& file);
-    /// Removes everything, and the parking directory: for unmounting.
+    /// Removes all of them, and the orphan directory: for unmounting.
     Outcome<void> releaseAll();
 
   private:
     using Clock = std::chrono::steady_clock;
     struct Removal {
         ItemRef item;
-        ItemRef directory; // where the name is now
+        ItemRef directory; // of the present name
         fskit::FSItemID directoryID = fskit::FSItemIDInvalid;
         std::string name;
         Clock::time_point since = Clock::now();
-        bool parked = false;
-        bool busy = false; // one thread is changing it, without the lock
-        // A file that a failed replacement left without its name goes back to it instead.
+        bool orphaned = false;
+        bool busy = false; // one thread works on it without holding the lock
+        // Set when a replacement failed and left the file without its own name: it goes back
+        // there instead of being removed.
         ItemRef homeDirectory{};
         std::string home{};
     };
 
     void release(fskit::FSItemID id);
-    Outcome<void> moveToParking(Removal& removal, fskit::FSItemID id);
+    Outcome<void> moveToOrphanDirectory(Removal& removal, fskit::FSItemID id);
     Outcome<void> moveHome(const Removal& removal);
-    /// Calls `work(removal)` without the lock, alone with this removal; the entry goes when that
-    /// answers true. Nothing happens when there is none.
+    /// Marks the removal busy and calls `work(removal)` without the lock. Erases the entry when
+    /// that answers true. Does nothing when there is no such removal.
     template<typename Work>
     void withExclusive(fskit::FSItemID id, Work&& work);
     Removal* begin(fskit::FSItemID id);
@@ -97,21 +100,21 @@ class OrphanFiles {
     void put(fskit::FSItemID id, Removal removal);
     void finish(const Removal& removal);
     void noteFailure(const fskit::Error& error, const std::string& name);
-    /// Parks the hidden files that `wanted(removal)` chooses. Of several errors it answers one that
-    /// is no lack of room, where there is one.
+    /// Moves the files that `wanted(removal)` chooses to the orphan directory. Of several errors it
+    /// answers one that is not ENOSPC, where there is one.
     template<typename Wanted>
-    Outcome<void> parkWhere(Wanted&& wanted);
-    /// Logs the first of several failures to park.
-    void noteParking(const Outcome<void>& parked);
+    Outcome<void> moveAsideWhere(Wanted&& wanted);
+    /// Logs the first of several failures in a row.
+    void noteMoveAside(const Outcome<void>& parked);
 
     VolumeClient& volume_;
-    OrphanDirectory parking_;
+    OrphanDirectory orphanDirectory_;
     mutable Mutex lock_;
-    ConditionVariable idle_; // some removal is no longer busy
+    ConditionVariable idle_; // signalled when a removal is no longer busy
     std::atomic<size_t> count_{0};
     std::unordered_map<fskit::FSItemID, Removal> removals_ TAVELIN_GUARDED_BY(lock_);
     std::optional<fskit::Error> failure_ TAVELIN_GUARDED_BY(lock_);
-    bool parkingFails_ TAVELIN_GUARDED_BY(lock_) = false; // and has been logged
+    bool moveAsideFails_ TAVELIN_GUARDED_BY(lock_) = false; // and has been logged
 };
 
 } // namespace tavelin::fusehost
