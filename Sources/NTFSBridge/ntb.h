@@ -294,6 +294,12 @@ int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kin
 int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
                     uint64_t* ino);
 
+/* The same in the form of Windows, which it, the driver ntfs-3g and the kernel's drivers follow. In
+ * the Interix form where Windows could not: absolute targets, and those with characters that its
+ * names do not have. */
+int32_t ntb_symlink_windows(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
+                            uint64_t* ino);
+
 /*
  * The target of a link: an Interix link, a reparse point of WSL, or one of Windows; EINVAL for
  * anything else. Links of Windows with a path from a drive's root lead into this volume. Their

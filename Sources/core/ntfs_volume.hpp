@@ -134,6 +134,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     [[nodiscard]] bool windowsNames() const;
     void setWindowsNames(bool on);
 
+    /// Whether new links are made in the form of Windows where it can follow them; off at first.
+    void setWindowsLinks(bool on) noexcept { windowsLinks_ = on; }
+
     [[nodiscard]] std::string label();
     void setLabel(std::string_view label);
     [[nodiscard]] NTFSStatFS statfs();
@@ -269,6 +272,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     ntb_vol* vol_ TAVELIN_GUARDED_BY(lock_) = nullptr;
     std::shared_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
     std::atomic<std::uint32_t> refusals_{0};
+    std::atomic<bool> windowsLinks_{false};
     bool readOnly_ = false;
     std::uint64_t serial_ = 0;
 };

@@ -20,7 +20,8 @@ std::uint64_t NTFSVolume::symlink(std::string_view name, std::uint64_t parent,
     const BridgeText targetText(target);
     std::uint64_t ino = 0;
     check(locked([&](ntb_vol* vol) {
-        return ntb_symlink(vol, parent, nameText.cString(), targetText.cString(), &ino);
+        const auto make = windowsLinks_ ? ntb_symlink_windows : ntb_symlink;
+        return make(vol, parent, nameText.cString(), targetText.cString(), &ino);
     }));
     return ino;
 }

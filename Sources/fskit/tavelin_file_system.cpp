@@ -109,6 +109,7 @@ class Load {
             return NTFSVolume::open(device, readOnly);
         });
         opened.value->setWindowsNames(options_.windowsNames);
+        opened.value->setWindowsLinks(options_.windowsLinks);
         if (device->recovered() > 0) {
             log().info(
                 fmt::format("load: completed what was interrupted, {} pages", device->recovered()));

@@ -223,6 +223,39 @@ TEST(ReparseLinks, AreReadInEverySpelling) {
     }
 }
 
+TEST(ReparseLinks, AreMadeSoThatOthersFollowThem) {
+    REQUIRE_DRIVER();
+    BridgeVolume volume;
+    EXPECT_EQ(volume.write(volume.make("file"), "content"), 0);
+    const uint64_t directory = volume.makeDirectory("directory");
+    EXPECT_EQ(volume.write(volume.make("inside", directory), "content"), 0);
+    const std::pair<const char*, const char*> links[] = {{"to file", "../file"},
+                                                         {"to directory", "../directory"},
+                                                         {"dangling", "gone/Away"},
+                                                         {"absolute", "/somewhere"},
+                                                         {"odd", "a:b"}};
+    for (const auto& [name, target] : links) {
+        SCOPED_TRACE(name);
+        uint64_t ino = 0;
+        ASSERT_EQ(ntb_symlink_windows(volume, directory, name, target, &ino), 0);
+        EXPECT_EQ(volume.readlink(ino), target);
+        const bool isInterix = *target == '/' || std::strchr(target, ':') != nullptr;
+        EXPECT_EQ(volume.attributes(ino).reparse_tag, isInterix ? 0 : NTB_TAG_SYMLINK);
+        EXPECT_EQ(ntb_symlink_windows(volume, directory, name, target, &ino), EEXIST);
+    }
+    {
+        const DriverMount driver(volume.finish());
+        EXPECT_EQ(readFile(driver.path("directory/to file")), "content");
+        EXPECT_EQ(readFile(driver.path("directory/to directory/inside")), "content");
+        EXPECT_EQ(std::filesystem::read_symlink(driver.path("directory/absolute")), "/somewhere");
+    }
+    volume.reload();
+    for (const auto& [name, target] : links) {
+        EXPECT_EQ(ntb_unlink(volume, volume.find("directory"), name), 0) << name;
+    }
+    volume.finish();
+}
+
 TEST(InterixSpecialFiles, AreShownAsWhatTheyAre) {
     REQUIRE_DRIVER();
     BridgeVolume volume;

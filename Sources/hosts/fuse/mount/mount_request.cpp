@@ -31,7 +31,8 @@ bool apply(std::string_view word, MountRequest& request) {
     if (word == "ro" || word == "rdonly") {
         request.readOnly = true;
         request.volumeOptions.emplace_back(word);
-    } else if (word == "windows_names") {
+    } else if (word == "windows_names" || word == "symlinks=windows" ||
+               word == "symlinks=interix") {
         request.volumeOptions.emplace_back(word);
     } else if (word == "allow_other") {
         request.allowOther = true;
