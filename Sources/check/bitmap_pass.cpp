@@ -32,7 +32,8 @@ class ClusterBitmap {
             }
         }
         volume_.expect(needed);
-        std::vector<std::uint8_t> bytes(ClusterMap::kChunkClusters / 8);
+        std::vector<std::uint8_t> bytes(
+            std::min(ClusterMap::kChunkClusters / 8, (needed + 7) / 8 * 8));
         for (std::uint64_t first = 0; first < std::min(clusters, data->size() * 8);
              first += ClusterMap::kChunkClusters) {
             if (volume_.read(*data, first / 8, bytes) != 0) {

@@ -24,7 +24,7 @@ class RecordsPass {
         }
         volume_.beginPhase("file records");
         volume_.expect(volume_.recordCount() * size_);
-        std::vector<std::uint8_t> chunk(kReadBytes);
+        std::vector<std::uint8_t> chunk(std::min(kReadBytes, volume_.recordCount() * size_));
         for (std::uint64_t first = 0; first < volume_.recordCount();) {
             const std::uint64_t count = std::min(kReadBytes / size_, volume_.recordCount() - first);
             const std::span<std::uint8_t> records(chunk.data(), count * size_);

@@ -77,8 +77,8 @@ class SecurityPass {
     void readStream(const Attribute& stream) {
         const std::uint64_t size =
             std::min(stream.size(), stream.clusters * volume_.boot.cluster_size);
-        std::vector<std::uint8_t> half(kHalf);
-        std::vector<std::uint8_t> copy(kHalf);
+        std::vector<std::uint8_t> half(std::min(kHalf, size));
+        std::vector<std::uint8_t> copy(half.size());
         volume_.expect(size);
         for (std::uint64_t base = 0; base < size && volume_.spend(2 * kHalf); base += 2 * kHalf) {
             if (volume_.read(stream, base, half) != 0 ||

@@ -287,11 +287,6 @@ std::string faultOf(Volume& volume, const File& file, const std::vector<std::uin
 } // namespace
 
 void loadUpcase(Volume& volume) {
-    volume.upcase.resize(kUnits);
-    for (std::size_t unit = 0; unit < kUnits; ++unit) {
-        volume.upcase[unit] =
-            static_cast<std::uint16_t>(unit >= 'a' && unit <= 'z' ? unit - 32 : unit);
-    }
     File file;
     const Attribute* const data =
         volume.loadFile(ntb::record_upcase, file) ? file.find(ntb::at_data) : nullptr;
@@ -300,10 +295,12 @@ void loadUpcase(Volume& volume) {
     if (!fault.empty()) {
         volume.add(upcaseTable, ntb::record_upcase, "a table of 65536 letters", fault);
     }
-    if (bytes && bytes->size() == kUnits * 2) {
-        for (std::size_t unit = 0; unit < kUnits; ++unit) {
-            volume.upcase[unit] = ntb::u16_at(bytes->data(), unit * 2);
-        }
+    const bool isTable = bytes && bytes->size() == kUnits * 2;
+    volume.upcase.resize(kUnits);
+    for (std::size_t unit = 0; unit < kUnits; ++unit) {
+        const std::size_t ascii = unit >= 'a' && unit <= 'z' ? unit - 32 : unit;
+        volume.upcase[unit] =
+            isTable ? ntb::u16_at(bytes->data(), unit * 2) : static_cast<std::uint16_t>(ascii);
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace tavelin::check {
@@ -101,7 +102,9 @@ void Volume::open() {
 
 std::int32_t Volume::read(const Attribute& attribute, std::uint64_t offset,
                           std::span<std::uint8_t> into) {
-    std::ranges::fill(into, std::uint8_t{0});
+    if (!into.empty()) {
+        std::memset(into.data(), 0, into.size());
+    }
     if (attribute.isResident()) {
         const auto value = attribute.first.value();
         if (offset < value.size()) {

@@ -1,10 +1,8 @@
 // One damage at a time, in volumes of every geometry: is it found, under its name and its path?
-#include "NTFSBridge/ntb.h"
 #include "check/check.hpp"
+#include "check/filled_volume.hpp"
 #include "check/image_editor.hpp"
 #include "support/memory_device.hpp"
-#include "support/memory_io.hpp"
-#include "support/sample_volume.hpp"
 
 #include <gtest/gtest.h>
 
@@ -17,83 +15,6 @@ namespace {
 using check::FindingClass;
 using enum check::FindingClass;
 using Bytes = ImageEditor::Bytes;
-
-constexpr int kNames = 400; // in /dir, of which those from 200 on are removed again
-
-std::string numbered(int number) {
-    return "name" + std::to_string(1000 + number);
-}
-
-// Makes files through the bridge; what it answers is for its own tests.
-class Filler {
-  public:
-    explicit Filler(MemoryIo& memory) {
-        int32_t error = 0;
-        volume_ = ntb_mount(&memory.io(), 0, &error);
-        EXPECT_EQ(error, 0);
-    }
-    ~Filler() { EXPECT_EQ(ntb_umount(volume_), 0); }
-    Filler(const Filler&) = delete;
-    Filler& operator=(const Filler&) = delete;
-
-    uint64_t make(const std::string& name, uint64_t parent = NTB_ROOT_INO,
-                  uint32_t kind = NTB_TYPE_FILE) {
-        uint64_t ino = 0;
-        EXPECT_EQ(ntb_create(volume_, parent, name.c_str(), kind, &ino), 0) << name;
-        return ino;
-    }
-    void write(uint64_t ino, size_t size, uint64_t offset = 0) {
-        std::string data(size, 'x');
-        uint32_t state = 1;
-        for (char& c : data) {
-            state = state * 1664525u + 1013904223u;
-            c = static_cast<char>(state >> 24);
-        }
-        uint64_t done = 0;
-        EXPECT_EQ(ntb_write(volume_, ino, offset, data.data(), size, &done), 0);
-    }
-    void setStream(uint64_t ino, const std::string& name, const std::string& value) {
-        EXPECT_EQ(
-            ntb_setxattr(volume_, ino, name.c_str(), value.data(), value.size(), NTB_XATTR_ANY), 0);
-    }
-    void remove(const std::string& name, uint64_t parent) {
-        EXPECT_EQ(ntb_unlink(volume_, parent, name.c_str()), 0);
-    }
-
-  private:
-    ntb_vol* volume_ = nullptr;
-};
-
-// A volume with something of everything.
-std::vector<uint8_t> filledImage(const VolumeGeometry& geometry) {
-    MemoryIo memory = MemoryIo::fromFile(SampleVolume(geometry).image(), geometry.sectorSize);
-    {
-        Filler volume(memory);
-        volume.write(volume.make("file"), 20000);
-        volume.write(volume.make("other"), 200000);
-        volume.write(volume.make("small"), 100);
-        const uint64_t sparse = volume.make("sparse");
-        volume.write(sparse, 5000);
-        volume.write(sparse, 5000, 4u << 20);
-        const uint64_t streams = volume.make("streams");
-        volume.setStream(streams, "aa", "one");
-        volume.setStream(streams, "bb", std::string(24, '\0'));
-        const uint64_t many = volume.make("many");
-        for (int i = 0; i < 60; ++i) {
-            volume.setStream(many, "stream" + std::to_string(100 + i), std::string(80, 'x'));
-        }
-        volume.make("inner", volume.make("outer", NTB_ROOT_INO, NTB_TYPE_DIRECTORY),
-                    NTB_TYPE_DIRECTORY);
-        const uint64_t directory = volume.make("dir", NTB_ROOT_INO, NTB_TYPE_DIRECTORY);
-        for (int i = 0; i < kNames; ++i) {
-            volume.make(numbered(i), directory);
-        }
-        for (int i = kNames / 2; i < kNames; ++i) {
-            volume.remove(numbered(i), directory);
-        }
-    }
-    return memory.bytes();
-}
 
 // ---- Damages -----------------------------------------------------------------------------------
 
@@ -420,7 +341,7 @@ Seen findingsOf(MemoryDevice& device, bool deep = false) {
 
 class PlantedFaults : public testing::TestWithParam<VolumeGeometry> {
   protected:
-    void SetUp() override { sound_ = filledImage(GetParam()); }
+    void SetUp() override { sound_ = filledImage(GetParam(), 400); }
 
     void expectAll(const std::vector<Fault>& faults) {
         for (const Fault& fault : faults) {

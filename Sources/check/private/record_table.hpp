@@ -62,7 +62,7 @@ class RecordTable {
     }
 
   private:
-    static constexpr std::uint64_t kChunkRecords = 4096;
+    static constexpr std::uint64_t kChunkRecords = 256;
 
     std::unordered_map<std::uint64_t, std::unique_ptr<RecordState[]>> chunks_;
 };
