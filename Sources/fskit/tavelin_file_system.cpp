@@ -1,6 +1,7 @@
 // Probe, load, unload.
 #include "fskit/tavelin_file_system.hpp"
 
+#include "check/mount_gate.hpp"
 #include "core/driver2/mount_fallback.hpp"
 #include "core/driver2/mount_options.hpp"
 #include "core/driver2/short_name.hpp"
@@ -27,7 +28,8 @@ namespace tavelin {
 
 namespace {
 
-constexpr double kFlushInterval = 1.0; // seconds
+constexpr double kFlushInterval = 1.0;        // seconds
+constexpr std::chrono::seconds kGateTime{20}; // that a mount may wait for a check
 constexpr std::size_t kErrorCharactersMax = 300;
 
 std::string dictionaryText(std::string_view key) {
@@ -101,10 +103,13 @@ class Load {
     /// First carries to its end what a power cut interrupted. A volume that may be written to is
     /// journaled from then on.
     Driver2::Opened<std::shared_ptr<NTFSVolume>>
-    open(const std::shared_ptr<JournaledDevice>& device) const {
+    open(const std::shared_ptr<JournaledDevice>& device) {
         auto opened = Driver2::openWithReadOnlyFallback(requestedReadOnly_, [&](bool readOnly) {
             if (const std::int32_t error = device->replay(readOnly); error != 0) {
                 throw NTFSError(fromHost(error));
+            }
+            if (!readOnly && !passesGate(*device)) {
+                throw NTFSError(kEROFS);
             }
             return NTFSVolume::open(device, readOnly);
         });
@@ -119,6 +124,9 @@ class Load {
         }
         return opened;
     }
+
+    /// Why the volume may only be read although it was to be written to; empty otherwise.
+    [[nodiscard]] const std::string& refusalToWrite() const noexcept { return refusalToWrite_; }
 
     void reportFailure(const std::exception& error) const {
         log().error(fmt::format("load failed: {}", error.what()));
@@ -139,6 +147,20 @@ class Load {
     }
 
   private:
+    /// What a flush of our own left marked is whole again with the replay.
+    bool passesGate(JournaledDevice& device) {
+        if (options_.noCheck || device.recovered() > 0 || !check::isMarkedDirty(device)) {
+            return true;
+        }
+        check::GateVerdict verdict =
+            check::judgeForWriting(device, "was marked dirty by another system", kGateTime);
+        log().info(fmt::format("load: {}", verdict.message));
+        if (!verdict.mayWrite) {
+            refusalToWrite_ = std::move(verdict.message);
+        }
+        return verdict.mayWrite;
+    }
+
     /// Without one the volume works all the same.
     static void beginJournal(JournaledDevice& device, NTFSVolume& volume) {
         try {
@@ -170,6 +192,7 @@ class Load {
     const Driver2::MountOptions options_;
     const std::string words_;
     const bool requestedReadOnly_;
+    std::string refusalToWrite_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
@@ -201,13 +224,15 @@ fskit::FSProbeResult TavelinFileSystem::probeResource(const fskit::FSResourceRef
 std::shared_ptr<TavelinVolume>
 TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
                           const fskit::FSTaskOptions& options) {
-    const Load load(*disk, options);
+    Load load(*disk, options);
+    refusalToWrite.clear();
     errorTally().reset();
     deviceErrorEvents = 0;
     try {
         const std::shared_ptr<ResourceDevice> device = makeDevice(disk);
         const auto journaled = std::make_shared<JournaledDevice>(device);
         const auto [ntfs, fellBack] = load.open(journaled);
+        refusalToWrite = load.refusalToWrite();
         if (fellBack) {
             log().info("load: volume is hibernated or write-protected, mounted read-only");
         }

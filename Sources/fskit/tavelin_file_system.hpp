@@ -19,6 +19,9 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
 
     /// The loaded volume; null before the first load and after every unload.
     std::shared_ptr<TavelinVolume> volume;
+    /// Why the last load may only read although it was to write: a sentence for the user about what
+    /// the check of a doubtful volume found; empty otherwise.
+    std::string refusalToWrite;
 
     /// The type name that statistics carry: the short name in the information dictionary.
     [[nodiscard]] static const std::string& typeName();
@@ -26,7 +29,8 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// Usable under its label (else "NTFS") when there is an NTFS boot sector; never an error.
     fskit::FSProbeResult probeResource(const fskit::FSResourceRef& resource) override;
     /// Mounts read-only when the options or the medium say so, or when the volume is hibernated,
-    /// fast-started or write-protected; else read-write. kENODEV when the resource is no block
+    /// fast-started or write-protected, or marked dirty and found with data at risk (unless
+    /// "nocheck" is among the options); else read-write. kENODEV when the resource is no block
     /// device, otherwise what the volume's open answers. A volume that is still loaded is closed
     /// first: hosts load a device again without an unload, and the second load must find all that
     /// was written through the first.

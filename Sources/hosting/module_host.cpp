@@ -170,6 +170,11 @@ Outcome<void> ModuleHost::load(const Options& options) {
     return {};
 }
 
+std::string ModuleHost::refusalToWrite() const {
+    const auto* const own = dynamic_cast<const TavelinFileSystem*>(module_.get());
+    return own == nullptr ? "" : own->refusalToWrite;
+}
+
 Outcome<void> ModuleHost::activate(const Options& options) {
     expect(state_ == State::loaded, "activate");
     auto answer = volume_->activate({options});

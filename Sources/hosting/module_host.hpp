@@ -67,6 +67,8 @@ class ModuleHost {
     [[nodiscard]] bool isLoaded() const noexcept { return state_ != State::idle; }
     /// Whether the volume could only be opened for reading although options and image allow more.
     [[nodiscard]] bool fellBackToReadOnly() const { return fellBack_; }
+    /// A sentence for the user where a check of the volume was the reason; empty otherwise.
+    [[nodiscard]] std::string refusalToWrite() const;
 
     // ---- One step each -------------------------------------------------------------------------
 

@@ -22,6 +22,8 @@ void applyList(MountOptions& options, std::string_view list) noexcept {
             options.readOnly = true;
         } else if (piece == "windows_names") {
             options.windowsNames = true;
+        } else if (piece == "nocheck") {
+            options.noCheck = true;
         } else if (piece == "symlinks=windows" || piece == "symlinks=interix") {
             options.windowsLinks = piece == "symlinks=windows";
         }

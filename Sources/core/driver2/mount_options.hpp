@@ -8,7 +8,7 @@ namespace tavelin::Driver2 {
 
 /// What a mount's arguments ask for. "-r", "--rdonly", "ro" and "rdonly" ask for read-only; "-o"
 /// takes a list separated by commas, as its next argument or attached, of "ro", "rdonly" and
-/// "windows_names", and "symlinks=windows" or "symlinks=interix", of which the last counts. The
+/// "windows_names", "nocheck", and "symlinks=windows" or "symlinks=interix", of which the last counts. The
 /// others only switch on; anything else is ignored.
 struct MountOptions {
     MountOptions() = default;
@@ -16,6 +16,7 @@ struct MountOptions {
 
     bool readOnly = false;
     bool windowsNames = false; ///< refuse names that Windows cannot represent
+    bool noCheck = false;      ///< mount for writing without a check what others left in doubt
     bool windowsLinks = false; ///< make links in the form of Windows, not of Interix
 
     bool operator==(const MountOptions&) const = default;

@@ -9,7 +9,7 @@ namespace tavelin::cli {
 void addVolume(CLI::App& command, VolumeArguments& arguments) {
     addArgument(command, "IMAGE", arguments.image, "Image file or block device");
     addOptionLists(command, arguments.options,
-                   "Volume options, comma separated: ro, windows_names");
+                   "Volume options, comma separated: ro, windows_names, nocheck");
     addFlag(command, "--read-only", arguments.readOnly, "Do not change the volume");
 }
 

@@ -49,8 +49,8 @@ void defineMount(CLI::App& command) {
     addArgument(command, "IMAGE", arguments->image, "Image file or block device");
     addArgument(command, "DIR", arguments->directory, "The directory to mount on");
     addOptionLists(command, arguments->options,
-                   "Options, comma separated: ro, windows_names, allow_other, low_latency, and the "
-                   "kernel's own such as noatime");
+                   "Options, comma separated: ro, windows_names, nocheck, allow_other, "
+                   "low_latency, and the kernel's own such as noatime");
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,
             "Serve from this process, until the volume is unmounted");

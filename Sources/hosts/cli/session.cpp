@@ -67,6 +67,9 @@ std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
         return "it is write-protected, or you may not write to it: change its permissions or use "
                "sudo";
     }
+    if (const std::string refusal = host.refusalToWrite(); !refusal.empty()) {
+        return refusal;
+    }
     if (host.fellBackToReadOnly()) {
         return "Windows is hibernated on it, or was shut down with fast startup, so it was opened "
                "for reading only: start Windows and shut it down with 'shutdown /s /t 0'";

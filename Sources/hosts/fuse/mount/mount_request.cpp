@@ -32,7 +32,7 @@ bool apply(std::string_view word, MountRequest& request) {
         request.readOnly = true;
         request.volumeOptions.emplace_back(word);
     } else if (word == "windows_names" || word == "symlinks=windows" ||
-               word == "symlinks=interix") {
+               word == "symlinks=interix" || word == "nocheck") {
         request.volumeOptions.emplace_back(word);
     } else if (word == "allow_other") {
         request.allowOther = true;

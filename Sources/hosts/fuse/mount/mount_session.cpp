@@ -121,9 +121,11 @@ class Mount {
         settings.readOnly = request_.readOnly;
         host_ = ModuleHost::openImage(request_.image, words, settings);
         if (host_->fellBackToReadOnly()) {
-            complain(fmt::format("{}: hibernated, shut down by fast start-up or write-protected; "
-                                 "mounted read-only",
-                                 request_.image.string()));
+            const std::string refusal = host_->refusalToWrite();
+            complain(fmt::format("{}: {}; mounted read-only", request_.image.string(),
+                                 refusal.empty() ? "hibernated, shut down by fast start-up or "
+                                                   "write-protected"
+                                                 : refusal));
         }
         // Without it the mount is only slower at first.
         static_cast<void>(host_->volume().requests().prefaultCache());
