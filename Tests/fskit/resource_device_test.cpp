@@ -118,11 +118,11 @@ TEST_F(Device, IsCachedInAModuleThatUsesTheKernelsCache) {
     const SampleVolume sample;
     disk = std::make_shared<MemoryResource>(sample);
     ResourceDevice::enableKernelCache();
-    EXPECT_EQ((*probe()).name, "Sample");
+    EXPECT_EQ(probe().name, "Sample");
     start();
     EXPECT_NE(takeLastEvent().find(R"("kernel_cache":true)"), std::string::npos);
     EXPECT_EQ(requests().create(root, "file").code(), 0);
-    EXPECT_EQ(requests().synchronize().code(), 0);
+    EXPECT_EQ(requests().synchronize(), 0);
     EXPECT_EQ(disk->count(Call::read) + disk->count(Call::write), 0);
     EXPECT_GE(disk->count(Call::metadataFlush), 1);
 }
