@@ -205,9 +205,8 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
     serve(reply, [&]() -> std::tuple<FSDirectoryVerifier, NSError *> {
         PackerAdapter adapter(packer);
         const fskit::FSItemGetAttributesRequest wanted = toCore(attributes);
-        const auto current =
-            _volume->enumerateDirectory(toCore(directory), cookie, verifier,
-                                        attributes != nil ? &wanted : nullptr, adapter);
+        const auto current = _volume->enumerateDirectory(
+            toCore(directory), cookie, verifier, attributes != nil ? &wanted : nullptr, adapter);
         if (!current) {
             return {verifier, toFSKit(current.error())};
         }
@@ -239,9 +238,9 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
                        (void (^)(FSItem *newItem, FSFileName *newItemName, NSError *error))reply {
     serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        return newItem(_volume->createSymbolicLink(toCore(name), toCore(directory), request,
-                                                   toCore(contents)),
-                       *_handed);
+        return newItem(
+            _volume->createSymbolicLink(toCore(name), toCore(directory), request, toCore(contents)),
+            *_handed);
     });
 }
 

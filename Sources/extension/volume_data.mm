@@ -24,8 +24,7 @@ using tavelin::toCore;
                toFile:(FSItem *)item
              atOffset:(off_t)offset
          replyHandler:(void (^)(size_t actuallyWritten, NSError *error))reply {
-    serve(reply,
-          [&] { return _volume->write(tavelin::bytesOf(contents), toCore(item), offset); });
+    serve(reply, [&] { return _volume->write(tavelin::bytesOf(contents), toCore(item), offset); });
 }
 
 - (BOOL)isOpenCloseInhibited {

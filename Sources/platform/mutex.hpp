@@ -47,8 +47,6 @@ class TAVELIN_CAPABILITY("mutex") Mutex {
     /// Waits without a limit. The calling thread unlocks it again.
     void lock() TAVELIN_ACQUIRE() { native_.lock(); }
     void unlock() TAVELIN_RELEASE() { native_.unlock(); }
-    /// Does not wait: false when another thread holds the mutex.
-    [[nodiscard]] bool tryLock() TAVELIN_TRY_ACQUIRE(true) { return native_.try_lock(); }
 
     /// Tells the analysis, without any check at run time, that the caller holds this mutex.
     /// For callbacks that run under a lock which their signature cannot name.

@@ -8,8 +8,8 @@ namespace tavelin::Driver2 {
 
 /// What a mount's arguments ask for. "-r", "--rdonly", "ro" and "rdonly" ask for read-only; "-o"
 /// takes a list separated by commas, as its next argument or attached, of "ro", "rdonly" and
-/// "windows_names", "nocheck", and "symlinks=windows" or "symlinks=interix", of which the last counts. The
-/// others only switch on; anything else is ignored.
+/// "windows_names", "nocheck", and "symlinks=windows" or "symlinks=interix", of which the last
+/// counts. The others only switch on; anything else is ignored.
 struct MountOptions {
     MountOptions() = default;
     explicit MountOptions(std::span<const std::string> arguments);
