@@ -154,21 +154,25 @@ TEST(MountTable, UnmountsAMountWhereItIsNowAndNeverAnother) {
     const TempDirectory root;
     const fs::path before = root.path() / "before" / "mount",
                    after = root.path() / "after" / "mount";
-    const auto mountOther = [](const fs::path& directory) {
+    const auto mountOther = [](const fs::path& directory, const char* source = "other") {
         fs::create_directories(directory);
-        EXPECT_EQ(::mount("other", directory.c_str(), "tmpfs", 0, nullptr), 0);
-        return fusehost::findMount(directory)->id;
+        EXPECT_EQ(::mount(source, directory.c_str(), "tmpfs", 0, nullptr), 0);
+        return *fusehost::findMount(directory);
     };
-    const int moved = mountOther(before);
+    const fusehost::MountEntry moved = mountOther(before);
     fs::rename(before.parent_path(), after.parent_path());
-    const int atOldPath = mountOther(before), covering = mountOther(after);
+    const fusehost::MountEntry atOldPath = mountOther(before), covering = mountOther(after);
     EXPECT_EQ(fusehost::unmount(moved, false), EBUSY) << "covered";
     EXPECT_EQ(fusehost::unmount(moved, true), EBUSY) << "covered";
     EXPECT_EQ(fusehost::unmount(covering, false), 0);
     EXPECT_EQ(fusehost::unmount(moved, false), 0);
-    EXPECT_FALSE(fusehost::findMount(moved));
-    EXPECT_EQ(fusehost::unmount(moved, false), 0) << "gone already";
-    EXPECT_TRUE(fusehost::findMount(atOldPath));
+    EXPECT_FALSE(fusehost::findAgain(moved));
+    // Its id and its device number belong to the next mount now.
+    const fusehost::MountEntry next = mountOther(after, "next");
+    EXPECT_EQ(fusehost::unmount(moved, true), 0) << "gone already";
+    EXPECT_TRUE(fusehost::findAgain(next));
+    EXPECT_EQ(fusehost::unmount(next, false), 0);
+    EXPECT_TRUE(fusehost::findAgain(atOldPath));
     EXPECT_EQ(fusehost::unmount(atOldPath, false), 0);
 }
 

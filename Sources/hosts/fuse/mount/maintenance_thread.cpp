@@ -2,7 +2,6 @@
 
 #include "diagnostics/log.hpp"
 #include "hosts/fuse/libfuse.hpp"
-#include "hosts/fuse/mount/mount_table.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -26,12 +25,10 @@ constexpr int kReadAhead = 1024; // KiB: lets one request fetch as much as one c
 
 // The kernel reads ahead 128 KiB by default. Only an administrator may raise that; without it,
 // sequential reads take more requests.
-void raiseReadAhead(int id) {
-    if (const std::optional<MountEntry> mount = findMount(id)) {
-        for (const char* suffix : {"", "-fuseblk"}) {
-            std::ofstream setting("/sys/class/bdi/" + mount->device + suffix + "/read_ahead_kb");
-            setting << kReadAhead << std::flush;
-        }
+void raiseReadAhead(const MountEntry& mount) {
+    for (const char* suffix : {"", "-fuseblk"}) {
+        std::ofstream setting("/sys/class/bdi/" + mount.device + suffix + "/read_ahead_kb");
+        setting << kReadAhead << std::flush;
     }
 }
 
@@ -132,7 +129,7 @@ void MaintenanceThread::takeSignal(const Context& context) {
 }
 
 void MaintenanceThread::unmountMount(const Context& context) {
-    const std::optional<MountEntry> mount = findMount(context.mount);
+    const std::optional<MountEntry> mount = findAgain(context.mount);
     int failed = unmountOwn(context.mount, false);
     if (failed != 0) {
         log().info(fmt::format("{}: {}; serving its users until they are done",

@@ -6,6 +6,7 @@
 /// on top of it, the unmount is tried again every second. A second signal ends the serving.
 #pragma once
 
+#include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/protocol/worker_threads.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/mutex.hpp"
@@ -27,7 +28,7 @@ class MaintenanceThread {
 
     /// Everything referred to must outlive the call of stop().
     struct Context {
-        int mount; ///< id of the mount that is served, see mount_table.hpp
+        const MountEntry& mount; ///< the one that is served
         MountedVolume& volume;
         WorkerThreads& threads;
         fuse_session* session;

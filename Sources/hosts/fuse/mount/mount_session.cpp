@@ -76,9 +76,9 @@ using Session = std::unique_ptr<fuse_session, DestroySession>;
 
 // Unmounts at the end whatever ended the serving.
 struct Unmount {
-    int id;
+    MountEntry mount;
     ~Unmount() {
-        if (const int failed = unmount(id, true); failed != 0) {
+        if (const int failed = unmount(mount, true); failed != 0) {
             log().error(fmt::format("unmounting: {}", errorText(fromHost(failed))));
         }
     }
@@ -96,7 +96,7 @@ class Mount {
         }
         CpuLatencyRequest latency(request_.lowLatency);
         WorkerThreads threads(session_.get(), latency);
-        maintenance_.start({mount_->id, *volume_, threads, session_.get()});
+        maintenance_.start({mount_->mount, *volume_, threads, session_.get()});
         const int failed = threads.run(kServingThreads);
         if (failed != 0) {
             report(fmt::format("{}: {}", request_.directory.string(), errorText(fromHost(failed))));
@@ -169,7 +169,7 @@ class Mount {
         }
         // Somebody may have covered or unmounted it already. The latter ends the serving at once.
         const std::optional<MountEntry> mount = findOwnMount(request_.directory);
-        mount_.emplace(mount ? mount->id : 0);
+        mount_.emplace(mount.value_or(MountEntry()));
         return KernelChannel::attach(session_.get()) == 0;
     }
 

@@ -86,14 +86,14 @@ std::optional<MountEntry> lastMount(Wanted&& wanted) {
 }
 
 // Where an unmount by path would reach the mount: ENOENT when it is gone, EBUSY when it is covered.
-int pathOf(int id, std::filesystem::path& directory) {
-    const std::optional<MountEntry> own = findMount(id);
+int pathOf(const MountEntry& mount, std::filesystem::path& directory) {
+    const std::optional<MountEntry> own = findAgain(mount);
     if (!own) {
         return ENOENT;
     }
     directory = own->directory;
     const std::optional<MountEntry> topmost = findMount(directory);
-    return topmost && topmost->id == id ? 0 : EBUSY;
+    return topmost && topmost->id == mount.id ? 0 : EBUSY;
 }
 
 } // namespace
@@ -108,13 +108,16 @@ std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory) {
     });
 }
 
-std::optional<MountEntry> findMount(int id) {
-    return lastMount([id](const MountEntry& entry) { return entry.id == id; });
+std::optional<MountEntry> findAgain(const MountEntry& mount) {
+    return lastMount([&](const MountEntry& entry) {
+        return entry.id == mount.id && entry.device == mount.device && entry.type == mount.type &&
+               entry.source == mount.source;
+    });
 }
 
-int unmount(int id, bool lazy) {
+int unmount(const MountEntry& mount, bool lazy) {
     std::filesystem::path directory;
-    if (const int failed = pathOf(id, directory); failed != 0) {
+    if (const int failed = pathOf(mount, directory); failed != 0) {
         return failed == ENOENT ? 0 : failed;
     }
     if (::umount2(directory.c_str(), flagsOf(lazy)) == 0) {
@@ -123,9 +126,9 @@ int unmount(int id, bool lazy) {
     return errno == EPERM ? runFusermount(directory, lazy) : errno;
 }
 
-int unmountOwn(int id, bool lazy) {
+int unmountOwn(const MountEntry& mount, bool lazy) {
     std::filesystem::path directory;
-    if (const int failed = pathOf(id, directory); failed != 0) {
+    if (const int failed = pathOf(mount, directory); failed != 0) {
         return failed == ENOENT ? 0 : failed;
     }
     const pid_t child = ::fork();

@@ -8,7 +8,7 @@
 namespace tavelin::fusehost {
 
 struct MountEntry {
-    int id = 0;         ///< of this mount as long as it lasts, whatever becomes of its path
+    int id = 0;         ///< of this mount while it lasts; the kernel gives it to another afterwards
     std::string device; ///< "major:minor"
     std::filesystem::path directory;
     std::string type;   ///< "fuse.tavelin", "fuseblk.tavelin", …
@@ -23,20 +23,22 @@ std::optional<MountEntry> findMount(const std::filesystem::path& directory);
 /// The topmost mount of ours on a directory, whatever lies on top of it.
 std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory);
 
-/// The mount with an id, wherever it is now; absent when it has been unmounted.
-std::optional<MountEntry> findMount(int id);
+/// Where a mount is now; absent when it has been unmounted. The kernel reuses ids at once, so the
+/// device, the type and the source have to be the same as well. A mount of ours is told from every
+/// other by that for as long as its server holds the image.
+std::optional<MountEntry> findAgain(const MountEntry& mount);
 
 /// Unmounts one mount, through fusermount3 where the process has no right to. A lazy unmount takes
 /// the directory away at once and lets those who use it finish. 0, also when the mount is gone
 /// already; EBUSY when it is in use or another mount lies on top of it; or another host errno.
 ///
-/// The kernel unmounts by path only, so the path is looked up by the id right before. Nothing but
+/// The kernel unmounts by path only, so the path is looked up right before. Nothing but
 /// this mount is unmounted when its directory was moved or covered since it was made.
-int unmount(int id, bool lazy);
+int unmount(const MountEntry& mount, bool lazy);
 
 /// The same for the process that serves the mount, which must serve on meanwhile: what is dirty in
 /// the kernel comes back to it first. The calls that wait for our own answers are made in a child
 /// process; a thread of ours in them could never end if the others were killed.
-int unmountOwn(int id, bool lazy);
+int unmountOwn(const MountEntry& mount, bool lazy);
 
 } // namespace tavelin::fusehost

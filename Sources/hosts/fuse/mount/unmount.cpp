@@ -83,7 +83,7 @@ int unmountVolume(const fs::path& given) {
         return fail(directory, fmt::format("cannot write everything back ({}); it stays mounted",
                                            errorText(fromHost(failed))));
     }
-    if (const int failed = unmount(mount->id, false); failed != 0) {
+    if (const int failed = unmount(*mount, false); failed != 0) {
         return fail(directory, failed == EBUSY ? std::string("a program still uses it")
                                                : errorText(fromHost(failed)));
     }
