@@ -21,8 +21,6 @@ namespace tavelin {
 
 namespace {
 
-using Reason = OpenError::Reason;
-
 constexpr const char* kNoDevice = "neither a disk image nor a block device";
 
 [[noreturn]] void cannotOpen(const std::string& path, int error) {
@@ -30,17 +28,17 @@ constexpr const char* kNoDevice = "neither a disk image nor a block device";
     switch (error) {
     case ENOENT:
     case ENOTDIR:
-        throw OpenError(Reason::notFound, code, path, "there is no such file or device");
+        throw OpenError(OpenError::Reason::notFound, code, path, "there is no such file or device");
     case EACCES:
     case EPERM:
-        throw OpenError(Reason::permission, code, path, "you may not open it");
+        throw OpenError(OpenError::Reason::permission, code, path, "you may not open it");
     case EISDIR:
-        throw OpenError(Reason::notBlockDevice, code, path, kNoDevice);
+        throw OpenError(OpenError::Reason::notBlockDevice, code, path, kNoDevice);
     case EBUSY:
     case EAGAIN:
-        throw OpenError(Reason::inUse, code, path, "another program is using it");
+        throw OpenError(OpenError::Reason::inUse, code, path, "another program is using it");
     default:
-        throw OpenError(Reason::ioError, code, path, errorText(code));
+        throw OpenError(OpenError::Reason::ioError, code, path, errorText(code));
     }
 }
 
@@ -123,7 +121,7 @@ void ImageFile::measure(const std::string& path) {
         return;
     }
     if (!S_ISBLK(status.st_mode)) {
-        throw OpenError(Reason::notBlockDevice, kENOTBLK, path, kNoDevice);
+        throw OpenError(OpenError::Reason::notBlockDevice, kENOTBLK, path, kNoDevice);
     }
     const off_t end = ::lseek(descriptor_, 0, SEEK_END);
     if (end < 0) {

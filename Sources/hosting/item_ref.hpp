@@ -27,7 +27,8 @@ class ItemRef {
         return *this;
     }
     ~ItemRef() {
-        if (item_ != nullptr) {
+        // An item always comes with its volume; naming both lets static analysis see that.
+        if (item_ != nullptr && volume_ != nullptr) {
             volume_->release(item_);
         }
     }

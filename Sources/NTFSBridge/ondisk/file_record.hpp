@@ -55,7 +55,8 @@ class attribute_view {
     [[nodiscard]] bool is_resident() const noexcept { return bytes_[0x08] == 0; }
     [[nodiscard]] uint8_t name_length() const noexcept { return bytes_[0x09]; } // UTF-16 units
     [[nodiscard]] std::span<const uint8_t> name() const noexcept {              // UTF-16LE
-        return bytes_.subspan(name_length() == 0 ? 0 : u16_at(at(0), 0x0a), name_length() * 2u);
+        return bytes_.subspan(name_length() == 0 ? 0 : u16_at(at(0), 0x0a),
+                              size_t{2} * name_length());
     }
     [[nodiscard]] uint16_t flags() const noexcept { return u16_at(at(0), 0x0c); }
     [[nodiscard]] bool is_compressed() const noexcept {

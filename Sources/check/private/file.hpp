@@ -65,7 +65,9 @@ struct FileName {
         return ntb::u32_at(bytes.data(), 0x38);
     }
     [[nodiscard]] std::uint8_t nameSpace() const noexcept { return bytes[0x41]; }
-    [[nodiscard]] RawName name() const noexcept { return bytes.subspan(0x42, bytes[0x40] * 2u); }
+    [[nodiscard]] RawName name() const noexcept {
+        return bytes.subspan(0x42, std::size_t{2} * bytes[0x40]);
+    }
     [[nodiscard]] bool isSameName(const FileName& other) const noexcept;
     /// Of directory, name and namespace.
     [[nodiscard]] std::uint64_t hash(std::uint64_t directory) const noexcept;

@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace tavelin::fusehost {
@@ -76,12 +77,16 @@ using Session = std::unique_ptr<fuse_session, DestroySession>;
 
 // Unmounts at the end whatever ended the serving.
 struct Unmount {
-    MountEntry mount;
+    explicit Unmount(MountEntry entry) : mount(std::move(entry)) {}
+    Unmount(const Unmount&) = delete;
+    Unmount& operator=(const Unmount&) = delete;
     ~Unmount() {
         if (const int failed = unmount(mount, true); failed != 0) {
             log().error(fmt::format("unmounting: {}", errorText(fromHost(failed))));
         }
     }
+
+    const MountEntry mount;
 };
 
 // One mount. The members are destroyed in reverse: the session before the volume it serves.
