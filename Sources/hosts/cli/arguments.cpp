@@ -19,6 +19,7 @@ void addJSON(CLI::App& command, bool& json) {
 
 void addArgument(CLI::App& command, const std::string& name, std::string& value,
                  const std::string& description) {
+    // Without a type name the help shows the argument's name alone, and not "TEXT" behind it.
     command.add_option(name, value, description)->required()->type_name("");
 }
 
@@ -32,7 +33,8 @@ void addChoice(CLI::App& command, const std::string& name, std::string& value,
 
 void addArgument(CLI::App& command, const std::string& name, std::optional<std::string>& value,
                  const std::string& description) {
-    // The parser would take an empty word for none.
+    // The parser's own conversion to an optional takes an empty word for an absent one. A callback
+    // keeps it: `label IMAGE ""` must fail and not show the label.
     const auto keep = [&value](const std::string& given) { value = given; };
     command.add_option_function<std::string>(name, keep, description)->type_name("");
 }
@@ -57,6 +59,7 @@ void addFlagWith(CLI::App& command, const std::string& other, const std::string&
 
 void addOptionLists(CLI::App& command, std::vector<std::string>& lists,
                     const std::string& description) {
+    // A list takes several words by default, and would swallow IMAGE after "-o ro".
     command.add_option("-o", lists, description)->type_name("OPTIONS")->allow_extra_args(false);
 }
 

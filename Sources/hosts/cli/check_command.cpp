@@ -31,24 +31,27 @@ struct CheckCommand {
     bool repair = false;
 };
 
-/// One line each, so that a program reads them as they come.
+/// Prints one object per line, so that a program can read the findings while the check goes on.
 void printLine(const JSON& value) {
     print(value.dump(-1, ' ', false, JSON::error_handler_t::replace) + "\n");
 }
 
-/// The image as the check reads it.
+/// The image as the check reads it. Members are destroyed from the last to the first, so the device
+/// closes before the lock is released.
 struct CheckedImage {
     std::unique_ptr<ImageFile> lock; ///< keeps other programs from changing it meanwhile
     std::shared_ptr<JournaledDevice> device;
     std::vector<std::string> notes;
 };
 
-/// The volume as it will be once an interrupted flush is carried to its end.
+/// Opens the image with its journal replayed in memory. The check sees the volume that the next
+/// mount will see, and the image keeps every byte.
 CheckedImage openForCheck(const std::string& image) {
     CheckedImage opened;
     try {
         opened.lock = std::make_unique<ImageFile>(image, true);
     } catch (const OpenError& error) {
+        // A mounted image is checked without the lock: its owner may want to know while it serves.
         if (error.reason() != OpenError::Reason::inUse) {
             throw Failure(openFailure(error).what(), ExitStatus::unreadable);
         }
@@ -140,7 +143,7 @@ JSON summaryJSON(const std::string& image, const check::Report& report) {
             {"notes", report.notes}};
 }
 
-/// What the module answers to a check: whether the volume can be loaded.
+/// The module's own check, which asks whether the volume can be loaded. Absent when it can.
 std::optional<std::string> moduleRefusal(const CheckCommand& command, const char* word) {
     std::optional<std::string> refusal;
     try {
@@ -171,6 +174,7 @@ check::Report examine(const CheckCommand& command, BlockDevice& device) {
     std::uint64_t total = 0;
     check::Options options;
     options.deep = command.deep;
+    // The check reports totals, and the bar takes increments.
     options.onProgress = [&](const check::Progress& progress) {
         throwIfInterrupted();
         bar.expect(progress.total - std::exchange(total, progress.total));
@@ -179,6 +183,7 @@ check::Report examine(const CheckCommand& command, BlockDevice& device) {
         return true;
     };
     options.onFinding = [&](const check::Finding& finding) {
+        // Findings share the terminal with the bar.
         bar.clear();
         if (command.json) {
             printLine(asJSON(finding));
@@ -200,6 +205,7 @@ void runCheck(const CheckCommand& command) {
     takeInterruptions();
     CheckedImage opened = openForCheck(image);
     check::Report report = examine(command, *opened.device);
+    // moduleRefusal() opens the image again and needs its lock.
     opened.device.reset();
     opened.lock.reset();
     if (!report.unreadable.empty()) {
@@ -219,8 +225,9 @@ void runCheck(const CheckCommand& command) {
         }
     }
     if (!report.isClean()) {
+        // The findings are printed. The Failure carries only the exit status.
         flushOutput();
-        throw Failure(""); // it has been told
+        throw Failure("");
     }
 }
 

@@ -32,7 +32,8 @@ const Command* findCommand(std::string_view name) {
     return found == table.end() ? nullptr : &*found;
 }
 
-/// Usage lines from the command table, and arguments without the parser's jargon.
+/// Formats the help: usage lines from the command table, and arguments without the types, limits
+/// and environment names that the parser would add.
 class HelpText final : public CLI::Formatter {
   public:
     HelpText() { column_width(26); }
@@ -50,7 +51,7 @@ class HelpText final : public CLI::Formatter {
     std::string make_footer(const CLI::App* app) const override { return app->get_footer() + "\n"; }
 };
 
-/// "Examples:", with the remarks in a column of their own.
+/// The section "Examples:" of a command's help, with the remarks in a column of their own.
 std::string exampleText(const Command& command) {
     constexpr std::string_view kRemark = "  ## ";
     std::vector<std::pair<std::string, std::string>> examples; // what to type, remark
@@ -70,6 +71,7 @@ std::string exampleText(const Command& command) {
     return text;
 }
 
+/// The Levenshtein distance, with one row of the table in memory.
 std::size_t editDistance(std::string_view a, std::string_view b) {
     std::vector<std::size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});
@@ -84,7 +86,8 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
     return row.back();
 }
 
-/// Fails for a first word that is no command; the parser would only call it unexpected.
+/// Throws Failure for a first word that is no command, with the closest command as a hint. The
+/// parser would only call the word unexpected.
 void checkCommand(const std::string& word) {
     if (word.empty() || word.front() == '-' || findCommand(word) != nullptr) {
         return;
@@ -94,6 +97,7 @@ void checkCommand(const std::string& word) {
         *std::min_element(table.begin(), table.end(), [&](const auto& a, const auto& b) {
             return editDistance(a.name, word) < editDistance(b.name, word);
         });
+    // Two changes cover a swapped pair of letters. More would suggest unrelated commands.
     const std::string hint = editDistance(closest.name, word) <= 2
                                  ? fmt::format("did you mean '{}'?", closest.name)
                                  : "'tavelin --help' lists the commands";
@@ -117,12 +121,13 @@ void defineAll(CLI::App& app) {
     }
 }
 
-/// Parses and runs; failures of the command pass through.
+/// Parses and runs. The parser calls the command's work, whose Failure passes through it.
 ExitStatus parseAndRun(CLI::App& app, std::vector<std::string> words) {
     if (words.empty()) {
         throw Failure("say what to do: 'tavelin --help' lists the commands",
                       ExitStatus::wrongUsage);
     }
+    // "tavelin help COMMAND" is "tavelin COMMAND --help".
     if (words.front() == "help") {
         words.erase(words.begin());
         words.emplace_back("--help");
@@ -139,11 +144,13 @@ ExitStatus parseAndRun(CLI::App& app, std::vector<std::string> words) {
         throw Failure(fmt::format("{}; see 'tavelin{} --help'", escaped(error.what()), name),
                       ExitStatus::wrongUsage);
     }
+    // A write error that shows only here must still fail the command.
     flushOutput();
     return ExitStatus::done;
 }
 
-/// Commands say themselves what went wrong; log lines on the terminal would only repeat it.
+/// Keeps log lines off the terminal, where they would repeat the commands' own messages. They still
+/// go to syslog.
 void keepLogOffTerminal() {
     Services own = posixServices();
     own.systemLog = makePosixSystemLog({.terminal = std::nullopt});
@@ -160,6 +167,7 @@ int runCommandLine(int argc, char** argv) {
         keepLogOffTerminal();
         CLI::App app(kAbout, "tavelin");
         defineAll(app);
+        // argc is 0 when the program was started without even its own name.
         const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
         if (!words.empty() && findCommand(words.front()) != nullptr) {
             where = words.front() + ": ";
@@ -167,6 +175,7 @@ int runCommandLine(int argc, char** argv) {
         status = parseAndRun(app, words);
     } catch (const Failure& failure) {
         status = failure.status();
+        // An empty message: the error has been reported already.
         if (*failure.what() != '\0') {
             tell(failure.what());
         }

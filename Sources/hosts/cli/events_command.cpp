@@ -23,10 +23,11 @@ struct EventsCommand {
     std::optional<std::uint64_t> since;
 };
 
-/// How much of the log is shown without --since.
+/// Bytes of the log that are shown without --since: some hundred events.
 constexpr std::int64_t kTailBytes = 65'536;
 
-/// "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …"; lines that are no events as they are.
+/// Formats an event as "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …". A line that is no
+/// event, such as half a line of a full disk, comes back escaped.
 std::string forPeople(const std::string& line) {
     const auto event = nlohmann::json::parse(line, nullptr, false);
     if (!event.is_object()) {
@@ -43,7 +44,8 @@ std::string forPeople(const std::string& line) {
                        painted(escaped(event.value("ev", "?")), Colour::strong), fields);
 }
 
-/// Prints the whole lines of a log that arrives in pieces.
+/// Prints the whole lines of a log that arrives in pieces. A line without its line feed stays in
+/// pending_ until the rest has come.
 class LinePrinter {
   public:
     explicit LinePrinter(bool json) : json_(json) {}
@@ -58,6 +60,7 @@ class LinePrinter {
             any_ = true;
         }
         pending_.erase(0, start);
+        // A reader of a pipe follows the log as well, so lines do not stay in the buffer.
         flushOutput();
     }
     [[nodiscard]] bool any() const noexcept { return any_; }
@@ -74,7 +77,8 @@ void runEvents(const EventsCommand& command) {
         throw Failure("there is no place for an event log: set HOME or TAVELIN_GROUP_CONTAINER");
     }
     LinePrinter printer(command.json);
-    // Watching begins before the first reading, so that nothing is missed between the two.
+    // Watching begins before the first reading. A change between the two is then a notification,
+    // and is not missed.
     std::optional<FileWatch> watch;
     if (command.follow) {
         static_cast<void>(events()); // makes the directory
@@ -86,9 +90,12 @@ void runEvents(const EventsCommand& command) {
         offset = chunk.offset;
         printer.add(chunk.text);
     } else {
+        // The size comes first. An event that is written before the tail is read then shows twice
+        // rather than never.
         offset = static_cast<std::uint64_t>(events().size());
         printer.add(events().tail(kTailBytes));
     }
+    // Ends by a signal, or by the Failure of a closed pipe.
     while (watch) {
         watch->wait();
         EventLog::Chunk chunk = events().read(offset);

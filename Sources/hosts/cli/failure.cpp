@@ -9,6 +9,8 @@
 namespace tavelin::cli {
 namespace {
 
+/// The description of an error. Errors that have a remedy on an NTFS volume have a text of their
+/// own; the others have the system's.
 std::string inWords(std::int32_t number) {
     switch (number) {
     case kENOSPC:
@@ -52,6 +54,8 @@ std::string explain(std::string_view subject, const fskit::Error& error) {
 std::string explainData(std::string_view subject, const fskit::Error& error,
                         const fskit::FSItemAttributes& attributes) {
     const std::int32_t number = numberOf(error);
+    // A device error on such a file is still a device error: only a refusal has its cause in the
+    // data's state.
     const bool isRefusal = number == kENOTSUP || number == kEOPNOTSUPP || number == kEACCES;
     const fskit::FSItemNativeAttributes& native = attributes.native();
     const std::string reason =

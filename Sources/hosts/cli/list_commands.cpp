@@ -17,7 +17,7 @@ namespace {
 using JSON = nlohmann::ordered_json;
 using fskit::FSItemType;
 
-/// UF_HIDDEN of the flags that items carry.
+/// UF_HIDDEN of macOS's <sys/stat.h>, the numbering of the flags that items carry.
 constexpr std::uint32_t kHiddenFlag = 0x8000;
 
 struct ListCommand {
@@ -29,7 +29,7 @@ struct ListCommand {
     bool json = false;
 };
 
-/// Where an item's bytes are, for programs.
+/// The JSON value for the place of an item's bytes. Programs rely on the words.
 std::string_view dataName(fskit::FSItemDataState state) {
     switch (state) {
     case fskit::FSItemDataState::systemCompressed:
@@ -53,7 +53,8 @@ std::string deviceText(std::uint64_t device) {
     return fmt::format("{}, {}", device >> 32, device & 0xffffffff);
 }
 
-/// What the type does not say of an item: "deduplicated". Empty for plain ones, and for links.
+/// The kind of an item that its type does not express, such as "deduplicated". Empty for plain
+/// items, and for links and devices, whose reparse tag is their type.
 std::string_view nativeKind(const fskit::FSItemAttributes& attributes) {
     const fskit::FSItemNativeAttributes& native = attributes.native();
     if (native.dataState == fskit::FSItemDataState::encrypted) {
@@ -93,7 +94,7 @@ JSON asJSON(const std::string& path, const fskit::FSItemAttributes& attributes,
     return result;
 }
 
-/// Prints JSON objects as they come, as one array.
+/// Prints one JSON array, each element as soon as it is known: a listing may be larger than memory.
 class JSONArray {
   public:
     void add(const JSON& value) {
@@ -107,6 +108,7 @@ class JSONArray {
     bool empty_ = true;
 };
 
+/// One run of `ls` over all its paths.
 class Lister {
   public:
     Lister(VolumeClient& volume, const ListCommand& command) : volume_(volume), command_(command) {}
@@ -133,6 +135,7 @@ class Lister {
         }
         first_ = false;
         const auto entries = valueOf(volume_.list(directory, true), path);
+        // An entry whose attributes cannot be read is still listed, with its name and type.
         for (const DirectoryEntry& entry : entries) {
             if (isShown(entry)) {
                 const std::string below = joined(path == "/" ? "" : path, entry.name);
@@ -153,7 +156,7 @@ class Lister {
     void descend(const std::string& path, const ItemRef& directory,
                  const std::vector<DirectoryEntry>& entries) {
         for (const DirectoryEntry& entry : entries) {
-            // A damaged volume may have directories that contain themselves.
+            // A damaged volume may have directories that contain themselves. Each is listed once.
             if (entry.type != FSItemType::directory || !isShown(entry) ||
                 !seen_.insert(entry.itemID).second) {
                 continue;
@@ -192,7 +195,8 @@ class Lister {
         print(line + "\n");
     }
 
-    /// Absent for a target that cannot be read: one damaged link does not spoil a listing.
+    /// The target of a link in a listing. Absent when it cannot be read: one damaged link must not
+    /// end the listing of its directory.
     std::optional<std::string> linkTarget(const ItemRef& directory, const std::string& name,
                                           const fskit::FSItemAttributes& attributes) {
         const auto link = volume_.lookup(directory, name);
@@ -203,6 +207,8 @@ class Lister {
         return text ? std::optional(shownTarget(*text, attributes)) : std::nullopt;
     }
 
+    /// The target of a link that the user named; absent for other items. Throws Failure when it
+    /// cannot be read.
     std::optional<std::string> target(const fskit::FSItemAttributes& attributes,
                                       const ItemRef& item, const std::string& path) {
         if (attributes.type() != FSItemType::symlink) {
@@ -215,7 +221,7 @@ class Lister {
     const ListCommand& command_;
     JSONArray array_;
     std::set<fskit::FSItemID> seen_{fskit::FSItemIDRootDirectory};
-    bool first_ = true;
+    bool first_ = true; ///< no directory listed yet: blank lines stand between two
 };
 
 void runList(const ListCommand& command) {

@@ -19,7 +19,7 @@ struct MountCommand {
     fusehost::MountRequest request;
 };
 
-/// The FUSE host has already said why.
+/// Throws for a non-zero exit code, without a message: the FUSE host has printed the reason.
 void failQuietlyUnless(int exitCode) {
     if (exitCode != 0) {
         throw Failure("", ExitStatus::failed);
@@ -36,7 +36,7 @@ void runMount(MountCommand& command) {
                           ExitStatus::wrongUsage);
         }
     }
-    // The serving process changes its directory.
+    // The serving process changes its working directory, so relative paths are resolved before.
     request.image = std::filesystem::absolute(command.image);
     request.directory = std::filesystem::absolute(command.directory);
     failQuietlyUnless(fusehost::mountVolume(request));
@@ -54,7 +54,7 @@ void defineMount(CLI::App& command) {
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,
             "Serve from this process, until the volume is unmounted");
-    // There is no standard error in the background.
+    // A process in the background has no standard error to print requests on.
     addFlagWith(command, "--foreground", "--trace", arguments->request.trace,
                 "Print every request on standard error, and their counts at the end");
     setWork(command, [arguments] { runMount(*arguments); });

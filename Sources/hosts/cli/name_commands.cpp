@@ -19,7 +19,8 @@ struct NameCommand {
     bool symbolic = false;
 };
 
-/// Where something is to be made; a missing directory above it is said to be missing.
+/// The place of a new item. Throws Failure when the directory above it is missing, and says so: the
+/// error number alone would read as if the item itself were missing.
 Location newPlace(VolumeClient& volume, const std::string& path) {
     auto place = locate(volume, path);
     if (!place) {
@@ -33,7 +34,7 @@ Location newPlace(VolumeClient& volume, const std::string& path) {
 
 // ---- mkdir -------------------------------------------------------------------------------------
 
-/// Makes what is missing of a path, first components first.
+/// Makes the missing directories of a path, from the root downwards. Existing ones are no error.
 void makeWithParents(VolumeClient& volume, const std::string& path) {
     for (std::size_t end = 0; end < path.size();) {
         end = std::min(path.find('/', end + 1), path.size());
@@ -68,7 +69,8 @@ void runMkdir(const NameCommand& command) {
 
 // ---- mv ----------------------------------------------------------------------------------------
 
-/// Whether a directory is below another one, as far as their paths tell.
+/// Whether a path is below a directory, by their texts alone. Only explains an error that the
+/// volume has already answered, so links and ".." need not be resolved.
 bool isBelow(const std::string& path, const std::string& directory) {
     const auto plain = [](const std::string& text) {
         std::string result;
@@ -87,6 +89,8 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
     const Location from = valueOf(locate(volume, source), source);
     const Found moved = valueOf(volume.lookup(from.directory, from.name), source);
 
+    // As mv(1): an existing directory is moved into. A directory that is the source itself is a new
+    // name for it, which allows a change of case.
     Location to;
     auto directory = resolve(volume, target);
     if (directory && directory->attributes.type() == FSItemType::directory &&
@@ -100,7 +104,8 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
         if (there->item == moved.item && to.name == from.name && to.directory == from.directory) {
             throw Failure(escaped(source) + ": is there already");
         }
-        // A change of case replaces nothing.
+        // Lookup ignores case. When it finds the source itself, only the case changes and nothing
+        // is replaced.
         over = there->item == moved.item ? ItemRef() : std::move(there->item);
     }
     const auto renamed =
@@ -115,9 +120,11 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
 }
 
 void runMove(NameCommand& command) {
+    // The parser has made sure of two paths.
     const std::string target = std::move(command.paths.back());
     command.paths.pop_back();
     withVolume(command.volume, Access::change, [&](Session& session) {
+        // Checked before the first move: with a wrong target nothing at all is moved.
         if (command.paths.size() > 1) {
             const Found there = valueOf(resolve(session.volume(), target), target);
             if (there.attributes.type() != FSItemType::directory) {
@@ -146,6 +153,7 @@ void runLink(const NameCommand& command) {
         Location place;
         auto there = resolve(session.volume(), path);
         if (there && there->attributes.type() == FSItemType::directory) {
+            // As ln(1): in a directory the link has its target's last name.
             place = {std::move(there->item), lastComponent(target)};
         } else {
             place = newPlace(session.volume(), path);

@@ -27,6 +27,7 @@ void runCat(const ReadCommand& command) {
             if (found.attributes.type() == fskit::FSItemType::directory) {
                 throw Failure(explain(path, fskit::fs_errorForPOSIXError(kEISDIR)));
             }
+            // A read of 0 bytes is the end of the file.
             std::uint64_t offset = 0;
             while (const std::size_t count = dataOf(
                        session.volume().read(found.item, offset, buffer), path, found.attributes)) {
@@ -34,6 +35,7 @@ void runCat(const ReadCommand& command) {
                 offset += count;
             }
         }
+        // Before the volume is closed: a failed write ends the command as a failure of its work.
         flushOutput();
     });
 }

@@ -1,4 +1,4 @@
-// rm: the one command that takes things away for good.
+// rm: the one command that destroys data. Every doubt is therefore an error.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/text.hpp"
@@ -18,7 +18,8 @@ struct RemoveCommand {
     bool force = false;
 };
 
-/// Directories inside each other; a damaged volume's may be endless.
+/// Levels of directories inside each other. A damaged volume's may be endless, and each level takes
+/// a frame of the stack.
 constexpr int kRemovalDepthMax = 2000;
 
 /// Removes everything in a directory, depth first.
@@ -27,6 +28,8 @@ void empty(VolumeClient& volume, const ItemRef& directory, const std::string& pa
     if (depth > kRemovalDepthMax) {
         throw Failure(escaped(path) + ": too many directories inside each other");
     }
+    // The list is complete before the first removal, because removals move the entries of the
+    // directory's index. Links are removed and never followed.
     for (const DirectoryEntry& entry : valueOf(volume.list(directory, false), path)) {
         const std::string below = joined(path, entry.name);
         const ItemRef item = valueOf(volume.lookup(directory, entry.name), below).item;
@@ -39,6 +42,7 @@ void empty(VolumeClient& volume, const ItemRef& directory, const std::string& pa
 
 void removeOne(VolumeClient& volume, const std::string& path, const RemoveCommand& command) {
     auto place = locate(volume, path);
+    // locate() answers kEINVAL for these paths. Removing the directory they lead to would surprise.
     if (!place && numberOf(place.error()) == kEINVAL) {
         throw Failure(escaped(path) + ": the root directory, or one named by \"..\", is not "
                                       "removed: name what is in it");

@@ -13,9 +13,11 @@
 namespace tavelin::cli {
 namespace {
 
+// Set by the signal handler, which may touch nothing but lock-free atomics. Never cleared.
 std::atomic<bool> interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
+/// The option words that the module parses, as a mount command passes them.
 ModuleHost::Options optionWords(const VolumeArguments& arguments, Access access) {
     ModuleHost::Options words;
     if (arguments.readOnly || access == Access::read) {
@@ -27,8 +29,10 @@ ModuleHost::Options optionWords(const VolumeArguments& arguments, Access access)
     return words;
 }
 
+/// The remedy for an image that cannot be opened.
 const char* advice(const OpenError& error) {
-    if (error.code() == kENOSPC) { // the volume goes on where the image ends
+    // kENOSPC: the boot sector describes a volume that is larger than the image.
+    if (error.code() == kENOSPC) {
         return "the image was cut off: get a complete copy";
     }
     switch (error.reason()) {
@@ -58,7 +62,8 @@ std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, Access acce
     }
 }
 
-/// Why nothing can be changed on a volume that is open for reading only.
+/// The reason why a volume is open for reading only, and the remedy. The user's own choice comes
+/// first, as it hides the other reasons.
 std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
     if (Driver2::MountOptions(optionWords(arguments, Access::change)).readOnly) {
         return "it is open for reading only as you asked: leave out --read-only and -o ro";
@@ -82,10 +87,14 @@ std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
 void takeInterruptions() {
     struct sigaction action {};
     action.sa_handler = [](int) { interrupted = true; };
+    // SA_RESETHAND restores the default action, so a second signal ends a process that hangs. No
+    // SA_RESTART: a read that waits for a pipe must end with EINTR to see the flag.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         sigaction(signal, &action, nullptr); // cannot fail for these
     }
+    // A closed pipe would otherwise end the process in the middle of a change. Writing to it fails
+    // with EPIPE instead.
     action.sa_handler = SIG_IGN;
     action.sa_flags = 0;
     sigaction(SIGPIPE, &action, nullptr);
@@ -107,6 +116,7 @@ void Session::warnIfCutOff() {
 }
 
 Session::Session(const VolumeArguments& arguments, Access access) : image_(arguments.image) {
+    // Before opening, which may already replay the journal.
     if (access == Access::change) {
         takeInterruptions();
     }

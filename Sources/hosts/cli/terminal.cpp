@@ -20,6 +20,7 @@ constexpr std::size_t kDefaultColumns = 80;
 
 std::size_t terminalColumns() {
     winsize size{};
+    // Asked for each line, because the user may resize the window. Serial terminals answer 0.
     if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
         return kDefaultColumns;
     }
@@ -33,12 +34,13 @@ bool wantsColour() {
     return wanted;
 }
 
-/// To standard error; nothing is left to tell when that cannot be written.
+/// Writes to standard error. Errors are dropped: no other place is left to report them.
 void tellOrNot(const std::string& text) {
     static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr));
     static_cast<void>(std::fflush(stderr));
 }
 
+/// Throws for errno, so nothing may come between the failed call and this one.
 [[noreturn]] void throwOutputFailure() {
     throw Failure(explainHost("standard output", errno));
 }
@@ -58,6 +60,7 @@ std::string painted(std::string_view text, Colour colour) {
     if (!wantsColour() || colour == Colour::plain) {
         return std::string(text);
     }
+    // SGR parameters: 1 bold, 34 blue, 36 cyan, 2 faint.
     const char* const code = colour == Colour::strong      ? "1"
                              : colour == Colour::directory ? "1;34"
                              : colour == Colour::link      ? "36"
@@ -78,7 +81,9 @@ void flushOutput() {
 }
 
 void complain(std::string_view message) {
-    static_cast<void>(std::fflush(stdout)); // in the order of events; its failure is told elsewhere
+    // Keeps the two streams in the order of events. A failure is not reported here
+    // but by print() and flushOutput().
+    static_cast<void>(std::fflush(stdout));
     tellOrNot(fmt::format("tavelin: {}\n", message));
 }
 
@@ -100,6 +105,7 @@ void ProgressBar::advance(std::uint64_t bytes) {
 
 void ProgressBar::clear() {
     if (drawn_) {
+        // Carriage return, then ECMA-48 EL: erase to the end of the line.
         tellOrNot("\r\x1b[K");
         drawn_ = false;
     }
@@ -112,6 +118,7 @@ void ProgressBar::draw() {
         return;
     }
     last_ = now;
+    // A file that grows while it is copied takes the work past the total.
     const double part =
         total_ == 0 ? 0 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
     const double seconds = std::chrono::duration<double>(now - start_).count();
@@ -123,6 +130,7 @@ void ProgressBar::draw() {
     }
     line = fmt::format("[{}] {:3.0f} %  {:>9}  {:>9}/s  ", line, part * 100, humanSize(done_),
                        humanSize(speed));
+    // The name is cut to the rest of the line. A wrapped line could not be erased again.
     const std::size_t room = terminalColumns() > line.size() ? terminalColumns() - line.size() : 0;
     tellOrNot(fmt::format("\r{}{}\x1b[K", line, firstCharacters(name_, room)));
     drawn_ = true;

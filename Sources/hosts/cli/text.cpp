@@ -9,10 +9,10 @@
 namespace tavelin::cli {
 namespace {
 
-/// One character of UTF-8, or one byte of what is not.
+/// One character of UTF-8, or one byte that is not part of one.
 struct Character {
-    std::string_view bytes;
-    std::optional<char32_t> code;
+    std::string_view bytes;       ///< never empty
+    std::optional<char32_t> code; ///< absent for an invalid byte
 };
 
 Character firstCharacter(std::string_view text) {
@@ -33,6 +33,7 @@ Character firstCharacter(std::string_view text) {
         }
         code = (code << 6) | (next & 0x3Fu);
     }
+    // Leads 0xC0 and 0xC1, the overlong forms of ASCII, are excluded above.
     const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
     if (overlong || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) {
         return {text.substr(0, 1), std::nullopt};
@@ -40,6 +41,8 @@ Character firstCharacter(std::string_view text) {
     return {text.substr(0, length), code};
 }
 
+/// Whether a character neither drives a terminal nor changes the reading of the line around it:
+/// C0 and C1 controls, line and paragraph separators, and bidirectional controls do.
 bool isHarmless(char32_t code) {
     const bool control = code < 0x20 || (code >= 0x7F && code < 0xA0);
     const bool separator = code == 0x2028 || code == 0x2029;
@@ -48,6 +51,7 @@ bool isHarmless(char32_t code) {
     return !control && !separator && !direction;
 }
 
+/// The escaped form of a character that is not harmless, byte by byte.
 std::string inEscapes(std::string_view bytes) {
     if (bytes == "\n") {
         return "\\n";
@@ -73,6 +77,8 @@ std::tm brokenDown(std::time_t seconds, bool local) {
 
 } // namespace
 
+// A backslash is doubled only in a text that gets escapes. Most names with backslashes need none
+// and stay readable; in the others no backslash of the name can pass for one of an escape.
 std::string escaped(std::string_view text) {
     std::string result;
     bool changed = false;
@@ -98,6 +104,7 @@ std::string humanSize(std::uint64_t bytes) {
     static constexpr std::array kUnits{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     double value = static_cast<double>(bytes) / 1024;
     std::size_t unit = 0;
+    // 1023.95 and above would be rounded to "1024.0".
     while (value >= 1023.95 && unit + 1 < kUnits.size()) {
         value /= 1024;
         ++unit;
@@ -118,8 +125,10 @@ std::string isoTime(const std::timespec& time) {
 }
 
 std::string modeText(fskit::FSItemType type, std::uint32_t mode) {
-    static constexpr std::string_view kLetters = "--dlpcbs"; // in the order of the types
+    // One letter for each type, at the number of the type.
+    static constexpr std::string_view kLetters = "--dlpcbs";
     std::string text(1, kLetters.at(static_cast<std::size_t>(type)));
+    // From the owner's read bit down to the others' execute bit.
     for (unsigned bit = 9; bit-- > 0;) {
         text += ((mode >> bit) & 1u) != 0 ? "xwr"[bit % 3] : '-';
     }
@@ -149,6 +158,7 @@ std::string shownTarget(const std::string& target, const fskit::FSItemAttributes
     if (!attributes.native().volumeLink) {
         return target;
     }
+    // The relative form goes up to the root and then down, so all of its ".." stand in front.
     std::string_view rest = target;
     while (rest.starts_with("../")) {
         rest.remove_prefix(3);

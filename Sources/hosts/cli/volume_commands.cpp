@@ -29,10 +29,12 @@ void printJSON(const JSON& value) {
     print(value.dump(2, ' ', false, JSON::error_handler_t::replace) + "\n");
 }
 
+/// Sixteen hexadecimal digits, as the boot sector's 64-bit number is commonly written.
 std::string serialText(std::uint64_t serial) {
     return fmt::format("{:016X}", serial);
 }
 
+/// The form of RFC 4122: 8-4-4-4-12 hexadecimal digits.
 std::string text(const std::array<std::uint8_t, 16>& uuid) {
     std::string result;
     for (std::size_t i = 0; i < uuid.size(); ++i) {
@@ -42,7 +44,7 @@ std::string text(const std::array<std::uint8_t, 16>& uuid) {
     return result;
 }
 
-/// Only probes, so that it also answers for volumes that cannot be mounted.
+/// Probes without loading, so that it also recognises volumes that cannot be mounted.
 void runProbe(const VolumeCommand& command) {
     std::unique_ptr<ModuleHost> host;
     try {
@@ -63,6 +65,7 @@ void runProbe(const VolumeCommand& command) {
         }
         printJSON(result);
     }
+    // The JSON is printed before the failure: a program gets the answer and the exit status.
     if (!usable) {
         throw openFailure(
             {OpenError::Reason::notNTFS, kEINVAL, command.volume.image, "not an NTFS volume"});
@@ -74,6 +77,7 @@ void runProbe(const VolumeCommand& command) {
                       shown(name), identifier));
 }
 
+/// Names and values in the order of the output.
 using Counters = std::vector<std::pair<const char*, std::uint64_t>>;
 
 Counters counters(const NTFSIOStats& io) {
@@ -107,7 +111,8 @@ void printInfo(const VolumeFacts& facts, const fskit::FSStatFSResult& space,
 void runInfo(const VolumeCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         const fskit::FSStatFSResult space = session.volume().statistics();
-        const VolumeFacts facts = session.facts(); // after the work that it counts
+        // Copies the counters, so it comes after the request that they are to include.
+        const VolumeFacts facts = session.facts();
         const Counters statistics = command.statistics ? counters(facts.io) : Counters{};
         if (!command.json) {
             printInfo(facts, space, statistics);
@@ -134,7 +139,7 @@ void runLabel(const VolumeCommand& command) {
     const bool change = command.newLabel.has_value();
     withVolume(command.volume, change ? Access::change : Access::read, [&](Session& session) {
         if (change) {
-            // The volume's name cannot be empty; answered here with what can be done.
+            // The volume refuses an empty name without a remedy, so it is answered here.
             if (command.newLabel->empty()) {
                 throw Failure("a label cannot be empty: name one", ExitStatus::wrongUsage);
             }

@@ -26,7 +26,8 @@ struct XattrCommand {
     bool json = false;
 };
 
-/// What a volume takes as one stream at most.
+/// The largest value that is read from standard input. The whole value is in memory until it is
+/// written, so an endless pipe must stop somewhere.
 constexpr std::size_t kXattrBytesMax = 64 << 20;
 
 std::string standardInput() {
@@ -40,6 +41,7 @@ std::string standardInput() {
         if (count < 0 && errno != EINTR) {
             throw Failure(explainHost("standard input", errno));
         }
+        // EINTR brings a signal here; its count of -1 appends nothing.
         throwIfInterrupted();
         value.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
         if (value.size() > kXattrBytesMax) {
@@ -55,6 +57,7 @@ void list(VolumeClient& volume, const ItemRef& item, const XattrCommand& command
             print(shown(name) + "\n");
             continue;
         }
+        // Only programs get the size, which costs reading the stream.
         const auto value = valueOf(volume.getXattr(item, name), name);
         result.push_back({{"name", name}, {"size", value.size()}});
     }
@@ -75,6 +78,8 @@ void set(VolumeClient& volume, const ItemRef& item, const XattrCommand& command)
 
 void runXattr(const XattrCommand& command) {
     const bool changes = command.action == "set" || command.action == "rm";
+    // The parser knows NAME only as optional, because "list" has none. Checked before the image is
+    // opened.
     if (command.action != "list" && command.name.value_or("").empty()) {
         throw Failure(fmt::format("'{}' needs the NAME of a stream; see 'tavelin xattr --help'",
                                   command.action),

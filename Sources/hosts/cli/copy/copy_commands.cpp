@@ -27,6 +27,7 @@ struct CopyCommand {
     bool json = false;
 };
 
+/// The settings of a run. Throws Failure when the image has no status, which it had at opening.
 CopySettings settings(const CopyCommand& command) {
     CopySettings result;
     result.streams = !command.noStreams;
@@ -42,7 +43,7 @@ struct FromTo {
     std::string target;
 };
 
-/// The last of several paths says where to.
+/// Splits the paths: the last of several is the target, and a single one goes to the usual target.
 FromTo apart(std::vector<std::string> paths, const std::string& usualTarget) {
     if (paths.size() == 1) {
         return {std::move(paths), usualTarget};
@@ -83,6 +84,8 @@ Descriptor openDirectory(const std::string& path) {
     return directory;
 }
 
+/// Opens the target on the host, as cp(1) takes it: an existing directory is copied into, and any
+/// other name is the new name of a single item.
 HostPlace hostPlace(const std::string& target, bool several) {
     if (std::filesystem::is_directory(target)) {
         return {openDirectory(target), {}};
@@ -100,6 +103,7 @@ void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
     const Found found = valueOf(resolve(volume, path, LastLink::keep), path);
     std::string name = place.name.empty() ? lastComponent(path) : place.name;
     const bool isRoot = found.item == volume.root();
+    // The root has no name that its copy could have.
     if (isRoot && place.name.empty()) {
         getter.getContents(found.item, path, place.directory.get());
         return;
@@ -108,6 +112,7 @@ void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
 }
 
 void runGet(const CopyCommand& command) {
+    // Reading alone would not ask for this, but half-written files on the host must be removed.
     takeInterruptions();
     withVolume(command.volume, Access::read, [&](Session& session) {
         const FromTo paths = apart(command.paths, ".");
@@ -152,7 +157,8 @@ VolumePlace volumePlace(VolumeClient& volume, const std::string& target, bool se
     return {std::move(place->directory), std::move(place->name)};
 }
 
-/// What is to be copied, for the progress bar; what cannot be read counts as nothing here.
+/// Bytes to be copied from a path, for the progress bar. Unreadable items count as 0; copying them
+/// reports the error.
 std::uint64_t bytesBelow(const std::string& source) {
     namespace fs = std::filesystem;
     std::error_code ignored;
@@ -182,6 +188,7 @@ void putOne(TreePutter& putter, const std::string& source, const VolumePlace& pl
         return;
     }
     const std::string last = lastComponent(source);
+    // These paths have no name of their own, so the entries of the directory are copied.
     const bool contents = last.empty() || last == "." || last == "..";
     if (contents && place.name.empty()) {
         putter.putContents({AT_FDCWD, source, source}, place.directory);
@@ -192,7 +199,8 @@ void putOne(TreePutter& putter, const std::string& source, const VolumePlace& pl
 
 void runPut(const CopyCommand& command) {
     const FromTo paths = apart(command.paths, "/");
-    for (const std::string& source : paths.sources) { // before the image is even opened
+    // Before the image is opened, so that a mistyped source changes nothing.
+    for (const std::string& source : paths.sources) {
         struct ::stat status {};
         if (source != "-" && lstat(source.c_str(), &status) != 0) {
             throw Failure(explainHost(source, errno));

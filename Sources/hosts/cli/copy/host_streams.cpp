@@ -34,8 +34,8 @@ int setAttribute(int file, const char* name, const void* value, std::size_t size
 }
 #endif
 
-/// Calls a function that answers a size, with a buffer that is large enough even if what it reads
-/// grows meanwhile.
+/// Calls `call(buffer, size)` with a buffer of the size that it asks for. Asks again on ERANGE,
+/// which means that the value has grown between the two calls.
 template<typename Call>
 std::vector<char> sized(const Call& call, const std::string& path) {
     std::vector<char> buffer;
@@ -62,6 +62,7 @@ std::vector<char> sized(const Call& call, const std::string& path) {
 } // namespace
 
 std::vector<HostStream> readHostStreams(int descriptor, const std::string& path) {
+    // A file system without attributes has no streams to copy, which is no error.
     if (listAttributes(descriptor, nullptr, 0) < 0 && errno == ENOTSUP) {
         return {};
     }
@@ -69,6 +70,8 @@ std::vector<HostStream> readHostStreams(int descriptor, const std::string& path)
         [&](char* buffer, std::size_t size) { return listAttributes(descriptor, buffer, size); },
         path);
     std::vector<HostStream> streams;
+    // The list is a sequence of names, each with a null byte at its end. Names of other namespaces
+    // (security, system, trusted) belong to the host.
     for (std::string_view rest(list.data(), list.size()); !rest.empty();) {
         const std::string name(rest.substr(0, rest.find('\0')));
         rest.remove_prefix(std::min(rest.size(), name.size() + 1));

@@ -11,7 +11,7 @@
 namespace tavelin::cli {
 namespace {
 
-/// Whether an error is about the whole volume or device, so that going on is useless.
+/// Whether an error concerns the whole volume, device or process: every further item would meet it.
 bool endsEverything(std::int32_t number) {
     switch (number) {
     case kENOSPC:
@@ -36,6 +36,7 @@ void CopyRun::tell(const std::string& text) {
 }
 
 void CopyRun::problem(const std::string& text) {
+    // The first one waits for a second: a single problem is the command's only message.
     if (++problems_ == 1) {
         first_ = text;
         return;
@@ -54,6 +55,7 @@ void CopyRun::end() {
     }
     bar.clear();
     if (problems_ == 1) {
+        // Nothing else was copied when the one item of the run is the problem.
         const bool alone = report.files + report.directories + report.links == 0;
         throw Failure(first_ + (alone ? "" : "; everything else was copied"));
     }
@@ -76,6 +78,7 @@ void throwVolumeError(std::string_view path, const fskit::Error& error,
 }
 
 void throwHostError(std::string_view path) {
+    // Saved first, because building the text may change errno.
     const int error = errno;
     const std::string text = explainHost(path, error);
     if (endsEverything(fromHost(error))) {

@@ -17,7 +17,8 @@ namespace {
 
 using fskit::FSItemType;
 
-/// Whether a name means an entry of the directory it is used in, and nothing else.
+/// Whether a name is one entry of its directory. A damaged or hostile volume may have names that
+/// lead out of the target; the host would cut a name at a null byte.
 bool staysInside(std::string_view name) {
     return !name.empty() && name != "." && name != ".." &&
            name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
@@ -53,6 +54,7 @@ void TreeGetter::getItem(const Found& found, const std::string& path, int direct
     if (!staysInside(name)) {
         throw ItemFailure(escaped(path) + ": left out, its name would lead out of the target");
     }
+    // Follows links, so that a link to the image is not replaced either.
     struct ::stat there {};
     if (fstatat(directory, name.c_str(), &there, 0) == 0 && run_.isImage(there)) {
         throw ItemFailure(escaped(path) + ": left out, it would replace the image itself");
@@ -71,6 +73,7 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
                          const std::string& name) {
     run_.bar.begin(path);
     const std::string partial = run_.partialName();
+    // O_EXCL never opens an existing file, whoever made it.
     Descriptor file(openat(directory, partial.c_str(),
                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!file) {
@@ -79,6 +82,8 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
     orTakeAway(directory, partial, [&] {
         readContents(found, path, file.get());
         getStreams(found.item, path, file.get());
+        // Times come after the writes, which change them. Closing may report a failed write, so it
+        // comes before the rename.
         if (futimens(file.get(), times(found.attributes).data()) != 0 || !file.close()) {
             throwHostError(path);
         }
@@ -106,6 +111,8 @@ void TreeGetter::getLink(const Found& found, const std::string& path, int direct
 
 void TreeGetter::getDirectory(const Found& found, const std::string& path, int directory,
                               const std::string& name) {
+    // An existing directory is merged. O_NOFOLLOW below refuses an existing link to one, which
+    // might lead out of the target.
     if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) {
         throwHostError(path);
     }
@@ -119,6 +126,7 @@ void TreeGetter::getDirectory(const Found& found, const std::string& path, int d
         throwHostError(path);
     }
     ++run_.report.directories;
+    // Times come last: every entry that is made changes the directory's.
     getEntries(found.item, path, made.get());
     getStreams(found.item, path, made.get());
     if (futimens(made.get(), times(found.attributes).data()) != 0) {
@@ -138,6 +146,7 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
             run_.bar.expect(entry.attributes->size());
         }
     }
+    // get() catches ItemFailure, so the depth is restored unless the whole run ends.
     ++depth_;
     for (const DirectoryEntry& entry : entries) {
         const std::string below = joined(path == "/" ? "" : path, entry.name);
@@ -205,6 +214,7 @@ void TreeGetter::orTakeAway(int directory, const std::string& partial,
             run_.problem("a half-written file could not be removed again: " +
                          explainHost(partial, errno));
         }
+        // The error of the work is the one to report.
         throw;
     }
 }

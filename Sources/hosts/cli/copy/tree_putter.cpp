@@ -38,14 +38,17 @@ struct ::stat statusOf(int descriptor, const std::string& path) {
 
 /// The names in a directory, sorted, so that the same tree always makes the same volume.
 std::vector<std::string> namesIn(const Descriptor& directory, const std::string& path) {
-    // Reading takes a descriptor of its own, which closedir() closes.
+    // closedir() closes its descriptor and the stream moves its offset, so the stream gets one of
+    // its own. A duplicate would share the offset.
     const int reading = openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(reading < 0 ? nullptr : fdopendir(reading),
                                                      closedir);
     if (!stream) {
+        // fdopendir() failed and left the descriptor to us, or there is none.
         const Descriptor unused(reading);
         throwHostError(path);
     }
+    // readdir() answers null both at the end and on an error; only errno tells them apart.
     std::vector<std::string> names;
     errno = 0;
     while (const dirent* const entry = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe)
@@ -76,6 +79,7 @@ void TreePutter::put(const Source& source, const ItemRef& volumeDirectory,
 
 void TreePutter::putItem(const Source& source, const ItemRef& volumeDirectory,
                          const std::string& name) {
+    // NTFS names are UTF-16, and bytes that are not UTF-8 have no form in it.
     if (!isUTF8(name)) {
         throw ItemFailure(escaped(source.path) + ": the name is not UTF-8: rename it first");
     }
@@ -99,6 +103,8 @@ void TreePutter::putItem(const Source& source, const ItemRef& volumeDirectory,
 
 void TreePutter::putFile(const Source& source, const ItemRef& volumeDirectory,
                          const std::string& name) {
+    // The item may have been replaced since its status was read. O_NONBLOCK keeps a pipe in its
+    // place from blocking the open, O_NOCTTY a terminal from becoming ours.
     const Descriptor file = openSource(source, O_NONBLOCK | O_NOCTTY);
     const struct ::stat status = statusOf(file.get(), source.path);
     run_.bar.begin(source.path);
@@ -122,7 +128,8 @@ void TreePutter::putStream(int descriptor, const ItemRef& volumeDirectory,
 
 void TreePutter::putLink(const Source& source, const struct ::stat& status,
                          const ItemRef& volumeDirectory, const std::string& name) {
-    // A link may have grown since, but no target is longer than a path may be.
+    // The link may have been replaced by a longer one since its status was read. 4097 holds every
+    // path that Linux allows.
     std::string target(std::max<std::size_t>(static_cast<std::size_t>(status.st_size) + 1, 4097),
                        '\0');
     const ssize_t length =
@@ -142,6 +149,7 @@ void TreePutter::putDirectory(const Source& source, const ItemRef& volumeDirecto
     const Descriptor directory = openSource(source, O_DIRECTORY);
     const ItemRef target = targetDirectory(volumeDirectory, name, source.path);
     ++run_.report.directories;
+    // Times come last: every entry that is made changes the directory's.
     putEntries(directory, source, target);
     putStreams(directory.get(), target, source.path);
     setTimes(statusOf(directory.get(), source.path), target, source.path);
@@ -161,6 +169,7 @@ void TreePutter::putEntries(const Descriptor& directory, const Source& source,
     if (depth_ >= kTreeDepthMax) {
         throw ItemFailure(escaped(source.path) + ": too many directories inside each other");
     }
+    // put() catches ItemFailure, so the depth is restored unless the whole run ends.
     ++depth_;
     for (const std::string& entry : namesIn(directory, source.path)) {
         put({directory.get(), entry, joined(source.path, entry)}, volumeDirectory, entry);
@@ -189,7 +198,8 @@ void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::s
     std::uint64_t offset = 0;
     for (;;) {
         throwIfInterrupted();
-        // Pipes give less than asked; the volume gets full pieces anyway.
+        // A pipe delivers less than asked. The buffer is filled first, so that the volume gets few
+        // large writes.
         std::size_t filled = 0;
         while (filled < buffer_.size()) {
             const ssize_t count =
@@ -219,6 +229,7 @@ void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::s
         }
         run_.report.bytes += filled;
         run_.bar.advance(filled);
+        // Only the end of the input leaves the buffer partly empty.
         if (filled < buffer_.size()) {
             return;
         }
@@ -268,7 +279,9 @@ void TreePutter::install(Outcome<Found> made, const std::string& partial,
 void TreePutter::giveName(const ItemRef& item, const std::string& partial,
                           const ItemRef& volumeDirectory, const std::string& name,
                           const std::string& path) {
-    throwIfInterrupted(); // the end of a pipe may only mean that its writer was
+    // A signal to the whole pipeline also ends the writer of a pipe. The end of the input then does
+    // not mean that the file is complete.
+    throwIfInterrupted();
     auto there = volume_.lookup(volumeDirectory, name);
     ItemRef over;
     if (there) {
