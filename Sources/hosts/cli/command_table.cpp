@@ -5,6 +5,7 @@
 namespace tavelin::cli {
 namespace {
 
+// The groups. The help lists them in the order of their first command.
 constexpr std::string_view kLook = "Look at a volume";
 constexpr std::string_view kCopy = "Copy in and out";
 constexpr std::string_view kChange = "Change a volume";
@@ -96,6 +97,31 @@ constexpr std::array kCommands{
             "events --follow --json  ## new events as they come, one JSON object a line",
             defineEvents},
 };
+
+// A name finds its command by a linear search, which would never reach a second row of that name.
+constexpr bool areNamesUnique() {
+    for (std::size_t i = 0; i < kCommands.size(); ++i) {
+        for (std::size_t j = 0; j < i; ++j) {
+            if (kCommands[i].name == kCommands[j].name) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(areNamesUnique());
+
+// Every row has all its texts but examples, and a definition.
+constexpr bool areRowsComplete() {
+    for (const Command& row : kCommands) {
+        if (row.name.empty() || row.group.empty() || row.summary.empty() || row.synopsis.empty() ||
+            row.define == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(areRowsComplete());
 
 } // namespace
 
