@@ -79,7 +79,7 @@ Answer System::apply(const Operation& op) {
             fskit::FSItemSetAttributesRequest attributes;
             attributes.setSize(static_cast<std::uint64_t>(op.other));
             attributes.setFlags(op.number != 0 ? kHidden : 0);
-            volume().create(walk(directory), name, fskit::FSItemType::file, attributes).get().item;
+            volume().create(walk(directory), name, fskit::FSItemType::file, attributes).get();
             return {};
         }
         case Verb::mkdir:
