@@ -13,10 +13,10 @@ int32_t reopen(ntb_vol* vol) noexcept {
     old->dev->d_ops = &ntb_discarding_ops;
     vol->volume = nullptr;
     const int32_t error = open_library_volume(*vol, &vol->free_before);
-    vol->is_stale = error != 0;
-    if (error != 0) {
+    vol->is_stale = error != 0 || vol->volume == nullptr;
+    if (vol->is_stale) {
         vol->volume = old;
-        return error;
+        return error != 0 ? error : EIO;
     }
     // What was written before the operation still awaits its sync.
     NDevSetDirty(vol->volume->dev);

@@ -22,7 +22,7 @@ bool is_sound(std::span<const uint8_t> bytes) noexcept {
     if (!is_resident && bytes.size() < non_resident_header) {
         return false;
     }
-    const uint64_t name = from[0x09] * 2u;
+    const uint64_t name = uint64_t{2} * from[0x09];
     if (name != 0 && !is_inside(u16_at(from, 0x0a), name, bytes.size())) {
         return false;
     }
