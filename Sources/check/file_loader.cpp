@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <compare>
 
 namespace tavelin::check {
 namespace {
@@ -98,7 +99,7 @@ class Assembler {
             return false;
         }
         const std::uint64_t length = ntb::u16_at(rest.data(), 4);
-        const std::uint64_t nameLength = rest[6] * 2u;
+        const std::uint64_t nameLength = std::uint64_t{2} * rest[6];
         const std::uint64_t nameOffset = rest[7];
         if (length < kListEntryHeader || length > rest.size() ||
             (nameLength != 0 && nameOffset + nameLength > length)) {
@@ -270,7 +271,7 @@ class Assembler {
             const auto order =
                 std::lexicographical_compare_three_way(a.view.name().begin(), a.view.name().end(),
                                                        b.view.name().begin(), b.view.name().end());
-            return order != 0 ? order < 0 : lowestVcn(a.view) < lowestVcn(b.view);
+            return std::is_neq(order) ? std::is_lt(order) : lowestVcn(a.view) < lowestVcn(b.view);
         });
         for (const Piece& piece : pieces_) {
             if (lowestVcn(piece.view) != 0) {

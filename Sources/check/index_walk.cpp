@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <compare>
 #include <cstring>
 #include <utility>
 
@@ -21,7 +22,7 @@ constexpr std::uint16_t kIsLast = 2;
 constexpr std::size_t kDepthMax = 32; // blocks; a tree of 10^9 names has fewer than ten
 
 int sign(std::strong_ordering order) noexcept {
-    return order < 0 ? -1 : order > 0 ? 1 : 0;
+    return std::is_lt(order) ? -1 : std::is_gt(order) ? 1 : 0;
 }
 
 int compareNames(RawName a, RawName b, const std::vector<std::uint16_t>& upcase) noexcept {
