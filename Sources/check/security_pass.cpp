@@ -121,7 +121,7 @@ class SecurityPass {
                 add(securityCopy, "the same in both copies", fmt::format("id {:#x}", entry.id));
             }
             descriptors_.push_back(entry);
-            at += (entry.length + 15) / 16 * 16;
+            at += (std::uint64_t{entry.length} + 15) / 16 * 16;
         }
     }
 

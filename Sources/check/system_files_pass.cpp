@@ -273,8 +273,9 @@ std::string faultOf(Volume& volume, const File& file, const std::vector<std::uin
     for (std::uint16_t unit = 0; unit < 0x80; ++unit) {
         const std::uint16_t upper =
             unit >= 'a' && unit <= 'z' ? static_cast<std::uint16_t>(unit - 32) : unit;
-        if (ntb::u16_at(bytes.data(), unit * 2u) != upper) {
-            return fmt::format("{:#x} for {:#x}", ntb::u16_at(bytes.data(), unit * 2u), unit);
+        if (ntb::u16_at(bytes.data(), std::uint64_t{2} * unit) != upper) {
+            return fmt::format("{:#x} for {:#x}",
+                               ntb::u16_at(bytes.data(), std::uint64_t{2} * unit), unit);
         }
     }
     const Attribute* const own = file.find(ntb::at_data, "$Info");
