@@ -72,7 +72,7 @@ std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
         return "it is write-protected, or you may not write to it: change its permissions or use "
                "sudo";
     }
-    if (const std::string refusal = host.refusalToWrite(); !refusal.empty()) {
+    if (std::string refusal = host.refusalToWrite(); !refusal.empty()) {
         return refusal;
     }
     if (host.fellBackToReadOnly()) {
