@@ -5,29 +5,11 @@
 #include "platform/disk_file.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace tavelin {
-
-namespace {
-
-/// Most bytes asked of one system call: macOS refuses requests of 2 GiB and more.
-constexpr std::uint64_t kTransferBytesMax = 1ull << 30;
-
-/// The result of a system call that is repeated for as long as a signal interrupts it.
-template<typename Call>
-auto uninterrupted(Call call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
-    return result;
-}
-
-} // namespace
 
 FileBlockDevice::FileBlockDevice(const std::string& path, std::uint32_t blockSize, bool readOnly,
                                  bool noCache)
@@ -36,23 +18,18 @@ FileBlockDevice::FileBlockDevice(const std::string& path, std::uint32_t blockSiz
         fatal("a file block device was made with a block size of 0");
     }
     const int access = readOnly ? O_RDONLY : O_RDWR;
-    fd_ = uninterrupted([&] { return open(path.c_str(), access | O_CLOEXEC); });
-    if (fd_ < 0) {
+    file_ = FileDescriptor(path.c_str(), access);
+    if (!file_) {
         throw NTFSError(fromHost(errno));
     }
     if (noCache_) {
-        bypassHostCache(fd_);
+        bypassHostCache(fd());
     }
     std::uint64_t bytes = 0;
-    if (const int error = diskFileSize(fd_, bytes); error != 0) {
-        close(fd_);
+    if (const int error = diskFileSize(fd(), bytes); error != 0) {
         throw NTFSError(fromHost(error));
     }
     size_ = bytes / blockSize * blockSize;
-}
-
-FileBlockDevice::~FileBlockDevice() {
-    close(fd_); // what a close could report, sync() has reported
 }
 
 bool FileBlockDevice::aligned(std::uint64_t offset, std::uint64_t length) noexcept {
@@ -68,21 +45,15 @@ std::int32_t FileBlockDevice::read(std::byte* destination, std::uint64_t offset,
     if (!aligned(offset, length)) {
         return EINVAL;
     }
-    for (std::uint64_t done = 0; done < length;) {
-        const auto count = uninterrupted([&] {
-            return pread(fd_, destination + done, std::min(length - done, kTransferBytesMax),
-                         static_cast<off_t>(offset + done));
-        });
-        if (count < 0) {
-            return errno;
-        }
-        if (count == 0) {
-            return EIO; // the device ends before the request does
-        }
-        done += static_cast<std::uint64_t>(count);
+    const FileDescriptor::Transferred done = file_.readAt(destination, length, offset);
+    if (done.error != 0) {
+        return done.error;
+    }
+    if (done.bytes < length) {
+        return EIO; // the device ends before the request does
     }
     if (noCache_ && length > 0) {
-        forgetHostCache(fd_, offset, length);
+        forgetHostCache(fd(), offset, length);
     }
     return 0;
 }
@@ -93,25 +64,15 @@ std::int32_t FileBlockDevice::write(const std::byte* source, std::uint64_t offse
         return EINVAL;
     }
     // No end-of-device test: the bridge never writes past the size it was given.
-    for (std::uint64_t done = 0; done < length;) {
-        const auto count = uninterrupted([&] {
-            return pwrite(fd_, source + done, std::min(length - done, kTransferBytesMax),
-                          static_cast<off_t>(offset + done));
-        });
-        if (count < 0) {
-            return errno;
-        }
-        done += static_cast<std::uint64_t>(count);
-    }
-    return 0;
+    return file_.writeAt(source, length, offset).error;
 }
 
 std::int32_t FileBlockDevice::sync() noexcept {
-    if (uninterrupted([&] { return fsync(fd_); }) != 0) {
+    if (uninterrupted([&] { return fsync(fd()); }) != 0) {
         return errno;
     }
     if (noCache_) {
-        forgetHostCache(fd_, 0, 0); // what was written is clean only now
+        forgetHostCache(fd(), 0, 0); // what was written is clean only now
     }
     return 0;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/block_device.hpp"
+#include "platform/file_descriptor.hpp"
 
 #include <string>
 
@@ -22,13 +23,10 @@ class FileBlockDevice final : public BlockDevice {
     /// Throws NTFSError with the reason; a block size of 0 stops the process.
     explicit FileBlockDevice(const std::string& path, std::uint32_t blockSize = kDefaultBlockSize,
                              bool readOnly = false, bool noCache = false);
-    ~FileBlockDevice() override;
-    FileBlockDevice(const FileBlockDevice&) = delete;
-    FileBlockDevice& operator=(const FileBlockDevice&) = delete;
 
     [[nodiscard]] std::uint64_t size() const noexcept override { return size_; }
     [[nodiscard]] std::uint32_t blockSize() const noexcept override { return blockSize_; }
-    [[nodiscard]] int fd() const noexcept { return fd_; }
+    [[nodiscard]] int fd() const noexcept { return file_.get(); }
 
     [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
                                     std::uint64_t length) noexcept override;
@@ -44,7 +42,7 @@ class FileBlockDevice final : public BlockDevice {
     std::int64_t misaligned = 0; ///< misaligned requests seen
 
   private:
-    int fd_ = -1;
+    FileDescriptor file_; ///< what its close could report, sync() has reported
     std::uint64_t size_ = 0;
     std::uint32_t blockSize_ = 0;
     bool noCache_ = false;

@@ -1,12 +1,12 @@
 #include "diagnostics/event_log.hpp"
 
 #include "diagnostics/private/json_line.hpp"
+#include "platform/file_descriptor.hpp"
 #include "platform/group_container.hpp"
 #include "platform/information_dictionary.hpp"
 #include "platform/utf8.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,26 +17,6 @@
 namespace tavelin {
 
 namespace {
-
-/// Owns a descriptor; invalid when opening failed.
-class Descriptor {
-  public:
-    Descriptor(const std::filesystem::path& path, int flags)
-        : number_(::open(path.c_str(), flags | O_CLOEXEC, 0644)) {}
-    ~Descriptor() {
-        if (valid()) {
-            ::close(number_); // the log is best effort, so a failed close loses at most lines
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    [[nodiscard]] bool valid() const { return number_ >= 0; }
-    [[nodiscard]] int number() const { return number_; }
-
-  private:
-    int number_;
-};
 
 /// The path of the previous generation.
 std::filesystem::path previous(std::filesystem::path url) {
@@ -54,58 +34,32 @@ std::optional<std::int64_t> fileSize(const std::filesystem::path& path) {
 /// The file's bytes from `offset` on; an unreadable file counts as empty. An offset past the end
 /// is set to 0, because the file has been replaced by a shorter one.
 std::string bytesOf(const std::filesystem::path& path, std::uint64_t& offset) {
-    const Descriptor file(path, O_RDONLY);
+    const FileDescriptor file(path.c_str(), O_RDONLY);
     struct stat attributes {};
-    if (!file.valid() || ::fstat(file.number(), &attributes) != 0 ||
+    if (!file || ::fstat(file.get(), &attributes) != 0 ||
         std::cmp_greater(offset, attributes.st_size)) {
         offset = 0;
     }
     std::string bytes;
-    if (!file.valid() || attributes.st_size <= 0) {
+    if (!file || attributes.st_size <= 0) {
         return bytes;
     }
     // The size is read once: lines that arrive after it are for the next call.
     bytes.resize(static_cast<std::size_t>(attributes.st_size) - offset);
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t count = ::pread(file.number(), bytes.data() + done, bytes.size() - done,
-                                      static_cast<off_t>(offset + done));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            // The next call begins again, so that a passing error loses no line for good.
-            offset = 0;
-            return {};
-        }
-        if (count == 0) {
-            break; // another process took a half line back; the bytes read so far are valid
-        }
-        done += static_cast<std::size_t>(count);
+    const FileDescriptor::Transferred done = file.readAt(bytes.data(), bytes.size(), offset);
+    if (done.error != 0) {
+        // The next call begins again, so that a passing error loses no line for good.
+        offset = 0;
+        return {};
     }
-    bytes.resize(done);
+    // Another process may have taken a half line back; the bytes read so far are valid.
+    bytes.resize(done.bytes);
     return bytes;
 }
 
 std::string bytesOf(const std::filesystem::path& path) {
     std::uint64_t start = 0;
     return bytesOf(path, start);
-}
-
-/// Returns the number of bytes written: fewer than the line has when the disk is full.
-std::size_t writeLine(int descriptor, std::string_view line) {
-    std::size_t done = 0;
-    while (done < line.size()) {
-        const ssize_t count = ::write(descriptor, line.data() + done, line.size() - done);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            break;
-        }
-        done += static_cast<std::size_t>(count);
-    }
-    return done;
 }
 
 /// Removes the last `written` bytes, so that the next line does not begin in the middle of this
@@ -170,12 +124,14 @@ void EventLog::append(std::string_view line) const {
     }
     // Appending or making the file is one step, so that processes sharing the log cannot
     // overwrite each other's lines.
-    const Descriptor file(*url_, O_WRONLY | O_APPEND | O_CREAT);
-    if (!file.valid()) {
+    // The log is best effort, so that a failed close loses at most lines.
+    const FileDescriptor file(url_->c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
+    if (!file) {
         return;
     }
-    if (const std::size_t written = writeLine(file.number(), line); written < line.size()) {
-        takeBack(file.number(), written);
+    // Fewer bytes than the line has, when the disk is full.
+    if (const auto done = file.write(line.data(), line.size()); done.bytes < line.size()) {
+        takeBack(file.get(), done.bytes);
     }
 }
 

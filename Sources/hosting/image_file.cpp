@@ -1,6 +1,7 @@
 #include "hosting/image_file.hpp"
 
 #include "hosting/open_error.hpp"
+#include "platform/disk_file.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 #if defined(__APPLE__)
 #include <sys/disk.h>
@@ -77,68 +77,44 @@ ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
     // A device node that is mounted, or open exclusively elsewhere, refuses O_EXCL.
     const int exclusive = std::filesystem::is_block_file(path, unknown) ? O_EXCL : 0;
     if (!readOnly) {
-        descriptor_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | exclusive);
-        writable_ = descriptor_ >= 0;
+        file_ = FileDescriptor(path.c_str(), O_RDWR | exclusive);
+        writable_ = static_cast<bool>(file_);
         if (!writable_ && errno != EACCES && errno != EPERM && errno != EROFS) {
             cannotOpen(path, errno);
         }
     }
-    if (descriptor_ < 0) {
-        descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (!file_) {
+        file_ = FileDescriptor(path.c_str(), O_RDONLY);
     }
-    if (descriptor_ < 0) {
+    if (!file_) {
         cannotOpen(path, errno);
     }
-    try {
-        measure(path);
-        if (const int error = lockDescriptor(descriptor_, writable_); error != 0) {
-            cannotOpen(path, error);
-        }
-    } catch (...) {
-        ::close(descriptor_);
-        throw;
-    }
-}
-
-ImageFile::~ImageFile() {
-    close();
-}
-
-void ImageFile::close() noexcept {
-    if (descriptor_ != -1) {
-        // Whoever needs its writes kept has flushed them; what this says can help nobody else.
-        ::close(std::exchange(descriptor_, -1));
+    measure(path);
+    if (const int error = lockDescriptor(file_.get(), writable_); error != 0) {
+        cannotOpen(path, error);
     }
 }
 
 void ImageFile::measure(const std::string& path) {
     struct stat status {};
-    if (::fstat(descriptor_, &status) != 0) {
+    if (::fstat(file_.get(), &status) != 0) {
         cannotOpen(path, errno);
     }
-    if (S_ISREG(status.st_mode)) {
-        bytes_ = static_cast<std::uint64_t>(status.st_size);
-        return;
-    }
-    if (!S_ISBLK(status.st_mode)) {
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         throw OpenError(OpenError::Reason::notBlockDevice, kENOTBLK, path, kNoDevice);
     }
-    const off_t end = ::lseek(descriptor_, 0, SEEK_END);
-    if (end < 0) {
-        cannotOpen(path, errno);
+    if (const int error = diskFileSize(file_.get(), bytes_); error != 0) {
+        cannotOpen(path, error);
     }
-    bytes_ = static_cast<std::uint64_t>(end);
-    blockSize_ = deviceValue(descriptor_, kBlockSizeRequest, blockSize_);
-    physicalBlockSize_ = deviceValue(descriptor_, kPhysicalBlockSizeRequest, blockSize_);
+    if (S_ISREG(status.st_mode)) {
+        return;
+    }
+    blockSize_ = deviceValue(file_.get(), kBlockSizeRequest, blockSize_);
+    physicalBlockSize_ = deviceValue(file_.get(), kPhysicalBlockSizeRequest, blockSize_);
 }
 
 ImageFile::Transferred ImageFile::read(void* into, std::uint64_t offset, std::size_t length) const {
-    ssize_t count;
-    do {
-        count = ::pread(descriptor_, into, length, static_cast<off_t>(offset));
-    } while (count < 0 && errno == EINTR);
-    return count < 0 ? Transferred{.error = errno}
-                     : Transferred{.bytes = static_cast<std::size_t>(count)};
+    return file_.readAt(into, length, offset);
 }
 
 ImageFile::Transferred ImageFile::write(const void* from, std::uint64_t offset,
@@ -146,22 +122,19 @@ ImageFile::Transferred ImageFile::write(const void* from, std::uint64_t offset,
     if (offset > bytes_ || length > bytes_ - offset) {
         return {.error = ENXIO}; // a device does not grow
     }
-    ssize_t count;
-    do {
-        count = ::pwrite(descriptor_, from, length, static_cast<off_t>(offset));
-    } while (count < 0 && errno == EINTR);
+    const Transferred done = file_.writeAt(from, length, offset);
+    // After the transfer: a flush that runs beside it need not have taken it along.
     unsettled_.store(true);
-    return count < 0 ? Transferred{.error = errno}
-                     : Transferred{.bytes = static_cast<std::size_t>(count)};
+    return done;
 }
 
 int ImageFile::flushToMedium() {
     const MutexLock held(flushing_);
     if (flushError_ == 0 && unsettled_.exchange(false)) {
 #if defined(__APPLE__)
-        const int result = ::fcntl(descriptor_, F_FULLFSYNC);
+        const int result = ::fcntl(file_.get(), F_FULLFSYNC);
 #else
-        const int result = ::fdatasync(descriptor_);
+        const int result = ::fdatasync(file_.get());
 #endif
         flushError_ = result == 0 ? 0 : errno;
     }

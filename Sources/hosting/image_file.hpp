@@ -1,6 +1,7 @@
 /// An opened disk image or block-device node: the system calls under ImageResource.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -19,11 +20,8 @@ class ImageFile {
     /// Opens for writing, or for reading only when asked to or when the file's permissions, its
     /// file system or the medium allow no more. Throws OpenError.
     ImageFile(const std::filesystem::path& path, bool readOnly);
-    ~ImageFile();
     /// Closes and unlocks before its time; nothing but destruction may follow.
-    void close() noexcept;
-    ImageFile(const ImageFile&) = delete;
-    ImageFile& operator=(const ImageFile&) = delete;
+    void close() noexcept { file_.reset(); }
 
     [[nodiscard]] bool writable() const noexcept { return writable_; }
     [[nodiscard]] std::uint64_t bytes() const noexcept { return bytes_; }
@@ -31,10 +29,7 @@ class ImageFile {
     [[nodiscard]] std::uint64_t blockSize() const noexcept { return blockSize_; }
     [[nodiscard]] std::uint64_t physicalBlockSize() const noexcept { return physicalBlockSize_; }
 
-    struct Transferred {
-        std::size_t bytes = 0; ///< fewer than asked at the end of the image
-        int error = 0;
-    };
+    using Transferred = FileDescriptor::Transferred;
     [[nodiscard]] Transferred read(void* into, std::uint64_t offset, std::size_t length) const;
     [[nodiscard]] Transferred write(const void* from, std::uint64_t offset, std::size_t length);
 
@@ -45,7 +40,8 @@ class ImageFile {
   private:
     void measure(const std::string& path);
 
-    int descriptor_ = -1;
+    // Whoever needs its writes kept has flushed them; what closing says can help nobody else.
+    FileDescriptor file_;
     bool writable_ = false;
     std::uint64_t bytes_ = 0;
     std::uint64_t blockSize_ = 512;

@@ -1,8 +1,8 @@
 #include "fault/device_ladder.hpp"
 
-#include "hosting/faulty_resource.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
+#include "support/faulty_resource.hpp"
 
 #include <fmt/format.h>
 

@@ -4,9 +4,9 @@
 #include "own_group.hpp"
 
 #include "diagnostics/event_log.hpp"
-#include "hosting/faulty_resource.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
+#include "support/faulty_resource.hpp"
 #include "support/replaced_services.hpp"
 #include "support/sample_volume.hpp"
 

@@ -1,5 +1,7 @@
 #include "support/run_process.hpp"
 
+#include "platform/file_descriptor.hpp"
+
 #include <climits>
 
 #include <algorithm>
@@ -22,28 +24,8 @@ extern char** environ;
 namespace tavelin::test {
 namespace {
 
-// Owns one end of a pipe.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    bool open() const { return fd_ >= 0; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_;
-};
-
 struct Pipe {
-    Descriptor reading, writing;
+    FileDescriptor reading, writing;
     Pipe() {
         std::array<int, 2> ends{};
         if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -82,7 +64,7 @@ void exchange(Pipe& in, Pipe& out, Pipe& err, const std::string& input, ProcessR
     if (input.empty()) {
         in.writing.reset();
     }
-    while (out.reading.open() || err.reading.open()) {
+    while (out.reading || err.reading) {
         std::array<pollfd, 3> events{pollfd{out.reading.get(), POLLIN, 0},
                                      pollfd{err.reading.get(), POLLIN, 0},
                                      pollfd{in.writing.get(), POLLOUT, 0}};
@@ -97,7 +79,7 @@ void exchange(Pipe& in, Pipe& out, Pipe& err, const std::string& input, ProcessR
                 in.writing.reset();
             }
         }
-        const auto collect = [&](const pollfd& event, Descriptor& end, std::string& into) {
+        const auto collect = [&](const pollfd& event, FileDescriptor& end, std::string& into) {
             if (event.revents == 0) {
                 return;
             }

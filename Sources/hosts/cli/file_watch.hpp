@@ -1,7 +1,7 @@
 /// Waits for a file to change, for `events --follow`.
 #pragma once
 
-#include "hosts/cli/descriptor.hpp"
+#include "platform/file_descriptor.hpp"
 
 #include <filesystem>
 
@@ -20,7 +20,7 @@ class FileWatch {
     void wait();
 
   private:
-    Descriptor notifications_; ///< the inotify instance; empty where the class polls
+    FileDescriptor notifications_; ///< the inotify instance; empty where the class polls
 };
 
 } // namespace tavelin::cli

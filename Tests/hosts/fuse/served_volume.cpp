@@ -3,6 +3,7 @@
 #include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/tree.hpp"
+#include "platform/file_descriptor.hpp"
 #include "support/run_process.hpp"
 
 #include <cerrno>
@@ -57,7 +58,7 @@ std::string whyNoMounts() {
 }
 
 ServedVolume::ServedVolume(const fs::path& image, const std::string& options) {
-    const int mounts = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    const FileDescriptor mounts("/proc/self/mountinfo", O_RDONLY);
     server_ = ::fork();
     if (server_ == -1) {
         throw std::system_error(errno, std::generic_category(), "fork");
@@ -68,13 +69,12 @@ ServedVolume::ServedVolume(const fs::path& image, const std::string& options) {
     // The kernel flags every change of the mount table on this descriptor.
     bool ended = false;
     while (!ended && !fusehost::findMount(directory())) {
-        pollfd change{mounts, POLLPRI, 0};
+        pollfd change{mounts.get(), POLLPRI, 0};
         (void)::poll(&change, 1, 50);
         siginfo_t end{};
         ::waitid(P_PID, static_cast<id_t>(server_), &end, WEXITED | WNOHANG | WNOWAIT);
         ended = end.si_pid == server_;
     }
-    ::close(mounts);
     if (ended) {
         awaitEnd();
         throw std::runtime_error(printed());

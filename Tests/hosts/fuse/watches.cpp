@@ -34,29 +34,22 @@ bool awaitEvent(int descriptor, short events) {
 
 ChangeWatch::ChangeWatch(const std::filesystem::path& file)
     : descriptor_(checked(::inotify_init1(IN_CLOEXEC), "inotify_init1")) {
-    checked(::inotify_add_watch(descriptor_, file.c_str(), IN_MODIFY), file.c_str());
-}
-
-ChangeWatch::~ChangeWatch() {
-    ::close(descriptor_);
+    checked(::inotify_add_watch(descriptor_.get(), file.c_str(), IN_MODIFY), file.c_str());
 }
 
 bool ChangeWatch::await() {
     alignas(inotify_event) std::array<char, 4096> notes{};
-    return awaitEvent(descriptor_, POLLIN) && ::read(descriptor_, notes.data(), notes.size()) > 0;
+    return awaitEvent(descriptor_.get(), POLLIN) &&
+           ::read(descriptor_.get(), notes.data(), notes.size()) > 0;
 }
 
 MountTableWatch::MountTableWatch()
     : descriptor_(checked(::open("/proc/self/mounts", O_RDONLY | O_CLOEXEC), "/proc/self/mounts")) {
 }
 
-MountTableWatch::~MountTableWatch() {
-    ::close(descriptor_);
-}
-
 // The kernel reports a change of the table as exceptional, relative to the last poll.
 bool MountTableWatch::await() {
-    return awaitEvent(descriptor_, POLLPRI);
+    return awaitEvent(descriptor_.get(), POLLPRI);
 }
 
 } // namespace tavelin::test

@@ -1,6 +1,8 @@
 // Waiting for something outside this process to change, instead of for time to pass.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
+
 #include <filesystem>
 
 namespace tavelin::test {
@@ -9,29 +11,23 @@ namespace tavelin::test {
 class ChangeWatch {
   public:
     explicit ChangeWatch(const std::filesystem::path& file); // throws std::system_error
-    ~ChangeWatch();
-    ChangeWatch(const ChangeWatch&) = delete;
-    ChangeWatch& operator=(const ChangeWatch&) = delete;
 
     // Returns after a write that no earlier call has answered; false after half a minute without.
     [[nodiscard]] bool await();
 
   private:
-    int descriptor_;
+    const FileDescriptor descriptor_;
 };
 
 // The same for the table of mounts.
 class MountTableWatch {
   public:
     MountTableWatch(); // throws std::system_error
-    ~MountTableWatch();
-    MountTableWatch(const MountTableWatch&) = delete;
-    MountTableWatch& operator=(const MountTableWatch&) = delete;
 
     [[nodiscard]] bool await();
 
   private:
-    int descriptor_;
+    const FileDescriptor descriptor_;
 };
 
 } // namespace tavelin::test

@@ -72,12 +72,12 @@ void printReport(const CopyReport& report, bool json) {
 
 /// A place on the host: an opened directory, and a name in it unless the directory itself is meant.
 struct HostPlace {
-    Descriptor directory;
+    FileDescriptor directory;
     std::string name;
 };
 
-Descriptor openDirectory(const std::string& path) {
-    Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+FileDescriptor openDirectory(const std::string& path) {
+    FileDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         throw Failure(explainHost(path, errno));
     }

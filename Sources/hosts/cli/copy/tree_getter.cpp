@@ -74,18 +74,21 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
     run_.bar.begin(path);
     const std::string partial = run_.partialName();
     // O_EXCL never opens an existing file, whoever made it.
-    Descriptor file(openat(directory, partial.c_str(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    FileDescriptor file(openat(directory, partial.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!file) {
         throwHostError(path);
     }
     orTakeAway(directory, partial, [&] {
-        readContents(found, path, file.get());
+        readContents(found, path, file);
         getStreams(found.item, path, file.get());
         // Times come after the writes, which change them. Closing may report a failed write, so it
         // comes before the rename.
-        if (futimens(file.get(), times(found.attributes).data()) != 0 || !file.close()) {
+        if (futimens(file.get(), times(found.attributes).data()) != 0) {
             throwHostError(path);
+        }
+        if (const int error = file.close(); error != 0) {
+            throw ItemFailure(explainHost(path, error));
         }
         giveName(directory, partial, name, path);
     });
@@ -116,7 +119,7 @@ void TreeGetter::getDirectory(const Found& found, const std::string& path, int d
     if (mkdirat(directory, name.c_str(), 0777) != 0 && errno != EEXIST) {
         throwHostError(path);
     }
-    const Descriptor made(
+    const FileDescriptor made(
         openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!made) {
         if (errno == ENOTDIR || errno == ELOOP) {
@@ -160,17 +163,14 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
     --depth_;
 }
 
-void TreeGetter::readContents(const Found& found, const std::string& path, int file) {
+void TreeGetter::readContents(const Found& found, const std::string& path,
+                              const FileDescriptor& file) {
     std::uint64_t offset = 0;
     while (const std::size_t count =
                ofItem(volume_.read(found.item, offset, buffer_), path, found.attributes)) {
         throwIfInterrupted();
-        for (std::size_t done = 0; done < count;) {
-            const ssize_t written = write(file, buffer_.data() + done, count - done);
-            if (written < 0 && errno != EINTR) {
-                throwHostError(path);
-            }
-            done += static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+        if (const int error = file.write(buffer_.data(), count).error; error != 0) {
+            throw ItemFailure(explainHost(path, error));
         }
         offset += count;
         run_.report.bytes += count;

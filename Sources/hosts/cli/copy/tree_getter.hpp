@@ -3,7 +3,7 @@
 
 #include "hosting/volume_client.hpp"
 #include "hosts/cli/copy/transfer.hpp"
-#include "hosts/cli/descriptor.hpp"
+#include "platform/file_descriptor.hpp"
 
 #include <functional>
 #include <set>
@@ -43,7 +43,7 @@ class TreeGetter {
     void getDirectory(const Found& found, const std::string& path, int directory,
                       const std::string& name);
     void getEntries(const ItemRef& volumeDirectory, const std::string& path, int directory);
-    void readContents(const Found& found, const std::string& path, int file);
+    void readContents(const Found& found, const std::string& path, const FileDescriptor& file);
     void getStreams(const ItemRef& item, const std::string& path, int file);
 
     /// Renames the complete `partial` to its own name, replacing a file or link of that name in one

@@ -19,8 +19,8 @@ namespace {
 
 using fskit::FSItemType;
 
-Descriptor openSource(const TreePutter::Source& source, int flags) {
-    Descriptor opened(
+FileDescriptor openSource(const TreePutter::Source& source, int flags) {
+    FileDescriptor opened(
         openat(source.directory, source.name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | flags));
     if (!opened) {
         throwHostError(source.path);
@@ -37,7 +37,7 @@ struct ::stat statusOf(int descriptor, const std::string& path) {
 }
 
 /// The names in a directory, sorted, so that the same tree always makes the same volume.
-std::vector<std::string> namesIn(const Descriptor& directory, const std::string& path) {
+std::vector<std::string> namesIn(const FileDescriptor& directory, const std::string& path) {
     // closedir() closes its descriptor and the stream moves its offset, so the stream gets one of
     // its own. A duplicate would share the offset.
     const int reading = openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -45,7 +45,7 @@ std::vector<std::string> namesIn(const Descriptor& directory, const std::string&
                                                      closedir);
     if (!stream) {
         // fdopendir() failed and left the descriptor to us, or there is none.
-        const Descriptor unused(reading);
+        const FileDescriptor unused(reading);
         throwHostError(path);
     }
     // readdir() answers null both at the end and on an error; only errno tells them apart.
@@ -105,7 +105,7 @@ void TreePutter::putFile(const Source& source, const ItemRef& volumeDirectory,
                          const std::string& name) {
     // The item may have been replaced since its status was read. O_NONBLOCK keeps a pipe in its
     // place from blocking the open, O_NOCTTY a terminal from becoming ours.
-    const Descriptor file = openSource(source, O_NONBLOCK | O_NOCTTY);
+    const FileDescriptor file = openSource(source, O_NONBLOCK | O_NOCTTY);
     const struct ::stat status = statusOf(file.get(), source.path);
     run_.bar.begin(source.path);
     const std::string partial = run_.partialName();
@@ -146,7 +146,7 @@ void TreePutter::putLink(const Source& source, const struct ::stat& status,
 
 void TreePutter::putDirectory(const Source& source, const ItemRef& volumeDirectory,
                               const std::string& name) {
-    const Descriptor directory = openSource(source, O_DIRECTORY);
+    const FileDescriptor directory = openSource(source, O_DIRECTORY);
     const ItemRef target = targetDirectory(volumeDirectory, name, source.path);
     ++run_.report.directories;
     // Times come last: every entry that is made changes the directory's.
@@ -157,14 +157,14 @@ void TreePutter::putDirectory(const Source& source, const ItemRef& volumeDirecto
 
 void TreePutter::putContents(const Source& source, const ItemRef& volumeDirectory) {
     try {
-        const Descriptor directory = openSource(source, O_DIRECTORY);
+        const FileDescriptor directory = openSource(source, O_DIRECTORY);
         putEntries(directory, source, volumeDirectory);
     } catch (const ItemFailure& failure) {
         run_.problem(failure.what());
     }
 }
 
-void TreePutter::putEntries(const Descriptor& directory, const Source& source,
+void TreePutter::putEntries(const FileDescriptor& directory, const Source& source,
                             const ItemRef& volumeDirectory) {
     if (depth_ >= kTreeDepthMax) {
         throw ItemFailure(escaped(source.path) + ": too many directories inside each other");

@@ -3,7 +3,7 @@
 
 #include "hosting/volume_client.hpp"
 #include "hosts/cli/copy/transfer.hpp"
-#include "hosts/cli/descriptor.hpp"
+#include "platform/file_descriptor.hpp"
 
 #include <functional>
 #include <set>
@@ -51,7 +51,7 @@ class TreePutter {
                  const std::string& name);
     void putDirectory(const Source& source, const ItemRef& volumeDirectory,
                       const std::string& name);
-    void putEntries(const Descriptor& directory, const Source& source,
+    void putEntries(const FileDescriptor& directory, const Source& source,
                     const ItemRef& volumeDirectory);
     void writeContents(int descriptor, const ItemRef& file, const std::string& path);
     void putStreams(int descriptor, const ItemRef& item, const std::string& path);

@@ -1,6 +1,8 @@
 /// Leaving the terminal, but only once there is something to leave it for.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
+
 namespace tavelin::fusehost {
 
 /// Splits off a process that serves, while the calling process waits until that reports success
@@ -11,9 +13,6 @@ class Daemon {
 
     /// Forks unless `foreground`; in both processes it returns. Throws std::system_error.
     explicit Daemon(bool foreground);
-    ~Daemon();
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
 
     Side side() const noexcept { return side_; }
 
@@ -25,7 +24,7 @@ class Daemon {
 
   private:
     Side side_ = Side::server;
-    int pipe_ = -1; // the caller reads, the server writes; -1 in the foreground
+    FileDescriptor pipe_; // the caller reads, the server writes; empty in the foreground
 };
 
 } // namespace tavelin::fusehost

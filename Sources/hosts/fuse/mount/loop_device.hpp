@@ -5,6 +5,8 @@
 /// never goes through the loop device.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -17,18 +19,15 @@ class LoopDevice {
     /// container): the mount then goes without.
     static std::unique_ptr<LoopDevice> attach(const std::filesystem::path& image, bool readOnly);
 
-    /// Lets go of the device, which frees itself once the mount over it is gone too.
-    ~LoopDevice();
-    LoopDevice(const LoopDevice&) = delete;
-    LoopDevice& operator=(const LoopDevice&) = delete;
-
     const std::string& path() const { return path_; }
 
   private:
-    LoopDevice(std::string path, int fd) : path_(std::move(path)), fd_(fd) {}
+    LoopDevice(std::string path, FileDescriptor device)
+        : path_(std::move(path)), device_(std::move(device)) {}
 
     const std::string path_;
-    const int fd_;
+    /// Once it is closed, the device frees itself as soon as the mount over it is gone too.
+    const FileDescriptor device_;
 };
 
 } // namespace tavelin::fusehost

@@ -54,17 +54,15 @@ MaintenanceThread::MaintenanceThread() {
         sigaddset(&awaited, signal);
     }
     ::pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
-    signals_ = ::signalfd(-1, &awaited, SFD_CLOEXEC);
-    ending_ = ::eventfd(0, EFD_CLOEXEC);
-    if (signals_ == -1 || ending_ == -1) {
+    signals_.reset(::signalfd(-1, &awaited, SFD_CLOEXEC));
+    ending_.reset(::eventfd(0, EFD_CLOEXEC));
+    if (!signals_ || !ending_) {
         throw std::system_error(errno, std::generic_category(), "signalfd");
     }
 }
 
 MaintenanceThread::~MaintenanceThread() {
     stop();
-    ::close(signals_);
-    ::close(ending_);
 }
 
 void MaintenanceThread::start(const Context& context) {
@@ -79,7 +77,8 @@ void MaintenanceThread::suspend() {
 void MaintenanceThread::stop() {
     if (thread_.joinable()) {
         const uint64_t one = 1;
-        (void)!::write(ending_, &one, sizeof one); // cannot fail: the counter is far from full
+        (void)!::write(ending_.get(), &one,
+                       sizeof one); // cannot fail: the counter is far from full
         thread_.join();
     }
 }
@@ -88,8 +87,9 @@ void MaintenanceThread::watch(const Context& context) {
     raiseReadAhead(context.mount);
     DentryInvalidationQueue& stale = context.volume.invalidations();
     for (;;) {
-        pollfd events[] = {
-            {ending_, POLLIN, 0}, {signals_, POLLIN, 0}, {stale.descriptor(), POLLIN, 0}};
+        pollfd events[] = {{ending_.get(), POLLIN, 0},
+                           {signals_.get(), POLLIN, 0},
+                           {stale.descriptor(), POLLIN, 0}};
         const int ready = ::poll(events, 3, kInterval);
         if (events[0].revents != 0) {
             return;
@@ -118,7 +118,7 @@ void MaintenanceThread::persistOrphans(OrphanFiles& orphans) {
 
 void MaintenanceThread::takeSignal(const Context& context) {
     signalfd_siginfo signal{};
-    (void)!::read(signals_, &signal, sizeof signal); // poll() has said that there is one
+    (void)!::read(signals_.get(), &signal, sizeof signal); // poll() has said that there is one
     if (stopRequested_) {
         aborted_ = true;
         context.threads.stop();

@@ -9,6 +9,7 @@
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/protocol/worker_threads.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
+#include "platform/file_descriptor.hpp"
 #include "platform/mutex.hpp"
 
 #include <thread>
@@ -46,8 +47,8 @@ class MaintenanceThread {
     void unmountMount(const Context& context);
     void persistOrphans(OrphanFiles& orphans);
 
-    int signals_ = -1;           // a signalfd
-    int ending_ = -1;            // an eventfd
+    FileDescriptor signals_;     // a signalfd
+    FileDescriptor ending_;      // an eventfd
     bool stopRequested_ = false; // the first signal has come
     bool unmounted_ = false;     // and the unmount it asked for has succeeded
     bool aborted_ = false;       // a second signal has come: nobody serves any more

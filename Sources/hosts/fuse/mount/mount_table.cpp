@@ -1,5 +1,7 @@
 #include "hosts/fuse/mount/mount_table.hpp"
 
+#include "platform/file_descriptor.hpp"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <fstream>
@@ -134,9 +136,10 @@ int unmountOwn(const MountEntry& mount, bool lazy) {
     const pid_t child = ::fork();
     if (child == 0) { // other threads may hold any lock: nothing but system calls from here on
         ::close_range(STDERR_FILENO + 1, ~0u, 0);
-        const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ::syncfs(fd); // a failure is met again, and reported, when the volume is closed
-        ::close(fd);
+        {
+            const FileDescriptor root(directory.c_str(), O_RDONLY | O_DIRECTORY);
+            ::syncfs(root.get()); // a failure is met again, and reported, when the volume is closed
+        }
         ::_exit(::umount2(directory.c_str(), flagsOf(lazy)) == 0 ? 0 : errno);
     }
     if (child == -1) {

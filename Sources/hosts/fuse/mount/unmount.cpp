@@ -2,6 +2,7 @@
 #include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "platform/error_numbers.hpp"
+#include "platform/file_descriptor.hpp"
 
 #include <fmt/format.h>
 
@@ -49,13 +50,8 @@ fs::path imageOf(const std::string& source) {
 
 // Asks the server to write everything back; 0 or a host errno.
 int synchronize(const fs::path& directory) {
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd == -1) {
-        return errno;
-    }
-    const int failed = ::fsync(fd) == 0 ? 0 : errno;
-    ::close(fd);
-    return failed;
+    const FileDescriptor root(directory.c_str(), O_RDONLY | O_DIRECTORY);
+    return root && ::fsync(root.get()) == 0 ? 0 : errno;
 }
 
 // The server keeps the image locked until it has let go of it.
@@ -63,8 +59,8 @@ void awaitServer(int image) {
     struct flock whole {};
     whole.l_type = F_RDLCK;
     whole.l_whence = SEEK_SET;
-    while (::fcntl(image, F_OFD_SETLKW, &whole) == -1 && errno == EINTR) {
-    }
+    // A lock that cannot be had tells nothing; the unmount itself has been done.
+    (void)uninterrupted([&] { return ::fcntl(image, F_OFD_SETLKW, &whole); });
 }
 
 } // namespace
@@ -76,8 +72,8 @@ int unmountVolume(const fs::path& given) {
         return fail(directory, "no volume is mounted here by tavelin");
     }
     const fs::path path = imageOf(mount->source);
-    const int image = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const int closed = image == -1 ? errno : 0;
+    const FileDescriptor image(path.c_str(), O_RDONLY);
+    const int closed = image ? 0 : errno;
     if (const int failed = mount->readOnly ? 0 : synchronize(directory);
         failed != 0 && failed != ENOTCONN) {
         return fail(directory, fmt::format("cannot write everything back ({}); it stays mounted",
@@ -93,9 +89,8 @@ int unmountVolume(const fs::path& given) {
                                            path.string(), errorText(fromHost(closed))));
     }
     if (!mount->readOnly) {
-        awaitServer(image);
+        awaitServer(image.get());
     }
-    ::close(image);
     return 0;
 }
 

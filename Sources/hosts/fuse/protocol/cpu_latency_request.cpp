@@ -30,16 +30,16 @@ int32_t chooseBusyLatency() {
 } // namespace
 
 CpuLatencyRequest::CpuLatencyRequest(bool wanted, const std::filesystem::path& kernelFile)
-    : file_(wanted ? ::open(kernelFile.c_str(), O_WRONLY | O_CLOEXEC) : -1),
+    : file_(wanted ? FileDescriptor(kernelFile.c_str(), O_WRONLY) : FileDescriptor()),
       busyLatency_(chooseBusyLatency()) {
-    if (file_ == -1) {
+    if (!file_) {
         return; // not wanted, not allowed, or not known to this kernel
     }
     thread_ = std::thread([this] { run(); });
 }
 
 CpuLatencyRequest::~CpuLatencyRequest() {
-    if (file_ == -1) {
+    if (!file_) {
         return;
     }
     {
@@ -48,7 +48,6 @@ CpuLatencyRequest::~CpuLatencyRequest() {
         changed_.notifyAll();
     }
     thread_.join();
-    ::close(file_); // drops the request; the file stores nothing, so its result does not matter
 }
 
 void CpuLatencyRequest::wake() noexcept {
@@ -84,7 +83,7 @@ void CpuLatencyRequest::holdRequest() {
 
 void CpuLatencyRequest::allow(int32_t microseconds) noexcept {
     // A failure is dropped: the mount is slower without the request, not wrong.
-    (void)!::write(file_, &microseconds, sizeof microseconds);
+    (void)file_.write(&microseconds, sizeof microseconds);
 }
 
 } // namespace tavelin::fusehost

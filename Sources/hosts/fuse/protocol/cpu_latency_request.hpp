@@ -10,6 +10,7 @@
 /// class does nothing.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -47,7 +48,7 @@ class CpuLatencyRequest {
     void holdRequest() TAVELIN_REQUIRES(lock_);
     void allow(int32_t microseconds) noexcept;
 
-    int file_ = -1;
+    const FileDescriptor file_; // closing it drops the request
     const int32_t busyLatency_; // microseconds
     std::atomic<uint64_t> requests_{0};
     std::atomic<bool> idle_{false}; // the request is dropped; the next noteRequest() makes it again

@@ -19,26 +19,22 @@ bool mayBeDosName(std::string_view name) noexcept {
 
 DentryInvalidationQueue::DentryInvalidationQueue()
     : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (event_ == -1) {
+    if (!event_) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-}
-
-DentryInvalidationQueue::~DentryInvalidationQueue() {
-    ::close(event_);
 }
 
 void DentryInvalidationQueue::add(uint64_t directory, std::string_view name) {
     const MutexLock held(lock_);
     names_.push_back({directory, std::string(name)});
     const uint64_t one = 1;
-    (void)!::write(event_, &one, sizeof one); // cannot fail: the counter is far from full
+    (void)!::write(event_.get(), &one, sizeof one); // cannot fail: the counter is far from full
 }
 
 std::vector<DentryInvalidationQueue::Name> DentryInvalidationQueue::take() {
     const MutexLock held(lock_);
     uint64_t count = 0;
-    (void)!::read(event_, &count, sizeof count); // fails when there are none, which is fine
+    (void)!::read(event_.get(), &count, sizeof count); // fails when there are none, which is fine
     return std::exchange(names_, {});
 }
 

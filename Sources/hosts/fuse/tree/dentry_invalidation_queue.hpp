@@ -9,6 +9,7 @@
 /// Threading: any thread may call anything; lock_ guards the queue and calls nothing.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
 #include "platform/mutex.hpp"
 
 #include <cstdint>
@@ -29,18 +30,15 @@ class DentryInvalidationQueue {
     };
 
     DentryInvalidationQueue(); ///< Throws std::system_error.
-    ~DentryInvalidationQueue();
-    DentryInvalidationQueue(const DentryInvalidationQueue&) = delete;
-    DentryInvalidationQueue& operator=(const DentryInvalidationQueue&) = delete;
 
     void add(uint64_t directory, std::string_view name);
     /// Empties the queue.
     std::vector<Name> take();
     /// Readable while the queue is not empty. For poll() only; owned by this object.
-    int descriptor() const noexcept { return event_; }
+    int descriptor() const noexcept { return event_.get(); }
 
   private:
-    const int event_;
+    const FileDescriptor event_; // an eventfd
     Mutex lock_;
     std::vector<Name> names_ TAVELIN_GUARDED_BY(lock_);
 };

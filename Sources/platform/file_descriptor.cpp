@@ -1,0 +1,87 @@
+#include "platform/file_descriptor.hpp"
+
+#include "platform/assert.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+
+namespace tavelin {
+
+namespace {
+
+/// Most bytes asked of one system call: macOS refuses requests of 2 GiB and more.
+constexpr std::size_t kTransferBytesMax = std::size_t{1} << 30;
+
+/// Repeats `call(done, length)` until `length` bytes are transferred. `atEnd` is the errno of a
+/// call that transfers none; 0 where that is the file's end.
+template<typename Call>
+FileDescriptor::Transferred transferAll(std::size_t length, int atEnd, Call call) noexcept {
+    std::size_t done = 0;
+    while (done < length) {
+        const std::size_t wanted = std::min(length - done, kTransferBytesMax);
+        const ssize_t count = uninterrupted([&] { return call(done, wanted); });
+        if (count < 0) {
+            return {.bytes = done, .error = errno};
+        }
+        if (count == 0) {
+            return {.bytes = done, .error = atEnd};
+        }
+        TAVELIN_ASSERT(static_cast<std::size_t>(count) <= wanted);
+        done += static_cast<std::size_t>(count);
+    }
+    return {.bytes = done};
+}
+
+} // namespace
+
+FileDescriptor::FileDescriptor(const char* path, int flags, mode_t mode) noexcept
+    : number_(uninterrupted([&] { return ::open(path, flags | O_CLOEXEC, mode); })) {}
+
+void FileDescriptor::reset(int number) noexcept {
+    TAVELIN_ASSERT(number < 0 || number != number_);
+    const int old = std::exchange(number_, number);
+    if (old >= 0) {
+        const int kept = errno;
+        ::close(old);
+        errno = kept;
+    }
+}
+
+int FileDescriptor::close() noexcept {
+    TAVELIN_ASSERT(number_ >= 0);
+    return ::close(release()) == 0 ? 0 : errno;
+}
+
+FileDescriptor::Transferred FileDescriptor::readAt(void* into, std::size_t length,
+                                                   std::uint64_t offset) const noexcept {
+    return transferAll(length, 0, [&](std::size_t done, std::size_t wanted) {
+        return ::pread(number_, static_cast<std::byte*>(into) + done, wanted,
+                       static_cast<off_t>(offset + done));
+    });
+}
+
+FileDescriptor::Transferred FileDescriptor::writeAt(const void* from, std::size_t length,
+                                                    std::uint64_t offset) const noexcept {
+    return transferAll(length, ENOSPC, [&](std::size_t done, std::size_t wanted) {
+        return ::pwrite(number_, static_cast<const std::byte*>(from) + done, wanted,
+                        static_cast<off_t>(offset + done));
+    });
+}
+
+FileDescriptor::Transferred FileDescriptor::write(const void* from,
+                                                  std::size_t length) const noexcept {
+    return transferAll(length, ENOSPC, [&](std::size_t done, std::size_t wanted) {
+        return ::write(number_, static_cast<const std::byte*>(from) + done, wanted);
+    });
+}
+
+FileDescriptor::Transferred FileDescriptor::readSome(void* into,
+                                                     std::size_t length) const noexcept {
+    const std::size_t wanted = std::min(length, kTransferBytesMax);
+    const ssize_t count = uninterrupted([&] { return ::read(number_, into, wanted); });
+    return count < 0 ? Transferred{.error = errno}
+                     : Transferred{.bytes = static_cast<std::size_t>(count)};
+}
+
+} // namespace tavelin
