@@ -1,5 +1,6 @@
 #include "hosting/image_file.hpp"
 
+#include "hosting/image_use.hpp"
 #include "hosting/open_error.hpp"
 #include "platform/disk_file.hpp"
 #include "platform/error_numbers.hpp"
@@ -73,18 +74,22 @@ int lockDescriptor(int descriptor, bool exclusive) {
 } // namespace
 
 ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
+    if (const std::string use = otherUse(path, !readOnly); !use.empty()) {
+        throw OpenError(OpenError::Reason::inUse, fromHost(EBUSY), path, use);
+    }
     std::error_code unknown;
-    // A device node that is mounted, or open exclusively elsewhere, refuses O_EXCL.
-    const int exclusive = std::filesystem::is_block_file(path, unknown) ? O_EXCL : 0;
+    // A device that is mounted, or open exclusively elsewhere, refuses O_EXCL. A pipe that is taken
+    // for an image must not be waited for; measure() refuses it.
+    const int flags = std::filesystem::is_block_file(path, unknown) ? O_EXCL : O_NONBLOCK;
     if (!readOnly) {
-        file_ = FileDescriptor(path.c_str(), O_RDWR | exclusive);
+        file_ = FileDescriptor(path.c_str(), O_RDWR | flags);
         writable_ = static_cast<bool>(file_);
         if (!writable_ && errno != EACCES && errno != EPERM && errno != EROFS) {
             cannotOpen(path, errno);
         }
     }
     if (!file_) {
-        file_ = FileDescriptor(path.c_str(), O_RDONLY);
+        file_ = FileDescriptor(path.c_str(), O_RDONLY | flags);
     }
     if (!file_) {
         cannotOpen(path, errno);

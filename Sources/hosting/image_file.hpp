@@ -13,12 +13,14 @@
 namespace tavelin {
 
 /// Owns the descriptor and, through it, the lock on the image: shared for reading, exclusive for
-/// writing, so that no two programs that honour such locks change it under each other. Errors of
-/// the methods are the host's errno. Any thread may call anything.
+/// writing, so that no two programs that honour such locks change it under each other. A block
+/// device is claimed as well, as a mount claims it, so that none is opened that somebody has
+/// mounted, and none is mounted that is open here. Uses that show in neither are refused, see
+/// otherUse(). Errors of the methods are the host's errno. Any thread may call anything.
 class ImageFile {
   public:
     /// Opens for writing, or for reading only when asked to or when the file's permissions, its
-    /// file system or the medium allow no more. Throws OpenError.
+    /// file system or the medium allow no more. Throws OpenError, also when somebody else uses it.
     ImageFile(const std::filesystem::path& path, bool readOnly);
     /// Closes and unlocks before its time; nothing but destruction may follow.
     void close() noexcept { file_.reset(); }
@@ -38,6 +40,7 @@ class ImageFile {
     [[nodiscard]] int flushToMedium();
 
   private:
+    void open(const std::filesystem::path& path, bool readOnly);
     void measure(const std::string& path);
 
     // Whoever needs its writes kept has flushed them; what closing says can help nobody else.

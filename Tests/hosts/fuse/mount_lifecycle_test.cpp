@@ -159,16 +159,16 @@ TEST(MountTable, UnmountsAMountWhereItIsNowAndNeverAnother) {
         EXPECT_EQ(::mount(source, directory.c_str(), "tmpfs", 0, nullptr), 0);
         return *fusehost::findMount(directory);
     };
-    const fusehost::MountEntry moved = mountOther(before);
+    const MountEntry moved = mountOther(before);
     fs::rename(before.parent_path(), after.parent_path());
-    const fusehost::MountEntry atOldPath = mountOther(before), covering = mountOther(after);
+    const MountEntry atOldPath = mountOther(before), covering = mountOther(after);
     EXPECT_EQ(fusehost::unmount(moved, false), EBUSY) << "covered";
     EXPECT_EQ(fusehost::unmount(moved, true), EBUSY) << "covered";
     EXPECT_EQ(fusehost::unmount(covering, false), 0);
     EXPECT_EQ(fusehost::unmount(moved, false), 0);
     EXPECT_FALSE(fusehost::findAgain(moved));
     // Its id and its device number belong to the next mount now.
-    const fusehost::MountEntry next = mountOther(after, "next");
+    const MountEntry next = mountOther(after, "next");
     EXPECT_EQ(fusehost::unmount(moved, true), 0) << "gone already";
     EXPECT_TRUE(fusehost::findAgain(next));
     EXPECT_EQ(fusehost::unmount(next, false), 0);
@@ -214,6 +214,19 @@ TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
     writeFile(mountPoint / "by the helper", content);
     EXPECT_EQ(tavelin({"umount", directory}), 0);
     EXPECT_TRUE(volume_->cat("by the helper") == content);
+
+    // As a shell with a limit starts it, that has a file of its own open.
+    runOrThrow({"bash", "-c", "ulimit -f 49152; exec 9</dev/null; \"$0\" mount \"$1\" \"$2\"",
+                TAVELIN_PROGRAM, image, directory});
+    const std::string server = runOrThrow({"pgrep", "-f", "tavelin mount " + image});
+    EXPECT_FALSE(fs::exists("/proc/" + server.substr(0, server.size() - 1) + "/fd/9") &&
+                 fs::read_symlink("/proc/" + server.substr(0, server.size() - 1) + "/fd/9") ==
+                     "/dev/null");
+    EXPECT_NE(run({"dd", "if=/dev/zero", "of=" + directory + "/big", "bs=1M", "count=60"}).status,
+              0)
+        << "beyond the limit";
+    EXPECT_TRUE(readFile(mountPoint / "by the helper") == content);
+    EXPECT_EQ(tavelin({"umount", directory}), 0);
 
     writeFile(mountPoint / "no volume", content);
     for (const fs::path& none :

@@ -189,6 +189,9 @@ class Mount {
         Outcome<void> finished = volume_->finish();
         Outcome<void> closed = host_->close();
         host_->resource().release();
+        // The mount holds the loop device until it is gone. Held any longer, the image would not be
+        // free again when an unmount returns.
+        loop_.reset();
         for (const Outcome<void>& outcome : {std::move(finished), std::move(closed)}) {
             if (!outcome) {
                 lost_ = true;

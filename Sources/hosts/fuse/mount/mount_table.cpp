@@ -4,9 +4,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <fstream>
 #include <spawn.h>
-#include <sstream>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,37 +12,6 @@
 namespace tavelin::fusehost {
 
 namespace {
-
-// Spaces and the like are written as \ooo.
-std::string unescaped(const std::string& text) {
-    std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size()) {
-            plain += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
-            i += 3;
-        } else {
-            plain += text[i];
-        }
-    }
-    return plain;
-}
-
-// "36 35 98:0 /root /directory rw,noatime master:1 - type source rw,options"
-std::optional<MountEntry> parse(const std::string& line) {
-    std::istringstream words(line);
-    MountEntry entry;
-    std::string parent, root, directory, options, word;
-    words >> entry.id >> parent >> entry.device >> root >> directory >> options;
-    while (words >> word && word != "-") {
-    }
-    if (!(words >> entry.type >> entry.source)) {
-        return std::nullopt;
-    }
-    entry.directory = unescaped(directory);
-    entry.source = unescaped(entry.source);
-    entry.readOnly = options == "ro" || options.starts_with("ro,");
-    return entry;
-}
 
 // The exit status of a child, once it has ended.
 int exitStatusOf(pid_t child) {
@@ -77,10 +44,9 @@ int flagsOf(bool lazy) {
 // topmost.
 template<typename Wanted>
 std::optional<MountEntry> lastMount(Wanted&& wanted) {
-    std::ifstream table("/proc/self/mountinfo");
     std::optional<MountEntry> last;
-    for (std::string line; std::getline(table, line);) {
-        if (std::optional<MountEntry> entry = parse(line); entry && wanted(*entry)) {
+    for (MountEntry& entry : mountTable()) {
+        if (wanted(entry)) {
             last = std::move(entry);
         }
     }

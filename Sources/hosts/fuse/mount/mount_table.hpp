@@ -1,20 +1,12 @@
-/// The kernel's table of mounts, and taking one out of it.
+/// Finding mounts in the kernel's table, and taking one out of it.
 #pragma once
+
+#include "platform/mount_info.hpp"
 
 #include <filesystem>
 #include <optional>
-#include <string>
 
 namespace tavelin::fusehost {
-
-struct MountEntry {
-    int id = 0;         ///< of this mount while it lasts; the kernel gives it to another afterwards
-    std::string device; ///< "major:minor"
-    std::filesystem::path directory;
-    std::string type;   ///< "fuse.tavelin", "fuseblk.tavelin", …
-    std::string source; ///< what is mounted
-    bool readOnly = false;
-};
 
 /// The topmost mount on a directory, given by its absolute path; absent when nothing is mounted
 /// there. Never asks the mounted file system itself.

@@ -1,0 +1,182 @@
+#include "hosting/image_use.hpp"
+
+#if defined(__linux__)
+
+#include "platform/file_descriptor.hpp"
+#include "platform/mount_info.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <fcntl.h>
+#include <fstream>
+#include <limits>
+#include <optional>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#endif
+
+namespace tavelin {
+
+#if defined(__linux__)
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kSysfsSectorBytes = 512; // the unit of sizes and starts in sysfs
+
+/// A file or a device, by what stays the same whatever path leads to it.
+struct Identity {
+    dev_t device;
+    ino_t inode; // 0 for a block device, which is its own device number
+    bool operator==(const Identity&) const = default;
+};
+
+std::optional<Identity> identityOf(const fs::path& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return S_ISBLK(status.st_mode) ? Identity{status.st_rdev, 0}
+                                   : Identity{status.st_dev, status.st_ino};
+}
+
+std::string firstLine(const fs::path& file) {
+    std::ifstream stream(file);
+    std::string line;
+    std::getline(stream, line);
+    return line;
+}
+
+uint64_t numberIn(const fs::path& file) {
+    uint64_t number = 0;
+    std::ifstream(file) >> number;
+    return number;
+}
+
+/// The bytes of a file that a loop device, or a partition of one, stands for.
+struct LoopExtent {
+    fs::path file;
+    uint64_t begin = 0;
+    uint64_t end = std::numeric_limits<uint64_t>::max();
+
+    bool overlaps(const LoopExtent& other) const { return begin < other.end && other.begin < end; }
+};
+
+/// `directory` is the device's directory in sysfs. Absent for what is no loop device in use.
+std::optional<LoopExtent> loopExtent(const fs::path& directory) {
+    const bool partition = fs::exists(directory / "partition");
+    const fs::path disk = partition ? directory / ".." : directory;
+    const std::string file = firstLine(disk / "loop/backing_file");
+    if (file.empty()) {
+        return std::nullopt;
+    }
+    const uint64_t start = partition ? numberIn(directory / "start") * kSysfsSectorBytes : 0;
+    const uint64_t begin = numberIn(disk / "loop/offset") + start;
+    return LoopExtent{file, begin, begin + numberIn(directory / "size") * kSysfsSectorBytes};
+}
+
+/// Another loop device over the same bytes: its own name, or empty.
+std::string loopOver(const LoopExtent& extent, const std::optional<Identity>& except,
+                     bool forWriting) {
+    const std::optional<Identity> image = identityOf(extent.file);
+    std::error_code none;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/sys/block", none)) {
+        const std::string name = entry.path().filename();
+        const auto other = name.starts_with("loop") ? loopExtent(entry.path()) : std::nullopt;
+        if (!other || !other->overlaps(extent) || !image || identityOf(other->file) != image ||
+            identityOf("/dev/" + name) == except) {
+            continue;
+        }
+        // One that cannot write only matters to somebody who will.
+        if (forWriting || numberIn(entry.path() / "ro") == 0) {
+            return name;
+        }
+    }
+    return {};
+}
+
+/// Where the file or device is mounted, as a sentence, or empty. Mounts that cannot write only
+/// matter to somebody who will.
+std::string mountOf(const Identity& identity, bool forWriting) {
+    for (const MountEntry& entry : mountTable()) {
+        // Only file systems of this kind are mounted from an image; asking for the identity of
+        // another's source could hang on a server that is gone.
+        const bool candidate = entry.source.starts_with('/') &&
+                               (entry.type.starts_with("fuse") || entry.type.starts_with("ntfs"));
+        if (candidate && (forWriting || !entry.superReadOnly) &&
+            identityOf(entry.source) == identity) {
+            return "it is mounted on " + entry.directory.string();
+        }
+    }
+    return {};
+}
+
+/// Whether somebody has the file open for writing; false also where this user may not ask. A read
+/// lease is granted only while nobody has.
+bool hasWriter(const fs::path& path) {
+    const FileDescriptor file(path.c_str(), O_RDONLY | O_NONBLOCK);
+    // Somebody who opens the file meanwhile waits until the lease is given back, and we are told of
+    // it by a signal, which must be one that is ignored.
+    (void)::fcntl(file.get(), F_SETSIG, SIGURG);
+    return ::fcntl(file.get(), F_SETLEASE, F_RDLCK) != 0 && errno == EAGAIN;
+}
+
+/// Whether somebody holds a lock on the file that ours would meet.
+bool isLocked(const fs::path& path, bool forWriting) {
+    const FileDescriptor file(path.c_str(), O_RDONLY | O_NONBLOCK);
+    struct flock whole {};
+    whole.l_type = forWriting ? F_WRLCK : F_RDLCK;
+    whole.l_whence = SEEK_SET;
+    return ::fcntl(file.get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+}
+
+/// Uses of the file behind the loop device `identity`. That the device itself is in use shows when
+/// it is opened exclusively.
+std::string useBehindLoop(const Identity& identity, bool forWriting) {
+    const fs::path directory = "/sys/dev/block/" + std::to_string(major(identity.device)) + ":" +
+                               std::to_string(minor(identity.device));
+    const std::optional<LoopExtent> extent = loopExtent(directory);
+    if (!extent) {
+        return {};
+    }
+    if (const std::string loop = loopOver(*extent, identity, forWriting); !loop.empty()) {
+        return "its image is attached to /dev/" + loop + " too";
+    }
+    const std::optional<Identity> image = identityOf(extent->file);
+    if (const std::string mounted = image ? mountOf(*image, forWriting) : ""; !mounted.empty()) {
+        return "its image is in use: " + mounted;
+    }
+    return isLocked(extent->file, forWriting) ? "another program is using its image" : "";
+}
+
+} // namespace
+
+std::string otherUse(const fs::path& path, bool forWriting) {
+    const std::optional<Identity> identity = identityOf(path);
+    if (!identity) {
+        return {};
+    }
+    if (std::string mounted = mountOf(*identity, forWriting); !mounted.empty()) {
+        return mounted;
+    }
+    if (identity->inode == 0) {
+        return useBehindLoop(*identity, forWriting);
+    }
+    if (const std::string loop = loopOver({path}, std::nullopt, forWriting); !loop.empty()) {
+        return "it is attached to /dev/" + loop;
+    }
+    return hasWriter(path) ? "another program has it open for writing" : "";
+}
+
+#else
+
+std::string otherUse(const std::filesystem::path& /*path*/, bool /*forWriting*/) {
+    return {};
+}
+
+#endif
+
+} // namespace tavelin
