@@ -167,5 +167,35 @@ TEST(BadInput, PermissionsOfTheHostHold) {
     EXPECT_EQ(readFile(image), before);
 }
 
+// What a shell or a service manager may start a program with. The image must never become one of
+// the descriptors that messages go to, and a limit is an error like any other.
+TEST(BadInput, TheStartingProgramLeftDescriptorsClosedOrSetLimits) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    const std::string big = volume.directory() / "big";
+    writeFile(big, std::string(8 << 20, 'b'));
+    const std::string before = readFile(image);
+    const struct {
+        std::string shell;
+        int status;
+    } kTable[] = {
+        {"put \"$1\" /nowhere/at/all 2>&-", kFailed},
+        {"put \"$1\" /nowhere/at/all 2>&- <&- >&-", kFailed},
+        {"info \"$1\" >&-", kFailed},
+        {"info \"$1\" >&- 2>&-", kFailed},
+        {"ls \"$1\" <&-", 0},
+    };
+    for (const auto& row : kTable) {
+        const ProcessResult result =
+            run({"sh", "-c", "\"$0\" " + row.shell, TAVELIN_PROGRAM, image});
+        EXPECT_EQ(result.status, row.status) << row.shell << ": " << result.describe();
+        EXPECT_TRUE(readFile(image) == before) << row.shell;
+    }
+    expectRefusal(run({"bash", "-c", "ulimit -f 1024; \"$0\" put \"$1\" \"$2\"", TAVELIN_PROGRAM,
+                       image, big}),
+                  kFailed, "too large");
+    EXPECT_NO_THROW(volume.check());
+}
+
 } // namespace
 } // namespace tavelin::test

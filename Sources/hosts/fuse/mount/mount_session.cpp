@@ -228,6 +228,8 @@ int mountVolume(const MountRequest& request) {
             complain(fmt::format("{}: not a folder", absolute.directory.string()));
             return 1;
         }
+        // A server may outlive whoever started it by months and must hold nothing of theirs open.
+        ::close_range(STDERR_FILENO + 1, ~0u, 0);
         Daemon daemon(request.foreground);
         if (daemon.side() == Daemon::Side::caller) {
             return daemon.awaitServer();
