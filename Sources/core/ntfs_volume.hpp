@@ -149,22 +149,22 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
 
     /// Runs `body` under the lock, so that it overlaps no bridge call of this volume.
     template<typename Body>
-    void withDeviceLock(Body&& body) TAVELIN_EXCLUDES(lock_) {
+    void withDeviceLock(const Body& body) TAVELIN_EXCLUDES(lock_) {
         const MutexLock held(lock_);
-        std::invoke(std::forward<Body>(body));
+        body();
     }
 
     /// Runs `body` with the bridge's handle under the lock and returns its result. The one shape of
     /// all operations. The handle must not leave the body.
     template<typename Body>
-    std::invoke_result_t<Body, ntb_vol*> locked(Body&& body) TAVELIN_EXCLUDES(lock_) {
+    std::invoke_result_t<Body, ntb_vol*> locked(const Body& body) TAVELIN_EXCLUDES(lock_) {
         const MutexLock held(lock_);
         if (vol_ == nullptr) {
             throw NTFSError(kENXIO);
         }
         flushIfNearCapacity();
         const InvariantCheck afterwards(*this);
-        return std::invoke(std::forward<Body>(body), vol_);
+        return body(vol_);
     }
 
     // ---- Items ---------------------------------------------------------------------------------
@@ -180,25 +180,32 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// All entries of a directory, without "." and "..", in the volume's collation order.
     [[nodiscard]] std::vector<NTFSDirEntry> list(std::uint64_t directory);
 
-    /// Make an item and return its inode. Creating a symlink by type makes a file: use symlink().
-    std::uint64_t create(std::string_view name, std::uint64_t parent, NTFSItemType type);
-    std::uint64_t symlink(std::string_view name, std::uint64_t parent, std::string_view target);
-    /// The same, with the attributes of what was made, under one lock.
-    NTFSAttributes createDescribed(std::string_view name, std::uint64_t parent, NTFSItemType type);
-    NTFSAttributes symlinkDescribed(std::string_view name, std::uint64_t parent,
-                                    std::string_view target);
+    // What an operation below answers beside its result is what a caller would ask for next. It is
+    // read under the same lock.
+
+    /// Makes a file or a directory. Creating a symlink by type makes a file: use makeLink().
+    NTFSChange make(std::string_view name, std::uint64_t parent, NTFSItemType type);
+    /// Makes a symbolic link.
+    NTFSChange makeLink(std::string_view name, std::uint64_t parent, std::string_view target);
+    /// The inode alone of what the same operations make.
+    std::uint64_t create(std::string_view name, std::uint64_t parent, NTFSItemType type) {
+        return make(name, parent, type).item.ino;
+    }
+    std::uint64_t symlink(std::string_view name, std::uint64_t parent, std::string_view target) {
+        return makeLink(name, parent, target).item.ino;
+    }
     /// The target of a link, as it is followed in a mount: a link of Windows into this volume leads
     /// there from its own directory, whatever drive letter it has.
     [[nodiscard]] std::string readlink(std::uint64_t ino);
     /// Removes a file's name or an empty directory.
-    void remove(std::string_view name, std::uint64_t parent);
+    NTFSChange remove(std::string_view name, std::uint64_t parent);
     /// Gives a file one more name.
-    void link(std::uint64_t ino, std::string_view name, std::uint64_t parent);
+    NTFSChange link(std::uint64_t ino, std::string_view name, std::uint64_t parent);
     /// How many names a file has, without the 8.3 alias that its link count has in it.
     [[nodiscard]] std::uint32_t countNames(std::uint64_t ino);
     /// Replaces an existing item of the same kind.
-    void rename(std::string_view name, std::uint64_t parent, std::string_view newName,
-                std::uint64_t newParent);
+    NTFSRename rename(std::string_view name, std::uint64_t parent, std::string_view newName,
+                      std::uint64_t newParent);
 
     /// Sets the times that are given and leaves the others alone.
     void setTimes(std::uint64_t ino, const std::optional<std::timespec>& access,
@@ -215,12 +222,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
                                    std::size_t length);
     [[nodiscard]] std::vector<std::byte> read(std::uint64_t ino, std::uint64_t offset,
                                               std::size_t length);
-    /// Writes straight from the caller's memory, extending the file as needed, and returns the
-    /// count. A failure may leave a part written.
-    std::size_t write(std::uint64_t ino, std::uint64_t offset, const std::byte* source,
-                      std::size_t length);
-    /// The same, except that no data is no call: 0 at once, even when unmounted.
-    std::size_t write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data);
+    /// Writes straight from the caller's memory, extending the file as needed. A failure may leave
+    /// a part written. No data is no call: a count of 0 at once, even when unmounted.
+    NTFSWrite write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data);
     /// Grows (reading back as zeroes) or shrinks.
     void truncate(std::uint64_t ino, std::uint64_t size);
     /// Returns once the item, and with it everything changed before, is on the device.

@@ -1,5 +1,6 @@
 // File data and extended attributes.
 #include "core/ntfs_volume.hpp"
+#include "core/private/bridge_attributes.hpp"
 #include "core/private/bridge_text.hpp"
 #include "core/private/listing_box.hpp"
 #include "core/reparse_tags.hpp"
@@ -115,22 +116,25 @@ std::vector<std::byte> NTFSVolume::read(std::uint64_t ino, std::uint64_t offset,
     return data;
 }
 
-std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset, const std::byte* source,
-                              std::size_t length) {
+NTFSWrite NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
+                            std::span<const std::byte> data) {
+    NTFSWrite written;
+    if (data.empty()) {
+        return written;
+    }
     std::uint64_t done = 0;
     const std::int32_t result = locked([&](ntb_vol* vol) {
-        return changeData(*box_.device, vol, ino, [&] {
-            const BulkWriteScope data(*box_.device, vol, length);
-            return ntb_write(vol, ino, offset, source, length, &done);
+        const std::int32_t error = changeData(*box_.device, vol, ino, [&] {
+            const BulkWriteScope bulk(*box_.device, vol, data.size());
+            return ntb_write(vol, ino, offset, data.data(), data.size(), &done);
         });
+        written.item = attributesAfter(vol, ino);
+        written.freeBytes = freeBytesOf(vol);
+        return error;
     });
     checkData(result, ino, "written");
-    return static_cast<std::size_t>(done);
-}
-
-std::size_t NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
-                              std::span<const std::byte> data) {
-    return data.empty() ? 0 : write(ino, offset, data.data(), data.size());
+    written.count = static_cast<std::size_t>(done);
+    return written;
 }
 
 void NTFSVolume::truncate(std::uint64_t ino, std::uint64_t size) {

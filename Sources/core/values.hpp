@@ -9,6 +9,7 @@
 
 #include "platform/checked.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <optional>
@@ -84,6 +85,38 @@ struct NTFSAttributes {
 
     [[nodiscard]] std::uint64_t reference() const noexcept { return itemReference(ino, sequence); }
     bool operator==(const NTFSAttributes&) const = default;
+};
+
+/// What an operation that made, linked or removed a name left behind, read under the operation's
+/// own lock, so that no other change lies in between. Where the directory could not be read after
+/// the change had succeeded, its attributes are absent: the change is not taken back for that.
+struct NTFSChange {
+    NTFSAttributes item; ///< of one that lost its last name: as it was, with a link count of 0
+    std::optional<NTFSAttributes> directory;
+    std::uint64_t freeBytes = 0; ///< of the volume
+
+    bool operator==(const NTFSChange&) const = default;
+};
+
+/// The same of a rename.
+struct NTFSRename {
+    NTFSAttributes item;
+    std::optional<NTFSAttributes> source; ///< the two directories
+    std::optional<NTFSAttributes> destination;
+    /// What the new name stood for: with a link count of 0 when it has no other name.
+    std::optional<NTFSAttributes> replaced;
+    std::uint64_t freeBytes = 0;
+
+    bool operator==(const NTFSRename&) const = default;
+};
+
+/// The same of a write.
+struct NTFSWrite {
+    std::size_t count = 0;              ///< bytes written
+    std::optional<NTFSAttributes> item; ///< absent for a write of nothing
+    std::uint64_t freeBytes = 0;
+
+    bool operator==(const NTFSWrite&) const = default;
 };
 
 /// One name of a directory listing, in UTF-8.

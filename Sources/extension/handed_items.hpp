@@ -40,7 +40,7 @@ class HandedItems {
     void takeBack(FSItem* item) TAVELIN_REQUIRES(mutex_);
 
     TavelinVolume& volume_;
-    mutable Mutex mutex_;
+    mutable Mutex mutex_ TAVELIN_ACQUIRED_BEFORE(volume_.items);
     /// Each object keeps the key it stands under alive.
     std::map<const NItem*, Strong<::NItem*>> handed_ TAVELIN_GUARDED_BY(mutex_);
 };

@@ -248,16 +248,23 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
                    named:(FSFileName *)name
              inDirectory:(FSItem *)directory
             replyHandler:(void (^)(FSFileName *linkName, NSError *error))reply {
-    serve(reply,
-          [&] { return _volume->createLink(toCore(item), toCore(name), toCore(directory)); });
+    serve(reply, [&] {
+        return argumentsOf<FSFileName *, NSError *>(
+            _volume->createLink(toCore(item), toCore(name), toCore(directory)),
+            [](const fskit::FSCreateLinkResult &made) -> std::tuple<FSFileName *, NSError *> {
+                return {toFSKit(made.linkName), nil};
+            });
+    });
 }
 
 - (void)removeItem:(FSItem *)item
              named:(FSFileName *)name
      fromDirectory:(FSItem *)directory
       replyHandler:(void (^)(NSError *error))reply {
-    serve(reply,
-          [&] { return _volume->removeItem(toCore(item), toCore(name), toCore(directory)); });
+    serve(reply, [&] {
+        return tavelin::Outcome<void>::of(
+            _volume->removeItem(toCore(item), toCore(name), toCore(directory)));
+    });
 }
 
 - (void)renameItem:(FSItem *)item
@@ -268,9 +275,13 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
           overItem:(FSItem *)overItem
       replyHandler:(void (^)(FSFileName *newName, NSError *error))reply {
     serve(reply, [&] {
-        return _volume->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
-                                   toCore(destinationName), toCore(destinationDirectory),
-                                   toCore(overItem));
+        return argumentsOf<FSFileName *, NSError *>(
+            _volume->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
+                                toCore(destinationName), toCore(destinationDirectory),
+                                toCore(overItem)),
+            [](const fskit::FSRenameItemResult &renamed) -> std::tuple<FSFileName *, NSError *> {
+                return {toFSKit(renamed.newName), nil};
+            });
     });
 }
 

@@ -24,7 +24,13 @@ using tavelin::toCore;
                toFile:(FSItem *)item
              atOffset:(off_t)offset
          replyHandler:(void (^)(size_t actuallyWritten, NSError *error))reply {
-    serve(reply, [&] { return _volume->write(tavelin::bytesOf(contents), toCore(item), offset); });
+    serve(reply, [&] {
+        return tavelin::argumentsOf<size_t, NSError *>(
+            _volume->write(tavelin::bytesOf(contents), toCore(item), offset),
+            [](const fskit::FSWriteFileResult &written) -> std::tuple<size_t, NSError *> {
+                return {written.bytesWritten, nil};
+            });
+    });
 }
 
 - (BOOL)isOpenCloseInhibited {

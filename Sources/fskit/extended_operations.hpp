@@ -37,8 +37,9 @@ class ExtendedOperations {
     attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) = 0;
     /// Gives a file a name of the host's own, beside those that users see: FSKit's hard links are
     /// refused, but a host keeps a file alive by this when its last name is taken by another.
-    virtual Outcome<void> linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                                       const fskit::FSItemRef& directory) = 0;
+    virtual Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,
+                                                            const fskit::FSFileName& name,
+                                                            const fskit::FSItemRef& directory) = 0;
     /// How many names a file has to lose. Its link count may be one more: an 8.3 alias counts, and
     /// goes with the name it belongs to.
     virtual Outcome<std::size_t> countNames(const fskit::FSItemRef& item) = 0;

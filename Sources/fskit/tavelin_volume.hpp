@@ -135,8 +135,9 @@ class TavelinVolume final : public fskit::FSVolume,
                        fskit::FSDirectoryEntryPacker& packer) override;
     Outcome<std::size_t> read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
                               fskit::FSMutableFileDataBuffer& buffer) override;
-    Outcome<std::size_t> write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
-                               std::int64_t offset) override;
+    Outcome<fskit::FSWriteFileResult> write(std::span<const std::byte> contents,
+                                            const fskit::FSItemRef& item,
+                                            std::int64_t offset) override;
 
     /// Files and directories only (kENOTSUP). Attributes that cannot be applied do not undo it.
     Outcome<fskit::FSCreateItemResult>
@@ -149,17 +150,18 @@ class TavelinVolume final : public fskit::FSVolume,
                        fskit::FSItemSetAttributesRequest& attributes,
                        const fskit::FSFileName& linkContents) override;
     /// Always kENOTSUP: hard links are never made.
-    Outcome<fskit::FSFileName> createLink(const fskit::FSItemRef& item,
-                                          const fskit::FSFileName& name,
-                                          const fskit::FSItemRef& directory) override;
-    Outcome<void> removeItem(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                             const fskit::FSItemRef& directory) override;
-    Outcome<fskit::FSFileName> renameItem(const fskit::FSItemRef& item,
-                                          const fskit::FSItemRef& sourceDirectory,
-                                          const fskit::FSFileName& sourceName,
-                                          const fskit::FSFileName& destinationName,
-                                          const fskit::FSItemRef& destinationDirectory,
-                                          const fskit::FSItemRef& overItem) override;
+    Outcome<fskit::FSCreateLinkResult> createLink(const fskit::FSItemRef& item,
+                                                  const fskit::FSFileName& name,
+                                                  const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSRemoveItemResult> removeItem(const fskit::FSItemRef& item,
+                                                  const fskit::FSFileName& name,
+                                                  const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSRenameItemResult> renameItem(const fskit::FSItemRef& item,
+                                                  const fskit::FSItemRef& sourceDirectory,
+                                                  const fskit::FSFileName& sourceName,
+                                                  const fskit::FSFileName& destinationName,
+                                                  const fskit::FSItemRef& destinationDirectory,
+                                                  const fskit::FSItemRef& overItem) override;
 
     Outcome<std::vector<std::byte>> getXattr(const fskit::FSFileName& name,
                                              const fskit::FSItemRef& item) override;
@@ -176,8 +178,9 @@ class TavelinVolume final : public fskit::FSVolume,
     [[nodiscard]] std::size_t liveItems() const override TAVELIN_EXCLUDES(items);
     Outcome<fskit::FSLookupItemResult>
     attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) override;
-    Outcome<void> linkInternal(const fskit::FSItemRef& item, const fskit::FSFileName& name,
-                               const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,
+                                                    const fskit::FSFileName& name,
+                                                    const fskit::FSItemRef& directory) override;
     Outcome<std::size_t> countNames(const fskit::FSItemRef& item) override;
     Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
                                    const fskit::FSItemRef& item) override;
@@ -208,9 +211,12 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Fills in the attributes of an item that is reached through `parent`, a record number.
     void describe(const NTFSAttributes& record, std::uint64_t parent,
                   fskit::FSItemAttributes& result) const;
+    /// The same of one that may not have been readable: then no attribute is valid.
+    fskit::FSItemAttributes described(const std::optional<NTFSAttributes>& record,
+                                      std::uint64_t parent) const;
     fskit::FSLookupItemResult found(const NTFSAttributes& record, std::uint64_t parent,
                                     const fskit::FSFileName& name);
-    fskit::FSCreateItemResult created(const NTFSAttributes& record, NItem& parent,
+    fskit::FSCreateItemResult created(const NTFSChange& change, NItem& parent,
                                       const fskit::FSFileName& name);
     /// Applies the attributes that an item is made with, as far as that goes.
     void applyToNew(fskit::FSItemSetAttributesRequest& request, fskit::FSCreateItemResult& fresh);

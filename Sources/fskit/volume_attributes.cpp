@@ -8,8 +8,6 @@ namespace tavelin {
 
 namespace {
 
-constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN of macOS's <sys/stat.h>
-
 /// The time that is asked for, absent when it is to be left alone.
 std::optional<std::timespec> wanted(const fskit::FSItemAttributes& request,
                                     fskit::FSItemAttributeSet bit, const std::timespec& time) {
@@ -30,7 +28,7 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
     result.setUid(uid_);
     result.setGid(gid_);
     result.setLinkCount(record.linkCount);
-    result.setFlags(record.hidden ? kHiddenFlag : 0);
+    result.setFlags(record.hidden ? fskit::kHiddenFlag : 0);
     result.setSize(record.size);
     result.setAllocSize(record.allocSize);
     result.setFileID(fileID);
@@ -47,6 +45,15 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
                       .dataState = static_cast<fskit::FSItemDataState>(record.dataState),
                       .volumeLink = record.volumeLink,
                       .device = record.device});
+}
+
+fskit::FSItemAttributes TavelinVolume::described(const std::optional<NTFSAttributes>& record,
+                                                 std::uint64_t parent) const {
+    fskit::FSItemAttributes result;
+    if (record) {
+        describe(*record, parent, result);
+    }
+    return result;
 }
 
 void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NItem& item) {
@@ -68,7 +75,7 @@ void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NIte
         request.consumedAttributes |= request.validAttributes() & kTimes;
     }
     if (request.isValid(Bit::flags)) {
-        ntfs->setHidden(item.reference, (request.flags() & kHiddenFlag) != 0);
+        ntfs->setHidden(item.reference, (request.flags() & fskit::kHiddenFlag) != 0);
         request.consumedAttributes |= Bit::flags;
     }
     // Permissions and ownership are accepted and ignored: NTFS has none that a host could set.

@@ -27,12 +27,15 @@ Outcome<std::size_t> TavelinVolume::read(const fskit::FSItemRef& item, std::int6
     });
 }
 
-Outcome<std::size_t> TavelinVolume::write(std::span<const std::byte> contents,
-                                          const fskit::FSItemRef& item, std::int64_t offset) {
+Outcome<fskit::FSWriteFileResult> TavelinVolume::write(std::span<const std::byte> contents,
+                                                       const fskit::FSItemRef& item,
+                                                       std::int64_t offset) {
     return attempt<"write">([&] {
         const NItem& own = n(item);
         requireChangeable();
-        return ntfs->write(own.reference, unsignedOffset(offset), contents);
+        const NTFSWrite written = ntfs->write(own.reference, unsignedOffset(offset), contents);
+        return fskit::FSWriteFileResult{written.count, described(written.item, own.parent),
+                                        written.freeBytes};
     });
 }
 

@@ -13,11 +13,15 @@ fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std
     return result;
 }
 
-fskit::FSCreateItemResult TavelinVolume::created(const NTFSAttributes& record, NItem& parent,
+fskit::FSCreateItemResult TavelinVolume::created(const NTFSChange& change, NItem& parent,
                                                  const fskit::FSFileName& name) {
     changed(parent);
-    fskit::FSCreateItemResult result{handOut(record.reference(), parent.ino), name, {}};
-    describe(record, parent.ino, result.newItemAttributes);
+    fskit::FSCreateItemResult result{handOut(change.item.reference(), parent.ino),
+                                     name,
+                                     {},
+                                     described(change.directory, parent.parent),
+                                     change.freeBytes};
+    describe(change.item, parent.ino, result.newItemAttributes);
     return result;
 }
 
@@ -49,7 +53,7 @@ TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type
         requireChangeable();
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
         fskit::FSCreateItemResult result =
-            created(ntfs->createDescribed(name(named), parent.reference, kind), parent, named);
+            created(ntfs->make(name(named), parent.reference, kind), parent, named);
         newAttributes.consumedAttributes = 0;
         if (newAttributes.validAttributes() != 0) {
             applyToNew(newAttributes, result);
@@ -77,53 +81,58 @@ TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::F
         NItem& parent = n(directory);
         requireChangeable();
         const std::string_view linkName = name(named);
-        return created(ntfs->symlinkDescribed(linkName, parent.reference, name(linkContents)),
-                       parent, named);
+        return created(ntfs->makeLink(linkName, parent.reference, name(linkContents)), parent,
+                       named);
     });
 }
 
-Outcome<fskit::FSFileName> TavelinVolume::createLink(const fskit::FSItemRef& /*item*/,
-                                                     const fskit::FSFileName& /*named*/,
-                                                     const fskit::FSItemRef& /*directory*/) {
+Outcome<fskit::FSCreateLinkResult>
+TavelinVolume::createLink(const fskit::FSItemRef& /*item*/, const fskit::FSFileName& /*named*/,
+                          const fskit::FSItemRef& /*directory*/) {
     countRequest<"createLink">();
     return fskit::fs_errorForPOSIXError(kENOTSUP);
 }
 
-Outcome<void> TavelinVolume::linkInternal(const fskit::FSItemRef& item,
-                                          const fskit::FSFileName& named,
-                                          const fskit::FSItemRef& directory) {
+Outcome<fskit::FSCreateLinkResult> TavelinVolume::linkInternal(const fskit::FSItemRef& item,
+                                                               const fskit::FSFileName& named,
+                                                               const fskit::FSItemRef& directory) {
     return request<"createLink">([&] {
         const std::uint64_t file = n(item).reference;
         NItem& parent = n(directory);
         requireChangeable();
-        ntfs->link(file, name(named), parent.reference);
+        const NTFSChange change = ntfs->link(file, name(named), parent.reference);
         changed(parent);
+        return fskit::FSCreateLinkResult{named, described(change.item, parent.ino),
+                                         described(change.directory, parent.parent),
+                                         change.freeBytes};
     });
 }
 
-Outcome<void> TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/,
-                                        const fskit::FSFileName& named,
-                                        const fskit::FSItemRef& directory) {
+Outcome<fskit::FSRemoveItemResult> TavelinVolume::removeItem(const fskit::FSItemRef& /*item*/,
+                                                             const fskit::FSFileName& named,
+                                                             const fskit::FSItemRef& directory) {
     return request<"removeItem">([&] {
         NItem& parent = n(directory);
         requireChangeable();
-        ntfs->remove(name(named), parent.reference);
+        const NTFSChange change = ntfs->remove(name(named), parent.reference);
         changed(parent);
+        return fskit::FSRemoveItemResult{described(change.item, parent.ino),
+                                         described(change.directory, parent.parent),
+                                         change.freeBytes};
     });
 }
 
-Outcome<fskit::FSFileName> TavelinVolume::renameItem(const fskit::FSItemRef& moved,
-                                                     const fskit::FSItemRef& sourceDirectory,
-                                                     const fskit::FSFileName& sourceName,
-                                                     const fskit::FSFileName& destinationName,
-                                                     const fskit::FSItemRef& destinationDirectory,
-                                                     const fskit::FSItemRef& /*overItem*/) {
+Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
+    const fskit::FSItemRef& moved, const fskit::FSItemRef& sourceDirectory,
+    const fskit::FSFileName& sourceName, const fskit::FSFileName& destinationName,
+    const fskit::FSItemRef& destinationDirectory, const fskit::FSItemRef& /*overItem*/) {
     return request<"renameItem">([&] {
         NItem& from = n(sourceDirectory);
         NItem& to = n(destinationDirectory);
         requireChangeable();
         const std::string_view oldName = name(sourceName);
-        ntfs->rename(oldName, from.reference, name(destinationName), to.reference);
+        const NTFSRename change =
+            ntfs->rename(oldName, from.reference, name(destinationName), to.reference);
         if (moved != nullptr) {
             n(moved).parent = to.ino;
         }
@@ -131,7 +140,16 @@ Outcome<fskit::FSFileName> TavelinVolume::renameItem(const fskit::FSItemRef& mov
         // other names, and must not get a second item while the host holds this one.
         changed(from);
         changed(to);
-        return destinationName;
+        fskit::FSRenameItemResult result{destinationName,
+                                         described(change.item, to.ino),
+                                         described(change.source, from.parent),
+                                         described(change.destination, to.parent),
+                                         {},
+                                         change.freeBytes};
+        if (change.replaced) {
+            result.overItemAttributes = described(change.replaced, to.ino);
+        }
+        return result;
     });
 }
 

@@ -144,13 +144,13 @@ Outcome<Found> VolumeClient::createSymbolicLink(const ItemRef& directory, std::s
     return take(std::move(*made));
 }
 
-Outcome<void> VolumeClient::createLink(const ItemRef& item, const ItemRef& directory,
-                                       std::string_view name) {
-    return Outcome<void>::of(volume_->createLink(item.item(), FSFileName(name), directory.item()));
+Outcome<fskit::FSCreateLinkResult>
+VolumeClient::createLink(const ItemRef& item, const ItemRef& directory, std::string_view name) {
+    return volume_->createLink(item.item(), FSFileName(name), directory.item());
 }
 
-Outcome<void> VolumeClient::linkInternal(const ItemRef& item, const ItemRef& directory,
-                                         std::string_view name) {
+Outcome<fskit::FSCreateLinkResult>
+VolumeClient::linkInternal(const ItemRef& item, const ItemRef& directory, std::string_view name) {
     return volume_->linkInternal(item.item(), FSFileName(name), directory.item());
 }
 
@@ -158,17 +158,16 @@ Outcome<std::size_t> VolumeClient::countNames(const ItemRef& item) {
     return volume_->countNames(item.item());
 }
 
-Outcome<void> VolumeClient::remove(const ItemRef& item, const ItemRef& directory,
-                                   std::string_view name) {
+Outcome<fskit::FSRemoveItemResult>
+VolumeClient::remove(const ItemRef& item, const ItemRef& directory, std::string_view name) {
     return volume_->removeItem(item.item(), FSFileName(name), directory.item());
 }
 
-Outcome<void> VolumeClient::rename(const ItemRef& item, const ItemRef& fromDirectory,
-                                   std::string_view fromName, const ItemRef& toDirectory,
-                                   std::string_view toName, const ItemRef& over) {
-    return Outcome<void>::of(volume_->renameItem(item.item(), fromDirectory.item(),
-                                                 FSFileName(fromName), FSFileName(toName),
-                                                 toDirectory.item(), over.item()));
+Outcome<fskit::FSRenameItemResult>
+VolumeClient::rename(const ItemRef& item, const ItemRef& fromDirectory, std::string_view fromName,
+                     const ItemRef& toDirectory, std::string_view toName, const ItemRef& over) {
+    return volume_->renameItem(item.item(), fromDirectory.item(), FSFileName(fromName),
+                               FSFileName(toName), toDirectory.item(), over.item());
 }
 
 // ---- Data --------------------------------------------------------------------------------------
@@ -193,8 +192,8 @@ Outcome<std::size_t> VolumeClient::read(const ItemRef& item, std::uint64_t offse
     return volume_->read(item.item(), static_cast<std::int64_t>(offset), into.size(), buffer);
 }
 
-Outcome<std::size_t> VolumeClient::write(const ItemRef& item, std::uint64_t offset,
-                                         Bytes contents) {
+Outcome<fskit::FSWriteFileResult> VolumeClient::write(const ItemRef& item, std::uint64_t offset,
+                                                      Bytes contents) {
     if (offset > kOffsetMax) {
         return fskit::fs_errorForPOSIXError(kEFBIG);
     }

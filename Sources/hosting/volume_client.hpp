@@ -75,18 +75,20 @@ class VolumeClient {
     Outcome<Found> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type);
     Outcome<Found> createSymbolicLink(const ItemRef& directory, std::string_view name,
                                       std::string_view target);
-    Outcome<void> createLink(const ItemRef& item, const ItemRef& directory, std::string_view name);
+    Outcome<fskit::FSCreateLinkResult> createLink(const ItemRef& item, const ItemRef& directory,
+                                                  std::string_view name);
     /// Gives a file a name of the host's own, see ExtendedOperations.
-    Outcome<void> linkInternal(const ItemRef& item, const ItemRef& directory,
-                               std::string_view name);
+    Outcome<fskit::FSCreateLinkResult> linkInternal(const ItemRef& item, const ItemRef& directory,
+                                                    std::string_view name);
     /// How many names a file has to lose, see ExtendedOperations.
     Outcome<std::size_t> countNames(const ItemRef& item);
     /// `item` is what the name stands for, as for FSKit, which has looked it up before.
-    Outcome<void> remove(const ItemRef& item, const ItemRef& directory, std::string_view name);
+    Outcome<fskit::FSRemoveItemResult> remove(const ItemRef& item, const ItemRef& directory,
+                                              std::string_view name);
     /// `over` is the item that the new name stands for so far, empty when there is none.
-    Outcome<void> rename(const ItemRef& item, const ItemRef& fromDirectory,
-                         std::string_view fromName, const ItemRef& toDirectory,
-                         std::string_view toName, const ItemRef& over);
+    Outcome<fskit::FSRenameItemResult> rename(const ItemRef& item, const ItemRef& fromDirectory,
+                                              std::string_view fromName, const ItemRef& toDirectory,
+                                              std::string_view toName, const ItemRef& over);
 
     // ---- Data ----------------------------------------------------------------------------------
 
@@ -95,7 +97,8 @@ class VolumeClient {
     void close(const ItemRef& item, fskit::FSVolumeOpenModes modes);
     /// Answers the bytes read: fewer than `into` holds at the end of the file.
     Outcome<std::size_t> read(const ItemRef& item, std::uint64_t offset, std::span<std::byte> into);
-    Outcome<std::size_t> write(const ItemRef& item, std::uint64_t offset, Bytes contents);
+    Outcome<fskit::FSWriteFileResult> write(const ItemRef& item, std::uint64_t offset,
+                                            Bytes contents);
 
     // ---- Extended attributes -------------------------------------------------------------------
 

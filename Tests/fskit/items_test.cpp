@@ -216,11 +216,11 @@ TEST_F(Items, RenamingMovesTheItem) {
     EXPECT_EQ(*ask.lookup(directory, "b"), replaced);
     EXPECT_EQ(attributesOf(moved).parentID(), fskit::FSItemIDRootDirectory);
 
-    EXPECT_EQ(ask.rename(moved, root, "a", directory, "b", replaced)->data(), "b");
+    EXPECT_EQ(ask.rename(moved, root, "a", directory, "b", replaced)->newName.data(), "b");
     EXPECT_EQ(attributesOf(moved).parentID(), inodeOf(directory));
     EXPECT_EQ(*ask.lookup(directory, "b"), moved);
     EXPECT_EQ(ask.attributes(replaced).code(), kESTALE);
-    EXPECT_EQ(ask.rename(moved, directory, "b", directory, "B", moved)->data(), "B");
+    EXPECT_EQ(ask.rename(moved, directory, "b", directory, "B", moved)->newName.data(), "B");
     EXPECT_EQ(*ask.lookup(directory, "B"), moved) << "not replaced by itself";
 
     EXPECT_EQ(list(root, 0), (Names{".>1", "..>2", "folder>3"}));
@@ -228,6 +228,57 @@ TEST_F(Items, RenamingMovesTheItem) {
     EXPECT_EQ(ask.rename(nullptr, directory, "B", directory, "c").code(), 0);
     list(root, 0);
     EXPECT_EQ(verifier, before + 2);
+}
+
+TEST_F(Items, ChangesAnswerWhatTheyLeave) {
+    auto ask = requests();
+    TavelinVolume& v = volume();
+    FSItemSetAttributesRequest none;
+    const auto named = [](const char* text) { return fskit::FSFileName(text); };
+    const auto isNow = [&](const Item& item, const fskit::FSItemAttributes& told) {
+        const auto now = attributesOf(item);
+        return told.validAttributes() == now.validAttributes() && told.fileID() == now.fileID() &&
+               told.parentID() == now.parentID() && told.size() == now.size() &&
+               told.linkCount() == now.linkCount() && same(told.modifyTime(), now.modifyTime());
+    };
+    const auto freeNow = [&] { return v.volumeStatistics().freeBytes; };
+    const Item directory = *ask.create(root, "folder", Type::directory);
+
+    const auto made = v.createItem(named("a"), Type::file, directory, none).get();
+    EXPECT_TRUE(isNow(made.newItem, made.newItemAttributes));
+    EXPECT_TRUE(isNow(directory, made.directoryAttributes));
+    EXPECT_EQ(made.directoryAttributes.parentID(), fskit::FSItemIDRootDirectory);
+    EXPECT_EQ(made.freeSpace, freeNow());
+
+    const auto before = freeNow();
+    const auto written = v.write(bytesOf(std::string(50000, 'x')), made.newItem, 0).get();
+    EXPECT_EQ(written.bytesWritten, 50000u);
+    EXPECT_TRUE(isNow(made.newItem, written.itemAttributes));
+    EXPECT_EQ(written.freeSpace, freeNow());
+    EXPECT_EQ(written.freeSpace, before - written.itemAttributes.allocSize());
+
+    const auto linked = v.linkInternal(made.newItem, named("second"), root).get();
+    EXPECT_EQ(linked.linkAttributes.linkCount(), 2u);
+    EXPECT_TRUE(isNow(root, linked.directoryAttributes));
+
+    const Item over = *ask.create(root, "b");
+    auto renamed = v.renameItem(made.newItem, directory, named("a"), named("b"), root, over).get();
+    EXPECT_TRUE(isNow(made.newItem, renamed.renamedItemAttributes));
+    EXPECT_TRUE(isNow(directory, renamed.sourceDirectoryAttributes));
+    EXPECT_TRUE(isNow(root, renamed.destinationDirectoryAttributes));
+    EXPECT_EQ(renamed.overItemAttributes->fileID(), inodeOf(over));
+    EXPECT_EQ(renamed.overItemAttributes->linkCount(), 0u);
+    renamed = v.renameItem(made.newItem, root, named("b"), named("c"), directory, nullptr).get();
+    EXPECT_FALSE(renamed.overItemAttributes);
+
+    auto removed = v.removeItem(made.newItem, named("second"), root).get();
+    EXPECT_EQ(removed.itemAttributes.linkCount(), 1u) << "it has another name";
+    EXPECT_TRUE(isNow(root, removed.directoryAttributes));
+    removed = v.removeItem(made.newItem, named("c"), directory).get();
+    EXPECT_EQ(removed.itemAttributes.linkCount(), 0u);
+    EXPECT_EQ(removed.itemAttributes.size(), 50000u) << "as it was";
+    EXPECT_EQ(removed.freeSpace, freeNow());
+    EXPECT_GT(removed.freeSpace, written.freeSpace);
 }
 
 TEST_F(Items, AnItemWhoseFileIsGoneNeverStandsForTheNextFileInItsRecord) {

@@ -103,6 +103,17 @@ TEST_F(Module, WhatIsNoVolumeIsNotRecognisedAndNotLoaded) {
                       {"first", FieldValue::List{FieldValue("loadResource:22")}}}));
 }
 
+TEST_F(Module, LinksAreMadeInTheFormThatTheLoadAskedFor) {
+    for (const char* form : {"windows", "interix"}) {
+        start({"-o", std::string("symlinks=") + form});
+        const Item link = *requests().symlink(root, form, "folder/file");
+        const auto tag = requests().attributes(link)->native().reparseTag;
+        EXPECT_EQ(tag != 0, form == std::string("windows")) << "Interix links have no tag";
+        EXPECT_EQ(requests().readlink(link)->data(), "folder/file");
+        EXPECT_EQ(unload(), 0);
+    }
+}
+
 TEST_F(Module, LoadObeysOptionsAndMedium) {
     struct Case {
         Options options;

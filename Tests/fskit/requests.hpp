@@ -141,7 +141,8 @@ class Requests {
         return {text};
     }
     auto write(const Item& item, std::int64_t offset, std::string_view text) {
-        return Answer{volume_.write(bytesOf(text), item, offset)};
+        const auto written = volume_.write(bytesOf(text), item, offset);
+        return Answer{written ? Outcome(written->bytesWritten) : written.error()};
     }
     auto xattr(const Item& item, std::string_view name) {
         return Answer{volume_.getXattr(Name(name), item)};

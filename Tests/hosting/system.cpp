@@ -144,7 +144,8 @@ Answer System::onItem(const Operation& op) {
         }
         if (op.verb == Verb::write) {
             const std::string content = pattern(op.seed, op.other);
-            return {.data = std::to_string(volume().write(item, offset, bytes(content)).get())};
+            return {.data = std::to_string(
+                        volume().write(item, offset, bytes(content)).get().bytesWritten)};
         }
         changes.setSize(offset);
         volume().setAttributes(item, changes).get();

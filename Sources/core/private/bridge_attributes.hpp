@@ -1,8 +1,10 @@
-/// The bridge's attributes of an item as the core's.
+/// The bridge's attributes of an item as the core's, and what operations tell of what they left.
 #pragma once
 
 #include "NTFSBridge/ntb.h"
 #include "core/values.hpp"
+
+#include <optional>
 
 namespace tavelin {
 
@@ -30,6 +32,22 @@ namespace tavelin {
             .modifyTime = timespecOf(record.modify_time),
             .changeTime = timespecOf(record.change_time),
             .birthTime = timespecOf(record.birth_time)};
+}
+
+/// The attributes of an item that an operation has just changed; absent when they cannot be read,
+/// which is no failure of the operation. Under the volume's lock.
+[[nodiscard]] inline std::optional<NTFSAttributes> attributesAfter(ntb_vol* vol,
+                                                                   std::uint64_t ino) noexcept {
+    ntb_attr record{};
+    return ntb_getattr(vol, ino, &record) == 0 ? std::optional(attributesOf(record)) : std::nullopt;
+}
+
+/// Free space of the volume, in bytes. Under the volume's lock.
+[[nodiscard]] inline std::uint64_t freeBytesOf(ntb_vol* vol) {
+    ntb_statfs record{};
+    static_cast<void>(ntb_statfs_get(vol, &record)); // always 0
+    return NTFSStatFS{.clusterSize = record.clusterSize, .freeClusters = record.freeClusters}
+        .freeBytes();
 }
 
 } // namespace tavelin

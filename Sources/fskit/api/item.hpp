@@ -50,6 +50,9 @@ inline constexpr FSItemAttributeSet supportsLimitedXAttrs = 1u << 16;
 inline constexpr FSItemAttributeSet inhibitKernelOffloadedIO = 1u << 17;
 } // namespace FSItemAttribute
 
+/// In an item's flags: kept out of listings by default. UF_HIDDEN of macOS's <sys/stat.h>.
+inline constexpr std::uint32_t kHiddenFlag = 0x8000;
+
 /// One file-system object, whatever the number of its names: at most one live FSItem per object.
 /// Handed out as std::shared_ptr; a volume derives from it for its own state.
 class FSItem {

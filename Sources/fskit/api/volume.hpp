@@ -30,19 +30,54 @@ namespace fskit {
 
 using FSItemRef = std::shared_ptr<FSItem>;
 
-/// What a lookup found: the item, its name as the volume stores it, and its attributes, all read
-/// without another change in between.
+// What requests answer. Beside its own result, a request that changes something tells what the host
+// would ask for next: the attributes of what it changed and the free space in bytes, all read
+// without another change in between. Attributes of which none is valid could not be read; the
+// change stands all the same.
+
+/// `itemName` is the name as the volume stores it.
 struct FSLookupItemResult {
     FSItemRef foundItem;
     FSFileName itemName;
     FSItemAttributes itemAttributes;
 };
 
-/// The same of what a request made.
 struct FSCreateItemResult {
     FSItemRef newItem;
     FSFileName newItemName;
     FSItemAttributes newItemAttributes;
+    FSItemAttributes directoryAttributes;
+    std::uint64_t freeSpace = 0;
+};
+
+struct FSCreateLinkResult {
+    FSFileName linkName;
+    FSItemAttributes linkAttributes;
+    FSItemAttributes directoryAttributes;
+    std::uint64_t freeSpace = 0;
+};
+
+/// An item that lost its last name has a link count of 0.
+struct FSRemoveItemResult {
+    FSItemAttributes itemAttributes;
+    FSItemAttributes directoryAttributes;
+    std::uint64_t freeSpace = 0;
+};
+
+struct FSRenameItemResult {
+    FSFileName newName;
+    FSItemAttributes renamedItemAttributes;
+    FSItemAttributes sourceDirectoryAttributes;
+    FSItemAttributes destinationDirectoryAttributes;
+    /// Of the item that the new name stood for, absent when there was none.
+    std::optional<FSItemAttributes> overItemAttributes;
+    std::uint64_t freeSpace = 0;
+};
+
+struct FSWriteFileResult {
+    std::size_t bytesWritten = 0;
+    FSItemAttributes itemAttributes;
+    std::uint64_t freeSpace = 0;
 };
 
 /// Base of all volumes: identity and name.
@@ -114,17 +149,16 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
                                                            const FSItemRef& directory,
                                                            FSItemSetAttributesRequest& attributes,
                                                            const FSFileName& linkContents) = 0;
-    /// Answers the name as it was stored, as renameItem() does.
-    virtual Outcome<FSFileName> createLink(const FSItemRef& item, const FSFileName& name,
-                                           const FSItemRef& directory) = 0;
-    virtual Outcome<void> removeItem(const FSItemRef& item, const FSFileName& name,
-                                     const FSItemRef& directory) = 0;
+    /// The names in the answers of this and of renameItem() are those that were stored.
+    virtual Outcome<FSCreateLinkResult> createLink(const FSItemRef& item, const FSFileName& name,
+                                                   const FSItemRef& directory) = 0;
+    virtual Outcome<FSRemoveItemResult> removeItem(const FSItemRef& item, const FSFileName& name,
+                                                   const FSItemRef& directory) = 0;
     /// `overItem` is the item being replaced, null when there is none.
-    virtual Outcome<FSFileName> renameItem(const FSItemRef& item, const FSItemRef& sourceDirectory,
-                                           const FSFileName& sourceName,
-                                           const FSFileName& destinationName,
-                                           const FSItemRef& destinationDirectory,
-                                           const FSItemRef& overItem) = 0;
+    virtual Outcome<FSRenameItemResult>
+    renameItem(const FSItemRef& item, const FSItemRef& sourceDirectory,
+               const FSFileName& sourceName, const FSFileName& destinationName,
+               const FSItemRef& destinationDirectory, const FSItemRef& overItem) = 0;
     /// `attributes` null asks for a plain listing with "." and "..", otherwise they are left out.
     /// Answers the verifier to pass with the next cookie.
     virtual Outcome<FSDirectoryVerifier>
@@ -136,11 +170,11 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
 class FSVolumeReadWriteOperations {
   public:
     virtual ~FSVolumeReadWriteOperations() = default;
-    /// Both answer the bytes that were transferred.
+    /// Answers the bytes that were read.
     virtual Outcome<std::size_t> read(const FSItemRef& item, std::int64_t offset,
                                       std::size_t length, FSMutableFileDataBuffer& buffer) = 0;
-    virtual Outcome<std::size_t> write(std::span<const std::byte> contents, const FSItemRef& item,
-                                       std::int64_t offset) = 0;
+    virtual Outcome<FSWriteFileResult> write(std::span<const std::byte> contents,
+                                             const FSItemRef& item, std::int64_t offset) = 0;
 };
 
 class FSVolumeOpenCloseOperations {

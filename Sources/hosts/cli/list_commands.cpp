@@ -17,9 +17,6 @@ namespace {
 using JSON = nlohmann::ordered_json;
 using fskit::FSItemType;
 
-/// UF_HIDDEN of macOS's <sys/stat.h>, the numbering of the flags that items carry.
-constexpr std::uint32_t kHiddenFlag = 0x8000;
-
 struct ListCommand {
     VolumeArguments volume;
     std::vector<std::string> paths;
@@ -74,7 +71,7 @@ JSON asJSON(const std::string& path, const fskit::FSItemAttributes& attributes,
                 {"id", attributes.fileID()},
                 {"links", attributes.linkCount()},
                 {"mode", attributes.mode() & 07777},
-                {"hidden", (attributes.flags() & kHiddenFlag) != 0},
+                {"hidden", (attributes.flags() & fskit::kHiddenFlag) != 0},
                 {"modified", isoTime(attributes.modifyTime())},
                 {"accessed", isoTime(attributes.accessTime())},
                 {"changed", isoTime(attributes.changeTime())},
@@ -168,7 +165,8 @@ class Lister {
     }
 
     [[nodiscard]] bool isShown(const DirectoryEntry& entry) const {
-        const bool hidden = entry.attributes && (entry.attributes->flags() & kHiddenFlag) != 0;
+        const bool hidden =
+            entry.attributes && (entry.attributes->flags() & fskit::kHiddenFlag) != 0;
         return command_.all || (!hidden && !entry.name.starts_with('.'));
     }
 
@@ -243,7 +241,7 @@ void printAttributes(const std::string& path, const fskit::FSItemAttributes& att
     row("path", shown(path) + (target ? " -> " + shown(*target) : ""));
     const std::string_view kind = nativeKind(attributes);
     row("type", fmt::format("{}{}{}{}", typeName(attributes.type()), kind.empty() ? "" : ", ", kind,
-                            (attributes.flags() & kHiddenFlag) != 0 ? ", hidden" : ""));
+                            (attributes.flags() & fskit::kHiddenFlag) != 0 ? ", hidden" : ""));
     const fskit::FSItemNativeAttributes& native = attributes.native();
     if (native.reparseTag != 0) {
         row("reparse tag",

@@ -385,7 +385,7 @@ TEST(Journal, KeepsFreedClustersUntilTheyAreFreeAfterACutToo) {
     for (const auto& [what, free] : freeings) {
         ntfs->sync();
         free();
-        end += ntfs->write(next, end, pagesOf(3, 39));
+        end += ntfs->write(next, end, pagesOf(3, 39)).count;
         const auto cut = std::make_shared<JournaledDevice>(std::make_shared<Disk>(disk->image));
         ASSERT_EQ(cut->replay(false), 0);
         const auto after = NTFSVolume::open(cut, true);

@@ -220,7 +220,8 @@ void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::s
             const std::size_t written =
                 ofItem(volume_.write(file, offset,
                                      VolumeClient::Bytes(buffer_).subspan(done, filled - done)),
-                       path);
+                       path)
+                    .bytesWritten;
             if (written == 0) {
                 throw ItemFailure(escaped(path) + ": the volume takes no more of it");
             }

@@ -1,4 +1,5 @@
 // Listings of directories, and how changes reach them.
+#include "core/driver2/item_identity.hpp"
 #include "fskit/api/error.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/assert.hpp"
@@ -20,23 +21,9 @@ constexpr uint64_t kAfterDot = 1, kAfterDotDot = 2;
 // that wants names only.
 constexpr size_t kDescribedEntriesMax = 1000;
 
+// The volume's types and the front end's count alike.
 uint32_t fileType(fskit::FSItemType type) {
-    switch (type) {
-    case fskit::FSItemType::directory:
-        return S_IFDIR;
-    case fskit::FSItemType::symlink:
-        return S_IFLNK;
-    case fskit::FSItemType::fifo:
-        return S_IFIFO;
-    case fskit::FSItemType::charDevice:
-        return S_IFCHR;
-    case fskit::FSItemType::blockDevice:
-        return S_IFBLK;
-    case fskit::FSItemType::socket:
-        return S_IFSOCK;
-    default:
-        return S_IFREG;
-    }
+    return Driver2::mode(static_cast<NTFSItemType>(type)) & S_IFMT;
 }
 
 // Collects a whole enumeration; it never runs out of room.

@@ -51,18 +51,21 @@ Outcome<void> MountedVolume::removeFile(Node& directory, std::string_view name) 
     return remove(directory, name, [&](const Found& old, Node* node) {
         return node != nullptr && !node->isDirectory()
                    ? orphans_.remove(*node, directory, name)
-                   : volume_.remove(old.item, directory.item, name);
+                   : Outcome<void>::of(volume_.remove(old.item, directory.item, name));
     });
 }
 
 Outcome<void> MountedVolume::removeDirectory(Node& directory, std::string_view name) {
     return remove(directory, name, [&](const Found& old, Node* node) {
-        Outcome<void> removed = volume_.remove(old.item, directory.item, name);
+        const auto unlink = [&] {
+            return Outcome<void>::of(volume_.remove(old.item, directory.item, name));
+        };
+        Outcome<void> removed = unlink();
         // The volume may count files with pending unlinks, which the user does not see. They are
         // moved aside only now: most directories are removed without any.
         if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
             Outcome<void> freed = orphans_.moveAsideChildren(*node);
-            removed = freed ? volume_.remove(old.item, directory.item, name) : std::move(freed);
+            removed = freed ? unlink() : std::move(freed);
         }
         return removed;
     });
@@ -131,8 +134,9 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
 }
 
 Outcome<void> MountedVolume::rename(const Renaming& renaming, const ItemRef& over) {
-    return volume_.rename(renaming.item, renaming.fromDirectory.item, renaming.from,
-                          renaming.toDirectory.item, renaming.to, over);
+    return Outcome<void>::of(volume_.rename(renaming.item, renaming.fromDirectory.item,
+                                            renaming.from, renaming.toDirectory.item, renaming.to,
+                                            over));
 }
 
 Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old) {

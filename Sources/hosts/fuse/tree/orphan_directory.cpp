@@ -11,8 +11,6 @@ namespace tavelin::fusehost {
 
 namespace {
 
-constexpr std::uint32_t kHiddenFlag = 0x8000; // UF_HIDDEN of macOS, see chflags(2)
-
 bool isCode(const fskit::Error& error, int32_t code) {
     return error.isPOSIX() && error.code() == code;
 }
@@ -32,7 +30,7 @@ Outcome<ItemRef> OrphanDirectory::open() {
     Outcome<Found> directory = volume_.lookup(volume_.root(), kName);
     if (!directory && isCode(directory.error(), kENOENT)) {
         fskit::FSItemSetAttributesRequest hidden;
-        hidden.setFlags(kHiddenFlag);
+        hidden.setFlags(fskit::kHiddenFlag);
         directory = volume_.create(volume_.root(), kName, fskit::FSItemType::directory, hidden);
     }
     if (!directory) {
@@ -57,7 +55,7 @@ Outcome<void> OrphanDirectory::removeFrom(const ItemRef& parent, std::string_vie
     if (!found) {
         return found.error();
     }
-    Outcome<void> removed = volume_.remove(found->item, parent, name);
+    Outcome<void> removed = Outcome<void>::of(volume_.remove(found->item, parent, name));
     return !removed && isCode(removed.error(), kENOTEMPTY) ? Outcome<void>() : std::move(removed);
 }
 

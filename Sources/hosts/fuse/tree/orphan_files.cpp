@@ -91,8 +91,8 @@ Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItem
     TAVELIN_ASSERT(!removal.orphaned);
     std::string parked = OrphanDirectory::nameOf(id);
     // Nothing is replaced: the name is made of the record number, and the record is in use.
-    Outcome<void> moved =
-        volume_.rename(removal.item, removal.directory, removal.name, *parking, parked, ItemRef());
+    Outcome<void> moved = Outcome<void>::of(
+        volume_.rename(removal.item, removal.directory, removal.name, *parking, parked, ItemRef()));
     if (moved) {
         removal.directory = std::move(*parking);
         removal.directoryID = fskit::FSItemIDInvalid;
@@ -111,7 +111,7 @@ Outcome<void> OrphanFiles::remove(const Node& file, const Node& directory, std::
             return names.error();
         }
         if (*names > 1) {
-            return volume_.remove(file.item, directory.item, name);
+            return Outcome<void>::of(volume_.remove(file.item, directory.item, name));
         }
     }
     put(file.id,
@@ -125,7 +125,7 @@ Outcome<void> OrphanFiles::linkBeforeReplace(const Node& file) {
         return parking.error();
     }
     std::string parked = OrphanDirectory::nameOf(file.id);
-    Outcome<void> named = volume_.linkInternal(file.item, *parking, parked);
+    Outcome<void> named = Outcome<void>::of(volume_.linkInternal(file.item, *parking, parked));
     if (named) {
         Removal removal{file.item.duplicate(), std::move(*parking), fskit::FSItemIDInvalid,
                         std::move(parked)};
@@ -162,13 +162,13 @@ Outcome<void> OrphanFiles::moveHome(const Removal& removal) {
         return present.error();
     }
     if (!*present) { // the failed rename took the name away
-        return volume_.rename(removal.item, removal.directory, removal.name, removal.homeDirectory,
-                              removal.home, ItemRef());
+        return Outcome<void>::of(volume_.rename(removal.item, removal.directory, removal.name,
+                                                removal.homeDirectory, removal.home, ItemRef()));
     }
     // Either the file still has its own name and loses the one in the orphan directory, or another
     // file has taken the name since, and the user's file must not be lost for it.
     return (*present)->item == removal.item
-               ? volume_.remove(removal.item, removal.directory, removal.name)
+               ? Outcome<void>::of(volume_.remove(removal.item, removal.directory, removal.name))
                : Outcome<void>(fskit::fs_errorForPOSIXError(kEEXIST));
 }
 
@@ -246,9 +246,10 @@ void OrphanFiles::noteMoveAside(const Outcome<void>& parked) {
 }
 
 void OrphanFiles::finish(const Removal& removal) {
-    const Outcome<void> done = removal.homeDirectory
-                                   ? moveHome(removal)
-                                   : volume_.remove(removal.item, removal.directory, removal.name);
+    const Outcome<void> done =
+        removal.homeDirectory
+            ? moveHome(removal)
+            : Outcome<void>::of(volume_.remove(removal.item, removal.directory, removal.name));
     if (!done) {
         noteFailure(done.error(), removal.name);
     }
