@@ -90,31 +90,14 @@ inline constexpr std::int32_t kENAMETOOLONG = 63;
 inline constexpr std::int32_t kEHOSTDOWN = 64;
 inline constexpr std::int32_t kEHOSTUNREACH = 65;
 inline constexpr std::int32_t kENOTEMPTY = 66;
-inline constexpr std::int32_t kEPROCLIM = 67;
 inline constexpr std::int32_t kEUSERS = 68;
 inline constexpr std::int32_t kEDQUOT = 69;
 inline constexpr std::int32_t kESTALE = 70;
 inline constexpr std::int32_t kEREMOTE = 71;
-// 72 to 76: remote procedure calls. Linux has no counterpart of these.
-inline constexpr std::int32_t kEBADRPC = 72;
-inline constexpr std::int32_t kERPCMISMATCH = 73;
-inline constexpr std::int32_t kEPROGUNAVAIL = 74;
-inline constexpr std::int32_t kEPROGMISMATCH = 75;
-inline constexpr std::int32_t kEPROCUNAVAIL = 76;
-// 77 to 92: file types, authentication, devices, executables and messages. Those with a
-// counterpart are in error_numbers.cpp.
+// 77 to 92: locks, executables and messages.
 inline constexpr std::int32_t kENOLCK = 77;
 inline constexpr std::int32_t kENOSYS = 78;
-inline constexpr std::int32_t kEFTYPE = 79;
-inline constexpr std::int32_t kEAUTH = 80;
-inline constexpr std::int32_t kENEEDAUTH = 81;
-inline constexpr std::int32_t kEPWROFF = 82;
-inline constexpr std::int32_t kEDEVERR = 83;
 inline constexpr std::int32_t kEOVERFLOW = 84;
-inline constexpr std::int32_t kEBADEXEC = 85;
-inline constexpr std::int32_t kEBADARCH = 86;
-inline constexpr std::int32_t kESHLIBVERS = 87;
-inline constexpr std::int32_t kEBADMACHO = 88;
 inline constexpr std::int32_t kECANCELED = 89;
 inline constexpr std::int32_t kEIDRM = 90;
 inline constexpr std::int32_t kENOMSG = 91;
@@ -131,10 +114,8 @@ inline constexpr std::int32_t kEPROTO = 100;
 inline constexpr std::int32_t kETIME = 101;
 // 102 (kEOPNOTSUPP) differs from 45 (kENOTSUP) on macOS alone; Linux has one value for both.
 inline constexpr std::int32_t kEOPNOTSUPP = 102;
-inline constexpr std::int32_t kENOPOLICY = 103;
 inline constexpr std::int32_t kENOTRECOVERABLE = 104;
 inline constexpr std::int32_t kEOWNERDEAD = 105;
-inline constexpr std::int32_t kEQFULL = 106;
 
 /// The macOS number of a host errno, by the rules above.
 [[nodiscard]] std::int32_t fromHost(int hostError) noexcept;
@@ -143,8 +124,8 @@ inline constexpr std::int32_t kEQFULL = 106;
 [[nodiscard]] int toHost(std::int32_t error) noexcept;
 
 /// The description of a macOS number for people: the host's strerror text of the number's
-/// counterpart. A number that only macOS has answers macOS's own text, any other number the host's
-/// text for an unknown error, with the number as given. The language is the process's locale's.
+/// counterpart. Any other number answers the host's text for an unknown error, with the number as
+/// given. The language is the process's locale's.
 [[nodiscard]] std::string errorText(std::int32_t error);
 
 } // namespace tavelin

@@ -24,9 +24,8 @@ TEST(ErrorNumbers, EveryNumberOfMacOSComesBack) {
         SCOPED_TRACE(number);
         const int host = toHost(number);
         if (host == EIO && number != kEIO) {
-            // Only macOS has it. It has words all the same.
-            EXPECT_NE(errorText(number), hostText(EIO));
-            EXPECT_EQ(errorText(number).find("nknown"), std::string::npos);
+            // Only macOS has it, which is no reason to answer another number's text.
+            EXPECT_EQ(errorText(number), "Unknown error " + std::to_string(number));
             continue;
         }
         const auto other = shared.find(number);
