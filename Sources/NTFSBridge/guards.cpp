@@ -27,6 +27,30 @@ bool has_room_for_times(const ntfs_inode* inode) noexcept {
                le32_to_cpu(first.length);
 }
 
+// Index entries carry a copy of the file's sizes, which the library takes from the inode. It
+// forgets the allocated size there when a value moves out of its record, as a write, a new stream
+// or a longer name may make it do. Finds no data in damaged records and for directories, and leaves
+// those as they are.
+void refresh_sizes(ntfs_inode* inode) noexcept {
+    const search_guard search(ntfs_attr_get_search_ctx(inode, nullptr));
+    if (!search || ntfs_attr_lookup(AT_DATA, AT_UNNAMED, 0, CASE_SENSITIVE, 0, nullptr, 0,
+                                    search.get()) != 0) {
+        return;
+    }
+    const ATTR_RECORD& data = *search->attr;
+    s64 allocated = 0;
+    if (data.non_resident == 0) {
+        allocated = (s64{le32_to_cpu(data.value_length)} + 7) & ~s64{7};
+    } else {
+        const bool has_holes = (data.flags & (ATTR_COMPRESSION_MASK | ATTR_IS_SPARSE)) != 0;
+        allocated = sle64_to_cpu(has_holes ? data.compressed_size : data.allocated_size);
+    }
+    if (inode->allocated_size != allocated) {
+        inode->allocated_size = allocated;
+        NInoFileNameSetDirty(inode);
+    }
+}
+
 } // namespace
 
 int32_t inode_guard::open(ntfs_volume* volume, uint64_t reference) noexcept {
@@ -56,6 +80,9 @@ int32_t inode_guard::close() noexcept {
     if (inode == nullptr) {
         return 0;
     }
+    if (is_dirty(inode)) {
+        refresh_sizes(inode);
+    }
     errno = 0;
     if (is_dirty(inode) && ntfs_inode_sync(inode) != 0) {
         const int32_t error = err_or(EIO);
@@ -75,6 +102,9 @@ int32_t inode_guard::close_in(ntfs_inode* directory) noexcept {
     ntfs_inode* const inode = release();
     if (inode == nullptr) {
         return 0;
+    }
+    if (is_dirty(inode)) {
+        refresh_sizes(inode);
     }
     errno = 0;
     if (ntfs_inode_close_in_dir(inode, directory) == 0) {
