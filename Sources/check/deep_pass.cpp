@@ -1,6 +1,7 @@
 // Reads the content of every file once.
 #include "check/private/lznt1.hpp"
 #include "check/private/passes.hpp"
+#include "check/private/system_compression.hpp"
 
 #include <fmt/format.h>
 
@@ -143,7 +144,7 @@ void readAllData(Volume& volume) {
     volume.table.each(volume.recordCount(), [&](std::uint64_t number, const RecordState& state) {
         File file;
         if (number == ntb::record_badclus || state.has(RecordState::extension) ||
-            !volume.loadFile(number, file)) {
+            !volume.loadFile(number, file) || readSystemCompressed(volume, file)) {
             return;
         }
         for (const Attribute& attribute : file.attributes) {
