@@ -22,6 +22,10 @@ constexpr std::array<std::string_view, 11> kNames{"$MFT",     "$MFTMirr", "$LogF
                                                   "$AttrDef", ".",        "$Bitmap",  "$Boot",
                                                   "$BadClus", "",         "$UpCase"};
 
+// The redo journal that a mount of ours has there while there is something to redo; its format is
+// in docs/journal-format.md.
+constexpr std::string_view kOurJournal = "TavelinJ";
+
 bool startsWith(std::span<const std::uint8_t> bytes, std::string_view magic) {
     return bytes.size() >= magic.size() &&
            std::memcmp(bytes.data(), magic.data(), magic.size()) == 0;
@@ -193,6 +197,8 @@ class SystemFiles {
             }
             if (startsWith(magic, "RSTR")) {
                 noteJournal(page);
+            } else if (startsWith(page, kOurJournal)) {
+                return; // whoever asked for the check has replayed it, or it is empty
             } else if (!startsWith(magic, "CHKD")) {
                 add(logFile, ntb::record_logfile, "a restart page, or nothing",
                     fmt::format("neither at byte {}", offset));

@@ -4,6 +4,7 @@
 #include "NTFSBridge/ntb.h"
 #include "support/memory_io.hpp"
 #include "support/sample_volume.hpp"
+#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +20,13 @@ class BridgeVolume {
         : sample_(geometry), memory_(MemoryIo::fromFile(sample_.image(), geometry.sectorSize)) {
         mount();
     }
-    ~BridgeVolume() { ntb_umount(volume_); }
+    // What the bridge leaves on the disk has to be sound, whatever it answered.
+    ~BridgeVolume() {
+        const int32_t error = volume_ != nullptr ? unmount() : 0;
+        if (sample_.isChecked() && error == 0 && !::testing::Test::HasFailure()) {
+            EXPECT_EQ(structuralComplaints(std::move(memory_.bytes())), "");
+        }
+    }
     BridgeVolume(const BridgeVolume&) = delete;
     BridgeVolume& operator=(const BridgeVolume&) = delete;
 

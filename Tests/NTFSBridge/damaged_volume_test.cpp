@@ -32,6 +32,7 @@ TEST(DamagedVolume, HasNoMoreFreeSpaceThanSpace) {
 // The library wrote the times over the attribute's header, and then to memory that was not its own.
 TEST(DamagedVolume, WhoseTimesAreSaidToBeInTheirHeaderKeepsTheDirectoryClosed) {
     BridgeVolume volume;
+    volume.sample().leaveUnchecked();
     const uint64_t directory = volume.makeDirectory("folder");
     volume.make("file", directory);
     EXPECT_EQ(volume.unmount(), 0);

@@ -3,6 +3,7 @@
 #include "crash/independent_check.hpp"
 #include "hosting/module_host.hpp"
 #include "support/replaced_services.hpp"
+#include "support/structural_check.hpp"
 
 #include <fmt/format.h>
 
@@ -35,7 +36,8 @@ class CrashOracle {
         std::string what;
     };
 
-    // `check` is absent when it is not to be asked.
+    // The structural check looks at every image, as it is once the next mount has ended. Other
+    // programs are slow: `check` is absent when they are not to be asked.
     std::vector<Finding> judge(Bytes image, const IndependentCheck* check) {
         const ReplacedServices services;
         const auto disk = std::make_shared<RecordingResource>(std::move(image));
@@ -52,8 +54,14 @@ class CrashOracle {
         const Snapshot found = takeSnapshot(host.volume());
         compareReadable(found);
         compare(found);
+        host.close().get();
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(disk->image().data());
+        if (const std::string complaints =
+                structuralComplaints({bytes, bytes + disk->image().size()});
+            !complaints.empty()) {
+            findings_.push_back({Fault::inconsistent, complaints});
+        }
         if (check != nullptr) {
-            host.close().get();
             if (const std::string complaint = check->complaintAbout(disk->image());
                 !complaint.empty()) {
                 findings_.push_back({Fault::inconsistent, complaint});

@@ -9,6 +9,7 @@
 #include "diagnostics/op_counter.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "support/replaced_services.hpp"
+#include "support/structural_check.hpp"
 #include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
@@ -87,6 +88,14 @@ class VolumeTest : public ModuleTest {
   protected:
     explicit VolumeTest(const VolumeGeometry& geometry = {}) : sample(geometry) {
         disk = std::make_shared<MemoryResource>(sample);
+    }
+
+    // What the module has left, perhaps with requests that were not flushed yet, has to be sound.
+    ~VolumeTest() override {
+        if (sample.isChecked() && disk && !HasFailure()) {
+            const std::vector<std::uint8_t> image(disk->bytes.begin(), disk->bytes.end());
+            EXPECT_EQ(structuralComplaints(image), "");
+        }
     }
 
     // The volume as other programs have it.

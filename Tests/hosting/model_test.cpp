@@ -7,6 +7,7 @@
 #include "system.hpp"
 
 #include "support/sample_volume.hpp"
+#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 
@@ -60,6 +61,7 @@ std::string step(System& system, Model& model, const Operation& op) {
 // What went wrong first in a whole run on a fresh volume; empty when nothing did.
 std::string play(const Script& script, bool windowsNames) {
     const SampleVolume volume({.bytes = 128ull << 20});
+    volume.leaveUnchecked(); // what is found belongs into the result
     const ModuleHost::Options options =
         windowsNames ? ModuleHost::Options{"-o", "windows_names"} : ModuleHost::Options{};
     try {
@@ -87,7 +89,7 @@ std::string play(const Script& script, bool windowsNames) {
     } catch (const std::runtime_error& error) {
         return error.what();
     }
-    return {};
+    return structuralComplaints(volume.image());
 }
 
 // Leaves out of a failing script what it fails without, in ever smaller pieces.

@@ -1,6 +1,7 @@
 // A sample volume mounted by the FUSE driver ntfs-3g, which writes what we only read.
 #pragma once
 
+#include "support/image_writers.hpp"
 #include "support/run_process.hpp"
 #include "support/sample_volume.hpp"
 
@@ -23,11 +24,14 @@ class DriverMount {
     // With streams_interface=windows a named stream is reached as "file:stream", with
     // special_files=wsl special files are made as WSL does.
     explicit DriverMount(const SampleVolume& sample, const std::string& options = "compression")
-        : directory_(sample.directory() / "mount") {
+        : image_(sample.image()), directory_(sample.directory() / "mount") {
         std::filesystem::create_directories(directory_);
-        runOrThrow({"ntfs-3g", "-o", options, sample.image().string(), directory_.string()});
+        runOrThrow({"ntfs-3g", "-o", options, image_.string(), directory_.string()});
     }
-    ~DriverMount() { EXPECT_TRUE(run({"umount", directory_.string()}).ok()); }
+    ~DriverMount() {
+        EXPECT_TRUE(run({"umount", directory_.string()}).ok());
+        EXPECT_NO_THROW(awaitNoWriter(image_));
+    }
     DriverMount(const DriverMount&) = delete;
     DriverMount& operator=(const DriverMount&) = delete;
 
@@ -53,6 +57,7 @@ class DriverMount {
     }
 
   private:
+    std::filesystem::path image_;
     std::filesystem::path directory_;
 };
 

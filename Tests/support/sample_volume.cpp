@@ -1,8 +1,12 @@
 #include "support/sample_volume.hpp"
 
 #include "support/run_process.hpp"
+#include "support/structural_check.hpp"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
+#include <exception>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -43,6 +47,16 @@ void makeVolume(const std::filesystem::path& image, const VolumeGeometry& geomet
 SampleVolume::SampleVolume(const VolumeGeometry& geometry) : image_(directory_ / "volume.img") {
     // cp keeps the holes of a sparse image, which copy_file does not.
     runOrThrow({"cp", "--sparse=always", formatted(geometry).string(), image_.string()});
+}
+
+SampleVolume::~SampleVolume() {
+    // A test that has failed already says why; its volume may be in any state.
+    if (!isChecked_ || std::uncaught_exceptions() > 0 || ::testing::Test::HasFailure()) {
+        return;
+    }
+    if (const std::string complaints = structuralComplaints(image_); !complaints.empty()) {
+        ADD_FAILURE() << complaints;
+    }
 }
 
 std::string SampleVolume::check() const {

@@ -21,13 +21,21 @@ struct VolumeGeometry {
 void makeVolume(const std::filesystem::path& image, const VolumeGeometry& geometry = {});
 
 // One volume in a directory of its own. The first volume of a geometry is formatted, later ones are
-// copies of it, so a test may take as many as it likes.
+// copies of it, so a test may take as many as it likes. Whatever wrote to it has to have left it
+// sound: the structural check looks at it in the end, and a finding fails the test.
 class SampleVolume {
   public:
     explicit SampleVolume(const VolumeGeometry& geometry = {});
+    ~SampleVolume();
+    SampleVolume(const SampleVolume&) = delete;
+    SampleVolume& operator=(const SampleVolume&) = delete;
 
     const std::filesystem::path& image() const { return image_; }
     const TempDirectory& directory() const { return directory_; }
+
+    // The test damages the image, or leaves it while it is mounted: no check in the end.
+    void leaveUnchecked() const { isChecked_ = false; }
+    bool isChecked() const { return isChecked_; }
 
     // What an independent reader says of it: the text `ntfsfix -n` prints, which names every fault
     // it finds. Throws when it cannot read the volume at all, or when the clusters that the file
@@ -41,6 +49,7 @@ class SampleVolume {
   private:
     TempDirectory directory_;
     std::filesystem::path image_;
+    mutable bool isChecked_ = true;
 };
 
 } // namespace tavelin::test

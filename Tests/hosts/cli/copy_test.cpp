@@ -214,6 +214,7 @@ void forgeName(const fs::path& image, const std::string& name, const std::string
 
 TEST(Copy, GetNeverLeavesItsTarget) {
     const SampleVolume volume;
+    volume.leaveUnchecked();
     const TempDirectory host;
     const std::string image = volume.image();
     tavelinDone({"mkdir", image, "d"});

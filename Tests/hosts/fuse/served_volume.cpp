@@ -4,6 +4,7 @@
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/tree.hpp"
 #include "platform/file_descriptor.hpp"
+#include "support/image_writers.hpp"
 #include "support/run_process.hpp"
 
 #include <cerrno>
@@ -148,6 +149,7 @@ void MountTest::changeByDriver(const std::function<void(const TempDirectory& dir
         change(directory);
         runOrThrow({"umount", directory.path()});
     }
+    awaitNoWriter(volume_->image());
     mount();
 }
 
