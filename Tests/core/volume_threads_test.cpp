@@ -105,7 +105,7 @@ class Worker {
         const bool making = random_() % 2 == 0;
         const std::int32_t code = codeOf([&] {
             making ? static_cast<void>(volume_.create(name, common_.directory, NTFSItemType::file))
-                   : volume_.remove(name, common_.directory);
+                   : static_cast<void>(volume_.remove(name, common_.directory));
         });
         if (code == 0) {
             common_.made[which] += making ? 1 : -1;
