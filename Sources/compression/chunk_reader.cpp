@@ -34,6 +34,7 @@ ChunkReader::ChunkReader(Format format, std::uint64_t fileSize, std::uint64_t st
       tableWindow_(makeBytes(std::min<std::uint64_t>(kTableWindowSize, tableSize_))),
       inputCapacity_(static_cast<std::size_t>(std::min<std::uint64_t>(kInputSize, streamSize))),
       input_(makeBytes(inputCapacity_)) {
+    TAVELIN_ASSERT(chunkSize_ > 0 && chunkSize_ <= kChunkSizeMax && fileSize <= kFileSizeMax);
     if (format == Format::lzx32K) {
         decoder_.emplace<LzxDecoder>();
     }
@@ -70,6 +71,7 @@ int ChunkReader::read(const Source& source, std::uint64_t offset, std::span<std:
 /// for all of it and for others.
 int ChunkReader::provide(const Source& source, std::uint64_t chunk, std::uint64_t last,
                          std::size_t skipped, bool isBulk, std::span<std::uint8_t> to) {
+    TAVELIN_ASSERT(chunk <= last && skipped + to.size() <= sizeOf(chunk));
     Slot* slot = find(chunk);
     if (slot == nullptr) {
         std::span<const std::uint8_t> input;
@@ -82,6 +84,7 @@ int ChunkReader::provide(const Source& source, std::uint64_t chunk, std::uint64_
             return decode(input, to) ? 0 : EIO;
         }
         slot = &leastRecentlyUsed();
+        // A chunk that does not decode leaves anything in the slot: nothing may find it there.
         slot->chunk = kNoChunk;
         if (!decode(input, {slot->bytes, size})) {
             return EIO;
@@ -111,8 +114,11 @@ int ChunkReader::load(const Source& source, std::uint64_t chunk, std::uint64_t l
             }
             end = next.end;
         }
+        // The buffer counts as empty while the source fills it: a failed read leaves anything
+        // there.
         inputBegin_ = inputEnd_ = 0;
         const auto size = static_cast<std::size_t>(end - extent.begin);
+        TAVELIN_ASSERT(size <= inputCapacity_);
         if (const int error = source(extent.begin, {input_.get(), size})) {
             return error;
         }
@@ -140,6 +146,8 @@ int ChunkReader::extentOf(const Source& source, std::uint64_t chunk, Extent& ext
 
 /// Where a chunk begins in the stream, or the last one ends. What the table says is not checked.
 int ChunkReader::offsetOf(const Source& source, std::uint64_t chunk, std::uint64_t& offset) {
+    TAVELIN_ASSERT(chunk <= chunkCount_);
+    // The table has no entry for the first chunk, which begins where the table ends.
     if (chunk == 0 || chunk == chunkCount_) {
         offset = chunk == 0 ? tableSize_ : streamSize_;
         return 0;
@@ -156,6 +164,7 @@ int ChunkReader::offsetOf(const Source& source, std::uint64_t chunk, std::uint64
         tableWindowBegin_ = begin;
         tableWindowSize_ = size;
     }
+    TAVELIN_ASSERT(position + entrySize_ <= tableWindowBegin_ + tableWindowSize_);
     const std::uint8_t* const entry = &tableWindow_[position - tableWindowBegin_];
     const std::uint64_t relative =
         entrySize_ == 4 ? loadLittle<std::uint32_t>(entry) : loadLittle<std::uint64_t>(entry);
@@ -166,6 +175,8 @@ int ChunkReader::offsetOf(const Source& source, std::uint64_t chunk, std::uint64
 
 bool ChunkReader::decode(std::span<const std::uint8_t> input,
                          std::span<std::uint8_t> output) noexcept {
+    TAVELIN_ASSERT(!input.empty() && input.size() <= output.size());
+    // The encoder stores a chunk plainly that does not get shorter.
     if (input.size() == output.size()) {
         std::memcpy(output.data(), input.data(), input.size());
         return true;
@@ -174,6 +185,7 @@ bool ChunkReader::decode(std::span<const std::uint8_t> input,
 }
 
 std::size_t ChunkReader::sizeOf(std::uint64_t chunk) const noexcept {
+    TAVELIN_ASSERT(chunk < chunkCount_);
     return static_cast<std::size_t>(
         std::min<std::uint64_t>(chunkSize_, fileSize_ - chunk * chunkSize_));
 }
@@ -185,6 +197,7 @@ ChunkReader::Slot* ChunkReader::find(std::uint64_t chunk) noexcept {
 }
 
 ChunkReader::Slot& ChunkReader::leastRecentlyUsed() noexcept {
+    TAVELIN_ASSERT(!slots_.empty());
     return *std::min_element(slots_.begin(), slots_.end(),
                              [](const Slot& a, const Slot& b) { return a.lastUse < b.lastUse; });
 }

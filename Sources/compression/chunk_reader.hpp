@@ -74,6 +74,11 @@ class ChunkReader {
     static constexpr std::uint64_t kFileSizeMax = std::uint64_t{1} << 62; // offsets cannot overflow
     static constexpr std::size_t kTableWindowSize = 4096;
     static constexpr std::size_t kInputSize = 65536;
+    static constexpr std::size_t kChunkSizeMax = chunkSize(Format::lzx32K);
+    static_assert(kChunkSizeMax == LzxDecoder::kChunkSizeMax);
+    static_assert(kInputSize >= kChunkSizeMax); // no chunk is longer compressed than plain
+    static_assert(kCacheSize >= kChunkSizeMax);
+    static_assert(kTableWindowSize % 8 == 0); // no entry lies across two windows
 
     ChunkReader(Format format, std::uint64_t fileSize, std::uint64_t streamSize);
 

@@ -28,12 +28,15 @@ constexpr std::array<DistanceSlot, 30> kSlots = [] {
     }
     return slots;
 }();
+static_assert(kSlots.back().base + (1U << kSlots.back().extra) == LzxDecoder::kChunkSizeMax - 2);
 
 /// Undoes the encoder's translation of x86 calls, whose relative targets it made absolute.
 void translateCalls(std::span<std::uint8_t> data) noexcept {
     constexpr std::int32_t kFileSize = 12'000'000;
     constexpr std::uint8_t kCall = 0xe8;
     constexpr std::size_t kUntranslatedTail = 10;
+    // The encoder leaves the last bytes alone, so that a call's four bytes never end behind them.
+    static_assert(kUntranslatedTail >= 1 + sizeof(std::int32_t));
     if (data.size() <= kUntranslatedTail) {
         return;
     }
@@ -52,6 +55,8 @@ void translateCalls(std::span<std::uint8_t> data) noexcept {
         } else if (target < 0 && target >= -position) {
             storeLittle(next + 1, target + kFileSize);
         }
+        // The bytes of a target are not searched, whether it was translated or not: the encoder
+        // skipped them too.
         next += 5;
     }
 }
@@ -63,6 +68,8 @@ bool LzxDecoder::decode(std::span<const std::uint8_t> input,
     if (output.size() > kChunkSizeMax) {
         return false;
     }
+    // Each chunk stands for itself: nothing of the one before may show in the differences of code
+    // lengths or in the recent distances.
     mainLengths_.fill(0);
     lengthLengths_.fill(0);
     recent_ = {1, 1, 1};
@@ -76,7 +83,8 @@ bool LzxDecoder::decode(std::span<const std::uint8_t> input,
             return false;
         }
         window.blockEnd = window.next + size;
-        bool isValid = false;
+        TAVELIN_ASSERT(window.next < window.blockEnd && window.blockEnd <= window.end);
+        bool isValid = false; // as for the other five types
         if (type == kUncompressed) {
             isValid = copyBlock(bits, window);
         } else if (type == kVerbatim) {
@@ -87,6 +95,7 @@ bool LzxDecoder::decode(std::span<const std::uint8_t> input,
         if (!isValid) {
             return false;
         }
+        TAVELIN_ASSERT(window.next == window.blockEnd);
     }
     translateCalls(output);
     return true;
@@ -104,6 +113,7 @@ bool LzxDecoder::readCodes(BitStream& bits, bool aligned) noexcept {
             return false;
         }
     }
+    // The literals and the matches of the main code have a code of lengths each.
     const std::span<std::uint8_t> main(mainLengths_);
     if (!readLengths(bits, main.first(kLiterals)) || !readLengths(bits, main.subspan(kLiterals)) ||
         !readLengths(bits, lengthLengths_)) {
@@ -134,6 +144,7 @@ bool LzxDecoder::readLengths(BitStream& bits, std::span<std::uint8_t> lengths) n
         return false;
     }
     const auto changed = [](std::uint8_t before, unsigned difference) {
+        TAVELIN_ASSERT(before < 17 && difference < 17);
         return static_cast<std::uint8_t>((before + 17U - difference) % 17U);
     };
     for (std::size_t i = 0; i < lengths.size();) {
@@ -158,6 +169,7 @@ bool LzxDecoder::readLengths(BitStream& bits, std::span<std::uint8_t> lengths) n
             if (difference >= kZeros) {
                 return false;
             }
+            // All lengths of the run become that of its first symbol.
             length = changed(lengths[i], difference);
         }
         if (run > lengths.size() - i) {
@@ -167,6 +179,23 @@ bool LzxDecoder::readLengths(BitStream& bits, std::span<std::uint8_t> lengths) n
         i += run;
     }
     return bits.isWithinInput();
+}
+
+/// The distance of a slot that is none of the recent ones. In aligned blocks the last three bits of
+/// a longer distance have a code of their own.
+template<bool Aligned>
+TAVELIN_INLINE std::uint32_t LzxDecoder::readDistance(BitStream& bits,
+                                                      unsigned slot) const noexcept {
+    static_assert(kSlots.size() == kDistanceSlots);
+    TAVELIN_ASSERT(slot >= kRecentSlots && slot < kSlots.size());
+    const auto [base, extra] = kSlots[slot];
+    // At most 13 extra bits, or 10 and a code word of 7: one fill serves both.
+    bits.fill();
+    if (!Aligned || extra < kAlignedBits) {
+        return base + bits.take(extra);
+    }
+    const std::uint32_t distance = base + (bits.take(extra - kAlignedBits) << kAlignedBits);
+    return distance + aligned_.decode(bits);
 }
 
 template<bool Aligned>
@@ -202,19 +231,11 @@ bool LzxDecoder::decodeBlock(BitStream& stream, Window& window) noexcept {
         length += kMinMatch;
         const unsigned slot = symbol / kLengthHeaders;
         if (slot >= kRecentSlots) {
-            const auto [base, extra] = kSlots[slot];
-            bits.fill();
-            std::uint32_t distance = base;
-            if (Aligned && extra >= kAlignedBits) {
-                distance += bits.take(extra - kAlignedBits) << kAlignedBits;
-                distance += aligned_.decode(bits);
-            } else {
-                distance += bits.take(extra);
-            }
+            const std::uint32_t distance = readDistance<Aligned>(bits, slot);
             recent2 = recent1;
             recent1 = recent0;
             recent0 = distance;
-        } else if (slot == 1) {
+        } else if (slot == 1) { // a recent distance changes places with the last one
             std::swap(recent0, recent1);
         } else if (slot == 2) {
             std::swap(recent0, recent2);

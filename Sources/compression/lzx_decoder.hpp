@@ -40,6 +40,8 @@ class LzxDecoder {
     [[nodiscard]] static bool readLengths(BitStream& bits,
                                           std::span<std::uint8_t> lengths) noexcept;
     template<bool Aligned>
+    [[nodiscard]] std::uint32_t readDistance(BitStream& bits, unsigned slot) const noexcept;
+    template<bool Aligned>
     [[nodiscard]] bool decodeBlock(BitStream& bits, Window& window) noexcept;
     [[nodiscard]] bool copyBlock(BitStream& bits, Window& window) noexcept;
 

@@ -27,6 +27,7 @@ TAVELIN_INLINE unsigned readLongLength(BitStream& bits) noexcept {
         length = loadLittle<std::uint16_t>(word);
     }
     bits.fill();
+    // A shorter length has a shorter form. Refusing it leaves 0 to mean a failure.
     return length < kLongMatch ? 0 : length;
 }
 
@@ -34,6 +35,7 @@ TAVELIN_INLINE unsigned readLongLength(BitStream& bits) noexcept {
 
 bool XpressDecoder::decode(std::span<const std::uint8_t> input,
                            std::span<std::uint8_t> output) noexcept {
+    static_assert(2 * kLengthsSize == kSymbols && kLiterals + 16 * 16 == kSymbols);
     if (input.size() < kLengthsSize) {
         return false;
     }
@@ -66,6 +68,7 @@ bool XpressDecoder::decode(std::span<const std::uint8_t> input,
             }
             bits.fill();
         }
+        TAVELIN_ASSERT(symbol < kSymbols);
         std::size_t length = symbol % 16;
         const unsigned distanceBits = symbol / 16 % 16;
         if (length == kLongMatch) {
@@ -76,6 +79,7 @@ bool XpressDecoder::decode(std::span<const std::uint8_t> input,
         }
         length += kMinMatch;
         const std::size_t distance = (std::size_t{1} << distanceBits) + bits.take(distanceBits);
+        // Only these two comparisons keep a damaged chunk inside the output: copyMatch() has none.
         if (distance > static_cast<std::size_t>(next - begin) ||
             length > static_cast<std::size_t>(end - next)) {
             return false;
@@ -83,6 +87,8 @@ bool XpressDecoder::decode(std::span<const std::uint8_t> input,
         copyMatch(next, distance, length, end);
         next += length;
     }
+    // One look at the end is enough. Behind the input the stream goes on with zeros, and the loop
+    // stops when the output is full.
     return bits.isWithinInput();
 }
 

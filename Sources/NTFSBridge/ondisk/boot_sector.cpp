@@ -1,5 +1,6 @@
 #include "NTFSBridge/ondisk/boot_sector.hpp"
 
+#include "NTFSBridge/ondisk/fixups.hpp"
 #include "NTFSBridge/ondisk/little_endian.hpp"
 
 #include <bit>
@@ -18,6 +19,11 @@ constexpr uint64_t at_index_block_size = 0x44; // the same
 constexpr uint64_t at_serial = 0x48;           // u64
 constexpr uint64_t at_signature = 0x1fe;       // u16
 constexpr uint16_t signature = 0xaa55;
+static_assert(at_signature + sizeof signature == boot_sector_bytes);
+
+// Fixups protect whole 512 bytes, so every size that is accepted has to be made of these.
+static_assert(record_size_min % protected_bytes == 0 && record_size_min <= record_size_max);
+static_assert(index_block_size_max % protected_bytes == 0);
 
 bool has_name(const uint8_t* from) noexcept {
     return std::memcmp(from + 3, "NTFS    ", 8) == 0;
@@ -25,6 +31,8 @@ bool has_name(const uint8_t* from) noexcept {
 
 // 2 to the power of minus the signed byte; 0 for what no volume has.
 uint64_t minus_power(uint64_t byte) noexcept {
+    TAVELIN_ASSERT(byte >= 0x80 && byte <= 0xff);
+    // The power is up to 128. No field allows 2^32 bytes, and a longer shift would be undefined.
     const uint64_t power = 0x100 - byte;
     return power < 32 ? uint64_t{1} << power : 0;
 }
@@ -34,6 +42,7 @@ uint64_t clusters_or_power(uint64_t byte, uint64_t cluster) noexcept {
 }
 
 bool is_size(uint64_t bytes, uint64_t least, uint64_t most) noexcept {
+    TAVELIN_ASSERT(least <= most);
     return std::has_single_bit(bytes) && bytes >= least && bytes <= most;
 }
 
@@ -57,6 +66,8 @@ boot_fault parse_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes,
     if (!is_size(boot.sector_size, 256, 4096)) {
         return boot_fault::sector_size;
     }
+    // Up to 0x80 the byte is a number of sectors. Clusters above 64 KiB came with Windows 10, which
+    // writes them as the negative of a power of two, since 4096 sectors do not fit into the byte.
     const uint64_t factor = from[at_sectors_per_cluster];
     boot.cluster_size = boot.sector_size * (factor <= 0x80 ? factor : minus_power(factor));
     if (!is_size(boot.cluster_size, boot.sector_size, cluster_size_max)) {
@@ -74,9 +85,12 @@ boot_fault parse_boot_sector(std::span<const uint8_t, boot_sector_bytes> bytes,
     boot.mft_lcn = u64_at(from, at_mft_lcn);
     boot.mftmirr_lcn = u64_at(from, at_mftmirr_lcn);
     boot.serial = volume_serial(bytes);
+    // Whoever multiplies a cluster's number below clusters() by the cluster's size relies on this:
+    // the size of the volume in bytes fits into 64 bits.
     if (boot.clusters() == 0 || boot.sectors > UINT64_MAX / boot.sector_size) {
         return boot_fault::size;
     }
+    TAVELIN_ASSERT(boot.clusters() <= UINT64_MAX / boot.cluster_size);
     const bool has_tables = boot.mft_lcn < boot.clusters() && boot.mftmirr_lcn < boot.clusters();
     return has_tables ? boot_fault::none : boot_fault::mft;
 }

@@ -1,6 +1,8 @@
 // The boot sector of an NTFS volume: where everything else is found.
 #pragma once
 
+#include "platform/assert.hpp"
+
 #include <cstdint>
 #include <span>
 
@@ -17,6 +19,7 @@ struct boot_sector {
     uint64_t serial = 0;
 
     [[nodiscard]] uint64_t clusters() const noexcept {
+        TAVELIN_ASSERT(sector_size > 0 && cluster_size >= sector_size);
         return sectors / (cluster_size / sector_size);
     }
 };

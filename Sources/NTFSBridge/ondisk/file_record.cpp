@@ -22,16 +22,20 @@ bool is_sound(std::span<const uint8_t> bytes) noexcept {
     if (!is_resident && bytes.size() < non_resident_header) {
         return false;
     }
+    // The offset of an absent name means nothing: some systems leave it 0, others let it point at
+    // the value.
     const uint64_t name = uint64_t{2} * from[0x09];
     if (name != 0 && !is_inside(u16_at(from, 0x0a), name, bytes.size())) {
         return false;
     }
+    // One byte of a run list is enough here: mapping_pairs_reader checks each pair against the end.
     return is_resident ? is_inside(u16_at(from, 0x14), u32_at(from, 0x10), bytes.size())
                        : is_inside(u16_at(from, 0x20), 1, bytes.size());
 }
 
 } // namespace
 
+// A record that says that it uses more bytes than it has is read up to its real end.
 attribute_reader::attribute_reader(const record_view& record) noexcept
     : used_(record.bytes().first(std::min<uint64_t>(record.used(), record.bytes().size()))),
       position_(record.attributes_offset()) {}
@@ -41,6 +45,7 @@ attribute_reader::result attribute_reader::next(attribute_view& attribute) noexc
         return result::malformed;
     }
     const std::span<const uint8_t> rest = used_.subspan(position_);
+    // The end marker is a type alone: no length has to follow it inside the used bytes.
     if (u32_at(rest.data(), 0) == at_end) {
         return result::end;
     }
@@ -51,8 +56,11 @@ attribute_reader::result attribute_reader::next(attribute_view& attribute) noexc
     if (length % 8 != 0 || length > rest.size() || !is_sound(rest.first(length))) {
         return result::malformed;
     }
+    // Every call advances, so that a walk over any bytes ends.
+    TAVELIN_ASSERT(length >= resident_header);
     attribute = attribute_view(rest.first(length));
     position_ += length;
+    TAVELIN_ASSERT(position_ <= used_.size());
     return result::attribute;
 }
 

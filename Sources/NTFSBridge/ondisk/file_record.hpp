@@ -6,6 +6,7 @@
 
 #include "NTFSBridge/ondisk/layout.hpp"
 #include "NTFSBridge/ondisk/little_endian.hpp"
+#include "platform/assert.hpp"
 
 #include <cstdint>
 #include <cstring>
@@ -37,7 +38,10 @@ class record_view {
     [[nodiscard]] uint32_t number() const noexcept { return u32_at(at(0), 0x2c); }
 
   private:
+    static constexpr uint64_t header_bytes = 0x30;
+
     [[nodiscard]] const uint8_t* at(uint64_t offset) const noexcept {
+        TAVELIN_ASSERT(bytes_.size() >= header_bytes && offset < header_bytes);
         return bytes_.data() + offset;
     }
 
@@ -67,27 +71,40 @@ class attribute_view {
 
     // Of resident attributes.
     [[nodiscard]] std::span<const uint8_t> value() const noexcept {
+        TAVELIN_ASSERT(is_resident());
         return bytes_.subspan(u16_at(at(0), 0x14), u32_at(at(0), 0x10));
     }
     [[nodiscard]] bool is_indexed() const noexcept { return (bytes_[0x16] & 1) != 0; }
 
     // Of the others. Sizes are bytes, and valid where the lowest VCN is 0.
-    [[nodiscard]] uint64_t lowest_vcn() const noexcept { return u64_at(at(0), 0x10); }
-    [[nodiscard]] uint64_t highest_vcn() const noexcept { return u64_at(at(0), 0x18); }
-    [[nodiscard]] uint8_t compression_unit() const noexcept { return bytes_[0x22]; } // power of two
-    [[nodiscard]] uint64_t allocated_size() const noexcept { return u64_at(at(0), 0x28); }
-    [[nodiscard]] uint64_t data_size() const noexcept { return u64_at(at(0), 0x30); }
-    [[nodiscard]] uint64_t initialized_size() const noexcept { return u64_at(at(0), 0x38); }
+    [[nodiscard]] uint64_t lowest_vcn() const noexcept { return u64_at(non_resident(), 0x10); }
+    [[nodiscard]] uint64_t highest_vcn() const noexcept { return u64_at(non_resident(), 0x18); }
+    [[nodiscard]] uint8_t compression_unit() const noexcept { // power of two
+        return non_resident()[0x22];
+    }
+    [[nodiscard]] uint64_t allocated_size() const noexcept { return u64_at(non_resident(), 0x28); }
+    [[nodiscard]] uint64_t data_size() const noexcept { return u64_at(non_resident(), 0x30); }
+    [[nodiscard]] uint64_t initialized_size() const noexcept {
+        return u64_at(non_resident(), 0x38);
+    }
     // Bytes in clusters, of attributes with holes.
     [[nodiscard]] bool has_total_allocated() const noexcept {
         return lowest_vcn() == 0 && (is_compressed() || is_sparse()) && bytes_.size() >= 0x48;
     }
-    [[nodiscard]] uint64_t total_allocated() const noexcept { return u64_at(at(0), 0x40); }
+    [[nodiscard]] uint64_t total_allocated() const noexcept {
+        TAVELIN_ASSERT(has_total_allocated());
+        return u64_at(non_resident(), 0x40);
+    }
     [[nodiscard]] std::span<const uint8_t> mapping_pairs() const noexcept {
-        return bytes_.subspan(u16_at(at(0), 0x20));
+        return bytes_.subspan(u16_at(non_resident(), 0x20));
     }
 
   private:
+    // The header of an attribute with clusters: in a resident one these bytes are its value.
+    [[nodiscard]] const uint8_t* non_resident() const noexcept {
+        TAVELIN_ASSERT(!is_resident());
+        return bytes_.data();
+    }
     [[nodiscard]] const uint8_t* at(uint64_t offset) const noexcept {
         return bytes_.data() + offset;
     }

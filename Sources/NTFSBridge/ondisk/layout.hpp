@@ -67,5 +67,7 @@ constexpr uint8_t namespace_win32_and_dos = 3;
 [[nodiscard]] constexpr uint64_t make_reference(uint64_t record, uint16_t sequence) noexcept {
     return record | static_cast<uint64_t>(sequence) << 48;
 }
+static_assert(reference_record(make_reference(record_extend, 0xffff)) == record_extend &&
+              reference_sequence(make_reference(record_extend, 0xffff)) == 0xffff);
 
 } // namespace ntb

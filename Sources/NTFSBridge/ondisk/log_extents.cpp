@@ -4,6 +4,7 @@
 #include "NTFSBridge/ondisk/file_record.hpp"
 #include "NTFSBridge/ondisk/mapping_pairs.hpp"
 #include "NTFSBridge/ondisk/volume_reader.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +13,8 @@ namespace ntb {
 namespace {
 
 // The unnamed data when it has clusters and is stored plainly and described by this record alone.
+// Clusters of a compressed, sparse or encrypted stream do not hold its bytes one to one, and
+// extents in other records would have to be found through an attribute list.
 bool find_plain_data(const record_view& record, attribute_view& data) noexcept {
     attribute_reader attributes(record);
     while (attributes.next(data) == attribute_reader::result::attribute) {
@@ -23,10 +26,13 @@ bool find_plain_data(const record_view& record, attribute_view& data) noexcept {
 }
 
 bool overlaps(const ntb_extent& extent, uint64_t offset, uint64_t length) noexcept {
+    TAVELIN_ASSERT(extent.length > 0 && length > 0);
     return extent.offset < offset + length && offset < extent.offset + extent.length;
 }
 
-// Whether the extent leaves alone what the volume is found by, and the extents before it.
+// Whether the extent leaves alone what the volume is found by, and the extents before it. The
+// journal is written over these extents without asking the library: a run list that leads it onto
+// the boot sector or the first records would have it destroy the volume.
 bool is_apart(const ntb_extent& extent, const boot_sector& boot, const ntb_extent* others,
               uint32_t count) noexcept {
     const uint64_t mirrored = mirrored_records(boot) * boot.record_size;
@@ -45,6 +51,8 @@ bool store_extents(const attribute_view& data, const boot_sector& boot, uint64_t
     using result = mapping_pairs_reader::result;
     mapping_pairs_reader pairs(data.mapping_pairs(), 0);
     run next;
+    // Fragments of $LogFile are few. A list with more than the caller has room for is refused, not
+    // cut off: its VCNs would no longer cover the file.
     result found = pairs.read(next);
     for (count = 0; found == result::run; found = pairs.read(next)) {
         if (count == room || next.is_hole || !is_within(next.lcn, next.length, clusters)) {
@@ -55,6 +63,7 @@ bool store_extents(const attribute_view& data, const boot_sector& boot, uint64_t
             return false;
         }
         extents[count++] = extent;
+        TAVELIN_ASSERT(count <= room && extent.offset % boot.cluster_size == 0);
     }
     // pairs.vcn() is the number of clusters, as there are no holes and the first VCN is 0.
     return found == result::end && count > 0 && pairs.vcn() == data.highest_vcn() + 1 &&
@@ -73,6 +82,7 @@ int32_t ntb_log_extents(const ntb_io* io, ntb_extent* extents, uint32_t room, ui
         return error;
     }
     uint8_t bytes[record_size_max];
+    static_assert(record_logfile < mirrored_records_min);
     const std::span<uint8_t> record = std::span(bytes).first(boot.record_size);
     if (const int32_t error = read_mirrored_record(*io, boot, record_logfile, record); error != 0) {
         return error;

@@ -2,6 +2,7 @@
 
 #include "NTFSBridge/device/block_io.hpp"
 #include "NTFSBridge/ondisk/volume_reader.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -26,6 +27,8 @@ bool mft_mirror::locate() noexcept {
     table_.offset = boot.mft_lcn * boot.cluster_size;
     mirror_.offset = boot.mftmirr_lcn * boot.cluster_size;
     const uint64_t size = record_count_ * record_size_;
+    // Tables that overlap would be one table twice: bringing them into agreement would write one
+    // record over another.
     const uint64_t distance =
         std::max(table_.offset, mirror_.offset) - std::min(table_.offset, mirror_.offset);
     return distance >= size && is_within(table_.offset, size, device_.size) &&
@@ -41,6 +44,7 @@ bool mft_mirror::fetch(copy& side) const noexcept {
 }
 
 void mft_mirror::take_over(const copy& from, copy& to, uint64_t number) const noexcept {
+    TAVELIN_ASSERT(number < record_count_ && !to.is_changed[number]);
     std::memcpy(to.records.get() + number * record_size_,
                 from.records.get() + number * record_size_, record_size_);
     to.is_changed[number] = true;
@@ -58,6 +62,8 @@ bool mft_mirror::plan() noexcept {
             continue;
         }
         differ = true;
+        // The library writes the record of $MFT before its copy: a whole one is the newer of the
+        // two.
         if (is_whole_record({original, record_size_}, number)) {
             take_over(table_, mirror_, number);
         } else if (is_whole_record({second, record_size_}, number)) {
@@ -71,6 +77,7 @@ bool mft_mirror::plan() noexcept {
 
 void mft_mirror::overlay(const copy& side, uint8_t* buffer, uint64_t offset,
                          uint64_t length) const noexcept {
+    TAVELIN_ASSERT(side.records != nullptr);
     const uint64_t begin = std::max(offset, side.offset);
     const uint64_t end = std::min(offset + length, side.offset + record_count_ * record_size_);
     if (begin < end) {
@@ -83,6 +90,7 @@ int32_t mft_mirror::read_preview(void* context, void* buffer, uint64_t offset,
                                  uint64_t length) noexcept {
     const mft_mirror& self = *static_cast<mft_mirror*>(context);
     const int32_t error = self.device_.read(self.device_.context, buffer, offset, length);
+    // The two never overlap, see locate(), so the order of the overlays does not matter.
     if (error == 0) {
         self.overlay(self.table_, static_cast<uint8_t*>(buffer), offset, length);
         self.overlay(self.mirror_, static_cast<uint8_t*>(buffer), offset, length);
@@ -100,6 +108,7 @@ ntb_io mft_mirror::overlay_io() noexcept {
 }
 
 int32_t mft_mirror::write_changes(const copy& side) const noexcept {
+    TAVELIN_ASSERT(side.records != nullptr && side.is_changed != nullptr);
     for (uint64_t number = 0; number < record_count_; ++number) {
         if (!side.is_changed[number]) {
             continue;
@@ -115,6 +124,8 @@ int32_t mft_mirror::write_changes(const copy& side) const noexcept {
 }
 
 int32_t mft_mirror::commit() noexcept {
+    // Each record is changed on one side only, and its other side is whole. A power cut in between
+    // leaves what plan() can bring into agreement again.
     if (const int32_t error = write_changes(table_); error != 0) {
         return error;
     }

@@ -37,14 +37,17 @@ class BitStream {
             buffer_ |= word << (48 - count_);
             count_ += kWordBits;
         } while (count_ < 32);
+        TAVELIN_ASSERT(count_ < 64 && next_ <= end_);
     }
 
     /// The next `bits` (0 to 32) bits, which must be available, without using them up.
     [[nodiscard]] TAVELIN_INLINE std::uint32_t peek(unsigned bits) const noexcept {
+        TAVELIN_ASSERT(bits <= 32 && bits <= count_);
         return static_cast<std::uint32_t>(buffer_ >> 1 >> (63 - bits));
     }
 
     TAVELIN_INLINE void drop(unsigned bits) noexcept {
+        TAVELIN_ASSERT(bits <= 32 && bits <= count_);
         buffer_ <<= bits;
         count_ -= bits;
     }
@@ -58,6 +61,7 @@ class BitStream {
     /// Gives back all words but those of the next `keep` bits (a multiple of the word), which are
     /// rounded up to whole words: bytes() then begins where a reader stands that has read no more.
     TAVELIN_INLINE void giveBackBeyond(unsigned keep) noexcept {
+        TAVELIN_ASSERT(keep % kWordBits == 0);
         while (count_ >= keep + kWordBits) {
             if (padding_ > 0) {
                 padding_ -= kWordBits;

@@ -1,6 +1,8 @@
 /// Little-endian loads and the copying of matches, shared by the decoders.
 #pragma once
 
+#include "platform/assert.hpp"
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -28,6 +30,7 @@ TAVELIN_INLINE void storeLittle(std::uint8_t* to, T value) noexcept {
 /// `length`: the bytes then repeat. Writes up to 16 bytes beyond, but not past `end`.
 TAVELIN_INLINE void copyMatch(std::uint8_t* to, std::size_t distance, std::size_t length,
                               const std::uint8_t* end) noexcept {
+    TAVELIN_ASSERT(distance > 0 && length > 0 && length <= static_cast<std::size_t>(end - to));
     const std::uint8_t* from = to - distance;
     std::uint8_t* const stop = to + length;
     if (static_cast<std::size_t>(end - stop) < 16) [[unlikely]] {

@@ -24,6 +24,7 @@ class HuffmanCode {
     [[nodiscard]] Kind build(std::span<const std::uint8_t, Symbols> lengths) noexcept {
         std::array<std::uint16_t, MaxLength + 1> counts{};
         for (const std::uint8_t length : lengths) {
+            TAVELIN_ASSERT(length <= MaxLength);
             counts[length]++;
         }
         if (counts[0] == Symbols) {
@@ -71,7 +72,10 @@ class HuffmanCode {
             length++;
         }
         bits.drop(length);
+        // The code is complete, so its last limit is above every word.
+        TAVELIN_ASSERT(word >= limits_[length - 1] && word < limits_[length]);
         const std::uint32_t index = (word - limits_[length - 1]) >> (MaxLength - length);
+        TAVELIN_ASSERT(firstPlaces_[length] + index < Symbols);
         return sorted_[firstPlaces_[length] + index];
     }
 
@@ -91,6 +95,7 @@ class HuffmanCode {
                 next += run;
             }
         }
+        TAVELIN_ASSERT(next <= table_.data() + kTableSize);
         if (next != table_.data() + kTableSize) {
             fill(next, table_.data() + kTableSize, kLongCode);
         }
