@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fskit/api/directory.hpp"
+#include "platform/assert.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -49,6 +50,7 @@ class EntryPacker final : public fskit::FSDirectoryEntryPacker {
         if (attributes != nullptr) {
             entry.attributes = *attributes;
         }
+        TAVELIN_ASSERT(entries_.size() == 1 || (used_ <= bytes_ && entries_.size() <= most_));
         return true;
     }
 

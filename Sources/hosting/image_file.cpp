@@ -2,6 +2,7 @@
 
 #include "hosting/image_use.hpp"
 #include "hosting/open_error.hpp"
+#include "platform/assert.hpp"
 #include "platform/disk_file.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -25,6 +26,7 @@ namespace {
 constexpr const char* kNoDevice = "neither a disk image nor a block device";
 
 [[noreturn]] void cannotOpen(const std::string& path, int error) {
+    TAVELIN_ASSERT(error != 0);
     const std::int32_t code = fromHost(error);
     switch (error) {
     case ENOENT:
@@ -59,6 +61,9 @@ constexpr unsigned long kPhysicalBlockSizeRequest = BLKPBSZGET;
 
 /// 0, or the errno of a lock that somebody else holds.
 int lockDescriptor(int descriptor, bool exclusive) {
+    // The lock has to belong to the open file, as flock's does. A plain POSIX lock belongs to the
+    // process: it would not keep two volumes of one process apart, and closing any other descriptor
+    // of the file would drop it.
 #if defined(F_OFD_SETLK)
     struct flock whole {};
     whole.l_type = exclusive ? F_WRLCK : F_RDLCK;
@@ -84,6 +89,8 @@ ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
     if (!readOnly) {
         file_ = FileDescriptor(path.c_str(), O_RDWR | flags);
         writable_ = static_cast<bool>(file_);
+        // Only what forbids writing leads on to reading. Any other failure is the user's to hear:
+        // a device in use must not become a read-only volume that changes under its reader.
         if (!writable_ && errno != EACCES && errno != EPERM && errno != EROFS) {
             cannotOpen(path, errno);
         }
@@ -95,16 +102,19 @@ ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
         cannotOpen(path, errno);
     }
     measure(path);
+    // Last, as a lock on what turns out to be no image would be in its owner's way for a moment.
     if (const int error = lockDescriptor(file_.get(), writable_); error != 0) {
         cannotOpen(path, error);
     }
 }
 
 void ImageFile::measure(const std::string& path) {
+    TAVELIN_ASSERT(static_cast<bool>(file_));
     struct stat status {};
     if (::fstat(file_.get(), &status) != 0) {
         cannotOpen(path, errno);
     }
+    // Of the open file, not of its path, which may lead elsewhere by now.
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         throw OpenError(OpenError::Reason::notBlockDevice, kENOTBLK, path, kNoDevice);
     }
@@ -116,14 +126,17 @@ void ImageFile::measure(const std::string& path) {
     }
     blockSize_ = deviceValue(file_.get(), kBlockSizeRequest, blockSize_);
     physicalBlockSize_ = deviceValue(file_.get(), kPhysicalBlockSizeRequest, blockSize_);
+    TAVELIN_ASSERT(blockSize_ > 0 && physicalBlockSize_ > 0);
 }
 
 ImageFile::Transferred ImageFile::read(void* into, std::uint64_t offset, std::size_t length) const {
+    TAVELIN_ASSERT(static_cast<bool>(file_));
     return file_.readAt(into, length, offset);
 }
 
 ImageFile::Transferred ImageFile::write(const void* from, std::uint64_t offset,
                                         std::size_t length) {
+    TAVELIN_ASSERT(static_cast<bool>(file_));
     if (offset > bytes_ || length > bytes_ - offset) {
         return {.error = ENXIO}; // a device does not grow
     }
@@ -135,8 +148,13 @@ ImageFile::Transferred ImageFile::write(const void* from, std::uint64_t offset,
 
 int ImageFile::flushToMedium() {
     const MutexLock held(flushing_);
+    TAVELIN_ASSERT(static_cast<bool>(file_));
+    // The mark is cleared before the flush, so that a write that runs beside it leaves it set for
+    // the next one. A second caller waits for the lock: what it wrote may be in the first's flush,
+    // and it may answer success only once that flush has ended.
     if (flushError_ == 0 && unsettled_.exchange(false)) {
 #if defined(__APPLE__)
+        // fsync() on a Mac ends at the drive's own cache, which a power cut empties.
         const int result = ::fcntl(file_.get(), F_FULLFSYNC);
 #else
         const int result = ::fdatasync(file_.get());

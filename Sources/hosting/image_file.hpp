@@ -40,7 +40,6 @@ class ImageFile {
     [[nodiscard]] int flushToMedium();
 
   private:
-    void open(const std::filesystem::path& path, bool readOnly);
     void measure(const std::string& path);
 
     // Whoever needs its writes kept has flushed them; what closing says can help nobody else.

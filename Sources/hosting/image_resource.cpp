@@ -1,5 +1,6 @@
 #include "hosting/image_resource.hpp"
 
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 namespace tavelin {
@@ -27,6 +28,7 @@ std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::si
     check(isRevoked() ? ENXIO : 0);
     const ImageFile::Transferred done = file_.read(buffer, offset, length);
     check(done.error);
+    TAVELIN_ASSERT(done.bytes <= length);
     return done.bytes;
 }
 
@@ -35,10 +37,13 @@ std::size_t ImageResource::write(const std::byte* buffer, std::uint64_t offset,
     check(isRevoked() ? ENXIO : 0);
     const ImageFile::Transferred done = file_.write(buffer, offset, length);
     check(done.error);
+    TAVELIN_ASSERT(done.bytes <= length);
     return done.bytes;
 }
 
 void ImageResource::metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) {
+    // Metadata is whole or an error, unlike file data, whose short transfers the caller handles. A
+    // transfer of nothing is the end of the device, where going on would never end.
     for (std::size_t done = 0; done < length;) {
         const std::size_t count = read(buffer + done, offset + done, length - done);
         check(count == 0 ? EIO : 0);

@@ -2,6 +2,7 @@
 
 #if defined(__linux__)
 
+#include "platform/assert.hpp"
 #include "platform/file_descriptor.hpp"
 #include "platform/mount_info.hpp"
 
@@ -67,6 +68,7 @@ struct LoopExtent {
 
 /// `directory` is the device's directory in sysfs. Absent for what is no loop device in use.
 std::optional<LoopExtent> loopExtent(const fs::path& directory) {
+    // sysfs describes a partition in a directory below its disk's; only the disk's has loop/.
     const bool partition = fs::exists(directory / "partition");
     const fs::path disk = partition ? directory / ".." : directory;
     const std::string file = firstLine(disk / "loop/backing_file");
@@ -81,6 +83,7 @@ std::optional<LoopExtent> loopExtent(const fs::path& directory) {
 /// Another loop device over the same bytes: its own name, or empty.
 std::string loopOver(const LoopExtent& extent, const std::optional<Identity>& except,
                      bool forWriting) {
+    // Compared by identity: the backing file may have been attached by another path.
     const std::optional<Identity> image = identityOf(extent.file);
     std::error_code none;
     for (const fs::directory_entry& entry : fs::directory_iterator("/sys/block", none)) {
@@ -136,6 +139,7 @@ bool isLocked(const fs::path& path, bool forWriting) {
 /// Uses of the file behind the loop device `identity`. That the device itself is in use shows when
 /// it is opened exclusively.
 std::string useBehindLoop(const Identity& identity, bool forWriting) {
+    TAVELIN_ASSERT(identity.inode == 0);
     const fs::path directory = "/sys/dev/block/" + std::to_string(major(identity.device)) + ":" +
                                std::to_string(minor(identity.device));
     const std::optional<LoopExtent> extent = loopExtent(directory);
@@ -165,6 +169,8 @@ std::string otherUse(const fs::path& path, bool forWriting) {
     if (identity->inode == 0) {
         return useBehindLoop(*identity, forWriting);
     }
+    // Before the lease: a loop device that may write refuses it too, without saying which one it
+    // is.
     if (const std::string loop = loopOver({path}, std::nullopt, forWriting); !loop.empty()) {
         return "it is attached to /dev/" + loop;
     }

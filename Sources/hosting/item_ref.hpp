@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fskit/extended_operations.hpp"
+#include "platform/assert.hpp"
 
 #include <utility>
 
@@ -18,7 +19,9 @@ class ItemRef {
     ItemRef() = default;
     /// Takes over one hand-out of `item`.
     ItemRef(ExtendedOperations& volume, fskit::FSItemRef item) noexcept
-        : volume_(&volume), item_(std::move(item)) {}
+        : volume_(&volume), item_(std::move(item)) {
+        TAVELIN_ASSERT(item_ != nullptr);
+    }
     ItemRef(ItemRef&& other) noexcept
         : volume_(other.volume_), item_(std::exchange(other.item_, nullptr)) {}
     ItemRef& operator=(ItemRef&& other) noexcept {
@@ -27,6 +30,7 @@ class ItemRef {
         return *this;
     }
     ~ItemRef() {
+        TAVELIN_ASSERT(item_ == nullptr || volume_ != nullptr);
         // An item always comes with its volume; naming both lets static analysis see that.
         if (item_ != nullptr && volume_ != nullptr) {
             volume_->release(item_);

@@ -2,6 +2,7 @@
 
 #include "core/driver2/mount_options.hpp"
 #include "fskit/tavelin_file_system.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/mutex.hpp"
 
@@ -89,6 +90,8 @@ void ModuleHost::open(const Options& options) {
                         image, why);
     };
     if (probe().result != fskit::FSMatchResult::usable) {
+        // A probe has no error of its own for a device that cannot be read: it answers that nothing
+        // was recognised.
         if (const auto error = firstBlockError(*resource_)) {
             fail(Reason::ioError, *error, error->localizedDescription());
         }
@@ -103,6 +106,7 @@ void ModuleHost::open(const Options& options) {
     if (const auto mounted = mount({}); !mounted) {
         fail(Reason::refused, mounted.error(), refusal(mounted.error()));
     }
+    TAVELIN_ASSERT(state_ == State::mounted);
 }
 
 Outcome<void> ModuleHost::close() {
@@ -112,6 +116,8 @@ Outcome<void> ModuleHost::close() {
             first = step.error();
         }
     };
+    // Later steps are taken whatever failed before, or the device would stay claimed. The first
+    // failure is answered: the others follow from it.
     if (state_ == State::mounted) {
         note(volume_->synchronize(fskit::FSSyncFlags::wait));
         unmount();
@@ -122,6 +128,7 @@ Outcome<void> ModuleHost::close() {
     if (state_ == State::loaded) {
         note(unload());
     }
+    TAVELIN_ASSERT(state_ == State::idle);
     return first;
 }
 
@@ -138,6 +145,7 @@ VolumeClient& ModuleHost::volume() {
     if (state_ != State::active && state_ != State::mounted) {
         fatal("the module host has no active volume");
     }
+    TAVELIN_ASSERT(volume_ != nullptr);
     return *volume_;
 }
 
@@ -165,6 +173,8 @@ Outcome<void> ModuleHost::load(const Options& options) {
     }
     volume_ = std::make_unique<VolumeClient>(std::move(volume));
     state_ = State::loaded;
+    // Known only here: the volume falls back to reading while it loads, when its check or its state
+    // forbids writing.
     const bool mayWrite = resource_->isWritable() && !Driver2::MountOptions(options).readOnly;
     fellBack_ = mayWrite && volume_->isReadOnly();
     return {};
@@ -209,12 +219,15 @@ Outcome<void> ModuleHost::unload() {
     if (!unloaded) {
         return unloaded.error();
     }
+    // The module's last writes ended in the host's caches. Success means the medium.
     return resource_->flushToMedium();
 }
 
 // ---- Maintenance -------------------------------------------------------------------------------
 
 Outcome<void> ModuleHost::check(const Options& options) {
+    // The task may end on a thread of the module's, which still has it when wait() has returned: so
+    // it is shared.
     const auto task = std::make_shared<AwaitedTask>();
     if (const auto started = module_->startCheck(task, {options}); !started) {
         return started.error();

@@ -1,5 +1,6 @@
 #include "hosting/paths.hpp"
 
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <algorithm>
@@ -32,6 +33,8 @@ class Walker {
         while (!components.empty()) {
             const std::string name = std::move(components.front());
             components.pop_front();
+            // Taken back on the way itself, not looked up: ".." behind a link leads to the
+            // directory above the link's target, and above the root there is the root.
             if (name == "..") {
                 if (!path_.empty()) {
                     path_.pop_back();
@@ -68,6 +71,7 @@ class Walker {
   private:
     /// Puts a link's target in front of what is still to go.
     std::optional<fskit::Error> follow(const Found& link, std::deque<std::string>& components) {
+        // Counted over the whole path: links that lead to each other need not nest.
         if (++links_ > kLinkDepthMax) {
             return fskit::fs_errorForPOSIXError(kELOOP);
         }
@@ -75,6 +79,7 @@ class Walker {
         if (!target) {
             return target.error();
         }
+        // An absolute target begins at the volume's root, as no other root is known here.
         if (target->starts_with('/')) {
             path_.clear();
         }
@@ -103,12 +108,15 @@ class TreeWalk {
         }
         path_.push_back(own->fileID());
         auto error = below(directory, prefix);
+        TAVELIN_ASSERT(!path_.empty() && path_.back() == own->fileID());
         path_.pop_back();
         return error;
     }
 
   private:
     std::optional<fskit::Error> below(const ItemRef& directory, const std::string& prefix) {
+        // Listed whole before any is visited: a visitor may change the directory, and the entries
+        // that are still to come must not depend on that.
         const auto entries = volume_.list(directory, true);
         if (!entries) {
             return entries.error();
@@ -150,6 +158,7 @@ Outcome<Location> locate(VolumeClient& volume, std::string_view path) {
         return fskit::fs_errorForPOSIXError(kEINVAL);
     }
     std::string name = std::move(components.back());
+    TAVELIN_ASSERT(!name.empty() && name != "." && name != "..");
     components.pop_back();
     Walker walker(volume);
     if (const auto error = walker.go(std::move(components), LastLink::follow)) {

@@ -48,6 +48,7 @@ Outcome<std::optional<Found>> VolumeClient::find(const ItemRef& directory, std::
     if (found) {
         return std::optional(take(std::move(*found)));
     }
+    // Any other error must not pass for absence: a caller would create the name anew.
     if (found.error() == fskit::fs_errorForPOSIXError(kENOENT)) {
         return std::optional<Found>();
     }
@@ -102,6 +103,7 @@ VolumeClient::list(const ItemRef& directory, bool withAttributes, std::size_t pa
             return next.error();
         }
         std::vector<DirectoryEntry> page = packer.take();
+        // Only an empty page is the end: a short one means that the next entry did not fit.
         if (page.empty()) {
             return entries;
         }
@@ -266,6 +268,7 @@ void VolumeClient::unmount() {
 }
 
 Outcome<void> VolumeClient::deactivate() {
+    // Hosts may still hold references, which must not keep items of a volume that is gone.
     volume_->reclaimAll();
     return volume_->deactivate(0);
 }

@@ -4,6 +4,7 @@
 #include "fskit/tavelin_volume.hpp"
 #include "hosting/entry_packer.hpp"
 #include "hosting/item_ref.hpp"
+#include "platform/assert.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -34,7 +35,9 @@ class VolumeClient {
   public:
     using Bytes = std::span<const std::byte>;
 
-    explicit VolumeClient(std::shared_ptr<TavelinVolume> volume) : volume_(std::move(volume)) {}
+    explicit VolumeClient(std::shared_ptr<TavelinVolume> volume) : volume_(std::move(volume)) {
+        TAVELIN_ASSERT(volume_ != nullptr);
+    }
     VolumeClient(const VolumeClient&) = delete;
     VolumeClient& operator=(const VolumeClient&) = delete;
 
