@@ -15,6 +15,7 @@ bool isBadClusterList(const File& file, const Attribute& attribute) {
 
 void checkSizes(Volume& volume, const File& file, const Attribute& attribute,
                 std::uint64_t holeClusters) {
+    TAVELIN_ASSERT(!attribute.isResident());
     const ntb::attribute_view& first = attribute.first;
     const std::uint64_t cluster = volume.boot.cluster_size;
     const std::string what = fmt::format("attribute {:#x}", first.type());
@@ -32,6 +33,8 @@ void checkSizes(Volume& volume, const File& file, const Attribute& attribute,
                    fmt::format("{} bytes", attribute.clusters * cluster),
                    fmt::format("{}: {}", what, first.allocated_size()));
     }
+    // Windows shows this number as the size on disk of compressed and sparse files, and takes it
+    // off the quota. Holes do not count.
     const std::uint64_t inClusters = (attribute.clusters - holeClusters) * cluster;
     if (first.has_total_allocated() && first.total_allocated() != inClusters) {
         volume.add(compressedSize, file.number, fmt::format("{} bytes", inClusters),
@@ -46,6 +49,8 @@ void checkAllocation(Volume& volume, const File& file) {
         if (attribute.isResident()) {
             continue;
         }
+        // Marked whatever else is wrong with the attribute: a cluster that any run list names must
+        // not be given to another file.
         std::uint64_t holeClusters = 0;
         for (const ntb::run& run : attribute.runs) {
             if (run.is_hole) {

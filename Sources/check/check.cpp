@@ -13,15 +13,21 @@ constexpr std::size_t kComplaintsMax = 12;
 
 void runPasses(Volume& volume) {
     volume.open();
+    // Fills in the tables of records, clusters and security ids, which all later passes go by.
     checkRecords(volume);
     checkSystemFiles(volume);
+    // Directories are sorted by the volume's own table.
     loadUpcase(volume);
+    // Takes each index entry off the sum of its record's names. What is left is resolved after all
+    // directories were seen.
     checkDirectories(volume);
     resolveNames(volume);
     checkReachability(volume);
     checkBitmaps(volume);
+    // Needs the clusters that $Bitmap has as free.
     resolveClusters(volume);
     checkSecurity(volume);
+    // Needs the files in $Extend, which the directories named.
     checkViewIndexes(volume);
     if (volume.options.deep) {
         readAllData(volume);
@@ -52,6 +58,7 @@ Report checkVolume(BlockDevice& device, const Options& options) {
     } catch (const Stopped&) {
         report.isComplete = false;
     }
+    // What was not examined is a finding: a check that gave up must not end as a clean one.
     if (volume.isExhausted()) {
         volume.reporter.count(FindingClass::notExamined);
     }

@@ -25,6 +25,7 @@ class ContentReader {
     void run() {
         const ntb::attribute_view& first = attribute_.first;
         const std::uint64_t unit = volume_.boot.cluster_size << (first.compression_unit() & 0x1f);
+        // A unit of another size, or of a method that no Windows writes, is only read.
         const bool isDecoded = (first.flags() & ntb::attribute_compression_mask) == kLznt1 &&
                                first.compression_unit() < 8 && unit <= kUnitBytesMax;
         if (isDecoded) {
@@ -100,12 +101,14 @@ class ContentReader {
                             std::span(buffer_).subspan(used * cluster, (end - begin) * cluster)) &&
                         isRead;
                     used += end - begin;
+                    TAVELIN_ASSERT(used <= unitClusters); // runs are disjoint and in VCN order
                 }
                 if (run->vcn + run->length > vcn + unitClusters) {
                     break; // goes on in the next unit
                 }
             }
             skipHole(run, vcn, unitClusters);
+            // A unit in all its clusters is stored as it is: compressing it saved none.
             if (isRead && used > 0 && used < unitClusters &&
                 !decodesAsLznt1(std::span(buffer_).first(used * cluster), buffer_.size())) {
                 add(compressedData, "data that decompresses",

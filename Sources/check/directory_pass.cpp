@@ -41,6 +41,8 @@ class DirectoryCheck {
     void visit(std::uint64_t reference, const FileName& name) {
         const std::uint64_t number = ntb::reference_record(reference);
         RecordState* const state = volume_.table.find(number);
+        // Before the entry is judged: a pass that looks for a file by its name must find it even
+        // where the entry is wrong.
         rememberSpecial(number, name);
         if (name.parent() != directory_.reference()) {
             add(entryParent, number, name, fmt::format("directory {}", directory_.number),
@@ -57,6 +59,8 @@ class DirectoryCheck {
         } else if (state->has(RecordState::extension)) {
             add(entryWithoutName, number, name, "a file", "an extension record");
         } else {
+            // The record added the hash of this name with the directory that it says. The sum comes
+            // to 0 when names and entries are the same, in whatever order they were seen.
             state->names -= name.hash(directory_.reference());
             compare(number, *state, name);
         }
@@ -74,6 +78,8 @@ class DirectoryCheck {
                                          (isDirectory ? kDirectoryFlag : 0)),
                 fmt::format("{:#x}", flags & (kSharedFlags | kDirectoryFlag)));
         }
+        // Only a hash of the sizes is kept of each record. The sizes themselves are read again
+        // where they differ.
         if (state.has(RecordState::comparesSizes) &&
             state.sizes != sizesHash(name.allocatedSize(), name.dataSize())) {
             reportSizes(number, name);
@@ -105,6 +111,7 @@ class DirectoryCheck {
         File file;
         const Attribute* const data =
             volume_.loadFile(number, file) ? file.find(ntb::at_data) : nullptr;
+        // Windows writes these letters when it hibernates and others when it resumes.
         const auto magic = data == nullptr ? std::nullopt : volume_.readAll(*data, 4);
         if (magic && magic->size() == 4 && (*magic)[0] != 0 &&
             (isText(*magic, "hibr") || isText(*magic, "HIBR"))) {

@@ -13,6 +13,7 @@ std::uint64_t mixed(std::uint64_t hash, std::uint64_t word) noexcept {
 }
 
 void appendUtf8(std::string& text, std::uint32_t point) {
+    TAVELIN_ASSERT(point < 0x110000 && (point < 0xd800 || point >= 0xe000));
     const auto byte = [&](std::uint32_t value) { text += static_cast<char>(value); };
     if (point < 0x80) {
         byte(point);
@@ -57,6 +58,8 @@ std::string toText(RawName name) {
                 i += 2;
             }
         }
+        // NTFS stores any 16-bit units; UTF-8 has no form for half a pair. A slash or NUL inside a
+        // name would make the path in a finding lead elsewhere.
         const bool isLoneSurrogate = point >= 0xd800 && point < 0xe000;
         appendUtf8(text, isLoneSurrogate || point == '/' || point == 0 ? kReplacement : point);
     }
@@ -80,7 +83,9 @@ bool parseFileName(std::span<const std::uint8_t> bytes, FileName& name) noexcept
         bytes[0x41] > ntb::namespace_win32_and_dos) {
         return false;
     }
+    // What follows the name in an attribute or a key is padding, and no part of the file name.
     name.bytes = bytes.first(kFileNameHeader + length * 2);
+    TAVELIN_ASSERT(name.name().size() == length * 2);
     return true;
 }
 
@@ -89,6 +94,8 @@ bool FileName::isSameName(const FileName& other) const noexcept {
 }
 
 std::uint64_t FileName::hash(std::uint64_t directory) const noexcept {
+    // The seed is the fraction of pi; any number does. Hashes are added up, so each has to depend
+    // on all of its name: two names must not cancel another two out.
     std::uint64_t hash = mixed(0x243f6a8885a308d3, directory);
     hash = mixed(hash, nameSpace());
     const RawName units = name();

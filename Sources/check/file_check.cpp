@@ -45,7 +45,9 @@ class FileCheck {
 
     [[nodiscard]] bool isUserFile() const { return file_.number >= ntb::first_user_record; }
 
+    /// Files of a volume before Windows 2000 have the shorter form, without a security id.
     void checkInformation() {
+        static_assert(kInformationSize < kInformationWithOwner);
         const Attribute* const found = file_.find(ntb::at_standard_information);
         if (found == nullptr) {
             if (file_.isWhole) {
@@ -61,6 +63,8 @@ class FileCheck {
         const std::uint8_t* const value = found->first.value().data();
         state_.fileAttributes = ntb::u32_at(value, 0x20);
         if (found->size() >= kInformationWithOwner) {
+            // 0 is a file that has its own $SECURITY_DESCRIPTOR. One file of each id is remembered,
+            // to name in a finding; the files of an id may be all of the volume's.
             const std::uint32_t id = ntb::u32_at(value, 0x34);
             if (id != 0) {
                 volume_.securityIds.emplace(id, static_cast<std::uint32_t>(file_.number));
@@ -88,6 +92,8 @@ class FileCheck {
                 state_.set(RecordState::damaged);
             }
         }
+        // A short name counts as a link of its own. Where an extension record could not be read, a
+        // name may be in it, and nothing is said of their number.
         if (file_.isWhole && count != file_.base.links()) {
             add(linkCount, std::to_string(count), std::to_string(file_.base.links()));
         }
@@ -99,6 +105,8 @@ class FileCheck {
             }
             return;
         }
+        // Directories have one name, or a long and a short one in the same directory: the first
+        // leads to the root as well as any.
         state_.parent = static_cast<std::uint32_t>(ntb::reference_record(names.front().parent()));
         checkShortNames(names);
         rememberSizes(names);
@@ -119,8 +127,10 @@ class FileCheck {
 
     /// Of files with one name only: of others only the name that was opened last is up to date.
     void rememberSizes(const std::vector<FileName>& names) {
+        TAVELIN_ASSERT(!names.empty());
         const auto isLong = [](const FileName& n) { return n.nameSpace() != ntb::namespace_dos; };
         const Attribute* const data = file_.find(ntb::at_data);
+        // Entries of system files keep the sizes that they were made with, as in $Extend.
         const std::uint64_t directory = ntb::reference_record(names.front().parent());
         const bool isInUserDirectory =
             directory == ntb::record_root || directory >= ntb::first_user_record;
@@ -141,6 +151,7 @@ class FileCheck {
             add(directoryFlag, hasIndex ? "set, as there is $I30" : "not set, as there is no $I30",
                 hasIndex ? "not set" : "set");
         }
+        // What has an index is walked as a directory, whatever its flag says: its entries count.
         if (hasIndex) {
             state_.set(RecordState::directory);
             ++volume_.report.directories;
@@ -197,6 +208,7 @@ class FileCheck {
             add(attributeValue, "reparse data of the length that it says",
                 fmt::format("{} bytes", value->size()));
         }
+        // $Reparse has an entry for it, malformed or not.
         state_.set(RecordState::hasReparsePoint);
     }
 
@@ -208,6 +220,7 @@ class FileCheck {
         // u32 offset of the next one, u8 flags, u8 length of the name, u16 of the value, name, 0.
         std::span<const std::uint8_t> rest(*value);
         while (!rest.empty()) {
+            // An offset of 0 marks the last entry, which has all that is left.
             const std::uint64_t next = rest.size() < 8 ? 0 : ntb::u32_at(rest.data(), 0);
             const std::uint64_t step = next == 0 ? rest.size() : next;
             if (rest.size() < 8 || step > rest.size() || step < 9 ||
@@ -217,7 +230,8 @@ class FileCheck {
                                 value->size()));
                 return;
             }
-            rest = rest.subspan(next == 0 ? rest.size() : next);
+            TAVELIN_ASSERT(step > 0 && step <= rest.size()); // every turn advances
+            rest = rest.subspan(step);
         }
     }
 
@@ -229,6 +243,8 @@ class FileCheck {
 } // namespace
 
 std::uint64_t allocatedBytes(const Attribute& data) {
+    // A resident value has no clusters. Index entries have its size rounded up to the 8 bytes that
+    // attributes are aligned to.
     if (data.isResident()) {
         return (data.size() + 7) / 8 * 8;
     }

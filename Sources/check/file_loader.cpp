@@ -15,6 +15,8 @@ using enum FindingClass;
 constexpr std::uint64_t kListBytesMax = 256u << 10;
 constexpr std::size_t kRunsMax = 4u << 20;       // of an attribute; 256 KiB of list allow less
 constexpr std::uint64_t kListEntryHeader = 0x1a; // bytes
+// Each entry of a list may bring in one record, which the file then owns.
+static_assert(kListBytesMax / kListEntryHeader < 1u << 14);
 
 std::string nameOf(const ntb::attribute_view& attribute) {
     const std::string name = toText(attribute.name());
@@ -30,12 +32,13 @@ class Assembler {
     Assembler(Volume& volume, File& file) : volume_(volume), file_(file) {}
 
     void run() {
+        TAVELIN_ASSERT(pieces_.empty() && file_.attributes.empty());
         readAttributes(file_.base, file_.number);
         const auto list = std::ranges::find_if(pieces_, [](const Piece& piece) {
             return piece.view.type() == ntb::at_attribute_list;
         });
         if (list != pieces_.end()) {
-            followList(Piece(*list));
+            followList(Piece(*list)); // a copy: extension records add to the pieces
         }
         join();
     }
@@ -66,6 +69,7 @@ class Assembler {
             if (result == ntb::attribute_reader::result::end) {
                 break;
             }
+            // What was read before it is used. Where the next attribute would begin is not known.
             if (result == ntb::attribute_reader::result::malformed) {
                 file_.isWhole = false;
                 add(attributeMalformed, "an attribute or the end marker",
@@ -76,6 +80,8 @@ class Assembler {
                 add(attributeOrder, fmt::format("types ascending in record {}", number),
                     fmt::format("{} after {}", nameOf(view), nameOf(pieces_.back().view)));
             }
+            // Instance numbers are per record: attribute lists name an attribute by record and
+            // instance.
             const bool isTaken =
                 std::any_of(pieces_.begin() + static_cast<std::ptrdiff_t>(begin), pieces_.end(),
                             [&](const Piece& p) { return p.view.instance() == view.instance(); });
@@ -85,6 +91,7 @@ class Assembler {
                                 view.instance(), number));
             }
             pieces_.push_back({view, number});
+            TAVELIN_ASSERT(pieces_.size() - begin <= ntb::record_size_max / 8);
         }
     }
 
@@ -113,6 +120,7 @@ class Assembler {
         entry.instance = ntb::u16_at(rest.data(), 0x18);
         entry.name = rest.subspan(nameLength == 0 ? 0 : nameOffset, nameLength);
         rest = rest.subspan(length);
+        TAVELIN_ASSERT(entry.name.size() == nameLength);
         return true;
     }
 
@@ -134,6 +142,8 @@ class Assembler {
         std::span<const std::uint8_t> rest(*bytes);
         std::vector<ListEntry> entries;
         for (ListEntry entry; parseEntry(rest, entry);) {
+            // The order of names within a type depends on the upper-case table, which is not read
+            // yet: only types and the extents of one attribute are compared.
             const bool isAscending = entries.empty() || entries.back().type < entry.type ||
                                      (entries.back().type == entry.type &&
                                       (!std::ranges::equal(entries.back().name, entry.name) ||
@@ -145,6 +155,8 @@ class Assembler {
             entries.push_back(entry);
             loadExtension(entry.reference);
         }
+        // The extensions are loaded: each attribute in them has to have an entry, and each entry an
+        // attribute.
         file_.isWhole = file_.isWhole && rest.empty();
         matchList(entries);
         for (const Piece& piece : pieces_) {
@@ -156,6 +168,7 @@ class Assembler {
     }
 
     void loadExtension(std::uint64_t reference) {
+        // A record is read once, however often a hostile list names it.
         const std::uint64_t number = ntb::reference_record(reference);
         if (number == file_.number || !loaded_.emplace(number, true).second) {
             return;
@@ -167,6 +180,8 @@ class Assembler {
             add(attributeListStale, "an extension record in use", fmt::format("record {}", number));
             return;
         }
+        // Both sides have to agree: the list names the record and the record its base. Otherwise
+        // the record is another file's by now.
         const ntb::record_view extension(record);
         if (extension.base() != file_.reference() ||
             extension.sequence() != ntb::reference_sequence(reference)) {
@@ -176,6 +191,8 @@ class Assembler {
                             ntb::reference_record(extension.base()), extension.sequence()));
             return;
         }
+        // The pass over the records may reach this one later: the state is made, not yet in use.
+        TAVELIN_ASSERT(number < volume_.recordCount());
         volume_.table.touch(number).set(RecordState::claimed);
         file_.owned.push_back(std::move(bytes));
         readAttributes(extension, number);
@@ -183,6 +200,7 @@ class Assembler {
 
     void matchList(const std::vector<ListEntry>& entries) {
         const auto key = [](std::uint64_t record, std::uint16_t instance) {
+            TAVELIN_ASSERT(record >> 48 == 0);
             return record << 16 | instance;
         };
         std::unordered_map<std::uint64_t, Piece*> byInstance;
@@ -210,11 +228,14 @@ class Assembler {
     // ---- Extents -------------------------------------------------------------------------------
 
     void decode(const Piece& piece, Attribute& attribute) {
+        TAVELIN_ASSERT(!piece.view.is_resident());
         const std::uint64_t clusters = volume_.boot.clusters();
         ntb::mapping_pairs_reader reader(piece.view.mapping_pairs(), piece.view.lowest_vcn());
         ntb::run run;
         auto result = reader.read(run);
         for (; result == ntb::mapping_pairs_reader::result::run; result = reader.read(run)) {
+            // Left out, so that no later pass reads or marks what is not on the volume. The runs
+            // behind it are relative to it and may be good.
             if (!run.is_hole && (run.length > clusters || run.lcn > clusters - run.length)) {
                 attribute.isWhole = false;
                 add(runOutside, fmt::format("clusters below {}", clusters),
@@ -227,6 +248,9 @@ class Assembler {
                 volume_.reporter.count(notExamined);
                 return;
             }
+            // A gap is left where a run was, never an overlap: Volume::read() searches by VCN.
+            TAVELIN_ASSERT(attribute.runs.empty() ||
+                           attribute.runs.back().vcn + attribute.runs.back().length <= run.vcn);
             attribute.runs.push_back(run);
         }
         attribute.clusters = std::max(attribute.clusters, reader.vcn());
@@ -248,6 +272,8 @@ class Assembler {
         auto& attributes = file_.attributes;
         const bool continues = !attributes.empty() && !attributes.back().isResident() &&
                                isSame(attributes.back().first, piece.view);
+        // Extents behind a gap are kept, those that overlap earlier ones are not: the run list has
+        // to stay in VCN order.
         if (!continues || attributes.back().clusters != piece.view.lowest_vcn()) {
             file_.isWhole = false;
             add(runOrder,
@@ -264,6 +290,8 @@ class Assembler {
     }
 
     void join() {
+        // Extents of one attribute become neighbours, the first one in front. The order is stable,
+        // so that of attributes that occur twice the one in the base record comes first.
         std::ranges::stable_sort(pieces_, [](const Piece& a, const Piece& b) {
             if (a.view.type() != b.view.type()) {
                 return a.view.type() < b.view.type();
@@ -278,6 +306,7 @@ class Assembler {
                 addExtent(piece);
                 continue;
             }
+            // A file may have many $FILE_NAME attributes: one for each link, all without a name.
             const bool isTwice = !file_.attributes.empty() &&
                                  piece.view.type() != ntb::at_file_name &&
                                  isSame(file_.attributes.back().first, piece.view);

@@ -1,5 +1,7 @@
 #include "check/finding.hpp"
 
+#include "platform/assert.hpp"
+
 #include <array>
 
 namespace tavelin::check {
@@ -172,6 +174,7 @@ static_assert(isInOrder());
 } // namespace
 
 const ClassInfo& info(FindingClass kind) noexcept {
+    TAVELIN_ASSERT(kind < count);
     return kTable[static_cast<std::size_t>(kind)];
 }
 

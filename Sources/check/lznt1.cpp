@@ -1,6 +1,7 @@
 #include "check/private/lznt1.hpp"
 
 #include "NTFSBridge/ondisk/little_endian.hpp"
+#include "platform/assert.hpp"
 
 namespace tavelin::check {
 namespace {
@@ -25,6 +26,7 @@ bool decodesChunk(std::span<const std::uint8_t> tokens) noexcept {
                 while (lengthBits > 4 && written > std::size_t{0x10000} >> lengthBits) {
                     --lengthBits;
                 }
+                TAVELIN_ASSERT(lengthBits >= 4 && written <= kChunkBytes);
                 if (at + 2 > tokens.size()) {
                     return false;
                 }
@@ -48,8 +50,10 @@ bool decodesChunk(std::span<const std::uint8_t> tokens) noexcept {
 } // namespace
 
 bool decodesAsLznt1(std::span<const std::uint8_t> bytes, std::size_t unitBytes) noexcept {
+    static_assert(kSizeMask + 1u == kChunkBytes);
     std::size_t written = 0;
     while (bytes.size() >= 2) {
+        // A header of 0 ends the unit. What follows it, up to the cluster's end, means nothing.
         const std::uint16_t header = ntb::u16_at(bytes.data(), 0);
         if (header == 0) {
             break;
@@ -60,6 +64,8 @@ bool decodesAsLznt1(std::span<const std::uint8_t> bytes, std::size_t unitBytes) 
             (isCompressed ? !decodesChunk(bytes.subspan(2, size)) : size != kChunkBytes)) {
             return false;
         }
+        // The last chunk of a file may decode to less. Counting it whole keeps the bound: the unit
+        // has room for whole chunks only.
         written += kChunkBytes;
         bytes = bytes.subspan(2 + size);
     }

@@ -30,6 +30,8 @@ bool isMarkedDirty(BlockDevice& device) {
 
 GateVerdict judgeForWriting(BlockDevice& device, std::string_view reason,
                             std::chrono::milliseconds bound) {
+    // A mount must not take as long as the check of a large volume. What was found until the time
+    // is up decides, and the verdict says that it was not all.
     const auto end = std::chrono::steady_clock::now() + bound;
     std::string worst;
     Options options;
@@ -41,7 +43,9 @@ GateVerdict judgeForWriting(BlockDevice& device, std::string_view reason,
         }
     };
     const Report report = checkVolume(device, options);
+    // Lesser findings do not keep a volume from being written to: writing makes none of them worse.
     const std::uint64_t risks = report.total(Severity::dataAtRisk);
+    TAVELIN_ASSERT(risks > 0 || worst.empty());
     if (!report.unreadable.empty()) {
         return {false,
                 fmt::format("The volume {} and cannot be checked: {}.", reason, report.unreadable)};

@@ -22,6 +22,7 @@ class NameResolver {
 
     void run() {
         volume_.table.each(volume_.recordCount(), [&](std::uint64_t number, RecordState& state) {
+            // The names of a damaged record are not known: its entries may all be right.
             if (state.names != 0 && !state.has(RecordState::extension) &&
                 !state.has(RecordState::damaged)) {
                 if (doubtful_.size() < kDoubtfulMax) {
@@ -34,6 +35,9 @@ class NameResolver {
         if (doubtful_.empty()) {
             return;
         }
+        // The sums say which files, not which names. All directories are walked again, and only the
+        // entries of those files are looked at. The table visits records in ascending order.
+        TAVELIN_ASSERT(std::ranges::is_sorted(doubtful_));
         volume_.beginPhase("names");
         walkDirectories();
         for (const Stray& stray : strays_) {
@@ -55,6 +59,7 @@ class NameResolver {
         volume_.table.each(volume_.recordCount(), [&](std::uint64_t number, RecordState& state) {
             File file;
             if (state.has(RecordState::directory) && volume_.loadFile(number, file)) {
+                // What is wrong with the index was reported by the pass over the directories.
                 const Reporter::Mute mute(volume_.reporter);
                 IndexWalk(volume_, file, "$I30")
                     .run(Collation::fileName, [&](const IndexEntry& entry) { visit(file, entry); });
@@ -70,6 +75,7 @@ class NameResolver {
             !std::ranges::binary_search(doubtful_, number) || !parseFileName(entry.key(), name)) {
             return;
         }
+        // Entries of one file are often neighbours: its long and its short name.
         if (!file_ || file_->number != number) {
             file_.emplace();
             if (!volume_.loadFile(number, *file_)) {
@@ -77,6 +83,7 @@ class NameResolver {
                 return;
             }
         }
+        TAVELIN_ASSERT(file_ && file_->number == number);
         bool isInRecord = false;
         eachName(*file_, [&](const FileName& own) {
             isInRecord =
@@ -111,6 +118,8 @@ class NameResolver {
             if (indexed_.contains({number, name.hash(name.parent())})) {
                 return;
             }
+            // chkdsk can put a name back into the directory that it names; without that the file
+            // goes to found.000.
             const std::uint64_t parent = ntb::reference_record(name.parent());
             const RecordState* const state = volume_.table.find(parent);
             const bool isDirectory = state != nullptr && state->has(RecordState::directory) &&
@@ -152,6 +161,8 @@ void checkReachability(Volume& volume) {
         if (!state.has(RecordState::directory) || state.has(RecordState::extension)) {
             return;
         }
+        // Follows parents until something is known. All passed are then known too, so every record
+        // is passed once and the pass takes linear time, however deep the directories are.
         way.clear();
         RecordState* at = &state;
         // A directory whose parent is none has been reported on.
@@ -161,10 +172,13 @@ void checkReachability(Volume& volume) {
             way.push_back(at);
             at = volume.table.find(at->parent);
         }
+        // A way that meets itself never reaches the root. Nothing in the loop can be opened by
+        // path.
         if (at != nullptr && at->has(RecordState::onWalk)) {
             volume.add(directoryLoop, number, "a way to the root", "directories in each other");
         }
         for (RecordState* const passed : way) {
+            TAVELIN_ASSERT(passed->has(RecordState::onWalk));
             passed->clear(RecordState::onWalk);
             passed->set(RecordState::reachesRoot); // or reported
         }

@@ -24,10 +24,14 @@ class RecordsPass {
         }
         volume_.beginPhase("file records");
         volume_.expect(volume_.recordCount() * size_);
+        static_assert(kReadBytes % ntb::record_size_max == 0);
         std::vector<std::uint8_t> chunk(std::min(kReadBytes, volume_.recordCount() * size_));
         for (std::uint64_t first = 0; first < volume_.recordCount();) {
             const std::uint64_t count = std::min(kReadBytes / size_, volume_.recordCount() - first);
             const std::span<std::uint8_t> records(chunk.data(), count * size_);
+            TAVELIN_ASSERT(count > 0 && records.size() <= chunk.size());
+            // Many at a time. Where that fails, one by one: a bad sector costs one record, not the
+            // thousand around it.
             const bool isRead = volume_.readRawRecords(first, records) == 0;
             for (std::uint64_t i = 0; i < count; ++i) {
                 const std::span<std::uint8_t> record = records.subspan(i * size_, size_);
@@ -40,6 +44,7 @@ class RecordsPass {
             first += count;
             volume_.advance(count * size_);
         }
+        // An extension's base record may come behind it: what nobody claimed is known only now.
         findOrphans();
     }
 
@@ -49,7 +54,10 @@ class RecordsPass {
     }
 
     void check(std::uint64_t number, std::span<std::uint8_t> bytes) {
+        TAVELIN_ASSERT(bytes.size() == size_ && number < volume_.recordCount());
         const ntb::record_view record(bytes);
+        // Records that were never used may hold anything. Only the bitmap says that one should be
+        // there.
         if (!record.has_magic()) {
             if (isMarkedUsed(number) && number >= ntb::first_user_record) {
                 volume_.add(recordMagic, number, "a file record, as it is marked used",
@@ -64,6 +72,8 @@ class RecordsPass {
         if (!record.in_use()) {
             return;
         }
+        // A free record keeps its former file's attributes, which are not examined: they say
+        // nothing about the volume any more. The flag lies before the first protected word.
         const ntb::fixup_result fixups = ntb::apply_fixups(bytes);
         if (fixups == ntb::fixup_result::mismatch) {
             volume_.add(recordTorn, number, "sectors of one write", "sectors of two");
@@ -77,6 +87,7 @@ class RecordsPass {
             return;
         }
         checkHeader(number, record);
+        // The attributes of an extension are examined with its base record, as parts of one file.
         if (record.base() != 0) {
             state.set(RecordState::extension);
             state.parent = static_cast<std::uint32_t>(ntb::reference_record(record.base()));
@@ -92,6 +103,8 @@ class RecordsPass {
     }
 
     void checkHeader(std::uint64_t number, const ntb::record_view& record) {
+        // Attributes are aligned to 8 bytes and follow the update sequence, which has one word more
+        // than the record has protected ones.
         const std::uint64_t begin = record.attributes_offset();
         const std::uint64_t usaEnd = record.usa_offset() + (size_ / ntb::protected_bytes + 1) * 2;
         if (begin % 8 != 0 || begin < usaEnd || begin >= record.used() ||

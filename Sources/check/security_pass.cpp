@@ -47,6 +47,9 @@ class SecurityPass {
         }
         readStream(*stream);
         std::ranges::sort(descriptors_, {}, &Descriptor::id);
+        isSorted_ = true;
+        // Windows looks a descriptor up by its id in $SII, and by its hash in $SDH when it wants to
+        // share one: an entry that is missing in either breaks one of the two.
         compareIndex("$SII", Collation::number, 4, 1);
         compareIndex("$SDH", Collation::securityHash, 8, 2);
         for (const Descriptor& descriptor : descriptors_) {
@@ -70,11 +73,14 @@ class SecurityPass {
     }
 
     Descriptor* find(std::uint32_t id) {
+        TAVELIN_ASSERT(isSorted_);
         const auto found = std::ranges::lower_bound(descriptors_, id, {}, &Descriptor::id);
         return found != descriptors_.end() && found->id == id ? &*found : nullptr;
     }
 
     void readStream(const Attribute& stream) {
+        // Windows writes each descriptor twice, 256 KiB apart, and so recovers one of which a write
+        // was cut. The first copies are read as the content, the second ones only compared.
         const std::uint64_t size =
             std::min(stream.size(), stream.clusters * volume_.boot.cluster_size);
         std::vector<std::uint8_t> half(std::min(kHalf, size));
@@ -87,6 +93,7 @@ class SecurityPass {
                 add(securityStream, "$SDS", "a read error");
                 continue;
             }
+            TAVELIN_ASSERT(half.size() == copy.size() && base % (2 * kHalf) == 0);
             readHalf(base, std::min(kHalf, size - base), half, copy);
             volume_.advance(std::min(2 * kHalf, size - base));
         }
@@ -94,12 +101,15 @@ class SecurityPass {
 
     void readHalf(std::uint64_t base, std::uint64_t end, std::span<const std::uint8_t> half,
                   std::span<const std::uint8_t> copy) {
+        TAVELIN_ASSERT(end <= half.size() && end <= copy.size());
         for (std::uint64_t at = 0;
              at + kDescriptorEntryHeader <= end && descriptors_.size() < kEntriesMax;) {
             const Descriptor entry = parse(half.subspan(at));
             if (entry.id == 0 && entry.length == 0) {
                 return; // the rest of the half is not used
             }
+            // An entry says its own offset. Behind one that does not, the next cannot be found: the
+            // rest of the half is given up, and no id is called unknown for it.
             if (entry.offset != base + at || entry.length < kDescriptorEntryHeader ||
                 entry.length > end - at) {
                 isWhole_ = false;
@@ -121,7 +131,7 @@ class SecurityPass {
                 add(securityCopy, "the same in both copies", fmt::format("id {:#x}", entry.id));
             }
             descriptors_.push_back(entry);
-            at += (std::uint64_t{entry.length} + 15) / 16 * 16;
+            at += (std::uint64_t{entry.length} + 15) / 16 * 16; // entries are aligned to 16 bytes
         }
     }
 
@@ -139,6 +149,7 @@ class SecurityPass {
             const bool isKey = keySize == 4 ? ntb::u32_at(entry.key().data(), 0) == indexed.id
                                             : ntb::u32_at(entry.key().data(), 0) == indexed.hash &&
                                                   ntb::u32_at(entry.key().data(), 4) == indexed.id;
+            // Compared as a whole, but for which indexes have been seen.
             if (own != nullptr) {
                 indexed.indexes = own->indexes;
             }
@@ -155,6 +166,7 @@ class SecurityPass {
     File file_;
     std::vector<Descriptor> descriptors_; ///< by id, once they are read
     bool isWhole_ = true;
+    bool isSorted_ = false;
 };
 
 } // namespace

@@ -72,6 +72,7 @@ class SystemFiles {
     }
 
     void checkPresence() {
+        static_assert(kNames.size() == ntb::record_upcase + 1 && kNames[ntb::record_root] == ".");
         for (std::uint64_t number = 0; number < kNames.size(); ++number) {
             File file;
             const bool isThere = volume_.loadFile(number, file) && file.base.base() == 0;
@@ -112,6 +113,7 @@ class SystemFiles {
                     "elsewhere");
             }
         });
+        // Compared as they are on the device: a copy has the same fixups as its record.
         std::vector<std::uint8_t> original(size);
         std::vector<std::uint8_t> copy(size);
         for (std::uint64_t number = 0; number < count; ++number) {
@@ -129,6 +131,7 @@ class SystemFiles {
             add(volumeInformation, ntb::record_volume, "$VOLUME_INFORMATION", "none");
             return;
         }
+        // 8 reserved bytes, the major and the minor version, the flags.
         const std::uint8_t* const value = information->first.value().data();
         if (value[8] < 1 || value[8] > 3) {
             add(volumeInformation, ntb::record_volume, "a version from 1 to 3",
@@ -141,6 +144,7 @@ class SystemFiles {
         if ((flags & ~kDirtyFlag) != 0) {
             add(volumeFlags, ntb::record_volume, "none", fmt::format("{:#x}", flags));
         }
+        // $Secure and $Extend came with version 3, of Windows 2000.
         if (value[8] < 3) {
             return;
         }
@@ -159,6 +163,8 @@ class SystemFiles {
         std::uint32_t last = 0;
         std::uint64_t at = 0;
         for (; bytes && at + kDefinitionSize <= bytes->size(); at += kDefinitionSize) {
+            // An entry begins with its name, 64 units long. Types may be added by programs, so only
+            // their order and the system's last one are examined.
             const std::uint32_t type = ntb::u32_at(bytes->data(), at + 0x80);
             if (type == 0) {
                 break; // nothing follows
@@ -183,7 +189,8 @@ class SystemFiles {
             add(logFile, ntb::record_logfile, "a journal in clusters", "none");
             return;
         }
-        // Where a restart page is looked for.
+        // Windows looks for a restart page at 0, 512, 1024, 2048 and so on: the size of its pages
+        // is known only from one.
         std::vector<std::uint8_t> page(4096);
         std::uint64_t offset = 0;
         for (; offset + page.size() <= data->size(); offset = offset == 0 ? 512 : offset * 2) {
@@ -191,6 +198,7 @@ class SystemFiles {
                 add(logFile, ntb::record_logfile, "$LogFile", "a read error");
                 return;
             }
+            // An emptied journal is filled with 0xff. chkdsk leaves its own magic behind.
             const std::span<const std::uint8_t> magic(page.data(), 4);
             if (isBlank(magic)) {
                 continue;
@@ -210,6 +218,7 @@ class SystemFiles {
     void noteJournal(std::vector<std::uint8_t>& page) {
         const std::uint64_t area = ntb::u16_at(page.data(), 0x18);
         const std::uint16_t major = ntb::u16_at(page.data(), 0x1c);
+        TAVELIN_ASSERT(page.size() >= 0x1e);
         if (area + 0x10 > page.size()) {
             add(logFile, ntb::record_logfile, "a restart area in the page",
                 fmt::format("one at byte {}", area));
@@ -217,6 +226,8 @@ class SystemFiles {
         }
         const bool isInUse = ntb::u16_at(page.data(), area + 0x0c) != 0xffff;
         const bool isClean = (ntb::u16_at(page.data(), area + 0x0e) & 2) != 0;
+        // Windows 8 and later keep the journal in version 2 while they have the volume, and set it
+        // back to version 1 when they give it up. A fast startup does not give it up.
         if (major >= 2) {
             volume_.report.notes.emplace_back(
                 "Windows was shut down with fast startup and keeps changes in memory: what it "
@@ -229,6 +240,7 @@ class SystemFiles {
     }
 
     void checkBadClusters(const File& file) {
+        // A sparse stream as long as the volume; its runs are the clusters that were found bad.
         const Attribute* const bad = file.find(ntb::at_data, "$Bad");
         if (bad == nullptr || bad->isResident() || bad->clusters < volume_.boot.clusters()) {
             add(badClusters, ntb::record_badclus,
@@ -273,9 +285,12 @@ std::uint64_t crc64(std::span<const std::uint8_t> bytes) {
 
 /// What is wrong with the table; empty when nothing is.
 std::string faultOf(Volume& volume, const File& file, const std::vector<std::uint8_t>& bytes) {
+    // The table maps UTF-16 units one to one, so it has one size.
+    static_assert(kUnits == std::size_t{UINT16_MAX} + 1);
     if (bytes.size() != kUnits * 2) {
         return fmt::format("{} bytes", bytes.size());
     }
+    // Versions of Windows differ in what letters they know. ASCII is the same in all.
     for (std::uint16_t unit = 0; unit < 0x80; ++unit) {
         const std::uint16_t upper =
             unit >= 'a' && unit <= 'z' ? static_cast<std::uint16_t>(unit - 32) : unit;
@@ -284,6 +299,7 @@ std::string faultOf(Volume& volume, const File& file, const std::vector<std::uin
                                ntb::u16_at(bytes.data(), std::uint64_t{2} * unit), unit);
         }
     }
+    // $Info came with Windows 8; older tables have no checksum, and some have 0 in its place.
     const Attribute* const own = file.find(ntb::at_data, "$Info");
     const auto value = own == nullptr ? std::nullopt : volume.readAll(*own, 16);
     const bool isWrong = value && value->size() == 16 && ntb::u64_at(value->data(), 8) != 0 &&
@@ -302,6 +318,8 @@ void loadUpcase(Volume& volume) {
     if (!fault.empty()) {
         volume.add(upcaseTable, ntb::record_upcase, "a table of 65536 letters", fault);
     }
+    // Without a table the ASCII letters still sort right. Other names may then be called out of
+    // order, beside the finding that says why.
     const bool isTable = bytes && bytes->size() == kUnits * 2;
     volume.upcase.resize(kUnits);
     for (std::size_t unit = 0; unit < kUnits; ++unit) {

@@ -50,6 +50,7 @@ class ViewIndexPass {
         if (found == volume_.extendFiles.end() || !volume_.loadFile(found->second, file)) {
             return; // volumes without the index are sound
         }
+        // Both ways: an entry without its file is stale, a file without an entry is not found.
         IndexWalk(volume_, file, kind_.index).run(Collation::numbers, [&](const IndexEntry& entry) {
             visit(file, entry);
         });
@@ -63,6 +64,9 @@ class ViewIndexPass {
 
   private:
     void visit(const File& index, const IndexEntry& entry) {
+        // $Reparse has the file in its key, behind the tag: many files share a tag. $ObjId has the
+        // id alone as its key, as ids are unique, and the file in the data.
+        static_assert(kReparseKey == sizeof(std::uint32_t) + sizeof(std::uint64_t));
         const bool isReparse = kind_.attribute == ntb::at_reparse_point;
         const auto key = entry.key();
         const auto data = entry.data();
@@ -72,6 +76,7 @@ class ViewIndexPass {
                                         : isReparse ? ntb::u64_at(key.data(), 4)
                                                     : ntb::u64_at(data.data(), 0);
         const std::uint64_t number = ntb::reference_record(reference);
+        // The sequence number tells a file from the one that had its record before.
         RecordState* const state = volume_.table.find(number);
         const bool leadsThere = isSound && state != nullptr && state->has(kind_.has) &&
                                 state->sequence == ntb::reference_sequence(reference) &&
@@ -87,6 +92,7 @@ class ViewIndexPass {
 
     /// Whether the file's attribute begins with these bytes.
     bool isValue(std::uint64_t number, std::span<const std::uint8_t> bytes) {
+        TAVELIN_ASSERT(!bytes.empty());
         File file;
         const Attribute* const attribute =
             volume_.loadFile(number, file) ? file.find(kind_.attribute) : nullptr;
@@ -106,6 +112,7 @@ void checkViewIndexes(Volume& volume) {
     for (const Kind& kind : {kReparse, kObjectId}) {
         ViewIndexPass(volume, kind).run();
     }
+    // Of quotas only the index itself is examined: Windows computes them anew when they are wrong.
     const auto quota = volume.extendFiles.find("$Quota");
     File file;
     if (quota != volume.extendFiles.end() && volume.loadFile(quota->second, file)) {

@@ -47,6 +47,8 @@ void Volume::readBootSector() {
         add(FindingClass::bootSector, std::nullopt, "a boot sector",
             fmt::format("wrong: {}; the backup boot sector is used", ntb::describe(fault)));
     }
+    // Refused as a whole. With a part of the volume missing nearly everything would be a finding,
+    // and the cause would be lost among them.
     if (boot.clusters() > kClustersMax || boot.sectors > device.size() / boot.sector_size) {
         throw Unreadable{fmt::format("the volume has {} sectors, the device only {}: it was cut "
                                      "off, or the boot sector is damaged",
@@ -56,6 +58,8 @@ void Volume::readBootSector() {
 
 void Volume::loadMft() {
     mftRecord_.resize(boot.record_size);
+    // A torn record is taken as well: the pass over the records reports it, and without it nothing
+    // of the volume could be read.
     for (const std::uint64_t lcn : {boot.mft_lcn, boot.mftmirr_lcn}) {
         const bool isRead = device.read(lcn * boot.cluster_size, mftRecord_) == 0 &&
                             ntb::apply_fixups(mftRecord_) != ntb::fixup_result::malformed;
@@ -74,8 +78,11 @@ void Volume::loadMft() {
 void Volume::open() {
     readBootSector();
     report.clusters = boot.clusters();
+    // A sound volume stays far below. The budget is what a hostile one can cost, which names the
+    // same clusters, blocks or records over and over.
     budget_ = kBudgetBase + kBudgetFactor * boot.sectors * boot.sector_size;
     loadMft();
+    // The pass over the records assembles $MFT again, with its findings.
     const Reporter::Mute mute(reporter);
     // Extents of $MFT are in records that its earlier extents lead to.
     std::uint64_t clustersBefore = 0;
@@ -96,12 +103,15 @@ void Volume::open() {
             break;
         }
     }
+    TAVELIN_ASSERT(mftData_ != nullptr && !mftData_->isResident() && recordCount_ <= kRecordsMax);
 }
 
 // ---- Reading -----------------------------------------------------------------------------------
 
 std::int32_t Volume::read(const Attribute& attribute, std::uint64_t offset,
                           std::span<std::uint8_t> into) {
+    // Holes, gaps and all behind the initialised size read as zeros. memset() may not be given the
+    // null pointer of an empty span.
     if (!into.empty()) {
         std::memset(into.data(), 0, into.size());
     }
@@ -113,6 +123,7 @@ std::int32_t Volume::read(const Attribute& attribute, std::uint64_t offset,
         }
         return 0;
     }
+    // What lies in the clusters behind the initialised size is some deleted file's.
     const std::uint64_t written = attribute.first.initialized_size();
     std::uint64_t end = std::min(offset + into.size(), std::max(offset, written));
     auto run = std::upper_bound(
@@ -125,6 +136,8 @@ std::int32_t Volume::read(const Attribute& attribute, std::uint64_t offset,
         if (run->is_hole || from >= to) {
             continue;
         }
+        TAVELIN_ASSERT(from >= offset && to - offset <= into.size());
+        TAVELIN_ASSERT(run->lcn + run->length <= boot.clusters());
         const std::int32_t error = device.read(run->lcn * boot.cluster_size + (from - begin),
                                                into.subspan(from - offset, to - from));
         if (error != 0) {
@@ -136,9 +149,11 @@ std::int32_t Volume::read(const Attribute& attribute, std::uint64_t offset,
 
 std::optional<std::vector<std::uint8_t>> Volume::readAll(const Attribute& attribute,
                                                          std::uint64_t most) {
+    // The size is the disk's word: no more is allocated than the clusters hold.
     const std::uint64_t room =
         attribute.isResident() ? attribute.size() : attribute.clusters * boot.cluster_size;
     std::vector<std::uint8_t> bytes(std::min({attribute.size(), most, room}));
+    TAVELIN_ASSERT(bytes.size() <= most);
     if (read(attribute, 0, bytes) != 0) {
         return std::nullopt;
     }
@@ -146,6 +161,7 @@ std::optional<std::vector<std::uint8_t>> Volume::readAll(const Attribute& attrib
 }
 
 std::int32_t Volume::readRawRecords(std::uint64_t first, std::span<std::uint8_t> into) {
+    TAVELIN_ASSERT(mftData_ != nullptr && into.size() % boot.record_size == 0);
     return read(*mftData_, first * boot.record_size, into);
 }
 
@@ -153,6 +169,7 @@ bool Volume::readRecord(std::uint64_t number, std::span<std::uint8_t> into) {
     if (mftData_ == nullptr || number >= recordCount_ || readRawRecords(number, into) != 0) {
         return false;
     }
+    // A torn record is read all the same; the pass over the records has reported it.
     const ntb::record_view record(into);
     return record.has_magic() && record.in_use() &&
            ntb::apply_fixups(into) != ntb::fixup_result::malformed;
@@ -165,6 +182,7 @@ bool Volume::loadFile(std::uint64_t number, File& file) {
     if (!spend(boot.record_size) || !readRecord(number, record)) {
         return false;
     }
+    // The views into the record stay good: the file owns the array, whose address does not change.
     file.owned.push_back(std::move(bytes));
     const Reporter::Mute mute(reporter);
     assemble(number, record, file);
@@ -175,6 +193,8 @@ std::string Volume::pathOf(std::uint64_t record) {
     if (record == ntb::record_root) {
         return "/";
     }
+    // By the names in the records, not by the indexes: a path in a finding must not depend on
+    // another finding. The depth is bounded, as directories may be in each other.
     std::string path;
     for (int depth = 0; depth < kPathDepthMax && record != ntb::record_root; ++depth) {
         File file;
@@ -186,6 +206,7 @@ std::string Volume::pathOf(std::uint64_t record) {
             record = ntb::reference_record(file.base.base());
             continue;
         }
+        // The long name where there is one, since people know the file by that.
         bool isFound = false;
         for (const Attribute& attribute : file.attributes) {
             if (attribute.type() == ntb::at_file_name && attribute.isResident() &&
@@ -207,6 +228,7 @@ std::string Volume::pathOf(std::uint64_t record) {
 void Volume::add(FindingClass kind, std::optional<std::uint64_t> record,
                  const std::string& expected, const std::string& found,
                  const std::optional<std::string>& path) {
+    // Finding a path reads records: not for findings that are only counted.
     Finding finding{kind, record, {}, expected, found};
     if (reporter.wants(kind)) {
         finding.path = path ? *path : record ? pathOf(*record) : "";
@@ -223,6 +245,8 @@ void Volume::advance(std::uint64_t bytes) {
 }
 
 bool Volume::spend(std::uint64_t bytes) {
+    // Once spent it stays spent, even for a smaller piece: what is left out must not depend on the
+    // order of sizes.
     isExhausted_ = isExhausted_ || bytes > budget_;
     budget_ -= isExhausted_ ? 0 : bytes;
     return !isExhausted_;

@@ -1,6 +1,8 @@
 /// One bit a cluster: whether an attribute uses it.
 #pragma once
 
+#include "platform/assert.hpp"
+
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
@@ -18,6 +20,7 @@ class ClusterMap {
   public:
     static constexpr std::uint64_t kChunkClusters = 1u << 20;
     static constexpr std::uint64_t kChunkWords = kChunkClusters / 64;
+    static_assert(kChunkClusters % 64 == 0); // no word lies across two chunks
 
     /// Sets the bits. Ranges that were set before are added to `conflicts`.
     void mark(std::uint64_t first, std::uint64_t count, std::vector<ClusterRange>& conflicts);

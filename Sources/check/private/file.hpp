@@ -3,6 +3,7 @@
 
 #include "NTFSBridge/ondisk/file_record.hpp"
 #include "NTFSBridge/ondisk/mapping_pairs.hpp"
+#include "platform/assert.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -46,6 +47,7 @@ struct File {
     /// Null when there is none; names are ASCII.
     [[nodiscard]] const Attribute* find(std::uint32_t type, std::string_view name = {}) const;
     [[nodiscard]] std::uint64_t reference() const noexcept {
+        TAVELIN_ASSERT(ntb::reference_record(number) == number);
         return ntb::make_reference(number, base.sequence());
     }
 };
@@ -66,6 +68,7 @@ struct FileName {
     }
     [[nodiscard]] std::uint8_t nameSpace() const noexcept { return bytes[0x41]; }
     [[nodiscard]] RawName name() const noexcept {
+        TAVELIN_ASSERT(bytes.size() >= 0x42 + std::size_t{2} * bytes[0x40]);
         return bytes.subspan(0x42, std::size_t{2} * bytes[0x40]);
     }
     [[nodiscard]] bool isSameName(const FileName& other) const noexcept;

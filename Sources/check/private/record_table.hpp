@@ -38,6 +38,9 @@ struct RecordState {
     void clear(Flag flag) noexcept { flags = static_cast<std::uint16_t>(flags & ~flag); }
 };
 
+// Each of a volume's millions of records has one of these.
+static_assert(sizeof(RecordState) <= 24);
+
 /// States are kept in chunks, and only those with a record in use.
 class RecordTable {
   public:

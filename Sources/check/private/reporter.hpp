@@ -2,6 +2,7 @@
 #pragma once
 
 #include "check/check.hpp"
+#include "platform/assert.hpp"
 
 namespace tavelin::check {
 
@@ -15,6 +16,7 @@ class Reporter {
                report_.counts[static_cast<std::size_t>(kind)] < options_.findingsPerClassMax;
     }
     void add(const Finding& finding) {
+        TAVELIN_ASSERT(finding.kind < FindingClass::count);
         if (muted_ > 0) {
             return;
         }
@@ -35,7 +37,10 @@ class Reporter {
     class Mute {
       public:
         explicit Mute(Reporter& reporter) : reporter_(reporter) { ++reporter_.muted_; }
-        ~Mute() { --reporter_.muted_; }
+        ~Mute() {
+            TAVELIN_ASSERT(reporter_.muted_ > 0);
+            --reporter_.muted_;
+        }
         Mute(const Mute&) = delete;
         Mute& operator=(const Mute&) = delete;
 

@@ -8,6 +8,7 @@
 #include "check/private/file.hpp"
 #include "check/private/record_table.hpp"
 #include "check/private/reporter.hpp"
+#include "platform/assert.hpp"
 
 #include <optional>
 #include <string>
