@@ -107,13 +107,13 @@ class ContentReader {
                     break; // goes on in the next unit
                 }
             }
-            skipHole(run, vcn, unitClusters);
             // A unit in all its clusters is stored as it is: compressing it saved none.
             if (isRead && used > 0 && used < unitClusters &&
                 !decodesAsLznt1(std::span(buffer_).first(used * cluster), buffer_.size())) {
                 add(compressedData, "data that decompresses",
                     fmt::format("data that does not, from byte {} on", vcn * cluster));
             }
+            skipHole(run, vcn, unitClusters); // last, as it moves on to another unit
         }
     }
 

@@ -22,6 +22,7 @@ struct Fault {
     FindingClass kind;
     std::string path; // "" where none can be known
     std::function<void(ImageEditor&)> plant;
+    std::string found = {}; // words of the finding
 };
 
 auto inRecord(std::string path, size_t offset, unsigned width, uint64_t value) {
@@ -274,7 +275,8 @@ std::vector<Fault> recordFaults() {
                  ntb::put_at(b.data(), 0x0c, 2, ntb::attribute_compressed);
                  ntb::put_at(b.data(), 0x22, 1, 4);
              });
-         }},
+         },
+         "from byte 0 on"},
     };
 }
 
@@ -350,7 +352,8 @@ class PlantedFaults : public testing::TestWithParam<VolumeGeometry> {
             ASSERT_NO_THROW(fault.plant(editor)) << check::info(fault.kind).name;
             MemoryDevice device(std::move(image));
             const Seen seen = findingsOf(device, fault.kind == compressedData);
-            EXPECT_TRUE(seen.findings.contains({fault.kind, fault.path}))
+            EXPECT_TRUE(seen.findings.contains({fault.kind, fault.path}) &&
+                        seen.text.find(fault.found) != std::string::npos)
                 << check::info(fault.kind).name << " in " << fault.path << " not found, but\n"
                 << seen.text << seen.unreadable;
         }
