@@ -9,8 +9,9 @@ HEADER = "// What it is for.\n#pragma once\n"
 # (rule that must object, file, contents)
 FORBIDDEN = [
     ("columns", "Sources/core/a.cpp", "int " + "a" * 97 + ";\n"),
-    ("length", "Sources/core/a.cpp", "\n" * 501),
-    ("functions", "Sources/core/a.cpp", "void f() {\n" + "    g();\n" * 69 + "}\n"),
+    ("length", "Sources/core/a.cpp", "\n" * 401),
+    ("length", "Tests/core/a.cpp", "\n" * 501),
+    ("functions", "Sources/core/a.cpp", "void f() {\n" + "    g();\n" * 59 + "}\n"),
     ("layers", "Sources/core/a.cpp", '#include "fskit/a.hpp"\n'),
     ("layers", "Sources/platform/a.cpp", '#include "diagnostics/log.hpp"\n'),
     ("layers", "Sources/hosting/a.cpp", '#include "hosts/fuse/a.hpp"\n'),
@@ -57,8 +58,10 @@ ALLOWED = [
      "static A& a = *new A;\nthrow NTFSError(kENXIO);\nif (error.code == kEIO || code == 0) {}\n"
      "timespec time{};\n"),
     ("Sources/fskit/resource_device.cpp", "return EIO;\n"),
+    ("Sources/core/a.cpp", "constexpr int kTable[] = {\n" + "    1,\n" * 100 + "};\n"),
+    ("Tests/core/a.cpp", "\n" * 401),
     ("Sources/hosts/cli/a.cpp", '#include "hosting/a.hpp"\nvoid f() { std::puts("x"); }\n'),
-    ("Sources/core/b.cpp", "void f() {\n" + "    g();\n" * 68 + "}\n"),
+    ("Sources/core/b.cpp", "void f() {\n" + "    g();\n" * 58 + "}\n"),
     ("Tests/core/a.cpp", '#include "core/private/b.hpp"\n#include "support/temp_directory.hpp"\n'),
     ("docs/a.md", "a" * 200 + "\n"),
     ("script/a", "#!/bin/bash\nhead -c 9 a | wc -c\ngrep -q a <<<b || grep -q b c\nls | grep a\n"),
