@@ -1,5 +1,4 @@
-/// Random and structured chunks, and what both decoders must make of one: shared by the test, the
-/// program for long runs and the benchmark.
+/// Random and structured chunks, and what both decoders must make of one.
 #pragma once
 
 #include "compression/oracle.hpp"
@@ -27,16 +26,12 @@ class ChunkTrial {
     /// is taken for something that libwim does not take it for.
     [[nodiscard]] std::optional<std::string> run();
 
-    /// Chunks that were incompressible, and were therefore only noise to the decoders.
-    [[nodiscard]] std::uint64_t incompressible() const noexcept { return incompressible_; }
-
   private:
     [[nodiscard]] bool damagedIsAgreedOn(Bytes input, std::size_t size);
 
     compression::Format format_;
     std::mt19937_64 random_;
     std::vector<Oracle> oracles_; // of several levels
-    std::uint64_t incompressible_ = 0;
 };
 
 } // namespace tavelin::test

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 namespace tavelin::test {
 namespace {
 
@@ -10,15 +12,19 @@ using compression::Format;
 constexpr Format kFormats[] = {Format::xpress4K, Format::xpress8K, Format::xpress16K,
                                Format::lzx32K};
 
+// TAVELIN_CHUNKS and TAVELIN_CHUNK_SEED run something else than usual.
 TEST(Decoders, AgreeWithLibwimOnRandomChunks) {
+    const auto number = [](const char* variable, std::uint64_t usual) {
+        const char* const text = std::getenv(variable);
+        return text == nullptr ? usual : std::strtoull(text, nullptr, 10);
+    };
     for (const Format format : kFormats) {
-        ChunkTrial trial(format, 20'260'101);
-        for (int i = 0; i < 400; i++) {
+        ChunkTrial trial(format, number("TAVELIN_CHUNK_SEED", 20'260'101));
+        for (std::uint64_t i = 0; i < number("TAVELIN_CHUNKS", 400); i++) {
             const auto difference = trial.run();
             ASSERT_FALSE(difference)
                 << *difference << ", format " << static_cast<int>(format) << ", chunk " << i;
         }
-        EXPECT_LT(trial.incompressible(), 100U);
     }
 }
 

@@ -42,22 +42,18 @@ Bytes compressedStream(compression::Format format, std::span<const std::uint8_t>
     Oracle oracle(format);
     const std::size_t size = compression::chunkSize(format);
     const std::size_t count = (file.size() + size - 1) / size;
-    const bool isWide = file.size() >= std::uint64_t{1} << 32;
     Bytes table;
     Bytes chunks;
     for (std::size_t i = 0; i < count; i++) {
         const auto chunk = file.subspan(i * size, std::min(size, file.size() - i * size));
         if (i > 0) {
-            const std::uint64_t offset = chunks.size();
+            const auto offset = static_cast<std::uint32_t>(chunks.size());
             const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&offset);
-            table.insert(table.end(), bytes, bytes + (isWide ? 8 : 4));
+            table.insert(table.end(), bytes, bytes + sizeof offset);
         }
         const Bytes packed = oracle.compress(chunk);
-        if (packed.empty()) {
-            chunks.insert(chunks.end(), chunk.begin(), chunk.end());
-        } else {
-            chunks.insert(chunks.end(), packed.begin(), packed.end());
-        }
+        const std::span<const std::uint8_t> stored = packed.empty() ? chunk : std::span(packed);
+        chunks.insert(chunks.end(), stored.begin(), stored.end());
     }
     table.insert(table.end(), chunks.begin(), chunks.end());
     return table;

@@ -32,7 +32,7 @@ class Oracle {
     std::unique_ptr<wimlib_decompressor, Freer> decompressor_;
 };
 
-/// The contents of the stream WofCompressedData for a file with these bytes.
+/// The contents of the stream WofCompressedData for a file with these bytes, fewer than 4 GiB.
 [[nodiscard]] Bytes compressedStream(compression::Format format,
                                      std::span<const std::uint8_t> file);
 
