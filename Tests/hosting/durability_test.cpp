@@ -1,9 +1,7 @@
-// What the module host adds to the volume's own care for its data: success means the medium, and a
-// lost device is reported to the last.
+// What the module host adds to the volume's own care for its data: success means the medium.
 
 #include "own_group.hpp"
 
-#include "diagnostics/event_log.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/faulty_resource.hpp"
@@ -22,40 +20,6 @@ using Call = FaultyResource::Call;
 using Type = fskit::FSItemType;
 
 const std::vector<std::byte> kContent(100'000, std::byte{'c'});
-
-std::size_t occurrences(const std::string& text, const std::string& what) {
-    std::size_t count = 0;
-    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) {
-        ++count;
-    }
-    return count;
-}
-
-// The medium is pulled out while there is work to write back.
-TEST(LostDevice, IsReportedByEveryRequestAndTheDiagnostics) {
-    const ReplacedServices noTimer; // only the requests themselves reach the device
-    const SampleVolume sample;
-    const auto image = std::make_shared<ImageResource>(sample.image());
-    ModuleHost host(image);
-    host.open();
-    const auto logStart = events().read(0).offset;
-    {
-        const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get().item;
-        image->revoke();
-        (void)host.volume().write(file, 0, kContent);
-        for (int i = 0; i < 30; ++i) {
-            const auto answer = host.volume().synchronize();
-            ASSERT_FALSE(answer);
-            EXPECT_TRUE(answer.error().code() == kENXIO || answer.error().code() == kEIO);
-        }
-    }
-    EXPECT_FALSE(host.close());
-    EXPECT_FALSE(host.isLoaded());
-    const std::string log = events().read(logStart).text;
-    EXPECT_EQ(occurrences(log, "\"ev\":\"device_error\""), 20u);
-    EXPECT_EQ(occurrences(log, "\"ev\":\"unload\""), 1u);
-    EXPECT_EQ(occurrences(log, "\"ok\":false"), 1u);
-}
 
 // Success is only answered once the image itself has been flushed, after all that the next mount
 // would need to complete the flush.

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -160,6 +161,35 @@ TEST(ModuleHost, OpensAgainAfterClosingAndWithOtherVolumesInTheProcess) {
     EXPECT_EQ(codeOf(first.check({"-q"})), kENXIO);
     first.open();
     EXPECT_EQ(create(first, "a:b"), 0);
+}
+
+TEST(VolumeClient, ListsEveryEntryOnceWhateverFitsIntoAPage) {
+    const SampleVolume sample;
+    const auto host = ModuleHost::openImage(sample.image());
+    VolumeClient& volume = host->volume();
+    for (const std::size_t count : {0, 1, 2, 7, 1000}) {
+        const std::string name = std::to_string(count);
+        const ItemRef directory = volume.create(volume.root(), name, Type::directory).get().item;
+        std::vector<std::string> expected;
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::string& entry =
+                expected.emplace_back(std::to_string(1000 + i) + std::string(i % 60, '.') + "x");
+            (void)volume.create(directory, entry, i % 3 == 0 ? Type::directory : Type::file).get();
+        }
+        for (const bool attributes : {false, true}) {
+            for (const std::size_t pageBytes : {1, 200, 4096, 1 << 30}) {
+                std::vector<std::string> names;
+                for (const auto& entry : volume.list(directory, attributes, pageBytes).get()) {
+                    names.push_back(entry.name);
+                    ASSERT_EQ(entry.attributes.has_value(), attributes);
+                    ASSERT_TRUE(!attributes || (entry.attributes->fileID() == entry.itemID &&
+                                                entry.attributes->type() == entry.type));
+                }
+                std::ranges::sort(names); // the volume's order goes by index blocks
+                EXPECT_EQ(names, expected) << "pages of " << pageBytes << " bytes";
+            }
+        }
+    }
 }
 
 TEST(Paths, AreResolvedThroughLinksInsideTheVolume) {

@@ -2,7 +2,7 @@
 // answer and every item after every step, and again after the volume was closed and opened.
 //
 // TAVELIN_MODEL_SEED, the first seed of eight, and TAVELIN_MODEL_STEPS run something else than
-// usual, and TAVELIN_MODEL_SCRIPT replays the script in that file.
+// usual.
 
 #include "system.hpp"
 
@@ -140,15 +140,6 @@ TEST_P(ModelRun, AgreesWithTheVolume) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 8));
-
-TEST(ModelReplay, AgreesWithTheVolume) {
-    const char* file = std::getenv("TAVELIN_MODEL_SCRIPT");
-    if (file == nullptr) {
-        GTEST_SKIP() << "no TAVELIN_MODEL_SCRIPT to replay";
-    }
-    const Script script = fromText(readFile(file));
-    EXPECT_EQ(play(script, false), "");
-}
 
 } // namespace
 

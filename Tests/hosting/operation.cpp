@@ -1,9 +1,7 @@
 #include "operation.hpp"
 
-#include <algorithm>
-#include <iterator>
+#include <iomanip>
 #include <sstream>
-#include <stdexcept>
 
 namespace tavelin::test {
 
@@ -36,66 +34,16 @@ const std::vector<std::string> kNames{"a",
 const std::vector<std::string> kRefusedNames{".", "..", std::string(256, 'x')};
 const std::vector<std::string> kStreams{"s", "com.example.tag", "\u00fcber", std::string(200, 'm')};
 
-std::string encode(const std::string& text) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string out;
-    for (const char c : text.empty() ? std::string("%") : text) {
-        if ((c > ' ' && c != '%' && c < 127) || (c == '%' && text.empty())) {
-            out += c;
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            out += {'%', kHex[byte >> 4], kHex[byte & 15]};
-        }
-    }
-    return out; // a lone "%" stands for the empty text
-}
-
-std::string decode(const std::string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size() && text != "%"; ++i) {
-        if (text[i] == '%') {
-            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
 } // namespace
 
 std::string toText(const std::vector<Operation>& script) {
     std::ostringstream out;
     for (const Operation& op : script) {
-        out << kVerbs[static_cast<std::size_t>(op.verb)] << ' ' << encode(op.path) << ' '
-            << encode(op.text) << ' ' << op.number << ' ' << op.other << ' ' << op.seed << '\n';
+        out << kVerbs[static_cast<std::size_t>(op.verb)] << ' ' << std::quoted(op.path) << ' '
+            << std::quoted(op.text) << ' ' << op.number << ' ' << op.other << ' ' << op.seed
+            << '\n';
     }
     return out.str();
-}
-
-std::vector<Operation> fromText(const std::string& text) {
-    std::vector<Operation> script;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string verb;
-        std::string path;
-        std::string argument;
-        Operation op;
-        if (!(words >> verb >> path >> argument >> op.number >> op.other >> op.seed)) {
-            throw std::invalid_argument("not an operation: " + line);
-        }
-        const auto found = std::find(kVerbs.begin(), kVerbs.end(), verb);
-        if (found == kVerbs.end()) {
-            throw std::invalid_argument("no such verb: " + verb);
-        }
-        op.verb = static_cast<Verb>(std::distance(kVerbs.begin(), found));
-        op.path = decode(path);
-        op.text = decode(argument);
-        script.push_back(op);
-    }
-    return script;
 }
 
 std::string pattern(std::uint64_t seed, std::int64_t length) {

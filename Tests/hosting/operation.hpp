@@ -1,5 +1,4 @@
-// One request of a random run, as plain data with a text form, so that a failing run can be shrunk,
-// printed and replayed.
+// One request of a random run, as plain data, so that a failing run can be shrunk and printed.
 #pragma once
 
 #include "platform/error_numbers.hpp"
@@ -42,9 +41,8 @@ struct Operation {
     std::uint64_t seed = 0;
 };
 
-// One line per operation: verb, path, text, number, other, seed; the texts percent-encoded.
+// One line per operation: verb, path, text, number, other, seed.
 std::string toText(const std::vector<Operation>& script);
-std::vector<Operation> fromText(const std::string& text); // throws std::invalid_argument
 
 // The bytes a write or a stream of this seed and length carries.
 std::string pattern(std::uint64_t seed, std::int64_t length);

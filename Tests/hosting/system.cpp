@@ -1,5 +1,7 @@
 #include "system.hpp"
 
+#include <stdexcept>
+
 namespace tavelin::test {
 
 namespace {
