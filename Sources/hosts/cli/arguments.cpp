@@ -63,6 +63,12 @@ void addOptionLists(CLI::App& command, std::vector<std::string>& lists,
     command.add_option("-o", lists, description)->type_name("OPTIONS")->allow_extra_args(false);
 }
 
+void addText(CLI::App& command, const std::string& names, std::optional<std::string>& value,
+             const std::string& valueName, const std::string& description) {
+    const auto keep = [&value](const std::string& given) { value = given; };
+    command.add_option_function<std::string>(names, keep, description)->type_name(valueName);
+}
+
 void addNumber(CLI::App& command, const std::string& names, std::optional<std::uint64_t>& value,
                const std::string& valueName, const std::string& description) {
     command.add_option(names, value, description)->type_name(valueName);

@@ -44,15 +44,15 @@ constexpr std::array kCommands{
             "check --json disk.img  ## one JSON object a line: the findings, then a summary",
             defineCheck},
     Command{"get", kCopy, "Copy files and directories out of the volume",
-            "[--no-streams] [-q] [--json] IMAGE PATH... [TARGET]",
+            "[OPTIONS] IMAGE PATH... [TARGET]",
             "get disk.img photos  ## into the current directory\n"
             "get disk.img photos/a.jpg /tmp/b.jpg\n"
             "get disk.img / rescued  ## everything",
             defineGet},
     Command{"put", kCopy, "Copy files and directories into the volume",
-            "[--no-streams] [-q] [--json] IMAGE SOURCE... [TARGET]",
+            "[OPTIONS] IMAGE SOURCE... [TARGET]",
             "put disk.img ~/photos  ## into the volume's root\n"
-            "put disk.img a.jpg b.jpg photos/2026\n"
+            "put -t photos/2026 disk.img *.jpg\n"
             "tar c ~/notes | tavelin put disk.img - notes.tar",
             definePut},
     Command{"mkdir", kChange, "Make directories", "[-p] IMAGE PATH...",
@@ -63,7 +63,8 @@ constexpr std::array kCommands{
             "rm disk.img notes.txt\n"
             "rm -r disk.img photos/2026  ## with everything in it",
             defineRemove},
-    Command{"mv", kChange, "Rename or move files and directories", "IMAGE SOURCE... TARGET",
+    Command{"mv", kChange, "Rename or move files and directories",
+            "[--replace] [-t DIR] IMAGE PATH... [TARGET]",
             "mv disk.img a.jpg b.jpg\n"
             "mv disk.img a.jpg c.jpg photos  ## into a directory",
             defineMove},

@@ -4,8 +4,12 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <fmt/format.h>
+
 #include <memory>
+#include <optional>
 #include <sstream>
+#include <utility>
 
 namespace tavelin::cli {
 namespace {
@@ -15,6 +19,8 @@ using fskit::FSItemType;
 struct NameCommand {
     VolumeArguments volume;
     std::vector<std::string> paths;
+    std::optional<std::string> directory; ///< of -t: every path is a source then
+    bool replace = false;
     bool parents = false;
     bool symbolic = false;
 };
@@ -85,7 +91,8 @@ bool isBelow(const std::string& path, const std::string& directory) {
     return plain(path).starts_with(plain(directory));
 }
 
-void moveOne(VolumeClient& volume, const std::string& source, const std::string& target) {
+void moveOne(VolumeClient& volume, const std::string& source, const std::string& target,
+             bool mayReplace) {
     const Location from = valueOf(locate(volume, source), source);
     const Found moved = valueOf(volume.lookup(from.directory, from.name), source);
 
@@ -93,10 +100,14 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
     // name for it, which allows a change of case.
     Location to;
     auto directory = resolve(volume, target);
-    if (directory && directory->attributes.type() == FSItemType::directory &&
-        !(directory->item == moved.item)) {
+    const bool into = directory && directory->attributes.type() == FSItemType::directory &&
+                      !(directory->item == moved.item);
+    if (into) {
         to = {std::move(directory->item), from.name};
     } else {
+        if (target.ends_with('/') && moved.attributes.type() != FSItemType::directory) {
+            throw Failure(escaped(target) + ": no such directory: 'tavelin mkdir' makes it");
+        }
         to = newPlace(volume, target);
     }
     ItemRef over;
@@ -107,6 +118,10 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
         // Lookup ignores case. When it finds the source itself, only the case changes and nothing
         // is replaced.
         over = there->item == moved.item ? ItemRef() : std::move(there->item);
+        if (over && !mayReplace) {
+            throw Failure(fmt::format("{}: is there already: --replace replaces it",
+                                      escaped(into ? joined(target, to.name) : target)));
+        }
     }
     const auto renamed =
         volume.rename(moved.item, from.directory, from.name, to.directory, to.name, over);
@@ -120,12 +135,18 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
 }
 
 void runMove(NameCommand& command) {
-    // The parser has made sure of two paths.
-    const std::string target = std::move(command.paths.back());
-    command.paths.pop_back();
+    if (!command.directory && command.paths.size() < 2) {
+        throw Failure("say what to move, and where to; see 'tavelin mv --help'",
+                      ExitStatus::wrongUsage);
+    }
+    const bool intoDirectory = command.directory || command.paths.size() > 2;
+    const std::string target = command.directory.value_or(command.paths.back());
+    if (!command.directory) {
+        command.paths.pop_back();
+    }
     withVolume(command.volume, Access::change, [&](Session& session) {
         // Checked before the first move: with a wrong target nothing at all is moved.
-        if (command.paths.size() > 1) {
+        if (intoDirectory) {
             const Found there = valueOf(resolve(session.volume(), target), target);
             if (there.attributes.type() != FSItemType::directory) {
                 throw Failure(explain(target, fskit::fs_errorForPOSIXError(kENOTDIR)));
@@ -135,7 +156,7 @@ void runMove(NameCommand& command) {
             if (lastComponent(source).empty()) {
                 throw Failure("the root directory cannot be moved");
             }
-            moveOne(session.volume(), source, target);
+            moveOne(session.volume(), source, target, command.replace);
         }
     });
 }
@@ -176,9 +197,11 @@ void defineMkdir(CLI::App& command) {
 void defineMove(CLI::App& command) {
     const auto arguments = std::make_shared<NameCommand>();
     addVolume(command, arguments->volume);
-    addPaths(command, "PATH", arguments->paths, 2,
-             "What to move, last the new name or the directory to move into; a file that has the "
-             "new name is replaced");
+    addPaths(command, "PATH", arguments->paths, 1,
+             "What to move, last the new name or the directory to move into");
+    addText(command, "-t,--target-directory", arguments->directory, "DIR",
+            "Move every PATH into this directory");
+    addFlag(command, "--replace", arguments->replace, "A file that has the new name is replaced");
     setWork(command, [arguments] { runMove(*arguments); });
 }
 

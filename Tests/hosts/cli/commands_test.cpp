@@ -25,7 +25,7 @@ TEST(Commands, MakeRenameLinkAndRemove) {
     EXPECT_EQ(volume.list("photos/2026"), (Names{"11", "A.JPG"}));
 
     tavelinDone({"put", image, "-", "new"}, "newer");
-    tavelinDone({"mv", image, "new", "latest/A.JPG"}); // replaces
+    tavelinDone({"mv", "--replace", image, "new", "latest/A.JPG"}); // replaces
     EXPECT_EQ(volume.cat("photos/2026/A.JPG"), "newer");
     tavelinDone({"mv", image, "photos/2026/11", "photos/2026/A.JPG", "photos"});
     EXPECT_EQ(volume.list("photos"), (Names{"11", "2026", "A.JPG"}));

@@ -159,6 +159,60 @@ TEST(Copy, ReplacesFilesAndMergesDirectories) {
     EXPECT_EQ(readFile(host.path() / "b" / "a" / "sub"), "file");
 }
 
+// The last of two paths is easily one that a shell's pattern has put there.
+TEST(Copy, ATargetIsNeverAFileThatNobodyMeant) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    const TempDirectory host;
+    const std::string a = host / "a.jpg";
+    const std::string b = host / "b.jpg";
+    writeFile(a, "first");
+    writeFile(b, "second");
+    tavelinDone({"put", image, a});
+    tavelinDone({"put", image, "-", "taken"}, "taken");
+    tavelinDone({"put", image, "-", "b.jpg"}, "on the volume");
+    const std::string before = readFile(image);
+    const auto here = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), {"env", "-C", host.path().string(), TAVELIN_PROGRAM});
+        return run(words);
+    };
+    const struct {
+        std::vector<std::string> words;
+        std::string hint;
+    } kRefused[] = {
+        {{"put", image, a, b}, "-t /"},
+        {{"put", image, "a.jpg", "b.jpg"}, "-t /"},
+        {{"put", image, "a.jpg", "/taken"}, "--replace"},
+        {{"put", image, "-", "taken"}, "--replace"},
+        {{"put", image, "a.jpg", "nowhere/"}, "no such directory"},
+        {{"put", "-t", "nowhere", image, "a.jpg"}, "no such directory"},
+        {{"get", image, "taken", "b.jpg"}, "--replace"},
+        {{"get", image, "a.jpg", "taken"}, "-t ."},
+        {{"get", "-t", "nowhere", image, "a.jpg"}, "no such directory"},
+        {{"mv", image, "taken", "nowhere/"}, "no such directory"},
+        {{"mv", image, "taken", "b.jpg"}, "--replace"},
+        {{"mv", "-t", "nowhere", image, "taken"}, "nowhere"},
+    };
+    for (const auto& row : kRefused) {
+        SCOPED_TRACE(row.words[0] + " " + row.words[2] + " " + row.words[3]);
+        expectRefusal(here(row.words), kFailed, row.hint);
+    }
+    EXPECT_EQ(readFile(image), before);
+    EXPECT_EQ(readFile(b), "second");
+    EXPECT_FALSE(fs::exists(host / "taken"));
+
+    EXPECT_TRUE(here({"put", "-t", "/", image, "a.jpg", "b.jpg"}).ok());
+    EXPECT_EQ(volume.cat("b.jpg"), "second");
+    EXPECT_TRUE(here({"put", "--replace", image, "a.jpg", "taken"}).ok());
+    EXPECT_EQ(volume.cat("taken"), "first");
+    EXPECT_TRUE(here({"put", image, "a.jpg", "/c.jpg"}).ok());
+    EXPECT_TRUE(here({"get", "--replace", image, "taken", "b.jpg"}).ok());
+    EXPECT_EQ(readFile(b), "first");
+    EXPECT_TRUE(here({"get", image, "a.jpg", "./taken"}).ok());
+    EXPECT_TRUE(here({"get", "-t", ".", image, "c.jpg"}).ok());
+    EXPECT_EQ(readFile(host / "c.jpg"), "first");
+}
+
 TEST(Copy, LeavesOutWhatItCannotCopyAndGoesOn) {
     const SampleVolume volume;
     const std::string image = volume.image();

@@ -56,7 +56,7 @@ TEST(FailingImage, AnImageInUseIsLeftAlone) {
 TEST(FailingImage, AnInterruptedPutLeavesNoHalfFile) {
     const SampleVolume volume;
     tavelinDone({"put", volume.image(), "-", "file"}, "old");
-    RunningTavelin writer({"put", volume.image(), "-", "file"});
+    RunningTavelin writer({"put", "--replace", volume.image(), "-", "file"});
     writer.write(std::string(3 << 20, 'x'));
     writer.signal(SIGINT);
     expectRefusal(writer.finish(), kFailed, "interrupted");

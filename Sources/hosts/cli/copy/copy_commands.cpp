@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 namespace tavelin::cli {
 namespace {
@@ -22,6 +23,8 @@ using fskit::FSItemType;
 struct CopyCommand {
     VolumeArguments volume;
     std::vector<std::string> paths;
+    std::optional<std::string> directory; ///< of -t: every path is a source then
+    bool replace = false;
     bool noStreams = false;
     bool quiet = false;
     bool json = false;
@@ -41,16 +44,33 @@ CopySettings settings(const CopyCommand& command) {
 struct FromTo {
     std::vector<std::string> sources;
     std::string target;
+    bool mustBeDirectory; ///< the target: several items, or the user said so
 };
 
 /// Splits the paths: the last of several is the target, and a single one goes to the usual target.
-FromTo apart(std::vector<std::string> paths, const std::string& usualTarget) {
+FromTo apart(const CopyCommand& command, const std::string& usualTarget) {
+    std::vector<std::string> paths = command.paths;
+    if (command.directory) {
+        return {std::move(paths), *command.directory, true};
+    }
     if (paths.size() == 1) {
-        return {std::move(paths), usualTarget};
+        return {std::move(paths), usualTarget, true};
     }
     std::string target = std::move(paths.back());
     paths.pop_back();
-    return {std::move(paths), std::move(target)};
+    const bool several = paths.size() > 1 || target.ends_with('/');
+    return {std::move(paths), std::move(target), several};
+}
+
+/// Whether the last of two paths may have been meant as a source: a shell's pattern with two
+/// matches reads like a source and a target. A path that begins with "/" or "." is on the host.
+bool isPlainName(const std::string& path) {
+    return !path.empty() && path.front() != '/' && path.front() != '.';
+}
+
+[[noreturn]] void throwFileInTheWay(const std::string& target) {
+    throw Failure(escaped(target) + ": is there already: --replace replaces it, -t names the "
+                                    "directory to copy into");
 }
 
 void printReport(const CopyReport& report, bool json) {
@@ -86,12 +106,24 @@ FileDescriptor openDirectory(const std::string& path) {
 
 /// Opens the target on the host, as cp(1) takes it: an existing directory is copied into, and any
 /// other name is the new name of a single item.
-HostPlace hostPlace(const std::string& target, bool several) {
+HostPlace hostPlace(VolumeClient& volume, const FromTo& paths, bool mayReplace) {
+    const std::string& target = paths.target;
     if (std::filesystem::is_directory(target)) {
         return {openDirectory(target), {}};
     }
-    if (several || target.ends_with('/')) {
+    if (paths.mustBeDirectory) {
         throw Failure(escaped(target) + ": no such directory: make it first");
+    }
+    struct ::stat status {};
+    if (!mayReplace && lstat(target.c_str(), &status) == 0) {
+        throwFileInTheWay(target);
+    }
+    if (!mayReplace && isPlainName(target) && target != paths.sources.front() &&
+        resolve(volume, target, LastLink::keep)) {
+        throw Failure(
+            fmt::format("{0}: is on the volume, too: '-t .' copies both here, and \"./{0}\""
+                        " is the new name of one",
+                        escaped(target)));
     }
     const std::filesystem::path path(target);
     return {openDirectory(path.has_parent_path() ? path.parent_path().string() : "."),
@@ -115,8 +147,8 @@ void runGet(const CopyCommand& command) {
     // Reading alone would not ask for this, but half-written files on the host must be removed.
     takeInterruptions();
     withVolume(command.volume, Access::read, [&](Session& session) {
-        const FromTo paths = apart(command.paths, ".");
-        const HostPlace place = hostPlace(paths.target, paths.sources.size() > 1);
+        const FromTo paths = apart(command, ".");
+        const HostPlace place = hostPlace(session.volume(), paths, command.replace);
         CopyRun run("get", settings(command));
         TreeGetter getter(session.volume(), run);
         for (const std::string& path : paths.sources) {
@@ -135,7 +167,8 @@ struct VolumePlace {
     std::string name;
 };
 
-VolumePlace volumePlace(VolumeClient& volume, const std::string& target, bool several) {
+VolumePlace volumePlace(VolumeClient& volume, const FromTo& paths, bool mayReplace) {
+    const std::string& target = paths.target;
     auto there = resolve(volume, target);
     if (there && there->attributes.type() == FSItemType::directory) {
         return {std::move(there->item), {}};
@@ -143,7 +176,7 @@ VolumePlace volumePlace(VolumeClient& volume, const std::string& target, bool se
     if (!there && numberOf(there.error()) != kENOENT) {
         throw Failure(explain(target, there.error()));
     }
-    if (several || target.ends_with('/')) {
+    if (paths.mustBeDirectory) {
         throw Failure(escaped(target) + ": no such directory on the volume: 'tavelin mkdir -p' "
                                         "makes it");
     }
@@ -153,6 +186,10 @@ VolumePlace volumePlace(VolumeClient& volume, const std::string& target, bool se
                           ? escaped(target) + ": the directory for it is missing: 'tavelin mkdir "
                                               "-p' makes it"
                           : explain(target, place.error()));
+    }
+    // A link that leads nowhere is in the way, too.
+    if (!mayReplace && volume.lookup(place->directory, place->name)) {
+        throwFileInTheWay(target);
     }
     return {std::move(place->directory), std::move(place->name)};
 }
@@ -197,8 +234,24 @@ void putOne(TreePutter& putter, const std::string& source, const VolumePlace& pl
     putter.put({AT_FDCWD, source, source}, place.directory, place.name.empty() ? last : place.name);
 }
 
+/// Refuses a target that is a source as well for all that can be told: two files of the host whose
+/// names a shell's pattern has put there.
+void refuseSecondSource(const FromTo& paths) {
+    const std::string& source = paths.sources.front();
+    struct ::stat status {};
+    if (paths.sources.size() == 1 && source != "-" && source != paths.target &&
+        lstat(paths.target.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+        throw Failure(fmt::format("{}: is a file of this system, too: '-t /' copies both into the "
+                                  "root, --replace takes it for the new name of one",
+                                  escaped(paths.target)));
+    }
+}
+
 void runPut(const CopyCommand& command) {
-    const FromTo paths = apart(command.paths, "/");
+    const FromTo paths = apart(command, "/");
+    if (!paths.mustBeDirectory && !command.replace) {
+        refuseSecondSource(paths);
+    }
     // Before the image is opened, so that a mistyped source changes nothing.
     for (const std::string& source : paths.sources) {
         struct ::stat status {};
@@ -208,8 +261,7 @@ void runPut(const CopyCommand& command) {
     }
     withVolume(command.volume, Access::change, [&](Session& session) {
         CopyRun run("put", settings(command));
-        const VolumePlace place =
-            volumePlace(session.volume(), paths.target, paths.sources.size() > 1);
+        const VolumePlace place = volumePlace(session.volume(), paths, command.replace);
         if (run.bar.isShown()) {
             for (const std::string& source : paths.sources) {
                 run.bar.expect(bytesBelow(source));
@@ -228,6 +280,9 @@ std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& wh
     auto arguments = std::make_shared<CopyCommand>();
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 1, what);
+    addText(command, "-t,--target-directory", arguments->directory, "DIR",
+            "Copy every PATH into this directory");
+    addFlag(command, "--replace", arguments->replace, "The target may be a file, and is replaced");
     addFlag(command, "--no-streams", arguments->noStreams,
             "Leave named streams out; else they are \"user.\" attributes on the host");
     addFlag(command, "-q,--quiet", arguments->quiet, "No progress bar");
