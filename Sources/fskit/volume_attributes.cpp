@@ -14,6 +14,12 @@ std::optional<std::timespec> wanted(const fskit::FSItemAttributes& request,
     return request.isValid(bit) ? std::optional(time) : std::nullopt;
 }
 
+std::uint32_t dosAttributes(const NTFSAttributes& record) {
+    namespace Bit = fskit::FSItemDOSAttribute;
+    return (record.readOnly ? Bit::readOnly : 0) | (record.hidden ? Bit::hidden : 0) |
+           (record.system ? Bit::system : 0) | (record.compressed ? Bit::compressed : 0);
+}
+
 } // namespace
 
 void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
@@ -44,7 +50,8 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
     result.setNative({.reparseTag = record.reparseTag,
                       .dataState = static_cast<fskit::FSItemDataState>(record.dataState),
                       .volumeLink = record.volumeLink,
-                      .device = record.device});
+                      .device = record.device,
+                      .dosAttributes = dosAttributes(record)});
 }
 
 fskit::FSItemAttributes TavelinVolume::described(const std::optional<NTFSAttributes>& record,

@@ -3,6 +3,9 @@
 #include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <algorithm>
+#include <cerrno>
+
 namespace tavelin {
 
 namespace {
@@ -20,13 +23,18 @@ ImageResource::ImageResource(const std::filesystem::path& path) : ImageResource(
 ImageResource::ImageResource(const std::filesystem::path& path, const Settings& settings)
     : file_(path, settings.readOnly),
       name_(path.filename().string()),
+      offset_(std::min(settings.offset, file_.bytes())),
+      length_(std::min(settings.length != 0 ? settings.length : file_.bytes(),
+                       file_.bytes() - offset_)),
       blockSize_(settings.blockSize != 0 ? settings.blockSize : file_.blockSize()),
       physicalBlockSize_(settings.physicalBlockSize != 0 ? settings.physicalBlockSize
                                                          : file_.physicalBlockSize()) {}
 
 std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::size_t length) {
     check(isRevoked() ? ENXIO : 0);
-    const ImageFile::Transferred done = file_.read(buffer, offset, length);
+    const std::size_t inside =
+        offset < length_ ? std::min<std::uint64_t>(length, length_ - offset) : 0;
+    const ImageFile::Transferred done = file_.read(buffer, offset_ + offset, inside);
     check(done.error);
     TAVELIN_ASSERT(done.bytes <= length);
     return done.bytes;
@@ -35,7 +43,9 @@ std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::si
 std::size_t ImageResource::write(const std::byte* buffer, std::uint64_t offset,
                                  std::size_t length) {
     check(isRevoked() ? ENXIO : 0);
-    const ImageFile::Transferred done = file_.write(buffer, offset, length);
+    // A device does not grow, and its neighbours in the image are not its own.
+    check(offset > length_ || length > length_ - offset ? ENXIO : 0);
+    const ImageFile::Transferred done = file_.write(buffer, offset_ + offset, length);
     check(done.error);
     TAVELIN_ASSERT(done.bytes <= length);
     return done.bytes;

@@ -33,6 +33,10 @@ class ImageResource final : public HostResource {
         /// (512 for an image file). What does not fill a block is left out at the end.
         std::uint64_t blockSize = 0;
         std::uint64_t physicalBlockSize = 0;
+        /// The part of the image that is the device, such as a partition of a disk: its first byte,
+        /// and its length, of which 0 means up to the end. Both are cut to what the image has.
+        std::uint64_t offset = 0;
+        std::uint64_t length = 0;
     };
 
     /// Opens the image and locks it, see ImageFile. Throws OpenError.
@@ -47,7 +51,7 @@ class ImageResource final : public HostResource {
     std::string BSDName() const override { return name_; }
     bool isWritable() const override { return file_.writable(); }
     std::uint64_t blockSize() const override { return blockSize_; }
-    std::uint64_t blockCount() const override { return file_.bytes() / blockSize_; }
+    std::uint64_t blockCount() const override { return length_ / blockSize_; }
     std::uint64_t physicalBlockSize() const override { return physicalBlockSize_; }
 
     std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
@@ -62,6 +66,8 @@ class ImageResource final : public HostResource {
   private:
     ImageFile file_;
     const std::string name_;
+    const std::uint64_t offset_; ///< of the device in the image
+    const std::uint64_t length_; ///< never beyond the image's end
     const std::uint64_t blockSize_;
     const std::uint64_t physicalBlockSize_;
     std::atomic<bool> revoked_ = false;

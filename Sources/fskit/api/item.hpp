@@ -74,12 +74,21 @@ enum class FSItemDataState : std::uint8_t {
     encrypted = 3,        ///< refused
 };
 
+/// Attributes of DOS, in the numbers of Windows: the bits of FSItemNativeAttributes::dosAttributes.
+namespace FSItemDOSAttribute {
+inline constexpr std::uint32_t readOnly = 0x1;
+inline constexpr std::uint32_t hidden = 0x2;
+inline constexpr std::uint32_t system = 0x4;
+inline constexpr std::uint32_t compressed = 0x800;
+} // namespace FSItemDOSAttribute
+
 /// What FSKit has no property for, and hosts beside it can show. No binding passes it on.
 struct FSItemNativeAttributes {
     std::uint32_t reparseTag = 0; ///< 0: none
     FSItemDataState dataState = FSItemDataState::here;
     bool volumeLink = false;  ///< a link whose target is a path from the volume's root
     std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
+    std::uint32_t dosAttributes = 0; ///< FSItemDOSAttribute bits
 };
 
 /// A value. Setting a property makes it valid; a property that is not valid reads as zero.

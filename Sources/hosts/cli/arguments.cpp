@@ -2,15 +2,39 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <utility>
 
 namespace tavelin::cli {
+namespace {
+
+/// The parser's check of a list of volume options: why it is wrong, or an empty text. The module
+/// ignores words that it does not know, so a misspelt "ro" would open the volume for writing.
+std::string unknownOption(const std::string& list) {
+    static constexpr std::string_view kKnown[] = {
+        "", "ro", "rdonly", "windows_names", "nocheck", "symlinks=windows", "symlinks=interix"};
+    for (const std::string& word : CLI::detail::split(list, ',')) {
+        if (std::find(std::begin(kKnown), std::end(kKnown), word) == std::end(kKnown)) {
+            return "there is no volume option \"" + word +
+                   "\": ro, windows_names, nocheck and symlinks=windows|interix are all";
+        }
+    }
+    return {};
+}
+
+} // namespace
 
 void addVolume(CLI::App& command, VolumeArguments& arguments) {
     addArgument(command, "IMAGE", arguments.image, "Image file or block device");
     addOptionLists(command, arguments.options,
-                   "Volume options, comma separated: ro, windows_names, nocheck");
+                   "Volume options, comma separated: ro, windows_names, nocheck, "
+                   "symlinks=windows|interix");
+    command.get_option("-o")->check(unknownOption);
     addFlag(command, "--read-only", arguments.readOnly, "Do not change the volume");
+}
+
+void freeLetterOfHelp(CLI::App& command) {
+    command.set_help_flag("--help", "Print this help and exit");
 }
 
 void addJSON(CLI::App& command, bool& json) {

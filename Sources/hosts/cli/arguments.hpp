@@ -28,6 +28,8 @@ namespace tavelin::cli {
 /// IMAGE, -o and --read-only: the arguments of every command that opens a volume. IMAGE becomes the
 /// next positional argument.
 void addVolume(CLI::App& command, VolumeArguments& arguments);
+/// Leaves "-h" to an option of the command; its help answers to "--help" alone.
+void freeLetterOfHelp(CLI::App& command);
 /// --json, for output that programs read.
 void addJSON(CLI::App& command, bool& json);
 

@@ -7,20 +7,18 @@
 #include "hosting/open_error.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <memory>
 #include <optional>
 
 namespace tavelin::cli {
 namespace {
-
-using JSON = nlohmann::ordered_json;
 
 struct CheckCommand {
     VolumeArguments volume;
@@ -30,11 +28,6 @@ struct CheckCommand {
     bool verify = false;
     bool repair = false;
 };
-
-/// Prints one object per line, so that a program can read the findings while the check goes on.
-void printLine(const JSON& value) {
-    print(value.dump(-1, ' ', false, JSON::error_handler_t::replace) + "\n");
-}
 
 /// The image as the check reads it. Members are destroyed from the last to the first, so the device
 /// closes before the lock is released.
@@ -53,7 +46,7 @@ CheckedImage openForCheck(const std::string& image) {
     } catch (const OpenError& error) {
         // A mounted image is checked without the lock: its owner may want to know while it serves.
         if (error.reason() != OpenError::Reason::inUse) {
-            throw Failure(openFailure(error).what(), ExitStatus::unreadable);
+            throw Failure(openFailure(error), ExitStatus::unreadable);
         }
         opened.notes.emplace_back(
             "another program has it open, perhaps as a mount: it is read as the last flush left "
@@ -73,20 +66,20 @@ CheckedImage openForCheck(const std::string& image) {
     return opened;
 }
 
-JSON asJSON(const check::Finding& finding) {
+JSONObject asJSON(const check::Finding& finding) {
     const check::ClassInfo& about = check::info(finding.kind);
-    JSON line{{"class", about.name}, {"severity", check::text(about.severity)}};
+    JSONObject result;
+    result.add("class", about.name).add("severity", check::text(about.severity));
     if (finding.record) {
-        line["record"] = *finding.record;
+        result.add("record", *finding.record);
     }
     if (!finding.path.empty()) {
-        line["path"] = finding.path;
+        result.add("path", finding.path);
     }
-    line["meaning"] = about.meaning;
-    line["expected"] = finding.expected;
-    line["found"] = finding.found;
-    line["chkdsk"] = about.chkdsk;
-    return line;
+    return result.add("meaning", about.meaning)
+        .add("expected", finding.expected)
+        .add("found", finding.found)
+        .add("chkdsk", about.chkdsk);
 }
 
 void printFinding(const check::Finding& finding) {
@@ -124,23 +117,24 @@ void printSummary(const std::string& image, const check::Report& report) {
                       report.total(cosmetic)));
 }
 
-JSON summaryJSON(const std::string& image, const check::Report& report) {
-    JSON counts = JSON::object();
+JSONObject summaryJSON(const std::string& image, const check::Report& report) {
+    JSONObject counts;
     for (std::size_t i = 0; i < report.counts.size(); ++i) {
         if (report.counts[i] > 0) {
-            counts[check::info(static_cast<check::FindingClass>(i)).name] = report.counts[i];
+            counts.add(check::info(static_cast<check::FindingClass>(i)).name, report.counts[i]);
         }
     }
-    return {{"image", image},
-            {"clean", report.isClean()},
-            {"findings", report.total()},
-            {"dataAtRisk", report.total(check::Severity::dataAtRisk)},
-            {"counts", counts},
-            {"directories", report.directories},
-            {"files", report.files},
-            {"clusters", report.clusters},
-            {"clustersUsed", report.clustersUsed},
-            {"notes", report.notes}};
+    return JSONObject()
+        .add("image", image)
+        .add("clean", report.isClean())
+        .add("findings", report.total())
+        .add("dataAtRisk", report.total(check::Severity::dataAtRisk))
+        .add("counts", counts)
+        .add("directories", report.directories)
+        .add("files", report.files)
+        .add("clusters", report.clusters)
+        .add("clustersUsed", report.clustersUsed)
+        .add("notes", report.notes);
 }
 
 /// The module's own check, which asks whether the volume can be loaded. Absent when it can.
@@ -161,7 +155,7 @@ void runQuick(const CheckCommand& command) {
         throw Failure(*refusal);
     }
     if (command.json) {
-        printLine({{"image", command.volume.image}, {"usable", true}});
+        setSummary(JSONObject().add("image", command.volume.image).add("usable", true));
     } else {
         print(fmt::format("{}: can be used. Its structures were not examined: leave out -q.\n",
                           shown(command.volume.image)));
@@ -186,7 +180,7 @@ check::Report examine(const CheckCommand& command, BlockDevice& device) {
         // Findings share the terminal with the bar.
         bar.clear();
         if (command.json) {
-            printLine(asJSON(finding));
+            addItem(asJSON(finding));
         } else {
             printFinding(finding);
         }
@@ -215,9 +209,7 @@ void runCheck(const CheckCommand& command) {
     report.notes.insert(report.notes.begin(), opened.notes.begin(), opened.notes.end());
     const auto refusal = moduleRefusal(command, "-n");
     if (command.json) {
-        JSON summary = summaryJSON(image, report);
-        summary["usable"] = !refusal.has_value();
-        printLine(summary);
+        setSummary(summaryJSON(image, report).add("usable", !refusal.has_value()));
     } else {
         printSummary(image, report);
         if (refusal) {

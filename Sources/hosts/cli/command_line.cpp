@@ -2,6 +2,8 @@
 
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
+#include "hosts/cli/interruption.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/product.hpp"
@@ -20,8 +22,9 @@ namespace {
 constexpr const char* kAbout =
     "Reads and writes NTFS volumes in image files and on block devices, without mounting them.";
 constexpr const char* kRules =
-    "IMAGE is an image file or a block device. PATHs are inside the volume and begin at its\n"
-    "root, with or without \"/\". Commands that only look leave the image as it is, to the byte.\n"
+    "IMAGE is an image file or a block device. PATHs are inside the volume and begin\n"
+    "at its root, with or without \"/\". Commands that only look leave the image as it\n"
+    "is, to the byte.\n"
     "Exit status: 0 done, 1 failed with a message, 2 wrong usage.\n"
     "More: 'tavelin COMMAND --help' with examples, and 'man tavelin'.";
 
@@ -32,11 +35,34 @@ const Command* findCommand(std::string_view name) {
     return found == table.end() ? nullptr : &*found;
 }
 
+constexpr std::size_t kHelpColumns = 80;
+constexpr std::size_t kHelpIndent = 26; ///< of what an option means
+
+/// The help with lines that fit a terminal: the parser writes each description on one. Rows of
+/// options and commands go on below the description; examples stay as they are to be typed.
+std::string wrapped(const std::string& help) {
+    std::string result;
+    for (std::string line : CLI::detail::split(help, '\n')) {
+        const bool isExample = line.starts_with("  tavelin") || line.starts_with("  #");
+        const std::size_t indent = line.starts_with("  ") ? kHelpIndent : 0;
+        while (!isExample && line.size() > kHelpColumns) {
+            const std::size_t blank = line.rfind(' ', kHelpColumns);
+            if (blank == std::string::npos || blank <= indent) {
+                break;
+            }
+            result += line.substr(0, blank) + "\n";
+            line = std::string(indent, ' ') + line.substr(blank + 1);
+        }
+        result += line + "\n";
+    }
+    return result;
+}
+
 /// Formats the help: usage lines from the command table, and arguments without the types, limits
 /// and environment names that the parser would add.
 class HelpText final : public CLI::Formatter {
   public:
-    HelpText() { column_width(26); }
+    HelpText() { column_width(kHelpIndent); }
 
     std::string make_usage(const CLI::App* app, std::string) const override {
         const Command* const command = findCommand(app->get_name());
@@ -47,6 +73,10 @@ class HelpText final : public CLI::Formatter {
     std::string make_option_opts(const CLI::Option* option) const override {
         const std::string type = option->get_type_name();
         return type.empty() ? "" : " " + type;
+    }
+    std::string make_help(const CLI::App* app, std::string name,
+                          CLI::AppFormatMode mode) const override {
+        return wrapped(CLI::Formatter::make_help(app, std::move(name), mode));
     }
     std::string make_footer(const CLI::App* app) const override { return app->get_footer() + "\n"; }
 };
@@ -65,8 +95,17 @@ std::string exampleText(const Command& command) {
         width = std::max(width, examples.back().second.empty() ? 0 : examples.back().first.size());
     }
     std::string text = "Examples:";
+    const std::size_t longest = std::accumulate(examples.begin(), examples.end(), std::size_t{0},
+                                                [](std::size_t most, const auto& example) {
+                                                    return std::max(most, example.second.size());
+                                                });
     for (const auto& [call, remark] : examples) {
-        text += fmt::format("\n  {:{}}{}", call, remark.empty() ? 0 : width, remark);
+        // Where the remarks do not fit beside the calls, they stand above them.
+        if (width + longest + 2 > kHelpColumns && !remark.empty()) {
+            text += fmt::format("\n  {}\n  {}", remark.substr(remark.find('#')), call);
+        } else {
+            text += fmt::format("\n  {:{}}{}", call, remark.empty() ? 0 : width, remark);
+        }
     }
     return text;
 }
@@ -144,7 +183,6 @@ ExitStatus parseAndRun(CLI::App& app, std::vector<std::string> words) {
         throw Failure(fmt::format("{}; see 'tavelin{} --help'", escaped(error.what()), name),
                       ExitStatus::wrongUsage);
     }
-    // A write error that shows only here must still fail the command.
     flushOutput();
     return ExitStatus::done;
 }
@@ -157,37 +195,61 @@ void keepLogOffTerminal() {
     installServices(std::move(own));
 }
 
+/// Names the command in messages, and begins the answer that --json asks for. This comes before
+/// parsing, so that wrong usage is answered in the same form.
+void begin(const std::vector<std::string>& words) {
+    const Command* const command = words.empty() ? nullptr : findCommand(words.front());
+    const auto end = std::find(words.begin(), words.end(), "--");
+    // The event log's lines are JSON by themselves and have no end.
+    const bool json = command != nullptr && command->name != "events" &&
+                      std::find(words.begin(), end, "--json") != end &&
+                      std::find(words.begin(), end, "--help") == end;
+    beginReport(command == nullptr ? "" : words.front(), json);
+}
+
+/// Runs the command and tells its failure. `signal` is set to the one that has ended it.
+ExitStatus run(const std::vector<std::string>& words, int& signal) {
+    try {
+        CLI::App app(kAbout, "tavelin");
+        defineAll(app);
+        return parseAndRun(app, words);
+    } catch (const Interruption& interruption) {
+        signal = interruption.signal();
+        tellFailure(interruption);
+        return interruption.status();
+    } catch (const Failure& failure) {
+        tellFailure(failure);
+        return failure.status();
+    } catch (const fskit::Error& error) {
+        tellFailure(Failure(error.localizedDescription()));
+    } catch (const std::bad_alloc&) {
+        tellFailure(Failure("out of memory"));
+    } catch (const std::exception& error) {
+        tellFailure(Failure(error.what()));
+    }
+    return ExitStatus::failed;
+}
+
 } // namespace
 
 int runCommandLine(int argc, char** argv) {
+    // argc is 0 when the program was started without even its own name.
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     ExitStatus status = ExitStatus::done;
-    std::string where;
-    const auto tell = [&](std::string_view message) { complain(where + std::string(message)); };
+    int signal = 0;
     try {
         keepLogOffTerminal();
-        CLI::App app(kAbout, "tavelin");
-        defineAll(app);
-        // argc is 0 when the program was started without even its own name.
-        const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
-        if (!words.empty() && findCommand(words.front()) != nullptr) {
-            where = words.front() + ": ";
-        }
-        status = parseAndRun(app, words);
-    } catch (const Failure& failure) {
-        status = failure.status();
-        // An empty message: the error has been reported already.
-        if (*failure.what() != '\0') {
-            tell(failure.what());
-        }
-    } catch (const fskit::Error& error) {
-        status = ExitStatus::failed;
-        tell(error.localizedDescription());
-    } catch (const std::bad_alloc&) {
-        status = ExitStatus::failed;
-        tell("out of memory");
-    } catch (const std::exception& error) {
-        status = ExitStatus::failed;
-        tell(error.what());
+        begin(words);
+        status = run(words, signal);
+        endReport(status);
+        // A write error that shows only here must still fail the command.
+        flushOutput();
+    } catch (const std::exception& error) { // of the output, or no memory for a message
+        complain(error.what());
+        status = status == ExitStatus::done ? ExitStatus::failed : status;
+    }
+    if (signal != 0) {
+        endBySignal(signal);
     }
     return static_cast<int>(status);
 }

@@ -4,12 +4,12 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/file_watch.hpp"
+#include "hosts/cli/json.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/product.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <memory>
 #include <optional>
@@ -26,22 +26,31 @@ struct EventsCommand {
 /// Bytes of the log that are shown without --since: some hundred events.
 constexpr std::int64_t kTailBytes = 65'536;
 
+/// A value as a shell would need it: in quotation marks where a blank would end it.
+std::string quoted(const std::string& value) {
+    return value.empty() || value.find_first_of(" \"") != std::string::npos ? "\"" + value + "\""
+                                                                            : value;
+}
+
 /// Formats an event as "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …". A line that is no
 /// event, such as half a line of a full disk, comes back escaped.
 std::string forPeople(const std::string& line) {
-    const auto event = nlohmann::json::parse(line, nullptr, false);
-    if (!event.is_object()) {
+    const auto members = jsonMembers(line);
+    if (!members) {
         return escaped(line);
     }
+    std::string time = "?";
+    std::string name = "?";
     std::string fields;
-    for (const auto& [key, value] : event.items()) {
-        if (key != "t" && key != "ev") {
-            const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-            fields += fmt::format(" {}={}", key, escaped(text));
+    for (const auto& [key, value] : *members) {
+        if (key == "t" || key == "ev") {
+            (key == "t" ? time : name) = escaped(value);
+        } else {
+            fields += fmt::format(" {}={}", escaped(key), quoted(escaped(value)));
         }
     }
-    return fmt::format("{}  {}{}", painted(escaped(event.value("t", "?")), Colour::faint),
-                       painted(escaped(event.value("ev", "?")), Colour::strong), fields);
+    return fmt::format("{}  {}{}", painted(time, Colour::faint), painted(name, Colour::strong),
+                       fields);
 }
 
 /// Prints the whole lines of a log that arrives in pieces. A line without its line feed stays in
@@ -56,7 +65,8 @@ class LinePrinter {
         for (std::size_t end; (end = pending_.find('\n', start)) != std::string::npos;
              start = end + 1) {
             const std::string line = pending_.substr(start, end - start);
-            print((json_ ? line : forPeople(line)) + "\n");
+            // On a terminal the log's own line could drive it: another program may have written it.
+            print((json_ ? shown(line) : forPeople(line)) + "\n");
             any_ = true;
         }
         pending_.erase(0, start);

@@ -31,11 +31,27 @@ class Failure : public std::runtime_error {
   public:
     explicit Failure(const std::string& message, ExitStatus status = ExitStatus::failed)
         : std::runtime_error(message), status_(status) {}
+    /// `subject` is the path or name that failed, as it is; `number` the error in macOS's
+    /// numbering. Both are for programs, which do not take messages apart.
+    Failure(const std::string& message, std::string_view subject, std::int32_t number)
+        : std::runtime_error(message), subject_(subject), number_(number) {}
+    /// The same failure with another exit status.
+    Failure(const Failure& other, ExitStatus status) : Failure(other) { status_ = status; }
 
     [[nodiscard]] ExitStatus status() const noexcept { return status_; }
+    [[nodiscard]] const std::string& subject() const noexcept { return subject_; }
+    /// 0 where no error of a system is the reason.
+    [[nodiscard]] std::int32_t number() const noexcept { return number_; }
 
   private:
-    ExitStatus status_;
+    ExitStatus status_ = ExitStatus::failed;
+    std::string subject_;
+    std::int32_t number_ = 0;
+};
+
+/// One item cannot be read, copied or changed. Work over several items tells it and goes on.
+class ItemFailure : public Failure {
+    using Failure::Failure;
 };
 
 /// "photos/a.jpg: No such file or directory": `subject` escaped, then the error's description, with
@@ -50,22 +66,28 @@ class Failure : public std::runtime_error {
 
 /// The number of an error in the POSIX domain, in macOS's numbering; kEIO for any other domain.
 [[nodiscard]] std::int32_t numberOf(const fskit::Error& error) noexcept;
+/// "ENOENT", for programs; "" for 0, and "E" and the number for errors that have no name here.
+[[nodiscard]] std::string errorName(std::int32_t number);
+/// Whether an error concerns the whole volume, device or process, so that every further item would
+/// meet it. kEIO does not: of a damaged volume the rest may be readable.
+[[nodiscard]] bool endsEverything(std::int32_t number) noexcept;
 
-/// Returns the value of an outcome. Throws Failure with explain() for its error.
-template<typename Value>
-Value valueOf(Outcome<Value> outcome, std::string_view subject) {
-    if (!outcome) {
-        throw Failure(explain(subject, outcome.error()));
-    }
-    return std::move(outcome).get();
-}
+/// Throws ItemFailure for this item of the volume and an error in macOS's numbering.
+[[noreturn]] void throwItemError(std::string_view path, std::int32_t number);
+/// Throws for a volume's error: Failure where endsEverything() is true, otherwise ItemFailure.
+/// `attributes` are those of a file whose data was asked for, and explain why it is refused.
+[[noreturn]] void throwVolumeError(std::string_view path, const fskit::Error& error,
+                                   const fskit::FSItemAttributes& attributes = {});
+/// The same for a system call that has just failed: reads errno, so nothing may come in between.
+[[noreturn]] void throwHostError(std::string_view path);
+[[noreturn]] void throwHostError(std::string_view path, int hostError);
 
-/// Returns the value of a request for an item's data. Throws Failure with explainData().
+/// Returns the value of an outcome. Throws for its error as throwVolumeError() does.
 template<typename Value>
-Value dataOf(Outcome<Value> outcome, std::string_view subject,
-             const fskit::FSItemAttributes& attributes) {
+Value valueOf(Outcome<Value> outcome, std::string_view subject,
+              const fskit::FSItemAttributes& attributes = {}) {
     if (!outcome) {
-        throw Failure(explainData(subject, outcome.error(), attributes));
+        throwVolumeError(subject, outcome.error(), attributes);
     }
     return std::move(outcome).get();
 }

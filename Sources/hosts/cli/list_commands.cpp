@@ -2,19 +2,20 @@
 #include "core/reparse_tags.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/item_text.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 
 namespace tavelin::cli {
 namespace {
 
-using JSON = nlohmann::ordered_json;
 using fskit::FSItemType;
 
 struct ListCommand {
@@ -23,86 +24,13 @@ struct ListCommand {
     bool longForm = false;
     bool recursive = false;
     bool all = false;
+    bool humanSizes = false;
+    bool byTime = false;
+    bool bySize = false;
+    bool reversed = false;
+    bool directoriesThemselves = false;
+    bool onePerLine = false; ///< always so; accepted as ls(1) has it
     bool json = false;
-};
-
-/// The JSON value for the place of an item's bytes. Programs rely on the words.
-std::string_view dataName(fskit::FSItemDataState state) {
-    switch (state) {
-    case fskit::FSItemDataState::systemCompressed:
-        return "system-compressed";
-    case fskit::FSItemDataState::elsewhere:
-        return "elsewhere";
-    case fskit::FSItemDataState::encrypted:
-        return "encrypted";
-    case fskit::FSItemDataState::here:
-        break;
-    }
-    return "here";
-}
-
-bool isDevice(FSItemType type) {
-    return type == FSItemType::charDevice || type == FSItemType::blockDevice;
-}
-
-/// "5, 300", as `ls -l` has it in place of a size.
-std::string deviceText(std::uint64_t device) {
-    return fmt::format("{}, {}", device >> 32, device & 0xffffffff);
-}
-
-/// The kind of an item that its type does not express, such as "deduplicated". Empty for plain
-/// items, and for links and devices, whose reparse tag is their type.
-std::string_view nativeKind(const fskit::FSItemAttributes& attributes) {
-    const fskit::FSItemNativeAttributes& native = attributes.native();
-    if (native.dataState == fskit::FSItemDataState::encrypted) {
-        return "encrypted";
-    }
-    const bool isPlainType =
-        attributes.type() == FSItemType::file || attributes.type() == FSItemType::directory;
-    return isPlainType && native.reparseTag != 0 ? reparseTag(native.reparseTag).name : "";
-}
-
-JSON asJSON(const std::string& path, const fskit::FSItemAttributes& attributes,
-            const std::optional<std::string>& target) {
-    JSON result{{"path", path},
-                {"type", typeName(attributes.type())},
-                {"size", attributes.size()},
-                {"allocated", attributes.allocSize()},
-                {"id", attributes.fileID()},
-                {"links", attributes.linkCount()},
-                {"mode", attributes.mode() & 07777},
-                {"hidden", (attributes.flags() & fskit::kHiddenFlag) != 0},
-                {"modified", isoTime(attributes.modifyTime())},
-                {"accessed", isoTime(attributes.accessTime())},
-                {"changed", isoTime(attributes.changeTime())},
-                {"created", isoTime(attributes.birthTime())}};
-    if (target) {
-        result["target"] = *target;
-    }
-    const fskit::FSItemNativeAttributes& native = attributes.native();
-    result["data"] = dataName(native.dataState);
-    if (native.reparseTag != 0) {
-        result["reparseTag"] = fmt::format("0x{:08x}", native.reparseTag);
-        result["reparseKind"] = reparseTag(native.reparseTag).name;
-    }
-    if (isDevice(attributes.type())) {
-        result["device"] = deviceText(native.device);
-    }
-    return result;
-}
-
-/// Prints one JSON array, each element as soon as it is known: a listing may be larger than memory.
-class JSONArray {
-  public:
-    void add(const JSON& value) {
-        print((empty_ ? "[\n" : ",\n") +
-              value.dump(-1, ' ', false, JSON::error_handler_t::replace));
-        empty_ = false;
-    }
-    void end() { print(empty_ ? "[]\n" : "\n]\n"); }
-
-  private:
-    bool empty_ = true;
 };
 
 /// One run of `ls` over all its paths.
@@ -111,39 +39,37 @@ class Lister {
     Lister(VolumeClient& volume, const ListCommand& command) : volume_(volume), command_(command) {}
 
     void list(const std::string& path, bool titled) {
-        const Found found = valueOf(resolve(volume_, path), path);
-        if (found.attributes.type() != FSItemType::directory) {
-            show(path, path, found.attributes, target(found.attributes, found.item, path));
-        } else {
-            listDirectory(path, found.item, titled || command_.recursive);
+        const Found found =
+            valueOf(resolve(volume_, path,
+                            command_.directoriesThemselves ? LastLink::keep : LastLink::follow),
+                    path);
+        if (found.attributes.type() != FSItemType::directory || command_.directoriesThemselves) {
+            show(path, rooted(path), found.attributes, target(found.attributes, found.item, path));
+            return;
         }
+        // Every path has its own sections, also where one path leads into another.
+        seen_ = {found.attributes.fileID()};
+        listDirectory(path, found.item, titled || command_.recursive);
     }
 
-    void end() {
-        if (command_.json) {
-            array_.end();
-        }
-    }
+    /// Whether something below a path could not be listed, and has been told.
+    [[nodiscard]] bool hasFailed() const noexcept { return failed_; }
 
   private:
     void listDirectory(const std::string& path, const ItemRef& directory, bool titled) {
+        throwIfInterrupted();
         if (titled && !command_.json) {
             print(fmt::format("{}{}:\n", first_ ? "" : "\n", shown(path)));
         }
         first_ = false;
-        const auto entries = valueOf(volume_.list(directory, true), path);
-        // An entry whose attributes cannot be read is still listed, with its name and type.
+        const auto entries = sorted(valueOf(volume_.list(directory, true), path));
         for (const DirectoryEntry& entry : entries) {
-            if (isShown(entry)) {
-                const std::string below = joined(path == "/" ? "" : path, entry.name);
-                fskit::FSItemAttributes attributes =
-                    entry.attributes.value_or(fskit::FSItemAttributes());
-                attributes.setType(entry.type);
-                show(command_.json ? below : entry.name, below, attributes,
-                     entry.type == FSItemType::symlink && (command_.longForm || command_.json)
-                         ? linkTarget(directory, entry.name, attributes)
-                         : std::nullopt);
-            }
+            const std::string below = joined(path == "/" ? "" : path, entry.name);
+            const fskit::FSItemAttributes attributes = attributesOf(entry);
+            const bool wantsTarget =
+                entry.type == FSItemType::symlink && (command_.longForm || command_.json);
+            show(entry.name, rooted(below), attributes,
+                 wantsTarget ? linkTarget(directory, entry.name, attributes) : std::nullopt);
         }
         if (command_.recursive) {
             descend(path, directory, entries);
@@ -154,26 +80,60 @@ class Lister {
                  const std::vector<DirectoryEntry>& entries) {
         for (const DirectoryEntry& entry : entries) {
             // A damaged volume may have directories that contain themselves. Each is listed once.
-            if (entry.type != FSItemType::directory || !isShown(entry) ||
-                !seen_.insert(entry.itemID).second) {
+            if (entry.type != FSItemType::directory || !seen_.insert(entry.itemID).second) {
                 continue;
             }
             const std::string below = joined(path == "/" ? "" : path, entry.name);
-            const ItemRef child = valueOf(volume_.lookup(directory, entry.name), below).item;
-            listDirectory(below, child, true);
+            // One directory that cannot be read does not hide the ones after it.
+            try {
+                listDirectory(below, valueOf(volume_.lookup(directory, entry.name), below).item,
+                              true);
+            } catch (const ItemFailure& failure) {
+                tellFailure(failure);
+                failed_ = true;
+            }
         }
     }
 
+    /// The entries to show, in the order that the user asked for. The volume's own is by name.
+    std::vector<DirectoryEntry> sorted(std::vector<DirectoryEntry> entries) const {
+        std::erase_if(entries, [&](const auto& entry) { return !isShown(entry); });
+        const auto by = [&](const auto& before) {
+            std::stable_sort(entries.begin(), entries.end(), before);
+        };
+        if (command_.bySize) {
+            by([](const auto& a, const auto& b) {
+                return attributesOf(a).size() > attributesOf(b).size();
+            });
+        } else if (command_.byTime) {
+            by([](const auto& a, const auto& b) {
+                const std::timespec one = attributesOf(a).modifyTime();
+                const std::timespec other = attributesOf(b).modifyTime();
+                return std::pair(one.tv_sec, one.tv_nsec) > std::pair(other.tv_sec, other.tv_nsec);
+            });
+        }
+        if (command_.reversed) {
+            std::reverse(entries.begin(), entries.end());
+        }
+        return entries;
+    }
+
+    /// An entry whose attributes cannot be read is still listed, with its name and type.
+    static fskit::FSItemAttributes attributesOf(const DirectoryEntry& entry) {
+        fskit::FSItemAttributes attributes = entry.attributes.value_or(fskit::FSItemAttributes());
+        attributes.setType(entry.type);
+        return attributes;
+    }
+
     [[nodiscard]] bool isShown(const DirectoryEntry& entry) const {
-        const bool hidden =
-            entry.attributes && (entry.attributes->flags() & fskit::kHiddenFlag) != 0;
+        const bool hidden = entry.attributes && isHidden(*entry.attributes);
         return command_.all || (!hidden && !entry.name.starts_with('.'));
     }
 
     void show(const std::string& name, const std::string& path,
               const fskit::FSItemAttributes& attributes, const std::optional<std::string>& target) {
         if (command_.json) {
-            array_.add(asJSON(path, attributes, target));
+            addItem(itemObject(path, attributes, target));
             return;
         }
         const Colour colour = attributes.type() == FSItemType::directory ? Colour::directory
@@ -181,16 +141,23 @@ class Lister {
                                                                          : Colour::plain;
         std::string line = painted(shown(name), colour);
         if (command_.longForm) {
-            line = fmt::format(
-                "{} {:>14}  {}  {}{}", modeText(attributes.type(), attributes.mode()),
-                isDevice(attributes.type()) ? deviceText(attributes.native().device)
-                                            : std::to_string(attributes.size()),
-                humanTime(attributes.modifyTime()), line, target ? " -> " + shown(*target) : "");
+            line =
+                fmt::format("{} {:>14}  {}  {}{}", modeText(attributes.type(), attributes.mode()),
+                            size(attributes), humanTime(attributes.modifyTime()), line,
+                            target ? " -> " + shown(*target) : "");
             if (const std::string_view kind = nativeKind(attributes); !kind.empty()) {
                 line += fmt::format("  [{}]", kind);
             }
         }
         print(line + "\n");
+    }
+
+    [[nodiscard]] std::string size(const fskit::FSItemAttributes& attributes) const {
+        if (isDevice(attributes.type())) {
+            return deviceText(attributes.native().device);
+        }
+        return command_.humanSizes ? humanSize(attributes.size())
+                                   : std::to_string(attributes.size());
     }
 
     /// The target of a link in a listing. Absent when it cannot be read: one damaged link must not
@@ -217,19 +184,19 @@ class Lister {
 
     VolumeClient& volume_;
     const ListCommand& command_;
-    JSONArray array_;
-    std::set<fskit::FSItemID> seen_{fskit::FSItemIDRootDirectory};
+    std::set<fskit::FSItemID> seen_;
     bool first_ = true; ///< no directory listed yet: blank lines stand between two
+    bool failed_ = false;
 };
 
 void runList(const ListCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         Lister lister(session.volume(), command);
         const auto paths = command.paths.empty() ? std::vector<std::string>{"/"} : command.paths;
-        for (const std::string& path : paths) {
-            lister.list(path, paths.size() > 1);
+        forEachPath(paths, [&](const std::string& path) { lister.list(path, paths.size() > 1); });
+        if (lister.hasFailed()) {
+            throw Failure("");
         }
-        lister.end();
     });
 }
 
@@ -239,9 +206,14 @@ void printAttributes(const std::string& path, const fskit::FSItemAttributes& att
         print(fmt::format("{}{}\n", painted(fmt::format("{:<12}", title), Colour::strong), value));
     };
     row("path", shown(path) + (target ? " -> " + shown(*target) : ""));
-    const std::string_view kind = nativeKind(attributes);
-    row("type", fmt::format("{}{}{}{}", typeName(attributes.type()), kind.empty() ? "" : ", ", kind,
-                            (attributes.flags() & fskit::kHiddenFlag) != 0 ? ", hidden" : ""));
+    std::string type(typeName(attributes.type()));
+    if (const std::string_view kind = nativeKind(attributes); !kind.empty()) {
+        type += fmt::format(", {}", kind);
+    }
+    for (const std::string& name : dosAttributeNames(attributes)) {
+        type += ", " + name;
+    }
+    row("type", type);
     const fskit::FSItemNativeAttributes& native = attributes.native();
     if (native.reparseTag != 0) {
         row("reparse tag",
@@ -267,8 +239,7 @@ void printAttributes(const std::string& path, const fskit::FSItemAttributes& att
 
 void runStat(const ListCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
-        JSONArray array;
-        for (const std::string& path : command.paths) {
+        forEachPath(command.paths, [&](const std::string& path) {
             const Found found = valueOf(resolve(session.volume(), path, LastLink::keep), path);
             std::optional<std::string> target;
             if (found.attributes.type() == FSItemType::symlink) {
@@ -276,14 +247,11 @@ void runStat(const ListCommand& command) {
                                      found.attributes);
             }
             if (command.json) {
-                array.add(asJSON(path, found.attributes, target));
+                addItem(itemObject(rooted(path), found.attributes, target));
             } else {
                 printAttributes(path, found.attributes, target);
             }
-        }
-        if (command.json) {
-            array.end();
-        }
+        });
     });
 }
 
@@ -291,11 +259,18 @@ void runStat(const ListCommand& command) {
 
 void defineList(CLI::App& command) {
     const auto arguments = std::make_shared<ListCommand>();
+    freeLetterOfHelp(command);
     addVolume(command, arguments->volume);
     addPaths(command, "PATH", arguments->paths, 0, "What to list; the root without any");
     addFlag(command, "-l", arguments->longForm, "Mode, size in bytes, time of last change, name");
     addFlag(command, "-R", arguments->recursive, "Directories below as well");
-    addFlag(command, "-a", arguments->all, "Hidden items and names that begin with \".\" as well");
+    addFlag(command, "-a", arguments->all, "Hidden items and names that begin with \".\" too");
+    addFlag(command, "-h", arguments->humanSizes, "With -l sizes like 1.5 MiB");
+    addFlag(command, "-t", arguments->byTime, "Last changed first");
+    addFlag(command, "-S", arguments->bySize, "Largest first");
+    addFlag(command, "-r", arguments->reversed, "In the opposite order");
+    addFlag(command, "-d", arguments->directoriesThemselves, "Directories, not what is in them");
+    addFlag(command, "-1", arguments->onePerLine, "One name a line, as always");
     addJSON(command, arguments->json);
     setWork(command, [arguments] { runList(*arguments); });
 }

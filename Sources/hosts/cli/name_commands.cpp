@@ -1,10 +1,9 @@
 // mkdir, mv, ln: names on the volume.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
-
-#include <fmt/format.h>
 
 #include <memory>
 #include <optional>
@@ -31,9 +30,12 @@ Location newPlace(VolumeClient& volume, const std::string& path) {
     auto place = locate(volume, path);
     if (!place) {
         const bool missing = numberOf(place.error()) == kENOENT;
-        throw Failure(missing ? escaped(path) + ": the directory above it is missing: 'tavelin "
-                                                "mkdir -p' makes it"
-                              : explain(path, place.error()));
+        if (!missing) {
+            throwVolumeError(path, place.error());
+        }
+        throw ItemFailure(escaped(path) + ": the directory above it is missing: 'tavelin mkdir "
+                                          "-p' makes it",
+                          path, kENOENT);
     }
     return std::move(place).get();
 }
@@ -47,10 +49,10 @@ void makeWithParents(VolumeClient& volume, const std::string& path) {
         const std::string above = path.substr(0, end);
         const auto there = resolve(volume, above);
         if (there && there->attributes.type() != FSItemType::directory) {
-            throw Failure(explain(above, fskit::fs_errorForPOSIXError(kENOTDIR)));
+            throwItemError(above, kENOTDIR);
         }
         if (!there && numberOf(there.error()) != kENOENT) {
-            throw Failure(explain(above, there.error()));
+            throwVolumeError(above, there.error());
         }
         if (!there) {
             const Location place = newPlace(volume, above);
@@ -61,15 +63,15 @@ void makeWithParents(VolumeClient& volume, const std::string& path) {
 
 void runMkdir(const NameCommand& command) {
     withVolume(command.volume, Access::change, [&](Session& session) {
-        for (const std::string& path : command.paths) {
+        forEachPath(command.paths, [&](const std::string& path) {
             if (command.parents) {
                 makeWithParents(session.volume(), path);
-                continue;
+                return;
             }
             const Location place = newPlace(session.volume(), path);
             valueOf(session.volume().create(place.directory, place.name, FSItemType::directory),
                     path);
-        }
+        });
     });
 }
 
@@ -106,21 +108,23 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
         to = {std::move(directory->item), from.name};
     } else {
         if (target.ends_with('/') && moved.attributes.type() != FSItemType::directory) {
-            throw Failure(escaped(target) + ": no such directory: 'tavelin mkdir' makes it");
+            throw ItemFailure(escaped(target) + ": no such directory: 'tavelin mkdir' makes it",
+                              target, kENOENT);
         }
         to = newPlace(volume, target);
     }
     ItemRef over;
     if (auto there = volume.lookup(to.directory, to.name)) {
         if (there->item == moved.item && to.name == from.name && to.directory == from.directory) {
-            throw Failure(escaped(source) + ": is there already");
+            throw ItemFailure(escaped(source) + ": is there already", source, kEEXIST);
         }
         // Lookup ignores case. When it finds the source itself, only the case changes and nothing
         // is replaced.
         over = there->item == moved.item ? ItemRef() : std::move(there->item);
         if (over && !mayReplace) {
-            throw Failure(fmt::format("{}: is there already: --replace replaces it",
-                                      escaped(into ? joined(target, to.name) : target)));
+            const std::string taken = into ? joined(target, to.name) : target;
+            throw ItemFailure(escaped(taken) + ": is there already: --replace replaces it", taken,
+                              kEEXIST);
         }
     }
     const auto renamed =
@@ -129,9 +133,10 @@ void moveOne(VolumeClient& volume, const std::string& source, const std::string&
         return;
     }
     if (numberOf(renamed.error()) == kEINVAL && isBelow(target, source)) {
-        throw Failure(escaped(source) + ": a directory cannot be moved into itself");
+        throw ItemFailure(escaped(source) + ": a directory cannot be moved into itself", source,
+                          kEINVAL);
     }
-    throw Failure(explain(target, renamed.error()));
+    throwVolumeError(target, renamed.error());
 }
 
 void runMove(NameCommand& command) {
@@ -149,15 +154,15 @@ void runMove(NameCommand& command) {
         if (intoDirectory) {
             const Found there = valueOf(resolve(session.volume(), target), target);
             if (there.attributes.type() != FSItemType::directory) {
-                throw Failure(explain(target, fskit::fs_errorForPOSIXError(kENOTDIR)));
+                throwItemError(target, kENOTDIR);
             }
         }
-        for (const std::string& source : command.paths) {
+        forEachPath(command.paths, [&](const std::string& source) {
             if (lastComponent(source).empty()) {
-                throw Failure("the root directory cannot be moved");
+                throw ItemFailure("the root directory cannot be moved", source, kEINVAL);
             }
             moveOne(session.volume(), source, target, command.replace);
-        }
+        });
     });
 }
 

@@ -2,11 +2,13 @@
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/copy/transfer.hpp"
+#include "hosts/cli/item_text.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <nlohmann/json.hpp>
+#include <fmt/format.h>
 
 #include <memory>
 
@@ -22,19 +24,24 @@ struct ReadCommand {
 void runCat(const ReadCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         std::vector<std::byte> buffer(kTransferBytes);
-        for (const std::string& path : command.paths) {
+        forEachPath(command.paths, [&](const std::string& path) {
             const Found found = valueOf(resolve(session.volume(), path), path);
             if (found.attributes.type() == fskit::FSItemType::directory) {
-                throw Failure(explain(path, fskit::fs_errorForPOSIXError(kEISDIR)));
+                throwItemError(path, kEISDIR);
+            }
+            if (isSpecial(found.attributes.type())) {
+                throw ItemFailure(fmt::format("{}: is a {}, which has no content", escaped(path),
+                                              typeName(found.attributes.type())),
+                                  path, kENOTSUP);
             }
             // A read of 0 bytes is the end of the file.
             std::uint64_t offset = 0;
-            while (const std::size_t count = dataOf(
+            while (const std::size_t count = valueOf(
                        session.volume().read(found.item, offset, buffer), path, found.attributes)) {
                 print({reinterpret_cast<const char*>(buffer.data()), count});
                 offset += count;
             }
-        }
+        });
         // Before the volume is closed: a failed write ends the command as a failure of its work.
         flushOutput();
     });
@@ -42,23 +49,19 @@ void runCat(const ReadCommand& command) {
 
 void runReadlink(const ReadCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
-        auto result = nlohmann::ordered_json::array();
-        for (const std::string& path : command.paths) {
+        forEachPath(command.paths, [&](const std::string& path) {
             const Found found = valueOf(resolve(session.volume(), path, LastLink::keep), path);
             if (found.attributes.type() != fskit::FSItemType::symlink) {
-                throw Failure(escaped(path) + ": not a symbolic link");
+                throw ItemFailure(escaped(path) + ": not a symbolic link", path, kEINVAL);
             }
             const std::string target = shownTarget(
                 valueOf(session.volume().readSymbolicLink(found.item), path), found.attributes);
             if (command.json) {
-                result.push_back({{"path", path}, {"target", target}});
+                addItem(JSONObject().add("path", rooted(path)).add("target", target));
             } else {
                 print(shown(target) + "\n");
             }
-        }
-        if (command.json) {
-            print(result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
-        }
+        });
     });
 }
 

@@ -1,6 +1,7 @@
 // rm: the one command that destroys data. Every doubt is therefore an error.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -26,7 +27,7 @@ constexpr int kRemovalDepthMax = 2000;
 void empty(VolumeClient& volume, const ItemRef& directory, const std::string& path, int depth) {
     throwIfInterrupted();
     if (depth > kRemovalDepthMax) {
-        throw Failure(escaped(path) + ": too many directories inside each other");
+        throw ItemFailure(escaped(path) + ": too many directories inside each other", path, kELOOP);
     }
     // The list is complete before the first removal, because removals move the entries of the
     // directory's index. Links are removed and never followed.
@@ -44,8 +45,9 @@ void removeOne(VolumeClient& volume, const std::string& path, const RemoveComman
     auto place = locate(volume, path);
     // locate() answers kEINVAL for these paths. Removing the directory they lead to would surprise.
     if (!place && numberOf(place.error()) == kEINVAL) {
-        throw Failure(escaped(path) + ": the root directory, or one named by \"..\", is not "
-                                      "removed: name what is in it");
+        throw ItemFailure(escaped(path) + ": the root directory, or one named by \"..\", is not "
+                                          "removed: name what is in it",
+                          path, kEINVAL);
     }
     if (!place && numberOf(place.error()) == kENOENT && command.force) {
         return;
@@ -58,11 +60,12 @@ void removeOne(VolumeClient& volume, const std::string& path, const RemoveComman
     const Found item = valueOf(std::move(found), path);
     if (item.attributes.type() == FSItemType::directory) {
         if (!command.recursive) {
-            throw Failure(escaped(path) + ": is a directory: 'tavelin rm -r' removes it with its "
-                                          "contents");
+            throw ItemFailure(escaped(path) + ": is a directory: 'tavelin rm -r' removes it with "
+                                              "its contents",
+                              path, kEISDIR);
         }
         if (item.item == volume.root()) { // only on a damaged volume
-            throw Failure(escaped(path) + ": the root directory is not removed");
+            throw ItemFailure(escaped(path) + ": the root directory is not removed", path, kEINVAL);
         }
         empty(volume, item.item, path, 0);
     }
@@ -71,9 +74,8 @@ void removeOne(VolumeClient& volume, const std::string& path, const RemoveComman
 
 void runRemove(const RemoveCommand& command) {
     withVolume(command.volume, Access::change, [&](Session& session) {
-        for (const std::string& path : command.paths) {
-            removeOne(session.volume(), path, command);
-        }
+        forEachPath(command.paths,
+                    [&](const std::string& path) { removeOne(session.volume(), path, command); });
     });
 }
 

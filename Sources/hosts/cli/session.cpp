@@ -7,15 +7,8 @@
 
 #include <fmt/format.h>
 
-#include <atomic>
-#include <csignal>
-
 namespace tavelin::cli {
 namespace {
-
-// Set by the signal handler, which may touch nothing but lock-free atomics. Never cleared.
-std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
 /// The option words that the module parses, as a mount command passes them.
 ModuleHost::Options optionWords(const VolumeArguments& arguments, Access access) {
@@ -84,24 +77,8 @@ std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
 
 } // namespace
 
-void takeInterruptions() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { interrupted = true; };
-    // SA_RESETHAND restores the default action, so a second signal ends a process that hangs. No
-    // SA_RESTART: a read that waits for a pipe must end with EINTR to see the flag.
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(signal, &action, nullptr); // cannot fail for these
-    }
-    // A closed pipe would otherwise end the process in the middle of a change. Writing to it fails
-    // with EPIPE instead.
-    action.sa_handler = SIG_IGN;
-    action.sa_flags = 0;
-    sigaction(SIGPIPE, &action, nullptr);
-}
-
 Failure openFailure(const OpenError& error) {
-    return Failure(fmt::format("{} ({})", escaped(error.what()), advice(error)));
+    return {fmt::format("{} ({})", escaped(error.what()), advice(error)), {}, error.code()};
 }
 
 void Session::warnIfCutOff() {
@@ -138,12 +115,6 @@ void Session::close() {
     if (auto closed = host_->close(); !closed) {
         throw Failure(fmt::format("{}; not everything that was changed is on the image",
                                   explain(image_, closed.error())));
-    }
-}
-
-void throwIfInterrupted() {
-    if (interrupted) {
-        throw Failure("interrupted; what was finished before stays");
     }
 }
 

@@ -9,6 +9,7 @@
 #include "hosting/module_host.hpp"
 #include "hosting/paths.hpp"
 #include "hosts/cli/failure.hpp"
+#include "hosts/cli/interruption.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -80,21 +81,12 @@ void withVolume(const VolumeArguments& arguments, Access access, Work&& work) {
         try {
             session.close();
         } catch (const Failure& closing) {
-            throw Failure(std::string(failure.what()) + "; and " + closing.what());
+            const std::string first = failure.what();
+            throw Failure(first + (first.empty() ? "" : "; and ") + closing.what());
         }
         throw;
     }
     session.close();
 }
-
-/// From now on SIGINT, SIGTERM and SIGHUP only make throwIfInterrupted() throw, and writing to a
-/// closed pipe is an error instead of a signal. A second signal of a kind ends the process. Changes
-/// the process's signal actions for good. Commands that only read and take long call it
-/// themselves, so that they can remove half-written files on the host.
-void takeInterruptions();
-
-/// Throws Failure once one of these signals has arrived. Long work calls it between steps, so that
-/// unwinding removes half-done items and the volume is closed. Any thread.
-void throwIfInterrupted();
 
 } // namespace tavelin::cli

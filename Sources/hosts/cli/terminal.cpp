@@ -2,7 +2,6 @@
 
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/text.hpp"
-#include "platform/utf8.hpp"
 
 #include <fmt/format.h>
 
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <vector>
 
 namespace tavelin::cli {
 namespace {
@@ -27,10 +27,21 @@ std::size_t terminalColumns() {
     return size.ws_col;
 }
 
+/// A variable of the environment; empty when it is not set.
+std::string_view variable(const char* name) {
+    const char* const value = std::getenv(name); // NOLINT(concurrency-mt-unsafe)
+    return value == nullptr ? "" : value;
+}
+
+/// Whether the terminal shows escape sequences as text, as in an editor's window.
+bool isDumbTerminal() {
+    return variable("TERM") == "dumb";
+}
+
 bool wantsColour() {
     // Nothing in this process changes its environment.
     static const bool wanted =
-        isOutputTerminal() && std::getenv("NO_COLOR") == nullptr; // NOLINT(concurrency-mt-unsafe)
+        isOutputTerminal() && !isDumbTerminal() && variable("NO_COLOR").empty();
     return wanted;
 }
 
@@ -87,7 +98,8 @@ void complain(std::string_view message) {
     tellOrNot(fmt::format("tavelin: {}\n", message));
 }
 
-ProgressBar::ProgressBar(bool quiet) : shown_(!quiet && isatty(STDERR_FILENO) == 1) {}
+ProgressBar::ProgressBar(bool quiet)
+    : shown_(!quiet && isatty(STDERR_FILENO) == 1 && !isDumbTerminal()) {}
 
 void ProgressBar::begin(std::string_view name) {
     if (shown_) {
@@ -111,28 +123,50 @@ void ProgressBar::clear() {
     }
 }
 
-void ProgressBar::draw() {
+std::string ProgressBar::line(std::size_t columns) const {
     constexpr std::size_t kBarWidth = 20;
+    // A file that grows while it is copied takes the work past the total.
+    const double part =
+        total_ == 0 ? 0 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    const double speed = seconds > 0 ? static_cast<double>(done_) / seconds : 0;
+    const auto full = static_cast<std::size_t>(part * kBarWidth);
+    std::vector<std::string> fields;
+    if (total_ > 0) {
+        fields.push_back(
+            fmt::format("[{}{}]", std::string(full, '#'), std::string(kBarWidth - full, '.')));
+        fields.push_back(fmt::format("{:3.0f} %", part * 100));
+    }
+    fields.push_back(total_ > 0 ? fmt::format("{} of {}", humanSize(done_), humanSize(total_))
+                                : humanSize(done_));
+    fields.push_back(fmt::format("{}/s", humanSize(static_cast<std::uint64_t>(speed))));
+    // The first second says too little about the speed.
+    if (total_ > done_ && done_ > 0 && seconds >= 1) {
+        const auto left = static_cast<std::uint64_t>(static_cast<double>(total_ - done_) / speed);
+        fields.push_back(
+            fmt::format("{}:{:02}:{:02} left", left / 3600, left / 60 % 60, left % 60));
+    }
+    // A wrapped line could not be erased again, so what does not fit is left out. All fields are
+    // ASCII but the name.
+    std::string result;
+    for (const std::string& field : fields) {
+        if (result.size() + field.size() <= columns) {
+            result += field + "  ";
+        }
+    }
+    return result + fitting(name_, columns > result.size() ? columns - result.size() : 0);
+}
+
+void ProgressBar::draw() {
     const auto now = std::chrono::steady_clock::now();
     if (now - last_ < std::chrono::milliseconds(100)) {
         return;
     }
     last_ = now;
-    // A file that grows while it is copied takes the work past the total.
-    const double part =
-        total_ == 0 ? 0 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
-    const double seconds = std::chrono::duration<double>(now - start_).count();
-    const auto speed = static_cast<std::uint64_t>(static_cast<double>(done_) / seconds);
-    const auto full = static_cast<std::size_t>(part * kBarWidth);
-    std::string line;
-    for (std::size_t i = 0; i < kBarWidth; ++i) {
-        line += i < full ? "#" : ".";
-    }
-    line = fmt::format("[{}] {:3.0f} %  {:>9}  {:>9}/s  ", line, part * 100, humanSize(done_),
-                       humanSize(speed));
-    // The name is cut to the rest of the line. A wrapped line could not be erased again.
-    const std::size_t room = terminalColumns() > line.size() ? terminalColumns() - line.size() : 0;
-    tellOrNot(fmt::format("\r{}{}\x1b[K", line, firstCharacters(name_, room)));
+    // Some terminals wrap as soon as the last column is written.
+    tellOrNot(
+        fmt::format("\r{}\x1b[K", fitting(line(terminalColumns() - 1), terminalColumns() - 1)));
     drawn_ = true;
 }
 

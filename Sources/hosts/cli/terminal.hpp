@@ -21,8 +21,8 @@ namespace tavelin::cli {
 
 /// The styles of the output. Their codes are those of ECMA-48 (SGR).
 enum class Colour { plain, strong, directory, link, faint };
-/// The text in a colour when standard output is a terminal and $NO_COLOR is not set; otherwise
-/// unchanged. The text must be shown() already.
+/// The text in a colour when standard output is a terminal that has them and $NO_COLOR is not set
+/// or empty; otherwise unchanged. The text must be shown() already.
 [[nodiscard]] std::string painted(std::string_view text, Colour colour);
 
 /// Writes bytes to standard output's buffer. Throws Failure when they cannot be written. Success is
@@ -56,6 +56,8 @@ class ProgressBar {
     void clear();
 
   private:
+    /// The bar, amounts, speed, time left and name, as far as they fit in this many columns.
+    [[nodiscard]] std::string line(std::size_t columns) const;
     /// Draws at most ten times a second: a terminal is slower than the work.
     void draw();
 

@@ -3,6 +3,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 
@@ -66,6 +67,33 @@ std::string inEscapes(std::string_view bytes) {
     return result;
 }
 
+struct CodeRange {
+    char32_t first;
+    char32_t last;
+};
+
+/// Ranges after Unicode's East_Asian_Width (W and F), joined where only unassigned characters lie
+/// between.
+constexpr CodeRange kWide[] = {
+    {0x1100, 0x115F}, {0x2E80, 0x303E},   {0x3041, 0xA4CF},   {0xA960, 0xA97F},
+    {0xAC00, 0xD7A3}, {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},   {0xFF00, 0xFF60},
+    {0xFFE0, 0xFFE6}, {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD},
+};
+/// Marks that are drawn over the character before them, and joiners.
+constexpr CodeRange kNoWidth[] = {
+    {0x0300, 0x036F}, {0x200B, 0x200D}, {0x20D0, 0x20FF}, {0x3099, 0x309A}, {0xFE00, 0xFE0F},
+};
+
+std::size_t columnsOf(char32_t code) {
+    const auto contains = [&](const CodeRange& range) {
+        return code >= range.first && code <= range.last;
+    };
+    if (std::any_of(std::begin(kNoWidth), std::end(kNoWidth), contains)) {
+        return 0;
+    }
+    return std::any_of(std::begin(kWide), std::end(kWide), contains) ? 2 : 1;
+}
+
 std::tm brokenDown(std::time_t seconds, bool local) {
     std::tm result{};
     if ((local ? localtime_r(&seconds, &result) : gmtime_r(&seconds, &result)) == nullptr) {
@@ -95,6 +123,21 @@ std::string escaped(std::string_view text) {
         }
     }
     return changed ? result : std::string(text);
+}
+
+std::string fitting(std::string_view text, std::size_t columns) {
+    std::string result;
+    while (!text.empty()) {
+        const Character character = firstCharacter(text);
+        const std::size_t width = columnsOf(character.code.value_or(0));
+        if (width > columns) {
+            break;
+        }
+        columns -= width;
+        result += character.bytes;
+        text.remove_prefix(character.bytes.size());
+    }
+    return result;
 }
 
 std::string humanSize(std::uint64_t bytes) {
@@ -127,6 +170,10 @@ std::string isoTime(const std::timespec& time) {
 std::string modeText(fskit::FSItemType type, std::uint32_t mode) {
     // One letter for each type, at the number of the type.
     static constexpr std::string_view kLetters = "--dlpcbs";
+    static_assert(kLetters.size() == static_cast<std::size_t>(fskit::FSItemType::socket) + 1);
+    static_assert(kLetters[static_cast<std::size_t>(fskit::FSItemType::directory)] == 'd');
+    static_assert(kLetters[static_cast<std::size_t>(fskit::FSItemType::symlink)] == 'l');
+    static_assert(kLetters[static_cast<std::size_t>(fskit::FSItemType::blockDevice)] == 'b');
     std::string text(1, kLetters.at(static_cast<std::size_t>(type)));
     // From the owner's read bit down to the others' execute bit.
     for (unsigned bit = 9; bit-- > 0;) {
@@ -173,6 +220,19 @@ std::string lastComponent(std::string_view path) {
     }
     path = path.substr(0, end + 1);
     return std::string(path.substr(path.find_last_of('/') + 1)); // npos + 1 is 0
+}
+
+std::string rooted(std::string_view path) {
+    std::string result;
+    while (!path.empty()) {
+        const std::size_t slash = std::min(path.find('/'), path.size());
+        const std::string_view component = path.substr(0, slash);
+        path.remove_prefix(std::min(slash + 1, path.size()));
+        if (!component.empty() && component != ".") {
+            result.append("/").append(component);
+        }
+    }
+    return result.empty() ? "/" : result;
 }
 
 std::string joined(std::string_view directory, std::string_view name) {

@@ -18,6 +18,10 @@ namespace tavelin::cli {
 /// A backslash stays as it is unless something else needed one, when it is doubled.
 [[nodiscard]] std::string escaped(std::string_view text);
 
+/// As much of a valid UTF-8 text as fits in this many columns of a terminal. East Asian characters
+/// and emoji take two, combining marks none.
+[[nodiscard]] std::string fitting(std::string_view text, std::size_t columns);
+
 /// "1.5 MiB", "812 bytes": powers of 1024, one decimal.
 [[nodiscard]] std::string humanSize(std::uint64_t bytes);
 
@@ -39,6 +43,8 @@ namespace tavelin::cli {
 
 /// A path's last component: "c" of "a/b/c/"; empty for the root.
 [[nodiscard]] std::string lastComponent(std::string_view path);
+/// A path from the root: "/a/b" of "a//./b". A ".." stays as it is.
+[[nodiscard]] std::string rooted(std::string_view path);
 /// A name in a directory, as a path; `directory` may be empty or end in "/".
 [[nodiscard]] std::string joined(std::string_view directory, std::string_view name);
 

@@ -1,12 +1,12 @@
 // probe, info, label: the volume as a whole.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <memory>
@@ -16,18 +16,12 @@
 namespace tavelin::cli {
 namespace {
 
-using JSON = nlohmann::ordered_json;
-
 struct VolumeCommand {
     VolumeArguments volume;
     bool json = false;
     bool statistics = false;
     std::optional<std::string> newLabel;
 };
-
-void printJSON(const JSON& value) {
-    print(value.dump(2, ' ', false, JSON::error_handler_t::replace) + "\n");
-}
 
 /// Sixteen hexadecimal digits, as the boot sector's 64-bit number is commonly written.
 std::string serialText(std::uint64_t serial) {
@@ -58,12 +52,12 @@ void runProbe(const VolumeCommand& command) {
     const std::string name = probed.name.value_or("");
     const std::string identifier = probed.containerID ? text(probed.containerID->uuid) : "";
     if (command.json) {
-        JSON result{{"image", command.volume.image}, {"ntfs", usable}};
+        JSONObject result;
+        result.add("image", command.volume.image).add("ntfs", usable);
         if (usable) {
-            result["name"] = name;
-            result["identifier"] = identifier;
+            result.add("name", name).add("identifier", identifier);
         }
-        printJSON(result);
+        addItem(result);
     }
     // The JSON is printed before the failure: a program gets the answer and the exit status.
     if (!usable) {
@@ -118,20 +112,25 @@ void runInfo(const VolumeCommand& command) {
             printInfo(facts, space, statistics);
             return;
         }
-        JSON result{{"label", facts.label},
-                    {"serial", serialText(facts.serial)},
-                    {"totalBytes", space.totalBytes},
-                    {"usedBytes", space.usedBytes},
-                    {"freeBytes", space.freeBytes},
-                    {"clusterSize", space.blockSize},
-                    {"totalClusters", space.totalBlocks},
-                    {"freeClusters", space.freeBlocks},
-                    {"totalFiles", space.totalFiles},
-                    {"freeFiles", space.freeFiles}};
-        for (const auto& [name, value] : statistics) {
-            result["stats"][name] = value;
+        JSONObject result;
+        result.add("label", facts.label)
+            .add("serial", serialText(facts.serial))
+            .add("totalBytes", space.totalBytes)
+            .add("usedBytes", space.usedBytes)
+            .add("freeBytes", space.freeBytes)
+            .add("clusterSize", space.blockSize)
+            .add("totalClusters", space.totalBlocks)
+            .add("freeClusters", space.freeBlocks)
+            .add("totalFiles", space.totalFiles)
+            .add("freeFiles", space.freeFiles);
+        if (command.statistics) {
+            JSONObject counted;
+            for (const auto& [name, value] : statistics) {
+                counted.add(name, value);
+            }
+            result.add("stats", counted);
         }
-        printJSON(result);
+        addItem(result);
     });
 }
 
@@ -151,7 +150,7 @@ void runLabel(const VolumeCommand& command) {
         }
         const std::string label = session.facts().label;
         if (command.json) {
-            printJSON({{"label", label}});
+            addItem(JSONObject().add("label", label));
         } else if (!change) {
             print(shown(label) + "\n");
         }

@@ -2,12 +2,12 @@
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/copy/transfer.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <cerrno>
 #include <memory>
@@ -51,18 +51,15 @@ std::string standardInput() {
 }
 
 void list(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
-    auto result = nlohmann::ordered_json::array();
     for (const std::string& name : valueOf(volume.listXattrs(item), command.path)) {
         if (!command.json) {
             print(shown(name) + "\n");
             continue;
         }
-        // Only programs get the size, which costs reading the stream.
-        const auto value = valueOf(volume.getXattr(item, name), name);
-        result.push_back({{"name", name}, {"size", value.size()}});
-    }
-    if (command.json) {
-        print(result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+        addItem(JSONObject()
+                    .add("path", rooted(command.path))
+                    .add("name", name)
+                    .add("size", valueOf(volume.xattrSize(item, name), name)));
     }
 }
 
@@ -80,6 +77,9 @@ void runXattr(const XattrCommand& command) {
     const bool changes = command.action == "set" || command.action == "rm";
     // The parser knows NAME only as optional, because "list" has none. Checked before the image is
     // opened.
+    if (command.json && command.action != "list") {
+        throw Failure("--json is for 'list' alone", ExitStatus::wrongUsage);
+    }
     if (command.action != "list" && command.name.value_or("").empty()) {
         throw Failure(fmt::format("'{}' needs the NAME of a stream; see 'tavelin xattr --help'",
                                   command.action),

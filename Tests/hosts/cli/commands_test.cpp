@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <sstream>
+
 namespace tavelin::test {
 namespace {
 
@@ -49,7 +51,8 @@ TEST(Commands, StreamsAndLabel) {
     EXPECT_EQ(volume.cat("file", "author"), "Ada");
     EXPECT_EQ(volume.cat("file"), "content");
     tavelinDone({"xattr", "rm", image, "file", "author"});
-    const json list = json::parse(tavelinDone({"xattr", "list", "--json", image, "file"}));
+    const json list =
+        json::parse(tavelinDone({"xattr", "list", "--json", image, "file"})).at("items");
     std::map<std::string, std::size_t> sizes;
     for (const json& stream : list) {
         sizes[stream.at("name")] = stream.at("size");
@@ -72,11 +75,15 @@ TEST(Commands, ThatLookPrintJSONAndChangeNothing) {
     const std::string before = readFile(image);
     const auto parsed = [&](std::vector<std::string> words) {
         words.insert(words.begin() + 1, "--json");
-        return json::parse(tavelinDone(words));
+        const json answer = json::parse(tavelinDone(words));
+        EXPECT_EQ(answer.at("command"), words.front());
+        EXPECT_EQ(answer.at("status"), 0);
+        EXPECT_TRUE(answer.at("errors").empty());
+        return answer.at("items");
     };
 
-    EXPECT_TRUE(parsed({"probe", image}).at("ntfs").get<bool>());
-    const json info = parsed({"info", "--stats", image});
+    EXPECT_TRUE(parsed({"probe", image}).at(0).at("ntfs").get<bool>());
+    const json info = parsed({"info", "--stats", image}).at(0);
     EXPECT_EQ(info.at("label"), "Sample");
     EXPECT_EQ(info.at("totalBytes").get<std::uint64_t>() -
                   info.at("usedBytes").get<std::uint64_t>(),
@@ -90,19 +97,106 @@ TEST(Commands, ThatLookPrintJSONAndChangeNothing) {
     }
     EXPECT_EQ(types,
               (std::map<std::string, std::string>{
-                  {"sub", "directory"}, {"link", "symlink"}, {"sub/odd \"\n\\ name", "file"}}));
+                  {"/sub", "directory"}, {"/link", "symlink"}, {"/sub/odd \"\n\\ name", "file"}}));
     EXPECT_EQ(parsed({"ls", "-a", image}).size(), 3u);
-    EXPECT_EQ(parsed({"ls", image, "sub/odd \"\n\\ name"}).at(0).at("size"), 5);
+    const json odd = parsed({"ls", image, "sub//odd \"\n\\ name"}).at(0);
+    EXPECT_EQ(odd.at("size"), 5);
+    EXPECT_EQ(odd.at("name"), "odd \"\n\\ name");
+    EXPECT_EQ(odd.at("mode"), "0666");
+    EXPECT_EQ(odd.at("dosAttributes"), json::array());
     const json link = parsed({"stat", image, "link", "/"});
     EXPECT_EQ(link.at(0).at("target"), "sub");
     EXPECT_EQ(link.at(1).at("id"), 2);
     EXPECT_EQ(parsed({"readlink", image, "link"}).at(0).at("target"), "sub");
-    EXPECT_EQ(parsed({"label", image}).at("label"), "Sample");
-    EXPECT_TRUE(parsed({"check", "-n", image}).at("usable").get<bool>());
+    EXPECT_EQ(parsed({"label", image}).at(0).at("label"), "Sample");
+    const json check = json::parse(tavelinDone({"check", "-n", "--json", image}));
+    EXPECT_TRUE(check.at("summary").at("usable").get<bool>());
+    EXPECT_TRUE(check.at("items").empty());
 
     tavelinDone({"ls", "-l", image});
     tavelinDone({"cat", image, "sub/odd \"\n\\ name"});
     EXPECT_EQ(readFile(image), before);
+}
+
+// A program gets one object whatever happens, and what could be answered is in it.
+TEST(Commands, JSONIsWholeOnEveryPath) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    tavelinDone({"put", image, "-", "a"}, "1");
+    tavelinDone({"put", image, "-", "b"}, "2");
+    tavelinDone({"ln", "-s", image, "a", "link"});
+    const struct {
+        std::vector<std::string> words;
+        int status;
+        std::size_t items;
+        std::string code;
+    } kTable[] = {
+        {{"ls", image, "nowhere", "a"}, 1, 1, "ENOENT"},
+        {{"stat", image, "a", "nowhere", "b"}, 1, 2, "ENOENT"},
+        {{"readlink", image, "link", "a"}, 1, 1, "EINVAL"},
+        {{"xattr", "list", image, "nowhere"}, 1, 0, "ENOENT"},
+        {{"get", image, "nowhere", "/tmp"}, 1, 0, "ENOENT"},
+        {{"put", image, "/nowhere"}, 1, 0, "ENOENT"},
+        {{"info", "/nowhere"}, 1, 0, "ENOENT"},
+        {{"label", "/nowhere"}, 1, 0, "ENOENT"},
+        {{"probe", "/dev/null"}, 1, 0, "ENOTBLK"},
+        {{"check", "/nowhere"}, 3, 0, "ENOENT"},
+        {{"info", "--bogus", image}, 2, 0, ""},
+    };
+    for (const auto& row : kTable) {
+        SCOPED_TRACE(row.words[0] + " " + row.words[1]);
+        std::vector<std::string> words = row.words;
+        words.insert(words.begin() + 1, "--json");
+        const ProcessResult result = tavelinRun(words);
+        EXPECT_EQ(result.status, row.status) << result.describe();
+        const json answer = json::parse(result.out, nullptr, false);
+        ASSERT_TRUE(answer.is_object()) << result.out;
+        EXPECT_EQ(answer.at("schema"), 1);
+        EXPECT_EQ(answer.at("status"), row.status);
+        EXPECT_EQ(answer.at("items").size(), row.items);
+        ASSERT_EQ(answer.at("errors").size(), 1u) << result.out;
+        EXPECT_EQ(answer.at("errors").at(0).at("code"), row.code);
+        EXPECT_NE(answer.at("errors").at(0).at("message"), "");
+    }
+}
+
+// A path that fails is told, and the others are done.
+TEST(Commands, GoOnAfterAPathThatFails) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    tavelinDone({"mkdir", image, "d"});
+    tavelinDone({"put", image, "-", "a"}, "1");
+    tavelinDone({"put", image, "-", "b"}, "2");
+    const auto failing = [&](const std::vector<std::string>& words) {
+        const ProcessResult result = tavelinRun(words);
+        EXPECT_EQ(result.status, 1) << result.describe();
+        EXPECT_NE(result.err.find("none: No such file"), std::string::npos) << result.describe();
+        return result.out;
+    };
+    EXPECT_EQ(failing({"cat", image, "a", "none", "b"}), "12");
+    EXPECT_EQ(failing({"ls", "-r", image, "none", "b", "a"}), "b\na\n");
+    EXPECT_EQ(failing({"get", "-t", host.path(), image, "none", "a", "b"}), "");
+    EXPECT_EQ(readFile(host / "b"), "2");
+    failing({"mv", image, "none", "a", "d"});
+    EXPECT_EQ(volume.list("d"), Names{"a"});
+    failing({"rm", image, "none", "b"});
+    EXPECT_EQ(volume.list(), Names{"d"});
+    // Each path has its own sections, also where one is inside another.
+    EXPECT_EQ(tavelinDone({"ls", "-R", image, "/", "d"}), "/:\nd\n\nd:\na\n\nd:\na\n");
+}
+
+TEST(Commands, ListInTheOrderThatWasAskedFor) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    for (const auto& [name, bytes] : {std::pair{"a", 3000}, {"b", 1}, {"c", 2}}) {
+        tavelinDone({"put", image, "-", name}, std::string(static_cast<std::size_t>(bytes), 'x'));
+    }
+    EXPECT_EQ(tavelinDone({"ls", "-S", image}), "a\nc\nb\n");
+    EXPECT_EQ(tavelinDone({"ls", "-t1", image}), "c\nb\na\n");
+    EXPECT_EQ(tavelinDone({"ls", "-tr", image}), "a\nb\nc\n");
+    EXPECT_EQ(tavelinDone({"ls", "-d", image, "/"}), "/\n");
+    EXPECT_NE(tavelinDone({"ls", "-lh", image}).find(" 2.9 KiB "), std::string::npos);
 }
 
 TEST(Commands, HelpTeachesEveryCommand) {
@@ -114,6 +208,10 @@ TEST(Commands, HelpTeachesEveryCommand) {
         const std::string help = tavelinDone({"help", command});
         EXPECT_NE(help.find("Usage: tavelin " + std::string(command)), std::string::npos) << help;
         EXPECT_NE(help.find("Examples:"), std::string::npos) << command;
+        std::istringstream lines(overview + help);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), 80u) << command << ": " << line;
+        }
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <fstream>
 #include <map>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -98,7 +99,8 @@ TEST(Copy, ATreeComesBackAsItWas) {
     const fs::path tree = host / "tree";
     const bool attributes = makeTree(tree);
 
-    const auto report = nlohmann::json::parse(tavelinDone({"put", "--json", image, tree}));
+    const auto report =
+        nlohmann::json::parse(tavelinDone({"put", "--json", image, tree})).at("items").at(0);
     EXPECT_EQ(report.at("files"), 313);
     EXPECT_EQ(report.at("links"), 3);
     EXPECT_EQ(report.at("streams"), attributes ? 2 : 0);
@@ -120,6 +122,31 @@ TEST(Copy, ATreeComesBackAsItWas) {
 
     tavelinDone({"rm", "-r", image, "tree"});
     EXPECT_EQ(tavelinDone({"ls", "-a", image}), "");
+    volume.check();
+}
+
+// A hole takes no room on either side; reading it answers zeros.
+TEST(Copy, HolesStayHoles) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    constexpr std::uintmax_t kBytes = (100ull << 20) + 5; // more than the volume has
+    const std::string sparse = host / "sparse";
+    writeFile(sparse, randomBytes(200'000));
+    fs::resize_file(sparse, 50 << 20);
+    std::ofstream(sparse, std::ios::app) << "tail";
+    fs::resize_file(sparse, kBytes);
+    tavelinDone({"put", image, sparse});
+    const auto item =
+        nlohmann::json::parse(tavelinDone({"stat", "--json", image, "sparse"})).at("items").at(0);
+    EXPECT_EQ(item.at("size"), kBytes);
+    EXPECT_LT(item.at("allocated"), 1 << 20);
+    tavelinDone({"get", image, "sparse", host / "back"});
+    EXPECT_EQ(fs::file_size(host / "back"), kBytes);
+    EXPECT_EQ(run({"cmp", sparse, host / "back"}).status, 0);
+    struct ::stat status {};
+    ASSERT_EQ(stat((host / "back").c_str(), &status), 0);
+    EXPECT_LT(status.st_blocks * 512, 1 << 20);
     volume.check();
 }
 

@@ -17,11 +17,15 @@ TEST(FailingImage, AFullVolumeKeepsWhatItHas) {
     std::filesystem::create_directory(host / "tree");
     writeFile(host / "tree/1 fits", "small");
     writeFile(host / "tree/2 does not", std::string(20 << 20, 'x'));
-    writeFile(host / "tree/3 is not tried", "small");
+    writeFile(host / "tree/3 fits, too", "small");
     tavelinDone({"put", image, "-", "tree-of-old"}, "old");
 
-    expectRefusal(tavelinRun({"put", image, host / "tree"}), kFailed, "volume is full");
-    EXPECT_EQ(tavelinDone({"ls", "-a", image, "tree"}), "1 fits\n");
+    // It is left out before any of it is copied, and what is behind it is not.
+    expectRefusal(tavelinRun({"put", image, host / "tree"}), kFailed, "20.0 MiB are needed");
+    EXPECT_EQ(tavelinDone({"ls", "-a", image, "tree"}), "1 fits\n3 fits, too\n");
+    expectRefusal(run({"sh", "-c", "head -c 20000000 /dev/zero | \"$@\"", "sh", TAVELIN_PROGRAM,
+                       "put", image, "-", "endless"}),
+                  kFailed, "volume is full");
     EXPECT_EQ(volume.cat("tree/1 fits"), "small");
     EXPECT_EQ(volume.cat("tree-of-old"), "old");
     volume.check();
@@ -59,7 +63,8 @@ TEST(FailingImage, AnInterruptedPutLeavesNoHalfFile) {
     RunningTavelin writer({"put", "--replace", volume.image(), "-", "file"});
     writer.write(std::string(3 << 20, 'x'));
     writer.signal(SIGINT);
-    expectRefusal(writer.finish(), kFailed, "interrupted");
+    // It ends by the signal, so that a shell's loop ends, too.
+    expectRefusal(writer.finish(), 128 + SIGINT, "interrupted");
     EXPECT_EQ(tavelinDone({"ls", "-a", volume.image()}), "file\n");
     EXPECT_EQ(volume.cat("file"), "old");
     volume.check();

@@ -42,13 +42,14 @@ TEST_F(ReparseItems, AreReadOrRefusedByName) {
 
 TEST_F(ReparseItems, AreToldInListings) {
     const auto listed =
-        nlohmann::json::parse(tavelinDone({"ls", "--json", "-a", image(), "/items"}));
+        nlohmann::json::parse(tavelinDone({"ls", "--json", "-a", image(), "/items"})).at("items");
     ASSERT_EQ(listed.size(), reparseItems().size());
     const std::string lines = tavelinDone({"ls", "-l", image(), "/items"});
     for (const ReparseItem& item : reparseItems()) {
         SCOPED_TRACE(item.name);
         const std::string path = "/items/" + item.name;
-        const auto status = nlohmann::json::parse(tavelinDone({"stat", "--json", image(), path}));
+        const auto status =
+            nlohmann::json::parse(tavelinDone({"stat", "--json", image(), path})).at("items");
         const auto entry =
             std::ranges::find_if(listed, [&](const auto& each) { return each.at("path") == path; });
         ASSERT_NE(entry, listed.end());

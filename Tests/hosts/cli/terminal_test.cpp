@@ -11,18 +11,20 @@
 namespace tavelin::test {
 namespace {
 
-/// All that a terminal of 100 columns receives while `tavelin` runs on it.
-std::string onTerminal(std::vector<std::string> words, const char* noColour = nullptr) {
+/// All that a terminal receives while `tavelin` runs on it. An absent NO_COLOR is not set.
+std::string onTerminal(std::vector<std::string> words, const char* noColour = nullptr,
+                       const char* kind = "xterm", unsigned short columns = 100) {
     words.insert(words.begin(), TAVELIN_PROGRAM);
     std::vector<char*> arguments;
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
-    winsize size{24, 100, 0, 0};
+    winsize size{24, columns, 0, 0};
     int terminal = -1;
     const pid_t process = forkpty(&terminal, nullptr, nullptr, &size);
     if (process == 0) {
+        setenv("TERM", kind, 1);
         noColour == nullptr ? unsetenv("NO_COLOR") : setenv("NO_COLOR", noColour, 1);
         execv(arguments.front(), arguments.data());
         _exit(127);
@@ -56,6 +58,9 @@ TEST(Terminal, NamesCannotDriveIt) {
         EXPECT_EQ(shown.find("\nfake"), std::string::npos) << words.front() << ": " << shown;
         EXPECT_NE(shown.find("\\x1b"), std::string::npos) << words.front() << ": " << shown;
     }
+    const std::string json = onTerminal({"ls", "--json", volume.image()}, "1");
+    EXPECT_EQ(json.find('\x1b'), std::string::npos) << json;
+    EXPECT_NE(json.find("\\u001b"), std::string::npos) << json;
     // A program gets the name itself.
     EXPECT_EQ(tavelinDone({"ls", volume.image()}), evil + "\nlink\n");
 }
@@ -66,7 +71,9 @@ TEST(Terminal, ColoursAndProgressAreForPeopleOnly) {
     const std::string image = volume.image();
     tavelinDone({"mkdir", image, "folder"});
     EXPECT_EQ(onTerminal({"ls", image}), "\x1b[1;34mfolder\x1b[0m\r\n");
+    EXPECT_EQ(onTerminal({"ls", image}, ""), "\x1b[1;34mfolder\x1b[0m\r\n");
     EXPECT_EQ(onTerminal({"ls", image}, "1"), "folder\r\n");
+    EXPECT_EQ(onTerminal({"ls", image}, nullptr, "dumb"), "folder\r\n");
     EXPECT_EQ(tavelinDone({"ls", image}), "folder\n");
 
     writeFile(host / "big", std::string(4 << 20, 'x'));
@@ -76,9 +83,33 @@ TEST(Terminal, ColoursAndProgressAreForPeopleOnly) {
         const std::string shown = onTerminal(words, "1");
         EXPECT_NE(shown.find("\r["), std::string::npos) << shown;      // the bar …
         EXPECT_NE(shown.find("\r\x1b[K"), std::string::npos) << shown; // … is gone in the end
-        EXPECT_NE(shown.find("1 files (4.0 MiB)"), std::string::npos) << shown;
+        EXPECT_NE(shown.find("1 file (4.0 MiB), 0 directories"), std::string::npos) << shown;
     }
     EXPECT_EQ(onTerminal({"put", "--json", image, host / "big"}).find("\r["), std::string::npos);
+    EXPECT_EQ(onTerminal({"put", "-q", image, host / "big"}), "");
+    EXPECT_EQ(onTerminal({"put", image, host / "big"}, "1", "dumb").find('['), std::string::npos);
+}
+
+// A line that wraps could not be erased again.
+TEST(Terminal, TheProgressBarStaysOnItsLine) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    writeFile(host / "日本語の長い名前の写真アルバム 🎉🎉🎉🎉🎉🎉", std::string(1 << 20, 'x'));
+    for (const unsigned short columns : {20, 40, 60, 80}) {
+        const std::string shown =
+            onTerminal({"put", volume.image(), host.path().string() + "/."}, "1", "xterm", columns);
+        const std::size_t begin = shown.find('\r');
+        ASSERT_NE(begin, std::string::npos) << shown;
+        const std::string line = shown.substr(begin + 1, shown.find('\x1b', begin) - begin - 1);
+        std::size_t width = 0;
+        for (std::size_t i = 0; i < line.size(); ++i) {
+            const auto byte = static_cast<unsigned char>(line[i]);
+            // The wide ones have three or four bytes.
+            width += byte < 0x80 ? 1 : byte >= 0xE0 ? 2 : 0;
+        }
+        EXPECT_LT(width, columns) << line;
+        EXPECT_GT(width, 0u);
+    }
 }
 
 } // namespace

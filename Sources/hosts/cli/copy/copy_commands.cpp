@@ -3,11 +3,11 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/copy/tree_getter.hpp"
 #include "hosts/cli/copy/tree_putter.hpp"
+#include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -73,18 +73,24 @@ bool isPlainName(const std::string& path) {
                                     "directory to copy into");
 }
 
-void printReport(const CopyReport& report, bool json) {
-    if (json) {
-        const nlohmann::ordered_json result{{"files", report.files},
-                                            {"directories", report.directories},
-                                            {"links", report.links},
-                                            {"streams", report.streams},
-                                            {"bytes", report.bytes}};
-        print(result.dump() + "\n");
-    } else if (isOutputTerminal()) {
-        print(fmt::format("{} files ({}), {} directories, {} links, {} streams\n", report.files,
-                          humanSize(report.bytes), report.directories, report.links,
-                          report.streams));
+std::string counted(std::uint64_t count, std::string_view one, std::string_view several) {
+    return fmt::format("{} {}", count, count == 1 ? one : several);
+}
+
+/// Says what was copied. Called once all of it is on the medium.
+void printReport(const CopyReport& report, const CopyCommand& command) {
+    if (command.json) {
+        addItem(JSONObject()
+                    .add("files", report.files)
+                    .add("directories", report.directories)
+                    .add("links", report.links)
+                    .add("streams", report.streams)
+                    .add("bytes", report.bytes));
+    } else if (isOutputTerminal() && !command.quiet) {
+        print(fmt::format(
+            "{} ({}), {}, {}, {}\n", counted(report.files, "file", "files"),
+            humanSize(report.bytes), counted(report.directories, "directory", "directories"),
+            counted(report.links, "link", "links"), counted(report.streams, "stream", "streams")));
     }
 }
 
@@ -143,19 +149,61 @@ void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
     getter.get(found, path, place.directory.get(), name);
 }
 
+/// Bytes to be copied from a path of the volume, for the progress bar. Unreadable items count as 0.
+std::uint64_t bytesOnVolume(VolumeClient& volume, const std::string& path) {
+    const auto found = resolve(volume, path, LastLink::keep);
+    if (!found) {
+        return 0;
+    }
+    if (found->attributes.type() != FSItemType::directory) {
+        return found->attributes.size();
+    }
+    std::uint64_t sum = 0;
+    const auto walked = walk(volume, found->item, [&](const auto&, const DirectoryEntry& entry) {
+        throwIfInterrupted();
+        sum += entry.attributes && entry.type == FSItemType::file ? entry.attributes->size() : 0;
+        return true;
+    });
+    static_cast<void>(walked); // copying reports the error
+    return sum;
+}
+
+/// Returns once everything that was written below a directory of the host is on its medium. One
+/// call for the whole file system costs less than one for each of many small files.
+void syncHost(const FileDescriptor& directory, const std::string& path) {
+#ifdef __linux__
+    if (syncfs(directory.get()) != 0) {
+        throwHostError(path);
+    }
+#else
+    static_cast<void>(directory); // each file was synchronised when it was closed
+    static_cast<void>(path);
+#endif
+}
+
 void runGet(const CopyCommand& command) {
     // Reading alone would not ask for this, but half-written files on the host must be removed.
     takeInterruptions();
     withVolume(command.volume, Access::read, [&](Session& session) {
         const FromTo paths = apart(command, ".");
         const HostPlace place = hostPlace(session.volume(), paths, command.replace);
-        CopyRun run("get", settings(command));
+        CopyRun run(settings(command));
         TreeGetter getter(session.volume(), run);
-        for (const std::string& path : paths.sources) {
-            getOne(session.volume(), getter, path, place);
+        if (run.bar.isShown()) {
+            for (const std::string& path : paths.sources) {
+                run.bar.expect(bytesOnVolume(session.volume(), path));
+            }
         }
+        for (const std::string& path : paths.sources) {
+            try {
+                getOne(session.volume(), getter, path, place);
+            } catch (const ItemFailure& failure) { // there is no such item; the others may be there
+                run.problem(failure);
+            }
+        }
+        syncHost(place.directory, paths.target);
         run.end();
-        printReport(run.report, command.json);
+        printReport(run.report, command);
     });
 }
 
@@ -256,15 +304,15 @@ void runPut(const CopyCommand& command) {
     for (const std::string& source : paths.sources) {
         struct ::stat status {};
         if (source != "-" && lstat(source.c_str(), &status) != 0) {
-            throw Failure(explainHost(source, errno));
+            throw Failure(explainHost(source, errno), source, fromHost(errno));
         }
     }
+    CopyRun run(settings(command));
     withVolume(command.volume, Access::change, [&](Session& session) {
-        CopyRun run("put", settings(command));
         const VolumePlace place = volumePlace(session.volume(), paths, command.replace);
         if (run.bar.isShown()) {
             for (const std::string& source : paths.sources) {
-                run.bar.expect(bytesBelow(source));
+                run.bar.expect(source == "-" ? 0 : bytesBelow(source));
             }
         }
         TreePutter putter(session.volume(), run);
@@ -272,8 +320,9 @@ void runPut(const CopyCommand& command) {
             putOne(putter, source, place);
         }
         run.end();
-        printReport(run.report, command.json);
     });
+    // The volume is closed: only now is everything on the image's medium.
+    printReport(run.report, command);
 }
 
 std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& what) {
@@ -285,7 +334,7 @@ std::shared_ptr<CopyCommand> defineCopy(CLI::App& command, const std::string& wh
     addFlag(command, "--replace", arguments->replace, "The target may be a file, and is replaced");
     addFlag(command, "--no-streams", arguments->noStreams,
             "Leave named streams out; else they are \"user.\" attributes on the host");
-    addFlag(command, "-q,--quiet", arguments->quiet, "No progress bar");
+    addFlag(command, "-q,--quiet", arguments->quiet, "No progress bar and no summary");
     addJSON(command, arguments->json);
     return arguments;
 }

@@ -1,6 +1,7 @@
 /// The common part of copying into and out of a volume: settings, counts, problems and errors.
 ///
-/// An item that cannot be copied is a problem: it is reported, the rest is copied, and the command
+/// An item that cannot be copied, an ItemFailure, is a problem: it is reported, the rest is copied,
+/// and the command
 /// fails in the end. An error of the whole volume, device or process, and an interruption, is a
 /// Failure and ends the run at once. A file or link is made under a name of partialName() and gets
 /// its own name when it is complete, so no half-written file ever has the name of a whole one.
@@ -10,9 +11,11 @@
 
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/terminal.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 
@@ -25,11 +28,6 @@ inline constexpr std::size_t kTransferBytes = 1 << 20;
 /// damaged volume's directories may form. Each level keeps a directory of the host open, so it
 /// stays below the 1024 descriptors that a process usually has.
 inline constexpr int kTreeDepthMax = 500;
-
-/// One item cannot be copied. Caught per item and turned into a problem of the run.
-class ItemFailure : public Failure {
-    using Failure::Failure;
-};
 
 /// Counts of the items that were copied whole.
 struct CopyReport {
@@ -52,13 +50,15 @@ struct CopySettings {
 /// calls end() when all items are done.
 class CopyRun {
   public:
-    /// `command` is the command's name for messages, a constant.
-    CopyRun(const char* command, const CopySettings& wanted)
-        : settings(wanted), bar(wanted.quiet), command_(command) {}
+    explicit CopyRun(const CopySettings& wanted) : settings(wanted), bar(wanted.quiet) {}
+
+    ~CopyRun();
+    CopyRun(const CopyRun&) = delete;
+    CopyRun& operator=(const CopyRun&) = delete;
 
     /// Records that an item was not copied. A single problem becomes the message of end(). From the
     /// second one on, all are printed on standard error as they occur.
-    void problem(const std::string& text);
+    void problem(const Failure& failure);
     /// Records a stream that the target has no room for. end() reports their number as one problem:
     /// on a file system without attributes there would be one for every file.
     void leaveOutStream() noexcept { ++streamsLeftOut_; }
@@ -78,31 +78,23 @@ class CopyRun {
     ProgressBar bar;
 
   private:
-    void tell(const std::string& text);
+    void tell(const Failure& failure);
 
-    const char* const command_;
-    std::string first_; ///< the first problem, until it is known whether there are more
+    std::optional<Failure> first_; ///< the first problem, until it is known whether there are more
     std::uint64_t problems_ = 0;
+    bool ended_ = false;
     std::uint64_t streamsLeftOut_ = 0;
     std::uint64_t partials_ = 0;
 };
 
-/// Throws for a volume's error: Failure when the error concerns the whole volume or the process
-/// (full, read-only, failing device), ItemFailure when it concerns one item. `attributes` are
-/// those of a file whose data was asked for, and explain why it is refused.
-[[noreturn]] void throwVolumeError(std::string_view path, const fskit::Error& error,
-                                   const fskit::FSItemAttributes& attributes = {});
-/// Returns the value of an outcome. Throws for its error as throwVolumeError() does.
+/// Returns the value of an outcome, as valueOf() does. A device error also ends the run: a volume
+/// that cannot be written has no use for the next item.
 template<typename Value>
-Value ofItem(Outcome<Value> outcome, std::string_view path,
-             const fskit::FSItemAttributes& attributes = {}) {
-    if (!outcome) {
-        throwVolumeError(path, outcome.error(), attributes);
+Value ofItem(Outcome<Value> outcome, std::string_view path) {
+    if (!outcome && numberOf(outcome.error()) == kEIO) {
+        throw Failure(explain(path, outcome.error()), path, kEIO);
     }
-    return std::move(outcome).get();
+    return valueOf(std::move(outcome), path);
 }
-
-/// The same for a system call that has just failed: reads errno, so nothing may come in between.
-[[noreturn]] void throwHostError(std::string_view path);
 
 } // namespace tavelin::cli

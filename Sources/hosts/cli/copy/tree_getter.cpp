@@ -7,10 +7,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <span>
 
 namespace tavelin::cli {
 namespace {
@@ -22,6 +25,31 @@ using fskit::FSItemType;
 bool staysInside(std::string_view name) {
     return !name.empty() && name != "." && name != ".." &&
            name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+/// Bytes of zeros that are worth a hole: the largest cluster that is common.
+constexpr std::size_t kHoleBytes = 64 << 10;
+static_assert(kTransferBytes % kHoleBytes == 0, "holes lie at multiples of their size");
+
+bool isZero(std::span<const std::byte> bytes) {
+    // A run of zeros equals itself moved by one byte.
+    return bytes.front() == std::byte{0} &&
+           std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
+}
+
+/// Sees to it that the content is on the medium before a file of the same name is given up for it.
+/// A new file waits for the sync at the end of the run. False with errno set when it fails.
+bool isSafeToName(int directory, const std::string& name, const FileDescriptor& file) {
+#ifdef __linux__
+    struct ::stat there {};
+    if (fstatat(directory, name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
+        return true;
+    }
+#else
+    static_cast<void>(directory); // no call synchronises a whole file system later
+    static_cast<void>(name);
+#endif
+    return fsync(file.get()) == 0;
 }
 
 std::array<std::timespec, 2> times(const fskit::FSItemAttributes& attributes) {
@@ -36,7 +64,7 @@ void TreeGetter::get(const Found& found, const std::string& path, int directory,
     try {
         getItem(found, path, directory, name);
     } catch (const ItemFailure& failure) {
-        run_.problem(failure.what());
+        run_.problem(failure);
     }
 }
 
@@ -45,7 +73,7 @@ void TreeGetter::getContents(const ItemRef& volumeDirectory, const std::string& 
     try {
         getEntries(volumeDirectory, path, directory);
     } catch (const ItemFailure& failure) {
-        run_.problem(failure.what());
+        run_.problem(failure);
     }
 }
 
@@ -64,8 +92,11 @@ void TreeGetter::getItem(const Found& found, const std::string& path, int direct
         return getDirectory(found, path, directory, name);
     case FSItemType::symlink:
         return getLink(found, path, directory, name);
-    default:
+    case FSItemType::file:
         return getFile(found, path, directory, name);
+    default:
+        throw ItemFailure(escaped(path) + ": devices, pipes and sockets are left out", path,
+                          kENOTSUP);
     }
 }
 
@@ -84,11 +115,12 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
         getStreams(found.item, path, file.get());
         // Times come after the writes, which change them. Closing may report a failed write, so it
         // comes before the rename.
-        if (futimens(file.get(), times(found.attributes).data()) != 0) {
+        if (futimens(file.get(), times(found.attributes).data()) != 0 ||
+            !isSafeToName(directory, name, file)) {
             throwHostError(path);
         }
         if (const int error = file.close(); error != 0) {
-            throw ItemFailure(explainHost(path, error));
+            throwHostError(path, error);
         }
         giveName(directory, partial, name, path);
     });
@@ -97,7 +129,7 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
 
 void TreeGetter::getLink(const Found& found, const std::string& path, int directory,
                          const std::string& name) {
-    const std::string target = ofItem(volume_.readSymbolicLink(found.item), path);
+    const std::string target = valueOf(volume_.readSymbolicLink(found.item), path);
     const std::string partial = run_.partialName();
     if (symlinkat(target.c_str(), directory, partial.c_str()) != 0) {
         throwHostError(path);
@@ -139,16 +171,11 @@ void TreeGetter::getDirectory(const Found& found, const std::string& path, int d
 
 void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& path,
                             int directory) {
-    const fskit::FSItemID own = ofItem(volume_.attributes(volumeDirectory), path).fileID();
+    const fskit::FSItemID own = valueOf(volume_.attributes(volumeDirectory), path).fileID();
     if (depth_ >= kTreeDepthMax || !entered_.insert(own).second) {
         throw ItemFailure(escaped(path) + ": too many directories inside each other");
     }
-    const auto entries = ofItem(volume_.list(volumeDirectory, true), path);
-    for (const DirectoryEntry& entry : entries) {
-        if (entry.attributes && entry.type == FSItemType::file) {
-            run_.bar.expect(entry.attributes->size());
-        }
-    }
+    const auto entries = valueOf(volume_.list(volumeDirectory, true), path);
     // get() catches ItemFailure, so the depth is restored unless the whole run ends.
     ++depth_;
     for (const DirectoryEntry& entry : entries) {
@@ -157,7 +184,7 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
         if (found) {
             get(*found, below, directory, entry.name);
         } else {
-            run_.problem(explain(below, found.error()));
+            run_.problem(Failure(explain(below, found.error()), below, numberOf(found.error())));
         }
     }
     --depth_;
@@ -165,16 +192,31 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
 
 void TreeGetter::readContents(const Found& found, const std::string& path,
                               const FileDescriptor& file) {
+    // A file that takes less space than it has bytes has holes, or is compressed. Its runs of zeros
+    // become holes of the copy, which would otherwise be larger than the original.
+    const bool maySkipZeros = found.attributes.allocSize() < found.attributes.size();
     std::uint64_t offset = 0;
     while (const std::size_t count =
-               ofItem(volume_.read(found.item, offset, buffer_), path, found.attributes)) {
+               valueOf(volume_.read(found.item, offset, buffer_), path, found.attributes)) {
         throwIfInterrupted();
-        if (const int error = file.write(buffer_.data(), count).error; error != 0) {
-            throw ItemFailure(explainHost(path, error));
+        for (std::size_t done = 0; done < count;) {
+            const std::size_t length = std::min(maySkipZeros ? kHoleBytes : count, count - done);
+            const auto piece = std::span<const std::byte>(buffer_).subspan(done, length);
+            if (!maySkipZeros || !isZero(piece)) {
+                const int error = file.writeAt(piece.data(), length, offset + done).error;
+                if (error != 0) {
+                    throwHostError(path, error);
+                }
+            }
+            done += length;
         }
         offset += count;
         run_.report.bytes += count;
         run_.bar.advance(count);
+    }
+    // Ends a file whose last bytes were skipped.
+    if (maySkipZeros && ftruncate(file.get(), static_cast<off_t>(offset)) != 0) {
+        throwHostError(path);
     }
 }
 
@@ -182,17 +224,17 @@ void TreeGetter::getStreams(const ItemRef& item, const std::string& path, int fi
     if (!run_.settings.streams) {
         return;
     }
-    for (const std::string& name : ofItem(volume_.listXattrs(item), path)) {
+    for (const std::string& name : valueOf(volume_.listXattrs(item), path)) {
         const std::string stream = fmt::format("{} (stream {})", path, name);
         const auto value = volume_.getXattr(item, name);
         try {
-            if (writeHostStream(file, name, ofItem(value, stream), stream)) {
+            if (writeHostStream(file, name, valueOf(value, stream), stream)) {
                 ++run_.report.streams;
             } else {
                 run_.leaveOutStream();
             }
         } catch (const ItemFailure& failure) { // the file itself is still worth having
-            run_.problem(failure.what());
+            run_.problem(failure);
         }
     }
 }
@@ -211,8 +253,8 @@ void TreeGetter::orTakeAway(int directory, const std::string& partial,
         work();
     } catch (...) {
         if (unlinkat(directory, partial.c_str(), 0) != 0) {
-            run_.problem("a half-written file could not be removed again: " +
-                         explainHost(partial, errno));
+            run_.problem(Failure("a half-written file could not be removed again: " +
+                                 explainHost(partial, errno)));
         }
         // The error of the work is the one to report.
         throw;

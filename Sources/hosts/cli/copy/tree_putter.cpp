@@ -73,7 +73,7 @@ void TreePutter::put(const Source& source, const ItemRef& volumeDirectory,
     try {
         putItem(source, volumeDirectory, name);
     } catch (const ItemFailure& failure) {
-        run_.problem(failure.what());
+        run_.problem(failure);
     }
 }
 
@@ -107,15 +107,36 @@ void TreePutter::putFile(const Source& source, const ItemRef& volumeDirectory,
     // place from blocking the open, O_NOCTTY a terminal from becoming ours.
     const FileDescriptor file = openSource(source, O_NONBLOCK | O_NOCTTY);
     const struct ::stat status = statusOf(file.get(), source.path);
+    constexpr std::uint64_t kStatusUnit = 512; // of st_blocks, by POSIX on Linux and macOS
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    const std::uint64_t allocated = static_cast<std::uint64_t>(status.st_blocks) * kStatusUnit;
+    refuseTooLarge(std::min(size, allocated), source.path);
     run_.bar.begin(source.path);
     const std::string partial = run_.partialName();
     install(volume_.create(volumeDirectory, partial, FSItemType::file), partial, volumeDirectory,
             name, source.path, [&](const ItemRef& item) {
-                writeContents(file.get(), item, source.path);
+                if (allocated < size) {
+                    writeSparse(file.get(), size, item, source.path);
+                } else {
+                    writeContents(file.get(), item, source.path);
+                }
                 putStreams(file.get(), item, source.path);
                 setTimes(status, item, source.path);
             });
     ++run_.report.files;
+}
+
+void TreePutter::refuseTooLarge(std::uint64_t bytes, const std::string& path) {
+    // Small files are not worth the question; the volume refuses those that do not fit.
+    if (bytes < kTransferBytes) {
+        return;
+    }
+    const std::uint64_t room = volume_.statistics().freeBytes;
+    if (bytes > room) {
+        throw ItemFailure(fmt::format("{}: the volume is full: {} are needed, {} are free",
+                                      escaped(path), humanSize(bytes), humanSize(room)),
+                          path, kENOSPC);
+    }
 }
 
 void TreePutter::putStream(int descriptor, const ItemRef& volumeDirectory,
@@ -160,7 +181,7 @@ void TreePutter::putContents(const Source& source, const ItemRef& volumeDirector
         const FileDescriptor directory = openSource(source, O_DIRECTORY);
         putEntries(directory, source, volumeDirectory);
     } catch (const ItemFailure& failure) {
-        run_.problem(failure.what());
+        run_.problem(failure);
     }
 }
 
@@ -194,28 +215,34 @@ ItemRef TreePutter::targetDirectory(const ItemRef& volumeDirectory, const std::s
     return ofItem(volume_.create(volumeDirectory, name, FSItemType::directory), path).item;
 }
 
-void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::string& path) {
-    std::uint64_t offset = 0;
-    for (;;) {
+std::size_t TreePutter::fillBuffer(int descriptor, std::size_t wanted, const std::string& path) {
+    std::size_t filled = 0;
+    while (filled < wanted) {
+        const ssize_t count = read(descriptor, buffer_.data() + filled, wanted - filled);
+        if (count < 0 && errno == EINTR) {
+            throwIfInterrupted();
+            continue;
+        }
+        if (count < 0) {
+            throwHostError(path);
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    return filled;
+}
+
+void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::string& path,
+                               std::uint64_t offset, std::uint64_t length) {
+    const std::uint64_t end = length == kToTheEnd ? length : offset + length;
+    while (offset < end) {
         throwIfInterrupted();
         // A pipe delivers less than asked. The buffer is filled first, so that the volume gets few
         // large writes.
-        std::size_t filled = 0;
-        while (filled < buffer_.size()) {
-            const ssize_t count =
-                read(descriptor, buffer_.data() + filled, buffer_.size() - filled);
-            if (count < 0 && errno == EINTR) {
-                throwIfInterrupted();
-                continue;
-            }
-            if (count < 0) {
-                throwHostError(path);
-            }
-            if (count == 0) {
-                break;
-            }
-            filled += static_cast<std::size_t>(count);
-        }
+        const std::size_t wanted = std::min<std::uint64_t>(buffer_.size(), end - offset);
+        const std::size_t filled = fillBuffer(descriptor, wanted, path);
         for (std::size_t done = 0; done < filled;) {
             const std::size_t written =
                 ofItem(volume_.write(file, offset,
@@ -231,9 +258,34 @@ void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::s
         run_.report.bytes += filled;
         run_.bar.advance(filled);
         // Only the end of the input leaves the buffer partly empty.
-        if (filled < buffer_.size()) {
+        if (filled < wanted) {
             return;
         }
+    }
+}
+
+void TreePutter::writeSparse(int descriptor, std::uint64_t size, const ItemRef& file,
+                             const std::string& path) {
+    // Growing a file makes a hole. Only what is written into it takes clusters.
+    fskit::FSItemSetAttributesRequest changes;
+    changes.setSize(size);
+    ofItem(volume_.setAttributes(file, changes), path);
+    for (off_t at = 0; at < static_cast<off_t>(size);) {
+        const off_t data = lseek(descriptor, at, SEEK_DATA);
+        if (data < 0 && errno == ENXIO) { // nothing but a hole up to the end
+            run_.report.bytes += size - static_cast<std::uint64_t>(at);
+            return;
+        }
+        const off_t hole = data < 0 ? data : lseek(descriptor, data, SEEK_HOLE);
+        if (hole < 0 || lseek(descriptor, data, SEEK_SET) < 0) {
+            throwHostError(path);
+        }
+        const auto skipped = static_cast<std::uint64_t>(data - at);
+        run_.report.bytes += skipped;
+        run_.bar.advance(skipped);
+        writeContents(descriptor, file, path, static_cast<std::uint64_t>(data),
+                      static_cast<std::uint64_t>(hole - data));
+        at = hole;
     }
 }
 
@@ -251,7 +303,7 @@ void TreePutter::putStreams(int descriptor, const ItemRef& item, const std::stri
         try {
             throwVolumeError(fmt::format("{} (stream {})", path, stream.name), set.error());
         } catch (const ItemFailure& failure) { // the file itself is still worth having
-            run_.problem(failure.what());
+            run_.problem(failure);
         }
     }
 }
@@ -302,8 +354,8 @@ void TreePutter::giveName(const ItemRef& item, const std::string& partial,
 void TreePutter::takeAway(const ItemRef& item, const std::string& partial,
                           const ItemRef& volumeDirectory) {
     if (const auto removed = volume_.remove(item, volumeDirectory, partial); !removed) {
-        run_.problem("a half-written file could not be removed again: " +
-                     explain(partial, removed.error()));
+        run_.problem(Failure("a half-written file could not be removed again: " +
+                             explain(partial, removed.error())));
     }
 }
 

@@ -6,6 +6,7 @@
 #include "platform/file_descriptor.hpp"
 
 #include <functional>
+#include <limits>
 #include <set>
 #include <string>
 #include <vector>
@@ -53,7 +54,18 @@ class TreePutter {
                       const std::string& name);
     void putEntries(const FileDescriptor& directory, const Source& source,
                     const ItemRef& volumeDirectory);
-    void writeContents(int descriptor, const ItemRef& file, const std::string& path);
+    static constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
+    /// Writes up to `length` bytes from where the descriptor stands to `offset` of the file.
+    void writeContents(int descriptor, const ItemRef& file, const std::string& path,
+                       std::uint64_t offset = 0, std::uint64_t length = kToTheEnd);
+    /// The same for a whole file of the host with holes, which the file on the volume then has too.
+    void writeSparse(int descriptor, std::uint64_t size, const ItemRef& file,
+                     const std::string& path);
+    /// Reads until `wanted` bytes are in the buffer, or up to the end. Returns their number.
+    [[nodiscard]] std::size_t fillBuffer(int descriptor, std::size_t wanted,
+                                         const std::string& path);
+    /// Throws ItemFailure for a file that cannot fit, before any of it is copied.
+    void refuseTooLarge(std::uint64_t bytes, const std::string& path);
     void putStreams(int descriptor, const ItemRef& item, const std::string& path);
     /// Sets the times of `status`, and records the item in made_. It is an item's last step before
     /// its name, because every write would change the times again.
