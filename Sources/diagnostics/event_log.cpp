@@ -82,6 +82,13 @@ std::optional<std::filesystem::path> moduleLog() {
     return group ? EventLog::groupFile(*group, "module.log") : std::nullopt;
 }
 
+bool tellsOfFailure(const Fields& fields) {
+    const auto ok = fields.find("ok");
+    const auto number = fields.find("errno");
+    return (ok != fields.end() && ok->second == FieldValue(false)) ||
+           (number != fields.end() && !(number->second == FieldValue(0)));
+}
+
 } // namespace
 
 EventLog::EventLog(std::optional<std::filesystem::path> url, std::int64_t maxBytes, Clock now)
@@ -106,18 +113,39 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
         record.insert_or_assign("t", iso(now_()));
         record.insert_or_assign("ev", repairUTF8(name));
         record.insert_or_assign("pid", ::getpid());
-        if (const auto line = jsonLine(record)) {
-            append(*line);
+        const auto line = jsonLine(record);
+        if (!line) {
+            return;
         }
+        MutexLock lock(lock_);
+        if (isHolding_ && name != notable_ && !tellsOfFailure(fields)) {
+            // The oldest ones go when a process reads for very long.
+            constexpr std::size_t kHeldMax = 100;
+            if (held_.size() == kHeldMax) {
+                held_.erase(held_.begin());
+            }
+            held_.push_back(*line);
+            return;
+        }
+        isHolding_ = false;
+        for (const std::string& earlier : std::exchange(held_, {})) {
+            append(earlier);
+        }
+        append(*line);
     } catch (...) {
         // No memory, or a clock or a field's description that threw: the record is dropped.
     }
 }
 
+void EventLog::holdUntilFailure(std::string_view notable) {
+    MutexLock lock(lock_);
+    isHolding_ = true;
+    notable_ = notable;
+}
+
 void EventLog::append(std::string_view line) const {
     // Another process may append between the check and the write. The file then passes its bound
     // by a line, which does no harm.
-    MutexLock lock(lock_);
     if (const auto current = fileSize(*url_);
         current && *current + static_cast<std::int64_t>(line.size()) > maxBytes_) {
         rotate();

@@ -24,6 +24,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavelin {
 
@@ -43,6 +44,12 @@ class EventLog {
 
     /// Appends one event. Opens and closes the file each time: for rare events only.
     void event(std::string_view name, const Fields& fields = {}) noexcept;
+
+    /// From now on events wait in memory until one tells of a failure ("ok" is false, or "errno" is
+    /// not 0) or is called `notable`; then they are written, and nothing waits any more. What still
+    /// waits when the process ends is dropped: reading a volume without an error is no news, and
+    /// would push mounts and errors out of the log.
+    void holdUntilFailure(std::string_view notable);
 
     /// The last whole lines that fit in `maxBytes` bytes, reaching back into the previous
     /// generation if the current file is shorter. A last line longer than that is cut at its start.
@@ -76,7 +83,7 @@ class EventLog {
     [[nodiscard]] static std::string iso(Date date);
 
   private:
-    void append(std::string_view line) const;
+    void append(std::string_view line) const TAVELIN_REQUIRES(lock_);
     void rotate() const TAVELIN_REQUIRES(lock_);
 
     const std::optional<std::filesystem::path> url_; ///< absent: the log is inert
@@ -84,6 +91,9 @@ class EventLog {
     const Clock now_;
     /// Serialises every access to the files from this process. A leaf.
     mutable Mutex lock_;
+    bool isHolding_ TAVELIN_GUARDED_BY(lock_) = false;
+    std::string notable_ TAVELIN_GUARDED_BY(lock_);
+    std::vector<std::string> held_ TAVELIN_GUARDED_BY(lock_); ///< whole lines, oldest first
 };
 
 /// The process's event log, "module.log" of the group that the information dictionary names under

@@ -25,12 +25,14 @@ std::string unknownOption(const std::string& list) {
 } // namespace
 
 void addVolume(CLI::App& command, VolumeArguments& arguments) {
-    addArgument(command, "IMAGE", arguments.image, "Image file or block device");
+    addArgument(command, "IMAGE", arguments.image,
+                "Image file or block device; disk.img:2 is its second partition");
     addOptionLists(command, arguments.options,
                    "Volume options, comma separated: ro, windows_names, nocheck, "
                    "symlinks=windows|interix");
     command.get_option("-o")->check(unknownOption);
     addFlag(command, "--read-only", arguments.readOnly, "Do not change the volume");
+    addNumber(command, "--offset", arguments.offset, "BYTES", "Where in IMAGE the volume begins");
 }
 
 void freeLetterOfHelp(CLI::App& command) {

@@ -1,12 +1,11 @@
 // check: what the structural check finds, for a person or for a program.
 #include "check/check.hpp"
-#include "core/file_block_device.hpp"
-#include "core/journal/journaled_device.hpp"
 #include "core/ntfs_error.hpp"
 #include "hosting/image_file.hpp"
 #include "hosting/open_error.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/image_device.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
@@ -39,27 +38,26 @@ struct CheckedImage {
 
 /// Opens the image with its journal replayed in memory. The check sees the volume that the next
 /// mount will see, and the image keeps every byte.
-CheckedImage openForCheck(const std::string& image) {
+CheckedImage openForCheck(const std::string& image, const ImagePlace& place) {
     CheckedImage opened;
     try {
-        opened.lock = std::make_unique<ImageFile>(image, true);
+        opened.lock = std::make_unique<ImageFile>(place.path, true);
     } catch (const OpenError& error) {
         // A mounted image is checked without the lock: its owner may want to know while it serves.
         if (error.reason() != OpenError::Reason::inUse) {
-            throw Failure(openFailure(error), ExitStatus::unreadable);
+            throw Failure(openFailure(error, place), ExitStatus::unreadable);
         }
         opened.notes.emplace_back(
             "another program has it open, perhaps as a mount: it is read as the last flush left "
             "it, and what changes meanwhile may look like a fault");
     }
     try {
-        opened.device =
-            std::make_shared<JournaledDevice>(std::make_shared<FileBlockDevice>(image, 512, true));
+        opened.device = openDevice(place);
     } catch (const NTFSError& error) {
         throw Failure(fmt::format("{}: {}", escaped(image), errorText(error.code)),
                       ExitStatus::unreadable);
     }
-    if (opened.device->replay(true) == 0 && opened.device->recovered() > 0) {
+    if (opened.device->recovered() > 0) {
         opened.notes.emplace_back("a flush was interrupted: the volume is checked as the next "
                                   "mount will make it from the journal");
     }
@@ -197,7 +195,7 @@ void runCheck(const CheckCommand& command) {
     }
     const std::string& image = command.volume.image;
     takeInterruptions();
-    CheckedImage opened = openForCheck(image);
+    CheckedImage opened = openForCheck(image, findVolume(image, command.volume.offset));
     check::Report report = examine(command, *opened.device);
     // moduleRefusal() opens the image again and needs its lock.
     opened.device.reset();

@@ -93,7 +93,7 @@ constexpr std::array kCommands{
             "umount ~/disk", defineUnmount},
 #endif
     Command{"events", kDiagnose, "Show the module's event log",
-            "[--follow] [--since OFFSET] [--json]",
+            "[-n N] [--follow] [--since OFFSET] [--json]",
             "events\n"
             "events --follow --json  ## new events as they come, one JSON object a line",
             defineEvents},

@@ -21,6 +21,7 @@ struct EventsCommand {
     bool follow = false;
     bool json = false;
     std::optional<std::uint64_t> since;
+    std::optional<std::uint64_t> count; ///< of the last events
 };
 
 /// Bytes of the log that are shown without --since: some hundred events.
@@ -51,6 +52,16 @@ std::string forPeople(const std::string& line) {
     }
     return fmt::format("{}  {}{}", painted(time, Colour::faint), painted(name, Colour::strong),
                        fields);
+}
+
+/// The last `count` lines of a text whose lines all end in a line feed.
+std::string lastLines(const std::string& text, std::uint64_t count) {
+    std::size_t start = text.size();
+    for (std::uint64_t i = 0; i < count && start > 0; ++i) {
+        const std::size_t before = start < 2 ? std::string::npos : text.rfind('\n', start - 2);
+        start = before == std::string::npos ? 0 : before + 1;
+    }
+    return text.substr(start);
 }
 
 /// Prints the whole lines of a log that arrives in pieces. A line without its line feed stays in
@@ -103,7 +114,9 @@ void runEvents(const EventsCommand& command) {
         // The size comes first. An event that is written before the tail is read then shows twice
         // rather than never.
         offset = static_cast<std::uint64_t>(events().size());
-        printer.add(events().tail(kTailBytes));
+        printer.add(command.count
+                        ? lastLines(events().tail(EventLog::kDefaultMaxBytes), *command.count)
+                        : events().tail(kTailBytes));
     }
     // Ends by a signal, or by the Failure of a closed pipe.
     while (watch) {
@@ -126,6 +139,7 @@ void runEvents(const EventsCommand& command) {
 void defineEvents(CLI::App& command) {
     const auto arguments = std::make_shared<EventsCommand>();
     addFlag(command, "-f,--follow", arguments->follow, "Go on with new events as they come");
+    addNumber(command, "-n", arguments->count, "N", "Only the last N events");
     addNumber(command, "--since", arguments->since, "OFFSET",
               "Only what was written after this byte of the log; also says where it ends");
     addFlag(command, "--json", arguments->json, "The log's own lines, one JSON object each");

@@ -1,11 +1,16 @@
 #include "hosts/cli/session.hpp"
 
 #include "core/driver2/mount_options.hpp"
+#include "diagnostics/event_log.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
+
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
 
 namespace tavelin::cli {
 namespace {
@@ -22,11 +27,49 @@ ModuleHost::Options optionWords(const VolumeArguments& arguments, Access access)
     return words;
 }
 
+/// "; process 1234 (tavelin) has it open" for each that this user may see, at most three.
+std::string usersOf(const std::string& path) {
+    std::string text;
+#ifdef __linux__
+    namespace fs = std::filesystem;
+    constexpr int kToldMax = 3;
+    int told = 0;
+    std::error_code error;
+    const std::string own = std::to_string(getpid());
+    const fs::path image = fs::canonical(path, error);
+    for (fs::directory_iterator process("/proc", error);
+         !error && told < kToldMax && process != fs::directory_iterator();
+         process.increment(error)) {
+        const std::string number = process->path().filename();
+        if (number == own || number.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        // A process may end meanwhile, or belong to somebody else: it is left out.
+        std::error_code gone;
+        for (fs::directory_iterator file(process->path() / "fd", gone);
+             !gone && file != fs::directory_iterator(); file.increment(gone)) {
+            std::error_code closed;
+            if (fs::read_symlink(*file, closed) == image && !closed) {
+                std::string name;
+                std::getline(std::ifstream(process->path() / "comm"), name);
+                text += fmt::format("; process {} ({}) has it open", number, escaped(name));
+                ++told;
+                break;
+            }
+        }
+    }
+#else
+    static_cast<void>(path); // no file tells
+#endif
+    return text;
+}
+
 /// The remedy for an image that cannot be opened.
-const char* advice(const OpenError& error) {
-    // kENOSPC: the boot sector describes a volume that is larger than the image.
-    if (error.code() == kENOSPC) {
-        return "the image was cut off: get a complete copy";
+std::string advice(const OpenError& error, const ImagePlace& place) {
+    // A volume that its image is too short for may fail in several ways.
+    if (const std::uint64_t missing = missingBytes(place); missing > 0) {
+        return fmt::format("the image was cut off, {} bytes are missing: get a complete copy",
+                           missing);
     }
     switch (error.reason()) {
     case OpenError::Reason::notFound:
@@ -34,11 +77,11 @@ const char* advice(const OpenError& error) {
     case OpenError::Reason::permission:
         return "ask its owner for permission, or use sudo";
     case OpenError::Reason::inUse:
-        return "unmount it or end the other program first";
+        return "unmount it or end the other program first" + usersOf(place.path);
     case OpenError::Reason::notBlockDevice:
         return "name an image file or a block device such as /dev/sdb1";
     case OpenError::Reason::notNTFS:
-        return "for a whole disk, name its NTFS partition";
+        return describeForeign(place);
     case OpenError::Reason::ioError:
         return "copy what can still be read from it";
     case OpenError::Reason::refused:
@@ -47,11 +90,13 @@ const char* advice(const OpenError& error) {
     return "";
 }
 
-std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, Access access) {
+std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, const ImagePlace& place,
+                                   Access access) {
     try {
-        return ModuleHost::openImage(arguments.image, optionWords(arguments, access));
+        return ModuleHost::openImage(place.path, optionWords(arguments, access),
+                                     {.offset = place.offset, .length = place.length});
     } catch (const OpenError& error) {
-        throw openFailure(error);
+        throw openFailure(error, place);
     }
 }
 
@@ -77,8 +122,8 @@ std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
 
 } // namespace
 
-Failure openFailure(const OpenError& error) {
-    return {fmt::format("{} ({})", escaped(error.what()), advice(error)), {}, error.code()};
+Failure openFailure(const OpenError& error, const ImagePlace& place) {
+    return {fmt::format("{} ({})", escaped(error.what()), advice(error, place)), {}, error.code()};
 }
 
 void Session::warnIfCutOff() {
@@ -92,12 +137,16 @@ void Session::warnIfCutOff() {
     }
 }
 
-Session::Session(const VolumeArguments& arguments, Access access) : image_(arguments.image) {
+Session::Session(const VolumeArguments& arguments, Access access)
+    : image_(arguments.image), place_(findVolume(arguments.image, arguments.offset)) {
+    if (access == Access::read) {
+        events().holdUntilFailure("check");
+    }
     // Before opening, which may already replay the journal.
     if (access == Access::change) {
         takeInterruptions();
     }
-    host_ = opened(arguments, access);
+    host_ = opened(arguments, place_, access);
     if (access == Access::change && volume().isReadOnly()) {
         throw Failure(fmt::format("{}: nothing was changed, {}", escaped(image_),
                                   whyReadOnly(*host_, arguments)));

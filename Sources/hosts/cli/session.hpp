@@ -9,10 +9,12 @@
 #include "hosting/module_host.hpp"
 #include "hosting/paths.hpp"
 #include "hosts/cli/failure.hpp"
+#include "hosts/cli/image_place.hpp"
 #include "hosts/cli/interruption.hpp"
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,8 @@ struct VolumeArguments {
     std::string image;                ///< path of an image file or a block device
     std::vector<std::string> options; ///< each the list after one -o
     bool readOnly = false;
+    /// Where the user says that the volume begins in the image.
+    std::optional<std::uint64_t> offset;
 };
 
 /// The access that a command needs.
@@ -38,8 +42,8 @@ struct VolumeFacts {
     NTFSIOStats io;           ///< counted since the volume was opened
 };
 
-/// The Failure for an OpenError: its reason, and a remedy in parentheses.
-[[nodiscard]] Failure openFailure(const OpenError& error);
+/// The Failure for an OpenError of an image: its reason, and a remedy in parentheses.
+[[nodiscard]] Failure openFailure(const OpenError& error, const ImagePlace& place);
 
 /// An open volume. The command calls close(), which reports what could not be written. On a path
 /// that fails before, the destructor closes and drops the result. Commands use withVolume(), which
@@ -54,6 +58,8 @@ class Session {
     /// Valid until close().
     [[nodiscard]] VolumeClient& volume() { return host_->volume(); }
     [[nodiscard]] ModuleHost& host() { return *host_; }
+    /// Where in the image the volume is.
+    [[nodiscard]] const ImagePlace& place() const noexcept { return place_; }
     /// Reads label and serial, and copies the counters at this moment. Throws Failure.
     [[nodiscard]] VolumeFacts facts();
 
@@ -67,6 +73,7 @@ class Session {
     void warnIfCutOff();
 
     const std::string image_;
+    const ImagePlace place_;
     std::unique_ptr<ModuleHost> host_;
 };
 

@@ -1,9 +1,11 @@
 // probe, info, label: the volume as a whole.
+#include "diagnostics/event_log.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/volume_condition.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -40,12 +42,15 @@ std::string text(const std::array<std::uint8_t, 16>& uuid) {
 
 /// Probes without loading, so that it also recognises volumes that cannot be mounted.
 void runProbe(const VolumeCommand& command) {
+    const ImagePlace place = findVolume(command.volume.image, command.volume.offset);
+    events().holdUntilFailure("load");
     std::unique_ptr<ModuleHost> host;
     try {
         host = std::make_unique<ModuleHost>(std::make_shared<ImageResource>(
-            command.volume.image, ImageResource::Settings{.readOnly = true}));
+            place.path, ImageResource::Settings{
+                            .readOnly = true, .offset = place.offset, .length = place.length}));
     } catch (const OpenError& error) {
-        throw openFailure(error);
+        throw openFailure(error, place);
     }
     const fskit::FSProbeResult probed = host->probe();
     const bool usable = probed.result == fskit::FSMatchResult::usable;
@@ -55,20 +60,27 @@ void runProbe(const VolumeCommand& command) {
         JSONObject result;
         result.add("image", command.volume.image).add("ntfs", usable);
         if (usable) {
-            result.add("name", name).add("identifier", identifier);
+            result.add("name", name)
+                .add("identifier", identifier)
+                .add("partition", place.partition)
+                .add("offset", place.offset)
+                .add("state", conditionObject(conditionOf(place, nullptr)));
         }
         addItem(result);
     }
     // The JSON is printed before the failure: a program gets the answer and the exit status.
     if (!usable) {
         throw openFailure(
-            {OpenError::Reason::notNTFS, kEINVAL, command.volume.image, "not an NTFS volume"});
+            {OpenError::Reason::notNTFS, kEINVAL, command.volume.image, "not an NTFS volume"},
+            place);
     }
     if (command.json) {
         return;
     }
-    print(fmt::format("{}: NTFS volume \"{}\", identifier {}\n", shown(command.volume.image),
-                      shown(name), identifier));
+    const std::string partition =
+        place.partition == 0 ? "" : fmt::format(" in partition {}", place.partition);
+    print(fmt::format("{}: NTFS volume \"{}\"{}, identifier {}\n", shown(command.volume.image),
+                      shown(name), partition, identifier));
 }
 
 /// Names and values in the order of the output.
@@ -82,7 +94,7 @@ Counters counters(const NTFSIOStats& io) {
 }
 
 void printInfo(const VolumeFacts& facts, const fskit::FSStatFSResult& space,
-               const Counters& statistics) {
+               const Condition& condition, const Counters& statistics) {
     const auto row = [](std::string_view title, std::string_view value) {
         print(fmt::format("{}{}\n", painted(fmt::format("{:<16}", title), Colour::strong), value));
     };
@@ -96,7 +108,15 @@ void printInfo(const VolumeFacts& facts, const fskit::FSStatFSResult& space,
     row("free", bytes(space.freeBytes));
     row("cluster size", bytes(static_cast<std::uint64_t>(space.blockSize)));
     row("clusters", fmt::format("{}, {} free", space.totalBlocks, space.freeBlocks));
-    row("file records", fmt::format("{}, {} free", space.totalFiles, space.freeFiles));
+    if (condition.state) {
+        row("NTFS version",
+            fmt::format("{}.{}", condition.state->majorVersion, condition.state->minorVersion));
+        row("file records", fmt::format("{} of {} in use", condition.state->recordsInUse,
+                                        condition.state->records));
+    }
+    for (const std::string& sentence : conditionSentences(condition)) {
+        row("state", sentence);
+    }
     for (const auto& [name, value] : statistics) {
         row(name, std::to_string(value));
     }
@@ -107,9 +127,10 @@ void runInfo(const VolumeCommand& command) {
         const fskit::FSStatFSResult space = session.volume().statistics();
         // Copies the counters, so it comes after the request that they are to include.
         const VolumeFacts facts = session.facts();
+        const Condition condition = conditionOf(session.place(), &session.volume());
         const Counters statistics = command.statistics ? counters(facts.io) : Counters{};
         if (!command.json) {
-            printInfo(facts, space, statistics);
+            printInfo(facts, space, condition, statistics);
             return;
         }
         JSONObject result;
@@ -122,7 +143,14 @@ void runInfo(const VolumeCommand& command) {
             .add("totalClusters", space.totalBlocks)
             .add("freeClusters", space.freeBlocks)
             .add("totalFiles", space.totalFiles)
-            .add("freeFiles", space.freeFiles);
+            .add("freeFiles", space.freeFiles)
+            .add("partition", session.place().partition)
+            .add("offset", session.place().offset)
+            .add("state", conditionObject(condition));
+        if (condition.state) {
+            result.add("records", condition.state->records)
+                .add("recordsInUse", condition.state->recordsInUse);
+        }
         if (command.statistics) {
             JSONObject counted;
             for (const auto& [name, value] : statistics) {

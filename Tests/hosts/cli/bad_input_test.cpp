@@ -29,6 +29,9 @@ TEST(BadInput, ChangesNothingAndSaysWhatToDo) {
         {{}, kWrongUsage, "--help"},
         {{"lss", image}, kWrongUsage, "did you mean 'ls'"},
         {{"frobnicate", image}, kWrongUsage, "'tavelin --help'"},
+        {{"cp", image, "a", "b"}, kWrongUsage, "'put' into it"},
+        {{"xy", image}, kWrongUsage, "'tavelin --help'"},
+        {{"find", "--type", "x", image}, kWrongUsage, "--type takes"},
         {{"ls"}, kWrongUsage, "IMAGE is required"},
         {{"cat", image}, kWrongUsage, "PATH is required"},
         {{"mv", image, "file"}, kWrongUsage, "'tavelin mv --help'"},
@@ -85,34 +88,97 @@ TEST(BadInput, ChangesNothingAndSaysWhatToDo) {
     }
 }
 
-TEST(BadInput, ImagesThatAreNone) {
+/// The end of a run of a command on an image that is none.
+ProcessResult runOn(const std::string& command, const std::string& image) {
+    return command == "mkdir" ? tavelinRun({command, image, "new"}) : tavelinRun({command, image});
+}
+
+TEST(BadInput, ImagesThatAreNoneAreTold) {
     const SampleVolume volume;
     const TempDirectory& directory = volume.directory();
-    const std::string zeroes = directory / "zeroes";
-    const std::string empty = directory / "empty";
-    const std::string cutOff = directory / "cut-off";
-    writeFile(zeroes, std::string(1 << 20, '\0'));
-    writeFile(empty, "");
-    writeFile(cutOff, readFile(volume.image()).substr(0, 100'000));
-
-    for (const Options& command : {Options{"ls"}, Options{"mkdir"}, Options{"info"}}) {
-        const auto run = [&](const std::string& image) {
-            Options words{command.front(), image};
-            if (command.front() == "mkdir") {
-                words.push_back("new");
-            }
-            SCOPED_TRACE(command.front() + " " + image);
-            return tavelinRun(words);
-        };
-        expectRefusal(run(zeroes), kFailed, "not an NTFS volume");
-        expectRefusal(run(empty), kFailed, "not an NTFS volume");
-        expectRefusal(run(cutOff), kFailed, "is the image complete?");
-        expectRefusal(run(directory.path()), kFailed, "name an image file");
-        expectRefusal(run(directory / "missing"), kFailed, "check the path");
-        expectRefusal(run("/dev/null"), kFailed, "/dev/sdb1");
+    const std::string whole = readFile(volume.image());
+    const auto begins = [](const std::string& head) {
+        return head + std::string((1 << 20) - head.size(), '\0');
+    };
+    const struct {
+        std::string name;
+        std::string bytes;
+        std::string hint;
+    } kTable[] = {
+        {"zeroes", begins(""), "begins with zeros"},
+        {"empty", "", "it is empty"},
+        {"text", "Dear diary,\ntoday", "a text file"},
+        {"qcow2", begins("QFI\xfb"), "qemu-img convert"},
+        {"vhdx", begins("vhdxfile"), "a VHDX image"},
+        {"gzip", begins("\x1f\x8b"), "gunzip"},
+        {"exfat",
+         begins("\xeb\x76\x90"
+                "EXFAT   "),
+         "not an NTFS volume"},
+        {"cut-off", whole.substr(0, 100'000), "bytes are missing"},
+        {"no-boot-sector", std::string(512, '\0') + whole.substr(512), "last sector is whole"},
+        {"random", begins("\x01\x02\x03\xff"), "not an NTFS volume"},
+    };
+    for (const auto& row : kTable) {
+        const std::string image = directory / row.name;
+        writeFile(image, row.bytes);
+        for (const char* const command : {"ls", "mkdir", "info"}) {
+            SCOPED_TRACE(command + (" " + row.name));
+            expectRefusal(runOn(command, image), kFailed, row.hint);
+        }
+        EXPECT_EQ(readFile(image), row.bytes);
     }
-    EXPECT_EQ(readFile(zeroes), std::string(1 << 20, '\0'));
+    for (const char* const command : {"ls", "mkdir", "info"}) {
+        SCOPED_TRACE(command);
+        expectRefusal(runOn(command, directory.path()), kFailed, "name an image file");
+        expectRefusal(runOn(command, directory / "missing"), kFailed, "check the path");
+        expectRefusal(runOn(command, "/dev/null"), kFailed, "/dev/sdb1");
+    }
     EXPECT_FALSE(std::filesystem::exists(directory / "missing"));
+}
+
+/// A disk with an MBR: `images` one after the other, from 1 MiB on.
+std::string diskOf(const std::vector<std::string>& images) {
+    std::string disk(1 << 20, '\0');
+    disk[510] = '\x55';
+    disk[511] = '\xaa';
+    const auto put32 = [&](std::size_t at, std::uint64_t value) {
+        for (int i = 0; i < 4; ++i) {
+            disk[at + static_cast<std::size_t>(i)] = static_cast<char>(value >> (8 * i));
+        }
+    };
+    for (std::size_t i = 0; i < images.size(); ++i) {
+        const std::size_t entry = 446 + 16 * i;
+        disk[entry + 4] = '\x07'; // the type that NTFS partitions have
+        put32(entry + 8, disk.size() / 512);
+        put32(entry + 12, images[i].size() / 512);
+        disk += images[i];
+    }
+    return disk;
+}
+
+TEST(BadInput, AWholeDiskStandsForItsNTFSPartition) {
+    const SampleVolume volume;
+    const std::string bytes = readFile(volume.image());
+    const std::string disk = volume.directory() / "disk";
+    const std::string other(1 << 20, 'x');
+    writeFile(disk, diskOf({other, bytes}));
+    tavelinDone({"put", disk, "-", "file"}, "content");
+    EXPECT_EQ(tavelinDone({"cat", disk + ":2", "file"}), "content");
+    EXPECT_EQ(tavelinDone({"ls", "--offset", std::to_string(2 << 20), disk}), "file\n");
+    EXPECT_NE(tavelinDone({"probe", disk}).find("in partition 2"), std::string::npos);
+    EXPECT_NE(tavelinDone({"check", disk}).find("nothing is wrong"), std::string::npos);
+    EXPECT_EQ(readFile(disk).substr(0, 2 << 20), diskOf({other, bytes}).substr(0, 2 << 20));
+    expectRefusal(tavelinRun({"ls", disk + ":1"}), kFailed, "text file");
+    expectRefusal(tavelinRun({"ls", disk + ":3"}), kFailed, "no partition 3: it has 1 (1.0 MiB)");
+    expectRefusal(tavelinRun({"ls", volume.image().string() + ":1"}), kFailed,
+                  "no partition table");
+
+    writeFile(disk, diskOf({bytes, bytes}));
+    expectRefusal(tavelinRun({"ls", disk}), kFailed, disk + ":1");
+    EXPECT_EQ(tavelinDone({"ls", disk + ":1"}), "");
+    writeFile(disk, diskOf({other}));
+    expectRefusal(tavelinRun({"ls", disk}), kFailed, "without an NTFS partition: 1 (1.0 MiB)");
 }
 
 // The half that is there can be looked at; changing it would make things worse.
@@ -137,6 +203,7 @@ TEST(BadInput, AHibernatedVolumeIsOnlyRead) {
     tavelinDone({"put", image, "-", "hiberfil.sys"}, "hibr" + std::string(8192, '\0'));
     const std::string before = readFile(image);
     EXPECT_EQ(tavelinDone({"ls", image}), "hiberfil.sys\n");
+    EXPECT_NE(tavelinDone({"info", image}).find("Windows is hibernated on it"), std::string::npos);
     expectRefusal(tavelinRun({"mkdir", image, "new"}), kFailed, "opened for reading only");
     expectRefusal(tavelinRun({"put", image, "/etc/hostname"}), kFailed, "hibernated");
     EXPECT_EQ(readFile(image), before);

@@ -88,6 +88,13 @@ TEST(Commands, ThatLookPrintJSONAndChangeNothing) {
     EXPECT_EQ(info.at("totalBytes").get<std::uint64_t>() -
                   info.at("usedBytes").get<std::uint64_t>(),
               info.at("freeBytes"));
+    // The system files' records and those of what was made; a table's size says nothing.
+    EXPECT_GT(info.at("recordsInUse"), 10);
+    EXPECT_LT(info.at("recordsInUse"), 100);
+    EXPECT_EQ(info.at("state").at("dirty"), false);
+    EXPECT_EQ(info.at("state").at("hibernated"), false);
+    EXPECT_EQ(info.at("state").at("windowsLog"), "empty");
+    EXPECT_EQ(info.at("state").at("writable"), true);
     EXPECT_GT(info.at("stats").at("readBytes"), 0);
     EXPECT_EQ(info.at("stats").at("deviceWrites"), 0);
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
@@ -30,7 +31,7 @@ std::vector<json> parseLines(const std::string& text) {
 }
 
 TEST_F(Events, ReadFromAnOffsetOn) {
-    tavelinDone({"ls", volume_.image()});
+    tavelinDone({"mkdir", volume_.image(), "new"});
     std::vector<json> first = parseLines(tavelinDone({"events", "--json", "--since", "0"}));
     ASSERT_GE(first.size(), 4u);
     EXPECT_EQ(first.front().at("ev"), "module_start");
@@ -47,8 +48,22 @@ TEST_F(Events, ReadFromAnOffsetOn) {
               first.size() + later.size() - 1);
 }
 
-TEST_F(Events, FollowShowsWhatComes) {
+// Looking at a volume is no news, and would push the news out of the log; a failure is.
+TEST_F(Events, ReadingIsOnlyLoggedWhereItFails) {
+    tavelinDone({"ls", volume_.image()});
     tavelinDone({"probe", volume_.image()});
+    EXPECT_EQ(tavelinDone({"events"}), "");
+    std::filesystem::resize_file(volume_.image(), 100'000);
+    EXPECT_EQ(tavelinRun({"ls", volume_.image()}).status, 1);
+    const std::string shown = tavelinDone({"events", "-n", "1"});
+    EXPECT_NE(shown.find("  load "), std::string::npos) << shown;
+    EXPECT_NE(shown.find(" ok=false"), std::string::npos) << shown;
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 1) << shown;
+    EXPECT_NE(shown.find("=\""), std::string::npos) << "a value with blanks is quoted: " << shown;
+}
+
+TEST_F(Events, FollowShowsWhatComes) {
+    tavelinDone({"mkdir", volume_.image(), "new"});
     RunningTavelin following({"events", "--follow", "--json"});
     EXPECT_EQ(json::parse(following.readLine()).at("ev"), "module_start");
     EXPECT_EQ(json::parse(following.readLine()).at("ev"), "probe");

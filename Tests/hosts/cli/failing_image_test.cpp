@@ -52,7 +52,7 @@ TEST(FailingImage, AnImageInUseIsLeftAlone) {
     const SampleVolume volume;
     RunningTavelin writer({"put", volume.image(), "-", "file"});
     writer.write(std::string(2 << 20, 'x')); // more than a pipe holds: it has the image open
-    expectRefusal(tavelinRun({"mkdir", volume.image(), "new"}), kFailed, "first");
+    expectRefusal(tavelinRun({"mkdir", volume.image(), "new"}), kFailed, "(tavelin) has it open");
     EXPECT_EQ(writer.finish().status, 0);
     EXPECT_EQ(volume.list(), std::vector<std::string>{"file"});
 }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <pty.h>
 #include <sys/wait.h>
@@ -95,7 +96,7 @@ TEST(Terminal, TheProgressBarStaysOnItsLine) {
     const SampleVolume volume;
     const TempDirectory host;
     writeFile(host / "日本語の長い名前の写真アルバム 🎉🎉🎉🎉🎉🎉", std::string(1 << 20, 'x'));
-    for (const unsigned short columns : {20, 40, 60, 80}) {
+    for (const auto columns : std::array<unsigned short, 4>{20, 40, 60, 80}) {
         const std::string shown =
             onTerminal({"put", volume.image(), host.path().string() + "/."}, "1", "xterm", columns);
         const std::size_t begin = shown.find('\r');

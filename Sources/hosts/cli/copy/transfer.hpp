@@ -1,10 +1,10 @@
 /// The common part of copying into and out of a volume: settings, counts, problems and errors.
 ///
 /// An item that cannot be copied, an ItemFailure, is a problem: it is reported, the rest is copied,
-/// and the command
-/// fails in the end. An error of the whole volume, device or process, and an interruption, is a
-/// Failure and ends the run at once. A file or link is made under a name of partialName() and gets
-/// its own name when it is complete, so no half-written file ever has the name of a whole one.
+/// and the command fails in the end. An error of the whole volume, device or process, and an
+/// interruption, is a Failure and ends the run at once. A file or link is made under a name of
+/// partialName() and gets its own name when it is complete, so no half-written file ever has the
+/// name of a whole one.
 ///
 /// Everything here belongs to the thread that copies.
 #pragma once
