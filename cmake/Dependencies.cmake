@@ -20,6 +20,7 @@ if(TAVELIN_HOSTS AND TAVELIN_FUSE)
 endif()
 if(TAVELIN_HOSTS)
   find_package(CLI11 REQUIRED)
+  pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)
   if(NOT APPLE) # whose system has no such library
     pkg_check_modules(BLKID REQUIRED IMPORTED_TARGET blkid)
   endif()

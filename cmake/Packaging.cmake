@@ -8,7 +8,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/Sources/hosts/cli/completions/tavelin.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tavelin)
 install(FILES ${PROJECT_SOURCE_DIR}/Sources/hosts/cli/completions/_tavelin
         DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+# README.md points to the others by their paths.
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        FILES_MATCHING PATTERN "*.md")
 if(TAVELIN_FUSE)
   # mount(8) looks for its helpers in /sbin only, which is /usr/sbin: README.md says what to do with
   # another prefix.

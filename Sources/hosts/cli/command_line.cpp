@@ -125,6 +125,29 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
     return row.back();
 }
 
+/// What to say for a name under which people know one of the commands; null for other words.
+const char* hintForOtherName(std::string_view word) {
+    static constexpr const char* kCopyHint = "'get' copies out of the volume, 'put' into it";
+    static constexpr std::pair<std::string_view, const char*> kHints[] = {
+        {"cp", kCopyHint},
+        {"copy", kCopyHint},
+        {"dir", "did you mean 'ls'?"},
+        {"del", "did you mean 'rm'?"},
+        {"delete", "did you mean 'rm'?"},
+        {"rmdir", "did you mean 'rm -r'?"},
+        {"rename", "did you mean 'mv'?"},
+        {"sha256sum", "did you mean 'hash'?"},
+        {"fsck", "did you mean 'check'?"},
+        {"chkdsk", "did you mean 'check'?"},
+    };
+    for (const auto& [name, hint] : kHints) {
+        if (name == word) {
+            return hint;
+        }
+    }
+    return nullptr;
+}
+
 /// Throws Failure for a first word that is no command, with the closest command as a hint. The
 /// parser would only call the word unexpected.
 void checkCommand(const std::string& word) {
@@ -136,10 +159,16 @@ void checkCommand(const std::string& word) {
         *std::min_element(table.begin(), table.end(), [&](const auto& a, const auto& b) {
             return editDistance(a.name, word) < editDistance(b.name, word);
         });
-    // Two changes cover a swapped pair of letters. More would suggest unrelated commands.
-    const std::string hint = editDistance(closest.name, word) <= 2
-                                 ? fmt::format("did you mean '{}'?", closest.name)
-                                 : "'tavelin --help' lists the commands";
+    // Two changes cover a swapped pair of letters. More, or two in a short word, would suggest
+    // unrelated commands.
+    constexpr std::size_t kShortWord = 2;
+    const std::size_t changesMax = word.size() <= kShortWord ? 1 : 2;
+    std::string hint = "'tavelin --help' lists the commands";
+    if (const char* const known = hintForOtherName(word)) {
+        hint = known;
+    } else if (editDistance(closest.name, word) <= changesMax) {
+        hint = fmt::format("did you mean '{}'?", closest.name);
+    }
     throw Failure(fmt::format("there is no command '{}': {}", escaped(word), hint),
                   ExitStatus::wrongUsage);
 }

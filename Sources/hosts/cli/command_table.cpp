@@ -17,20 +17,46 @@ constexpr std::string_view kDiagnose = "Find out what happened";
 constexpr std::array kCommands{
     Command{"probe", kLook, "Say whether an image holds an NTFS volume", "[--json] IMAGE",
             "probe disk.img\n"
+            "probe disk.img:2  ## of a whole disk, the second partition\n"
             "probe --json /dev/sdb1",
             defineProbe},
-    Command{"info", kLook, "Show label, serial number, sizes and counts",
-            "[--stats] [--json] IMAGE",
+    Command{"info", kLook, "Show label, state, sizes and counts", "[--stats] [--json] IMAGE",
             "info disk.img\n"
             "info --stats --json /dev/sdb1  ## with the I/O of reading all that, for a script",
             defineInfo},
-    Command{"ls", kLook, "List directories", "[-l] [-R] [-a] [--json] IMAGE [PATH...]",
+    Command{"ls", kLook, "List directories", "[-laRhtSrd1] [--json] IMAGE [PATH...]",
             "ls disk.img\n"
             "ls -l disk.img photos/2026  ## sizes and times, too\n"
+            "ls -lhS disk.img videos  ## the largest first\n"
             "ls -Ra --json disk.img  ## everything, hidden things included, for a script",
             defineList},
     Command{"stat", kLook, "Show all attributes of files", "[--json] IMAGE PATH...",
             "stat disk.img photos/a.jpg", defineStat},
+    Command{"find", kLook, "Find files and directories by their names",
+            "[--type f|d|l] [--json] IMAGE [PATTERN...]",
+            "find disk.img '*.jpg'  ## anywhere\n"
+            "find disk.img 'Photos/**/IMG_*'  ## below one directory\n"
+            "find --type d disk.img 'backup*'",
+            defineFind},
+    Command{"tree", kLook, "Draw the tree of directories and files",
+            "[-s | -h] [-L N] IMAGE [PATH...]",
+            "tree disk.img\n"
+            "tree -h -L 2 disk.img photos  ## with sizes, two levels",
+            defineTree},
+    Command{"du", kLook, "Sum up the space that directories take",
+            "[-a] [-h] [-s] [--json] IMAGE [PATH...]",
+            "du -h disk.img\n"
+            "du -s disk.img photos letters",
+            defineDu},
+    Command{"df", kLook, "Show how much of the volume is used", "[-h] [--json] IMAGE",
+            "df -h disk.img", defineDf},
+    Command{"hash", kLook, "Print SHA-256 digests of files", "[--json] IMAGE PATH...",
+            "hash disk.img photos > photos.sha256\n"
+            "hash disk.img photos | sha256sum -c  ## compares with the copy in ./photos",
+            defineHash},
+    Command{"diff", kLook, "Compare a directory with one of this system",
+            "[--quick] [--json] IMAGE PATH DIR",
+            "diff disk.img /Photos ~/Photos  ## exit status 0 when they are the same", defineDiff},
     Command{"cat", kLook, "Write the contents of files to standard output", "IMAGE PATH...",
             "cat disk.img notes.txt\n"
             "cat disk.img backup.tar.gz | tar tz",

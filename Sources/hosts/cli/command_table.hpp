@@ -33,10 +33,16 @@ struct Command {
 void defineProbe(CLI::App& command); // volume_commands.cpp
 void defineInfo(CLI::App& command);
 void defineLabel(CLI::App& command);
+void defineDf(CLI::App& command);
 void defineCheck(CLI::App& command); // check_command.cpp
 void defineList(CLI::App& command);  // list_commands.cpp
 void defineStat(CLI::App& command);
-void defineCat(CLI::App& command); // read_commands.cpp
+void defineFind(CLI::App& command); // tree_commands.cpp
+void defineTree(CLI::App& command);
+void defineDu(CLI::App& command);
+void defineDiff(CLI::App& command); // diff_command.cpp
+void defineHash(CLI::App& command); // hash_command.cpp
+void defineCat(CLI::App& command);  // read_commands.cpp
 void defineReadlink(CLI::App& command);
 void defineGet(CLI::App& command); // copy_commands.cpp
 void definePut(CLI::App& command);

@@ -1,4 +1,4 @@
-// probe, info, label: the volume as a whole.
+// probe, info, df, label: the volume as a whole.
 #include "diagnostics/event_log.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
@@ -22,6 +22,7 @@ struct VolumeCommand {
     VolumeArguments volume;
     bool json = false;
     bool statistics = false;
+    bool humanSizes = false;
     std::optional<std::string> newLabel;
 };
 
@@ -192,7 +193,41 @@ std::shared_ptr<VolumeCommand> defineVolumeCommand(CLI::App& command) {
     return arguments;
 }
 
+void runDf(const VolumeCommand& command) {
+    withVolume(command.volume, Access::read, [&](Session& session) {
+        const fskit::FSStatFSResult space = session.volume().statistics();
+        if (command.json) {
+            addItem(JSONObject()
+                        .add("totalBytes", space.totalBytes)
+                        .add("usedBytes", space.usedBytes)
+                        .add("freeBytes", space.freeBytes));
+            return;
+        }
+        const auto amount = [&](std::uint64_t bytes) {
+            return command.humanSizes ? humanSize(bytes) : std::to_string(bytes);
+        };
+        // Rounded up, so that a volume with anything on it is not shown as empty.
+        const std::uint64_t percent =
+            space.totalBytes == 0 ? 0
+                                  : (space.usedBytes / 1024 * 100 + space.totalBytes / 1024) /
+                                        (space.totalBytes / 1024 + 1);
+        print(fmt::format("{:>16} {:>16} {:>16} {:>5}  image\n", "size", "used", "free", "used"));
+        print(fmt::format("{:>16} {:>16} {:>16} {:>4}%  {}\n", amount(space.totalBytes),
+                          amount(space.usedBytes), amount(space.freeBytes), percent,
+                          shown(command.volume.image)));
+    });
+}
+
 } // namespace
+
+void defineDf(CLI::App& command) {
+    const auto arguments = std::make_shared<VolumeCommand>();
+    freeLetterOfHelp(command);
+    addVolume(command, arguments->volume);
+    addFlag(command, "-h", arguments->humanSizes, "Sizes like 1.5 MiB");
+    addJSON(command, arguments->json);
+    setWork(command, [arguments] { runDf(*arguments); });
+}
 
 void defineProbe(CLI::App& command) {
     const auto arguments = defineVolumeCommand(command);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <sstream>
 
 namespace tavelin::test {
@@ -206,11 +207,76 @@ TEST(Commands, ListInTheOrderThatWasAskedFor) {
     EXPECT_NE(tavelinDone({"ls", "-lh", image}).find(" 2.9 KiB "), std::string::npos);
 }
 
+TEST(Commands, GoThroughWholeTrees) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    tavelinDone({"mkdir", "-p", image, "photos/2026"});
+    tavelinDone({"put", image, "-", "photos/2026/a.jpg"}, std::string(100'000, 'x'));
+    tavelinDone({"put", image, "-", "photos/b.JPG"}, "abc");
+    tavelinDone({"put", image, "-", "notes"}, "");
+    const std::string before = readFile(image);
+
+    EXPECT_EQ(tavelinDone({"find", image, "*.jpg"}), "photos/2026/a.jpg\nphotos/b.JPG\n");
+    EXPECT_EQ(tavelinDone({"find", image, "photos/*.jpg", "n*"}), "notes\nphotos/b.JPG\n");
+    EXPECT_EQ(tavelinDone({"find", "--type", "d", image}), "photos\nphotos/2026\n");
+    const json found = json::parse(tavelinDone({"find", "--json", image, "b.jpg"}));
+    EXPECT_EQ(found.at("items").at(0).at("path"), "/photos/b.JPG");
+
+    EXPECT_EQ(tavelinDone({"tree", "-s", image}), "/\n"
+                                                  "├── [0]  notes\n"
+                                                  "└── [0]  photos\n"
+                                                  "    ├── [0]  2026\n"
+                                                  "    │   └── [100000]  a.jpg\n"
+                                                  "    └── [3]  b.JPG\n"
+                                                  "\n2 directories, 3 files\n");
+    EXPECT_EQ(tavelinDone({"tree", "-L", "1", image, "photos"}),
+              "photos\n├── 2026\n└── b.JPG\n\n1 directories, 1 files\n");
+
+    const json usage = json::parse(tavelinDone({"du", "--json", image})).at("items");
+    ASSERT_EQ(usage.size(), 3u);
+    EXPECT_EQ(usage.at(0).at("path"), "/photos/2026");
+    EXPECT_EQ(usage.at(2).at("path"), "/");
+    EXPECT_EQ(usage.at(2).at("bytes"), 100'003);
+    EXPECT_EQ(usage.at(2).at("files"), 3);
+    EXPECT_GE(usage.at(0).at("allocated"), 100'000);
+    EXPECT_LE(usage.at(0).at("allocated"), usage.at(1).at("allocated"));
+    const json space = json::parse(tavelinDone({"df", "--json", image})).at("items").at(0);
+    EXPECT_EQ(space.at("totalBytes"), space.at("usedBytes").get<std::uint64_t>() +
+                                          space.at("freeBytes").get<std::uint64_t>());
+    EXPECT_EQ(readFile(image), before);
+}
+
+// The manifest is the one of sha256sum, which finds the copies sound.
+TEST(Commands, HashAsTheSystemDoes) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    tavelinDone({"mkdir", image, "d"});
+    tavelinDone({"put", image, "-", "d/odd\\name\nof two lines"}, std::string(3'000'000, 'x'));
+    tavelinDone({"put", image, "-", "d/empty"}, "");
+    tavelinDone({"get", image, "d", host / "d"});
+    writeFile(host / "manifest", tavelinDone({"hash", image, "d"}));
+    const ProcessResult check = run(
+        {"sh", "-c", "cd \"$1\" && sha256sum -c --strict manifest", "sh", host.path().string()});
+    EXPECT_EQ(check.status, 0) << check.describe();
+    EXPECT_EQ(std::count(check.out.begin(), check.out.end(), '\n'), 2) << check.out;
+    expectRefusal(tavelinRun({"hash", image, "none"}), 1, "No such file");
+
+    EXPECT_EQ(tavelinDone({"diff", image, "d", host / "d"}), "");
+    writeFile(host / "d/empty", "x");
+    writeFile(host / "d/more", "");
+    const ProcessResult differ = tavelinRun({"diff", image, "d", host / "d"});
+    EXPECT_EQ(differ.status, 1) << differ.describe();
+    EXPECT_EQ(differ.out, "empty: have different sizes\nmore: is only on this system\n");
+    EXPECT_EQ(differ.err, "");
+}
+
 TEST(Commands, HelpTeachesEveryCommand) {
     const std::string overview = tavelinDone({"--help"});
     for (const char* const command :
-         {"probe", "info", "ls", "stat", "cat", "readlink", "check", "get", "put", "mkdir", "rm",
-          "mv", "ln", "xattr", "label", "events"}) {
+         {"probe", "info", "ls",  "stat",     "find",  "tree",  "du",  "df",
+          "hash",  "diff", "cat", "readlink", "check", "get",   "put", "mkdir",
+          "rm",    "mv",   "ln",  "xattr",    "label", "events"}) {
         EXPECT_NE(overview.find("\n  " + std::string(command) + " "), std::string::npos) << command;
         const std::string help = tavelinDone({"help", command});
         EXPECT_NE(help.find("Usage: tavelin " + std::string(command)), std::string::npos) << help;

@@ -1,3 +1,4 @@
+#include "hosts/cli/glob.hpp"
 #include "hosts/cli/text.hpp"
 
 #include <gtest/gtest.h>
@@ -32,6 +33,38 @@ TEST(Text, SaysSizesTimesAndModesAsPeopleReadThem) {
     EXPECT_EQ(isoTime({1795235555, 123456700}), "2026-11-21T04:32:35.1234567Z");
     EXPECT_EQ(isoTime({-11644473600, 100}), "1601-01-01T00:00:00.0000001Z");
     EXPECT_EQ(modeText(fskit::FSItemType::directory, 0754), "drwxr-xr--");
+}
+
+TEST(Text, MatchesPatterns) {
+    const struct {
+        std::string_view pattern;
+        std::string_view path;
+        bool matches;
+    } kTable[] = {
+        {"*.jpg", "a/b/C.JPG", true},
+        {"*.jpg", "a.jpg/b", false},
+        {"Photos/**/*.jpg", "Photos/a.jpg", true},
+        {"Photos/**/*.jpg", "Photos/a/b/c.jpg", true},
+        {"Photos/*/*.jpg", "Photos/a/b/c.jpg", false},
+        {"/photos/*", "Photos/ü", true},
+        {"?", "ü", true},
+        {"??", "ü", false},
+        {"[a-c]*[!0-9]", "b12x", true},
+        {"[a-c]*[!0-9]", "b123", false},
+        {"[ü-ž]", "ź", true},
+        {"[", "[", true},
+        {"a*b*c", "a-b-b-c", true},
+        {"a*b*c", "a-c-b", false},
+        {"**", "", true},
+        {"**/x", "x", true},
+        {"*", "", false},
+    };
+    for (const auto& row : kTable) {
+        EXPECT_EQ(matchesPath(row.pattern, row.path), row.matches)
+            << row.pattern << " " << row.path;
+    }
+    // Many stars must not take exponential time.
+    EXPECT_FALSE(matchesName("*a*a*a*a*a*a*a*a*a*a*b", std::string(5000, 'a')));
 }
 
 TEST(Text, TakesPathsApart) {

@@ -17,16 +17,28 @@ _tavelin_paths() {
         }'
 }
 
+# A word of the command line as the program would get it: without quotation marks and backslashes.
+# Nothing in it is run.
+_tavelin_unquoted() {
+    local word=$1
+    case $word in
+    \'*) word=${word#\'} word=${word%\'} ;;
+    \"*) word=${word#\"} word=${word%\"} ;;
+    *) word=${word//\\/} word=${word/#\~/$HOME} ;;
+    esac
+    printf '%s' "$word"
+}
+
 _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
-    commands="probe info ls stat cat readlink check get put mkdir rm mv ln xattr label mount umount
-        events help"
+    commands="probe info ls stat find tree du df hash diff cat readlink check get put mkdir rm mv ln
+        xattr label mount umount events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
         case $item in
-        -o | --since) ((index++)) ;;
+        -o | --since | --offset | --type | -n | -L) ((index++)) ;;
         -*) ;;
         *) [ -z "$command" ] && command=$item || before+=("$item") ;;
         esac
@@ -36,26 +48,32 @@ _tavelin() {
         return
     fi
     if [ "$3" = -o ]; then
-        local words="ro windows_names"
+        local words="ro windows_names nocheck symlinks=windows symlinks=interix"
         [ "$command" != mount ] || words+=" allow_other low_latency noatime"
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
         return
     fi
     case $word in
     -*)
-        local options="--help --read-only -o"
+        local options="--help --read-only --offset -o"
         case $command in
         info) options+=" --stats --json" ;;
-        ls) options+=" -l -R -a --json" ;;
-        get | put) options+=" --no-streams --quiet --json" ;;
+        ls) options+=" -l -a -R -h -t -S -r -d -1 --json" ;;
+        find) options+=" --type --json" ;;
+        tree) options+=" -s -h -L" ;;
+        du) options+=" -a -h -s --json" ;;
+        df) options+=" -h --json" ;;
+        diff) options+=" --quick --json" ;;
+        get | put) options+=" -t --replace --no-streams --quiet --json" ;;
+        mv) options+=" -t --replace" ;;
         mkdir) options+=" -p" ;;
         rm) options+=" -r -f" ;;
         ln) options+=" -s" ;;
         check) options+=" --deep -q -n -y --json" ;;
-        mount) options+=" --foreground --trace" ;;
+        mount) options="--help --read-only -o --foreground --trace" ;;
         umount) options="--help" ;;
-        events) options="--help --follow --since --json" ;;
-        probe | stat | readlink | xattr | label) options+=" --json" ;;
+        events) options="--help -n --follow --since --json" ;;
+        probe | hash | stat | readlink | xattr | label) options+=" --json" ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
         return
@@ -78,9 +96,17 @@ _tavelin() {
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
     fi
-    image=${before[0]}
-    image=${image/#\~/$HOME}
+    image=$(_tavelin_unquoted "${before[0]}")
     local IFS=$'\n' paths=""
+    if [ "$command" = xattr ] && [ ${#before[@]} -ge 2 ]; then
+        # The names of the streams that the file has.
+        paths=$(tavelin xattr list "$image" "$(_tavelin_unquoted "${before[1]}")" 2>/dev/null)
+        for item in $paths; do
+            [[ $item == "$word"* ]] && COMPREPLY+=("$item")
+        done
+        return
+    fi
+    word=$(_tavelin_unquoted "$word")
     [ "$command" != label ] && paths=$(_tavelin_paths "$image" "${word#/}")
     for item in $paths; do
         [[ $item == "${word#/}"* ]] && COMPREPLY+=("$item")

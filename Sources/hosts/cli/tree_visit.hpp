@@ -1,0 +1,39 @@
+/// Everything below a directory of a volume, for commands that go through a whole tree.
+#pragma once
+
+#include "hosting/volume_client.hpp"
+
+#include <cstddef>
+#include <functional>
+#include <string>
+
+namespace tavelin::cli {
+
+/// One item of the tree; valid during the call that gets it.
+struct TreeItem {
+    const std::string& path; ///< "a/b", as messages and results call it
+    const DirectoryEntry& entry;
+    /// The entry's, or defaults of its type where they could not be read.
+    const fskit::FSItemAttributes& attributes;
+    const ItemRef& directory; ///< that holds the entry
+    std::size_t depth;        ///< 1 for what is directly in the directory
+    bool isLast;              ///< of its directory
+};
+
+struct TreeVisitor {
+    /// Called for each item, directories before what is in them, in the volume's order. False for a
+    /// directory that is not to be entered.
+    std::function<bool(const TreeItem& item)> visit;
+    /// Called for each directory that `visit` answered true for, when all in it is done, also where
+    /// it could not be read. May be empty.
+    std::function<void(const TreeItem& item)> leave;
+};
+
+/// Goes through all below `directory`, which results call `path` ("" for the root). Links are not
+/// followed; a directory that a damaged volume has inside itself is not entered again. A directory
+/// that cannot be read is told and left out: false in the end. Throws what the visitor throws, and
+/// Interruption.
+[[nodiscard]] bool visitTree(VolumeClient& volume, const ItemRef& directory,
+                             const std::string& path, const TreeVisitor& visitor);
+
+} // namespace tavelin::cli
