@@ -1,6 +1,7 @@
 #include "diagnostics/event_log.hpp"
 
 #include "diagnostics/private/json_line.hpp"
+#include "platform/assert.hpp"
 #include "platform/file_descriptor.hpp"
 #include "platform/group_container.hpp"
 #include "platform/information_dictionary.hpp"
@@ -125,6 +126,7 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
                 held_.erase(held_.begin());
             }
             held_.push_back(*line);
+            TAVELIN_ASSERT(held_.size() <= kHeldMax);
             return;
         }
         isHolding_ = false;

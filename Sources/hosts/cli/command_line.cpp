@@ -6,6 +6,7 @@
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/product.hpp"
 #include "platform/services.hpp"
 
@@ -122,6 +123,7 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
             row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
         }
     }
+    TAVELIN_ASSERT(row.back() <= std::max(a.size(), b.size()));
     return row.back();
 }
 

@@ -118,6 +118,17 @@ void throwItemError(std::string_view path, std::int32_t number) {
     throw ItemFailure(explain(path, fskit::fs_errorForPOSIXError(number)), path, number);
 }
 
+void throwNoContent(std::string_view path, const fskit::FSItemAttributes& attributes) {
+    const fskit::FSItemNativeAttributes& native = attributes.native();
+    const std::string reason =
+        explainRefusal(static_cast<NTFSDataState>(native.dataState), native.reparseTag);
+    throw ItemFailure(fmt::format("{}: {}", escaped(path),
+                                  reason.empty() ? fmt::format("is a {}, which has no bytes",
+                                                               typeName(attributes.type()))
+                                                 : reason),
+                      path, kENOTSUP);
+}
+
 void throwVolumeError(std::string_view path, const fskit::Error& error,
                       const fskit::FSItemAttributes& attributes) {
     const std::int32_t number = numberOf(error);

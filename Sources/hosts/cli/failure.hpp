@@ -74,6 +74,8 @@ class ItemFailure : public Failure {
 
 /// Throws ItemFailure for this item of the volume and an error in macOS's numbering.
 [[noreturn]] void throwItemError(std::string_view path, std::int32_t number);
+/// Throws ItemFailure for a device, pipe or socket, with the reason why it has no bytes to read.
+[[noreturn]] void throwNoContent(std::string_view path, const fskit::FSItemAttributes& attributes);
 /// Throws for a volume's error: Failure where endsEverything() is true, otherwise ItemFailure.
 /// `attributes` are those of a file whose data was asked for, and explain why it is refused.
 [[noreturn]] void throwVolumeError(std::string_view path, const fskit::Error& error,

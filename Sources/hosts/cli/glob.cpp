@@ -1,5 +1,7 @@
 #include "hosts/cli/glob.hpp"
 
+#include "platform/assert.hpp"
+
 #include <algorithm>
 #include <optional>
 #include <string>
@@ -14,6 +16,7 @@ char lowered(char letter) {
 
 /// Bytes of the character of UTF-8 that a text begins with; 1 for a byte that begins none.
 std::size_t characterLength(std::string_view text) {
+    TAVELIN_ASSERT(!text.empty());
     const auto lead = static_cast<unsigned char>(text.front());
     const std::size_t length = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
     return std::min(length, text.size());
@@ -62,6 +65,7 @@ bool contains(const Set& set, const std::string& character) {
 
 /// Compares one character and moves both texts on where it matches. `pattern` is not at a "*".
 bool matchOne(std::string_view& pattern, std::string_view& name) {
+    TAVELIN_ASSERT(!pattern.empty() && pattern.front() != '*');
     if (name.empty()) {
         return false;
     }

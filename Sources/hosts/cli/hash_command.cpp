@@ -125,8 +125,7 @@ void runHash(const HashCommand& command) {
                 isComplete &=
                     visitTree(volume, found.item, lastComponent(path).empty() ? "" : path, visitor);
             } else if (isSpecial(found.attributes.type())) {
-                throw ItemFailure(fmt::format("{}: is a {}, which has no content", escaped(path),
-                                              typeName(found.attributes.type())));
+                throwNoContent(path, found.attributes);
             } else {
                 hasher.hash(path, found);
             }

@@ -1,6 +1,7 @@
 #include "hosts/cli/image_device.hpp"
 
 #include "core/file_block_device.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,7 +18,10 @@ class PartDevice final : public BlockDevice {
           offset_(std::min(offset, whole_->size())),
           size_(std::min(length != 0 ? length : whole_->size(), whole_->size() - offset_)) {}
 
-    [[nodiscard]] std::uint64_t size() const noexcept override { return size_; }
+    [[nodiscard]] std::uint64_t size() const noexcept override {
+        TAVELIN_ASSERT(size_ <= whole_->size() - offset_);
+        return size_;
+    }
     [[nodiscard]] std::uint32_t blockSize() const noexcept override { return whole_->blockSize(); }
     [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
                                     std::uint64_t length) noexcept override {

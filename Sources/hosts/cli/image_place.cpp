@@ -3,6 +3,7 @@
 #include "NTFSBridge/ondisk/boot_sector.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/file_descriptor.hpp"
 
 #include <fmt/format.h>
@@ -94,6 +95,7 @@ std::vector<Partition> readTable(const FileDescriptor& file) {
                                   isBootSector(sectorAt(file, start * kUnit))});
         }
     }
+    TAVELIN_ASSERT(list != nullptr || partitions.empty());
     std::sort(partitions.begin(), partitions.end(),
               [](const auto& a, const auto& b) { return a.number < b.number; });
     return partitions;

@@ -1,5 +1,7 @@
 #include "hosts/cli/interruption.hpp"
 
+#include "platform/assert.hpp"
+
 #include <atomic>
 #include <csignal>
 #include <unistd.h>
@@ -31,6 +33,7 @@ void takeInterruptions() {
 
 void throwIfInterrupted() {
     if (const int signal = arrivedSignal) {
+        TAVELIN_ASSERT(signal == SIGINT || signal == SIGTERM || signal == SIGHUP);
         throw Interruption(signal);
     }
 }

@@ -3,6 +3,7 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <memory>
@@ -145,6 +146,7 @@ void runMove(NameCommand& command) {
                       ExitStatus::wrongUsage);
     }
     const bool intoDirectory = command.directory || command.paths.size() > 2;
+    TAVELIN_ASSERT(!command.paths.empty());
     const std::string target = command.directory.value_or(command.paths.back());
     if (!command.directory) {
         command.paths.pop_back();

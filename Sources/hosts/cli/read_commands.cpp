@@ -8,8 +8,6 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
-#include <fmt/format.h>
-
 #include <memory>
 
 namespace tavelin::cli {
@@ -30,9 +28,7 @@ void runCat(const ReadCommand& command) {
                 throwItemError(path, kEISDIR);
             }
             if (isSpecial(found.attributes.type())) {
-                throw ItemFailure(fmt::format("{}: is a {}, which has no content", escaped(path),
-                                              typeName(found.attributes.type())),
-                                  path, kENOTSUP);
+                throwNoContent(path, found.attributes);
             }
             // A read of 0 bytes is the end of the file.
             std::uint64_t offset = 0;

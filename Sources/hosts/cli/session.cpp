@@ -4,6 +4,7 @@
 #include "diagnostics/event_log.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -155,12 +156,14 @@ Session::Session(const VolumeArguments& arguments, Access access)
 }
 
 VolumeFacts Session::facts() {
+    TAVELIN_ASSERT(host_ != nullptr && host_->isLoaded());
     ExtendedOperations& requests = volume().requests();
     return {valueOf(requests.label(), image_), requests.serialNumber(),
             valueOf(requests.ioStatistics(), image_)};
 }
 
 void Session::close() {
+    TAVELIN_ASSERT(host_ != nullptr);
     if (auto closed = host_->close(); !closed) {
         throw Failure(fmt::format("{}; not everything that was changed is on the image",
                                   explain(image_, closed.error())));

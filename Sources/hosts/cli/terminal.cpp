@@ -2,6 +2,7 @@
 
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 
 #include <fmt/format.h>
 
@@ -131,6 +132,7 @@ std::string ProgressBar::line(std::size_t columns) const {
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     const double speed = seconds > 0 ? static_cast<double>(done_) / seconds : 0;
+    TAVELIN_ASSERT(part >= 0 && part <= 1);
     const auto full = static_cast<std::size_t>(part * kBarWidth);
     std::vector<std::string> fields;
     if (total_ > 0) {

@@ -1,5 +1,7 @@
 #include "hosts/cli/text.hpp"
 
+#include "platform/assert.hpp"
+
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -17,6 +19,7 @@ struct Character {
 };
 
 Character firstCharacter(std::string_view text) {
+    TAVELIN_ASSERT(!text.empty());
     const auto lead = static_cast<unsigned char>(text.front());
     const std::size_t length = lead < 0x80                   ? 1
                                : lead >= 0xC2 && lead < 0xE0 ? 2
@@ -152,6 +155,7 @@ std::string humanSize(std::uint64_t bytes) {
         value /= 1024;
         ++unit;
     }
+    TAVELIN_ASSERT(unit < kUnits.size() && value >= 1);
     return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 

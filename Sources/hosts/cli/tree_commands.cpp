@@ -106,6 +106,7 @@ class TreePrinter {
     }
 
     bool visit(const TreeItem& item) {
+        TAVELIN_ASSERT(item.depth > 0 && item.depth <= passing_.size() + 1);
         passing_.resize(item.depth - 1);
         std::string line;
         for (const bool passes : passing_) {
@@ -206,6 +207,7 @@ void runDu(const TreeCommand& command) {
                     }};
             isComplete &= visitTree(session.volume(), found.item,
                                     lastComponent(path).empty() ? "" : path, visitor);
+            TAVELIN_ASSERT(open.size() == 1);
             printUsage(command, path, open.front());
         });
         if (!isComplete) {

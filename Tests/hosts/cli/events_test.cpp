@@ -53,8 +53,8 @@ TEST_F(Events, ReadingIsOnlyLoggedWhereItFails) {
     tavelinDone({"ls", volume_.image()});
     tavelinDone({"probe", volume_.image()});
     EXPECT_EQ(tavelinDone({"events"}), "");
-    std::filesystem::resize_file(volume_.image(), 100'000);
-    EXPECT_EQ(tavelinRun({"ls", volume_.image()}).status, 1);
+    writeFile(directory_ / "cut off", readFile(volume_.image()).substr(0, 100'000));
+    EXPECT_EQ(tavelinRun({"ls", directory_ / "cut off"}).status, 1);
     const std::string shown = tavelinDone({"events", "-n", "1"});
     EXPECT_NE(shown.find("  load "), std::string::npos) << shown;
     EXPECT_NE(shown.find(" ok=false"), std::string::npos) << shown;

@@ -5,6 +5,7 @@
 #include "hosts/cli/copy/tree_putter.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -50,6 +51,7 @@ struct FromTo {
 /// Splits the paths: the last of several is the target, and a single one goes to the usual target.
 FromTo apart(const CopyCommand& command, const std::string& usualTarget) {
     std::vector<std::string> paths = command.paths;
+    TAVELIN_ASSERT(!paths.empty()); // the parser asks for one
     if (command.directory) {
         return {std::move(paths), *command.directory, true};
     }

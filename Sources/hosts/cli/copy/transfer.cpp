@@ -1,6 +1,7 @@
 #include "hosts/cli/copy/transfer.hpp"
 
 #include "hosts/cli/report.hpp"
+#include "platform/assert.hpp"
 
 #include <fmt/format.h>
 
@@ -26,6 +27,7 @@ void CopyRun::problem(const Failure& failure) {
         first_ = failure;
         return;
     }
+    TAVELIN_ASSERT(first_.has_value());
     if (problems_ == 2) {
         tell(*first_);
     }
@@ -33,6 +35,7 @@ void CopyRun::problem(const Failure& failure) {
 }
 
 void CopyRun::end() {
+    TAVELIN_ASSERT(!ended_);
     ended_ = true;
     if (streamsLeftOut_ > 0) {
         problem(Failure(

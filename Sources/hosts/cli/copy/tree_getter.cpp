@@ -3,6 +3,7 @@
 #include "hosts/cli/copy/host_streams.hpp"
 #include "hosts/cli/session.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -32,6 +33,7 @@ constexpr std::size_t kHoleBytes = 64 << 10;
 static_assert(kTransferBytes % kHoleBytes == 0, "holes lie at multiples of their size");
 
 bool isZero(std::span<const std::byte> bytes) {
+    TAVELIN_ASSERT(!bytes.empty());
     // A run of zeros equals itself moved by one byte.
     return bytes.front() == std::byte{0} &&
            std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
@@ -95,8 +97,7 @@ void TreeGetter::getItem(const Found& found, const std::string& path, int direct
     case FSItemType::file:
         return getFile(found, path, directory, name);
     default:
-        throw ItemFailure(escaped(path) + ": devices, pipes and sockets are left out", path,
-                          kENOTSUP);
+        throwNoContent(path, found.attributes);
     }
 }
 
@@ -188,6 +189,7 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
         }
     }
     --depth_;
+    TAVELIN_ASSERT(depth_ >= 0);
 }
 
 void TreeGetter::readContents(const Found& found, const std::string& path,
@@ -199,6 +201,7 @@ void TreeGetter::readContents(const Found& found, const std::string& path,
     while (const std::size_t count =
                valueOf(volume_.read(found.item, offset, buffer_), path, found.attributes)) {
         throwIfInterrupted();
+        TAVELIN_ASSERT(count <= buffer_.size());
         for (std::size_t done = 0; done < count;) {
             const std::size_t length = std::min(maySkipZeros ? kHoleBytes : count, count - done);
             const auto piece = std::span<const std::byte>(buffer_).subspan(done, length);

@@ -3,6 +3,7 @@
 #include "hosts/cli/copy/host_streams.hpp"
 #include "hosts/cli/session.hpp"
 #include "hosts/cli/text.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/utf8.hpp"
 
@@ -196,6 +197,7 @@ void TreePutter::putEntries(const FileDescriptor& directory, const Source& sourc
         put({directory.get(), entry, joined(source.path, entry)}, volumeDirectory, entry);
     }
     --depth_;
+    TAVELIN_ASSERT(depth_ >= 0);
 }
 
 ItemRef TreePutter::targetDirectory(const ItemRef& volumeDirectory, const std::string& name,
@@ -216,6 +218,7 @@ ItemRef TreePutter::targetDirectory(const ItemRef& volumeDirectory, const std::s
 }
 
 std::size_t TreePutter::fillBuffer(int descriptor, std::size_t wanted, const std::string& path) {
+    TAVELIN_ASSERT(wanted > 0 && wanted <= buffer_.size());
     std::size_t filled = 0;
     while (filled < wanted) {
         const ssize_t count = read(descriptor, buffer_.data() + filled, wanted - filled);
@@ -285,6 +288,8 @@ void TreePutter::writeSparse(int descriptor, std::uint64_t size, const ItemRef& 
         run_.bar.advance(skipped);
         writeContents(descriptor, file, path, static_cast<std::uint64_t>(data),
                       static_cast<std::uint64_t>(hole - data));
+        // A hole begins behind the data that was found, so the loop moves on.
+        TAVELIN_ASSERT(data >= at && hole > data);
         at = hole;
     }
 }
