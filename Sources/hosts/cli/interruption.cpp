@@ -46,7 +46,7 @@ void endBySignal(int signal) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, signal);
-    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     raise(signal);
     constexpr int kShellsOffset = 128; // how a shell shows a death by signal
     _exit(kShellsOffset + signal);
