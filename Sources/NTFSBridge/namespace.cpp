@@ -8,6 +8,11 @@
 namespace ntb {
 namespace {
 
+// A directory that got or lost a name has changed, and so has its record.
+void note_change(ntfs_inode* directory) noexcept {
+    ntfs_inode_update_times(directory, static_cast<ntfs_time_update_flags>(NTFS_UPDATE_MCTIME));
+}
+
 // What ntb_create and ntb_symlink need of the place where a new name goes.
 struct new_entry {
     inode_guard directory;
@@ -31,6 +36,7 @@ struct new_entry {
     // through the open directory.
     [[nodiscard]] int32_t finish(inode_guard created, uint64_t* ino) noexcept {
         const uint64_t number = created->mft_no;
+        note_change(directory.get());
         const int32_t error = created.close_in(directory.get());
         const int32_t result = first_error(error, directory.close());
         if (result == 0) {
@@ -108,6 +114,7 @@ int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* na
         error = err_or(EIO);
     } else {
         ntfs_inode_update_times(inode.get(), NTFS_UPDATE_CTIME);
+        note_change(parent.get());
     }
     // The directory first: closing the inode opens the directories of its names.
     error = first_error(error, parent.close());

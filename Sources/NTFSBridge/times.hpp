@@ -5,6 +5,8 @@
 #include "NTFSBridge/library.hpp"
 #include "NTFSBridge/ntb.h"
 
+#include <algorithm>
+
 namespace ntb {
 
 inline constexpr int64_t ntfs_units_per_second = 10'000'000;
@@ -20,14 +22,16 @@ inline ntb_time to_unix_time(ntfs_time time) noexcept {
     return {.seconds = units / ntfs_units_per_second, .nanoseconds = rest < 0 ? 0 : rest * 100};
 }
 
-// Times beyond what NTFS can hold become the nearest it can.
+// Times beyond what NTFS can hold become the nearest it can: its first is 1601-01-01. A negative
+// count would be read as a time tens of thousands of years ahead.
 inline ntfs_time to_ntfs_time(const ntb_time& time) noexcept {
     int64_t units = 0;
     if (__builtin_mul_overflow(time.seconds, ntfs_units_per_second, &units) ||
         __builtin_add_overflow(units, time.nanoseconds / 100, &units) ||
         __builtin_add_overflow(units, ntfs_time_of_1970, &units)) {
-        units = time.seconds < 0 ? INT64_MIN : INT64_MAX;
+        units = time.seconds < 0 ? 0 : INT64_MAX;
     }
+    units = std::max(units, int64_t{0});
     return static_cast<ntfs_time>(cpu_to_sle64(units));
 }
 
