@@ -24,6 +24,17 @@ std::filesystem::path previous(std::filesystem::path url) {
     return url += ".1";
 }
 
+/// Opens a log for reading or appending. Empty for a link, which could lead to any file that this
+/// process may write, and for what is no regular file, which could block.
+FileDescriptor openLog(const std::filesystem::path& path, int flags) {
+    FileDescriptor file(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK, 0644);
+    struct stat attributes {};
+    if (file && (::fstat(file.get(), &attributes) != 0 || !S_ISREG(attributes.st_mode))) {
+        file.reset();
+    }
+    return file;
+}
+
 std::optional<std::int64_t> fileSize(const std::filesystem::path& path) {
     struct stat attributes {};
     if (::stat(path.c_str(), &attributes) != 0) {
@@ -35,7 +46,7 @@ std::optional<std::int64_t> fileSize(const std::filesystem::path& path) {
 /// The file's bytes from `offset` on; an unreadable file counts as empty. An offset past the end
 /// is set to 0, because the file has been replaced by a shorter one.
 std::string bytesOf(const std::filesystem::path& path, std::uint64_t& offset) {
-    const FileDescriptor file(path.c_str(), O_RDONLY);
+    const FileDescriptor file = openLog(path, O_RDONLY);
     struct stat attributes {};
     if (!file || ::fstat(file.get(), &attributes) != 0 ||
         std::cmp_greater(offset, attributes.st_size)) {
@@ -155,7 +166,7 @@ void EventLog::append(std::string_view line) const {
     // Appending or making the file is one step, so that processes sharing the log cannot
     // overwrite each other's lines.
     // The log is best effort, so that a failed close loses at most lines.
-    const FileDescriptor file(url_->c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
+    const FileDescriptor file = openLog(*url_, O_WRONLY | O_APPEND | O_CREAT);
     if (!file) {
         return;
     }

@@ -13,7 +13,8 @@ namespace tavelin {
 ///
 /// macOS answers the container that the group entitlement gives. Elsewhere it is the directory
 /// $TAVELIN_GROUP_CONTAINER as it stands, whatever the group, else
-/// ${XDG_STATE_HOME:-$HOME/.local/state}/tavelin/<group>. Any thread.
+/// ${XDG_STATE_HOME:-$HOME/.local/state}/tavelin/<group>, and for root /var/lib/tavelin/<group>, so
+/// that root's files never depend on another user's directories. Any thread.
 [[nodiscard]] std::optional<std::filesystem::path> groupContainer(const std::string& group);
 
 } // namespace tavelin

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 namespace tavelin::posix {
 
@@ -37,9 +38,14 @@ InformationDictionary informationDictionary() {
 }
 
 std::optional<std::filesystem::path> containerFrom(const char* container, const char* stateHome,
-                                                   const char* home, const std::string& group) {
+                                                   const char* home, const std::string& group,
+                                                   bool isRoot) {
     if (isSet(container)) {
         return std::filesystem::path(container);
+    }
+    if (isRoot) {
+        // With sudo, HOME may be another user's, who could have put links there.
+        return std::filesystem::path("/var/lib") / product::kShortName / group;
     }
     std::filesystem::path state;
     // The XDG base directory rules say to ignore a relative directory.
@@ -60,7 +66,7 @@ std::optional<std::filesystem::path> groupContainer(const std::string& group) {
         return std::getenv(name); // NOLINT(concurrency-mt-unsafe)
     };
     return containerFrom(variable("TAVELIN_GROUP_CONTAINER"), variable("XDG_STATE_HOME"),
-                         variable("HOME"), group);
+                         variable("HOME"), group, ::geteuid() == 0);
 }
 
 std::string prettyName(std::string_view osRelease) {

@@ -26,6 +26,7 @@ TEST(GroupContainer, IsTheFirstDirectoryThatTheEnvironmentGives) {
         const char* stateHome;
         const char* home;
         std::optional<std::filesystem::path> expected;
+        bool isRoot = false;
     };
     const Case cases[] = {
         {"/box", "/state", "/home/me", "/box"},
@@ -34,9 +35,12 @@ TEST(GroupContainer, IsTheFirstDirectoryThatTheEnvironmentGives) {
         {nullptr, "state", "/home/me", "/home/me/.local/state/tavelin/g"},
         {nullptr, nullptr, nullptr, std::nullopt},
         {nullptr, "state", "", std::nullopt},
+        {"/box", "/state", "/home/me", "/box", true},
+        {nullptr, "/state", "/home/me", "/var/lib/tavelin/g", true},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(posix::containerFrom(c.container, c.stateHome, c.home, "g"), c.expected);
+        EXPECT_EQ(posix::containerFrom(c.container, c.stateHome, c.home, "g", c.isRoot),
+                  c.expected);
     }
 }
 

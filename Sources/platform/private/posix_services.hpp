@@ -22,11 +22,11 @@ namespace tavelin::posix {
 [[nodiscard]] std::shared_ptr<UtilityQueue> utilityQueue();
 
 /// The container for the given values of $TAVELIN_GROUP_CONTAINER, $XDG_STATE_HOME and $HOME (null
-/// or empty counts as not set). Separate from the environment so that tests can pass values.
-[[nodiscard]] std::optional<std::filesystem::path> containerFrom(const char* container,
-                                                                 const char* stateHome,
-                                                                 const char* home,
-                                                                 const std::string& group);
+/// or empty counts as not set), for root or another user. Separate from the environment so that
+/// tests can pass values.
+[[nodiscard]] std::optional<std::filesystem::path>
+containerFrom(const char* container, const char* stateHome, const char* home,
+              const std::string& group, bool isRoot);
 
 /// The text of PRETTY_NAME in an os-release file's contents; empty when there is none.
 [[nodiscard]] std::string prettyName(std::string_view osRelease);
