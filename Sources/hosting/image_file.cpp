@@ -83,9 +83,15 @@ ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
         throw OpenError(OpenError::Reason::inUse, fromHost(EBUSY), path, use);
     }
     std::error_code unknown;
-    // A device that is mounted, or open exclusively elsewhere, refuses O_EXCL. A pipe that is taken
-    // for an image must not be waited for; measure() refuses it.
-    const int flags = std::filesystem::is_block_file(path, unknown) ? O_EXCL : O_NONBLOCK;
+    if (std::filesystem::is_block_file(path, unknown)) {
+        // Refused for a device that is mounted, or open exclusively elsewhere.
+        claim_ = FileDescriptor(path.c_str(), O_RDONLY | O_EXCL);
+        if (!claim_) {
+            cannotOpen(path, errno);
+        }
+    }
+    // A pipe that is taken for an image must not be waited for; measure() refuses it.
+    const int flags = claim_ ? 0 : O_NONBLOCK;
     if (!readOnly) {
         file_ = FileDescriptor(path.c_str(), O_RDWR | flags);
         writable_ = static_cast<bool>(file_);

@@ -23,7 +23,12 @@ class ImageFile {
     /// file system or the medium allow no more. Throws OpenError, also when somebody else uses it.
     ImageFile(const std::filesystem::path& path, bool readOnly);
     /// Closes and unlocks before its time; nothing but destruction may follow.
-    void close() noexcept { file_.reset(); }
+    void close() noexcept {
+        file_.reset();
+        claim_.reset();
+    }
+    /// Lets the kernel claim the block device for a mount, whose claim replaces this one.
+    void giveUpClaim() noexcept { claim_.reset(); }
 
     [[nodiscard]] bool writable() const noexcept { return writable_; }
     [[nodiscard]] std::uint64_t bytes() const noexcept { return bytes_; }
@@ -44,6 +49,7 @@ class ImageFile {
 
     // Whoever needs its writes kept has flushed them; what closing says can help nobody else.
     FileDescriptor file_;
+    FileDescriptor claim_; // of a block device, which is open exclusively through this one
     bool writable_ = false;
     std::uint64_t bytes_ = 0;
     std::uint64_t blockSize_ = 512;

@@ -20,6 +20,9 @@ class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {
     /// Gives the device back to the system, for others to open. Once no volume is loaded from it;
     /// nothing but destruction may follow.
     virtual void release() {}
+    /// Lets the kernel mount the device. Whoever opened it meanwhile would not be kept from it, so
+    /// the mount should follow at once. Nothing changes where the device is no device node.
+    virtual void admitMount() {}
 };
 
 /// A resource over a disk-image file or a block-device node. Sizes and offsets are bytes; errors
@@ -62,6 +65,7 @@ class ImageResource final : public HostResource {
     void metadataFlush() override;
     std::optional<fskit::Error> flushToMedium() override;
     void release() override { file_.close(); }
+    void admitMount() override { file_.giveUpClaim(); }
 
   private:
     ImageFile file_;

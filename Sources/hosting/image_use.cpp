@@ -7,12 +7,15 @@
 #include "platform/mount_info.hpp"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <fcntl.h>
 #include <fstream>
 #include <limits>
 #include <optional>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -117,14 +120,43 @@ std::string mountOf(const Identity& identity, bool forWriting) {
     return {};
 }
 
+/// How long a program that has just been told to end, such as the server of a mount that was just
+/// unmounted, may take to close the image.
+constexpr auto kWriterEndMax = std::chrono::seconds(2);
+
 /// Whether somebody has the file open for writing; false also where this user may not ask. A read
 /// lease is granted only while nobody has.
-bool hasWriter(const fs::path& path) {
-    const FileDescriptor file(path.c_str(), O_RDONLY | O_NONBLOCK);
+bool hasWriterNow(const FileDescriptor& file) {
     // Somebody who opens the file meanwhile waits until the lease is given back, and we are told of
     // it by a signal, which must be one that is ignored.
     (void)::fcntl(file.get(), F_SETSIG, SIGURG);
-    return ::fcntl(file.get(), F_SETLEASE, F_RDLCK) != 0 && errno == EAGAIN;
+    if (::fcntl(file.get(), F_SETLEASE, F_RDLCK) != 0) {
+        return errno == EAGAIN;
+    }
+    (void)::fcntl(file.get(), F_SETLEASE, F_UNLCK); // cannot fail for the one that holds it
+    return false;
+}
+
+/// The same, after a writer has had time to finish.
+bool hasWriter(const fs::path& path) {
+    const FileDescriptor file(path.c_str(), O_RDONLY | O_NONBLOCK);
+    const FileDescriptor closes(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    (void)::inotify_add_watch(closes.get(), path.c_str(), IN_CLOSE_WRITE);
+    const auto end = std::chrono::steady_clock::now() + kWriterEndMax;
+    while (hasWriterNow(file)) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return true;
+        }
+        // The event comes a moment before the file counts as closed, so it is not the only reason
+        // to look again.
+        constexpr int kStep = 50; // milliseconds
+        pollfd event{closes.get(), POLLIN, 0};
+        if (::poll(&event, 1, kStep) > 0) {
+            char events[4096];
+            (void)closes.readSome(events, sizeof events);
+        }
+    }
+    return false;
 }
 
 /// Whether somebody holds a lock on the file that ours would meet.
