@@ -51,7 +51,8 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
                       .dataState = static_cast<fskit::FSItemDataState>(record.dataState),
                       .volumeLink = record.volumeLink,
                       .device = record.device,
-                      .dosAttributes = dosAttributes(record)});
+                      .dosAttributes = dosAttributes(record),
+                      .sequence = record.sequence});
 }
 
 fskit::FSItemAttributes TavelinVolume::described(const std::optional<NTFSAttributes>& record,

@@ -30,7 +30,7 @@ bool isReadOnly(const std::string& options) {
 std::optional<MountEntry> parseMount(const std::string& line) {
     std::istringstream words(line);
     MountEntry entry;
-    std::string parent, root, directory, superOptions, word;
+    std::string parent, root, directory, word;
     words >> entry.id >> parent >> entry.device >> root >> directory >> entry.options;
     // A varying number of optional fields ends with a lone hyphen.
     while (words >> word && word != "-") {
@@ -38,11 +38,11 @@ std::optional<MountEntry> parseMount(const std::string& line) {
     if (!(words >> entry.type >> entry.source)) {
         return std::nullopt;
     }
-    words >> superOptions;
+    words >> entry.superOptions;
     entry.directory = withoutEscapes(directory);
     entry.source = withoutEscapes(entry.source);
     entry.readOnly = isReadOnly(entry.options);
-    entry.superReadOnly = isReadOnly(superOptions);
+    entry.superReadOnly = isReadOnly(entry.superOptions);
     return entry;
 }
 

@@ -15,6 +15,7 @@ struct MountEntry {
     std::string type;           ///< "fuse.tavelin", "fuseblk.tavelin", …
     std::string source;         ///< what is mounted
     std::string options;        ///< of this mount, comma separated
+    std::string superOptions;   ///< of the file system, whichever mount shows it
     bool readOnly = false;      ///< this mount refuses changes
     bool superReadOnly = false; ///< every mount of the same file system does
 };

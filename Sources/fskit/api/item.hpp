@@ -86,9 +86,10 @@ inline constexpr std::uint32_t compressed = 0x800;
 struct FSItemNativeAttributes {
     std::uint32_t reparseTag = 0; ///< 0: none
     FSItemDataState dataState = FSItemDataState::here;
-    bool volumeLink = false;  ///< a link whose target is a path from the volume's root
-    std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
+    bool volumeLink = false;         ///< a link whose target is a path from the volume's root
+    std::uint64_t device = 0;        ///< of a device: its major number << 32 | its minor number
     std::uint32_t dosAttributes = 0; ///< FSItemDOSAttribute bits
+    std::uint16_t sequence = 0; ///< of the file record: it changes when the record changes hands
 };
 
 /// A value. Setting a property makes it valid; a property that is not valid reads as zero.

@@ -31,7 +31,7 @@ void runMount(MountCommand& command) {
     for (const std::string& list : command.options) {
         const auto unknown = fusehost::applyOptions(list, request);
         if (!unknown.empty()) {
-            throw Failure(fmt::format("-o {}: no such option; see 'tavelin mount --help'",
+            throw Failure(fmt::format("-o {}: no such option or value; see 'tavelin mount --help'",
                                       escaped(unknown.front())),
                           ExitStatus::wrongUsage);
         }
@@ -49,8 +49,9 @@ void defineMount(CLI::App& command) {
     addArgument(command, "IMAGE", arguments->image, "Image file or block device");
     addArgument(command, "DIR", arguments->directory, "The directory to mount on");
     addOptionLists(command, arguments->options,
-                   "Options, comma separated: ro, windows_names, nocheck, allow_other, "
-                   "low_latency, and the kernel's own such as noatime");
+                   "Options, comma separated: ro, windows_names, nocheck, uid=, gid=, umask=, "
+                   "fmask=, dmask=, streams_interface=none, allow_other, low_latency, and the "
+                   "kernel's own such as noexec");
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,
             "Serve from this process, until the volume is unmounted");

@@ -11,8 +11,11 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -237,6 +240,124 @@ TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
     EXPECT_FALSE(isServed());
 }
 
+// What the volume is mounted from is what programs look it up by.
+TEST_F(MountLifecycle, ABlockDeviceIsMountedAsItself) {
+    if (::geteuid() != 0 || ::access("/dev/loop-control", R_OK | W_OK) != 0) {
+        GTEST_SKIP() << "only root has devices";
+    }
+    served_.reset();
+    std::string device = runOrThrow({"losetup", "--find", "--show", volume_->image()});
+    device.pop_back();
+    const TempDirectory mountPoint;
+    EXPECT_EQ(tavelin({"mount", device, mountPoint.path()}), 0);
+    EXPECT_EQ(runOrThrow({"findmnt", "-n", "-o", "TARGET", device}),
+              mountPoint.path().string() + "\n");
+    EXPECT_EQ(tavelin({"mkdir", device, "folder"}), 1) << "in use";
+    writeFile(mountPoint / "file", "content");
+    runOrThrow({"umount", device});
+    EXPECT_FALSE(fusehost::findMount(mountPoint.path()));
+    EXPECT_EQ(tavelin({"mkdir", device, "folder"}), 0) << "free at once";
+    runOrThrow({"losetup", "-d", device});
+    EXPECT_EQ(volume_->cat("file"), "content");
+}
+
+// `tavelin umount` is told by the server itself when it has ended, whatever became of the image.
+TEST_F(MountLifecycle, UnmountingAnswersTruly) {
+    served_.reset();
+    const TempDirectory mountPoint, other;
+    const std::string directory = mountPoint.path(), image = volume_->image();
+    const auto mountAgain = [&] { ASSERT_EQ(tavelin({"mount", image, directory}), 0); };
+    const auto servers = [&] { return run({"pgrep", "-f", "tavelin mount " + image}).out; };
+
+    mountAgain();
+    fs::rename(image, image + ".renamed");
+    ASSERT_EQ(::mkfifo(image.c_str(), 0600), 0);
+    EXPECT_EQ(tavelin({"umount", directory}), 0) << "the image was replaced";
+    EXPECT_EQ(servers(), "");
+    fs::rename(image + ".renamed", image);
+
+    if (::geteuid() == 0) {
+        mountAgain();
+        ASSERT_EQ(::mount(directory.c_str(), other.path().c_str(), nullptr, MS_BIND, nullptr), 0);
+        const ProcessResult bound = run({TAVELIN_PROGRAM, "umount", directory});
+        EXPECT_EQ(bound.status, 1);
+        EXPECT_NE(bound.err.find("mounted elsewhere"), std::string::npos) << bound.describe();
+        EXPECT_EQ(tavelin({"umount", other.path()}), 0);
+        EXPECT_EQ(servers(), "");
+    }
+
+    mountAgain();
+    const int open = ::open((mountPoint / "file").c_str(), O_RDWR | O_CREAT, 0666);
+    const ProcessResult busy = run({TAVELIN_PROGRAM, "umount", directory});
+    EXPECT_NE(busy.err.find("still uses it"), std::string::npos) << busy.describe();
+    ::close(open);
+    EXPECT_EQ(tavelin({"umount", directory}), 0);
+}
+
+// As one user mounts and root, or another user, unmounts.
+TEST_F(MountLifecycle, RootUnmountsWhatAUserMounted) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be two users";
+    }
+    served_.reset();
+    const TempDirectory mountPoint;
+    const std::string directory = mountPoint.path(), image = volume_->image();
+    fs::permissions(volume_->directory().path(), fs::perms(0777));
+    fs::permissions(image, fs::perms(0666));
+    ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
+    const std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534",
+                                          "--clear-groups", TAVELIN_PROGRAM};
+    const auto asNobody = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), nobody.begin(), nobody.end());
+        return run(words);
+    };
+    const ProcessResult mounted = asNobody({"mount", image, directory});
+    if (!mounted.ok()) {
+        GTEST_SKIP() << "users cannot mount here: " << mounted.describe();
+    }
+    EXPECT_EQ(tavelin({"umount", directory}), 0);
+    EXPECT_EQ(run({"pgrep", "-f", "tavelin mount " + image}).out, "");
+
+    EXPECT_EQ(tavelin({"mount", image, directory}), 0);
+    const ProcessResult refused = asNobody({"umount", directory});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("only root"), std::string::npos) << refused.describe();
+    EXPECT_EQ(tavelin({"umount", directory}), 0);
+}
+
+// Ctrl-C while the mount is being made: whoever waited for it has been told that there is none.
+TEST_F(MountLifecycle, AMountThatNobodyWaitsForGoes) {
+    served_.reset();
+    const TempDirectory mountPoint;
+    const std::string directory = mountPoint.path();
+    for (bool early = false; !early;) {
+        const pid_t caller = ::fork();
+        if (caller == 0) {
+            ::execl(TAVELIN_PROGRAM, "tavelin", "mount", volume_->image().c_str(),
+                    directory.c_str(), nullptr);
+            std::_Exit(127);
+        }
+        const std::string children =
+            "/proc/" + std::to_string(caller) + "/task/" + std::to_string(caller) + "/children";
+        std::string server;
+        while (server.empty()) {
+            server = runOrThrow({"cat", children});
+        }
+        const pid_t process = std::stoi(server);
+        const int end = static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+        ::kill(process, SIGSTOP);
+        early = !fusehost::findMount(directory); // else it may have told its caller: once more
+        ::kill(caller, SIGKILL);
+        ::waitpid(caller, nullptr, 0);
+        ::kill(process, early ? SIGCONT : SIGTERM);
+        ::kill(process, SIGCONT);
+        pollfd ended{end, POLLIN, 0};
+        EXPECT_EQ(::poll(&ended, 1, 20'000), 1) << "the server is there still";
+        ::close(end);
+        EXPECT_FALSE(fusehost::findMount(directory));
+    }
+}
+
 TEST_F(MountLifecycle, SyncfsAndBareUnmountsReachAServerOverALoopDevice) {
     const bool reached =
         fusehost::findMount(served_->directory()).value().type == "fuseblk.tavelin";
@@ -298,10 +419,14 @@ TEST_F(MountLifecycle, NobodyNeedListenToATrace) {
 
 TEST(MountOptions, AreSortedByWhomTheyConcern) {
     fusehost::MountRequest request;
-    EXPECT_EQ(fusehost::applyOptions("rw,noatime,,windows_names,allow_other,nonsense,_netdev,"
-                                     "x-systemd.automount,uid=5,default_permissions",
-                                     request),
-              (std::vector<std::string>{"nonsense", "uid=5"}));
+    EXPECT_EQ(
+        fusehost::applyOptions("rw,noatime,,windows_names,allow_other,nonsense,_netdev,"
+                               "x-systemd.automount,uid=5,uid=me,umask=9,fmask=01777,"
+                               "default_permissions,strictatime",
+                               request),
+        (std::vector<std::string>{"nonsense", "uid=me", "umask=9", "fmask=01777", "strictatime"}));
+    EXPECT_EQ(request.user, 5u);
+    EXPECT_FALSE(request.fileMask);
     EXPECT_TRUE(request.allowOther);
     EXPECT_FALSE(request.readOnly);
     EXPECT_EQ(request.kernelOptions, (std::vector<std::string>{"noatime", "default_permissions"}));

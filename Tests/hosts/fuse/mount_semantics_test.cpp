@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
 #include <map>
 #include <optional>
 #include <sched.h>
@@ -44,8 +45,6 @@ class MountSemantics : public MountTest {
         int fd_;
     };
 
-    // The errno of a call that answers -1, else 0.
-    static int errorOf(int result) { return result == -1 ? errno : 0; }
     std::vector<std::string> names(const std::string& directory = "") const {
         std::vector<std::string> found;
         for (const fs::directory_entry& entry : fs::directory_iterator(*this / directory)) {
@@ -342,13 +341,19 @@ TEST_F(MountSemantics, AttributesAndTimesStayWhatTheyWereSetTo) {
         EXPECT_EQ(status.st_mtim.tv_sec, times[1].tv_sec);
         EXPECT_EQ(status.st_mtim.tv_nsec, times[1].tv_nsec);
         EXPECT_EQ(status.st_atim.tv_sec, times[0].tv_sec);
-        EXPECT_EQ(status.st_mode, S_IFREG | 0666u);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0777u);
         EXPECT_EQ(status.st_uid, ::getuid());
         EXPECT_EQ(status.st_size, 7);
     };
     check();
     mount();
     check();
+    // A time before the first that NTFS has becomes that, and none in the far future.
+    const timespec ancient[2] = {{-20'000'000'000, 0}, {-20'000'000'000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path("file").c_str(), ancient, 0), 0);
+    struct stat clamped {};
+    ASSERT_EQ(::stat(path("file").c_str(), &clamped), 0);
+    EXPECT_EQ(clamped.st_mtim.tv_sec, -11'644'473'600);
     // Writing and truncating move the time on, also to the size that it has; reading does not.
     const std::time_t before = std::time(nullptr) - 2;
     for (const int size : {3, 0, 0}) {
@@ -379,6 +384,8 @@ TEST_F(MountSemantics, WhatIsNotOfferedSaysSo) {
     EXPECT_EQ(errorOf(::rmdir(path("file").c_str())), ENOTDIR);
     EXPECT_EQ(errorOf(::mkdir(path("file").c_str(), 0777)), EEXIST);
     EXPECT_EQ(errorOf(::open(path("file/x").c_str(), O_RDONLY)), ENOTDIR);
+    const off_t largest = std::numeric_limits<off_t>::max();
+    EXPECT_EQ(errorOf(static_cast<int>(::pwrite(file, "x", 1, largest - 1))), EFBIG);
     EXPECT_EQ(readFile(*this / "file"), "content");
 }
 

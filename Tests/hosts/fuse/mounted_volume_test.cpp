@@ -1,14 +1,13 @@
 // The mounted volume without a kernel: what becomes of nodes and removed files when the kernel lets
 // go of them late, when the volume is full and when others have used this host's directory.
-#include "core/driver2/item_identity.hpp"
 #include "hosting/module_host.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/sample_volume.hpp"
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 
 namespace tavelin::test {
@@ -18,7 +17,7 @@ using fskit::FSItemType;
 using fusehost::Entry;
 using fusehost::MountedVolume;
 using fusehost::Node;
-using fusehost::OrphanFiles;
+using fusehost::OrphanDirectory;
 
 class MountedVolumeTest : public testing::Test {
   protected:
@@ -54,7 +53,7 @@ class MountedVolumeTest : public testing::Test {
         std::optional<Entry> found = mounted_->lookup(root(), name).get();
         return found ? found->node : nullptr;
     }
-    void forget(Node& node) { mounted_->forget(node.number(), node.lookups); }
+    void forget(Node& node) { mounted_->forget(node.number, node.lookups); }
     std::string read(const Node& node) {
         std::string text(100, 0);
         const Outcome<size_t> got =
@@ -187,41 +186,61 @@ TEST_F(MountedVolumeTest, AListingGoesWithTheLastStream) {
     EXPECT_FALSE(listed());
 }
 
-TEST_F(MountedVolumeTest, OnlyWhatThisHostParkedIsCleanedUp) {
-    VolumeClient& volume = mounted_->volume();
-    const std::string parking(OrphanFiles::kOrphanDirectory);
-    {
-        const ItemRef directory =
-            volume.create(volume.root(), parking, FSItemType::directory).get().item;
-        (void)volume.create(directory, "photo.jpg", FSItemType::file).get();
-        (void)volume.create(directory, "0123456789ab", FSItemType::file).get();
-        const ItemRef left = volume.create(directory, "left", FSItemType::file).get().item;
-        const uint64_t ino = Driver2::ino(volume.attributes(left)->fileID());
-        volume.rename(left, directory, "left", directory, fmt::format("{:012x}", ino), ItemRef())
-            .get();
-    }
-    close();
-    open();
-    EXPECT_TRUE(mounted_->synchronize());
-    close();
-    EXPECT_EQ(volume_.list("/" + parking), (std::vector<std::string>{"0123456789ab", "photo.jpg"}));
-
-    // A file of that name is nobody's parking directory.
-    open();
-    {
-        VolumeClient& again = mounted_->volume();
-        const ItemRef directory = again.lookup(again.root(), parking).get().item;
-        for (const char* name : {"photo.jpg", "0123456789ab"}) {
-            again.remove(again.lookup(directory, name).get().item, directory, name).get();
+// What a volume may have under the name of the orphan directory, and what is left of it.
+TEST_F(MountedVolumeTest, OnlyWhatThisHostMadeIsHiddenOrRemoved) {
+    const std::string name(OrphanDirectory::kName);
+    const auto directory = [&](VolumeClient& volume, bool marked) {
+        ItemRef made = volume.create(volume.root(), name, FSItemType::directory).get().item;
+        if (marked) {
+            volume.setXattr(made, OrphanDirectory::kMarker, {}).get();
         }
-        again.remove(directory, again.root(), parking).get();
-        (void)again.create(again.root(), parking, FSItemType::file).get();
+        (void)volume.create(made, "photo.jpg", FSItemType::file).get();
+        const ItemRef left = volume.create(made, "left", FSItemType::file).get().item;
+        const std::string orphan = OrphanDirectory::nameOf(volume.attributes(left)->fileID());
+        volume.rename(left, made, "left", made, orphan, ItemRef()).get();
+    };
+    const struct {
+        const char* what;
+        std::function<void(VolumeClient&)> prepare;
+        size_t left; // entries in it, after a mount
+    } kRows[] = {
+        {"a user's file",
+         [&](VolumeClient& volume) {
+             (void)volume.create(volume.root(), name, FSItemType::file).get();
+         },
+         0},
+        {"a user's directory", [&](VolumeClient& volume) { directory(volume, false); }, 2},
+        {"what a crash left, and a user's file in it",
+         [&](VolumeClient& volume) { directory(volume, true); }, 1},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.what);
+        row.prepare(host_->volume());
+        close();
+        open();
+        EXPECT_NE(find(name), nullptr) << "it is hidden";
+        make("old", "old");
+        make("new", "new");
+        ASSERT_TRUE(mounted_->rename(root(), "new", root(), "old", true));
+        EXPECT_EQ(read(*find("old")), "new");
+        ASSERT_TRUE(mounted_->removeFile(root(), "old"));
+        EXPECT_TRUE(mounted_->synchronize());
+        EXPECT_EQ(find(name + "-1"), nullptr) << "the orphans are shown";
+        close();
+        EXPECT_EQ(volume_.list(), std::vector<std::string>{name});
+        open();
+        VolumeClient& volume = host_->volume();
+        const Found found = volume.lookup(volume.root(), name).get();
+        if (found.attributes.type() == FSItemType::directory) {
+            const auto entries = volume.list(found.item, false).get();
+            EXPECT_EQ(entries.size(), row.left);
+            for (const DirectoryEntry& entry : entries) {
+                const ItemRef item = volume.lookup(found.item, entry.name).get().item;
+                volume.remove(item, found.item, entry.name).get();
+            }
+        }
+        volume.remove(found.item, volume.root(), name).get();
     }
-    close();
-    open();
-    EXPECT_TRUE(mounted_->synchronize()) << "what was found at the mount is nobody's failure";
-    close();
-    EXPECT_EQ(volume_.list(), std::vector<std::string>{parking});
 }
 
 TEST(ShortAliases, MayHaveLettersOfSeveralBytes) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -59,6 +60,8 @@ class MountTest : public testing::Test {
     void changeByDriver(const std::function<void(const TempDirectory& directory)>& change);
     // Such a change: "a long name.txt", with an alias for old programs.
     static void addAliased(const TempDirectory& directory);
+    // The errno of a call that answers -1, else 0.
+    static int errorOf(int result) { return result == -1 ? errno : 0; }
     std::filesystem::path operator/(const std::string& name) const { return *served_ / name; }
     std::string path(const std::string& name) const { return (*this / name).string(); }
 

@@ -35,12 +35,12 @@ int Daemon::awaitServer() {
     return pipe_.readSome(&success, 1).bytes == 1 ? 0 : 1;
 }
 
-void Daemon::ready() {
+bool Daemon::ready() {
     if (!pipe_) {
-        return;
+        return true;
     }
     const char success = 1;
-    (void)pipe_.write(&success, 1); // a caller that is gone needs no answer
+    const bool awaited = pipe_.write(&success, 1).error == 0;
     pipe_.reset();
     const FileDescriptor nothing("/dev/null", O_RDWR);
     if (nothing) {
@@ -49,6 +49,7 @@ void Daemon::ready() {
         }
     }
     (void)!::chdir("/"); // so that no directory stays in use; "/" is always there
+    return awaited;
 }
 
 } // namespace tavelin::fusehost

@@ -19,8 +19,9 @@ class Daemon {
     /// The caller's side: waits, and answers the exit code.
     int awaitServer();
 
-    /// The server's side: lets the caller go with success and detaches from its terminal.
-    void ready();
+    /// The server's side: lets the caller go with success and detaches from its terminal. False
+    /// when the caller waits no longer.
+    [[nodiscard]] bool ready();
 
   private:
     Side side_ = Side::server;

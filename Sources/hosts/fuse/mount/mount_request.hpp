@@ -3,8 +3,10 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 namespace tavelin::fusehost {
@@ -15,6 +17,11 @@ struct MountRequest {
 
     std::vector<std::string> volumeOptions; ///< words for the volume itself, each a bare option
     std::vector<std::string> kernelOptions; ///< words for the kernel, such as "noatime"
+    /// Absent: the mounting user, and nothing masked.
+    std::optional<uid_t> user;
+    std::optional<gid_t> group;
+    std::optional<mode_t> fileMask, directoryMask;
+    bool streams = true; ///< named streams are extended attributes
     bool readOnly = false;
     bool allowOther = false;
     bool lowLatency = false; ///< keep processors out of deep idle states, see CpuLatencyRequest
@@ -22,8 +29,9 @@ struct MountRequest {
     bool trace = false; ///< print every request to standard error, and their counts at the end
 };
 
-/// Applies one comma-separated option list. Answers the words that mean nothing here, for a
-/// message; words that only mount(8) and fstab care about are taken and ignored.
+/// Applies one comma-separated option list. Answers the words that mean nothing here or have a
+/// value that means nothing, for a message; words that only mount(8), fstab and desktops care about
+/// are taken and ignored.
 std::vector<std::string> applyOptions(std::string_view list, MountRequest& request);
 
 } // namespace tavelin::fusehost

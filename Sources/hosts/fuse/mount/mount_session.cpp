@@ -127,10 +127,14 @@ class Mount {
         host_ = ModuleHost::openImage(request_.image, words, settings);
         if (host_->fellBackToReadOnly()) {
             const std::string refusal = host_->refusalToWrite();
-            complain(fmt::format("{}: {}; mounted read-only", request_.image.string(),
-                                 refusal.empty() ? "hibernated, shut down by fast start-up or "
-                                                   "write-protected"
-                                                 : refusal));
+            report(fmt::format("{}: {}; mounted read-only", request_.image.string(),
+                               refusal.empty() ? "hibernated, shut down by fast start-up or "
+                                                 "write-protected"
+                                               : refusal));
+        } else if (!request_.readOnly && !host_->resource().isWritable()) {
+            report(fmt::format("{}: it is write-protected, or you may not write to it; mounted "
+                               "read-only",
+                               request_.image.string()));
         }
         // Without it the mount is only slower at first.
         static_cast<void>(host_->volume().requests().prefaultCache());
@@ -140,32 +144,63 @@ class Mount {
         }
     }
 
+    // What the kernel mounts: the block device itself, or a loop device over the image. Empty where
+    // it cannot have one, as only root's mounts can.
+    std::string deviceToMount() {
+        if (::geteuid() != 0) {
+            return {};
+        }
+        std::error_code unknown;
+        if (fs::is_block_file(request_.image, unknown)) {
+            host_->resource().admitMount();
+            return request_.image;
+        }
+        loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
+        return loop_ ? loop_->path() : std::string();
+    }
+
     // The options of the kernel's mount.
     std::string mountOptions() {
-        if (::geteuid() == 0) {
-            loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
-        }
+        const std::string device = deviceToMount();
         std::vector<std::string> options = request_.kernelOptions;
-        options.push_back("fsname=" + escaped(loop_ ? loop_->path() : request_.image.string()));
+        options.push_back("fsname=" + escaped(device.empty() ? request_.image.string() : device));
         options.emplace_back("subtype=tavelin");
         if (host_->volume().isReadOnly()) {
             options.push_back("ro");
         }
-        if (request_.allowOther) {
+        // Owners and masks are for the kernel to check, and mean nothing while only the mounting
+        // user gets in. To let others in is root's to decide.
+        const bool owned =
+            request_.user || request_.group || request_.fileMask || request_.directoryMask;
+        if (owned) {
+            options.emplace_back("default_permissions");
+        }
+        if (request_.allowOther || (owned && ::geteuid() == 0)) {
             options.push_back("allow_other");
         }
-        if (loop_) {
+        if (!device.empty()) {
             options.insert(options.end(), {"blkdev", "blksize=4096"});
         }
         return joined(options);
+    }
+
+    Ownership ownership() const {
+        return {.user = request_.user.value_or(::getuid()),
+                .group = request_.group.value_or(::getgid()),
+                .fileMask = request_.fileMask.value_or(0),
+                .directoryMask = request_.directoryMask.value_or(0)};
     }
 
     bool connect() {
         std::string program = "tavelin", dashO = "-o", options = mountOptions();
         char* words[] = {program.data(), dashO.data(), options.data(), nullptr};
         fuse_args arguments = FUSE_ARGS_INIT(3, words);
-        context_.emplace(
-            SessionContext{channel_, *volume_, [this] { daemon_.ready(); }, [this] { close(); }});
+        context_.emplace(SessionContext{.channel = channel_,
+                                        .volume = *volume_,
+                                        .ownership = ownership(),
+                                        .streams = request_.streams,
+                                        .served = [this] { serve(); },
+                                        .unmounted = [this] { close(); }});
         session_.reset(
             fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &*context_));
         if (session_ == nullptr ||
@@ -176,6 +211,14 @@ class Mount {
         const std::optional<MountEntry> mount = findOwnMount(request_.directory);
         mount_.emplace(mount.value_or(MountEntry()));
         return KernelChannel::attach(session_.get()) == 0;
+    }
+
+    void serve() {
+        if (!daemon_.ready()) {
+            // Whoever asked for the mount has given up waiting, say by Ctrl-C. The mount goes as if
+            // the signal had come here.
+            ::kill(::getpid(), SIGTERM);
+        }
     }
 
     // Carries everything to the image and lets go of it. Called when the kernel sends its last
@@ -237,6 +280,12 @@ int mountVolume(const MountRequest& request) {
         ::signal(SIGPIPE, SIG_IGN); // who listens may leave; the volume is served all the same
         return Mount(absolute, daemon).run();
     } catch (const fs::filesystem_error& failure) {
+        if (failure.code() == std::errc::not_connected) {
+            complain(fmt::format("{0}: a mount whose server has ended lies on it; 'tavelin umount "
+                                 "{0}' takes it away",
+                                 failure.path1().string()));
+            return 1;
+        }
         complain(fmt::format("{}: {}", failure.path1().string(), failure.code().message()));
     } catch (const std::exception& failure) {
         complain(failure.what());

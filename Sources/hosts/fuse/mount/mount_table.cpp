@@ -3,8 +3,10 @@
 #include "platform/file_descriptor.hpp"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
+#include <string>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,19 +23,43 @@ int exitStatusOf(pid_t child) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : EINTR;
 }
 
+// fusermount3 says why it failed in English only. 0, or the errno that its text stands for.
+int errorIn(const std::string& text) {
+    for (const int error : {EBUSY, EPERM, EACCES, EINVAL, ENOENT}) {
+        if (text.find(std::strerror(error)) != std::string::npos) {
+            return error;
+        }
+    }
+    return text.find("not found") != std::string::npos ? EPERM : EIO; // not this user's mount
+}
+
 int runFusermount(const std::filesystem::path& directory, bool lazy) {
-    std::string program = "fusermount3", unmount = "-u", quiet = "-q", how = lazy ? "-z" : "-q";
-    std::string path = directory;
-    char* arguments[] = {program.data(), unmount.data(), quiet.data(),
-                         how.data(),     path.data(),    nullptr};
+    std::string program = "fusermount3", unmount = "-u", how = "-z", path = directory;
+    char* arguments[] = {program.data(), unmount.data(), lazy ? how.data() : path.data(),
+                         lazy ? path.data() : nullptr, nullptr};
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        return errno;
+    }
+    const FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, writing.get(), STDERR_FILENO);
     pid_t child = 0;
-    if (const int failed =
-            ::posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments, environ);
-        failed != 0) {
+    const int failed =
+        ::posix_spawnp(&child, program.c_str(), &actions, nullptr, arguments, environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (failed != 0) {
         return failed;
     }
-    // It says why on standard error only; a directory in use is by far the likeliest reason.
-    return exitStatusOf(child) == 0 ? 0 : EBUSY;
+    writing.reset();
+    std::string text;
+    char piece[256];
+    while (const size_t got = reading.readSome(piece, sizeof piece).bytes) {
+        text.append(piece, got);
+    }
+    return exitStatusOf(child) == 0 ? 0 : errorIn(text);
 }
 
 int flagsOf(bool lazy) {

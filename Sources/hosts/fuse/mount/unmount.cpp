@@ -1,16 +1,12 @@
 // `tavelin umount`: unmounting and waiting for the server's end.
 #include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
+#include "hosts/fuse/mount/served_mount.hpp"
 #include "platform/error_numbers.hpp"
-#include "platform/file_descriptor.hpp"
 
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <unistd.h>
 
 namespace tavelin::fusehost {
 
@@ -36,31 +32,16 @@ fs::path absolutePath(const fs::path& directory) {
     return resolved;
 }
 
-// The image behind the source of a mount, which may be a loop device over it.
-fs::path imageOf(const std::string& source) {
-    const fs::path path = source;
-    std::string image;
-    std::error_code unknown;
-    if (path.parent_path() == "/dev" && fs::is_block_file(path, unknown)) {
-        std::ifstream backing("/sys/block" / path.filename() / "loop/backing_file");
-        std::getline(backing, image);
+std::string reasonOf(int failed) {
+    switch (failed) {
+    case EBUSY:
+        return "a program still uses it, or another mount lies on top of it";
+    case EPERM:
+    case EACCES:
+        return "only root and the user who mounted it may unmount it";
+    default:
+        return errorText(fromHost(failed));
     }
-    return image.empty() ? path : fs::path(image);
-}
-
-// Asks the server to write everything back; 0 or a host errno.
-int synchronize(const fs::path& directory) {
-    const FileDescriptor root(directory.c_str(), O_RDONLY | O_DIRECTORY);
-    return root && ::fsync(root.get()) == 0 ? 0 : errno;
-}
-
-// The server keeps the image locked until it has let go of it.
-void awaitServer(int image) {
-    struct flock whole {};
-    whole.l_type = F_RDLCK;
-    whole.l_whence = SEEK_SET;
-    // A lock that cannot be had tells nothing; the unmount itself has been done.
-    (void)uninterrupted([&] { return ::fcntl(image, F_OFD_SETLKW, &whole); });
 }
 
 } // namespace
@@ -71,25 +52,19 @@ int unmountVolume(const fs::path& given) {
     if (!mount || !mount->type.ends_with(".tavelin")) {
         return fail(directory, "no volume is mounted here by tavelin");
     }
-    const fs::path path = imageOf(mount->source);
-    const FileDescriptor image(path.c_str(), O_RDONLY);
-    const int closed = image ? 0 : errno;
-    if (const int failed = mount->readOnly ? 0 : synchronize(directory);
-        failed != 0 && failed != ENOTCONN) {
+    const ServedMount served(*mount);
+    // A dead server, or one that does not let this user in, has nothing to write for us.
+    const int unwritten = served.synchronize();
+    if (unwritten != 0 && unwritten != ENOTCONN && unwritten != EACCES) {
         return fail(directory, fmt::format("cannot write everything back ({}); it stays mounted",
-                                           errorText(fromHost(failed))));
+                                           errorText(fromHost(unwritten))));
     }
     if (const int failed = unmount(*mount, false); failed != 0) {
-        return fail(directory, failed == EBUSY ? std::string("a program still uses it")
-                                               : errorText(fromHost(failed)));
+        return fail(directory, reasonOf(failed));
     }
-    if (closed != 0) {
-        return fail(directory, fmt::format("unmounted, but whether its server has ended cannot be "
-                                           "seen: {}: {}",
-                                           path.string(), errorText(fromHost(closed))));
-    }
-    if (!mount->readOnly) {
-        awaitServer(image.get());
+    if (served.isMountedElsewhere() || !served.awaitServer()) {
+        return fail(directory, "unmounted here, but the volume is still mounted elsewhere: by a "
+                               "bind mount or in another namespace; its image stays in use");
     }
     return 0;
 }

@@ -3,7 +3,6 @@
 
 #include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
-#include "hosts/fuse/protocol/session_context.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -11,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <new>
+#include <stdexcept>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 
@@ -58,7 +59,7 @@ void getAttributes(fuse_req_t request, fuse_ino_t number, fuse_file_info* /*file
             fuse_reply_err(request, hostError(attributes.error()));
             return;
         }
-        const struct stat status = statusOf(*attributes);
+        const struct stat status = statusOf(request, *attributes);
         fuse_reply_attr(request, &status, kForever);
     });
 }
@@ -108,7 +109,7 @@ void setAttributes(fuse_req_t request, fuse_ino_t number, struct stat* wanted, i
             fuse_reply_err(request, hostError(attributes.error()));
             return;
         }
-        const struct stat status = statusOf(*attributes);
+        const struct stat status = statusOf(request, *attributes);
         fuse_reply_attr(request, &status, kForever);
     });
 }
@@ -136,10 +137,42 @@ void synchronize(fuse_req_t request, fuse_ino_t /*node*/, int /*dataOnly*/,
     answer(request, [&] { replyResult(request, volumeOf(request).synchronize()); });
 }
 
+// Everything is permitted that no mask forbids, and files are programs to whoever runs them: the
+// volume says nothing of either.
+mode_t modeOf(const fskit::FSItemAttributes& attributes, const Ownership& ownership) {
+    const mode_t type = attributes.mode() & S_IFMT;
+    switch (type) {
+    case S_IFLNK:
+        return type | 0777;
+    case S_IFDIR:
+        return type | (0777 & ~ownership.directoryMask);
+    case S_IFREG:
+        return type | (0777 & ~ownership.fileMask);
+    default:
+        return type | (0666 & ~ownership.fileMask);
+    }
+}
+
 } // namespace
 
+const SessionContext& contextOf(fuse_req_t request) {
+    return *static_cast<const SessionContext*>(fuse_req_userdata(request));
+}
+
 MountedVolume& volumeOf(fuse_req_t request) {
-    return static_cast<SessionContext*>(fuse_req_userdata(request))->volume;
+    return contextOf(request).volume;
+}
+
+void replyException(fuse_req_t request) noexcept {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        fuse_reply_err(request, ENOMEM);
+    } catch (const std::out_of_range&) {
+        fuse_reply_err(request, ESTALE); // a node that the kernel was not given
+    } catch (...) {
+        fuse_reply_err(request, EIO);
+    }
 }
 
 int hostError(const fskit::Error& error) {
@@ -154,16 +187,17 @@ ino_t inodeNumber(fskit::FSItemID id) noexcept {
     return Driver2::ino(id);
 }
 
-struct stat statusOf(const fskit::FSItemAttributes& attributes) {
+struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attributes) {
+    const Ownership& ownership = contextOf(request).ownership;
     struct stat status {};
     status.st_ino = inodeNumber(attributes.fileID());
-    status.st_mode = attributes.mode();
+    status.st_mode = modeOf(attributes, ownership);
     const uint64_t device = attributes.native().device;
     status.st_rdev =
         makedev(static_cast<unsigned>(device >> 32), static_cast<unsigned>(device & UINT32_MAX));
     status.st_nlink = attributes.linkCount();
-    status.st_uid = attributes.uid();
-    status.st_gid = attributes.gid();
+    status.st_uid = ownership.user;
+    status.st_gid = ownership.group;
     status.st_size = static_cast<off_t>(attributes.size());
     status.st_blocks =
         static_cast<blkcnt_t>((attributes.allocSize() + kStatusBlock - 1) / kStatusBlock);
@@ -180,10 +214,11 @@ double entryTimeout(std::string_view name) {
     return mayBeDosName(name) ? 0 : kForever;
 }
 
-fuse_entry_param entryParameters(const Entry& entry, std::string_view name) {
+fuse_entry_param entryParameters(fuse_req_t request, const Entry& entry, std::string_view name) {
     fuse_entry_param parameters{};
-    parameters.ino = entry.node->number();
-    parameters.attr = statusOf(entry.attributes);
+    parameters.ino = entry.node->number;
+    parameters.generation = entry.node->generation();
+    parameters.attr = statusOf(request, entry.attributes);
     parameters.attr_timeout = kForever;
     parameters.entry_timeout = entryTimeout(name);
     return parameters;
@@ -195,9 +230,9 @@ void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_vie
         return;
     }
     MountedVolume& volume = volumeOf(request);
-    const fuse_entry_param parameters = entryParameters(*entry, name);
+    const fuse_entry_param parameters = entryParameters(request, *entry, name);
     if (fuse_reply_entry(request, &parameters) == -ENOENT) {
-        volume.forget(entry->node->number(), 1);
+        volume.forget(entry->node->number, 1);
     }
 }
 

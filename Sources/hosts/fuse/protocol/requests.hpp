@@ -3,10 +3,9 @@
 #pragma once
 
 #include "hosts/fuse/libfuse.hpp"
+#include "hosts/fuse/protocol/session_context.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 
-#include <exception>
-#include <new>
 #include <sys/stat.h>
 
 namespace tavelin::fusehost {
@@ -20,20 +19,25 @@ const fuse_lowlevel_ops& requestTable();
 inline constexpr double kForever = 365.0 * 24 * 3600; // seconds
 inline constexpr size_t kTransferBytesMax = 1 << 20;  // bytes
 
+const SessionContext& contextOf(fuse_req_t request);
 MountedVolume& volumeOf(fuse_req_t request);
 /// The item of a node, for requests that go to the volume as they are.
 const ItemRef& itemOf(fuse_req_t request, fuse_ino_t number);
 /// What programs are told as an item's inode number: that of its file record.
 ino_t inodeNumber(fskit::FSItemID id) noexcept;
 int hostError(const fskit::Error& error);
-struct stat statusOf(const fskit::FSItemAttributes& attributes);
+/// What the request's program is told of an item: the volume's attributes, the mount's owners.
+struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attributes);
 /// How long the kernel may remember what a name stands for, or that it stands for nothing.
 double entryTimeout(std::string_view name);
-fuse_entry_param entryParameters(const Entry& entry, std::string_view name);
+fuse_entry_param entryParameters(fuse_req_t request, const Entry& entry, std::string_view name);
 
 /// Replies with an entry; takes the count back when the kernel no longer waits for it.
 void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_view name);
 void replyResult(fuse_req_t request, const Outcome<void>& result);
+
+/// Replies with the error that the exception in flight stands for; for a catch clause only.
+void replyException(fuse_req_t request) noexcept;
 
 /// Runs a callback's work; what is thrown becomes the reply. The work replies last, so that
 /// nothing can be thrown after a reply.
@@ -41,10 +45,8 @@ template<typename Work>
 void answer(fuse_req_t request, Work&& work) noexcept {
     try {
         work();
-    } catch (const std::bad_alloc&) {
-        fuse_reply_err(request, ENOMEM);
-    } catch (const std::exception&) {
-        fuse_reply_err(request, EIO);
+    } catch (...) {
+        replyException(request);
     }
 }
 

@@ -19,7 +19,7 @@ class Page {
         name_.assign(name.name); // libfuse wants it terminated
         fuse_entry_param parameters{};
         if (entry.node != nullptr) {
-            parameters = entryParameters(entry, {});
+            parameters = entryParameters(request_, entry, {});
         } else {
             parameters.attr.st_ino = inodeNumber(name.id);
             parameters.attr.st_mode = name.type;
@@ -36,7 +36,7 @@ class Page {
         }
         used_ += size;
         if (entry.node != nullptr) {
-            counted_.push_back(entry.node->number());
+            counted_.push_back(entry.node->number);
         }
         return true;
     }
@@ -60,7 +60,9 @@ class Page {
     const bool described_;
 };
 
-void readPage(fuse_req_t request, fuse_ino_t number, size_t size, off_t position, bool described) {
+template<bool described>
+void readDirectory(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
+                   fuse_file_info* /*file*/) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
         Page page(request, size, described);
@@ -99,23 +101,13 @@ void closeDirectory(fuse_req_t request, fuse_ino_t number, fuse_file_info* /*fil
     });
 }
 
-void readDirectory(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
-                   fuse_file_info* /*file*/) {
-    readPage(request, number, size, position, false);
-}
-
-void readDirectoryDescribed(fuse_req_t request, fuse_ino_t number, size_t size, off_t position,
-                            fuse_file_info* /*file*/) {
-    readPage(request, number, size, position, true);
-}
-
 } // namespace
 
 void addDirectoryRequests(fuse_lowlevel_ops& table) {
     table.opendir = openDirectory;
     table.releasedir = closeDirectory;
-    table.readdir = readDirectory;
-    table.readdirplus = readDirectoryDescribed;
+    table.readdir = readDirectory<false>;
+    table.readdirplus = readDirectory<true>;
 }
 
 } // namespace tavelin::fusehost

@@ -91,10 +91,10 @@ void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mo
             return;
         }
         file->keep_cache = 1;
-        const fuse_entry_param parameters = entryParameters(*entry, name);
+        const fuse_entry_param parameters = entryParameters(request, *entry, name);
         // ENOENT: the request was interrupted, and the kernel never learned of the node.
         if (fuse_reply_create(request, &parameters, file) == -ENOENT) {
-            volume.forget(entry->node->number(), 1);
+            volume.forget(entry->node->number, 1);
         }
     });
 }

@@ -2,6 +2,8 @@
 /// outlive the session. Any thread may read it, and none changes it.
 #pragma once
 
+#include "hosts/fuse/protocol/ownership.hpp"
+
 #include <functional>
 
 namespace tavelin::fusehost {
@@ -12,6 +14,8 @@ class MountedVolume;
 struct SessionContext {
     KernelChannel& channel;
     MountedVolume& volume;
+    Ownership ownership;
+    bool streams; ///< named streams are offered as extended attributes
     // Each is called once at most; what it throws ends the process.
     std::function<void()> served;    ///< called once the kernel has begun to send requests
     std::function<void()> unmounted; ///< called when it sends no more, before it is told so

@@ -33,8 +33,8 @@ bool MountedVolume::isCode(const fskit::Error& error, int32_t code) noexcept {
 MountedVolume::MountedVolume(VolumeClient& volume)
     : volume_(volume), nodes_(volume.rootWithAttributes().get()), orphans_(volume) {}
 
-bool MountedVolume::isPrivate(const Node& directory, std::string_view name) noexcept {
-    return &directory == &nodes_.root() && name == OrphanFiles::kOrphanDirectory;
+bool MountedVolume::isPrivate(const Node& directory, std::string_view name) {
+    return &directory == &nodes_.root() && orphans_.isHidden(name);
 }
 
 Outcome<std::optional<Found>> MountedVolume::find(const Node& directory, std::string_view name) {
@@ -50,8 +50,10 @@ Outcome<std::optional<Found>> MountedVolume::find(const Node& directory, std::st
 
 Entry MountedVolume::acquire(Found found) {
     adjustLink(found.item, found.attributes);
-    const fskit::FSItemAttributes attributes = found.attributes;
-    return {&nodes_.acquire(std::move(found)), attributes};
+    fskit::FSItemAttributes attributes = found.attributes;
+    Node& node = nodes_.acquire(std::move(found));
+    adjustTimes(node, attributes);
+    return {&node, attributes};
 }
 
 Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::string_view name) {
@@ -66,8 +68,8 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::
 }
 
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
-    for (const Node& node : nodes_.forget(number, counts)) {
-        orphans_.release(node);
+    if (const std::unique_ptr<Node> forgotten = nodes_.forget(number, counts)) {
+        orphans_.release(*forgotten);
     }
 }
 
@@ -121,7 +123,8 @@ Outcome<Entry> MountedVolume::createLink(Node& directory, std::string_view name,
                 [&] { return volume_.createSymbolicLink(directory.item, name, target); });
 }
 
-// Corrects what only this host knows: link text sizes, and the link count of unlinked open files.
+// Corrects what only this host knows: link text sizes, the link count of unlinked open files, and
+// the times of directories whose files are unlinked and not yet removed.
 Outcome<fskit::FSItemAttributes> MountedVolume::adjusted(const Node& node,
                                                          Outcome<fskit::FSItemAttributes> found) {
     if (found) {
@@ -129,8 +132,23 @@ Outcome<fskit::FSItemAttributes> MountedVolume::adjusted(const Node& node,
         if (orphans_.contains(node.id)) {
             found->setLinkCount(0);
         }
+        adjustTimes(node, *found);
     }
     return found;
+}
+
+void MountedVolume::adjustTimes(const Node& node, fskit::FSItemAttributes& attributes) {
+    if (const int64_t lost = node.isDirectory() ? node.directory->nameLostAt.load() : 0;
+        lost != 0) {
+        constexpr int64_t kSecond = 1'000'000'000;
+        const timespec time{static_cast<time_t>(lost / kSecond), static_cast<long>(lost % kSecond)};
+        if (isBefore(attributes.modifyTime(), time)) {
+            attributes.setModifyTime(time);
+        }
+        if (isBefore(attributes.changeTime(), time)) {
+            attributes.setChangeTime(time);
+        }
+    }
 }
 
 // The volume reports a link's size in UTF-16 units; POSIX wants the bytes of its target.
@@ -164,6 +182,9 @@ MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest
     // POSIX lets a truncate update the times even when the size does not change. The kernel leaves
     // that to the server, and the volume does it only when the size changes.
     namespace Bit = fskit::FSItemAttribute;
+    if (found && node.isDirectory() && changes.isValid(Bit::modifyTime)) {
+        node.directory->nameLostAt = 0; // what a user sets holds
+    }
     if (found && changes.isValid(Bit::size) && !changes.isValid(Bit::modifyTime) &&
         isBefore(found->modifyTime(), start)) {
         fskit::FSItemSetAttributesRequest times;

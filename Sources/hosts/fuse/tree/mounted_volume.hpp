@@ -15,6 +15,7 @@
 #include "hosts/fuse/tree/node_table.hpp"
 #include "hosts/fuse/tree/orphan_files.hpp"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -41,7 +42,8 @@ class MountedVolume {
     explicit MountedVolume(VolumeClient& volume);
 
     VolumeClient& volume() noexcept { return volume_; }
-    Node& node(uint64_t number) noexcept { return nodes_.at(number); }
+    /// Of a request; throws std::out_of_range.
+    Node& node(uint64_t number) { return nodes_.at(number); }
     OrphanFiles& orphanFiles() noexcept { return orphans_; }
     DentryInvalidationQueue& invalidations() noexcept { return invalidations_; }
 
@@ -90,7 +92,7 @@ class MountedVolume {
     /// The same where it must stand for something: kENOENT, also for names of removed files.
     Outcome<Found> existing(const Node& directory, std::string_view name);
     /// Whether a name is this host's own and must not be seen.
-    bool isPrivate(const Node& directory, std::string_view name) noexcept;
+    bool isPrivate(const Node& directory, std::string_view name);
     /// Runs `make`, and once more after moving aside a file whose pending unlink holds the name.
     template<typename Make>
     Outcome<Entry> make(Node& directory, std::string_view name, Make&& make);
@@ -114,6 +116,9 @@ class MountedVolume {
     Outcome<fskit::FSItemAttributes> adjusted(const Node& node,
                                               Outcome<fskit::FSItemAttributes> found);
     void adjustLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
+    static void adjustTimes(const Node& node, fskit::FSItemAttributes& attributes);
+    /// Notes that a name went whose removal from the volume is deferred.
+    static void noteDeferredRemoval(Node& directory);
     /// What the kernel expects of requests about names in a directory that was removed: kENOENT.
     static fskit::Error missingIfStale(const fskit::Error& error);
     static bool isCode(const fskit::Error& error, int32_t code) noexcept;
@@ -124,6 +129,7 @@ class MountedVolume {
     NodeTable nodes_;
     OrphanFiles orphans_;
     DentryInvalidationQueue invalidations_;
+    std::atomic<bool> unusableNamesTold_ = false; // in the log, once a mount
 };
 
 } // namespace tavelin::fusehost

@@ -1,9 +1,12 @@
 // Listings of directories, and how changes reach them.
 #include "core/driver2/item_identity.hpp"
+#include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <sys/stat.h>
@@ -29,8 +32,8 @@ uint32_t fileType(fskit::FSItemType type) {
 // Collects a whole enumeration; it never runs out of room.
 class ListingPacker final : public fskit::FSDirectoryEntryPacker {
   public:
-    explicit ListingPacker(DirectoryListing& listing, std::string_view skipped)
-        : listing_(listing), skipped_(skipped) {}
+    ListingPacker(DirectoryListing& listing, std::string hidden)
+        : listing_(listing), hidden_(std::move(hidden)) {}
 
     bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
                    fskit::FSItemID itemID, fskit::FSDirectoryCookie /*nextCookie*/,
@@ -38,15 +41,22 @@ class ListingPacker final : public fskit::FSDirectoryEntryPacker {
         const std::string& text = name.data();
         if (text == "..") {
             listing_.parent = itemID;
-        } else if (text != "." && text != skipped_) {
+        } else if (text.find('/') != std::string::npos) {
+            // Only a damaged volume has such a name. The kernel refuses a whole directory for it.
+            ++unusable_;
+        } else if (text != "." && text != hidden_) {
             listing_.add(text, itemID, fileType(itemType));
         }
         return true;
     }
 
+    /// How many entries were left out because no program could use their names.
+    size_t unusable() const noexcept { return unusable_; }
+
   private:
     DirectoryListing& listing_;
-    std::string_view skipped_;
+    const std::string hidden_;
+    size_t unusable_ = 0;
 };
 
 } // namespace
@@ -81,13 +91,18 @@ void MountedVolume::noteLostName(Node& directory, fskit::FSItemID id, std::strin
 
 Outcome<std::unique_ptr<DirectoryListing>> MountedVolume::list(const Node& directory) {
     auto listing = std::make_unique<DirectoryListing>();
-    ListingPacker packer(*listing, &directory == &nodes_.root() ? OrphanFiles::kOrphanDirectory
-                                                                : std::string_view());
+    ListingPacker packer(*listing,
+                         &directory == &nodes_.root() ? orphans_.hiddenName() : std::string());
     const Outcome<fskit::FSDirectoryVerifier> listed =
         volume_.enumerate(directory.item, fskit::FSDirectoryCookieInitial,
                           fskit::FSDirectoryVerifierInitial, false, packer);
     if (!listed) {
         return listed.error();
+    }
+    if (packer.unusable() != 0 && !unusableNamesTold_.exchange(true)) {
+        log().error(fmt::format("directory {}: {} entries with a slash in their names are not "
+                                "shown; check the volume",
+                                directory.id, packer.unusable()));
     }
     listing->seal();
     // A file with a pending unlink still has its name on the volume and none for users.
@@ -136,7 +151,7 @@ Outcome<void> MountedVolume::readDirectory(Node& directory, uint64_t position, b
         const bool taken = take(name, entry);
         // An entry that did not fit is not told to the kernel, so its count goes back.
         if (!taken && entry.node != nullptr) {
-            forget(entry.node->number(), 1);
+            forget(entry.node->number, 1);
         }
         more = true;
         return taken;

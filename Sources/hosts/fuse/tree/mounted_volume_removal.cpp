@@ -1,7 +1,10 @@
 // Names that go: removing, renaming and replacing.
 #include "fskit/api/error.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
+#include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
+
+#include <chrono>
 
 namespace tavelin::fusehost {
 
@@ -42,17 +45,29 @@ void MountedVolume::noteLostName(Node& directory, const Found& lost, std::string
         const Outcome<Found> present = existing(directory, longName);
         if (!present || !(present->item == lost.item)) {
             noteLostName(directory, lost.attributes.fileID(), longName);
-            invalidations_.add(nodes_.numberOf(directory), longName);
+            invalidations_.add(directory.number, longName);
         }
     }
 }
 
 Outcome<void> MountedVolume::removeFile(Node& directory, std::string_view name) {
     return remove(directory, name, [&](const Found& old, Node* node) {
-        return node != nullptr && !node->isDirectory()
-                   ? orphans_.remove(*node, directory, name)
-                   : Outcome<void>::of(volume_.remove(old.item, directory.item, name));
+        if (node == nullptr || node->isDirectory()) {
+            return Outcome<void>::of(volume_.remove(old.item, directory.item, name));
+        }
+        Outcome<void> removed = orphans_.remove(*node, directory, name);
+        if (removed && orphans_.contains(node->id)) {
+            noteDeferredRemoval(directory);
+        }
+        return removed;
     });
+}
+
+void MountedVolume::noteDeferredRemoval(Node& directory) {
+    TAVELIN_ASSERT(directory.isDirectory());
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    directory.directory->nameLostAt =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
 Outcome<void> MountedVolume::removeDirectory(Node& directory, std::string_view name) {
@@ -153,7 +168,7 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
             if (!left && isCode(left.error(), kESTALE)) {
                 // The volume removed the empty directory before the rename failed. The kernel
                 // keeps its dentry after a failed rename, so it is invalidated.
-                invalidations_.add(nodes_.numberOf(renaming.toDirectory), renaming.to);
+                invalidations_.add(renaming.toDirectory.number, renaming.to);
             }
         }
         return done;

@@ -1,5 +1,7 @@
 #include "hosts/fuse/tree/node_table.hpp"
 
+#include "core/driver2/item_identity.hpp"
+#include "core/values.hpp"
 #include "hosts/fuse/libfuse.hpp"
 #include "platform/assert.hpp"
 
@@ -7,34 +9,45 @@
 
 namespace tavelin::fusehost {
 
-Node::Node(Found found)
-    : id(found.attributes.fileID()),
+namespace {
+
+uint64_t numberOf(const fskit::FSItemAttributes& attributes) {
+    const uint64_t number =
+        itemReference(Driver2::ino(attributes.fileID()), attributes.native().sequence);
+    TAVELIN_ASSERT(number != FUSE_ROOT_ID && number != 0);
+    return number;
+}
+
+} // namespace
+
+Node::Node(Found found, uint64_t nodeNumber)
+    : number(nodeNumber),
+      id(found.attributes.fileID()),
       item(std::move(found.item)),
       directory(found.attributes.type() == fskit::FSItemType::directory
                     ? std::make_unique<DirectoryState>()
                     : nullptr),
       linkCount(found.attributes.linkCount()) {}
 
-NodeTable::NodeTable(Found root) : root_(std::move(root)) {
+NodeTable::NodeTable(Found root) : root_(std::move(root), FUSE_ROOT_ID) {
     TAVELIN_ASSERT(root_.isDirectory());
     root_.item.item()->hostData = &root_;
 }
 
 NodeTable::~NodeTable() {
     const MutexLock held(lock_);
-    for (const Node& node : nodes_) {
-        node.item.item()->hostData = nullptr;
+    for (const auto& [number, node] : nodes_) {
+        node->item.item()->hostData = nullptr;
     }
     root_.item.item()->hostData = nullptr;
 }
 
-Node& NodeTable::at(uint64_t number) noexcept {
-    // The kernel hands back the address it was given. NOLINTNEXTLINE(performance-no-int-to-ptr)
-    return number == FUSE_ROOT_ID ? root_ : *reinterpret_cast<Node*>(number);
-}
-
-uint64_t NodeTable::numberOf(const Node& node) const noexcept {
-    return &node == &root_ ? FUSE_ROOT_ID : node.number();
+Node& NodeTable::at(uint64_t number) {
+    if (number == FUSE_ROOT_ID) {
+        return root_;
+    }
+    const MutexLock held(lock_);
+    return *nodes_.at(number);
 }
 
 Node& NodeTable::acquire(Found found) {
@@ -43,9 +56,13 @@ Node& NodeTable::acquire(Found found) {
     const MutexLock held(lock_);
     auto* node = static_cast<Node*>(item->hostData);
     if (node == nullptr) {
-        nodes_.emplace_front(std::move(found));
-        node = &nodes_.front();
-        node->place = nodes_.begin();
+        const uint64_t number = numberOf(found.attributes);
+        auto made = std::make_unique<Node>(std::move(found), number);
+        node = made.get();
+        // Nobody else has the number: the volume never hands out two items of one file, and an item
+        // that has a node is held by it.
+        TAVELIN_ASSERT(!nodes_.contains(number));
+        nodes_.insert_or_assign(number, std::move(made));
         item->hostData = node;
     }
     TAVELIN_ASSERT(node->item.item() == item);
@@ -54,21 +71,20 @@ Node& NodeTable::acquire(Found found) {
     return *node;
 }
 
-std::list<Node> NodeTable::forget(uint64_t number, uint64_t counts) {
-    Node& node = at(number);
-    std::list<Node> forgotten;
-    if (&node == &root_) {
-        return forgotten;
+std::unique_ptr<Node> NodeTable::forget(uint64_t number, uint64_t counts) {
+    if (number == FUSE_ROOT_ID) {
+        return nullptr;
     }
     const MutexLock held(lock_);
+    Node& node = *nodes_.at(number);
     TAVELIN_ASSERT(node.lookups >= counts);
     node.lookups -= std::min(node.lookups, counts);
-    if (node.lookups == 0) {
-        TAVELIN_ASSERT(node.item.item()->hostData == &node);
-        node.item.item()->hostData = nullptr;
-        forgotten.splice(forgotten.begin(), nodes_, node.place);
+    if (node.lookups != 0) {
+        return nullptr;
     }
-    return forgotten;
+    TAVELIN_ASSERT(node.item.item()->hostData == &node);
+    node.item.item()->hostData = nullptr;
+    return std::move(nodes_.extract(number).mapped());
 }
 
 Node* NodeTable::find(const ItemRef& item) {

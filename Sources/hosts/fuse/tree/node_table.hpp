@@ -1,10 +1,14 @@
 /// The items that the kernel knows: its inodes, by the numbers that we gave it for them.
 ///
-/// A node's number is its address, so that a request finds its node without a lock; the kernel
-/// names a node in requests only while it holds counts on it, and a node lives until its count is
-/// zero. An item carries its node with it (FSItem::hostData), so one item has one node at a time,
-/// and no table is searched. A file that takes over a freed record is another item and gets a node
-/// of its own, while the kernel may still hold the node of the record's last owner.
+/// A node's number is its item's NTFS file reference: the record number, and above it the record's
+/// sequence number, which is the node's generation for file handles. So a file that takes over a
+/// freed record gets another number, while the kernel may still hold the node of the record's last
+/// owner, and a handle of a file that is gone never opens another. The root's number is the
+/// kernel's own.
+///
+/// The kernel names a node in requests only while it holds counts on it, and a node lives until its
+/// count is zero. An item carries its node with it (FSItem::hostData), so one item has one node at
+/// a time.
 #pragma once
 
 #include "hosting/volume_client.hpp"
@@ -13,8 +17,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <list>
 #include <memory>
+#include <unordered_map>
 
 namespace tavelin::fusehost {
 
@@ -26,22 +30,27 @@ struct DirectoryState {
     std::unique_ptr<DirectoryListing> listing TAVELIN_GUARDED_BY(lock);
     size_t streams TAVELIN_GUARDED_BY(lock) = 0;        // that are open
     bool listingIsOld TAVELIN_GUARDED_BY(lock) = false; // names have come that it lacks
+
+    /// When the last name went whose removal is deferred, in nanoseconds since 1970; 0 for none.
+    /// The directory's times on the volume follow when the file is removed.
+    std::atomic<int64_t> nameLostAt{0};
 };
 
 struct Node {
-    explicit Node(Found found);
+    Node(Found found, uint64_t number);
 
-    uint64_t number() const noexcept { return reinterpret_cast<uint64_t>(this); }
     bool isDirectory() const noexcept { return directory != nullptr; }
+    /// For file handles, which a stale generation invalidates. 0 for the root.
+    uint64_t generation() const noexcept { return number >> 48; }
 
+    const uint64_t number; // the kernel's
     const fskit::FSItemID id;
     const ItemRef item;
     const std::unique_ptr<DirectoryState> directory; // null for anything but a directory
     std::atomic<uint32_t> linkCount;                 // as the volume last said
+    std::atomic<bool> longStreamTold{false};         // in the log
 
-    // Guarded by the table's lock.
-    uint64_t lookups = 0;            // the kernel's counts
-    std::list<Node>::iterator place; // of this node in the table's list
+    uint64_t lookups = 0; // the kernel's counts, guarded by the table's lock
 };
 
 /// Threading: any thread may call anything. lock_ is held across one kind of call into the volume,
@@ -53,21 +62,19 @@ class NodeTable {
     NodeTable(const NodeTable&) = delete;
     NodeTable& operator=(const NodeTable&) = delete;
 
-    /// The node of a number from a request. The kernel must hold counts on it: the number is an
-    /// address and cannot be checked.
-    Node& at(uint64_t number) noexcept;
+    /// The node of a number from a request; valid while the kernel holds counts on it. Throws
+    /// std::out_of_range for a number that it was not given.
+    Node& at(uint64_t number);
     Node& root() noexcept { return root_; }
-    /// The kernel's number of a node, that of the root included.
-    uint64_t numberOf(const Node& node) const noexcept;
 
     /// The node of an item, found or made, with one more count. For replies that hand the node to
     /// the kernel; a reply that fails needs a forget() in return.
     Node& acquire(Found found);
 
     /// Takes counts back. A node whose count reaches zero leaves the table and is handed to the
-    /// caller as the only element of the list, so that it is destroyed without the lock. The root
-    /// never leaves.
-    std::list<Node> forget(uint64_t number, uint64_t counts);
+    /// caller, so that it is destroyed without the lock; else the answer is null. The root never
+    /// leaves.
+    std::unique_ptr<Node> forget(uint64_t number, uint64_t counts);
 
     /// The node of an item; null when the kernel holds no count on it.
     Node* find(const ItemRef& item);
@@ -75,7 +82,8 @@ class NodeTable {
   private:
     Node root_;
     Mutex lock_;
-    std::list<Node> nodes_ TAVELIN_GUARDED_BY(lock_); // all but the root
+    /// All but the root, by their numbers.
+    std::unordered_map<uint64_t, std::unique_ptr<Node>> nodes_ TAVELIN_GUARDED_BY(lock_);
 };
 
 } // namespace tavelin::fusehost

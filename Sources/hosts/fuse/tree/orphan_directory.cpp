@@ -1,10 +1,12 @@
 #include "hosts/fuse/tree/orphan_directory.hpp"
 
 #include "diagnostics/log.hpp"
+#include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
 
+#include <utility>
 #include <vector>
 
 namespace tavelin::fusehost {
@@ -15,29 +17,55 @@ bool isCode(const fskit::Error& error, int32_t code) {
     return error.isPOSIX() && error.code() == code;
 }
 
+// The names that the directory may have, in the order in which they are tried.
+std::string candidate(int number) {
+    return number == 0 ? std::string(OrphanDirectory::kName)
+                       : fmt::format("{}-{}", OrphanDirectory::kName, number);
+}
+
 } // namespace
 
 std::string OrphanDirectory::nameOf(fskit::FSItemID id) {
     return fmt::format("{:012x}", id);
 }
 
+Outcome<Found> OrphanDirectory::make(std::string_view name) {
+    fskit::FSItemSetAttributesRequest hidden;
+    hidden.setFlags(fskit::kHiddenFlag);
+    Outcome<Found> made =
+        volume_.create(volume_.root(), name, fskit::FSItemType::directory, hidden);
+    if (made) {
+        if (const Outcome<void> marked = volume_.setXattr(made->item, kMarker, {}); !marked) {
+            // It is empty. Should removing it fail too, it stays visible, as anybody's.
+            (void)volume_.remove(made->item, volume_.root(), name);
+            return marked.error();
+        }
+    }
+    return made;
+}
+
 Outcome<ItemRef> OrphanDirectory::open() {
-    // Held across the lookup and the creation: two threads must not both find the name missing.
+    // Held until the directory is made, so that two threads do not make one each.
     const MutexLock held(lock_);
-    if (directory_) {
-        return directory_.duplicate();
+    for (int i = 0; i < kNamesMax && !directory_; ++i) {
+        std::string name = candidate(i);
+        Outcome<Found> made = make(name);
+        if (made) {
+            directory_ = std::move(made->item);
+            name_ = std::move(name);
+        } else if (!isCode(made.error(), kEEXIST)) {
+            return made.error();
+        }
     }
-    Outcome<Found> directory = volume_.lookup(volume_.root(), kName);
-    if (!directory && isCode(directory.error(), kENOENT)) {
-        fskit::FSItemSetAttributesRequest hidden;
-        hidden.setFlags(fskit::kHiddenFlag);
-        directory = volume_.create(volume_.root(), kName, fskit::FSItemType::directory, hidden);
+    if (!directory_) {
+        return fskit::fs_errorForPOSIXError(kEEXIST);
     }
-    if (!directory) {
-        return directory.error();
-    }
-    directory_ = std::move(directory->item);
     return directory_.duplicate();
+}
+
+std::string OrphanDirectory::hiddenName() {
+    const MutexLock held(lock_);
+    return name_;
 }
 
 Outcome<void> OrphanDirectory::remove() {
@@ -46,7 +74,7 @@ Outcome<void> OrphanDirectory::remove() {
         return {};
     }
     directory_ = ItemRef();
-    return removeFrom(volume_.root(), kName);
+    return removeFrom(volume_.root(), std::exchange(name_, {}));
 }
 
 // A directory that is not empty stays: what is left in it is somebody else's.
@@ -59,7 +87,7 @@ Outcome<void> OrphanDirectory::removeFrom(const ItemRef& parent, std::string_vie
     return !removed && isCode(removed.error(), kENOTEMPTY) ? Outcome<void>() : std::move(removed);
 }
 
-Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
+Outcome<void> OrphanDirectory::empty(const ItemRef& directory, std::string_view name) {
     const Outcome<std::vector<DirectoryEntry>> left = volume_.list(directory, false);
     if (!left) {
         return left.error();
@@ -75,17 +103,25 @@ Outcome<void> OrphanDirectory::empty(const ItemRef& directory) {
             result = std::move(removed);
         }
     }
-    return result ? removeFrom(volume_.root(), kName) : std::move(result);
+    return result ? removeFrom(volume_.root(), name) : std::move(result);
 }
 
 void OrphanDirectory::cleanUp() {
-    const Outcome<Found> directory = volume_.lookup(volume_.root(), kName);
-    if (!directory && isCode(directory.error(), kENOENT)) {
-        return; // the usual case: the last unmount was clean
-    }
-    if (const Outcome<void> emptied = directory ? empty(directory->item) : directory.error();
-        !emptied) {
-        log().error(fmt::format("emptying {}: {}", kName, emptied.error().localizedDescription()));
+    for (int i = 0; i < kNamesMax; ++i) {
+        const std::string name = candidate(i);
+        const Outcome<Found> found = volume_.lookup(volume_.root(), name);
+        if (!found && isCode(found.error(), kENOENT)) {
+            continue; // the usual case: the last unmount was clean
+        }
+        // Without the mark, the name is a user's.
+        if (found && !volume_.xattrSize(found->item, kMarker)) {
+            continue;
+        }
+        const Outcome<void> emptied = found ? empty(found->item, name) : found.error();
+        if (!emptied) {
+            log().error(
+                fmt::format("emptying {}: {}", name, emptied.error().localizedDescription()));
+        }
     }
 }
 

@@ -2,6 +2,11 @@
 /// and whose old names could not wait for the last close. Users do not see it. An orphan is removed
 /// when the kernel forgets it, at the unmount, or by the next mount after a crash.
 ///
+/// The directory is made when it is first needed, under the first of kNamesMax names that is free:
+/// what already has such a name is somebody else's and stays as it is. A named stream marks the
+/// directory as this host's, so that the next mount after a crash knows it by more than its name. A
+/// crash between the two leaves an empty directory that nobody removes.
+///
 /// Threading: any thread may call anything. lock_ is held across the calls into the volume that
 /// find, make or remove the directory; it comes before the volume's own locks. Errors are the
 /// volume's, in macOS numbers.
@@ -18,7 +23,9 @@ namespace tavelin::fusehost {
 
 class OrphanDirectory {
   public:
-    static constexpr std::string_view kName = ".tavelin-removed";
+    static constexpr std::string_view kName = ".tavelin-removed"; ///< or this and a number
+    static constexpr int kNamesMax = 16;
+    static constexpr std::string_view kMarker = "tavelin.orphans"; ///< the stream's name
 
     /// The volume must outlive this.
     explicit OrphanDirectory(VolumeClient& volume) : volume_(volume) {}
@@ -28,22 +35,26 @@ class OrphanDirectory {
     /// The name of a file in it.
     static std::string nameOf(fskit::FSItemID id);
 
-    /// The directory, found or made.
+    /// The directory of this mount, made by the first call.
     Outcome<ItemRef> open();
+    /// The name in the root that users must not see; empty while there is no directory.
+    std::string hiddenName();
     /// Removes the directory if open() was called, for unmounting. A directory that still has
     /// entries, which are not of this host's making then, stays; that is no error.
     Outcome<void> remove();
-    /// Removes the orphans that a crash left in it, and leaves alone every entry that this host did
-    /// not make. Errors are logged only: the volume is usable all the same.
+    /// Removes the orphans that a crash left in such a directory, and leaves alone everything that
+    /// this host did not make. Errors are logged only: the volume is usable all the same.
     void cleanUp();
 
   private:
-    Outcome<void> empty(const ItemRef& directory);
+    Outcome<Found> make(std::string_view name);
+    Outcome<void> empty(const ItemRef& directory, std::string_view name);
     Outcome<void> removeFrom(const ItemRef& parent, std::string_view name);
 
     VolumeClient& volume_;
-    Mutex lock_; // held while the directory is found, made or removed
+    Mutex lock_; // held while the directory is made or removed
     ItemRef directory_ TAVELIN_GUARDED_BY(lock_);
+    std::string name_ TAVELIN_GUARDED_BY(lock_); // of directory_
 };
 
 } // namespace tavelin::fusehost

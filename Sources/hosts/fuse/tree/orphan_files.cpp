@@ -301,7 +301,7 @@ Outcome<void> OrphanFiles::releaseAll() {
     }
     // The directory goes last, and only if it is empty: somebody else's file may be in it.
     if (const Outcome<void> removed = orphanDirectory_.remove(); !removed) {
-        noteFailure(removed.error(), std::string(kOrphanDirectory));
+        noteFailure(removed.error(), std::string(OrphanDirectory::kName));
     }
     return persistOrphans();
 }

@@ -36,12 +36,17 @@ namespace tavelin::fusehost {
 
 class OrphanFiles {
   public:
-    static constexpr std::string_view kOrphanDirectory = OrphanDirectory::kName;
-
     explicit OrphanFiles(VolumeClient& volume) : volume_(volume), orphanDirectory_(volume) {}
 
     /// Removes the orphans that a crash left behind.
     void cleanUp() { orphanDirectory_.cleanUp(); }
+
+    /// Whether a name in the root is that of the directory for orphans, which users must not see.
+    bool isHidden(std::string_view nameInRoot) {
+        return nameInRoot.starts_with(OrphanDirectory::kName) && nameInRoot == hiddenName();
+    }
+    /// That name; empty while there is none.
+    std::string hiddenName() { return orphanDirectory_.hiddenName(); }
 
     /// Whether the user has unlinked the item's last name.
     bool contains(fskit::FSItemID id) const;

@@ -1,0 +1,124 @@
+#include "hosts/fuse/mount/served_mount.hpp"
+
+#include "hosts/fuse/protocol/server_identity.hpp"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <grp.h>
+#include <optional>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace tavelin::fusehost {
+
+namespace {
+
+// What a child process found out as the user whose mount it is.
+struct Answer {
+    int error = 0;
+    pid_t server = 0;
+};
+
+// "user_id=1000,group_id=1000": whom the kernel lets in besides those that allow_other does.
+std::optional<uid_t> ownerIn(const std::string& options, std::string_view name) {
+    const size_t at = options.find(name);
+    uid_t owner = 0;
+    if (at == std::string::npos) {
+        return std::nullopt;
+    }
+    const char* const begin = options.data() + at + name.size();
+    const auto [end, error] = std::from_chars(begin, options.data() + options.size(), owner);
+    return error == std::errc() ? std::optional(owner) : std::nullopt;
+}
+
+Answer ask(const std::filesystem::path& directory, bool readOnly) {
+    Answer answer;
+    const FileDescriptor root(directory.c_str(), O_RDONLY | O_DIRECTORY);
+    if (!root || (!readOnly && ::fsync(root.get()) != 0)) {
+        answer.error = errno;
+        return answer;
+    }
+    char text[64];
+    const ssize_t size = ::fgetxattr(root.get(), kServerAttribute, text, sizeof text);
+    if (size > 0) {
+        answer.server = serverOf({text, static_cast<size_t>(size)});
+    }
+    return answer;
+}
+
+// The kernel keeps even root out of another user's mount. A child that has become that user gets
+// in; this process could not become root again.
+Answer askAs(uid_t user, gid_t group, const MountEntry& mount) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        return {.error = errno};
+    }
+    const FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::setgroups(0, nullptr) == 0 && ::setresgid(group, group, group) == 0 &&
+            ::setresuid(user, user, user) == 0) {
+            const Answer answer = ask(mount.directory, mount.readOnly);
+            (void)writing.write(&answer, sizeof answer);
+        }
+        ::_exit(0);
+    }
+    writing.reset();
+    Answer answer{.error = EACCES};
+    if (child != -1) {
+        (void)reading.readSome(&answer, sizeof answer); // one small write is read whole
+        (void)uninterrupted([child] { return ::waitpid(child, nullptr, 0); });
+    }
+    return answer;
+}
+
+} // namespace
+
+ServedMount::ServedMount(const MountEntry& mount) : mount_(mount) {
+    const auto user = ownerIn(mount.superOptions, "user_id=");
+    const auto group = ownerIn(mount.superOptions, "group_id=");
+    const bool other = ::geteuid() == 0 && user.value_or(0) != 0 && group;
+    const Answer answer =
+        other ? askAs(*user, *group, mount) : ask(mount.directory, mount.readOnly);
+    synchronizeError_ = answer.error;
+    if (answer.server > 0) {
+        server_ = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, answer.server, 0)));
+    }
+}
+
+bool ServedMount::isMountedElsewhere() const {
+    for (const MountEntry& entry : mountTable()) {
+        if (entry.device == mount_.device && entry.type == mount_.type) {
+            return true;
+        }
+    }
+    // Of mounts in other namespaces, the list of connections knows, where it is mounted itself. It
+    // has each by its device number for as long as the file system is mounted anywhere.
+    unsigned major = 0;
+    unsigned minor = 0;
+    if (std::sscanf(mount_.device.c_str(), "%u:%u", &major, &minor) != 2) {
+        return false;
+    }
+    constexpr unsigned kMinorBits = 20;
+    std::error_code unknown;
+    return std::filesystem::exists(
+        "/sys/fs/fuse/connections/" + std::to_string(major << kMinorBits | minor), unknown);
+}
+
+bool ServedMount::awaitServer() const {
+    constexpr int kServerEndMax = 60'000; // milliseconds; everything has been written before
+    pollfd ended{server_.get(), POLLIN, 0};
+    return !server_ || uninterrupted([&] { return ::poll(&ended, 1, kServerEndMax); }) != 0;
+}
+
+} // namespace tavelin::fusehost

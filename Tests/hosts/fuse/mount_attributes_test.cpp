@@ -1,0 +1,138 @@
+// What a mount says of items: times of directories, owners and modes, handles, streams.
+#include "hosts/fuse/served_volume.hpp"
+#include "platform/file_descriptor.hpp"
+#include "support/run_process.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+using MountAttributes = MountTest;
+
+// make, Python and `find -newer` go by the times of directories.
+TEST_F(MountAttributes, DirectoriesShowTheirChangesAtOnce) {
+    const auto at = [this](const char* name) { return path(name); };
+    fs::create_directory(*this / "folder");
+    fs::create_directory(*this / "other");
+    writeFile(*this / "open", "content");
+    const struct {
+        const char* what;
+        std::function<int()> change;
+    } kRows[] = {
+        {"create", [&] { return ::mknod(at("folder/file").c_str(), S_IFREG | 0666, 0); }},
+        {"mkdir", [&] { return ::mkdir(at("folder/below").c_str(), 0777); }},
+        {"symlink", [&] { return ::symlink("target", at("folder/link").c_str()); }},
+        {"rename into", [&] { return ::rename(at("open").c_str(), at("folder/open").c_str()); }},
+        {"rename within",
+         [&] { return ::rename(at("folder/file").c_str(), at("folder/again").c_str()); }},
+        {"unlink", [&] { return ::unlink(at("folder/again").c_str()); }},
+        {"unlink of what is open",
+         [&] {
+             const FileDescriptor open(at("folder/open").c_str(), O_RDONLY);
+             return ::unlink(at("folder/open").c_str());
+         }},
+        {"rmdir", [&] { return ::rmdir(at("folder/below").c_str()); }},
+        {"rename out of", [&] { return ::rename(at("folder/link").c_str(), at("l").c_str()); }},
+    };
+    for (const auto& row : kRows) {
+        const timespec old[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, at("folder").c_str(), old, 0), 0);
+        struct stat before {};
+        ASSERT_EQ(::stat(at("folder").c_str(), &before), 0);
+        EXPECT_EQ(before.st_mtim.tv_sec, old[1].tv_sec) << row.what;
+        const std::time_t start = std::time(nullptr);
+        EXPECT_EQ(errorOf(row.change()), 0) << row.what;
+        struct stat after {};
+        ASSERT_EQ(::stat(at("folder").c_str(), &after), 0);
+        EXPECT_GE(after.st_mtim.tv_sec, start - 1) << row.what;
+        EXPECT_GE(after.st_ctim.tv_sec, start - 1) << row.what;
+    }
+}
+
+// As desktops mount: everything is the user's, and programs on the volume can be run.
+TEST_F(MountAttributes, OwnersAndMasksAreThoseOfTheOptions) {
+    const struct {
+        const char* options;
+        mode_t file, directory;
+        uid_t user;
+        gid_t group;
+    } kRows[] = {
+        {"", 0777, 0777, ::getuid(), ::getgid()},
+        {"uid=1234,gid=4321,windows_names,nodev,nosuid,uhelper=udisks2", 0777, 0777, 1234, 4321},
+        {"umask=022", 0755, 0755, ::getuid(), ::getgid()},
+        {"umask=077,fmask=0133,uid=1234", 0644, 0700, 1234, ::getgid()},
+        {"dmask=027", 0777, 0750, ::getuid(), ::getgid()},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.options);
+        mount(row.options);
+        writeFile(*this / "program", "#!/bin/sh\nexit 7\n");
+        fs::create_directories(*this / "folder");
+        struct stat file {
+        }, directory{};
+        ASSERT_EQ(::stat(path("program").c_str(), &file), 0);
+        ASSERT_EQ(::stat(path("folder").c_str(), &directory), 0);
+        EXPECT_EQ(file.st_mode, S_IFREG | row.file);
+        EXPECT_EQ(directory.st_mode, S_IFDIR | row.directory);
+        EXPECT_EQ(file.st_uid, row.user);
+        EXPECT_EQ(directory.st_gid, row.group);
+        if ((row.file & 0111) != 0) {
+            EXPECT_EQ(run({path("program")}).status, 7);
+        } else {
+            EXPECT_EQ(errorOf(::access(path("program").c_str(), X_OK)), EACCES);
+        }
+    }
+}
+
+// What a file server keeps of a file while nobody has it open must never open another file.
+TEST_F(MountAttributes, HandlesOfRemovedFilesOpenNothing) {
+    const int root = ::open(served_->directory().c_str(), O_RDONLY | O_DIRECTORY);
+    union {
+        file_handle handle;
+        unsigned char bytes[sizeof(file_handle) + MAX_HANDLE_SZ];
+    } space{};
+    std::vector<decltype(space)> removed;
+    for (int i = 0; i < 300; ++i) {
+        const std::string name = path("file" + std::to_string(i % 7));
+        writeFile(name, name);
+        space.handle.handle_bytes = MAX_HANDLE_SZ;
+        int mount = 0;
+        ASSERT_EQ(::name_to_handle_at(AT_FDCWD, name.c_str(), &space.handle, &mount, 0), 0);
+        removed.push_back(space);
+        ASSERT_EQ(::unlink(name.c_str()), 0);
+    }
+    for (int i = 0; i < 50; ++i) {
+        writeFile(*this / ("new" + std::to_string(i)), "new");
+    }
+    int opened = 0;
+    for (auto& each : removed) {
+        const int fd = ::open_by_handle_at(root, &each.handle, O_RDONLY);
+        opened += fd != -1;
+        ::close(fd);
+    }
+    EXPECT_EQ(opened, 0);
+    ::close(root);
+}
+
+TEST_F(MountAttributes, StreamsAreNotShownWhereTheyAreNotWanted) {
+    writeFile(*this / "file", "content");
+    ASSERT_EQ(::setxattr(path("file").c_str(), "user.author", "me", 2, 0), 0);
+    mount("streams_interface=none");
+    EXPECT_EQ(::listxattr(path("file").c_str(), nullptr, 0), 0);
+    EXPECT_EQ(errorOf(::setxattr(path("file").c_str(), "user.author", "x", 1, 0)), EOPNOTSUPP);
+    mount();
+    EXPECT_EQ(::getxattr(path("file").c_str(), "user.author", nullptr, 0), 2);
+}
+
+} // namespace
+} // namespace tavelin::test
