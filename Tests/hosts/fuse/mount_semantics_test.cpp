@@ -299,7 +299,39 @@ TEST_F(MountSemantics, OtherNamesOfAFileOutliveOne) {
     EXPECT_EQ(readFile(*this / "third"), "SHARED");
     EXPECT_EQ(fs::hard_link_count(*this / "third"), 1u);
     EXPECT_EQ(names(), (Names{"second", "third"}));
-    EXPECT_EQ(errorOf(::link(path("third").c_str(), path("fourth").c_str())), EOPNOTSUPP);
+}
+
+TEST_F(MountSemantics, HardLinksAreNamesOfOneFile) {
+    writeFile(*this / "first", "shared");
+    fs::create_directory(*this / "folder");
+    const auto link = [this](const char* from, const char* to) {
+        return errorOf(::link(path(from).c_str(), path(to).c_str()));
+    };
+    EXPECT_EQ(link("first", "folder/second"), 0);
+    EXPECT_EQ(fs::hard_link_count(*this / "first"), 2u);
+    EXPECT_TRUE(fs::equivalent(*this / "first", *this / "folder/second"));
+    EXPECT_EQ(names("folder"), Names{"second"});
+    EXPECT_EQ(link("first", "folder/second"), EEXIST);
+    EXPECT_EQ(link("folder", "other"), EPERM);
+    EXPECT_EQ(link("missing", "other"), ENOENT);
+    {
+        // Locking by links, as mailers do, and a name that is made while its last owner is open.
+        const Descriptor open(*this / "first", O_RDWR);
+        fs::remove(*this / "first");
+        EXPECT_EQ(statusOf(open).st_nlink, 1u);
+        EXPECT_EQ(link("folder/second", "first"), 0);
+        EXPECT_EQ(::pwrite(open, "SHARED", 6, 0), 6);
+        fs::remove(*this / "first");
+        fs::remove(*this / "folder/second");
+        EXPECT_EQ(errorOf(::linkat(open, "", AT_FDCWD, path("again").c_str(), AT_EMPTY_PATH)),
+                  ENOENT);
+        EXPECT_EQ(open.read(), "SHARED");
+        writeFile(*this / "new", "new");
+        EXPECT_EQ(link("new", "first"), 0) << "the name is free";
+    }
+    EXPECT_EQ(readFile(*this / "first"), "new");
+    expectToLast(*volume_, served_);
+    EXPECT_EQ(fs::hard_link_count(*this / "new"), 2u);
 }
 
 TEST_F(MountSemantics, ExtendedAttributesAreNamedStreams) {

@@ -110,8 +110,8 @@ void makeSymbolicLink(fuse_req_t request, const char* target, fuse_ino_t parent,
 void makeHardLink(fuse_req_t request, fuse_ino_t number, fuse_ino_t parent, const char* name) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        replyResult(request, Outcome<void>::of(volume.volume().createLink(
-                                 volume.node(number).item, volume.node(parent).item, name)));
+        replyEntry(request, volume.createHardLink(volume.node(number), volume.node(parent), name),
+                   name);
     });
 }
 

@@ -123,6 +123,18 @@ Outcome<Entry> MountedVolume::createLink(Node& directory, std::string_view name,
                 [&] { return volume_.createSymbolicLink(directory.item, name, target); });
 }
 
+Outcome<Entry> MountedVolume::createHardLink(const Node& file, Node& directory,
+                                             std::string_view name) {
+    // Its name in the orphan directory, or the one that is about to go, would be what is linked.
+    if (orphans_.contains(file.id)) {
+        return fs_errorForPOSIXError(kENOENT);
+    }
+    return make(directory, name, [&]() -> Outcome<Found> {
+        const auto linked = volume_.linkInternal(file.item, directory.item, name);
+        return linked ? volume_.lookup(directory.item, name) : linked.error();
+    });
+}
+
 // Corrects what only this host knows: link text sizes, the link count of unlinked open files, and
 // the times of directories whose files are unlinked and not yet removed.
 Outcome<fskit::FSItemAttributes> MountedVolume::adjusted(const Node& node,

@@ -54,6 +54,9 @@ class MountedVolume {
     void forget(uint64_t number, uint64_t counts);
     Outcome<Entry> create(Node& directory, std::string_view name, fskit::FSItemType type);
     Outcome<Entry> createLink(Node& directory, std::string_view name, std::string_view target);
+    /// Gives a file one more name. kENOENT for a file whose last name is gone, kEPERM for a
+    /// directory.
+    Outcome<Entry> createHardLink(const Node& file, Node& directory, std::string_view name);
     Outcome<void> removeFile(Node& directory, std::string_view name);
     Outcome<void> removeDirectory(Node& directory, std::string_view name);
     /// With `mayReplace` false an existing new name is kEEXIST.
