@@ -12,10 +12,6 @@ namespace {
 using Kind = ReparseItem::Kind;
 namespace fs = std::filesystem;
 
-int errorOf(bool succeeded) {
-    return succeeded ? 0 : errno;
-}
-
 class MountedReparseItems : public MountTest {
   protected:
     void SetUp() override {
@@ -44,9 +40,9 @@ TEST_F(MountedReparseItems, AreReadOrRefused) {
             const int file = open(pathOf(item).c_str(), O_RDWR | O_CLOEXEC);
             ASSERT_GE(file, 0);
             char byte = 0;
-            EXPECT_EQ(errorOf(read(file, &byte, 1) >= 0), EOPNOTSUPP);
-            EXPECT_EQ(errorOf(write(file, "x", 1) >= 0), EOPNOTSUPP);
-            EXPECT_EQ(errorOf(ftruncate(file, 0) == 0), EOPNOTSUPP);
+            EXPECT_EQ(errorOf(static_cast<int>(read(file, &byte, 1))), EOPNOTSUPP);
+            EXPECT_EQ(errorOf(static_cast<int>(write(file, "x", 1))), EOPNOTSUPP);
+            EXPECT_EQ(errorOf(ftruncate(file, 0)), EOPNOTSUPP);
             EXPECT_EQ(fsync(file), 0);
             close(file);
             char note[8] = {};
