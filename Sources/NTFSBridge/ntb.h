@@ -21,7 +21,7 @@
  *      volumes may be used from different threads at the same time. Listing callbacks run inside
  *      the call and must not call the bridge for the same volume.
  *   7. No inode stays open between calls. A change has reached the page cache when its call
- *      returns; ntb_sync, ntb_flush_dirty or ntb_umount carry it to the device.
+ *      returns; ntb_sync or ntb_umount carry it to the device.
  *   8. An operation that fails leaves the volume as it was. Exceptions: the contents of a file that
  *      were to be overwritten may be partly new; and an operation on a volume without a page cache,
  *      or on more than 16 MiB of metadata, may end half-way.
@@ -116,6 +116,15 @@ typedef struct ntb_extent {
  */
 int32_t ntb_log_extents(const ntb_io* io, ntb_extent* extents, uint32_t room, uint32_t* count);
 
+/* The flags of $Volume, of a volume that need not be mounted: bit 0 is the dirty flag, which
+ * drivers set while they write and leave behind when they are cut off. EINVAL when they cannot be
+ * found, else what the device answered. */
+int32_t ntb_volume_flags(const ntb_io* io, uint16_t* flags);
+
+/* Sets the dirty flag, in $Volume's record and its copy, on a volume that is not mounted. Does not
+ * sync. Results as above. */
+int32_t ntb_mark_dirty(const ntb_io* io);
+
 /*
  * Mounts. NULL with *error set on failure: EINVAL not NTFS, ENOMEM, EPERM hibernated or fast
  * started (read-write only), EROFS, or whatever the device or library answered. A read-write mount
@@ -131,8 +140,8 @@ int32_t ntb_umount(ntb_vol* vol);
    request. */
 int32_t ntb_sync(ntb_vol* vol);
 
-/* As ntb_sync when there are dirty pages, else nothing at all: meant for a periodic timer. */
-int32_t ntb_flush_dirty(ntb_vol* vol);
+/* 1 when something was written since the last sync that succeeded. */
+int32_t ntb_is_dirty(const ntb_vol* vol);
 
 /* 1 when files have given clusters back since the last sync that succeeded. Should the device lose
    what was written since, the files have them again. */

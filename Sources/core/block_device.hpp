@@ -36,6 +36,11 @@ class BlockDevice {
         std::uint64_t capacity = 0;
     };
     [[nodiscard]] virtual Backlog backlog() const noexcept { return {}; }
+    /// Whether other systems find the device as if nothing of ours had ever waited on it.
+    [[nodiscard]] virtual bool isSettled() const noexcept { return true; }
+    /// Brings that about: called when a volume has been idle for a while. After an error it is
+    /// called again.
+    [[nodiscard]] virtual std::int32_t settle() noexcept { return 0; }
     /// While on, large writes are the content of a file and need not wait with the others. By their
     /// length alone they could also be what a cache writes back in long runs: whoever turns this on
     /// sees to it that no cache has cause to, and that they go nowhere where, without what waits,

@@ -91,10 +91,15 @@ void NTFSVolume::startAutoFlush(double interval) {
 
 void NTFSVolume::flushTick() noexcept {
     const MutexLock held(lock_);
-    if (vol_ != nullptr) {
-        // A failure is left to the next tick; the device has reported it already.
-        static_cast<void>(box_.device->backlog().pages > 0 ? ntb_sync(vol_)
-                                                           : ntb_flush_dirty(vol_));
+    if (vol_ == nullptr) {
+        return;
+    }
+    // A failure is left to the next tick; the device has reported it already.
+    if (box_.device->backlog().pages > 0 || ntb_is_dirty(vol_) != 0) {
+        static_cast<void>(ntb_sync(vol_));
+    } else if (!box_.device->isSettled()) {
+        // Nothing has changed since the tick before.
+        static_cast<void>(box_.device->settle());
     }
 }
 

@@ -152,8 +152,10 @@ class Load {
         if (options_.noCheck || device.recovered() > 0 || !check::isMarkedDirty(device)) {
             return true;
         }
-        check::GateVerdict verdict =
-            check::judgeForWriting(device, "was marked dirty by another system", kGateTime);
+        check::GateVerdict verdict = check::judgeForWriting(
+            device,
+            device.wasRefused() ? JournaledDevice::kRefusal : "was marked dirty by another system",
+            kGateTime);
         log().info(fmt::format("load: {}", verdict.message));
         if (!verdict.mayWrite) {
             refusalToWrite_ = std::move(verdict.message);
@@ -164,10 +166,14 @@ class Load {
     /// Without one the volume works all the same.
     static void beginJournal(JournaledDevice& device, NTFSVolume& volume) {
         try {
-            volume
-                .sync(); // the mount may have emptied $LogFile, which is the journal's from now on
+            // The mount may have emptied $LogFile, which is the journal's from now on.
+            volume.sync();
             if (const std::int32_t error = device.begin(); error != 0) {
                 throw NTFSError(fromHost(error));
+            }
+            if (device.absence() != JournalAbsence::none) {
+                log().error(
+                    fmt::format("load: works without a journal: {}", describe(device.absence())));
             }
         } catch (const std::exception& error) {
             log().error(fmt::format("load: works without a journal: {}", error.what()));

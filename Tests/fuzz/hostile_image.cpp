@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <zlib.h>
 
 namespace tavelin::test {
 
@@ -16,7 +15,8 @@ constexpr std::size_t kSector = 512;
 constexpr std::size_t kRecord = 1024;      // bytes of a file record, as mkntfs makes them
 constexpr std::size_t kBlock = 4096;       // of an index, and a page of a journal
 constexpr std::size_t kMirrored = 4;       // records
-constexpr std::size_t kJournalHeader = 40; // bytes, before the list of pages
+constexpr std::size_t kJournalHeader = 48; // bytes, before the list of pages
+constexpr std::size_t kJournalEntry = 72;
 constexpr std::size_t kAtChecksum = 8;
 constexpr unsigned kKinds = 5;
 
@@ -169,20 +169,15 @@ JournalRecord journalRecord(const Bytes& image, std::size_t at) {
     return JournalRecord::parse(&image[at]).value_or(JournalRecord{});
 }
 
-// Gives a journal's record the checksum it should have; one that leaves the disk has none.
+// Gives a journal's record the checksum that its header should have; one that leaves the disk has
+// none.
 void seal(Bytes& image, std::size_t at) {
-    const JournalRecord record = journalRecord(image, at);
-    const std::size_t pages = JournalRecord::length(record.pages);
+    const std::size_t pages = JournalRecord::headerPages(journalRecord(image, at).pages);
     if (pages > (image.size() - at) / kBlock) {
         return;
     }
-    Bytes whole(&image[at], &image[at] + pages * kBlock);
-    for (std::size_t page = JournalRecord::headerPages(record.pages); page < pages; page++) {
-        record.escape(&whole[page * kBlock]);
-    }
-    std::memset(&whole[kAtChecksum], 0, sizeof(std::uint32_t));
-    const auto sum = static_cast<std::uint32_t>(
-        crc32_z(0, reinterpret_cast<const Bytef*>(whole.data()), whole.size()));
+    std::memset(&image[at + kAtChecksum], 0, sizeof(std::uint32_t));
+    const std::uint32_t sum = crc32c(&image[at], pages * kBlock);
     std::memcpy(&image[at + kAtChecksum], &sum, sizeof sum);
 }
 
@@ -223,7 +218,8 @@ void apply(Bytes& image, const Bytes& seed, const Change& change) {
         const auto records = blocksOf(image, "TavelinJ");
         if (!records.empty()) {
             const std::size_t record = records[change.number % records.size()];
-            const std::size_t list = 8 * std::size_t{journalRecord(image, record).pages};
+            const std::size_t list =
+                kJournalEntry * std::size_t{journalRecord(image, record).pages};
             changeBytes(image, record, std::min(kJournalHeader + list, kBlock), change);
             seal(image, record);
         }

@@ -6,9 +6,14 @@
 /// Windows's at all of these: where it finds ours it takes the file for a damaged one and blanks
 /// it before it writes to the volume, so no record outlives a change that it does not know of.
 ///
-/// Records count from the first on for as long as they are whole and their numbers follow each
-/// other. The first one's header is therefore what makes them all count: it is blanked, and the
-/// device synchronised, before anything else of them is.
+/// Records are valid from the first on for as long as they are whole and their numbers follow each
+/// other. The first one's header is therefore what makes them all valid. To start over, it gives
+/// way to a record without pages, one sector that arrives as a whole, and the device is
+/// synchronised before anything else of the records is touched.
+///
+/// A session begins with the first record and ends with all of the file blank: in between the
+/// volume is busy, outside of it any system finds it as if there had never been a journal. The
+/// header goes last, so that an end that was cut off is seen and made up for by the next mount.
 ///
 /// Results are 0, an errno of the device, or ENOMEM. Used under whatever serialises the device.
 #pragma once
@@ -17,12 +22,21 @@
 
 namespace tavelin {
 
+/// What valid records say of the device's pages.
+struct JournaledPages {
+    PageMap content; ///< each page as the last record has it
+    /// By page, what a home location may have without anybody else having written to it: what was
+    /// there before each record, and what the record put there.
+    std::map<std::uint64_t, std::vector<SectorSums>> expected;
+};
+
 class Journal {
   public:
     /// 0 with nothing found where the volume has no $LogFile for it: see LogFile, and one of less
     /// than 192 KiB.
     [[nodiscard]] static std::int32_t find(const std::shared_ptr<BlockDevice>& device,
-                                           std::optional<Journal>& found) noexcept;
+                                           std::optional<Journal>& found,
+                                           JournalAbsence& absence) noexcept;
 
     /// Pages that a record can carry at most.
     [[nodiscard]] std::uint64_t capacity() const noexcept { return capacity_; }
@@ -37,20 +51,26 @@ class Journal {
         log_.showBlank(destination, offset, length);
     }
 
-    /// The pages of all records that count, each as the last one has it. Adds to `pages`.
-    [[nodiscard]] std::int32_t readPending(PageMap& pages) const noexcept {
-        return readRecords(end_, pages);
-    }
-    /// The same of those that were accepted since begin(): one that was not may have reached the
-    /// device without the device having promised to keep it.
-    [[nodiscard]] std::int32_t readAccepted(PageMap& pages) const noexcept {
-        return readRecords(position_, pages);
-    }
+    /// The pages of all valid records of a former session, which then goes on: isBegun(). A record
+    /// that cannot be read is not valid.
+    [[nodiscard]] std::int32_t readPending(JournaledPages& pages) noexcept;
+    /// Whether readPending met a sector that cannot be read.
+    [[nodiscard]] bool isUnreadable() const noexcept { return isUnreadable_; }
+    /// For a journal that cannot be read, or not be ended: overwrites as much as can be. EIO when
+    /// records that are valid remain.
+    [[nodiscard]] std::int32_t makeInvalid() noexcept;
+    /// The pages of the records that this session committed. One that it did not commit may have
+    /// reached the device without the device having promised to keep it.
+    [[nodiscard]] std::int32_t readCommitted(PageMap& pages) noexcept;
 
-    /// Begins a session; blanks $LogFile unless it is. Nothing in it may count any more: its
-    /// pending pages are in place, and the volume is mounted for writing, which the library allows
-    /// only when Windows needs nothing of its journal.
+    /// Finds out whether something of another system's stands in $LogFile, which begin() then takes
+    /// away. The volume is mounted for writing, which the library allows only when Windows needs
+    /// nothing of its journal. Writes nothing.
+    [[nodiscard]] std::int32_t inspect() noexcept;
+
+    /// Begins a session, unless one is under way.
     [[nodiscard]] std::int32_t begin() noexcept;
+    [[nodiscard]] bool isBegun() const noexcept { return isBegun_; }
 
     /// Whether a record of so many pages can follow the last one: never after a reset() that
     /// failed, which may have taken away what it would follow.
@@ -58,38 +78,45 @@ class Journal {
         return !isStartingOver_ &&
                position_ + JournalRecord::length(pages) * LogFile::kPage <= end_;
     }
-    /// Writes a record of the first pages of `content`, which fits. It does not count before the
-    /// device is synchronised; commit() then makes the next one follow it. Without that the next
-    /// one takes its place.
-    [[nodiscard]] std::int32_t append(const PageMap& content, std::uint64_t pages) noexcept;
+    /// Writes a record of the pages of `content`, which `entries` describes; it fits. It is not
+    /// sure to be valid before the device is synchronised; commit() then makes the next one follow
+    /// it. Without that the next one takes its place.
+    [[nodiscard]] std::int32_t append(const PageMap& content,
+                                      std::span<const JournalEntry> entries) noexcept;
     void commit() noexcept;
 
-    /// No record counts any more, and the next one is the first. Every page must be in place and
-    /// the device synchronised; it is again when this returns.
+    /// No record is valid any more, and the next one is the first. Every page must be home and the
+    /// device synchronised; it is again when this returns.
     [[nodiscard]] std::int32_t reset() noexcept;
-    /// After reset(): leaves $LogFile as begin() found or made it.
-    [[nodiscard]] std::int32_t makeBlank() noexcept;
-    /// The same for whatever a former session left.
-    [[nodiscard]] std::int32_t makeAllBlank() noexcept;
+    /// The same, and leaves $LogFile blank and synchronised: the session is over. After an error it
+    /// goes on.
+    [[nodiscard]] std::int32_t end() noexcept;
 
     /// In builds with assertions: stops the process where positions and limits contradict.
     void checkInvariants() const noexcept;
 
-    /// Whether there has been a record since begin() or makeBlank().
-    [[nodiscard]] bool isUsed() const noexcept { return used_ > kBegin; }
-
   private:
     static constexpr std::uint64_t kPage = LogFile::kPage;
     static constexpr std::uint64_t kBegin = 64u << 10; ///< bytes in $LogFile, a power of two
-    static constexpr std::uint64_t kLeast = 128u << 10;
-    static constexpr std::uint64_t kMost = 32u << 20; ///< bytes of records
+    static constexpr std::uint64_t kRecordBytesMin = 128u << 10;
+    static constexpr std::uint64_t kRecordBytesMax = 32u << 20;
+    static_assert((kBegin & (kBegin - 1)) == 0, "every driver looks at powers of two");
 
     Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t serial);
 
-    [[nodiscard]] std::int32_t readRecords(std::uint64_t end, PageMap& pages) const noexcept;
-    /// Adds the record at `position` and moves on behind it; false when it does not count.
-    [[nodiscard]] std::int32_t readRecord(std::uint64_t& position, JournalRecord& last,
-                                          PageMap& pages, bool& counts) const;
+    using LastRecord = std::optional<JournalRecord>;
+    struct Found {
+        JournalRecord record;
+        std::optional<std::vector<JournalEntry>> entries; ///< absent: no valid record is there
+        std::vector<std::byte> bytes;
+    };
+    [[nodiscard]] std::int32_t readRecord(std::uint64_t position, const LastRecord& last,
+                                          Found& found);
+    /// Reads up to `end`; `position` is then where the last valid record ends.
+    [[nodiscard]] std::int32_t readRecords(std::uint64_t end, JournaledPages& pages,
+                                           LastRecord& last, std::uint64_t& position);
+    [[nodiscard]] std::int32_t blankAll() noexcept;
+    [[nodiscard]] std::uint64_t headerBlock() const noexcept;
 
     std::shared_ptr<BlockDevice> device_;
     LogFile log_;
@@ -99,9 +126,12 @@ class Journal {
     std::uint64_t session_ = 0;
     std::uint64_t sequence_ = 1;      ///< of the next record
     std::uint64_t position_ = kBegin; ///< of the next record, bytes in $LogFile
+    bool isBegun_ = false;
     bool isStartingOver_ = false;
-    std::uint64_t appended_ = 0;  ///< bytes of the record that awaits commit()
-    std::uint64_t used_ = kBegin; ///< where the furthest record of the session ends
+    bool isUnreadable_ = false;
+    bool hasForeignContent_ = false; ///< what this session did not write stands in the file
+    std::uint64_t appended_ = 0;     ///< bytes of the record that awaits commit()
+    std::uint64_t used_ = kBegin;    ///< where the furthest record of the session ends
 };
 
 } // namespace tavelin

@@ -1,21 +1,28 @@
 #include "core/journal/journal_record.hpp"
 
+#include "platform/assert.hpp"
+
 #include <algorithm>
 #include <cstring>
-#include <zlib.h>
 
 namespace tavelin {
 
 namespace {
 
 constexpr char kMagic[] = {'T', 'a', 'v', 'e', 'l', 'i', 'n', 'J'};
+constexpr std::uint32_t kFormatVersion = 2;
 constexpr std::uint64_t kAtChecksum = 8;
-constexpr std::uint64_t kAtCount = 12;
-constexpr std::uint64_t kAtSerial = 16;
-constexpr std::uint64_t kAtSession = 24;
-constexpr std::uint64_t kAtSequence = 32;
-constexpr std::uint64_t kAtList = 40;
-constexpr std::uint64_t kNumber = sizeof(std::uint64_t);
+constexpr std::uint64_t kAtVersion = 12;
+constexpr std::uint64_t kAtCount = 16;
+constexpr std::uint64_t kAtFlags = 20;
+constexpr std::uint64_t kAtSerial = 24;
+constexpr std::uint64_t kAtSession = 32;
+constexpr std::uint64_t kAtSequence = 40;
+constexpr std::uint64_t kAtList = 48;
+constexpr std::uint64_t kSumBytes = sizeof(std::uint32_t);
+constexpr std::uint64_t kEntryBytes = 8 + 2 * kSectorsPerPage * kSumBytes;
+static_assert(kEntryBytes == 72, "as docs/journal-format.md has it");
+static_assert(kAtList <= kSectorBytes, "the header of a record without pages is one sector");
 
 void put(std::byte* to, std::uint64_t number, unsigned size) noexcept {
     for (unsigned i = 0; i < size; ++i) {
@@ -31,70 +38,91 @@ std::uint64_t get(const std::byte* from, unsigned size) noexcept {
     return number;
 }
 
-std::uint32_t continued(std::uint32_t checksum, const std::byte* bytes,
-                        std::uint64_t length) noexcept {
-    return static_cast<std::uint32_t>(
-        crc32_z(checksum, reinterpret_cast<const Bytef*>(bytes), length));
+std::byte* putSums(std::byte* to, const SectorSums& sums) noexcept {
+    for (const std::uint32_t sum : sums) {
+        put(to, sum, kSumBytes);
+        to += kSumBytes;
+    }
+    return to;
+}
+
+SectorSums getSums(const std::byte* from) noexcept {
+    SectorSums sums{};
+    for (std::uint32_t& sum : sums) {
+        sum = static_cast<std::uint32_t>(get(from, kSumBytes));
+        from += kSumBytes;
+    }
+    return sums;
+}
+
+JournalEntry entryAt(const std::byte* header, std::uint64_t index) noexcept {
+    const std::byte* const entry = header + kAtList + index * kEntryBytes;
+    return {.page = get(entry, 8),
+            .before = getSums(entry + 8),
+            .after = getSums(entry + 8 + kSectorsPerPage * kSumBytes)};
 }
 
 } // namespace
 
-std::uint64_t JournalRecord::headerPages(std::uint64_t pages) noexcept {
-    return (kAtList + pages * kNumber + LogFile::kPage - 1) / LogFile::kPage;
+std::uint64_t JournalRecord::headerBytes(std::uint64_t pages) noexcept {
+    return kAtList + pages * kEntryBytes;
 }
 
 std::optional<JournalRecord> JournalRecord::parse(const std::byte* header) noexcept {
-    if (std::memcmp(header, kMagic, sizeof kMagic) != 0) {
+    if (std::memcmp(header, kMagic, sizeof kMagic) != 0 ||
+        get(header + kAtVersion, 4) != kFormatVersion) {
         return std::nullopt;
     }
     return JournalRecord{.pages = static_cast<std::uint32_t>(get(header + kAtCount, 4)),
+                         .flags = static_cast<std::uint32_t>(get(header + kAtFlags, 4)),
                          .serial = get(header + kAtSerial, 8),
                          .session = get(header + kAtSession, 8),
                          .sequence = get(header + kAtSequence, 8),
                          .checksum = static_cast<std::uint32_t>(get(header + kAtChecksum, 4))};
 }
 
-std::vector<std::byte> JournalRecord::encode(const PageMap& content) const {
+std::vector<std::byte> JournalRecord::encode(std::span<const JournalEntry> entries) const {
+    TAVELIN_ASSERT(entries.size() == pages);
     std::vector<std::byte> header(headerPages(pages) * LogFile::kPage);
     std::memcpy(header.data(), kMagic, sizeof kMagic);
+    put(header.data() + kAtVersion, kFormatVersion, 4);
     put(header.data() + kAtCount, pages, 4);
+    put(header.data() + kAtFlags, flags, 4);
     put(header.data() + kAtSerial, serial, 8);
     put(header.data() + kAtSession, session, 8);
     put(header.data() + kAtSequence, sequence, 8);
-    std::byte* entry = header.data() + kAtList;
-    auto page = content.begin();
-    for (std::uint32_t i = 0; i < pages; ++i, ++page, entry += kNumber) {
-        put(entry, page->first, 8);
+    std::byte* at = header.data() + kAtList;
+    for (const JournalEntry& entry : entries) {
+        put(at, entry.page, 8);
+        at = putSums(putSums(at + 8, entry.before), entry.after);
     }
-    std::uint32_t sum = continued(0, header.data(), header.size());
-    page = content.begin();
-    for (std::uint32_t i = 0; i < pages; ++i, ++page) {
-        sum = continued(sum, page->second->data(), LogFile::kPage);
-    }
-    put(header.data() + kAtChecksum, sum, 4);
+    // The content needs no checksum of its own: those in the list are of all of it, and this one
+    // is of the list.
+    put(header.data() + kAtChecksum, crc32c(header.data(), headerBytes(pages)), 4);
     return header;
 }
 
-bool JournalRecord::decode(std::span<std::byte> whole, std::uint64_t pageCount) const noexcept {
+std::optional<std::vector<JournalEntry>> JournalRecord::decode(std::span<std::byte> whole,
+                                                               std::uint64_t pageCount) const {
     const std::uint64_t start = headerPages(pages) * LogFile::kPage;
-    for (std::uint64_t at = start; at < whole.size(); at += LogFile::kPage) {
-        escape(whole.data() + at);
-    }
+    TAVELIN_ASSERT(whole.size() == start + pages * LogFile::kPage);
     put(whole.data() + kAtChecksum, 0, 4);
-    if (continued(0, whole.data(), whole.size()) != checksum) {
-        return false;
+    if (crc32c(whole.data(), headerBytes(pages)) != checksum) {
+        return std::nullopt;
     }
+    std::vector<JournalEntry> entries;
+    entries.reserve(pages);
     for (std::uint64_t i = 0; i < pages; ++i) {
-        const std::uint64_t page = pageNumber(whole.data(), i);
-        if (page >= pageCount || (i > 0 && page <= pageNumber(whole.data(), i - 1))) {
-            return false;
+        std::byte* const content = whole.data() + start + i * LogFile::kPage;
+        escape(content);
+        const JournalEntry entry = entryAt(whole.data(), i);
+        const bool isAscending = i == 0 || entry.page > entries.back().page;
+        if (entry.page >= pageCount || !isAscending || sectorSums(content) != entry.after) {
+            return std::nullopt;
         }
+        entries.push_back(entry);
     }
-    return true;
-}
-
-std::uint64_t JournalRecord::pageNumber(const std::byte* header, std::uint64_t index) noexcept {
-    return get(header + kAtList + index * kNumber, 8);
+    return entries;
 }
 
 void JournalRecord::escape(std::byte* content) const noexcept {

@@ -11,6 +11,14 @@
 /// of the device, but only then. A page that the journal has goes through it again, or its old
 /// content would come back over the new.
 ///
+/// The journal is begun by the first sync that has something to write and ended by settle(), when
+/// the volume has been idle: a device that is pulled out then has nothing of ours in $LogFile, and
+/// a mount that changes nothing writes nothing.
+///
+/// A replay replaces nothing that another system has written since. Every sector that the records
+/// would replace must be as one of them found it or left it, or be unreadable. Otherwise nothing is
+/// replayed, the volume is marked dirty (as it may hold half a flush) and the journal is voided.
+///
 /// What this cannot do: a sync of more pages than the journal has capacity for is done in parts,
 /// each whole by itself. Nor does it know what was freed since the last sync and belongs to its
 /// former owner again after a cut: whoever expects file data keeps it from there.
@@ -24,10 +32,12 @@
 #pragma once
 
 #include "core/block_device.hpp"
+#include "core/journal/home_sums.hpp"
 #include "core/journal/journal.hpp"
 
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace tavelin {
 
@@ -37,17 +47,28 @@ class JournaledDevice final : public BlockDevice {
     explicit JournaledDevice(std::shared_ptr<BlockDevice> inner) : inner_(std::move(inner)) {}
 
     /// Carries to its end what a power cut interrupted: writes it to the device, or, when that is
-    /// only to be read, lets reads see it. Then errors of the device are not answered either.
+    /// only to be read, lets reads see it. Then errors of the device are not answered either, and
+    /// nothing at all is written. A refusal is no error: it is logged, and booked as the event
+    /// "journal_refused".
     [[nodiscard]] std::int32_t replay(bool readOnly) noexcept;
-    /// Pages that the last replay() found.
+    /// Pages that the last replay() found and made, or shows as, part of the volume.
     [[nodiscard]] std::uint64_t recovered() const noexcept { return recovered_; }
+    /// Whether the last replay() left out what it found, because another system has written to the
+    /// same places since.
+    [[nodiscard]] bool wasRefused() const noexcept { return wasRefused_; }
+    /// Completes "The volume …" after a refusal.
+    static constexpr const char* kRefusal =
+        "was written to by another system after its last use here had been cut short, so the "
+        "changes of the last moments before that were left out";
+    /// Why there is no journal; none where there is one.
+    [[nodiscard]] JournalAbsence absence() const noexcept { return absence_; }
 
     /// From now on writes wait for sync(). The volume has been opened for writing and its
-    /// $LogFile is ours. Without a usable one, and after an error, all stays as it was.
+    /// $LogFile is ours. Writes nothing. Without a usable one, and after an error, all stays as it
+    /// was.
     [[nodiscard]] std::int32_t begin() noexcept;
 
-    /// Syncs and leaves $LogFile blank, for other systems to find it so; nothing waits any more.
-    /// After an error the journal is left for the next mount.
+    /// settle(), and nothing waits any more. After an error the journal is left for the next mount.
     [[nodiscard]] std::int32_t close() noexcept;
 
     [[nodiscard]] std::uint64_t size() const noexcept override { return inner_->size(); }
@@ -58,35 +79,58 @@ class JournaledDevice final : public BlockDevice {
                                      std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t sync() noexcept override;
     [[nodiscard]] Backlog backlog() const noexcept override;
+    [[nodiscard]] bool isSettled() const noexcept override;
+    /// Syncs and leaves $LogFile blank, for other systems to find it so.
+    [[nodiscard]] std::int32_t settle() noexcept override;
     void expectBulkData(bool on) noexcept override { hasFileData_ = on; }
     void checkInvariants() const noexcept override;
 
   private:
     static constexpr std::uint64_t kPage = LogFile::kPage;
 
-    [[nodiscard]] std::uint64_t lengthOf(std::uint64_t page) const noexcept;
+    void startOver() noexcept;
+    /// Ends a journal that has just been replayed, or was found unreadable.
+    [[nodiscard]] std::int32_t endReplayed() noexcept;
+    /// Marks the volume dirty and leaves no record valid.
+    [[nodiscard]] std::int32_t refuse(std::uint64_t page, bool readOnly) noexcept;
+
+    /// Reads around $LogFile, which shows as blank.
+    [[nodiscard]] std::int32_t readWithoutLog(std::byte* destination, std::uint64_t offset,
+                                              std::uint64_t length) noexcept;
     /// The first page from `page` on that waits or that the journal has.
     [[nodiscard]] std::uint64_t nextJournaled(std::uint64_t page) const noexcept;
     [[nodiscard]] std::int32_t buffer(const std::byte* source, std::uint64_t offset,
                                       std::uint64_t length) noexcept;
-    [[nodiscard]] std::int32_t holdPart(std::uint64_t page, const std::byte* source,
-                                        std::uint64_t inPage, std::uint64_t length);
+    [[nodiscard]] std::int32_t bufferPart(std::uint64_t page, const std::byte* source,
+                                          std::uint64_t inPage, std::uint64_t length);
     [[nodiscard]] std::int32_t commit() noexcept;
-    /// Writes the first `count` pages where they belong.
-    [[nodiscard]] std::int32_t writeHome(const PageMap& pages, std::uint64_t count) noexcept;
+    /// Lists what waits, with the checksums of what it will replace and of itself.
+    [[nodiscard]] std::int32_t describePending(std::vector<JournalEntry>& entries);
+    /// Reads the home locations of the entries from `first` on that `isKnown` has not, in runs.
+    [[nodiscard]] std::int32_t sumHome(std::vector<JournalEntry>& entries,
+                                       const std::vector<bool>& isKnown);
+    /// Writes pages where they belong. Those that were written in part are forgotten.
+    [[nodiscard]] std::int32_t writeHome(const PageMap& pages) noexcept;
     [[nodiscard]] std::int32_t reset() noexcept;
 
     const std::shared_ptr<BlockDevice> inner_;
     std::optional<Journal> journal_;
+    JournalAbsence absence_ = JournalAbsence::none;
     bool isOn_ = false;
+    bool hidesLog_ = false; ///< $LogFile cannot be read and is shown as blank
     bool hasFileData_ = false;
     bool hasGoneAhead_ = false; ///< file data was written since the device last synced
     PageMap pending_;           ///< waiting for sync(), or, without begin(), seen by reads only
-    PageMap inJournal_;         ///< no content: pages of records that count, and that are in place
-    /// A record counts of which not every page is in place: writing them failed. All of them are
-    /// held, some perhaps with newer content.
+    /// Pages that valid records have and that are home, or pending too; what the last of the
+    /// records made them.
+    std::map<std::uint64_t, SectorSums> inJournal_;
+    HomeSums sums_;
+    /// A committed record is not fully home because a home write failed. All its pages are still
+    /// pending, possibly with newer content.
     bool checkpointPending_ = false;
+    bool readsSectors_ = false; ///< the home of a pending page could not be read at the last sync
     std::uint64_t recovered_ = 0;
+    bool wasRefused_ = false;
 };
 
 } // namespace tavelin

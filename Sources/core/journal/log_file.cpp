@@ -1,6 +1,7 @@
 #include "core/journal/log_file.hpp"
 
 #include "core/device_box.hpp"
+#include "platform/assert.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -25,8 +26,27 @@ LogFile::LogFile(std::shared_ptr<BlockDevice> device, std::vector<ntb_extent> ex
     }
 }
 
+const char* describe(JournalAbsence absence) noexcept {
+    switch (absence) {
+    case JournalAbsence::none:
+        break;
+    case JournalAbsence::notPlain:
+        return "$LogFile is missing, damaged or not in a few plain pieces";
+    case JournalAbsence::unaligned:
+        return "$LogFile shares 4096-byte pages of the device with other files";
+    case JournalAbsence::largeBlocks:
+        return "the device has blocks of more than 4096 bytes";
+    case JournalAbsence::tooSmall:
+        return "$LogFile is smaller than 192 KiB";
+    case JournalAbsence::unreadable:
+        return "a sector of $LogFile can be neither read nor written";
+    }
+    return "";
+}
+
 std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
-                           std::optional<LogFile>& found) noexcept {
+                           std::optional<LogFile>& found, JournalAbsence& absence) noexcept {
+    absence = JournalAbsence::notPlain;
     try {
         DeviceBox box(device);
         const ntb_io io = makeIO(box);
@@ -40,7 +60,12 @@ std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
         const bool isAligned = std::all_of(extents.begin(), extents.end(), [](const auto& extent) {
             return extent.offset % kPage == 0 && extent.length % kPage == 0;
         });
-        if (isAligned && kPage % device->blockSize() == 0) {
+        if (kPage % device->blockSize() != 0) {
+            absence = JournalAbsence::largeBlocks;
+        } else if (!isAligned) {
+            absence = JournalAbsence::unaligned;
+        } else {
+            absence = JournalAbsence::none;
             found = LogFile(device, std::move(extents));
         }
         return 0;
@@ -70,24 +95,47 @@ std::int32_t LogFile::eachPiece(std::uint64_t offset, std::uint64_t length,
 
 std::int32_t LogFile::read(std::byte* destination, std::uint64_t offset,
                            std::uint64_t length) const noexcept {
+    TAVELIN_ASSERT(offset % device_->blockSize() == 0 && length % device_->blockSize() == 0);
     return eachPiece(offset, length, [&](auto done, auto place, auto count) {
-        return device_->read(destination + done, place, count);
+        const std::int32_t error = device_->read(destination + done, place, count);
+        return error == EIO ? device_->read(destination + done, place, count) : error;
     });
 }
 
 std::int32_t LogFile::write(const std::byte* source, std::uint64_t offset,
                             std::uint64_t length) noexcept {
+    TAVELIN_ASSERT(offset % device_->blockSize() == 0 && length % device_->blockSize() == 0);
     return eachPiece(offset, length, [&](auto done, auto place, auto count) {
         return device_->write(source + done, place, count);
     });
 }
 
-std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blank) const noexcept {
+std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blank,
+                              bool& lost) const noexcept {
+    const auto isAllBlank = [](const std::vector<std::byte>& bytes) {
+        return std::all_of(bytes.begin(), bytes.end(), [](std::byte b) { return b == kBlank; });
+    };
+    lost = false;
     try {
         std::vector<std::byte> found(end - begin);
-        const std::int32_t error = read(found.data(), begin, found.size());
-        blank = std::all_of(found.begin(), found.end(), [](std::byte b) { return b == kBlank; });
-        return error;
+        if (const std::int32_t error = read(found.data(), begin, found.size()); error != EIO) {
+            blank = isAllBlank(found);
+            return error;
+        }
+        lost = true;
+        bool isAnyRead = false;
+        blank = true;
+        found.resize(kPage);
+        for (std::uint64_t at = begin; at < end; at += kPage) {
+            const std::int32_t error = read(found.data(), at, kPage);
+            if (error != 0 && error != EIO) {
+                return error;
+            }
+            isAnyRead = isAnyRead || error == 0;
+            blank = blank && (error == EIO || isAllBlank(found));
+        }
+        blank = blank && isAnyRead;
+        return 0;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
@@ -95,6 +143,7 @@ std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blan
 
 std::int32_t LogFile::makeBlank(std::uint64_t begin, std::uint64_t end) noexcept {
     try {
+        TAVELIN_ASSERT(begin <= end && end <= size_);
         const std::vector<std::byte> blank(std::min(end - begin, kBlankBytesMax), kBlank);
         for (; begin < end; begin += blank.size()) {
             const std::uint64_t count = std::min<std::uint64_t>(end - begin, blank.size());
@@ -105,6 +154,18 @@ std::int32_t LogFile::makeBlank(std::uint64_t begin, std::uint64_t end) noexcept
         return 0;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
+    }
+}
+
+void LogFile::makeBlankWherePossible(std::uint64_t begin, std::uint64_t end) noexcept {
+    for (; begin < end; begin += kBlankBytesMax) {
+        const std::uint64_t last = std::min(end, begin + kBlankBytesMax);
+        if (makeBlank(begin, last) == 0) {
+            continue;
+        }
+        for (std::uint64_t page = begin; page < last; page += kPage) {
+            static_cast<void>(makeBlank(page, page + kPage)); // as far as it goes
+        }
     }
 }
 

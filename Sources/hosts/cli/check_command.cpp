@@ -61,6 +61,9 @@ CheckedImage openForCheck(const std::string& image, const ImagePlace& place) {
         opened.notes.emplace_back("a flush was interrupted: the volume is checked as the next "
                                   "mount will make it from the journal");
     }
+    if (opened.device->wasRefused()) {
+        opened.notes.push_back(fmt::format("the volume {}", JournaledDevice::kRefusal));
+    }
     return opened;
 }
 

@@ -1,0 +1,34 @@
+// The flags of the volume in $VOLUME_INFORMATION, of record 3 ($Volume) and its copy in $MFTMirr,
+// by which NTFS drivers tell each other about a volume's state.
+#pragma once
+
+#include "NTFSBridge/ntb.h"
+
+#include <span>
+
+namespace ntb {
+
+constexpr uint16_t volume_is_dirty = 0x0001;
+constexpr uint16_t volume_resize_log_file = 0x0002;
+constexpr uint16_t volume_upgrade_on_mount = 0x0004;
+constexpr uint16_t volume_repair_object_id = 0x4000;
+constexpr uint16_t volume_modified_by_chkdsk = 0x8000;
+// With any of these set, only Windows may write.
+constexpr uint16_t volume_read_only_flags = 0xc027 & ~volume_is_dirty;
+static_assert((volume_read_only_flags & volume_resize_log_file) != 0 &&
+              (volume_read_only_flags & volume_repair_object_id) != 0 &&
+              (volume_read_only_flags & volume_modified_by_chkdsk) != 0);
+
+// Where $Volume's record and its copy lie on the device, in bytes. 0, EINVAL, or an error of the
+// device.
+[[nodiscard]] int32_t locate_volume_records(const ntb_io& io, ntb_extent (&records)[2]) noexcept;
+
+// The flags in a record as it is on the disk, fixups in place. EINVAL when it is not whole or has
+// none.
+[[nodiscard]] int32_t read_volume_flags(std::span<const uint8_t> record, uint16_t& flags) noexcept;
+
+// Changes the dirty flag in such a record and nothing else. EINVAL as above; also when the flags
+// lie where the fixups are.
+[[nodiscard]] int32_t write_dirty_flag(std::span<uint8_t> record, bool is_dirty) noexcept;
+
+} // namespace ntb

@@ -1,0 +1,143 @@
+// A disk for tests of the journal, and what they say of one.
+#pragma once
+
+#include "core/device_box.hpp"
+#include "core/journal/journaled_device.hpp"
+#include "core/ntfs_volume.hpp"
+#include "crash/recording_resource.hpp"
+#include "support/sample_volume.hpp"
+#include "support/watched_device.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+namespace tavelin::test {
+
+inline constexpr std::uint64_t kPage = LogFile::kPage;
+inline constexpr std::uint64_t kSector = 512;
+
+// A disk that notes what reaches it, and fails on demand.
+class Disk final : public BlockDevice {
+  public:
+    explicit Disk(Bytes content) : image(std::move(content)) {}
+
+    std::uint64_t size() const noexcept override { return image.size(); }
+    std::uint32_t blockSize() const noexcept override { return kSector; }
+    std::int32_t read(std::byte* to, std::uint64_t offset, std::uint64_t length) noexcept override {
+        std::memcpy(to, &image.at(offset), length);
+        const bool isLost = lost.lower_bound(offset / kSector) != lost.end() &&
+                            *lost.lower_bound(offset / kSector) * kSector < offset + length;
+        return isLost ? EIO : failsReads ? trouble() : 0;
+    }
+    std::int32_t write(const std::byte* from, std::uint64_t offset,
+                       std::uint64_t length) noexcept override {
+        const std::int32_t error = trouble();
+        for (std::uint64_t at = offset; at < offset + length; at += kSector) {
+            if (lost.contains(at / kSector) && !isHealing) {
+                return EIO;
+            }
+            lost.erase(at / kSector);
+        }
+        if (error == 0) {
+            std::memcpy(&image.at(offset), from, length);
+            events.push_back({false, offset, Bytes(from, from + length)});
+        }
+        return error;
+    }
+    std::int32_t sync() noexcept override {
+        const std::int32_t error = trouble();
+        if (error == 0) {
+            events.push_back({true, 0, {}});
+        }
+        return error;
+    }
+
+    Backlog backlog() const noexcept override { return {0, room}; }
+
+    Bytes image;
+    std::vector<DiskEvent> events;
+    std::uint64_t room = 0;
+    std::uint64_t callsToFailure = 0; // 1: the next call fails, once; 0: none
+    bool failsReads = true;           // whether reads are among these calls
+    std::set<std::uint64_t> lost;     // sectors that cannot be read
+    bool isHealing = true;            // until they are written
+
+  private:
+    std::int32_t trouble() noexcept {
+        return callsToFailure > 0 && --callsToFailure == 0 ? EIO : 0;
+    }
+};
+
+// An empty volume of 4 MiB, and where things are on it.
+struct Volume {
+    Volume() {
+        const SampleVolume sample({.bytes = 4u << 20});
+        const std::string raw = readFile(sample.image());
+        image.assign(std::as_bytes(std::span(raw)).begin(), std::as_bytes(std::span(raw)).end());
+        DeviceBox box(std::make_shared<Disk>(image));
+        const ntb_io io = makeIO(box);
+        std::uint32_t count = 0;
+        EXPECT_EQ(ntb_log_extents(&io, &log, 1, &count), 0);
+        work = (log.offset + log.length) / kPage; // what follows $LogFile is free
+    }
+    Bytes image;
+    ntb_extent log{};
+    std::uint64_t work = 0; // a page number
+};
+
+inline const Volume& volume() {
+    static const Volume once;
+    return once;
+}
+
+inline std::shared_ptr<JournaledDevice> mounted(const std::shared_ptr<Disk>& disk) {
+    auto device = std::make_shared<JournaledDevice>(disk);
+    EXPECT_EQ(device->replay(false), 0);
+    EXPECT_EQ(device->begin(), 0);
+    return device;
+}
+
+inline Bytes pagesOf(std::uint64_t value, std::uint64_t count) {
+    std::vector<std::uint64_t> numbers(count * kPage / sizeof value, value);
+    const auto bytes = std::as_bytes(std::span(numbers));
+    return {bytes.begin(), bytes.end()};
+}
+
+inline std::uint64_t valueAt(const Bytes& image, std::uint64_t offset) {
+    std::uint64_t value = 0;
+    std::memcpy(&value, &image.at(offset), sizeof value);
+    return value;
+}
+
+// A disk on which a sync of `number`s has reached only the journal.
+inline std::shared_ptr<Disk> interrupted(std::uint64_t number) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    const Bytes content = pagesOf(number, 3);
+    EXPECT_EQ(device->write(content.data(), volume().work * kPage, content.size()), 0);
+    disk->failsReads = false;
+    disk->callsToFailure = 3; // the record, the device's sync, the pages
+    EXPECT_EQ(device->sync(), EIO);
+    return disk;
+}
+
+// A disk with a formatted volume of its own.
+inline std::shared_ptr<Disk> formatted(const VolumeGeometry& geometry) {
+    const std::string raw = readFile(SampleVolume(geometry).image());
+    const auto bytes = std::as_bytes(std::span(raw));
+    return std::make_shared<Disk>(Bytes(bytes.begin(), bytes.end()));
+}
+
+inline std::shared_ptr<NTFSVolume> opened(const std::shared_ptr<JournaledDevice>& device) {
+    EXPECT_EQ(device->replay(false), 0);
+    auto ntfs = NTFSVolume::open(device, false);
+    ntfs->sync();
+    EXPECT_EQ(device->begin(), 0);
+    return ntfs;
+}
+
+} // namespace tavelin::test

@@ -1,0 +1,346 @@
+// What a mount makes of a journal that it finds: completes it, leaves out what another system has
+// overtaken, gets by without what cannot be read.
+#include "core/journal/journal_disk.hpp"
+#include "support/replaced_services.hpp"
+#include "support/run_process.hpp"
+
+#include <fmt/format.h>
+
+#include <functional>
+
+namespace tavelin::test {
+namespace {
+
+constexpr std::uint64_t kRecords = 64u << 10; // where records begin in $LogFile
+
+std::byte& logByte(Disk& disk, std::uint64_t offset) {
+    return disk.image.at(volume().log.offset + offset);
+}
+
+bool isLogBlank(const Disk& disk) {
+    const auto begin = disk.image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset);
+    return std::all_of(begin, begin + static_cast<std::ptrdiff_t>(volume().log.length),
+                       [](std::byte b) { return b == std::byte{0xff}; });
+}
+
+bool isDirty(const std::shared_ptr<Disk>& disk) {
+    DeviceBox box(disk);
+    const ntb_io io = makeIO(box);
+    std::uint16_t flags = 0;
+    EXPECT_EQ(ntb_volume_flags(&io, &flags), 0);
+    return (flags & 1u) != 0;
+}
+
+void writePages(JournaledDevice& device, std::uint64_t number, std::uint64_t page,
+                std::uint64_t count) {
+    const Bytes content = pagesOf(number, count);
+    EXPECT_EQ(device.write(content.data(), (volume().work + page) * kPage, content.size()), 0);
+}
+
+TEST(CRC32C, IsTheSameByInstructionAndByTables) {
+    const std::string_view digits = "123456789";
+    EXPECT_EQ(crc32c(std::as_bytes(std::span(digits)).data(), digits.size()), 0xe3069283u);
+    std::mt19937_64 random(1);
+    Bytes bytes(3 * kPage);
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<std::byte>(random()); });
+    for (int i = 0; i < 200; ++i) {
+        const std::size_t from = random() % kPage;
+        const std::size_t length = random() % 2 == 0 ? random() % 20 : random() % kPage;
+        const auto before = static_cast<std::uint32_t>(random());
+        EXPECT_EQ(crc32c(&bytes[from], length, before),
+                  crc32cByTables(&bytes[from], length, before));
+        const SectorSums sums = sectorSums(&bytes[from]);
+        const std::size_t sector = random() % kSectorsPerPage;
+        EXPECT_EQ(sums[sector], crc32cByTables(&bytes[from + sector * kSector], kSector, 0));
+    }
+}
+
+// Others have been at the volume while a flush of three pages waited in the journal.
+TEST(Replay, LeavesAloneWhatOthersWroteSince) {
+    struct Case {
+        const char* what;
+        std::function<void(Disk&)> neighbour;
+        bool isRefused;
+    };
+    const std::uint64_t place = volume().work * kPage;
+    const auto edit = [](std::uint64_t at) {
+        return [=](Disk& disk) { disk.image.at(at) ^= std::byte{1}; };
+    };
+    const std::vector<Case> cases{
+        {"nobody", [](Disk&) {}, false},
+        {"another page", edit(place - 1), false},
+        {"the next page", edit(place + 3 * kPage), false},
+        {"a home write that was cut off",
+         [&](Disk& disk) {
+             const Bytes content = pagesOf(77, 1);
+             std::copy_n(content.begin(), 3 * kSector,
+                         disk.image.begin() + static_cast<std::ptrdiff_t>(place + kPage));
+         },
+         false},
+        {"a sector that such a write left unreadable",
+         [&](Disk& disk) { disk.lost.insert((place + kPage) / kSector); }, false},
+        {"the first sector of the flush", edit(place), true},
+        {"the last one", edit(place + 3 * kPage - 1), true},
+    };
+    for (const auto& [what, neighbour, isRefused] : cases) {
+        for (const bool readOnly : {true, false}) {
+            const ReplacedServices services;
+            const auto disk = interrupted(77);
+            neighbour(*disk);
+            const Bytes before = disk->image;
+            JournaledDevice device(disk);
+            ASSERT_EQ(device.replay(readOnly), 0) << what;
+            EXPECT_EQ(device.wasRefused(), isRefused) << what;
+            EXPECT_EQ(device.recovered(), isRefused ? 0u : 3u) << what;
+            Bytes seen(3 * kPage);
+            if (isRefused || !readOnly) {
+                ASSERT_EQ(disk->read(seen.data(), place, seen.size()), 0) << what;
+                const auto was = before.begin() + static_cast<std::ptrdiff_t>(place);
+                const Bytes expected = isRefused ? Bytes(was, was + 3 * kPage) : pagesOf(77, 3);
+                EXPECT_TRUE(seen == expected) << what;
+            }
+            if (readOnly) {
+                EXPECT_TRUE(disk->image == before) << what;
+                continue;
+            }
+            EXPECT_EQ(isDirty(disk), isRefused) << what;
+            EXPECT_TRUE(isLogBlank(*disk)) << what;
+            JournaledDevice next(disk);
+            EXPECT_EQ(next.replay(false), 0);
+            EXPECT_FALSE(next.wasRefused()) << "asked about once";
+        }
+    }
+}
+
+// Records that a lap or a session before left behind the valid ones.
+TEST(Replay, StopsAtRecordsThatDoNotFollow) {
+    const std::uint64_t length = JournalRecord::length(1) * kPage;
+    const auto recordAt = [&](const Disk& disk, std::uint64_t index) {
+        const auto from = disk.image.begin() + static_cast<std::ptrdiff_t>(
+                                                   volume().log.offset + kRecords + index * length);
+        return Bytes(from, from + static_cast<std::ptrdiff_t>(length));
+    };
+    const auto threeRecords = [] {
+        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto device = mounted(disk);
+        for (const std::uint64_t page : {0, 2, 4}) {
+            writePages(*device, 5, page, 1);
+            EXPECT_EQ(device->sync(), 0);
+        }
+        return disk;
+    };
+    const auto recovered = [](const Disk& disk) {
+        JournaledDevice device(std::make_shared<Disk>(disk.image));
+        EXPECT_EQ(device.replay(true), 0);
+        return device.recovered();
+    };
+    const auto disk = threeRecords();
+    ASSERT_EQ(recovered(*disk), 3u);
+    const Bytes third = recordAt(*disk, 2);
+    const Bytes other = recordAt(*threeRecords(), 1);
+    for (const Bytes& wrong : {third, other}) {
+        Disk changed(disk->image);
+        std::copy(wrong.begin(), wrong.end(), &logByte(changed, kRecords + length));
+        EXPECT_EQ(recovered(changed), 1u) << "a record that does not follow was taken for the next";
+    }
+}
+
+// The header of a record as a hostile or damaged disk may have it, with the right checksum.
+TEST(Replay, BelievesNoHeaderThatCannotBe) {
+    const std::uint64_t pageCount = volume().image.size() / kPage;
+    struct Case {
+        const char* what;
+        std::vector<std::uint64_t> pages;
+        std::uint32_t count;
+    };
+    const std::vector<Case> cases{
+        {"as it should be", {volume().work, volume().work + 1}, 2},
+        {"a page twice", {volume().work, volume().work}, 2},
+        {"descending", {volume().work + 1, volume().work}, 2},
+        {"behind the end of the device", {volume().work, pageCount}, 2},
+        {"no pages", {volume().work, volume().work + 1}, 0},
+        {"more than $LogFile has", {volume().work, volume().work + 1}, 4000},
+        {"more than there are", {volume().work, volume().work + 1}, UINT32_MAX},
+    };
+    for (const auto& [what, pages, count] : cases) {
+        const auto disk = std::make_shared<Disk>(volume().image);
+        JournalRecord record{
+            .pages = 2, .serial = valueAt(disk->image, 72), .session = 11, .sequence = 1};
+        const Bytes content = pagesOf(66, 1);
+        std::vector<JournalEntry> entries;
+        for (const std::uint64_t page : pages) {
+            const bool isThere = page < pageCount;
+            entries.push_back({page, sectorSums(&disk->image.at(isThere ? page * kPage : 0)),
+                               sectorSums(content.data())});
+        }
+        Bytes whole = record.encode(entries);
+        std::memcpy(&whole[16], &count, sizeof count);
+        std::memset(&whole[8], 0, 4);
+        const std::uint64_t covered = JournalRecord::headerBytes(count);
+        const std::uint32_t sum = crc32c(whole.data(), std::min(covered, whole.size()));
+        std::memcpy(&whole[8], &sum, sizeof sum);
+        for (std::size_t i = 0; i < pages.size(); ++i) {
+            whole.insert(whole.end(), content.begin(), content.end());
+            record.escape(&whole[whole.size() - kPage]);
+        }
+        std::copy(whole.begin(), whole.end(), &logByte(*disk, kRecords));
+        JournaledDevice device(disk);
+        EXPECT_EQ(device.replay(false), 0) << what;
+        EXPECT_EQ(device.recovered(), what == cases[0].what ? 2u : 0u) << what;
+        EXPECT_FALSE(device.wasRefused()) << what;
+    }
+}
+
+TEST(Replay, ShowsNoDriverAPageOfWindowsLog) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    for (const char* const signature : {"RSTR", "RCRD", "CHKD"}) {
+        Bytes page = pagesOf(1, 1);
+        std::memcpy(page.data(), signature, 4);
+        EXPECT_EQ(device->write(page.data(), volume().work * kPage, kPage), 0);
+        EXPECT_EQ(device->sync(), 0);
+        for (std::uint64_t at = 0; at < volume().log.length; at += kPage) {
+            EXPECT_NE(std::memcmp(&logByte(*disk, at), signature, 4), 0) << signature;
+        }
+    }
+}
+
+TEST(Replay, NobodyWritesOverTheJournal) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    const Bytes pages = pagesOf(1, 20);
+    for (const bool isFileData : {false, true}) {
+        device->expectBulkData(isFileData);
+        EXPECT_EQ(device->write(pages.data(), volume().log.offset, pages.size()), EIO);
+        EXPECT_EQ(device->write(pages.data(), volume().log.offset - kPage, pages.size()), EIO);
+    }
+    EXPECT_TRUE(disk->image == volume().image);
+}
+
+// A sector of $LogFile that cannot be read, and is or is not healed by being written.
+TEST(Replay, GetsByWithoutASectorOfTheLog) {
+    struct Case {
+        const char* what;
+        std::uint64_t offset; // in $LogFile
+        std::uint64_t recovered;
+    };
+    const std::vector<Case> cases{
+        {"where Windows would begin a log", 0, 3},
+        {"in the blank part", 20 * kSector, 3},
+        {"the header", kRecords, 0},
+        {"the content", kRecords + 2 * kPage, 0},
+        {"behind the only record", kRecords + 4 * kPage, 3},
+    };
+    for (const auto& [what, offset, recovered] : cases) {
+        for (const bool isHealing : {true, false}) {
+            for (const bool isClean : {false, true}) {
+                if (isClean && !isHealing && offset > kRecords) {
+                    continue; // a mount has no cause to look there
+                }
+                const ReplacedServices services;
+                const auto disk =
+                    isClean ? std::make_shared<Disk>(volume().image) : interrupted(77);
+                disk->lost.insert((volume().log.offset + offset) / kSector);
+                disk->isHealing = isHealing;
+                const auto device = std::make_shared<JournaledDevice>(disk);
+                ASSERT_EQ(device->replay(false), 0) << what;
+                EXPECT_EQ(device->recovered(), isClean ? 0u : recovered) << what;
+                SCOPED_TRACE(fmt::format("{}, healing {}, clean {}", what, isHealing, isClean));
+                const auto ntfs = NTFSVolume::open(device, false);
+                ASSERT_FALSE(ntfs->readOnly()) << what;
+                ASSERT_EQ(device->begin(), 0);
+                ntfs->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
+                ntfs->unmount();
+                EXPECT_EQ(device->close(), 0) << what;
+                disk->lost.clear();
+                JournaledDevice next(disk);
+                ASSERT_EQ(next.replay(false), 0);
+                EXPECT_EQ(next.recovered(), 0u) << what << ": an old flush came back";
+                EXPECT_FALSE(next.wasRefused()) << what;
+                EXPECT_EQ(NTFSVolume::open(disk, true)->list(NTFSVolume::kRootIno).size(), 1u);
+            }
+        }
+    }
+}
+
+// A fault that passes must cost nobody a flush.
+TEST(Replay, TakesNoPassingFaultForALostSector) {
+    for (std::uint64_t call = 1; call < 60; ++call) {
+        const auto disk = interrupted(77);
+        disk->failsReads = true;
+        disk->callsToFailure = call;
+        JournaledDevice device(disk);
+        if (device.replay(false) != 0) {
+            ASSERT_EQ(device.replay(false), 0) << call;
+        }
+        EXPECT_EQ(valueAt(disk->image, volume().work * kPage), 77u) << call;
+        EXPECT_TRUE(isLogBlank(*disk)) << call;
+    }
+}
+
+TEST(Settling, LeavesAnIdleDiskAsOtherSystemsExpectIt) {
+    ReplacedServices services;
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = std::make_shared<JournaledDevice>(disk);
+    const auto ntfs = opened(device);
+    ntfs->startAutoFlush();
+    for (int round = 0; round < 3; ++round) {
+        ntfs->create(std::to_string(round), NTFSVolume::kRootIno, NTFSItemType::file);
+        services.timers().tick(); // flushes
+        EXPECT_FALSE(isLogBlank(*disk)) << "there was no journal at all";
+        EXPECT_FALSE(device->isSettled());
+        services.timers().tick(); // finds nothing new
+        EXPECT_TRUE(isLogBlank(*disk)) << round;
+        EXPECT_TRUE(device->isSettled());
+        EXPECT_TRUE(disk->events.back().flush) << "the blanking was not synced";
+        const TempDirectory directory;
+        const auto image = directory / "image";
+        writeFile(image, std::string(reinterpret_cast<const char*>(disk->image.data()),
+                                     disk->image.size()));
+        EXPECT_EQ(run({"ntfs-3g.probe", "--readwrite", image.string()}).status, 0);
+        const auto events = disk->events.size();
+        services.timers().tick();
+        EXPECT_EQ(disk->events.size(), events) << "and nothing is left to do";
+    }
+    ntfs->unmount();
+    EXPECT_EQ(device->close(), 0);
+}
+
+TEST(Settling, AMountThatChangesNothingWritesNothing) {
+    ReplacedServices services;
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = std::make_shared<JournaledDevice>(disk);
+    const auto ntfs = opened(device);
+    ntfs->startAutoFlush();
+    EXPECT_TRUE(ntfs->list(NTFSVolume::kRootIno).empty());
+    services.timers().tick();
+    services.timers().tick();
+    ntfs->unmount();
+    EXPECT_EQ(device->close(), 0);
+    EXPECT_TRUE(disk->image == volume().image);
+    EXPECT_TRUE(std::all_of(disk->events.begin(), disk->events.end(),
+                            [](const DiskEvent& event) { return event.flush; }));
+}
+
+// What fails while the journal ends is done by a later tick, and costs nothing meanwhile.
+TEST(Settling, IsTriedAgain) {
+    for (std::uint64_t call = 1; call < 12; ++call) {
+        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto device = mounted(disk);
+        writePages(*device, 5, 0, 3);
+        EXPECT_EQ(device->sync(), 0);
+        disk->callsToFailure = call;
+        if (device->settle() != 0) {
+            JournaledDevice cut(std::make_shared<Disk>(disk->image));
+            EXPECT_EQ(cut.replay(false), 0);
+            EXPECT_FALSE(cut.wasRefused()) << call;
+            writePages(*device, 6, 1, 1);
+            EXPECT_EQ(device->sync(), 0);
+            EXPECT_EQ(device->settle(), 0);
+        }
+        EXPECT_TRUE(isLogBlank(*disk)) << call;
+    }
+}
+
+} // namespace
+} // namespace tavelin::test
