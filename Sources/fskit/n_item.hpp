@@ -1,13 +1,11 @@
 /// The item of one file, directory or link of a TavelinVolume.
 #pragma once
 
-#include "core/driver2/directory_snapshot.hpp"
 #include "core/values.hpp"
 #include "fskit/api/item.hpp"
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 
 namespace tavelin {
 
@@ -34,8 +32,6 @@ class NItem final : public fskit::FSItem {
     /// How often the item was handed out and not given back, see TavelinVolume::release(). Raised
     /// from 0 and lowered to 0 under the volume's item lock only.
     std::atomic<std::uint32_t> handedOut{0};
-    /// A directory's listing while it is read in pages; guarded by the volume's item lock.
-    std::shared_ptr<const Driver2::DirectorySnapshot> snapshot;
 };
 
 } // namespace tavelin

@@ -4,22 +4,21 @@
 /// Made by TavelinFileSystem's load around an open NTFSVolume; the host activates it, mounts it,
 /// sends requests, synchronises, unmounts, reclaims the items and deactivates it, and then unloads.
 ///
-/// Threads. Requests may come from any thread at any time. `items` guards the registry, the
-/// generation and every item's snapshot. It is never held across a call into the NTFSVolume, whose
+/// Threads. Requests may come from any thread at any time. `items` guards the registry and the
+/// listings that are being read. It is never held across a call into the NTFSVolume, whose
 /// own lock serialises the volume, and nothing that it is held for takes another lock. A host's own
 /// locks may be held around requests and so come before both.
 ///
 /// Errors are POSIX errors with macOS numbers. A request that takes an item answers kENOENT when it
 /// is given none and kESTALE when the item's file is gone. A name that is empty or not UTF-8 is
-/// kEINVAL. An item that is not this module's own, a negative offset and an overflowing generation
-/// stop the process.
+/// kEINVAL. An item that is not this module's own and a negative offset stop the process.
 #pragma once
 
-#include "core/driver2/directory_snapshot.hpp"
 #include "core/journal/journaled_device.hpp"
 #include "core/ntfs_volume.hpp"
 #include "fskit/api/volume.hpp"
 #include "fskit/extended_operations.hpp"
+#include "fskit/kept_listings.hpp"
 #include "fskit/n_item.hpp"
 #include "fskit/resource_device.hpp"
 #include "platform/mutex.hpp"
@@ -72,8 +71,11 @@ class TavelinVolume final : public fskit::FSVolume,
         TAVELIN_EXCLUDES(items);
     /// The root directory's item, its own parent; it stays registered for the volume's life.
     [[nodiscard]] std::shared_ptr<NItem> root() TAVELIN_EXCLUDES(items);
-    /// Notes a change of a directory's names: raises the generation and drops its listing.
-    void changed(NItem& directory) TAVELIN_EXCLUDES(items);
+    /// Entries of all directory listings that are kept for their readers.
+    [[nodiscard]] std::size_t keptEntries() const TAVELIN_EXCLUDES(items) {
+        const MutexLock held(items);
+        return listings_.entryCount();
+    }
 
     /// Applies what is valid in the request, in a fixed order (size, times, flags, then mode, owner
     /// and group, which are accepted and ignored), and marks each as consumed once it is. Throws
@@ -126,8 +128,10 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory) override;
     Outcome<fskit::FSFileName> readSymbolicLink(const fskit::FSItemRef& item) override;
-    /// A listing goes on where it was: a stale verifier means a fresh listing from the same cookie
-    /// on, never an error.
+    /// No name that stays is skipped or repeated, whatever changes between two pages: a reader is
+    /// served from the listing it began with, which is kept until it has reached the end. Entries
+    /// with attributes leave out what was removed since. With a listing that is gone the reader
+    /// goes on at the same position of a fresh one; a stale verifier is never an error.
     Outcome<fskit::FSDirectoryVerifier>
     enumerateDirectory(const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
                        fskit::FSDirectoryVerifier verifier,
@@ -193,7 +197,8 @@ class TavelinVolume final : public fskit::FSVolume,
     mutable Mutex items;
 
   private:
-    using Snapshot = std::shared_ptr<const Driver2::DirectorySnapshot>;
+    using Snapshot = KeptListings::Snapshot;
+    class Pager;
 
     /// The same object as an NItem. Throws MissingItem for none; an item of another file system
     /// stops the process.
@@ -216,23 +221,26 @@ class TavelinVolume final : public fskit::FSVolume,
                                       std::uint64_t parent) const;
     fskit::FSLookupItemResult found(const NTFSAttributes& record, std::uint64_t parent,
                                     const fskit::FSFileName& name);
-    fskit::FSCreateItemResult created(const NTFSChange& change, NItem& parent,
+    fskit::FSCreateItemResult created(const NTFSChange& change, const NItem& parent,
                                       const fskit::FSFileName& name);
     /// Applies the attributes that an item is made with, as far as that goes.
     void applyToNew(fskit::FSItemSetAttributesRequest& request, fskit::FSCreateItemResult& fresh);
     /// Takes this very object out of the registry, if it is there, and answers what is left to be
     /// freed once the lock is released.
     std::shared_ptr<NItem> takeOut(const NItem& item) TAVELIN_REQUIRES(items);
-    /// The listing to serve a page from, taken afresh when the one kept does not fit.
-    Snapshot listing(NItem& directory, fskit::FSDirectoryCookie cookie,
+    /// The parent of an item that a listing of `directory` shows: the one it was moved to since,
+    /// when it is registered. Both are record numbers.
+    std::uint64_t parentOf(std::uint64_t reference, std::uint64_t directory) const
+        TAVELIN_EXCLUDES(items);
+    /// The listing to serve a page from: the reader's own, or a fresh one.
+    Snapshot listing(const NItem& directory, fskit::FSDirectoryCookie cookie,
                      fskit::FSDirectoryVerifier verifier) TAVELIN_EXCLUDES(items);
-    void packEntries(const Driver2::DirectorySnapshot& listing, std::uint64_t first,
-                     const NItem& directory, bool withAttributes,
-                     fskit::FSDirectoryEntryPacker& packer);
+    void packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
+                     bool described, Pager& pager);
 
     /// By record number: a record has one file at a time.
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);
-    std::uint64_t generation_ TAVELIN_GUARDED_BY(items) = 1;
+    KeptListings listings_ TAVELIN_GUARDED_BY(items);
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
     std::atomic<bool> openCloseInhibited_{true};
     std::atomic<bool> refusesChanges_{false};

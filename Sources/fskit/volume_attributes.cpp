@@ -117,7 +117,8 @@ Outcome<fskit::FSLookupItemResult>
 TavelinVolume::attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) {
     return request<"getAttributes">([&] {
         const NItem& parent = n(directory);
-        return found(ntfs->attributes(Driver2::ino(entry)), parent.ino, fskit::FSFileName());
+        const NTFSAttributes record = ntfs->attributes(Driver2::ino(entry));
+        return found(record, parentOf(record.reference(), parent.ino), fskit::FSFileName());
     });
 }
 

@@ -1,14 +1,19 @@
 // Reading directories in pages.
 //
 // A cookie counts positions in a virtual list: "." and ".." (only when no attributes are wanted),
-// then the entries of the directory's snapshot. The verifier is the volume's generation when the
-// snapshot was taken, so a namespace change makes the next page start from a fresh listing.
+// then the entries of the listing that the verifier names. That listing is as the directory was
+// when its reader began, and is kept until the reader has reached the end. So a name that stays is
+// neither skipped nor repeated, whatever comes and goes between two pages, and readers do not
+// disturb each other.
 #include "core/driver2/directory_snapshot.hpp"
 #include "core/driver2/item_identity.hpp"
 #include "fskit/private/item_type.hpp"
 #include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
+#include "platform/assert.hpp"
+#include "platform/error_numbers.hpp"
 
+#include <limits>
 #include <utility>
 
 namespace tavelin {
@@ -17,66 +22,115 @@ namespace {
 
 constexpr std::uint64_t kDotEntries = 2;
 
-/// Packs what of "." and ".." comes at or after the cookie; false when the packer is full.
-bool packDotEntries(const NItem& directory, fskit::FSDirectoryCookie cookie,
-                    fskit::FSDirectoryEntryPacker& packer) {
-    constexpr auto kType = fskit::FSItemType::directory;
-    if (cookie == 0 && !packer.packEntry(fskit::FSFileName("."), kType,
-                                         Driver2::itemID(directory.ino), 1, nullptr)) {
-        return false;
-    }
-    return cookie > 1 || packer.packEntry(fskit::FSFileName(".."), kType,
-                                          Driver2::itemID(directory.parent), kDotEntries, nullptr);
-}
+// Told with the last entry of a listing. A reader that comes with it has everything, so nothing
+// needs to be kept for it to be told so. The kernel passes positions to programs as signed numbers.
+constexpr fskit::FSDirectoryCookie kEndCookie = std::numeric_limits<std::int64_t>::max();
 
 } // namespace
 
-TavelinVolume::Snapshot TavelinVolume::listing(NItem& directory, fskit::FSDirectoryCookie cookie,
-                                               fskit::FSDirectoryVerifier verifier) {
-    std::uint64_t generation = 0;
-    {
-        const MutexLock held(items);
-        if (cookie != 0 && directory.snapshot && directory.snapshot->verifier == verifier) {
-            return directory.snapshot;
-        }
-        generation = generation_;
-    }
-    // A change made while the list is taken may or may not be in it, and does not drop it: like any
-    // change during an enumeration, it is certain to show in the next one from the start.
-    Snapshot fresh =
-        std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.reference), generation);
-    Snapshot replaced = fresh; // freed after the lock is released
-    const MutexLock held(items);
-    directory.snapshot.swap(replaced);
-    return fresh;
-}
+/// One request's way through a listing.
+class TavelinVolume::Pager {
+  public:
+    Pager(const Driver2::DirectorySnapshot& listing, const NItem& directory,
+          fskit::FSDirectoryCookie cookie, bool described, fskit::FSDirectoryEntryPacker& packer)
+        : listing_(listing),
+          directory_(directory),
+          packer_(packer),
+          start_(cookie),
+          told_(cookie),
+          dots_(described ? 0 : kDotEntries) {}
 
-void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, std::uint64_t first,
-                                const NItem& directory, bool withAttributes,
-                                fskit::FSDirectoryEntryPacker& packer) {
-    const std::uint64_t offset = withAttributes ? 0 : kDotEntries;
-    std::uint64_t position = first;
-    fskit::FSFileName name;
+    /// Packs what of "." and ".." comes at or after the cookie; false when the packer is full.
+    bool packDots() {
+        constexpr auto kType = fskit::FSItemType::directory;
+        return (dots_ == 0 || start_ > 0 ||
+                pack(fskit::FSFileName("."), kType, Driver2::itemID(directory_.ino), 1, nullptr)) &&
+               (dots_ == 0 || start_ > 1 ||
+                pack(fskit::FSFileName(".."), kType, Driver2::itemID(directory_.parent),
+                     listing_.entries.empty() ? kEndCookie : kDotEntries, nullptr));
+    }
+
+    /// The first entry at or after the cookie, as a position in the listing.
+    std::uint64_t first() const noexcept { return start_ > dots_ ? start_ - dots_ : 0; }
+
+    /// Packs the entry at a position of the listing; false when it did not fit.
+    bool pack(std::uint64_t position, const fskit::FSItemAttributes* attributes) {
+        const NTFSDirEntry& entry = listing_.entries[static_cast<std::size_t>(position)];
+        const bool isLast = position + 1 == listing_.entries.size();
+        name_ = entry.name;
+        return pack(name_, fskitType(entry.type), Driver2::itemID(entry.ino),
+                    isLast ? kEndCookie
+                           : Driver2::DirectorySnapshot::cookie(
+                                 static_cast<std::int64_t>(position + dots_)),
+                    attributes);
+    }
+
+    /// Whether the reader was told that nothing follows.
+    bool hasToldTheEnd() const noexcept { return told_ == kEndCookie; }
+    /// Whether the reader will come back for more. Otherwise it has everything, or got an empty
+    /// page, as what was left has been removed.
+    bool isUnfinished() const noexcept { return !hasToldTheEnd() && (told_ != start_ || full_); }
+
+  private:
+    bool pack(const fskit::FSFileName& name, fskit::FSItemType type, fskit::FSItemID id,
+              fskit::FSDirectoryCookie next, const fskit::FSItemAttributes* attributes) {
+        TAVELIN_ASSERT(next > told_);
+        full_ = !packer_.packEntry(name, type, id, next, attributes);
+        told_ = full_ ? told_ : next;
+        return !full_;
+    }
+
+    const Driver2::DirectorySnapshot& listing_;
+    const NItem& directory_;
+    fskit::FSDirectoryEntryPacker& packer_;
+    const fskit::FSDirectoryCookie start_;
+    fskit::FSDirectoryCookie told_; // with the last entry that was packed
+    const std::uint64_t dots_;
+    bool full_ = false;
+    fskit::FSFileName name_; // of the entry at hand, in the memory of the one before
+};
+
+void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
+                                bool described, Pager& pager) {
     fskit::FSItemAttributes memory; // of the entry at hand, filled anew for each
-    for (const NTFSDirEntry& entry : listing.page(first)) {
-        const fskit::FSItemAttributes* found = nullptr;
-        if (withAttributes) {
+    for (std::uint64_t at = pager.first(); at < listing.entries.size(); ++at) {
+        const fskit::FSItemAttributes* attributes = nullptr;
+        if (described) {
+            const std::uint64_t reference =
+                listing.entries[static_cast<std::size_t>(at)].reference();
             try {
-                describe(ntfs->attributes(entry.reference()), directory.ino, memory);
-                found = &memory;
-            } catch (const NTFSError&) {
+                describe(ntfs->attributes(reference), parentOf(reference, directory.ino), memory);
+                attributes = &memory;
+            } catch (const NTFSError& error) {
+                if (error.code == kESTALE) {
+                    continue; // removed since the listing was taken
+                }
                 // One unreadable item must not hide the rest: it is listed without attributes.
             }
         }
-        const std::uint64_t next =
-            Driver2::DirectorySnapshot::cookie(static_cast<std::int64_t>(position)) + offset;
-        name = entry.name;
-        position++;
-        if (!packer.packEntry(name, fskitType(entry.type), Driver2::itemID(entry.ino), next,
-                              found)) {
-            break;
+        if (!pager.pack(at, attributes)) {
+            return;
         }
     }
+}
+
+TavelinVolume::Snapshot TavelinVolume::listing(const NItem& directory,
+                                               fskit::FSDirectoryCookie cookie,
+                                               fskit::FSDirectoryVerifier verifier) {
+    std::uint64_t fresh = 0;
+    {
+        const MutexLock held(items);
+        // A reader at its start gets a listing of its own, which has every change made before. One
+        // that comes half-way with a listing that is gone goes on at the same position of a new
+        // one. That may skip or repeat names, but it ends.
+        if (cookie != fskit::FSDirectoryCookieInitial) {
+            if (Snapshot kept = listings_.find(directory.reference, verifier)) {
+                return kept;
+            }
+        }
+        fresh = listings_.nextVerifier();
+    }
+    return std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.reference), fresh);
 }
 
 Outcome<fskit::FSDirectoryVerifier> TavelinVolume::enumerateDirectory(
@@ -84,13 +138,23 @@ Outcome<fskit::FSDirectoryVerifier> TavelinVolume::enumerateDirectory(
     fskit::FSDirectoryVerifier verifier, const fskit::FSItemGetAttributesRequest* wanted,
     fskit::FSDirectoryEntryPacker& packer) {
     return request<"enumerateDirectory">([&] {
-        NItem& parent = n(directory);
+        const NItem& parent = n(directory);
+        KeptListings::Listings dropped; // freed after the lock is released
+        if (startingAt == kEndCookie) {
+            const MutexLock held(items);
+            dropped = listings_.takeOut(parent.reference, verifier);
+            return verifier;
+        }
         const Snapshot snapshot = listing(parent, startingAt, verifier);
-        if (wanted != nullptr) {
-            packEntries(*snapshot, startingAt, parent, true, packer);
-        } else if (packDotEntries(parent, startingAt, packer)) {
-            const std::uint64_t first = startingAt > kDotEntries ? startingAt - kDotEntries : 0;
-            packEntries(*snapshot, first, parent, false, packer);
+        Pager pager(*snapshot, parent, startingAt, wanted != nullptr, packer);
+        if (pager.packDots()) {
+            packEntries(*snapshot, parent, wanted != nullptr, pager);
+        }
+        const MutexLock held(items);
+        if (pager.isUnfinished()) {
+            dropped = listings_.keep(parent.reference, snapshot);
+        } else if (!pager.hasToldTheEnd()) {
+            dropped = listings_.takeOut(parent.reference, snapshot->verifier);
         }
         return snapshot->verifier;
     });

@@ -13,9 +13,8 @@ fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std
     return result;
 }
 
-fskit::FSCreateItemResult TavelinVolume::created(const NTFSChange& change, NItem& parent,
+fskit::FSCreateItemResult TavelinVolume::created(const NTFSChange& change, const NItem& parent,
                                                  const fskit::FSFileName& name) {
-    changed(parent);
     fskit::FSCreateItemResult result{handOut(change.item.reference(), parent.ino),
                                      name,
                                      {},
@@ -49,7 +48,7 @@ TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type
         if (!makesDirectory && type != fskit::FSItemType::file) {
             return fskit::fs_errorForPOSIXError(kENOTSUP);
         }
-        NItem& parent = n(directory);
+        const NItem& parent = n(directory);
         requireChangeable();
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
         fskit::FSCreateItemResult result =
@@ -78,7 +77,7 @@ TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::F
                                   fskit::FSItemSetAttributesRequest& /*attributes*/,
                                   const fskit::FSFileName& linkContents) {
     return request<"createSymbolicLink">([&] {
-        NItem& parent = n(directory);
+        const NItem& parent = n(directory);
         requireChangeable();
         const std::string_view linkName = name(named);
         return created(ntfs->makeLink(linkName, parent.reference, name(linkContents)), parent,
@@ -98,10 +97,9 @@ Outcome<fskit::FSCreateLinkResult> TavelinVolume::linkInternal(const fskit::FSIt
                                                                const fskit::FSItemRef& directory) {
     return request<"createLink">([&] {
         const std::uint64_t file = n(item).reference;
-        NItem& parent = n(directory);
+        const NItem& parent = n(directory);
         requireChangeable();
         const NTFSChange change = ntfs->link(file, name(named), parent.reference);
-        changed(parent);
         return fskit::FSCreateLinkResult{named, described(change.item, parent.ino),
                                          described(change.directory, parent.parent),
                                          change.freeBytes};
@@ -112,10 +110,9 @@ Outcome<fskit::FSRemoveItemResult> TavelinVolume::removeItem(const fskit::FSItem
                                                              const fskit::FSFileName& named,
                                                              const fskit::FSItemRef& directory) {
     return request<"removeItem">([&] {
-        NItem& parent = n(directory);
+        const NItem& parent = n(directory);
         requireChangeable();
         const NTFSChange change = ntfs->remove(name(named), parent.reference);
-        changed(parent);
         return fskit::FSRemoveItemResult{described(change.item, parent.ino),
                                          described(change.directory, parent.parent),
                                          change.freeBytes};
@@ -127,8 +124,8 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
     const fskit::FSFileName& sourceName, const fskit::FSFileName& destinationName,
     const fskit::FSItemRef& destinationDirectory, const fskit::FSItemRef& /*overItem*/) {
     return request<"renameItem">([&] {
-        NItem& from = n(sourceDirectory);
-        NItem& to = n(destinationDirectory);
+        const NItem& from = n(sourceDirectory);
+        const NItem& to = n(destinationDirectory);
         requireChangeable();
         const std::string_view oldName = name(sourceName);
         const NTFSRename change =
@@ -138,8 +135,6 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
         }
         // The item that was replaced stays registered until it is reclaimed: its file may have
         // other names, and must not get a second item while the host holds this one.
-        changed(from);
-        changed(to);
         fskit::FSRenameItemResult result{destinationName,
                                          described(change.item, to.ino),
                                          described(change.source, from.parent),

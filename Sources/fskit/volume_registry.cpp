@@ -70,11 +70,11 @@ std::shared_ptr<NItem> TavelinVolume::root() {
     return root_;
 }
 
-void TavelinVolume::changed(NItem& directory) {
-    Snapshot dropped; // freed after the lock is released
+std::uint64_t TavelinVolume::parentOf(std::uint64_t reference, std::uint64_t directory) const {
     const MutexLock held(items);
-    checkedIncrement(generation_, "the volume's generation overflowed");
-    dropped = std::exchange(directory.snapshot, nullptr);
+    const auto entry = registry_.find(recordNumber(reference));
+    const bool isRegistered = entry != registry_.end() && entry->second->reference == reference;
+    return isRegistered ? entry->second->parent.load(std::memory_order_relaxed) : directory;
 }
 
 std::shared_ptr<NItem> TavelinVolume::takeOut(const NItem& item) {
@@ -90,8 +90,10 @@ void TavelinVolume::reclaimItem(const fskit::FSItemRef& item) {
     countRequest<"reclaimItem">();
     if (item != nullptr) {
         std::shared_ptr<NItem> dropped; // freed after the lock is released
+        KeptListings::Listings abandoned;
         const MutexLock held(items);
         dropped = takeOut(n(item));
+        abandoned = listings_.takeOut(n(item).reference);
     }
 }
 
@@ -111,10 +113,12 @@ void TavelinVolume::release(const fskit::FSItemRef& item) noexcept {
         }
     }
     std::shared_ptr<NItem> dropped; // freed after the lock is released
+    KeptListings::Listings abandoned;
     const MutexLock held(items);
     if (own.handedOut.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         dropped = takeOut(own);
         if (dropped != nullptr) {
+            abandoned = listings_.takeOut(own.reference);
             countRequest<"reclaimItem">();
         }
     }

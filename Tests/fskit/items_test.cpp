@@ -1,4 +1,4 @@
-// Items: attributes, the registry, names that change, listings in pages, extended attributes.
+// Items: attributes, the registry, names that change, extended attributes.
 #include "module_fixture.hpp"
 
 #include "platform/error_numbers.hpp"
@@ -31,21 +31,10 @@ class Items : public VolumeTest {
     void SetUp() override { start(); }
 
     fskit::FSItemAttributes attributesOf(const Item& item) { return *requests().attributes(item); }
-    // The page from `cookie` on, as "name>next cookie"; keeps the verifier for the next one.
-    Names list(const Item& directory, fskit::FSDirectoryCookie cookie,
-               std::optional<fskit::FSDirectoryVerifier> with = {}, bool withAttributes = false,
-               std::size_t room = SIZE_MAX) {
-        Page page(room);
-        verifier =
-            *requests().list(directory, page, cookie, with.value_or(verifier), withAttributes);
-        return page.names();
-    }
     // Makes reads of the device fail that are not answered from the page cache.
     void failDevice() {
         disk->hook = [](auto...) -> std::size_t { throw fskit::fs_errorForPOSIXError(kENXIO); };
     }
-
-    fskit::FSDirectoryVerifier verifier = 0;
 };
 
 TEST_F(Items, MissingItemsAreAnsweredENOENTAndNotTallied) {
@@ -222,12 +211,6 @@ TEST_F(Items, RenamingMovesTheItem) {
     EXPECT_EQ(ask.attributes(replaced).code(), kESTALE);
     EXPECT_EQ(ask.rename(moved, directory, "b", directory, "B", moved)->newName.data(), "B");
     EXPECT_EQ(*ask.lookup(directory, "B"), moved) << "not replaced by itself";
-
-    EXPECT_EQ(list(root, 0), (Names{".>1", "..>2", "folder>3"}));
-    const auto before = verifier;
-    EXPECT_EQ(ask.rename(nullptr, directory, "B", directory, "c").code(), 0);
-    list(root, 0);
-    EXPECT_EQ(verifier, before + 2);
 }
 
 TEST_F(Items, ChangesAnswerWhatTheyLeave) {
@@ -340,63 +323,6 @@ TEST_F(Items, HandOutsAreCountedUntilTheLastIsGivenBack) {
     EXPECT_EQ(volume().liveItems(), 1u) << "the root stays";
     volume().release(again);
     EXPECT_EQ(volume().liveItems(), 1u);
-}
-
-TEST_F(Items, ListingsGoOnWhereTheyWereUntilNamesChange) {
-    auto ask = requests();
-    const Item directory = *ask.create(root, "folder", Type::directory);
-    EXPECT_EQ(list(directory, 0), (Names{".>1", "..>2"}));
-    for (const char* name : {"a", "b", "c", "d"}) {
-        EXPECT_EQ(ask.create(directory, name).code(), 0);
-    }
-    EXPECT_EQ(list(directory, 0, {}, false, 1), Names{".>1"});
-    EXPECT_EQ(list(directory, 1, {}, false, 2), (Names{"..>2", "a>3"}));
-    EXPECT_EQ(list(directory, 2, {}, false, 1), Names{"a>3"});
-    EXPECT_EQ(list(directory, 3), (Names{"b>4", "c>5", "d>6"}));
-    EXPECT_EQ(list(directory, 0, {}, true, 2), (Names{"a>1", "b>2"}));
-    EXPECT_EQ(list(directory, 2, {}, true), (Names{"c>3", "d>4"}));
-    EXPECT_EQ(list(directory, 6), Names{});
-    EXPECT_EQ(list(directory, UINT64_MAX), Names{});
-    EXPECT_EQ(list(directory, UINT64_MAX, {}, true), Names{});
-
-    const auto old = verifier;
-    volume().ntfs->remove("a", inodeOf(directory)); // behind the volume's back
-    EXPECT_EQ(list(directory, 3), (Names{"b>4", "c>5", "d>6"})) << "served from what was listed";
-    EXPECT_EQ(list(directory, 3, old + 1), (Names{"c>4", "d>5"})) << "another verifier, a new list";
-    EXPECT_EQ(list(root, 0).size(), 3u);
-    EXPECT_EQ(ask.remove(nullptr, directory, "b"), 0);
-    EXPECT_EQ(list(directory, 2), (Names{"c>3", "d>4"})) << "a change drops the list";
-    EXPECT_GT(verifier, old);
-
-    volume().ntfs->create("e", inodeOf(directory), NTFSItemType::file);
-    EXPECT_EQ(list(directory, 4), Names{});
-    ask.reclaim(directory);
-    EXPECT_EQ(list(*ask.lookup(root, "folder"), 4), Names{"e>5"}) << "lists die with their item";
-}
-
-TEST_F(Items, ListedAttributesAreThoseOfTheItems) {
-    auto ask = requests();
-    const Item directory = *ask.create(root, "folder", Type::directory);
-    const Item file = *ask.create(directory, "file");
-    EXPECT_EQ(*ask.write(file, 0, "four"), 4u);
-    EXPECT_EQ(ask.symlink(directory, "link", "file").code(), 0);
-    Page page;
-    EXPECT_EQ(ask.list(directory, page, 0, 0, true).code(), 0);
-    ASSERT_EQ(page.entries.size(), 2u);
-    EXPECT_EQ(page.entries[0].attributes->size(), 4u);
-    EXPECT_EQ(page.entries[0].attributes->parentID(), inodeOf(directory));
-    EXPECT_EQ(page.entries[0].id, inodeOf(file));
-    EXPECT_EQ(page.entries[1].type, Type::symlink);
-    EXPECT_EQ(page.entries[1].attributes->type(), Type::symlink);
-
-    // An entry that cannot be read is listed all the same.
-    Page first(1);
-    verifier = *ask.list(directory, first, 0, 0, true);
-    volume().ntfs->remove("link", inodeOf(directory));
-    Page second;
-    EXPECT_EQ(ask.list(directory, second, 1, verifier, true).code(), 0);
-    EXPECT_EQ(second.names(), Names{"link>2"});
-    EXPECT_FALSE(second.entries[0].attributes);
 }
 
 TEST_F(Items, ExtendedAttributesObeyTheirPolicy) {

@@ -15,11 +15,11 @@ namespace tavelin::Driver2 {
 /// plus one.
 class DirectorySnapshot {
   public:
-    DirectorySnapshot(std::vector<NTFSDirEntry> listing, std::uint64_t generation)
-        : entries(std::move(listing)), verifier(generation) {}
+    DirectorySnapshot(std::vector<NTFSDirEntry> listing, std::uint64_t number)
+        : entries(std::move(listing)), verifier(number) {}
 
     const std::vector<NTFSDirEntry> entries; ///< in the order of NTFSVolume::list
-    const std::uint64_t verifier; ///< the volume's change generation when the list was taken
+    const std::uint64_t verifier;            ///< by which its reader finds it again
 
     /// The entries from `position` on, none past the end. Valid while the snapshot lives.
     [[nodiscard]] std::span<const NTFSDirEntry> page(std::uint64_t position) const noexcept;

@@ -1,0 +1,59 @@
+/// The listings of directories that hosts are reading in pages.
+#pragma once
+
+#include "core/driver2/directory_snapshot.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+
+namespace tavelin {
+
+/// A position in a directory means something in one listing only, because entries that come and go
+/// move those behind them. So the listing that a reader began with is kept until its end, and the
+/// verifier, a number of its own for each listing, leads the reader back to it.
+///
+/// Readers may stop half-way without a word. What they leave is dropped when the directory's item
+/// is reclaimed, or when others need the room: the listing that was used longest ago goes first.
+///
+/// Not thread-safe: the volume's item lock guards it. Nothing here frees a listing under that lock;
+/// what is dropped is handed to the caller.
+class KeptListings {
+  public:
+    using Snapshot = std::shared_ptr<const Driver2::DirectorySnapshot>;
+    struct Listing {
+        std::uint64_t directory; ///< file reference
+        Snapshot snapshot;
+    };
+    using Listings = std::list<Listing>;
+
+    /// At most so many listings, and so many entries in them (of some 100 bytes each), but always
+    /// the one that was kept last.
+    static constexpr std::size_t kListingsMax = 256;
+    static constexpr std::size_t kEntriesMax = std::size_t{1} << 19;
+
+    /// A verifier that no listing has had; never 0, with which hosts begin.
+    [[nodiscard]] std::uint64_t nextVerifier();
+
+    /// The directory's listing with this verifier, null when it is not kept.
+    [[nodiscard]] Snapshot find(std::uint64_t directory, std::uint64_t verifier);
+    /// Keeps a listing, unless it is kept, and answers what had to go for it.
+    [[nodiscard]] Listings keep(std::uint64_t directory, Snapshot snapshot);
+    /// Takes out one listing, or all of a directory.
+    [[nodiscard]] Listings takeOut(std::uint64_t directory, std::uint64_t verifier);
+    [[nodiscard]] Listings takeOut(std::uint64_t directory);
+
+    /// Entries of all listings together.
+    [[nodiscard]] std::size_t entryCount() const noexcept { return entryCount_; }
+
+  private:
+    template<typename Wanted>
+    Listings takeOutWhere(const Wanted& wanted);
+
+    Listings listings_; // least recently used first
+    std::size_t entryCount_ = 0;
+    std::uint64_t lastVerifier_ = 0;
+};
+
+} // namespace tavelin
