@@ -128,8 +128,9 @@ int32_t ntb_mark_dirty(const ntb_io* io);
 /*
  * Mounts. NULL with *error set on failure: EINVAL not NTFS, ENOMEM, EPERM hibernated or fast
  * started (read-write only), EROFS, or whatever the device or library answered. A read-write mount
- * lets the library reset an unclean journal. Without memory for the page cache the volume mounts
- * uncached.
+ * lets the library reset an unclean journal. Where $MFTMirr differs from $MFT, it brings the two
+ * into agreement; a read-only mount reads as if they agreed. Without memory for the page cache the
+ * volume mounts uncached.
  */
 ntb_vol* ntb_mount(const ntb_io* io, int32_t read_only, int32_t* error);
 
@@ -299,7 +300,7 @@ int32_t ntb_flush(ntb_vol* vol, uint64_t ino);
 int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino);
 
 /* Makes a link in the Interix form. EINVAL for an empty target, ENAMETOOLONG for one over 2043
- * UTF-16 units; else as ntb_create. */
+ * UTF-16 units, or over PATH_MAX bytes with its NUL; else as ntb_create. */
 int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
                     uint64_t* ino);
 
@@ -329,7 +330,7 @@ int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name);
 int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count);
 
 /* Replaces an existing target of the same kind. EINVAL into the own subtree, EISDIR, ENOTDIR,
- * ENOTEMPTY. Safe when only the case of the name changes. */
+ * ENOTEMPTY, EPERM into or out of $Extend. Safe when only the case of the name changes. */
 int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
                    const char* new_name);
 

@@ -120,7 +120,8 @@ static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
     if (error = ntb_lookup(vol, parent, name, &source); error != 0) {
         return error;
     }
-    if (source < first_user_ino) {
+    // $Extend shows none of its names, so what is moved there could not be moved out again.
+    if (source < first_user_ino || MREF(parent) == extend_ino || MREF(new_parent) == extend_ino) {
         return EPERM;
     }
     ntb_attr attributes = {};

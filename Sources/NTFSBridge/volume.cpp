@@ -109,6 +109,19 @@ bool end_mirror_mismatch(const ntb_io& io) noexcept {
     return ntb_umount(trial) == 0 && mirror.commit() == 0;
 }
 
+// The same volume mounted for reading: it keeps the view, and the device is left as it is.
+ntb_vol* mount_view(const ntb_io& io, int32_t& error) noexcept {
+    std::unique_ptr<mft_mirror> mirror(new (std::nothrow) mft_mirror(io));
+    if (!mirror || !mirror->plan()) {
+        return nullptr; // the first mount's error stands
+    }
+    ntb_vol* const vol = mount_once(mirror->overlay_io(), 1, error);
+    if (vol != nullptr) {
+        vol->mirror = std::move(mirror);
+    }
+    return vol;
+}
+
 } // namespace
 
 int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcept {
@@ -191,10 +204,13 @@ int32_t ntb_probe(const ntb_io* io, uint64_t* serial) {
 
 ntb_vol* ntb_mount(const ntb_io* io, int32_t read_only, int32_t* error) {
     ntb_vol* const vol = mount_once(*io, read_only, *error);
-    if (vol == nullptr && *error == EIO && read_only == 0 && end_mirror_mismatch(*io)) {
-        return mount_once(*io, read_only, *error);
+    if (vol != nullptr || *error != EIO) {
+        return vol;
     }
-    return vol;
+    if (read_only != 0) {
+        return mount_view(*io, *error);
+    }
+    return end_mirror_mismatch(*io) ? mount_once(*io, 0, *error) : nullptr;
 }
 
 int32_t ntb_umount(ntb_vol* vol) {

@@ -4,6 +4,7 @@
 #include "NTFSBridge/device/devctx.hpp"
 #include "NTFSBridge/guards.hpp"
 #include "NTFSBridge/ntb.h"
+#include "NTFSBridge/ondisk/mft_mirror.hpp"
 #include "NTFSBridge/system_compression.hpp"
 
 namespace ntb {
@@ -30,6 +31,8 @@ struct ntb_vol {
     // The library's volume is that of an operation that was taken back: it may be read, and what it
     // writes is dropped.
     bool is_stale = false;
+    // Of a volume mounted read-only whose $MFTMirr differs from $MFT: what its reads go through.
+    std::unique_ptr<ntb::mft_mirror> mirror;
     std::unique_ptr<ntb::ntb_devctx> context; // the library device's private pointer
 };
 

@@ -78,6 +78,10 @@ TEST(Namespace, SystemFilesAreInvisibleAndUntouchable) {
     EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "$MFT", NTB_ROOT_INO, "mine"), ENOENT);
     EXPECT_EQ(ntb_create(volume, 11, "new", 1, &ino), EPERM);
     EXPECT_EQ(ntb_unlink(volume, 11, "$ObjId"), EPERM);
+    volume.make("mine");
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "mine", 11, "mine"), EPERM);
+    EXPECT_EQ(ntb_rename(volume, 11, "$ObjId", NTB_ROOT_INO, "$ObjId"), EPERM);
+    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "mine"), 0);
     EXPECT_TRUE(volume.list().empty());
     volume.finish();
 }
@@ -160,15 +164,18 @@ TEST(Namespace, Renames) {
 
 TEST(Namespace, SymbolicLinks) {
     BridgeVolume volume;
-    for (const std::string& target : {std::string("../some where"), std::string("/"),
-                                      std::string("\u00fcml\u00e4ut"), repeated("t", 2043)}) {
+    for (const std::string& target :
+         {std::string("../some where"), std::string("/"), std::string("\u00fcml\u00e4ut"),
+          repeated("t", 2043), repeated("\u20ac", 1365)}) {
         SCOPED_TRACE(target);
         uint64_t ino = 0;
         ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), &ino), 0);
         EXPECT_EQ(volume.readlink(ino), target);
         const ntb_attr attr = volume.attributes(ino);
         EXPECT_EQ(attr.type, uint32_t{NTB_TYPE_SYMLINK});
-        EXPECT_EQ(attr.size, target == "\u00fcml\u00e4ut" ? 6u : target.size());
+        const auto units = static_cast<size_t>(std::ranges::count_if(
+            target, [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
+        EXPECT_EQ(attr.size, units);
         EXPECT_EQ(volume.list().at("link"), uint32_t{NTB_TYPE_SYMLINK});
         EXPECT_EQ(volume.setStream(ino, "s", "v"), EPERM);
         EXPECT_NE(volume.stream(ino, "s").first, 0);
@@ -178,8 +185,9 @@ TEST(Namespace, SymbolicLinks) {
     }
     uint64_t ino = 0;
     EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "", &ino), EINVAL);
-    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", repeated("t", 2044).c_str(), &ino),
-              ENAMETOOLONG);
+    for (const std::string& target : {repeated("t", 2044), repeated("\u20ac", 1366)}) {
+        EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), &ino), ENAMETOOLONG);
+    }
     char* target = nullptr;
     EXPECT_EQ(ntb_readlink(volume, NTB_ROOT_INO, &target), EINVAL);
     EXPECT_EQ(ntb_readlink(volume, volume.make("file"), &target), EINVAL);
