@@ -28,7 +28,9 @@ class BlockDevice {
     /// Returns once everything written before is on the medium.
     [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
 
-    /// Writes that wait in memory for the next sync(), in pages of 4096 bytes, and how many pages a
+    /// Bytes of the unit in which writes wait, which is that of the bridge's cache and the journal.
+    static constexpr std::uint64_t kPageBytes = 4096;
+    /// Writes that wait in memory for the next sync(), in pages, and how many pages a
     /// sync carries over as one: after a power cut all of them are there, or none is. A device
     /// whose writes do not wait has no capacity.
     struct Backlog {

@@ -51,7 +51,8 @@
 ///   rename                           kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEINVAL into
 ///                                    its own subtree, kEPERM system file, names
 ///   setTimes, setHidden              kEROFS
-///   xattr, xattrSize                 kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ
+///   xattr, xattrSize                 kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ; xattr
+///                                    also kE2BIG over kXattrBytesMax
 ///   setXattr                         those of xattr, kEROFS, kEEXIST, kENOSPC, kEPERM on a link
 ///   removeXattr                      those of xattr, kEROFS
 #pragma once
@@ -87,6 +88,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
   public:
     static constexpr std::uint64_t kRootIno = NTB_ROOT_INO;
     static constexpr double kDefaultFlushInterval = 1.0; ///< seconds
+    /// Of an extended attribute that is set or read. Other systems make longer streams; their value
+    /// would have to be held in memory as a whole.
+    static constexpr std::uint64_t kXattrBytesMax = std::uint64_t{64} << 20;
 
     /// How setXattr treats an attribute that exists already, or does not.
     enum class XattrPolicy : std::int32_t {
@@ -222,8 +226,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
                                    std::size_t length);
     [[nodiscard]] std::vector<std::byte> read(std::uint64_t ino, std::uint64_t offset,
                                               std::size_t length);
-    /// Writes straight from the caller's memory, extending the file as needed. A failure may leave
-    /// a part written. No data is no call: a count of 0 at once, even when unmounted.
+    /// Writes straight from the caller's memory, extending the file as needed. What does not fit as
+    /// a whole is written as far as it does; kENOSPC only when nothing could be. No data is no
+    /// call: a count of 0 at once, even when unmounted.
     NTFSWrite write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data);
     /// Grows (reading back as zeroes) or shrinks.
     void truncate(std::uint64_t ino, std::uint64_t size);

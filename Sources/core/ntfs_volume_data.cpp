@@ -14,7 +14,9 @@ namespace tavelin {
 namespace {
 
 constexpr std::uint32_t kLoggedRefusalsMax = 20; ///< of one mount: a copied tree may have millions
-constexpr std::size_t kDevicePage = 4096;        ///< bytes of a page that a device lets wait
+constexpr std::size_t kPartialBytesMin = 4096;   ///< less is not worth another try
+/// Bytes that the bridge may keep back for metadata on a volume that is nearly full.
+constexpr std::uint64_t kRoomKeptMax = 1 << 20;
 
 /// Tells a device, for as long as it lives, that a request writes much of a file. Not when the data
 /// may go where another file's would be again after a power cut: then it waits with the rest, or,
@@ -38,7 +40,7 @@ class BulkWriteScope {
         if (room == 0 || ntb_has_freed(vol) == 0) {
             return true;
         }
-        return length / kDevicePage > room / 2 && ntb_sync(vol) == 0;
+        return length / BlockDevice::kPageBytes > room / 2 && ntb_sync(vol) == 0;
     }
 
     void tell(bool on) noexcept {
@@ -124,15 +126,27 @@ NTFSWrite NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
     }
     std::uint64_t done = 0;
     const std::int32_t result = locked([&](ntb_vol* vol) {
-        const std::int32_t error = changeData(*box_.device, vol, ino, [&] {
-            const BulkWriteScope bulk(*box_.device, vol, data.size());
-            return ntb_write(vol, ino, offset, data.data(), data.size(), &done);
-        });
+        const auto attempt = [&](std::size_t length) {
+            return changeData(*box_.device, vol, ino, [&] {
+                const BulkWriteScope bulk(*box_.device, vol, length);
+                return ntb_write(vol, ino, offset, data.data(), length, &done);
+            });
+        };
+        std::int32_t error = attempt(data.size());
+        // The bridge takes back what does not fit, so that nothing is left of it. A program expects
+        // a full volume to take what there is room for. A device may answer the same error, and
+        // then less does not help.
+        const bool isFull = error == ENOSPC && freeBytesOf(vol) < data.size() + kRoomKeptMax;
+        for (std::size_t length = data.size() / 2;
+             isFull && error == ENOSPC && done == 0 && length >= kPartialBytesMin; length /= 2) {
+            error = attempt(length);
+        }
         written.item = attributesAfter(vol, ino);
         written.freeBytes = freeBytesOf(vol);
-        return error;
+        return error == ENOSPC && done != 0 && done < data.size() ? 0 : error;
     });
     checkData(result, ino, "written");
+    TAVELIN_ASSERT(done <= data.size());
     written.count = static_cast<std::size_t>(done);
     return written;
 }
@@ -162,6 +176,10 @@ std::vector<std::byte> NTFSVolume::xattr(std::string_view name, std::uint64_t in
     return locked([&](ntb_vol* vol) -> std::vector<std::byte> {
         void* buffer = nullptr;
         std::uint64_t size = 0;
+        check(ntb_xattr_size(vol, ino, text.cString(), &size));
+        if (size > kXattrBytesMax) {
+            throw NTFSError(kE2BIG);
+        }
         check(ntb_getxattr(vol, ino, text.cString(), &buffer, &size));
         const BridgeOwned<void> owned(buffer);
         const auto* bytes = static_cast<const std::byte*>(buffer);
@@ -178,6 +196,9 @@ std::uint64_t NTFSVolume::xattrSize(std::string_view name, std::uint64_t ino) {
 
 void NTFSVolume::setXattr(std::string_view name, std::uint64_t ino,
                           std::span<const std::byte> value, XattrPolicy policy) {
+    if (value.size() > kXattrBytesMax) {
+        throw NTFSError(kE2BIG);
+    }
     const BridgeText text(name);
     check(locked([&](ntb_vol* vol) {
         return ntb_setxattr(vol, ino, text.cString(), value.data(), value.size(),

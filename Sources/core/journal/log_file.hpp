@@ -30,7 +30,7 @@ enum class JournalAbsence {
 /// not taken for a lost sector. Used under whatever serialises the device.
 class LogFile {
   public:
-    static constexpr std::uint64_t kPage = 4096; ///< bytes
+    static constexpr std::uint64_t kPage = BlockDevice::kPageBytes;
 
     /// Finds it without mounting. 0 with nothing found means that there is none that can be used,
     /// and `absence` says why; see ntb_log_extents. Pieces that share a page of the device, as
