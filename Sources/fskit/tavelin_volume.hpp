@@ -88,7 +88,9 @@ class TavelinVolume final : public fskit::FSVolume,
     [[nodiscard]] std::int64_t maximumNameLength() const override { return 255; }
     [[nodiscard]] bool restrictsOwnershipChanges() const override { return false; }
     [[nodiscard]] bool truncatesLongNames() const override { return false; }
-    [[nodiscard]] std::int64_t maximumXattrSize() const override { return 0x4000000; }
+    [[nodiscard]] std::int64_t maximumXattrSize() const override {
+        return NTFSVolume::kXattrBytesMax;
+    }
     [[nodiscard]] std::uint64_t maximumFileSize() const override { return 0x100000000000; }
     [[nodiscard]] fskit::FSVolumeSupportedCapabilities supportedVolumeCapabilities() const override;
     /// Only the type name when the volume cannot answer.
@@ -116,13 +118,15 @@ class TavelinVolume final : public fskit::FSVolume,
     [[nodiscard]] bool isOpenCloseInhibited() const override { return openCloseInhibited_; }
     void setOpenCloseInhibited(bool inhibited) override { openCloseInhibited_ = inhibited; }
     Outcome<void> openItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
-    /// The last close flushes the item, which is a flush of everything. A failure is left to the
-    /// next synchronise.
+    /// The last close flushes an item that was changed, which is a flush of everything. A failure
+    /// is left to the next synchronise.
     void closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
 
     /// Fills every attribute that the volume knows, whatever is desired.
     Outcome<fskit::FSItemAttributes> getAttributes(const fskit::FSItemGetAttributesRequest& desired,
                                                    const fskit::FSItemRef& item) override;
+    /// kEINVAL for attributes that only the volume sets, kENOTSUP for flags that forbid changes;
+    /// nothing is applied then. The size of what is no file is ignored.
     Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,
                                                    const fskit::FSItemRef& item) override;
     Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
@@ -139,6 +143,7 @@ class TavelinVolume final : public fskit::FSVolume,
                        fskit::FSDirectoryEntryPacker& packer) override;
     Outcome<std::size_t> read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
                               fskit::FSMutableFileDataBuffer& buffer) override;
+    /// On a volume that is nearly full, as much as there is room for.
     Outcome<fskit::FSWriteFileResult> write(std::span<const std::byte> contents,
                                             const fskit::FSItemRef& item,
                                             std::int64_t offset) override;

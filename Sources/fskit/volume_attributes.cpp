@@ -3,6 +3,7 @@
 #include "fskit/private/item_type.hpp"
 #include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
+#include "platform/error_numbers.hpp"
 
 namespace tavelin {
 
@@ -18,6 +19,21 @@ std::uint32_t dosAttributes(const NTFSAttributes& record) {
     namespace Bit = fskit::FSItemDOSAttribute;
     return (record.readOnly ? Bit::readOnly : 0) | (record.hidden ? Bit::hidden : 0) |
            (record.system ? Bit::system : 0) | (record.compressed ? Bit::compressed : 0);
+}
+
+/// Throws when a request asks for what cannot be had, before anything of it is applied: kEINVAL for
+/// attributes that only the volume sets, kENOTSUP for flags that would be taken for protection and
+/// do not stick.
+void requireSettable(const fskit::FSItemAttributes& request) {
+    namespace Bit = fskit::FSItemAttribute;
+    constexpr fskit::FSItemAttributeSet kReadOnly =
+        Bit::type | Bit::linkCount | Bit::allocSize | Bit::fileID | Bit::parentID;
+    if ((request.validAttributes() & kReadOnly) != 0) {
+        throw NTFSError(kEINVAL);
+    }
+    if (request.isValid(Bit::flags) && (request.flags() & fskit::kImmutableFlags) != 0) {
+        throw NTFSError(kENOTSUP);
+    }
 }
 
 } // namespace
@@ -71,7 +87,9 @@ void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NIte
     if ((request.validAttributes() & (Bit::size | Bit::flags | kTimes)) != 0) {
         requireChangeable();
     }
-    if (request.isValid(Bit::size)) {
+    // The size of a directory or a link is not for a host to set, and a request to is no error. An
+    // Interix link is a file to the bridge: truncated, it would be no link any more.
+    if (request.isValid(Bit::size) && ntfs->attributes(item.reference).type == NTFSItemType::file) {
         ntfs->truncate(item.reference, request.size());
         request.consumedAttributes |= Bit::size;
     }
@@ -105,8 +123,10 @@ Outcome<fskit::FSItemAttributes>
 TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
                              const fskit::FSItemRef& item) {
     return request<"setAttributes">([&] {
-        const NItem& own = n(item);
+        NItem& own = n(item);
+        requireSettable(changes);
         apply(changes, own);
+        own.isUnflushed.store(true, std::memory_order_relaxed);
         fskit::FSItemAttributes result;
         describe(ntfs->attributes(own.reference), own.parent, result);
         return result;

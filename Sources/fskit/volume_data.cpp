@@ -31,8 +31,9 @@ Outcome<fskit::FSWriteFileResult> TavelinVolume::write(std::span<const std::byte
                                                        const fskit::FSItemRef& item,
                                                        std::int64_t offset) {
     return attempt<"write">([&] {
-        const NItem& own = n(item);
+        NItem& own = n(item);
         requireChangeable();
+        own.isUnflushed.store(true, std::memory_order_relaxed);
         const NTFSWrite written = ntfs->write(own.reference, unsignedOffset(offset), contents);
         return fskit::FSWriteFileResult{written.count, described(written.item, own.parent),
                                         written.freeBytes};

@@ -64,6 +64,7 @@ fskit::FSVolumeSupportedCapabilities TavelinVolume::supportedVolumeCapabilities(
     capabilities.supportsHiddenFiles = true;
     capabilities.supports64BitObjectIDs = true;
     capabilities.supportsFastStatFS = true;
+    capabilities.doesNotSupportImmutableFiles = true;
     capabilities.doesNotSupportSettingFilePermissions = true;
     // Names that differ only in case are the volume's business; to the host all names differ.
     capabilities.caseFormat = fskit::FSVolumeCaseFormat::sensitive;

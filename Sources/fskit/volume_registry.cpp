@@ -148,7 +148,7 @@ Outcome<void> TavelinVolume::openItem(const fskit::FSItemRef& item,
 
 void TavelinVolume::closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) {
     countRequest<"closeItem">();
-    if (item != nullptr && modes == 0 && !readOnly()) {
+    if (item != nullptr && modes == 0 && !readOnly() && n(item).isUnflushed.exchange(false)) {
         try {
             ntfs->flush(n(item).reference);
         } catch (const std::exception&) {

@@ -40,8 +40,10 @@ Outcome<void> TavelinVolume::setXattr(const fskit::FSFileName& named,
                                       const fskit::FSItemRef& item,
                                       fskit::FSSetXattrPolicy policy) {
     return request<"setXattr">([&] {
-        const std::uint64_t reference = n(item).reference;
+        NItem& own = n(item);
+        const std::uint64_t reference = own.reference;
         requireChangeable();
+        own.isUnflushed.store(true, std::memory_order_relaxed);
         if (policy == fskit::FSSetXattrPolicy::remove) {
             ntfs->removeXattr(name(named), reference);
         } else {

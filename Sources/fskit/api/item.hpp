@@ -52,6 +52,8 @@ inline constexpr FSItemAttributeSet inhibitKernelOffloadedIO = 1u << 17;
 
 /// In an item's flags: kept out of listings by default. UF_HIDDEN of macOS's <sys/stat.h>.
 inline constexpr std::uint32_t kHiddenFlag = 0x8000;
+/// Flags that forbid changes: UF_IMMUTABLE, UF_APPEND, SF_IMMUTABLE and SF_APPEND of the same.
+inline constexpr std::uint32_t kImmutableFlags = 0x2 | 0x4 | 0x20000 | 0x40000;
 
 /// One file-system object, whatever the number of its names: at most one live FSItem per object.
 /// Handed out as std::shared_ptr; a volume derives from it for its own state.

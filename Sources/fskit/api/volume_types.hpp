@@ -21,6 +21,7 @@ struct FSVolumeSupportedCapabilities {
     bool supports2TBFiles = false;
     bool supportsHiddenFiles = false;
     bool supports64BitObjectIDs = false;
+    bool doesNotSupportImmutableFiles = false;
     bool doesNotSupportSettingFilePermissions = false;
     FSVolumeCaseFormat caseFormat = FSVolumeCaseFormat::sensitive;
 };

@@ -270,7 +270,7 @@ Answer Daemon::getAttributes(FSItem *item) {
 Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
     FSItemSetAttributesRequest *request = noAttributes();
     request.size = size;
-    request.linkCount = 7; // never consumed
+    request.supportsLimitedXAttrs = YES; // never consumed
     Answer answer;
     const Into into{&answer};
     [volume() setAttributes:request

@@ -1,0 +1,126 @@
+// What hosts may ask to be changed, and what is answered where a volume cannot keep it.
+#include "module_fixture.hpp"
+
+#include "platform/error_numbers.hpp"
+
+namespace tavelin {
+namespace {
+
+using namespace test;
+namespace Bit = fskit::FSItemAttribute;
+using fskit::FSItemSetAttributesRequest;
+
+class Changes : public VolumeTest {};
+
+TEST_F(Changes, ASizeSetOnALinkOrADirectoryIsIgnored) {
+    start();
+    auto ask = requests();
+    for (const Item& item :
+         {*ask.symlink(root, "link", "target"), *ask.create(root, "folder", Type::directory)}) {
+        const auto before = *ask.attributes(item);
+        FSItemSetAttributesRequest change;
+        change.setSize(0);
+        change.setModifyTime({.tv_sec = 1000, .tv_nsec = 0});
+        const auto after = *ask.setAttributes(item, change);
+        EXPECT_EQ(change.consumedAttributes, Bit::modifyTime);
+        EXPECT_EQ(after.type(), before.type());
+        EXPECT_EQ(after.size(), before.size());
+    }
+    EXPECT_EQ(ask.readlink(*ask.lookup(root, "link"))->data(), "target");
+}
+
+TEST_F(Changes, WhatCannotBeKeptIsRefusedBeforeAnythingIsApplied) {
+    start();
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    using Set = void (*)(FSItemSetAttributesRequest&);
+    const std::vector<std::pair<Set, std::int64_t>> cases{
+        {[](auto& change) { change.setType(Type::directory); }, kEINVAL},
+        {[](auto& change) { change.setLinkCount(9); }, kEINVAL},
+        {[](auto& change) { change.setAllocSize(4096); }, kEINVAL},
+        {[](auto& change) { change.setFileID(77); }, kEINVAL},
+        {[](auto& change) { change.setParentID(77); }, kEINVAL},
+        {[](auto& change) { change.setFlags(0x2); }, kENOTSUP},     // chflags uchg
+        {[](auto& change) { change.setFlags(0x20000); }, kENOTSUP}, // schg
+        {[](auto& change) { change.setFlags(0x4); }, kENOTSUP},     // uappnd
+    };
+    for (const auto& [set, code] : cases) {
+        FSItemSetAttributesRequest change;
+        change.setSize(7);
+        set(change);
+        EXPECT_EQ(ask.setAttributes(file, change).code(), code);
+        EXPECT_EQ(change.consumedAttributes, 0u);
+        EXPECT_EQ(ask.attributes(file)->size(), 0u);
+    }
+    EXPECT_TRUE(volume().supportedVolumeCapabilities().doesNotSupportImmutableFiles);
+    FSItemSetAttributesRequest archived;
+    archived.setFlags(0x10000); // of no meaning here, and harmless
+    EXPECT_EQ(ask.setAttributes(file, archived).code(), 0);
+}
+
+TEST_F(Changes, ExtendedAttributesAreBoundedWhenTheyAreSetAndWhenTheyAreRead) {
+    const SampleVolume large({.bytes = 160 << 20});
+    disk = std::make_shared<MemoryResource>(large);
+    start();
+    auto ask = requests();
+    const auto most = static_cast<std::size_t>(volume().maximumXattrSize());
+    const Item file = *ask.create(root, "file");
+    const std::string value(most + 1, 'v');
+    EXPECT_EQ(ask.setXattr(file, "note", value), kE2BIG);
+    EXPECT_EQ((*ask.xattrs(file)).size(), 0u);
+    EXPECT_EQ(ask.setXattr(file, "note", std::string_view(value).substr(1)), 0);
+    EXPECT_EQ((*ask.xattr(file, "note")).size(), most);
+    // A stream may be any length, as other systems make them.
+    const std::uint64_t record = dynamic_cast<const NItem&>(*file).ino;
+    EXPECT_EQ(volume().ntfs->locked([&](ntb_vol* vol) {
+        return ntb_setxattr(vol, record, "note", value.data(), value.size(), NTB_XATTR_ANY);
+    }),
+              0);
+    EXPECT_EQ(ask.xattr(file, "note").code(), kE2BIG);
+}
+
+TEST_F(Changes, AWriteThatFillsTheVolumeTellsHowMuchWentIn) {
+    start();
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    std::string content(24 << 20, 'c'); // more than the volume has
+    content.back() = 'd';
+    std::size_t written = *ask.write(file, 0, content);
+    EXPECT_GT(written, 4u << 20);
+    EXPECT_LT(written, content.size());
+    EXPECT_EQ(ask.attributes(file)->size(), written);
+    for (int tries = 0; tries < 100; ++tries) {
+        const auto more = ask.write(file, static_cast<std::int64_t>(written),
+                                    std::string_view(content).substr(written));
+        if (more.code() != 0) {
+            EXPECT_EQ(more.code(), kENOSPC);
+            break;
+        }
+        written += *more;
+    }
+    EXPECT_LT(volume().volumeStatistics().freeBytes, 1u << 20) << "it is full now";
+    EXPECT_EQ(ask.attributes(file)->size(), written);
+    EXPECT_TRUE(*ask.read(file, 0, written, written) == content.substr(0, written));
+}
+
+TEST_F(Changes, TheLastCloseWritesBackWhatWasChanged) {
+    start();
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    EXPECT_EQ(ask.synchronize(), 0);
+    EXPECT_EQ(*ask.write(file, 0, "content"), 7u);
+    ask.close(file, fskit::FSVolumeOpenModesRead);
+    const int before = disk->count(MemoryResource::Call::write);
+    EXPECT_GT(volume().ioStatistics().get().dirtyPages, 0u) << "it is still open";
+    ask.close(file);
+    EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u);
+    const int after = disk->count(MemoryResource::Call::write);
+    EXPECT_GT(after, before);
+    EXPECT_EQ(ask.create(root, "other").code(), 0);
+    ask.close(file);
+    EXPECT_EQ(disk->count(MemoryResource::Call::write), after)
+        << "nothing was changed through this one";
+}
+
+} // namespace
+} // namespace tavelin
