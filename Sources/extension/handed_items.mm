@@ -1,5 +1,11 @@
 #import "extension/handed_items.hpp"
 
+/// What items can do from macOS 27.0 on. Asked of the object and not of the release, so that it
+/// also builds with the SDKs before, and both answers can be tested anywhere.
+@protocol TavelinReclaimableItem
+- (BOOL)tryReclaimWithBlock:(void (^)(void))reclaimBlock;
+@end
+
 namespace tavelin {
 
 namespace {
@@ -25,10 +31,10 @@ void HandedItems::reclaim(FSItem *item) {
     MutexLock lock(mutex_);
     if (item == nil) {
         volume_.reclaimItem(nullptr);
-    } else if (@available(macOS 27.0, *)) {
+    } else if ([item respondsToSelector:@selector(tryReclaimWithBlock:)]) {
         // FSKit knows whether an answer that is still on its way carries the item once more. Then
         // it does not run the block, and the item stays handed out.
-        [item tryReclaimWithBlock:^{
+        [static_cast<id<TavelinReclaimableItem>>(item) tryReclaimWithBlock:^{
             mutex_.assumeHeld();
             takeBack(item);
         }];

@@ -137,6 +137,7 @@ FSVolumeSupportedCapabilities *toFSKit(const fskit::FSVolumeSupportedCapabilitie
     result.supports2TBFiles = capabilities.supports2TBFiles;
     result.supportsHiddenFiles = capabilities.supportsHiddenFiles;
     result.supports64BitObjectIDs = capabilities.supports64BitObjectIDs;
+    result.doesNotSupportImmutableFiles = capabilities.doesNotSupportImmutableFiles;
     result.doesNotSupportSettingFilePermissions = capabilities.doesNotSupportSettingFilePermissions;
     result.caseFormat = static_cast<FSVolumeCaseFormat>(capabilities.caseFormat);
     return result;

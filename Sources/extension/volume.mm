@@ -57,6 +57,9 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
                    volumeName:toFSKit(static_cast<const fskit::FSVolume &>(*volume).name())])) {
         _handed = std::make_unique<tavelin::HandedItems>(*volume);
         _volume = std::move(volume);
+        // FSKit need not send a synchronise, and has none for a single file. The last close is then
+        // all that tells when a program is done with it.
+        _volume->setOpenCloseInhibited(false);
         _fileSystem = tavelin::Strong(fileSystem);
     }
     return self;
@@ -108,9 +111,11 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
 
 // Asked for after the mount: a volume that could only be opened read-only is then mounted so, and
 // the Finder offers no changes.
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
 - (FSMountOptions)requestedMountOptions API_AVAILABLE(macos(26.4)) {
     return _volume->readOnly() ? FSMountOptionsReadOnly : 0;
 }
+#endif
 
 // Lifecycle
 

@@ -240,6 +240,31 @@ TEST_F(Binding, GivesOneObjectForAFileAndKeepsItUntilReclaimed) {
     daemon_.takeDown();
 }
 
+TEST_F(Binding, TakesItemsBackOnReleasesWithoutTryReclaim) {
+    [FSItem setHasTryReclaim:NO];
+    daemon_.bringUp(resource());
+    const Answer file = daemon_.create(daemon_.root(), "file");
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok());
+    EXPECT_EQ(daemon_.volume().handedItemCount, 1u);
+    const Answer again = daemon_.lookup(daemon_.root(), "file");
+    EXPECT_NE(again.item(), file.item());
+    EXPECT_TRUE(daemon_.reclaim(again.item()).ok());
+    daemon_.takeDown();
+    [FSItem setHasTryReclaim:YES];
+}
+
+TEST_F(Binding, FlushesAFileThatIsClosedAndSaysWhatItDoesNotKeep) {
+    daemon_.bringUp(resource());
+    EXPECT_FALSE(daemon_.volume().isOpenCloseInhibited) << "no synchronise need come";
+    EXPECT_TRUE(daemon_.volume().supportedVolumeCapabilities.doesNotSupportImmutableFiles);
+    const Answer file = daemon_.create(daemon_.root(), "file");
+    EXPECT_TRUE(daemon_.open(file.item()).ok());
+    EXPECT_TRUE(daemon_.write(file.item(), "content").ok());
+    EXPECT_TRUE(daemon_.close(file.item()).ok());
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok());
+    daemon_.takeDown();
+}
+
 TEST_F(Binding, GivesANewFileItsOwnObjectThoughItsRecordWasUsed) {
     daemon_.bringUp(resource());
     FSItem *const root = daemon_.root();

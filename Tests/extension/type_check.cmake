@@ -1,6 +1,7 @@
-# tavelin_type_check(NAME FILE): a test that compiles the file as macOS code, without output.
+# tavelin_type_check(NAME FILE [OPTION...]): a test that compiles the file as macOS code, without
+# output.
 function(tavelin_type_check name file)
-  add_test(NAME binding.${name} COMMAND ${TAVELIN_MACOS_CHECK} ${file})
+  add_test(NAME binding.${name} COMMAND ${TAVELIN_MACOS_CHECK} ${ARGN} ${file})
   set_tests_properties(binding.${name} PROPERTIES LABELS binding)
 endfunction()
 
@@ -8,6 +9,7 @@ file(GLOB_RECURSE objective_cxx CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/Sources/
 foreach(file IN LISTS objective_cxx)
   cmake_path(GET file STEM stem)
   tavelin_type_check(type_check.${stem} ${file})
+  tavelin_type_check(type_check_sdk26.${stem} ${file} -D__MAC_OS_X_VERSION_MAX_ALLOWED=260000)
 endforeach()
 
 # That the check sees what it is for: each of these must fail, for the reason its first line gives.

@@ -51,11 +51,13 @@ void TVLFetchModuleState(void (^completion)(NSString *sentence, BOOL needsSettin
 }
 
 void TVLOpenExtensionSettings(void) {
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 270000
     if (@available(macOS 27.0, *)) {
         if ([[FSClient sharedInstance] openFileSystemExtensionsSettings]) {
             return;
         }
     }
+#endif
     NSURL *pane =
         [NSURL URLWithString:@"x-apple.systempreferences:com.apple.LoginItems-Settings.extension"];
     [[NSWorkspace sharedWorkspace] openURL:pane];

@@ -35,6 +35,11 @@
 + (instancetype)optionsWithWords:(NSArray<NSString *> *)words;
 @end
 
+@interface FSItem (Double)
+// NO: as before macOS 27.0, where items have no -tryReclaimWithBlock:.
++ (void)setHasTryReclaim:(BOOL)has;
+@end
+
 @interface FSFileName (Double)
 + (instancetype)nameWithText:(const std::string &)bytes;
 @end

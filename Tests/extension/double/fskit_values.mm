@@ -1,8 +1,10 @@
 // FSKit's value classes: one map of fields behind each object.
 #import "extension/double/fskit_double.h"
+#import <objc/runtime.h>
 
 #include "extension/memory.hpp"
 
+#include <atomic>
 #include <map>
 #include <string_view>
 
@@ -154,8 +156,21 @@ OBJECT(NSData *, data, Data)
 }
 @end
 
+static std::atomic<bool> hasTryReclaim = true;
+
 @implementation FSItem
++ (void)setHasTryReclaim:(BOOL)has {
+    hasTryReclaim = has;
+}
+- (BOOL)respondsToSelector:(SEL)selector {
+    return sel_isEqual(selector, @selector(tryReclaimWithBlock:))
+               ? hasTryReclaim.load()
+               : [super respondsToSelector:selector];
+}
 - (BOOL)tryReclaimWithBlock:(void (^)(void))reclaimBlock {
+    if (!hasTryReclaim) {
+        [self doesNotRecognizeSelector:_cmd];
+    }
     reclaimBlock();
     return YES;
 }
@@ -246,6 +261,7 @@ NUMBER(BOOL, supports2TBFiles, Supports2TBFiles)
 NUMBER(BOOL, supportsHiddenFiles, SupportsHiddenFiles)
 NUMBER(BOOL, supports64BitObjectIDs, Supports64BitObjectIDs)
 NUMBER(BOOL, supportsFastStatFS, SupportsFastStatFS)
+NUMBER(BOOL, doesNotSupportImmutableFiles, DoesNotSupportImmutableFiles)
 NUMBER(BOOL, doesNotSupportSettingFilePermissions, DoesNotSupportSettingFilePermissions)
 NUMBER(FSVolumeCaseFormat, caseFormat, CaseFormat)
 @end

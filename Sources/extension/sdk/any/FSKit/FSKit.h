@@ -11,6 +11,10 @@
 #include <sys/types.h>
 #include <time.h>
 
+// The release whose SDK these declarations stand for. What came later is left out, as it is there.
+#ifndef __MAC_OS_X_VERSION_MAX_ALLOWED
+#define __MAC_OS_X_VERSION_MAX_ALLOWED 270000
+#endif
 #ifndef API_AVAILABLE
 #define API_AVAILABLE(...)
 #endif
@@ -207,7 +211,9 @@ FSKIT_STORAGE
 FSKIT_V1
 @interface FSItem : NSObject
 FSKIT_STORAGE
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 270000
 - (BOOL)tryReclaimWithBlock:(void (^)(void))reclaimBlock FSKIT_V3;
+#endif
 @end
 
 typedef NS_ENUM(NSInteger, FSItemType) {
@@ -301,7 +307,9 @@ FSKIT_V1
 + (FSClient *)sharedInstance;
 - (void)fetchInstalledExtensionsWithCompletionHandler:
     (void (^)(NSArray<FSModuleIdentity *> *_Nullable, NSError *_Nullable))completionHandler;
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 270000
 - (BOOL)openFileSystemExtensionsSettings FSKIT_V3;
+#endif
 @end
 
 NS_ASSUME_NONNULL_END

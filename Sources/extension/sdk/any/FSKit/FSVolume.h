@@ -46,6 +46,7 @@ FSKIT_STORAGE
 @property (nonatomic) BOOL supportsHiddenFiles;
 @property (nonatomic) BOOL supports64BitObjectIDs;
 @property (nonatomic) BOOL supportsFastStatFS;
+@property (nonatomic) BOOL doesNotSupportImmutableFiles;
 @property (nonatomic) BOOL doesNotSupportSettingFilePermissions;
 @property (nonatomic) FSVolumeCaseFormat caseFormat;
 @end
@@ -81,9 +82,11 @@ typedef NS_ENUM(NSInteger, FSSyncFlags) {
     FSSyncFlagsDWait = 4,
 } FSKIT_V1;
 
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
 typedef NS_OPTIONS(NSUInteger, FSMountOptions) {
     FSMountOptionsReadOnly = 1 << 0,
 } FSKIT_V2_4;
+#endif
 
 typedef NS_OPTIONS(NSUInteger, FSVolumeOpenModes) {
     FSVolumeOpenModesRead = 1 << 0,
@@ -173,7 +176,9 @@ FSKIT_V1
                   (void (^)(FSDirectoryVerifier currentVerifier, NSError *_Nullable error))reply;
 @optional
 @property (readonly) BOOL enableOpenUnlinkEmulation FSKIT_V2;
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
 @property (readonly) FSMountOptions requestedMountOptions FSKIT_V2_4;
+#endif
 @end
 
 FSKIT_V1

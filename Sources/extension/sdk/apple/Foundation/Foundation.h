@@ -39,6 +39,7 @@ NS_ASSUME_NONNULL_BEGIN
 
 @protocol NSObject
 - (BOOL)isKindOfClass:(Class)type;
+- (BOOL)respondsToSelector:(SEL)aSelector;
 - (BOOL)isEqual:(id _Nullable)object;
 @end
 
