@@ -1,4 +1,7 @@
 # What `cmake --install` puts where. debian/ makes a package of it.
+if(NOT TAVELIN_HOSTS)
+  return()
+endif()
 set(man ${PROJECT_BINARY_DIR}/generated/tavelin.1)
 configure_file(${PROJECT_SOURCE_DIR}/docs/tavelin.1.in ${man} @ONLY)
 

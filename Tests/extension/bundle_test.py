@@ -52,6 +52,9 @@ EXTENSION = COMMON + [
     (ATTRIBUTES + "/FSSupportsGenericURLResources", bool, False),
     (ATTRIBUTES + "/FSSupportsServerURLs", bool, False),
     (ATTRIBUTES + "/FSRequiresSecurityScopedPathURLResources", bool, False),
+    # Without it, some releases of macOS leave the module out of the installed ones. Adopting the
+    # protocol is not asked for.
+    (ATTRIBUTES + "/FSSupportsKernelOffloadedIO", bool, True),
     (ATTRIBUTES + "/FSActivateOptionSyntax/shortOptions", str, None),
     (ATTRIBUTES + "/FSCheckOptionSyntax/shortOptions", str, None),
     # DiskArbitration: drops a module without personalities or media types; matches the media by
@@ -185,30 +188,45 @@ class Bundle(unittest.TestCase):
                 self.assertNotEqual(self.assemble(folder, **changes).returncode, 0)
                 self.assertEqual(os.listdir(folder / "Tavelin.app"), [])
 
-    def test_is_signed_from_the_inside_out(self):
-        with tempfile.TemporaryDirectory() as name:
-            folder = Path(name)
-            appex = folder / "T.app/Contents/Extensions/M.appex"
-            appex.mkdir(parents=True)
-            recorder = folder / "codesign"
-            recorder.write_text(f'#!/bin/sh\necho "$@" >>"{folder}/calls"\n')
-            recorder.chmod(0o755)
-            script = SOURCE / "packaging/macos/sign-bundle"
-            subprocess.run(
-                [script, folder / "T.app", "Developer ID", "inner", "outer"],
-                env={"PATH": f"{folder}:{os.environ['PATH']}"},
-                capture_output=True,
-                check=True,
-            )
-            flags = "--force --timestamp --options runtime --entitlements"
-            self.assertEqual(
-                (folder / "calls").read_text().splitlines(),
-                [
-                    f"{flags} inner --sign Developer ID {appex}",
-                    f"{flags} outer --sign Developer ID {folder}/T.app",
-                    f"--verify --deep --strict --verbose=2 {folder}/T.app",
-                ],
-            )
+    def test_is_signed_from_the_inside_out_claiming_only_what_a_profile_grants(self):
+        script = SOURCE / "packaging/macos/sign-bundle"
+        sandbox = str(script.parent / "sandbox.entitlements")
+        self.assertEqual(
+            plistlib.loads(Path(sandbox).read_bytes()), {"com.apple.security.app-sandbox": True}
+        )
+        for identity, profiles, entitlements in (
+            ("Developer ID", ("inner", "outer"), ("inner", "outer")),
+            ("Developer ID", ("inner",), ("inner", sandbox)),
+            ("Developer ID", (), (sandbox, sandbox)),
+            ("-", ("inner", "outer"), (sandbox, sandbox)),
+        ):
+            with tempfile.TemporaryDirectory() as name:
+                folder = Path(name)
+                app = folder / "T.app"
+                appex = app / "Contents/Extensions/M.appex"
+                for part, path in (("inner", appex), ("outer", app)):
+                    (path / "Contents").mkdir(parents=True, exist_ok=True)
+                    if part in profiles:
+                        (path / "Contents/embedded.provisionprofile").touch()
+                recorder = folder / "codesign"
+                recorder.write_text(f'#!/bin/sh\necho "$@" >>"{folder}/calls"\n')
+                recorder.chmod(0o755)
+                subprocess.run(
+                    [script, app, identity, "inner", "outer"],
+                    env={"PATH": f"{folder}:{os.environ['PATH']}"},
+                    capture_output=True,
+                    check=True,
+                )
+                stamp = "--timestamp=none" if identity == "-" else "--timestamp"
+                flags = f"--force {stamp} --options runtime --entitlements"
+                self.assertEqual(
+                    (folder / "calls").read_text().splitlines(),
+                    [
+                        f"{flags} {entitlements[0]} --sign {identity} {appex}",
+                        f"{flags} {entitlements[1]} --sign {identity} {app}",
+                        f"--verify --deep --strict --verbose=2 {app}",
+                    ],
+                )
 
 
 class Library(unittest.TestCase):
