@@ -2,12 +2,14 @@
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
+#include "hosts/cli/image_place.hpp"
 #include "hosts/cli/text.hpp"
 #include "hosts/fuse/mount/commands.hpp"
 
 #include <fmt/format.h>
 
 #include <memory>
+#include <optional>
 
 namespace tavelin::cli {
 namespace {
@@ -28,6 +30,13 @@ void failQuietlyUnless(int exitCode) {
 
 void runMount(MountCommand& command) {
     fusehost::MountRequest& request = command.request;
+    // The kernel finds the partitions of a loop device, and each of them is a volume to mount.
+    if (const ImagePlace place = findVolume(command.image, std::nullopt); place.partition != 0) {
+        throw Failure(fmt::format("{0}: is a whole disk: 'losetup -fP --show {0}' makes devices of "
+                                  "its partitions, of which the one that ends in p{1} can be "
+                                  "mounted",
+                                  escaped(place.path), place.partition));
+    }
     for (const std::string& list : command.options) {
         const auto unknown = fusehost::applyOptions(list, request);
         if (!unknown.empty()) {

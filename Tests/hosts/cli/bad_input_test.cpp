@@ -170,6 +170,9 @@ TEST(BadInput, AWholeDiskStandsForItsNTFSPartition) {
     EXPECT_NE(tavelinDone({"check", disk}).find("nothing is wrong"), std::string::npos);
     EXPECT_EQ(readFile(disk).substr(0, 2 << 20), diskOf({other, bytes}).substr(0, 2 << 20));
     expectRefusal(tavelinRun({"ls", disk + ":1"}), kFailed, "text file");
+    if (tavelinRun({"mount", "--help"}).ok()) { // where there is a FUSE host
+        expectRefusal(tavelinRun({"mount", disk, volume.directory().path()}), kFailed, "p2 can be");
+    }
     expectRefusal(tavelinRun({"ls", disk + ":3"}), kFailed, "no partition 3: it has 1 (1.0 MiB)");
     expectRefusal(tavelinRun({"ls", volume.image().string() + ":1"}), kFailed,
                   "no partition table");
