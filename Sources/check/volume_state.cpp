@@ -22,6 +22,7 @@ constexpr std::uint16_t kVolumeIsClean = 0x0002;
 constexpr std::uint16_t kFastStartVersion = 2;
 /// The first page. Its header and restart area lie before the first fixup, at 510.
 constexpr std::size_t kHeadBytes = 512;
+static_assert(kMajorVersion + sizeof(std::uint16_t) <= kHeadBytes);
 constexpr std::uint64_t kBitmapBytesMax = 64 << 20; // 512 million records
 
 void readLog(Volume& volume, VolumeState& state) {

@@ -39,6 +39,8 @@ const Command* findCommand(std::string_view name) {
 constexpr std::size_t kHelpColumns = 80;
 constexpr std::size_t kHelpIndent = 26; ///< of what an option means
 
+static_assert(kHelpIndent < kHelpColumns / 2, "wrapping needs room behind the indent");
+
 /// The help with lines that fit a terminal: the parser writes each description on one. Rows of
 /// options and commands go on below the description; examples stay as they are to be typed.
 std::string wrapped(const std::string& help) {

@@ -24,6 +24,9 @@ enum class ExitStatus : int {
     unreadable = 3, ///< of `check` alone: the image cannot be read
 };
 
+static_assert(static_cast<int>(ExitStatus::done) == 0 && static_cast<int>(ExitStatus::failed) == 1);
+static_assert(static_cast<int>(ExitStatus::wrongUsage) == 2);
+
 /// Thrown by commands. runCommandLine() catches it and prints its message behind
 /// "tavelin COMMAND: ". An empty message prints nothing, for errors that are on standard error
 /// already. The message goes to a terminal, so names in it are escaped().

@@ -176,6 +176,15 @@ constexpr Magic kMagics[] = {
     {"MSWIM", "a WIM archive: unpack it first"},
 };
 
+static_assert(std::all_of(std::begin(kMagics), std::end(kMagics),
+                          [](const Magic& magic) { return !magic.bytes.empty(); }),
+              "an empty one would match every image");
+static_assert(std::none_of(std::begin(kMagics), std::end(kMagics),
+                           [](const Magic& magic) {
+                               return magic.bytes.size() > ntb::boot_sector_bytes;
+                           }),
+              "only the first sector is compared");
+
 std::string systemText(const std::string& type) {
     if (type == "BitLocker") {
         return "encrypted with BitLocker: unlock it first, such as with 'cryptsetup bitlkOpen'";

@@ -39,6 +39,8 @@ std::vector<std::string> dosAttributeNames(const fskit::FSItemAttributes& attrib
         {Bit::system, "system"},
         {Bit::compressed, "compressed"},
     };
+    static_assert((kNames[0].first & kNames[1].first) == 0 &&
+                  (kNames[2].first & kNames[3].first) == 0);
     std::vector<std::string> names;
     for (const auto& [bit, name] : kNames) {
         if ((attributes.native().dosAttributes & bit) != 0) {

@@ -87,6 +87,19 @@ constexpr CodeRange kNoWidth[] = {
     {0x0300, 0x036F}, {0x200B, 0x200D}, {0x20D0, 0x20FF}, {0x3099, 0x309A}, {0xFE00, 0xFE0F},
 };
 
+// Ranges in order and apart show that none was forgotten or entered twice.
+template<std::size_t kCount>
+constexpr bool areApart(const CodeRange (&ranges)[kCount]) {
+    for (std::size_t i = 0; i < kCount; ++i) {
+        if (ranges[i].first > ranges[i].last || (i > 0 && ranges[i - 1].last >= ranges[i].first)) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(areApart(kWide));
+static_assert(areApart(kNoWidth));
+
 std::size_t columnsOf(char32_t code) {
     const auto contains = [&](const CodeRange& range) {
         return code >= range.first && code <= range.last;

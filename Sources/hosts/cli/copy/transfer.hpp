@@ -28,6 +28,7 @@ inline constexpr std::size_t kTransferBytes = 1 << 20;
 /// damaged volume's directories may form. Each level keeps a directory of the host open, so it
 /// stays below the 1024 descriptors that a process usually has.
 inline constexpr int kTreeDepthMax = 500;
+static_assert(kTreeDepthMax < 1000, "some descriptors are needed for other things");
 
 /// Counts of the items that were copied whole.
 struct CopyReport {
