@@ -147,6 +147,8 @@ int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcep
     if (known_free != nullptr) {
         vol.volume->free_clusters = known_free->clusters;
         vol.volume->free_mft_records = known_free->records;
+        // Without this flag the library leaves its counts as they are, whatever is allocated.
+        NVolSetFreeSpaceKnown(vol.volume);
         return 0;
     }
     errno = 0;
