@@ -240,6 +240,9 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The listing to serve a page from: the reader's own, or a fresh one.
     Snapshot listing(const NItem& directory, fskit::FSDirectoryCookie cookie,
                      fskit::FSDirectoryVerifier verifier) TAVELIN_EXCLUDES(items);
+    /// Of the item that has an entry's name now; absent when the name has been removed.
+    [[nodiscard]] std::optional<NTFSAttributes> currentAttributes(const NTFSDirEntry& entry,
+                                                                  const NItem& directory);
     void packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
                      bool described, Pager& pager);
 

@@ -53,12 +53,14 @@ class TavelinVolume::Pager {
     /// The first entry at or after the cookie, as a position in the listing.
     std::uint64_t first() const noexcept { return start_ > dots_ ? start_ - dots_ : 0; }
 
-    /// Packs the entry at a position of the listing; false when it did not fit.
+    /// Packs the entry at a position of the listing; false when it did not fit. With attributes
+    /// the item is the one that they describe.
     bool pack(std::uint64_t position, const fskit::FSItemAttributes* attributes) {
         const NTFSDirEntry& entry = listing_.entries[static_cast<std::size_t>(position)];
         const bool isLast = position + 1 == listing_.entries.size();
         name_ = entry.name;
-        return pack(name_, fskitType(entry.type), Driver2::itemID(entry.ino),
+        return pack(name_, attributes != nullptr ? attributes->type() : fskitType(entry.type),
+                    attributes != nullptr ? attributes->fileID() : Driver2::itemID(entry.ino),
                     isLast ? kEndCookie
                            : Driver2::DirectorySnapshot::cookie(
                                  static_cast<std::int64_t>(position + dots_)),
@@ -90,21 +92,35 @@ class TavelinVolume::Pager {
     fskit::FSFileName name_; // of the entry at hand, in the memory of the one before
 };
 
+std::optional<NTFSAttributes> TavelinVolume::currentAttributes(const NTFSDirEntry& entry,
+                                                               const NItem& directory) {
+    try {
+        return ntfs->attributes(entry.reference());
+    } catch (const NTFSError& error) {
+        if (error.code != kESTALE) {
+            throw;
+        }
+    }
+    // The item is gone, but another may have taken its name, by a rename over it: the name has been
+    // there all the time.
+    return ntfs->find(entry.name, directory.reference);
+}
+
 void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
                                 bool described, Pager& pager) {
     fskit::FSItemAttributes memory; // of the entry at hand, filled anew for each
     for (std::uint64_t at = pager.first(); at < listing.entries.size(); ++at) {
         const fskit::FSItemAttributes* attributes = nullptr;
         if (described) {
-            const std::uint64_t reference =
-                listing.entries[static_cast<std::size_t>(at)].reference();
+            const NTFSDirEntry& entry = listing.entries[static_cast<std::size_t>(at)];
             try {
-                describe(ntfs->attributes(reference), parentOf(reference, directory.ino), memory);
-                attributes = &memory;
-            } catch (const NTFSError& error) {
-                if (error.code == kESTALE) {
-                    continue; // removed since the listing was taken
+                const auto current = currentAttributes(entry, directory);
+                if (!current) {
+                    continue; // the name has been removed since the listing was taken
                 }
+                describe(*current, parentOf(current->reference(), directory.ino), memory);
+                attributes = &memory;
+            } catch (const NTFSError&) {
                 // One unreadable item must not hide the rest: it is listed without attributes.
             }
         }
