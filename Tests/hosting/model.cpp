@@ -215,6 +215,9 @@ Answer Model::data(const Operation& op, Node& node) {
         return node.kind == ItemKind::symlink ? Answer{.data = node.content}
                                               : Answer{.error = kEINVAL};
     }
+    if (op.verb == Verb::truncate && node.kind == ItemKind::directory) {
+        return {}; // a size that is set on what has none is ignored
+    }
     if (node.kind == ItemKind::symlink) {
         return {.error = kEINVAL}; // hosts never send data requests for links
     }
