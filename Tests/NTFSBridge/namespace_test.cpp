@@ -1,6 +1,8 @@
 // Lookup, listing, creating, removing, renaming, symbolic links.
 #include "bridge_volume.hpp"
 
+#include <algorithm>
+
 namespace tavelin::test {
 namespace {
 
