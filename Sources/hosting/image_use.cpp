@@ -90,7 +90,7 @@ std::string loopOver(const LoopExtent& extent, const std::optional<Identity>& ex
     const std::optional<Identity> image = identityOf(extent.file);
     std::error_code none;
     for (const fs::directory_entry& entry : fs::directory_iterator("/sys/block", none)) {
-        const std::string name = entry.path().filename();
+        std::string name = entry.path().filename();
         const auto other = name.starts_with("loop") ? loopExtent(entry.path()) : std::nullopt;
         if (!other || !other->overlaps(extent) || !image || identityOf(other->file) != image ||
             identityOf("/dev/" + name) == except) {
