@@ -168,7 +168,7 @@ std::string humanSize(std::uint64_t bytes) {
         value /= 1024;
         ++unit;
     }
-    TAVELIN_ASSERT(unit < kUnits.size() && value >= 1);
+    TAVELIN_ASSERT(unit < kUnits.size());
     return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
