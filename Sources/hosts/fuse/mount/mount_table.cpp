@@ -3,12 +3,12 @@
 #include "platform/file_descriptor.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace tavelin::fusehost {
@@ -26,7 +26,7 @@ int exitStatusOf(pid_t child) {
 // fusermount3 says why it failed in English only. 0, or the errno that its text stands for.
 int errorIn(const std::string& text) {
     for (const int error : {EBUSY, EPERM, EACCES, EINVAL, ENOENT}) {
-        if (text.find(std::strerror(error)) != std::string::npos) {
+        if (text.find(std::generic_category().message(error)) != std::string::npos) {
             return error;
         }
     }
