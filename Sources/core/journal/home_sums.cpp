@@ -26,6 +26,8 @@ void HomeSums::note(std::uint64_t page, const std::byte* content) noexcept {
 void HomeSums::note(std::uint64_t page, const SectorSums& sums) noexcept {
     TAVELIN_ASSERT(page != kNoPage);
     if (!slots_.empty()) {
+        // Two pages of one slot take turns. The loser's home location is read again when it is
+        // replaced.
         slots_[page % kPagesMax] = {page, sums};
     }
 }
@@ -35,11 +37,13 @@ void HomeSums::forget(std::uint64_t offset, std::uint64_t length) noexcept {
     const std::uint64_t last = (offset + length - 1) / LogFile::kPage;
     for (std::uint64_t page = offset / LogFile::kPage; !slots_.empty() && page <= last; ++page) {
         Slot& slot = slots_[page % kPagesMax];
+        // The slot may hold another page of the same remainder, which this write does not touch.
         slot.page = slot.page == page ? kNoPage : slot.page;
     }
 }
 
 const SectorSums* HomeSums::find(std::uint64_t page) const noexcept {
+    // Unknown is always a safe answer: the caller reads the home location.
     if (slots_.empty() || slots_[page % kPagesMax].page != page) {
         return nullptr;
     }

@@ -17,6 +17,8 @@ namespace {
 constexpr std::uint64_t kRecordWriteBytesMax = 256 * LogFile::kPage; ///< longest write of a record
 
 std::uint64_t randomNumber() {
+    // Two draws, as one has 32 bits. The number need not be secret: it only has to differ from
+    // those of earlier sessions, whose records may still lie in the file.
     std::random_device source;
     return std::uint64_t{source()} << 32 | source();
 }
@@ -30,7 +32,8 @@ Journal::Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t
       end_(std::min(log_.size(), kBegin + kRecordBytesMax)),
       capacity_((end_ - kBegin) / kPage) {
     TAVELIN_ASSERT(log_.size() >= kBegin + kRecordBytesMin);
-    // Behind a record without pages.
+    // After a reset the file begins with a record without pages. The largest record must fit behind
+    // that one, or a sync of `capacity_` pages would fail for as long as the session lasts.
     while (JournalRecord::length(0) + JournalRecord::length(capacity_) > (end_ - kBegin) / kPage) {
         --capacity_;
     }
@@ -42,6 +45,8 @@ std::int32_t Journal::find(const std::shared_ptr<BlockDevice>& device,
     if (const std::int32_t error = LogFile::find(device, log, absence); error != 0 || !log) {
         return error;
     }
+    // A smaller file is sound, but a sync of a few pages would fill it, and operations would be
+    // split over several records.
     if (log->size() < kBegin + kRecordBytesMin) {
         absence = JournalAbsence::tooSmall;
         return 0;
@@ -49,6 +54,8 @@ std::int32_t Journal::find(const std::shared_ptr<BlockDevice>& device,
     try {
         DeviceBox box(device);
         const ntb_io io = makeIO(box);
+        // Each record carries the volume's serial number. A formatter may leave old records in the
+        // clusters of the new $LogFile: by their number they are not valid.
         std::uint64_t serial = 0;
         if (ntb_probe(&io, &serial) != 0) {
             return EIO; // it was an NTFS volume a moment ago
@@ -66,15 +73,19 @@ std::int32_t Journal::readRecord(std::uint64_t position, const LastRecord& last,
     found.entries.reset();
     std::vector<std::byte>& whole = found.bytes;
     whole.resize(kPage);
+    // One page first. It has the fixed part of the header, and only that says how long the record
+    // is.
     if (const std::int32_t error = log_.read(whole.data(), position, kPage); error != 0) {
         isUnreadable_ = isUnreadable_ || error == EIO;
         return error == EIO ? 0 : error;
     }
     const auto record = JournalRecord::parse(whole.data());
-    // The session keeps apart what an earlier one left behind; the sequence, what an earlier lap
-    // of the same one did.
+    // The session rejects records of an earlier session. The sequence number rejects those of an
+    // earlier lap of this one, which lie behind the last record after a reset.
     const bool isNext = !last || (record && record->session == last->session &&
                                   record->sequence == last->sequence + 1);
+    // No checksum has been verified so far, so a damaged header may claim any count of pages. The
+    // two limits keep the next read inside the file and its memory bounded.
     if (!record || !isNext || record->serial != serial_ || record->pages > capacity_ ||
         position + JournalRecord::length(record->pages) * kPage > end_) {
         return 0;
@@ -89,6 +100,8 @@ std::int32_t Journal::readRecord(std::uint64_t position, const LastRecord& last,
         isUnreadable_ = isUnreadable_ || error == EIO;
         return error == EIO ? 0 : error;
     }
+    // A device of no whole number of pages still has its last page, hence the rounding up. An entry
+    // beyond it would have replay write past the device's end.
     found.entries = record->decode(whole, (device_->size() + kPage - 1) / kPage);
     found.record = *record;
     return 0;
@@ -98,12 +111,15 @@ std::int32_t Journal::readRecords(std::uint64_t end, JournaledPages& pages, Last
                                   std::uint64_t& position) {
     bool isOurs = false;
     bool isLost = false;
+    // Windows keeps its restart pages in the first 64 KiB. Where they are not blank, Windows or
+    // another driver has used the file since, and has written over the volume without regard to our
+    // records.
     if (const auto error = log_.isBlank(0, kBegin, isOurs, isLost); error != 0) {
         return error;
     }
-    // Nothing of ours is in these 64 KiB, and a record says itself what it may replace: a page of
-    // them that cannot be read does not make it invalid. Where the others are not blank, they are
-    // a journal of Windows's, which is not ours to judge or mend.
+    // A page of these 64 KiB that cannot be read does not make the records invalid: nothing of ours
+    // is in it, and each record says itself what it may replace. Where the readable ones are not
+    // blank they belong to a journal of Windows, which is not ours to judge or repair.
     isUnreadable_ = isOurs && isLost;
     Found found;
     for (position = kBegin; isOurs && position < end; position += found.bytes.size()) {
@@ -117,10 +133,13 @@ std::int32_t Journal::readRecords(std::uint64_t end, JournaledPages& pages, Last
         const std::byte* content =
             found.bytes.data() + JournalRecord::headerPages(last->pages) * kPage;
         for (const JournalEntry& entry : *found.entries) {
+            // A later record supersedes an earlier one page by page, as its sync came later.
             auto& page = pages.content[entry.page];
             page = std::make_unique_for_overwrite<DevicePage>();
             std::memcpy(page->data(), content, kPage);
             content += kPage;
+            // All states of the page are kept, not the last one alone. A cut during a home write
+            // may leave any of them, and different sectors of one page may be in different states.
             auto& expected = pages.expected[entry.page];
             expected.push_back(entry.before);
             expected.push_back(entry.after);
@@ -135,8 +154,12 @@ std::int32_t Journal::readPending(JournaledPages& pages) noexcept {
         LastRecord last;
         std::uint64_t position = kBegin;
         const std::int32_t error = readRecords(end_, pages, last, position);
+        // Records of an earlier lap may lie behind the last valid one, and it is not known how far
+        // they reach. end() must then blank the whole file.
         hasForeignContent_ = last || isUnreadable_;
         if (error == 0 && last) {
+            // The session goes on where it stopped, so that reset() and end() write a header that
+            // supersedes the records found. A cut in the middle of them leaves either.
             session_ = last->session;
             sequence_ = last->sequence + 1;
             position_ = used_ = position;
@@ -152,9 +175,12 @@ std::int32_t Journal::readCommitted(PageMap& pages) noexcept {
     try {
         LastRecord last;
         std::uint64_t position = kBegin;
+        // Read up to position_ and no further: behind it may stand a record whose sync failed. Its
+        // pages are pending, but nobody was told that they are durable.
         JournaledPages found;
         const std::int32_t error = readRecords(position_, found, last, position);
-        // What this session has written and cannot read back is lost: that must be answered.
+        // Every record up to position_ was synchronised. If one cannot be read back, its pages that
+        // did not reach their home are lost, and the caller must hear of it.
         const bool isComplete = position == position_;
         pages = std::move(found.content);
         return error == 0 && !isComplete ? EIO : error;
@@ -168,8 +194,12 @@ std::int32_t Journal::readCommitted(PageMap& pages) noexcept {
 std::int32_t Journal::inspect() noexcept {
     bool isBlank = false;
     bool isLost = false;
+    // One page more than the 64 KiB. A header there that replay found invalid is the remainder of
+    // an older session, and end() must blank that as well.
     const std::int32_t error = log_.isBlank(0, kBegin + kPage, isBlank, isLost);
     hasForeignContent_ = !isBlank;
+    // A sector that cannot be read may not take a write either, and a journal that fails in the
+    // middle of a session would fail every sync. The caller then works without one.
     return error == 0 && isLost ? EIO : error;
 }
 
@@ -182,6 +212,9 @@ std::int32_t Journal::begin() noexcept {
     } catch (const std::exception&) {
         return EIO; // no random numbers to be had
     }
+    // Now and not at the mount, so that a mount that changes nothing writes nothing. The content
+    // goes before the first record is written: behind a journal of Windows no record would be
+    // valid.
     if (hasForeignContent_) {
         if (const std::int32_t error = blankAll(); error != 0) {
             return error;
@@ -228,6 +261,9 @@ std::int32_t Journal::append(const PageMap& content,
 
 void Journal::commit() noexcept {
     TAVELIN_ASSERT(appended_ != 0 && !isStartingOver_);
+    // Only now does the position move. Had the device's sync failed, the next append would
+    // overwrite this record under the same sequence number, and at most one of the two can be
+    // whole.
     position_ += std::exchange(appended_, 0);
     ++sequence_;
 }
@@ -235,14 +271,17 @@ void Journal::commit() noexcept {
 void Journal::checkInvariants() const noexcept {
     TAVELIN_ASSERT(position_ >= kBegin && position_ <= end_ && position_ % kPage == 0);
     TAVELIN_ASSERT(position_ + appended_ <= end_);
+    // end() blanks up to used_, so it must cover every record of the session.
     TAVELIN_ASSERT(used_ >= kBegin && used_ <= end_);
     TAVELIN_ASSERT(position_ == kBegin || used_ >= position_);
+    // Outside a session the file is blank and the next record is the first.
     TAVELIN_ASSERT(position_ == kBegin || isBegun_);
     TAVELIN_ASSERT(sequence_ >= 1);
     TAVELIN_ASSERT(JournalRecord::length(capacity_) * kPage <= end_ - kBegin);
 }
 
-// The header of a record without pages is in one block, which a cut leaves old or new.
+// The bytes that hold the header of a record without pages. It is one block of the device, which a
+// power cut leaves old or new but never mixed.
 std::uint64_t Journal::headerBlock() const noexcept {
     return std::max<std::uint64_t>(device_->blockSize(), kSectorBytes);
 }
@@ -250,6 +289,8 @@ std::uint64_t Journal::headerBlock() const noexcept {
 std::int32_t Journal::reset() noexcept {
     isStartingOver_ = true;
     try {
+        // This one write invalidates all records. The new header has a sequence number that no
+        // record of the file follows, and it lists no pages, so replay finds nothing to do.
         const JournalRecord record{.serial = serial_, .session = session_, .sequence = sequence_};
         const std::vector<std::byte> header = record.encode({});
         if (const auto error = log_.write(header.data(), kBegin, headerBlock()); error != 0) {
@@ -258,33 +299,45 @@ std::int32_t Journal::reset() noexcept {
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
-    // Without this sync a cut could keep the old header and lose parts of what it makes valid.
+    // Records after this one overwrite the old ones. Unless the new header is durable first, a cut
+    // could keep the old header and lose parts of the records that it makes valid.
     if (const auto error = device_->sync(); error != 0) {
         return error;
     }
     ++sequence_;
     position_ = kBegin + kPage;
     used_ = std::max(used_, position_);
+    // On every return above the flag stays set: the header on the device may be the old or the new
+    // one, so no record may be appended until a reset has succeeded.
     isStartingOver_ = false;
     return 0;
 }
 
 std::int32_t Journal::end() noexcept {
+    // Step one invalidates the records while their successor is one sector. From then on a cut at
+    // any point leaves a record without pages, and the next mount goes on with the end.
     if (const auto error = reset(); error != 0) {
         return error;
     }
+    // Step two blanks everything behind the header. What this session did not write may lie
+    // anywhere in the file, so it is then blanked as a whole.
     const std::uint64_t last = hasForeignContent_ ? log_.size() : used_;
     if (const auto error = log_.makeBlank(kBegin + headerBlock(), last); error != 0) {
         return error;
     }
+    // The first 64 KiB are only touched when they may hold something: after a replay they may have
+    // a page that could not be read, which a write may restore.
     if (const auto error = hasForeignContent_ ? log_.makeBlank(0, kBegin) : 0; error != 0) {
         return error;
     }
     if (const auto error = device_->sync(); error != 0) {
         return error;
     }
-    // From here on nothing may follow the header, which may be gone.
+    // A failure from here on leaves it open whether the header is still there. A record must not be
+    // appended behind a header that is gone, so the next sync resets first.
     isStartingOver_ = true;
+    // Step three. The header goes after everything behind it is durably blank: a cut before this
+    // leaves the header, and with it the sign that the file is not finished.
     if (const auto error = log_.makeBlank(kBegin, kBegin + headerBlock()); error != 0) {
         return error;
     }
@@ -292,21 +345,30 @@ std::int32_t Journal::end() noexcept {
         return error;
     }
     position_ = used_ = kBegin;
+    // The file is all 0xff, as a formatter leaves it. Any system finds it as if there had been no
+    // journal.
     isBegun_ = isStartingOver_ = hasForeignContent_ = false;
     return 0;
 }
 
 std::int32_t Journal::makeInvalid() noexcept {
+    // Blanks every page that takes a write. One blank page invalidates the record that it belongs
+    // to and all records behind it.
     log_.makeBlankWherePossible(kBegin, log_.size());
-    static_cast<void>(device_->sync()); // what counts is what can be read back
+    // The sync may fail for the page that cannot be written. The result is decided by reading the
+    // file again.
+    static_cast<void>(device_->sync());
+    // Where no valid record can be read any more the volume may change. Where one can, the next
+    // mount would replay it over later changes, so the caller must not go on.
     JournaledPages pages;
     isBegun_ = false;
     const std::int32_t error = readPending(pages);
     return error != 0 || !isBegun_ ? error : EIO;
 }
 
-// The first 64 KiB last: what they hold decides whether anything behind them is valid. The header
-// of what a session of ours may have left behind goes first of all.
+// Three steps, each durable before the next. The page of the first header goes first: without it no
+// record behind is valid. The first 64 KiB go last: until then they mark the file as another
+// system's, which by itself makes every record invalid.
 std::int32_t Journal::blankAll() noexcept {
     if (const auto error = log_.makeBlank(kBegin, kBegin + kPage); error != 0) {
         return error;

@@ -9,7 +9,11 @@ namespace tavelin {
 
 namespace {
 
+// Offsets and sizes of the fixed part and of an entry of the list, in bytes. All numbers are little
+// endian, so that a disk may go from one host to another between cut and replay.
 constexpr char kMagic[] = {'T', 'a', 'v', 'e', 'l', 'i', 'n', 'J'};
+// A record of any other version is not valid, so changing the format needs no code for the old one
+// beyond a raised number.
 constexpr std::uint32_t kFormatVersion = 2;
 constexpr std::uint64_t kAtChecksum = 8;
 constexpr std::uint64_t kAtVersion = 12;
@@ -24,6 +28,7 @@ constexpr std::uint64_t kEntryBytes = 8 + 2 * kSectorsPerPage * kSumBytes;
 static_assert(kEntryBytes == 72, "as docs/journal-format.md has it");
 static_assert(kAtList <= kSectorBytes, "the header of a record without pages is one sector");
 
+// Byte by byte: entries are not aligned for their integers, and the host's order must not show.
 void put(std::byte* to, std::uint64_t number, unsigned size) noexcept {
     for (unsigned i = 0; i < size; ++i) {
         to[i] = static_cast<std::byte>(number >> (8 * i));
@@ -69,6 +74,8 @@ std::uint64_t JournalRecord::headerBytes(std::uint64_t pages) noexcept {
 }
 
 std::optional<JournalRecord> JournalRecord::parse(const std::byte* header) noexcept {
+    // Only what is needed to go on reading is judged here. decode() verifies the checksum, for
+    // which the whole header must have been read.
     if (std::memcmp(header, kMagic, sizeof kMagic) != 0 ||
         get(header + kAtVersion, 4) != kFormatVersion) {
         return std::nullopt;
@@ -83,6 +90,7 @@ std::optional<JournalRecord> JournalRecord::parse(const std::byte* header) noexc
 
 std::vector<std::byte> JournalRecord::encode(std::span<const JournalEntry> entries) const {
     TAVELIN_ASSERT(entries.size() == pages);
+    // Zeroed up to the end of its last page, so that equal records have equal bytes.
     std::vector<std::byte> header(headerPages(pages) * LogFile::kPage);
     std::memcpy(header.data(), kMagic, sizeof kMagic);
     put(header.data() + kAtVersion, kFormatVersion, 4);
@@ -96,8 +104,8 @@ std::vector<std::byte> JournalRecord::encode(std::span<const JournalEntry> entri
         put(at, entry.page, 8);
         at = putSums(putSums(at + 8, entry.before), entry.after);
     }
-    // The content needs no checksum of its own: those in the list are of all of it, and this one
-    // is of the list.
+    // The content needs no checksum of its own: the list has those of every sector, and this one
+    // covers the list. The field itself is still 0, as decode() makes it before it verifies.
     put(header.data() + kAtChecksum, crc32c(header.data(), headerBytes(pages)), 4);
     return header;
 }
@@ -106,16 +114,22 @@ std::optional<std::vector<JournalEntry>> JournalRecord::decode(std::span<std::by
                                                                std::uint64_t pageCount) const {
     const std::uint64_t start = headerPages(pages) * LogFile::kPage;
     TAVELIN_ASSERT(whole.size() == start + pages * LogFile::kPage);
+    // As it was when the checksum was computed.
     put(whole.data() + kAtChecksum, 0, 4);
     if (crc32c(whole.data(), headerBytes(pages)) != checksum) {
         return std::nullopt;
     }
+    // From here on the list is what was written. The page count is so, too, as it is under the
+    // checksum.
     std::vector<JournalEntry> entries;
     entries.reserve(pages);
     for (std::uint64_t i = 0; i < pages; ++i) {
         std::byte* const content = whole.data() + start + i * LogFile::kPage;
+        // The checksums are of the plain content.
         escape(content);
         const JournalEntry entry = entryAt(whole.data(), i);
+        // A record written by us is ascending and inside the device. One that is not, though its
+        // checksum is right, was made by somebody else, and a replay of it could write anywhere.
         const bool isAscending = i == 0 || entry.page > entries.back().page;
         if (entry.page >= pageCount || !isAscending || sectorSums(content) != entry.after) {
             return std::nullopt;

@@ -22,6 +22,8 @@ constexpr std::uint64_t kRunPagesMax = 256; ///< pages read or written in one go
 
 std::int32_t JournaledDevice::readWithoutLog(std::byte* destination, std::uint64_t offset,
                                              std::uint64_t length) noexcept {
+    // Only a $LogFile with a sector that cannot be read is read around. The library reads the file
+    // when it opens the volume, and would fail the mount with the EIO of that sector.
     if (!hidesLog_ || !journal_->overlaps(offset, length)) {
         return inner_->read(destination, offset, length);
     }
@@ -45,19 +47,22 @@ std::int32_t JournaledDevice::read(std::byte* destination, std::uint64_t offset,
         return error;
     }
     if (isOn_ || hidesLog_) {
-        // The records are ours alone. The library, when it opens the volume again during the
-        // session, would take them for a damaged journal of Windows's and refuse the volume.
+        // The records are ours alone. The library reads $LogFile again when it reopens the volume
+        // after a failed operation, and would take them for a damaged journal of Windows and refuse
+        // the volume.
         journal_->showBlank(destination, offset, length);
     }
     if (isOn_ && length <= NTB_CACHED_BYTES_MAX) {
-        // On its way into the bridge's cache, where it may change: a record will have to say what
-        // it was. Whole pages only, and before what waits hides what is home.
+        // The bridge's cache takes the page from here and may change it: the record of that change
+        // will need the checksums of what the home location had. So only whole pages count, and
+        // they are noted before pending content is laid over them below.
         const std::uint64_t end = offset + length;
         for (std::uint64_t at = (offset + kPage - 1) / kPage * kPage; at + kPage <= end;
              at += kPage) {
             sums_.note(at / kPage, destination + (at - offset));
         }
     }
+    // Pending content is newer than the home location, so it is copied over what was read.
     for (auto page = pending_.lower_bound(offset / kPage);
          page != pending_.end() && page->first * kPage < offset + length; ++page) {
         const std::uint64_t start = page->first * kPage;
@@ -70,6 +75,8 @@ std::int32_t JournaledDevice::read(std::byte* destination, std::uint64_t offset,
 }
 
 std::uint64_t JournaledDevice::nextJournaled(std::uint64_t page) const noexcept {
+    // Both must be asked: a page can be pending and not in a record yet, or in a record and home
+    // already.
     const auto from = [&](const auto& pages) {
         const auto found = pages.lower_bound(page);
         return found == pages.end() ? UINT64_MAX : found->first;
@@ -83,9 +90,14 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
         return inner_->write(source, offset, length);
     }
     TAVELIN_ASSERT(length > 0 && offset + length <= size());
+    // The library never writes to $LogFile after the mount, and no other file owns these clusters.
+    // A write here means a damaged run list, and would overwrite the records that a replay depends
+    // on.
     if (journal_->overlaps(offset, length)) {
         return EIO;
     }
+    // Length alone does not tell bulk data: the cache also writes back in runs over 64 KiB. Those
+    // may be metadata, which must not reach its home before a record has it.
     if (!hasFileData_ || length <= NTB_CACHED_BYTES_MAX) {
         return buffer(source, offset, length);
     }
@@ -98,6 +110,8 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
         const std::uint64_t last = isJournaled ? journaled + 1 : journaled;
         const std::uint64_t next = last > end / kPage ? end : last * kPage;
         const std::byte* const from = source + (at - offset);
+        // From here on the next record must wait for a sync of the device, as it may make these
+        // clusters reachable. The remembered checksums go before the write: it may fail half-way.
         if (!isJournaled) {
             hasGoneAhead_ = true;
             sums_.forget(at, next - at);
@@ -157,8 +171,11 @@ std::int32_t JournaledDevice::bufferPart(std::uint64_t page, const std::byte* so
 
 void JournaledDevice::checkInvariants() const noexcept {
     TAVELIN_ASSERT(!isOn_ || journal_.has_value());
+    // More could not be committed as one record, and the sync would not be atomic.
     TAVELIN_ASSERT(!isOn_ || pending_.size() <= journal_->capacity());
+    // The pages of the record that is not home yet are pending, so there are some.
     TAVELIN_ASSERT(!checkpointPending_ || !pending_.empty());
+    // Pages can only be in valid records while a session is under way.
     TAVELIN_ASSERT(inJournal_.empty() || (isOn_ && journal_->isBegun()));
     if constexpr (kAssertions) {
         for (const auto& [page, content] : pending_) {
@@ -175,6 +192,7 @@ void JournaledDevice::checkInvariants() const noexcept {
 }
 
 BlockDevice::Backlog JournaledDevice::backlog() const noexcept {
+    // Without a journal nothing waits and there is no limit to stay below.
     return isOn_ ? Backlog{pending_.size(), journal_->capacity()} : Backlog{};
 }
 
@@ -182,8 +200,12 @@ BlockDevice::Backlog JournaledDevice::backlog() const noexcept {
 
 std::int32_t JournaledDevice::sync() noexcept {
     if (!isOn_ || pending_.empty() || hasGoneAhead_) {
-        // File data is durable before a record makes it reachable.
+        // Three cases need the device's own sync here: no journal, nothing to commit but earlier
+        // writes to make durable, and bulk data, which must be durable before a record makes it
+        // reachable.
         const std::int32_t error = inner_->sync();
+        // After a failed sync the data may not be durable, so the next sync starts here again and
+        // no record is written meanwhile.
         hasGoneAhead_ = hasGoneAhead_ && error != 0;
         if (error != 0 || !isOn_) {
             return error;
@@ -196,25 +218,34 @@ std::int32_t JournaledDevice::sumHome(std::vector<JournalEntry>& entries,
                                       const std::vector<bool>& isKnown) {
     std::vector<std::byte> run;
     for (std::size_t first = 0; first < entries.size();) {
+        // Its checksums are remembered or in the last record, so the home location need not be
+        // read.
         if (isKnown[first]) {
             ++first;
             continue;
         }
+        // Neighbouring pages are read in one call. Pages of one directory or of the file table lie
+        // side by side, and a read per page would make a sync slow.
         std::size_t end = first + 1;
         while (end < entries.size() && !isKnown[end] && end - first < kRunPagesMax &&
                entries[end].page == entries[first].page + (end - first)) {
             ++end;
         }
         const std::uint64_t start = entries[first].page * kPage;
+        // Zeroed, because a device may end within its last page: what it lacks there counts as zero
+        // in records.
         run.assign((end - first) * kPage, std::byte{0});
         const std::uint64_t length = std::min(run.size(), size() - start);
         const std::int32_t failed = inner_->read(run.data(), start, length);
         if (failed != 0 && (failed != EIO || !readsSectors_)) {
-            // Answered once, like any error. The next try then takes what can be read.
+            // Fails this sync once, as the fault may be passing and a retry may read the page. If
+            // it is not, the next sync reads sector by sector: one bad sector must not keep all
+            // later changes from the disk.
             readsSectors_ = failed == EIO;
             return failed;
         }
         for (std::size_t i = first; i < end; ++i) {
+            // After EIO the run is read again page by page, to find the sectors that are lost.
             DevicePage page{};
             std::uint8_t lost = 0;
             if (failed == 0) {
@@ -223,7 +254,8 @@ std::int32_t JournaledDevice::sumHome(std::vector<JournalEntry>& entries,
                        error != 0) {
                 return error;
             }
-            // A lost sector counts as zeros. It may be replaced for as long as it stays lost.
+            // A lost sector counts as zeros here, and replay replaces a sector that cannot be read
+            // whatever its checksum is.
             entries[i].before = sectorSums(page.data());
         }
         first = end;
@@ -237,8 +269,9 @@ std::int32_t JournaledDevice::describePending(std::vector<JournalEntry>& entries
     isKnown.reserve(pending_.size());
     for (const auto& [page, content] : pending_) {
         const auto journaled = inJournal_.find(page);
-        // After a failed home write the device may have less than the last record: the record
-        // decides, as the records before it tell what else may be there.
+        // The page's last record is asked first. After a failed home write the device may have
+        // older content than that record, and replay accepts any state that a record names, so the
+        // chain of states must have no gap.
         const SectorSums* const before =
             journaled != inJournal_.end() ? &journaled->second : sums_.find(page);
         entries.push_back({.page = page,
@@ -246,47 +279,66 @@ std::int32_t JournaledDevice::describePending(std::vector<JournalEntry>& entries
                            .after = sectorSums(content->data())});
         isKnown.push_back(before != nullptr);
     }
+    // What is neither in a record nor remembered must be read from the device before it is
+    // replaced.
     return sumHome(entries, isKnown);
 }
 
 std::int32_t JournaledDevice::commit() noexcept {
     TAVELIN_ASSERT(!pending_.empty() && pending_.size() <= journal_->capacity());
     try {
+        // The session begins with the first sync that has something to write. On error nothing has
+        // left pending_, and the next sync tries again; that holds for every return before the
+        // record is committed.
         if (const std::int32_t error = journal_->begin(); error != 0) {
             return error;
         }
+        // Room is made by declaring the old records obsolete, which requires their pages to be home
+        // and durable.
         if (!journal_->fits(pending_.size())) {
             if (const std::int32_t error = reset(); error != 0) {
                 return error;
             }
         }
-        // Not earlier: a reset may write home what a failed home write has left out.
+        // The checksums are taken after the reset: it may write home what a failed home write left
+        // out, and so change what the new record replaces.
         std::vector<JournalEntry> entries;
         if (const std::int32_t error = describePending(entries); error != 0) {
             return error;
         }
+        // A cut during the append leaves a record that is not whole, which ends the journal before
+        // it.
         if (const std::int32_t error = journal_->append(pending_, entries); error != 0) {
             return error;
         }
+        // The commit point. A cut before this returns may lose the whole record; after it the next
+        // mount replays it.
         if (const std::int32_t error = inner_->sync(); error != 0) {
             return error;
         }
         journal_->commit();
-        // From here on the record decides: until all its pages are home, none may leave pending_,
-        // or a failed home write would have nothing to be repeated from.
+        // The sync has succeeded although pages may still fail to go home. Until all of them are
+        // there none may leave pending_: reads are answered from it, and a failed home write is
+        // repeated from it.
         checkpointPending_ = true;
         for (const JournalEntry& entry : entries) {
+            // Bulk writes to these pages must go through the journal from now on, or a replay would
+            // undo them.
             inJournal_[entry.page] = entry.after;
         }
+        // Without a sync of the device behind it: the record covers these pages until reset() has
+        // synced them.
         if (const std::int32_t error = writeHome(pending_); error != 0) {
             return error;
         }
         for (const JournalEntry& entry : entries) {
+            // The home location now has this content, so a later change of the page needs no read.
             sums_.note(entry.page, entry.after);
         }
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
+    // The record is home. A sync that follows starts with nothing pending.
     pending_.clear();
     checkpointPending_ = readsSectors_ = false;
     return 0;
@@ -319,8 +371,8 @@ std::int32_t JournaledDevice::writeHome(const PageMap& pages) noexcept {
 
 std::int32_t JournaledDevice::reset() noexcept {
     if (checkpointPending_) {
-        // A home write failed earlier. The journal's own copies go home, not the pending ones:
-        // those may be newer, and must not be home before a record has them.
+        // A home write failed earlier. The records' own copies go home and not the pending pages:
+        // those may be newer, and newer content must not be home before a record has it.
         PageMap committed;
         if (const std::int32_t error = journal_->readCommitted(committed); error != 0) {
             return error;
@@ -330,12 +382,15 @@ std::int32_t JournaledDevice::reset() noexcept {
         }
         checkpointPending_ = false;
     }
+    // Home writes since the last reset may still be in the device's own cache. They must be durable
+    // before the records that could repeat them become invalid.
     if (const std::int32_t error = inner_->sync(); error != 0) {
         return error;
     }
     if (const std::int32_t error = journal_->reset(); error != 0) {
         return error;
     }
+    // No record is valid any more, so nothing can be replayed over a bulk write.
     inJournal_.clear();
     return 0;
 }

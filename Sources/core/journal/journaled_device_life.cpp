@@ -15,7 +15,8 @@ namespace tavelin {
 
 namespace {
 
-/// For what must not fail because it cannot be told.
+// Runs what logs or books an event. It may run out of memory, and no recovery may fail for want of
+// a message.
 template<typename Body>
 void tell(Body body) noexcept {
     try {
@@ -37,6 +38,7 @@ void JournaledDevice::startOver() noexcept {
 }
 
 std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
+    // The device may have been changed since an earlier replay, so nothing of that one is believed.
     startOver();
     JournaledPages found;
     std::optional<std::uint64_t> foreign;
@@ -45,10 +47,15 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
         error = journal_->readPending(found);
     }
     if (error == 0) {
+        // Every place is checked before any is written: a replay that stopped half-way at a foreign
+        // page would leave a mixture that neither system made.
         error = findForeignPage(*inner_, found, foreign);
     }
     if (error != 0) {
         tell([&] { log().error(fmt::format("journal: cannot be read, errno {}", error)); });
+        // A read-only mount is the way to save files from a failing disk, so it goes on without the
+        // records. A mount for writing must not: it would change pages that the records may still
+        // replace.
         return readOnly ? 0 : error;
     }
     if (foreign) {
@@ -56,27 +63,37 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
     }
     recovered_ = found.content.size();
     if (readOnly) {
+        // Reads are answered from pending_, so the volume shows what a replay would make of it.
+        // isOn_ stays off: writes would go to the device, and no sync writes these pages.
         pending_ = std::move(found.content);
         return 0;
     }
     if (recovered_ > 0) {
+        // A replay that is cut off is repeated from the start by the next mount: it writes the same
+        // content, and each sector is then as before or after a record, which the check accepts.
         if (error = writeHome(found.content); error != 0) {
             return error;
         }
-        // What is home must be durable before the records that could bring it there again go.
+        // The pages must be durable at home before the records that could write them again become
+        // invalid.
         if (error = inner_->sync(); error != 0) {
             return error;
         }
     }
+    // A journal with records must be ended. So must one with an unreadable sector, behind which
+    // records may stand that become readable later.
     const bool isOver = !journal_ || (!journal_->isBegun() && !journal_->isUnreadable());
     return isOver ? 0 : endReplayed();
 }
 
 std::int32_t JournaledDevice::endReplayed() noexcept {
-    // From here on the volume changes. A record that stayed valid would bring this moment back.
+    // From here on the volume changes. Records that stayed valid would be replayed over these
+    // changes after a cut.
     std::int32_t error = journal_->end();
     if (error == EIO && journal_->isUnreadable()) {
-        // The volume is fit for use all the same, and must not depend on this sector.
+        // The records have been replayed and the volume is sound. Whether it can be used must not
+        // depend on one bad sector of $LogFile, so the rest of the records is made invalid and the
+        // volume works without a journal.
         error = journal_->makeInvalid();
         hidesLog_ = error == 0;
         absence_ = hidesLog_ ? JournalAbsence::unreadable : absence_;
@@ -85,17 +102,22 @@ std::int32_t JournaledDevice::endReplayed() noexcept {
 }
 
 std::int32_t JournaledDevice::refuse(std::uint64_t page, bool readOnly) noexcept {
+    // The mount's check and `tavelin check` ask for it: they have to say that changes are missing.
     wasRefused_ = true;
     tell([&] {
         log().error(fmt::format("journal: not replayed: the volume {} (page {})", kRefusal, page));
         events().event("journal_refused", Fields{{"page", page}, {"ro", readOnly}});
     });
+    // Reads then show the places as they are, without the records.
     if (readOnly) {
         return 0;
     }
-    // The flag first: once the records are gone, nothing else says that a flush is missing.
+    // The flag is durable before the records go: once they are gone, nothing else says that a
+    // part of a sync may be missing.
     DeviceBox box(inner_);
     const ntb_io io = makeIO(box);
+    // EINVAL says that $Volume has no flags to set. That must not stop the rest, and the check that
+    // a mount makes then finds what is wrong.
     if (const std::int32_t error = ntb_mark_dirty(&io); error != 0 && error != EINVAL) {
         return error;
     }
@@ -109,6 +131,7 @@ std::int32_t JournaledDevice::begin() noexcept {
     if (!journal_ || hidesLog_) {
         return 0;
     }
+    // Now and not in replay(): the mount that came between may have emptied $LogFile itself.
     const std::int32_t error = journal_->inspect();
     if (error == EIO) {
         absence_ = JournalAbsence::unreadable;
@@ -116,6 +139,7 @@ std::int32_t JournaledDevice::begin() noexcept {
         return 0;
     }
     if (error == 0) {
+        // From here on, not earlier: only a journal needs to know what a page was.
         sums_.enable();
         isOn_ = true;
     }
@@ -127,6 +151,8 @@ bool JournaledDevice::isSettled() const noexcept {
 }
 
 std::int32_t JournaledDevice::settle() noexcept {
+    // A volume that changed nothing keeps its $LogFile untouched, and the tick of an idle volume
+    // costs no write.
     if (isSettled()) {
         return 0;
     }
@@ -135,10 +161,12 @@ std::int32_t JournaledDevice::settle() noexcept {
             return error;
         }
     }
+    // A sync that succeeded has brought every page home, so the records may go.
     TAVELIN_ASSERT(pending_.empty() && !checkpointPending_);
     if (!journal_->isBegun()) {
         return 0;
     }
+    // Home writes must be durable before the records that could repeat them become invalid.
     if (const std::int32_t error = inner_->sync(); error != 0) {
         return error;
     }
@@ -153,6 +181,8 @@ std::int32_t JournaledDevice::close() noexcept {
     if (const std::int32_t error = settle(); error != 0) {
         return error;
     }
+    // After an error it stays on: what waits is still seen by reads, and the records stay for the
+    // next mount.
     isOn_ = false;
     return 0;
 }

@@ -13,6 +13,8 @@ namespace tavelin {
 
 namespace {
 
+// Formatters make the file in one piece or a few. Every transfer walks the list, and a list of
+// hundreds says that something is wrong.
 constexpr std::uint32_t kExtentsMax = 64;
 constexpr std::byte kBlank{0xff};
 constexpr std::uint64_t kBlankBytesMax = 256 * LogFile::kPage; // blanked at a time
@@ -46,6 +48,7 @@ const char* describe(JournalAbsence absence) noexcept {
 
 std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
                            std::optional<LogFile>& found, JournalAbsence& absence) noexcept {
+    // Until the extents are found: the bridge answers EINVAL for every reason why there are none.
     absence = JournalAbsence::notPlain;
     try {
         DeviceBox box(device);
@@ -54,12 +57,19 @@ std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
         std::uint32_t count = 0;
         const std::int32_t error = ntb_log_extents(&io, extents.data(), kExtentsMax, &count);
         if (error != 0) {
+            // The volume mounts without a journal then. The bridge reads the record from $MFT and,
+            // where that copy is torn, from $MFTMirr: a cut may have torn it just when a replay is
+            // needed.
             return error == EINVAL ? 0 : error;
         }
         extents.resize(count);
+        // The cache above writes whole pages. One that the file shares with another file would be
+        // written over the records in it, which the cache has never seen.
         const bool isAligned = std::all_of(extents.begin(), extents.end(), [](const auto& extent) {
             return extent.offset % kPage == 0 && extent.length % kPage == 0;
         });
+        // A device of larger blocks could not write the header of a reset without its neighbour
+        // pages.
         if (kPage % device->blockSize() != 0) {
             absence = JournalAbsence::largeBlocks;
         } else if (!isAligned) {
@@ -74,6 +84,8 @@ std::int32_t LogFile::find(const std::shared_ptr<BlockDevice>& device,
     }
 }
 
+// Walks the extents in the order of the file. `offset` is relative to the extent at hand until the
+// first piece is found, and 0 from then on.
 template<typename Transfer>
 std::int32_t LogFile::eachPiece(std::uint64_t offset, std::uint64_t length,
                                 Transfer transfer) const noexcept {
@@ -90,6 +102,8 @@ std::int32_t LogFile::eachPiece(std::uint64_t offset, std::uint64_t length,
             offset -= std::min(offset, extent.length);
         }
     }
+    // A range that reaches beyond the file is a fault of the caller, and nothing outside the
+    // extents was touched.
     return done == length ? 0 : EINVAL;
 }
 
@@ -98,6 +112,8 @@ std::int32_t LogFile::read(std::byte* destination, std::uint64_t offset,
     TAVELIN_ASSERT(offset % device_->blockSize() == 0 && length % device_->blockSize() == 0);
     return eachPiece(offset, length, [&](auto done, auto place, auto count) {
         const std::int32_t error = device_->read(destination + done, place, count);
+        // A second try, because the answer ends a journal for good: a passing fault must not cost a
+        // sync.
         return error == EIO ? device_->read(destination + done, place, count) : error;
     });
 }
@@ -118,6 +134,7 @@ std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blan
     lost = false;
     try {
         std::vector<std::byte> found(end - begin);
+        // One read is the usual case. Only a lost sector makes the walk below necessary.
         if (const std::int32_t error = read(found.data(), begin, found.size()); error != EIO) {
             blank = isAllBlank(found);
             return error;
@@ -132,8 +149,10 @@ std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blan
                 return error;
             }
             isAnyRead = isAnyRead || error == 0;
+            // A lost page may have been blank or not. The readable ones decide.
             blank = blank && (error == EIO || isAllBlank(found));
         }
+        // A file of which no page can be read has shown nothing, and must not pass for blank.
         blank = blank && isAnyRead;
         return 0;
     } catch (const std::bad_alloc&) {
@@ -144,6 +163,8 @@ std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blan
 std::int32_t LogFile::makeBlank(std::uint64_t begin, std::uint64_t end) noexcept {
     try {
         TAVELIN_ASSERT(begin <= end && end <= size_);
+        // A bounded buffer: $LogFile may have 64 MiB and more, and an unmount must not fail for
+        // want of memory.
         const std::vector<std::byte> blank(std::min(end - begin, kBlankBytesMax), kBlank);
         for (; begin < end; begin += blank.size()) {
             const std::uint64_t count = std::min<std::uint64_t>(end - begin, blank.size());
@@ -160,6 +181,7 @@ std::int32_t LogFile::makeBlank(std::uint64_t begin, std::uint64_t end) noexcept
 void LogFile::makeBlankWherePossible(std::uint64_t begin, std::uint64_t end) noexcept {
     for (; begin < end; begin += kBlankBytesMax) {
         const std::uint64_t last = std::min(end, begin + kBlankBytesMax);
+        // In long runs where the device lets them pass, page by page around a bad sector.
         if (makeBlank(begin, last) == 0) {
             continue;
         }
