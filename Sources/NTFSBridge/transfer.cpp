@@ -1,5 +1,7 @@
 #include "NTFSBridge/transfer.hpp"
 
+#include "NTFSBridge/device/block_io.hpp"
+
 namespace ntb {
 
 int32_t read_stream(ntfs_attr* stream, uint64_t offset, void* to, uint64_t length,
@@ -21,9 +23,56 @@ int32_t read_stream(ntfs_attr* stream, uint64_t offset, void* to, uint64_t lengt
     return 0;
 }
 
+// Whether the stream's bytes are in the inode's record once it is `size` bytes long, which it then
+// is. A stream that is compressed or encrypted is left to the library.
+static int32_t grow_resident(ntfs_attr* stream, uint64_t size, bool* resident) noexcept {
+    *resident = !NAttrNonResident(stream) && stream->data_flags == 0 &&
+                size <= stream->ni->vol->mft_record_size;
+    if (*resident && size > static_cast<uint64_t>(stream->data_size)) {
+        errno = 0;
+        if (ntfs_attr_truncate(stream, static_cast<s64>(size)) != 0) {
+            return err_or(EIO);
+        }
+        *resident = !NAttrNonResident(stream);
+    }
+    return 0;
+}
+
+// Changes a value inside its record, which the closing of the inode writes. The library would write
+// the record here as well, and once more when it closes the inode with its new times.
+static int32_t write_resident(ntfs_attr* stream, uint64_t offset, const void* from,
+                              uint64_t length) noexcept {
+    errno = 0;
+    const search_guard search(ntfs_attr_get_search_ctx(stream->ni, nullptr));
+    if (!search || ntfs_attr_lookup(stream->type, stream->name, stream->name_len, CASE_SENSITIVE, 0,
+                                    nullptr, 0, search.get()) != 0) {
+        return err_or(EIO);
+    }
+    ATTR_RECORD* const record = search->attr;
+    const uint64_t start = le16_to_cpu(record->value_offset);
+    const uint64_t size = le32_to_cpu(record->value_length);
+    // What a damaged record says of itself is not believed.
+    if (record->non_resident != 0 || start + size > le32_to_cpu(record->length) ||
+        !is_within(offset, length, size)) {
+        return EIO;
+    }
+    std::memcpy(reinterpret_cast<uint8_t*>(record) + start + offset, from, length);
+    ntfs_inode_mark_dirty(search->ntfs_ino);
+    return 0;
+}
+
 int32_t write_stream(ntfs_attr* stream, uint64_t offset, const void* from, uint64_t length,
                      uint64_t* done) noexcept {
     *done = 0;
+    bool is_resident = false;
+    if (const int32_t error = grow_resident(stream, offset + length, &is_resident); error != 0) {
+        return error;
+    }
+    if (is_resident) {
+        const int32_t error = write_resident(stream, offset, from, length);
+        *done = error == 0 ? length : 0;
+        return error;
+    }
     const uint64_t cluster = stream->ni->vol->cluster_size;
     uint64_t piece = length;
     while (*done < length) {
