@@ -1,6 +1,8 @@
 /// What an NTFS volume lives on.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -25,6 +27,11 @@ class BlockDevice {
                                             std::uint64_t length) noexcept = 0;
     [[nodiscard]] virtual std::int32_t write(const std::byte* source, std::uint64_t offset,
                                              std::uint64_t length) noexcept = 0;
+    /// As one write() of all parts, whose lengths add up to whole blocks. Devices that can only be
+    /// written from one place in memory inherit one that brings the parts together there first, and
+    /// answers ENOMEM where there is no room for that.
+    [[nodiscard]] virtual std::int32_t writeGathered(GatheredBytes parts,
+                                                     std::uint64_t offset) noexcept;
     /// Returns once everything written before is on the medium.
     [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
 

@@ -67,6 +67,10 @@ std::int32_t FileBlockDevice::write(const std::byte* source, std::uint64_t offse
     return file_.writeAt(source, length, offset).error;
 }
 
+std::int32_t FileBlockDevice::writeGathered(GatheredBytes parts, std::uint64_t offset) noexcept {
+    return aligned(offset, bytesIn(parts)) ? file_.writeAt(parts, offset).error : EINVAL;
+}
+
 std::int32_t FileBlockDevice::sync() noexcept {
     if (uninterrupted([&] { return fsync(fd()); }) != 0) {
         return errno;

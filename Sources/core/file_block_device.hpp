@@ -32,6 +32,8 @@ class FileBlockDevice final : public BlockDevice {
                                     std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
                                      std::uint64_t length) noexcept override;
+    [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts,
+                                             std::uint64_t offset) noexcept override;
     [[nodiscard]] std::int32_t sync() noexcept override;
 
     /// Whether a request may go ahead: it is aligned, or this device is not strict. Counts the

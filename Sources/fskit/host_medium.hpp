@@ -1,8 +1,11 @@
-/// What a host's block device can do beside FSKit's: say when data is on the medium.
+/// What a host's block device can do beside FSKit's: say when data is on the
+/// medium, and write what lies in several places.
 #pragma once
 
 #include "fskit/api/error.hpp"
+#include "platform/file_descriptor.hpp"
 
+#include <cstdint>
 #include <optional>
 
 namespace tavelin {
@@ -16,6 +19,10 @@ class HostMedium {
     /// Returns once everything written before is on the medium and would survive a power cut;
     /// answers the error when that cannot be promised. Any thread.
     [[nodiscard]] virtual std::optional<fskit::Error> flushToMedium() = 0;
+
+    /// A direct write of all parts, from the byte `offset` of the device on; throws the error. Any
+    /// thread.
+    virtual void writeGathered(GatheredBytes parts, std::uint64_t offset) = 0;
 };
 
 } // namespace tavelin

@@ -64,12 +64,25 @@ std::int32_t ResourceDevice::errorNumber(const fskit::Error& error) noexcept {
     return isErrno ? toHost(static_cast<std::int32_t>(error.code())) : EIO;
 }
 
+/// Counts the call and runs body(), which answers an errno or throws.
+template<typename Body>
+std::int32_t ResourceDevice::attempt(std::string_view op, std::uint64_t offset,
+                                     std::uint64_t length, Body body) noexcept {
+    try {
+        OpCounter::shared().hit(op);
+        return body();
+    } catch (const fskit::Error& error) {
+        return fail(op, offset, length, errorNumber(error), error.localizedDescription());
+    } catch (const std::exception& error) {
+        return fail(op, offset, length, EIO, error.what());
+    }
+}
+
 /// Calls transfer(done, count), which answers how much of the chunk it moved, until all is done.
 template<typename Transfer>
 std::int32_t ResourceDevice::transferAll(std::string_view op, std::uint64_t offset,
                                          std::uint64_t length, Transfer transfer) noexcept {
-    try {
-        OpCounter::shared().hit(op);
+    return attempt(op, offset, length, [&] {
         const std::uint64_t chunk = cached ? maxChunk : kUncachedChunk;
         for (std::uint64_t done = 0; done < length;) {
             const std::uint64_t count = transfer(done, std::min(chunk, length - done));
@@ -79,11 +92,7 @@ std::int32_t ResourceDevice::transferAll(std::string_view op, std::uint64_t offs
             done += std::min(count, length - done);
         }
         return 0;
-    } catch (const fskit::Error& error) {
-        return fail(op, offset, length, errorNumber(error), error.localizedDescription());
-    } catch (const std::exception& error) {
-        return fail(op, offset, length, EIO, error.what());
-    }
+    });
 }
 
 std::int32_t ResourceDevice::read(std::byte* destination, std::uint64_t offset,
@@ -105,6 +114,17 @@ std::int32_t ResourceDevice::write(const std::byte* source, std::uint64_t offset
             return count;
         }
         return std::uint64_t{resource->write(source + done, offset + done, count)};
+    });
+}
+
+std::int32_t ResourceDevice::writeGathered(GatheredBytes parts, std::uint64_t offset) noexcept {
+    auto* const medium = cached ? nullptr : dynamic_cast<HostMedium*>(resource.get());
+    if (medium == nullptr) {
+        return BlockDevice::writeGathered(parts, offset);
+    }
+    return attempt("write", offset, bytesIn(parts), [&] {
+        medium->writeGathered(parts, offset);
+        return 0;
     });
 }
 

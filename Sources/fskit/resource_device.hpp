@@ -31,6 +31,9 @@ class ResourceDevice final : public BlockDevice {
                                     std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
                                      std::uint64_t length) noexcept override;
+    /// Without bringing the parts together where the resource is a HostMedium and not cached.
+    [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts,
+                                             std::uint64_t offset) noexcept override;
     /// Flushes the kernel's buffers when cached. Uncached writes have already left this process; a
     /// HostMedium is asked for more, of any other resource there is nothing to ask.
     [[nodiscard]] std::int32_t sync() noexcept override;
@@ -49,6 +52,9 @@ class ResourceDevice final : public BlockDevice {
     const std::shared_ptr<fskit::FSBlockDeviceResource> resource;
 
   private:
+    template<typename Body>
+    std::int32_t attempt(std::string_view op, std::uint64_t offset, std::uint64_t length,
+                         Body body) noexcept;
     template<typename Transfer>
     std::int32_t transferAll(std::string_view op, std::uint64_t offset, std::uint64_t length,
                              Transfer transfer) noexcept;

@@ -140,13 +140,13 @@ ImageFile::Transferred ImageFile::read(void* into, std::uint64_t offset, std::si
     return file_.readAt(into, length, offset);
 }
 
-ImageFile::Transferred ImageFile::write(const void* from, std::uint64_t offset,
-                                        std::size_t length) {
+ImageFile::Transferred ImageFile::write(GatheredBytes parts, std::uint64_t offset) {
     TAVELIN_ASSERT(static_cast<bool>(file_));
+    const std::size_t length = bytesIn(parts);
     if (offset > bytes_ || length > bytes_ - offset) {
         return {.error = ENXIO}; // a device does not grow
     }
-    const Transferred done = file_.writeAt(from, length, offset);
+    const Transferred done = file_.writeAt(parts, offset);
     // After the transfer: a flush that runs beside it need not have taken it along.
     unsettled_.store(true);
     return done;

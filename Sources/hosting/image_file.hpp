@@ -38,7 +38,7 @@ class ImageFile {
 
     using Transferred = FileDescriptor::Transferred;
     [[nodiscard]] Transferred read(void* into, std::uint64_t offset, std::size_t length) const;
-    [[nodiscard]] Transferred write(const void* from, std::uint64_t offset, std::size_t length);
+    [[nodiscard]] Transferred write(GatheredBytes parts, std::uint64_t offset);
 
     /// 0 once everything written before is on the medium. A failure is final: the system may have
     /// dropped what it could not write, so no later success could vouch for it.

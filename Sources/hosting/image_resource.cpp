@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <span>
+#include <vector>
 
 namespace tavelin {
 
@@ -17,6 +19,19 @@ void check(int hostError) {
 }
 
 } // namespace
+
+void HostResource::writeGathered(GatheredBytes parts, std::uint64_t offset) {
+    std::vector<std::byte> whole;
+    whole.reserve(bytesIn(parts));
+    for (const auto part : parts) {
+        whole.insert(whole.end(), part.begin(), part.end());
+    }
+    for (std::size_t done = 0; done < whole.size();) {
+        const std::size_t count = write(whole.data() + done, offset + done, whole.size() - done);
+        check(count == 0 ? EIO : 0);
+        done += count;
+    }
+}
 
 ImageResource::ImageResource(const std::filesystem::path& path) : ImageResource(path, Settings()) {}
 
@@ -42,13 +57,19 @@ std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::si
 
 std::size_t ImageResource::write(const std::byte* buffer, std::uint64_t offset,
                                  std::size_t length) {
+    const std::span<const std::byte> whole(buffer, length);
+    writeGathered({&whole, 1}, offset);
+    return length;
+}
+
+void ImageResource::writeGathered(GatheredBytes parts, std::uint64_t offset) {
     check(isRevoked() ? ENXIO : 0);
     // A device does not grow, and its neighbours in the image are not its own.
+    const std::size_t length = bytesIn(parts);
     check(offset > length_ || length > length_ - offset ? ENXIO : 0);
-    const ImageFile::Transferred done = file_.write(buffer, offset_ + offset, length);
+    const ImageFile::Transferred done = file_.write(parts, offset_ + offset);
     check(done.error);
-    TAVELIN_ASSERT(done.bytes <= length);
-    return done.bytes;
+    TAVELIN_ASSERT(done.bytes == length);
 }
 
 void ImageResource::metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) {

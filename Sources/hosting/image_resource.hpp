@@ -17,6 +17,8 @@ namespace tavelin {
 /// A block device whose host can say when what was written has reached the medium.
 class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {
   public:
+    /// Brings the parts together first, for resources that write from one place only.
+    void writeGathered(GatheredBytes parts, std::uint64_t offset) override;
     /// Gives the device back to the system, for others to open. Once no volume is loaded from it;
     /// nothing but destruction may follow.
     virtual void release() {}
@@ -59,6 +61,7 @@ class ImageResource final : public HostResource {
 
     std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
+    void writeGathered(GatheredBytes parts, std::uint64_t offset) override;
     void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
                               std::size_t length) override;

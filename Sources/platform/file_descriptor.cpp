@@ -3,8 +3,10 @@
 #include "platform/assert.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/uio.h>
 
 namespace tavelin {
 
@@ -34,6 +36,14 @@ FileDescriptor::Transferred transferAll(std::size_t length, int atEnd, Call call
 }
 
 } // namespace
+
+std::size_t bytesIn(GatheredBytes parts) noexcept {
+    std::size_t bytes = 0;
+    for (const auto part : parts) {
+        bytes += part.size();
+    }
+    return bytes;
+}
 
 FileDescriptor::FileDescriptor(const char* path, int flags, mode_t mode) noexcept
     : number_(uninterrupted([&] { return ::open(path, flags | O_CLOEXEC, mode); })) {}
@@ -67,6 +77,38 @@ FileDescriptor::Transferred FileDescriptor::writeAt(const void* from, std::size_
         return ::pwrite(number_, static_cast<const std::byte*>(from) + done, wanted,
                         static_cast<off_t>(offset + done));
     });
+}
+
+FileDescriptor::Transferred FileDescriptor::writeAt(GatheredBytes parts,
+                                                    std::uint64_t offset) const noexcept {
+    std::array<iovec, 256> pieces{}; // fewer than any system's IOV_MAX
+    std::size_t done = 0;
+    std::size_t first = 0;   // the part in which the next call begins
+    std::size_t inFirst = 0; // bytes of it that are written
+    for (;;) {
+        while (first < parts.size() && inFirst >= parts[first].size()) {
+            inFirst -= parts[first].size();
+            ++first;
+        }
+        const std::size_t count = std::min(parts.size() - first, pieces.size());
+        if (count == 0) {
+            return {.bytes = done};
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            const auto part = parts[first + i].subspan(i == 0 ? inFirst : 0);
+            // Not const only because the system reads into the same structure elsewhere.
+            pieces[i] = {const_cast<std::byte*>(part.data()), part.size()};
+        }
+        const ssize_t written = uninterrupted([&] {
+            return ::pwritev(number_, pieces.data(), static_cast<int>(count),
+                             static_cast<off_t>(offset + done));
+        });
+        if (written <= 0) {
+            return {.bytes = done, .error = written < 0 ? errno : ENOSPC};
+        }
+        done += static_cast<std::size_t>(written);
+        inFirst += static_cast<std::size_t>(written);
+    }
 }
 
 FileDescriptor::Transferred FileDescriptor::write(const void* from,

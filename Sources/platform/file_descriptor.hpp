@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
@@ -22,6 +23,12 @@ auto uninterrupted(Call call) noexcept {
     }
     return result;
 }
+
+/// Pieces of memory whose bytes go to a file or device one after the other. The memory belongs to
+/// the caller.
+using GatheredBytes = std::span<const std::span<const std::byte>>;
+/// How many bytes the parts have together.
+[[nodiscard]] std::size_t bytesIn(GatheredBytes parts) noexcept;
 
 /// Owns at most one descriptor. Move-only. The transfers may be called from several threads at
 /// once; close() and the assignment may not run beside anything else.
@@ -66,6 +73,8 @@ class FileDescriptor {
     /// Writes all `length` bytes. A device that takes none any more answers ENOSPC.
     [[nodiscard]] Transferred writeAt(const void* from, std::size_t length,
                                       std::uint64_t offset) const noexcept;
+    /// Writes all bytes of all parts, at most 1 GiB together, from `offset` on.
+    [[nodiscard]] Transferred writeAt(GatheredBytes parts, std::uint64_t offset) const noexcept;
     /// Writes all `length` bytes at the file's own position.
     [[nodiscard]] Transferred write(const void* from, std::size_t length) const noexcept;
     /// One read at the file's own position: a pipe's bytes as they come, none at its end.

@@ -236,24 +236,33 @@ std::int32_t Journal::append(const PageMap& content,
                                    .serial = serial_,
                                    .session = session_,
                                    .sequence = sequence_};
-        std::vector<std::byte> run = record.encode(entries);
+        const std::vector<std::byte> header = record.encode(entries);
+        // The pages are written from where they wait. Only the bytes that the escape changes are
+        // copied.
+        using Escaped = JournalRecord::Escaped;
+        std::vector<Escaped> starts;
+        starts.reserve(entries.size()); // whose elements are pointed at from here on
+        std::vector<std::span<const std::byte>> parts{header};
         std::uint64_t done = 0;
+        std::uint64_t length = header.size();
         for (const auto& [number, page] : content) {
-            if (run.size() >= kRecordWriteBytesMax) {
-                if (const auto error = log_.write(run.data(), position_ + done, run.size());
-                    error != 0) {
+            if (length >= kRecordWriteBytesMax) {
+                if (const auto error = log_.writeGathered(parts, position_ + done); error != 0) {
                     return error;
                 }
-                done += run.size();
-                run.clear();
+                done += length;
+                length = 0;
+                parts.clear();
             }
-            run.insert(run.end(), page->begin(), page->end());
-            record.escape(run.data() + run.size() - kPage);
+            starts.push_back(record.escaped(page->data()));
+            parts.emplace_back(starts.back());
+            parts.push_back(std::span(*page).subspan(starts.back().size()));
+            length += kPage;
         }
-        appended_ = done + run.size();
+        appended_ = done + length;
         TAVELIN_ASSERT(appended_ == JournalRecord::length(entries.size()) * kPage);
         used_ = std::max(used_, position_ + appended_);
-        return log_.write(run.data(), position_ + done, run.size());
+        return log_.writeGathered(parts, position_ + done);
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }

@@ -126,7 +126,8 @@ std::optional<std::vector<JournalEntry>> JournalRecord::decode(std::span<std::by
     for (std::uint64_t i = 0; i < pages; ++i) {
         std::byte* const content = whole.data() + start + i * LogFile::kPage;
         // The checksums are of the plain content.
-        escape(content);
+        const Escaped clear = escaped(content);
+        std::memcpy(content, clear.data(), clear.size());
         const JournalEntry entry = entryAt(whole.data(), i);
         // A record written by us is ascending and inside the device. One that is not, though its
         // checksum is right, was made by somebody else, and a replay of it could write anywhere.
@@ -139,8 +140,10 @@ std::optional<std::vector<JournalEntry>> JournalRecord::decode(std::span<std::by
     return entries;
 }
 
-void JournalRecord::escape(std::byte* content) const noexcept {
-    put(content, get(content, 8) ^ session, 8);
+JournalRecord::Escaped JournalRecord::escaped(const std::byte* content) const noexcept {
+    Escaped bytes;
+    put(bytes.data(), get(content, bytes.size()) ^ session, bytes.size());
+    return bytes;
 }
 
 } // namespace tavelin

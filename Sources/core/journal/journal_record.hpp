@@ -66,8 +66,11 @@ struct JournalRecord {
     [[nodiscard]] std::optional<std::vector<JournalEntry>> decode(std::span<std::byte> whole,
                                                                   std::uint64_t pageCount) const;
 
-    /// Hides the start of a page's content, or shows it again.
-    void escape(std::byte* content) const noexcept;
+    /// The first bytes of a page's content as the record has them, or the other way round. They are
+    /// hidden because a page may begin like a record of $LogFile's proper owner, who would take it
+    /// for one.
+    using Escaped = std::array<std::byte, 8>;
+    [[nodiscard]] Escaped escaped(const std::byte* content) const noexcept;
 };
 
 } // namespace tavelin

@@ -346,20 +346,18 @@ std::int32_t JournaledDevice::commit() noexcept {
 
 std::int32_t JournaledDevice::writeHome(const PageMap& pages) noexcept {
     try {
-        std::vector<std::byte> run;
+        std::vector<std::span<const std::byte>> run;
         for (auto page = pages.begin(); page != pages.end();) {
             const std::uint64_t first = page->first;
             run.clear();
-            std::uint64_t length = 0;
-            while (page != pages.end() && page->first == first + length && length < kRunPagesMax) {
-                const auto count = static_cast<std::ptrdiff_t>(pageBytes(*this, page->first));
-                run.insert(run.end(), page->second->begin(), page->second->begin() + count);
-                ++page;
-                ++length;
+            for (; page != pages.end() && page->first == first + run.size() &&
+                   run.size() < kRunPagesMax;
+                 ++page) {
+                run.push_back(std::span(*page->second).first(pageBytes(*this, page->first)));
             }
-            sums_.forget(first * kPage, run.size());
-            if (const auto error = inner_->write(run.data(), first * kPage, run.size());
-                error != 0) {
+            // Before the write: one that fails may have changed any of them.
+            sums_.forget(first * kPage, run.size() * kPage);
+            if (const auto error = inner_->writeGathered(run, first * kPage); error != 0) {
                 return error;
             }
         }

@@ -126,6 +126,26 @@ std::int32_t LogFile::write(const std::byte* source, std::uint64_t offset,
     });
 }
 
+std::int32_t LogFile::writeGathered(GatheredBytes parts, std::uint64_t offset) {
+    std::vector<std::span<const std::byte>> inPiece;
+    auto part = parts.begin();
+    std::size_t inPart = 0; // bytes of it that are written
+    return eachPiece(offset, bytesIn(parts), [&](std::uint64_t, auto place, auto count) {
+        inPiece.clear();
+        for (std::uint64_t missing = count; missing > 0;) {
+            const auto bytes = part->subspan(inPart, std::min(missing, part->size() - inPart));
+            inPiece.push_back(bytes);
+            missing -= bytes.size();
+            inPart += bytes.size();
+            if (inPart == part->size()) {
+                ++part;
+                inPart = 0;
+            }
+        }
+        return device_->writeGathered(inPiece, place);
+    });
+}
+
 std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blank,
                               bool& lost) const noexcept {
     const auto isAllBlank = [](const std::vector<std::byte>& bytes) {

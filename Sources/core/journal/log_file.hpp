@@ -46,6 +46,8 @@ class LogFile {
                                     std::uint64_t length) const noexcept;
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
                                      std::uint64_t length) noexcept;
+    /// As BlockDevice's; throws std::bad_alloc.
+    [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts, std::uint64_t offset);
     /// Whether every byte from `begin` to `end` is 0xff, as where nobody keeps a log. Pages that
     /// cannot be read (EIO) do not count; `lost` says that there are such. They are not blank when
     /// all of them are lost.

@@ -181,7 +181,8 @@ TEST(Replay, BelievesNoHeaderThatCannotBe) {
         std::memcpy(&whole[8], &sum, sizeof sum);
         for (std::size_t i = 0; i < pages.size(); ++i) {
             whole.insert(whole.end(), content.begin(), content.end());
-            record.escape(&whole[whole.size() - kPage]);
+            const auto hidden = record.escaped(content.data());
+            std::copy(hidden.begin(), hidden.end(), &whole[whole.size() - kPage]);
         }
         std::copy(whole.begin(), whole.end(), &logByte(*disk, kRecords));
         JournaledDevice device(disk);
