@@ -40,8 +40,8 @@ class Daemon {
     FSContainerState state() const { return module().containerStatus.state; }
 
     Answer probe(FSResource *resource);
-    Answer load(FSResource *resource, NSArray<NSString *> *words = @[]);
-    Answer activate(NSArray<NSString *> *words = @[]);
+    Answer load(FSResource *resource);
+    Answer activate();
     // Loads, activates and mounts; fails the test when it cannot.
     void bringUp(FSResource *resource);
     // Synchronises, unmounts, reclaims what is held, deactivates and unloads; checks each answer.
@@ -57,13 +57,13 @@ class Daemon {
     Answer hardLink(FSItem *item, FSItem *directory, const std::string &name);
     Answer remove(FSItem *item, FSItem *directory, const std::string &name);
     Answer rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
-                  const std::string &newName, FSItem *over = nil);
+                  const std::string &newName);
     Answer readLink(FSItem *item);
     Answer getAttributes(FSItem *item);
     Answer setSize(FSItem *item, std::uint64_t size);
-    Answer write(FSItem *item, const std::string &data, off_t offset = 0);
+    Answer write(FSItem *item, const std::string &data);
     // number: the count read; object: the ByteBuffer.
-    Answer read(FSItem *item, size_t length, off_t offset = 0);
+    Answer read(FSItem *item, size_t length);
     std::string readText(FSItem *item, size_t length = 1 << 20);
     Answer getXattr(FSItem *item, const std::string &name);
     Answer setXattr(FSItem *item, const std::string &name, NSData *value,

@@ -10,8 +10,9 @@ namespace {
 struct Into {
     Answer *answer;
 
+    void operator()() const { ++answer->replies; }
     void operator()(NSError *error) const {
-        ++answer->replies;
+        (*this)();
         answer->error = Strong(error);
     }
     void operator()(id object, NSError *error) const {
@@ -31,6 +32,21 @@ struct Into {
         (*this)(error);
     }
 };
+
+// Sends a request whose reply block takes these arguments, and answers what it got.
+template<typename... Arguments, typename Send>
+Answer ask(const Send &send) {
+    Answer answer;
+    const Into into{&answer};
+    send(^(Arguments... arguments) {
+        into(arguments...);
+    });
+    return answer;
+}
+
+FSTaskOptions *noOptions() {
+    return [FSTaskOptions optionsWithWords:@[]];
+}
 
 FSItemSetAttributesRequest *noAttributes() {
     return made([[FSItemSetAttributesRequest alloc] init]);
@@ -62,35 +78,22 @@ std::string Answer::text() const {
 Daemon::Daemon() : module_(made([[::TavelinFileSystem alloc] init])) {}
 
 Answer Daemon::probe(FSResource *resource) {
-    Answer answer;
-    const Into into{&answer};
-    [module() probeResource:resource
-               replyHandler:^(FSProbeResult *result, NSError *error) {
-                   into(result, error);
-               }];
-    return answer;
+    return ask<FSProbeResult *, NSError *>(
+        [&](auto reply) { [module() probeResource:resource replyHandler:reply]; });
 }
 
-Answer Daemon::load(FSResource *resource, NSArray<NSString *> *words) {
-    Answer answer;
-    const Into into{&answer};
-    [module() loadResource:resource
-                   options:[FSTaskOptions optionsWithWords:words]
-              replyHandler:^(FSVolume *volume, NSError *error) {
-                  into(volume, error);
-              }];
+Answer Daemon::load(FSResource *resource) {
+    Answer answer = ask<FSVolume *, NSError *>([&](auto reply) {
+        [module() loadResource:resource options:noOptions() replyHandler:reply];
+    });
     resource_ = Strong(resource);
     volume_ = Strong(static_cast<::TavelinVolume *>(answer.object.get()));
     return answer;
 }
 
-Answer Daemon::activate(NSArray<NSString *> *words) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() activateWithOptions:[FSTaskOptions optionsWithWords:words]
-                     replyHandler:^(FSItem *rootItem, NSError *error) {
-                         into(rootItem, error);
-                     }];
+Answer Daemon::activate() {
+    Answer answer = ask<FSItem *, NSError *>(
+        [&](auto reply) { [volume() activateWithOptions:noOptions() replyHandler:reply]; });
     root_ = Strong(answer.item());
     return answer;
 }
@@ -100,33 +103,20 @@ void Daemon::bringUp(FSResource *resource) {
     ASSERT_EQ(state(), FSContainerStateReady);
     ASSERT_EQ(activate().code(), 0);
     ASSERT_EQ(state(), FSContainerStateActive);
-    Answer mounted;
-    const Into into{&mounted};
-    [volume() mountWithOptions:[FSTaskOptions optionsWithWords:@[]]
-                  replyHandler:^(NSError *error) {
-                      into(error);
-                  }];
+    const Answer mounted = ask<NSError *>(
+        [&](auto reply) { [volume() mountWithOptions:noOptions() replyHandler:reply]; });
     ASSERT_EQ(mounted.code(), 0);
 }
 
 std::vector<Answer> Daemon::abandon() {
-    std::vector<Answer> answers{synchronize()};
-    Answer unmounted;
-    const Into gone{&unmounted};
-    [volume() unmountWithReplyHandler:^{
-        gone(nil);
-    }];
-    answers.push_back(unmounted);
-    answers.push_back(reclaim(root()));
-    Answer deactivated;
-    const Into into{&deactivated};
-    [volume() deactivateWithOptions:0
-                       replyHandler:^(NSError *error) {
-                           into(error);
-                       }];
-    answers.push_back(deactivated);
-    answers.push_back(unload());
-    return answers;
+    const auto unmount = [this] {
+        return ask<>([&](auto reply) { [volume() unmountWithReplyHandler:reply]; });
+    };
+    const auto deactivate = [this] {
+        return ask<NSError *>(
+            [&](auto reply) { [volume() deactivateWithOptions:0 replyHandler:reply]; });
+    };
+    return {synchronize(), unmount(), reclaim(root()), deactivate(), unload()};
 }
 
 void Daemon::takeDown() {
@@ -138,14 +128,9 @@ void Daemon::takeDown() {
 }
 
 Answer Daemon::unload() {
-    Answer answer;
-    const Into into{&answer};
-    [module() unloadResource:resource_.get()
-                     options:[FSTaskOptions optionsWithWords:@[]]
-                replyHandler:^(NSError *error) {
-                    into(error);
-                }];
-    return answer;
+    return ask<NSError *>([&](auto reply) {
+        [module() unloadResource:resource_.get() options:noOptions() replyHandler:reply];
+    });
 }
 
 Answer Daemon::check(NSArray<NSString *> *words, RecordingTask *task) {
@@ -153,117 +138,82 @@ Answer Daemon::check(NSArray<NSString *> *words, RecordingTask *task) {
     NSProgress *progress = [module() startCheckWithTask:task
                                                 options:[FSTaskOptions optionsWithWords:words]
                                                   error:&error];
-    Answer answer;
-    Into{&answer}(progress, error);
-    return answer;
+    return ask<NSProgress *, NSError *>([&](auto reply) { reply(progress, error); });
 }
 
 Answer Daemon::format() {
     NSError *error = nil;
     NSProgress *progress = [module() startFormatWithTask:made([RecordingTask new])
-                                                 options:[FSTaskOptions optionsWithWords:@[]]
+                                                 options:noOptions()
                                                    error:&error];
-    Answer answer;
-    Into{&answer}(progress, error);
-    return answer;
+    return ask<NSProgress *, NSError *>([&](auto reply) { reply(progress, error); });
 }
 
 Answer Daemon::lookup(FSItem *directory, const std::string &name) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() lookupItemNamed:fileName(name)
-                  inDirectory:directory
-                 replyHandler:^(FSItem *item, FSFileName *itemName, NSError *error) {
-                     into(item, itemName, error);
-                 }];
-    return answer;
+    return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
+        [volume() lookupItemNamed:fileName(name) inDirectory:directory replyHandler:reply];
+    });
 }
 
 Answer Daemon::create(FSItem *directory, const std::string &name, FSItemType type) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() createItemNamed:fileName(name)
-                         type:type
-                  inDirectory:directory
-                   attributes:noAttributes()
-                 replyHandler:^(FSItem *item, FSFileName *itemName, NSError *error) {
-                     into(item, itemName, error);
-                 }];
-    return answer;
+    return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
+        [volume() createItemNamed:fileName(name)
+                             type:type
+                      inDirectory:directory
+                       attributes:noAttributes()
+                     replyHandler:reply];
+    });
 }
 
 Answer Daemon::link(FSItem *directory, const std::string &name, const std::string &target) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() createSymbolicLinkNamed:fileName(name)
-                          inDirectory:directory
-                           attributes:noAttributes()
-                         linkContents:fileName(target)
-                         replyHandler:^(FSItem *item, FSFileName *itemName, NSError *error) {
-                             into(item, itemName, error);
-                         }];
-    return answer;
+    return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
+        [volume() createSymbolicLinkNamed:fileName(name)
+                              inDirectory:directory
+                               attributes:noAttributes()
+                             linkContents:fileName(target)
+                             replyHandler:reply];
+    });
 }
 
 Answer Daemon::hardLink(FSItem *item, FSItem *directory, const std::string &name) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() createLinkToItem:item
-                         named:fileName(name)
-                   inDirectory:directory
-                  replyHandler:^(FSFileName *linkName, NSError *error) {
-                      into(linkName, error);
-                  }];
-    return answer;
+    return ask<FSFileName *, NSError *>([&](auto reply) {
+        [volume() createLinkToItem:item
+                             named:fileName(name)
+                       inDirectory:directory
+                      replyHandler:reply];
+    });
 }
 
 Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() removeItem:item
-                   named:fileName(name)
-           fromDirectory:directory
-            replyHandler:^(NSError *error) {
-                into(error);
-            }];
-    return answer;
+    return ask<NSError *>([&](auto reply) {
+        [volume() removeItem:item named:fileName(name) fromDirectory:directory replyHandler:reply];
+    });
 }
 
 Answer Daemon::rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
-                      const std::string &newName, FSItem *over) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() renameItem:item
-             inDirectory:from
-                   named:fileName(name)
-               toNewName:fileName(newName)
-             inDirectory:to
-                overItem:over
-            replyHandler:^(FSFileName *given, NSError *error) {
-                into(given, error);
-            }];
-    return answer;
+                      const std::string &newName) {
+    return ask<FSFileName *, NSError *>([&](auto reply) {
+        [volume() renameItem:item
+                 inDirectory:from
+                       named:fileName(name)
+                   toNewName:fileName(newName)
+                 inDirectory:to
+                    overItem:nil
+                replyHandler:reply];
+    });
 }
 
 Answer Daemon::readLink(FSItem *item) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() readSymbolicLink:item
-                  replyHandler:^(FSFileName *contents, NSError *error) {
-                      into(contents, error);
-                  }];
-    return answer;
+    return ask<FSFileName *, NSError *>(
+        [&](auto reply) { [volume() readSymbolicLink:item replyHandler:reply]; });
 }
 
 Answer Daemon::getAttributes(FSItem *item) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() getAttributes:made([[FSItemGetAttributesRequest alloc] init])
-                     ofItem:item
-               replyHandler:^(FSItemAttributes *attributes, NSError *error) {
-                   into(attributes, error);
-               }];
-    return answer;
+    return ask<FSItemAttributes *, NSError *>([&](auto reply) {
+        [volume() getAttributes:made([[FSItemGetAttributesRequest alloc] init])
+                         ofItem:item
+                   replyHandler:reply];
+    });
 }
 
 // number: the attributes that the volume says it consumed.
@@ -271,40 +221,26 @@ Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
     FSItemSetAttributesRequest *request = noAttributes();
     request.size = size;
     request.supportsLimitedXAttrs = YES; // never consumed
-    Answer answer;
-    const Into into{&answer};
-    [volume() setAttributes:request
-                     onItem:item
-               replyHandler:^(FSItemAttributes *attributes, NSError *error) {
-                   into(attributes, error);
-               }];
+    Answer answer = ask<FSItemAttributes *, NSError *>(
+        [&](auto reply) { [volume() setAttributes:request onItem:item replyHandler:reply]; });
     answer.number = static_cast<std::uint64_t>(request.consumedAttributes);
     return answer;
 }
 
-Answer Daemon::write(FSItem *item, const std::string &data, off_t offset) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() writeContents:[NSData dataWithBytes:data.data() length:data.size()]
-                     toFile:item
-                   atOffset:offset
-               replyHandler:^(size_t written, NSError *error) {
-                   into(written, error);
-               }];
-    return answer;
+Answer Daemon::write(FSItem *item, const std::string &data) {
+    return ask<size_t, NSError *>([&](auto reply) {
+        [volume() writeContents:[NSData dataWithBytes:data.data() length:data.size()]
+                         toFile:item
+                       atOffset:0
+                   replyHandler:reply];
+    });
 }
 
-Answer Daemon::read(FSItem *item, size_t length, off_t offset) {
-    Answer answer;
-    const Into into{&answer};
+Answer Daemon::read(FSItem *item, size_t length) {
     ByteBuffer *buffer = [ByteBuffer bufferOfLength:length];
-    [volume() readFromFile:item
-                    offset:offset
-                    length:length
-                intoBuffer:buffer
-              replyHandler:^(size_t count, NSError *error) {
-                  into(count, error);
-              }];
+    Answer answer = ask<size_t, NSError *>([&](auto reply) {
+        [volume() readFromFile:item offset:0 length:length intoBuffer:buffer replyHandler:reply];
+    });
     answer.object = Strong<id>(buffer);
     return answer;
 }
@@ -316,90 +252,52 @@ std::string Daemon::readText(FSItem *item, size_t length) {
 }
 
 Answer Daemon::getXattr(FSItem *item, const std::string &name) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() getXattrNamed:fileName(name)
-                     ofItem:item
-               replyHandler:^(NSData *value, NSError *error) {
-                   into(value, error);
-               }];
-    return answer;
+    return ask<NSData *, NSError *>([&](auto reply) {
+        [volume() getXattrNamed:fileName(name) ofItem:item replyHandler:reply];
+    });
 }
 
 Answer Daemon::setXattr(FSItem *item, const std::string &name, NSData *value,
                         FSSetXattrPolicy policy) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() setXattrNamed:fileName(name)
-                     toData:value
-                     onItem:item
-                     policy:policy
-               replyHandler:^(NSError *error) {
-                   into(error);
-               }];
-    return answer;
+    return ask<NSError *>([&](auto reply) {
+        [volume() setXattrNamed:fileName(name)
+                         toData:value
+                         onItem:item
+                         policy:policy
+                   replyHandler:reply];
+    });
 }
 
 Answer Daemon::listXattrs(FSItem *item) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() listXattrsOfItem:item
-                  replyHandler:^(NSArray<FSFileName *> *names, NSError *error) {
-                      into(names, error);
-                  }];
-    return answer;
+    return ask<NSArray<FSFileName *> *, NSError *>(
+        [&](auto reply) { [volume() listXattrsOfItem:item replyHandler:reply]; });
 }
 
 Answer Daemon::setVolumeName(const std::string &name) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() setVolumeName:fileName(name)
-               replyHandler:^(FSFileName *given, NSError *error) {
-                   into(given, error);
-               }];
-    return answer;
+    return ask<FSFileName *, NSError *>(
+        [&](auto reply) { [volume() setVolumeName:fileName(name) replyHandler:reply]; });
 }
 
 Answer Daemon::open(FSItem *item) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() openItem:item
-             withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
-          replyHandler:^(NSError *error) {
-              into(error);
-          }];
-    return answer;
+    return ask<NSError *>([&](auto reply) {
+        [volume() openItem:item
+                 withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
+              replyHandler:reply];
+    });
 }
 
 Answer Daemon::close(FSItem *item) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() closeItem:item
-           keepingModes:0
-           replyHandler:^(NSError *error) {
-               into(error);
-           }];
-    return answer;
+    return ask<NSError *>(
+        [&](auto reply) { [volume() closeItem:item keepingModes:0 replyHandler:reply]; });
 }
 
 Answer Daemon::reclaim(FSItem *item) {
-    Answer answer;
-    const Into into{&answer};
-    [volume() reclaimItem:item
-             replyHandler:^(NSError *error) {
-                 into(error);
-             }];
-    return answer;
+    return ask<NSError *>([&](auto reply) { [volume() reclaimItem:item replyHandler:reply]; });
 }
 
 Answer Daemon::synchronize() {
-    Answer answer;
-    const Into into{&answer};
-    [volume() synchronizeWithFlags:FSSyncFlagsWait
-                      replyHandler:^(NSError *error) {
-                          into(error);
-                      }];
-    return answer;
+    return ask<NSError *>(
+        [&](auto reply) { [volume() synchronizeWithFlags:FSSyncFlagsWait replyHandler:reply]; });
 }
 
 std::vector<std::string> Daemon::list(FSItem *directory, size_t room, bool withAttributes) {
@@ -411,16 +309,14 @@ std::vector<std::string> Daemon::list(FSItem *directory, size_t room, bool withA
     for (bool more = true; more;) {
         ListPacker *packer = [ListPacker packerWithRoom:room];
         const FSDirectoryVerifier verifier = answer.number;
-        answer = {};
-        const Into into{&answer};
-        [volume() enumerateDirectory:directory
-                    startingAtCookie:cookie
-                            verifier:verifier
-                 providingAttributes:wanted
-                         usingPacker:packer
-                        replyHandler:^(FSDirectoryVerifier current, NSError *error) {
-                            into(current, error);
-                        }];
+        answer = ask<FSDirectoryVerifier, NSError *>([&](auto reply) {
+            [volume() enumerateDirectory:directory
+                        startingAtCookie:cookie
+                                verifier:verifier
+                     providingAttributes:wanted
+                             usingPacker:packer
+                            replyHandler:reply];
+        });
         EXPECT_EQ(answer.code(), 0);
         for (const auto &entry : packer->_entries) {
             EXPECT_EQ(entry.hasAttributes, withAttributes);

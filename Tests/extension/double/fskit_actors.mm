@@ -20,14 +20,12 @@ using tavelin::made;
 @implementation OtherResource
 @end
 
-// Never made itself; ImageResource overrides all of it.
 @implementation FSBlockDeviceResource
 @end
 
 @implementation ImageResource
 + (instancetype)resourceWithImage:(const std::filesystem::path &)image writable:(BOOL)writable {
-    ImageResource *resource = made([[ImageResource alloc] initWithImage:image writable:writable]);
-    return resource;
+    return made([[ImageResource alloc] initWithImage:image writable:writable]);
 }
 
 - (instancetype)initWithImage:(const std::filesystem::path &)image writable:(BOOL)writable {
@@ -114,35 +112,10 @@ using tavelin::made;
     return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
-- (BOOL)metadataReadInto:(void *)buffer
-              startingAt:(off_t)offset
-                  length:(size_t)length
-                   error:(NSError **)error {
-    return [self readInto:buffer startingAt:offset length:length error:error] == length;
-}
-
-- (BOOL)delayedMetadataWriteFrom:(void *)buffer
-                      startingAt:(off_t)offset
-                          length:(size_t)length
-                           error:(NSError **)error {
-    return [self writeFrom:buffer startingAt:offset length:length error:error] == length;
-}
-
-- (BOOL)metadataFlushWithError:(NSError **)error {
-    if (_revokedNow) {
-        *error = fs_errorForPOSIXError(EIO);
-    }
-    return !_revokedNow;
-}
 @end
 
+// Never made themselves; what follows each overrides all that the module calls.
 @implementation FSTask
-- (void)logMessage:(NSString *)message {
-    (void)message;
-}
-- (void)didCompleteWithError:(NSError *)error {
-    (void)error;
-}
 @end
 
 @implementation RecordingTask
@@ -153,12 +126,6 @@ using tavelin::made;
 @end
 
 @implementation FSMutableFileDataBuffer
-- (NSUInteger)length {
-    return 0;
-}
-- (void *)mutableBytes {
-    return nullptr;
-}
 @end
 
 @implementation ByteBuffer
@@ -179,14 +146,6 @@ using tavelin::made;
 @end
 
 @implementation FSDirectoryEntryPacker
-- (BOOL)packEntryWithName:(FSFileName *)name
-                 itemType:(FSItemType)itemType
-                   itemID:(FSItemID)itemID
-               nextCookie:(FSDirectoryCookie)nextCookie
-               attributes:(FSItemAttributes *)attributes {
-    (void)name, (void)itemType, (void)itemID, (void)nextCookie, (void)attributes;
-    return NO;
-}
 @end
 
 @implementation ListPacker

@@ -46,12 +46,24 @@ struct State {
     -(instancetype)init {                                                                          \
         return [self initDouble];                                                                  \
     }
-#define NUMBER(type, name, Setter)                                                                 \
+// Setting an attribute marks it valid, as in FSKit.
+#define VALID_NUMBER(type, name, Setter, bit)                                                      \
     -(type)name {                                                                                  \
         return static_cast<type>(STATE.numbers[#name]);                                            \
     }                                                                                              \
     -(void)set##Setter : (type)value {                                                             \
         STATE.numbers[#name] = static_cast<uint64_t>(value);                                       \
+        STATE.numbers["valid"] |= static_cast<uint64_t>(bit);                                      \
+    }
+#define NUMBER(type, name, Setter) VALID_NUMBER(type, name, Setter, 0)
+#define ATTRIBUTE(type, name, Setter) VALID_NUMBER(type, name, Setter, FSItemAttribute##Setter)
+#define TIME_ATTRIBUTE(name, Setter)                                                               \
+    -(struct timespec)name {                                                                       \
+        return STATE.times[#name];                                                                 \
+    }                                                                                              \
+    -(void)set##Setter : (struct timespec)value {                                                  \
+        STATE.times[#name] = value;                                                                \
+        STATE.numbers["valid"] |= static_cast<uint64_t>(FSItemAttribute##Setter);                  \
     }
 #define OBJECT(type, name, Setter)                                                                 \
     -(type)name {                                                                                  \
@@ -176,49 +188,30 @@ static std::atomic<bool> hasTryReclaim = true;
 }
 @end
 
-// Setting an attribute marks it valid, as in FSKit.
-#define ATTRIBUTE(type, name, Setter, bit)                                                         \
-    -(type)name {                                                                                  \
-        return static_cast<type>(STATE.numbers[#name]);                                            \
-    }                                                                                              \
-    -(void)set##Setter : (type)value {                                                             \
-        STATE.numbers[#name] = static_cast<uint64_t>(value);                                       \
-        STATE.numbers["valid"] |= static_cast<uint64_t>(bit);                                      \
-    }
-#define TIME_ATTRIBUTE(name, Setter, bit)                                                          \
-    -(struct timespec)name {                                                                       \
-        return STATE.times[#name];                                                                 \
-    }                                                                                              \
-    -(void)set##Setter : (struct timespec)value {                                                  \
-        STATE.times[#name] = value;                                                                \
-        STATE.numbers["valid"] |= static_cast<uint64_t>(bit);                                      \
-    }
-
 @implementation FSItemAttributes
 WITH_STATE
 WITH_PLAIN_INIT
 - (BOOL)isValid:(FSItemAttribute)attribute {
     return (STATE.numbers["valid"] & static_cast<uint64_t>(attribute)) != 0;
 }
-ATTRIBUTE(uint32_t, uid, Uid, FSItemAttributeUID)
-ATTRIBUTE(uint32_t, gid, Gid, FSItemAttributeGID)
-ATTRIBUTE(uint32_t, mode, Mode, FSItemAttributeMode)
-ATTRIBUTE(FSItemType, type, Type, FSItemAttributeType)
-ATTRIBUTE(uint32_t, linkCount, LinkCount, FSItemAttributeLinkCount)
-ATTRIBUTE(uint32_t, flags, Flags, FSItemAttributeFlags)
-ATTRIBUTE(uint64_t, size, Size, FSItemAttributeSize)
-ATTRIBUTE(uint64_t, allocSize, AllocSize, FSItemAttributeAllocSize)
-ATTRIBUTE(FSItemID, fileID, FileID, FSItemAttributeFileID)
-ATTRIBUTE(FSItemID, parentID, ParentID, FSItemAttributeParentID)
-ATTRIBUTE(BOOL, supportsLimitedXAttrs, SupportsLimitedXAttrs, FSItemAttributeSupportsLimitedXAttrs)
-ATTRIBUTE(BOOL, inhibitKernelOffloadedIO, InhibitKernelOffloadedIO,
-          FSItemAttributeInhibitKernelOffloadedIO)
-TIME_ATTRIBUTE(modifyTime, ModifyTime, FSItemAttributeModifyTime)
-TIME_ATTRIBUTE(addedTime, AddedTime, FSItemAttributeAddedTime)
-TIME_ATTRIBUTE(changeTime, ChangeTime, FSItemAttributeChangeTime)
-TIME_ATTRIBUTE(accessTime, AccessTime, FSItemAttributeAccessTime)
-TIME_ATTRIBUTE(birthTime, BirthTime, FSItemAttributeBirthTime)
-TIME_ATTRIBUTE(backupTime, BackupTime, FSItemAttributeBackupTime)
+VALID_NUMBER(uint32_t, uid, Uid, FSItemAttributeUID)
+VALID_NUMBER(uint32_t, gid, Gid, FSItemAttributeGID)
+ATTRIBUTE(uint32_t, mode, Mode)
+ATTRIBUTE(FSItemType, type, Type)
+ATTRIBUTE(uint32_t, linkCount, LinkCount)
+ATTRIBUTE(uint32_t, flags, Flags)
+ATTRIBUTE(uint64_t, size, Size)
+ATTRIBUTE(uint64_t, allocSize, AllocSize)
+ATTRIBUTE(FSItemID, fileID, FileID)
+ATTRIBUTE(FSItemID, parentID, ParentID)
+ATTRIBUTE(BOOL, supportsLimitedXAttrs, SupportsLimitedXAttrs)
+ATTRIBUTE(BOOL, inhibitKernelOffloadedIO, InhibitKernelOffloadedIO)
+TIME_ATTRIBUTE(modifyTime, ModifyTime)
+TIME_ATTRIBUTE(addedTime, AddedTime)
+TIME_ATTRIBUTE(changeTime, ChangeTime)
+TIME_ATTRIBUTE(accessTime, AccessTime)
+TIME_ATTRIBUTE(birthTime, BirthTime)
+TIME_ATTRIBUTE(backupTime, BackupTime)
 @end
 
 @implementation FSItemSetAttributesRequest
