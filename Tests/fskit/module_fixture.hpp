@@ -8,24 +8,16 @@
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/op_counter.hpp"
 #include "fskit/tavelin_file_system.hpp"
+#include "support/own_group.hpp"
 #include "support/replaced_services.hpp"
 #include "support/structural_check.hpp"
-#include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <regex>
 #include <sstream>
 
 namespace tavelin::test {
-
-// The process's event log, in a directory of its own and not among what earlier runs left behind.
-struct OwnGroupContainer {
-    OwnGroupContainer() { ::setenv("TAVELIN_GROUP_CONTAINER", directory.path().c_str(), 1); }
-    TempDirectory directory;
-};
-inline const OwnGroupContainer ownGroupContainer;
 
 class ModuleTest : public ::testing::Test {
   protected:
@@ -71,6 +63,28 @@ class ModuleTest : public ::testing::Test {
         const auto lines = takeEvents();
         return lines.empty() ? "" : lines.back();
     }
+    // Tries all that changes the volume, in which `file` is below the root, and answers the codes.
+    std::vector<std::int64_t> tryChanges(const Item& file) {
+        auto ask = requests();
+        fskit::FSItemSetAttributesRequest shorter;
+        shorter.setSize(0);
+        fskit::FSItemSetAttributesRequest earlier;
+        earlier.setModifyTime({.tv_sec = 1, .tv_nsec = 0});
+        fskit::FSItemSetAttributesRequest hidden;
+        hidden.setFlags(0x8000);
+        return {ask.setAttributes(file, shorter).code(),
+                ask.setAttributes(file, earlier).code(),
+                ask.setAttributes(file, hidden).code(),
+                ask.write(file, 0, "x").code(),
+                ask.create(root, "new").code(),
+                ask.symlink(root, "new", "file").code(),
+                ask.rename(file, root, "file", root, "new").code(),
+                ask.remove(file, root, "file"),
+                ask.setXattr(file, "note", "x"),
+                ask.setName("Other"),
+                codeOf(volume().linkInternal(file, fskit::FSFileName("new"), root))};
+    }
+
     std::vector<std::string> takeLog() { return services.log().takeLines(); }
     static std::string takeCounts() { return OpCounter::shared().dumpAndReset(); }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fskit/tavelin_volume.hpp"
+#include "support/bytes.hpp"
 
 #include <gtest/gtest.h>
 
@@ -72,10 +73,6 @@ class Page final : public fskit::FSDirectoryEntryPacker {
   private:
     std::size_t room_;
 };
-
-inline std::span<const std::byte> bytesOf(std::string_view text) {
-    return std::as_bytes(std::span(text));
-}
 
 inline Outcome<fskit::FSItemRef> itemOf(const Outcome<fskit::FSLookupItemResult>& found) {
     return found ? Outcome(found->foundItem) : found.error();

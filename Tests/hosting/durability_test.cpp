@@ -1,10 +1,9 @@
 // What the module host adds to the volume's own care for its data: success means the medium.
 
-#include "own_group.hpp"
-
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/faulty_resource.hpp"
+#include "support/own_group.hpp"
 #include "support/replaced_services.hpp"
 #include "support/sample_volume.hpp"
 

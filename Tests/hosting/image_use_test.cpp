@@ -15,48 +15,44 @@
 namespace tavelin::test {
 namespace {
 
-// A use of the image that lasts as long as this object.
-struct Use {
-    std::string device{}; // that a row tries to open instead of the image
-    std::function<void()> end;
-    Use(std::string opened, std::function<void()> atEnd)
-        : device(std::move(opened)), end(std::move(atEnd)) {}
-    Use(const Use&) = delete;
-    Use& operator=(const Use&) = delete;
-    ~Use() { end(); }
+// Uses of an image, which end with this object, the last one first.
+class Uses {
+  public:
+    explicit Uses(const std::string& used) : image(used) {}
+    Uses(const Uses&) = delete;
+    Uses& operator=(const Uses&) = delete;
+    ~Uses() {
+        for (; !ends_.empty(); ends_.pop_back()) {
+            ends_.back()();
+        }
+    }
+
+    // ntfs-3g mounts what was to be opened so far.
+    Uses& mount(const std::string& options = "rw") {
+        auto directory = std::make_shared<TempDirectory>();
+        runOrThrow({"ntfs-3g", "-o", options, opened, directory->path()});
+        opened = image;
+        return until([directory] { ::umount2(directory->path().c_str(), 0); });
+    }
+    // A loop device over the image, which is to be opened now.
+    Uses& loop(const std::vector<std::string>& options = {}) {
+        std::vector<std::string> words{"losetup", "--find", "--show", image};
+        words.insert(words.end(), options.begin(), options.end());
+        opened = runOrThrow(words);
+        opened.pop_back(); // the line's end
+        return until([device = opened] { (void)run({"losetup", "-d", device}); });
+    }
+    Uses& until(std::function<void()> end) {
+        ends_.push_back(std::move(end));
+        return *this;
+    }
+
+    const std::string image;
+    std::string opened = image; // what a row tries to open
+
+  private:
+    std::vector<std::function<void()>> ends_;
 };
-using UsePointer = std::unique_ptr<Use>;
-
-UsePointer driverMount(const std::string& source, const std::string& options = "rw") {
-    auto directory = std::make_shared<TempDirectory>();
-    runOrThrow({"ntfs-3g", "-o", options, source, directory->path()});
-    return std::make_unique<Use>("", [directory] { ::umount2(directory->path().c_str(), 0); });
-}
-
-UsePointer loop(const std::string& image, std::vector<std::string> options = {}) {
-    std::vector<std::string> words{"losetup", "--find", "--show", image};
-    words.insert(words.end(), options.begin(), options.end());
-    std::string device = runOrThrow(words);
-    device.pop_back(); // the line's end
-    return std::make_unique<Use>(device, [device] { (void)run({"losetup", "-d", device}); });
-}
-
-// Both ends of `first` and `second`, and the device of the second.
-UsePointer both(UsePointer first, UsePointer second) {
-    std::shared_ptr<Use> outer = std::move(first);
-    std::shared_ptr<Use> inner = std::move(second);
-    const std::string device = inner->device;
-    return std::make_unique<Use>(device, [outer, inner]() mutable {
-        inner.reset();
-        outer.reset();
-    });
-}
-
-UsePointer mountedLoop(const std::string& image) {
-    UsePointer device = loop(image);
-    const std::string path = device->device;
-    return both(std::move(device), driverMount(path));
-}
 
 std::string outcome(const std::string& path, bool readOnly) {
     try {
@@ -73,58 +69,46 @@ TEST(ImageUse, IsRefusedBesideWhateverMayChangeIt) {
     }
     const struct {
         const char* what;
-        std::function<UsePointer(const std::string& image)> begin;
+        std::function<void(Uses&)> begin;
         const char* reading;
         const char* changing;
     } kRows[] = {
-        {"nobody", [](auto&) { return std::make_unique<Use>("", [] {}); }, "opened", "opened"},
-        {"ntfs-3g", [](auto& image) { return driverMount(image); }, "in use", "in use"},
-        {"ntfs-3g, read-only", [](auto& image) { return driverMount(image, "ro"); }, "opened",
-         "in use"},
-        {"a mounted loop device", [](auto& image) { return mountedLoop(image); }, "in use",
-         "in use"},
+        {"nobody", [](Uses&) {}, "opened", "opened"},
+        {"ntfs-3g", [](Uses& uses) { uses.mount(); }, "in use", "in use"},
+        {"ntfs-3g, read-only", [](Uses& uses) { uses.mount("ro"); }, "opened", "in use"},
+        {"a mounted loop device", [](Uses& uses) { uses.loop().mount(); }, "in use", "in use"},
         {"a fresh loop device over what ntfs-3g has mounted",
-         [](auto& image) { return both(driverMount(image), loop(image)); }, "in use", "in use"},
-        {"a fresh loop device beside a mounted one",
-         [](auto& image) { return both(mountedLoop(image), loop(image)); }, "in use", "in use"},
+         [](Uses& uses) { uses.mount().loop(); }, "in use", "in use"},
+        {"a fresh loop device beside a mounted one", [](Uses& uses) { uses.loop().mount().loop(); },
+         "in use", "in use"},
         {"a loop device over another part of the file",
-         [](auto& image) {
-             return both(loop(image, {"--offset", "8388608"}),
-                         loop(image, {"--sizelimit", "8388608"}));
+         [](Uses& uses) {
+             std::filesystem::resize_file(uses.opened, 16 << 20);
+             uses.loop({"--offset", "8388608"}).loop({"--sizelimit", "8388608"});
          },
          "opened", "opened"},
         {"a loop device that only reads",
-         [](auto& image) {
-             UsePointer use = loop(image, {"--read-only"});
-             use->device.clear();
-             return use;
-         },
-         "opened", "in use"},
+         [](Uses& uses) { uses.opened = uses.loop({"--read-only"}).image; }, "opened", "in use"},
         {"a program that may write",
-         [](auto& image) {
-             const int fd = ::open(image.c_str(), O_RDWR | O_CLOEXEC);
-             return std::make_unique<Use>("", [fd] { ::close(fd); });
+         [](Uses& uses) {
+             const int fd = ::open(uses.opened.c_str(), O_RDWR | O_CLOEXEC);
+             uses.until([fd] { ::close(fd); });
          },
          "in use", "in use"},
         {"a fresh loop device over what this program has open",
-         [](auto& image) {
-             auto host =
-                 std::make_shared<std::unique_ptr<ModuleHost>>(ModuleHost::openImage(image));
-             return both(std::make_unique<Use>("", [host] { host->reset(); }), loop(image));
+         [](Uses& uses) {
+             std::shared_ptr<ModuleHost> host = ModuleHost::openImage(uses.opened);
+             uses.until([host] {}).loop();
          },
          "in use", "in use"},
     };
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.what);
         const SampleVolume volume({.bytes = 8 << 20});
-        const std::string image = volume.image();
-        if (std::string(row.what).ends_with("part of the file")) {
-            std::filesystem::resize_file(image, 16 << 20);
-        }
-        const UsePointer use = row.begin(image);
-        const std::string& opened = use->device.empty() ? image : use->device;
-        EXPECT_EQ(outcome(opened, true), row.reading);
-        EXPECT_EQ(outcome(opened, false), row.changing);
+        Uses uses(volume.image());
+        row.begin(uses);
+        EXPECT_EQ(outcome(uses.opened, true), row.reading);
+        EXPECT_EQ(outcome(uses.opened, false), row.changing);
     }
 }
 

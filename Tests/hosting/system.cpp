@@ -1,5 +1,7 @@
 #include "system.hpp"
 
+#include "support/bytes.hpp"
+
 #include <stdexcept>
 
 namespace tavelin::test {
@@ -8,23 +10,11 @@ namespace {
 
 constexpr std::uint32_t kHidden = 0x8000;
 
-VolumeClient::Bytes bytes(const std::string& text) {
-    return std::as_bytes(std::span(text));
-}
-
-std::string text(std::span<const std::byte> content) {
-    std::string copy;
-    for (const std::byte byte : content) {
-        copy += static_cast<char>(byte);
-    }
-    return copy;
-}
-
 std::string readAll(VolumeClient& volume, const ItemRef& item, std::uint64_t offset,
                     std::size_t length) {
     std::vector<std::byte> buffer(length);
     buffer.resize(volume.read(item, offset, buffer).get());
-    return text(buffer);
+    return textOf(buffer);
 }
 
 Ticks ticks(const std::timespec& time) {
@@ -32,19 +22,14 @@ Ticks ticks(const std::timespec& time) {
 }
 
 fskit::FSItemSetAttributesRequest timesOf(const Operation& op) {
-    const std::timespec time{.tv_sec = op.number, .tv_nsec = op.other};
-    fskit::FSItemSetAttributesRequest changes;
-    if ((op.seed & 1u << accessTime) != 0) {
-        changes.setAccessTime(time);
-    }
-    if ((op.seed & 1u << modifyTime) != 0) {
-        changes.setModifyTime(time);
-    }
-    if ((op.seed & 1u << changeTime) != 0) {
-        changes.setChangeTime(time);
-    }
-    if ((op.seed & 1u << birthTime) != 0) {
-        changes.setBirthTime(time);
+    using Request = fskit::FSItemSetAttributesRequest;
+    static constexpr std::array kSetters{&Request::setAccessTime, &Request::setModifyTime,
+                                         &Request::setChangeTime, &Request::setBirthTime};
+    Request changes;
+    for (std::size_t kind = 0; kind < kTimeKinds; ++kind) {
+        if ((op.seed >> kind & 1) != 0) {
+            (changes.*kSetters[kind])({.tv_sec = op.number, .tv_nsec = op.other});
+        }
     }
     return changes;
 }
@@ -147,7 +132,7 @@ Answer System::onItem(const Operation& op) {
         if (op.verb == Verb::write) {
             const std::string content = pattern(op.seed, op.other);
             return {.data = std::to_string(
-                        volume().write(item, offset, bytes(content)).get().bytesWritten)};
+                        volume().write(item, offset, bytesOf(content)).get().bytesWritten)};
         }
         changes.setSize(offset);
         volume().setAttributes(item, changes).get();
@@ -163,12 +148,13 @@ Answer System::onItem(const Operation& op) {
     case Verb::setStream: {
         const std::string value = pattern(op.seed, op.other);
         volume()
-            .setXattr(item, op.text, bytes(value), static_cast<fskit::FSSetXattrPolicy>(op.number))
+            .setXattr(item, op.text, bytesOf(value),
+                      static_cast<fskit::FSSetXattrPolicy>(op.number))
             .get();
         return {};
     }
     case Verb::getStream:
-        return {.data = text(volume().getXattr(item, op.text).get())};
+        return {.data = textOf(volume().getXattr(item, op.text).get())};
     default:
         throw std::logic_error("not an operation on an item");
     }
@@ -193,7 +179,7 @@ ItemState System::observe(const std::string& path) {
         state.content = readAll(volume(), item, 0, seen.size() + 1);
     }
     for (const std::string& name : volume().listXattrs(item).get()) {
-        state.streams[name] = text(volume().getXattr(item, name).get());
+        state.streams[name] = textOf(volume().getXattr(item, name).get());
     }
     return state;
 }

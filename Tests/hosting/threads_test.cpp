@@ -1,16 +1,16 @@
 // Several threads on one volume: each with a tree and a model of its own, which must agree whatever
 // the others do; and all of them in one directory, where what is seen must be whole work.
 
-#include "own_group.hpp"
 #include "system.hpp"
 
 #include "platform/error_numbers.hpp"
+#include "support/on_threads.hpp"
+#include "support/own_group.hpp"
 #include "support/sample_volume.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
 
 namespace tavelin::test {
 
@@ -18,23 +18,12 @@ namespace {
 
 constexpr int kThreads = 4;
 
-template<typename Body>
-void onThreads(const Body& body) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&body, i] { body(i); });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
 TEST(ModelThreads, EachTreeAgreesWithItsModel) {
     constexpr int kSteps = 250;
     const SampleVolume sample({.bytes = 128ull << 20});
     System system(sample.image());
     std::vector<Model> models(kThreads);
-    onThreads([&](int thread) {
+    onThreads(kThreads, [&](int thread) {
         Model& model = models[static_cast<std::size_t>(thread)];
         const std::string base = "/tree " + std::to_string(thread);
         OperationSource source(100 + static_cast<std::uint64_t>(thread));
@@ -65,7 +54,7 @@ TEST(ModelThreads, EachTreeAgreesWithItsModel) {
 }
 
 // Every thread writes files of its own and renames them over one name, which is never missing and
-// never half of anything, while others list, look up and synchronise.
+// never half of anything, while others list, look up, label and synchronise the volume.
 TEST(SharedDirectory, ShowsOnlyWholeWork) {
     constexpr int kRounds = 60;
     constexpr std::size_t kBytes = 5000;
@@ -86,7 +75,7 @@ TEST(SharedDirectory, ShowsOnlyWholeWork) {
         volume.rename(file, shared, own, shared, "winner", over ? over->item : none).get();
         published = true;
     };
-    const auto observe = [&] {
+    const auto observe = [&](bool withAttributes) {
         const bool expected = published;
         auto winner = volume.lookup(shared, "winner");
         ASSERT_TRUE(winner || !expected);
@@ -101,17 +90,18 @@ TEST(SharedDirectory, ShowsOnlyWholeWork) {
         }
         std::size_t winners = 0;
         EntryPacker packer(1 << 20);
-        ASSERT_TRUE(volume.enumerate(shared, 0, 0, true, packer));
+        ASSERT_TRUE(volume.enumerate(shared, 0, 0, withAttributes, packer));
         for (const DirectoryEntry& entry : packer.entries()) {
             winners += entry.name == "winner" ? 1 : 0;
         }
         ASSERT_TRUE(winners == 1 || (winners == 0 && !expected));
     };
-    onThreads([&](int thread) {
+    onThreads(kThreads, [&](int thread) {
         for (int round = 0; round < kRounds; ++round) {
             publish(thread, round);
-            observe();
+            observe(round % 2 == 0);
             if (round % 20 == 0) {
+                ASSERT_TRUE(volume.setName("Volume " + std::to_string(thread)));
                 ASSERT_TRUE(volume.synchronize());
             }
         }

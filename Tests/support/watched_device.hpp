@@ -1,20 +1,19 @@
 // For tests of what stands on a volume: a block device over a sample volume that counts what comes
 // through, lets a test wait for that and fails on demand; and short ways to say what such tests say
-// about errors and bytes. Any thread. Programs that include this link the core.
+// about errors. Any thread. Programs that include this link the core.
 #pragma once
 
 #include "core/file_block_device.hpp"
 #include "core/ntfs_error.hpp"
 #include "platform/mutex.hpp"
+#include "support/bytes.hpp"
 #include "support/sample_volume.hpp"
 
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
-#include <span>
 #include <string>
-#include <string_view>
 
 namespace tavelin::test {
 
@@ -86,14 +85,6 @@ inline std::int32_t codeOf(const std::function<void()>& operation) {
     } catch (const NTFSError& error) {
         return error.code;
     }
-}
-
-inline std::span<const std::byte> bytesOf(std::string_view text) {
-    return std::as_bytes(std::span(text));
-}
-
-inline std::string textOf(std::span<const std::byte> data) {
-    return {reinterpret_cast<const char*>(data.data()), data.size()};
 }
 
 // The check of an independent tool finds nothing wrong.
