@@ -131,8 +131,20 @@ class PropertyLists(unittest.TestCase):
                 self.assertEqual(len(keys), len(set(keys)), file.name)
 
 
-class Bundle(unittest.TestCase):
-    def assemble(self, folder, **changes):
+class Folder(unittest.TestCase):
+    """Tests with a folder of their own."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+
+
+class Bundle(Folder):
+    def assemble(self, **changes):
+        folder = self.folder
+        for part in ("host-binary", "extension-binary", "profile"):
+            (folder / part).write_text(part)
         options = {
             "output": folder,
             "license": SOURCE / "LICENSE",
@@ -149,44 +161,28 @@ class Bundle(unittest.TestCase):
         return subprocess.run(command, capture_output=True, text=True, check=False)
 
     def test_layout(self):
-        with tempfile.TemporaryDirectory() as name:
-            folder = Path(name)
-            for part in ("host-binary", "extension-binary", "profile"):
-                (folder / part).write_text(part)
-            app = folder / "Tavelin.app"
-            (app / "Contents/Extensions/Old.appex").mkdir(parents=True)
-            result = self.assemble(folder)
-            self.assertEqual(result.returncode, 0, result.stderr)
-            appex = "Contents/Extensions/TavelinModule.appex/Contents"
-            files = {str(f.relative_to(app)): f for f in app.rglob("*") if f.is_file()}
-            self.assertEqual(
-                set(files),
-                {
-                    "Contents/Info.plist",
-                    "Contents/PkgInfo",
-                    "Contents/MacOS/Tavelin",
-                    "Contents/Resources/LICENSE",
-                    f"{appex}/Info.plist",
-                    f"{appex}/MacOS/TavelinModule",
-                    f"{appex}/embedded.provisionprofile",
-                },
-            )
-            for part, binary in (("Contents", "host-binary"), (appex, "extension-binary")):
-                plist = plistlib.loads(files[f"{part}/Info.plist"].read_bytes())
-                program = files[f"{part}/MacOS/{plist['CFBundleExecutable']}"]
-                self.assertEqual(program.read_text(), binary)
-                self.assertEqual(stat.S_IMODE(program.stat().st_mode), 0o755)
+        app = self.folder / "Tavelin.app"
+        (app / "Contents/Extensions/Old.appex").mkdir(parents=True)
+        result = self.assemble()
+        self.assertEqual(result.returncode, 0, result.stderr)
+        appex = "Contents/Extensions/TavelinModule.appex/Contents"
+        files = {str(f.relative_to(app)): f for f in app.rglob("*") if f.is_file()}
+        host = {"Info.plist", "PkgInfo", "MacOS/Tavelin", "Resources/LICENSE"}
+        module = {"Info.plist", "MacOS/TavelinModule", "embedded.provisionprofile"}
+        expected = {f"Contents/{file}" for file in host} | {f"{appex}/{file}" for file in module}
+        self.assertEqual(set(files), expected)
+        for part, binary in (("Contents", "host-binary"), (appex, "extension-binary")):
+            plist = plistlib.loads(files[f"{part}/Info.plist"].read_bytes())
+            program = files[f"{part}/MacOS/{plist['CFBundleExecutable']}"]
+            self.assertEqual(program.read_text(), binary)
+            self.assertEqual(stat.S_IMODE(program.stat().st_mode), 0o755)
 
     def test_refuses_unfinished_input_and_keeps_the_old_bundle(self):
-        with tempfile.TemporaryDirectory() as name:
-            folder = Path(name)
-            for part in ("host-binary", "extension-binary", "profile"):
-                (folder / part).write_text(part)
-            (folder / "Tavelin.app").mkdir()
-            template = SOURCE / "Sources/extension/Info.plist.in"
-            for changes in ({"extension_plist": template}, {"host": f"Tavelin={folder}/none"}):
-                self.assertNotEqual(self.assemble(folder, **changes).returncode, 0)
-                self.assertEqual(os.listdir(folder / "Tavelin.app"), [])
+        (self.folder / "Tavelin.app").mkdir()
+        template = SOURCE / "Sources/extension/Info.plist.in"
+        for changes in ({"extension_plist": template}, {"host": f"Tavelin={self.folder}/none"}):
+            self.assertNotEqual(self.assemble(**changes).returncode, 0)
+            self.assertEqual(os.listdir(self.folder / "Tavelin.app"), [])
 
     def test_is_signed_from_the_inside_out_claiming_only_what_a_profile_grants(self):
         script = SOURCE / "packaging/macos/sign-bundle"
@@ -200,53 +196,45 @@ class Bundle(unittest.TestCase):
             ("Developer ID", (), (sandbox, sandbox)),
             ("-", ("inner", "outer"), (sandbox, sandbox)),
         ):
-            with tempfile.TemporaryDirectory() as name:
-                folder = Path(name)
-                app = folder / "T.app"
-                appex = app / "Contents/Extensions/M.appex"
-                for part, path in (("inner", appex), ("outer", app)):
-                    (path / "Contents").mkdir(parents=True, exist_ok=True)
-                    if part in profiles:
-                        (path / "Contents/embedded.provisionprofile").touch()
-                recorder = folder / "codesign"
-                recorder.write_text(f'#!/bin/sh\necho "$@" >>"{folder}/calls"\n')
-                recorder.chmod(0o755)
-                subprocess.run(
-                    [script, app, identity, "inner", "outer"],
-                    env={"PATH": f"{folder}:{os.environ['PATH']}"},
-                    capture_output=True,
-                    check=True,
-                )
-                stamp = "--timestamp=none" if identity == "-" else "--timestamp"
-                flags = f"--force {stamp} --options runtime --entitlements"
-                self.assertEqual(
-                    (folder / "calls").read_text().splitlines(),
-                    [
-                        f"{flags} {entitlements[0]} --sign {identity} {appex}",
-                        f"{flags} {entitlements[1]} --sign {identity} {app}",
-                        f"--verify --deep --strict --verbose=2 {app}",
-                    ],
-                )
+            folder = Path(tempfile.mkdtemp(dir=self.folder))
+            app = folder / "T.app"
+            appex = app / "Contents/Extensions/M.appex"
+            for part, path in (("inner", appex), ("outer", app)):
+                (path / "Contents").mkdir(parents=True, exist_ok=True)
+                if part in profiles:
+                    (path / "Contents/embedded.provisionprofile").touch()
+            recorder = folder / "codesign"
+            recorder.write_text(f'#!/bin/sh\necho "$@" >>"{folder}/calls"\n')
+            recorder.chmod(0o755)
+            path = {"PATH": f"{folder}:{os.environ['PATH']}"}
+            command = [script, app, identity, "inner", "outer"]
+            subprocess.run(command, env=path, capture_output=True, check=True)
+            stamp = "--timestamp=none" if identity == "-" else "--timestamp"
+            flags = f"--force {stamp} --options runtime --entitlements"
+            self.assertEqual(
+                (folder / "calls").read_text().splitlines(),
+                [
+                    f"{flags} {entitlements[0]} --sign {identity} {appex}",
+                    f"{flags} {entitlements[1]} --sign {identity} {app}",
+                    f"--verify --deep --strict --verbose=2 {app}",
+                ],
+            )
 
 
-class Library(unittest.TestCase):
+class Library(Folder):
     def test_untested_releases_are_refused(self):
-        with tempfile.TemporaryDirectory() as name:
-            folder = Path(name)
-            for package, release in (("ntfs-3g", "2017.3.23"), ("other", "2022.10.3")):
-                (folder / "top").mkdir(exist_ok=True)
-                (folder / "top/configure").write_text(
-                    f"PACKAGE_NAME='{package}'\nPACKAGE_VERSION='{release}'\n"
-                )
-                subprocess.run(["tar", "-cf", "a.tar", "top"], cwd=folder, check=True)
-                script = SOURCE / "packaging/macos/build-ntfs-3g"
-                result = subprocess.run(
-                    [script, "a.tar", "prefix"],
-                    cwd=folder, capture_output=True, text=True, check=False,
-                )
-                self.assertEqual(result.returncode, 1)
-                self.assertIn(release if package == "ntfs-3g" else package, result.stderr)
-                self.assertFalse((folder / "prefix").exists())
+        top = self.folder / "top"
+        top.mkdir()
+        for package, release in (("ntfs-3g", "2017.3.23"), ("other", "2022.10.3")):
+            version = f"PACKAGE_NAME='{package}'\nPACKAGE_VERSION='{release}'\n"
+            (top / "configure").write_text(version)
+            subprocess.run(["tar", "-cf", "a.tar", "top"], cwd=self.folder, check=True)
+            command = [SOURCE / "packaging/macos/build-ntfs-3g", "a.tar", "prefix"]
+            result = subprocess.run(command, cwd=self.folder, capture_output=True, text=True,
+                                    check=False)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(release if package == "ntfs-3g" else package, result.stderr)
+            self.assertFalse((self.folder / "prefix").exists())
 
 
 if __name__ == "__main__":
