@@ -37,6 +37,8 @@ struct new_entry {
     // Closes the new inode and its directory, in this order: the inode's index entry is updated
     // through the open directory.
     [[nodiscard]] int32_t finish(inode_guard created, uint64_t* ino) noexcept {
+        // Read before the inode is closed, and answered only if both records could be written: the
+        // caller must not use a file that may not exist.
         const uint64_t number = created->mft_no;
         note_change(directory.get());
         const int32_t error = created.close_in(directory.get());
@@ -52,6 +54,8 @@ int32_t check_new_name(const ntb_vol* vol, const char* name, utf16_text& out) no
     if (const int32_t error = check_windows_name(vol, name); error != 0) {
         return error;
     }
+    // The library does not check names. A record under a name with a "/" could not be reached
+    // again.
     return is_read_only(vol) ? EROFS : uname_of(name, out);
 }
 
@@ -70,9 +74,12 @@ int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_
         return error;
     }
     uint64_t ino = 0;
+    // By name and not by the caller's inode number: the name is what goes, whatever it leads to by
+    // now.
     if (const int32_t error = lookup_in(directory.get(), text, ino); error != 0) {
         return error;
     }
+    // System files, without which the volume could not be used.
     if (directory->mft_no == extend_ino || ino < first_user_ino) {
         return EPERM;
     }
@@ -84,11 +91,14 @@ int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_
         return error;
     }
     errno = 0;
+    // Not asked when a rename removes the old name of a directory: that one need not be empty, and
+    // keeps its new name.
     if (check_empty && is_directory(child.get()) && ntfs_check_empty_dir(child.get()) != 0) {
         return err_or(ENOTEMPTY);
     }
     const free_space_watch watch(vol);
     errno = 0;
+    // Takes over both inodes and closes them on success and on failure, hence the releases.
     const bool deleted = ntfs_delete(vol->volume, nullptr, child.release(), directory.release(),
                                      text.units(), text.name_length()) == 0;
     return deleted ? 0 : err_or(EIO);
@@ -103,6 +113,7 @@ int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* na
     if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
         return error;
     }
+    // The same record would be open twice, and a directory as its own child is never valid.
     if (inode->mft_no == MREF(directory)) {
         return EINVAL;
     }
@@ -115,6 +126,7 @@ int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* na
     if (ntfs_link(inode.get(), parent.get(), text.units(), text.name_length()) != 0) {
         error = err_or(EIO);
     } else {
+        // The file's own status has changed, not its content; the directory's content has.
         ntfs_inode_update_times(inode.get(), NTFS_UPDATE_CTIME);
         note_change(parent.get());
     }

@@ -330,7 +330,8 @@ int32_t ntb_link(ntb_vol* vol, uint64_t ino, uint64_t parent, const char* name);
 int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count);
 
 /* Replaces an existing target of the same kind. EINVAL into the own subtree, EISDIR, ENOTDIR,
- * ENOTEMPTY, EPERM into or out of $Extend. Safe when only the case of the name changes. */
+ * ENOTEMPTY, EPERM into or out of $Extend, EEXIST when the new name is another hard link of the
+ * same file. Safe when only the case of the name changes. */
 int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
                    const char* new_name);
 

@@ -16,22 +16,28 @@ struct entry_name {
 
 // Whether inode is start or one of the directories above it.
 bool is_descendant(const ntb_vol* vol, uint64_t start, uint64_t inode) noexcept {
+    // Walks upwards from the target directory and not downwards from the source: a path has few
+    // steps, a subtree may have millions.
     uint64_t current = MREF(start);
     for (int step = 0; step < deepest_directory && current != NTB_ROOT_INO; ++step) {
         if (current == inode) {
             return true;
         }
         inode_guard directory;
+        // A directory that cannot be read is no reason to call it a descendant. The rename itself
+        // will meet the same error and answer it.
         if (directory.open(vol->volume, current) != 0) {
             return false;
         }
         const inode_guard parent(ntfs_dir_parent_inode(directory.get()));
         const uint64_t above = parent ? parent->mft_no : NTB_ROOT_INO;
+        // A directory that is its own parent exists on a damaged volume only.
         if (above == current) {
             return false;
         }
         current = above;
     }
+    // The loop ends at the root, which may itself be the inode that is asked for.
     return current == inode;
 }
 
@@ -40,21 +46,27 @@ int32_t check_name(const char* name) noexcept {
     return uname_of(name, text);
 }
 
-// The new name leads to the source already. A third name keeps the inode alive while it has
-// neither the old nor the new one.
+// The new name leads to the source already: they are the long and the DOS name of one link, or two
+// hard links of one file. A temporary third name keeps the inode alive while it has neither the old
+// nor the new one, as removing its last name would free its record and its clusters.
 int32_t rename_in_place(ntb_vol* vol, uint64_t ino, const entry_name& from,
                         const entry_name& to) noexcept {
+    // The record number makes the name unlike any other temporary one. Should a user have such a
+    // file, adding the name fails with EEXIST and nothing has changed.
     char temporary[sizeof ".ntb-rename-18446744073709551615"];
     (void)std::snprintf(temporary, sizeof temporary, ".ntb-rename-%llu",
                         static_cast<unsigned long long>(ino));
     if (const int32_t error = link_name(vol, ino, from.directory, temporary); error != 0) {
         return error;
     }
+    // The old name goes first. The library removes a long and a DOS name together, so the new one
+    // is free after this. A second hard link stays, and the rename answers EEXIST.
     int32_t error = unlink_impl(vol, from.directory, from.name, false);
     if (error == 0) {
         error = link_name(vol, ino, to.directory, to.name);
         if (error != 0) {
-            // The first failure is the one to report.
+            // The first failure is the one to report. With a page cache end_operation() then undoes
+            // everything; this line is for volumes without one.
             (void)link_name(vol, ino, from.directory, from.name);
         }
     }
@@ -63,6 +75,8 @@ int32_t rename_in_place(ntb_vol* vol, uint64_t ino, const entry_name& from,
     return error;
 }
 
+// Removes what the new name leads to, as rename(2) replaces it. The kinds must agree, and a
+// directory must be empty, which unlink_impl checks.
 int32_t make_room(ntb_vol* vol, const ntb_attr& source, uint64_t target,
                   const entry_name& to) noexcept {
     ntb_attr attributes = {};
@@ -74,18 +88,22 @@ int32_t make_room(ntb_vol* vol, const ntb_attr& source, uint64_t target,
     if (source_is_directory != target_is_directory) {
         return source_is_directory ? ENOTDIR : EISDIR;
     }
+    // From here until move_name() the target name is missing. With a journal no power cut shows
+    // that moment, as no flush falls inside an operation.
     return unlink_impl(vol, to.directory, to.name, true);
 }
 
 int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
                   const entry_name& to) noexcept {
+    // The new name first, for the same reason as above: a file without a name has no record any
+    // more.
     if (const int32_t error = link_name(vol, ino, to.directory, to.name); error != 0) {
         return error;
     }
-    // Two directories' pages are written in the order of their places on the device, so a power cut
-    // could let the removal through and not the new name. Without a journal the new name therefore
-    // goes first. The device need not sync, as only the order matters. A failure is dropped: the
-    // pages stay dirty, and the flush that retries them reports.
+    // Dirty pages are written in the order of their places on the device, so a power cut could let
+    // the removal of the old name through and not the new name. Without a journal the cache is
+    // therefore flushed in between. The device need not sync, as only the order matters. A failure
+    // is dropped: the pages stay dirty, and the flush that retries them reports.
     if (vol->ordered_writes) {
         (void)vol->context->flush();
     }
@@ -107,10 +125,13 @@ static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
     if (name == nullptr || new_name == nullptr) {
         return EINVAL;
     }
+    // A name renamed to itself succeeds without a change, as rename(2) has it. This comes before
+    // the Windows-names rule, which an existing name need not keep.
     if (MREF(parent) == MREF(new_parent) && std::strcmp(name, new_name) == 0) {
         return 0;
     }
     int32_t error = check_windows_name(vol, new_name);
+    // All checks come before the first change: below, an error leaves something to undo.
     error = first_error(error, check_name(name));
     error = first_error(error, check_name(new_name));
     if (error != 0) {
@@ -128,6 +149,7 @@ static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
     if (error = ntb_getattr(vol, source, &attributes); error != 0) {
         return error;
     }
+    // Moved below itself, a directory would be cut off from the root with all that is in it.
     if (attributes.type == NTB_TYPE_DIRECTORY && is_descendant(vol, new_parent, source)) {
         return EINVAL;
     }
@@ -137,6 +159,7 @@ static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
     const entry_name from = {.directory = parent, .name = name};
     const entry_name to = {.directory = new_parent, .name = new_name};
     uint64_t target = 0;
+    // ENOENT is the usual case: nothing is replaced.
     error = ntb_lookup(vol, new_parent, new_name, &target);
     if (error == 0) {
         if (target == source) {

@@ -8,6 +8,7 @@ namespace tavelin {
 
 fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std::uint64_t parent,
                                                const fskit::FSFileName& name) {
+    // The name is the caller's own spelling: the bridge has matched it case by case.
     fskit::FSLookupItemResult result{handOut(record.reference(), parent), name, {}};
     describe(record, parent, result.itemAttributes);
     return result;
@@ -53,6 +54,8 @@ TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
         fskit::FSCreateItemResult result =
             created(ntfs->make(name(named), parent.reference, kind), parent, named);
+        // FSKit's way to say which of the requested attributes were set. Those that were not are no
+        // error.
         newAttributes.consumedAttributes = 0;
         if (newAttributes.validAttributes() != 0) {
             applyToNew(newAttributes, result);
@@ -96,6 +99,8 @@ Outcome<fskit::FSCreateLinkResult> TavelinVolume::linkInternal(const fskit::FSIt
                                                                const fskit::FSFileName& named,
                                                                const fskit::FSItemRef& directory) {
     return request<"createLink">([&] {
+        // The full reference: should the record have another owner by now, the bridge answers
+        // ESTALE and gives no name to a stranger's file.
         const std::uint64_t file = n(item).reference;
         const NItem& parent = n(directory);
         requireChangeable();
@@ -112,6 +117,8 @@ Outcome<fskit::FSRemoveItemResult> TavelinVolume::removeItem(const fskit::FSItem
     return request<"removeItem">([&] {
         const NItem& parent = n(directory);
         requireChangeable();
+        // The item stays registered until the host reclaims it: the file may be open, or have other
+        // names.
         const NTFSChange change = ntfs->remove(name(named), parent.reference);
         return fskit::FSRemoveItemResult{described(change.item, parent.ino),
                                          described(change.directory, parent.parent),
@@ -131,6 +138,8 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
         const NTFSRename change =
             ntfs->rename(oldName, from.reference, name(destinationName), to.reference);
         if (moved != nullptr) {
+            // Only after the rename has succeeded. The parent serves answers about this item, and a
+            // stale one would name the old directory.
             n(moved).parent = to.ino;
         }
         // The item that was replaced stays registered until it is reclaimed: its file may have

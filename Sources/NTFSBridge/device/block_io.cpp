@@ -18,6 +18,7 @@ constexpr uint64_t round_up(uint64_t value, uint64_t block) noexcept {
 }
 
 bool is_aligned(const ntb_io& io, uint64_t offset, uint64_t length) noexcept {
+    // Block sizes 0 and 1 both mean that the device takes any byte range, see ntb_io.
     return io.block_size < 2 || (offset % io.block_size == 0 && length % io.block_size == 0);
 }
 
@@ -25,6 +26,7 @@ std::unique_ptr<uint8_t[]> bounce_buffer(ntb_stats* stats, uint64_t size) noexce
     if (stats != nullptr) {
         stats->unalignedOps += 1;
     }
+    // Without exceptions, as they must not cross the library's C frames on their way up.
     return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[size]);
 }
 
@@ -46,6 +48,8 @@ int32_t io_read(const ntb_io& io, ntb_stats* stats, void* buffer, uint64_t offse
     if (offset >= io.size) {
         return EIO;
     }
+    // The library reads whole structures near the end of the volume and looks at the count that it
+    // got. So a read across the end is cut and not refused.
     length = std::min(length, io.size - offset);
     if (stats != nullptr) {
         stats->deviceReads += 1;
@@ -55,6 +59,7 @@ int32_t io_read(const ntb_io& io, ntb_stats* stats, void* buffer, uint64_t offse
         return io.read(io.context, buffer, offset, length);
     }
     const uint64_t start = round_down(offset, io.block_size);
+    // A device that ends inside a block is read up to its end.
     const uint64_t end = std::min(round_up(offset + length, io.block_size), io.size);
     const auto bounce = bounce_buffer(stats, end - start);
     if (!bounce) {
@@ -73,6 +78,8 @@ int32_t io_write(const ntb_io& io, ntb_stats* stats, const void* buffer, uint64_
         return 0;
     }
     if (!is_within(offset, length, io.size)) {
+        // Unlike a read, a write is not cut: bytes past the end would be lost while the write
+        // succeeds.
         return ENOSPC;
     }
     if (stats != nullptr) {
@@ -82,6 +89,8 @@ int32_t io_write(const ntb_io& io, ntb_stats* stats, const void* buffer, uint64_
     if (is_aligned(io, offset, length)) {
         return io.write(io.context, buffer, offset, length);
     }
+    // The rest of the first and the last block must keep its content, so those two are read first.
+    // Nothing is written when that fails.
     const uint64_t block = io.block_size;
     const uint64_t start = round_down(offset, block);
     const uint64_t end = round_up(offset + length, block);

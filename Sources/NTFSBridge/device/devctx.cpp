@@ -26,12 +26,17 @@ struct page_part {
 } // namespace
 
 bool ntb_devctx::is_cacheable(uint64_t count, uint64_t offset) const noexcept {
+    // Devices whose blocks are larger than a page, or do not divide it, have no cache: a page could
+    // not be written back without bytes of its neighbours. Long transfers are file data, which
+    // would evict the metadata and is rarely wanted twice.
     const uint64_t block = std::max<uint64_t>(io.block_size, 1);
     if (!cache.is_on() || block > page_size || page_size % block != 0 ||
         count > NTB_CACHED_BYTES_MAX || !is_within(offset, count, io.size)) {
         return false;
     }
     const uint64_t last = (offset + count - 1) / page_size;
+    // A device may end inside its last page. That page cannot be cached, as a write-back takes a
+    // whole one.
     return is_within(last * page_size, page_size, io.size);
 }
 
@@ -39,17 +44,24 @@ int32_t ntb_devctx::flush_overlap(uint64_t count, uint64_t offset) noexcept {
     if (cache.dirty_count() == 0) {
         return 0;
     }
+    // Writes are not checked against the device's end before this, so the sum may wrap.
     const uint64_t end = count <= UINT64_MAX - offset ? offset + count : UINT64_MAX;
+    // A transfer around the cache must see what is dirty, or write over it and not be overwritten
+    // by a later flush of older content.
     return cache.pc_flush_pages(offset / page_size, (end - 1) / page_size);
 }
 
-// Reads a run of pages that are not cached, caches them and hands out what the caller wants of
-// them. A run he wants whole is read straight into his memory.
+// Reads a run of pages that are not cached, caches them and copies out what the caller wants. The
+// device is asked for whole pages even when the caller wants a few bytes: the library reads a
+// record in pieces, and the next piece is then cached. Nothing is read ahead of the request.
 int32_t ntb_devctx::fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint64_t page,
                               uint64_t run) noexcept {
     TAVELIN_ASSERT(run > 0 && run <= page_cache::run_pages_max);
     const uint64_t start = page * page_size;
     const uint64_t end = start + run * page_size;
+    // The usual run lies inside the request. It is read straight into the caller's memory and
+    // copied to the slots from there. A run with a partial page at an end goes through the staging
+    // memory.
     const bool is_wanted_whole = start >= offset && end <= offset + count;
     uint8_t* const fetched = is_wanted_whole ? to + (start - offset) : cache.staging();
     if (const int32_t error = io_read(io, stats, fetched, start, end - start); error != 0) {
@@ -57,6 +69,8 @@ int32_t ntb_devctx::fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint
     }
     stats->cacheMisses += run;
     for (uint64_t i = 0; i < run; ++i) {
+        // No slot means that the page to evict is dirty and the device refuses its write. The read
+        // has succeeded all the same, so this page is only not cached.
         if (uint8_t* const slot = cache.pc_slot_for(page + i); slot != nullptr) {
             std::memcpy(slot, fetched + i * page_size, page_size);
         }
@@ -79,6 +93,8 @@ int32_t ntb_devctx::cached_read(uint8_t* to, uint64_t count, uint64_t offset) no
             page += 1;
             continue;
         }
+        // Consecutive misses are read in one call. A cached page ends the run: it may be dirty, and
+        // the device's content would then be older.
         uint64_t run = 1;
         while (page + run <= last && cache.pc_find(page + run) == nullptr) {
             run += 1;
@@ -96,6 +112,7 @@ int32_t ntb_devctx::read(uint8_t* to, uint64_t count, uint64_t offset) noexcept 
     if (is_cacheable(count, offset)) {
         return cached_read(to, count, offset);
     }
+    // The device must have the newest content of the range before it is read around the cache.
     if (const int32_t error = flush_overlap(count, offset); error != 0) {
         return error;
     }
@@ -107,6 +124,8 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
     uint32_t slot = 0;
     uint8_t* data = cache.pc_find(page, &slot);
     if (data == nullptr) {
+        // A page that is overwritten in part needs the rest of its content from the device. A page
+        // that is overwritten as a whole does not, which saves a read for each new index block.
         uint8_t whole[page_size];
         const bool is_partial = count != page_size;
         if (is_partial) {
@@ -115,13 +134,15 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
                 return error;
             }
             stats->cacheMisses += 1;
+            // The page as it was before the operation, in case the operation fails half-way.
             undo.keep(page, whole);
         } else {
             undo.keep_uncached(page);
         }
         data = cache.pc_slot_for(page, &slot);
         if (data == nullptr) {
-            // The write goes around the cache; only what was read can be put back.
+            // The write goes around the cache. What was read can be put back if the operation
+            // fails. What was overwritten unread cannot, so the operation is no longer undone.
             if (!is_partial) {
                 undo.give_up();
             }
@@ -148,13 +169,18 @@ int32_t ntb_devctx::cached_write(const uint8_t* from, uint64_t count, uint64_t o
         }
     }
     stats->dirtyPages = cache.dirty_count();
+    // Half of the slots may be dirty. Above that, sets fill with dirty pages and each miss would
+    // wait for a write. With a journal the volume syncs between two operations long before
+    // (NTFSVolume::flushIfNearCapacity), so this flush falls inside an operation only if that one
+    // is very large.
     if (cache.dirty_count() > page_cache::dirty_pages_max) {
         return cache.pc_flush_pages(0, page_cache::last_page);
     }
     return 0;
 }
 
-// Pages of the range that are cached are clean here and stay so: the device has the same bytes.
+// Copies a write that went around the cache into the pages that are cached. They are clean, as the
+// overlap was flushed before, and stay so: the device has the same bytes.
 void ntb_devctx::update_cached_pages(const uint8_t* from, uint64_t count,
                                      uint64_t offset) noexcept {
     const uint64_t last = (offset + count - 1) / page_size;
@@ -171,9 +197,13 @@ int32_t ntb_devctx::write(const uint8_t* from, uint64_t count, uint64_t offset) 
     if (is_cacheable(count, offset)) {
         return cached_write(from, count, offset);
     }
+    // A dirty page of the range goes first. Written later, its older content would replace what
+    // this write is about to bring.
     if (const int32_t error = flush_overlap(count, offset); error != 0) {
         return error;
     }
+    // On an error part of the range may have been written. That touches file data only, and cached
+    // pages of the range still show the old bytes.
     if (const int32_t error = io_write(io, stats, from, offset, count); error != 0) {
         return error;
     }

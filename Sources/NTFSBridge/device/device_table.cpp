@@ -8,7 +8,8 @@
 namespace ntb {
 namespace {
 
-// macOS's disk ioctls, answered under their numbers on every host.
+// macOS's disk ioctls DKIOCGETBLOCKSIZE and DKIOCGETBLOCKCOUNT, by which the library asks for a
+// device's size there. They are answered under their numbers on every host.
 constexpr unsigned long dkioc_get_block_size = 0x40046418;
 constexpr unsigned long dkioc_get_block_count = 0x40086419;
 
@@ -26,6 +27,7 @@ int d_open(ntfs_device* device, int flags) noexcept {
         return fail(EBUSY);
     }
     ntb_devctx& context = context_of(device);
+    // By this flag d_pwrite refuses to write, and d_sync has nothing to sync.
     if ((flags & O_ACCMODE) != O_RDWR || context.read_only != 0) {
         NDevSetReadOnly(device);
     }
@@ -40,6 +42,8 @@ int d_close(ntfs_device* device) noexcept {
         return fail(EBADF);
     }
     ntb_devctx& context = context_of(device);
+    // A mount that failed after it had emptied a journal closes without a sync, so the dirty pages
+    // go to the device here.
     const int32_t error = context.flush();
     if (NDevDirty(device) && context.io.sync != nullptr) {
         // Dropped: a caller who needs to know syncs before closing.
@@ -51,6 +55,7 @@ int d_close(ntfs_device* device) noexcept {
 
 s64 d_seek(ntfs_device* device, s64 offset, int whence) noexcept {
     ntb_devctx& context = context_of(device);
+    // A negative distance wraps around, and so does the sum, back to the right position.
     const auto distance = static_cast<uint64_t>(offset);
     switch (whence) {
     case SEEK_SET:
@@ -71,6 +76,8 @@ s64 d_seek(ntfs_device* device, s64 offset, int whence) noexcept {
 s64 d_pread(ntfs_device* device, void* buffer, s64 count, s64 offset) noexcept {
     ntb_devctx& context = context_of(device);
     const auto start = static_cast<uint64_t>(offset);
+    // 0 means the end of the device, as with pread(2). The library then answers how much it read
+    // until then. An error here would look like a failing device.
     if (count < 1 || start >= context.io.size) {
         return 0;
     }
@@ -80,6 +87,7 @@ s64 d_pread(ntfs_device* device, void* buffer, s64 count, s64 offset) noexcept {
 }
 
 s64 d_pwrite(ntfs_device* device, const void* buffer, s64 count, s64 offset) noexcept {
+    // The last check before the device: no write of the library passes it on a read-only volume.
     if (NDevReadOnly(device)) {
         return fail(EROFS);
     }
@@ -114,9 +122,13 @@ s64 d_write(ntfs_device* device, const void* buffer, s64 count) noexcept {
 
 int d_sync(ntfs_device* device) noexcept {
     ntb_devctx& context = context_of(device);
+    // The cache first: a sync of the device covers what the device was given. After an error the
+    // device stays marked dirty, and the next sync does both again.
     if (const int32_t error = context.flush(); error != 0) {
         return fail(error);
     }
+    // Nothing was written since the last sync that succeeded, so the device need not be asked. A
+    // sync may take tens of milliseconds.
     if (NDevDirty(device) && !NDevReadOnly(device)) {
         if (context.io.sync != nullptr) {
             if (const int32_t error = context.io.sync(context.io.context); error != 0) {
@@ -152,6 +164,8 @@ int d_ioctl(ntfs_device* device, unsigned long request, void* argument) noexcept
         std::memcpy(argument, &block_count, sizeof block_count);
         return 0;
     default:
+        // The library takes this for a device that does not know the request, and goes on without
+        // the answer.
         return fail(EOPNOTSUPP);
     }
 }
@@ -162,11 +176,13 @@ int discard_open(ntfs_device* /*device*/, int /*flags*/) noexcept {
     return fail(EBUSY);
 }
 
+// Flushes nothing: the context, with its dirty pages, is that of the new volume by now.
 int discard_close(ntfs_device* device) noexcept {
     NDevClearOpen(device);
     return 0;
 }
 
+// Answers success. After an error the library would keep the inode open and its memory allocated.
 s64 discard_pwrite(ntfs_device* /*device*/, const void* /*buffer*/, s64 count,
                    s64 /*offset*/) noexcept {
     return count;

@@ -11,7 +11,8 @@ namespace ntb {
 
 namespace {
 
-// Touches each of the system's pages, of which none is smaller than ours.
+// Writes to each of the system's pages, which are no smaller than ours. A read would not do: the
+// system gives one shared page of zeros for memory that was only read.
 void touch(void* memory, size_t size) noexcept {
     auto* const bytes = static_cast<volatile uint8_t*>(memory);
     for (size_t at = 0; at < size; at += page_cache::page_size) {
@@ -22,11 +23,13 @@ void touch(void* memory, size_t size) noexcept {
 } // namespace
 
 bool page_cache::enable() noexcept {
+    // Everything at once, so that no later eviction or flush can fail for want of memory.
     slots_.reset(new (std::nothrow) ntb_cache_slot[slot_count]());
     pages_.reset(new (std::nothrow) uint8_t[uint64_t{slot_count} * page_size]);
     dirty_pages_.reset(new (std::nothrow) dirty_page[slot_count]);
     staging_.reset(new (std::nothrow) uint8_t[uint64_t{run_pages_max} * page_size]);
     if (!slots_ || !pages_ || !dirty_pages_ || !staging_) {
+        // All or nothing: half a cache would need a check in each of its functions.
         slots_.reset();
         pages_.reset();
         dirty_pages_.reset();
@@ -46,6 +49,7 @@ void page_cache::populate() noexcept {
 }
 
 int page_cache::cmp_u64(const void* left, const void* right) noexcept {
+    // The page number is the first member of what is compared, whatever the type.
     uint64_t a = 0;
     uint64_t b = 0;
     std::memcpy(&a, left, sizeof a);
@@ -54,6 +58,8 @@ int page_cache::cmp_u64(const void* left, const void* right) noexcept {
 }
 
 uint32_t page_cache::slot_holding(uint64_t page) const noexcept {
+    // Consecutive pages fall into consecutive sets, so a run of metadata spreads over the cache
+    // instead of competing for one set.
     const uint32_t first = static_cast<uint32_t>(page % set_count_) * way_count;
     for (uint32_t slot = first; slot < first + way_count; ++slot) {
         if (slots_[slot].page == page && slots_[slot].valid != 0) {
@@ -65,8 +71,11 @@ uint32_t page_cache::slot_holding(uint64_t page) const noexcept {
 
 uint32_t page_cache::victim_for(uint64_t page) const noexcept {
     const uint32_t first = static_cast<uint32_t>(page % set_count_) * way_count;
+    // The least recently used page of the set gives way, be it clean or dirty. pc_slot_for() writes
+    // a dirty one back first.
     uint32_t oldest = first;
     for (uint32_t slot = first; slot < first + way_count; ++slot) {
+        // A free slot costs nobody a page.
         if (slots_[slot].valid == 0) {
             return slot;
         }
@@ -80,6 +89,7 @@ uint32_t page_cache::victim_for(uint64_t page) const noexcept {
 int32_t page_cache::write_back(uint32_t slot) noexcept {
     const uint64_t offset = slots_[slot].page * page_size;
     TAVELIN_ASSERT(slots_[slot].valid != 0 && slots_[slot].dirty != 0 && dirty_count_ > 0);
+    // A page that could not be written stays dirty, so the next flush tries it again.
     const int32_t error = io_write(io_, &stats_, data_of(slot), offset, page_size);
     if (error == 0) {
         slots_[slot].dirty = 0;
@@ -90,6 +100,8 @@ int32_t page_cache::write_back(uint32_t slot) noexcept {
 
 uint8_t* page_cache::use(uint32_t slot, uint32_t* slot_index) noexcept {
     TAVELIN_ASSERT(slot < slot_count && slots_[slot].valid != 0);
+    // The clock wraps after four billion uses. Stamps then compare wrongly for a while, which
+    // evicts pages that were used recently and harms nothing else.
     use_clock_ += 1;
     slots_[slot].use_stamp = use_clock_;
     if (slot_index != nullptr) {
@@ -135,13 +147,16 @@ void page_cache::mark_dirty(uint32_t slot_index) noexcept {
 void page_cache::pc_discard(uint64_t page) noexcept {
     const uint32_t slot = is_on() ? slot_holding(page) : no_slot;
     if (slot != no_slot) {
+        // Called for pages that a failed operation wrote as a whole: their content must not reach
+        // the device any more.
         dirty_count_ -= slots_[slot].dirty;
         slots_[slot] = {};
     }
 }
 
-// Lists the dirty pages of the range and answers how many there are. A range of fewer pages than
-// there are sets is looked up page by page; walking all slots would cost more.
+// Lists the dirty pages of the range in ascending order and answers how many there are. A range of
+// fewer pages than there are sets is looked up page by page, as walking all slots would cost more.
+// It then comes out in order by itself.
 uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
     TAVELIN_ASSERT(first <= last);
     uint64_t count = 0;
@@ -160,6 +175,9 @@ uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
             dirty_pages_[count++] = {.page = entry.page, .slot = slot};
         }
     }
+    // By place on the device: neighbours join into one write, and the device gets the writes in the
+    // order that it serves fastest. The order has no part in crash safety. The journal makes a
+    // flush atomic, and without one ntb_rename flushes what must be first.
     std::sort(
         dirty_pages_.get(), dirty_pages_.get() + count,
         [](const dirty_page& left, const dirty_page& right) { return cmp_u64(&left, &right) < 0; });
@@ -179,14 +197,19 @@ uint64_t page_cache::run_length(uint64_t first, uint64_t end) const noexcept {
 
 int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
     TAVELIN_ASSERT(count > 0 && count <= run_pages_max && count <= dirty_count_);
+    // A single page is written from its slot, without a copy.
     if (count == 1) {
         return write_back(run->slot);
     }
     for (uint64_t i = 0; i < count; ++i) {
+        // The device takes one piece of memory a call, and pages that are neighbours on it lie in
+        // different sets of the cache.
         std::memcpy(staging_.get() + i * page_size, data_of(run[i].slot), page_size);
     }
     const int32_t error =
         io_write(io_, &stats_, staging_.get(), run->page * page_size, count * page_size);
+    // All or none: a run that failed may have been written in part, and is written again as a
+    // whole.
     if (error == 0) {
         for (uint64_t i = 0; i < count; ++i) {
             slots_[run[i].slot].dirty = 0;
@@ -197,12 +220,15 @@ int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
 }
 
 int32_t page_cache::pc_flush_pages(uint64_t first, uint64_t last) noexcept {
+    // Also the case of a cache that is off, which has no slots to look through.
     if (dirty_count_ == 0) {
         return 0;
     }
     const uint64_t count = collect_dirty(first, last);
     for (uint64_t at = 0; at < count;) {
         const uint64_t length = run_length(at, count);
+        // Stops at the first failure. The device is likely to refuse the rest as well, and each
+        // refusal may take seconds. What was not written is still dirty.
         if (const int32_t error = write_run(&dirty_pages_[at], length); error != 0) {
             return error;
         }
@@ -216,6 +242,7 @@ bool page_cache::is_consistent() const noexcept {
     for (uint32_t slot = 0; is_on() && slot < slot_count; ++slot) {
         const ntb_cache_slot& entry = slots_[slot];
         if (entry.valid == 0) {
+            // A slot that holds no page has nothing to write back.
             if (entry.dirty != 0) {
                 return false;
             }
