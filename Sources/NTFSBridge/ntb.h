@@ -65,6 +65,10 @@ typedef struct ntb_io {
     uint32_t block_size;            /* bytes; 0 and 1 both mean byte-addressable */
 } ntb_io;
 
+/* Bytes of the unit that the page cache, the journal and the undo of failed operations work in. A
+ * device whose sectors are larger has neither. */
+enum { NTB_PAGE_BYTES = 4096 };
+
 /* Longest transfer in bytes that goes through the page cache. A longer one is bulk data: it goes
  * straight to the device, in the caller's own length. */
 enum { NTB_CACHED_BYTES_MAX = 64 << 10 };

@@ -1,6 +1,7 @@
 /// What an NTFS volume lives on.
 #pragma once
 
+#include "NTFSBridge/ntb.h"
 #include "platform/file_descriptor.hpp"
 
 #include <cstddef>
@@ -36,7 +37,7 @@ class BlockDevice {
     [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
 
     /// Bytes of the unit in which writes wait, which is that of the bridge's cache and the journal.
-    static constexpr std::uint64_t kPageBytes = 4096;
+    static constexpr std::uint64_t kPageBytes = NTB_PAGE_BYTES;
     /// Writes that wait in memory for the next sync(), in pages, and how many pages a
     /// sync carries over as one: after a power cut all of them are there, or none is. A device
     /// whose writes do not wait has no capacity.

@@ -64,6 +64,7 @@
 #include "core/values.hpp"
 #include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 #include "platform/repeating_timer.hpp"
 
@@ -277,7 +278,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void flushIfNearCapacity() noexcept TAVELIN_REQUIRES(lock_);
 
     DeviceBox box_;
-    mutable Mutex lock_;
+    mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::items)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::devices);
     ntb_vol* vol_ TAVELIN_GUARDED_BY(lock_) = nullptr;
     std::shared_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
     std::atomic<std::uint32_t> refusals_{0};

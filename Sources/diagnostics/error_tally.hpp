@@ -5,6 +5,7 @@
 
 #include "diagnostics/field_value.hpp"
 #include "platform/error_numbers.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <array>
@@ -44,7 +45,7 @@ class ErrorTally {
 
   private:
     const std::int64_t maxDetails_;
-    mutable Mutex lock_;
+    mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::devices);
     std::map<std::int32_t, std::int64_t> counts_ TAVELIN_GUARDED_BY(lock_);
     std::vector<std::string> first_ TAVELIN_GUARDED_BY(lock_);
 };

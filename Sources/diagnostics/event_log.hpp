@@ -17,6 +17,7 @@
 
 #include "diagnostics/field_value.hpp"
 #include "platform/clock.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <cstdint>
@@ -90,7 +91,7 @@ class EventLog {
     const std::int64_t maxBytes_;
     const Clock now_;
     /// Serialises every access to the files from this process. A leaf.
-    mutable Mutex lock_;
+    mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::devices);
     bool isHolding_ TAVELIN_GUARDED_BY(lock_) = false;
     std::string notable_ TAVELIN_GUARDED_BY(lock_);
     std::vector<std::string> held_ TAVELIN_GUARDED_BY(lock_); ///< whole lines, oldest first

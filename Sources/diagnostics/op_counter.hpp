@@ -6,6 +6,7 @@
 #pragma once
 
 #include "platform/checked.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -67,7 +68,7 @@ class OpCounter {
     using Counts = std::unordered_map<std::string, Count, Hash, std::equal_to<>>;
 
     /// Guards the map, not the counters in it.
-    Mutex lock_;
+    Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::devices);
     /// Only grows. Call sites keep references to the entries, which an unordered_map never moves.
     Counts counts_ TAVELIN_GUARDED_BY(lock_);
     /// Takes the hits of all operations that there was no memory to name.

@@ -12,6 +12,7 @@
 #import "extension/item.h"
 #include "extension/memory.hpp"
 #include "fskit/tavelin_volume.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <cstddef>
@@ -40,7 +41,8 @@ class HandedItems {
     void takeBack(FSItem* item) TAVELIN_REQUIRES(mutex_);
 
     TavelinVolume& volume_;
-    mutable Mutex mutex_ TAVELIN_ACQUIRED_BEFORE(volume_.items);
+    mutable Mutex mutex_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::items);
     /// Each object keeps the key it stands under alive.
     std::map<const NItem*, Strong<::NItem*>> handed_ TAVELIN_GUARDED_BY(mutex_);
 };

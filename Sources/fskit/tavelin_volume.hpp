@@ -21,6 +21,7 @@
 #include "fskit/kept_listings.hpp"
 #include "fskit/n_item.hpp"
 #include "fskit/resource_device.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -199,7 +200,8 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<NTFSIOStats> ioStatistics() override;
 
     /// Never held across a call into `ntfs`.
-    mutable Mutex items;
+    mutable Mutex items TAVELIN_ACQUIRED_AFTER(lock_order::hostTables)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::volume);
 
   private:
     using Snapshot = KeptListings::Snapshot;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/file_descriptor.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -56,7 +57,9 @@ class ImageFile {
     std::uint64_t physicalBlockSize_ = 512;
 
     std::atomic<bool> unsettled_ = false; ///< written to since the last flush began
-    Mutex flushing_;                      ///< one at a time: a second caller waits for the first
+    /// One flush at a time: a second caller waits for the first.
+    Mutex flushing_ TAVELIN_ACQUIRED_AFTER(lock_order::volume)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::leaves);
     int flushError_ TAVELIN_GUARDED_BY(flushing_) = 0;
 };
 

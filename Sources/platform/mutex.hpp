@@ -2,7 +2,7 @@
 /// lock discipline: state is declared TAVELIN_GUARDED_BY(mutex_), functions that expect the lock
 /// TAVELIN_REQUIRES(mutex_). std::mutex is invisible to that analysis.
 ///
-/// Not recursive. Where two locks may be held at once, the owners' headers state the order.
+/// Not recursive. Where two locks may be held at once, platform/lock_order.hpp states the order.
 #pragma once
 
 #include <chrono>
@@ -24,6 +24,7 @@
 #define TAVELIN_GUARDED_BY(x) TAVELIN_THREAD_ANNOTATION(guarded_by(x))
 // Lock members: the order in which two locks are taken.
 #define TAVELIN_ACQUIRED_BEFORE(...) TAVELIN_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
+#define TAVELIN_ACQUIRED_AFTER(...) TAVELIN_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 // Functions: REQUIRES is called with the lock held, EXCLUDES without it, ACQUIRE returns with the
 // lock held, RELEASE without it.
 #define TAVELIN_REQUIRES(...) TAVELIN_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))

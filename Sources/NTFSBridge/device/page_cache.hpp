@@ -25,7 +25,7 @@ struct ntb_cache_slot {
 
 class page_cache {
   public:
-    static constexpr uint32_t page_size = 4096;
+    static constexpr uint32_t page_size = NTB_PAGE_BYTES;
     static constexpr uint32_t way_count = 8;
     static constexpr uint32_t full_set_count = 1024;
     static constexpr uint32_t slot_count = full_set_count * way_count;

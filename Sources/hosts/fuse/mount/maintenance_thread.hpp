@@ -10,6 +10,7 @@
 #include "hosts/fuse/protocol/worker_threads.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/file_descriptor.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <thread>
@@ -55,7 +56,7 @@ class MaintenanceThread {
     std::thread thread_;
     // Held across the calls into the volume that persist orphans, so that suspend() returns only
     // between them. Taken before every lock of the tree and the volume.
-    Mutex orphanWork_;
+    Mutex orphanWork_ TAVELIN_ACQUIRED_BEFORE(lock_order::directories);
     bool suspended_ TAVELIN_GUARDED_BY(orphanWork_) = false;
 };
 

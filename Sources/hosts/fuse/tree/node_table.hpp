@@ -13,6 +13,7 @@
 
 #include "hosting/volume_client.hpp"
 #include "hosts/fuse/tree/directory_listing.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -26,7 +27,8 @@ namespace tavelin::fusehost {
 /// last is closed. The lock is held across the listing's requests to the volume and comes before
 /// the volume's locks and the node table's.
 struct DirectoryState {
-    Mutex lock;
+    Mutex lock TAVELIN_ACQUIRED_AFTER(lock_order::maintenance)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::hostTables);
     std::unique_ptr<DirectoryListing> listing TAVELIN_GUARDED_BY(lock);
     size_t streams TAVELIN_GUARDED_BY(lock) = 0;        // that are open
     bool listingIsOld TAVELIN_GUARDED_BY(lock) = false; // names have come that it lacks
@@ -81,7 +83,8 @@ class NodeTable {
 
   private:
     Node root_;
-    Mutex lock_;
+    Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::items);
     /// All but the root, by their numbers.
     std::unordered_map<uint64_t, std::unique_ptr<Node>> nodes_ TAVELIN_GUARDED_BY(lock_);
 };

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "hosting/volume_client.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <cstdint>
@@ -52,7 +53,9 @@ class OrphanDirectory {
     Outcome<void> removeFrom(const ItemRef& parent, std::string_view name);
 
     VolumeClient& volume_;
-    Mutex lock_; // held while the directory is made or removed
+    // held while the directory is made or removed
+    Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::maintenance)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::hostTables);
     ItemRef directory_ TAVELIN_GUARDED_BY(lock_);
     std::string name_ TAVELIN_GUARDED_BY(lock_); // of directory_
 };

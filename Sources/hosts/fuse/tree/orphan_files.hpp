@@ -22,6 +22,7 @@
 #include "hosting/volume_client.hpp"
 #include "hosts/fuse/tree/node_table.hpp"
 #include "hosts/fuse/tree/orphan_directory.hpp"
+#include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <atomic>
@@ -114,7 +115,8 @@ class OrphanFiles {
 
     VolumeClient& volume_;
     OrphanDirectory orphanDirectory_;
-    mutable Mutex lock_;
+    mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)
+        TAVELIN_ACQUIRED_BEFORE(lock_order::items);
     ConditionVariable idle_; // signalled when a removal is no longer busy
     std::atomic<size_t> count_{0};
     std::unordered_map<fskit::FSItemID, Removal> removals_ TAVELIN_GUARDED_BY(lock_);
