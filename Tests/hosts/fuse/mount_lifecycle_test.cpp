@@ -81,7 +81,7 @@ TEST_F(MountLifecycle, ACrashLeavesNoRemovedFileBehind) {
     fs::rename(*this / "new", *this / "replaced");
     fs::remove(*this / "open");
     ASSERT_EQ(::fsync(open), 0); // the removal is on the image now
-    EXPECT_EQ(asOnTheImage()->list().size(), 2u) << "parked, where independent readers see it";
+    EXPECT_EQ(asOnTheImage()->list().size(), 2u) << "moved aside, where independent readers see it";
     served_->crash();
     ::close(open);
     ::close(replaced);

@@ -84,13 +84,13 @@ TEST_F(MountSemantics, RemovedFileLivesUntilItsLastClose) {
         ASSERT_EQ(::fstat(open, &status), 0);
         EXPECT_EQ(status.st_nlink, 0u);
         EXPECT_EQ(status.st_size, 1 << 20);
-        // Parked by now, and neither seen nor reached nor taken by a user's directory.
+        // Moved aside by now, and neither seen nor reached nor taken by a user's directory.
         EXPECT_EQ(errorOf(::access(path(".tavelin-removed").c_str(), F_OK)), ENOENT);
         EXPECT_EQ(errorOf(::mkdir(path(".tavelin-removed").c_str(), 0777)), EPERM);
         EXPECT_EQ(names().size(), 51u);
     }
     served_->unmount();
-    EXPECT_EQ(volume_->list().size(), 51u) << "the parking folder is gone";
+    EXPECT_EQ(volume_->list().size(), 51u) << "the orphan directory is gone";
     mount();
     EXPECT_EQ(readFile(*this / "file"), "second");
 }

@@ -137,8 +137,8 @@ TEST_F(MountedVolumeTest, ARenameThatFailsLeavesALinkThatHasLostAName) {
     EXPECT_EQ(read(file), "content");
 }
 
-TEST_F(MountedVolumeTest, ANameIsFreeWhoeverParksItsFile) {
-    const std::jthread parking([&](const std::stop_token& stop) {
+TEST_F(MountedVolumeTest, ANameIsFreeWhoeverMovesItsFileAside) {
+    const std::jthread persisting([&](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             EXPECT_TRUE(mounted_->orphanFiles().persistOrphans());
         }
@@ -159,7 +159,8 @@ TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {
     fill(true);
     ASSERT_TRUE(mounted_->removeFile(root(), "file"));
     for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(mounted_->synchronize()) << "there is no room to park the file, and no need";
+        EXPECT_TRUE(mounted_->synchronize())
+            << "there is no room to move the file aside, and no need";
     }
     mounted_->orphanFiles().persistExpired();
     EXPECT_EQ(read(file), "content");

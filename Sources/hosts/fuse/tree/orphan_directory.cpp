@@ -35,6 +35,8 @@ Outcome<Found> OrphanDirectory::make(std::string_view name) {
     Outcome<Found> made =
         volume_.create(volume_.root(), name, fskit::FSItemType::directory, hidden);
     if (made) {
+        // The mark comes before any orphan is moved in. Without it the next mount would take the
+        // directory for a user's, and files that were removed would stay on the volume.
         if (const Outcome<void> marked = volume_.setXattr(made->item, kMarker, {}); !marked) {
             // It is empty. Should removing it fail too, it stays visible, as anybody's.
             (void)volume_.remove(made->item, volume_.root(), name);
@@ -56,6 +58,8 @@ Outcome<ItemRef> OrphanDirectory::open() {
         } else if (!isCode(made.error(), kEEXIST)) {
             return made.error();
         }
+        // A name that exists is a user's, or that of a former mount whose directory could not be
+        // emptied. Neither may be mixed with the orphans of this mount.
     }
     if (!directory_) {
         return fskit::fs_errorForPOSIXError(kEEXIST);
@@ -73,12 +77,16 @@ Outcome<void> OrphanDirectory::remove() {
     if (!directory_) {
         return {};
     }
+    // Forgotten before it is removed, so that an open() after this makes a new one. The unmount has
+    // begun and nothing is served any more.
     directory_ = ItemRef();
     return removeFrom(volume_.root(), std::exchange(name_, {}));
 }
 
 // A directory that is not empty stays: what is left in it is somebody else's.
 Outcome<void> OrphanDirectory::removeFrom(const ItemRef& parent, std::string_view name) {
+    // Looked up again: the entry may be gone, or have another owner, since the directory was
+    // listed.
     const Outcome<Found> found = volume_.lookup(parent, name);
     if (!found) {
         return found.error();
@@ -92,6 +100,8 @@ Outcome<void> OrphanDirectory::empty(const ItemRef& directory, std::string_view 
     if (!left) {
         return left.error();
     }
+    // One orphan that cannot be removed does not keep the others. The first error is the one to
+    // answer.
     Outcome<void> result;
     for (const DirectoryEntry& entry : *left) {
         // An orphan is named after its own record number. A file that a user or another system put

@@ -63,6 +63,7 @@ void OrphanFiles::end(fskit::FSItemID id, bool done) {
 
 template<typename Work>
 void OrphanFiles::withExclusive(fskit::FSItemID id, Work&& work) {
+    // Null when the work is done already by another thread: then there is nothing to do.
     Removal* const removal = begin(id);
     if (removal == nullptr) {
         return;
@@ -84,19 +85,21 @@ void OrphanFiles::put(fskit::FSItemID id, Removal removal) {
 }
 
 Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItemID id) {
-    Outcome<ItemRef> parking = orphanDirectory_.open();
-    if (!parking) {
-        return parking.error();
+    Outcome<ItemRef> directory = orphanDirectory_.open();
+    if (!directory) {
+        return directory.error();
     }
     TAVELIN_ASSERT(!removal.orphaned);
-    std::string parked = OrphanDirectory::nameOf(id);
+    std::string name = OrphanDirectory::nameOf(id);
     // Nothing is replaced: the name is made of the record number, and the record is in use.
     Outcome<void> moved = Outcome<void>::of(
-        volume_.rename(removal.item, removal.directory, removal.name, *parking, parked, ItemRef()));
+        volume_.rename(removal.item, removal.directory, removal.name, *directory, name, ItemRef()));
     if (moved) {
-        removal.directory = std::move(*parking);
+        removal.directory = std::move(*directory);
+        // The file no longer counts against the directory that it was unlinked in, which may now be
+        // removed.
         removal.directoryID = fskit::FSItemIDInvalid;
-        removal.name = std::move(parked);
+        removal.name = std::move(name);
         removal.orphaned = true;
     }
     return moved;
@@ -114,21 +117,24 @@ Outcome<void> OrphanFiles::remove(const Node& file, const Node& directory, std::
             return Outcome<void>::of(volume_.remove(file.item, directory.item, name));
         }
     }
+    // The last name. The volume is not changed yet: in most cases the kernel forgets the file a
+    // moment later, and only then is it known that nobody has it open.
     put(file.id,
         {file.item.duplicate(), directory.item.duplicate(), directory.id, std::string(name)});
     return {};
 }
 
 Outcome<void> OrphanFiles::linkBeforeReplace(const Node& file) {
-    Outcome<ItemRef> parking = orphanDirectory_.open();
-    if (!parking) {
-        return parking.error();
+    Outcome<ItemRef> directory = orphanDirectory_.open();
+    if (!directory) {
+        return directory.error();
     }
-    std::string parked = OrphanDirectory::nameOf(file.id);
-    Outcome<void> named = Outcome<void>::of(volume_.linkInternal(file.item, *parking, parked));
+    std::string name = OrphanDirectory::nameOf(file.id);
+    // A link and not a move, so that the target keeps its name until the rename replaces it.
+    Outcome<void> named = Outcome<void>::of(volume_.linkInternal(file.item, *directory, name));
     if (named) {
-        Removal removal{file.item.duplicate(), std::move(*parking), fskit::FSItemIDInvalid,
-                        std::move(parked)};
+        Removal removal{file.item.duplicate(), std::move(*directory), fskit::FSItemIDInvalid,
+                        std::move(name)};
         removal.orphaned = true;
         put(file.id, std::move(removal));
     }
@@ -142,6 +148,8 @@ void OrphanFiles::dropIfStillLinked(const Node& file) {
     // Where the count cannot be read, the file stays in the table. Its other names are then not
     // shown until the kernel forgets the file.
     const Outcome<size_t> names = volume_.countNames(file.item);
+    // The file is not an orphan: only one of its names was replaced. Its name in the orphan
+    // directory is removed, and the others stay visible.
     if (names && *names > 1) {
         release(file.id);
     }
@@ -157,6 +165,8 @@ void OrphanFiles::undoReplace(const Node& file, const Node& directory, std::stri
 }
 
 Outcome<void> OrphanFiles::moveHome(const Removal& removal) {
+    // The rename may have failed before or after it took the name away, so the volume is asked what
+    // stands there now.
     const Outcome<std::optional<Found>> present = volume_.find(removal.homeDirectory, removal.home);
     if (!present) {
         return present.error();
@@ -200,9 +210,9 @@ Outcome<void> OrphanFiles::moveAsideWhere(Wanted&& wanted) {
     // callers may ignore a lack of room, and only that.
     Outcome<void> result;
     for (const fskit::FSItemID id : chosen) {
-        if (Outcome<void> parked = moveAside(id);
-            !parked && (result || isLackOfRoom(result.error()))) {
-            result = std::move(parked);
+        if (Outcome<void> moved = moveAside(id);
+            !moved && (result || isLackOfRoom(result.error()))) {
+            result = std::move(moved);
         }
     }
     return result;
@@ -229,20 +239,23 @@ Outcome<void> OrphanFiles::persistOrphans() {
 }
 
 void OrphanFiles::persistExpired() {
+    // Called by the maintenance thread. Files that are held open for long are moved aside, so that
+    // a crash does not bring their names back.
     const Clock::time_point limit = Clock::now() - kUnlinkPendingMax;
     noteMoveAside(moveAsideWhere([&](const Removal& removal) { return removal.since < limit; }));
 }
 
-void OrphanFiles::noteMoveAside(const Outcome<void>& parked) {
+void OrphanFiles::noteMoveAside(const Outcome<void>& moved) {
     {
         const MutexLock held(lock_);
-        const bool failedBefore = std::exchange(moveAsideFails_, !parked);
-        if (parked || failedBefore) {
+        const bool failedBefore = std::exchange(moveAsideFails_, !moved);
+        // A full volume fails every second. One line in the log says it.
+        if (moved || failedBefore) {
             return;
         }
     }
     log().error(fmt::format("a removed file that is still open could not be moved away: {}",
-                            parked.error().localizedDescription()));
+                            moved.error().localizedDescription()));
 }
 
 void OrphanFiles::finish(const Removal& removal) {
@@ -258,6 +271,7 @@ void OrphanFiles::finish(const Removal& removal) {
 void OrphanFiles::noteFailure(const fskit::Error& error, const std::string& name) {
     log().error(fmt::format("removing {}: {}", name, error.localizedDescription()));
     const MutexLock held(lock_);
+    // Kept for the next synchronise: the unlink itself was answered long ago.
     if (!failure_) {
         failure_ = error;
     }

@@ -111,7 +111,7 @@ class OrphanFiles {
     template<typename Wanted>
     Outcome<void> moveAsideWhere(Wanted&& wanted);
     /// Logs the first of several failures in a row.
-    void noteMoveAside(const Outcome<void>& parked);
+    void noteMoveAside(const Outcome<void>& moved);
 
     VolumeClient& volume_;
     OrphanDirectory orphanDirectory_;
