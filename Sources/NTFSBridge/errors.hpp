@@ -17,6 +17,7 @@ inline int32_t first_error(int32_t earlier, int32_t later) noexcept {
     return earlier != 0 ? earlier : later;
 }
 
+// The error of a named stream that does not exist. macOS has a number of its own for it.
 #ifdef ENOATTR
 inline constexpr int32_t no_such_attribute = ENOATTR;
 #else

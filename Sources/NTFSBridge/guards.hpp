@@ -20,6 +20,7 @@ using c_bytes = std::unique_ptr<uint8_t, c_free>;
 class inode_guard {
   public:
     inode_guard() noexcept = default;
+    // Takes over an inode that the library has opened; null is fine.
     explicit inode_guard(ntfs_inode* inode) noexcept : inode_(inode) {}
     inode_guard(inode_guard&& other) noexcept : inode_(other.release()) {}
     inode_guard& operator=(inode_guard&& other) noexcept {
@@ -42,9 +43,11 @@ class inode_guard {
     // that opening instead of a second one.
     int32_t close_in(ntfs_inode* directory) noexcept;
 
+    // Null when nothing is open. The guard stays the owner.
     ntfs_inode* get() const noexcept { return inode_; }
     ntfs_inode* operator->() const noexcept { return inode_; }
     explicit operator bool() const noexcept { return inode_ != nullptr; }
+    // For library calls that close the inode themselves, on success and on failure.
     ntfs_inode* release() noexcept { return std::exchange(inode_, nullptr); }
 
   private:
@@ -80,14 +83,18 @@ inline uint16_t record_flags(const ntfs_inode* inode) noexcept {
     return flags;
 }
 
+// The record's sequence number, which changes each time the record is freed.
 inline uint16_t sequence_of(const ntfs_inode* inode) noexcept {
     return le16_to_cpu(inode->mrec->sequence_number);
 }
 
+// By the record, which decides in the library as well, and not by the copy of the flag in the
+// directory's entry.
 inline bool is_directory(const ntfs_inode* inode) noexcept {
     return (record_flags(inode) & MFT_RECORD_IS_DIRECTORY) != 0;
 }
 
+// By the flag alone. Whether there is a $REPARSE_POINT attribute is for reparse_point::read to say.
 inline bool is_reparse_point(const ntfs_inode* inode) noexcept {
     return (file_flags(inode) & FILE_ATTR_REPARSE_POINT) != 0;
 }
@@ -97,6 +104,7 @@ inline bool is_dirty(const ntfs_inode* inode) noexcept {
     return NInoDirty(inode) || NInoAttrListDirty(inode);
 }
 
+// Changes the inode in memory only: the caller marks it dirty, and its close writes it.
 inline void set_flag(ntfs_inode* inode, FILE_ATTR_FLAGS flag, bool on) noexcept {
     const uint32_t bit = flag;
     const uint32_t flags = on ? file_flags(inode) | bit : file_flags(inode) & ~bit;

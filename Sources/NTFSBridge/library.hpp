@@ -58,5 +58,6 @@ extern "C" {
 }
 // clang-format on
 
+// Both are functions of <algorithm> in this project.
 #undef min
 #undef max

@@ -21,6 +21,7 @@ bool is_interix_link(ntfs_inode* inode, ntfs_attr* data = nullptr) noexcept;
 bool is_reparse_link(const reparse_point& point) noexcept;
 
 // Whether the inode is a link of either kind.
+// An unreadable reparse point counts as no link, so the item is then shown as a plain file.
 bool is_link(ntfs_inode* inode) noexcept;
 
 // How the target of a link into this volume is told.

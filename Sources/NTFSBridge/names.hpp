@@ -15,8 +15,11 @@ class utf16_text {
     // text is fine.
     [[nodiscard]] int32_t assign(const char* utf8) noexcept;
 
+    // UTF-16 in little endian, as the library takes it; null before assign(). Owned by this object.
     ntfschar* units() const noexcept { return units_.get(); }
     int length() const noexcept { return length_; }
+    // The length in the type that the library's functions for names take. Only after uname_of or
+    // stream_name_of, which refuse longer ones.
     u8 name_length() const noexcept { return static_cast<u8>(length_); }
 
   private:
@@ -26,6 +29,7 @@ class utf16_text {
 
 // The UTF-8 form of a text, into a buffer large enough for the longest name. False when it has
 // none.
+// A unit of UTF-16 is at most three bytes of UTF-8; a pair of units, four.
 inline constexpr int name_buffer_size = longest_name * 3 + 1;
 bool to_utf8(const ntfschar* units, int length, char (&buffer)[name_buffer_size]) noexcept;
 

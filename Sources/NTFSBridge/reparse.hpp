@@ -16,6 +16,7 @@ class reparse_point {
     // is EIO, with the tag if that can be read.
     [[nodiscard]] int32_t read(ntfs_inode* inode) noexcept;
 
+    // False before read(), and for an inode without the attribute. True for a damaged one.
     [[nodiscard]] bool exists() const noexcept { return exists_; }
     [[nodiscard]] uint32_t tag() const noexcept { return tag_; }
     // What follows the header.

@@ -29,7 +29,10 @@ class compressed_readers {
 
     // Null when there is none for the record's present use.
     [[nodiscard]] reader* find(const ntfs_inode* inode) noexcept;
+    // Takes the reader over and answers it; the one that was used longest ago gives way.
     reader* keep(const ntfs_inode* inode, std::unique_ptr<reader> made) noexcept;
+    // Called before the file's compressed stream changes, as a reader remembers where its chunks
+    // are.
     void forget(const ntfs_inode* inode) noexcept;
 
   private:

@@ -41,6 +41,7 @@ namespace ntb {
 inline constexpr uint64_t first_user_ino = 16; // records below are system files
 inline constexpr uint64_t extend_ino = 11;     // $Extend, the directory of further system files
 
+// By request, or because the library decided so at the mount: after a hibernation, for example.
 inline bool is_read_only(const ntb_vol* vol) noexcept {
     return vol->read_only != 0 || NVolReadOnly(vol->volume);
 }
@@ -48,6 +49,8 @@ inline bool is_read_only(const ntb_vol* vol) noexcept {
 // Notes clusters that are given back while it lives.
 class free_space_watch {
   public:
+    // One lives in each function that may give clusters back. By its result bulk data is kept out
+    // of clusters that belong to their former owner again after a power cut.
     explicit free_space_watch(ntb_vol* vol) noexcept
         : vol_(vol), before_(vol->volume->free_clusters) {}
     ~free_space_watch() {

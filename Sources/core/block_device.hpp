@@ -24,8 +24,11 @@ class BlockDevice {
     /// Bytes in a block.
     [[nodiscard]] virtual std::uint32_t blockSize() const noexcept = 0;
 
+    /// Fills all of `destination`, or fails; its content is undefined then.
     [[nodiscard]] virtual std::int32_t read(std::byte* destination, std::uint64_t offset,
                                             std::uint64_t length) noexcept = 0;
+    /// After a failure some of the blocks may have been written. The caller keeps the bytes and may
+    /// repeat the call.
     [[nodiscard]] virtual std::int32_t write(const std::byte* source, std::uint64_t offset,
                                              std::uint64_t length) noexcept = 0;
     /// As one write() of all parts, whose lengths add up to whole blocks. Devices that can only be
@@ -45,6 +48,7 @@ class BlockDevice {
         std::uint64_t pages = 0;
         std::uint64_t capacity = 0;
     };
+    /// Asked before each operation of a volume, which syncs when too much is pending.
     [[nodiscard]] virtual Backlog backlog() const noexcept { return {}; }
     /// Whether other systems find the device as if nothing of ours had ever waited on it.
     [[nodiscard]] virtual bool isSettled() const noexcept { return true; }

@@ -15,6 +15,7 @@ class DeviceBox {
     /// The device must not be null.
     explicit DeviceBox(std::shared_ptr<BlockDevice> boxed);
 
+    /// Shared, as the host keeps the device for its own flushes and counters.
     const std::shared_ptr<BlockDevice> device;
 };
 

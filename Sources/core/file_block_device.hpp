@@ -26,6 +26,7 @@ class FileBlockDevice final : public BlockDevice {
 
     [[nodiscard]] std::uint64_t size() const noexcept override { return size_; }
     [[nodiscard]] std::uint32_t blockSize() const noexcept override { return blockSize_; }
+    /// For other calls on the same file. The device stays the owner.
     [[nodiscard]] int fd() const noexcept { return file_.get(); }
 
     [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
@@ -34,6 +35,7 @@ class FileBlockDevice final : public BlockDevice {
                                      std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts,
                                              std::uint64_t offset) noexcept override;
+    /// fsync(2) of the image or device node.
     [[nodiscard]] std::int32_t sync() noexcept override;
 
     /// Whether a request may go ahead: it is aligned, or this device is not strict. Counts the

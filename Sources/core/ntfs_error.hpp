@@ -24,6 +24,7 @@ class NTFSError : public std::runtime_error {
   public:
     explicit NTFSError(std::int32_t errorCode);
 
+    /// The macOS number, see platform/error_numbers.hpp.
     const std::int32_t code;
 
     friend bool operator==(const NTFSError& a, const NTFSError& b) { return a.code == b.code; }

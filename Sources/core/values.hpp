@@ -67,6 +67,8 @@ struct NTFSAttributes {
     std::uint64_t ino = 0;
     std::uint16_t sequence = 0; ///< of the record, never 0 on a sound volume
     NTFSItemType type = NTFSItemType::file;
+    /// Names of the file as NTFS counts them: a DOS name counts as one of its own. 2 for
+    /// directories.
     std::uint32_t linkCount = 0;
     std::uint64_t size = 0;      ///< logical size; of a link, the length of its target
     std::uint64_t allocSize = 0; ///< space taken on the volume

@@ -36,15 +36,19 @@ struct ntb_devctx {
     undo_log undo; // of the operation that is under way, if it may fail half-way
 
   private:
+    // Whether a transfer goes through the cache: short, and made of whole pages of the device only.
     bool is_cacheable(uint64_t count, uint64_t offset) const noexcept;
     [[nodiscard]] int32_t cached_read(uint8_t* to, uint64_t count, uint64_t offset) noexcept;
     [[nodiscard]] int32_t fetch_run(uint8_t* to, uint64_t count, uint64_t offset, uint64_t page,
                                     uint64_t run) noexcept;
     [[nodiscard]] int32_t cached_write(const uint8_t* from, uint64_t count,
                                        uint64_t offset) noexcept;
+    // Changes a part of one page in the cache, and records its former content in the undo log.
     [[nodiscard]] int32_t write_page(const uint8_t* from, uint64_t count, uint64_t page,
                                      uint64_t in_page) noexcept;
+    // Writes the dirty pages of a range before a transfer goes around the cache.
     [[nodiscard]] int32_t flush_overlap(uint64_t count, uint64_t offset) noexcept;
+    // After a write around the cache: gives the cached pages of its range the same bytes.
     void update_cached_pages(const uint8_t* from, uint64_t count, uint64_t offset) noexcept;
 };
 

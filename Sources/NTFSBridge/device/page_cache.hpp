@@ -61,6 +61,8 @@ class page_cache {
     // and cannot be written: that page then stays cached and dirty.
     uint8_t* pc_slot_for(uint64_t page, uint32_t* slot_index = nullptr) noexcept;
 
+    // To be called after the bytes of a slot were changed. The slot is the one that pc_find or
+    // pc_slot_for answered, with no other call of the cache in between.
     void mark_dirty(uint32_t slot_index) noexcept;
 
     // Forgets the page, and the changes of it that were not written back yet.
@@ -84,15 +86,23 @@ class page_cache {
     };
     static constexpr uint32_t no_slot = UINT32_MAX;
 
+    // Compares the 64-bit numbers that both begin with: negative, 0 or positive.
     static int cmp_u64(const void* left, const void* right) noexcept;
 
     uint8_t* data_of(uint32_t slot) noexcept { return pages_.get() + uint64_t{slot} * page_size; }
+    // The slot of a cached page, or no_slot. Does not count as a use.
     uint32_t slot_holding(uint64_t page) const noexcept;
+    // The slot that a page takes when it is not cached: a free one of its set, else the one whose
+    // use is longest ago.
     uint32_t victim_for(uint64_t page) const noexcept;
+    // Writes one dirty page; it is clean only when that succeeded.
     [[nodiscard]] int32_t write_back(uint32_t slot) noexcept;
+    // Stamps the slot as used now and answers its bytes.
     uint8_t* use(uint32_t slot, uint32_t* slot_index) noexcept;
+    // Fills dirty_pages_ and answers how many entries there are.
     uint64_t collect_dirty(uint64_t first, uint64_t last) noexcept;
     uint64_t run_length(uint64_t first, uint64_t end) const noexcept;
+    // Writes pages that follow each other on the device in one call.
     [[nodiscard]] int32_t write_run(const dirty_page* run, uint64_t count) noexcept;
 
     const ntb_io& io_;

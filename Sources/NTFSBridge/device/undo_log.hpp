@@ -54,6 +54,8 @@ class undo_log {
     // Most operations change fewer pages than this; their memory is kept for the next one.
     static constexpr uint32_t retained_pages = 64;
 
+    // A page that the operation changed. Without content it was overwritten unread, and is dropped
+    // from the cache instead of put back.
     struct kept_page {
         uint64_t page;
         bool has_content;

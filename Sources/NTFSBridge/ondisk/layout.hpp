@@ -5,6 +5,7 @@
 
 namespace ntb {
 
+// Types of attributes. A record holds its attributes in ascending order of type.
 enum attribute_type : uint32_t {
     at_standard_information = 0x10,
     at_attribute_list = 0x20,
@@ -52,9 +53,13 @@ constexpr uint64_t first_reserved_record = 12; // up to first_user_record: used 
 constexpr uint64_t first_user_record = 24;     // for mkntfs; from 16 on for others
 
 // Namespaces of a file name.
+// Case matters and nearly all characters may occur. libntfs-3g gives names of this kind.
 constexpr uint8_t namespace_posix = 0;
+// A name that Windows can use and that needs a DOS name beside it.
 constexpr uint8_t namespace_win32 = 1;
+// The 8.3 alias of a Win32 name. Both belong to one link of the file and go together.
 constexpr uint8_t namespace_dos = 2;
+// A Win32 name that is a valid DOS name itself.
 constexpr uint8_t namespace_win32_and_dos = 3;
 
 // A file reference: the record's number and, in the upper 16 bits, its sequence number.

@@ -27,6 +27,7 @@ namespace ntb {
     return static_cast<int64_t>(number);
 }
 
+// The widths that most fields have, spelt out so that the compiler makes a single load of each.
 [[nodiscard]] constexpr uint16_t u16_at(const uint8_t* bytes, uint64_t offset) noexcept {
     return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
 }
@@ -37,6 +38,7 @@ namespace ntb {
     return u32_at(bytes, offset) | static_cast<uint64_t>(u32_at(bytes, offset + 4)) << 32;
 }
 
+// Stores the low `width` bytes of a number; higher bytes of it are dropped.
 constexpr void put_at(uint8_t* bytes, uint64_t offset, unsigned width, uint64_t number) noexcept {
     for (unsigned i = 0; i < width; ++i, number >>= 8) {
         bytes[offset + i] = static_cast<uint8_t>(number);

@@ -6,6 +6,7 @@
 
 namespace ntb {
 
+// Clusters that follow each other both in the attribute and on the volume.
 struct run {
     uint64_t vcn = 0;    // first cluster in the attribute
     uint64_t length = 0; // clusters, at least 1
@@ -23,6 +24,8 @@ class mapping_pairs_reader {
         malformed, // widths that do not fit, a length of 0 or less, numbers that overflow, no end
     };
 
+    // `pairs` is the encoded list of one extent and must outlive the reader. `lowest_vcn` is the
+    // first VCN of that extent, from its attribute header.
     mapping_pairs_reader(std::span<const uint8_t> pairs, uint64_t lowest_vcn) noexcept
         : pairs_(pairs), vcn_(lowest_vcn) {}
 

@@ -14,6 +14,7 @@ namespace ntb {
 class mft_mirror {
   public:
     // The device's callbacks must stay good.
+    // Reads nothing yet. The callbacks are copied; their context must outlive this object.
     explicit mft_mirror(const ntb_io& device) noexcept : device_(device) {}
     mft_mirror(const mft_mirror&) = delete;
     mft_mirror& operator=(const mft_mirror&) = delete;
@@ -35,11 +36,18 @@ class mft_mirror {
         std::unique_ptr<bool[]> is_changed; // by record
     };
 
+    // Finds both copies through the boot sector. False where that describes no volume of this
+    // device.
     [[nodiscard]] bool locate() noexcept;
+    // Reads all mirrored records of one side into memory. False on an error of the device or of
+    // memory.
     [[nodiscard]] bool fetch(copy& side) const noexcept;
+    // Makes one record of `to` that of `from`, and notes that it has to be written.
     void take_over(const copy& from, copy& to, uint64_t number) const noexcept;
+    // Copies changed records over what was read from the device, where the two ranges overlap.
     void overlay(const copy& side, uint8_t* buffer, uint64_t offset,
                  uint64_t length) const noexcept;
+    // Writes the records of a side that changed. The device is not synced.
     [[nodiscard]] int32_t write_changes(const copy& side) const noexcept;
 
     static int32_t read_preview(void* context, void* buffer, uint64_t offset,

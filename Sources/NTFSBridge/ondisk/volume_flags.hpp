@@ -8,8 +8,12 @@
 
 namespace ntb {
 
+// The volume is being written to, or was when its driver was cut off. Windows then checks it at its
+// next start.
 constexpr uint16_t volume_is_dirty = 0x0001;
+// Windows has to give $LogFile another size at its next mount.
 constexpr uint16_t volume_resize_log_file = 0x0002;
+// Windows has to convert the volume from an older version of the format.
 constexpr uint16_t volume_upgrade_on_mount = 0x0004;
 constexpr uint16_t volume_repair_object_id = 0x4000;
 constexpr uint16_t volume_modified_by_chkdsk = 0x8000;
