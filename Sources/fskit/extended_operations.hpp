@@ -11,6 +11,8 @@
 
 namespace tavelin {
 
+/// Implemented by TavelinVolume. Hosts reach it through the volume that they have loaded; any
+/// thread may call it.
 class ExtendedOperations {
   public:
     virtual ~ExtendedOperations() = default;
@@ -52,6 +54,7 @@ class ExtendedOperations {
     /// Takes all memory of the page cache from the system at once, some 32 MiB: for a host that
     /// keeps the volume mounted and wants first requests to be as fast as later ones.
     virtual Outcome<void> prefaultCache() = 0;
+    /// The serial number in the boot sector, by which hosts know a volume again.
     virtual std::uint64_t serialNumber() const = 0;
     /// The volume's label as it is stored: empty when it has none, unlike the volume's name.
     virtual Outcome<std::string> label() = 0;

@@ -22,6 +22,7 @@ namespace tavelin {
 class KeptListings {
   public:
     using Snapshot = std::shared_ptr<const Driver2::DirectorySnapshot>;
+    /// One directory's entries as they were when its reader began.
     struct Listing {
         std::uint64_t directory; ///< file reference
         Snapshot snapshot;
@@ -48,6 +49,8 @@ class KeptListings {
     [[nodiscard]] std::size_t entryCount() const noexcept { return entryCount_; }
 
   private:
+    /// Moves the listings that `wanted` chooses into the result, for the caller to free without the
+    /// lock.
     template<typename Wanted>
     Listings takeOutWhere(const Wanted& wanted);
 

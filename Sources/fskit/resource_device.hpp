@@ -44,6 +44,7 @@ class ResourceDevice final : public BlockDevice {
     /// Whether newly made devices are to be cached; off until enableKernelCache(), which the front
     /// end obeys when it loads a volume.
     [[nodiscard]] static bool kernelCacheEnabled() noexcept;
+    /// For the rest of the process, and for devices that are made from now on.
     static void enableKernelCache() noexcept;
 
     /// The host's errno for an error of the resource.
@@ -53,9 +54,11 @@ class ResourceDevice final : public BlockDevice {
 
   private:
     template<typename Body>
+    /// Runs one call of the resource, turns what it throws into the host's errno and records it.
     std::int32_t attempt(std::string_view op, std::uint64_t offset, std::uint64_t length,
                          Body body) noexcept;
     template<typename Transfer>
+    /// Repeats `transfer` until all of the range is done; a transfer of nothing is EIO.
     std::int32_t transferAll(std::string_view op, std::uint64_t offset, std::uint64_t length,
                              Transfer transfer) noexcept;
 

@@ -48,6 +48,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// the serial number.
     explicit TavelinVolume(std::shared_ptr<NTFSVolume> volume);
 
+    /// The volume that all requests go to. It serialises them by a lock of its own.
     const std::shared_ptr<NTFSVolume> ntfs;
 
     using FSVolume::name;
@@ -85,17 +86,26 @@ class TavelinVolume final : public fskit::FSVolume,
 
     // ---- The volume ----------------------------------------------------------------------------
 
+    /// Names that a file may have: the limit of NTFS.
     [[nodiscard]] std::int64_t maximumLinkCount() const override { return 1024; }
+    /// In UTF-16 units, as NTFS counts; names of more bytes than that are possible.
     [[nodiscard]] std::int64_t maximumNameLength() const override { return 255; }
+    /// Owners are accepted and ignored, so there is nothing to restrict.
     [[nodiscard]] bool restrictsOwnershipChanges() const override { return false; }
+    /// A name that is too long is refused with kENAMETOOLONG.
     [[nodiscard]] bool truncatesLongNames() const override { return false; }
+    /// Bytes. Longer streams that another system made cannot be read as an attribute.
     [[nodiscard]] std::int64_t maximumXattrSize() const override {
         return NTFSVolume::kXattrBytesMax;
     }
+    /// 16 TiB, the limit of NTFS with clusters of 4096 bytes.
     [[nodiscard]] std::uint64_t maximumFileSize() const override { return 0x100000000000; }
+    /// What FSKit tells programs of the volume; the same for every NTFS volume.
     [[nodiscard]] fskit::FSVolumeSupportedCapabilities supportedVolumeCapabilities() const override;
     /// Only the type name when the volume cannot answer.
     [[nodiscard]] fskit::FSStatFSResult volumeStatistics() override;
+    /// Asks the host for a read-only mount where changes would be refused anyhow, so that programs
+    /// are told so by statfs and not by the first error.
     [[nodiscard]] fskit::FSMountOptions requestedMountOptions() const override {
         return readOnly() ? fskit::FSMountOptionsReadOnly : 0;
     }
@@ -103,21 +113,28 @@ class TavelinVolume final : public fskit::FSVolume,
     /// "windows_names" among the options switches that rule on, "ro" and "rdonly" refuse changes
     /// from now on; nothing switches either off again. kENXIO once the volume is closed.
     Outcome<fskit::FSItemRef> activate(const fskit::FSTaskOptions& options) override;
+    /// Nothing is left to do once the volume is active; the options were taken at activation.
     Outcome<void> mount(const fskit::FSTaskOptions& options) override;
+    /// Flushes. The volume stays open, for the deactivation that follows.
     void unmount() override;
     /// Flushes unless the flags say not to wait.
     Outcome<void> synchronize(fskit::FSSyncFlags flags) override;
     /// Writes everything back and closes the volume, as nothing may follow: an unload does not
     /// always come. When writing fails the volume stays open, for the unload to try again.
     Outcome<void> deactivate(fskit::FSDeactivateOptions options) override;
+    /// Sets the label and answers the name as it is from now on. kENAMETOOLONG over 128 UTF-16
+    /// units.
     Outcome<fskit::FSFileName> setVolumeName(const fskit::FSFileName& name) override;
 
     // ---- Item requests -------------------------------------------------------------------------
 
     /// The root stays registered.
     void reclaimItem(const fskit::FSItemRef& item) override;
+    /// FSKit asks with this whether it may leave out open and close requests; see volume.hpp of the
+    /// API.
     [[nodiscard]] bool isOpenCloseInhibited() const override { return openCloseInhibited_; }
     void setOpenCloseInhibited(bool inhibited) override { openCloseInhibited_ = inhibited; }
+    /// Nothing has to be opened: the bridge keeps no inode open between requests.
     Outcome<void> openItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
     /// The last close flushes an item that was changed, which is a flush of everything. A failure
     /// is left to the next synchronise.
@@ -130,8 +147,10 @@ class TavelinVolume final : public fskit::FSVolume,
     /// nothing is applied then. The size of what is no file is ignored.
     Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,
                                                    const fskit::FSItemRef& item) override;
+    /// kENOENT for a name that is not there. Case matters.
     Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory) override;
+    /// The target in the form that a mount can follow. kEINVAL for an item that is no link.
     Outcome<fskit::FSFileName> readSymbolicLink(const fskit::FSItemRef& item) override;
     /// No name that stays is skipped or repeated, whatever changes between two pages: a reader is
     /// served from the listing it began with, which is kept until it has reached the end. Entries
@@ -142,6 +161,8 @@ class TavelinVolume final : public fskit::FSVolume,
                        fskit::FSDirectoryVerifier verifier,
                        const fskit::FSItemGetAttributesRequest* attributes,
                        fskit::FSDirectoryEntryPacker& packer) override;
+    /// Fills the buffer straight from the volume. Fewer bytes than asked for at the end of the
+    /// file, none behind it.
     Outcome<std::size_t> read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
                               fskit::FSMutableFileDataBuffer& buffer) override;
     /// On a volume that is nearly full, as much as there is room for.
@@ -163,9 +184,13 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<fskit::FSCreateLinkResult> createLink(const fskit::FSItemRef& item,
                                                   const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory) override;
+    /// Removes by name; `item` is not looked at. kENOTEMPTY for a directory with entries. The item
+    /// stays usable in the host's hands but answers kESTALE once its record is gone.
     Outcome<fskit::FSRemoveItemResult> removeItem(const fskit::FSItemRef& item,
                                                   const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory) override;
+    /// Replaces what has the new name, when both are directories or neither is. The items of both
+    /// stay registered; what is at `sourceName` is moved, whatever `item` is.
     Outcome<fskit::FSRenameItemResult> renameItem(const fskit::FSItemRef& item,
                                                   const fskit::FSItemRef& sourceDirectory,
                                                   const fskit::FSFileName& sourceName,
@@ -173,11 +198,15 @@ class TavelinVolume final : public fskit::FSVolume,
                                                   const fskit::FSItemRef& destinationDirectory,
                                                   const fskit::FSItemRef& overItem) override;
 
+    /// Extended attributes are named streams; kENOATTR for one that does not exist.
     Outcome<std::vector<std::byte>> getXattr(const fskit::FSFileName& name,
                                              const fskit::FSItemRef& item) override;
+    /// An absent value is an empty one. The policy `remove` removes the attribute; kENOATTR where
+    /// there is none.
     Outcome<void> setXattr(const fskit::FSFileName& name,
                            const std::optional<std::span<const std::byte>>& value,
                            const fskit::FSItemRef& item, fskit::FSSetXattrPolicy policy) override;
+    /// The names of the streams that are shown as attributes. Links have none.
     Outcome<std::vector<fskit::FSFileName>> listXattrs(const fskit::FSItemRef& item) override;
 
     // ---- Requests beside FSKit's ---------------------------------------------------------------
@@ -215,6 +244,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The text of a name; throws NTFSError kEINVAL when it has none.
     static std::string_view name(const fskit::FSFileName& name);
 
+    /// item(), under the lock. The reference is valid until the item is taken out of the registry.
     const std::shared_ptr<NItem>& itemLocked(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_REQUIRES(items);
     /// item(), and counts that it is handed out.
@@ -226,8 +256,11 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The same of one that may not have been readable: then no attribute is valid.
     fskit::FSItemAttributes described(const std::optional<NTFSAttributes>& record,
                                       std::uint64_t parent) const;
+    /// The answer to a lookup: the item, handed out, with its attributes.
     fskit::FSLookupItemResult found(const NTFSAttributes& record, std::uint64_t parent,
                                     const fskit::FSFileName& name);
+    /// The answer to a creation: the new item, handed out, with its attributes and those of its
+    /// directory.
     fskit::FSCreateItemResult created(const NTFSChange& change, const NItem& parent,
                                       const fskit::FSFileName& name);
     /// Applies the attributes that an item is made with, as far as that goes.
@@ -245,6 +278,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Of the item that has an entry's name now; absent when the name has been removed.
     [[nodiscard]] std::optional<NTFSAttributes> currentAttributes(const NTFSDirEntry& entry,
                                                                   const NItem& directory);
+    /// Packs one page of a listing. With `described`, entries carry attributes, read one by one.
     void packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
                      bool described, Pager& pager);
 
@@ -252,8 +286,11 @@ class TavelinVolume final : public fskit::FSVolume,
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);
     KeptListings listings_ TAVELIN_GUARDED_BY(items);
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
+    /// On at first, as FSKit has it.
     std::atomic<bool> openCloseInhibited_{true};
+    /// Set by an activation with "ro" and never cleared.
     std::atomic<bool> refusesChanges_{false};
+    /// The user and group that all items are shown to belong to: those of the process.
     const std::uint32_t uid_;
     const std::uint32_t gid_;
 };

@@ -28,10 +28,12 @@ struct DirectoryEntry {
 /// Used by one thread at a time.
 class EntryPacker final : public fskit::FSDirectoryEntryPacker {
   public:
+    /// What an entry costs of a page in bytes, and what its attributes cost on top.
     static constexpr std::size_t kEntryBytes = 24;
     static constexpr std::size_t kAttributeBytes = 184;
     static constexpr std::size_t kDefaultBytes = 65'536;
 
+    /// Pages end at `bytes` or at `entries`, whichever comes first.
     explicit EntryPacker(std::size_t bytes = kDefaultBytes,
                          std::size_t entries = std::numeric_limits<std::size_t>::max())
         : bytes_(bytes), most_(entries) {}
@@ -54,7 +56,9 @@ class EntryPacker final : public fskit::FSDirectoryEntryPacker {
         return true;
     }
 
+    /// The entries of the page so far, in the volume's order.
     [[nodiscard]] const std::vector<DirectoryEntry>& entries() const noexcept { return entries_; }
+    /// Hands the page out and begins an empty one.
     [[nodiscard]] std::vector<DirectoryEntry> take() noexcept {
         used_ = 0;
         return std::exchange(entries_, {});

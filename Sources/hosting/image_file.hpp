@@ -31,13 +31,17 @@ class ImageFile {
     /// Lets the kernel claim the block device for a mount, whose claim replaces this one.
     void giveUpClaim() noexcept { claim_.reset(); }
 
+    /// Whether the image could be, and was to be, opened for writing.
     [[nodiscard]] bool writable() const noexcept { return writable_; }
+    /// The size when the file was opened.
     [[nodiscard]] std::uint64_t bytes() const noexcept { return bytes_; }
     /// Of a device node; 512 for an image file.
     [[nodiscard]] std::uint64_t blockSize() const noexcept { return blockSize_; }
     [[nodiscard]] std::uint64_t physicalBlockSize() const noexcept { return physicalBlockSize_; }
 
     using Transferred = FileDescriptor::Transferred;
+    /// Reads and writes at an offset, all of it unless there is an error. A write marks the file as
+    /// in need of a flush.
     [[nodiscard]] Transferred read(void* into, std::uint64_t offset, std::size_t length) const;
     [[nodiscard]] Transferred write(GatheredBytes parts, std::uint64_t offset);
 
@@ -46,6 +50,7 @@ class ImageFile {
     [[nodiscard]] int flushToMedium();
 
   private:
+    /// Finds out size and block sizes. Throws OpenError for what is neither an image nor a disk.
     void measure(const std::string& path);
 
     // Whoever needs its writes kept has flushed them; what closing says can help nobody else.

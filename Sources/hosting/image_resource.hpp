@@ -59,13 +59,16 @@ class ImageResource final : public HostResource {
     std::uint64_t blockCount() const override { return length_ / blockSize_; }
     std::uint64_t physicalBlockSize() const override { return physicalBlockSize_; }
 
+    /// Short only at the end of the device. Once revoked, every transfer fails with kENXIO.
     std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     void writeGathered(GatheredBytes parts, std::uint64_t offset) override;
+    /// The kernel's cache is used for every transfer, so these are plain reads and writes.
     void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
                               std::size_t length) override;
     void metadataFlush() override;
+    /// Makes all earlier writes durable; absent for success. See ImageFile::flushToMedium.
     std::optional<fskit::Error> flushToMedium() override;
     void release() override { file_.close(); }
     void admitMount() override { file_.giveUpClaim(); }

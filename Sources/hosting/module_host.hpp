@@ -73,12 +73,16 @@ class ModuleHost {
     // ---- One step each -------------------------------------------------------------------------
 
     [[nodiscard]] fskit::FSProbeResult probe();
+    /// The module opens the image and makes its volume. Errors are the module's.
     Outcome<void> load(const Options& options);
+    /// Hands out the root directory; volume() is there from now on.
     Outcome<void> activate(const Options& options);
     Outcome<void> mount(const Options& options);
+    /// The module flushes; a failure is reported by the steps that follow.
     void unmount();
     /// Gives all items back, then deactivates.
     Outcome<void> deactivate();
+    /// Ends the use of the image, whatever the result.
     Outcome<void> unload();
 
     // ---- Maintenance ---------------------------------------------------------------------------
@@ -93,6 +97,7 @@ class ModuleHost {
   private:
     enum class State { idle, loaded, active, mounted, unmounted };
 
+    /// Stops the process unless the step's turn has come.
     void expect(bool inTurn, const char* step) const;
 
     const std::shared_ptr<HostResource> resource_;

@@ -35,6 +35,7 @@ class VolumeClient {
   public:
     using Bytes = std::span<const std::byte>;
 
+    /// The volume is loaded and not yet activated.
     explicit VolumeClient(std::shared_ptr<TavelinVolume> volume) : volume_(std::move(volume)) {
         TAVELIN_ASSERT(volume_ != nullptr);
     }
@@ -45,7 +46,9 @@ class VolumeClient {
 
     /// The root directory; held from activation to close.
     [[nodiscard]] const ItemRef& root() const noexcept { return root_; }
+    /// The root directory with its attributes at this moment.
     Outcome<Found> rootWithAttributes();
+    /// kENOENT when there is no such name.
     Outcome<Found> lookup(const ItemRef& directory, std::string_view name);
     /// The same, absent when there is no such name.
     Outcome<std::optional<Found>> find(const ItemRef& directory, std::string_view name);
@@ -55,6 +58,7 @@ class VolumeClient {
     /// Applies the valid attributes of `changes`, marks in it which were, and answers the new ones.
     Outcome<fskit::FSItemAttributes> setAttributes(const ItemRef& item,
                                                    fskit::FSItemSetAttributesRequest& changes);
+    /// The target as a mount follows it. kEINVAL for an item that is no link.
     Outcome<std::string> readSymbolicLink(const ItemRef& item);
 
     // ---- Directories ---------------------------------------------------------------------------
@@ -76,8 +80,10 @@ class VolumeClient {
     Outcome<Found> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type,
                           fskit::FSItemSetAttributesRequest& attributes);
     Outcome<Found> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type);
+    /// Makes a link in the form that the mount's options ask for.
     Outcome<Found> createSymbolicLink(const ItemRef& directory, std::string_view name,
                                       std::string_view target);
+    /// As FSKit asks for it, which the volume refuses with kENOTSUP.
     Outcome<fskit::FSCreateLinkResult> createLink(const ItemRef& item, const ItemRef& directory,
                                                   std::string_view name);
     /// Gives a file a name of the host's own, see ExtendedOperations.
@@ -95,6 +101,7 @@ class VolumeClient {
 
     // ---- Data ----------------------------------------------------------------------------------
 
+    /// Tells the volume that the item is open in `modes`, unless it wants no such requests.
     Outcome<void> open(const ItemRef& item, fskit::FSVolumeOpenModes modes);
     /// `modes` are those that remain; none for the last close.
     void close(const ItemRef& item, fskit::FSVolumeOpenModes modes);
@@ -105,11 +112,13 @@ class VolumeClient {
 
     // ---- Extended attributes -------------------------------------------------------------------
 
+    /// The whole value, at most 64 MiB.
     Outcome<std::vector<std::byte>> getXattr(const ItemRef& item, std::string_view name);
     /// How many bytes getXattr() would answer, without reading them.
     Outcome<std::size_t> xattrSize(const ItemRef& item, std::string_view name);
     Outcome<void> setXattr(const ItemRef& item, std::string_view name, Bytes value,
                            fskit::FSSetXattrPolicy policy = fskit::FSSetXattrPolicy::alwaysSet);
+    /// kENOATTR when there is none of this name.
     Outcome<void> removeXattr(const ItemRef& item, std::string_view name);
     Outcome<std::vector<std::string>> listXattrs(const ItemRef& item);
 
@@ -117,10 +126,12 @@ class VolumeClient {
 
     /// With flags that wait, success means that everything answered before is on the medium.
     Outcome<void> synchronize(fskit::FSSyncFlags flags = fskit::FSSyncFlags::wait);
+    /// Free space and counts at this moment.
     [[nodiscard]] fskit::FSStatFSResult statistics() { return volume_->volumeStatistics(); }
     [[nodiscard]] std::string name() const {
         return static_cast<const fskit::FSVolume&>(*volume_).name().data();
     }
+    /// Sets the volume's label.
     Outcome<void> setName(std::string_view name);
     /// Whether changes are refused, by request or because the volume allowed no more.
     [[nodiscard]] bool isReadOnly() const;
@@ -141,6 +152,7 @@ class VolumeClient {
     void unmount();
     Outcome<void> deactivate();
 
+    /// Takes over the item of an answer, so that it is given back with its last ItemRef.
     Found take(fskit::FSCreateItemResult result);
     Found take(fskit::FSLookupItemResult result);
 

@@ -10,10 +10,12 @@ namespace fskit {
 
 /// A position in a directory; 0 is its start.
 using FSDirectoryCookie = std::uint64_t;
+/// The start of an enumeration.
 inline constexpr FSDirectoryCookie FSDirectoryCookieInitial = 0;
 
 /// A directory's version, as the volume counts; passed back with a cookie of it.
 using FSDirectoryVerifier = std::uint64_t;
+/// What a host passes when it has no verifier yet.
 inline constexpr FSDirectoryVerifier FSDirectoryVerifierInitial = 0;
 
 /// Takes the entries of one enumeration request, on the request's thread. Owned by the host.

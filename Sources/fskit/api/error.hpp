@@ -12,6 +12,7 @@
 
 namespace fskit {
 
+/// Names of domains, as Foundation and FSKit spell them.
 inline constexpr std::string_view NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr std::string_view FSKitErrorDomain = "FSKitErrorDomain";
 
@@ -19,6 +20,7 @@ inline constexpr std::string_view FSKitErrorDomain = "FSKitErrorDomain";
 /// what they say and are cheap; copying never fails.
 class Error : public std::exception {
   public:
+    /// Copies its arguments; may throw std::bad_alloc. `code` is a number of the domain.
     Error(std::string_view domain, std::int64_t code, std::string localizedDescription)
         : content_(std::make_shared<const Content>(
               Content{std::string(domain), code, std::move(localizedDescription)})) {}
@@ -26,13 +28,16 @@ class Error : public std::exception {
     Error(const Error&) = default;
     Error& operator=(const Error&) = default;
 
+    /// Valid as long as this error or a copy of it lives.
     const std::string& domain() const noexcept { return content_->domain; }
     std::int64_t code() const noexcept { return content_->code; }
     const std::string& localizedDescription() const noexcept {
         return content_->localizedDescription;
     }
+    /// The text for people, the same as localizedDescription().
     const char* what() const noexcept override { return localizedDescription().c_str(); }
 
+    /// Whether code() is an errno of macOS. Hosts translate no other numbers.
     bool isPOSIX() const noexcept { return domain() == NSPOSIXErrorDomain; }
 
     /// Two errors are the same when domain and code are; the text is for people.
@@ -41,6 +46,7 @@ class Error : public std::exception {
     }
 
   private:
+    /// Shared and immutable, so that a copy of an error never fails.
     struct Content {
         std::string domain;
         std::int64_t code;

@@ -19,6 +19,7 @@ class FSFileName {
         return *this;
     }
 
+    /// The bytes as they came, which need not be UTF-8.
     const std::string& data() const noexcept { return data_; }
     /// The text, absent when the bytes are not valid UTF-8.
     std::optional<std::string_view> string() const noexcept;

@@ -24,9 +24,13 @@ class FSUnaryFileSystem {
     /// of a request, and the host does not overlap load and unload.
     FSContainerStatus containerStatus;
 
+    /// Whether the resource has a file system of this module on it. Reads only and never fails:
+    /// what cannot be read is not recognised.
     virtual FSProbeResult probeResource(const FSResourceRef& resource) = 0;
+    /// Opens the resource and makes its volume. The host activates it next, or unloads.
     virtual Outcome<std::shared_ptr<FSVolume>> loadResource(const FSResourceRef& resource,
                                                             const FSTaskOptions& options) = 0;
+    /// Ends the use of the resource. The module forgets the volume even when this fails.
     virtual Outcome<void> unloadResource(const FSResourceRef& resource,
                                          const FSTaskOptions& options) = 0;
 

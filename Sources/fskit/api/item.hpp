@@ -8,6 +8,7 @@
 
 namespace fskit {
 
+/// The kinds of items that a kernel tells apart.
 enum class FSItemType : std::int64_t {
     unknown = 0,
     file = 1,
@@ -21,8 +22,11 @@ enum class FSItemType : std::int64_t {
 
 /// Any other 64-bit number names an item too.
 using FSItemID = std::uint64_t;
+/// No item.
 inline constexpr FSItemID FSItemIDInvalid = 0;
+/// What the root's parent is called; no item has this number.
 inline constexpr FSItemID FSItemIDParentOfRoot = 1;
+/// The root directory of every volume.
 inline constexpr FSItemID FSItemIDRootDirectory = 2;
 
 /// A set of FSItemAttribute bits.
@@ -97,11 +101,15 @@ struct FSItemNativeAttributes {
 /// A value. Setting a property makes it valid; a property that is not valid reads as zero.
 class FSItemAttributes {
   public:
+    /// Whether all of these were set.
     bool isValid(FSItemAttributeSet attributes) const noexcept {
         return (valid_ & attributes) == attributes;
     }
+    /// Everything that was set, one bit each.
     FSItemAttributeSet validAttributes() const noexcept { return valid_; }
 
+    /// The properties. One that was never set answers 0, so ask isValid() first where 0 could be a
+    /// value.
     FSItemType type() const noexcept { return type_; }
     std::uint32_t mode() const noexcept { return mode_; }
     std::uint32_t linkCount() const noexcept { return linkCount_; }
@@ -112,18 +120,23 @@ class FSItemAttributes {
     std::uint64_t allocSize() const noexcept { return allocSize_; } ///< bytes
     FSItemID fileID() const noexcept { return fileID_; }
     FSItemID parentID() const noexcept { return parentID_; }
+    /// Times count from 1970-01-01 UTC.
     const std::timespec& accessTime() const noexcept { return accessTime_; }
     const std::timespec& modifyTime() const noexcept { return modifyTime_; }
     const std::timespec& changeTime() const noexcept { return changeTime_; }
     const std::timespec& birthTime() const noexcept { return birthTime_; }
     const std::timespec& backupTime() const noexcept { return backupTime_; }
     const std::timespec& addedTime() const noexcept { return addedTime_; }
+    /// FSKit's property of the same name; false for every item of ours.
     bool supportsLimitedXAttrs() const noexcept { return supportsLimitedXAttrs_; }
+    /// FSKit's property of the same name, which our volumes leave unset.
     bool inhibitKernelOffloadedIO() const noexcept { return inhibitKernelOffloadedIO_; }
 
+    /// Always there; its members say themselves when they mean nothing.
     const FSItemNativeAttributes& native() const noexcept { return native_; }
     void setNative(const FSItemNativeAttributes& value) noexcept { native_ = value; }
 
+    /// The setters. Each makes its property valid.
     void setType(FSItemType value) noexcept { set(type_, value, FSItemAttribute::type); }
     void setMode(std::uint32_t value) noexcept { set(mode_, value, FSItemAttribute::mode); }
     void setLinkCount(std::uint32_t value) noexcept {
@@ -165,6 +178,7 @@ class FSItemAttributes {
 
   private:
     template<typename T>
+    /// Stores a value and marks it valid, so that neither is done without the other.
     void set(T& property, T value, FSItemAttributeSet bit) noexcept {
         property = value;
         valid_ |= bit;
@@ -195,9 +209,11 @@ class FSItemAttributes {
 /// The attributes to change are the valid ones; the volume marks those that it applied.
 class FSItemSetAttributesRequest : public FSItemAttributes {
   public:
+    /// Those that were applied, also when a later one failed.
     FSItemAttributeSet consumedAttributes = 0;
 };
 
+/// Which attributes the host will look at. A volume may answer more than these.
 struct FSItemGetAttributesRequest {
     FSItemAttributeSet wantedAttributes = 0;
 };

@@ -15,9 +15,11 @@ namespace fskit {
 template<typename Value>
 class [[nodiscard]] Outcome {
   public:
+    /// Implicit, so that a request returns its value or its error as it is.
     Outcome(Value value) : value_(std::move(value)) {}
     Outcome(Error error) : error_(std::move(error)) {}
 
+    /// Whether the request succeeded.
     explicit operator bool() const noexcept { return value_.has_value(); }
 
     /// The value of a successful outcome; only after testing.
@@ -47,6 +49,7 @@ class [[nodiscard]] Outcome<void> {
   public:
     Outcome() = default;
     Outcome(Error error) : error_(std::move(error)) {}
+    /// Success when there is no error.
     Outcome(std::optional<Error> error) : error_(std::move(error)) {}
     /// Success or failure of a request whose value is not wanted.
     template<typename Value>
@@ -54,6 +57,7 @@ class [[nodiscard]] Outcome<void> {
         return other ? Outcome() : Outcome(other.error());
     }
 
+    /// Whether the request succeeded.
     explicit operator bool() const noexcept { return !error_; }
     [[nodiscard]] const Error& error() const noexcept { return *error_; }
 

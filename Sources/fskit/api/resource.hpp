@@ -26,6 +26,7 @@ class FSBlockDeviceResource : public FSResource {
     virtual std::string BSDName() const = 0; ///< as "disk4s1"
     virtual bool isWritable() const = 0;
     virtual std::uint64_t blockSize() const = 0; ///< bytes
+    /// Blocks of blockSize() bytes.
     virtual std::uint64_t blockCount() const = 0;
     virtual std::uint64_t physicalBlockSize() const = 0; ///< bytes
 
@@ -39,9 +40,11 @@ class FSBlockDeviceResource : public FSResource {
     virtual void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) = 0;
     virtual void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
                                       std::size_t length) = 0;
+    /// Returns once all delayed writes have left the buffer cache.
     virtual void metadataFlush() = 0;
 };
 
+/// How well a module knows a resource, from not at all to usable.
 enum class FSMatchResult : std::int64_t {
     notRecognized = 0,
     recognized = 1,
@@ -49,6 +52,7 @@ enum class FSMatchResult : std::int64_t {
     usable = 3,
 };
 
+/// What a probe answers. Name and identifier are there for usable resources.
 struct FSProbeResult {
     FSMatchResult result = FSMatchResult::notRecognized;
     std::optional<std::string> name;
@@ -60,8 +64,10 @@ struct FSProbeResult {
     }
 };
 
+/// Where the module is with its container. Load leaves it ready.
 enum class FSContainerState : std::int64_t { notReady = 0, blocked = 1, ready = 2, active = 3 };
 
+/// `status` says why a container is not ready; absent otherwise.
 struct FSContainerStatus {
     FSContainerState state = FSContainerState::notReady;
     std::optional<Error> status;

@@ -20,6 +20,7 @@ struct FSTaskOptions {
 class FSTask {
   public:
     virtual ~FSTask() = default;
+    /// One line for the user of the task. Any thread.
     virtual void logMessage(const std::string& text) = 0;
     /// Ends the task, once, with the error when there was one. Any thread.
     virtual void didComplete(const std::optional<Error>& error) = 0;
@@ -28,6 +29,7 @@ class FSTask {
 /// How far a task has come; any thread may read it while another one advances it.
 class NSProgress {
   public:
+    /// The number of units is fixed; what one is, is up to the task.
     explicit NSProgress(std::int64_t totalUnitCount) noexcept : total_(totalUnitCount) {}
 
     std::int64_t totalUnitCount() const noexcept { return total_; }

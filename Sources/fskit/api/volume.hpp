@@ -43,6 +43,7 @@ struct FSLookupItemResult {
 };
 
 struct FSCreateItemResult {
+    /// Handed out, like the item of a lookup.
     FSItemRef newItem;
     FSFileName newItemName;
     FSItemAttributes newItemAttributes;
@@ -50,6 +51,7 @@ struct FSCreateItemResult {
     std::uint64_t freeSpace = 0;
 };
 
+/// `linkAttributes` are those of the file, whose link count has grown.
 struct FSCreateLinkResult {
     FSFileName linkName;
     FSItemAttributes linkAttributes;
@@ -64,6 +66,7 @@ struct FSRemoveItemResult {
     std::uint64_t freeSpace = 0;
 };
 
+/// Where both names are in one directory, the attributes of the two directories are the same.
 struct FSRenameItemResult {
     FSFileName newName;
     FSItemAttributes renamedItemAttributes;
@@ -75,6 +78,7 @@ struct FSRenameItemResult {
 };
 
 struct FSWriteFileResult {
+    /// Fewer than were given when the volume is full before the end.
     std::size_t bytesWritten = 0;
     FSItemAttributes itemAttributes;
     std::uint64_t freeSpace = 0;
@@ -83,6 +87,7 @@ struct FSWriteFileResult {
 /// Base of all volumes: identity and name.
 class FSVolume {
   public:
+    /// The identifier never changes; the name does with setName().
     FSVolume(FSVolumeIdentifier volumeID, FSFileName volumeName)
         : volumeID_(volumeID), name_(std::move(volumeName)) {}
     virtual ~FSVolume() = default;
@@ -106,12 +111,16 @@ class FSVolume {
     FSFileName name_ TAVELIN_GUARDED_BY(nameLock_);
 };
 
+/// The limits that pathconf(2) answers to programs. Constant for the life of a volume.
 class FSVolumePathConfOperations {
   public:
     virtual ~FSVolumePathConfOperations() = default;
+    /// Names that one file may have.
     virtual std::int64_t maximumLinkCount() const = 0;
     virtual std::int64_t maximumNameLength() const = 0;
+    /// Whether only an administrator may change owners.
     virtual bool restrictsOwnershipChanges() const = 0;
+    /// Whether names that are too long are cut; false means that they are refused.
     virtual bool truncatesLongNames() const = 0;
     virtual std::int64_t maximumXattrSize() const = 0; ///< bytes
     virtual std::uint64_t maximumFileSize() const = 0; ///< bytes
@@ -119,29 +128,39 @@ class FSVolumePathConfOperations {
 
 class FSVolumeOperations : public FSVolumePathConfOperations {
   public:
+    /// Constant from activation on.
     virtual FSVolumeSupportedCapabilities supportedVolumeCapabilities() const = 0;
+    /// Sizes and counts at this moment. Has no way to fail.
     virtual FSStatFSResult volumeStatistics() = 0;
     /// Read by the host after the reply to mount: read-only for a volume that takes no changes.
     virtual FSMountOptions requestedMountOptions() const { return 0; }
 
     /// Answers the root directory.
     virtual Outcome<FSItemRef> activate(const FSTaskOptions& options) = 0;
+    /// The steps of a mount, in the order in which the host sends them. No request is in flight
+    /// while unmount and deactivate run.
     virtual Outcome<void> mount(const FSTaskOptions& options) = 0;
     virtual void unmount() = 0;
+    /// With flags that wait, success means that everything answered before is durable.
     virtual Outcome<void> synchronize(FSSyncFlags flags) = 0;
     virtual Outcome<void> deactivate(FSDeactivateOptions options) = 0;
 
+    /// The attributes at this moment; at least those that are desired and that the volume has.
     virtual Outcome<FSItemAttributes> getAttributes(const FSItemGetAttributesRequest& desired,
                                                     const FSItemRef& item) = 0;
     /// Answers the attributes as they are then. `changes` tells which were applied, also when a
     /// later one failed.
     virtual Outcome<FSItemAttributes> setAttributes(FSItemSetAttributesRequest& changes,
                                                     const FSItemRef& item) = 0;
+    /// The item of a name, handed out once more. ENOENT when there is no such name.
     virtual Outcome<FSLookupItemResult> lookupItem(const FSFileName& name,
                                                    const FSItemRef& directory) = 0;
     /// Takes an item back that was handed out; an absent one is ignored.
     virtual void reclaimItem(const FSItemRef& item) = 0;
+    /// The target as text, which the host follows itself.
     virtual Outcome<FSFileName> readSymbolicLink(const FSItemRef& item) = 0;
+    /// Makes a file or a directory, EEXIST when the name is taken. `attributes` are applied as far
+    /// as possible, and it marks which were.
     virtual Outcome<FSCreateItemResult> createItem(const FSFileName& name, FSItemType type,
                                                    const FSItemRef& directory,
                                                    FSItemSetAttributesRequest& attributes) = 0;
@@ -152,6 +171,7 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
     /// The names in the answers of this and of renameItem() are those that were stored.
     virtual Outcome<FSCreateLinkResult> createLink(const FSItemRef& item, const FSFileName& name,
                                                    const FSItemRef& directory) = 0;
+    /// Removes a name; the item lives on in the host's hands until it is reclaimed.
     virtual Outcome<FSRemoveItemResult> removeItem(const FSItemRef& item, const FSFileName& name,
                                                    const FSItemRef& directory) = 0;
     /// `overItem` is the item being replaced, null when there is none.
@@ -173,6 +193,7 @@ class FSVolumeReadWriteOperations {
     /// Answers the bytes that were read.
     virtual Outcome<std::size_t> read(const FSItemRef& item, std::int64_t offset,
                                       std::size_t length, FSMutableFileDataBuffer& buffer) = 0;
+    /// Writes at `offset` and extends the file where needed.
     virtual Outcome<FSWriteFileResult> write(std::span<const std::byte> contents,
                                              const FSItemRef& item, std::int64_t offset) = 0;
 };
@@ -182,6 +203,7 @@ class FSVolumeOpenCloseOperations {
     virtual ~FSVolumeOpenCloseOperations() = default;
     /// While true the host sends neither opens nor closes.
     virtual bool isOpenCloseInhibited() const = 0;
+    /// Sets whether opens and closes are left out.
     virtual void setOpenCloseInhibited(bool inhibited) = 0;
     virtual Outcome<void> openItem(const FSItemRef& item, FSVolumeOpenModes modes) = 0;
     /// `modes` are those that remain; none means the last close. Never fails.
@@ -191,18 +213,21 @@ class FSVolumeOpenCloseOperations {
 class FSVolumeRenameOperations {
   public:
     virtual ~FSVolumeRenameOperations() = default;
+    /// Renames the volume; answers the name that was stored.
     virtual Outcome<FSFileName> setVolumeName(const FSFileName& name) = 0;
 };
 
 class FSVolumeXattrOperations {
   public:
     virtual ~FSVolumeXattrOperations() = default;
+    /// The whole value of an extended attribute. ENOATTR when there is none of this name.
     virtual Outcome<std::vector<std::byte>> getXattr(const FSFileName& name,
                                                      const FSItemRef& item) = 0;
     /// An absent value is an empty one.
     virtual Outcome<void> setXattr(const FSFileName& name,
                                    const std::optional<std::span<const std::byte>>& value,
                                    const FSItemRef& item, FSSetXattrPolicy policy) = 0;
+    /// The names of all attributes of an item, in no particular order.
     virtual Outcome<std::vector<FSFileName>> listXattrs(const FSItemRef& item) = 0;
 };
 

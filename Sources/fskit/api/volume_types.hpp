@@ -6,12 +6,14 @@
 
 namespace fskit {
 
+/// Whether names that differ in case only are different names.
 enum class FSVolumeCaseFormat : std::int64_t {
     sensitive = 0,
     insensitive = 1,
     insensitiveCasePreserving = 2,
 };
 
+/// FSKit's list, each off unless a volume says otherwise. Hosts show programs what is on.
 struct FSVolumeSupportedCapabilities {
     bool supportsPersistentObjectIDs = false;
     bool supportsSymbolicLinks = false;
@@ -28,6 +30,7 @@ struct FSVolumeSupportedCapabilities {
 
 /// Sizes are bytes, counts are blocks of blockSize or files.
 struct FSStatFSResult {
+    /// The type name is the one that statfs(2) shows.
     explicit FSStatFSResult(std::string typeName) : fileSystemTypeName(std::move(typeName)) {}
 
     std::string fileSystemTypeName;
@@ -53,6 +56,7 @@ using FSMountOptions = std::uint64_t;
 inline constexpr FSMountOptions FSMountOptionsReadOnly = 1;
 
 using FSDeactivateOptions = std::int64_t;
+/// Whether the volume goes whatever is still open on it.
 inline constexpr FSDeactivateOptions FSDeactivateOptionsForce = 1;
 
 /// The modes an item is open in; a close carries those that remain.
