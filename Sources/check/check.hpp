@@ -17,12 +17,14 @@
 
 namespace tavelin::check {
 
+/// How far a check is; passed to onProgress.
 struct Progress {
     std::string_view phase;  ///< "file records"
     std::uint64_t done = 0;  ///< bytes
     std::uint64_t total = 0; ///< bytes as far as they are known; grows
 };
 
+/// What a check looks at and whom it tells. The callbacks run on the thread of the check.
 struct Options {
     bool deep = false; ///< read the content of all files, too
     /// Findings of one class that are handed out; those beyond are only counted.
@@ -33,6 +35,7 @@ struct Options {
     std::function<bool(const Progress&)> onProgress;
 };
 
+/// What a check found, in numbers. The findings themselves went to onFinding.
 struct Report {
     /// Why the volume could not be read at all; empty when it could.
     std::string unreadable;
@@ -46,6 +49,7 @@ struct Report {
     /// What a reader has to know besides, such as what cannot be trusted on a hibernated volume.
     std::vector<std::string> notes;
 
+    /// Findings of all classes, or of one severity.
     [[nodiscard]] std::uint64_t total() const noexcept;
     [[nodiscard]] std::uint64_t total(Severity severity) const noexcept;
     [[nodiscard]] bool isClean() const noexcept { return unreadable.empty() && total() == 0; }

@@ -109,6 +109,7 @@ enum class FindingClass : std::uint8_t {
     count, ///< no class
 };
 
+/// One row of the table of classes: constant texts of the program.
 struct ClassInfo {
     FindingClass kind;
     std::string_view name; ///< "cluster-used-twice": for programs, never changes
@@ -117,10 +118,12 @@ struct ClassInfo {
     std::string_view chkdsk;  ///< what `chkdsk /f` would do
 };
 
+/// The row of a class; `count` has none.
 [[nodiscard]] const ClassInfo& info(FindingClass kind) noexcept;
 /// "data at risk".
 [[nodiscard]] std::string_view text(Severity severity) noexcept;
 
+/// One thing that is wrong: where, what should be there and what is. Texts are for people.
 struct Finding {
     FindingClass kind = FindingClass::count;
     std::optional<std::uint64_t> record; ///< number of the file record

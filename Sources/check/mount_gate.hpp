@@ -13,6 +13,7 @@
 
 namespace tavelin::check {
 
+/// Whether to mount for writing, and what to tell the user either way.
 struct GateVerdict {
     bool mayWrite = true;
     /// What was found and what can be done, in one sentence for the user.

@@ -20,6 +20,7 @@ enum class LogState {
     unknown,    ///< something else, or unreadable
 };
 
+/// As the volume's own structures say it.
 struct VolumeState {
     /// Flags of $VOLUME_INFORMATION, in the numbers of Windows.
     static constexpr std::uint16_t kDirty = 0x0001;

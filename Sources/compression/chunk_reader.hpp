@@ -43,6 +43,7 @@ class ChunkReader {
     /// the size that the reader was made with. 0, or a host errno.
     using Source = std::function<int(std::uint64_t offset, std::span<std::uint8_t> to)>;
 
+    /// Bytes of decompressed chunks that a reader keeps: eight of the largest.
     static constexpr std::size_t kCacheSize = std::size_t{256} * 1024;
 
     /// A reader for a file of `fileSize` bytes, whose compressed stream has `streamSize`. Null when
@@ -50,6 +51,7 @@ class ChunkReader {
     [[nodiscard]] static std::unique_ptr<ChunkReader> create(Format format, std::uint64_t fileSize,
                                                              std::uint64_t streamSize);
 
+    /// Bytes of the file when decompressed, as the reader was made with.
     [[nodiscard]] std::uint64_t fileSize() const noexcept { return fileSize_; }
 
     /// Reads at most `to.size()` bytes of the file from `offset` on; `count` becomes the number of
@@ -59,20 +61,25 @@ class ChunkReader {
                            std::size_t& count);
 
   private:
+    /// One decompressed chunk in memory. The slot that was used longest ago gives way.
     struct Slot {
         std::uint64_t chunk = kNoChunk;
         std::uint64_t lastUse = 0;
         std::uint8_t* bytes = nullptr; // in slotBytes_
     };
+    /// Where a chunk's compressed bytes are.
     struct Extent { // in the compressed stream
         std::uint64_t begin;
         std::uint64_t end;
     };
 
     static constexpr std::uint64_t kNoChunk = ~std::uint64_t{0};
+    /// From this file size on the table has entries of 8 bytes.
     static constexpr std::uint64_t kWideTableFileSizeMin = std::uint64_t{1} << 32;
     static constexpr std::uint64_t kFileSizeMax = std::uint64_t{1} << 62; // offsets cannot overflow
+    /// Bytes of the table that are kept at a time, so that reading in order needs few small reads.
     static constexpr std::size_t kTableWindowSize = 4096;
+    /// Bytes of compressed chunks that are read at a time.
     static constexpr std::size_t kInputSize = 65536;
     static constexpr std::size_t kChunkSizeMax = chunkSize(Format::lzx32K);
     static_assert(kChunkSizeMax == LzxDecoder::kChunkSizeMax);
@@ -82,15 +89,25 @@ class ChunkReader {
 
     ChunkReader(Format format, std::uint64_t fileSize, std::uint64_t streamSize);
 
+    /// Bytes that a chunk holds when decompressed: fewer in the last one.
     [[nodiscard]] std::size_t sizeOf(std::uint64_t chunk) const noexcept;
+    /// Where a chunk begins in the compressed stream, by the table.
     [[nodiscard]] int offsetOf(const Source& source, std::uint64_t chunk, std::uint64_t& offset);
+    /// The same with its end. EIO for entries that run backwards or beyond the stream: the table is
+    /// the disk's word.
     [[nodiscard]] int extentOf(const Source& source, std::uint64_t chunk, Extent& extent);
+    /// Has a chunk's compressed bytes in memory, read together with those of the chunks up to
+    /// `last`.
     [[nodiscard]] int load(const Source& source, std::uint64_t chunk, std::uint64_t last,
                            std::span<const std::uint8_t>& input);
+    /// Fills `to` with a part of one chunk, from memory where it is there, else by decompressing
+    /// it.
     [[nodiscard]] int provide(const Source& source, std::uint64_t chunk, std::uint64_t last,
                               std::size_t skipped, bool isBulk, std::span<std::uint8_t> to);
+    /// A chunk as long as its content is stored plainly; others go to the decoder of the format.
     [[nodiscard]] bool decode(std::span<const std::uint8_t> input,
                               std::span<std::uint8_t> output) noexcept;
+    /// Null when the chunk has no slot.
     [[nodiscard]] Slot* find(std::uint64_t chunk) noexcept;
     [[nodiscard]] Slot& leastRecentlyUsed() noexcept;
 

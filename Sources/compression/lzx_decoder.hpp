@@ -21,6 +21,7 @@ class LzxDecoder {
                               std::span<std::uint8_t> output) noexcept;
 
   private:
+    /// Sizes of the alphabets, from the description of the format.
     static constexpr unsigned kLiterals = 256;
     static constexpr unsigned kDistanceSlots = 30; // for a window of 32 KiB
     static constexpr unsigned kLengthHeaders = 8;
@@ -36,13 +37,18 @@ class LzxDecoder {
         const std::uint8_t* end;
     };
 
+    /// Reads the Huffman codes that begin a block. False where they are no codes.
     [[nodiscard]] bool readCodes(BitStream& bits, bool aligned) noexcept;
+    /// Code lengths come as differences to those of the block before, in a small code of their own.
     [[nodiscard]] static bool readLengths(BitStream& bits,
                                           std::span<std::uint8_t> lengths) noexcept;
     template<bool Aligned>
+    /// How far back a match lies. In an aligned block its low three bits have a code of their own.
     [[nodiscard]] std::uint32_t readDistance(BitStream& bits, unsigned slot) const noexcept;
     template<bool Aligned>
+    /// Decodes one compressed block into the window.
     [[nodiscard]] bool decodeBlock(BitStream& bits, Window& window) noexcept;
+    /// Copies one block that is stored plainly.
     [[nodiscard]] bool copyBlock(BitStream& bits, Window& window) noexcept;
 
     // The lengths outlive a block: the next one's are given as differences.
@@ -52,6 +58,7 @@ class LzxDecoder {
     HuffmanCode<kMainSymbols, 16, 11> main_;
     HuffmanCode<kLengthSymbols, 16, 9> length_;
     HuffmanCode<kAlignedSymbols, 7, 7> aligned_;
+    /// False when no match of the block is long enough to need it.
     bool hasLengthCode_;
 };
 

@@ -14,6 +14,7 @@ namespace tavelin {
 /// gone, is not asked any more: its transfers fail with ENXIO at once.
 class BlockDeviceAdapter final : public fskit::FSBlockDeviceResource {
   public:
+    /// Keeps the resource for as long as the adapter lives.
     explicit BlockDeviceAdapter(::FSBlockDeviceResource* resource) : resource_(resource) {}
 
     bool isRevoked() const override { return resource_.get().revoked; }
@@ -23,6 +24,7 @@ class BlockDeviceAdapter final : public fskit::FSBlockDeviceResource {
     std::uint64_t blockCount() const override { return resource_.get().blockCount; }
     std::uint64_t physicalBlockSize() const override { return resource_.get().physicalBlockSize; }
 
+    /// Synchronous calls of FSKit. Its errors are thrown as Error.
     std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
     void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
@@ -32,6 +34,7 @@ class BlockDeviceAdapter final : public fskit::FSBlockDeviceResource {
 
   private:
     template<typename Call>
+    /// Runs one call unless the resource is revoked, and throws its error.
     auto call(const Call& transfer) const;
 
     const Strong<::FSBlockDeviceResource*> resource_;

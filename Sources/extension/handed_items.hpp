@@ -38,6 +38,7 @@ class HandedItems {
     [[nodiscard]] std::size_t count() const;
 
   private:
+    /// Takes the object out of the table, under the lock.
     void takeBack(FSItem* item) TAVELIN_REQUIRES(mutex_);
 
     TavelinVolume& volume_;

@@ -13,6 +13,7 @@ template<typename Object>
 class Strong {
   public:
     Strong() = default;
+    /// Keeps the object; nil is fine.
     explicit Strong(Object object) : object_(retained(object)) {}
     Strong(const Strong& other) : object_(retained(other.object_)) {}
     Strong(Strong&& other) noexcept : object_(std::exchange(other.object_, nil)) {}
@@ -22,6 +23,7 @@ class Strong {
     }
     ~Strong() { released(object_); }
 
+    /// The object, which stays kept. Nil when there is none.
     [[nodiscard]] Object get() const { return object_; }
 
   private:

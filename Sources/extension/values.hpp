@@ -13,24 +13,31 @@ namespace tavelin {
 
 /// Nil becomes an empty name, which no request accepts.
 [[nodiscard]] fskit::FSFileName toCore(FSFileName* name);
+/// The option words of a mount or a task.
 [[nodiscard]] fskit::FSTaskOptions toCore(FSTaskOptions* options);
+/// Which attributes the host wants.
 [[nodiscard]] fskit::FSItemGetAttributesRequest toCore(FSItemGetAttributesRequest* request);
 /// Takes the valid attributes.
 [[nodiscard]] fskit::FSItemSetAttributesRequest toCore(FSItemSetAttributesRequest* request);
+/// Domain, code and text are kept.
 [[nodiscard]] fskit::Error toCore(NSError* error);
 /// A view of the data's bytes, valid as long as the data.
 [[nodiscard]] std::span<const std::byte> bytesOf(NSData* data);
 
+/// By its bytes, which need not be UTF-8.
 [[nodiscard]] FSFileName* toFSKit(const fskit::FSFileName& name);
 [[nodiscard]] NSArray<FSFileName*>* toFSKit(const std::vector<fskit::FSFileName>& names);
 /// Sets the valid attributes.
 [[nodiscard]] FSItemAttributes* toFSKit(const fskit::FSItemAttributes& attributes);
+/// The error with its domain and its text.
 [[nodiscard]] NSError* toFSKit(const fskit::Error& error);
+/// A copy of the bytes.
 [[nodiscard]] NSData* toFSKit(const std::vector<std::byte>& data);
 [[nodiscard]] FSProbeResult* toFSKit(const fskit::FSProbeResult& result);
 [[nodiscard]] FSVolumeSupportedCapabilities*
 toFSKit(const fskit::FSVolumeSupportedCapabilities& capabilities);
 [[nodiscard]] FSStatFSResult* toFSKit(const fskit::FSStatFSResult& statistics);
+/// The same 16 bytes.
 [[nodiscard]] NSUUID* toFSKit(const fskit::UUID& uuid);
 
 /// Nil when absent.

@@ -19,6 +19,7 @@ struct Partition {
     bool isNTFS = false;
 };
 
+/// A volume's place in an image, as the user named it or as it was found.
 struct ImagePlace {
     std::string path;
     std::uint64_t offset = 0; ///< bytes

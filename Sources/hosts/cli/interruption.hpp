@@ -9,6 +9,7 @@ namespace tavelin::cli {
 /// shell's loop ends with it.
 class Interruption final : public Failure {
   public:
+    /// The number of the signal, by which the process then ends.
     explicit Interruption(int signal)
         : Failure("interrupted; what was finished before stays"), signal_(signal) {}
 

@@ -22,6 +22,7 @@ namespace tavelin::cli {
 /// items, and for links and devices, whose reparse tag is their type.
 [[nodiscard]] std::string_view nativeKind(const fskit::FSItemAttributes& attributes);
 
+/// Block and character devices, which have a number in place of a size.
 [[nodiscard]] bool isDevice(fskit::FSItemType type) noexcept;
 /// Whether items of this type have no bytes to read or copy: devices, pipes and sockets.
 [[nodiscard]] bool isSpecial(fskit::FSItemType type) noexcept;

@@ -57,6 +57,7 @@ class Session {
 
     /// Valid until close().
     [[nodiscard]] VolumeClient& volume() { return host_->volume(); }
+    /// For the few commands that need a step or a fact of the module host.
     [[nodiscard]] ModuleHost& host() { return *host_; }
     /// Where in the image the volume is.
     [[nodiscard]] const ImagePlace& place() const noexcept { return place_; }

@@ -23,6 +23,7 @@ namespace tavelin::cli {
 /// are not followed, and names that mean another place ("..", "a/b") are refused.
 class TreeGetter {
   public:
+    /// Takes the memory of one transfer, which all files share.
     TreeGetter(VolumeClient& volume, CopyRun& run)
         : volume_(volume), run_(run), buffer_(kTransferBytes) {}
 
@@ -34,8 +35,10 @@ class TreeGetter {
 
   private:
     // Each throws ItemFailure for its own item, and Failure. Parameters are those of get().
+    /// Chooses by the item's type. Devices, pipes and sockets are problems.
     void getItem(const Found& found, const std::string& path, int directory,
                  const std::string& name);
+    /// Copies into a partial file, then streams and times, then gives it its name.
     void getFile(const Found& found, const std::string& path, int directory,
                  const std::string& name);
     void getLink(const Found& found, const std::string& path, int directory,
@@ -43,7 +46,9 @@ class TreeGetter {
     void getDirectory(const Found& found, const std::string& path, int directory,
                       const std::string& name);
     void getEntries(const ItemRef& volumeDirectory, const std::string& path, int directory);
+    /// Copies the bytes of a file. Of one with holes, long runs of zeros become holes of the copy.
     void readContents(const Found& found, const std::string& path, const FileDescriptor& file);
+    /// Named streams become extended attributes of the host.
     void getStreams(const ItemRef& item, const std::string& path, int file);
 
     /// Renames the complete `partial` to its own name, replacing a file or link of that name in one

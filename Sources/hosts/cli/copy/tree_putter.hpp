@@ -21,6 +21,7 @@ namespace tavelin::cli {
 /// run outlive the object.
 class TreePutter {
   public:
+    /// Takes the memory of one transfer, which all files share.
     TreePutter(VolumeClient& volume, CopyRun& run)
         : volume_(volume), run_(run), buffer_(kTransferBytes) {}
 
@@ -46,6 +47,7 @@ class TreePutter {
 
     // Each throws ItemFailure for its own item, and Failure. Parameters are those of put().
 
+    /// Chooses by the type of the host's item.
     void putItem(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
     void putFile(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
     void putLink(const Source& source, const struct ::stat& status, const ItemRef& volumeDirectory,
@@ -66,6 +68,7 @@ class TreePutter {
                                          const std::string& path);
     /// Throws ItemFailure for a file that cannot fit, before any of it is copied.
     void refuseTooLarge(std::uint64_t bytes, const std::string& path);
+    /// Extended attributes of the host's "user." namespace become named streams.
     void putStreams(int descriptor, const ItemRef& item, const std::string& path);
     /// Sets the times of `status`, and records the item in made_. It is an item's last step before
     /// its name, because every write would change the times again.
@@ -75,6 +78,7 @@ class TreePutter {
     /// again when either throws.
     void install(Outcome<Found> made, const std::string& partial, const ItemRef& volumeDirectory,
                  const std::string& name, const std::string& path, const Fill& fill);
+    /// Renames the complete item over what has its name.
     void giveName(const ItemRef& item, const std::string& partial, const ItemRef& volumeDirectory,
                   const std::string& name, const std::string& path);
     /// Removes an incomplete item; a failure is a problem, as the error that led here comes first.

@@ -14,6 +14,7 @@ class Daemon {
     /// Forks unless `foreground`; in both processes it returns. Throws std::system_error.
     explicit Daemon(bool foreground);
 
+    /// Which of the two processes this is. In the foreground it is always the server.
     Side side() const noexcept { return side_; }
 
     /// The caller's side: waits, and answers the exit code.

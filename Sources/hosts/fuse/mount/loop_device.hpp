@@ -19,6 +19,7 @@ class LoopDevice {
     /// container): the mount then goes without.
     static std::unique_ptr<LoopDevice> attach(const std::filesystem::path& image, bool readOnly);
 
+    /// The device node, such as "/dev/loop3", to mount over.
     const std::string& path() const { return path_; }
 
   private:

@@ -35,6 +35,7 @@ class MaintenanceThread {
         WorkerThreads& threads;
         fuse_session* session;
     };
+    /// Called once, when the mount is made.
     void start(const Context& context);
     /// After its return the thread no longer touches the volume's orphan files. Does not wait for
     /// the thread: it may be blocked in the unmount, which itself waits for the caller.
@@ -43,9 +44,14 @@ class MaintenanceThread {
     void stop();
 
   private:
+    /// The thread's work: waits for a signal, an invalidation, or the time to persist orphans.
     void watch(const Context& context);
+    /// The first signal asks for an unmount, a second one ends the serving.
     void takeSignal(const Context& context);
+    /// Unmounts, or detaches a mount that is in use. Tried again each second where another mount
+    /// lies on top.
     void unmountMount(const Context& context);
+    /// Moves files aside whose unlink has been pending for a second, unless suspended.
     void persistOrphans(OrphanFiles& orphans);
 
     FileDescriptor signals_;     // a signalfd

@@ -22,9 +22,12 @@ struct MountRequest {
     std::optional<gid_t> group;
     std::optional<mode_t> fileMask, directoryMask;
     bool streams = true; ///< named streams are extended attributes
+    /// Refuse changes, whatever the image allows.
     bool readOnly = false;
+    /// Let other users than the mounting one use the mount; the kernel has to allow that.
     bool allowOther = false;
     bool lowLatency = false; ///< keep processors out of deep idle states, see CpuLatencyRequest
+    /// Stay in the terminal and do not make a process of its own.
     bool foreground = false;
     bool trace = false; ///< print every request to standard error, and their counts at the end
 };

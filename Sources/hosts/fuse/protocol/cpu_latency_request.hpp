@@ -43,9 +43,14 @@ class CpuLatencyRequest {
     }
 
   private:
+    /// Has the thread make the request again.
     void wake() noexcept;
+    /// The thread: makes the request while file-system requests come, and drops it after
+    /// kIdleTimeout.
     void run();
+    /// Returns when no file-system request has come for kIdleTimeout, or the thread is to end.
     void holdRequest() TAVELIN_REQUIRES(lock_);
+    /// Tells the kernel the longest wake-up latency that it may choose.
     void allow(int32_t microseconds) noexcept;
 
     const FileDescriptor file_; // closing it drops the request

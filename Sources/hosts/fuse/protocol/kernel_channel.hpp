@@ -41,12 +41,15 @@ class KernelChannel {
     /// One line with the count of every kind of request so far, most frequent first.
     std::string summary() const;
 
+    /// What libfuse calls in place of read(2) and writev(2) on /dev/fuse.
     ssize_t read(int fd, void* buffer, size_t size) noexcept;
     ssize_t write(int fd, struct iovec* parts, int count) noexcept;
 
   private:
+    /// Counts a request by its opcode, and prints it when asked to.
     void note(const void* request, ssize_t size) noexcept;
 
+    /// Higher opcodes than these are counted with the last.
     static constexpr size_t kOpcodes = 64;
     const bool trace_;
     std::array<std::atomic<uint64_t>, kOpcodes> counts_{};

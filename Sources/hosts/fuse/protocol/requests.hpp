@@ -19,21 +19,25 @@ const fuse_lowlevel_ops& requestTable();
 inline constexpr double kForever = 365.0 * 24 * 3600; // seconds
 inline constexpr size_t kTransferBytesMax = 1 << 20;  // bytes
 
+/// What the session was made with. References are valid as long as the session.
 const SessionContext& contextOf(fuse_req_t request);
 MountedVolume& volumeOf(fuse_req_t request);
 /// The item of a node, for requests that go to the volume as they are.
 const ItemRef& itemOf(fuse_req_t request, fuse_ino_t number);
 /// What programs are told as an item's inode number: that of its file record.
 ino_t inodeNumber(fskit::FSItemID id) noexcept;
+/// The errno that the kernel is answered: that of a POSIX error, else EIO.
 int hostError(const fskit::Error& error);
 /// What the request's program is told of an item: the volume's attributes, the mount's owners.
 struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attributes);
 /// How long the kernel may remember what a name stands for, or that it stands for nothing.
 double entryTimeout(std::string_view name);
+/// An entry in the form in which libfuse replies with it.
 fuse_entry_param entryParameters(fuse_req_t request, const Entry& entry, std::string_view name);
 
 /// Replies with an entry; takes the count back when the kernel no longer waits for it.
 void replyEntry(fuse_req_t request, const Outcome<Entry>& entry, std::string_view name);
+/// Replies with success, or with the error.
 void replyResult(fuse_req_t request, const Outcome<void>& result);
 
 /// Replies with the error that the exception in flight stands for; for a catch clause only.

@@ -37,6 +37,7 @@ class WorkerThreads {
     void stop();
 
   private:
+    /// One worker's life: leads, serves what it handed over, and leads again.
     void serve() noexcept;
     /// Serves as the leader. True: `request` holds one to serve after giving up leadership. False:
     /// the session has ended.
@@ -44,7 +45,9 @@ class WorkerThreads {
 
     fuse_session* const session_;
     CpuLatencyRequest& latency_;
+    /// Held by the leader while it receives. Its owner changes with each hand-over.
     Mutex leader_;
+    /// Why the session ended; 0 for an unmount.
     std::atomic<int> error_{0};
     Mutex servingLock_;
     ConditionVariable ended_; // signalled when a worker has removed itself from serving_

@@ -31,6 +31,7 @@ class DentryInvalidationQueue {
 
     DentryInvalidationQueue(); ///< Throws std::system_error.
 
+    /// Queues a name; descriptor() is readable from then on.
     void add(uint64_t directory, std::string_view name);
     /// Empties the queue.
     std::vector<Name> take();

@@ -32,6 +32,7 @@ class DirectoryListing {
     /// so small that its positions would collide with these.
     static uint64_t position(fskit::FSItemID id, std::string_view name) noexcept;
 
+    /// Copies the name. Before seal() only.
     void add(std::string_view name, fskit::FSItemID id, uint32_t type);
     /// Sorts the entries. To be called once, after the last add() and before everything below.
     void seal();
@@ -75,7 +76,9 @@ class DirectoryListing {
         uint16_t type; // 0 marks a tombstone
     };
 
+    /// The first row beyond a position, by binary search.
     size_t indexAfter(uint64_t position) const noexcept;
+    /// The item's number is the upper part of the position.
     static fskit::FSItemID idOf(const Row& row) noexcept { return row.position >> kNameBits; }
     std::string_view nameOf(const Row& row) const noexcept {
         return std::string_view(names_).substr(row.nameStart, row.nameLength);

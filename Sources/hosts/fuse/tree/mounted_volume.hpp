@@ -41,9 +41,11 @@ class MountedVolume {
     /// Throws fskit::Error when not even the root's attributes can be read.
     explicit MountedVolume(VolumeClient& volume);
 
+    /// For requests that are a single call into the volume. It outlives this object.
     VolumeClient& volume() noexcept { return volume_; }
     /// Of a request; throws std::out_of_range.
     Node& node(uint64_t number) { return nodes_.at(number); }
+    /// For the maintenance thread, which persists orphans between requests.
     OrphanFiles& orphanFiles() noexcept { return orphans_; }
     DentryInvalidationQueue& invalidations() noexcept { return invalidations_; }
 
@@ -51,13 +53,20 @@ class MountedVolume {
 
     /// Absent when the name stands for nothing.
     Outcome<std::optional<Entry>> lookup(const Node& directory, std::string_view name);
+    /// Takes counts of a node back. A file whose last name is gone is removed with the last of
+    /// them.
     void forget(uint64_t number, uint64_t counts);
+    /// Makes a file or directory. kEEXIST when the name is taken; a name whose unlink is pending is
+    /// freed first.
     Outcome<Entry> create(Node& directory, std::string_view name, fskit::FSItemType type);
+    /// Makes a symbolic link.
     Outcome<Entry> createLink(Node& directory, std::string_view name, std::string_view target);
     /// Gives a file one more name. kENOENT for a file whose last name is gone, kEPERM for a
     /// directory.
     Outcome<Entry> createHardLink(const Node& file, Node& directory, std::string_view name);
+    /// Unlinks a name of a file. One that may be open is removed when the kernel forgets it.
     Outcome<void> removeFile(Node& directory, std::string_view name);
+    /// kENOTEMPTY while it has entries that users see.
     Outcome<void> removeDirectory(Node& directory, std::string_view name);
     /// With `mayReplace` false an existing new name is kEEXIST.
     Outcome<void> rename(Node& fromDirectory, std::string_view from, Node& toDirectory,
@@ -73,6 +82,7 @@ class MountedVolume {
                                                    fskit::FSItemSetAttributesRequest& changes);
 
     /// Counts a directory's streams, so that its listing goes with the last of them.
+    /// Counts one more stream.
     void openDirectory(Node& directory);
     void closeDirectory(Node& directory);
     /// Hands out the entries beyond `position` until one is not taken. The first two are "." and
@@ -89,6 +99,7 @@ class MountedVolume {
     Outcome<void> finish();
 
   private:
+    /// Counts the node of an item for a reply.
     Entry acquire(Found found);
     /// What a name stands for; absent for none.
     Outcome<std::optional<Found>> find(const Node& directory, std::string_view name);
@@ -106,18 +117,26 @@ class MountedVolume {
         const Node& toDirectory;
         std::string_view to;
     };
+    /// The volume's own rename, without regard to who has the old file open.
     Outcome<void> rename(const Renaming& renaming, const ItemRef& over);
+    /// A rename onto a name that is taken: keeps the replaced file for those who have it open.
     Outcome<void> replace(const Renaming& renaming, const Found& old);
     template<typename Remove>
+    /// Removes a name with `remove`, and tells the kernel of all names that go with it.
     Outcome<void> remove(Node& directory, std::string_view name, Remove&& remove);
     using Names = std::vector<std::string>;
+    /// The long names that may go when a name that looks like a DOS name is removed.
     Outcome<Names> longNamesOf(const Node& directory, const Found& found, std::string_view name);
+    /// A listing that is being read lacks the name, so the next stream gets a new one.
     static void noteNewName(Node& directory);
+    /// Makes the name's entry a tombstone in the listing that is being read.
     static void noteLostName(Node& directory, fskit::FSItemID id, std::string_view name);
     void noteLostName(Node& directory, const Found& lost, std::string_view name,
                       const Names& behind);
+    /// Corrects the volume's attributes by what only this host knows.
     Outcome<fskit::FSItemAttributes> adjusted(const Node& node,
                                               Outcome<fskit::FSItemAttributes> found);
+    /// The size of a symbolic link is the length of its target as this mount shows it.
     void adjustLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
     static void adjustTimes(const Node& node, fskit::FSItemAttributes& attributes);
     /// Notes that a name went whose removal from the volume is deferred.
@@ -125,7 +144,9 @@ class MountedVolume {
     /// What the kernel expects of requests about names in a directory that was removed: kENOENT.
     static fskit::Error missingIfStale(const fskit::Error& error);
     static bool isCode(const fskit::Error& error, int32_t code) noexcept;
+    /// Reads a whole directory from the volume.
     Outcome<std::unique_ptr<DirectoryListing>> list(const Node& directory);
+    /// The counted node and attributes of an entry; without a node where they cannot be read.
     Entry describe(const Node& directory, const DirectoryListing::Entry& name);
 
     VolumeClient& volume_;

@@ -59,6 +59,7 @@ struct Node {
 /// the release of an item, which takes the volume's item lock; so lock_ comes before that one.
 class NodeTable {
   public:
+    /// Takes the root, which stays for the table's life.
     explicit NodeTable(Found root);
     ~NodeTable();
     NodeTable(const NodeTable&) = delete;
@@ -67,6 +68,7 @@ class NodeTable {
     /// The node of a number from a request; valid while the kernel holds counts on it. Throws
     /// std::out_of_range for a number that it was not given.
     Node& at(uint64_t number);
+    /// The node with the kernel's number 1.
     Node& root() noexcept { return root_; }
 
     /// The node of an item, found or made, with one more count. For replies that hand the node to

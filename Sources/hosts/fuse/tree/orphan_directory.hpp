@@ -48,8 +48,11 @@ class OrphanDirectory {
     void cleanUp();
 
   private:
+    /// Makes the directory, hidden and marked. Without its mark it is removed again.
     Outcome<Found> make(std::string_view name);
+    /// Removes the orphans of a directory that an earlier mount left, then the directory.
     Outcome<void> empty(const ItemRef& directory, std::string_view name);
+    /// Removes one entry. A directory that is not empty stays, which is no error.
     Outcome<void> removeFrom(const ItemRef& parent, std::string_view name);
 
     VolumeClient& volume_;

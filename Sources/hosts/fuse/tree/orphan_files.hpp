@@ -37,6 +37,7 @@ namespace tavelin::fusehost {
 
 class OrphanFiles {
   public:
+    /// The volume must outlive this.
     explicit OrphanFiles(VolumeClient& volume) : volume_(volume), orphanDirectory_(volume) {}
 
     /// Removes the orphans that a crash left behind.
@@ -51,6 +52,7 @@ class OrphanFiles {
 
     /// Whether the user has unlinked the item's last name.
     bool contains(fskit::FSItemID id) const;
+    /// Takes no lock: most requests only need to know that there is no orphan at all.
     bool isEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
     /// Unlinks a name of a file: at once when the file has other names, else deferred.
@@ -80,6 +82,7 @@ class OrphanFiles {
 
   private:
     using Clock = std::chrono::steady_clock;
+    /// One deferred removal: where the file's name is now, and since when it is pending.
     struct Removal {
         ItemRef item;
         ItemRef directory; // of the present name
@@ -95,16 +98,25 @@ class OrphanFiles {
     };
 
     void release(fskit::FSItemID id);
+    /// Renames the file into the orphan directory, which frees its old name.
     Outcome<void> moveToOrphanDirectory(Removal& removal, fskit::FSItemID id);
+    /// Gives a file its own name back after a failed replacement.
     Outcome<void> moveHome(const Removal& removal);
     /// Marks the removal busy and calls `work(removal)` without the lock. Erases the entry when
     /// that answers true. Does nothing when there is no such removal.
     template<typename Work>
     void withExclusive(fskit::FSItemID id, Work&& work);
+    /// Marks a removal busy, after waiting for whoever works on it. Null when there is none any
+    /// more.
     Removal* begin(fskit::FSItemID id);
+    /// The reverse; with `done` the entry goes. Wakes those that wait.
     void end(fskit::FSItemID id, bool done);
+    /// Enters a removal, in place of an earlier one of the same record.
     void put(fskit::FSItemID id, Removal removal);
+    /// Removes the file, or gives it its own name back. A failure is noted.
     void finish(const Removal& removal);
+    /// Logs the failure of a removal whose caller was answered, and keeps the first for
+    /// persistOrphans().
     void noteFailure(const fskit::Error& error, const std::string& name);
     /// Moves the files that `wanted(removal)` chooses to the orphan directory. Of several errors it
     /// answers one that is not ENOSPC, where there is one.
