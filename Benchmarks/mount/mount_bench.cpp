@@ -30,6 +30,7 @@ namespace {
 struct Arguments {
     std::string tavelin = "build/bench/tavelin";
     std::string passThrough; // empty: the floor is left out
+    std::string before;      // empty: there is nothing earlier to compare with
     std::string memory = "/dev/shm";
     std::string table, chart; // files to write, besides standard output
     std::vector<std::string> only;
@@ -88,6 +89,8 @@ std::vector<Server> serversOf(const Arguments& arguments) {
                                 driverServer("lowntfs-3g")};
     if (!arguments.passThrough.empty())
         servers.push_back(floorServer(arguments.passThrough));
+    if (!arguments.before.empty())
+        servers.push_back(earlierServer(arguments.before));
     if (!arguments.only.empty())
         std::erase_if(servers, [&](const Server& server) {
             return std::find(arguments.only.begin(), arguments.only.end(), server.name) ==
@@ -147,6 +150,7 @@ int main(int argc, char** argv) {
     CLI::App app("Compares a mounted Tavelin with the system's NTFS drivers");
     app.add_option("--tavelin", arguments.tavelin, "the program to measure");
     app.add_option("--pass-through", arguments.passThrough, "the pass-through server's program");
+    app.add_option("--before", arguments.before, "an earlier build of the program");
     app.add_option("--memory", arguments.memory, "a folder on a file system in memory");
     app.add_option("--rounds", arguments.rounds, "rounds to take the median of");
     app.add_option("--table", arguments.table, "also write the Markdown table here");

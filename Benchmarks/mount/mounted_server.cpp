@@ -25,6 +25,14 @@ Server tavelinServer(const fs::path& program) {
             }};
 }
 
+Server earlierServer(const fs::path& program) {
+    return {"before", Role::before, [program](const fs::path& store, const fs::path& directory) {
+                // Some builds kept the processors awake unless they were told not to.
+                return std::vector<std::string>{program,        "mount", store,       directory,
+                                                "--foreground", "-o",    "power_save"};
+            }};
+}
+
 Server driverServer(const std::string& program) {
     return {program, Role::driver, [program](const fs::path& store, const fs::path& directory) {
                 return std::vector<std::string>{program, store, directory, "-o",

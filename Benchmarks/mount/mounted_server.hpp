@@ -9,7 +9,7 @@
 
 namespace tavelin::bench {
 
-enum class Role { ours, driver, floor };
+enum class Role { ours, before, driver, floor };
 
 struct Server {
     std::string name;
@@ -22,6 +22,8 @@ struct Server {
 };
 
 Server tavelinServer(const std::filesystem::path& program);
+// An earlier build of ours, to be compared with the one of today.
+Server earlierServer(const std::filesystem::path& program);
 Server driverServer(const std::string& program);
 Server floorServer(const std::filesystem::path& program);
 

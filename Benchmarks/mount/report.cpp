@@ -87,12 +87,20 @@ std::string markdownTable(const std::vector<Server>& servers, const Samples& sam
             head += fmt::format(" {} against the better driver |", server->name);
             rule += "---:|";
         }
+    const Server* const before = results.withRole(Role::before);
+    if (before != nullptr) {
+        head += " against before |";
+        rule += "---:|";
+    }
     for (const std::string& category : categories()) {
         rows += fmt::format("| {} |", category);
         for (const Server& server : servers)
             rows += fmt::format(" {:.1f} |", results.seconds(server, category) * 1e3);
         for (const Server* server : compared)
             rows += fmt::format(" {:.2f}× |", results.gain(*server, category));
+        if (before != nullptr)
+            rows += fmt::format(" {:.2f}× |", results.seconds(*before, category) /
+                                                  results.seconds(servers.front(), category));
         rows += "\n";
     }
     rows += "| geometric mean |";
