@@ -5,7 +5,8 @@
 #include "fskit/memory_resource.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "support/replaced_services.hpp"
-#include "support/sample_volume.hpp"
+#include "support/run_process.hpp"
+#include "support/temp_directory.hpp"
 
 #include <benchmark/benchmark.h>
 
@@ -51,9 +52,9 @@ class DiscardingPage final : public fskit::FSDirectoryEntryPacker {
 class WarmVolume {
   public:
     WarmVolume() {
-        ::setenv("TAVELIN_GROUP_CONTAINER", sample_.directory().path().c_str(), 1);
+        ::setenv("TAVELIN_GROUP_CONTAINER", directory_.path().c_str(), 1);
         module_ = std::make_unique<TavelinFileSystem>();
-        module_->loadResource(std::make_shared<test::MemoryResource>(sample_), {}).get();
+        module_->loadResource(std::make_shared<test::MemoryResource>(emptyVolume()), {}).get();
         root_ = volume().activate({}).get();
         directory = create(root_, "folder", fskit::FSItemType::directory);
         for (std::size_t i = 0; i < kEntries; i++) {
@@ -84,14 +85,20 @@ class WarmVolume {
     std::vector<fskit::FSItemRef> files;
 
   private:
-    fskit::FSItemRef create(const fskit::FSItemRef& directory, const std::string& name,
+    [[nodiscard]] std::string emptyVolume() const {
+        const auto image = directory_ / "volume.img";
+        test::writeFile(image, std::string(64u << 20, '\0'));
+        test::runOrThrow({"mkntfs", "--quiet", "--fast", "--force", image.string()});
+        return test::readFile(image);
+    }
+    fskit::FSItemRef create(const fskit::FSItemRef& parent, const std::string& name,
                             fskit::FSItemType type) {
         fskit::FSItemSetAttributesRequest nothing;
-        return volume().createItem(fskit::FSFileName(name), type, directory, nothing).get().newItem;
+        return volume().createItem(fskit::FSFileName(name), type, parent, nothing).get().newItem;
     }
 
     const test::ReplacedServices services_; // no flush ticks, no lines in the system log
-    const test::SampleVolume sample_{{.bytes = 64ull << 20}};
+    const test::TempDirectory directory_;
     std::unique_ptr<TavelinFileSystem> module_;
     fskit::FSItemRef root_;
     fskit::FSDirectoryVerifier verifier_ = 0;
