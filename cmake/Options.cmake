@@ -6,6 +6,7 @@ option(TAVELIN_HOSTS "Build the command line and the FUSE host" ON)
 option(TAVELIN_FUSE "Build the FUSE host" ON)
 option(TAVELIN_BINDING "Build and run the FSKit binding on GNUstep (needs clang)" OFF)
 option(TAVELIN_UNITY "Compile several sources at once; OFF for tools that read the commands" ON)
+option(TAVELIN_CCACHE "Take from ccache what was compiled before, where it is installed" ON)
 set(TAVELIN_SANITIZE "" CACHE STRING "Sanitizers to build with, as given to -fsanitize=")
 
 set(CMAKE_CXX_STANDARD 20)
@@ -19,6 +20,19 @@ include(CheckPIESupported)
 check_pie_supported(LANGUAGES C CXX)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+find_program(TAVELIN_CCACHE_PROGRAM ccache)
+mark_as_advanced(TAVELIN_CCACHE_PROGRAM)
+if(TAVELIN_CCACHE AND TAVELIN_CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  # Paths count relative to the tree, so that one clone finds what another has compiled. The rest is
+  # what precompiled headers need.
+  foreach(language C CXX OBJCXX)
+    set(CMAKE_${language}_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+      CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1
+      CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+      ${TAVELIN_CCACHE_PROGRAM})
+  endforeach()
 endif()
 
 add_library(tavelin_flags INTERFACE)
