@@ -3,6 +3,7 @@
 #include "diagnostics/error_tally.hpp"
 #include "diagnostics/event_log.hpp"
 #include "platform/error_numbers.hpp"
+#include "support/own_group.hpp"
 #include "support/run_process.hpp"
 #include "support/temp_directory.hpp"
 #include "support/watched_device.hpp"
@@ -76,8 +77,6 @@ TEST(NTFSError, IsDescribedAndRecordedByItsNumber) {
 }
 
 TEST(DeviceError, IsTalliedAlwaysButLoggedTwentyTimesOnly) {
-    static const test::TempDirectory container; // the process's event log stays in the first one
-    setenv("TAVELIN_GROUP_CONTAINER", container.path().c_str(), 1);
     const std::uint64_t start = events().read(0).offset;
     errorTally().reset();
     deviceErrorEvents = 0;

@@ -72,19 +72,23 @@ class Disk final : public BlockDevice {
     }
 };
 
+// A disk with a formatted volume of its own.
+inline std::shared_ptr<Disk> formatted(const VolumeGeometry& geometry) {
+    const std::string raw = readFile(SampleVolume(geometry).image());
+    const auto bytes = bytesOf(raw);
+    return std::make_shared<Disk>(Bytes(bytes.begin(), bytes.end()));
+}
+
 // An empty volume of 4 MiB, and where things are on it.
 struct Volume {
     Volume() {
-        const SampleVolume sample({.bytes = 4u << 20});
-        const std::string raw = readFile(sample.image());
-        image.assign(std::as_bytes(std::span(raw)).begin(), std::as_bytes(std::span(raw)).end());
         DeviceBox box(std::make_shared<Disk>(image));
         const ntb_io io = makeIO(box);
         std::uint32_t count = 0;
         EXPECT_EQ(ntb_log_extents(&io, &log, 1, &count), 0);
         work = (log.offset + log.length) / kPage; // what follows $LogFile is free
     }
-    Bytes image;
+    const Bytes image = formatted({.bytes = 4u << 20})->image;
     ntb_extent log{};
     std::uint64_t work = 0; // a page number
 };
@@ -113,23 +117,29 @@ inline std::uint64_t valueAt(const Bytes& image, std::uint64_t offset) {
     return value;
 }
 
+// How many pages a mount would recover from the disk's journal.
+inline std::uint64_t recoverable(const Disk& disk) {
+    JournaledDevice device(std::make_shared<Disk>(disk.image));
+    EXPECT_EQ(device.replay(true), 0);
+    return device.recovered();
+}
+
+// Writes pages of `number`s behind the journal, the first one at `page` there.
+inline void writePages(JournaledDevice& device, std::uint64_t number, std::uint64_t page,
+                       std::uint64_t count) {
+    const Bytes content = pagesOf(number, count);
+    EXPECT_EQ(device.write(content.data(), (volume().work + page) * kPage, content.size()), 0);
+}
+
 // A disk on which a sync of `number`s has reached only the journal.
 inline std::shared_ptr<Disk> interrupted(std::uint64_t number) {
     const auto disk = std::make_shared<Disk>(volume().image);
     const auto device = mounted(disk);
-    const Bytes content = pagesOf(number, 3);
-    EXPECT_EQ(device->write(content.data(), volume().work * kPage, content.size()), 0);
+    writePages(*device, number, 0, 3);
     disk->failsReads = false;
     disk->callsToFailure = 3; // the record, the device's sync, the pages
     EXPECT_EQ(device->sync(), EIO);
     return disk;
-}
-
-// A disk with a formatted volume of its own.
-inline std::shared_ptr<Disk> formatted(const VolumeGeometry& geometry) {
-    const std::string raw = readFile(SampleVolume(geometry).image());
-    const auto bytes = std::as_bytes(std::span(raw));
-    return std::make_shared<Disk>(Bytes(bytes.begin(), bytes.end()));
 }
 
 inline std::shared_ptr<NTFSVolume> opened(const std::shared_ptr<JournaledDevice>& device) {

@@ -178,18 +178,14 @@ TEST(Journal, CarriesEachSyncOverACutAsAWhole) {
 TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
     const auto disk = std::make_shared<Disk>(volume().image);
     const auto device = mounted(disk);
-    const auto write = [&](std::uint64_t number, std::uint64_t page, std::uint64_t count) {
-        return device->write(pagesOf(number, count).data(), (volume().work + page) * kPage,
-                             count * kPage);
-    };
     disk->failsReads = false;
-    EXPECT_EQ(write(77, 0, 1), 0);
+    writePages(*device, 77, 0, 1);
     disk->callsToFailure = 3; // its pages
     EXPECT_EQ(device->sync(), EIO);
-    EXPECT_EQ(write(88, 1, 1), 0);
+    writePages(*device, 88, 1, 1);
     disk->callsToFailure = 2; // the device's sync
     EXPECT_EQ(device->sync(), EIO);
-    EXPECT_EQ(write(99, 2, device->backlog().capacity - 2), 0); // does not fit behind
+    writePages(*device, 99, 2, device->backlog().capacity - 2); // does not fit behind
     disk->events.clear();
     const Bytes before = disk->image;
     EXPECT_EQ(device->sync(), 0);
@@ -216,28 +212,23 @@ TEST(Journal, IsReadThroughWhereNothingMayBeWritten) {
 
 // Whoever changes the volume without knowing of the journal takes its validity away.
 TEST(Journal, DoesNotOutliveOtherSystems) {
-    const auto pending = [](const std::shared_ptr<Disk>& disk) {
-        JournaledDevice device(disk);
-        EXPECT_EQ(device.replay(true), 0);
-        return device.recovered();
-    };
     const auto library = interrupted(77);
-    ASSERT_EQ(pending(library), 3u);
+    ASSERT_EQ(recoverable(*library), 3u);
     NTFSVolume::open(library, false)->unmount();
-    EXPECT_EQ(pending(library), 0u) << "the NTFS library mounted the volume for writing";
+    EXPECT_EQ(recoverable(*library), 0u) << "the NTFS library mounted the volume for writing";
 
     const auto windows = interrupted(77);
     std::memcpy(&windows->image.at(volume().log.offset), "RSTR", 4);
-    EXPECT_EQ(pending(windows), 0u) << "Windows has begun a journal";
+    EXPECT_EQ(recoverable(*windows), 0u) << "Windows has begun a journal";
     {
         const auto device = mounted(windows);
-        EXPECT_EQ(device->write(pagesOf(1, 1).data(), (volume().work + 9) * kPage, kPage), 0);
+        writePages(*device, 1, 9, 1);
         EXPECT_EQ(device->sync(), 0);
         EXPECT_EQ(device->close(), 0);
     }
     std::fill_n(windows->image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset), kPage,
                 std::byte{0xff});
-    EXPECT_EQ(pending(windows), 0u) << "what Windows's journal hid came back";
+    EXPECT_EQ(recoverable(*windows), 0u) << "what Windows's journal hid came back";
 }
 
 TEST(Journal, OfAnotherVolumeOrDamagedIsIgnored) {
@@ -336,6 +327,13 @@ TEST(Journal, SparesARenameItsFlush) {
     }
 }
 
+bool hasJournal(const std::shared_ptr<Disk>& disk) {
+    std::optional<Journal> journal;
+    JournalAbsence absence{};
+    EXPECT_EQ(Journal::find(disk, journal, absence), 0);
+    return journal.has_value();
+}
+
 // Offsets in $LogFile's record of what a hostile volume may lie about, and a lie.
 TEST(Journal, StaysAwayFromALogThatIsNotWhatItSeems) {
     const std::uint64_t record = valueAt(volume().image, 0x30) * kPage + 2 * 1024;
@@ -358,34 +356,22 @@ TEST(Journal, StaysAwayFromALogThatIsNotWhatItSeems) {
     for (const auto& [what, lie] : lies) {
         const auto disk = std::make_shared<Disk>(volume().image);
         disk->image.at(lie.first) = static_cast<std::byte>(lie.second);
-        std::optional<Journal> journal;
-        JournalAbsence absence{};
-        EXPECT_EQ(Journal::find(disk, journal, absence), 0) << what;
-        EXPECT_FALSE(journal) << what;
+        EXPECT_FALSE(hasJournal(disk)) << what;
     }
 }
 
 // A power cut in the middle of the write of $LogFile's own record must not take the journal away.
 TEST(Journal, IsFoundThroughTheMirrorOfATornRecord) {
     const auto disk = std::make_shared<Disk>(volume().image);
-    std::optional<Journal> journal;
-    JournalAbsence absence{};
     for (const std::uint64_t table : {0x30, 0x38}) {
         disk->image.at(valueAt(volume().image, table) * kPage + 2 * 1024 + 510) ^= std::byte{1};
-        journal.reset();
-        EXPECT_EQ(Journal::find(disk, journal, absence), 0);
-        EXPECT_EQ(journal.has_value(), table == 0x30);
+        EXPECT_EQ(hasJournal(disk), table == 0x30);
     }
 }
 
 // Clusters of 64 KiB on sectors of 512 bytes: the one size whose factor, 128, has the sign bit.
 TEST(Journal, IsThereForTheLargestClustersOfOldVolumes) {
-    std::optional<Journal> journal;
-    JournalAbsence absence{};
-    EXPECT_EQ(
-        Journal::find(formatted({.bytes = 64u << 20, .clusterSize = 64u << 10}), journal, absence),
-        0);
-    EXPECT_TRUE(journal.has_value());
+    EXPECT_TRUE(hasJournal(formatted({.bytes = 64u << 20, .clusterSize = 64u << 10})));
 }
 
 } // namespace
