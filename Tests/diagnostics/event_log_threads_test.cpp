@@ -1,4 +1,5 @@
 #include "diagnostics/event_log.hpp"
+#include "support/on_threads.hpp"
 #include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
@@ -39,17 +40,11 @@ void writeFromManyThreads(EventLog& log) {
             recordsIn(log.tail(5000));
         }
     });
-    std::vector<std::thread> writers;
-    for (int writer = 0; writer < kWriters; ++writer) {
-        writers.emplace_back([&log, writer] {
-            for (int n = 0; n < kEventsEach; ++n) {
-                log.event("e", {{"writer", writer}, {"n", n}, {"pad", std::string(n % 60, 'x')}});
-            }
-        });
-    }
-    for (std::thread& writer : writers) {
-        writer.join();
-    }
+    test::onThreads(kWriters, [&log](int writer) {
+        for (int n = 0; n < kEventsEach; ++n) {
+            log.event("e", {{"writer", writer}, {"n", n}, {"pad", std::string(n % 60, 'x')}});
+        }
+    });
     done = true;
     reader.join();
 }

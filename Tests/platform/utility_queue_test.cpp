@@ -1,4 +1,5 @@
 #include "platform/utility_queue.hpp"
+#include "support/on_threads.hpp"
 
 #include <gtest/gtest.h>
 
@@ -42,20 +43,14 @@ TEST(UtilityQueue, EveryPieceOfWorkRunsOnce) {
     constexpr int kEach = 500;
     std::latch left(kSubmitters * kEach);
     std::atomic<int> runs = 0;
-    std::vector<std::thread> submitters;
-    for (int i = 0; i < kSubmitters; ++i) {
-        submitters.emplace_back([&] {
-            for (int n = 0; n < kEach; ++n) {
-                runOnUtilityQueue([&] {
-                    ++runs;
-                    left.count_down();
-                });
-            }
-        });
-    }
-    for (std::thread& submitter : submitters) {
-        submitter.join();
-    }
+    test::onThreads(kSubmitters, [&](int) {
+        for (int n = 0; n < kEach; ++n) {
+            runOnUtilityQueue([&] {
+                ++runs;
+                left.count_down();
+            });
+        }
+    });
     left.wait();
     EXPECT_EQ(runs, kSubmitters * kEach);
 }

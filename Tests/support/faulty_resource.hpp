@@ -44,62 +44,44 @@ class FaultyResource final : public HostResource {
     std::uint64_t blockCount() const override { return device_->blockCount(); }
     std::uint64_t physicalBlockSize() const override { return device_->physicalBlockSize(); }
 
-    std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
-    std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
-    void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
+    std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override {
+        const std::size_t admitted = admit({Call::read, offset, length});
+        return admitted == 0 ? 0 : device_->read(buffer, offset, admitted);
+    }
+    std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override {
+        const std::size_t admitted = admit({Call::write, offset, length});
+        return admitted == 0 ? 0 : device_->write(buffer, offset, admitted);
+    }
+    void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override {
+        admit({Call::metadataRead, offset, length});
+        device_->metadataRead(buffer, offset, length);
+    }
     void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
-                              std::size_t length) override;
-    void metadataFlush() override;
-    std::optional<fskit::Error> flushToMedium() override;
+                              std::size_t length) override {
+        admit({Call::metadataWrite, offset, length});
+        device_->delayedMetadataWrite(buffer, offset, length);
+    }
+    void metadataFlush() override {
+        admit({Call::metadataFlush, 0, 0});
+        device_->metadataFlush();
+    }
+    std::optional<fskit::Error> flushToMedium() override {
+        const Fault fault = hook_({Call::flushToMedium, 0, 0});
+        return fault.error ? fault.error : device_->flushToMedium();
+    }
 
   private:
     // How many of the bytes are to be transferred; throws the fault's error.
-    std::size_t admit(const Transfer& transfer) const;
+    std::size_t admit(const Transfer& transfer) const {
+        const Fault fault = hook_(transfer);
+        if (fault.error) {
+            throw fskit::Error(*fault.error);
+        }
+        return std::min(transfer.length, fault.bytes.value_or(transfer.length));
+    }
 
     const std::shared_ptr<HostResource> device_;
     const Hook hook_;
 };
-
-inline std::size_t FaultyResource::admit(const Transfer& transfer) const {
-    const Fault fault = hook_(transfer);
-    if (fault.error) {
-        throw fskit::Error(*fault.error);
-    }
-    return std::min(transfer.length, fault.bytes.value_or(transfer.length));
-}
-
-inline std::size_t FaultyResource::read(std::byte* buffer, std::uint64_t offset,
-                                        std::size_t length) {
-    const std::size_t admitted = admit({Call::read, offset, length});
-    return admitted == 0 ? 0 : device_->read(buffer, offset, admitted);
-}
-
-inline std::size_t FaultyResource::write(const std::byte* buffer, std::uint64_t offset,
-                                         std::size_t length) {
-    const std::size_t admitted = admit({Call::write, offset, length});
-    return admitted == 0 ? 0 : device_->write(buffer, offset, admitted);
-}
-
-inline void FaultyResource::metadataRead(std::byte* buffer, std::uint64_t offset,
-                                         std::size_t length) {
-    admit({Call::metadataRead, offset, length});
-    device_->metadataRead(buffer, offset, length);
-}
-
-inline void FaultyResource::delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
-                                                 std::size_t length) {
-    admit({Call::metadataWrite, offset, length});
-    device_->delayedMetadataWrite(buffer, offset, length);
-}
-
-inline void FaultyResource::metadataFlush() {
-    admit({Call::metadataFlush, 0, 0});
-    device_->metadataFlush();
-}
-
-inline std::optional<fskit::Error> FaultyResource::flushToMedium() {
-    const Fault fault = hook_({Call::flushToMedium, 0, 0});
-    return fault.error ? fault.error : device_->flushToMedium();
-}
 
 } // namespace tavelin::test

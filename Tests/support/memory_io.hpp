@@ -34,7 +34,6 @@ class MemoryIo {
     void heal();
     uint64_t failures() const { return failures_; } // since fail()
 
-    uint64_t callCount() const { return callCount_; }
     // The calls since the last takeLog(), up to a limit that unit tests stay below.
     std::vector<Call> takeLog();
     // Calls that broke the contract: misaligned, empty, or past the end.

@@ -1,18 +1,16 @@
 #include "support/replaced_services.hpp"
 
+#include <atomic>
+
 namespace tavelin::test {
 
 struct ManualTimers::State {
     TimerSchedule schedule;
     std::function<void()> tick;
-    Mutex mutex;
-    bool started TAVELIN_GUARDED_BY(mutex) = false;
-    bool cancelled TAVELIN_GUARDED_BY(mutex) = false;
+    std::atomic<bool> started = false;
+    std::atomic<bool> cancelled = false;
 
-    bool live() {
-        MutexLock lock(mutex);
-        return started && !cancelled;
-    }
+    bool live() const { return started && !cancelled; }
 };
 
 class ManualTimers::Timer final : public RepeatingTimer {
@@ -20,14 +18,8 @@ class ManualTimers::Timer final : public RepeatingTimer {
     explicit Timer(std::shared_ptr<State> state) : state_(std::move(state)) {}
     ~Timer() override { cancel(); }
 
-    void start() override {
-        MutexLock lock(state_->mutex);
-        state_->started = true;
-    }
-    void cancel() noexcept override {
-        MutexLock lock(state_->mutex);
-        state_->cancelled = true;
-    }
+    void start() override { state_->started = true; }
+    void cancel() noexcept override { state_->cancelled = true; }
 
   private:
     const std::shared_ptr<State> state_;

@@ -2,16 +2,13 @@
 
 #include "platform/file_descriptor.hpp"
 
-#include <climits>
-
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
+#include <future>
 #include <spawn.h>
 #include <sstream>
 #include <stdexcept>
@@ -56,43 +53,13 @@ std::string locate(const std::string& name) {
     return {};
 }
 
-// Feeds `input` and collects both outputs until the child closed them. A ready pipe takes PIPE_BUF
-// bytes without blocking, so a child that answers while it reads cannot deadlock with us.
-void exchange(Pipe& in, Pipe& out, Pipe& err, const std::string& input, ProcessResult& result) {
-    size_t fed = 0;
+std::string readAll(const FileDescriptor& end) {
+    std::string text;
     std::array<char, 65536> buffer{};
-    if (input.empty()) {
-        in.writing.reset();
+    while (const std::size_t count = end.readSome(buffer.data(), buffer.size()).bytes) {
+        text.append(buffer.data(), count);
     }
-    while (out.reading || err.reading) {
-        std::array<pollfd, 3> events{pollfd{out.reading.get(), POLLIN, 0},
-                                     pollfd{err.reading.get(), POLLIN, 0},
-                                     pollfd{in.writing.get(), POLLOUT, 0}};
-        if (::poll(events.data(), events.size(), -1) < 0 && errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "poll");
-        }
-        if (events[2].revents != 0) {
-            const ssize_t count = ::write(in.writing.get(), input.data() + fed,
-                                          std::min<size_t>(PIPE_BUF, input.size() - fed));
-            fed += count > 0 ? static_cast<size_t>(count) : 0;
-            if (count < 0 || fed == input.size()) {
-                in.writing.reset();
-            }
-        }
-        const auto collect = [&](const pollfd& event, FileDescriptor& end, std::string& into) {
-            if (event.revents == 0) {
-                return;
-            }
-            const ssize_t count = ::read(end.get(), buffer.data(), buffer.size());
-            if (count > 0) {
-                into.append(buffer.data(), static_cast<size_t>(count));
-            } else if (count == 0 || errno != EINTR) {
-                end.reset();
-            }
-        };
-        collect(events[0], out.reading, result.out);
-        collect(events[1], err.reading, result.err);
-    }
+    return text;
 }
 
 } // namespace
@@ -138,12 +105,16 @@ ProcessResult run(const std::vector<std::string>& arguments, const std::string& 
     out.writing.reset();
     err.writing.reset();
     ProcessResult result;
-    exchange(in, out, err, input, result);
+    // Both at once with the input, so that no full pipe stops the child.
+    auto said = std::async(std::launch::async, [&] { return readAll(out.reading); });
+    auto complained = std::async(std::launch::async, [&] { return readAll(err.reading); });
+    static_cast<void>(in.writing.write(input.data(), input.size())); // it need not read all of it
+    in.writing.reset();
+    result.out = said.get();
+    result.err = complained.get();
     int status = 0;
-    while (::waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "waitpid");
-        }
+    if (uninterrupted([&] { return ::waitpid(child, &status, 0); }) < 0) {
+        throw std::system_error(errno, std::generic_category(), "waitpid");
     }
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
@@ -155,10 +126,6 @@ std::string runOrThrow(const std::vector<std::string>& arguments, const std::str
         throw std::runtime_error(arguments[0] + ": " + result.describe());
     }
     return std::move(result.out);
-}
-
-bool haveProgram(const std::string& name) {
-    return !locate(name).empty();
 }
 
 } // namespace tavelin::test

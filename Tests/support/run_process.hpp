@@ -22,7 +22,4 @@ ProcessResult run(const std::vector<std::string>& arguments, const std::string& 
 // As run(), but a non-zero exit throws std::runtime_error with what it printed.
 std::string runOrThrow(const std::vector<std::string>& arguments, const std::string& input = {});
 
-// Whether a program of that name is on PATH (or in the administrator's directories).
-bool haveProgram(const std::string& name);
-
 } // namespace tavelin::test
