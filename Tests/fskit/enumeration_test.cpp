@@ -29,6 +29,16 @@ class Enumeration : public VolumeTest {
         return page.names();
     }
 
+    // Fresh files named 100, 101 and so on.
+    Names fill(const Item& directory, int count) {
+        Names names;
+        for (int i = 100; i < 100 + count; ++i) {
+            names.push_back(std::to_string(i));
+            EXPECT_EQ(requests().create(directory, names.back()).code(), 0);
+        }
+        return names;
+    }
+
     fskit::FSDirectoryVerifier verifier = 0;
 };
 
@@ -85,9 +95,7 @@ TEST_F(Enumeration, AListingGoesOnWhereItWas) {
 TEST_F(Enumeration, AListingIsKeptForAsLongAsItIsRead) {
     auto ask = requests();
     const Item directory = *ask.create(root, "folder", Type::directory);
-    for (int i = 100; i < 130; ++i) {
-        EXPECT_EQ(ask.create(directory, std::to_string(i)).code(), 0);
-    }
+    fill(directory, 30);
     list(directory, 0);
     EXPECT_EQ(volume().keptEntries(), 0u) << "all of it in one page";
     for (const bool withAttributes : {false, true}) {
@@ -122,11 +130,7 @@ TEST_F(Enumeration, NoNameIsSkippedOrRepeatedWhateverChangesBetweenPages) {
     for (const bool withAttributes : {false, true}) {
         const Item directory =
             *ask.create(root, withAttributes ? "described" : "plain", Type::directory);
-        Names expected;
-        for (int i = 100; i < 130; ++i) {
-            expected.push_back(std::to_string(i));
-            EXPECT_EQ(ask.create(directory, expected.back()).code(), 0);
-        }
+        const Names expected = fill(directory, 30);
         int round = 0;
         const auto change = [&](const Names& names) {
             for (const std::string& name : names) {
@@ -144,9 +148,7 @@ TEST_F(Enumeration, NoNameIsSkippedOrRepeatedWhateverChangesBetweenPages) {
 TEST_F(Enumeration, ReadersOfOneDirectoryDoNotMakeEachOtherListItAgain) {
     auto ask = requests();
     const Item directory = *ask.create(root, "folder", Type::directory);
-    for (int i = 100; i < 160; ++i) {
-        EXPECT_EQ(ask.create(directory, std::to_string(i)).code(), 0);
-    }
+    fill(directory, 60);
     const auto touched = [&] {
         const NTFSIOStats used = volume().ioStatistics().get();
         return used.cacheHits + used.cacheMisses;
