@@ -11,6 +11,8 @@
 
 using tavelin::made;
 
+static constexpr size_t kPhysicalBlock = 4096;
+
 @implementation FSResource
 - (BOOL)isRevoked {
     return NO;
@@ -38,8 +40,6 @@ using tavelin::made;
         }
         _writable = writable;
         _size = static_cast<uint64_t>(attributes.st_size);
-        _blockSize = 512;
-        _physicalBlockSize = 4096;
     }
     return self;
 }
@@ -61,13 +61,13 @@ using tavelin::made;
     return _revokedNow;
 }
 - (uint64_t)blockSize {
-    return _blockSize;
+    return 512;
 }
 - (uint64_t)blockCount {
-    return _size / _blockSize;
+    return _size / 512;
 }
 - (uint64_t)physicalBlockSize {
-    return _physicalBlockSize;
+    return kPhysicalBlock;
 }
 
 // How much of a transfer may be moved; 0 with *error set when none.
@@ -83,8 +83,7 @@ using tavelin::made;
                                  userInfo:nil];
         return 0;
     }
-    const auto block = static_cast<off_t>(_physicalBlockSize);
-    if (offset % block != 0 || length % _physicalBlockSize != 0) {
+    if (static_cast<size_t>(offset) % kPhysicalBlock != 0 || length % kPhysicalBlock != 0) {
         *error = fs_errorForPOSIXError(EINVAL);
         return 0;
     }

@@ -17,8 +17,6 @@
     int _descriptor;
     bool _writable;
     uint64_t _size;
-    uint64_t _blockSize;
-    uint64_t _physicalBlockSize;
     std::atomic<bool> _revokedNow;     // every transfer fails with EIO
     std::atomic<uint64_t> _shortBytes; // most bytes of a transfer, without an error; 0: all
     std::atomic<bool> _stalled;        // transfers move nothing and report no error
