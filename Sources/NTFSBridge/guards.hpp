@@ -22,7 +22,9 @@ class inode_guard {
     inode_guard() noexcept = default;
     // Takes over an inode that the library has opened; null is fine.
     explicit inode_guard(ntfs_inode* inode) noexcept : inode_(inode) {}
+    // Move-only: two owners would close the inode twice.
     inode_guard(inode_guard&& other) noexcept : inode_(other.release()) {}
+    // Closes what it owned before, so that no record is open twice by accident.
     inode_guard& operator=(inode_guard&& other) noexcept {
         if (this != &other) {
             (void)close();
@@ -46,6 +48,7 @@ class inode_guard {
     // Null when nothing is open. The guard stays the owner.
     ntfs_inode* get() const noexcept { return inode_; }
     ntfs_inode* operator->() const noexcept { return inode_; }
+    // Whether an inode is open.
     explicit operator bool() const noexcept { return inode_ != nullptr; }
     // For library calls that close the inode themselves, on success and on failure.
     ntfs_inode* release() noexcept { return std::exchange(inode_, nullptr); }
@@ -67,6 +70,8 @@ struct search_release {
     }
 };
 
+// A search of an inode's attributes. It refers to the inode's memory, so it is declared after the
+// inode's guard.
 using search_guard = std::unique_ptr<ntfs_attr_search_ctx, search_release>;
 
 // The flags of a file and of its record, as they are on the volume: on a damaged one also bits that

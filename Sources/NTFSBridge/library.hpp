@@ -18,6 +18,7 @@
 #define HAVE_FFS 1
 #define HAVE_DAEMON 1
 #define HAVE_STRSEP 1
+// Where the library finds the host's byte order.
 #if defined(__linux__)
 #define HAVE_ENDIAN_H 1
 #define HAVE_BYTESWAP_H 1
@@ -37,6 +38,7 @@
 #include <utility>
 
 extern "C" {
+// The library's headers have no linkage of their own.
 #include <ntfs-3g/attrib.h>
 #include <ntfs-3g/cache.h>
 #include <ntfs-3g/device.h>

@@ -93,6 +93,8 @@ typedef struct ntb_stats {
 
 /* ---- Volume ---------------------------------------------------------------------------------- */
 
+/* Space as the library counts it, without a read of the device. A cluster is free or in use;
+ * records may be made from free clusters, and so count as free files. */
 typedef struct ntb_statfs {
     uint32_t clusterSize; /* bytes */
     uint64_t totalClusters;

@@ -9,7 +9,9 @@
 
 namespace ntb {
 
+// 100 ns each.
 inline constexpr int64_t ntfs_units_per_second = 10'000'000;
+// 1970-01-01 in these units: 134,774 days after 1601-01-01.
 inline constexpr int64_t ntfs_time_of_1970 = 116444736000000000;
 
 // Seconds are rounded toward zero. A time before 1970 that is no whole second gets 0 nanoseconds,

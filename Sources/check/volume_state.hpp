@@ -31,6 +31,7 @@ struct VolumeState {
     std::uint16_t flags = 0;
     std::uint8_t majorVersion = 0; ///< of NTFS on the volume: 3.1 since Windows XP
     std::uint8_t minorVersion = 0;
+    /// Reads as empty while a journal of ours is in the file, which leaves the file's start blank.
     LogState log = LogState::unknown;
     /// Windows holds changes of the volume in the memory image of a shutdown with fast startup.
     bool isFastStarted = false;

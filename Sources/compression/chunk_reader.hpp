@@ -82,6 +82,7 @@ class ChunkReader {
     /// Bytes of compressed chunks that are read at a time.
     static constexpr std::size_t kInputSize = 65536;
     static constexpr std::size_t kChunkSizeMax = chunkSize(Format::lzx32K);
+    /// The largest chunk of any format.
     static_assert(kChunkSizeMax == LzxDecoder::kChunkSizeMax);
     static_assert(kInputSize >= kChunkSizeMax); // no chunk is longer compressed than plain
     static_assert(kCacheSize >= kChunkSizeMax);
@@ -119,6 +120,7 @@ class ChunkReader {
     std::uint64_t tableSize_;
     std::uint64_t uses_ = 0;
 
+    /// The decoder of the file's format; chunks of all sizes of XPRESS are read by one.
     std::variant<XpressDecoder, LzxDecoder> decoder_;
     std::vector<Slot> slots_; // no more than the file has chunks
     std::unique_ptr<std::uint8_t[]> slotBytes_;

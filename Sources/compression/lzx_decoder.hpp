@@ -12,6 +12,7 @@ namespace tavelin::compression {
 /// Holds the tables of one block at a time, about 10 KiB. One thread; allocates nothing.
 class LzxDecoder {
   public:
+    /// The chunk and the window of the format, in bytes.
     static constexpr std::size_t kChunkSizeMax = 32768;
 
     /// Decodes a chunk to exactly `output.size()` bytes, at most kChunkSizeMax. False when the
@@ -26,6 +27,7 @@ class LzxDecoder {
     static constexpr unsigned kDistanceSlots = 30; // for a window of 32 KiB
     static constexpr unsigned kLengthHeaders = 8;
     static constexpr unsigned kMainSymbols = kLiterals + kDistanceSlots * kLengthHeaders;
+    /// Lengths that do not fit into a main symbol.
     static constexpr unsigned kLengthSymbols = 249;
     static constexpr unsigned kAlignedSymbols = 8;
 

@@ -18,6 +18,7 @@ class XpressDecoder {
                               std::span<std::uint8_t> output) noexcept;
 
   private:
+    /// 256 literals and 256 kinds of matches.
     static constexpr unsigned kSymbols = 512;
 
     HuffmanCode<kSymbols, 15, 11> code_;

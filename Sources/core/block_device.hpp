@@ -17,6 +17,7 @@ namespace tavelin {
 /// calls its device only under its own lock, so a device needs no lock unless others use it too.
 class BlockDevice {
   public:
+    /// Syncs nothing: whoever needs that has called sync() and looked at its answer.
     virtual ~BlockDevice() = default;
 
     /// Usable size in bytes, a whole number of blocks.
@@ -45,7 +46,9 @@ class BlockDevice {
     /// sync carries over as one: after a power cut all of them are there, or none is. A device
     /// whose writes do not wait has no capacity.
     struct Backlog {
+        /// What is pending now, in pages.
         std::uint64_t pages = 0;
+        /// The most that one sync carries as one; 0 when writes do not wait.
         std::uint64_t capacity = 0;
     };
     /// Asked before each operation of a volume, which syncs when too much is pending.

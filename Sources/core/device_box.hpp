@@ -13,6 +13,7 @@ namespace tavelin {
 class DeviceBox {
   public:
     /// The device must not be null.
+    /// Keeps the device alive for as long as the bridge may call it.
     explicit DeviceBox(std::shared_ptr<BlockDevice> boxed);
 
     /// Shared, as the host keeps the device for its own flushes and counters.

@@ -14,6 +14,7 @@ namespace tavelin {
 /// else the errno of the failed system call. Interrupted calls are repeated, short ones continued.
 class FileBlockDevice final : public BlockDevice {
   public:
+    /// A page of the cache, so that no transfer needs a bounce buffer.
     static constexpr std::uint32_t kDefaultBlockSize = 4096;
 
     /// Opens `path`, for writing too unless `readOnly`. The size is the file's, or the device's for

@@ -83,10 +83,14 @@
 
 namespace tavelin {
 
+/// One mounted volume. All operations of all threads pass through its one lock, as the library is
+/// not reentrant; each is a whole change, and syncs fall between them only.
 class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
+    /// A volume is always shared: the flush timer holds a weak reference to it.
     struct OnlyOpenMayConstruct {};
 
   public:
+    /// The root directory's record, the same on every volume.
     static constexpr std::uint64_t kRootIno = NTB_ROOT_INO;
     static constexpr double kDefaultFlushInterval = 1.0; ///< seconds
     /// Of an extended attribute that is set or read. Other systems make longer streams; their value
@@ -126,6 +130,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// the next tick. Throws std::system_error when the system has no thread to give.
     void startAutoFlush(double interval = kDefaultFlushInterval);
 
+    /// False once unmount() was called, whatever its result.
     [[nodiscard]] bool isMounted() const;
 
     // ---- The whole volume ----------------------------------------------------------------------
@@ -137,14 +142,18 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Whether names that Windows cannot use are refused for new items. Outside the lock, see
     /// above; after unmount() the process stops.
     [[nodiscard]] bool windowsNames() const;
+    /// To be set before the volume is shared.
     void setWindowsNames(bool on);
 
     /// Whether new links are made in the form of Windows where it can follow them; off at first.
     void setWindowsLinks(bool on) noexcept { windowsLinks_ = on; }
 
+    /// The label in UTF-8, empty when there is none.
     [[nodiscard]] std::string label();
     void setLabel(std::string_view label);
+    /// Space and counts as the library keeps them; reads nothing from the device.
     [[nodiscard]] NTFSStatFS statfs();
+    /// Counters since the mount.
     [[nodiscard]] NTFSIOStats ioStats();
     /// Takes the memory of the page cache from the system at once, some 32 MiB: worth it for a
     /// volume that stays mounted, as first uses then cost no faults.
@@ -179,6 +188,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// The inode that a path from the root leads to; empty components do not count, "." and ".."
     /// are names like any other. The lock is taken once a component.
     [[nodiscard]] std::uint64_t resolve(std::string_view path);
+    /// The attributes of an item at this moment.
     [[nodiscard]] NTFSAttributes attributes(std::uint64_t ino);
     /// The attributes of what a name stands for, in one go; absent when there is no such name.
     [[nodiscard]] std::optional<NTFSAttributes> find(std::string_view name, std::uint64_t parent);
@@ -217,6 +227,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
                   const std::optional<std::timespec>& modify,
                   const std::optional<std::timespec>& change,
                   const std::optional<std::timespec>& birth);
+    /// Sets or clears the attribute by which Windows hides an item.
     void setHidden(std::uint64_t ino, bool hidden);
 
     // ---- File data: always the unnamed stream --------------------------------------------------
@@ -225,6 +236,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// of the file.
     [[nodiscard]] std::size_t read(std::uint64_t ino, std::uint64_t offset, std::byte* destination,
                                    std::size_t length);
+    /// The same into memory of its own, for callers that have none.
     [[nodiscard]] std::vector<std::byte> read(std::uint64_t ino, std::uint64_t offset,
                                               std::size_t length);
     /// Writes straight from the caller's memory, extending the file as needed. What does not fit as
@@ -238,12 +250,16 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
 
     // ---- Extended attributes: named streams; links have none -----------------------------------
 
+    /// The names of all streams that are attributes, in UTF-8 and without a prefix.
     [[nodiscard]] std::vector<std::string> xattrNames(std::uint64_t ino);
+    /// The whole value of one stream.
     [[nodiscard]] std::vector<std::byte> xattr(std::string_view name, std::uint64_t ino);
     /// How many bytes xattr() would answer.
     [[nodiscard]] std::uint64_t xattrSize(std::string_view name, std::uint64_t ino);
+    /// Replaces the whole value of a stream, which is made when there is none, as `policy` allows.
     void setXattr(std::string_view name, std::uint64_t ino, std::span<const std::byte> value,
                   XattrPolicy policy);
+    /// Removes a stream and gives its space back.
     void removeXattr(std::string_view name, std::uint64_t ino);
 
   private:
@@ -271,19 +287,26 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// The same for a file's data. Logs why the data of some files cannot be had, `what` being what
     /// was asked for: "read".
     void checkData(std::int32_t result, std::uint64_t ino, std::string_view what);
+    /// One tick of the flush timer: syncs what has changed, and settles the device when nothing has
+    /// since the tick before.
     void flushTick() noexcept;
     /// Syncs when so much waits that what comes next may not fit into one sync of the device, or
     /// that the bridge's cache may write it back on its own. Between two operations is where a sync
     /// must fall for a power cut to leave both whole.
     void flushIfNearCapacity() noexcept TAVELIN_REQUIRES(lock_);
 
+    /// Outlives vol_, whose callbacks have it as their context.
     DeviceBox box_;
     mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::items)
         TAVELIN_ACQUIRED_BEFORE(lock_order::devices);
+    /// The bridge's volume; null from unmount() on.
     ntb_vol* vol_ TAVELIN_GUARDED_BY(lock_) = nullptr;
     std::shared_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
+    /// Refused reads and writes so far. Only the first few are explained in the log.
     std::atomic<std::uint32_t> refusals_{0};
+    /// Read by every creation of a link, on any thread.
     std::atomic<bool> windowsLinks_{false};
+    /// Constant once the volume is open.
     bool readOnly_ = false;
     std::uint64_t serial_ = 0;
 };

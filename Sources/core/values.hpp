@@ -18,6 +18,8 @@
 namespace tavelin {
 
 /// What an item is. The raw values are the bridge's NTB_TYPE_ codes.
+/// NTFS itself knows files and directories. The other kinds are files with a reparse point, or
+/// system files with a marker in their data.
 enum class NTFSItemType : std::uint32_t {
     file = 1,
     directory = 2,
@@ -38,6 +40,8 @@ enum class NTFSItemType : std::uint32_t {
 }
 
 /// Where the bytes of a file are. The raw values are the bridge's NTB_DATA_ codes.
+/// A file may have a size and no bytes here: deduplicated, in a cloud, or compressed by a means of
+/// its own.
 enum class NTFSDataState : std::uint32_t {
     here = 0,
     systemCompressed = 1, ///< read as usual; the first change decompresses the file
@@ -70,14 +74,19 @@ struct NTFSAttributes {
     /// Names of the file as NTFS counts them: a DOS name counts as one of its own. 2 for
     /// directories.
     std::uint32_t linkCount = 0;
-    std::uint64_t size = 0;      ///< logical size; of a link, the length of its target
+    std::uint64_t size = 0; ///< logical size; of a link, the length of its target
+    /// Smaller than the size for a file with holes or a compressed one.
     std::uint64_t allocSize = 0; ///< space taken on the volume
     bool hidden = false;         ///< the four Windows attributes
     bool readOnly = false;
     bool system = false;
     bool compressed = false;
-    bool volumeLink = false;      ///< a link whose target is a path from the volume's root
+    /// A mount has another root, so its target is shown relative to the link's directory.
+    bool volumeLink = false; ///< a link whose target is a path from the volume's root
+    /// What the item is beyond a file or directory, as Windows tags it.
     std::uint32_t reparseTag = 0; ///< 0: none; reparse_tags.hpp knows the others
+    /// Whether the bytes can be had. Reading and writing a file whose bytes are elsewhere is
+    /// refused.
     NTFSDataState dataState = NTFSDataState::here;
     std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
     std::timespec accessTime{};
@@ -94,6 +103,7 @@ struct NTFSAttributes {
 /// the change had succeeded, its attributes are absent: the change is not taken back for that.
 struct NTFSChange {
     NTFSAttributes item; ///< of one that lost its last name: as it was, with a link count of 0
+    /// After the change, so its times are new.
     std::optional<NTFSAttributes> directory;
     std::uint64_t freeBytes = 0; ///< of the volume
 
@@ -101,6 +111,7 @@ struct NTFSChange {
 };
 
 /// The same of a rename.
+/// Both directories are answered even where they are the same one.
 struct NTFSRename {
     NTFSAttributes item;
     std::optional<NTFSAttributes> source; ///< the two directories
@@ -157,6 +168,7 @@ struct NTFSIOStats {
     std::uint64_t deviceWrites = 0;
     std::uint64_t readBytes = 0;
     std::uint64_t writeBytes = 0;
+    /// 0 as long as every layer above keeps to whole blocks.
     std::uint64_t unalignedOps = 0; ///< device calls that needed a bounce buffer
     std::uint64_t cacheHits = 0;    ///< pages
     std::uint64_t cacheMisses = 0;

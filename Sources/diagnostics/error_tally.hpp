@@ -47,6 +47,7 @@ class ErrorTally {
     const std::int64_t maxDetails_;
     mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::devices);
     std::map<std::int32_t, std::int64_t> counts_ TAVELIN_GUARDED_BY(lock_);
+    /// The first unusual errors, as "op:code".
     std::vector<std::string> first_ TAVELIN_GUARDED_BY(lock_);
 };
 

@@ -84,7 +84,9 @@ class EventLog {
     [[nodiscard]] static std::string iso(Date date);
 
   private:
+    /// Writes one whole line, after a rotation where it would not fit.
     void append(std::string_view line) const TAVELIN_REQUIRES(lock_);
+    /// The current file becomes the previous generation.
     void rotate() const TAVELIN_REQUIRES(lock_);
 
     const std::optional<std::filesystem::path> url_; ///< absent: the log is inert

@@ -18,6 +18,7 @@ class BlockDeviceAdapter final : public fskit::FSBlockDeviceResource {
     explicit BlockDeviceAdapter(::FSBlockDeviceResource* resource) : resource_(resource) {}
 
     bool isRevoked() const override { return resource_.get().revoked; }
+    /// "disk4s1", for logs and events.
     std::string BSDName() const override;
     bool isWritable() const override { return resource_.get().writable; }
     std::uint64_t blockSize() const override { return resource_.get().blockSize; }

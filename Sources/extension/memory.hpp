@@ -15,8 +15,11 @@ class Strong {
     Strong() = default;
     /// Keeps the object; nil is fine.
     explicit Strong(Object object) : object_(retained(object)) {}
+    /// One more reference to the same object.
     Strong(const Strong& other) : object_(retained(other.object_)) {}
+    /// Leaves the other one empty, without counting.
     Strong(Strong&& other) noexcept : object_(std::exchange(other.object_, nil)) {}
+    /// By value, so that the old object is released after the new one is held.
     Strong& operator=(Strong other) noexcept {
         std::swap(object_, other.object_);
         return *this;

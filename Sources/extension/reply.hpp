@@ -23,6 +23,7 @@ namespace tavelin {
 /// The arguments of a reply whose request failed: the error where the block takes one, else nothing
 /// (nil, 0).
 template<typename... Arguments>
+/// Also what a block is called with when nothing could be made for it.
 std::tuple<Arguments...> failure([[maybe_unused]] NSError* error) {
     const auto argument = [error]<typename Argument>(std::type_identity<Argument>) -> Argument {
         if constexpr (std::is_same_v<Argument, NSError*>) {
@@ -41,10 +42,13 @@ std::tuple<Arguments...> argumentsOf(std::tuple<Arguments...> arguments) {
     return arguments;
 }
 template<typename Error>
+/// For a block that takes an error alone: nil for success.
 std::tuple<Error> argumentsOf(const Outcome<void>& outcome) {
     return {outcome ? nil : toFSKit(outcome.error())};
 }
 template<typename Value, typename Error, typename Answer>
+/// For a block that takes a value and an error. The value is converted where FSKit has another
+/// type.
 std::tuple<Value, Error> argumentsOf(const Outcome<Answer>& outcome) {
     if (!outcome) {
         return failure<Value, Error>(toFSKit(outcome.error()));
@@ -67,7 +71,10 @@ std::tuple<Arguments...> argumentsOf(const Outcome<Answer>& outcome, const Succe
 /// mounted.
 template<typename... Arguments, typename Request>
 void serve(void (^block)(Arguments...), const Request& request) noexcept {
+    /// Made completely before the block runs: FSKit may call back into the volume from it.
     std::tuple<Arguments...> arguments;
+    /// Set where the request itself did not answer. The arguments are made from it outside the
+    /// handlers, as making them may fail in its turn and end the process there.
     std::int32_t code = 0;
     try {
         arguments = argumentsOf<Arguments...>(request());

@@ -13,7 +13,9 @@
 /// thread at any time, as for that volume.
 @interface TavelinVolume : FSVolume <FSVolumeOperations> {
   @private
+    /* What requests go to. Shared with the file system, which closes it at the unload. */
     std::shared_ptr<tavelin::TavelinVolume> _volume;
+    /* The items that FSKit holds; refers to _volume and is made after it. */
     std::unique_ptr<tavelin::HandedItems> _handed;
     tavelin::Strong<FSUnaryFileSystem *> _fileSystem;
 }
@@ -24,8 +26,10 @@
 @property (nonatomic, readonly) NSUInteger handedItemCount;
 @end
 
+/* Requests for contents: reading, writing, opening and closing. */
 @interface TavelinVolume (Data) <FSVolumeReadWriteOperations, FSVolumeOpenCloseOperations>
 @end
 
+/* The volume's name and extended attributes. */
 @interface TavelinVolume (Names) <FSVolumeRenameOperations, FSVolumeXattrOperations>
 @end

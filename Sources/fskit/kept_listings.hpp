@@ -55,7 +55,9 @@ class KeptListings {
     Listings takeOutWhere(const Wanted& wanted);
 
     Listings listings_; // least recently used first
+    /// Kept beside the listings, so that their limit costs no walk.
     std::size_t entryCount_ = 0;
+    /// Verifiers are numbered upwards and never used again.
     std::uint64_t lastVerifier_ = 0;
 };
 

@@ -24,6 +24,7 @@ class NItem final : public fskit::FSItem {
     const std::uint64_t reference;
     const std::uint64_t ino; ///< NTFS file record number
     /// Record number of the directory through which the item was last reached.
+    /// Changed by lookups and renames on any thread; the last one counts.
     std::atomic<std::uint64_t> parent;
 
   private:

@@ -27,6 +27,7 @@ class ResourceDevice final : public BlockDevice {
     [[nodiscard]] std::uint32_t blockSize() const noexcept override { return blockSize_; }
     [[nodiscard]] std::uint64_t size() const noexcept override { return size_; }
 
+    /// All of the range or an error, although the resource may transfer less in one call.
     [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
                                     std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
@@ -50,6 +51,7 @@ class ResourceDevice final : public BlockDevice {
     /// The host's errno for an error of the resource.
     [[nodiscard]] static std::int32_t errorNumber(const fskit::Error& error) noexcept;
 
+    /// Kept for as long as the device lives.
     const std::shared_ptr<fskit::FSBlockDeviceResource> resource;
 
   private:

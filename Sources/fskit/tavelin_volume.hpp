@@ -284,7 +284,9 @@ class TavelinVolume final : public fskit::FSVolume,
 
     /// By record number: a record has one file at a time.
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);
+    /// Of readers that have not reached the end.
     KeptListings listings_ TAVELIN_GUARDED_BY(items);
+    /// The one item that a reclaim leaves registered.
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
     /// On at first, as FSKit has it.
     std::atomic<bool> openCloseInhibited_{true};

@@ -38,6 +38,7 @@ class EntryPacker final : public fskit::FSDirectoryEntryPacker {
                          std::size_t entries = std::numeric_limits<std::size_t>::max())
         : bytes_(bytes), most_(entries) {}
 
+    /// Copies the name and the attributes: the volume's are valid during the call only.
     bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
                    fskit::FSItemID itemID, fskit::FSDirectoryCookie nextCookie,
                    const fskit::FSItemAttributes* attributes) override {
@@ -66,7 +67,9 @@ class EntryPacker final : public fskit::FSDirectoryEntryPacker {
 
   private:
     const std::size_t bytes_;
+    /// Entries that a page takes.
     const std::size_t most_;
+    /// Bytes of the page that its entries have taken.
     std::size_t used_ = 0;
     std::vector<DirectoryEntry> entries_;
 };

@@ -39,6 +39,7 @@ class ImageFile {
     [[nodiscard]] std::uint64_t blockSize() const noexcept { return blockSize_; }
     [[nodiscard]] std::uint64_t physicalBlockSize() const noexcept { return physicalBlockSize_; }
 
+    /// How many bytes were transferred, and why it stopped.
     using Transferred = FileDescriptor::Transferred;
     /// Reads and writes at an offset, all of it unless there is an error. A write marks the file as
     /// in need of a flush.

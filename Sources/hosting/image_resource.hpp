@@ -32,6 +32,7 @@ class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {
 /// callers' business.
 class ImageResource final : public HostResource {
   public:
+    /// How the image is offered as a device. Defaults take it as a whole, as it says itself.
     struct Settings {
         bool readOnly = false; ///< only read, whatever is allowed
         /// What the device says of itself: multiples of 512, or 0 for the device node's own values

@@ -16,14 +16,18 @@ namespace tavelin {
 /// nothing but its destruction. May be used by several threads at a time, except to move it.
 class ItemRef {
   public:
+    /// An empty handle, which gives nothing back.
     ItemRef() = default;
     /// Takes over one hand-out of `item`.
     ItemRef(ExtendedOperations& volume, fskit::FSItemRef item) noexcept
         : volume_(&volume), item_(std::move(item)) {
         TAVELIN_ASSERT(item_ != nullptr);
     }
+    /// The other handle is empty afterwards.
     ItemRef(ItemRef&& other) noexcept
         : volume_(other.volume_), item_(std::exchange(other.item_, nullptr)) {}
+    /// Swaps, so that the old item is given back when the other handle goes, and not under a lock
+    /// that the caller may hold.
     ItemRef& operator=(ItemRef&& other) noexcept {
         std::swap(volume_, other.volume_);
         std::swap(item_, other.item_);
@@ -37,6 +41,7 @@ class ItemRef {
         }
     }
 
+    /// Whether there is an item.
     explicit operator bool() const noexcept { return item_ != nullptr; }
     /// Absent for an empty handle.
     [[nodiscard]] const fskit::FSItemRef& item() const noexcept { return item_; }
@@ -54,6 +59,7 @@ class ItemRef {
     }
 
   private:
+    /// Where the hand-out is given back; null in an empty handle. The module host keeps it alive.
     ExtendedOperations* volume_ = nullptr;
     fskit::FSItemRef item_;
 };

@@ -95,6 +95,7 @@ class ModuleHost {
     [[nodiscard]] HostResource& resource() noexcept { return *resource_; }
 
   private:
+    /// The states of the drawing above, and `unmounted` between unmount and deactivation.
     enum class State { idle, loaded, active, mounted, unmounted };
 
     /// Stops the process unless the step's turn has come.
@@ -103,6 +104,7 @@ class ModuleHost {
     const std::shared_ptr<HostResource> resource_;
     const std::unique_ptr<fskit::FSUnaryFileSystem> module_;
     State state_ = State::idle;
+    /// Set by a load that asked for writing and could only read.
     bool fellBack_ = false;
     std::unique_ptr<VolumeClient> volume_;
 };

@@ -10,6 +10,7 @@ namespace tavelin {
 /// what() is a whole sentence part for the user: "disk.img: not an NTFS volume".
 class OpenError : public std::runtime_error {
   public:
+    /// For programs, which must not take messages apart.
     enum class Reason {
         notFound,       ///< no such file or device
         permission,     ///< the host does not let this user at it
@@ -25,6 +26,7 @@ class OpenError : public std::runtime_error {
         : std::runtime_error(image + ": " + why), reason_(reason), code_(code) {}
 
     [[nodiscard]] Reason reason() const noexcept { return reason_; }
+    /// The error of the system or the volume behind it, in macOS numbers; 0 where there is none.
     [[nodiscard]] std::int32_t code() const noexcept { return code_; }
 
   private:

@@ -14,8 +14,10 @@
 
 namespace tavelin {
 
+/// As many as the kernel of Linux follows in one path.
 inline constexpr int kLinkDepthMax = 40;
 
+/// Whether a path whose last component is a symbolic link leads to the link or to its target.
 enum class LastLink { follow, keep };
 
 /// The item that a path leads to, and its attributes.

@@ -45,6 +45,7 @@ class FileDescriptor {
     /// Opens `path`, closed on exec. Empty, with errno set, where that fails.
     FileDescriptor(const char* path, int flags, mode_t mode = 0) noexcept;
     FileDescriptor(FileDescriptor&& other) noexcept : number_(other.release()) {}
+    /// Closes what it owned before.
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         reset(other.release());
         return *this;
@@ -63,6 +64,7 @@ class FileDescriptor {
     /// another file.
     [[nodiscard]] int close() noexcept;
 
+    /// How far a transfer came. Both members can say something: an error after some bytes.
     struct Transferred {
         std::size_t bytes = 0; ///< all that was asked, unless there was an error or the end
         int error = 0;         ///< why it stopped; `bytes` were transferred before

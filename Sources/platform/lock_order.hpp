@@ -13,6 +13,7 @@
 
 namespace tavelin::lock_order {
 
+/// A name that stands for every lock of one level in the annotations.
 class TAVELIN_CAPABILITY("level") Level {};
 
 /// Work on orphans in the background, which a mount suspends as a whole.

@@ -8,6 +8,7 @@
 
 namespace tavelin {
 
+/// One line of the table. Paths are as this process sees them, with their escapes undone.
 struct MountEntry {
     int id = 0;         ///< of this mount while it lasts; the kernel gives it to another afterwards
     std::string device; ///< "major:minor"

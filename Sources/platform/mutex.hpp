@@ -55,12 +55,14 @@ class TAVELIN_CAPABILITY("mutex") Mutex {
 
   private:
     friend class ConditionVariable;
+    /// What ConditionVariable waits with.
     std::mutex native_;
 };
 
 /// Holds a mutex from construction to the end of the scope. The mutex outlives it.
 class TAVELIN_SCOPED_CAPABILITY MutexLock {
   public:
+    /// Waits until the mutex is free.
     explicit MutexLock(Mutex& mutex) TAVELIN_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     ~MutexLock() TAVELIN_RELEASE() { mutex_.unlock(); }
     MutexLock(const MutexLock&) = delete;

@@ -15,6 +15,7 @@
 
 namespace tavelin {
 
+/// A plain value; the two times are independent of each other.
 struct TimerSchedule {
     /// Time from start() to the first tick, and from tick to tick. Positive.
     std::chrono::nanoseconds interval;

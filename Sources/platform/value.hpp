@@ -30,6 +30,7 @@ class Value {
     /// Sorted by key, so that its text form is the same on every run. Looks keys up without
     /// making a std::string.
     using Map = std::map<std::string, Value, std::less<>>;
+    /// All kinds that a value can be of.
     using Storage =
         std::variant<std::string, bool, std::int64_t, std::uint64_t, double, Date, List, Map>;
 
@@ -50,6 +51,7 @@ class Value {
     /// For std::visit over every kind.
     [[nodiscard]] const Storage& storage() const { return storage_; }
 
+    /// Equal in kind and content: an integer equals no floating-point number.
     friend bool operator==(const Value&, const Value&) = default;
 
   private:

@@ -1,4 +1,4 @@
-// Runs changes on a recording disk, cuts the power at every write, and judges what is left.
+// Runs changes on a recording disk, cuts the power at every write, and examines what is left.
 #pragma once
 
 #include "crash/crash_report.hpp"
@@ -10,7 +10,7 @@
 namespace tavelin::test {
 
 struct Cuts {
-    // `dropped` is tried where a promise was made; before, it is a shorter prefix.
+    // `dropped` is tried at persistence points; before, it is a shorter prefix.
     std::vector<Cut> kinds{Cut::prefix, Cut::torn, Cut::tornPages, Cut::reordered, Cut::dropped};
     unsigned reorderings = 2;    // random ones for each cut point
     unsigned imagesPerCheck = 1; // of the images in order, one in so many is checked

@@ -30,7 +30,9 @@ struct ntb_devctx {
 
     const ntb_io io;
     uint64_t position = 0; // bytes, for the calls that have no offset of their own
+    // By request. The library may refuse writes on its own besides.
     const uint32_t read_only;
+    // Survives a volume that is opened again, so that its counts go on.
     ntb_stats* const stats;
     page_cache cache;
     undo_log undo; // of the operation that is under way, if it may fail half-way

@@ -25,7 +25,13 @@ struct ntb_cache_slot {
 
 class page_cache {
   public:
+    // The size of most volumes' clusters and of index blocks, so that one metadata write is mostly
+    // one page.
     static constexpr uint32_t page_size = NTB_PAGE_BYTES;
+    // Enough that pages of one remainder seldom push each other out, few enough to search one by
+    // one.
+    // Enough that pages of one remainder seldom push each other out, few enough to search one by
+    // one.
     static constexpr uint32_t way_count = 8;
     static constexpr uint32_t full_set_count = 1024;
     static constexpr uint32_t slot_count = full_set_count * way_count;
@@ -36,6 +42,8 @@ class page_cache {
         uint64_t{run_pages_max} * page_size > NTB_CACHED_BYTES_MAX,
         "a fetch of the longest cached transfer fits into the staging memory, be its ends "
         "aligned or not");
+    // As the end of a range: every page from its first one on.
+    // As the end of a range: every page from its first one on.
     static constexpr uint64_t last_page = UINT64_MAX;
 
     // Off until enable(). io and stats belong to the volume and outlive the cache.

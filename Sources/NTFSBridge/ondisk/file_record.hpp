@@ -41,6 +41,7 @@ class record_view {
     [[nodiscard]] uint32_t used() const noexcept { return u32_at(at(0), 0x18); }
     [[nodiscard]] uint32_t allocated() const noexcept { return u32_at(at(0), 0x1c); }
     // 0 in a base record.
+    // A reference to the record that this one continues.
     [[nodiscard]] uint64_t base() const noexcept { return u64_at(at(0), 0x20); }
     // The instance number that the next attribute gets; attribute lists refer to attributes by it.
     [[nodiscard]] uint16_t next_instance() const noexcept { return u16_at(at(0), 0x28); }
@@ -50,6 +51,7 @@ class record_view {
     [[nodiscard]] uint32_t number() const noexcept { return u32_at(at(0), 0x2c); }
 
   private:
+    // The fixed part of a record's header, before the update sequence array.
     static constexpr uint64_t header_bytes = 0x30;
 
     [[nodiscard]] const uint8_t* at(uint64_t offset) const noexcept {
@@ -68,6 +70,7 @@ class attribute_view {
     explicit attribute_view(std::span<const uint8_t> bytes) noexcept : bytes_(bytes) {}
 
     [[nodiscard]] std::span<const uint8_t> bytes() const noexcept { return bytes_; }
+    // An attribute_type, or a number that no version of NTFS has: the disk's word.
     [[nodiscard]] uint32_t type() const noexcept { return u32_at(at(0), 0x00); }
     // Resident: the value is inside the record. Otherwise it is in clusters that the mapping pairs
     // list.
@@ -98,6 +101,7 @@ class attribute_view {
     // long run list has several extents, in records of their own.
     [[nodiscard]] uint64_t lowest_vcn() const noexcept { return u64_at(non_resident(), 0x10); }
     [[nodiscard]] uint64_t highest_vcn() const noexcept { return u64_at(non_resident(), 0x18); }
+    // The clusters that are compressed together, as an exponent of 2.
     [[nodiscard]] uint8_t compression_unit() const noexcept { // power of two
         return non_resident()[0x22];
     }

@@ -8,6 +8,7 @@
 namespace ntb {
 
 // An unsigned number of `width` bytes, at most 8.
+// Also for the odd widths that mapping pairs have.
 [[nodiscard]] constexpr uint64_t unsigned_at(const uint8_t* bytes, uint64_t offset,
                                              unsigned width) noexcept {
     uint64_t number = 0;

@@ -18,6 +18,7 @@ namespace tavelin::Driver2 {
 [[nodiscard]] std::string describe(std::int32_t code);
 
 template<typename T>
+/// What an open gave, and in which way.
 struct Opened {
     T value;
     bool fellBack = false; ///< opened read-only although read-write was asked for
@@ -36,6 +37,7 @@ template<typename Open>
             throw;
         }
     }
+    /// Outside the handler, so that an exception of this attempt replaces the first one.
     return {std::invoke(open, true), true};
 }
 

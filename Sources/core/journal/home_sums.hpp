@@ -31,8 +31,10 @@ class HomeSums {
     [[nodiscard]] const SectorSums* find(std::uint64_t page) const noexcept;
 
   private:
+    /// No device has a page with this number.
     static constexpr std::uint64_t kNoPage = UINT64_MAX;
 
+    /// One remembered page. Pages with the same remainder take turns in a slot.
     struct Slot {
         std::uint64_t page = kNoPage;
         SectorSums sums{};

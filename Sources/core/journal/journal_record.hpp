@@ -31,14 +31,17 @@ static_assert(sizeof(DevicePage) == kSectorBytes * kSectorsPerPage);
 /// does not have is zero.
 using PageMap = std::map<std::uint64_t, std::unique_ptr<DevicePage>>;
 
+/// One page of a record: where it belongs, and its content before and after by checksums.
 struct JournalEntry {
     std::uint64_t page = 0;
     SectorSums before{};
     SectorSums after{};
 };
 
+/// The fixed part of a header. A plain value; the functions below touch no device.
 struct JournalRecord {
     std::uint32_t pages = 0;
+    /// Written as 0 and ignored, for later versions of the format.
     std::uint32_t flags = 0;
     std::uint64_t serial = 0;   ///< of the volume
     std::uint64_t session = 0;  ///< random, the same in all records of a session

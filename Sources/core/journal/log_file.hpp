@@ -42,6 +42,7 @@ class LogFile {
 
     [[nodiscard]] std::uint64_t size() const noexcept { return size_; } ///< bytes, whole pages
 
+    /// Offsets are those of the file and, like lengths, whole blocks of the device.
     [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
                                     std::uint64_t length) const noexcept;
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
@@ -53,6 +54,7 @@ class LogFile {
     /// all of them are lost.
     [[nodiscard]] std::int32_t isBlank(std::uint64_t begin, std::uint64_t end, bool& blank,
                                        bool& lost) const noexcept;
+    /// Fills a range with 0xff. After an error a part of it may have been filled.
     [[nodiscard]] std::int32_t makeBlank(std::uint64_t begin, std::uint64_t end) noexcept;
     /// The same for each page that lets itself be written.
     void makeBlankWherePossible(std::uint64_t begin, std::uint64_t end) noexcept;
@@ -65,6 +67,7 @@ class LogFile {
     [[nodiscard]] bool overlaps(std::uint64_t offset, std::uint64_t length) const noexcept;
 
   private:
+    /// The extents were found sound by the bridge and aligned by find().
     LogFile(std::shared_ptr<BlockDevice> device, std::vector<ntb_extent> extents);
 
     /// Calls transfer(done, deviceOffset, count) for each piece of the range.
@@ -73,7 +76,9 @@ class LogFile {
                            Transfer transfer) const noexcept;
 
     std::shared_ptr<BlockDevice> device_;
+    /// In the order of the file, whole pages each, at most 64.
     std::vector<ntb_extent> extents_;
+    /// Bytes of all extents together.
     std::uint64_t size_ = 0;
 };
 

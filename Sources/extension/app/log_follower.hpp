@@ -19,10 +19,12 @@ class LogFollower {
     [[nodiscard]] std::string added();
 
   private:
+    /// The last whole lines of the log, for the first call.
     [[nodiscard]] std::string end();
 
     const EventLog& log_;
     const std::int64_t firstBytes_;
+    /// Where the next call goes on, in bytes of the log's file.
     std::uint64_t offset_ = 0;
     bool begun_ = false;
 };

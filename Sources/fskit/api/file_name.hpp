@@ -11,6 +11,7 @@ namespace fskit {
 class FSFileName {
   public:
     FSFileName() = default;
+    /// A NUL ends the name, as it does for the kernel.
     explicit FSFileName(std::string_view bytes) : data_(bytes.substr(0, bytes.find('\0'))) {}
 
     /// Becomes another name, in the memory of the one that it was.

@@ -34,22 +34,37 @@ using FSItemAttributeSet = std::uint64_t;
 
 /// The bits of a set.
 namespace FSItemAttribute {
+/// Always valid on an item that a volume describes.
 inline constexpr FSItemAttributeSet type = 1u << 0;
+/// The file type is in it as well, as in st_mode.
 inline constexpr FSItemAttributeSet mode = 1u << 1;
+/// A DOS name counts as one of its own.
 inline constexpr FSItemAttributeSet linkCount = 1u << 2;
+/// Accepted when set and not kept: NTFS has other owners.
 inline constexpr FSItemAttributeSet uid = 1u << 3;
+/// As for uid.
 inline constexpr FSItemAttributeSet gid = 1u << 4;
+/// The flags of chflags(2), of which volumes of ours keep kHiddenFlag alone.
 inline constexpr FSItemAttributeSet flags = 1u << 5;
+/// Setting it truncates or extends a file.
 inline constexpr FSItemAttributeSet size = 1u << 6;
+/// Set by the volume alone.
 inline constexpr FSItemAttributeSet allocSize = 1u << 7;
+/// The item's number, set by the volume alone.
 inline constexpr FSItemAttributeSet fileID = 1u << 8;
+/// The directory that the item was last reached through: a file with several names has several.
 inline constexpr FSItemAttributeSet parentID = 1u << 9;
 inline constexpr FSItemAttributeSet accessTime = 1u << 10;
 inline constexpr FSItemAttributeSet modifyTime = 1u << 11;
+/// The last change of the item's own record, not only of its data.
 inline constexpr FSItemAttributeSet changeTime = 1u << 12;
 inline constexpr FSItemAttributeSet birthTime = 1u << 13;
+/// NTFS does not keep it: shown as 0.
 inline constexpr FSItemAttributeSet backupTime = 1u << 14;
+/// When the item came to its directory. NTFS does not record it, so the creation stands for it.
 inline constexpr FSItemAttributeSet addedTime = 1u << 15;
+/// This one and the next are FSKit's own. Our volumes answer false for the first and leave the
+/// second unset.
 inline constexpr FSItemAttributeSet supportsLimitedXAttrs = 1u << 16;
 inline constexpr FSItemAttributeSet inhibitKernelOffloadedIO = 1u << 17;
 } // namespace FSItemAttribute
@@ -91,9 +106,11 @@ inline constexpr std::uint32_t compressed = 0x800;
 /// What FSKit has no property for, and hosts beside it can show. No binding passes it on.
 struct FSItemNativeAttributes {
     std::uint32_t reparseTag = 0; ///< 0: none
+    /// Why a read may be refused although the file has a size.
     FSItemDataState dataState = FSItemDataState::here;
-    bool volumeLink = false;         ///< a link whose target is a path from the volume's root
-    std::uint64_t device = 0;        ///< of a device: its major number << 32 | its minor number
+    bool volumeLink = false;  ///< a link whose target is a path from the volume's root
+    std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
+    /// Beside the flags of FSItemAttributes, which have no bit for most of them.
     std::uint32_t dosAttributes = 0; ///< FSItemDOSAttribute bits
     std::uint16_t sequence = 0; ///< of the file record: it changes when the record changes hands
 };
@@ -115,14 +132,19 @@ class FSItemAttributes {
     std::uint32_t linkCount() const noexcept { return linkCount_; }
     std::uint32_t uid() const noexcept { return uid_; }
     std::uint32_t gid() const noexcept { return gid_; }
-    std::uint32_t flags() const noexcept { return flags_; }         ///< st_flags: UF_..., SF_...
-    std::uint64_t size() const noexcept { return size_; }           ///< bytes
+    std::uint32_t flags() const noexcept { return flags_; } ///< st_flags: UF_..., SF_...
+    /// The logical size; of a link, the length of its target.
+    std::uint64_t size() const noexcept { return size_; } ///< bytes
+    /// Space on the volume.
     std::uint64_t allocSize() const noexcept { return allocSize_; } ///< bytes
     FSItemID fileID() const noexcept { return fileID_; }
+    /// FSItemIDParentOfRoot for the root.
     FSItemID parentID() const noexcept { return parentID_; }
     /// Times count from 1970-01-01 UTC.
     const std::timespec& accessTime() const noexcept { return accessTime_; }
     const std::timespec& modifyTime() const noexcept { return modifyTime_; }
+    /// When the attributes last changed; the others are the last read, the last write and the
+    /// creation.
     const std::timespec& changeTime() const noexcept { return changeTime_; }
     const std::timespec& birthTime() const noexcept { return birthTime_; }
     const std::timespec& backupTime() const noexcept { return backupTime_; }

@@ -13,6 +13,7 @@
 namespace fskit {
 
 template<typename Value>
+/// Holds exactly one of the two.
 class [[nodiscard]] Outcome {
   public:
     /// Implicit, so that a request returns its value or its error as it is.
@@ -45,6 +46,7 @@ class [[nodiscard]] Outcome {
 };
 
 template<>
+/// A request that answers nothing but whether it succeeded.
 class [[nodiscard]] Outcome<void> {
   public:
     Outcome() = default;

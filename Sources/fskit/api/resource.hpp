@@ -23,7 +23,9 @@ class FSResource {
 /// made from any thread; they throw Error when the device failed.
 class FSBlockDeviceResource : public FSResource {
   public:
+    /// For people: logs and messages name the device by it.
     virtual std::string BSDName() const = 0; ///< as "disk4s1"
+    /// Whether the medium takes writes at all. The same for the resource's whole life.
     virtual bool isWritable() const = 0;
     virtual std::uint64_t blockSize() const = 0; ///< bytes
     /// Blocks of blockSize() bytes.
@@ -32,11 +34,13 @@ class FSBlockDeviceResource : public FSResource {
 
     /// Direct I/O: may complete short, without an error. Answers the count transferred.
     virtual std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) = 0;
+    /// The same for writing; what was not transferred is the caller's to repeat.
     virtual std::size_t write(const std::byte* buffer, std::uint64_t offset,
                               std::size_t length) = 0;
 
     /// I/O through the kernel's buffer cache: never partial. A delayed write reaches the device
     /// with the next flush.
+    /// Fills all of `buffer` or throws.
     virtual void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) = 0;
     virtual void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
                                       std::size_t length) = 0;
@@ -56,9 +60,11 @@ enum class FSMatchResult : std::int64_t {
 struct FSProbeResult {
     FSMatchResult result = FSMatchResult::notRecognized;
     std::optional<std::string> name;
+    /// By which the host knows the volume again.
     std::optional<FSContainerIdentifier> containerID;
 
     static FSProbeResult notRecognized() { return {}; }
+    /// A volume of this module, under the name that people know it by.
     static FSProbeResult usable(std::string name, FSContainerIdentifier containerID) {
         return {FSMatchResult::usable, std::move(name), containerID};
     }
@@ -74,6 +80,7 @@ struct FSContainerStatus {
 
     static FSContainerStatus ready() { return {FSContainerState::ready, std::nullopt}; }
     static FSContainerStatus active() { return {FSContainerState::active, std::nullopt}; }
+    /// Why nothing can be loaded.
     static FSContainerStatus notReady(Error status) {
         return {FSContainerState::notReady, std::move(status)};
     }

@@ -13,6 +13,7 @@ namespace fskit {
 
 /// Option words as a command line has them, already split.
 struct FSTaskOptions {
+    /// "-o", "ro,windows_names": a list stays one word until the module splits it.
     std::vector<std::string> taskOptions;
 };
 

@@ -42,6 +42,7 @@ struct FSLookupItemResult {
     FSItemAttributes itemAttributes;
 };
 
+/// `newItemName` is the name as it was stored.
 struct FSCreateItemResult {
     /// Handed out, like the item of a lookup.
     FSItemRef newItem;
@@ -68,6 +69,7 @@ struct FSRemoveItemResult {
 
 /// Where both names are in one directory, the attributes of the two directories are the same.
 struct FSRenameItemResult {
+    /// As it was stored.
     FSFileName newName;
     FSItemAttributes renamedItemAttributes;
     FSItemAttributes sourceDirectoryAttributes;
@@ -77,6 +79,7 @@ struct FSRenameItemResult {
     std::uint64_t freeSpace = 0;
 };
 
+/// The attributes are those after the write, with the file's new size and times.
 struct FSWriteFileResult {
     /// Fewer than were given when the volume is full before the end.
     std::size_t bytesWritten = 0;
@@ -94,12 +97,14 @@ class FSVolume {
     FSVolume(const FSVolume&) = delete;
     FSVolume& operator=(const FSVolume&) = delete;
 
+    /// By which the host recognises the volume at the next load.
     const FSVolumeIdentifier& volumeID() const noexcept { return volumeID_; }
     /// Atomic, as FSKit's property is.
     FSFileName name() const {
         const tavelin::MutexLock held(nameLock_);
         return name_;
     }
+    /// The name alone. The label on the volume is for setVolumeName().
     void setName(FSFileName name) {
         const tavelin::MutexLock held(nameLock_);
         name_ = std::move(name);
@@ -117,6 +122,7 @@ class FSVolumePathConfOperations {
     virtual ~FSVolumePathConfOperations() = default;
     /// Names that one file may have.
     virtual std::int64_t maximumLinkCount() const = 0;
+    /// In the volume's own units, see its documentation.
     virtual std::int64_t maximumNameLength() const = 0;
     /// Whether only an administrator may change owners.
     virtual bool restrictsOwnershipChanges() const = 0;
@@ -126,6 +132,7 @@ class FSVolumePathConfOperations {
     virtual std::uint64_t maximumFileSize() const = 0; ///< bytes
 };
 
+/// What every volume answers. The interfaces below are for volumes that can do more.
 class FSVolumeOperations : public FSVolumePathConfOperations {
   public:
     /// Constant from activation on.
@@ -143,6 +150,7 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
     virtual void unmount() = 0;
     /// With flags that wait, success means that everything answered before is durable.
     virtual Outcome<void> synchronize(FSSyncFlags flags) = 0;
+    /// The last request. Nothing is answered afterwards but the reclaim of items.
     virtual Outcome<void> deactivate(FSDeactivateOptions options) = 0;
 
     /// The attributes at this moment; at least those that are desired and that the volume has.
@@ -164,6 +172,7 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
     virtual Outcome<FSCreateItemResult> createItem(const FSFileName& name, FSItemType type,
                                                    const FSItemRef& directory,
                                                    FSItemSetAttributesRequest& attributes) = 0;
+    /// `linkContents` is stored as it is, whether or not it leads anywhere.
     virtual Outcome<FSCreateItemResult> createSymbolicLink(const FSFileName& name,
                                                            const FSItemRef& directory,
                                                            FSItemSetAttributesRequest& attributes,
@@ -187,6 +196,7 @@ class FSVolumeOperations : public FSVolumePathConfOperations {
                        FSDirectoryEntryPacker& packer) = 0;
 };
 
+/// File contents.
 class FSVolumeReadWriteOperations {
   public:
     virtual ~FSVolumeReadWriteOperations() = default;
@@ -198,6 +208,7 @@ class FSVolumeReadWriteOperations {
                                              const FSItemRef& item, std::int64_t offset) = 0;
 };
 
+/// For volumes that want to know which items are open, and in which modes.
 class FSVolumeOpenCloseOperations {
   public:
     virtual ~FSVolumeOpenCloseOperations() = default;
@@ -210,6 +221,7 @@ class FSVolumeOpenCloseOperations {
     virtual void closeItem(const FSItemRef& item, FSVolumeOpenModes modes) = 0;
 };
 
+/// For volumes whose name can be changed.
 class FSVolumeRenameOperations {
   public:
     virtual ~FSVolumeRenameOperations() = default;
@@ -217,6 +229,7 @@ class FSVolumeRenameOperations {
     virtual Outcome<FSFileName> setVolumeName(const FSFileName& name) = 0;
 };
 
+/// Extended attributes. Names are single components, values are bytes.
 class FSVolumeXattrOperations {
   public:
     virtual ~FSVolumeXattrOperations() = default;

@@ -15,15 +15,24 @@ enum class FSVolumeCaseFormat : std::int64_t {
 
 /// FSKit's list, each off unless a volume says otherwise. Hosts show programs what is on.
 struct FSVolumeSupportedCapabilities {
+    /// An item's number is the same after the next mount.
     bool supportsPersistentObjectIDs = false;
     bool supportsSymbolicLinks = false;
+    /// Programs may give a file a second name.
     bool supportsHardLinks = false;
+    /// Ranges that were never written take no space.
     bool supportsSparseFiles = false;
+    /// volumeStatistics() answers from memory.
     bool supportsFastStatFS = false;
+    /// Files may have 2 TB and more.
     bool supports2TBFiles = false;
+    /// kHiddenFlag can be set and is kept.
     bool supportsHiddenFiles = false;
+    /// Item numbers may need more than 32 bits.
     bool supports64BitObjectIDs = false;
+    /// Flags that forbid changes are refused.
     bool doesNotSupportImmutableFiles = false;
+    /// A mode that is set is accepted and not kept.
     bool doesNotSupportSettingFilePermissions = false;
     FSVolumeCaseFormat caseFormat = FSVolumeCaseFormat::sensitive;
 };
@@ -34,9 +43,12 @@ struct FSStatFSResult {
     explicit FSStatFSResult(std::string typeName) : fileSystemTypeName(std::move(typeName)) {}
 
     std::string fileSystemTypeName;
+    /// The unit of the counts below: a cluster of the volume.
     std::int64_t blockSize = 4096;
+    /// The length of transfers that the volume likes best, in bytes.
     std::int64_t ioSize = 0;
     std::uint64_t totalBlocks = 0;
+    /// Free for ordinary users. NTFS reserves nothing, so it is the same as freeBlocks.
     std::uint64_t availableBlocks = 0;
     std::uint64_t freeBlocks = 0;
     std::uint64_t usedBlocks = 0;
@@ -44,6 +56,7 @@ struct FSStatFSResult {
     std::uint64_t availableBytes = 0;
     std::uint64_t freeBytes = 0;
     std::uint64_t usedBytes = 0;
+    /// File records that there are or could be, not only those in use.
     std::uint64_t totalFiles = 0;
     std::uint64_t freeFiles = 0;
 };
@@ -53,6 +66,7 @@ enum class FSSyncFlags : std::int64_t { none = 0, wait = 1, noWait = 2, dWait = 
 
 /// What a volume asks of its mount.
 using FSMountOptions = std::uint64_t;
+/// The mount refuses changes before they reach the volume.
 inline constexpr FSMountOptions FSMountOptionsReadOnly = 1;
 
 using FSDeactivateOptions = std::int64_t;

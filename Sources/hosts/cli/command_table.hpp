@@ -30,13 +30,16 @@ struct Command {
 [[nodiscard]] std::span<const Command> commandTable();
 
 // The definitions, one file for each family of commands. See Command::define.
+/// Facts about the volume and what it is in.
 void defineProbe(CLI::App& command); // volume_commands.cpp
 void defineInfo(CLI::App& command);
 void defineLabel(CLI::App& command);
 void defineDf(CLI::App& command);
 void defineCheck(CLI::App& command); // check_command.cpp
-void defineList(CLI::App& command);  // list_commands.cpp
+/// What is in a directory, and what an item is.
+void defineList(CLI::App& command); // list_commands.cpp
 void defineStat(CLI::App& command);
+/// Whole trees.
 void defineFind(CLI::App& command); // tree_commands.cpp
 void defineTree(CLI::App& command);
 void defineDu(CLI::App& command);
@@ -44,8 +47,10 @@ void defineDiff(CLI::App& command); // diff_command.cpp
 void defineHash(CLI::App& command); // hash_command.cpp
 void defineCat(CLI::App& command);  // read_commands.cpp
 void defineReadlink(CLI::App& command);
+/// Copying between the volume and the host.
 void defineGet(CLI::App& command); // copy_commands.cpp
 void definePut(CLI::App& command);
+/// Changes of names.
 void defineMkdir(CLI::App& command); // name_commands.cpp
 void defineMove(CLI::App& command);
 void defineLink(CLI::App& command);

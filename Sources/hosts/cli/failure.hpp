@@ -41,7 +41,9 @@ class Failure : public std::runtime_error {
     /// The same failure with another exit status.
     Failure(const Failure& other, ExitStatus status) : Failure(other) { status_ = status; }
 
+    /// What the process ends with.
     [[nodiscard]] ExitStatus status() const noexcept { return status_; }
+    /// Empty where no single item is concerned.
     [[nodiscard]] const std::string& subject() const noexcept { return subject_; }
     /// 0 where no error of a system is the reason.
     [[nodiscard]] std::int32_t number() const noexcept { return number_; }

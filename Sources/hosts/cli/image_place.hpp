@@ -16,6 +16,7 @@ struct Partition {
     int number = 0;           ///< as the system numbers it: sdb1 is 1
     std::uint64_t offset = 0; ///< bytes from the start of the disk
     std::uint64_t length = 0; ///< bytes
+    /// By its boot sector, whatever type the table gives the partition.
     bool isNTFS = false;
 };
 

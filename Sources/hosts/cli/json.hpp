@@ -24,6 +24,7 @@ class JSONObject {
   public:
     /// Adds a member: text, a bool, an integer, an object, or a range of any of these.
     template<typename Value>
+    /// Answers the object itself, so that calls can follow each other.
     JSONObject& add(std::string_view key, const Value& value) {
         members_ += (members_.empty() ? "" : ",") + jsonText(key) + ":" + textOf(value);
         return *this;
@@ -51,6 +52,7 @@ class JSONObject {
         }
     }
 
+    /// The members so far, separated by commas and without the braces.
     std::string members_;
 };
 

@@ -30,6 +30,7 @@ struct VolumeArguments {
 };
 
 /// The access that a command needs.
+/// What decides whether the image is locked for reading or for writing.
 enum class Access {
     read,   ///< opens for reading only, so that the image keeps every byte
     change, ///< needs a volume that can be written
@@ -75,6 +76,7 @@ class Session {
 
     const std::string image_;
     const ImagePlace place_;
+    /// Holds the image and the open volume.
     std::unique_ptr<ModuleHost> host_;
 };
 

@@ -20,6 +20,7 @@ struct TreeItem {
     bool isLast;              ///< of its directory
 };
 
+/// What to do with the items of a tree. Both run on the caller's thread.
 struct TreeVisitor {
     /// Called for each item, directories before what is in them, in the volume's order. False for a
     /// directory that is not to be entered.

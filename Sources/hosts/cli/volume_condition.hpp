@@ -13,11 +13,13 @@
 
 namespace tavelin::cli {
 
+/// Facts only; conditionSentences() says what they mean for the user.
 struct Condition {
     std::optional<check::VolumeState> state; ///< absent when the volume cannot be read
     bool isJournalWaiting = false;           ///< ours: the next mount completes a flush
     std::optional<bool> isHibernated;        ///< absent when the volume is not open
-    std::string whyReadOnly;                 ///< empty when nothing speaks against writing
+    /// A sentence part for the user.
+    std::string whyReadOnly; ///< empty when nothing speaks against writing
 };
 
 /// Reads it from the image, and from `volume` where that is open. Never throws but for memory.

@@ -83,8 +83,10 @@ class CopyRun {
 
     std::optional<Failure> first_; ///< the first problem, until it is known whether there are more
     std::uint64_t problems_ = 0;
+    /// Whether end() has run. A run without it has left by an exception.
     bool ended_ = false;
     std::uint64_t streamsLeftOut_ = 0;
+    /// Names that partialName() has given.
     std::uint64_t partials_ = 0;
 };
 

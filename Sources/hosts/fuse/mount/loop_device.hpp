@@ -13,6 +13,7 @@
 
 namespace tavelin::fusehost {
 
+/// Owned by the session that mounts. Any thread may ask for its path.
 class LoopDevice {
   public:
     /// Null when the system has none to give (not an administrator, no loop devices, a

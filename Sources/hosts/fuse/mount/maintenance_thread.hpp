@@ -59,6 +59,7 @@ class MaintenanceThread {
     bool stopRequested_ = false; // the first signal has come
     bool unmounted_ = false;     // and the unmount it asked for has succeeded
     bool aborted_ = false;       // a second signal has come: nobody serves any more
+    /// Started by start() and joined by stop().
     std::thread thread_;
     // Held across the calls into the volume that persist orphans, so that suspend() returns only
     // between them. Taken before every lock of the tree and the volume.

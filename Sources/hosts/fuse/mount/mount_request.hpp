@@ -20,6 +20,7 @@ struct MountRequest {
     /// Absent: the mounting user, and nothing masked.
     std::optional<uid_t> user;
     std::optional<gid_t> group;
+    /// Permission bits that are taken away, as umask(2) has them.
     std::optional<mode_t> fileMask, directoryMask;
     bool streams = true; ///< named streams are extended attributes
     /// Refuse changes, whatever the image allows.

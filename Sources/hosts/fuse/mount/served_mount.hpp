@@ -6,6 +6,7 @@
 
 namespace tavelin::fusehost {
 
+/// One thread at a time. It changes nothing of the mount by itself.
 class ServedMount {
   public:
     /// Asks the server who it is. A server that does not answer, being dead or of another process

@@ -8,6 +8,7 @@
 
 namespace tavelin::fusehost {
 
+/// In the "system." namespace, which no file of a volume can have names in.
 inline constexpr const char* kServerAttribute = "system.tavelin_server";
 
 /// The attribute's value: the calling process's number and the time when it started.

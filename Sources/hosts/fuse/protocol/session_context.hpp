@@ -12,8 +12,10 @@ class KernelChannel;
 class MountedVolume;
 
 struct SessionContext {
+    /// Sees every request and reply.
     KernelChannel& channel;
     MountedVolume& volume;
+    /// Whom everything belongs to, as the mount's options say.
     Ownership ownership;
     bool streams; ///< named streams are offered as extended attributes
     // Each is called once at most; what it throws ends the process.

@@ -24,6 +24,7 @@ bool mayBeDosName(std::string_view name) noexcept;
 
 class DentryInvalidationQueue {
   public:
+    /// A dentry of the kernel: a name in a directory that it knows.
     struct Name {
         uint64_t directory; ///< its node number
         std::string name;

@@ -21,6 +21,7 @@ namespace tavelin::fusehost {
 
 class DirectoryListing {
   public:
+    /// An entry as it is handed to a stream.
     struct Entry {
         uint64_t position; ///< the stream continues after it
         fskit::FSItemID id;
@@ -42,6 +43,7 @@ class DirectoryListing {
 
     /// Makes the entry a tombstone; does nothing when there is none.
     void remove(fskit::FSItemID id, std::string_view name) noexcept;
+    /// Makes tombstones of all entries whose item `unwanted` chooses.
     template<typename Unwanted>
     void removeIf(Unwanted&& unwanted) {
         for (Row& row : rows_) {
@@ -67,8 +69,10 @@ class DirectoryListing {
   private:
     // The kernel's positions are positive 64-bit numbers (off_t) and a record number has up to 48
     // bits, which leaves 15. One is spare.
+    /// The lower bits tell the names of one item in a directory apart: they come from the name.
     static constexpr int kNameBits = 14;
 
+    /// An entry in 16 bytes, so that a large directory's listing stays small and sorts fast.
     struct Row {
         uint64_t position; // carries the item's number
         uint32_t nameStart;
@@ -84,7 +88,9 @@ class DirectoryListing {
         return std::string_view(names_).substr(row.nameStart, row.nameLength);
     }
 
+    /// Sorted by position once sealed.
     std::vector<Row> rows_;
+    /// All names behind each other, in the order of add().
     std::string names_;
 };
 

@@ -84,6 +84,7 @@ class MountedVolume {
     /// Counts a directory's streams, so that its listing goes with the last of them.
     /// Counts one more stream.
     void openDirectory(Node& directory);
+    /// The last stream takes the listing with it.
     void closeDirectory(Node& directory);
     /// Hands out the entries beyond `position` until one is not taken. The first two are "." and
     /// "..". With `described`, entries come with counted nodes; those that cannot be described
@@ -110,6 +111,7 @@ class MountedVolume {
     /// Runs `make`, and once more after moving aside a file whose pending unlink holds the name.
     template<typename Make>
     Outcome<Entry> make(Node& directory, std::string_view name, Make&& make);
+    /// The arguments of a rename, as they are needed together.
     struct Renaming {
         const Node& fromDirectory;
         std::string_view from;
@@ -124,6 +126,7 @@ class MountedVolume {
     template<typename Remove>
     /// Removes a name with `remove`, and tells the kernel of all names that go with it.
     Outcome<void> remove(Node& directory, std::string_view name, Remove&& remove);
+    /// Names in one directory.
     using Names = std::vector<std::string>;
     /// The long names that may go when a name that looks like a DOS name is removed.
     Outcome<Names> longNamesOf(const Node& directory, const Found& found, std::string_view name);
@@ -138,6 +141,7 @@ class MountedVolume {
                                               Outcome<fskit::FSItemAttributes> found);
     /// The size of a symbolic link is the length of its target as this mount shows it.
     void adjustLink(const ItemRef& item, fskit::FSItemAttributes& attributes);
+    /// A directory whose file is unlinked and not yet removed shows the time of the unlink.
     static void adjustTimes(const Node& node, fskit::FSItemAttributes& attributes);
     /// Notes that a name went whose removal from the volume is deferred.
     static void noteDeferredRemoval(Node& directory);

@@ -29,6 +29,7 @@ namespace tavelin::fusehost {
 struct DirectoryState {
     Mutex lock TAVELIN_ACQUIRED_AFTER(lock_order::maintenance)
         TAVELIN_ACQUIRED_BEFORE(lock_order::hostTables);
+    /// Null while no stream reads.
     std::unique_ptr<DirectoryListing> listing TAVELIN_GUARDED_BY(lock);
     size_t streams TAVELIN_GUARDED_BY(lock) = 0;        // that are open
     bool listingIsOld TAVELIN_GUARDED_BY(lock) = false; // names have come that it lacks
@@ -38,15 +39,18 @@ struct DirectoryState {
     std::atomic<int64_t> nameLostAt{0};
 };
 
+/// One inode of the kernel. Its members are constant but for those that say otherwise.
 struct Node {
     Node(Found found, uint64_t number);
 
+    /// By the item's type, which never changes.
     bool isDirectory() const noexcept { return directory != nullptr; }
     /// For file handles, which a stale generation invalidates. 0 for the root.
     uint64_t generation() const noexcept { return number >> 48; }
 
     const uint64_t number; // the kernel's
     const fskit::FSItemID id;
+    /// One hand-out of the item, given back with the node.
     const ItemRef item;
     const std::unique_ptr<DirectoryState> directory; // null for anything but a directory
     std::atomic<uint32_t> linkCount;                 // as the volume last said

@@ -25,6 +25,7 @@ namespace tavelin::fusehost {
 class OrphanDirectory {
   public:
     static constexpr std::string_view kName = ".tavelin-removed"; ///< or this and a number
+    /// Enough for several crashes with directories that could not be emptied.
     static constexpr int kNamesMax = 16;
     static constexpr std::string_view kMarker = "tavelin.orphans"; ///< the stream's name
 

@@ -84,6 +84,7 @@ class OrphanFiles {
     using Clock = std::chrono::steady_clock;
     /// One deferred removal: where the file's name is now, and since when it is pending.
     struct Removal {
+        /// Keeps the item until the file is removed.
         ItemRef item;
         ItemRef directory; // of the present name
         fskit::FSItemID directoryID = fskit::FSItemIDInvalid;
@@ -125,13 +126,16 @@ class OrphanFiles {
     /// Logs the first of several failures in a row.
     void noteMoveAside(const Outcome<void>& moved);
 
+    /// Called without lock_, as its requests may take long.
     VolumeClient& volume_;
     OrphanDirectory orphanDirectory_;
     mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)
         TAVELIN_ACQUIRED_BEFORE(lock_order::items);
     ConditionVariable idle_; // signalled when a removal is no longer busy
+    /// Of removals_, for isEmpty().
     std::atomic<size_t> count_{0};
     std::unordered_map<fskit::FSItemID, Removal> removals_ TAVELIN_GUARDED_BY(lock_);
+    /// Of the first deferred removal that failed since the last synchronise.
     std::optional<fskit::Error> failure_ TAVELIN_GUARDED_BY(lock_);
     bool moveAsideFails_ TAVELIN_GUARDED_BY(lock_) = false; // and has been logged
 };
