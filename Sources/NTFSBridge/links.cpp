@@ -12,14 +12,13 @@ namespace {
 constexpr uint8_t interix_marker[interix_marker_size] = {'I', 'n', 't', 'x', 'L', 'N', 'K', 1};
 constexpr size_t wsl_header_size = 4; // of a link's data, before its target in UTF-8
 constexpr uint32_t wsl_version = 2;
-constexpr int directory_depth_max = 4096; // steps of a walk upwards, in case the volume has a loop
 
 c_string interix_target(ntfs_inode* inode) noexcept {
     const attribute_guard data = open_unnamed_data(inode);
     if (!data || !is_interix_link(inode, data.get())) {
         return nullptr;
     }
-    ntfschar target[longest_interix_target + 1]; // the data may end in half a unit
+    ntfschar target[interix_target_units_max + 1]; // the data may end in half a unit
     const s64 size = data->data_size - interix_marker_size;
     if (ntfs_attr_pread(data.get(), interix_marker_size, size, target) != size) {
         return nullptr;
@@ -113,7 +112,7 @@ bool is_interix_link(ntfs_inode* inode, ntfs_attr* data) noexcept {
     }
     uint8_t head[interix_marker_size];
     return data != nullptr && data->data_size > interix_marker_size &&
-           data->data_size <= longest_interix_link &&
+           data->data_size <= interix_link_bytes_max &&
            ntfs_attr_pread(data, 0, sizeof head, head) == sizeof head &&
            std::memcmp(head, interix_marker, sizeof head) == 0;
 }

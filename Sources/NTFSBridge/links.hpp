@@ -8,9 +8,9 @@
 namespace ntb {
 
 inline constexpr s64 interix_marker_size = 8;
-inline constexpr s64 longest_interix_link = 4095; // bytes of data, marker included
-inline constexpr int longest_interix_target =
-    static_cast<int>((longest_interix_link - interix_marker_size) / sizeof(ntfschar));
+inline constexpr s64 interix_link_bytes_max = 4095; // bytes of data, marker included
+inline constexpr int interix_target_units_max =
+    static_cast<int>((interix_link_bytes_max - interix_marker_size) / sizeof(ntfschar));
 
 // Whether the inode is an Interix link. data is its open unnamed stream, or null to have it opened
 // when the rest of the test needs it.

@@ -46,7 +46,7 @@ int32_t uname_of(const char* name, utf16_text& out) noexcept {
     if (const int32_t error = out.assign(name); error != 0) {
         return error;
     }
-    return out.length() > longest_name ? ENAMETOOLONG : 0;
+    return out.length() > name_units_max ? ENAMETOOLONG : 0;
 }
 
 int32_t stream_name_of(const char* name, utf16_text& out) noexcept {
@@ -56,7 +56,7 @@ int32_t stream_name_of(const char* name, utf16_text& out) noexcept {
     if (const int32_t error = out.assign(name); error != 0) {
         return error;
     }
-    return out.length() > longest_name ? ENAMETOOLONG : 0;
+    return out.length() > name_units_max ? ENAMETOOLONG : 0;
 }
 
 int32_t check_windows_name(const ntb_vol* vol, const char* name) noexcept {

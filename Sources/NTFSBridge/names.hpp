@@ -6,7 +6,7 @@
 
 namespace ntb {
 
-inline constexpr int longest_name = 255; // UTF-16 units, of files and streams alike
+inline constexpr int name_units_max = 255; // UTF-16 units, of files and streams alike
 
 // A text in the library's form.
 class utf16_text {
@@ -30,7 +30,7 @@ class utf16_text {
 // The UTF-8 form of a text, into a buffer large enough for the longest name. False when it has
 // none.
 // A unit of UTF-16 is at most three bytes of UTF-8; a pair of units, four.
-inline constexpr int name_buffer_size = longest_name * 3 + 1;
+inline constexpr int name_buffer_size = name_units_max * 3 + 1;
 bool to_utf8(const ntfschar* units, int length, char (&buffer)[name_buffer_size]) noexcept;
 
 // The UTF-8 form of a text of any length, for the caller to free; null when it has none.
@@ -40,7 +40,7 @@ c_string to_utf8(const ntfschar* units, int length) noexcept;
 c_string copy_for_caller(const char* text) noexcept;
 
 // Converts the name of a directory entry. EINVAL when empty, ".", ".." or with a "/";
-// ENAMETOOLONG over longest_name; the library's errno when it cannot be converted.
+// ENAMETOOLONG over name_units_max; the library's errno when it cannot be converted.
 [[nodiscard]] int32_t uname_of(const char* name, utf16_text& out) noexcept;
 
 // Converts the name of a stream: EINVAL when empty, else as above; any character may occur.

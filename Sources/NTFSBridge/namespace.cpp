@@ -181,7 +181,7 @@ static int32_t create_link_entry(ntb_vol* vol, uint64_t parent, const char* name
     if (target_text.length() == 0) {
         return EINVAL;
     }
-    if (target_text.length() > longest_interix_target || std::strlen(target) >= PATH_MAX) {
+    if (target_text.length() > interix_target_units_max || std::strlen(target) >= PATH_MAX) {
         return ENAMETOOLONG; // it could be written, but nobody would take it for a link again
     }
     if (const int32_t error = entry.open_directory_at(vol, parent); error != 0) {

@@ -7,8 +7,6 @@ using namespace ntb;
 
 namespace {
 
-constexpr int deepest_directory = 4096; // steps of a walk upwards, in case the volume has a loop
-
 struct entry_name {
     uint64_t directory;
     const char* name;
@@ -19,7 +17,7 @@ bool is_descendant(const ntb_vol* vol, uint64_t start, uint64_t inode) noexcept 
     // Walks upwards from the target directory and not downwards from the source: a path has few
     // steps, a subtree may have millions.
     uint64_t current = MREF(start);
-    for (int step = 0; step < deepest_directory && current != NTB_ROOT_INO; ++step) {
+    for (int step = 0; step < directory_depth_max && current != NTB_ROOT_INO; ++step) {
         if (current == inode) {
             return true;
         }

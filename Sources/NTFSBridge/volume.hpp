@@ -18,14 +18,18 @@ struct free_counts {
 } // namespace ntb
 
 struct ntb_vol {
+    // The library's volume, replaced when an operation was undone.
     ntfs_volume* volume = nullptr;
     ntb_io io = {};
-    uint32_t read_only = 0;     // as asked at mount; the library's own decision is in volume
+    uint32_t read_only = 0; // as asked at mount; the library's own decision is in volume
+    // New names that Windows cannot use are refused.
     uint32_t windows_names = 0; // 0 or 1
     bool ordered_writes = true; // see ntb_set_ordered_writes
+    // From the boot sector.
     uint64_t serial = 0;
     ntb_stats stats = {};
     bool freed_since_sync = false; // clusters, since the last sync that succeeded
+    // Of the system-compressed files that were read last.
     ntb::compressed_readers compressed;
     ntb::free_counts free_before; // when the operation that is under way began
     // The library's volume is that of an operation that was taken back: it may be read, and what it
@@ -40,6 +44,10 @@ namespace ntb {
 
 inline constexpr uint64_t first_user_ino = 16; // records below are system files
 inline constexpr uint64_t extend_ino = 11;     // $Extend, the directory of further system files
+
+// Steps of a walk from a directory up to the root. A sound volume needs far fewer: it ends the walk
+// on a damaged one whose directories form a loop.
+inline constexpr int directory_depth_max = 4096;
 
 // By request, or because the library decided so at the mount: after a hibernation, for example.
 inline bool is_read_only(const ntb_vol* vol) noexcept {

@@ -9,7 +9,7 @@ using namespace ntb;
 
 namespace {
 
-constexpr int longest_label = 128; // UTF-16 units, as the volume-name attribute allows
+constexpr int label_units_max = 128; // UTF-16 units, as the volume-name attribute allows
 
 uint64_t at_least_zero(s64 count) noexcept {
     return count < 0 ? 0 : static_cast<uint64_t>(count);
@@ -44,7 +44,7 @@ static int32_t change_label(ntb_vol* vol, const char* label) {
     if (const int32_t error = text.assign(label); error != 0) {
         return error;
     }
-    if (text.length() > longest_label) {
+    if (text.length() > label_units_max) {
         return ENAMETOOLONG;
     }
     c_string copy = copy_for_caller(label);

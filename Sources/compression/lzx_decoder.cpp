@@ -7,7 +7,7 @@ namespace {
 
 enum BlockType : std::uint32_t { kVerbatim = 1, kAligned = 2, kUncompressed = 3 };
 
-constexpr unsigned kMinMatch = 2;
+constexpr unsigned kMatchBytesMin = 2;
 constexpr unsigned kLongMatch = 7; // in the symbol: the length code has the rest
 constexpr unsigned kAlignedBits = 3;
 constexpr unsigned kRecentSlots = 3;
@@ -228,7 +228,7 @@ bool LzxDecoder::decodeBlock(BitStream& stream, Window& window) noexcept {
             }
             length += length_.decode(bits);
         }
-        length += kMinMatch;
+        length += kMatchBytesMin;
         const unsigned slot = symbol / kLengthHeaders;
         if (slot >= kRecentSlots) {
             const std::uint32_t distance = readDistance<Aligned>(bits, slot);

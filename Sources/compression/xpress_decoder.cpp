@@ -5,11 +5,11 @@ namespace {
 
 constexpr std::size_t kLengthsSize = 256; // bytes that the code lengths take
 constexpr unsigned kLiterals = 256;
-constexpr unsigned kMinMatch = 3;
+constexpr unsigned kMatchBytesMin = 3;
 constexpr unsigned kLongMatch = 15;    // in the symbol: the length follows in a byte
 constexpr unsigned kLongerMatch = 255; // in that byte: the length follows in two bytes
 
-/// Reads the length of a match whose symbol says kLongMatch, less kMinMatch. 0 when it is not
+/// Reads the length of a match whose symbol says kLongMatch, less kMatchBytesMin. 0 when it is not
 /// there, or shorter than its form is for.
 TAVELIN_INLINE unsigned readLongLength(BitStream& bits) noexcept {
     // The encoder keeps one to two words ahead of the bits; the length stands behind these.
@@ -77,7 +77,7 @@ bool XpressDecoder::decode(std::span<const std::uint8_t> input,
                 return false;
             }
         }
-        length += kMinMatch;
+        length += kMatchBytesMin;
         const std::size_t distance = (std::size_t{1} << distanceBits) + bits.take(distanceBits);
         // Only these two comparisons keep a damaged chunk inside the output: copyMatch() has none.
         if (distance > static_cast<std::size_t>(next - begin) ||

@@ -96,11 +96,11 @@ void runOnUtilityQueue(std::function<void()> work) {
 }
 
 TimerSchedule TimerSchedule::every(double seconds, std::chrono::nanoseconds leeway) {
-    constexpr double kShortest = 0.001;
-    constexpr double kLongest = 24 * 60 * 60;
+    constexpr double kSecondsMin = 0.001;
+    constexpr double kSecondsMax = 24 * 60 * 60;
     // std::clamp passes NaN through, and converting NaN to an integer is undefined.
     const double clamped =
-        std::isnan(seconds) ? kShortest : std::clamp(seconds, kShortest, kLongest);
+        std::isnan(seconds) ? kSecondsMin : std::clamp(seconds, kSecondsMin, kSecondsMax);
     return {std::chrono::duration_cast<std::chrono::nanoseconds>(
                 std::chrono::duration<double>(clamped)),
             leeway};

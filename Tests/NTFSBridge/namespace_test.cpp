@@ -266,7 +266,7 @@ TEST(Namespace, AReferenceOutlivesItsRecordAsStale) {
     expectStale();
     uint32_t heirs = 0;
     for (int i = 0; i < 64 && heirs < 2; ++i) {
-        const uint64_t ino = volume.makeDirectory("heir " + std::to_string(i));
+        const uint64_t ino = volume.makeDirectory("reused " + std::to_string(i));
         heirs += ino == file || ino == directory ? 1 : 0;
     }
     EXPECT_EQ(heirs, 2u) << "the records were not used again";

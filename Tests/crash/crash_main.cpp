@@ -13,38 +13,38 @@ namespace {
 
 using namespace tavelin::test;
 
-void print(const CrashReport& verdict) {
+void print(const CrashReport& report) {
     fmt::print(
-        "scripts            {:>10}\ncut points         {:>10}\npromises compared  {:>10}\n\n",
-        verdict.scripts, verdict.cutPoints, verdict.promises);
+        "scripts            {:>10}\ncut points         {:>10}\nstates compared    {:>10}\n\n",
+        report.scripts, report.cutPoints, report.persisted);
     const auto countOf = [](const auto& counts, const auto& key) {
         const auto at = counts.find(key);
         return at == counts.end() ? 0 : at->second;
     };
-    fmt::print("{:<36}", "");
-    for (const auto& [cut, images] : verdict.images) {
+    fmt::print("{:<38}", "");
+    for (const auto& [cut, images] : report.images) {
         fmt::print("{:>14}", cutName(cut));
     }
-    fmt::print("\n{:<36}", "images");
-    for (const auto& [cut, images] : verdict.images) {
+    fmt::print("\n{:<38}", "images");
+    for (const auto& [cut, images] : report.images) {
         fmt::print("{:>14}", images);
     }
-    fmt::print("\n{:<36}", "completed by the mount");
-    for (const auto& [cut, images] : verdict.images) {
-        fmt::print("{:>14}", countOf(verdict.completed, cut));
+    fmt::print("\n{:<38}", "completed by the mount");
+    for (const auto& [cut, images] : report.images) {
+        fmt::print("{:>14}", countOf(report.completed, cut));
     }
     for (const Fault fault : kAllFaults) {
-        fmt::print("\n{:<36}", faultName(fault));
-        for (const auto& [cut, images] : verdict.images) {
-            const auto at = verdict.faults.find(cut);
-            fmt::print("{:>14}", at == verdict.faults.end() ? 0 : countOf(at->second, fault));
+        fmt::print("\n{:<38}", faultName(fault));
+        for (const auto& [cut, images] : report.images) {
+            const auto at = report.faults.find(cut);
+            fmt::print("{:>14}", at == report.faults.end() ? 0 : countOf(at->second, fault));
         }
     }
-    fmt::print("\n\nchecked independently {:>7}\n", verdict.checked);
-    for (const auto& [complaint, images] : verdict.complaints) {
+    fmt::print("\n\nchecked independently {:>7}\n", report.checked);
+    for (const auto& [complaint, images] : report.complaints) {
         fmt::print("{:>10}  {}\n", images, complaint);
     }
-    for (const std::string& example : verdict.examples) {
+    for (const std::string& example : report.examples) {
         fmt::print("  {}\n", example);
     }
 }
@@ -70,14 +70,14 @@ int main(int count, char** words) {
     }
     const Bytes base = preparedVolume();
     cuts.imagesPerCheck = pairs ? 16 : 1;
-    CrashReport verdict;
+    CrashReport report;
     for (const Script& script : allScripts(pairs && !driver)) {
         if (!driver) {
-            verdict.add(tryScript(base, script, cuts));
+            report.add(tryScript(base, script, cuts));
         } else if (const auto recording = recordDriver(base, script)) {
-            verdict.add(tryRecording(base, script, *recording, cuts));
+            report.add(tryRecording(base, script, *recording, cuts));
         }
     }
-    print(verdict);
-    return verdict.isSound() ? 0 : 1;
+    print(report);
+    return report.isSound() ? 0 : 1;
 }

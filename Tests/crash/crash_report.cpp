@@ -17,16 +17,16 @@ const char* cutName(Cut cut) {
 const char* faultName(Fault fault) {
     static const std::map<Fault, const char*> names{
         {Fault::notMountable, "not mountable"},
-        {Fault::noDirectory, "folder being changed not listable"},
-        {Fault::halfDirectory, "folder being changed lacks entries"},
+        {Fault::noDirectory, "directory being changed not listable"},
+        {Fault::halfDirectory, "directory being changed lacks entries"},
         {Fault::noFile, "name being changed not openable"},
         {Fault::exchanged, "name being changed shows another's"},
         {Fault::moved, "file being moved has neither name"},
         {Fault::unreadable, "anything else unreadable"},
         {Fault::lost, "lost"},
         {Fault::damaged, "damaged"},
-        {Fault::strange, "strange"},
-        {Fault::between, "not as at any one moment"},
+        {Fault::unexpected, "unexpected"},
+        {Fault::notAtomic, "not as at any one moment"},
         {Fault::inconsistent, "an independent check complains"}};
     return names.at(fault);
 }
@@ -48,7 +48,7 @@ std::uint64_t CrashReport::count(Fault fault) const {
 void CrashReport::add(const CrashReport& other) {
     scripts += other.scripts;
     cutPoints += other.cutPoints;
-    promises += other.promises;
+    persisted += other.persisted;
     for (const auto& [cut, number] : other.images) {
         images[cut] += number;
     }

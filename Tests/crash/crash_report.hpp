@@ -20,17 +20,17 @@ enum class Fault {
     exchanged,     // a name that was being changed leads to another file that was
     moved,         // a file that was being moved has neither its old nor its new name
     unreadable,    // something else cannot be listed, opened or read
-    lost,          // a name that was promised is not there
-    damaged,       // content that was promised, or that nothing touched, differs
-    strange,       // a name that no moment of the script had
-    between,       // the volume as a whole is as at no moment since the promise
+    lost,          // a name that was persisted is not there
+    damaged,       // content that was persisted, or that nothing touched, differs
+    unexpected,    // a name that no moment of the script had
+    notAtomic,     // the volume as a whole is as at no moment since the persistence point
     inconsistent,  // an independent check of the volume, unmounted again, complains
 };
 
 inline constexpr Fault kAllFaults[] = {
     Fault::notMountable, Fault::noDirectory, Fault::halfDirectory, Fault::noFile,
     Fault::exchanged,    Fault::moved,       Fault::unreadable,    Fault::lost,
-    Fault::damaged,      Fault::strange,     Fault::between,       Fault::inconsistent};
+    Fault::damaged,      Fault::unexpected,  Fault::notAtomic,     Fault::inconsistent};
 const char* faultName(Fault fault);
 const char* cutName(Cut cut);
 
@@ -41,7 +41,7 @@ struct CrashReport {
 
     std::uint64_t scripts = 0;
     std::uint64_t cutPoints = 0;
-    std::uint64_t promises = 0; // files and directories whose state was promised and compared
+    std::uint64_t persisted = 0; // files and directories whose persisted state was compared
     std::map<Cut, std::uint64_t> images;
     std::map<Cut, std::uint64_t> completed; // images that the mount had to write to
     std::map<Cut, FaultCounts> faults;      // images by what is wrong; one may count several times

@@ -211,18 +211,18 @@ std::optional<Recording> recordDriver(const Bytes& base, const Script& script) {
     }
     MountedDriver driver(base);
     Recording recording;
-    recording.promisedAt = {0, SIZE_MAX};
+    recording.persistedAt = {0, SIZE_MAX};
     call->second(driver.root(), operation);
     if (script.finish == Finish::synchronise) {
         driver.synchronise();
-        recording.promisedAt[1] = eventsIn(driver.log()).size();
+        recording.persistedAt[1] = eventsIn(driver.log()).size();
     }
     driver.unmount();
     recording.events = eventsIn(driver.log());
     if (script.finish == Finish::unmount) {
-        recording.promisedAt[1] = recording.events.size();
+        recording.persistedAt[1] = recording.events.size();
     } else {
-        recording.events.resize(recording.promisedAt[1]);
+        recording.events.resize(recording.persistedAt[1]);
     }
     recording.states = {contentOf(base), contentOf(load(driver.image()))};
     return recording;

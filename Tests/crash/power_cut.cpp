@@ -14,17 +14,17 @@ namespace tavelin::test {
 
 namespace {
 
-// The volume after one cut, against what was promised by then.
+// The volume after one cut, against what was persisted by then.
 class CrashOracle {
   public:
     CrashOracle(const Script& script, const Recording& recording, std::size_t end)
         : recording_(recording) {
         for (std::size_t i = 0; i < recording.states.size(); i++) {
-            if (recording.promisedAt[i] <= end) {
-                promised_ = i;
+            if (recording.persistedAt[i] <= end) {
+                persistedState_ = i;
             }
         }
-        for (std::size_t i = promised_; i < script.operations.size(); i++) {
+        for (std::size_t i = persistedState_; i < script.operations.size(); i++) {
             const Operation& pending = *script.operations[i];
             touched_.insert(pending.touches.begin(), pending.touches.end());
             moves_.insert(moves_.end(), pending.moves.begin(), pending.moves.end());
@@ -38,7 +38,7 @@ class CrashOracle {
 
     // The structural check looks at every image, as it is once the next mount has ended. Other
     // programs are slow: `check` is absent when they are not to be asked.
-    std::vector<Finding> judge(Bytes image, const IndependentCheck* check) {
+    std::vector<Finding> examine(Bytes image, const IndependentCheck* check) {
         const ReplacedServices services;
         const auto disk = std::make_shared<RecordingResource>(std::move(image));
         ModuleHost host(disk);
@@ -70,7 +70,7 @@ class CrashOracle {
         return std::move(findings_);
     }
 
-    std::uint64_t promises() const { return promises_; }
+    std::uint64_t persisted() const { return persisted_; }
     bool wasCompleted() const { return wasCompleted_; }
 
   private:
@@ -100,13 +100,13 @@ class CrashOracle {
     }
 
     void compare(const Snapshot& found) {
-        for (const auto& [path, entry] : recording_.states[promised_].entries) {
+        for (const auto& [path, entry] : recording_.states[persistedState_].entries) {
             const auto now = found.entries.find(path);
             const bool touched = touched_.contains(path);
             if (found.isHidden(path)) {
                 continue;
             }
-            promises_++;
+            persisted_++;
             if (now == found.entries.end()) {
                 if (!touched && changesBeside(path)) {
                     findings_.push_back({Fault::halfDirectory, path});
@@ -121,7 +121,7 @@ class CrashOracle {
             if (found.isHidden(path)) {
                 continue;
             }
-            const bool known = recording_.states[promised_].entries.contains(path);
+            const bool known = recording_.states[persistedState_].entries.contains(path);
             if (touched_.contains(path)) {
                 const bool isOthers = std::any_of(
                     touched_.begin(), touched_.end(),
@@ -130,11 +130,11 @@ class CrashOracle {
                     findings_.push_back({Fault::exchanged, path});
                 }
             } else if (!known) {
-                findings_.push_back({Fault::strange, path});
+                findings_.push_back({Fault::unexpected, path});
             }
         }
         for (const auto& [from, to] : moves_) {
-            const bool was = recording_.states[promised_].entries.contains(from);
+            const bool was = recording_.states[persistedState_].entries.contains(from);
             if (was && !found.entries.contains(from) && !found.entries.contains(to) &&
                 !found.isHidden(from) && !found.isHidden(to)) {
                 findings_.push_back({Fault::moved, from + " on its way to " + to});
@@ -144,7 +144,7 @@ class CrashOracle {
             findings_.push_back({Fault::damaged, "label"});
         }
         if (!atSomeMoment([&](const Snapshot& state) { return state.sameAs(found); })) {
-            findings_.push_back({Fault::between, "the volume"});
+            findings_.push_back({Fault::notAtomic, "the volume"});
         }
     }
 
@@ -159,7 +159,7 @@ class CrashOracle {
 
     template<class Predicate>
     bool atSomeMoment(Predicate predicate) const {
-        return std::any_of(recording_.states.begin() + static_cast<std::ptrdiff_t>(promised_),
+        return std::any_of(recording_.states.begin() + static_cast<std::ptrdiff_t>(persistedState_),
                            recording_.states.end(), predicate);
     }
 
@@ -171,11 +171,11 @@ class CrashOracle {
     }
 
     const Recording& recording_;
-    std::size_t promised_ = 0; // index of the state that must be there
+    std::size_t persistedState_ = 0; // index of the state that must be there
     std::set<std::string> touched_;
     std::vector<std::pair<std::string, std::string>> moves_;
     std::vector<Finding> findings_;
-    std::uint64_t promises_ = 0;
+    std::uint64_t persisted_ = 0;
     bool wasCompleted_ = false;
 };
 
@@ -183,44 +183,45 @@ class CrashOracle {
 
 CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
                          const Cuts& cuts) {
-    CrashReport verdict;
-    verdict.scripts = 1;
+    CrashReport report;
+    report.scripts = 1;
     std::mt19937_64 random(cuts.seed);
     static const IndependentCheck check(base);
     const auto tryCut = [&](std::size_t end, Cut cut) {
-        CrashOracle judge(script, recording, end);
+        CrashOracle oracle(script, recording, end);
         const bool isChecked = cut == Cut::prefix && random() % cuts.imagesPerCheck == 0;
-        const auto findings = judge.judge(afterCut(base, recording.events, end, cut, random),
-                                          isChecked ? &check : nullptr);
+        const auto findings = oracle.examine(afterCut(base, recording.events, end, cut, random),
+                                             isChecked ? &check : nullptr);
         const bool isMounted = findings.empty() || findings[0].fault != Fault::notMountable;
-        verdict.checked += isChecked && isMounted ? 1 : 0;
-        verdict.images[cut]++;
-        verdict.completed[cut] += judge.wasCompleted() ? 1 : 0;
-        verdict.promises += judge.promises();
+        report.checked += isChecked && isMounted ? 1 : 0;
+        report.images[cut]++;
+        report.completed[cut] += oracle.wasCompleted() ? 1 : 0;
+        report.persisted += oracle.persisted();
         std::set<Fault> kinds;
         for (const auto& [fault, what] : findings) {
-            verdict.faults[cut][fault] += kinds.insert(fault).second ? 1 : 0;
+            report.faults[cut][fault] += kinds.insert(fault).second ? 1 : 0;
             if (fault == Fault::inconsistent) {
-                verdict.complaints[what]++;
+                report.complaints[what]++;
             }
-            if (verdict.examples.size() < CrashReport::kExamplesMax) {
-                verdict.examples.push_back(
+            if (report.examples.size() < CrashReport::kExamplesMax) {
+                report.examples.push_back(
                     fmt::format("{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
                                 recording.events.size(), cutName(cut), faultName(fault), what));
             }
         }
     };
     for (std::size_t end = 0; end <= recording.events.size(); end++) {
-        const auto& promised = recording.promisedAt;
-        const bool isPromise = std::find(promised.begin(), promised.end(), end) != promised.end();
+        const auto& points = recording.persistedAt;
+        const bool isPersistencePoint =
+            std::find(points.begin(), points.end(), end) != points.end();
         const bool isFlush = end > 0 && recording.events[end - 1].flush;
-        if (isFlush && !isPromise) {
+        if (isFlush && !isPersistencePoint) {
             continue; // the medium is as it was, and so is what must be on it
         }
-        verdict.cutPoints++;
+        report.cutPoints++;
         for (const Cut cut : cuts.kinds) {
             const unsigned times = cut == Cut::reordered ? cuts.reorderings : 1;
-            const bool isNew = cut == Cut::dropped  ? isPromise && end > 0
+            const bool isNew = cut == Cut::dropped  ? isPersistencePoint && end > 0
                                : cut == Cut::prefix ? !isFlush
                                                     : end > 0 && !isFlush;
             for (unsigned i = 0; i < times && isNew; i++) {
@@ -228,7 +229,7 @@ CrashReport tryRecording(const Bytes& base, const Script& script, const Recordin
             }
         }
     }
-    return verdict;
+    return report;
 }
 
 CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {

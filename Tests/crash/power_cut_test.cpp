@@ -8,9 +8,9 @@
 namespace tavelin::test {
 namespace {
 
-std::string text(const CrashReport& verdict) {
+std::string text(const CrashReport& report) {
     std::string lines;
-    for (const std::string& example : verdict.examples) {
+    for (const std::string& example : report.examples) {
         lines += example + "\n";
     }
     return lines;
@@ -21,23 +21,23 @@ const Operation& named(const char* name) {
     return *std::find_if(all.begin(), all.end(), [&](auto& op) { return op.name == name; });
 }
 
-TEST(PowerCut, LosesAndDamagesNothingThatWasPromised) {
+TEST(PowerCut, LosesAndDamagesNothingThatWasPersisted) {
     const Bytes base = preparedVolume();
-    CrashReport verdict;
+    CrashReport report;
     for (const Script& script : allScripts(false)) {
-        verdict.add(tryScript(base, script, {}));
+        report.add(tryScript(base, script, {}));
     }
     // A pair whose flush writes more pages in a row than any of them.
-    verdict.add(
+    report.add(
         tryScript(base, {{&named("create many"), &named("remove many")}, Finish::unmount}, {}));
     for (const Fault fault : kAllFaults) {
-        EXPECT_EQ(verdict.count(fault), 0u) << faultName(fault) << "\n" << text(verdict);
+        EXPECT_EQ(report.count(fault), 0u) << faultName(fault) << "\n" << text(report);
     }
-    EXPECT_GT(verdict.promises, verdict.cutPoints) << "the cuts compared nothing";
+    EXPECT_GT(report.persisted, report.cutPoints) << "the cuts compared nothing";
 }
 
-// The judge itself must notice: a volume whose promised file is taken away or changed afterwards.
-TEST(PowerCut, TheJudgeSeesLossAndDamage) {
+// The oracle itself must notice: a persisted file that is taken away or changed afterwards.
+TEST(PowerCut, TheOracleSeesLossAndDamage) {
     const Bytes base = preparedVolume();
     Operation silentLoss = named("unlink");
     silentLoss.touches.clear();
@@ -47,18 +47,18 @@ TEST(PowerCut, TheJudgeSeesLossAndDamage) {
     EXPECT_GT(tryScript(base, {{&silentDamage}, Finish::unmount}, {}).count(Fault::damaged), 0u);
 }
 
-// And a promise that was not kept: without a flush, or with nothing written.
-TEST(PowerCut, TheJudgeSeesABrokenPromise) {
+// And a persistence point that is none: without a flush, or with nothing written.
+TEST(PowerCut, TheOracleSeesAPersistencePointThatIsNone) {
     const Bytes base = preparedVolume();
     for (const Operation& operation : allOperations()) {
         const Script script{{&operation}, Finish::unmount};
         Recording recording = recordTavelin(base, script);
         std::erase_if(recording.events, [](const DiskEvent& event) { return event.flush; });
-        recording.promisedAt.back() = recording.events.size();
+        recording.persistedAt.back() = recording.events.size();
         EXPECT_FALSE(tryRecording(base, script, recording, {{Cut::dropped}}).isSound())
             << operation.name;
         recording.events = {{true, 0, {}}};
-        recording.promisedAt.back() = 1;
+        recording.persistedAt.back() = 1;
         EXPECT_FALSE(tryRecording(base, script, recording, {}).isSound()) << operation.name;
     }
 }

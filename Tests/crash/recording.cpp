@@ -30,7 +30,7 @@ Recording recordTavelin(const Bytes& base, const Script& script) {
     host.open();
     Recording recording;
     recording.states.push_back(takeSnapshot(host.volume()));
-    recording.promisedAt.push_back(0);
+    recording.persistedAt.push_back(0);
     for (const Operation* operation : script.operations) {
         try {
             operation->run(host.volume());
@@ -45,16 +45,16 @@ Recording recordTavelin(const Bytes& base, const Script& script) {
             services.timers().tick(); // flushes it
         } else if (script.finish == Finish::synchronise) {
             host.volume().synchronize().get();
-            recording.promisedAt.push_back(disk->events().size());
+            recording.persistedAt.push_back(disk->events().size());
         }
         recording.states.push_back(takeSnapshot(host.volume()));
     }
     if (script.finish == Finish::unmount) {
         host.close().get();
-        recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
-        recording.promisedAt.back() = disk->events().size();
+        recording.persistedAt.resize(recording.states.size(), SIZE_MAX);
+        recording.persistedAt.back() = disk->events().size();
     }
-    recording.promisedAt.resize(recording.states.size(), SIZE_MAX);
+    recording.persistedAt.resize(recording.states.size(), SIZE_MAX);
     recording.events = disk->events();
     return recording;
 }

@@ -25,8 +25,8 @@ struct Script {
 
 struct Recording {
     std::vector<DiskEvent> events;
-    std::vector<Snapshot> states;        // before the first operation, then after each
-    std::vector<std::size_t> promisedAt; // events after which states[i] is promised
+    std::vector<Snapshot> states;         // before the first operation, then after each
+    std::vector<std::size_t> persistedAt; // events after which states[i] is persisted
 };
 
 // `base` is preparedVolume().

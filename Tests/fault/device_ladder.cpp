@@ -39,7 +39,7 @@ class FaultInjector {
     std::uint64_t hits() const { return hits_; }
     std::uint64_t reads() const { return reads_; }
 
-    FaultyResource::Fault judge(const FaultyResource::Transfer& transfer) {
+    FaultyResource::Fault decide(const FaultyResource::Transfer& transfer) {
         if (next_ == 0 || --next_ > 0) {
             return {};
         }
@@ -67,12 +67,12 @@ Snapshot contentOf(const Bytes& image) {
 
 struct Rig {
     Rig(const Bytes& base, std::uint64_t blockSize, const DeviceFault& fault)
-        : trouble(fault),
+        : injector(fault),
           disk(std::make_shared<RecordingResource>(base, blockSize)),
           host(std::make_shared<FaultyResource>(
-              disk, [this](const auto& transfer) { return trouble.judge(transfer); })) {}
+              disk, [this](const auto& transfer) { return injector.decide(transfer); })) {}
 
-    FaultInjector trouble;
+    FaultInjector injector;
     std::shared_ptr<RecordingResource> disk;
     ModuleHost host;
 };
@@ -87,14 +87,14 @@ class FaultRun {
     std::vector<std::string> run(std::uint64_t call, bool isCached) {
         isCached_ = isCached;
         rig_.host.open();
-        rig_.trouble.arm(call);
+        rig_.injector.arm(call);
         hurt();
         if (fault_.times == Times::forGood) {
             leave();
             return std::move(complaints_);
         }
         if (fault_.times == Times::forAWhile) {
-            rig_.trouble.disarm();
+            rig_.injector.disarm();
         }
         replay();
         inspect();
@@ -108,12 +108,12 @@ class FaultRun {
 
     // Whatever writes back answers an error exactly when the device does.
     void expectReported(std::string_view what, const std::function<void()>& work) {
-        const std::uint64_t hits = rig_.trouble.hits();
+        const std::uint64_t hits = rig_.injector.hits();
         const auto error = errorOf(work);
-        const bool failed = fault_.error != 0 && rig_.trouble.hits() > hits;
+        const bool failed = fault_.error != 0 && rig_.injector.hits() > hits;
         if (failed != error.has_value()) {
             complain(fmt::format("{} answers {}, {} calls failed", what, error.value_or(0),
-                                 rig_.trouble.hits() - hits));
+                                 rig_.injector.hits() - hits));
         }
     }
 
@@ -121,14 +121,14 @@ class FaultRun {
     void hurt() {
         const auto error = errorOf([&] { request_.run(rig_.host.volume()); });
         done_ = !error;
-        const std::uint64_t hits = rig_.trouble.hits();
+        const std::uint64_t hits = rig_.injector.hits();
         if (error && (hits == 0 || fault_.error == 0)) {
             complain(fmt::format("answers {} without a failure", *error));
         }
         // A read that failed once may have been tried again: what the request leaves shows that. A
         // page that could not be written back stays dirty, for the next synchronise to report.
         // Where writes pass the cache by, the library may have dropped the error of one.
-        if (isCached_ && !error && rig_.trouble.reads() > 0 && fault_.error != 0 &&
+        if (isCached_ && !error && rig_.injector.reads() > 0 && fault_.error != 0 &&
             fault_.times != Times::once) {
             complain("answers success although the device failed");
         }
@@ -151,19 +151,19 @@ class FaultRun {
 
     // The device never comes back.
     void leave() {
-        const bool isGone = rig_.trouble.hits() > 0;
+        const bool isGone = rig_.injector.hits() > 0;
         if (isGone) {
             (void)errorOf([&] { request_.run(rig_.host.volume()); });
         }
         const auto closed = errorOf([&] { rig_.host.close().get(); });
-        if (rig_.trouble.hits() > 0 && !closed) {
+        if (rig_.injector.hits() > 0 && !closed) {
             complain("unloads without an error");
         }
         if (rig_.host.isLoaded()) {
             complain("is still loaded");
         }
-        if (rig_.trouble.hits() > kCallsAfterTheEndMax) {
-            complain(fmt::format("calls the lost device {} times", rig_.trouble.hits()));
+        if (rig_.injector.hits() > kCallsAfterTheEndMax) {
+            complain(fmt::format("calls the lost device {} times", rig_.injector.hits()));
         }
     }
 
@@ -241,12 +241,12 @@ LadderResult DeviceLadder::climb(const Operation& request, const DeviceFault& fa
         const auto complaints = rung.run(call, blockSize_ <= kPage);
         result.rungs++;
         result.lostNames += rung.hasLostName() ? 1 : 0;
-        result.failures += rig.trouble.hits();
+        result.failures += rig.injector.hits();
         for (const std::string& complaint : complaints) {
             result.faults.push_back(fmt::format("{}: {} at call {}: {}", request.name,
                                                 fault.describe(), call, complaint));
         }
-        if (rig.trouble.hits() == 0) {
+        if (rig.injector.hits() == 0) {
             return result;
         }
     }
@@ -257,7 +257,7 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
     LadderResult result;
     for (std::uint64_t call = 1;; call++) {
         Rig rig(base_, blockSize_, fault);
-        rig.trouble.arm(call);
+        rig.injector.arm(call);
         const auto complain = [&](std::string_view what) {
             result.faults.push_back(
                 fmt::format("open: {} at call {}: {}", fault.describe(), call, what));
@@ -269,11 +269,11 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
             opened = false;
         }
         result.rungs++;
-        result.failures += rig.trouble.hits();
+        result.failures += rig.injector.hits();
         if (!opened && fault.error == 0) {
             complain("refused for a short transfer");
         }
-        rig.trouble.disarm();
+        rig.injector.disarm();
         if (!opened) {
             try {
                 rig.host.open();
@@ -287,7 +287,7 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
         if (const auto wrong = difference(wanted, contentOf(rig.disk->image()), {}, true)) {
             complain(*wrong);
         }
-        if (rig.trouble.hits() == 0) {
+        if (rig.injector.hits() == 0) {
             return result;
         }
     }

@@ -101,7 +101,7 @@ std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& fo
     }
     for (const auto& [path, entry] : found.entries) {
         if (!wanted.entries.contains(path) && (touchedToo || !isTouched(request, path))) {
-            return path + " is strange";
+            return path + " is unexpected";
         }
     }
     return std::nullopt;

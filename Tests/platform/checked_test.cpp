@@ -11,10 +11,10 @@ namespace {
 
 TEST(CheckedDeathTest, AnOverflowStopsTheProcessWithItsReason) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    constexpr auto kMost = std::numeric_limits<std::int64_t>::max();
-    std::int64_t counter = kMost - 1;
+    constexpr auto kValueMax = std::numeric_limits<std::int64_t>::max();
+    std::int64_t counter = kValueMax - 1;
     checkedIncrement(counter, "the counter overflowed");
-    EXPECT_EQ(counter, kMost);
+    EXPECT_EQ(counter, kValueMax);
     EXPECT_DEATH(checkedIncrement(counter, "the counter overflowed"), "the counter overflowed");
 
     EXPECT_EQ(checkedMultiply<std::uint64_t>(4096, 1ULL << 51, "size"), 1ULL << 63);

@@ -64,9 +64,9 @@ bool mft_mirror::plan() noexcept {
         differ = true;
         // The library writes the record of $MFT before its copy: a whole one is the newer of the
         // two.
-        if (is_whole_record({original, record_size_}, number)) {
+        if (fixups_match({original, record_size_}, number)) {
             take_over(table_, mirror_, number);
-        } else if (is_whole_record({second, record_size_}, number)) {
+        } else if (fixups_match({second, record_size_}, number)) {
             take_over(mirror_, table_, number);
         } else {
             return false;

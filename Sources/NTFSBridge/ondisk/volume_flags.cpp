@@ -18,7 +18,7 @@ constexpr uint64_t no_place = 0;          // no flags are at the start of a reco
 // Where the flags are in a record, in bytes from its start.
 uint64_t flags_offset(std::span<const uint8_t> record) noexcept {
     uint8_t copy[record_size_max];
-    if (record.size() > sizeof copy || !is_whole_record(record, record_volume)) {
+    if (record.size() > sizeof copy || !fixups_match(record, record_volume)) {
         return no_place;
     }
     std::copy(record.begin(), record.end(), copy);

@@ -41,7 +41,7 @@ uint64_t mirrored_records(const boot_sector& boot) noexcept {
     return std::max(mirrored_records_min, boot.cluster_size / boot.record_size);
 }
 
-bool is_whole_record(std::span<const uint8_t> record, uint64_t number) noexcept {
+bool fixups_match(std::span<const uint8_t> record, uint64_t number) noexcept {
     // A copy, since the caller compares the bytes as they are on the disk, with their fixups.
     uint8_t copy[record_size_max];
     TAVELIN_ASSERT(record.size() <= sizeof copy);

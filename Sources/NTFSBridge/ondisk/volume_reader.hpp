@@ -21,7 +21,7 @@ constexpr uint64_t mirrored_records_min = 4;
 
 // Whether `record`, as it is on the disk, was written as a whole and is the record of that number.
 // At most record_size_max bytes.
-[[nodiscard]] bool is_whole_record(std::span<const uint8_t> record, uint64_t number) noexcept;
+[[nodiscard]] bool fixups_match(std::span<const uint8_t> record, uint64_t number) noexcept;
 
 // Reads a record whose number is below mirrored_records and applies its fixups. Takes the copy in
 // $MFTMirr where the record in $MFT cannot be read or was written in part. 0, the device's error,

@@ -96,7 +96,7 @@ std::int32_t Journal::begin() noexcept {
             return error;
         }
     }
-    TAVELIN_ASSERT(position_ == kBegin && !isStartingOver_);
+    TAVELIN_ASSERT(position_ == kBegin && !isResetting_);
     used_ = kBegin;
     isBegun_ = true;
     return 0;
@@ -145,7 +145,7 @@ std::int32_t Journal::append(const PageMap& content,
 }
 
 void Journal::commit() noexcept {
-    TAVELIN_ASSERT(appended_ != 0 && !isStartingOver_);
+    TAVELIN_ASSERT(appended_ != 0 && !isResetting_);
     // Only now does the position move. Had the device's sync failed, the next append would
     // overwrite this record under the same sequence number, and at most one of the two can be
     // whole.
@@ -172,7 +172,7 @@ std::uint64_t Journal::headerBlock() const noexcept {
 }
 
 std::int32_t Journal::reset() noexcept {
-    isStartingOver_ = true;
+    isResetting_ = true;
     try {
         // This one write invalidates all records. The new header has a sequence number that no
         // record of the file follows, and it lists no pages, so replay finds nothing to do.
@@ -194,7 +194,7 @@ std::int32_t Journal::reset() noexcept {
     used_ = std::max(used_, position_);
     // On every return above the flag stays set: the header on the device may be the old or the new
     // one, so no record may be appended until a reset has succeeded.
-    isStartingOver_ = false;
+    isResetting_ = false;
     return 0;
 }
 
@@ -220,7 +220,7 @@ std::int32_t Journal::end() noexcept {
     }
     // A failure from here on leaves it open whether the header is still there. A record must not be
     // appended behind a header that is gone, so the next sync resets first.
-    isStartingOver_ = true;
+    isResetting_ = true;
     // Step three. The header goes after everything behind it is durably blank: a cut before this
     // leaves the header, and with it the sign that the file is not finished.
     if (const auto error = log_.makeBlank(kBegin, kBegin + headerBlock()); error != 0) {
@@ -232,7 +232,7 @@ std::int32_t Journal::end() noexcept {
     position_ = used_ = kBegin;
     // The file is all 0xff, as a formatter leaves it. Any system finds it as if there had been no
     // journal.
-    isBegun_ = isStartingOver_ = hasForeignContent_ = false;
+    isBegun_ = isResetting_ = hasForeignContent_ = false;
     return 0;
 }
 

@@ -75,14 +75,14 @@ class Journal {
     /// Whether a record of so many pages can follow the last one: never after a reset() that
     /// failed, which may have taken away what it would follow.
     [[nodiscard]] bool fits(std::uint64_t pages) const noexcept {
-        return !isStartingOver_ &&
-               position_ + JournalRecord::length(pages) * LogFile::kPage <= end_;
+        return !isResetting_ && position_ + JournalRecord::length(pages) * LogFile::kPage <= end_;
     }
     /// Writes a record of the pages of `content`, which `entries` describes; it fits. It is not
     /// sure to be valid before the device is synchronised; commit() then makes the next one follow
     /// it. Without that the next one takes its place.
     [[nodiscard]] std::int32_t append(const PageMap& content,
                                       std::span<const JournalEntry> entries) noexcept;
+    /// Makes the appended record count: to be called once the device's sync has succeeded.
     void commit() noexcept;
 
     /// No record is valid any more, and the next one is the first. Every page must be home and the
@@ -98,13 +98,16 @@ class Journal {
   private:
     static constexpr std::uint64_t kPage = LogFile::kPage;
     static constexpr std::uint64_t kBegin = 64u << 10; ///< bytes in $LogFile, a power of two
+    /// Less than this is not worth a journal: a sync of a few pages would fill it.
     static constexpr std::uint64_t kRecordBytesMin = 128u << 10;
+    /// No more is used, which bounds the time of a replay and the memory that it takes.
     static constexpr std::uint64_t kRecordBytesMax = 32u << 20;
     static_assert((kBegin & (kBegin - 1)) == 0, "every driver looks at powers of two");
 
     Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t serial);
 
     using LastRecord = std::optional<JournalRecord>;
+    /// What stands at one position of the file. `bytes` is the whole record, its content unescaped.
     struct Found {
         JournalRecord record;
         std::optional<std::vector<JournalEntry>> entries; ///< absent: no valid record is there
@@ -115,19 +118,29 @@ class Journal {
     /// Reads up to `end`; `position` is then where the last valid record ends.
     [[nodiscard]] std::int32_t readRecords(std::uint64_t end, JournaledPages& pages,
                                            LastRecord& last, std::uint64_t& position);
+    /// Takes away what another system or an older session left, so that no record of it is valid.
     [[nodiscard]] std::int32_t blankAll() noexcept;
+    /// Bytes of the block in which a record without pages is written as a whole.
     [[nodiscard]] std::uint64_t headerBlock() const noexcept;
 
+    /// The device below the journal: what is written here passes no cache of ours.
     std::shared_ptr<BlockDevice> device_;
+    /// Where the file's clusters are. Found once, as nobody moves them while the volume is mounted.
     LogFile log_;
+    /// Of the volume, in every record.
     std::uint64_t serial_;
+    /// Where records end: with the file, or where kRecordBytesMax are used up.
     std::uint64_t end_;      ///< bytes in $LogFile
     std::uint64_t capacity_; ///< pages
+    /// A random number of this session; 0 before the first.
     std::uint64_t session_ = 0;
     std::uint64_t sequence_ = 1;      ///< of the next record
     std::uint64_t position_ = kBegin; ///< of the next record, bytes in $LogFile
+    /// A session is under way: $LogFile is not blank.
     bool isBegun_ = false;
-    bool isStartingOver_ = false;
+    /// A reset or an end has begun and has not succeeded. No record may be appended until one has.
+    bool isResetting_ = false;
+    /// A sector of the file could not be read, so what it held is unknown.
     bool isUnreadable_ = false;
     bool hasForeignContent_ = false; ///< what this session did not write stands in the file
     std::uint64_t appended_ = 0;     ///< bytes of the record that awaits commit()

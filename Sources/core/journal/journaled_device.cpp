@@ -98,7 +98,7 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
     }
     // Length alone does not tell bulk data: the cache also writes back in runs over 64 KiB. Those
     // may be metadata, which must not reach its home before a record has it.
-    if (!hasFileData_ || length <= NTB_CACHED_BYTES_MAX) {
+    if (!expectsBulkData_ || length <= NTB_CACHED_BYTES_MAX) {
         return buffer(source, offset, length);
     }
     const std::uint64_t end = offset + length;
@@ -113,7 +113,7 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
         // From here on the next record must wait for a sync of the device, as it may make these
         // clusters reachable. The remembered checksums go before the write: it may fail half-way.
         if (!isJournaled) {
-            hasGoneAhead_ = true;
+            bypassedSinceSync_ = true;
             sums_.forget(at, next - at);
         }
         const std::int32_t error =
@@ -199,14 +199,14 @@ BlockDevice::Backlog JournaledDevice::backlog() const noexcept {
 // ---- Committing --------------------------------------------------------------------------------
 
 std::int32_t JournaledDevice::sync() noexcept {
-    if (!isOn_ || pending_.empty() || hasGoneAhead_) {
+    if (!isOn_ || pending_.empty() || bypassedSinceSync_) {
         // Three cases need the device's own sync here: no journal, nothing to commit but earlier
         // writes to make durable, and bulk data, which must be durable before a record makes it
         // reachable.
         const std::int32_t error = inner_->sync();
         // After a failed sync the data may not be durable, so the next sync starts here again and
         // no record is written meanwhile.
-        hasGoneAhead_ = hasGoneAhead_ && error != 0;
+        bypassedSinceSync_ = bypassedSinceSync_ && error != 0;
         if (error != 0 || !isOn_) {
             return error;
         }

@@ -44,6 +44,8 @@ namespace tavelin {
 class JournaledDevice final : public BlockDevice {
   public:
     /// `inner` must not be null.
+    /// The inner device is shared with the host, which must not write to it while this one is in
+    /// use.
     explicit JournaledDevice(std::shared_ptr<BlockDevice> inner) : inner_(std::move(inner)) {}
 
     /// Carries to its end what a power cut interrupted: writes it to the device, or, when that is
@@ -73,22 +75,28 @@ class JournaledDevice final : public BlockDevice {
 
     [[nodiscard]] std::uint64_t size() const noexcept override { return inner_->size(); }
     [[nodiscard]] std::uint32_t blockSize() const noexcept override { return inner_->blockSize(); }
+    /// Shows pending content in place of what the device has, and $LogFile as blank.
     [[nodiscard]] std::int32_t read(std::byte* destination, std::uint64_t offset,
                                     std::uint64_t length) noexcept override;
+    /// Keeps the bytes in memory until sync(), but for bulk data.
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
                                      std::uint64_t length) noexcept override;
+    /// Commits everything pending as one record. On success it is durable, though perhaps not home.
     [[nodiscard]] std::int32_t sync() noexcept override;
+    /// Pending pages, and how many of them one record carries.
     [[nodiscard]] Backlog backlog() const noexcept override;
+    /// Nothing is pending and $LogFile is blank.
     [[nodiscard]] bool isSettled() const noexcept override;
     /// Syncs and leaves $LogFile blank, for other systems to find it so.
     [[nodiscard]] std::int32_t settle() noexcept override;
-    void expectBulkData(bool on) noexcept override { hasFileData_ = on; }
+    void expectBulkData(bool on) noexcept override { expectsBulkData_ = on; }
     void checkInvariants() const noexcept override;
 
   private:
     static constexpr std::uint64_t kPage = LogFile::kPage;
 
-    void startOver() noexcept;
+    /// Forgets everything that an earlier replay found, on a device that may be another by now.
+    void forgetReplay() noexcept;
     /// Ends a journal that has just been replayed, or was found unreadable.
     [[nodiscard]] std::int32_t endReplayed() noexcept;
     /// Marks the volume dirty and leaves no record valid.
@@ -99,10 +107,14 @@ class JournaledDevice final : public BlockDevice {
                                               std::uint64_t length) noexcept;
     /// The first page from `page` on that waits or that the journal has.
     [[nodiscard]] std::uint64_t nextJournaled(std::uint64_t page) const noexcept;
+    /// Copies a write into pending_, page by page.
     [[nodiscard]] std::int32_t buffer(const std::byte* source, std::uint64_t offset,
                                       std::uint64_t length) noexcept;
+    /// The part of a write that falls into one page. Reads the rest of the page first where it is
+    /// new.
     [[nodiscard]] std::int32_t bufferPart(std::uint64_t page, const std::byte* source,
                                           std::uint64_t inPage, std::uint64_t length);
+    /// Writes what is pending as one record, syncs, and writes the pages home.
     [[nodiscard]] std::int32_t commit() noexcept;
     /// Lists what waits, with the checksums of what it will replace and of itself.
     [[nodiscard]] std::int32_t describePending(std::vector<JournalEntry>& entries);
@@ -111,24 +123,31 @@ class JournaledDevice final : public BlockDevice {
                                        const std::vector<bool>& isKnown);
     /// Writes pages where they belong. Those that were written in part are forgotten.
     [[nodiscard]] std::int32_t writeHome(const PageMap& pages) noexcept;
+    /// Brings every page of the records home, syncs, and makes room for new records.
     [[nodiscard]] std::int32_t reset() noexcept;
 
+    /// What is written there is on its way to the medium, and durable after its sync().
     const std::shared_ptr<BlockDevice> inner_;
+    /// Absent when $LogFile cannot be used; absence_ says why.
     std::optional<Journal> journal_;
     JournalAbsence absence_ = JournalAbsence::none;
+    /// Between begin() and close(): writes go through the journal.
     bool isOn_ = false;
     bool hidesLog_ = false; ///< $LogFile cannot be read and is shown as blank
-    bool hasFileData_ = false;
-    bool hasGoneAhead_ = false; ///< file data was written since the device last synced
-    PageMap pending_;           ///< waiting for sync(), or, without begin(), seen by reads only
+    /// Writes over 64 KiB are bulk data at the moment, see expectBulkData().
+    bool expectsBulkData_ = false;
+    bool bypassedSinceSync_ = false; ///< file data was written since the device last synced
+    PageMap pending_; ///< waiting for sync(), or, without begin(), seen by reads only
     /// Pages that valid records have and that are home, or pending too; what the last of the
     /// records made them.
     std::map<std::uint64_t, SectorSums> inJournal_;
+    /// Of pages at home, so that a commit need not read them again.
     HomeSums sums_;
     /// A committed record is not fully home because a home write failed. All its pages are still
     /// pending, possibly with newer content.
     bool checkpointPending_ = false;
     bool readsSectors_ = false; ///< the home of a pending page could not be read at the last sync
+    /// Pages of the last replay.
     std::uint64_t recovered_ = 0;
     bool wasRefused_ = false;
 };

@@ -28,7 +28,7 @@ void tell(Body body) noexcept {
 
 } // namespace
 
-void JournaledDevice::startOver() noexcept {
+void JournaledDevice::forgetReplay() noexcept {
     isOn_ = hidesLog_ = checkpointPending_ = readsSectors_ = wasRefused_ = false;
     pending_.clear();
     inJournal_.clear();
@@ -39,7 +39,7 @@ void JournaledDevice::startOver() noexcept {
 
 std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
     // The device may have been changed since an earlier replay, so nothing of that one is believed.
-    startOver();
+    forgetReplay();
     JournaledPages found;
     std::optional<std::uint64_t> foreign;
     std::int32_t error = Journal::find(inner_, journal_, absence_);
@@ -147,7 +147,7 @@ std::int32_t JournaledDevice::begin() noexcept {
 }
 
 bool JournaledDevice::isSettled() const noexcept {
-    return !isOn_ || (pending_.empty() && !hasGoneAhead_ && !journal_->isBegun());
+    return !isOn_ || (pending_.empty() && !bypassedSinceSync_ && !journal_->isBegun());
 }
 
 std::int32_t JournaledDevice::settle() noexcept {
@@ -156,7 +156,7 @@ std::int32_t JournaledDevice::settle() noexcept {
     if (isSettled()) {
         return 0;
     }
-    if (!pending_.empty() || hasGoneAhead_) {
+    if (!pending_.empty() || bypassedSinceSync_) {
         if (const std::int32_t error = sync(); error != 0) {
             return error;
         }

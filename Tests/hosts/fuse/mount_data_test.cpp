@@ -71,7 +71,7 @@ TEST_F(MountData, RandomWritesVerify) {
 
 // Writes, mapped writes, growing and shrinking against a copy in memory, with pages left dirty.
 TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
-    constexpr size_t kLargest = 3 << 20;
+    constexpr size_t kFileBytesMax = 3 << 20;
     const std::string file = path("file");
     const int fd = ::open(file.c_str(), O_RDWR | O_CREAT, 0666);
     ASSERT_NE(fd, -1);
@@ -80,7 +80,7 @@ TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
     std::mt19937 random(seed);
     std::string model;
     for (int step = 0; step < 600; ++step) {
-        const size_t at = random() % kLargest;
+        const size_t at = random() % kFileBytesMax;
         const size_t length = 1 + random() % (random() % 8 == 0 ? 300'000 : 9'000);
         const std::string bytes(length, static_cast<char>('a' + step % 26));
         switch (random() % 5) {

@@ -106,7 +106,7 @@ TEST_F(MountRequests, AColdStartAsksOnceForEverything) {
     };
     EXPECT_EQ(during(lookAtAll), "OPENDIR READDIRPLUS READDIRPLUS RELEASEDIR");
     EXPECT_EQ(during(lookAtAll), "OPENDIR GETATTR READDIRPLUS READDIRPLUS RELEASEDIR")
-        << "opendir(3) asks for the folder's last access, which the first listing has changed";
+        << "opendir(3) asks for the directory's last access, which the first listing has changed";
 }
 
 } // namespace

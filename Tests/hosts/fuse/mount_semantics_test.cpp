@@ -210,7 +210,7 @@ TEST_F(MountSemantics, RenameFollowsTheRules) {
     EXPECT_EQ(rename("file", "FILE"), 0) << "only the case changes";
     EXPECT_EQ(names(), (Names{"FILE", "empty", "folder"}));
     EXPECT_EQ(rename("FILE", "folder/moved"), 0);
-    EXPECT_EQ(rename("folder", "empty"), 0) << "an empty folder is replaced";
+    EXPECT_EQ(rename("folder", "empty"), 0) << "an empty directory is replaced";
     EXPECT_EQ(names("empty"), (Names{"inside", "moved"}));
     EXPECT_EQ(readFile(*this / "empty/moved"), "2");
 }

@@ -31,7 +31,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr size_t kServingThreads = 4;
+constexpr size_t kWorkerThreads = 4;
 
 // Whoever was to read it may be gone.
 void print(const std::string& line) noexcept {
@@ -102,7 +102,7 @@ class Mount {
         CpuLatencyRequest latency(request_.lowLatency);
         WorkerThreads threads(session_.get(), latency);
         maintenance_.start({mount_->mount, *volume_, threads, session_.get()});
-        const int failed = threads.run(kServingThreads);
+        const int failed = threads.run(kWorkerThreads);
         if (failed != 0) {
             report(fmt::format("{}: {}", request_.directory.string(), errorText(fromHost(failed))));
         }
