@@ -69,11 +69,7 @@ std::optional<fskit::Error> firstBlockError(HostResource& resource) {
 } // namespace
 
 ModuleHost::ModuleHost(std::shared_ptr<HostResource> resource)
-    : ModuleHost(std::move(resource), std::make_unique<TavelinFileSystem>()) {}
-
-ModuleHost::ModuleHost(std::shared_ptr<HostResource> resource,
-                       std::unique_ptr<fskit::FSUnaryFileSystem> module)
-    : resource_(std::move(resource)), module_(std::move(module)) {}
+    : resource_(std::move(resource)), module_(std::make_unique<TavelinFileSystem>()) {}
 
 ModuleHost::~ModuleHost() {
     (void)close();

@@ -42,8 +42,6 @@ class ModuleHost {
 
     /// Hosts a TavelinFileSystem.
     explicit ModuleHost(std::shared_ptr<HostResource> resource);
-    ModuleHost(std::shared_ptr<HostResource> resource,
-               std::unique_ptr<fskit::FSUnaryFileSystem> module);
     /// Closes, for the path that did not; a failure is dropped, as nobody is left to hear it.
     ~ModuleHost();
     ModuleHost(const ModuleHost&) = delete;

@@ -29,7 +29,6 @@ class RecordingResource final : public HostResource {
 
     const std::vector<DiskEvent>& events() const { return events_; }
     const Bytes& image() const { return image_; }
-    void forgetEvents() { events_.clear(); }
 
     std::string BSDName() const override { return "memory"; }
     bool isWritable() const override { return true; }
