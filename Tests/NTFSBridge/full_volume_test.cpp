@@ -1,5 +1,5 @@
 // Operations that fail for want of room, in the cache or on the device leave the volume as it was.
-#include "NTFSBridge/bridge_volume.hpp"
+#include "support/bridge_volume.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Lookup, listing, creating, removing, renaming, symbolic links.
-#include "bridge_volume.hpp"
+#include "support/bridge_volume.hpp"
 
 #include <algorithm>
 

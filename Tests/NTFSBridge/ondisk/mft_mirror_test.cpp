@@ -1,12 +1,7 @@
 // Mounting a volume whose $MFTMirr differs from $MFT.
-#include "NTFSBridge/ntb.h"
-#include "support/memory_io.hpp"
-#include "support/sample_volume.hpp"
-
-#include <gtest/gtest.h>
+#include "support/bridge_volume.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 namespace tavelin::test {
@@ -34,10 +29,7 @@ class MftMirror : public ::testing::Test {
     // What a mount answers; the device is then in `image`.
     int32_t mount(bool isReadOnly) {
         MemoryIo device(image);
-        int32_t error = 0;
-        ntb_vol* const volume = ntb_mount(&device.io(), isReadOnly ? 1 : 0, &error);
-        EXPECT_EQ(volume == nullptr, error != 0);
-        EXPECT_EQ(ntb_umount(volume), 0);
+        const int32_t error = mountError(device, isReadOnly);
         image = device.bytes();
         return error;
     }
@@ -96,20 +88,10 @@ TEST_F(MftMirror, IsLeftAloneWhereThatWouldNotHelp) {
 }
 
 TEST_F(MftMirror, OfAHibernatedVolumeIsLeftAlone) {
-    {
-        MemoryIo device(image);
-        int32_t error = 0;
-        ntb_vol* const volume = ntb_mount(&device.io(), 0, &error);
-        ASSERT_NE(volume, nullptr);
-        std::string header(kCluster, '\0');
-        header.replace(0, 4, "hibr");
-        uint64_t ino = 0;
-        uint64_t done = 0;
-        ASSERT_EQ(ntb_create(volume, NTB_ROOT_INO, "hiberfil.sys", NTB_TYPE_FILE, &ino), 0);
-        ASSERT_EQ(ntb_write(volume, ino, 0, header.data(), header.size(), &done), 0);
-        ASSERT_EQ(ntb_umount(volume), 0);
-        image = device.bytes();
-    }
+    BridgeVolume volume({.bytes = 4 << 20});
+    ASSERT_EQ(volume.write(volume.make("hiberfil.sys"), "hibr" + std::string(kCluster, '\0')), 0);
+    ASSERT_EQ(volume.unmount(), 0);
+    image = volume.memory().bytes();
     ASSERT_EQ(mount(false), EPERM);
     age(mirror, 0);
     const std::vector<uint8_t> before = image;
