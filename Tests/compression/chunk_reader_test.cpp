@@ -1,4 +1,4 @@
-#include "compression/chunk_trial.hpp"
+#include "compression/chunks.hpp"
 
 #include <gtest/gtest.h>
 

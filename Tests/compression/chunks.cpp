@@ -1,13 +1,14 @@
-#include "compression/chunk_trial.hpp"
+#include "compression/chunks.hpp"
 
 #include <algorithm>
 
 namespace tavelin::test {
-namespace {
 
 std::size_t below(std::mt19937_64& random, std::size_t limit) {
     return static_cast<std::size_t>(random() % limit);
 }
+
+namespace {
 
 void addText(std::mt19937_64& random, Bytes& chunk, std::size_t count) {
     static constexpr const char* kWords[] = {"the ",    "volume ", "holds ",   "a",  "\r\n",
@@ -75,56 +76,6 @@ bool decode(compression::Format format, std::span<const std::uint8_t> input,
     static thread_local compression::LzxDecoder lzx;
     return format == compression::Format::lzx32K ? lzx.decode(input, output)
                                                  : xpress.decode(input, output);
-}
-
-ChunkTrial::ChunkTrial(compression::Format format, std::uint64_t seed)
-    : format_(format), random_(seed) {
-    for (const unsigned level : {10U, 50U, 90U}) {
-        oracles_.emplace_back(format, level);
-    }
-}
-
-std::optional<std::string> ChunkTrial::run() {
-    const Bytes chunk = makeChunk(random_, compression::chunkSize(format_));
-    // The thorough levels are slow, and differ little from the default.
-    const std::size_t level = below(random_, 16);
-    const Bytes packed = oracles_[level < 10 ? 0 : level < 15 ? 1 : 2].compress(chunk);
-    if (packed.empty()) { // incompressible: noise to the decoders
-        return damagedIsAgreedOn(chunk, chunk.size())
-                   ? std::nullopt
-                   : std::optional<std::string>("noise was taken for a chunk");
-    }
-    Bytes output(chunk.size());
-    if (!decode(format_, packed, output)) {
-        return "a chunk was refused";
-    }
-    if (output != chunk) {
-        return "a chunk came back changed";
-    }
-    if (!damagedIsAgreedOn(packed, chunk.size())) {
-        return "a damaged chunk was accepted with bytes that libwim does not find in it";
-    }
-    return std::nullopt;
-}
-
-/// Damages a chunk. Ours may refuse what libwim puts up with, such as bits past the end; but what
-/// it accepts must be what libwim makes of it.
-bool ChunkTrial::damagedIsAgreedOn(Bytes input, std::size_t size) {
-    const std::size_t bits = 1 + below(random_, 3);
-    for (std::size_t i = 0; i < bits; i++) {
-        const std::size_t area =
-            below(random_, 2) == 0 ? std::min<std::size_t>(input.size(), 300) : input.size();
-        input[below(random_, area)] ^= static_cast<std::uint8_t>(1U << below(random_, 8));
-    }
-    if (below(random_, 8) == 0) {
-        input.resize(1 + below(random_, input.size()));
-    }
-    Bytes ours(size);
-    if (!decode(format_, input, ours)) {
-        return true;
-    }
-    Bytes theirs(size);
-    return oracles_[0].decompress(input, theirs) && ours == theirs;
 }
 
 } // namespace tavelin::test
