@@ -202,9 +202,14 @@ int32_t ntb_devctx::write(const uint8_t* from, uint64_t count, uint64_t offset) 
     if (const int32_t error = flush_overlap(count, offset); error != 0) {
         return error;
     }
-    // On an error part of the range may have been written. That touches file data only, and cached
-    // pages of the range still show the old bytes.
     if (const int32_t error = io_write(io, stats, from, offset, count); error != 0) {
+        // Part of the range may have been written. A cached page of it would bring the old bytes
+        // back with the next change to it. Past the device's end nothing is written.
+        const bool is_inside = is_within(offset, count, io.size);
+        for (uint64_t at = offset; is_inside && at < offset + count;
+             at += page_size - at % page_size) {
+            cache.pc_discard(at / page_size);
+        }
         return error;
     }
     if (cache.is_on()) {

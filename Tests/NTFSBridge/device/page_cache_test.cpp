@@ -152,6 +152,20 @@ TEST(PageCache, WhatIsCachedAndWhatGoesToTheDevice) {
     }
 }
 
+TEST(PageCache, ForgetsWhatAFailedWriteAroundItMayHaveChanged) {
+    CachedDevice device(1u << 20);
+    ASSERT_EQ(device.fill(kPage, 2 * kPage, 1), 0);
+    ASSERT_EQ(device.context.flush(), 0);
+    device.memory.fail(1, 1, EIO);
+    EXPECT_EQ(device.fill(0, NTB_CACHED_BYTES_MAX + kPage, 2), EIO);
+    device.memory.bytes()[kPage] = 2; // as far as the write had come
+    EXPECT_EQ(device.byteAt(kPage), 2);
+    ASSERT_EQ(device.fill(2 * kPage, 1, 3), 0);
+    ASSERT_EQ(device.context.flush(), 0);
+    EXPECT_EQ(device.memory.bytes()[2 * kPage + 1], 1);
+    EXPECT_TRUE(device.context.cache.is_consistent());
+}
+
 TEST(PageCache, CountsAndFetchesRunsOfMissingPages) {
     CachedDevice device(1 << 20);
     EXPECT_EQ(device.byteAt(2 * kPage), 0);
