@@ -15,12 +15,13 @@ constexpr uint16_t volume_is_dirty = 0x0001;
 constexpr uint16_t volume_resize_log_file = 0x0002;
 // Windows has to convert the volume from an older version of the format.
 constexpr uint16_t volume_upgrade_on_mount = 0x0004;
-constexpr uint16_t volume_repair_object_id = 0x4000;
+// A chkdsk is under way, or was cut off.
+constexpr uint16_t volume_chkdsk_underway = 0x4000;
 constexpr uint16_t volume_modified_by_chkdsk = 0x8000;
 // With any of these set, only Windows may write.
 constexpr uint16_t volume_read_only_flags = 0xc027 & ~volume_is_dirty;
 static_assert((volume_read_only_flags & volume_resize_log_file) != 0 &&
-              (volume_read_only_flags & volume_repair_object_id) != 0 &&
+              (volume_read_only_flags & volume_chkdsk_underway) != 0 &&
               (volume_read_only_flags & volume_modified_by_chkdsk) != 0);
 
 // Where $Volume's record and its copy lie on the device, in bytes. 0, EINVAL, or an error of the
