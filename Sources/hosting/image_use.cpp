@@ -4,7 +4,6 @@
 
 #include "platform/assert.hpp"
 #include "platform/file_descriptor.hpp"
-#include "platform/mount_info.hpp"
 
 #include <cerrno>
 #include <chrono>
@@ -18,6 +17,7 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <utility>
 
 #endif
 
@@ -83,6 +83,12 @@ std::optional<LoopExtent> loopExtent(const fs::path& directory) {
     return LoopExtent{file, begin, begin + numberIn(directory / "size") * kSysfsSectorBytes};
 }
 
+fs::path sysfsDirectory(const Identity& device) {
+    TAVELIN_ASSERT(device.inode == 0);
+    return "/sys/dev/block/" + std::to_string(major(device.device)) + ":" +
+           std::to_string(minor(device.device));
+}
+
 /// Another loop device over the same bytes: its own name, or empty.
 std::string loopOver(const LoopExtent& extent, const std::optional<Identity>& except,
                      bool forWriting) {
@@ -104,15 +110,18 @@ std::string loopOver(const LoopExtent& extent, const std::optional<Identity>& ex
     return {};
 }
 
+/// Only file systems of this kind are mounted from an image; asking for the identity of another's
+/// source could hang on a server that is gone.
+bool mayBeOfImage(const MountEntry& entry) {
+    return entry.source.starts_with('/') &&
+           (entry.type.starts_with("fuse") || entry.type.starts_with("ntfs"));
+}
+
 /// Where the file or device is mounted, as a sentence, or empty. Mounts that cannot write only
 /// matter to somebody who will.
 std::string mountOf(const Identity& identity, bool forWriting) {
     for (const MountEntry& entry : mountTable()) {
-        // Only file systems of this kind are mounted from an image; asking for the identity of
-        // another's source could hang on a server that is gone.
-        const bool candidate = entry.source.starts_with('/') &&
-                               (entry.type.starts_with("fuse") || entry.type.starts_with("ntfs"));
-        if (candidate && (forWriting || !entry.superReadOnly) &&
+        if (mayBeOfImage(entry) && (forWriting || !entry.superReadOnly) &&
             identityOf(entry.source) == identity) {
             return "it is mounted on " + entry.directory.string();
         }
@@ -172,9 +181,7 @@ bool isLocked(const fs::path& path, bool forWriting) {
 /// it is opened exclusively.
 std::string useBehindLoop(const Identity& identity, bool forWriting) {
     TAVELIN_ASSERT(identity.inode == 0);
-    const fs::path directory = "/sys/dev/block/" + std::to_string(major(identity.device)) + ":" +
-                               std::to_string(minor(identity.device));
-    const std::optional<LoopExtent> extent = loopExtent(directory);
+    const std::optional<LoopExtent> extent = loopExtent(sysfsDirectory(identity));
     if (!extent) {
         return {};
     }
@@ -209,9 +216,29 @@ std::string otherUse(const fs::path& path, bool forWriting) {
     return hasWriter(path) ? "another program has it open for writing" : "";
 }
 
+std::vector<MountEntry> mountsOf(const fs::path& path) {
+    std::vector<MountEntry> mounts;
+    const std::optional<Identity> image = identityOf(path);
+    for (MountEntry& entry : mountTable()) {
+        const auto source = image && mayBeOfImage(entry) ? identityOf(entry.source) : std::nullopt;
+        if (!source) {
+            continue;
+        }
+        const auto extent = source->inode == 0 ? loopExtent(sysfsDirectory(*source)) : std::nullopt;
+        if (source == image || (extent && identityOf(extent->file) == image)) {
+            mounts.push_back(std::move(entry));
+        }
+    }
+    return mounts;
+}
+
 #else
 
 std::string otherUse(const std::filesystem::path& /*path*/, bool /*forWriting*/) {
+    return {};
+}
+
+std::vector<MountEntry> mountsOf(const std::filesystem::path& /*path*/) {
     return {};
 }
 

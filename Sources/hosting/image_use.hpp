@@ -2,8 +2,11 @@
 /// show: other drivers' mounts, loop devices over it, programs that have it open for writing.
 #pragma once
 
+#include "platform/mount_info.hpp"
+
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace tavelin {
 
@@ -17,5 +20,10 @@ namespace tavelin {
 /// containers. Somebody may begin right after the answer; only locks and exclusive opens exclude
 /// that. Linux only: elsewhere the answer is empty.
 [[nodiscard]] std::string otherUse(const std::filesystem::path& path, bool forWriting);
+
+/// The mounts of the image or block device at `path`: of itself, of a loop device over the image,
+/// or of one of that device's partitions. Whatever mounts they are, and only those that this
+/// process's namespace shows. Empty elsewhere than on Linux.
+[[nodiscard]] std::vector<MountEntry> mountsOf(const std::filesystem::path& path);
 
 } // namespace tavelin

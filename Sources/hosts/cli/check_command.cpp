@@ -11,6 +11,10 @@
 #include "hosts/cli/text.hpp"
 #include "platform/error_numbers.hpp"
 
+#ifdef TAVELIN_FUSE
+#include "hosts/fuse/mount/commands.hpp"
+#endif
+
 #include <fmt/format.h>
 
 #include <memory>
@@ -33,8 +37,32 @@ struct CheckCommand {
 struct CheckedImage {
     std::unique_ptr<ImageFile> lock; ///< keeps other programs from changing it meanwhile
     std::shared_ptr<JournaledDevice> device;
+    bool isServed = false; ///< by a mount of ours
     std::vector<std::string> notes;
 };
+
+/// A mounted image is checked without the lock, as its owner may want to know while it serves. What
+/// a mount of ours still has in memory is written first.
+void noteUse(CheckedImage& opened, [[maybe_unused]] const ImagePlace& place) {
+#ifdef TAVELIN_FUSE
+    for (const fusehost::MountOfImage& mount : fusehost::synchronizeMountsOf(place.path)) {
+        opened.isServed = true;
+        const std::string written =
+            mount.synchronizeError == 0
+                ? "everything that waited there was written to the image first"
+                : fmt::format("what waits there could not be written first ({})",
+                              errorText(fromHost(mount.synchronizeError)));
+        opened.notes.push_back(fmt::format("it is mounted on {}: {}, and what changes meanwhile "
+                                           "may look like a fault",
+                                           escaped(mount.directory.string()), written));
+    }
+#endif
+    if (!opened.isServed) {
+        opened.notes.emplace_back(
+            "another program has it open, perhaps as a mount: it is read as the last flush left "
+            "it, and what changes meanwhile may look like a fault");
+    }
+}
 
 /// Opens the image with its journal replayed in memory. The check sees the volume that the next
 /// mount will see, and the image keeps every byte.
@@ -43,13 +71,10 @@ CheckedImage openForCheck(const std::string& image, const ImagePlace& place) {
     try {
         opened.lock = std::make_unique<ImageFile>(place.path, true);
     } catch (const OpenError& error) {
-        // A mounted image is checked without the lock: its owner may want to know while it serves.
         if (error.reason() != OpenError::Reason::inUse) {
             throw Failure(openFailure(error, place), ExitStatus::unreadable);
         }
-        opened.notes.emplace_back(
-            "another program has it open, perhaps as a mount: it is read as the last flush left "
-            "it, and what changes meanwhile may look like a fault");
+        noteUse(opened, place);
     }
     try {
         opened.device = openDevice(place);
@@ -57,7 +82,8 @@ CheckedImage openForCheck(const std::string& image, const ImagePlace& place) {
         throw Failure(fmt::format("{}: {}", escaped(image), errorText(error.code)),
                       ExitStatus::unreadable);
     }
-    if (opened.device->recovered() > 0) {
+    // The journal of a mount that goes on is no sign of an interruption.
+    if (opened.device->recovered() > 0 && !opened.isServed) {
         opened.notes.emplace_back("a flush was interrupted: the volume is checked as the next "
                                   "mount will make it from the journal");
     }
@@ -208,7 +234,8 @@ void runCheck(const CheckCommand& command) {
                       ExitStatus::unreadable);
     }
     report.notes.insert(report.notes.begin(), opened.notes.begin(), opened.notes.end());
-    const auto refusal = moduleRefusal(command, "-n");
+    // A mounted volume can be used, as it shows, and would refuse to be opened once more.
+    const auto refusal = opened.isServed ? std::nullopt : moduleRefusal(command, "-n");
     if (command.json) {
         setSummary(summaryJSON(image, report).add("usable", !refusal.has_value()));
     } else {

@@ -1,9 +1,11 @@
-/// What the command line offers over FUSE: `tavelin mount` and `tavelin umount`.
+/// What the command line offers over FUSE: `tavelin mount`, `tavelin umount`, and what it asks the
+/// server of a mount.
 #pragma once
 
 #include "hosts/fuse/mount/mount_request.hpp"
 
 #include <filesystem>
+#include <vector>
 
 namespace tavelin::fusehost {
 
@@ -17,5 +19,16 @@ int mountVolume(const MountRequest& request);
 /// Unmounts a directory and waits until everything is on the image and its server has let go of it.
 /// Exit code: 0, or 1 after saying why on standard error.
 int unmountVolume(const std::filesystem::path& directory);
+
+/// Where an image is mounted by tavelin.
+struct MountOfImage {
+    std::filesystem::path directory;
+    /// 0 once its server has written back all that was done before; otherwise a host errno.
+    int synchronizeError = 0;
+};
+
+/// Asks the server of each mount of an image or block device to write everything back. Empty when
+/// the image is not mounted by tavelin, as far as this process can see.
+[[nodiscard]] std::vector<MountOfImage> synchronizeMountsOf(const std::filesystem::path& image);
 
 } // namespace tavelin::fusehost

@@ -1,5 +1,7 @@
 #include "hosts/fuse/mount/served_mount.hpp"
 
+#include "hosting/image_use.hpp"
+#include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/protocol/server_identity.hpp"
 
 #include <cerrno>
@@ -96,6 +98,10 @@ ServedMount::ServedMount(const MountEntry& mount) : mount_(mount) {
     }
 }
 
+bool isOurs(const MountEntry& mount) noexcept {
+    return mount.type.ends_with(".tavelin");
+}
+
 bool ServedMount::isMountedElsewhere() const {
     for (const MountEntry& entry : mountTable()) {
         if (entry.device == mount_.device && entry.type == mount_.type) {
@@ -119,6 +125,16 @@ bool ServedMount::awaitServer() const {
     constexpr int kServerEndMax = 60'000; // milliseconds; everything has been written before
     pollfd ended{server_.get(), POLLIN, 0};
     return !server_ || uninterrupted([&] { return ::poll(&ended, 1, kServerEndMax); }) != 0;
+}
+
+std::vector<MountOfImage> synchronizeMountsOf(const std::filesystem::path& image) {
+    std::vector<MountOfImage> mounts;
+    for (const MountEntry& entry : mountsOf(image)) {
+        if (isOurs(entry)) {
+            mounts.push_back({entry.directory, ServedMount(entry).synchronize()});
+        }
+    }
+    return mounts;
 }
 
 } // namespace tavelin::fusehost

@@ -6,6 +6,9 @@
 
 namespace tavelin::fusehost {
 
+/// Whether a mount is served by a process of ours, as its type says.
+[[nodiscard]] bool isOurs(const MountEntry& mount) noexcept;
+
 /// One thread at a time. It changes nothing of the mount by itself.
 class ServedMount {
   public:

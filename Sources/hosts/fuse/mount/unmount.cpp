@@ -49,7 +49,7 @@ std::string reasonOf(int failed) {
 int unmountVolume(const fs::path& given) {
     const fs::path directory = absolutePath(given);
     const std::optional<MountEntry> mount = findMount(directory);
-    if (!mount || !mount->type.ends_with(".tavelin")) {
+    if (!mount || !isOurs(*mount)) {
         return fail(directory, "no volume is mounted here by tavelin");
     }
     const ServedMount served(*mount);
