@@ -115,6 +115,9 @@ class Load {
         });
         opened.value->setWindowsNames(options_.windowsNames);
         opened.value->setWindowsLinks(options_.windowsLinks);
+        if (device->wasRefused() && refusalToWrite_.empty() && notices_.empty()) {
+            notices_.push_back(fmt::format("The volume {}.", JournaledDevice::kRefusal));
+        }
         if (device->recovered() > 0) {
             log().info(
                 fmt::format("load: completed what was interrupted, {} pages", device->recovered()));
@@ -127,6 +130,7 @@ class Load {
 
     /// Why the volume may only be read although it was to be written to; empty otherwise.
     [[nodiscard]] const std::string& refusalToWrite() const noexcept { return refusalToWrite_; }
+    [[nodiscard]] const std::vector<std::string>& notices() const noexcept { return notices_; }
 
     void reportFailure(const std::exception& error) const {
         log().error(fmt::format("load failed: {}", error.what()));
@@ -147,9 +151,12 @@ class Load {
     }
 
   private:
-    /// What a flush of our own left marked is whole again with the replay.
+    /// What a flush of our own left marked is whole again with the replay. After a refused one the
+    /// volume may hold half a flush, whether or not it could be marked.
     bool passesGate(JournaledDevice& device) {
-        if (options_.noCheck || device.recovered() > 0 || !check::isMarkedDirty(device)) {
+        const bool isDoubtful =
+            device.wasRefused() || (device.recovered() == 0 && check::isMarkedDirty(device));
+        if (options_.noCheck || !isDoubtful) {
             return true;
         }
         check::GateVerdict verdict = check::judgeForWriting(
@@ -157,14 +164,20 @@ class Load {
             device.wasRefused() ? JournaledDevice::kRefusal : "was marked dirty by another system",
             kGateTime);
         log().info(fmt::format("load: {}", verdict.message));
-        if (!verdict.mayWrite) {
-            refusalToWrite_ = std::move(verdict.message);
-        }
+        std::string& told = verdict.mayWrite ? notices_.emplace_back() : refusalToWrite_;
+        told = std::move(verdict.message);
         return verdict.mayWrite;
     }
 
+    void noteWithoutJournal(std::string_view reason) {
+        log().error(fmt::format("load: works without a journal: {}", reason));
+        notices_.push_back(fmt::format("The volume has no journal, so that a power cut may leave a "
+                                       "change half done: {}.",
+                                       reason));
+    }
+
     /// Without one the volume works all the same.
-    static void beginJournal(JournaledDevice& device, NTFSVolume& volume) {
+    void beginJournal(JournaledDevice& device, NTFSVolume& volume) {
         try {
             // The mount may have emptied $LogFile, which is the journal's from now on.
             volume.sync();
@@ -172,11 +185,10 @@ class Load {
                 throw NTFSError(fromHost(error));
             }
             if (device.absence() != JournalAbsence::none) {
-                log().error(
-                    fmt::format("load: works without a journal: {}", describe(device.absence())));
+                noteWithoutJournal(describe(device.absence()));
             }
         } catch (const std::exception& error) {
-            log().error(fmt::format("load: works without a journal: {}", error.what()));
+            noteWithoutJournal(error.what());
         }
     }
 
@@ -199,6 +211,7 @@ class Load {
     const std::string words_;
     const bool requestedReadOnly_;
     std::string refusalToWrite_;
+    std::vector<std::string> notices_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
@@ -232,6 +245,7 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
                           const fskit::FSTaskOptions& options) {
     Load load(*disk, options);
     refusalToWrite.clear();
+    notices.clear();
     errorTally().reset();
     deviceErrorEvents = 0;
     try {
@@ -239,6 +253,7 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
         const auto journaled = std::make_shared<JournaledDevice>(device);
         const auto [ntfs, fellBack] = load.open(journaled);
         refusalToWrite = load.refusalToWrite();
+        notices = load.notices();
         if (fellBack) {
             log().info("load: volume is hibernated or write-protected, mounted read-only");
         }

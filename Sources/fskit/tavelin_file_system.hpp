@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tavelin {
 
@@ -22,6 +23,9 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// Why the last load may only read although it was to write: a sentence for the user about what
     /// the check of a doubtful volume found; empty otherwise.
     std::string refusalToWrite;
+    /// What a user should know besides of the last load, in sentences: that a volume in doubt was
+    /// found fit for writing, that a journal was left out, why there is none.
+    std::vector<std::string> notices;
 
     /// The type name that statistics carry: the short name in the information dictionary.
     [[nodiscard]] static const std::string& typeName();

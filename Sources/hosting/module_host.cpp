@@ -181,6 +181,11 @@ std::string ModuleHost::refusalToWrite() const {
     return own == nullptr ? "" : own->refusalToWrite;
 }
 
+std::vector<std::string> ModuleHost::notices() const {
+    const auto* const own = dynamic_cast<const TavelinFileSystem*>(module_.get());
+    return own == nullptr ? std::vector<std::string>() : own->notices;
+}
+
 Outcome<void> ModuleHost::activate(const Options& options) {
     expect(state_ == State::loaded, "activate");
     auto answer = volume_->activate({options});

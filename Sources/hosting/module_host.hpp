@@ -67,6 +67,8 @@ class ModuleHost {
     [[nodiscard]] bool fellBackToReadOnly() const { return fellBack_; }
     /// A sentence for the user where a check of the volume was the reason; empty otherwise.
     [[nodiscard]] std::string refusalToWrite() const;
+    /// Sentences for the user about the volume's state at the load; empty as a rule.
+    [[nodiscard]] std::vector<std::string> notices() const;
 
     // ---- One step each -------------------------------------------------------------------------
 

@@ -63,6 +63,8 @@ Condition conditionOf(const ImagePlace& place, VolumeClient* volume) {
     try {
         const auto device = openDevice(place);
         condition.isJournalWaiting = device->recovered() > 0;
+        condition.isJournalRefused = device->wasRefused();
+        condition.whyNoJournal = describe(device->absence());
         condition.state = check::readVolumeState(*device);
     } catch (const NTFSError&) {
         // The command itself reports an image that cannot be read.
@@ -91,7 +93,12 @@ JSONObject conditionObject(const Condition& condition) {
         result.add("hibernated", *condition.isHibernated);
     }
     result.add("journalWaiting", condition.isJournalWaiting)
+        .add("journalRefused", condition.isJournalRefused)
+        .add("journalPossible", condition.whyNoJournal.empty())
         .add("writable", condition.whyReadOnly.empty());
+    if (!condition.whyNoJournal.empty()) {
+        result.add("whyNoJournal", condition.whyNoJournal);
+    }
     if (!condition.whyReadOnly.empty()) {
         result.add("whyReadOnly", condition.whyReadOnly);
     }
@@ -116,6 +123,10 @@ std::vector<std::string> conditionSentences(const Condition& condition) {
     tell(condition.state && condition.state->log == LogState::inUse,
          "Windows has not closed its journal");
     tell(condition.isJournalWaiting, "a flush was interrupted: the next mount completes it");
+    tell(condition.isJournalRefused, JournaledDevice::kRefusal);
+    if (!condition.whyNoJournal.empty()) {
+        sentences.push_back("works without a journal: " + condition.whyNoJournal);
+    }
     if (!condition.whyReadOnly.empty()) {
         sentences.push_back("can only be read: " + condition.whyReadOnly);
     }

@@ -17,6 +17,8 @@ namespace tavelin::cli {
 struct Condition {
     std::optional<check::VolumeState> state; ///< absent when the volume cannot be read
     bool isJournalWaiting = false;           ///< ours: the next mount completes a flush
+    bool isJournalRefused = false;           ///< ours: the next mount leaves it out
+    std::string whyNoJournal;                ///< empty when the volume can have one
     std::optional<bool> isHibernated;        ///< absent when the volume is not open
     /// A sentence part for the user.
     std::string whyReadOnly; ///< empty when nothing speaks against writing

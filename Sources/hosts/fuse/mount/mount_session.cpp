@@ -136,6 +136,9 @@ class Mount {
                                "read-only",
                                request_.image.string()));
         }
+        for (const std::string& notice : host_->notices()) {
+            complain(fmt::format("{}: {}", request_.image.string(), notice));
+        }
         // Without it the mount is only slower at first.
         static_cast<void>(host_->volume().requests().prefaultCache());
         volume_.emplace(host_->volume());
