@@ -17,6 +17,7 @@ std::vector<uint8_t> filledImage(const VolumeGeometry& geometry, int names) {
     write(volume.make("file"), 20000);
     write(volume.make("other"), 200000);
     write(volume.make("small"), 100);
+    write(volume.make("hiberfil.sys"), 4);
     const uint64_t sparse = volume.make("sparse");
     write(sparse, 5000);
     write(sparse, 5000, 4u << 20);

@@ -91,23 +91,36 @@ Target& targetOf(uint8_t choice) {
     return choice % 2 == 0 ? small : usual;
 }
 
-} // namespace
-check::Report checkHostile(std::span<const uint8_t> input) {
-    const uint8_t choice = input.empty() ? 0 : input[0];
-    Target& target = targetOf(choice);
-    check::Options options;
-    options.deep = (choice & 2) != 0;
-    options.onFinding = [](const check::Finding& finding) {
-        static_cast<void>(check::oneLine(finding));
-    };
+// The target of an input with what the input changes in it.
+Target& damaged(std::span<const uint8_t> input) {
+    Target& target = targetOf(input.empty() ? 0 : input[0]);
     std::span<const uint8_t> rest = input.subspan(std::min<size_t>(1, input.size()));
     for (size_t i = 0; i < kChangesMax && rest.size() >= kChangeBytes; ++i) {
         target.apply(rest.first<kChangeBytes>());
         rest = rest.subspan(kChangeBytes);
     }
+    return target;
+}
+
+} // namespace
+
+check::Report checkHostile(std::span<const uint8_t> input) {
+    check::Options options;
+    options.deep = !input.empty() && (input[0] & 2) != 0;
+    options.onFinding = [](const check::Finding& finding) {
+        static_cast<void>(check::oneLine(finding));
+    };
+    Target& target = damaged(input);
     check::Report report = check::checkVolume(target.device, options);
     target.restore();
     return report;
+}
+
+std::vector<uint8_t> hostileImage(std::span<const uint8_t> input) {
+    Target& target = damaged(input);
+    std::vector<uint8_t> image = target.device.bytes;
+    target.restore();
+    return image;
 }
 
 } // namespace tavelin::test

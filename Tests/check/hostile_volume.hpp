@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace tavelin::test {
 
@@ -13,5 +14,7 @@ namespace tavelin::test {
 // what kind of place, which one, where in it, and what is written there. Fixups are put right again
 // but for one kind, so that damage gets past them.
 check::Report checkHostile(std::span<const uint8_t> input);
+// The same volume with the changes, for others to look at.
+std::vector<uint8_t> hostileImage(std::span<const uint8_t> input);
 
 } // namespace tavelin::test

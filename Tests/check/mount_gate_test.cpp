@@ -1,10 +1,13 @@
-// What a volume in doubt may be mounted for.
+// What a volume in doubt may be mounted for, and what is said of one that Windows still has.
+#include "check/check.hpp"
 #include "check/filled_volume.hpp"
 #include "check/image_editor.hpp"
 #include "check/mount_gate.hpp"
 #include "support/memory_device.hpp"
 
 #include <gtest/gtest.h>
+
+#include <functional>
 
 namespace tavelin::test {
 namespace {
@@ -31,6 +34,40 @@ TEST(MountGate, OpensForSoundVolumesAndNotWhereDataIsAtRisk) {
     EXPECT_FALSE(damaged.mayWrite);
     EXPECT_NE(damaged.message.find("/other"), std::string::npos) << damaged.message;
     EXPECT_TRUE(check::judgeForWriting(device, "is marked dirty", 0s).mayWrite); // had no time
+}
+
+TEST(VolumesOfWindows, SayWhatCannotBeTrusted) {
+    const std::vector<uint8_t> sound = filledImage({}, 4);
+    const auto notesOf = [&](const std::function<void(ImageEditor&)>& change) {
+        MemoryDevice device(sound);
+        ImageEditor editor(device.bytes);
+        change(editor);
+        const check::Report report = check::checkVolume(device);
+        EXPECT_TRUE(report.isClean()) << check::complaints(device);
+        return report.notes.empty() ? "" : report.notes.at(0);
+    };
+    // A page of Windows' journal: where its restart area is, the version, whether clients use it.
+    const auto restartPage = [](uint16_t version, uint16_t clients) {
+        return [=](ImageEditor& editor) {
+            editor.editValue(ntb::record_logfile, ntb::at_data, "", [&](ImageEditor::Bytes log) {
+                ntb::put_at(log.data(), 0, 4, 0x52545352); // "RSTR"
+                ntb::put_at(log.data(), 0x18, 2, 0x30);
+                ntb::put_at(log.data(), 0x1c, 2, version);
+                ntb::put_at(log.data(), 0x3c, 2, clients);
+                ntb::put_at(log.data(), 0x3e, 2, 0);
+            });
+        };
+    };
+    EXPECT_EQ(notesOf([](ImageEditor&) {}), "");
+    EXPECT_EQ(notesOf(restartPage(1, 0xffff)), "");
+    EXPECT_NE(notesOf(restartPage(1, 0)).find("not shut down properly"), std::string::npos);
+    EXPECT_NE(notesOf(restartPage(2, 0xffff)).find("fast startup"), std::string::npos);
+    const auto hibernate = [](ImageEditor& editor) {
+        editor.editValue(
+            editor.record("/hiberfil.sys"), ntb::at_data, "",
+            [](ImageEditor::Bytes data) { ntb::put_at(data.data(), 0, 4, 0x72626968); }); // "hibr"
+    };
+    EXPECT_NE(notesOf(hibernate).find("free space, directories and files"), std::string::npos);
 }
 
 } // namespace
