@@ -13,32 +13,26 @@ namespace {
 
 using namespace tavelin::test;
 
+void printRow(const char* name, const CrashReport& report, const CutCounts& counts) {
+    fmt::print("\n{:<38}", name);
+    for (const auto& [cut, images] : report.images) {
+        fmt::print("{:>14}", counts.contains(cut) ? counts.at(cut) : 0);
+    }
+}
+
 void print(const CrashReport& report) {
     fmt::print(
         "scripts            {:>10}\ncut points         {:>10}\nstates compared    {:>10}\n\n",
         report.scripts, report.cutPoints, report.persisted);
-    const auto countOf = [](const auto& counts, const auto& key) {
-        const auto at = counts.find(key);
-        return at == counts.end() ? 0 : at->second;
-    };
     fmt::print("{:<38}", "");
     for (const auto& [cut, images] : report.images) {
-        fmt::print("{:>14}", cutName(cut));
+        fmt::print("{:>14}", kCutNames.at(cut));
     }
-    fmt::print("\n{:<38}", "images");
-    for (const auto& [cut, images] : report.images) {
-        fmt::print("{:>14}", images);
-    }
-    fmt::print("\n{:<38}", "completed by the mount");
-    for (const auto& [cut, images] : report.images) {
-        fmt::print("{:>14}", countOf(report.completed, cut));
-    }
-    for (const Fault fault : kAllFaults) {
-        fmt::print("\n{:<38}", faultName(fault));
-        for (const auto& [cut, images] : report.images) {
-            const auto at = report.faults.find(cut);
-            fmt::print("{:>14}", at == report.faults.end() ? 0 : countOf(at->second, fault));
-        }
+    printRow("images", report, report.images);
+    printRow("completed by the mount", report, report.completed);
+    for (const auto& [fault, name] : kFaultNames) {
+        printRow(name, report,
+                 report.faults.contains(fault) ? report.faults.at(fault) : CutCounts());
     }
     fmt::print("\n\nchecked independently {:>7}\n", report.checked);
     for (const auto& [complaint, images] : report.complaints) {

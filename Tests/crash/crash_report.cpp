@@ -1,74 +1,64 @@
 #include "crash/crash_report.hpp"
 
 #include <algorithm>
-#include <iterator>
 
 namespace tavelin::test {
 
-const char* cutName(Cut cut) {
-    static const std::map<Cut, const char*> names{{Cut::prefix, "in order"},
-                                                  {Cut::torn, "torn at 512"},
-                                                  {Cut::tornPages, "torn at 4096"},
-                                                  {Cut::reordered, "reordered"},
-                                                  {Cut::dropped, "dropped"}};
-    return names.at(cut);
-}
+const std::map<Cut, const char*> kCutNames{{Cut::prefix, "in order"},
+                                           {Cut::torn, "torn at 512"},
+                                           {Cut::tornPages, "torn at 4096"},
+                                           {Cut::reordered, "reordered"},
+                                           {Cut::dropped, "dropped"}};
 
-const char* faultName(Fault fault) {
-    static const std::map<Fault, const char*> names{
-        {Fault::notMountable, "not mountable"},
-        {Fault::noDirectory, "directory being changed not listable"},
-        {Fault::halfDirectory, "directory being changed lacks entries"},
-        {Fault::noFile, "name being changed not openable"},
-        {Fault::exchanged, "name being changed shows another's"},
-        {Fault::moved, "file being moved has neither name"},
-        {Fault::unreadable, "anything else unreadable"},
-        {Fault::lost, "lost"},
-        {Fault::damaged, "damaged"},
-        {Fault::unexpected, "unexpected"},
-        {Fault::notAtomic, "not as at any one moment"},
-        {Fault::inconsistent, "an independent check complains"}};
-    return names.at(fault);
-}
+const std::map<Fault, const char*> kFaultNames{
+    {Fault::notMountable, "not mountable"},
+    {Fault::noDirectory, "directory being changed not listable"},
+    {Fault::halfDirectory, "directory being changed lacks entries"},
+    {Fault::noFile, "name being changed not openable"},
+    {Fault::exchanged, "name being changed shows another's"},
+    {Fault::moved, "file being moved has neither name"},
+    {Fault::unreadable, "anything else unreadable"},
+    {Fault::lost, "lost"},
+    {Fault::damaged, "damaged"},
+    {Fault::unexpected, "unexpected"},
+    {Fault::notAtomic, "not as at any one moment"},
+    {Fault::inconsistent, "an independent check complains"}};
 
-bool CrashReport::isSound() const {
-    return std::none_of(std::begin(kAllFaults), std::end(kAllFaults),
-                        [&](Fault fault) { return count(fault) > 0; });
-}
+namespace {
 
-std::uint64_t CrashReport::count(Fault fault) const {
-    std::uint64_t sum = 0;
-    for (const auto& [cut, counts] : faults) {
-        const auto at = counts.find(fault);
-        sum += at == counts.end() ? 0 : at->second;
+template<typename Key>
+void addCounts(std::map<Key, std::uint64_t>& counts, const std::map<Key, std::uint64_t>& more) {
+    for (const auto& [key, number] : more) {
+        counts[key] += number;
     }
-    return sum;
+}
+
+} // namespace
+
+std::string CrashReport::describe() const {
+    std::string text;
+    for (const auto& [fault, counts] : faults) {
+        text += std::string(kFaultNames.at(fault)) + "\n";
+    }
+    for (const std::string& example : examples) {
+        text += example + "\n";
+    }
+    return text;
 }
 
 void CrashReport::add(const CrashReport& other) {
     scripts += other.scripts;
     cutPoints += other.cutPoints;
     persisted += other.persisted;
-    for (const auto& [cut, number] : other.images) {
-        images[cut] += number;
-    }
     checked += other.checked;
-    for (const auto& [complaint, number] : other.complaints) {
-        complaints[complaint] += number;
+    addCounts(images, other.images);
+    addCounts(completed, other.completed);
+    addCounts(complaints, other.complaints);
+    for (const auto& [fault, counts] : other.faults) {
+        addCounts(faults[fault], counts);
     }
-    for (const auto& [cut, number] : other.completed) {
-        completed[cut] += number;
-    }
-    for (const auto& [cut, counts] : other.faults) {
-        for (const auto& [fault, number] : counts) {
-            faults[cut][fault] += number;
-        }
-    }
-    for (const std::string& example : other.examples) {
-        if (examples.size() < kExamplesMax) {
-            examples.push_back(example);
-        }
-    }
+    examples.insert(examples.end(), other.examples.begin(), other.examples.end());
+    examples.resize(std::min(examples.size(), kExamplesMax));
 }
 
 } // namespace tavelin::test

@@ -27,14 +27,10 @@ enum class Fault {
     inconsistent,  // an independent check of the volume, unmounted again, complains
 };
 
-inline constexpr Fault kAllFaults[] = {
-    Fault::notMountable, Fault::noDirectory, Fault::halfDirectory, Fault::noFile,
-    Fault::exchanged,    Fault::moved,       Fault::unreadable,    Fault::lost,
-    Fault::damaged,      Fault::unexpected,  Fault::notAtomic,     Fault::inconsistent};
-const char* faultName(Fault fault);
-const char* cutName(Cut cut);
+extern const std::map<Fault, const char*> kFaultNames;
+extern const std::map<Cut, const char*> kCutNames;
 
-using FaultCounts = std::map<Fault, std::uint64_t>;
+using CutCounts = std::map<Cut, std::uint64_t>;
 
 struct CrashReport {
     static constexpr std::size_t kExamplesMax = 12;
@@ -42,15 +38,15 @@ struct CrashReport {
     std::uint64_t scripts = 0;
     std::uint64_t cutPoints = 0;
     std::uint64_t persisted = 0; // files and directories whose persisted state was compared
-    std::map<Cut, std::uint64_t> images;
-    std::map<Cut, std::uint64_t> completed; // images that the mount had to write to
-    std::map<Cut, FaultCounts> faults;      // images by what is wrong; one may count several times
-    std::uint64_t checked = 0;              // images in order that were checked independently
+    CutCounts images;
+    CutCounts completed;               // images that the mount had to write to
+    std::map<Fault, CutCounts> faults; // images by what is wrong; one may count several times
+    std::uint64_t checked = 0;         // images in order that were checked independently
     std::map<std::string, std::uint64_t> complaints; // what the check said of how many of them
     std::vector<std::string> examples; // the first few, with what it takes to repeat them
 
-    std::uint64_t count(Fault fault) const;
-    bool isSound() const; // nothing is wrong with any image
+    bool isSound() const { return faults.empty(); } // nothing is wrong with any image
+    std::string describe() const;                   // what is wrong, with the examples
     void add(const CrashReport& other);
 };
 

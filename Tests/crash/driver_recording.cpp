@@ -1,6 +1,6 @@
 #include "crash/driver_recording.hpp"
 
-#include "hosting/module_host.hpp"
+#include "platform/file_descriptor.hpp"
 #include "support/replaced_services.hpp"
 #include "support/run_process.hpp"
 #include "support/sample_volume.hpp"
@@ -8,8 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -28,73 +26,50 @@ void must(bool done, const char* what) {
     }
 }
 
-void writeAt(const fs::path& path, off_t offset, std::size_t length) {
-    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT, 0644);
-    must(file >= 0, "open");
-    const std::string content(length, 'w');
-    must(::pwrite(file, content.data(), length, offset) == static_cast<ssize_t>(length), "write");
-    must(::close(file) == 0, "close");
-}
-
-void setTimes(const fs::path& path) {
-    const timespec times[2] = {{0, UTIME_OMIT}, {1000000000, 0}};
-    must(::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0, "utimensat");
-}
-
-// By the operation's name; paths are those that the operation says it touches.
-using Calls = std::map<std::string, std::function<void(const fs::path& root, const Operation&)>>;
-
-void renameTouched(const fs::path& root, const Operation& operation) {
-    fs::rename(root / operation.touches[0], root / operation.touches[1]);
-}
-
-const Calls& driverCalls() {
-    static const Calls calls{
-        {"create", [](auto& root, auto& op) { writeAt(root / op.touches[0], 0, 0); }},
-        {"write", [](auto& root, auto& op) { writeAt(root / op.touches[0], 0, 20000); }},
-        {"write much", [](auto& root, auto& op) { writeAt(root / op.touches[0], 0, 300000); }},
-        {"append", [](auto& root, auto& op) { writeAt(root / op.touches[0], 9000, 9000); }},
-        {"overwrite", [](auto& root, auto& op) { writeAt(root / op.touches[0], 3000, 5000); }},
-        {"truncate down", [](auto& root, auto& op) { fs::resize_file(root / op.touches[0], 100); }},
-        {"truncate up", [](auto& root, auto& op) { fs::resize_file(root / op.touches[0], 50000); }},
-        {"mkdir", [](auto& root, auto& op) { fs::create_directory(root / op.touches[0]); }},
-        {"rmdir", [](auto& root, auto& op) { fs::remove(root / op.touches[0]); }},
-        {"unlink", [](auto& root, auto& op) { fs::remove(root / op.touches[0]); }},
-        {"rename", renameTouched},
-        {"rename over", renameTouched},
-        {"rename across", renameTouched},
-        {"rename back", renameTouched},
-        {"rename inside", renameTouched},
-        {"rename inside back", renameTouched},
-        {"rename case", renameTouched},
-        {"symlink",
-         [](auto& root, auto& op) { fs::create_symlink("../stable/0", root / op.touches[0]); }},
-        {"set stream",
-         [](auto& root, auto& op) {
-             const std::string value(3000, 's');
-             must(::setxattr((root / op.touches[0]).c_str(), "user.note", value.data(),
-                             value.size(), 0) == 0,
-                  "setxattr");
-         }},
-        {"remove stream",
-         [](auto& root, auto& op) {
-             must(::removexattr((root / op.touches[0]).c_str(), "user.tag") == 0, "removexattr");
-         }},
-        {"set times", [](auto& root, auto& op) { setTimes(root / op.touches[0]); }},
-        {"create many",
-         [](auto& root, auto& op) {
-             for (const std::string& path : op.touches) {
-                 writeAt(root / path, 0, 100);
-             }
-         }},
-        {"remove many",
-         [](auto& root, auto& op) {
-             for (const std::string& path : op.touches) {
-                 fs::remove(root / path);
-             }
-         }},
-    };
-    return calls;
+// The operation by the calls of a program; false where the driver offers none.
+bool carryOut(const fs::path& root, const Operation& op) {
+    const fs::path path = root / op.path;
+    const std::string data = pattern(op.seed, op.other);
+    switch (op.verb) {
+    case Verb::create:
+        writeFile(path, "");
+        return true;
+    case Verb::write: {
+        const FileDescriptor file(path.c_str(), O_WRONLY);
+        must(::pwrite(file.get(), data.data(), data.size(), op.number) == op.other, "write");
+        return true;
+    }
+    case Verb::truncate:
+        fs::resize_file(path, static_cast<std::uintmax_t>(op.number));
+        return true;
+    case Verb::mkdir:
+        fs::create_directory(path);
+        return true;
+    case Verb::remove:
+        fs::remove(path);
+        return true;
+    case Verb::rename:
+        fs::rename(path, root / op.text);
+        return true;
+    case Verb::symlink:
+        fs::create_symlink(op.text, path);
+        return true;
+    case Verb::setStream: {
+        const std::string name = "user." + op.text;
+        must((op.other == 0
+                  ? ::removexattr(path.c_str(), name.c_str())
+                  : ::setxattr(path.c_str(), name.c_str(), data.data(), data.size(), 0)) == 0,
+             "xattr");
+        return true;
+    }
+    case Verb::times: {
+        const timespec times[2] = {{0, UTIME_OMIT}, {op.number, op.other}};
+        must(::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0, "utimensat");
+        return true;
+    }
+    default:
+        return false;
+    }
 }
 
 std::vector<DiskEvent> eventsIn(const fs::path& log) {
@@ -112,20 +87,6 @@ std::vector<DiskEvent> eventsIn(const fs::path& log) {
         events.push_back(std::move(event));
     }
     return events;
-}
-
-Bytes load(const fs::path& image) {
-    const std::string raw = readFile(image);
-    Bytes bytes(raw.size());
-    std::memcpy(bytes.data(), raw.data(), raw.size());
-    return bytes;
-}
-
-Snapshot contentOf(Bytes image) {
-    const ReplacedServices services;
-    ModuleHost host(std::make_shared<RecordingResource>(std::move(image)));
-    host.open();
-    return takeSnapshot(host.volume());
 }
 
 // Tells when the driver has ended: it inherits the writing end of a pipe, and nobody else has it.
@@ -185,9 +146,8 @@ class MountedDriver {
     }
     // Through any of its files: the driver flushes the whole device.
     void synchronise() const {
-        const int file = ::open((root() / "stable/0").c_str(), O_RDONLY);
-        must(file >= 0 && ::fsync(file) == 0, "fsync");
-        ::close(file);
+        const FileDescriptor file((root() / "stable/0").c_str(), O_RDONLY);
+        must(::fsync(file.get()) == 0, "fsync");
     }
 
     fs::path root() const { return directory_.path() / "root"; }
@@ -203,16 +163,16 @@ class MountedDriver {
 } // namespace
 
 std::optional<Recording> recordDriver(const Bytes& base, const Script& script) {
-    const Operation& operation = *script.operations.front();
-    const auto call = driverCalls().find(operation.name);
-    if (script.operations.size() != 1 || script.finish == Finish::nothing ||
-        call == driverCalls().end()) {
+    const auto& operations = script.changes.front()->operations;
+    if (script.changes.size() != 1 || script.finish == Finish::nothing || operations.empty()) {
         return std::nullopt;
     }
     MountedDriver driver(base);
     Recording recording;
     recording.persistedAt = {0, SIZE_MAX};
-    call->second(driver.root(), operation);
+    for (const Operation& operation : operations) {
+        must(carryOut(driver.root(), operation), "an operation that the driver does not offer");
+    }
     if (script.finish == Finish::synchronise) {
         driver.synchronise();
         recording.persistedAt[1] = eventsIn(driver.log()).size();
@@ -224,7 +184,8 @@ std::optional<Recording> recordDriver(const Bytes& base, const Script& script) {
     } else {
         recording.events.resize(recording.persistedAt[1]);
     }
-    recording.states = {contentOf(base), contentOf(load(driver.image()))};
+    const ReplacedServices services;
+    recording.states = {contentOf(base), contentOf(loadImage(driver.image()))};
     return recording;
 }
 

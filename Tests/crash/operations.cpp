@@ -1,77 +1,27 @@
 #include "crash/operations.hpp"
 
 #include "hosting/module_host.hpp"
-#include "hosting/paths.hpp"
-#include "platform/error_numbers.hpp"
+#include "hosting/system.hpp"
 #include "support/sample_volume.hpp"
 
-#include <algorithm>
 #include <cstring>
 
 namespace tavelin::test {
 
 namespace {
 
-using fskit::FSItemType;
+constexpr std::int64_t kRemove = 3; // the policy that removes a stream
 
-// Bytes that tell where they belong, so that a misplaced block is seen.
-Bytes patterned(std::size_t length, unsigned seed) {
-    Bytes bytes(length);
-    for (std::size_t i = 0; i < length; i++) {
-        bytes[i] = static_cast<std::byte>((i / 251 + i * 7 + seed * 131) & 0xff);
-    }
-    return bytes;
+Operation writing(const std::string& path, std::int64_t offset, std::int64_t length) {
+    return {Verb::write, path, "", offset, length, std::hash<std::string>()(path)};
 }
 
-ItemRef at(VolumeClient& volume, const std::string& path) {
-    return resolve(volume, path, LastLink::keep).get().item;
+std::vector<Operation> making(const std::string& path, std::int64_t length) {
+    return {{Verb::create, path}, writing(path, 0, length)};
 }
 
-void makeFile(VolumeClient& volume, const std::string& path, const Bytes& content) {
-    const Location where = locate(volume, path).get();
-    const ItemRef file = volume.create(where.directory, where.name, FSItemType::file).get().item;
-    if (!content.empty()) {
-        volume.write(file, 0, content).get();
-    }
-}
-
-void makeDirectory(VolumeClient& volume, const std::string& path) {
-    const Location where = locate(volume, path).get();
-    volume.create(where.directory, where.name, FSItemType::directory).get();
-}
-
-void write(VolumeClient& volume, const std::string& path, std::uint64_t offset,
-           const Bytes& content) {
-    volume.write(at(volume, path), offset, content).get();
-}
-
-void truncate(VolumeClient& volume, const std::string& path, std::uint64_t size) {
-    fskit::FSItemSetAttributesRequest request;
-    request.setSize(size);
-    volume.setAttributes(at(volume, path), request).get();
-}
-
-void remove(VolumeClient& volume, const std::string& path) {
-    const Location where = locate(volume, path).get();
-    volume.remove(at(volume, path), where.directory, where.name).get();
-}
-
-void rename(VolumeClient& volume, const std::string& from, const std::string& to) {
-    const Location source = locate(volume, from).get();
-    const Location target = locate(volume, to).get();
-    const ItemRef item = at(volume, from);
-    ItemRef over;
-    if (auto existing = volume.lookup(target.directory, target.name)) {
-        if (!(existing->item == item)) {
-            over = std::move(existing->item);
-        }
-    }
-    volume.rename(item, source.directory, source.name, target.directory, target.name, over).get();
-}
-
-void setStream(VolumeClient& volume, const std::string& path, const std::string& name,
-               const Bytes& value) {
-    volume.setXattr(at(volume, path), name, value).get();
+std::vector<Operation> renaming(const std::string& from, const std::string& to) {
+    return {{Verb::rename, from, to}};
 }
 
 std::string crowded(int number) {
@@ -79,134 +29,112 @@ std::string crowded(int number) {
            std::to_string(number);
 }
 
-Operation moving(const std::string& name, const std::string& from, const std::string& to) {
-    return {name, [=](VolumeClient& v) { rename(v, from, to); }, {from, to}, {{from, to}}};
-}
-
-Operation createMany() {
-    Operation operation{"create many", {}, {}, {}};
+std::vector<Operation> makingMany() {
+    std::vector<Operation> operations;
     for (int i = 100; i < 130; i++) {
-        operation.touches.push_back(crowded(i));
-    }
-    operation.run = [names = operation.touches](VolumeClient& volume) {
-        for (const std::string& name : names) {
-            makeFile(volume, name, patterned(100, 3));
+        for (const Operation& operation : making(crowded(i), 100)) {
+            operations.push_back(operation);
         }
-    };
-    return operation;
+    }
+    return operations;
 }
 
-Operation removeMany() {
-    Operation operation{"remove many", {}, {}, {}};
+std::vector<Operation> removingMany() {
+    std::vector<Operation> operations;
     for (int i = 0; i < 40; i += 2) {
-        operation.touches.push_back(crowded(i));
+        operations.push_back({Verb::remove, crowded(i)});
     }
-    operation.run = [names = operation.touches](VolumeClient& volume) {
-        for (const std::string& name : names) {
-            auto found = resolve(volume, name);
-            if (!found && found.error().code() == kENOENT) {
-                continue; // gone already, when this is tried again
-            }
-            const Location where = locate(volume, name).get();
-            volume.remove(std::move(found).get().item, where.directory, where.name).get();
-        }
-    };
-    return operation;
+    return operations;
+}
+
+void carryOutAll(VolumeClient& volume, const std::vector<Operation>& operations) {
+    for (const Operation& operation : operations) {
+        carryOut(volume, operation);
+    }
 }
 
 } // namespace
 
-const std::vector<Operation>& allOperations() {
-    static const std::vector<Operation> operations{
-        {"create", [](auto& v) { makeFile(v, "work/new", {}); }, {"work/new"}, {}},
-        {"write",
-         [](auto& v) { makeFile(v, "work/written", patterned(20000, 1)); },
-         {"work/written"},
-         {}},
-        {"write much",
-         [](auto& v) { makeFile(v, "work/large", patterned(300000, 4)); },
-         {"work/large"},
-         {}},
-        {"append",
-         [](auto& v) { write(v, "work/appended", 9000, patterned(9000, 2)); },
-         {"work/appended"},
-         {}},
-        {"overwrite",
-         [](auto& v) { write(v, "work/overwritten", 3000, patterned(5000, 9)); },
-         {"work/overwritten"},
-         {}},
-        {"truncate down", [](auto& v) { truncate(v, "work/shrunk", 100); }, {"work/shrunk"}, {}},
-        {"truncate up", [](auto& v) { truncate(v, "work/grown", 50000); }, {"work/grown"}, {}},
-        {"mkdir", [](auto& v) { makeDirectory(v, "work/made"); }, {"work/made"}, {}},
-        {"rmdir", [](auto& v) { remove(v, "work/empty"); }, {"work/empty"}, {}},
-        {"unlink", [](auto& v) { remove(v, "work/unlinked"); }, {"work/unlinked"}, {}},
-        moving("rename", "work/from", "work/to"),
-        moving("rename over", "work/winner", "work/loser"),
-        moving("rename across", "work/mover", "other/moved"),
-        moving("rename back", "other/away", "work/back"),
-        moving("rename inside", crowded(3), "crowd/z"),
-        moving("rename inside back", crowded(39), "crowd/0"),
-        moving("rename case", "work/readme", "work/README"),
-        {"symlink",
-         [](auto& v) { v.createSymbolicLink(at(v, "work"), "link", "../stable/0").get(); },
-         {"work/link"},
-         {}},
-        {"set stream",
-         [](auto& v) { setStream(v, "work/streamed", "note", patterned(3000, 5)); },
-         {"work/streamed"},
-         {}},
-        {"remove stream",
-         [](auto& v) { v.removeXattr(at(v, "work/tagged"), "tag").get(); },
-         {"work/tagged"},
-         {}},
-        {"set times",
-         [](auto& v) {
-             fskit::FSItemSetAttributesRequest request;
-             request.setModifyTime({1000000000, 0});
-             v.setAttributes(at(v, "work/timed"), request).get();
-         },
-         {"work/timed"},
-         {}},
-        {"label", [](auto& v) { v.setName("Renamed").get(); }, {}, {}},
-        createMany(),
-        removeMany(),
+Workload::Workload(std::string called, std::vector<Operation> made)
+    : name(std::move(called)),
+      run([made](VolumeClient& volume) { carryOutAll(volume, made); }),
+      operations(std::move(made)) {
+    for (const Operation& operation : operations) {
+        if (touches.empty() || touches.back() != operation.path) {
+            touches.push_back(operation.path);
+        }
+        if (operation.verb == Verb::rename) {
+            touches.push_back(operation.text);
+            moves.emplace_back(operation.path, operation.text);
+        }
+    }
+}
+
+const std::vector<Workload>& allChanges() {
+    using Operations = std::vector<Operation>;
+    static const std::vector<Workload> changes{
+        {"create", Operations{{Verb::create, "work/new"}}},
+        {"write", making("work/written", 20000)},
+        {"write much", making("work/large", 300000)},
+        {"append", Operations{writing("work/appended", 9000, 9000)}},
+        {"overwrite", Operations{writing("work/overwritten", 3000, 5000)}},
+        {"truncate down", Operations{{Verb::truncate, "work/shrunk", "", 100}}},
+        {"truncate up", Operations{{Verb::truncate, "work/grown", "", 50000}}},
+        {"mkdir", Operations{{Verb::mkdir, "work/made"}}},
+        {"rmdir", Operations{{Verb::remove, "work/empty"}}},
+        {"unlink", Operations{{Verb::remove, "work/unlinked"}}},
+        {"rename", renaming("work/from", "work/to")},
+        {"rename over", renaming("work/winner", "work/loser")},
+        {"rename across", renaming("work/mover", "other/moved")},
+        {"rename back", renaming("other/away", "work/back")},
+        {"rename inside", renaming(crowded(3), "crowd/z")},
+        {"rename inside back", renaming(crowded(39), "crowd/0")},
+        {"rename case", renaming("work/readme", "work/README")},
+        {"symlink", Operations{{Verb::symlink, "work/link", "../stable/0"}}},
+        {"set stream", Operations{{Verb::setStream, "work/streamed", "note", 0, 3000, 5}}},
+        {"remove stream", Operations{{Verb::setStream, "work/tagged", "tag", kRemove}}},
+        {"set times", Operations{{Verb::times, "work/timed", "", 1000000000, 0, 1u << modifyTime}}},
+        {"label", [](VolumeClient& volume) { volume.setName("Renamed").get(); }},
+        {"create many", makingMany()},
+        {"remove many", removingMany()},
     };
-    return operations;
+    return changes;
 }
 
 Bytes preparedVolume() {
-    VolumeGeometry geometry;
-    geometry.bytes = 4u << 20;
-    const SampleVolume volume(geometry);
-    const std::string raw = readFile(volume.image());
-    Bytes image(raw.size());
-    std::memcpy(image.data(), raw.data(), raw.size());
-
-    const auto disk = std::make_shared<RecordingResource>(std::move(image));
+    const SampleVolume volume({.bytes = 4u << 20});
+    const auto disk = std::make_shared<RecordingResource>(loadImage(volume.image()));
     ModuleHost host(disk);
     host.open();
     VolumeClient& v = host.volume();
     for (const char* directory :
          {"work", "other", "stable", "stable/deep", "crowd", "work/empty"}) {
-        makeDirectory(v, directory);
+        carryOut(v, {Verb::mkdir, directory});
     }
     for (const char* file : {"appended", "overwritten", "shrunk", "grown", "unlinked", "from",
                              "winner", "loser", "mover", "readme", "streamed", "tagged", "timed"}) {
-        makeFile(v, std::string("work/") + file, patterned(9000, static_cast<unsigned>(file[0])));
+        carryOutAll(v, making(std::string("work/") + file, 9000));
     }
-    makeFile(v, "other/away", patterned(9000, 6));
-    setStream(v, "work/tagged", "tag", patterned(40, 7));
-    for (unsigned i = 0; i < 12; i++) {
-        makeFile(v, "stable/" + std::to_string(i), patterned(100 + i * 4000, i));
-        makeFile(v, "stable/deep/" + std::to_string(i), patterned(300, i));
+    carryOutAll(v, making("other/away", 9000));
+    carryOut(v, {Verb::setStream, "work/tagged", "tag", 0, 40, 7});
+    for (int i = 0; i < 12; i++) {
+        carryOutAll(v, making("stable/" + std::to_string(i), 100 + i * 4000));
+        carryOutAll(v, making("stable/deep/" + std::to_string(i), 300));
     }
-    setStream(v, "stable/3", "kept", patterned(2000, 8));
-    v.createSymbolicLink(at(v, "stable"), "link", "3").get();
+    carryOut(v, {Verb::setStream, "stable/3", "kept", 0, 2000, 8});
+    carryOut(v, {Verb::symlink, "stable/link", "3"});
     for (int i = 0; i < 40; i++) {
-        makeFile(v, crowded(i), patterned(50, static_cast<unsigned>(i)));
+        carryOutAll(v, making(crowded(i), 50));
     }
     host.close().get();
     return disk->image();
+}
+
+Bytes loadImage(const std::filesystem::path& image) {
+    const std::string raw = readFile(image);
+    Bytes bytes(raw.size());
+    std::memcpy(bytes.data(), raw.data(), raw.size());
+    return bytes;
 }
 
 } // namespace tavelin::test

@@ -2,8 +2,10 @@
 #pragma once
 
 #include "crash/recording_resource.hpp"
+#include "hosting/operation.hpp"
 #include "hosting/volume_client.hpp"
 
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <utility>
@@ -11,19 +13,30 @@
 
 namespace tavelin::test {
 
-struct Operation {
+struct Workload {
+    Workload() = default;
+    // Of operations, one after the other.
+    Workload(std::string called, std::vector<Operation> made);
+    // Of what is no operation. It throws fskit::Error when a request fails.
+    Workload(std::string called, std::function<void(VolumeClient&)> requests)
+        : name(std::move(called)), run(std::move(requests)) {}
+
     std::string name;
     std::function<void(VolumeClient&)> run;
+    std::vector<Operation> operations;
     // Paths whose content or existence it changes; everything else must not notice.
     std::vector<std::string> touches;
     // From, to: at every moment the file must be at one of the two.
     std::vector<std::pair<std::string, std::string>> moves;
 };
 
-const std::vector<Operation>& allOperations();
+const std::vector<Workload>& allChanges();
 
-// A formatted volume of 4 MiB with files for the operations to work on, others for them to leave
+// A formatted volume of 4 MiB with files for the changes to work on, others for them to leave
 // alone, and a directory large enough to have index blocks. Cleanly unmounted.
 Bytes preparedVolume();
+
+// The bytes of an image file.
+Bytes loadImage(const std::filesystem::path& image);
 
 } // namespace tavelin::test

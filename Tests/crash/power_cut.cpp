@@ -24,8 +24,8 @@ class CrashOracle {
                 persistedState_ = i;
             }
         }
-        for (std::size_t i = persistedState_; i < script.operations.size(); i++) {
-            const Operation& pending = *script.operations[i];
+        for (std::size_t i = persistedState_; i < script.changes.size(); i++) {
+            const Workload& pending = *script.changes[i];
             touched_.insert(pending.touches.begin(), pending.touches.end());
             moves_.insert(moves_.end(), pending.moves.begin(), pending.moves.end());
         }
@@ -113,7 +113,7 @@ class CrashOracle {
                 } else if (!touched || !mayBeAbsent(path, found)) {
                     findings_.push_back({Fault::lost, path});
                 }
-            } else if (!touched && !entry.sameAs(now->second)) {
+            } else if (!touched && !(entry == now->second)) {
                 findings_.push_back({Fault::damaged, path});
             }
         }
@@ -143,7 +143,7 @@ class CrashOracle {
         if (!atSomeMoment([&](const Snapshot& state) { return state.label == found.label; })) {
             findings_.push_back({Fault::damaged, "label"});
         }
-        if (!atSomeMoment([&](const Snapshot& state) { return state.sameAs(found); })) {
+        if (!atSomeMoment([&](const Snapshot& state) { return state == found; })) {
             findings_.push_back({Fault::notAtomic, "the volume"});
         }
     }
@@ -199,14 +199,14 @@ CrashReport tryRecording(const Bytes& base, const Script& script, const Recordin
         report.persisted += oracle.persisted();
         std::set<Fault> kinds;
         for (const auto& [fault, what] : findings) {
-            report.faults[cut][fault] += kinds.insert(fault).second ? 1 : 0;
+            report.faults[fault][cut] += kinds.insert(fault).second ? 1 : 0;
             if (fault == Fault::inconsistent) {
                 report.complaints[what]++;
             }
             if (report.examples.size() < CrashReport::kExamplesMax) {
-                report.examples.push_back(
-                    fmt::format("{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
-                                recording.events.size(), cutName(cut), faultName(fault), what));
+                report.examples.push_back(fmt::format(
+                    "{}: cut after event {} of {}, {}: {}: {}", script.describe(), end,
+                    recording.events.size(), kCutNames.at(cut), kFaultNames.at(fault), what));
             }
         }
     };
@@ -239,9 +239,9 @@ CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts)
 std::vector<Script> allScripts(bool pairs) {
     std::vector<Script> scripts;
     for (const Finish finish : {Finish::nothing, Finish::synchronise, Finish::unmount}) {
-        for (const Operation& first : allOperations()) {
+        for (const Workload& first : allChanges()) {
             scripts.push_back({{&first}, finish});
-            for (const Operation& second : allOperations()) {
+            for (const Workload& second : allChanges()) {
                 if (pairs) {
                     scripts.push_back({{&first, &second}, finish});
                 }

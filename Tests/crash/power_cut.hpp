@@ -22,7 +22,7 @@ CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts)
 CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
                          const Cuts& cuts);
 
-// All scripts of one operation and, when asked for, of all pairs.
+// All scripts of one change and, when asked for, of all pairs.
 std::vector<Script> allScripts(bool pairs);
 
 } // namespace tavelin::test

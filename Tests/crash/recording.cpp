@@ -9,8 +9,8 @@ namespace tavelin::test {
 
 std::string Script::describe() const {
     std::string text;
-    for (const Operation* operation : operations) {
-        text += (text.empty() ? "" : ", ") + operation->name;
+    for (const Workload* change : changes) {
+        text += (text.empty() ? "" : ", ") + change->name;
     }
     switch (finish) {
     case Finish::nothing:
@@ -31,12 +31,12 @@ Recording recordTavelin(const Bytes& base, const Script& script) {
     Recording recording;
     recording.states.push_back(takeSnapshot(host.volume()));
     recording.persistedAt.push_back(0);
-    for (const Operation* operation : script.operations) {
+    for (const Workload* change : script.changes) {
         try {
-            operation->run(host.volume());
+            change->run(host.volume());
         } catch (const fskit::Error&) {
             // Some cannot be done twice; then nothing may have changed.
-            if (script.operations.size() < 2 || script.operations[0] != script.operations[1]) {
+            if (script.changes.size() < 2 || script.changes[0] != script.changes[1]) {
                 throw;
             }
         }
@@ -61,7 +61,7 @@ Recording recordTavelin(const Bytes& base, const Script& script) {
 
 Bytes pendingVolume() {
     Bytes base = preparedVolume();
-    const auto& all = allOperations();
+    const auto& all = allChanges();
     std::vector<DiskEvent> events =
         recordTavelin(base, {{&all[0], &all[1]}, Finish::synchronise}).events;
     // What follows the last flush of the disk is the second one's pages, each to its place.
@@ -70,6 +70,12 @@ Bytes pendingVolume() {
     }
     std::mt19937_64 unused;
     return afterCut(base, events, events.size(), Cut::prefix, unused);
+}
+
+Snapshot contentOf(const Bytes& image) {
+    ModuleHost host(std::make_shared<RecordingResource>(image));
+    host.open();
+    return takeSnapshot(host.volume());
 }
 
 } // namespace tavelin::test

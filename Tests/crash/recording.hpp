@@ -11,13 +11,13 @@
 namespace tavelin::test {
 
 enum class Finish {
-    nothing,     // nothing was asked to be kept; the timer flushes after each operation
-    synchronise, // after each operation
+    nothing,     // nothing was asked to be kept; the timer flushes after each change
+    synchronise, // after each change
     unmount,     // at the end
 };
 
 struct Script {
-    std::vector<const Operation*> operations;
+    std::vector<const Workload*> changes;
     Finish finish = Finish::nothing;
 
     std::string describe() const;
@@ -25,7 +25,7 @@ struct Script {
 
 struct Recording {
     std::vector<DiskEvent> events;
-    std::vector<Snapshot> states;         // before the first operation, then after each
+    std::vector<Snapshot> states;         // before the first change, then after each
     std::vector<std::size_t> persistedAt; // events after which states[i] is persisted
 };
 
@@ -33,7 +33,10 @@ struct Recording {
 Recording recordTavelin(const Bytes& base, const Script& script);
 
 // preparedVolume() as a cut leaves it when two flushes are in the journal and the second one is
-// nowhere else. The first operations of allOperations() were flushed.
+// nowhere else. The first of allChanges() were flushed.
 Bytes pendingVolume();
+
+// What a volume holds, opened for this.
+Snapshot contentOf(const Bytes& image);
 
 } // namespace tavelin::test

@@ -58,7 +58,7 @@ class FailingDevice : public ::testing::TestWithParam<Case> {
             return DeviceLadder(blockSize == kCached ? interrupted() : base(), blockSize)
                 .climbOpening(fault);
         }();
-        for (const Operation& request : allRequests()) {
+        for (const Workload& request : allRequests()) {
             if (blockSize == kCached || request.touches.size() < kMany) {
                 result.add(ladder.climb(request, fault));
             }

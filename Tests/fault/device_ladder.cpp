@@ -1,5 +1,6 @@
 #include "fault/device_ladder.hpp"
 
+#include "crash/recording.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/faulty_resource.hpp"
@@ -59,12 +60,6 @@ class FaultInjector {
     std::uint64_t reads_ = 0; // of them
 };
 
-Snapshot contentOf(const Bytes& image) {
-    ModuleHost host(std::make_shared<RecordingResource>(image));
-    host.open();
-    return takeSnapshot(host.volume());
-}
-
 struct Rig {
     Rig(const Bytes& base, std::uint64_t blockSize, const DeviceFault& fault)
         : injector(fault),
@@ -80,7 +75,7 @@ struct Rig {
 // One run of a request on a failing device: what happened, and the complaints about it.
 class FaultRun {
   public:
-    FaultRun(Rig& rig, const Operation& request, const DeviceFault& fault,
+    FaultRun(Rig& rig, const Workload& request, const DeviceFault& fault,
              const Reference& reference)
         : rig_(rig), request_(request), fault_(fault), reference_(reference) {}
 
@@ -190,7 +185,7 @@ class FaultRun {
     }
 
     Rig& rig_;
-    const Operation& request_;
+    const Workload& request_;
     const DeviceFault& fault_;
     const Reference& reference_;
     bool isCached_ = true;
@@ -221,7 +216,7 @@ void LadderResult::add(const LadderResult& other) {
     faults.insert(faults.end(), other.faults.begin(), other.faults.end());
 }
 
-Reference DeviceLadder::reference(const Operation& request) const {
+Reference DeviceLadder::reference(const Workload& request) const {
     ModuleHost host(std::make_shared<RecordingResource>(base_, blockSize_));
     host.open();
     Reference reference;
@@ -232,7 +227,7 @@ Reference DeviceLadder::reference(const Operation& request) const {
     return reference;
 }
 
-LadderResult DeviceLadder::climb(const Operation& request, const DeviceFault& fault) const {
+LadderResult DeviceLadder::climb(const Workload& request, const DeviceFault& fault) const {
     const Reference wanted = reference(request);
     LadderResult result;
     for (std::uint64_t call = 1;; call++) {

@@ -46,12 +46,12 @@ class DeviceLadder {
     DeviceLadder(const Bytes& base, std::uint64_t blockSize) : base_(base), blockSize_(blockSize) {}
 
     // Call by call: the request, a synchronise, and the volume's end.
-    LadderResult climb(const Operation& request, const DeviceFault& fault) const;
+    LadderResult climb(const Workload& request, const DeviceFault& fault) const;
     // The same for opening the volume: its content is that of `base`, opened without a failure.
     LadderResult climbOpening(const DeviceFault& fault) const;
 
   private:
-    Reference reference(const Operation& request) const;
+    Reference reference(const Workload& request) const;
 
     const Bytes& base_;
     const std::uint64_t blockSize_;

@@ -1,6 +1,6 @@
 // Every allocation that a request makes, on its way through host, front end, core and bridge, fails
 // in turn.
-#include "crash/snapshot.hpp"
+#include "crash/recording.hpp"
 #include "fault/requests.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
@@ -104,16 +104,10 @@ bool withFailure(std::uint64_t which, Work&& work) {
     return failed > 0;
 }
 
-Snapshot contentAfter(const Operation& request) {
+Snapshot contentAfter(const Workload& request) {
     ModuleHost host(std::make_shared<RecordingResource>(base()));
     host.open();
     request.run(host.volume());
-    return takeSnapshot(host.volume());
-}
-
-Snapshot contentOf(const RecordingResource& disk) {
-    ModuleHost host(std::make_shared<RecordingResource>(disk.image()));
-    host.open();
     return takeSnapshot(host.volume());
 }
 
@@ -124,7 +118,7 @@ class NoMemory : public ::testing::Test {
 
 TEST_F(NoMemory, EveryRequest) {
     std::uint64_t failures = 0;
-    for (const Operation& request : allRequests()) {
+    for (const Workload& request : allRequests()) {
         if (request.touches.size() > kMany) {
             continue; // the same allocations again
         }
@@ -151,7 +145,7 @@ TEST_F(NoMemory, EveryRequest) {
                 }
             }
             host.volume().synchronize().get();
-            EXPECT_EQ(difference(wanted, contentOf(*disk), request, done).value_or(""), "");
+            EXPECT_EQ(difference(wanted, contentOf(disk->image()), request, done).value_or(""), "");
             host.close().get();
             ASSERT_FALSE(HasFailure());
             failures += met ? 1 : 0;
@@ -161,8 +155,8 @@ TEST_F(NoMemory, EveryRequest) {
 }
 
 TEST_F(NoMemory, OpeningAndClosing) {
-    const Operation& request = allRequests().front();
-    const Snapshot before = contentOf(RecordingResource(base()));
+    const Workload& request = allRequests().front();
+    const Snapshot before = contentOf(base());
     const Snapshot after = contentAfter(request);
     bool met = true;
     std::uint64_t which = 0;
@@ -183,8 +177,9 @@ TEST_F(NoMemory, OpeningAndClosing) {
         }
         host.open();
         host.close().get();
-        EXPECT_EQ(difference(done ? after : before, contentOf(*disk), request, done).value_or(""),
-                  "");
+        EXPECT_EQ(
+            difference(done ? after : before, contentOf(disk->image()), request, done).value_or(""),
+            "");
         ASSERT_FALSE(HasFailure());
     }
     std::cout << which - 1 << " allocations from opening to closing failed\n";

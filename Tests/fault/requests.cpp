@@ -10,27 +10,24 @@ namespace tavelin::test {
 
 namespace {
 
-constexpr std::size_t kUncached = 300000; // bytes: more than the page cache takes in one piece
+constexpr std::int64_t kUncached = 300000; // bytes: more than the page cache takes in one piece
 
-ItemRef at(VolumeClient& volume, const std::string& path) {
-    return resolve(volume, path, LastLink::keep).get().item;
-}
-
-void expect(bool right, const char* what) {
-    if (!right) {
-        throw std::runtime_error(std::string("wrong answer: ") + what);
-    }
-}
-
-void readFile(VolumeClient& volume) {
-    const ItemRef file = at(volume, "stable/11");
-    Bytes content(volume.attributes(file).get().size());
-    expect(volume.read(file, 0, content).get() == content.size(), "read");
+// Looks at everything of an item, whose content and stream "kept" have so many bytes.
+Workload reading(const std::string& path, std::size_t size, std::size_t streamSize) {
+    return {"read " + path, [=](VolumeClient& volume) {
+                ItemState item = observe(volume, path);
+                if (item.content.size() != size || item.streams["kept"].size() != streamSize) {
+                    throw std::runtime_error("wrong answer");
+                }
+            }};
 }
 
 void list(VolumeClient& volume) {
-    const auto entries = volume.list(at(volume, "crowd"), true).get();
-    expect(entries.size() == 40, "list");
+    const ItemRef directory = resolve(volume, "crowd").get().item;
+    const auto entries = volume.list(directory, true).get();
+    if (entries.size() != 40) {
+        throw std::runtime_error("wrong answer");
+    }
     for (const DirectoryEntry& entry : entries) {
         // An entry whose attributes cannot be read is listed without them.
         if (!entry.attributes) {
@@ -39,51 +36,35 @@ void list(VolumeClient& volume) {
     }
 }
 
-void readStreams(VolumeClient& volume) {
-    const ItemRef file = at(volume, "stable/3");
-    expect(volume.listXattrs(file).get().size() == 1, "list streams");
-    expect(volume.getXattr(file, "kept").get().size() == 2000, "read stream");
+void openAndClose(VolumeClient& volume) {
+    const ItemRef file = resolve(volume, "stable/5").get().item;
+    volume.open(file, fskit::FSVolumeOpenModesRead).get();
+    volume.close(file, 0);
 }
 
-bool isTouched(const Operation& request, const std::string& path) {
+bool isTouched(const Workload& request, const std::string& path) {
     return std::find(request.touches.begin(), request.touches.end(), path) != request.touches.end();
 }
 
 } // namespace
 
-const std::vector<Operation>& allRequests() {
-    static const std::vector<Operation> requests = [] {
-        std::vector<Operation> all = allOperations();
-        all.push_back(
-            {"write uncached",
-             [](auto& v) {
-                 v.write(at(v, "work/appended"), 100, Bytes(kUncached, std::byte{'u'})).get();
-             },
-             {"work/appended"},
-             {}});
-        all.push_back({"open and close",
-                       [](auto& v) {
-                           const ItemRef file = at(v, "stable/5");
-                           v.open(file, fskit::FSVolumeOpenModesRead).get();
-                           v.close(file, 0);
-                       },
-                       {},
-                       {}});
-        all.push_back({"read", readFile, {}, {}});
-        all.push_back({"list", list, {}, {}});
-        all.push_back(
-            {"read link",
-             [](auto& v) { expect(v.readSymbolicLink(at(v, "stable/link")).get() == "3", "link"); },
-             {},
-             {}});
-        all.push_back({"read streams", readStreams, {}, {}});
+const std::vector<Workload>& allRequests() {
+    static const std::vector<Workload> requests = [] {
+        std::vector<Workload> all = allChanges();
+        all.emplace_back("write uncached", std::vector<Operation>{{Verb::write, "work/appended", "",
+                                                                   100, kUncached, 1}});
+        all.emplace_back("open and close", openAndClose);
+        all.emplace_back("list", list);
+        all.push_back(reading("stable/11", 44100, 0));
+        all.push_back(reading("stable/link", 1, 0));
+        all.push_back(reading("stable/3", 12100, 2000));
         return all;
     }();
     return requests;
 }
 
 std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& found,
-                                      const Operation& request, bool touchedToo) {
+                                      const Workload& request, bool touchedToo) {
     if (wanted.label != found.label && (touchedToo || request.name != "label")) {
         return "the label differs";
     }

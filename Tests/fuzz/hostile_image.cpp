@@ -1,11 +1,15 @@
 #include "fuzz/hostile_image.hpp"
 
+#include "NTFSBridge/ondisk/boot_sector.hpp"
+#include "NTFSBridge/ondisk/file_record.hpp"
+#include "NTFSBridge/ondisk/fixups.hpp"
 #include "core/journal/journal_record.hpp"
 #include "crash/recording.hpp"
-#include "support/sample_volume.hpp"
+#include "support/reparse_items.hpp"
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 namespace tavelin::test {
 
@@ -20,60 +24,29 @@ constexpr std::size_t kJournalEntry = 72;
 constexpr std::size_t kAtChecksum = 8;
 constexpr unsigned kKinds = 5;
 
-Bytes smallVolume() {
-    VolumeGeometry geometry;
-    geometry.bytes = 2u << 20;
-    geometry.clusterSize = 512;
-    const SampleVolume volume(geometry);
-    const std::string raw = readFile(volume.image());
-    Bytes image(raw.size());
-    std::memcpy(image.data(), raw.data(), raw.size());
-    return image;
+std::span<std::uint8_t> block(Bytes& image, std::size_t offset, std::size_t size) {
+    return {reinterpret_cast<std::uint8_t*>(&image[offset]), size};
 }
 
-template<typename Number>
-Number at(const Bytes& image, std::size_t where) {
-    Number number = 0;
-    std::memcpy(&number, image.data() + where, sizeof number);
-    return number;
-}
-
-std::size_t clusterSize(const Bytes& boot) {
-    return at<std::uint16_t>(boot, 0x0b) * std::size_t{at<std::uint8_t>(boot, 0x0d)};
-}
-
-// Takes the update sequence out of a block, or puts it in; sequences that do not fit are left.
-class Fixups {
-  public:
-    Fixups(Bytes& image, std::size_t block, std::size_t size) : image_(image), block_(block) {
-        const std::size_t offset = at<std::uint16_t>(image, block + 4);
-        if (at<std::uint16_t>(image, block + 6) != size / kSector + 1 ||
-            offset + 2 * (size / kSector + 1) > kSector) {
-            return;
-        }
-        count_ = size / kSector;
-        sequence_ = block + offset;
-        for (std::size_t i = 0; i < count_; i++) {
-            std::memcpy(endOf(i), &image[sequence_ + 2 * (i + 1)], 2);
-        }
+ntb::boot_sector bootOf(const Bytes& image) {
+    ntb::boot_sector boot;
+    const auto* const sector = reinterpret_cast<const std::uint8_t*>(image.data());
+    if (ntb::parse_boot_sector(std::span<const std::uint8_t, kSector>(sector, kSector), boot) !=
+        ntb::boot_fault::none) {
+        throw std::runtime_error("a seed without a boot sector");
     }
-    ~Fixups() {
-        for (std::size_t i = 0; i < count_; i++) {
-            std::memcpy(&image_[sequence_ + 2 * (i + 1)], endOf(i), 2);
-            std::memcpy(endOf(i), &image_[sequence_], 2);
-        }
+    return boot;
+}
+
+// Runs `change` on a block without its update sequence; one that does not fit stays.
+template<typename Work>
+void withoutFixups(std::span<std::uint8_t> bytes, Work&& change) {
+    const bool hadFixups = ntb::apply_fixups(bytes) == ntb::fixup_result::good;
+    change();
+    if (hadFixups) {
+        ntb::insert_fixups(bytes);
     }
-    Fixups(const Fixups&) = delete;
-    Fixups& operator=(const Fixups&) = delete;
-
-  private:
-    std::byte* endOf(std::size_t sector) { return &image_[block_ + (sector + 1) * kSector - 2]; }
-
-    Bytes& image_;
-    const std::size_t block_;
-    std::size_t sequence_ = 0;
-    std::size_t count_ = 0;
-};
+}
 
 std::vector<std::size_t> blocksOf(const Bytes& image, std::string_view magic) {
     std::vector<std::size_t> found;
@@ -85,49 +58,38 @@ std::vector<std::size_t> blocksOf(const Bytes& image, std::string_view magic) {
     return found;
 }
 
-// What Windows writes for a symbolic link, relative or not, and nobody else's writing reaches.
-Bytes windowsLink(std::string_view target, bool isRelative) {
-    Bytes data(8 + 12 + 2 * target.size());
-    const auto put = [&data](std::size_t where, std::uint32_t value) {
-        std::memcpy(&data[where], &value, where == 0 || where == 16 ? 4 : 2);
-    };
-    put(0, 0xA000000C);
-    put(4, static_cast<std::uint32_t>(data.size() - 8));
-    for (const std::size_t length : {10, 14}) {
-        put(length, static_cast<std::uint32_t>(2 * target.size()));
+// Turns a record's unnamed data into a link, where it has as many bytes.
+void makeLink(std::span<std::uint8_t> record, const std::string& link) {
+    ntb::attribute_reader reader{ntb::record_view(record)};
+    ntb::attribute_view data;
+    std::uint8_t* information = nullptr; // the first attribute
+    while (reader.next(data) == ntb::attribute_reader::result::attribute &&
+           data.type() != ntb::at_data) {
+        const auto offset = data.bytes().data() - record.data();
+        information = information == nullptr ? record.data() + offset : information;
     }
-    put(16, isRelative ? 1 : 0);
-    for (std::size_t i = 0; i < target.size(); i++) {
-        data[20 + 2 * i] = static_cast<std::byte>(target[i]);
+    if (information == nullptr || data.type() != ntb::at_data || !data.is_resident() ||
+        data.value().size() <= link.size()) {
+        return;
     }
-    return data;
+    std::uint8_t* const attribute = record.data() + (data.bytes().data() - record.data());
+    std::ranges::copy(link, record.begin() + (data.value().data() - record.data()));
+    ntb::put_at(attribute, 0x00, 4, ntb::at_reparse_point);
+    ntb::put_at(attribute, 0x10, 4, link.size());
+    information[0x18 + 0x21] |= 4; // "is a reparse point"
 }
 
 // Turns the small files of a volume into links.
 Bytes volumeOfLinks() {
-    constexpr std::size_t kFirst = 24; // records before it are the volume's own
     constexpr std::size_t kRecords = 128;
+    const std::string links[] = {symlinkData("..\\3", true),
+                                 symlinkData("\\??\\C:\\stable", false)};
     Bytes image = preparedVolume();
-    const std::size_t table = at<std::uint64_t>(image, 0x30) * clusterSize(image);
-    for (std::size_t number = kFirst; number < kRecords; number++) {
-        const std::size_t record = table + number * kRecord;
-        const Fixups none(image, record, kRecord);
-        const Bytes link =
-            windowsLink(number % 2 == 0 ? "..\\3" : "\\??\\C:\\stable", number % 2 == 0);
-        std::size_t attribute = record + at<std::uint16_t>(image, record + 0x14);
-        const std::size_t information = attribute;
-        while (at<std::uint32_t>(image, attribute) < 0x80) {
-            attribute += at<std::uint32_t>(image, attribute + 4);
-        }
-        const std::size_t value = attribute + at<std::uint16_t>(image, attribute + 0x14);
-        if (at<std::uint32_t>(image, attribute) == 0x80 && image[attribute + 8] == std::byte{0} &&
-            at<std::uint32_t>(image, attribute + 0x10) > link.size()) {
-            image[attribute] = std::byte{0xc0};
-            image[attribute + 0x10] = static_cast<std::byte>(link.size());
-            image[attribute + 0x11] = std::byte{0};
-            std::copy(link.begin(), link.end(), &image[value]);
-            image[information + 0x18 + 0x21] |= std::byte{4}; // "is a reparse point"
-        }
+    const ntb::boot_sector boot = bootOf(image);
+    for (std::size_t number = ntb::first_user_record; number < kRecords; number++) {
+        const auto record =
+            block(image, boot.mft_lcn * boot.cluster_size + number * kRecord, kRecord);
+        withoutFixups(record, [&] { makeLink(record, links[number % 2]); });
     }
     return image;
 }
@@ -183,28 +145,25 @@ void seal(Bytes& image, std::size_t at) {
 
 // `seed` is the image before all changes: what its boot sector says still holds.
 void apply(Bytes& image, const Bytes& seed, const Change& change) {
-    const std::size_t cluster = clusterSize(seed);
     switch (change.kind % kKinds) {
     case 0: {
-        const std::size_t table = at<std::uint64_t>(seed, 0x30) * cluster;
-        const std::size_t mirror = at<std::uint64_t>(seed, 0x38) * cluster;
-        const std::size_t record = table + change.number % 128 * kRecord;
-        {
-            const Fixups none(image, record, kRecord);
-            changeBytes(image, record, kRecord, change);
-        }
-        if (change.number % 128 < kMirrored) {
-            std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(record), kRecord,
-                        image.begin() + static_cast<std::ptrdiff_t>(mirror + record - table));
+        const ntb::boot_sector boot = bootOf(seed);
+        const std::size_t number = change.number % 128;
+        const std::size_t record = boot.mft_lcn * boot.cluster_size + number * kRecord;
+        withoutFixups(block(image, record, kRecord),
+                      [&] { changeBytes(image, record, kRecord, change); });
+        if (number < kMirrored) {
+            const std::size_t mirror = boot.mftmirr_lcn * boot.cluster_size + number * kRecord;
+            std::ranges::copy(block(image, record, kRecord), block(image, mirror, kRecord).begin());
         }
         break;
     }
     case 1: {
         const auto blocks = blocksOf(image, "INDX");
         if (!blocks.empty()) {
-            const std::size_t block = blocks[change.number % blocks.size()];
-            const Fixups none(image, block, kBlock);
-            changeBytes(image, block, kBlock, change);
+            const std::size_t at = blocks[change.number % blocks.size()];
+            withoutFixups(block(image, at, kBlock),
+                          [&] { changeBytes(image, at, kBlock, change); });
         }
         break;
     }
@@ -231,8 +190,9 @@ void apply(Bytes& image, const Bytes& seed, const Change& change) {
 } // namespace
 
 const std::vector<Bytes>& seedVolumes() {
-    static const std::vector<Bytes> volumes{preparedVolume(), smallVolume(), volumeOfLinks(),
-                                            pendingVolume()};
+    static const std::vector<Bytes> volumes{
+        preparedVolume(), loadImage(SampleVolume({.bytes = 2u << 20, .clusterSize = 512}).image()),
+        volumeOfLinks(), pendingVolume()};
     return volumes;
 }
 

@@ -73,7 +73,7 @@ std::string joined(const std::string& directory, const std::string& name) {
 
 std::pair<std::string, std::string> splitPath(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    return {path.substr(0, slash), path.substr(slash + 1)};
+    return {slash == std::string::npos ? "" : path.substr(0, slash), path.substr(slash + 1)};
 }
 
 std::string OperationSource::newPath(const Tree& tree) {

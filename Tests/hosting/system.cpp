@@ -34,7 +34,135 @@ fskit::FSItemSetAttributesRequest timesOf(const Operation& op) {
     return changes;
 }
 
+// Without following links.
+ItemRef walk(VolumeClient& volume, const std::string& path) {
+    ItemRef item = volume.root().duplicate();
+    for (const std::string& name : pathComponents(path)) {
+        item = volume.lookup(item, name).get().item;
+    }
+    return item;
+}
+
+void rename(VolumeClient& volume, const Operation& op) {
+    const auto [fromPath, fromName] = splitPath(op.path);
+    const auto [toPath, toName] = splitPath(op.text);
+    const ItemRef from = walk(volume, fromPath);
+    const ItemRef item = volume.lookup(from, fromName).get().item;
+    const ItemRef to = walk(volume, toPath);
+    auto over = volume.lookup(to, toName);
+    ItemRef none;
+    volume.rename(item, from, fromName, to, toName, over ? over->item : none).get();
+}
+
+Answer onItem(VolumeClient& volume, const Operation& op) {
+    const ItemRef item = walk(volume, op.path);
+    const fskit::FSItemType type = volume.attributes(item).get().type();
+    const bool link = type == fskit::FSItemType::symlink;
+    const auto offset = static_cast<std::uint64_t>(op.number);
+    fskit::FSItemSetAttributesRequest changes;
+    switch (op.verb) {
+    case Verb::lookup:
+        return {.data = std::to_string(static_cast<int>(type))};
+    case Verb::readlink:
+        return {.data = volume.readSymbolicLink(item).get()};
+    case Verb::write:
+    case Verb::read:
+    case Verb::truncate:
+        if (link) {
+            return {.error = kEINVAL}; // hosts never send data requests for links
+        }
+        if (op.verb == Verb::read) {
+            return {.data = readAll(volume, item, offset, static_cast<std::size_t>(op.other))};
+        }
+        if (op.verb == Verb::write) {
+            const std::string content = pattern(op.seed, op.other);
+            return {.data = std::to_string(
+                        volume.write(item, offset, bytesOf(content)).get().bytesWritten)};
+        }
+        changes.setSize(offset);
+        volume.setAttributes(item, changes).get();
+        return {};
+    case Verb::times:
+        changes = timesOf(op);
+        volume.setAttributes(item, changes).get();
+        return {};
+    case Verb::hide:
+        changes.setFlags(op.number != 0 ? kHidden : 0);
+        volume.setAttributes(item, changes).get();
+        return {};
+    case Verb::setStream: {
+        const std::string value = pattern(op.seed, op.other);
+        volume
+            .setXattr(item, op.text, bytesOf(value),
+                      static_cast<fskit::FSSetXattrPolicy>(op.number))
+            .get();
+        return {};
+    }
+    case Verb::getStream:
+        return {.data = textOf(volume.getXattr(item, op.text).get())};
+    default:
+        throw std::logic_error("not an operation on an item");
+    }
+}
+
 } // namespace
+
+Answer carryOut(VolumeClient& volume, const Operation& op) {
+    const auto [directory, name] = splitPath(op.path);
+    switch (op.verb) {
+    case Verb::create: {
+        fskit::FSItemSetAttributesRequest attributes;
+        attributes.setSize(static_cast<std::uint64_t>(op.other));
+        attributes.setFlags(op.number != 0 ? kHidden : 0);
+        volume.create(walk(volume, directory), name, fskit::FSItemType::file, attributes).get();
+        return {};
+    }
+    case Verb::mkdir:
+        volume.create(walk(volume, directory), name, fskit::FSItemType::directory).get();
+        return {};
+    case Verb::symlink:
+        volume.createSymbolicLink(walk(volume, directory), name, op.text).get();
+        return {};
+    case Verb::remove: {
+        const ItemRef parent = walk(volume, directory);
+        const ItemRef item = volume.lookup(parent, name).get().item;
+        volume.remove(item, parent, name).get();
+        return {};
+    }
+    case Verb::rename:
+        rename(volume, op);
+        return {};
+    case Verb::sync:
+        volume.synchronize().get();
+        return {};
+    default:
+        return onItem(volume, op);
+    }
+}
+
+ItemState observe(VolumeClient& volume, const std::string& path) {
+    const ItemRef item = walk(volume, path);
+    const fskit::FSItemAttributes seen = volume.attributes(item).get();
+    ItemState state{.kind = static_cast<ItemKind>(seen.type()),
+                    .size = seen.size(),
+                    .linkCount = seen.linkCount(),
+                    .hidden = seen.flags() == kHidden,
+                    .times = {ticks(seen.accessTime()), ticks(seen.modifyTime()),
+                              ticks(seen.changeTime()), ticks(seen.birthTime())}};
+    if (state.kind == ItemKind::directory) {
+        for (const DirectoryEntry& entry : volume.list(item, false).get()) {
+            state.entries[entry.name] = static_cast<ItemKind>(entry.type);
+        }
+    } else if (state.kind == ItemKind::symlink) {
+        state.content = volume.readSymbolicLink(item).get();
+    } else {
+        state.content = readAll(volume, item, 0, seen.size() + 1);
+    }
+    for (const std::string& name : volume.listXattrs(item).get()) {
+        state.streams[name] = textOf(volume.getXattr(item, name).get());
+    }
+    return state;
+}
 
 System::System(std::filesystem::path image, ModuleHost::Options options)
     : image_(std::move(image)),
@@ -50,138 +178,16 @@ void System::reload() {
     host_ = ModuleHost::openImage(image_, options_);
 }
 
-ItemRef System::walk(const std::string& path) {
-    ItemRef item = volume().root().duplicate();
-    for (const std::string& name : pathComponents(path)) {
-        item = volume().lookup(item, name).get().item;
-    }
-    return item;
-}
-
 Answer System::apply(const Operation& op) {
     try {
-        const auto [directory, name] = splitPath(op.path);
-        switch (op.verb) {
-        case Verb::create: {
-            fskit::FSItemSetAttributesRequest attributes;
-            attributes.setSize(static_cast<std::uint64_t>(op.other));
-            attributes.setFlags(op.number != 0 ? kHidden : 0);
-            volume().create(walk(directory), name, fskit::FSItemType::file, attributes).get();
-            return {};
-        }
-        case Verb::mkdir:
-            volume().create(walk(directory), name, fskit::FSItemType::directory).get();
-            return {};
-        case Verb::symlink:
-            volume().createSymbolicLink(walk(directory), name, op.text).get();
-            return {};
-        case Verb::remove: {
-            const ItemRef parent = walk(directory);
-            const ItemRef item = volume().lookup(parent, name).get().item;
-            volume().remove(item, parent, name).get();
-            return {};
-        }
-        case Verb::rename:
-            rename(op);
-            return {};
-        case Verb::sync:
-            volume().synchronize().get();
-            return {};
-        case Verb::reload:
+        if (op.verb == Verb::reload) {
             reload();
             return {};
-        default:
-            return onItem(op);
         }
+        return carryOut(volume(), op);
     } catch (const fskit::Error& error) {
         return {.error = static_cast<std::int32_t>(error.code())};
     }
-}
-
-void System::rename(const Operation& op) {
-    const auto [fromPath, fromName] = splitPath(op.path);
-    const auto [toPath, toName] = splitPath(op.text);
-    const ItemRef from = walk(fromPath);
-    const ItemRef item = volume().lookup(from, fromName).get().item;
-    const ItemRef to = walk(toPath);
-    auto over = volume().lookup(to, toName);
-    ItemRef none;
-    volume().rename(item, from, fromName, to, toName, over ? over->item : none).get();
-}
-
-Answer System::onItem(const Operation& op) {
-    const ItemRef item = walk(op.path);
-    const fskit::FSItemType type = volume().attributes(item).get().type();
-    const bool link = type == fskit::FSItemType::symlink;
-    const auto offset = static_cast<std::uint64_t>(op.number);
-    fskit::FSItemSetAttributesRequest changes;
-    switch (op.verb) {
-    case Verb::lookup:
-        return {.data = std::to_string(static_cast<int>(type))};
-    case Verb::readlink:
-        return {.data = volume().readSymbolicLink(item).get()};
-    case Verb::write:
-    case Verb::read:
-    case Verb::truncate:
-        if (link) {
-            return {.error = kEINVAL}; // hosts never send data requests for links
-        }
-        if (op.verb == Verb::read) {
-            return {.data = readAll(volume(), item, offset, static_cast<std::size_t>(op.other))};
-        }
-        if (op.verb == Verb::write) {
-            const std::string content = pattern(op.seed, op.other);
-            return {.data = std::to_string(
-                        volume().write(item, offset, bytesOf(content)).get().bytesWritten)};
-        }
-        changes.setSize(offset);
-        volume().setAttributes(item, changes).get();
-        return {};
-    case Verb::times:
-        changes = timesOf(op);
-        volume().setAttributes(item, changes).get();
-        return {};
-    case Verb::hide:
-        changes.setFlags(op.number != 0 ? kHidden : 0);
-        volume().setAttributes(item, changes).get();
-        return {};
-    case Verb::setStream: {
-        const std::string value = pattern(op.seed, op.other);
-        volume()
-            .setXattr(item, op.text, bytesOf(value),
-                      static_cast<fskit::FSSetXattrPolicy>(op.number))
-            .get();
-        return {};
-    }
-    case Verb::getStream:
-        return {.data = textOf(volume().getXattr(item, op.text).get())};
-    default:
-        throw std::logic_error("not an operation on an item");
-    }
-}
-
-ItemState System::observe(const std::string& path) {
-    const ItemRef item = walk(path);
-    const fskit::FSItemAttributes seen = volume().attributes(item).get();
-    ItemState state{.kind = static_cast<ItemKind>(seen.type()),
-                    .size = seen.size(),
-                    .linkCount = seen.linkCount(),
-                    .hidden = seen.flags() == kHidden,
-                    .times = {ticks(seen.accessTime()), ticks(seen.modifyTime()),
-                              ticks(seen.changeTime()), ticks(seen.birthTime())}};
-    if (state.kind == ItemKind::directory) {
-        for (const DirectoryEntry& entry : volume().list(item, false).get()) {
-            state.entries[entry.name] = static_cast<ItemKind>(entry.type);
-        }
-    } else if (state.kind == ItemKind::symlink) {
-        state.content = volume().readSymbolicLink(item).get();
-    } else {
-        state.content = readAll(volume(), item, 0, seen.size() + 1);
-    }
-    for (const std::string& name : volume().listXattrs(item).get()) {
-        state.streams[name] = textOf(volume().getXattr(item, name).get());
-    }
-    return state;
 }
 
 } // namespace tavelin::test

@@ -7,24 +7,25 @@
 
 namespace tavelin::test {
 
+// Carries one operation out, any but reload. Throws fskit::Error.
+Answer carryOut(VolumeClient& volume, const Operation& op);
+
+// What is to be seen of an item. Throws fskit::Error when it cannot be.
+ItemState observe(VolumeClient& volume, const std::string& path);
+
 // Requests may come from several threads, except reload.
 class System {
   public:
     explicit System(std::filesystem::path image, ModuleHost::Options options = {});
 
     Answer apply(const Operation& op);
-    // What is to be seen of an item; throws fskit::Error when it cannot be.
-    ItemState observe(const std::string& path);
+    ItemState observe(const std::string& path) { return test::observe(volume(), path); }
     // Closes the volume and opens it again. Throws fskit::Error or OpenError.
     void reload();
 
     VolumeClient& volume() { return host_->volume(); }
 
   private:
-    Answer onItem(const Operation& op);
-    void rename(const Operation& op);
-    ItemRef walk(const std::string& path); // without following links
-
     const std::filesystem::path image_;
     const ModuleHost::Options options_;
     std::unique_ptr<ModuleHost> host_;
