@@ -1,7 +1,5 @@
 #include "support/run_process.hpp"
 
-#include "platform/file_descriptor.hpp"
-
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -68,7 +66,7 @@ std::string ProcessResult::describe() const {
     return "exit status " + std::to_string(status) + "\n" + out + err;
 }
 
-ProcessResult run(const std::vector<std::string>& arguments, const std::string& input) {
+RunningProcess::RunningProcess(const std::vector<std::string>& arguments) {
     const std::string program = locate(arguments.at(0));
     if (program.empty()) {
         throw std::system_error(ENOENT, std::generic_category(), arguments[0]);
@@ -93,31 +91,71 @@ ProcessResult run(const std::vector<std::string>& arguments, const std::string& 
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
-    pid_t child = -1;
     const int failure =
-        ::posix_spawn(&child, program.c_str(), &actions, &attributes, argv.data(), environ);
+        ::posix_spawn(&process_, program.c_str(), &actions, &attributes, argv.data(), environ);
     ::posix_spawnattr_destroy(&attributes);
     ::posix_spawn_file_actions_destroy(&actions);
     if (failure != 0) {
+        process_ = -1;
         throw std::system_error(failure, std::generic_category(), program);
     }
-    in.reading.reset();
-    out.writing.reset();
-    err.writing.reset();
+    input_ = std::move(in.writing);
+    output_ = std::move(out.reading);
+    errors_ = std::move(err.reading);
+}
+
+RunningProcess::~RunningProcess() {
+    if (process_ > 0) {
+        signal(SIGKILL);
+        ::waitpid(process_, nullptr, 0);
+    }
+}
+
+std::string RunningProcess::readLine() {
+    std::array<char, 4096> piece{};
+    size_t end = 0;
+    while ((end = pending_.find('\n')) == std::string::npos) {
+        const size_t count = output_.readSome(piece.data(), piece.size()).bytes;
+        if (count == 0) {
+            return {};
+        }
+        pending_.append(piece.data(), count);
+    }
+    std::string line = pending_.substr(0, end);
+    pending_.erase(0, end + 1);
+    return line;
+}
+
+void RunningProcess::write(const std::string& bytes) {
+    if (const int error = input_.write(bytes.data(), bytes.size()).error; error != 0) {
+        throw std::system_error(error, std::generic_category(), "write to a program");
+    }
+}
+
+void RunningProcess::signal(int number) const {
+    ::kill(process_, number);
+}
+
+ProcessResult RunningProcess::finish(const std::string& input) {
     ProcessResult result;
     // Both at once with the input, so that no full pipe stops the child.
-    auto said = std::async(std::launch::async, [&] { return readAll(out.reading); });
-    auto complained = std::async(std::launch::async, [&] { return readAll(err.reading); });
-    static_cast<void>(in.writing.write(input.data(), input.size())); // it need not read all of it
-    in.writing.reset();
+    auto said = std::async(std::launch::async, [&] { return pending_ + readAll(output_); });
+    auto complained = std::async(std::launch::async, [&] { return readAll(errors_); });
+    static_cast<void>(input_.write(input.data(), input.size())); // it need not read all of it
+    input_.reset();
     result.out = said.get();
     result.err = complained.get();
     int status = 0;
-    if (uninterrupted([&] { return ::waitpid(child, &status, 0); }) < 0) {
+    if (uninterrupted([&] { return ::waitpid(process_, &status, 0); }) < 0) {
         throw std::system_error(errno, std::generic_category(), "waitpid");
     }
+    process_ = -1;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+ProcessResult run(const std::vector<std::string>& arguments, const std::string& input) {
+    return RunningProcess(arguments).finish(input);
 }
 
 std::string runOrThrow(const std::vector<std::string>& arguments, const std::string& input) {

@@ -42,19 +42,16 @@ TEST_F(ReparseItems, AreReadOrRefusedByName) {
 }
 
 TEST_F(ReparseItems, AreToldInListings) {
-    const auto listed =
-        nlohmann::json::parse(tavelinDone({"ls", "--json", "-a", image(), "/items"})).at("items");
+    const auto listed = tavelinItems({"ls", "-a", image(), "/items"});
     ASSERT_EQ(listed.size(), reparseItems().size());
     const std::string lines = tavelinDone({"ls", "-l", image(), "/items"});
     for (const ReparseItem& item : reparseItems()) {
         SCOPED_TRACE(item.name);
         const std::string path = "/items/" + item.name;
-        const auto status =
-            nlohmann::json::parse(tavelinDone({"stat", "--json", image(), path})).at("items");
         const auto entry =
             std::ranges::find_if(listed, [&](const auto& each) { return each.at("path") == path; });
         ASSERT_NE(entry, listed.end());
-        EXPECT_EQ(*entry, status.at(0));
+        EXPECT_EQ(*entry, tavelinItems({"stat", image(), path}).at(0));
         EXPECT_EQ(entry->at("reparseKind"), reparseTag(item.tag).name);
         EXPECT_EQ(entry->at("data") == "elsewhere",
                   item.kind != Kind::compressed && item.kind != Kind::link);

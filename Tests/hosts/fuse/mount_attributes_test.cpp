@@ -1,6 +1,5 @@
 // What a mount says of items: times of directories, owners and modes, handles, streams.
 #include "hosts/fuse/served_volume.hpp"
-#include "platform/file_descriptor.hpp"
 #include "support/run_process.hpp"
 
 #include <gtest/gtest.h>
@@ -38,7 +37,7 @@ TEST_F(MountAttributes, DirectoriesShowTheirChangesAtOnce) {
         {"unlink", [&] { return ::unlink(at("folder/again").c_str()); }},
         {"unlink of what is open",
          [&] {
-             const FileDescriptor open(at("folder/open").c_str(), O_RDONLY);
+             const Descriptor open(*this / "folder/open", O_RDONLY);
              return ::unlink(at("folder/open").c_str());
          }},
         {"rmdir", [&] { return ::rmdir(at("folder/below").c_str()); }},
@@ -47,13 +46,10 @@ TEST_F(MountAttributes, DirectoriesShowTheirChangesAtOnce) {
     for (const auto& row : kRows) {
         const timespec old[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
         ASSERT_EQ(::utimensat(AT_FDCWD, at("folder").c_str(), old, 0), 0);
-        struct stat before {};
-        ASSERT_EQ(::stat(at("folder").c_str(), &before), 0);
-        EXPECT_EQ(before.st_mtim.tv_sec, old[1].tv_sec) << row.what;
+        EXPECT_EQ(statusOf("folder").st_mtim.tv_sec, old[1].tv_sec) << row.what;
         const std::time_t start = std::time(nullptr);
         EXPECT_EQ(errorOf(row.change()), 0) << row.what;
-        struct stat after {};
-        ASSERT_EQ(::stat(at("folder").c_str(), &after), 0);
+        const struct stat after = statusOf("folder");
         EXPECT_GE(after.st_mtim.tv_sec, start - 1) << row.what;
         EXPECT_GE(after.st_ctim.tv_sec, start - 1) << row.what;
     }
@@ -78,14 +74,10 @@ TEST_F(MountAttributes, OwnersAndMasksAreThoseOfTheOptions) {
         mount(row.options);
         writeFile(*this / "program", "#!/bin/sh\nexit 7\n");
         fs::create_directories(*this / "folder");
-        struct stat file {
-        }, directory{};
-        ASSERT_EQ(::stat(path("program").c_str(), &file), 0);
-        ASSERT_EQ(::stat(path("folder").c_str(), &directory), 0);
-        EXPECT_EQ(file.st_mode, S_IFREG | row.file);
-        EXPECT_EQ(directory.st_mode, S_IFDIR | row.directory);
-        EXPECT_EQ(file.st_uid, row.user);
-        EXPECT_EQ(directory.st_gid, row.group);
+        EXPECT_EQ(statusOf("program").st_mode, S_IFREG | row.file);
+        EXPECT_EQ(statusOf("folder").st_mode, S_IFDIR | row.directory);
+        EXPECT_EQ(statusOf("program").st_uid, row.user);
+        EXPECT_EQ(statusOf("folder").st_gid, row.group);
         if ((row.file & 0111) != 0) {
             EXPECT_EQ(run({path("program")}).status, 7);
         } else {
@@ -96,7 +88,7 @@ TEST_F(MountAttributes, OwnersAndMasksAreThoseOfTheOptions) {
 
 // What a file server keeps of a file while nobody has it open must never open another file.
 TEST_F(MountAttributes, HandlesOfRemovedFilesOpenNothing) {
-    const int root = ::open(served_->directory().c_str(), O_RDONLY | O_DIRECTORY);
+    const Descriptor root(served_->directory(), O_RDONLY | O_DIRECTORY);
     union {
         file_handle handle;
         unsigned char bytes[sizeof(file_handle) + MAX_HANDLE_SZ];
@@ -109,19 +101,14 @@ TEST_F(MountAttributes, HandlesOfRemovedFilesOpenNothing) {
         int mount = 0;
         ASSERT_EQ(::name_to_handle_at(AT_FDCWD, name.c_str(), &space.handle, &mount, 0), 0);
         removed.push_back(space);
-        ASSERT_EQ(::unlink(name.c_str()), 0);
+        fs::remove(name);
     }
     for (int i = 0; i < 50; ++i) {
         writeFile(*this / ("new" + std::to_string(i)), "new");
     }
-    int opened = 0;
     for (auto& each : removed) {
-        const int fd = ::open_by_handle_at(root, &each.handle, O_RDONLY);
-        opened += fd != -1;
-        ::close(fd);
+        EXPECT_EQ(::open_by_handle_at(root, &each.handle, O_RDONLY), -1);
     }
-    EXPECT_EQ(opened, 0);
-    ::close(root);
 }
 
 TEST_F(MountAttributes, StreamsAreNotShownWhereTheyAreNotWanted) {

@@ -2,8 +2,8 @@
 #include "hosts/fuse/mount/mount_request.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/served_volume.hpp"
-#include "hosts/fuse/tree.hpp"
 #include "hosts/fuse/watches.hpp"
+#include "hosts/tree.hpp"
 #include "support/run_process.hpp"
 
 #include <gtest/gtest.h>
@@ -11,12 +11,12 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <optional>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -27,12 +27,12 @@ namespace fs = std::filesystem;
 class MountLifecycle : public MountTest {
   protected:
     // A file written and synchronised, and kept open.
-    int synced(const std::string& name, const std::string& content) {
-        const int fd = ::open(path(name).c_str(), O_RDWR | O_CREAT, 0666);
-        EXPECT_EQ(::write(fd, content.data(), content.size()),
+    Descriptor synced(const std::string& name, const std::string& content) {
+        Descriptor file(*this / name, O_RDWR | O_CREAT);
+        EXPECT_EQ(::write(file, content.data(), content.size()),
                   static_cast<ssize_t>(content.size()));
-        EXPECT_EQ(::fsync(fd), 0);
-        return fd;
+        EXPECT_EQ(::fsync(file), 0);
+        return file;
     }
 
     // The volume as a crash would leave it now; the image itself is locked while it is served.
@@ -51,8 +51,32 @@ class MountLifecycle : public MountTest {
     }
 };
 
+// As users mount it: by programs, on a directory of its own.
+class MountCommands : public MountLifecycle {
+  protected:
+    void SetUp() override {
+        MountLifecycle::SetUp();
+        if (!IsSkipped()) {
+            served_.reset();
+            image = volume_->image();
+        }
+    }
+    bool isServed() const { return fusehost::findMount(directory).has_value(); }
+    std::string servers() const { return run({"pgrep", "-f", "tavelin mount " + image}).out; }
+    // A refusal that has these words in it.
+    static void expectRefused(const std::vector<std::string>& words, const char* hint) {
+        const ProcessResult result = run(words);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(result.err.find(hint), std::string::npos) << result.describe();
+    }
+
+    const TempDirectory mountPoint;
+    const std::string directory = mountPoint.path();
+    std::string image;
+};
+
 TEST_F(MountLifecycle, SynchronisedFilesSurviveAKilledServer) {
-    std::vector<int> open;
+    std::vector<Descriptor> open;
     for (int i = 0; i < 40; ++i) {
         const std::string directory = "folder" + std::to_string(i % 4);
         fs::create_directories(*this / directory);
@@ -61,30 +85,27 @@ TEST_F(MountLifecycle, SynchronisedFilesSurviveAKilledServer) {
     }
     // A new name for a synchronised file is synchronised with its directory.
     fs::rename(*this / "folder0/file0", *this / "folder0/renamed");
-    const int directory = ::open(path("folder0").c_str(), O_RDONLY | O_DIRECTORY);
-    EXPECT_EQ(::fsync(directory), 0);
-    ::close(directory);
+    EXPECT_EQ(::fsync(Descriptor(*this / "folder0", O_RDONLY | O_DIRECTORY)), 0);
     const Tree expected = readTree(served_->directory());
     served_->crash();
-    for (const int fd : open) {
-        ::close(fd);
-    }
+    open.clear();
     mount();
     EXPECT_EQ(firstDifference(expected, readTree(served_->directory())), "");
     expectToLast(*volume_, served_);
 }
 
 TEST_F(MountLifecycle, ACrashLeavesNoRemovedFileBehind) {
-    const int open = synced("open", std::string(300'000, 'o'));
-    const int replaced = synced("replaced", "old");
-    writeFile(*this / "new", "new");
-    fs::rename(*this / "new", *this / "replaced");
-    fs::remove(*this / "open");
-    ASSERT_EQ(::fsync(open), 0); // the removal is on the image now
-    EXPECT_EQ(asOnTheImage()->list().size(), 2u) << "moved aside, where independent readers see it";
-    served_->crash();
-    ::close(open);
-    ::close(replaced);
+    {
+        const Descriptor open = synced("open", std::string(300'000, 'o'));
+        const Descriptor replaced = synced("replaced", "old");
+        writeFile(*this / "new", "new");
+        fs::rename(*this / "new", *this / "replaced");
+        fs::remove(*this / "open");
+        ASSERT_EQ(::fsync(open), 0); // the removal is on the image now
+        EXPECT_EQ(asOnTheImage()->list().size(), 2u)
+            << "moved aside, where independent readers see it";
+        served_->crash();
+    }
     mount();
     EXPECT_FALSE(fs::exists(*this / "open"));
     EXPECT_EQ(readFile(*this / "replaced"), "new");
@@ -94,18 +115,16 @@ TEST_F(MountLifecycle, ACrashLeavesNoRemovedFileBehind) {
 }
 
 TEST_F(MountLifecycle, RemovalsThatNobodySynchronisesReachTheImageAnyway) {
-    const int open = synced("open", "content");
+    const Descriptor open = synced("open", "content");
     fs::remove(*this / "open");
     // About a second of idleness parks the file, another writes that back.
     ChangeWatch image(volume_->image());
-    std::vector<std::string> names;
+    Names onImage;
     do {
-        names = asOnTheImage()->list();
-    } while (std::find(names.begin(), names.end(), "open") != names.end() && image.await());
-    EXPECT_EQ(names, std::vector<std::string>{".tavelin-removed"});
-    char byte = 0;
-    EXPECT_EQ(::pread(open, &byte, 1, 0), 1);
-    ::close(open);
+        onImage = asOnTheImage()->list();
+    } while (std::find(onImage.begin(), onImage.end(), "open") != onImage.end() && image.await());
+    EXPECT_EQ(onImage, Names{".tavelin-removed"});
+    EXPECT_EQ(open.read(), "content");
 }
 
 TEST_F(MountLifecycle, SignalsUnmountWithEverythingWritten) {
@@ -124,10 +143,10 @@ TEST_F(MountLifecycle, SignalsUnmountWithEverythingWritten) {
 TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
     constexpr size_t kPage = 4096;
     for (const bool impatient : {false, true}) {
-        const int open = synced("file", std::string(2 * kPage, 'x'));
+        std::optional<Descriptor> open(synced("file", std::string(2 * kPage, 'x')));
         // A page that only the kernel knows to be dirty, and that nobody unmaps before the end.
         void* const map =
-            ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, open, off_t{kPage});
+            ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, *open, off_t{kPage});
         ASSERT_NE(map, MAP_FAILED);
         std::fill_n(static_cast<char*>(map), kPage, '!');
         ::kill(served_->server(), SIGTERM);
@@ -135,13 +154,13 @@ TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
         while (fusehost::findMount(served_->directory())) {
             ASSERT_TRUE(mounts.await());
         }
-        EXPECT_EQ(::pwrite(open, "CONTENT", 7, 0), 7) << "it is still served";
+        EXPECT_EQ(::pwrite(*open, "CONTENT", 7, 0), 7) << "it is still served";
         if (impatient) {
             ::kill(served_->server(), SIGTERM);
             EXPECT_EQ(served_->awaitEnd(), 0);
         }
         ::munmap(map, kPage);
-        ::close(open);
+        open.reset();
         EXPECT_EQ(served_->awaitEnd(), 0);
         EXPECT_TRUE(volume_->cat("file") ==
                     "CONTENT" + std::string(kPage - 7, 'x') + std::string(kPage, '!'));
@@ -196,12 +215,8 @@ TEST_F(MountLifecycle, SignalsLeaveAMountOnTopAlone) {
 }
 
 // As users type them: the program, the helper of mount(8), and the unmounting programs.
-TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
-    served_.reset();
-    const TempDirectory mountPoint;
-    const std::string directory = mountPoint.path(), image = volume_->image();
+TEST_F(MountCommands, ReturnWhenServedAndWhenWritten) {
     const std::string content(1 << 20, 'c');
-    const auto isServed = [&] { return fusehost::findMount(directory).has_value(); };
     EXPECT_EQ(tavelin({"mount", image, directory}), 0);
     EXPECT_TRUE(isServed());
     writeFile(mountPoint / "by the program", content);
@@ -221,10 +236,8 @@ TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
     // As a shell with a limit starts it, that has a file of its own open.
     runOrThrow({"bash", "-c", "ulimit -f 49152; exec 9</dev/null; \"$0\" mount \"$1\" \"$2\"",
                 TAVELIN_PROGRAM, image, directory});
-    const std::string server = runOrThrow({"pgrep", "-f", "tavelin mount " + image});
-    EXPECT_FALSE(fs::exists("/proc/" + server.substr(0, server.size() - 1) + "/fd/9") &&
-                 fs::read_symlink("/proc/" + server.substr(0, server.size() - 1) + "/fd/9") ==
-                     "/dev/null");
+    const fs::path ninth = "/proc/" + std::to_string(std::stoi(servers())) + "/fd/9";
+    EXPECT_FALSE(fs::exists(ninth) && fs::read_symlink(ninth) == "/dev/null");
     EXPECT_NE(run({"dd", "if=/dev/zero", "of=" + directory + "/big", "bs=1M", "count=60"}).status,
               0)
         << "beyond the limit";
@@ -241,33 +254,27 @@ TEST_F(MountLifecycle, CommandsReturnWhenServedAndWhenWritten) {
 }
 
 // What the volume is mounted from is what programs look it up by.
-TEST_F(MountLifecycle, ABlockDeviceIsMountedAsItself) {
+TEST_F(MountCommands, MountABlockDeviceAsItself) {
     if (::geteuid() != 0 || ::access("/dev/loop-control", R_OK | W_OK) != 0) {
         GTEST_SKIP() << "only root has devices";
     }
-    served_.reset();
-    std::string device = runOrThrow({"losetup", "--find", "--show", volume_->image()});
+    std::string device = runOrThrow({"losetup", "--find", "--show", image});
     device.pop_back();
-    const TempDirectory mountPoint;
-    EXPECT_EQ(tavelin({"mount", device, mountPoint.path()}), 0);
-    EXPECT_EQ(runOrThrow({"findmnt", "-n", "-o", "TARGET", device}),
-              mountPoint.path().string() + "\n");
+    EXPECT_EQ(tavelin({"mount", device, directory}), 0);
+    EXPECT_EQ(runOrThrow({"findmnt", "-n", "-o", "TARGET", device}), directory + "\n");
     EXPECT_EQ(tavelin({"mkdir", device, "folder"}), 1) << "in use";
     writeFile(mountPoint / "file", "content");
     runOrThrow({"umount", device});
-    EXPECT_FALSE(fusehost::findMount(mountPoint.path()));
+    EXPECT_FALSE(isServed());
     EXPECT_EQ(tavelin({"mkdir", device, "folder"}), 0) << "free at once";
     runOrThrow({"losetup", "-d", device});
     EXPECT_EQ(volume_->cat("file"), "content");
 }
 
 // `tavelin umount` is told by the server itself when it has ended, whatever became of the image.
-TEST_F(MountLifecycle, UnmountingAnswersTruly) {
-    served_.reset();
-    const TempDirectory mountPoint, other;
-    const std::string directory = mountPoint.path(), image = volume_->image();
+TEST_F(MountCommands, AnswerTrulyWhetherItIsUnmounted) {
+    const TempDirectory other;
     const auto mountAgain = [&] { ASSERT_EQ(tavelin({"mount", image, directory}), 0); };
-    const auto servers = [&] { return run({"pgrep", "-f", "tavelin mount " + image}).out; };
 
     mountAgain();
     fs::rename(image, image + ".renamed");
@@ -279,82 +286,64 @@ TEST_F(MountLifecycle, UnmountingAnswersTruly) {
     if (::geteuid() == 0) {
         mountAgain();
         ASSERT_EQ(::mount(directory.c_str(), other.path().c_str(), nullptr, MS_BIND, nullptr), 0);
-        const ProcessResult bound = run({TAVELIN_PROGRAM, "umount", directory});
-        EXPECT_EQ(bound.status, 1);
-        EXPECT_NE(bound.err.find("mounted elsewhere"), std::string::npos) << bound.describe();
+        expectRefused({TAVELIN_PROGRAM, "umount", directory}, "mounted elsewhere");
         EXPECT_EQ(tavelin({"umount", other.path()}), 0);
         EXPECT_EQ(servers(), "");
     }
 
     mountAgain();
-    const int open = ::open((mountPoint / "file").c_str(), O_RDWR | O_CREAT, 0666);
-    const ProcessResult busy = run({TAVELIN_PROGRAM, "umount", directory});
-    EXPECT_NE(busy.err.find("still uses it"), std::string::npos) << busy.describe();
-    ::close(open);
+    {
+        const Descriptor open(mountPoint / "file", O_RDWR | O_CREAT);
+        expectRefused({TAVELIN_PROGRAM, "umount", directory}, "still uses it");
+    }
     EXPECT_EQ(tavelin({"umount", directory}), 0);
 }
 
 // As one user mounts and root, or another user, unmounts.
-TEST_F(MountLifecycle, RootUnmountsWhatAUserMounted) {
+TEST_F(MountCommands, LetRootUnmountWhatAUserMounted) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can be two users";
     }
-    served_.reset();
-    const TempDirectory mountPoint;
-    const std::string directory = mountPoint.path(), image = volume_->image();
     fs::permissions(volume_->directory().path(), fs::perms(0777));
     fs::permissions(image, fs::perms(0666));
     ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
-    const std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534",
-                                          "--clear-groups", TAVELIN_PROGRAM};
-    const auto asNobody = [&](std::vector<std::string> words) {
-        words.insert(words.begin(), nobody.begin(), nobody.end());
-        return run(words);
+    const auto asNobody = [](std::vector<std::string> words) {
+        words.insert(words.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                     TAVELIN_PROGRAM});
+        return words;
     };
-    const ProcessResult mounted = asNobody({"mount", image, directory});
+    const ProcessResult mounted = run(asNobody({"mount", image, directory}));
     if (!mounted.ok()) {
         GTEST_SKIP() << "users cannot mount here: " << mounted.describe();
     }
     EXPECT_EQ(tavelin({"umount", directory}), 0);
-    EXPECT_EQ(run({"pgrep", "-f", "tavelin mount " + image}).out, "");
+    EXPECT_EQ(servers(), "");
 
     EXPECT_EQ(tavelin({"mount", image, directory}), 0);
-    const ProcessResult refused = asNobody({"umount", directory});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.err.find("only root"), std::string::npos) << refused.describe();
+    expectRefused(asNobody({"umount", directory}), "only root");
     EXPECT_EQ(tavelin({"umount", directory}), 0);
 }
 
 // Ctrl-C while the mount is being made: whoever waited for it has been told that there is none.
-TEST_F(MountLifecycle, AMountThatNobodyWaitsForGoes) {
-    served_.reset();
-    const TempDirectory mountPoint;
-    const std::string directory = mountPoint.path();
+TEST_F(MountCommands, LeaveNoMountThatNobodyWaitsFor) {
     for (bool early = false; !early;) {
-        const pid_t caller = ::fork();
-        if (caller == 0) {
-            ::execl(TAVELIN_PROGRAM, "tavelin", "mount", volume_->image().c_str(),
-                    directory.c_str(), nullptr);
-            std::_Exit(127);
-        }
-        const std::string children =
-            "/proc/" + std::to_string(caller) + "/task/" + std::to_string(caller) + "/children";
+        std::optional<RunningProcess> caller(
+            std::in_place, std::vector<std::string>{TAVELIN_PROGRAM, "mount", image, directory});
+        const std::string id = std::to_string(caller->id());
         std::string server;
         while (server.empty()) {
-            server = runOrThrow({"cat", children});
+            server = readFile("/proc/" + id + "/task/" + id + "/children");
         }
         const pid_t process = std::stoi(server);
-        const int end = static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+        const FileDescriptor end(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
         ::kill(process, SIGSTOP);
-        early = !fusehost::findMount(directory); // else it may have told its caller: once more
-        ::kill(caller, SIGKILL);
-        ::waitpid(caller, nullptr, 0);
+        early = !isServed(); // else it may have told its caller: once more
+        caller.reset();
         ::kill(process, early ? SIGCONT : SIGTERM);
         ::kill(process, SIGCONT);
-        pollfd ended{end, POLLIN, 0};
+        pollfd ended{end.get(), POLLIN, 0};
         EXPECT_EQ(::poll(&ended, 1, 20'000), 1) << "the server is there still";
-        ::close(end);
-        EXPECT_FALSE(fusehost::findMount(directory));
+        EXPECT_FALSE(isServed());
     }
 }
 
@@ -363,9 +352,7 @@ TEST_F(MountLifecycle, SyncfsAndBareUnmountsReachAServerOverALoopDevice) {
         fusehost::findMount(served_->directory()).value().type == "fuseblk.tavelin";
     const std::string content(1 << 20, 'c');
     writeFile(*this / "synchronised", content);
-    const int fd = ::open(served_->directory().c_str(), O_RDONLY | O_DIRECTORY);
-    EXPECT_EQ(::syncfs(fd), 0);
-    ::close(fd);
+    EXPECT_EQ(::syncfs(Descriptor(served_->directory(), O_RDONLY | O_DIRECTORY)), 0);
     EXPECT_TRUE(!reached || asOnTheImage()->cat("synchronised") == content);
     writeFile(*this / "unmounted", content);
     runOrThrow({"fusermount3", "-u", served_->directory()});
@@ -391,29 +378,17 @@ TEST_F(MountLifecycle, AnUnmountedImageCanBeMountedAtOnce) {
     }
 }
 
-TEST_F(MountLifecycle, NobodyNeedListenToATrace) {
-    served_.reset();
-    const TempDirectory directory;
+TEST_F(MountCommands, TraceThoughNobodyListens) {
     MountTableWatch mounts;
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const pid_t server = ::fork();
-    if (server == 0) {
-        ::dup2(ends[1], STDERR_FILENO);
-        ::execl(TAVELIN_PROGRAM, "tavelin", "mount", "--foreground", "--trace",
-                volume_->image().c_str(), directory.path().c_str(), nullptr);
-        std::_Exit(127);
-    }
-    ::close(ends[0]);
-    ::close(ends[1]);
-    while (!fusehost::findMount(directory.path())) {
+    RunningProcess server({"bash", "-o", "pipefail", "-c",
+                           "\"$0\" mount --foreground --trace \"$1\" \"$2\" 2>&1 | true",
+                           TAVELIN_PROGRAM, image, directory});
+    while (!isServed()) {
         ASSERT_TRUE(mounts.await());
     }
-    writeFile(directory / "file", "content");
-    EXPECT_EQ(::umount2(directory.path().c_str(), 0), 0);
-    int status = 0;
-    ASSERT_EQ(::waitpid(server, &status, 0), server);
-    EXPECT_EQ(status, 0);
+    writeFile(mountPoint / "file", "content");
+    EXPECT_EQ(::umount2(directory.c_str(), 0), 0);
+    EXPECT_EQ(server.finish().status, 0);
     EXPECT_EQ(volume_->cat("file"), "content");
 }
 

@@ -1,6 +1,6 @@
 // Real programs on a mount, and what they leave behind.
 #include "hosts/fuse/served_volume.hpp"
-#include "hosts/fuse/tree.hpp"
+#include "hosts/tree.hpp"
 #include "support/run_process.hpp"
 
 #include <gtest/gtest.h>
@@ -12,12 +12,8 @@ namespace fs = std::filesystem;
 
 class MountPrograms : public MountTest {
   protected:
-    void SetUp() override {
-        MountTest::SetUp();
-        if (!IsSkipped()) {
-            mountFresh(384 * kMiB);
-        }
-    }
+    MountPrograms() : MountTest(384 * kMiB) {}
+
     TempDirectory outside_;
 };
 
@@ -40,24 +36,6 @@ TEST_F(MountPrograms, CopiesComeBackAsTheyWere) {
     runOrThrow({"rsync", "-aX", "--checksum", path("by rsync") + "/", outside_ / "back by rsync"});
     EXPECT_EQ(firstDifference(expected, readTree(outside_ / "back by cp")), "");
     EXPECT_EQ(firstDifference(expected, readTree(outside_ / "back by rsync")), "");
-    expectToLast(*volume_, served_);
-}
-
-TEST_F(MountPrograms, ArchivesUnpackAndPack) {
-    const fs::path source = outside_ / "source";
-    makeTree(source, 800, 2);
-    runOrThrow({"tar", "--xattrs", "-C", source, "-cf", outside_ / "a.tar", "."});
-    fs::create_directory(*this / "unpacked");
-    // Owners and permissions cannot be kept; everything else must be.
-    runOrThrow({"tar", "--xattrs", "-C", path("unpacked"), "-xf", outside_ / "a.tar"});
-    EXPECT_EQ(firstDifference(readTree(source), readTree(*this / "unpacked")), "");
-    EXPECT_TRUE(run({"tar", "--xattrs", "-C", path("unpacked"), "--compare", "-f",
-                     outside_ / "a.tar", "--mode=a=rw"})
-                    .out.find("Contents differ") == std::string::npos);
-    runOrThrow({"tar", "--xattrs", "-C", path("unpacked"), "-cf", path("b.tar"), "."});
-    fs::create_directory(outside_ / "again");
-    runOrThrow({"tar", "--xattrs", "-C", outside_ / "again", "-xf", path("b.tar")});
-    EXPECT_EQ(firstDifference(readTree(source), readTree(outside_ / "again")), "");
     expectToLast(*volume_, served_);
 }
 

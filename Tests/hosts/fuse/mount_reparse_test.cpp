@@ -37,14 +37,12 @@ TEST_F(MountedReparseItems, AreReadOrRefused) {
         if (item.kind == Kind::compressed) {
             EXPECT_TRUE(readFile(pathOf(item)) == item.content);
         } else if (item.kind == Kind::refused) {
-            const int file = open(pathOf(item).c_str(), O_RDWR | O_CLOEXEC);
-            ASSERT_GE(file, 0);
+            const Descriptor file(pathOf(item), O_RDWR);
             char byte = 0;
             EXPECT_EQ(errorOf(static_cast<int>(read(file, &byte, 1))), EOPNOTSUPP);
             EXPECT_EQ(errorOf(static_cast<int>(write(file, "x", 1))), EOPNOTSUPP);
             EXPECT_EQ(errorOf(ftruncate(file, 0)), EOPNOTSUPP);
             EXPECT_EQ(fsync(file), 0);
-            close(file);
             char note[8] = {};
             EXPECT_EQ(getxattr(pathOf(item).c_str(), "user.note", note, sizeof note), 4);
         } else if (item.kind == Kind::link) {
@@ -62,8 +60,7 @@ TEST_F(MountedReparseItems, AreWhatTheyAre) {
                                        {Kind::blockDevice, S_IFBLK}};
     for (const ReparseItem& item : reparseItems()) {
         SCOPED_TRACE(item.name);
-        struct stat status = {};
-        ASSERT_EQ(lstat(pathOf(item).c_str(), &status), 0);
+        const struct stat status = statusOf("items/" + item.name);
         EXPECT_EQ(status.st_mode & S_IFMT, types.at(item.kind));
         if (item.kind == Kind::charDevice || item.kind == Kind::blockDevice) {
             EXPECT_EQ(status.st_rdev, makedev(5, 300));
@@ -75,10 +72,7 @@ TEST_F(MountedReparseItems, AreChangedRenamedAndRemoved) {
     for (const ReparseItem& item : reparseItems()) {
         SCOPED_TRACE(item.name);
         if (item.kind == Kind::compressed) {
-            const int file = open(pathOf(item).c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
-            ASSERT_GE(file, 0);
-            EXPECT_EQ(write(file, "appended", 8), 8);
-            close(file);
+            EXPECT_EQ(write(Descriptor(pathOf(item), O_RDWR | O_APPEND), "appended", 8), 8);
         }
         const std::string renamed = path("renamed " + item.name);
         EXPECT_EQ(rename(pathOf(item).c_str(), renamed.c_str()), 0);

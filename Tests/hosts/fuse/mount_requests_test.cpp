@@ -17,12 +17,7 @@ namespace fs = std::filesystem;
 
 class MountRequests : public MountTest {
   protected:
-    void SetUp() override {
-        MountTest::SetUp();
-        if (!IsSkipped()) {
-            mount("trace");
-        }
-    }
+    MountRequests() : MountTest(64 * kMiB, "trace") {}
 
     // The requests sent while `work` runs, in order, but for the kernel's letting go of nodes.
     std::string during(const std::function<void()>& work) {
@@ -47,11 +42,9 @@ class MountRequests : public MountTest {
     }
 
     void write(const std::string& name, int flags) {
-        const int fd = ::open(path(name).c_str(), O_WRONLY | O_CREAT | flags, 0666);
-        ASSERT_NE(fd, -1);
         const std::string content(2000, 'x');
-        EXPECT_EQ(::write(fd, content.data(), content.size()), 2000);
-        ::close(fd);
+        const Descriptor file(*this / name, O_WRONLY | O_CREAT | flags);
+        EXPECT_EQ(::write(file, content.data(), content.size()), 2000);
     }
 };
 
@@ -72,9 +65,8 @@ TEST_F(MountRequests, AreAsFewAsTheKernelAllows) {
     EXPECT_EQ(during([&] { EXPECT_FALSE(fs::exists(*this / "absent")); }), "LOOKUP");
     EXPECT_EQ(during([&] { EXPECT_FALSE(fs::exists(*this / "absent")); }), "");
     EXPECT_EQ(during([&] {
-                  const int fd = ::open(path("first").c_str(), O_WRONLY);
-                  ::fsync(fd);
-                  ::close(fd);
+                  const Descriptor file(*this / "first", O_WRONLY);
+                  ::fsync(file);
               }),
               "FSYNC");
 }

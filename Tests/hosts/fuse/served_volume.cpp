@@ -2,11 +2,12 @@
 
 #include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
-#include "hosts/fuse/tree.hpp"
+#include "hosts/tree.hpp"
 #include "platform/file_descriptor.hpp"
 #include "support/image_writers.hpp"
 #include "support/run_process.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -111,24 +112,75 @@ void ServedVolume::crash() {
     ::umount2(directory().c_str(), MNT_DETACH);
 }
 
+Descriptor::Descriptor(const fs::path& path, int flags) : file_(path.c_str(), flags, 0666) {
+    EXPECT_TRUE(file_) << path << ": " << std::generic_category().message(errno);
+}
+
+std::string Descriptor::read(size_t most) const {
+    std::string text(most, 0);
+    const FileDescriptor::Transferred got = file_.readAt(text.data(), most, 0);
+    EXPECT_EQ(got.error, 0);
+    return text.substr(0, got.bytes);
+}
+
+struct stat Descriptor::status() const {
+    struct stat status {};
+    EXPECT_EQ(::fstat(file_.get(), &status), 0) << std::generic_category().message(errno);
+    return status;
+}
+
 void MountTest::SetUp() {
     if (const std::string why = whyNoMounts(); !why.empty()) {
         GTEST_SKIP() << why;
     }
-    mountFresh(64 * kMiB);
+    mountFresh(bytes_, options_);
 }
 
 void MountTest::mountFresh(uint64_t bytes, const std::string& options) {
     served_.reset();
-    VolumeGeometry geometry;
-    geometry.bytes = bytes;
-    volume_ = std::make_unique<SampleVolume>(geometry);
+    volume_ = std::make_unique<SampleVolume>(VolumeGeometry{.bytes = bytes});
     mount(options);
 }
 
 void MountTest::mount(const std::string& options) {
     served_.reset();
     served_ = std::make_unique<ServedVolume>(volume_->image(), options);
+}
+
+struct stat MountTest::statusOf(const std::string& name) const {
+    struct stat status {};
+    EXPECT_EQ(::lstat(path(name).c_str(), &status), 0) << std::generic_category().message(errno);
+    return status;
+}
+
+MountTest::Names MountTest::names(const std::string& directory) const {
+    Names found;
+    for (const fs::directory_entry& entry : fs::directory_iterator(*this / directory)) {
+        found.push_back(entry.path().filename());
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+off_t MountTest::fillVolume(bool records) const {
+    const Descriptor large(*this / "large", O_WRONLY | O_CREAT);
+    off_t size = 0;
+    // A write for which there is no room changes nothing, so the rest is filled piece by piece.
+    for (std::string block(64 << 10, 'b'); !block.empty(); block.resize(block.size() / 2)) {
+        ssize_t done = 0;
+        while ((done = ::pwrite(large, block.data(), block.size(), size)) > 0) {
+            size += done;
+        }
+        EXPECT_EQ(errno, ENOSPC);
+    }
+    EXPECT_EQ(::fsync(large), 0) << "what was accepted can be kept";
+    for (int i = 0; records; ++i) {
+        if (::mkdir(path("d" + std::to_string(i)).c_str(), 0777) != 0) {
+            EXPECT_EQ(errno, ENOSPC);
+            break;
+        }
+    }
+    return size;
 }
 
 void MountTest::TearDown() {

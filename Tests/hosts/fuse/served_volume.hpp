@@ -1,6 +1,7 @@
 // A volume mounted by a server process of ours, for one test.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
 #include "support/sample_volume.hpp"
 #include "support/temp_directory.hpp"
 
@@ -10,7 +11,9 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <vector>
 
 namespace tavelin::test {
 
@@ -44,12 +47,28 @@ class ServedVolume {
     pid_t server_ = -1;
 };
 
+// An open file or directory; that it opens is expected.
+class Descriptor {
+  public:
+    explicit Descriptor(const std::filesystem::path& path, int flags);
+
+    operator int() const { return file_.get(); }
+    std::string read(size_t most = 4096) const; // from the front
+    struct stat status() const;
+
+  private:
+    FileDescriptor file_;
+};
+
 // A fresh sample volume mounted for the test; afterwards it is unmounted, and an independent
 // reader has to find the volume sound.
 class MountTest : public testing::Test {
   protected:
     static constexpr uint64_t kMiB = 1 << 20;
+    using Names = std::vector<std::string>;
 
+    explicit MountTest(uint64_t bytes = 64 * kMiB, std::string options = {})
+        : bytes_(bytes), options_(std::move(options)) {}
     void SetUp() override;
     void TearDown() override;
 
@@ -64,9 +83,17 @@ class MountTest : public testing::Test {
     static int errorOf(int result) { return result == -1 ? errno : 0; }
     std::filesystem::path operator/(const std::string& name) const { return *served_ / name; }
     std::string path(const std::string& name) const { return (*this / name).string(); }
+    struct stat statusOf(const std::string& name) const;  // of a link, not of its target
+    Names names(const std::string& directory = "") const; // sorted
+    // Takes all clusters, and with `records` all room for new files too. The size of "large".
+    off_t fillVolume(bool records) const;
 
     std::unique_ptr<SampleVolume> volume_;
     std::unique_ptr<ServedVolume> served_;
+
+  private:
+    const uint64_t bytes_;
+    const std::string options_;
 };
 
 // Checks that the volume's content, now mounted as `served`, is the same after an unmount: in an

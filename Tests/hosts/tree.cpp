@@ -1,4 +1,4 @@
-#include "hosts/fuse/tree.hpp"
+#include "hosts/tree.hpp"
 
 #include "support/temp_directory.hpp"
 
@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <system_error>
 
@@ -42,7 +43,7 @@ std::string readAttributes(const fs::path& path) {
 
 } // namespace
 
-Tree readTree(const fs::path& directory) {
+Tree readTree(const fs::path& directory, bool withTimes) {
     Tree tree;
     for (const fs::directory_entry& found : fs::recursive_directory_iterator(directory)) {
         TreeEntry& entry = tree[found.path().lexically_relative(directory)];
@@ -56,6 +57,11 @@ Tree readTree(const fs::path& directory) {
         }
         entry.content = std::hash<std::string>()(content);
         entry.attributes = std::hash<std::string>()(readAttributes(found.path()));
+        if (withTimes) {
+            struct stat status {};
+            check(::lstat(found.path().c_str(), &status), found.path());
+            entry.changed = status.st_mtim.tv_sec * 10'000'000 + status.st_mtim.tv_nsec / 100;
+        }
     }
     return tree;
 }

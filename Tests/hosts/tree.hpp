@@ -13,6 +13,7 @@ struct TreeEntry {
     uint64_t size = 0;
     size_t content = 0;    // a hash of the bytes, or of a link's target
     size_t attributes = 0; // a hash of the extended attributes that belong to users
+    int64_t changed = 0;   // 100 ns units since 1970; 0 where times are not to be compared
 
     bool operator==(const TreeEntry&) const = default;
 };
@@ -20,7 +21,7 @@ struct TreeEntry {
 using Tree = std::map<std::string, TreeEntry>; // by path below the directory
 
 // Reads everything below a directory.
-Tree readTree(const std::filesystem::path& directory);
+Tree readTree(const std::filesystem::path& directory, bool withTimes = false);
 
 // Names the first entry that is not the same in both, empty when there is none.
 std::string firstDifference(const Tree& expected, const Tree& actual);
