@@ -128,6 +128,8 @@ std::int32_t LogFile::write(const std::byte* source, std::uint64_t offset,
 
 std::int32_t LogFile::writeGathered(GatheredBytes parts, std::uint64_t offset) {
     std::vector<std::span<const std::byte>> inPiece;
+    // Each part has at most one span in a piece, and eachPiece() lets no exception through.
+    inPiece.reserve(parts.size());
     auto part = parts.begin();
     std::size_t inPart = 0; // bytes of it that are written
     return eachPiece(offset, bytesIn(parts), [&](std::uint64_t, auto place, auto count) {
