@@ -72,7 +72,7 @@ void freeClusterOf(const SampleVolume& volume, const std::string& path) {
 struct Case {
     const char* what;
     std::function<void(const SampleVolume&)> prepare;
-    std::string info, check, mount; // each says this, and nothing of `silent`
+    std::string info, check, mount; // what each says; a mount says nothing where it is empty
     bool isWritable = true;
     std::string options = {};
 };
