@@ -100,7 +100,7 @@ int ServedVolume::awaitEnd() {
 
 int ServedVolume::unmount() {
     if (server_ != -1 && ::umount2(directory().c_str(), 0) != 0) {
-        ADD_FAILURE() << "umount: " << std::generic_category().message(errno);
+        ADD_FAILURE() << "umount: " << std::generic_category().message(errno) << "\n" << printed();
         crash();
     }
     return awaitEnd();
