@@ -129,6 +129,10 @@ void MaintenanceThread::takeSignal(const Context& context) {
 }
 
 void MaintenanceThread::unmountMount(const Context& context) {
+    if (context.isGone) {
+        unmounted_ = true;
+        return;
+    }
     const std::optional<MountEntry> mount = findAgain(context.mount);
     int failed = unmountOwn(context.mount, false);
     if (failed != 0) {

@@ -13,6 +13,7 @@
 #include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
+#include <atomic>
 #include <thread>
 
 struct fuse_session;
@@ -30,7 +31,8 @@ class MaintenanceThread {
 
     /// Everything referred to must outlive the call of stop().
     struct Context {
-        const MountEntry& mount; ///< the one that is served
+        const MountEntry& mount;         ///< the one that is served
+        const std::atomic<bool>& isGone; ///< the kernel has unmounted it
         MountedVolume& volume;
         WorkerThreads& threads;
         fuse_session* session;

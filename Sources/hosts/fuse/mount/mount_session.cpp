@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -81,12 +82,18 @@ struct Unmount {
     Unmount(const Unmount&) = delete;
     Unmount& operator=(const Unmount&) = delete;
     ~Unmount() {
+        if (isGone) {
+            return;
+        }
         if (const int failed = unmount(mount, true); failed != 0) {
             log().error(fmt::format("unmounting: {}", errorText(fromHost(failed))));
         }
     }
 
     const MountEntry mount;
+    /// The kernel has unmounted it. From then on another mount may have its id and, once the loop
+    /// device is free, its source: it can no longer be told from this one.
+    std::atomic<bool> isGone = false;
 };
 
 // One mount. The members are destroyed in reverse: the session before the volume it serves.
@@ -101,7 +108,7 @@ class Mount {
         }
         CpuLatencyRequest latency(request_.lowLatency);
         WorkerThreads threads(session_.get(), latency);
-        maintenance_.start({mount_->mount, *volume_, threads, session_.get()});
+        maintenance_.start({mount_->mount, mount_->isGone, *volume_, threads, session_.get()});
         const int failed = threads.run(kWorkerThreads);
         if (failed != 0) {
             report(fmt::format("{}: {}", request_.directory.string(), errorText(fromHost(failed))));
@@ -203,7 +210,7 @@ class Mount {
                                         .ownership = ownership(),
                                         .streams = request_.streams,
                                         .served = [this] { serve(); },
-                                        .unmounted = [this] { close(); }});
+                                        .unmounted = [this] { takeLeave(); }});
         session_.reset(
             fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &*context_));
         if (session_ == nullptr ||
@@ -222,6 +229,14 @@ class Mount {
             // the signal had come here.
             ::kill(::getpid(), SIGTERM);
         }
+    }
+
+    // The kernel sends its last request once nothing of the mount is left.
+    void takeLeave() {
+        if (mount_) {
+            mount_->isGone = true; // before close() frees the loop device
+        }
+        close();
     }
 
     // Carries everything to the image and lets go of it. Called when the kernel sends its last

@@ -17,7 +17,8 @@ std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory);
 
 /// Where a mount is now; absent when it has been unmounted. The kernel reuses ids at once, so the
 /// device, the type and the source have to be the same as well. A mount of ours is told from every
-/// other by that for as long as its server holds the image.
+/// other by that for as long as its server holds the image, and not a moment longer: the next mount
+/// may get the same loop device.
 std::optional<MountEntry> findAgain(const MountEntry& mount);
 
 /// Unmounts one mount, through fusermount3 where the process has no right to. A lazy unmount takes
