@@ -64,6 +64,9 @@ static int32_t write_resident(ntfs_attr* stream, uint64_t offset, const void* fr
 int32_t write_stream(ntfs_attr* stream, uint64_t offset, const void* from, uint64_t length,
                      uint64_t* done) noexcept {
     *done = 0;
+    if (length == 0) {
+        return 0;
+    }
     bool is_resident = false;
     if (const int32_t error = grow_resident(stream, offset + length, &is_resident); error != 0) {
         return error;
