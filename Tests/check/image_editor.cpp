@@ -312,4 +312,17 @@ void ImageEditor::setBit(uint64_t number, uint32_t type, std::string_view name, 
     });
 }
 
+void markEncrypted(ImageEditor& editor, const std::string& path) {
+    constexpr uint32_t kStandardInformation = 0x10;
+    constexpr size_t kFileFlagsHigh = 0x21;
+    constexpr size_t kAttributeFlagsHigh = 0x0d;
+    constexpr uint8_t kEncryptedHigh = 0x40; // the high byte of 0x4000 in both kinds of flags
+    const uint64_t record = editor.record(path);
+    editor.editValue(record, kStandardInformation, "",
+                     [](ImageEditor::Bytes value) { value[kFileFlagsHigh] |= kEncryptedHigh; });
+    editor.editAttribute(record, ntb::at_data, "", [](ImageEditor::Bytes attribute) {
+        attribute[kAttributeFlagsHigh] |= kEncryptedHigh;
+    });
+}
+
 } // namespace tavelin::test

@@ -71,4 +71,8 @@ class ImageEditor {
     std::map<std::string, uint64_t> records_;
 };
 
+// Makes a plain file with its data in clusters look as Windows leaves an encrypted one (EFS), which
+// no driver here can make: the flags of the file and of its unnamed data.
+void markEncrypted(ImageEditor& editor, const std::string& path);
+
 } // namespace tavelin::test

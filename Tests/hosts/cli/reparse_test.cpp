@@ -90,32 +90,35 @@ TEST_F(ReparseItems, AreLeftOutOfACopyThatHasTheRest) {
     }
 }
 
-// No driver here makes such a file, so a plain one is changed to look as Windows leaves it.
 TEST(EncryptedFile, IsRefusedByName) {
-    constexpr uint32_t kStandardInformation = 0x10;
-    constexpr uint32_t kData = 0x80;
-    constexpr uint8_t kEncryptedHigh = 0x40; // the high byte of 0x4000 in both kinds of flags
     SampleVolume sample;
     sample.leaveUnchecked();
     const std::string image = sample.image().string();
-    const TempDirectory source;
-    writeFile(source / "letter", std::string(9000, 'x'));
-    tavelinDone({"put", "-q", image, (source / "letter").string(), "/"});
+    const TempDirectory host;
+    const std::string letter = (host / "letter").string();
+    writeFile(letter, std::string(9000, 'x'));
+    tavelinDone({"put", "-q", image, letter, "/"});
     const std::string raw = readFile(sample.image());
     std::vector<uint8_t> bytes(raw.begin(), raw.end());
     ImageEditor editor(bytes);
-    const uint64_t record = editor.record("/letter");
-    editor.editValue(record, kStandardInformation, "",
-                     [](ImageEditor::Bytes value) { value[0x21] |= kEncryptedHigh; });
-    editor.editAttribute(record, kData, "",
-                         [](ImageEditor::Bytes attribute) { attribute[0x0d] |= kEncryptedHigh; });
+    markEncrypted(editor, "/letter");
     writeFile(sample.image(), std::string(bytes.begin(), bytes.end()));
 
-    expectRefusal(tavelinRun({"cat", image, "/letter"}), 1, "encrypted by Windows (EFS)");
+    const std::vector<std::vector<std::string>> readers = {
+        {"cat", image, "/letter"},
+        {"hash", image, "/letter"},
+        {"get", image, "/letter", letter + " here"}};
+    for (const auto& command : readers) {
+        expectRefusal(tavelinRun(command), 1, "encrypted by Windows (EFS)");
+    }
     const auto told = nlohmann::json::parse(tavelinDone({"stat", "--json", image, "/letter"}));
     EXPECT_EQ(told.at("items").at(0).at("data"), "encrypted");
     EXPECT_NE(tavelinDone({"ls", "-l", image, "/"}).find("letter  [encrypted"), std::string::npos);
-    tavelinDone({"rm", image, "/letter"});
+    tavelinDone({"mv", image, "/letter", "/moved"});
+    // A new file takes the name. Nothing is written into the encrypted one.
+    writeFile(letter, "new");
+    tavelinDone({"put", "-q", "--replace", image, letter, "/moved"});
+    EXPECT_EQ(tavelinDone({"cat", image, "/moved"}), "new");
 }
 
 } // namespace
