@@ -141,6 +141,13 @@ void MountedServer::unmount() {
         throw std::runtime_error(fmt::format("{} ended with status {}: {}", name_, status, said()));
 }
 
+clockid_t MountedServer::processorClock() const {
+    clockid_t clock{};
+    if (const int error = ::clock_getcpuclockid(child_, &clock); error != 0)
+        throw std::runtime_error(fmt::format("{}: {}", name_, std::strerror(error)));
+    return clock;
+}
+
 uint64_t MountedServer::peakMemory() const {
     std::ifstream status(fmt::format("/proc/{}/status", child_));
     for (std::string line; std::getline(status, line);)

@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 #include <sys/types.h>
+#include <time.h>
 #include <vector>
 
 namespace tavelin::bench {
@@ -40,6 +41,8 @@ class MountedServer {
     // Unmounts and waits for the server's end, so that the store holds everything.
     void unmount();
     const std::filesystem::path& directory() const { return directory_; }
+    // Counts the processor time of the server, with that of the kernel in its name.
+    clockid_t processorClock() const;
     // The most memory the server has held so far, in bytes.
     uint64_t peakMemory() const;
 
