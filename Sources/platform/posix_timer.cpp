@@ -3,6 +3,8 @@
 #include "platform/mutex.hpp"
 #include "platform/private/posix_services.hpp"
 
+#include <exception>
+
 #ifdef __linux__
 #include <sys/prctl.h>
 #endif
@@ -65,14 +67,22 @@ class ThreadTimer final : public RepeatingTimer {
         }
         // The first interval counts from this call, not from the thread's first instruction.
         const Instant first = std::chrono::steady_clock::now() + schedule_.interval;
-        spawnUtilityThread([state = state_, schedule = schedule_, tick = std::move(tick_), first] {
-            allowLeeway(schedule.leeway);
-            // The tick runs without the lock, so it may cancel or destroy its own timer.
-            for (Instant deadline = first; reached(*state, deadline);
-                 deadline = following(deadline, schedule.interval)) {
-                tick();
-            }
-        });
+        try {
+            // A copy: without a thread the tick is needed for the next call.
+            spawnUtilityThread([state = state_, schedule = schedule_, tick = tick_, first] {
+                allowLeeway(schedule.leeway);
+                // The tick runs without the lock, so it may cancel or destroy its own timer.
+                for (Instant deadline = first; reached(*state, deadline);
+                     deadline = following(deadline, schedule.interval)) {
+                    tick();
+                }
+            });
+        } catch (const std::exception&) {
+            MutexLock lock(state_->mutex);
+            state_->started = false;
+            throw;
+        }
+        tick_ = nullptr;
     }
 
     void cancel() noexcept override {
@@ -84,7 +94,7 @@ class ThreadTimer final : public RepeatingTimer {
   private:
     const std::shared_ptr<State> state_ = std::make_shared<State>();
     const TimerSchedule schedule_;
-    std::function<void()> tick_; // moves to the thread at start()
+    std::function<void()> tick_; // the thread's alone once there is one
 };
 
 } // namespace

@@ -36,7 +36,7 @@ class RepeatingTimer {
     virtual ~RepeatingTimer() = default;
 
     /// Begins to tick. Further calls, and calls after cancel(), do nothing. Throws
-    /// std::system_error when the system has no thread to give.
+    /// std::system_error when the system has no thread to give, and may be called again then.
     virtual void start() = 0;
 
     /// Ends the ticking for good. A tick that has already begun is not waited for, so this may be

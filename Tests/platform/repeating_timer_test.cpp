@@ -5,8 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
 #include <future>
+#include <sys/resource.h>
+#include <system_error>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace tavelin {
 namespace {
@@ -40,6 +45,61 @@ TEST(RepeatingTimer, TicksAgainAndAgainButNotBeforeItsInterval) {
     timer->start();
     third.get_future().wait();
     EXPECT_GE(std::chrono::steady_clock::now() - start, 60ms);
+    timer.reset();
+    ending.wait();
+}
+
+// Leaves no address space for another thread's stack.
+class NoThreads {
+  public:
+    NoThreads() {
+        std::ifstream sizes("/proc/self/statm");
+        rlim_t pages = 0;
+        sizes >> pages;
+        EXPECT_EQ(getrlimit(RLIMIT_AS, &before_), 0);
+        const rlimit tight{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)), before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    }
+    ~NoThreads() { EXPECT_EQ(setrlimit(RLIMIT_AS, &before_), 0); }
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+
+  private:
+    rlimit before_{};
+};
+
+TEST(RepeatingTimer, StartsLaterWhereThereWasNoThread) {
+    std::promise<void> first;
+    std::atomic<bool> ticked = false;
+    Ending ending;
+    auto timer = makeUnownedTimer(kFast, [&, token = ending.token()] {
+        if (!ticked.exchange(true)) {
+            first.set_value();
+        }
+    });
+    // Its stack may be one that an ended thread left to the next one.
+    std::vector<std::thread> others;
+    std::promise<void> over;
+    const auto isOver = over.get_future().share();
+    bool hasFailed = false;
+    {
+        const NoThreads none;
+        try {
+            while (others.size() < 100) {
+                others.emplace_back([=] { isOver.wait(); });
+            }
+        } catch (const std::system_error&) {
+            EXPECT_THROW(timer->start(), std::system_error);
+            hasFailed = true;
+        }
+    }
+    over.set_value();
+    for (std::thread& other : others) {
+        other.join();
+    }
+    ASSERT_TRUE(hasFailed);
+    timer->start();
+    first.get_future().wait();
     timer.reset();
     ending.wait();
 }
