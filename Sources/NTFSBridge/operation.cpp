@@ -1,6 +1,7 @@
 #include "NTFSBridge/operation.hpp"
 
 #include "NTFSBridge/device/device_table.hpp"
+#include "NTFSBridge/usn_journal.hpp"
 #include "platform/assert.hpp"
 
 namespace ntb {
@@ -65,6 +66,11 @@ int32_t end_operation(ntb_vol* vol, int32_t error, bool* taken_back) noexcept {
     undo_log& undo = vol->context->undo;
     if (taken_back != nullptr) {
         *taken_back = false;
+    }
+    // A volume without a cache keeps nothing that could say whether there was a change.
+    if (error == 0 && !vol->is_usn_stamped && (!undo.is_open() || undo.has_changes())) {
+        // The change has been made, whatever comes of this. The next one tries again.
+        vol->is_usn_stamped = stamp_usn_journal(vol) == 0;
     }
     if (!undo.is_open()) {
         return error;

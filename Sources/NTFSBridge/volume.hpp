@@ -29,6 +29,7 @@ struct ntb_vol {
     uint64_t serial = 0;
     ntb_stats stats = {};
     bool freed_since_sync = false; // clusters, since the last sync that succeeded
+    bool is_usn_stamped = false;   // see usn_journal.hpp; once a mount, with the first change
     // Of the system-compressed files that were read last.
     ntb::compressed_readers compressed;
     ntb::free_counts free_before; // when the operation that is under way began
