@@ -29,36 +29,34 @@ Ticks nowTicks() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() / 100;
 }
 
-Model::Model(bool windowsNames) : windowsNames_(windowsNames), root_(std::make_unique<Node>()) {
-    root_->kind = ItemKind::directory;
-    root_->parent = root_.get();
-    root_->hidden = true; // so mkntfs leaves it
-    for (Time& time : root_->times) {
+Model::Model(bool windowsNames) : windowsNames_(windowsNames) {
+    Node& root = nodes_["/"];
+    root = {.kind = ItemKind::directory, .hidden = true}; // so mkntfs leaves it
+    for (Time& time : root.times) {
         time.mayBeOlder = true; // made by mkntfs: anything up to now
     }
 }
 
-Model::Place Model::find(const std::string& path) const {
-    const std::vector<std::string> components = pathComponents(path);
-    Place place{.directory = root_.get(), .node = root_.get()};
-    for (const std::string& name : components) {
-        if (place.error != 0 || place.node == nullptr) {
-            return {.error = place.error != 0 ? place.error : kENOENT};
-        }
-        place.directory = place.node;
-        place.name = name;
-        if (place.node->kind != ItemKind::directory) {
-            place.error = kENOTDIR;
-            place.node = nullptr;
-            continue;
-        }
-        const auto found = place.directory->children.find(name);
-        place.node = found == place.directory->children.end() ? nullptr : found->second.get();
+std::vector<std::string> Model::below(const std::string& directory) const {
+    const std::string prefix = directory == "/" ? directory : directory + "/";
+    std::vector<std::string> paths;
+    for (auto at = nodes_.upper_bound(prefix); at != nodes_.end() && at->first.starts_with(prefix);
+         ++at) {
+        paths.push_back(at->first);
     }
-    return place;
+    return paths;
 }
 
-std::int32_t Model::newNameError(const std::string& name) const {
+std::int32_t Model::absence(const std::string& path) const {
+    std::string above = path;
+    while (!has(above)) {
+        above = directoryOf(above);
+    }
+    return nodes_.at(above).kind == ItemKind::directory ? kENOENT : kENOTDIR;
+}
+
+std::int32_t Model::newNameError(const std::string& path) const {
+    const std::string name = nameOf(path);
     if (windowsNames_ && (name.back() == '.' || name.find(':') != std::string::npos)) {
         return kEINVAL;
     }
@@ -80,6 +78,10 @@ void Model::touch(Node& node, std::initializer_list<TimeKind> kinds, bool maybe)
     }
 }
 
+void Model::touchDirectoryOf(const std::string& path) {
+    touch(nodes_.at(directoryOf(path)), {accessTime, modifyTime, changeTime}, true);
+}
+
 Answer Model::apply(const Operation& op) {
     switch (op.verb) {
     case Verb::create:
@@ -89,124 +91,107 @@ Answer Model::apply(const Operation& op) {
     case Verb::symlink:
         return make(op, ItemKind::symlink);
     case Verb::remove:
-        return remove(op);
+        return remove(op.path);
     case Verb::rename:
-        return rename(op);
+        return rename(op.path, op.text);
     case Verb::sync:
     case Verb::reload:
         return {};
     default:
         break;
     }
-    const Place place = find(op.path);
-    if (place.node == nullptr) {
-        return {.error = place.error != 0 ? place.error : kENOENT};
+    if (!has(op.path)) {
+        return {.error = absence(op.path)};
     }
+    Node& node = nodes_.at(op.path);
     switch (op.verb) {
     case Verb::lookup:
-        return {.data = std::to_string(static_cast<int>(place.node->kind))};
+        return {.data = std::to_string(static_cast<int>(node.kind))};
     case Verb::write:
     case Verb::read:
     case Verb::truncate:
     case Verb::readlink:
-        return data(op, *place.node);
+        return data(op, node);
     case Verb::setStream:
     case Verb::getStream:
-        return stream(op, *place.node);
+        return stream(op, node);
     default:
-        return metadata(op, *place.node);
+        return metadata(op, node);
     }
 }
 
 Answer Model::make(const Operation& op, ItemKind kind) {
-    const Place place = find(op.path);
-    if (place.directory == nullptr) {
-        return {.error = place.error};
+    if (has(directoryOf(op.path))) {
+        if (kind == ItemKind::symlink && op.text.empty()) {
+            return {.error = kEINVAL};
+        }
+        if (const std::int32_t error = newNameError(op.path); error != 0) {
+            return {.error = error};
+        }
+        if (has(op.path)) {
+            return {.error = kEEXIST};
+        }
     }
-    if (kind == ItemKind::symlink && op.text.empty()) {
-        return {.error = kEINVAL};
+    if (!has(directoryOf(op.path)) || absence(op.path) == kENOTDIR) {
+        return {.error = absence(op.path)};
     }
-    if (const std::int32_t error = newNameError(place.name); error != 0) {
-        return {.error = error};
-    }
-    if (place.error != 0) {
-        return {.error = place.error};
-    }
-    if (place.node != nullptr) {
-        return {.error = kEEXIST};
-    }
-    auto node = std::make_unique<Node>();
-    node->kind = kind;
-    node->parent = place.directory;
+    Node& node = nodes_[op.path] = {.kind = kind};
     if (kind == ItemKind::symlink) {
-        node->content = op.text;
+        node.content = op.text;
     } else if (kind == ItemKind::file) {
-        node->content.resize(static_cast<std::size_t>(op.other));
-        node->hidden = op.number != 0;
+        node.content.resize(static_cast<std::size_t>(op.other));
+        node.hidden = op.number != 0;
     }
-    touch(*node, {accessTime, modifyTime, changeTime, birthTime});
-    touch(*place.directory, {accessTime, modifyTime, changeTime}, true);
-    place.directory->children[place.name] = std::move(node);
+    touch(node, {accessTime, modifyTime, changeTime, birthTime});
+    touchDirectoryOf(op.path);
     return {};
 }
 
-Answer Model::remove(const Operation& op) {
-    const Place place = find(op.path);
-    if (place.error != 0) {
-        return {.error = place.error};
+Answer Model::remove(const std::string& path) {
+    if (!has(path) || !below(path).empty()) {
+        return {.error = has(path) ? kENOTEMPTY : absence(path)};
     }
-    if (place.node == nullptr) {
-        return {.error = kENOENT};
-    }
-    if (!place.node->children.empty()) {
-        return {.error = kENOTEMPTY};
-    }
-    touch(*place.directory, {accessTime, modifyTime, changeTime}, true);
-    place.directory->children.erase(place.name);
+    touchDirectoryOf(path);
+    nodes_.erase(path);
     return {};
 }
 
-Answer Model::rename(const Operation& op) {
-    const Place from = find(op.path);
-    const Place to = find(op.text);
-    if (from.node == nullptr) {
-        return {.error = from.error != 0 ? from.error : kENOENT};
+Answer Model::rename(const std::string& from, const std::string& to) {
+    for (const std::string& needed : {from, directoryOf(to)}) {
+        if (!has(needed)) {
+            return {.error = absence(needed)};
+        }
     }
-    if (to.directory == nullptr) {
-        return {.error = to.error};
-    }
-    if (from.directory == to.directory && from.name == to.name) {
+    if (from == to) {
         return {};
     }
-    if (const std::int32_t error = newNameError(to.name); error != 0) {
+    if (const std::int32_t error = newNameError(to); error != 0) {
         return {.error = error};
     }
-    if (from.node->kind == ItemKind::directory) {
-        for (const Node* above = to.directory; above != root_.get(); above = above->parent) {
-            if (above == from.node) {
-                return {.error = kEINVAL};
-            }
-        }
+    const bool directory = nodes_.at(from).kind == ItemKind::directory;
+    if (directory && to.starts_with(from + "/")) {
+        return {.error = kEINVAL};
     }
-    if (to.node != nullptr && to.node != from.node) {
-        const bool directory = from.node->kind == ItemKind::directory;
-        if (directory != (to.node->kind == ItemKind::directory)) {
-            return {.error = directory ? kENOTDIR : kEISDIR};
-        }
-        if (!to.node->children.empty()) {
-            return {.error = kENOTEMPTY};
-        }
+    if (!has(to) && absence(to) == kENOTDIR) {
+        return {.error = kENOTDIR};
     }
-    if (to.error != 0) {
-        return {.error = to.error};
+    if (has(to) && directory != (nodes_.at(to).kind == ItemKind::directory)) {
+        return {.error = directory ? kENOTDIR : kEISDIR};
     }
-    touch(*from.directory, {accessTime, modifyTime, changeTime}, true);
-    touch(*to.directory, {accessTime, modifyTime, changeTime}, true);
-    touch(*from.node, {changeTime});
-    std::unique_ptr<Node> moved = std::move(from.directory->children[from.name]);
-    from.directory->children.erase(from.name);
-    moved->parent = to.directory;
-    to.directory->children[to.name] = std::move(moved);
+    if (!below(to).empty()) {
+        return {.error = kENOTEMPTY};
+    }
+    touchDirectoryOf(from);
+    touchDirectoryOf(to);
+    touch(nodes_.at(from), {changeTime});
+    nodes_.erase(to);
+    std::vector<std::string> moving = below(from);
+    moving.push_back(from);
+    for (const std::string& path : moving) {
+        auto moved = nodes_.extract(path);
+        moved.key() = to + path.substr(from.size());
+        nodes_.insert(std::move(moved));
+    }
     return {};
 }
 
@@ -286,27 +271,24 @@ Answer Model::stream(const Operation& op, Node& node) {
 }
 
 Tree Model::tree(const std::string& from) const {
-    Tree tree;
-    collect(*find(from).node, from, tree);
+    Tree tree{.items = {from}, .directories = {from}};
+    for (const std::string& path : below(from)) {
+        tree.items.push_back(path);
+        if (nodes_.at(path).kind == ItemKind::directory) {
+            tree.directories.push_back(path);
+        }
+    }
     return tree;
-}
-
-void Model::collect(const Node& node, const std::string& path, Tree& tree) {
-    tree.items.push_back(path);
-    if (node.kind == ItemKind::directory) {
-        tree.directories.push_back(path);
-    }
-    for (const auto& [name, child] : node.children) {
-        collect(*child, joined(path, name), tree);
-    }
 }
 
 std::string Model::disagreement(const std::string& path, const ItemState& seen) {
     static constexpr std::array kTimeNames{"access", "modify", "change", "birth"};
-    Node& node = *find(path).node;
+    Node& node = nodes_.at(path);
     std::map<std::string, ItemKind> entries;
-    for (const auto& [name, entry] : node.children) {
-        entries[name] = entry->kind;
+    for (const std::string& entry : below(path)) {
+        if (directoryOf(entry) == path) {
+            entries[nameOf(entry)] = nodes_.at(entry).kind;
+        }
     }
     const bool directory = node.kind == ItemKind::directory;
     const std::uint64_t size =

@@ -8,7 +8,6 @@
 #include "operation.hpp"
 
 #include <map>
-#include <memory>
 
 namespace tavelin::test {
 
@@ -40,7 +39,7 @@ class Model {
     // All items from the directory `from` on, parents before their children.
     Tree tree(const std::string& from = "/") const;
 
-    bool has(const std::string& path) const { return find(path).node != nullptr; }
+    bool has(const std::string& path) const { return nodes_.contains(path); }
 
     // Says how `seen` differs from what the item at `path` must be; empty when it agrees. Takes
     // over times that were known only by their bounds.
@@ -55,33 +54,27 @@ class Model {
     };
     struct Node {
         ItemKind kind = ItemKind::file;
-        Node* parent = nullptr;
         bool hidden = false;
-        std::array<Time, kTimeKinds> times;
-        std::string content;
+        std::array<Time, kTimeKinds> times{};
+        std::string content{};
         std::map<std::string, std::string> streams{};
-        std::map<std::string, std::unique_ptr<Node>> children; // names are compared byte by byte
-    };
-    struct Place {                 // a name in a directory, and what is there
-        std::int32_t error = 0;    // of the way there; kENOTDIR with a `directory` that is none
-        Node* directory = nullptr; // null when the way does not exist
-        std::string name{};
-        Node* node = nullptr;
     };
 
-    static void collect(const Node& node, const std::string& path, Tree& tree);
-    Place find(const std::string& path) const;
-    std::int32_t newNameError(const std::string& name) const;
+    std::vector<std::string> below(const std::string& directory) const; // all paths
+    // Why there is nothing at a path.
+    std::int32_t absence(const std::string& path) const;
+    std::int32_t newNameError(const std::string& path) const;
     Answer make(const Operation& op, ItemKind kind);
-    Answer remove(const Operation& op);
-    Answer rename(const Operation& op);
+    Answer remove(const std::string& path);
+    Answer rename(const std::string& from, const std::string& to);
     Answer data(const Operation& op, Node& node);
     Answer metadata(const Operation& op, Node& node);
     Answer stream(const Operation& op, Node& node);
     static void touch(Node& node, std::initializer_list<TimeKind> kinds, bool maybe = false);
+    void touchDirectoryOf(const std::string& path);
 
     bool windowsNames_;
-    std::unique_ptr<Node> root_;
+    std::map<std::string, Node> nodes_; // by path; names are compared byte by byte
 };
 
 } // namespace tavelin::test

@@ -38,7 +38,7 @@ std::string compare(System& system, Model& model, const std::vector<std::string>
 std::vector<std::string> touched(const Model& model, const Operation& op) {
     std::vector<std::string> paths;
     for (const std::string& path : {op.path, op.verb == Verb::rename ? op.text : ""}) {
-        for (const std::string& at : {path, splitPath(path).first}) {
+        for (const std::string& at : {path, directoryOf(path)}) {
             if (!at.empty() && model.has(at)) {
                 paths.push_back(at);
             }

@@ -1,11 +1,14 @@
 #include "operation.hpp"
 
+#include <filesystem>
 #include <iomanip>
 #include <sstream>
 
 namespace tavelin::test {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr std::array<std::string_view, 16> kVerbs{
     "create", "mkdir",    "symlink", "remove", "rename",    "lookup",    "readlink", "write",
@@ -56,36 +59,24 @@ std::string pattern(std::uint64_t seed, std::int64_t length) {
     return bytes;
 }
 
-std::vector<std::string> pathComponents(const std::string& path) {
-    std::vector<std::string> components;
-    std::istringstream in(path);
-    for (std::string component; std::getline(in, component, '/');) {
-        if (!component.empty()) {
-            components.push_back(component);
-        }
-    }
-    return components;
+std::string directoryOf(const std::string& path) {
+    return fs::path(path).parent_path();
 }
 
-std::string joined(const std::string& directory, const std::string& name) {
-    return (directory == "/" ? "" : directory) + "/" + name;
-}
-
-std::pair<std::string, std::string> splitPath(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return {slash == std::string::npos ? "" : path.substr(0, slash), path.substr(slash + 1)};
+std::string nameOf(const std::string& path) {
+    return fs::path(path).filename();
 }
 
 std::string OperationSource::newPath(const Tree& tree) {
     const auto& parents = below(10) == 0 ? tree.items : tree.directories;
     const auto& names = below(20) == 0 ? kRefusedNames : kNames;
-    return joined(parents[below(parents.size())], names[below(names.size())]);
+    return fs::path(parents[below(parents.size())]) / names[below(names.size())];
 }
 
 std::string OperationSource::oldPath(const Tree& tree) {
     // The first one is where all is below, and stays.
     return tree.items.size() < 2 || below(10) == 0
-               ? joined(tree.items.front(), kNames[below(kNames.size())])
+               ? (fs::path(tree.items.front()) / kNames[below(kNames.size())]).string()
                : tree.items[1 + below(tree.items.size() - 1)];
 }
 

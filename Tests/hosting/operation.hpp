@@ -54,10 +54,9 @@ struct Answer {
     bool operator==(const Answer&) const = default;
 };
 
-// The directory part and the last name of a path: "/a/b" gives "/a" and "b".
-std::pair<std::string, std::string> splitPath(const std::string& path);
-std::string joined(const std::string& directory, const std::string& name);
-std::vector<std::string> pathComponents(const std::string& path);
+// The directory part and the last name of a path: "/a/b" gives "/a" and "b", "/a" "/" and "a".
+std::string directoryOf(const std::string& path);
+std::string nameOf(const std::string& path);
 
 // What there is for an operation to work on: paths, that of the directory with all others first.
 struct Tree {

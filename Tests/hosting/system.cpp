@@ -37,21 +37,19 @@ fskit::FSItemSetAttributesRequest timesOf(const Operation& op) {
 // Without following links.
 ItemRef walk(VolumeClient& volume, const std::string& path) {
     ItemRef item = volume.root().duplicate();
-    for (const std::string& name : pathComponents(path)) {
-        item = volume.lookup(item, name).get().item;
+    for (const std::filesystem::path& name : std::filesystem::path(path).relative_path()) {
+        item = volume.lookup(item, name.string()).get().item;
     }
     return item;
 }
 
 void rename(VolumeClient& volume, const Operation& op) {
-    const auto [fromPath, fromName] = splitPath(op.path);
-    const auto [toPath, toName] = splitPath(op.text);
-    const ItemRef from = walk(volume, fromPath);
-    const ItemRef item = volume.lookup(from, fromName).get().item;
-    const ItemRef to = walk(volume, toPath);
-    auto over = volume.lookup(to, toName);
+    const ItemRef from = walk(volume, directoryOf(op.path));
+    const ItemRef item = volume.lookup(from, nameOf(op.path)).get().item;
+    const ItemRef to = walk(volume, directoryOf(op.text));
+    auto over = volume.lookup(to, nameOf(op.text));
     ItemRef none;
-    volume.rename(item, from, fromName, to, toName, over ? over->item : none).get();
+    volume.rename(item, from, nameOf(op.path), to, nameOf(op.text), over ? over->item : none).get();
 }
 
 Answer onItem(VolumeClient& volume, const Operation& op) {
@@ -108,7 +106,8 @@ Answer onItem(VolumeClient& volume, const Operation& op) {
 } // namespace
 
 Answer carryOut(VolumeClient& volume, const Operation& op) {
-    const auto [directory, name] = splitPath(op.path);
+    const std::string directory = directoryOf(op.path);
+    const std::string name = nameOf(op.path);
     switch (op.verb) {
     case Verb::create: {
         fskit::FSItemSetAttributesRequest attributes;
