@@ -2,8 +2,8 @@
 // below it. Both sides of a comparison take turns in one loop, so what else the machine does hits
 // both. "ratio" is the median over the turns; Google Benchmark's own flags choose what runs and how
 // it is printed (--benchmark_filter, --benchmark_format=json), and --quick only sees that it works.
-#include "fskit/memory_resource.hpp"
 #include "fskit/tavelin_file_system.hpp"
+#include "support/memory_resource.hpp"
 #include "support/replaced_services.hpp"
 #include "support/run_process.hpp"
 #include "support/temp_directory.hpp"
@@ -20,6 +20,8 @@
 
 namespace tavelin {
 namespace {
+
+using Resource = test::MemoryResourceOf<fskit::FSBlockDeviceResource, std::string>;
 
 constexpr std::size_t kEntries = 1000;
 // Few enough for the library to keep all their records at hand, so that both sides do equal work.
@@ -54,7 +56,7 @@ class WarmVolume {
     WarmVolume() {
         ::setenv("TAVELIN_GROUP_CONTAINER", directory_.path().c_str(), 1);
         module_ = std::make_unique<TavelinFileSystem>();
-        module_->loadResource(std::make_shared<test::MemoryResource>(emptyVolume()), {}).get();
+        module_->loadResource(std::make_shared<Resource>(emptyVolume()), {}).get();
         root_ = volume().activate({}).get();
         directory = create(root_, "folder", fskit::FSItemType::directory);
         for (std::size_t i = 0; i < kEntries; i++) {

@@ -1,8 +1,13 @@
 #include "crash/crash_report.hpp"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 
 namespace tavelin::test {
+
+namespace {
 
 const std::map<Cut, const char*> kCutNames{{Cut::prefix, "in order"},
                                            {Cut::torn, "torn at 512"},
@@ -10,50 +15,54 @@ const std::map<Cut, const char*> kCutNames{{Cut::prefix, "in order"},
                                            {Cut::reordered, "reordered"},
                                            {Cut::dropped, "dropped"}};
 
-const std::map<Fault, const char*> kFaultNames{
-    {Fault::notMountable, "not mountable"},
-    {Fault::noDirectory, "directory being changed not listable"},
-    {Fault::halfDirectory, "directory being changed lacks entries"},
-    {Fault::noFile, "name being changed not openable"},
-    {Fault::exchanged, "name being changed shows another's"},
-    {Fault::moved, "file being moved has neither name"},
-    {Fault::unreadable, "anything else unreadable"},
-    {Fault::lost, "lost"},
-    {Fault::damaged, "damaged"},
-    {Fault::unexpected, "unexpected"},
-    {Fault::notAtomic, "not as at any one moment"},
-    {Fault::inconsistent, "an independent check complains"}};
+std::string row(const std::string& name, const CutCounts& counts) {
+    std::string text = fmt::format("\n{:<45}", name);
+    for (const auto& [cut, heading] : kCutNames) {
+        text += fmt::format("{:>14}", counts.contains(cut) ? counts.at(cut) : 0);
+    }
+    return text;
+}
 
-namespace {
-
-template<typename Key>
-void addCounts(std::map<Key, std::uint64_t>& counts, const std::map<Key, std::uint64_t>& more) {
-    for (const auto& [key, number] : more) {
-        counts[key] += number;
+void addCounts(CutCounts& counts, const CutCounts& more) {
+    for (const auto& [cut, number] : more) {
+        counts[cut] += number;
     }
 }
 
 } // namespace
 
 std::string CrashReport::describe() const {
-    std::string text;
+    return fmt::format("{}\n", fmt::join(examples, "\n"));
+}
+
+std::string CrashReport::table() const {
+    std::string text = fmt::format("scripts {}, cut points {}, checked independently {}\n\n{:<45}",
+                                   scripts, cutPoints, checked, "");
+    for (const auto& [cut, heading] : kCutNames) {
+        text += fmt::format("{:>14}", heading);
+    }
+    text += row("images", images) + row("completed by the mount", completed);
     for (const auto& [fault, counts] : faults) {
-        text += std::string(kFaultNames.at(fault)) + "\n";
+        text += row(fault, counts);
     }
-    for (const std::string& example : examples) {
-        text += example + "\n";
+    return text + "\n" + describe();
+}
+
+void CrashReport::add(const std::string& fault, Cut cut, const std::string& script, std::size_t end,
+                      const std::string& what) {
+    faults[fault][cut]++;
+    if (examples.size() < kExamplesMax) {
+        examples.push_back(fmt::format("{}: cut after event {}, {}: {}: {}", script, end,
+                                       kCutNames.at(cut), fault, what));
     }
-    return text;
 }
 
 void CrashReport::add(const CrashReport& other) {
     scripts += other.scripts;
     cutPoints += other.cutPoints;
-    persisted += other.persisted;
     checked += other.checked;
     addCounts(images, other.images);
     addCounts(completed, other.completed);
-    addCounts(complaints, other.complaints);
     for (const auto& [fault, counts] : other.faults) {
         addCounts(faults[fault], counts);
     }

@@ -15,9 +15,8 @@ class IndependentCheck {
     // Throws std::runtime_error when the check cannot be made or `sound` does not pass it.
     explicit IndependentCheck(const Bytes& sound);
 
-    // The most telling line that is not said of the sound image, with # for numbers, so that the
-    // same complaint is the same line; empty when there is none.
-    std::string complaintAbout(const Bytes& image) const;
+    // The lines that are not said of the sound image, with # for numbers.
+    std::string complaintsAbout(const Bytes& image) const;
 
   private:
     std::vector<std::string> linesAbout(const Bytes& image) const;

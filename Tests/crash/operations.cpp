@@ -65,7 +65,6 @@ Workload::Workload(std::string called, std::vector<Operation> made)
         }
         if (operation.verb == Verb::rename) {
             touches.push_back(operation.text);
-            moves.emplace_back(operation.path, operation.text);
         }
     }
 }
@@ -94,7 +93,7 @@ const std::vector<Workload>& allChanges() {
         {"set stream", Operations{{Verb::setStream, "work/streamed", "note", 0, 3000, 5}}},
         {"remove stream", Operations{{Verb::setStream, "work/tagged", "tag", kRemove}}},
         {"set times", Operations{{Verb::times, "work/timed", "", 1000000000, 0, 1u << modifyTime}}},
-        {"label", [](VolumeClient& volume) { volume.setName("Renamed").get(); }},
+        {"label", [](VolumeClient& volume) { volume.setName("Renamed").get(); }, {""}},
         {"create many", makingMany()},
         {"remove many", removingMany()},
     };
@@ -127,14 +126,7 @@ Bytes preparedVolume() {
         carryOutAll(v, making(crowded(i), 50));
     }
     host.close().get();
-    return disk->image();
-}
-
-Bytes loadImage(const std::filesystem::path& image) {
-    const std::string raw = readFile(image);
-    Bytes bytes(raw.size());
-    std::memcpy(bytes.data(), raw.data(), raw.size());
-    return bytes;
+    return disk->bytes;
 }
 
 } // namespace tavelin::test

@@ -18,16 +18,19 @@ struct Workload {
     // Of operations, one after the other.
     Workload(std::string called, std::vector<Operation> made);
     // Of what is no operation. It throws fskit::Error when a request fails.
-    Workload(std::string called, std::function<void(VolumeClient&)> requests)
-        : name(std::move(called)), run(std::move(requests)) {}
+    Workload(std::string called, std::function<void(VolumeClient&)> requests,
+             std::vector<std::string> changed = {})
+        : name(std::move(called)), run(std::move(requests)), touches(std::move(changed)) {}
 
     std::string name;
     std::function<void(VolumeClient&)> run;
     std::vector<Operation> operations;
-    // Paths whose content or existence it changes; everything else must not notice.
+    // Paths whose content or existence it changes, "" for the label; all else must not notice.
     std::vector<std::string> touches;
-    // From, to: at every moment the file must be at one of the two.
-    std::vector<std::pair<std::string, std::string>> moves;
+    // What may be one way or the other while it is not known to be done.
+    std::vector<std::string> undecided(bool done) const {
+        return done ? std::vector<std::string>() : touches;
+    }
 };
 
 const std::vector<Workload>& allChanges();
@@ -35,8 +38,5 @@ const std::vector<Workload>& allChanges();
 // A formatted volume of 4 MiB with files for the changes to work on, others for them to leave
 // alone, and a directory large enough to have index blocks. Cleanly unmounted.
 Bytes preparedVolume();
-
-// The bytes of an image file.
-Bytes loadImage(const std::filesystem::path& image);
 
 } // namespace tavelin::test

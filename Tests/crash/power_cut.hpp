@@ -1,10 +1,12 @@
-// Runs changes on a recording disk, cuts the power at every write, and examines what is left.
+// Cuts the power at every write that a recording disk has seen, and examines what is left.
 #pragma once
 
 #include "crash/crash_report.hpp"
 #include "crash/recording.hpp"
 
 #include <cstdint>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace tavelin::test {
@@ -17,7 +19,30 @@ struct Cuts {
     std::uint64_t seed = 1;
 };
 
-// Every cut of one script. `base` is preparedVolume().
+struct PowerCut {
+    std::size_t end; // events of the recording that it comes after
+    Cut cut;
+    Bytes image;           // what it leaves
+    std::size_t persisted; // index of the recording's last state that must be there
+};
+
+// Every cut of a recording that may leave something new; answers after how many events there were
+// any. `base` is the disk before the recording.
+std::uint64_t forEachCut(const Bytes& base, const Recording& recording, const Cuts& cuts,
+                         const std::function<void(PowerCut&)>& work);
+
+// The next mount of an image, to its end.
+struct NextMount {
+    explicit NextMount(Bytes image);
+
+    std::string refusal;      // why it cannot be written to; empty when it can
+    bool isCompleted = false; // the mount had to write to it
+    Snapshot found;
+    Bytes after; // the image, unmounted again
+};
+
+// Every cut of one script: the next mount has to find the volume as it was at some moment since the
+// persistence point, and leave it sound. `base` is preparedVolume().
 CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts);
 CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
                          const Cuts& cuts);

@@ -22,34 +22,28 @@ TEST(PowerCut, LosesAndDamagesNothingThatWasPersisted) {
     report.add(
         tryScript(base, {{&named("create many"), &named("remove many")}, Finish::unmount}, {}));
     EXPECT_TRUE(report.isSound()) << report.describe();
-    EXPECT_GT(report.persisted, report.cutPoints) << "the cuts compared nothing";
+    EXPECT_GT(report.images[Cut::prefix], 500u);
 }
 
-// The oracle itself must notice: a persisted file that is taken away or changed afterwards.
-TEST(PowerCut, TheOracleSeesLossAndDamage) {
-    const Bytes base = preparedVolume();
-    Workload silentLoss = named("unlink");
-    silentLoss.touches.clear();
-    Workload silentDamage = named("overwrite");
-    silentDamage.touches.clear();
-    EXPECT_TRUE(tryScript(base, {{&silentLoss}, Finish::unmount}, {}).faults.contains(Fault::lost));
-    EXPECT_TRUE(
-        tryScript(base, {{&silentDamage}, Finish::unmount}, {}).faults.contains(Fault::damaged));
-}
-
-// And a persistence point that is none: without a flush, or with nothing written.
-TEST(PowerCut, TheOracleSeesAPersistencePointThatIsNone) {
+// The oracle itself must notice: a volume that is not as was promised, and a persistence point that
+// is none, without a flush or with nothing written.
+TEST(PowerCut, TheOracleSeesWhatIsNotAsPromised) {
     const Bytes base = preparedVolume();
     for (const Workload& change : allChanges()) {
         const Script script{{&change}, Finish::unmount};
-        Recording recording = recordTavelin(base, script);
-        std::erase_if(recording.events, [](const DiskEvent& event) { return event.flush; });
-        recording.persistedAt.back() = recording.events.size();
-        EXPECT_FALSE(tryRecording(base, script, recording, {{Cut::dropped}}).isSound())
+        const Recording sound = recordTavelin(base, script);
+        Recording undone = sound;
+        undone.states.back() = undone.states.front();
+        EXPECT_FALSE(tryRecording(base, script, undone, {{Cut::prefix}}).isSound()) << change.name;
+        Recording unflushed = sound;
+        std::erase_if(unflushed.events, [](const DiskEvent& event) { return event.flush; });
+        unflushed.persistedAt.back() = unflushed.events.size();
+        EXPECT_FALSE(tryRecording(base, script, unflushed, {{Cut::dropped}}).isSound())
             << change.name;
-        recording.events = {{true, 0, {}}};
-        recording.persistedAt.back() = 1;
-        EXPECT_FALSE(tryRecording(base, script, recording, {}).isSound()) << change.name;
+        Recording empty = sound;
+        empty.events = {{true, 0, {}}};
+        empty.persistedAt.back() = 1;
+        EXPECT_FALSE(tryRecording(base, script, empty, {}).isSound()) << change.name;
     }
 }
 

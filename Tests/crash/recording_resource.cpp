@@ -25,32 +25,24 @@ void putSomeSectors(Bytes& image, const DiskEvent& event, std::size_t sector,
 
 } // namespace
 
-std::size_t RecordingResource::read(std::byte* buffer, std::uint64_t offset, std::size_t length) {
-    std::memcpy(buffer, image_.data() + offset, length);
-    return length;
-}
-
-std::size_t RecordingResource::write(const std::byte* buffer, std::uint64_t offset,
-                                     std::size_t length) {
-    events_.push_back({false, offset, Bytes(buffer, buffer + length)});
-    putOnMedium(image_, events_.back());
-    return length;
-}
-
-void RecordingResource::metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) {
-    read(buffer, offset, length);
-}
-
-void RecordingResource::delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
-                                             std::size_t length) {
-    write(buffer, offset, length);
+std::size_t RecordingResource::copyIn(Call call, const std::byte* from, std::uint64_t offset,
+                                      std::size_t length) {
+    const std::size_t admitted = MemoryResourceOf::copyIn(call, from, offset, length);
+    events_.push_back({false, offset, Bytes(from, from + admitted)});
+    return admitted;
 }
 
 void RecordingResource::metadataFlush() {
+    MemoryResourceOf::metadataFlush();
     events_.push_back({true, 0, {}});
 }
 
 std::optional<fskit::Error> RecordingResource::flushToMedium() {
+    try {
+        admit(Call::flushToMedium, 0, 0);
+    } catch (const fskit::Error& error) {
+        return error;
+    }
     events_.push_back({true, 0, {}});
     return std::nullopt;
 }

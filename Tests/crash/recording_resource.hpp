@@ -2,16 +2,16 @@
 #pragma once
 
 #include "hosting/image_resource.hpp"
+#include "support/bytes.hpp"
+#include "support/memory_resource.hpp"
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <random>
 #include <vector>
 
 namespace tavelin::test {
-
-using Bytes = std::vector<std::byte>;
 
 // One thing that happened to the disk.
 struct DiskEvent {
@@ -20,33 +20,20 @@ struct DiskEvent {
     Bytes content;
 };
 
-// One thread at a time. Sectors are 512 bytes.
-class RecordingResource final : public HostResource {
+// Sectors are 512 bytes. One thread at a time.
+class RecordingResource final : public MemoryResourceOf<HostResource, Bytes> {
   public:
-    // `physicalBlockSize` is what the volume aligns its transfers to.
-    explicit RecordingResource(Bytes image, std::uint64_t physicalBlockSize = 512)
-        : image_(std::move(image)), physicalBlockSize_(physicalBlockSize) {}
+    using MemoryResourceOf<HostResource, Bytes>::MemoryResourceOf;
 
     const std::vector<DiskEvent>& events() const { return events_; }
-    const Bytes& image() const { return image_; }
 
-    std::string BSDName() const override { return "memory"; }
-    bool isWritable() const override { return true; }
-    std::uint64_t blockSize() const override { return 512; }
-    std::uint64_t blockCount() const override { return image_.size() / 512; }
-    std::uint64_t physicalBlockSize() const override { return physicalBlockSize_; }
-
-    std::size_t read(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
-    std::size_t write(const std::byte* buffer, std::uint64_t offset, std::size_t length) override;
-    void metadataRead(std::byte* buffer, std::uint64_t offset, std::size_t length) override;
-    void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
-                              std::size_t length) override;
     void metadataFlush() override;
     std::optional<fskit::Error> flushToMedium() override;
 
   private:
-    Bytes image_;
-    const std::uint64_t physicalBlockSize_;
+    std::size_t copyIn(Call call, const std::byte* from, std::uint64_t offset,
+                       std::size_t length) override;
+
     std::vector<DiskEvent> events_;
 };
 

@@ -9,18 +9,20 @@ namespace tavelin::test {
 
 namespace {
 
-SnapshotEntry entryOf(VolumeClient& volume, const std::string& path, const DirectoryEntry& entry) {
+ItemState entryOf(VolumeClient& volume, const std::string& path, const DirectoryEntry& entry) {
     if (!entry.attributes) {
         throw std::runtime_error("has no readable attributes");
     }
     ItemState state = observe(volume, path);
-    if (state.kind == ItemKind::directory) {
-        state.times = {};
-    } else if (state.kind == ItemKind::file && state.content.size() != state.size) {
+    if (state.kind == ItemKind::file && state.content.size() != state.size) {
         throw std::runtime_error("reads short");
     }
-    return {state.kind, std::move(state.content), std::move(state.streams), state.times[modifyTime],
-            state.times[birthTime]};
+    state.times[accessTime] = state.times[changeTime] = 0;
+    if (state.kind == ItemKind::directory) {
+        state.times = {};
+        state.size = 0;
+    }
+    return state;
 }
 
 void takeDirectory(VolumeClient& volume, const std::string& directory, Snapshot& snapshot) {
@@ -28,7 +30,7 @@ void takeDirectory(VolumeClient& volume, const std::string& directory, Snapshot&
     for (const DirectoryEntry& entry : volume.list(item, true).get()) {
         const std::string path = directory + (directory.empty() ? "" : "/") + entry.name;
         try {
-            const SnapshotEntry& taken = snapshot.entries[path] = entryOf(volume, path, entry);
+            const ItemState& taken = snapshot.entries[path] = entryOf(volume, path, entry);
             if (taken.kind == ItemKind::directory) {
                 takeDirectory(volume, path, snapshot);
             }
@@ -40,12 +42,6 @@ void takeDirectory(VolumeClient& volume, const std::string& directory, Snapshot&
 
 } // namespace
 
-bool Snapshot::isHidden(const std::string& path) const {
-    return std::ranges::any_of(unreadable, [&](const auto& bad) {
-        return bad.first.empty() || path == bad.first || path.starts_with(bad.first + "/");
-    });
-}
-
 Snapshot takeSnapshot(VolumeClient& volume) {
     Snapshot snapshot;
     snapshot.label = volume.name();
@@ -55,6 +51,36 @@ Snapshot takeSnapshot(VolumeClient& volume) {
         snapshot.unreadable[""] = error.what();
     }
     return snapshot;
+}
+
+std::string difference(const Snapshot& wanted, const Snapshot& found,
+                       const std::vector<std::string>& except) {
+    const auto matters = [&](const std::string& path) {
+        return std::ranges::find(except, path) == except.end();
+    };
+    if (wanted.label != found.label && matters("")) {
+        return "the label differs";
+    }
+    for (const auto& [path, why] : found.unreadable) {
+        if (matters(path)) {
+            return path + ": " + why;
+        }
+    }
+    for (const auto& [path, entry] : wanted.entries) {
+        const auto at = found.entries.find(path);
+        if (matters(path) && at == found.entries.end()) {
+            return path + " is lost";
+        }
+        if (matters(path) && !entry.hasSameContent(at->second)) {
+            return path + " differs";
+        }
+    }
+    for (const auto& [path, entry] : found.entries) {
+        if (matters(path) && !wanted.entries.contains(path)) {
+            return path + " is unexpected";
+        }
+    }
+    return "";
 }
 
 } // namespace tavelin::test

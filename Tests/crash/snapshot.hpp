@@ -5,34 +5,26 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace tavelin::test {
 
-struct SnapshotEntry {
-    ItemKind kind = ItemKind::file;
-    std::string content; // of a link, its target
-    std::map<std::string, std::string> streams;
-    // Of a directory 0: its own times change with its entries, which are compared instead.
-    Ticks modified = 0;
-    Ticks born = 0;
-
-    bool operator==(const SnapshotEntry&) const = default;
-    bool sameContent(const SnapshotEntry& other) const {
-        return kind == other.kind && content == other.content && streams == other.streams;
-    }
-};
-
 struct Snapshot {
-    std::map<std::string, SnapshotEntry> entries;  // by path from the root, "a/b"
+    // By path from the root, "a/b". Times of access and of status changes are 0; of directories
+    // all are, and the size: theirs change with their entries.
+    std::map<std::string, ItemState> entries;
     std::map<std::string, std::string> unreadable; // what could not be opened, read or listed: why
     std::string label;
 
     bool operator==(const Snapshot&) const = default;
-    // Whether the path is in a directory that could not be listed.
-    bool isHidden(const std::string& path) const;
 };
 
 // Lists, opens and reads everything.
 Snapshot takeSnapshot(VolumeClient& volume);
+
+// The first thing of `wanted` that is not so in `found`, whatever the times are; empty when there
+// is none. Paths in `except` may be as they like, the label with the path "" too.
+std::string difference(const Snapshot& wanted, const Snapshot& found,
+                       const std::vector<std::string>& except = {});
 
 } // namespace tavelin::test

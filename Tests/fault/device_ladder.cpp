@@ -3,7 +3,6 @@
 #include "crash/recording.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
-#include "support/faulty_resource.hpp"
 
 #include <fmt/format.h>
 
@@ -40,17 +39,18 @@ class FaultInjector {
     std::uint64_t hits() const { return hits_; }
     std::uint64_t reads() const { return reads_; }
 
-    FaultyResource::Fault decide(const FaultyResource::Transfer& transfer) {
+    // How many of the bytes a call moves; throws.
+    std::size_t decide(RecordingResource::Call call, std::size_t length) {
         if (next_ == 0 || --next_ > 0) {
-            return {};
+            return length;
         }
         next_ = fault_.times == Times::once ? 0 : 1;
         hits_++;
-        reads_ += transfer.call == FaultyResource::Call::read ? 1 : 0;
+        reads_ += call == RecordingResource::Call::read ? 1 : 0;
         if (fault_.error != 0) {
-            return {fskit::fs_errorForPOSIXError(fault_.error), std::nullopt};
+            throw fskit::fs_errorForPOSIXError(fault_.error);
         }
-        return {std::nullopt, std::max<std::size_t>(512, transfer.length / 1024 * 512)};
+        return std::min(length, std::max<std::size_t>(512, length / 1024 * 512));
     }
 
   private:
@@ -62,10 +62,11 @@ class FaultInjector {
 
 struct Rig {
     Rig(const Bytes& base, std::uint64_t blockSize, const DeviceFault& fault)
-        : injector(fault),
-          disk(std::make_shared<RecordingResource>(base, blockSize)),
-          host(std::make_shared<FaultyResource>(
-              disk, [this](const auto& transfer) { return injector.decide(transfer); })) {}
+        : injector(fault), disk(std::make_shared<RecordingResource>(base, blockSize)), host(disk) {
+        disk->hook = [this](auto call, auto, std::size_t length) {
+            return injector.decide(call, length);
+        };
+    }
 
     FaultInjector injector;
     std::shared_ptr<RecordingResource> disk;
@@ -164,16 +165,16 @@ class FaultRun {
 
     void inspect() {
         try {
-            const Snapshot found = contentOf(rig_.disk->image());
-            auto wrong =
-                difference(done_ ? reference_.after : reference_.before, found, request_, done_);
+            const Snapshot found = contentOf(rig_.disk->bytes);
+            std::string wrong = difference(done_ ? reference_.after : reference_.before, found,
+                                           request_.undecided(done_));
             // The library drops the error of writing an index block.
-            if (wrong && done_ && !isCached_ && addsName()) {
+            if (!wrong.empty() && done_ && !isCached_ && addsName()) {
                 lostName_ = true;
-                wrong = difference(reference_.before, found, request_, false);
+                wrong = difference(reference_.before, found, request_.touches);
             }
-            if (wrong) {
-                complain(*wrong);
+            if (!wrong.empty()) {
+                complain(wrong);
             }
         } catch (const std::exception& error) {
             complain(std::string("left unreadable: ") + error.what());
@@ -279,8 +280,8 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
         if (const auto error = errorOf([&] { rig.host.close().get(); })) {
             complain(fmt::format("closing on a healed device answers {}", *error));
         }
-        if (const auto wrong = difference(wanted, contentOf(rig.disk->image()), {}, true)) {
-            complain(*wrong);
+        if (const auto wrong = difference(wanted, contentOf(rig.disk->bytes)); !wrong.empty()) {
+            complain(wrong);
         }
         if (rig.injector.hits() == 0) {
             return result;

@@ -1,6 +1,7 @@
 #include "fault/requests.hpp"
 
 #include "hosting/paths.hpp"
+#include "hosting/system.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <algorithm>
@@ -42,10 +43,6 @@ void openAndClose(VolumeClient& volume) {
     volume.close(file, 0);
 }
 
-bool isTouched(const Workload& request, const std::string& path) {
-    return std::find(request.touches.begin(), request.touches.end(), path) != request.touches.end();
-}
-
 } // namespace
 
 const std::vector<Workload>& allRequests() {
@@ -61,31 +58,6 @@ const std::vector<Workload>& allRequests() {
         return all;
     }();
     return requests;
-}
-
-std::optional<std::string> difference(const Snapshot& wanted, const Snapshot& found,
-                                      const Workload& request, bool touchedToo) {
-    if (wanted.label != found.label && (touchedToo || request.name != "label")) {
-        return "the label differs";
-    }
-    for (const auto& [path, entry] : wanted.entries) {
-        const auto at = found.entries.find(path);
-        if (!touchedToo && isTouched(request, path)) {
-            continue;
-        }
-        if (at == found.entries.end()) {
-            return path + " is lost";
-        }
-        if (!entry.sameContent(at->second)) {
-            return path + " differs";
-        }
-    }
-    for (const auto& [path, entry] : found.entries) {
-        if (!wanted.entries.contains(path) && (touchedToo || !isTouched(request, path))) {
-            return path + " is unexpected";
-        }
-    }
-    return std::nullopt;
 }
 
 } // namespace tavelin::test

@@ -60,7 +60,7 @@ TEST_F(Changes, WhatCannotBeKeptIsRefusedBeforeAnythingIsApplied) {
 
 TEST_F(Changes, ExtendedAttributesAreBoundedWhenTheyAreSetAndWhenTheyAreRead) {
     const SampleVolume large({.bytes = 160 << 20});
-    disk = std::make_shared<MemoryResource>(large);
+    disk = std::make_shared<MemoryResource>(readFile(large.image()));
     start();
     auto ask = requests();
     const auto most = static_cast<std::size_t>(volume().maximumXattrSize());

@@ -1,7 +1,6 @@
 // A module over a resource in memory, with its log lines and events to look at.
 #pragma once
 
-#include "memory_resource.hpp"
 #include "requests.hpp"
 
 #include "diagnostics/error_tally.hpp"
@@ -9,8 +8,10 @@
 #include "diagnostics/op_counter.hpp"
 #include "fskit/tavelin_file_system.hpp"
 #include "platform/error_numbers.hpp"
+#include "support/memory_resource.hpp"
 #include "support/own_group.hpp"
 #include "support/replaced_services.hpp"
+#include "support/sample_volume.hpp"
 #include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
@@ -19,6 +20,8 @@
 #include <sstream>
 
 namespace tavelin::test {
+
+using MemoryResource = MemoryResourceOf<fskit::FSBlockDeviceResource, std::string>;
 
 class ModuleTest : public ::testing::Test {
   protected:
@@ -101,14 +104,13 @@ class ModuleTest : public ::testing::Test {
 class VolumeTest : public ModuleTest {
   protected:
     explicit VolumeTest(const VolumeGeometry& geometry = {}) : sample(geometry) {
-        disk = std::make_shared<MemoryResource>(sample);
+        disk = std::make_shared<MemoryResource>(readFile(sample.image()));
     }
 
     // What the module has left, perhaps with requests that were not flushed yet, has to be sound.
     ~VolumeTest() override {
         if (sample.isChecked() && disk && !HasFailure()) {
-            const std::vector<std::uint8_t> image(disk->bytes.begin(), disk->bytes.end());
-            EXPECT_EQ(structuralComplaints(image), "");
+            EXPECT_EQ(structuralComplaints(bytesOf(disk->bytes)), "");
         }
     }
 

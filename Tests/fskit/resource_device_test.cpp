@@ -107,7 +107,7 @@ TEST_F(Device, ErrorsAreLoggedTalliedAndReported) {
 
 TEST_F(Device, IsCachedInAModuleThatUsesTheKernelsCache) {
     const SampleVolume sample;
-    disk = std::make_shared<MemoryResource>(sample);
+    disk = std::make_shared<MemoryResource>(readFile(sample.image()));
     ResourceDevice::enableKernelCache();
     EXPECT_EQ(probe().name, "Sample");
     start();

@@ -1,8 +1,8 @@
 // What the module host adds to the volume's own care for its data: success means the medium.
 
+#include "crash/recording_resource.hpp"
 #include "hosting/module_host.hpp"
 #include "platform/error_numbers.hpp"
-#include "support/faulty_resource.hpp"
 #include "support/own_group.hpp"
 #include "support/replaced_services.hpp"
 #include "support/sample_volume.hpp"
@@ -15,7 +15,7 @@ namespace tavelin::test {
 
 namespace {
 
-using Call = FaultyResource::Call;
+using Call = RecordingResource::Call;
 using Type = fskit::FSItemType;
 
 const std::vector<std::byte> kContent(100'000, std::byte{'c'});
@@ -27,13 +27,13 @@ TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
     const SampleVolume sample;
     std::vector<Call> calls;
     bool fails = false;
-    ModuleHost host(std::make_shared<FaultyResource>(
-        std::make_shared<ImageResource>(sample.image()), [&](const auto& transfer) {
-            calls.push_back(transfer.call);
-            const bool failing = fails && transfer.call == Call::flushToMedium;
-            return failing ? FaultyResource::Fault{.error = fskit::fs_errorForPOSIXError(kEIO)}
-                           : FaultyResource::Fault{};
-        }));
+    const auto disk = std::make_shared<RecordingResource>(loadImage(sample.image()));
+    disk->hook = [&](Call call, auto, std::size_t length) {
+        calls.push_back(call);
+        return fails && call == Call::flushToMedium ? throw fskit::fs_errorForPOSIXError(kEIO)
+                                                    : length;
+    };
+    ModuleHost host(disk);
     const auto flushes = [&] {
         return std::count(calls.begin(), calls.end(), Call::flushToMedium);
     };

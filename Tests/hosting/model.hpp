@@ -28,6 +28,11 @@ struct ItemState {
     std::string content{}; // of a file; a link's target
     std::map<std::string, std::string> streams{};
     std::map<std::string, ItemKind> entries{}; // of a directory
+
+    bool operator==(const ItemState&) const = default;
+    bool hasSameContent(const ItemState& other) const {
+        return kind == other.kind && content == other.content && streams == other.streams;
+    }
 };
 
 class Model {

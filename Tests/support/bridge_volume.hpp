@@ -33,7 +33,7 @@ class BridgeVolume {
     ~BridgeVolume() {
         const int32_t error = volume_ != nullptr ? unmount() : 0;
         if (sample_.isChecked() && error == 0 && !::testing::Test::HasFailure()) {
-            EXPECT_EQ(structuralComplaints(std::move(memory_.bytes())), "");
+            EXPECT_EQ(structuralComplaints(std::as_bytes(std::span(memory_.bytes()))), "");
         }
     }
     BridgeVolume(const BridgeVolume&) = delete;

@@ -22,8 +22,10 @@ std::string structuralComplaints(const std::filesystem::path& image) {
     return complaintsOf(std::make_shared<FileBlockDevice>(image.string(), 512, true));
 }
 
-std::string structuralComplaints(std::vector<std::uint8_t> image) {
-    return complaintsOf(std::make_shared<MemoryDevice>(std::move(image)));
+std::string structuralComplaints(std::span<const std::byte> image) {
+    const auto* const begin = reinterpret_cast<const std::uint8_t*>(image.data());
+    return complaintsOf(
+        std::make_shared<MemoryDevice>(std::vector<std::uint8_t>(begin, begin + image.size())));
 }
 
 } // namespace tavelin::test

@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <set>
@@ -74,9 +73,7 @@ class Disk final : public BlockDevice {
 
 // A disk with a formatted volume of its own.
 inline std::shared_ptr<Disk> formatted(const VolumeGeometry& geometry) {
-    const std::string raw = readFile(SampleVolume(geometry).image());
-    const auto bytes = bytesOf(raw);
-    return std::make_shared<Disk>(Bytes(bytes.begin(), bytes.end()));
+    return std::make_shared<Disk>(loadImage(SampleVolume(geometry).image()));
 }
 
 // An empty volume of 4 MiB, and where things are on it.

@@ -286,8 +286,7 @@ TEST(Settling, LeavesAnIdleDiskAsOtherSystemsExpectIt) {
         EXPECT_TRUE(disk->events.back().flush) << "the blanking was not synced";
         const TempDirectory directory;
         const auto image = directory / "image";
-        writeFile(image, std::string(reinterpret_cast<const char*>(disk->image.data()),
-                                     disk->image.size()));
+        writeFile(image, textOf(disk->image));
         EXPECT_EQ(run({"ntfs-3g.probe", "--readwrite", image.string()}).status, 0);
         const auto events = disk->events.size();
         services.timers().tick();

@@ -3,8 +3,10 @@
 
 #include "fskit/api/resource.hpp"
 #include "platform/mutex.hpp"
-#include "support/sample_volume.hpp"
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -12,13 +14,15 @@
 
 namespace tavelin::test {
 
+// `Base` is the kind of resource that a layer is offered, `Content` what a test has its bytes in.
 // The fields are set before a request uses the resource, or while none does. Any thread.
-class MemoryResource final : public fskit::FSBlockDeviceResource {
+template<typename Base, typename Content>
+class MemoryResourceOf : public Base {
   public:
-    enum class Call { read, write, metadataRead, metadataWrite, metadataFlush };
+    enum class Call { read, write, metadataRead, metadataWrite, metadataFlush, flushToMedium };
 
-    explicit MemoryResource(std::string content) : bytes(std::move(content)) {}
-    explicit MemoryResource(const SampleVolume& volume) : bytes(readFile(volume.image())) {}
+    explicit MemoryResourceOf(Content content, std::uint64_t physical = 512)
+        : bytes(std::move(content)), physicalBlock(physical) {}
 
     std::string BSDName() const override { return "disk7s2"; }
     bool isWritable() const override { return writable; }
@@ -41,11 +45,12 @@ class MemoryResource final : public fskit::FSBlockDeviceResource {
     }
     void metadataFlush() override { admit(Call::metadataFlush, 0, 0); }
 
-    std::string bytes;
+    Content bytes;
     bool writable = true;
     std::uint64_t logicalBlock = 512;
-    std::uint64_t physicalBlock = 512;
-    // Asked before each call: how many of the bytes may be moved, or it throws.
+    std::uint64_t physicalBlock;
+    // Asked before each call, under the volume's lock: how many of the bytes may be moved, or it
+    // throws. It must not send requests to the volume.
     std::function<std::size_t(Call, std::uint64_t offset, std::size_t length)> hook;
 
     int count(Call call) {
@@ -53,7 +58,7 @@ class MemoryResource final : public fskit::FSBlockDeviceResource {
         return counts_[static_cast<std::size_t>(call)];
     }
 
-  private:
+  protected:
     std::size_t admit(Call call, std::uint64_t offset, std::size_t length) {
         {
             const MutexLock held(mutex_);
@@ -61,19 +66,23 @@ class MemoryResource final : public fskit::FSBlockDeviceResource {
         }
         return hook ? hook(call, offset, length) : length;
     }
-    std::size_t copyOut(Call call, std::byte* to, std::uint64_t offset, std::size_t length) {
-        const std::size_t admitted = admit(call, offset, length);
-        std::memcpy(to, &bytes.at(offset), admitted);
-        return admitted;
-    }
-    std::size_t copyIn(Call call, const std::byte* from, std::uint64_t offset, std::size_t length) {
+
+    virtual std::size_t copyIn(Call call, const std::byte* from, std::uint64_t offset,
+                               std::size_t length) {
         const std::size_t admitted = admit(call, offset, length);
         std::memcpy(&bytes.at(offset), from, admitted);
         return admitted;
     }
 
+  private:
+    std::size_t copyOut(Call call, std::byte* to, std::uint64_t offset, std::size_t length) {
+        const std::size_t admitted = admit(call, offset, length);
+        std::memcpy(to, &bytes.at(offset), admitted);
+        return admitted;
+    }
+
     Mutex mutex_;
-    std::array<int, 5> counts_ TAVELIN_GUARDED_BY(mutex_){};
+    std::array<int, 6> counts_ TAVELIN_GUARDED_BY(mutex_){};
 };
 
 } // namespace tavelin::test

@@ -1,4 +1,4 @@
-#include "crash/driver_recording.hpp"
+#include "Benchmarks/crash/driver_recording.hpp"
 
 #include "platform/file_descriptor.hpp"
 #include "support/replaced_services.hpp"
@@ -121,7 +121,7 @@ class Lifeline {
 class MountedDriver {
   public:
     explicit MountedDriver(const Bytes& base) {
-        writeFile(image(), std::string(reinterpret_cast<const char*>(base.data()), base.size()));
+        writeFile(image(), textOf(base));
         fs::create_directory(root());
         runOrThrow({"env", "LD_PRELOAD=" WRITE_RECORDER,
                     "TAVELIN_RECORDED_IMAGE=" + image().string(),
