@@ -142,18 +142,6 @@ TEST(VolumeThreads, WhatSucceededBeforeAnUnmountInTheMiddleIsOnTheImage) {
     }
 }
 
-TEST(VolumeThreads, ChangesReachTheDeviceWithoutAFurtherCall) {
-    const SampleVolume sample;
-    const auto device = std::make_shared<WatchedDevice>(sample);
-    const auto volume = NTFSVolume::open(device, false);
-    volume->startAutoFlush();
-    const int before = device->syncs();
-    const auto file = volume->create("file", kRoot, NTFSItemType::file);
-    volume->write(file, 0, bytesOf("soon on the device"));
-    device->waitForSyncsBeyond(before);
-    volume->withDeviceLock([&] { EXPECT_EQ(sample.cat("/file"), "soon on the device"); });
-}
-
 TEST(VolumeThreads, ATickMayHoldTheLastReference) {
     const SampleVolume sample;
     std::promise<void> ticking, dropped;

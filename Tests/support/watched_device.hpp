@@ -1,6 +1,6 @@
 // For tests of what stands on a volume: a block device over a sample volume that counts what comes
-// through, lets a test wait for that and fails on demand; and short ways to say what such tests say
-// about errors. Any thread. Programs that include this link the core.
+// through and fails on demand; and short ways to say what such tests say about errors. Any thread.
+// Programs that include this link the core.
 #pragma once
 
 #include "core/file_block_device.hpp"
@@ -45,7 +45,6 @@ class WatchedDevice final : public BlockDevice {
         }
         const MutexLock held(mutex_);
         ++syncs_;
-        synced_.notifyAll();
         return failure_;
     }
 
@@ -58,13 +57,6 @@ class WatchedDevice final : public BlockDevice {
         const MutexLock held(mutex_);
         return syncs_;
     }
-    void waitForSyncsBeyond(int count) {
-        const MutexLock held(mutex_);
-        while (syncs_ <= count) {
-            synced_.wait(mutex_);
-        }
-    }
-
     // Set before the device is used.
     std::function<void()> onSync;
     std::function<void()> onGone;
@@ -72,7 +64,6 @@ class WatchedDevice final : public BlockDevice {
   private:
     FileBlockDevice inner_;
     Mutex mutex_;
-    ConditionVariable synced_;
     int syncs_ TAVELIN_GUARDED_BY(mutex_) = 0;
     std::int32_t failure_ TAVELIN_GUARDED_BY(mutex_) = 0;
 };
