@@ -3,6 +3,7 @@
 
 #include "NTFSBridge/device/block_io.hpp"
 #include "NTFSBridge/device/device_table.hpp"
+#include "NTFSBridge/inode_cache.hpp"
 #include "NTFSBridge/ondisk/boot_sector.hpp"
 #include "NTFSBridge/ondisk/mft_mirror.hpp"
 
@@ -143,6 +144,7 @@ int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcep
     (void)device.release(); // freed by ntfs_umount from here on
     vol.volume->abs_mnt_point = no_mount_point;
     ntfs_create_lru_caches(vol.volume);
+    enlarge_inode_cache(vol.volume);
     ntfs_set_shown_files(vol.volume, FALSE, TRUE, FALSE);
     if (known_free != nullptr) {
         vol.volume->free_clusters = known_free->clusters;

@@ -159,6 +159,27 @@ TEST(Volume, FlushesReachTheHostOnlyWhenThereIsSomethingToWrite) {
     EXPECT_EQ(volume.unmount(), ENXIO) << "what could not be written is not kept quiet";
 }
 
+TEST(Volume, ManyInodesStayAtHand) {
+    BridgeVolume volume;
+    ASSERT_NE(volume, nullptr);
+    std::vector<uint64_t> files;
+    for (int i = 0; i < 500; ++i) {
+        files.push_back(volume.make("file " + std::to_string(i)));
+    }
+    const auto pagesReadForAll = [&] {
+        ntb_stats before = {};
+        ntb_get_stats(volume, &before);
+        for (const uint64_t file : files) {
+            volume.attributes(file);
+        }
+        ntb_stats after = {};
+        ntb_get_stats(volume, &after);
+        return after.cacheHits + after.cacheMisses - before.cacheHits - before.cacheMisses;
+    };
+    pagesReadForAll();
+    EXPECT_EQ(pagesReadForAll(), 0u) << "records were read again";
+}
+
 TEST(Volume, ReadOnlyRefusesEveryChange) {
     BridgeVolume volume;
     const uint64_t ino = volume.make("file");
