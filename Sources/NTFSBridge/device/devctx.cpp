@@ -26,12 +26,9 @@ struct page_part {
 } // namespace
 
 bool ntb_devctx::is_cacheable(uint64_t count, uint64_t offset) const noexcept {
-    // Devices whose blocks are larger than a page, or do not divide it, have no cache: a page could
-    // not be written back without bytes of its neighbours. Long transfers are file data, which
-    // would evict the metadata and is rarely wanted twice.
-    const uint64_t block = std::max<uint64_t>(io.block_size, 1);
-    if (!cache.is_on() || block > page_size || page_size % block != 0 ||
-        count > NTB_CACHED_BYTES_MAX || !is_within(offset, count, io.size)) {
+    // Long transfers are file data, which would evict the metadata and is rarely wanted twice.
+    if (!cache.is_on() || !has_whole_pages_ || count > NTB_CACHED_BYTES_MAX ||
+        !is_within(offset, count, io.size)) {
         return false;
     }
     const uint64_t last = (offset + count - 1) / page_size;

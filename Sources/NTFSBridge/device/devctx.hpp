@@ -9,13 +9,19 @@
 #include "NTFSBridge/device/page_cache.hpp"
 #include "NTFSBridge/device/undo_log.hpp"
 
+#include <algorithm>
+
 namespace ntb {
 
 struct ntb_devctx {
     // stats belongs to the volume handle and outlives the context. The cache is off until
     // cache.enable().
     ntb_devctx(const ntb_io& device, bool is_read_only, ntb_stats& counters) noexcept
-        : io(device), read_only(is_read_only ? 1 : 0), stats(&counters), cache(io, counters) {}
+        : io(device),
+          read_only(is_read_only ? 1 : 0),
+          stats(&counters),
+          cache(io, counters),
+          has_whole_pages_(page_cache::page_size % std::max<uint64_t>(device.block_size, 1) == 0) {}
     ntb_devctx(const ntb_devctx&) = delete;
     ntb_devctx& operator=(const ntb_devctx&) = delete;
 
@@ -52,6 +58,10 @@ struct ntb_devctx {
     [[nodiscard]] int32_t flush_overlap(uint64_t count, uint64_t offset) noexcept;
     // After a write around the cache: gives the cached pages of its range the same bytes.
     void update_cached_pages(const uint8_t* from, uint64_t count, uint64_t offset) noexcept;
+
+    // Devices whose blocks are larger than a page, or do not divide it, have no cache: a page could
+    // not be written back without bytes of its neighbours.
+    const bool has_whole_pages_;
 };
 
 } // namespace ntb

@@ -36,7 +36,7 @@ bool page_cache::enable() noexcept {
         staging_.reset();
         return false;
     }
-    set_count_ = full_set_count;
+    is_on_ = true;
     return true;
 }
 
@@ -60,7 +60,7 @@ int page_cache::cmp_u64(const void* left, const void* right) noexcept {
 uint32_t page_cache::slot_holding(uint64_t page) const noexcept {
     // Consecutive pages fall into consecutive sets, so a run of metadata spreads over the cache
     // instead of competing for one set.
-    const uint32_t first = static_cast<uint32_t>(page % set_count_) * way_count;
+    const uint32_t first = static_cast<uint32_t>(page % full_set_count) * way_count;
     for (uint32_t slot = first; slot < first + way_count; ++slot) {
         if (slots_[slot].page == page && slots_[slot].valid != 0) {
             return slot;
@@ -70,7 +70,7 @@ uint32_t page_cache::slot_holding(uint64_t page) const noexcept {
 }
 
 uint32_t page_cache::victim_for(uint64_t page) const noexcept {
-    const uint32_t first = static_cast<uint32_t>(page % set_count_) * way_count;
+    const uint32_t first = static_cast<uint32_t>(page % full_set_count) * way_count;
     // The least recently used page of the set gives way, be it clean or dirty. pc_slot_for() writes
     // a dirty one back first.
     uint32_t oldest = first;

@@ -30,8 +30,6 @@ class page_cache {
     static constexpr uint32_t page_size = NTB_PAGE_BYTES;
     // Enough that pages of one remainder seldom push each other out, few enough to search one by
     // one.
-    // Enough that pages of one remainder seldom push each other out, few enough to search one by
-    // one.
     static constexpr uint32_t way_count = 8;
     static constexpr uint32_t full_set_count = 1024;
     static constexpr uint32_t slot_count = full_set_count * way_count;
@@ -43,7 +41,6 @@ class page_cache {
         "a fetch of the longest cached transfer fits into the staging memory, be its ends "
         "aligned or not");
     // As the end of a range: every page from its first one on.
-    // As the end of a range: every page from its first one on.
     static constexpr uint64_t last_page = UINT64_MAX;
 
     // Off until enable(). io and stats belong to the volume and outlive the cache.
@@ -54,7 +51,7 @@ class page_cache {
     // Allocates all that the cache will ever need, so that writing back never fails for want of
     // memory. When there is not enough the cache stays off and says false.
     bool enable() noexcept;
-    bool is_on() const noexcept { return set_count_ != 0; }
+    bool is_on() const noexcept { return is_on_; }
 
     // Has the system back the cache's memory with real memory. What is cached stays as it is.
     void populate() noexcept;
@@ -119,7 +116,7 @@ class page_cache {
     std::unique_ptr<uint8_t[]> pages_;          // slot i owns the bytes from i * page_size on
     std::unique_ptr<dirty_page[]> dirty_pages_; // what a flush writes, by page number
     std::unique_ptr<uint8_t[]> staging_;
-    uint32_t set_count_ = 0; // 0: off
+    bool is_on_ = false;
     uint32_t use_clock_ = 0;
     uint64_t dirty_count_ = 0;
 };
