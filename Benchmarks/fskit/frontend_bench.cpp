@@ -217,12 +217,12 @@ void write4K(benchmark::State& state) {
 void page(benchmark::State& state, fskit::FSDirectoryCookie first) {
     WarmVolume& w = warm();
     const std::uint64_t parent = WarmVolume::ino(w.directory);
-    const std::vector<NTFSDirEntry> listing = w.ntfs().list(parent);
+    const NTFSListing listing = w.ntfs().list(parent);
     compare(
         state, kPageTurn, [&](std::size_t) { w.list(first); },
         [&](std::size_t) {
             if (first == 0) {
-                benchmark::DoNotOptimize(w.ntfs().list(parent).data());
+                benchmark::DoNotOptimize(w.ntfs().list(parent).size());
             }
             for (std::size_t i = 0; i < kPageEntries; i++) {
                 benchmark::DoNotOptimize(w.ntfs().attributes(listing[first + i].ino).size);

@@ -193,7 +193,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// The attributes of what a name stands for, in one go; absent when there is no such name.
     [[nodiscard]] std::optional<NTFSAttributes> find(std::string_view name, std::uint64_t parent);
     /// All entries of a directory, without "." and "..", in the volume's collation order.
-    [[nodiscard]] std::vector<NTFSDirEntry> list(std::uint64_t directory);
+    [[nodiscard]] NTFSListing list(std::uint64_t directory);
 
     // What an operation below answers beside its result is what a caller would ask for next. It is
     // read under the same lock.

@@ -75,10 +75,12 @@ std::int32_t changeData(BlockDevice& device, ntb_vol* vol, std::uint64_t ino,
     return decompressed != 0 ? decompressed : change();
 }
 
-using NameBox = ListingBox<std::string>;
+using NameBox = ListingBox<std::vector<std::string>>;
 
 std::int32_t appendName(void* context, const char* name) noexcept {
-    return NameBox::of(context, name).append([&](std::string& item) { item = name; });
+    return NameBox::of(context, name).append([&](std::vector<std::string>& names) {
+        names.emplace_back(name);
+    });
 }
 
 } // namespace

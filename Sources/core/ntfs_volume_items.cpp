@@ -21,15 +21,12 @@ const ntb_time* addressOf(const std::optional<ntb_time>& time) noexcept {
     return time ? &*time : nullptr;
 }
 
-using ListBox = ListingBox<NTFSDirEntry>;
+using ListBox = ListingBox<NTFSListing>;
 
 std::int32_t appendEntry(void* context, const char* name, std::uint64_t ino, std::uint16_t sequence,
                          std::uint32_t type) noexcept {
-    return ListBox::of(context, name).append([&](NTFSDirEntry& entry) {
-        entry.name = name;
-        entry.ino = ino;
-        entry.sequence = sequence;
-        entry.type = itemTypeFromBridge(type);
+    return ListBox::of(context, name).append([&](NTFSListing& listing) {
+        listing.append(name, ino, sequence, itemTypeFromBridge(type));
     });
 }
 
@@ -77,12 +74,13 @@ std::optional<NTFSAttributes> NTFSVolume::find(std::string_view name, std::uint6
     return attributesOf(record);
 }
 
-std::vector<NTFSDirEntry> NTFSVolume::list(std::uint64_t directory) {
+NTFSListing NTFSVolume::list(std::uint64_t directory) {
     ListBox box;
     const std::int32_t result =
         locked([&](ntb_vol* vol) { return ntb_readdir(vol, directory, appendEntry, &box); });
     box.rethrowFailure();
     check(result);
+    box.items.finish();
     return std::move(box.items);
 }
 

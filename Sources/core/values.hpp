@@ -13,7 +13,8 @@
 #include <cstdint>
 #include <ctime>
 #include <optional>
-#include <string>
+#include <string_view>
+#include <vector>
 
 namespace tavelin {
 
@@ -134,13 +135,39 @@ struct NTFSWrite {
 
 /// One name of a directory listing, in UTF-8.
 struct NTFSDirEntry {
-    std::string name;
+    std::string_view name; ///< in the memory of the listing
     std::uint64_t ino = 0;
     std::uint16_t sequence = 0; ///< of the record, as the directory has it
     NTFSItemType type = NTFSItemType::file;
 
     [[nodiscard]] std::uint64_t reference() const noexcept { return itemReference(ino, sequence); }
     bool operator==(const NTFSDirEntry&) const = default;
+};
+
+/// The names of one directory, in the volume's collation order. Moved, not copied: the entries
+/// refer to the names, which lie one behind the other so that a large directory takes two blocks of
+/// memory and not one for each name.
+class NTFSListing {
+  public:
+    NTFSListing() = default;
+    NTFSListing(NTFSListing&&) = default;
+    NTFSListing& operator=(NTFSListing&&) = default;
+
+    /// Appends an entry of that name, which is copied. Its own `name` is set by finish().
+    void append(std::string_view name, std::uint64_t ino, std::uint16_t sequence,
+                NTFSItemType type);
+    /// Makes the entries refer to their names; called once, after the last append().
+    void finish() noexcept;
+
+    [[nodiscard]] std::size_t size() const noexcept { return entries_.size(); }
+    [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }
+    [[nodiscard]] const NTFSDirEntry& operator[](std::size_t at) const { return entries_[at]; }
+    [[nodiscard]] auto begin() const noexcept { return entries_.begin(); }
+    [[nodiscard]] auto end() const noexcept { return entries_.end(); }
+
+  private:
+    std::vector<NTFSDirEntry> entries_;
+    std::vector<char> names_;
 };
 
 /// Space and file counts of a volume.

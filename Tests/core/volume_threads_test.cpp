@@ -57,7 +57,7 @@ class Worker {
         std::map<std::string, std::string> found;
         for (const NTFSDirEntry& entry : volume.list(volume.lookup(name_, kRoot))) {
             const auto size = volume.attributes(entry.ino).size;
-            found[entry.name] = textOf(volume.read(entry.ino, 0, size));
+            found[std::string(entry.name)] = textOf(volume.read(entry.ino, 0, size));
         }
         EXPECT_EQ(found, files_);
     }

@@ -8,7 +8,7 @@
 namespace tavelin::Driver2 {
 
 std::span<const NTFSDirEntry> DirectorySnapshot::page(std::uint64_t position) const noexcept {
-    const std::span<const NTFSDirEntry> all(entries);
+    const std::span<const NTFSDirEntry> all(entries.begin(), entries.end());
     return all.subspan(static_cast<std::size_t>(std::min<std::uint64_t>(position, all.size())));
 }
 

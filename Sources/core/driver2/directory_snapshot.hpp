@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <span>
 #include <utility>
-#include <vector>
 
 namespace tavelin::Driver2 {
 
@@ -15,11 +14,11 @@ namespace tavelin::Driver2 {
 /// plus one.
 class DirectorySnapshot {
   public:
-    DirectorySnapshot(std::vector<NTFSDirEntry> listing, std::uint64_t number)
+    DirectorySnapshot(NTFSListing listing, std::uint64_t number)
         : entries(std::move(listing)), verifier(number) {}
 
-    const std::vector<NTFSDirEntry> entries; ///< in the order of NTFSVolume::list
-    const std::uint64_t verifier;            ///< by which its reader finds it again
+    const NTFSListing entries;    ///< in the order of NTFSVolume::list
+    const std::uint64_t verifier; ///< by which its reader finds it again
 
     /// The entries from `position` on, none past the end. Valid while the snapshot lives.
     [[nodiscard]] std::span<const NTFSDirEntry> page(std::uint64_t position) const noexcept;

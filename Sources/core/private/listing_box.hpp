@@ -3,22 +3,18 @@
 
 #include "platform/checked.hpp"
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <utility>
-#include <vector>
 
 namespace tavelin {
 
-/// The items of one listing in the making, in delivery order. The bridge's callback is given the
-/// box as its context; as nothing may throw through the bridge, a failure to append is kept and
-/// thrown after the bridge has returned.
-template<typename Item>
+/// A container of what one listing delivers, in that order. The bridge's callback is given the box
+/// as its context; as nothing may throw through the bridge, a failure to append is kept and thrown
+/// after the bridge has returned.
+template<typename Items>
 class ListingBox {
   public:
-    std::vector<Item> items;
+    Items items;
 
     /// The box behind a callback's context. A missing context or name stops the process.
     static ListingBox& of(void* context, const char* name) noexcept {
@@ -28,16 +24,11 @@ class ListingBox {
         return *static_cast<ListingBox*>(context);
     }
 
-    /// Appends an item and has `fill` fill it; answers the callback's result, non-zero to end the
-    /// listing.
-    template<typename Fill>
-    std::int32_t append(Fill&& fill) noexcept {
+    /// Has `append` append an item; answers the callback's result, non-zero to end the listing.
+    template<typename Append>
+    std::int32_t append(const Append& append) noexcept {
         try {
-            if (items.size() == items.capacity()) {
-                // The system takes longer to give fresh memory than a move into it takes.
-                items.reserve(std::max(kFirstItems, items.size() * kGrowth));
-            }
-            std::forward<Fill>(fill)(items.emplace_back());
+            append(items);
             return 0;
         } catch (...) {
             failure_ = std::current_exception();
@@ -52,9 +43,6 @@ class ListingBox {
     }
 
   private:
-    static constexpr std::size_t kFirstItems = 64;
-    static constexpr std::size_t kGrowth = 4;
-
     std::exception_ptr failure_;
 };
 
