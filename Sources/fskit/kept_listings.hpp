@@ -36,6 +36,8 @@ class KeptListings {
 
     /// A verifier that no listing has had; never 0, with which hosts begin.
     [[nodiscard]] std::uint64_t nextVerifier();
+    /// The verifier that was drawn last.
+    [[nodiscard]] std::uint64_t lastVerifier() const noexcept { return lastVerifier_; }
 
     /// The directory's listing with this verifier, null when it is not kept.
     [[nodiscard]] Snapshot find(std::uint64_t directory, std::uint64_t verifier);

@@ -268,8 +268,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Takes this very object out of the registry, if it is there, and answers what is left to be
     /// freed once the lock is released.
     std::shared_ptr<NItem> takeOut(const NItem& item) TAVELIN_REQUIRES(items);
-    /// The parent of an item that a listing of `directory` shows: the one it was moved to since,
-    /// when it is registered. Both are record numbers.
+    /// The parent of an item that an older listing of `directory` shows: the one it was moved to
+    /// since, when it is registered. Both are record numbers.
     std::uint64_t parentOf(std::uint64_t reference, std::uint64_t directory) const
         TAVELIN_EXCLUDES(items);
     /// The listing to serve a page from: the reader's own, or a fresh one.
@@ -286,6 +286,10 @@ class TavelinVolume final : public fskit::FSVolume,
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);
     /// Of readers that have not reached the end.
     KeptListings listings_ TAVELIN_GUARDED_BY(items);
+    /// The verifier of the youngest listing that a rename to another directory came after. That
+    /// listing and those before it may show items that have another parent by now. Written under
+    /// `items`.
+    std::atomic<std::uint64_t> movedSince_{0};
     /// The one item that a reclaim leaves registered.
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
     /// On at first, as FSKit has it.

@@ -118,7 +118,12 @@ void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, const
                 if (!current) {
                     continue; // the name has been removed since the listing was taken
                 }
-                describe(*current, parentOf(current->reference(), directory.ino), memory);
+                // Of a listing that no move came after, all items are in the directory still.
+                describe(*current,
+                         listing.verifier > movedSince_
+                             ? directory.ino
+                             : parentOf(current->reference(), directory.ino),
+                         memory);
                 attributes = &memory;
             } catch (const NTFSError&) {
                 // One unreadable item must not hide the rest: it is listed without attributes.

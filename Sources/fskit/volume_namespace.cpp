@@ -141,6 +141,10 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
             // Only after the rename has succeeded. The parent serves answers about this item, and a
             // stale one would name the old directory.
             n(moved).parent = to.ino;
+            if (from.ino != to.ino) {
+                const MutexLock held(items);
+                movedSince_ = listings_.lastVerifier();
+            }
         }
         // The item that was replaced stays registered until it is reclaimed: its file may have
         // other names, and must not get a second item while the host holds this one.
