@@ -204,12 +204,12 @@ void write4K(benchmark::State& state) {
     compare(
         state, kTurn,
         [&](std::size_t i) {
-            const auto count =
-                w.volume().write(content, w.files[0], static_cast<std::int64_t>(offsetOf(i)));
+            const auto count = w.volume().write(content, w.files[0],
+                                                static_cast<std::int64_t>(offsetOf(i)), nullptr);
             benchmark::DoNotOptimize(*count);
         },
         [&](std::size_t i) {
-            benchmark::DoNotOptimize(w.ntfs().write(ino, offsetOf(i), content));
+            benchmark::DoNotOptimize(w.ntfs().write(ino, offsetOf(i), content, false));
         });
 }
 

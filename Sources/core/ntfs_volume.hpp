@@ -241,8 +241,10 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
                                               std::size_t length);
     /// Writes straight from the caller's memory, extending the file as needed. What does not fit as
     /// a whole is written as far as it does; kENOSPC only when nothing could be. No data is no
-    /// call: a count of 0 at once, even when unmounted.
-    NTFSWrite write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data);
+    /// call: a count of 0 at once, even when unmounted. With `isDescribed` off, the count is all
+    /// that is answered.
+    NTFSWrite write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data,
+                    bool isDescribed = true);
     /// Grows (reading back as zeroes) or shrinks.
     void truncate(std::uint64_t ino, std::uint64_t size);
     /// Returns once the item, and with it everything changed before, is on the device.

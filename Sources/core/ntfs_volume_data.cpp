@@ -121,7 +121,7 @@ std::vector<std::byte> NTFSVolume::read(std::uint64_t ino, std::uint64_t offset,
 }
 
 NTFSWrite NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
-                            std::span<const std::byte> data) {
+                            std::span<const std::byte> data, bool isDescribed) {
     NTFSWrite written;
     if (data.empty()) {
         return written;
@@ -143,8 +143,10 @@ NTFSWrite NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
              isFull && error == ENOSPC && done == 0 && length >= kPartialBytesMin; length /= 2) {
             error = attempt(length);
         }
-        written.item = attributesAfter(vol, ino);
-        written.freeBytes = freeBytesOf(vol);
+        if (isDescribed) {
+            written.item = attributesAfter(vol, ino);
+            written.freeBytes = freeBytesOf(vol);
+        }
         return error == ENOSPC && done != 0 && done < data.size() ? 0 : error;
     });
     checkData(result, ino, "written");

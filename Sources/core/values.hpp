@@ -127,7 +127,7 @@ struct NTFSRename {
 /// The same of a write.
 struct NTFSWrite {
     std::size_t count = 0;              ///< bytes written
-    std::optional<NTFSAttributes> item; ///< absent for a write of nothing
+    std::optional<NTFSAttributes> item; ///< absent for a write of nothing, or when not asked for
     std::uint64_t freeBytes = 0;
 
     bool operator==(const NTFSWrite&) const = default;

@@ -26,7 +26,7 @@ using tavelin::toCore;
          replyHandler:(void (^)(size_t actuallyWritten, NSError *error))reply {
     serve(reply, [&] {
         return tavelin::argumentsOf<size_t, NSError *>(
-            _volume->write(tavelin::bytesOf(contents), toCore(item), offset),
+            _volume->write(tavelin::bytesOf(contents), toCore(item), offset, nullptr),
             [](const fskit::FSWriteFileResult &written) -> std::tuple<size_t, NSError *> {
                 return {written.bytesWritten, nil};
             });

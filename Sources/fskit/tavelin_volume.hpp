@@ -166,9 +166,9 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<std::size_t> read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
                               fskit::FSMutableFileDataBuffer& buffer) override;
     /// On a volume that is nearly full, as much as there is room for.
-    Outcome<fskit::FSWriteFileResult> write(std::span<const std::byte> contents,
-                                            const fskit::FSItemRef& item,
-                                            std::int64_t offset) override;
+    Outcome<fskit::FSWriteFileResult>
+    write(std::span<const std::byte> contents, const fskit::FSItemRef& item, std::int64_t offset,
+          const fskit::FSItemGetAttributesRequest* attributes) override;
 
     /// Files and directories only (kENOTSUP). Attributes that cannot be applied do not undo it.
     Outcome<fskit::FSCreateItemResult>

@@ -27,14 +27,15 @@ Outcome<std::size_t> TavelinVolume::read(const fskit::FSItemRef& item, std::int6
     });
 }
 
-Outcome<fskit::FSWriteFileResult> TavelinVolume::write(std::span<const std::byte> contents,
-                                                       const fskit::FSItemRef& item,
-                                                       std::int64_t offset) {
+Outcome<fskit::FSWriteFileResult>
+TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSItemRef& item,
+                     std::int64_t offset, const fskit::FSItemGetAttributesRequest* attributes) {
     return attempt<"write">([&] {
         NItem& own = n(item);
         requireChangeable();
         own.isUnflushed.store(true, std::memory_order_relaxed);
-        const NTFSWrite written = ntfs->write(own.reference, unsignedOffset(offset), contents);
+        const NTFSWrite written =
+            ntfs->write(own.reference, unsignedOffset(offset), contents, attributes != nullptr);
         return fskit::FSWriteFileResult{written.count, described(written.item, own.parent),
                                         written.freeBytes};
     });

@@ -194,12 +194,14 @@ Outcome<std::size_t> VolumeClient::read(const ItemRef& item, std::uint64_t offse
     return volume_->read(item.item(), static_cast<std::int64_t>(offset), into.size(), buffer);
 }
 
-Outcome<fskit::FSWriteFileResult> VolumeClient::write(const ItemRef& item, std::uint64_t offset,
-                                                      Bytes contents) {
+Outcome<std::size_t> VolumeClient::write(const ItemRef& item, std::uint64_t offset,
+                                         Bytes contents) {
     if (offset > kOffsetMax) {
         return fskit::fs_errorForPOSIXError(kEFBIG);
     }
-    return volume_->write(contents, item.item(), static_cast<std::int64_t>(offset));
+    const Outcome<fskit::FSWriteFileResult> written =
+        volume_->write(contents, item.item(), static_cast<std::int64_t>(offset), nullptr);
+    return written ? Outcome(written->bytesWritten) : written.error();
 }
 
 // ---- Extended attributes -----------------------------------------------------------------------

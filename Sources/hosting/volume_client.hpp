@@ -107,8 +107,8 @@ class VolumeClient {
     void close(const ItemRef& item, fskit::FSVolumeOpenModes modes);
     /// Answers the bytes read: fewer than `into` holds at the end of the file.
     Outcome<std::size_t> read(const ItemRef& item, std::uint64_t offset, std::span<std::byte> into);
-    Outcome<fskit::FSWriteFileResult> write(const ItemRef& item, std::uint64_t offset,
-                                            Bytes contents);
+    /// Answers the bytes written: fewer than `contents` has when the volume is full before the end.
+    Outcome<std::size_t> write(const ItemRef& item, std::uint64_t offset, Bytes contents);
 
     // ---- Extended attributes -------------------------------------------------------------------
 

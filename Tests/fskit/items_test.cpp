@@ -237,7 +237,8 @@ TEST_F(Items, ChangesAnswerWhatTheyLeave) {
     EXPECT_EQ(made.freeSpace, freeNow());
 
     const auto before = freeNow();
-    const auto written = v.write(bytesOf(std::string(50000, 'x')), made.newItem, 0).get();
+    const fskit::FSItemGetAttributesRequest all{~0ull};
+    const auto written = v.write(bytesOf(std::string(50000, 'x')), made.newItem, 0, &all).get();
     EXPECT_EQ(written.bytesWritten, 50000u);
     EXPECT_TRUE(isNow(made.newItem, written.itemAttributes));
     EXPECT_EQ(written.freeSpace, freeNow());

@@ -138,7 +138,7 @@ class Requests {
         return {text};
     }
     auto write(const Item& item, std::int64_t offset, std::string_view text) {
-        const auto written = volume_.write(bytesOf(text), item, offset);
+        const auto written = volume_.write(bytesOf(text), item, offset, nullptr);
         return Answer{written ? Outcome(written->bytesWritten) : written.error()};
     }
     auto xattr(const Item& item, std::string_view name) {

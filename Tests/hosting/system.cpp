@@ -74,8 +74,7 @@ Answer onItem(VolumeClient& volume, const Operation& op) {
         }
         if (op.verb == Verb::write) {
             const std::string content = pattern(op.seed, op.other);
-            return {.data = std::to_string(
-                        volume.write(item, offset, bytesOf(content)).get().bytesWritten)};
+            return {.data = std::to_string(volume.write(item, offset, bytesOf(content)).get())};
         }
         changes.setSize(offset);
         volume.setAttributes(item, changes).get();

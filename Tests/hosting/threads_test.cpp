@@ -69,7 +69,7 @@ TEST(SharedDirectory, ShowsOnlyWholeWork) {
         const std::string own = "own " + std::to_string(thread) + " " + std::to_string(round);
         const ItemRef file = volume.create(shared, own, fskit::FSItemType::file).get().item;
         const std::vector<std::byte> content(kBytes, static_cast<std::byte>(1 + thread));
-        ASSERT_EQ(volume.write(file, 0, content).get().bytesWritten, kBytes);
+        ASSERT_EQ(volume.write(file, 0, content).get(), kBytes);
         auto over = volume.lookup(shared, "winner");
         ItemRef none;
         volume.rename(file, shared, own, shared, "winner", over ? over->item : none).get();

@@ -79,7 +79,8 @@ struct FSRenameItemResult {
     std::uint64_t freeSpace = 0;
 };
 
-/// The attributes are those after the write, with the file's new size and times.
+/// The attributes are those after the write, with the file's new size and times. They and the free
+/// space are answered when they are asked for.
 struct FSWriteFileResult {
     /// Fewer than were given when the volume is full before the end.
     std::size_t bytesWritten = 0;
@@ -203,9 +204,11 @@ class FSVolumeReadWriteOperations {
     /// Answers the bytes that were read.
     virtual Outcome<std::size_t> read(const FSItemRef& item, std::int64_t offset,
                                       std::size_t length, FSMutableFileDataBuffer& buffer) = 0;
-    /// Writes at `offset` and extends the file where needed.
+    /// Writes at `offset` and extends the file where needed. `attributes` null asks for the count
+    /// alone, which is cheaper for the many small writes of a host that needs no more.
     virtual Outcome<FSWriteFileResult> write(std::span<const std::byte> contents,
-                                             const FSItemRef& item, std::int64_t offset) = 0;
+                                             const FSItemRef& item, std::int64_t offset,
+                                             const FSItemGetAttributesRequest* attributes) = 0;
 };
 
 /// For volumes that want to know which items are open, and in which modes.

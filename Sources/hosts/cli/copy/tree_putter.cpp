@@ -250,8 +250,7 @@ void TreePutter::writeContents(int descriptor, const ItemRef& file, const std::s
             const std::size_t written =
                 ofItem(volume_.write(file, offset,
                                      VolumeClient::Bytes(buffer_).subspan(done, filled - done)),
-                       path)
-                    .bytesWritten;
+                       path);
             if (written == 0) {
                 throw ItemFailure(escaped(path) + ": the volume takes no more of it");
             }

@@ -73,9 +73,9 @@ void write(fuse_req_t request, fuse_ino_t number, const char* bytes, size_t size
         const ItemRef& item = volume.node(number).item;
         const auto start = static_cast<uint64_t>(offset);
         const VolumeClient::Bytes given{reinterpret_cast<const std::byte*>(bytes), size};
-        const Outcome<fskit::FSWriteFileResult> done = volume.volume().write(item, start, given);
+        const Outcome<size_t> done = volume.volume().write(item, start, given);
         if (done) {
-            fuse_reply_write(request, done->bytesWritten);
+            fuse_reply_write(request, *done);
             return;
         }
         // The library's word for a size that the volume's own limits on attributes do not allow.
