@@ -54,6 +54,10 @@ int32_t begin_operation(ntb_vol* vol) noexcept {
     if (vol->is_stale && reopen(vol) != 0) {
         return EIO;
     }
+    // Before anything is changed, so that an error of the device leaves nothing half done.
+    if (const int32_t error = is_read_only(vol) ? 0 : find_usn_journal(vol); error != 0) {
+        return error;
+    }
     if (vol->context->cache.is_on()) {
         vol->free_before = {.clusters = vol->volume->free_clusters,
                             .records = vol->volume->free_mft_records};

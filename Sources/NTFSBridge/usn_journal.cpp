@@ -50,25 +50,45 @@ int32_t write_identity(ntfs_inode* inode) noexcept {
     return 0;
 }
 
-} // namespace
-
-int32_t stamp_usn_journal(const ntb_vol* vol) noexcept {
-    errno = 0;
+int32_t search(const ntb_vol* vol, uint64_t& record) noexcept {
+    record = no_usn_journal;
     inode_guard extend;
-    if (extend.open(vol->volume, extend_ino) != 0) {
-        return 0; // NTFS before Windows 2000 has none
+    if (const int32_t error = extend.open(vol->volume, extend_ino); error != 0) {
+        return error == ENOENT ? 0 : error; // NTFS before Windows 2000 has none
     }
     ascii_name name("$UsnJrnl");
+    errno = 0;
     const u64 found =
         ntfs_inode_lookup_by_name(extend.get(), name.units, static_cast<int>(name.length));
-    if (const int32_t error = extend.close(); error != 0) {
+    const int32_t error = err_or(EIO);
+    if (found != static_cast<u64>(-1)) {
+        record = MREF(found);
+        return 0;
+    }
+    return error == ENOENT ? 0 : error;
+}
+
+} // namespace
+
+int32_t find_usn_journal(ntb_vol* vol) noexcept {
+    if (vol->usn_journal != usn_journal_unknown) {
+        return 0;
+    }
+    uint64_t record = no_usn_journal;
+    if (const int32_t error = search(vol, record); error != 0 && !vol->usn_search_failed) {
+        vol->usn_search_failed = true;
         return error;
     }
-    if (found == static_cast<u64>(-1)) {
+    vol->usn_journal = record;
+    return 0;
+}
+
+int32_t stamp_usn_journal(const ntb_vol* vol) noexcept {
+    if (vol->usn_journal == no_usn_journal || vol->usn_journal == usn_journal_unknown) {
         return 0;
     }
     inode_guard journal;
-    if (const int32_t error = journal.open(vol->volume, MREF(found)); error != 0) {
+    if (const int32_t error = journal.open(vol->volume, vol->usn_journal); error != 0) {
         return error;
     }
     const int32_t error = write_identity(journal.get());

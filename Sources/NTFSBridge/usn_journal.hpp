@@ -7,9 +7,13 @@
 
 namespace ntb {
 
-// Gives the volume's change journal a new identity, from which nothing before the present moment
-// can be asked for. Nothing on a volume without one. 0, errno or EIO. No inode of the volume is
-// open.
+// Looks for the volume's change journal, unless it is known whether there is one. An error is
+// answered once: where the search fails again, the volume counts as one without. 0, errno or EIO.
+// No inode of the volume is open.
+[[nodiscard]] int32_t find_usn_journal(ntb_vol* vol) noexcept;
+
+// Gives the journal that was found a new identity, from which nothing before the present moment can
+// be asked for. 0, errno or EIO. No inode of the volume is open.
 [[nodiscard]] int32_t stamp_usn_journal(const ntb_vol* vol) noexcept;
 
 } // namespace ntb

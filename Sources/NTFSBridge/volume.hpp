@@ -15,6 +15,10 @@ struct free_counts {
     s64 records = 0;
 };
 
+// In the place of a record's number.
+inline constexpr uint64_t usn_journal_unknown = UINT64_MAX; // not looked for yet
+inline constexpr uint64_t no_usn_journal = 0;               // record 0 is $MFT's
+
 } // namespace ntb
 
 struct ntb_vol {
@@ -29,7 +33,10 @@ struct ntb_vol {
     uint64_t serial = 0;
     ntb_stats stats = {};
     bool freed_since_sync = false; // clusters, since the last sync that succeeded
-    bool is_usn_stamped = false;   // see usn_journal.hpp; once a mount, with the first change
+    // Record of Windows' change journal, see usn_journal.hpp.
+    uint64_t usn_journal = ntb::usn_journal_unknown;
+    bool usn_search_failed = false;
+    bool is_usn_stamped = false; // once a mount, with the first change
     // Of the system-compressed files that were read last.
     ntb::compressed_readers compressed;
     ntb::free_counts free_before; // when the operation that is under way began
