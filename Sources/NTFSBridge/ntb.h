@@ -127,9 +127,15 @@ int32_t ntb_log_extents(const ntb_io* io, ntb_extent* extents, uint32_t room, ui
  * found, else what the device answered. */
 int32_t ntb_volume_flags(const ntb_io* io, uint16_t* flags);
 
-/* Sets the dirty flag, in $Volume's record and its copy, on a volume that is not mounted. Does not
- * sync. Results as above. */
-int32_t ntb_mark_dirty(const ntb_io* io);
+/* Where $Volume's record and its copy in $MFTMirr lie on the device. EINVAL when the boot sector
+ * does not say, else what the device answered. */
+int32_t ntb_volume_records(const ntb_io* io, ntb_extent records[2]);
+
+/* Sets or clears the dirty flag, in $Volume's record and its copy, and writes the block that it is
+ * in where it was otherwise. Other users of the volume must not write these records meanwhile. Does
+ * not sync. A copy that is torn stays so: whoever mends it takes the other one. EINVAL when neither
+ * is whole, else what the device answered. */
+int32_t ntb_set_dirty(const ntb_io* io, int32_t is_dirty);
 
 /*
  * Mounts. NULL with *error set on failure: EINVAL not NTFS, ENOMEM, EPERM hibernated or fast

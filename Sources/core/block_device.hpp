@@ -58,6 +58,9 @@ class BlockDevice {
     /// Brings that about: called when a volume has been idle for a while. After an error it is
     /// called again.
     [[nodiscard]] virtual std::int32_t settle() noexcept { return 0; }
+    /// The volume may be damaged: the library has found a contradiction, or a change was given up.
+    /// Other systems are to be told, for good.
+    virtual void noteDamage() noexcept {}
     /// While on, large writes are the content of a file and need not wait with the others. By their
     /// length alone they could also be what a cache writes back in long runs: whoever turns this on
     /// sees to it that no cache has cause to, and that they go nowhere where, without what waits,

@@ -8,11 +8,18 @@ namespace tavelin {
 
 namespace {
 
-BlockDevice& deviceOf(void* context) noexcept {
+DeviceBox& boxOf(void* context) noexcept {
     if (context == nullptr) {
         fatal("a device callback was called without its context");
     }
-    return *static_cast<DeviceBox*>(context)->device;
+    return *static_cast<DeviceBox*>(context);
+}
+
+std::int32_t noted(DeviceBox& box, std::int32_t result) noexcept {
+    if (result != 0) {
+        box.hasFailed = true;
+    }
+    return result;
 }
 
 void requireBuffer(const void* buffer) noexcept {
@@ -24,17 +31,20 @@ void requireBuffer(const void* buffer) noexcept {
 std::int32_t readCallback(void* context, void* buffer, std::uint64_t offset,
                           std::uint64_t length) noexcept {
     requireBuffer(buffer);
-    return deviceOf(context).read(static_cast<std::byte*>(buffer), offset, length);
+    DeviceBox& box = boxOf(context);
+    return noted(box, box.device->read(static_cast<std::byte*>(buffer), offset, length));
 }
 
 std::int32_t writeCallback(void* context, const void* buffer, std::uint64_t offset,
                            std::uint64_t length) noexcept {
     requireBuffer(buffer);
-    return deviceOf(context).write(static_cast<const std::byte*>(buffer), offset, length);
+    DeviceBox& box = boxOf(context);
+    return noted(box, box.device->write(static_cast<const std::byte*>(buffer), offset, length));
 }
 
 std::int32_t syncCallback(void* context) noexcept {
-    return deviceOf(context).sync();
+    DeviceBox& box = boxOf(context);
+    return noted(box, box.device->sync());
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "NTFSBridge/ntb.h"
 #include "core/block_device.hpp"
 
+#include <atomic>
 #include <memory>
 
 namespace tavelin {
@@ -18,6 +19,9 @@ class DeviceBox {
 
     /// Shared, as the host keeps the device for its own flushes and counters.
     const std::shared_ptr<BlockDevice> device;
+    /// Whether the device has failed a call of the bridge so far. What the library finds wrong from
+    /// then on may be the device's doing.
+    std::atomic<bool> hasFailed = false;
 };
 
 /// The table through which the bridge reaches the box's device; size and block size are read once,

@@ -5,6 +5,7 @@
 #include "platform/checked.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 namespace tavelin {
@@ -60,6 +61,9 @@ NTFSVolume::~NTFSVolume() {
 }
 
 void NTFSVolume::check(std::int32_t result) {
+    if (result == EIO && !box_.hasFailed) {
+        isDamaged_ = true;
+    }
     if (result != 0) {
         throw NTFSError(fromHost(result));
     }
@@ -70,7 +74,12 @@ void NTFSVolume::unmount() {
         const MutexLock held(lock_);
         // A tick that already waits for the lock finds no volume.
         flushTimer_.reset();
-        return ntb_umount(std::exchange(vol_, nullptr));
+        const std::int32_t error = ntb_umount(std::exchange(vol_, nullptr));
+        // What could not be written is given up with the volume, unless it waits in the device.
+        if (isDamaged_ || (error != 0 && box_.device->backlog().capacity == 0)) {
+            box_.device->noteDamage();
+        }
+        return error;
     };
     check(closeLocked());
 }
@@ -93,6 +102,9 @@ void NTFSVolume::flushTick() noexcept {
     const MutexLock held(lock_);
     if (vol_ == nullptr) {
         return;
+    }
+    if (isDamaged_) {
+        box_.device->noteDamage();
     }
     // A failure is left to the next tick; the device has reported it already.
     if (box_.device->backlog().pages > 0 || ntb_is_dirty(vol_) != 0) {

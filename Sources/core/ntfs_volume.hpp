@@ -284,8 +284,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// The invariants of write-back (docs/architecture.md) over the bridge's cache and the device.
     /// Under the lock, which a destructor cannot name.
     void checkInvariants() const noexcept TAVELIN_NO_THREAD_SAFETY_ANALYSIS;
-    /// Throws the bridge's result as an NTFSError unless it is 0.
-    static void check(std::int32_t result);
+    /// Throws the bridge's result as an NTFSError unless it is 0. One that the library alone can
+    /// have come to, as the device has not failed, speaks of a damaged volume.
+    void check(std::int32_t result);
     /// The same for a file's data. Logs why the data of some files cannot be had, `what` being what
     /// was asked for: "read".
     void checkData(std::int32_t result, std::uint64_t ino, std::string_view what);
@@ -306,6 +307,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     std::shared_ptr<RepeatingTimer> flushTimer_ TAVELIN_GUARDED_BY(lock_);
     /// Refused reads and writes so far. Only the first few are explained in the log.
     std::atomic<std::uint32_t> refusals_{0};
+    /// The library has found the volume damaged. The device is told under the lock.
+    std::atomic<bool> isDamaged_{false};
     /// Read by every creation of a link, on any thread.
     std::atomic<bool> windowsLinks_{false};
     /// Constant once the volume is open.

@@ -46,20 +46,6 @@ bool is_under_fixup(uint64_t offset) noexcept {
 
 } // namespace
 
-int32_t locate_volume_records(const ntb_io& io, ntb_extent (&records)[2]) noexcept {
-    boot_sector boot;
-    if (const int32_t error = read_boot_sector(io, boot); error != 0) {
-        return error;
-    }
-    TAVELIN_ASSERT(record_volume < mirrored_records(boot));
-    const uint64_t inside = record_volume * boot.record_size;
-    records[0] = {boot.mft_lcn * boot.cluster_size + inside, boot.record_size};
-    records[1] = {boot.mftmirr_lcn * boot.cluster_size + inside, boot.record_size};
-    const bool are_inside = is_within(records[0].offset, boot.record_size, io.size) &&
-                            is_within(records[1].offset, boot.record_size, io.size);
-    return are_inside ? 0 : EINVAL;
-}
-
 int32_t read_volume_flags(std::span<const uint8_t> record, uint16_t& flags) noexcept {
     const uint64_t offset = flags_offset(record);
     if (offset == no_place || is_under_fixup(offset)) {
@@ -69,45 +55,49 @@ int32_t read_volume_flags(std::span<const uint8_t> record, uint16_t& flags) noex
     return 0;
 }
 
-int32_t write_dirty_flag(std::span<uint8_t> record, bool is_dirty) noexcept {
-    const uint64_t offset = flags_offset(record);
-    if (offset == no_place || is_under_fixup(offset)) {
-        return EINVAL;
-    }
-    // The flag is in the first byte, and no fixup covers it: the record stays whole.
-    uint8_t& flags = record[offset];
-    flags = static_cast<uint8_t>(is_dirty ? flags | volume_is_dirty : flags & ~volume_is_dirty);
-    return 0;
-}
-
 } // namespace ntb
 
 using namespace ntb;
 
+int32_t ntb_volume_records(const ntb_io* io, ntb_extent records[2]) {
+    boot_sector boot;
+    if (const int32_t error = read_boot_sector(*io, boot); error != 0) {
+        return error;
+    }
+    TAVELIN_ASSERT(record_volume < mirrored_records(boot));
+    const uint64_t inside = record_volume * boot.record_size;
+    records[0] = {boot.mft_lcn * boot.cluster_size + inside, boot.record_size};
+    records[1] = {boot.mftmirr_lcn * boot.cluster_size + inside, boot.record_size};
+    const bool are_inside = is_within(records[0].offset, boot.record_size, io->size) &&
+                            is_within(records[1].offset, boot.record_size, io->size);
+    return are_inside ? 0 : EINVAL;
+}
+
 int32_t ntb_volume_flags(const ntb_io* io, uint16_t* flags) {
     ntb_extent records[2];
-    if (const int32_t error = locate_volume_records(*io, records); error != 0) {
+    if (const int32_t error = ntb_volume_records(io, records); error != 0) {
         return error;
     }
     int32_t result = EINVAL;
     for (const ntb_extent& extent : records) {
         uint8_t bytes[record_size_max];
         const std::span<uint8_t> record = std::span(bytes).first(extent.length);
-        const int32_t error = io_read(*io, nullptr, bytes, extent.offset, extent.length);
-        result = error != 0 ? error : read_volume_flags(record, *flags);
-        if (result == 0) {
+        if (const int32_t error = io_read(*io, nullptr, bytes, extent.offset, extent.length);
+            error != 0) {
+            return error;
+        }
+        if (result = read_volume_flags(record, *flags); result == 0) {
             break;
         }
     }
     return result;
 }
 
-int32_t ntb_mark_dirty(const ntb_io* io) {
+int32_t ntb_set_dirty(const ntb_io* io, int32_t is_dirty) {
     ntb_extent records[2];
-    if (const int32_t error = locate_volume_records(*io, records); error != 0) {
+    if (const int32_t error = ntb_volume_records(io, records); error != 0) {
         return error;
     }
-    // A copy that is torn stays so: whoever mends it takes the other one, which has the flag.
     int32_t result = EINVAL;
     for (const ntb_extent& extent : records) {
         uint8_t bytes[record_size_max];
@@ -116,14 +106,22 @@ int32_t ntb_mark_dirty(const ntb_io* io) {
             error != 0) {
             return error;
         }
-        if (write_dirty_flag(record, true) != 0) {
+        uint16_t flags = 0;
+        if (read_volume_flags(record, flags) != 0) {
             continue;
         }
-        if (const auto error = io_write(*io, nullptr, bytes, extent.offset, extent.length);
+        result = 0;
+        if (((flags & volume_is_dirty) != 0) == (is_dirty != 0)) {
+            continue;
+        }
+        // The flag is in the first byte, and no fixup covers it: the record stays whole. Only its
+        // block is written, so that a power cut leaves the old record or the new one.
+        const uint64_t at = flags_offset(record);
+        bytes[at] = static_cast<uint8_t>(bytes[at] ^ volume_is_dirty);
+        if (const auto error = io_write(*io, nullptr, bytes + at, extent.offset + at, 1);
             error != 0) {
             return error;
         }
-        result = 0;
     }
     return result;
 }

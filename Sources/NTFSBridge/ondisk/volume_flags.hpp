@@ -24,16 +24,8 @@ static_assert((volume_read_only_flags & volume_resize_log_file) != 0 &&
               (volume_read_only_flags & volume_chkdsk_underway) != 0 &&
               (volume_read_only_flags & volume_modified_by_chkdsk) != 0);
 
-// Where $Volume's record and its copy lie on the device, in bytes. 0, EINVAL, or an error of the
-// device.
-[[nodiscard]] int32_t locate_volume_records(const ntb_io& io, ntb_extent (&records)[2]) noexcept;
-
 // The flags in a record as it is on the disk, fixups in place. EINVAL when it is not whole or has
 // none.
 [[nodiscard]] int32_t read_volume_flags(std::span<const uint8_t> record, uint16_t& flags) noexcept;
-
-// Changes the dirty flag in such a record and nothing else. EINVAL as above; also when the flags
-// lie where the fixups are.
-[[nodiscard]] int32_t write_dirty_flag(std::span<uint8_t> record, bool is_dirty) noexcept;
 
 } // namespace ntb

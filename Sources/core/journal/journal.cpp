@@ -79,10 +79,8 @@ std::int32_t Journal::inspect() noexcept {
     return error == 0 && isLost ? EIO : error;
 }
 
-std::int32_t Journal::begin() noexcept {
-    if (isBegun_) {
-        return 0;
-    }
+std::int32_t Journal::begin(bool setsDirtyFlag) noexcept {
+    TAVELIN_ASSERT(!isBegun_);
     try {
         session_ = randomNumber();
     } catch (const std::exception&) {
@@ -98,6 +96,7 @@ std::int32_t Journal::begin() noexcept {
     }
     TAVELIN_ASSERT(position_ == kBegin && !isResetting_);
     used_ = kBegin;
+    flags_ = setsDirtyFlag ? JournalRecord::kSetsDirtyFlag : 0;
     isBegun_ = true;
     return 0;
 }
@@ -108,7 +107,7 @@ std::int32_t Journal::append(const PageMap& content,
     TAVELIN_ASSERT(content.size() <= capacity_ && fits(content.size()));
     try {
         const JournalRecord record{.pages = static_cast<std::uint32_t>(entries.size()),
-                                   .flags = 0,
+                                   .flags = flags_,
                                    .serial = serial_,
                                    .session = session_,
                                    .sequence = sequence_};
@@ -151,6 +150,7 @@ void Journal::commit() noexcept {
     // whole.
     position_ += std::exchange(appended_, 0);
     ++sequence_;
+    log_.forgetFailures();
 }
 
 void Journal::checkInvariants() const noexcept {
@@ -176,7 +176,8 @@ std::int32_t Journal::reset() noexcept {
     try {
         // This one write invalidates all records. The new header has a sequence number that no
         // record of the file follows, and it lists no pages, so replay finds nothing to do.
-        const JournalRecord record{.serial = serial_, .session = session_, .sequence = sequence_};
+        const JournalRecord record{
+            .flags = flags_, .serial = serial_, .session = session_, .sequence = sequence_};
         const std::vector<std::byte> header = record.encode({});
         if (const auto error = log_.write(header.data(), kBegin, headerBlock()); error != 0) {
             return error;
@@ -199,11 +200,9 @@ std::int32_t Journal::reset() noexcept {
 }
 
 std::int32_t Journal::end() noexcept {
-    // Step one invalidates the records while their successor is one sector. From then on a cut at
-    // any point leaves a record without pages, and the next mount goes on with the end.
-    if (const auto error = reset(); error != 0) {
-        return error;
-    }
+    // The reset was step one. It made the records invalid while their successor is one sector. A
+    // cut at any point leaves that record without pages, and the next mount goes on with the end.
+    TAVELIN_ASSERT(!isResetting_ && position_ == kBegin + kPage);
     // Step two blanks everything behind the header. What this session did not write may lie
     // anywhere in the file, so it is then blanked as a whole.
     const std::uint64_t last = hasForeignContent_ ? log_.size() : used_;
@@ -233,6 +232,7 @@ std::int32_t Journal::end() noexcept {
     // The file is all 0xff, as a formatter leaves it. Any system finds it as if there had been no
     // journal.
     isBegun_ = isResetting_ = hasForeignContent_ = false;
+    log_.forgetFailures();
     return 0;
 }
 
@@ -243,12 +243,15 @@ std::int32_t Journal::makeInvalid() noexcept {
     // The sync may fail for the page that cannot be written. The result is decided by reading the
     // file again.
     static_cast<void>(device_->sync());
-    // Where no valid record can be read any more the volume may change. Where one can, the next
-    // mount would replay it over later changes, so the caller must not go on.
+    // Where no page of a valid record can be read any more the volume may change. Where one can,
+    // the next mount would replay it over later changes, so the caller must not go on.
     JournaledPages pages;
     isBegun_ = false;
     const std::int32_t error = readPending(pages);
-    return error != 0 || !isBegun_ ? error : EIO;
+    isBegun_ = isResetting_ = false;
+    position_ = used_ = kBegin;
+    appended_ = 0;
+    return error != 0 || pages.content.empty() ? error : EIO;
 }
 
 // Three steps, each durable before the next. The page of the first header goes first: without it no

@@ -56,8 +56,14 @@ class Journal {
     [[nodiscard]] std::int32_t readPending(JournaledPages& pages) noexcept;
     /// Whether readPending met a sector that cannot be read.
     [[nodiscard]] bool isUnreadable() const noexcept { return isUnreadable_; }
-    /// For a journal that cannot be read, or not be ended: overwrites as much as can be. EIO when
-    /// records that are valid remain.
+    /// Whether readPending met a first record that is ours and not valid: a session that was cut
+    /// off as it began, or that could not be ended.
+    [[nodiscard]] bool hasRemainder() const noexcept { return hasRemainder_; }
+    /// Whether $LogFile has refused writes again and again, with no record or end that succeeded in
+    /// between: a sector of it cannot be written.
+    [[nodiscard]] bool isUnwritable() const noexcept { return log_.failedWrites() >= kFailuresMax; }
+    /// For a journal that cannot be read, or not be written: overwrites as much as can be. EIO when
+    /// records that are valid and have pages remain.
     [[nodiscard]] std::int32_t makeInvalid() noexcept;
     /// The pages of the records that this session committed. One that it did not commit may have
     /// reached the device without the device having promised to keep it.
@@ -68,9 +74,13 @@ class Journal {
     /// nothing of its journal. Writes nothing.
     [[nodiscard]] std::int32_t inspect() noexcept;
 
-    /// Begins a session, unless one is under way.
-    [[nodiscard]] std::int32_t begin() noexcept;
+    /// Begins a session; none is under way. Its records say whether it sets the dirty flag.
+    [[nodiscard]] std::int32_t begin(bool setsDirtyFlag) noexcept;
     [[nodiscard]] bool isBegun() const noexcept { return isBegun_; }
+    /// Of the session that is under way, or that readPending() has found.
+    [[nodiscard]] bool setsDirtyFlag() const noexcept {
+        return isBegun_ && (flags_ & JournalRecord::kSetsDirtyFlag) != 0;
+    }
 
     /// Whether a record of so many pages can follow the last one: never after a reset() that
     /// failed, which may have taken away what it would follow.
@@ -88,8 +98,9 @@ class Journal {
     /// No record is valid any more, and the next one is the first. Every page must be home and the
     /// device synchronised; it is again when this returns.
     [[nodiscard]] std::int32_t reset() noexcept;
-    /// The same, and leaves $LogFile blank and synchronised: the session is over. After an error it
-    /// goes on.
+    /// Directly after a reset(): leaves $LogFile blank and synchronised, and the session is over.
+    /// What was written to the device before is synchronised while a header still tells of the
+    /// session. After an error it goes on.
     [[nodiscard]] std::int32_t end() noexcept;
 
     /// In builds with assertions: stops the process where positions and limits contradict.
@@ -105,6 +116,9 @@ class Journal {
     static_assert((kBegin & (kBegin - 1)) == 0, "every driver looks at powers of two");
 
     Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t serial);
+
+    /// One failure may be passing; the second one says that it is not.
+    static constexpr unsigned kFailuresMax = 2;
 
     using LastRecord = std::optional<JournalRecord>;
     /// What stands at one position of the file. `bytes` is the whole record, its content unescaped.
@@ -134,6 +148,7 @@ class Journal {
     std::uint64_t capacity_; ///< pages
     /// A random number of this session; 0 before the first.
     std::uint64_t session_ = 0;
+    std::uint32_t flags_ = 0;         ///< of all records of the session
     std::uint64_t sequence_ = 1;      ///< of the next record
     std::uint64_t position_ = kBegin; ///< of the next record, bytes in $LogFile
     /// A session is under way: $LogFile is not blank.
@@ -142,6 +157,7 @@ class Journal {
     bool isResetting_ = false;
     /// A sector of the file could not be read, so what it held is unknown.
     bool isUnreadable_ = false;
+    bool hasRemainder_ = false;
     bool hasForeignContent_ = false; ///< what this session did not write stands in the file
     std::uint64_t appended_ = 0;     ///< bytes of the record that awaits commit()
     std::uint64_t used_ = kBegin;    ///< where the furthest record of the session ends

@@ -62,12 +62,14 @@ std::int32_t Journal::readRecords(std::uint64_t end, JournaledPages& pages, Last
     // is in it, and each record says itself what it may replace. Where the readable ones are not
     // blank they belong to a journal of Windows, which is not ours to judge or repair.
     isUnreadable_ = isOurs && isLost;
+    hasRemainder_ = false;
     Found found;
     for (position = kBegin; isOurs && position < end; position += found.bytes.size()) {
         if (const auto failed = readRecord(position, last, found); failed != 0) {
             return failed;
         }
         if (!found.entries) {
+            hasRemainder_ = position == kBegin && JournalRecord::hasMagic(found.bytes.data());
             break;
         }
         last = found.record;
@@ -97,11 +99,12 @@ std::int32_t Journal::readPending(JournaledPages& pages) noexcept {
         const std::int32_t error = readRecords(end_, pages, last, position);
         // Records of an earlier lap may lie behind the last valid one, and it is not known how far
         // they reach. end() must then blank the whole file.
-        hasForeignContent_ = last || isUnreadable_;
+        hasForeignContent_ = last || isUnreadable_ || hasRemainder_;
         if (error == 0 && last) {
             // The session goes on where it stopped, so that reset() and end() write a header that
             // supersedes the records found. A cut in the middle of them leaves either.
             session_ = last->session;
+            flags_ = last->flags;
             sequence_ = last->sequence + 1;
             position_ = used_ = position;
             isBegun_ = true;

@@ -73,11 +73,14 @@ std::uint64_t JournalRecord::headerBytes(std::uint64_t pages) noexcept {
     return kAtList + pages * kEntryBytes;
 }
 
+bool JournalRecord::hasMagic(const std::byte* page) noexcept {
+    return std::memcmp(page, kMagic, sizeof kMagic) == 0;
+}
+
 std::optional<JournalRecord> JournalRecord::parse(const std::byte* header) noexcept {
     // Only what is needed to go on reading is judged here. decode() verifies the checksum, for
     // which the whole header must have been read.
-    if (std::memcmp(header, kMagic, sizeof kMagic) != 0 ||
-        get(header + kAtVersion, 4) != kFormatVersion) {
+    if (!hasMagic(header) || get(header + kAtVersion, 4) != kFormatVersion) {
         return std::nullopt;
     }
     return JournalRecord{.pages = static_cast<std::uint32_t>(get(header + kAtCount, 4)),

@@ -40,9 +40,12 @@ struct JournalEntry {
 
 /// The fixed part of a header. A plain value; the functions below touch no device.
 struct JournalRecord {
+    /// The session has set the volume's dirty flag: whoever ends it clears the flag. Without it the
+    /// flag is as another system left it.
+    static constexpr std::uint32_t kSetsDirtyFlag = 1;
+
     std::uint32_t pages = 0;
-    /// Written as 0 and ignored, for later versions of the format.
-    std::uint32_t flags = 0;
+    std::uint32_t flags = 0;    ///< kSetsDirtyFlag, the same in all records of a session
     std::uint64_t serial = 0;   ///< of the volume
     std::uint64_t session = 0;  ///< random, the same in all records of a session
     std::uint64_t sequence = 0; ///< one more than that of the record before it
@@ -57,6 +60,8 @@ struct JournalRecord {
         return headerPages(pages) + pages;
     }
 
+    /// Whether a page begins as every header does, of whatever version.
+    [[nodiscard]] static bool hasMagic(const std::byte* page) noexcept;
     /// The fixed part of a header, if it is one of this format.
     [[nodiscard]] static std::optional<JournalRecord> parse(const std::byte* header) noexcept;
 

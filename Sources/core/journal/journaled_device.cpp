@@ -1,4 +1,4 @@
-// Reading, writing and committing. The life of a journal is in journaled_device_life.cpp.
+// Reading and writing. Committing, the dirty flag and the life of a journal are in other files.
 #include "core/journal/journaled_device.hpp"
 
 #include "core/journal/page_reader.hpp"
@@ -11,14 +11,6 @@
 #include <utility>
 
 namespace tavelin {
-
-namespace {
-
-constexpr std::uint64_t kRunPagesMax = 256; ///< pages read or written in one go
-
-} // namespace
-
-// ---- Reading and writing -----------------------------------------------------------------------
 
 std::int32_t JournaledDevice::readWithoutLog(std::byte* destination, std::uint64_t offset,
                                              std::uint64_t length) noexcept {
@@ -87,7 +79,7 @@ std::uint64_t JournaledDevice::nextJournaled(std::uint64_t page) const noexcept 
 std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offset,
                                     std::uint64_t length) noexcept {
     if (!isOn_) {
-        return inner_->write(source, offset, length);
+        return writeUnjournaled(source, offset, length);
     }
     TAVELIN_ASSERT(length > 0 && offset + length <= size());
     // The library never writes to $LogFile after the mount, and no other file owns these clusters.
@@ -148,8 +140,9 @@ std::int32_t JournaledDevice::bufferPart(std::uint64_t page, const std::byte* so
                                          std::uint64_t inPage, std::uint64_t length) {
     auto waiting = pending_.find(page);
     if (waiting == pending_.end()) {
-        // One record carries all that waits, so no more may wait than a record can carry.
-        if (pending_.size() >= journal_->capacity()) {
+        // One record carries all that waits, so no more may wait than a record can carry. Room for
+        // the pages of the dirty flag is always left, and only the commit itself takes it.
+        if (isOn_ && !isCommitting_ && pending_.size() >= capacity()) {
             if (const std::int32_t error = sync(); error != 0) {
                 return error;
             }
@@ -193,204 +186,9 @@ void JournaledDevice::checkInvariants() const noexcept {
 
 BlockDevice::Backlog JournaledDevice::backlog() const noexcept {
     // Without a journal nothing waits and there is no limit to stay below.
-    return isOn_ ? Backlog{pending_.size(), journal_->capacity()} : Backlog{};
-}
-
-// ---- Committing --------------------------------------------------------------------------------
-
-std::int32_t JournaledDevice::sync() noexcept {
-    if (!isOn_ || pending_.empty() || bypassedSinceSync_) {
-        // Three cases need the device's own sync here: no journal, nothing to commit but earlier
-        // writes to make durable, and bulk data, which must be durable before a record makes it
-        // reachable.
-        const std::int32_t error = inner_->sync();
-        // After a failed sync the data may not be durable, so the next sync starts here again and
-        // no record is written meanwhile.
-        bypassedSinceSync_ = bypassedSinceSync_ && error != 0;
-        if (error != 0 || !isOn_) {
-            return error;
-        }
-    }
-    return pending_.empty() ? 0 : commit();
-}
-
-std::int32_t JournaledDevice::sumHome(std::vector<JournalEntry>& entries,
-                                      const std::vector<bool>& isKnown) {
-    std::vector<std::byte> run;
-    for (std::size_t first = 0; first < entries.size();) {
-        // Its checksums are remembered or in the last record, so the home location need not be
-        // read.
-        if (isKnown[first]) {
-            ++first;
-            continue;
-        }
-        // Neighbouring pages are read in one call. Pages of one directory or of the file table lie
-        // side by side, and a read per page would make a sync slow.
-        std::size_t end = first + 1;
-        while (end < entries.size() && !isKnown[end] && end - first < kRunPagesMax &&
-               entries[end].page == entries[first].page + (end - first)) {
-            ++end;
-        }
-        const std::uint64_t start = entries[first].page * kPage;
-        // Zeroed, because a device may end within its last page: what it lacks there counts as zero
-        // in records.
-        run.assign((end - first) * kPage, std::byte{0});
-        const std::uint64_t length = std::min(run.size(), size() - start);
-        const std::int32_t failed = inner_->read(run.data(), start, length);
-        if (failed != 0 && (failed != EIO || !readsSectors_)) {
-            // Fails this sync once, as the fault may be passing and a retry may read the page. If
-            // it is not, the next sync reads sector by sector: one bad sector must not keep all
-            // later changes from the disk.
-            readsSectors_ = failed == EIO;
-            return failed;
-        }
-        for (std::size_t i = first; i < end; ++i) {
-            // After EIO the run is read again page by page, to find the sectors that are lost.
-            DevicePage page{};
-            std::uint8_t lost = 0;
-            if (failed == 0) {
-                std::memcpy(page.data(), run.data() + (i - first) * kPage, kPage);
-            } else if (const auto error = readPage(*inner_, entries[i].page, page, lost);
-                       error != 0) {
-                return error;
-            }
-            // A lost sector counts as zeros here, and replay replaces a sector that cannot be read
-            // whatever its checksum is.
-            entries[i].before = sectorSums(page.data());
-        }
-        first = end;
-    }
-    return 0;
-}
-
-std::int32_t JournaledDevice::describePending(std::vector<JournalEntry>& entries) {
-    std::vector<bool> isKnown;
-    entries.reserve(pending_.size());
-    isKnown.reserve(pending_.size());
-    for (const auto& [page, content] : pending_) {
-        const auto journaled = inJournal_.find(page);
-        // The page's last record is asked first. After a failed home write the device may have
-        // older content than that record, and replay accepts any state that a record names, so the
-        // chain of states must have no gap.
-        const SectorSums* const before =
-            journaled != inJournal_.end() ? &journaled->second : sums_.find(page);
-        entries.push_back({.page = page,
-                           .before = before != nullptr ? *before : SectorSums{},
-                           .after = sectorSums(content->data())});
-        isKnown.push_back(before != nullptr);
-    }
-    // What is neither in a record nor remembered must be read from the device before it is
-    // replaced.
-    return sumHome(entries, isKnown);
-}
-
-std::int32_t JournaledDevice::commit() noexcept {
-    TAVELIN_ASSERT(!pending_.empty() && pending_.size() <= journal_->capacity());
-    try {
-        // The session begins with the first sync that has something to write. On error nothing has
-        // left pending_, and the next sync tries again; that holds for every return before the
-        // record is committed.
-        if (const std::int32_t error = journal_->begin(); error != 0) {
-            return error;
-        }
-        // Room is made by declaring the old records obsolete, which requires their pages to be home
-        // and durable.
-        if (!journal_->fits(pending_.size())) {
-            if (const std::int32_t error = reset(); error != 0) {
-                return error;
-            }
-        }
-        // The checksums are taken after the reset: it may write home what a failed home write left
-        // out, and so change what the new record replaces.
-        std::vector<JournalEntry> entries;
-        if (const std::int32_t error = describePending(entries); error != 0) {
-            return error;
-        }
-        // A cut during the append leaves a record that is not whole, which ends the journal before
-        // it.
-        if (const std::int32_t error = journal_->append(pending_, entries); error != 0) {
-            return error;
-        }
-        // The commit point. A cut before this returns may lose the whole record; after it the next
-        // mount replays it.
-        if (const std::int32_t error = inner_->sync(); error != 0) {
-            return error;
-        }
-        journal_->commit();
-        // The sync has succeeded although pages may still fail to go home. Until all of them are
-        // there none may leave pending_: reads are answered from it, and a failed home write is
-        // repeated from it.
-        checkpointPending_ = true;
-        for (const JournalEntry& entry : entries) {
-            // Bulk writes to these pages must go through the journal from now on, or a replay would
-            // undo them.
-            inJournal_[entry.page] = entry.after;
-        }
-        // Without a sync of the device behind it: the record covers these pages until reset() has
-        // synced them.
-        if (const std::int32_t error = writeHome(pending_); error != 0) {
-            return error;
-        }
-        for (const JournalEntry& entry : entries) {
-            // The home location now has this content, so a later change of the page needs no read.
-            sums_.note(entry.page, entry.after);
-        }
-    } catch (const std::bad_alloc&) {
-        return ENOMEM;
-    }
-    // The record is home. A sync that follows starts with nothing pending.
-    pending_.clear();
-    checkpointPending_ = readsSectors_ = false;
-    return 0;
-}
-
-std::int32_t JournaledDevice::writeHome(const PageMap& pages) noexcept {
-    try {
-        std::vector<std::span<const std::byte>> run;
-        for (auto page = pages.begin(); page != pages.end();) {
-            const std::uint64_t first = page->first;
-            run.clear();
-            for (; page != pages.end() && page->first == first + run.size() &&
-                   run.size() < kRunPagesMax;
-                 ++page) {
-                run.push_back(std::span(*page->second).first(pageBytes(*this, page->first)));
-            }
-            // Before the write: one that fails may have changed any of them.
-            sums_.forget(first * kPage, run.size() * kPage);
-            if (const auto error = inner_->writeGathered(run, first * kPage); error != 0) {
-                return error;
-            }
-        }
-        return 0;
-    } catch (const std::bad_alloc&) {
-        return ENOMEM;
-    }
-}
-
-std::int32_t JournaledDevice::reset() noexcept {
-    if (checkpointPending_) {
-        // A home write failed earlier. The records' own copies go home and not the pending pages:
-        // those may be newer, and newer content must not be home before a record has it.
-        PageMap committed;
-        if (const std::int32_t error = journal_->readCommitted(committed); error != 0) {
-            return error;
-        }
-        if (const std::int32_t error = writeHome(committed); error != 0) {
-            return error;
-        }
-        checkpointPending_ = false;
-    }
-    // Home writes since the last reset may still be in the device's own cache. They must be durable
-    // before the records that could repeat them become invalid.
-    if (const std::int32_t error = inner_->sync(); error != 0) {
-        return error;
-    }
-    if (const std::int32_t error = journal_->reset(); error != 0) {
-        return error;
-    }
-    // No record is valid any more, so nothing can be replayed over a bulk write.
-    inJournal_.clear();
-    return 0;
+    // The flag's pages, for which there is always room, do not count.
+    return isOn_ ? Backlog{std::min<std::uint64_t>(pending_.size(), capacity()), capacity()}
+                 : Backlog{};
 }
 
 } // namespace tavelin

@@ -19,6 +19,11 @@
 /// would replace must be as one of them found it or left it, or be unreadable. Otherwise nothing is
 /// replayed, the volume is marked dirty (as it may hold half a flush) and the journal is voided.
 ///
+/// The volume's dirty flag tells other systems that home locations may hold half a sync. The first
+/// record of a session sets it, it goes home and is synced before any other page, and the end of
+/// the session, or its replay, clears it. A flag that was set before is never cleared. Without a
+/// journal the flag is set before the first write and cleared when the volume has been idle.
+///
 /// What this cannot do: a sync of more pages than the journal has capacity for is done in parts,
 /// each whole by itself. Nor does it know what was freed since the last sync and belongs to its
 /// former owner again after a cut: whoever expects file data keeps it from there.
@@ -89,11 +94,17 @@ class JournaledDevice final : public BlockDevice {
     [[nodiscard]] bool isSettled() const noexcept override;
     /// Syncs and leaves $LogFile blank, for other systems to find it so.
     [[nodiscard]] std::int32_t settle() noexcept override;
+    /// Sets the volume's dirty flag when it next settles, and leaves it.
+    void noteDamage() noexcept override;
     void expectBulkData(bool on) noexcept override { expectsBulkData_ = on; }
     void checkInvariants() const noexcept override;
 
   private:
     static constexpr std::uint64_t kPage = LogFile::kPage;
+    static constexpr std::uint64_t kRunPagesMax = 256; ///< pages read or written in one go
+    /// Pages that the two records with the dirty flag may lie in.
+    static constexpr std::uint64_t kFlagPagesMax = 4;
+    static constexpr std::uint16_t kDirty = 1; ///< in what ntb_volume_flags() stores
 
     /// Forgets everything that an earlier replay found, on a device that may be another by now.
     void forgetReplay() noexcept;
@@ -114,6 +125,36 @@ class JournaledDevice final : public BlockDevice {
     /// new.
     [[nodiscard]] std::int32_t bufferPart(std::uint64_t page, const std::byte* source,
                                           std::uint64_t inPage, std::uint64_t length);
+    /// Pages that may be pending. The flag's pages find room in the record besides.
+    [[nodiscard]] std::uint64_t capacity() const noexcept {
+        return journal_->capacity() - kFlagPagesMax;
+    }
+
+    /// Finds the pages in which the dirty flag is.
+    [[nodiscard]] std::int32_t findFlag() noexcept;
+    [[nodiscard]] bool isFlagPage(std::uint64_t page) const noexcept;
+    /// Learns how the flag was found.
+    [[nodiscard]] std::int32_t readFlag() noexcept;
+    /// Changes the flag on the device, or in what is pending. Nothing where a volume has none.
+    [[nodiscard]] std::int32_t writeFlag(bool isDirty) noexcept;
+    [[nodiscard]] std::int32_t putFlag(bool isDirty) noexcept;
+    /// Begins a session of the journal unless one is under way, and has the next record set the
+    /// flag, or not clear it.
+    [[nodiscard]] std::int32_t beginSession() noexcept;
+    /// Ends the session, with the flag as it was found. Every page is home and synced.
+    [[nodiscard]] std::int32_t endSession() noexcept;
+    /// Of a volume without a journal: sets the flag before the first write of a busy period.
+    [[nodiscard]] std::int32_t writeUnjournaled(const std::byte* source, std::uint64_t offset,
+                                                std::uint64_t length) noexcept;
+    /// What settle() has to do where there is a session of the journal.
+    [[nodiscard]] std::int32_t settleJournaled() noexcept;
+    /// Without a journal: clears the flag when the busy period is over.
+    [[nodiscard]] std::int32_t settleUnjournaled() noexcept;
+
+    /// For a $LogFile that cannot be written: makes its records invalid and goes on without.
+    [[nodiscard]] std::int32_t abandonJournal() noexcept;
+    /// The rest of that: what is pending goes home without a record.
+    [[nodiscard]] std::int32_t leaveJournal() noexcept;
     /// Writes what is pending as one record, syncs, and writes the pages home.
     [[nodiscard]] std::int32_t commit() noexcept;
     /// Lists what waits, with the checksums of what it will replace and of itself.
@@ -121,7 +162,10 @@ class JournaledDevice final : public BlockDevice {
     /// Reads the home locations of the entries from `first` on that `isKnown` has not, in runs.
     [[nodiscard]] std::int32_t sumHome(std::vector<JournalEntry>& entries,
                                        const std::vector<bool>& isKnown);
-    /// Writes pages where they belong. Those that were written in part are forgotten.
+    /// Writes the flag's pages, and syncs.
+    [[nodiscard]] std::int32_t writeFlagHome(const PageMap& pages) noexcept;
+    /// Writes pages where they belong, those of a flag that is not there yet first. What is known
+    /// of the places is forgotten.
     [[nodiscard]] std::int32_t writeHome(const PageMap& pages) noexcept;
     /// Brings every page of the records home, syncs, and makes room for new records.
     [[nodiscard]] std::int32_t reset() noexcept;
@@ -146,6 +190,18 @@ class JournaledDevice final : public BlockDevice {
     /// A committed record is not fully home because a home write failed. All its pages are still
     /// pending, possibly with newer content.
     bool checkpointPending_ = false;
+    bool isCommitting_ = false; ///< a sync is at work: what it adds to pending_ finds room
+    std::vector<std::uint64_t> flagPages_; ///< none where the volume has no flag
+    /// During a session, or while a volume without a journal is busy: the flag is set at home, and
+    /// must stay so. isMarkHome_ says that it is there, durably.
+    bool isMarked_ = false;
+    bool isMarkHome_ = false;
+    bool keepsFlag_ = false;    ///< the volume may be damaged: the flag is not cleared any more
+    bool isAbandoned_ = false;  ///< the journal, but something is pending still
+    bool needsFlag_ = false;    ///< and is to be set when the device settles
+    bool marksAlone_ = false;   ///< mounted for writing without a journal
+    bool isBusy_ = false;       ///< it was written to since it settled
+    bool isMarkOurs_ = false;   ///< it was found without the flag
     bool readsSectors_ = false; ///< the home of a pending page could not be read at the last sync
     /// Pages of the last replay.
     std::uint64_t recovered_ = 0;

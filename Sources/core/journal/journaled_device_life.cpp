@@ -30,6 +30,8 @@ void tell(Body body) noexcept {
 
 void JournaledDevice::forgetReplay() noexcept {
     isOn_ = hidesLog_ = checkpointPending_ = readsSectors_ = wasRefused_ = false;
+    isMarked_ = isMarkHome_ = keepsFlag_ = needsFlag_ = marksAlone_ = isBusy_ = isMarkOurs_ =
+        isAbandoned_ = false;
     pending_.clear();
     inJournal_.clear();
     journal_.reset();
@@ -43,8 +45,12 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
     JournaledPages found;
     std::optional<std::uint64_t> foreign;
     std::int32_t error = Journal::find(inner_, journal_, absence_);
+    if (error == 0) {
+        error = findFlag();
+    }
     if (error == 0 && journal_) {
         error = journal_->readPending(found);
+        isMarked_ = journal_->setsDirtyFlag();
     }
     if (error == 0) {
         // Every place is checked before any is written: a replay that stopped half-way at a foreign
@@ -66,6 +72,9 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
         // Reads are answered from pending_, so the volume shows what a replay would make of it.
         // isOn_ stays off: writes would go to the device, and no sync writes these pages.
         pending_ = std::move(found.content);
+        // The end of a replay clears a flag that the session had set. Where that cannot be shown,
+        // the volume shows as marked.
+        static_cast<void>(isMarked_ ? putFlag(false) : 0);
         return 0;
     }
     if (recovered_ > 0) {
@@ -81,22 +90,32 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
         }
     }
     // A journal with records must be ended. So must one with an unreadable sector, behind which
-    // records may stand that become readable later.
-    const bool isOver = !journal_ || (!journal_->isBegun() && !journal_->isUnreadable());
+    // records may stand that become readable later, and one whose header alone is left.
+    const bool isOver =
+        !journal_ || !(journal_->isBegun() || journal_->isUnreadable() || journal_->hasRemainder());
     return isOver ? 0 : endReplayed();
 }
 
 std::int32_t JournaledDevice::endReplayed() noexcept {
     // From here on the volume changes. Records that stayed valid would be replayed over these
     // changes after a cut.
-    std::int32_t error = journal_->end();
-    if (error == EIO && journal_->isUnreadable()) {
+    const bool setsFlag = journal_->setsDirtyFlag();
+    std::int32_t error = endSession();
+    if (error == EIO && !journal_->isUnreadable()) {
+        error = endSession(); // a fault may pass
+    }
+    if (error == EIO) {
         // The records have been replayed and the volume is sound. Whether it can be used must not
         // depend on one bad sector of $LogFile, so the rest of the records is made invalid and the
         // volume works without a journal.
         error = journal_->makeInvalid();
         hidesLog_ = error == 0;
         absence_ = hidesLog_ ? JournalAbsence::unreadable : absence_;
+        if (hidesLog_ && setsFlag) {
+            // The records that told of it are gone. A flag that stays set has the volume checked.
+            static_cast<void>(writeFlag(false));
+            isMarked_ = isMarkHome_ = false;
+        }
     }
     return error;
 }
@@ -118,16 +137,18 @@ std::int32_t JournaledDevice::refuse(std::uint64_t page, bool readOnly) noexcept
     const ntb_io io = makeIO(box);
     // EINVAL says that $Volume has no flags to set. That must not stop the rest, and the check that
     // a mount makes then finds what is wrong.
-    if (const std::int32_t error = ntb_mark_dirty(&io); error != 0 && error != EINVAL) {
+    if (const std::int32_t error = ntb_set_dirty(&io, 1); error != 0 && error != EINVAL) {
         return error;
     }
     if (const std::int32_t error = inner_->sync(); error != 0) {
         return error;
     }
-    return journal_->end();
+    keepsFlag_ = true;
+    return endSession();
 }
 
 std::int32_t JournaledDevice::begin() noexcept {
+    marksAlone_ = true; // until there turns out to be a journal
     if (!journal_ || hidesLog_) {
         return 0;
     }
@@ -142,12 +163,22 @@ std::int32_t JournaledDevice::begin() noexcept {
         // From here on, not earlier: only a journal needs to know what a page was.
         sums_.enable();
         isOn_ = true;
+        marksAlone_ = false;
     }
     return error;
 }
 
 bool JournaledDevice::isSettled() const noexcept {
-    return !isOn_ || (pending_.empty() && !bypassedSinceSync_ && !journal_->isBegun());
+    const bool isIdle =
+        isOn_ ? pending_.empty() && !bypassedSinceSync_ && !journal_->isBegun() : !isBusy_;
+    return isIdle && !needsFlag_;
+}
+
+void JournaledDevice::noteDamage() noexcept {
+    // A volume that is only read is not written to for this either.
+    if (!keepsFlag_ && (isOn_ || marksAlone_)) {
+        keepsFlag_ = needsFlag_ = true;
+    }
 }
 
 std::int32_t JournaledDevice::settle() noexcept {
@@ -156,6 +187,26 @@ std::int32_t JournaledDevice::settle() noexcept {
     if (isSettled()) {
         return 0;
     }
+    if (const std::int32_t error = isOn_ ? settleJournaled() : 0; error != 0) {
+        return error;
+    }
+    // Also where the journal has just been found unwritable.
+    if (const std::int32_t error = isOn_ ? 0 : settleUnjournaled(); error != 0) {
+        return error;
+    }
+    if (needsFlag_) {
+        if (const std::int32_t error = writeFlag(true); error != 0) {
+            return error;
+        }
+        if (const std::int32_t error = inner_->sync(); error != 0) {
+            return error;
+        }
+        needsFlag_ = false;
+    }
+    return 0;
+}
+
+std::int32_t JournaledDevice::settleJournaled() noexcept {
     if (!pending_.empty() || bypassedSinceSync_) {
         if (const std::int32_t error = sync(); error != 0) {
             return error;
@@ -170,10 +221,56 @@ std::int32_t JournaledDevice::settle() noexcept {
     if (const std::int32_t error = inner_->sync(); error != 0) {
         return error;
     }
-    if (const std::int32_t error = journal_->end(); error != 0) {
+    std::int32_t error = endSession();
+    if (error == EIO && journal_->isUnwritable()) {
+        error = abandonJournal();
+    }
+    return error;
+}
+
+std::int32_t JournaledDevice::abandonJournal() noexcept {
+    // A sector of $LogFile takes no write, and with it no sync would ever succeed. Where this fails
+    // as well it is the device and not the sector, and the journal stays.
+    tell([] { log().error("journal: $LogFile cannot be written, going on without a journal"); });
+    if (checkpointPending_) {
+        PageMap committed;
+        if (const std::int32_t error = journal_->readCommitted(committed); error != 0) {
+            return error;
+        }
+        if (const std::int32_t error = writeHome(committed); error != 0) {
+            return error;
+        }
+        checkpointPending_ = false;
+    }
+    // The flag is home before anything that no record has.
+    isMarkOurs_ = isMarked_ && (!isMarkHome_ || journal_->setsDirtyFlag());
+    if (const std::int32_t error = isMarkOurs_ ? writeFlag(true) : 0; error != 0) {
+        return error;
+    }
+    if (const std::int32_t error = inner_->sync(); error != 0) {
+        return error;
+    }
+    isMarkHome_ = isMarked_;
+    if (const std::int32_t error = journal_->makeInvalid(); error != 0) {
         return error;
     }
     inJournal_.clear();
+    isAbandoned_ = true;
+    return leaveJournal();
+}
+
+std::int32_t JournaledDevice::leaveJournal() noexcept {
+    TAVELIN_ASSERT(isAbandoned_);
+    if (const std::int32_t error = writeHome(pending_); error != 0) {
+        return error;
+    }
+    if (const std::int32_t error = inner_->sync(); error != 0) {
+        return error;
+    }
+    pending_.clear();
+    readsSectors_ = isOn_ = isAbandoned_ = false;
+    hidesLog_ = marksAlone_ = isBusy_ = true;
+    absence_ = JournalAbsence::unreadable;
     return 0;
 }
 
@@ -183,7 +280,7 @@ std::int32_t JournaledDevice::close() noexcept {
     }
     // After an error it stays on: what waits is still seen by reads, and the records stay for the
     // next mount.
-    isOn_ = false;
+    isOn_ = marksAlone_ = false;
     return 0;
 }
 

@@ -121,9 +121,11 @@ std::int32_t LogFile::read(std::byte* destination, std::uint64_t offset,
 std::int32_t LogFile::write(const std::byte* source, std::uint64_t offset,
                             std::uint64_t length) noexcept {
     TAVELIN_ASSERT(offset % device_->blockSize() == 0 && length % device_->blockSize() == 0);
-    return eachPiece(offset, length, [&](auto done, auto place, auto count) {
+    const auto error = eachPiece(offset, length, [&](auto done, auto place, auto count) {
         return device_->write(source + done, place, count);
     });
+    failedWrites_ += error == EIO ? 1 : 0;
+    return error;
 }
 
 std::int32_t LogFile::writeGathered(GatheredBytes parts, std::uint64_t offset) {
@@ -132,20 +134,23 @@ std::int32_t LogFile::writeGathered(GatheredBytes parts, std::uint64_t offset) {
     inPiece.reserve(parts.size());
     auto part = parts.begin();
     std::size_t inPart = 0; // bytes of it that are written
-    return eachPiece(offset, bytesIn(parts), [&](std::uint64_t, auto place, auto count) {
-        inPiece.clear();
-        for (std::uint64_t missing = count; missing > 0;) {
-            const auto bytes = part->subspan(inPart, std::min(missing, part->size() - inPart));
-            inPiece.push_back(bytes);
-            missing -= bytes.size();
-            inPart += bytes.size();
-            if (inPart == part->size()) {
-                ++part;
-                inPart = 0;
+    const auto error =
+        eachPiece(offset, bytesIn(parts), [&](std::uint64_t, auto place, auto count) {
+            inPiece.clear();
+            for (std::uint64_t missing = count; missing > 0;) {
+                const auto bytes = part->subspan(inPart, std::min(missing, part->size() - inPart));
+                inPiece.push_back(bytes);
+                missing -= bytes.size();
+                inPart += bytes.size();
+                if (inPart == part->size()) {
+                    ++part;
+                    inPart = 0;
+                }
             }
-        }
-        return device_->writeGathered(inPiece, place);
-    });
+            return device_->writeGathered(inPiece, place);
+        });
+    failedWrites_ += error == EIO ? 1 : 0;
+    return error;
 }
 
 std::int32_t LogFile::isBlank(std::uint64_t begin, std::uint64_t end, bool& blank,

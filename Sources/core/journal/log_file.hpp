@@ -49,6 +49,9 @@ class LogFile {
                                      std::uint64_t length) noexcept;
     /// As BlockDevice's; throws std::bad_alloc.
     [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts, std::uint64_t offset);
+    /// Writes of any kind that answered EIO since forgetFailures().
+    [[nodiscard]] unsigned failedWrites() const noexcept { return failedWrites_; }
+    void forgetFailures() noexcept { failedWrites_ = 0; }
     /// Whether every byte from `begin` to `end` is 0xff, as where nobody keeps a log. Pages that
     /// cannot be read (EIO) do not count; `lost` says that there are such. They are not blank when
     /// all of them are lost.
@@ -80,6 +83,7 @@ class LogFile {
     std::vector<ntb_extent> extents_;
     /// Bytes of all extents together.
     std::uint64_t size_ = 0;
+    unsigned failedWrites_ = 0;
 };
 
 } // namespace tavelin

@@ -18,6 +18,8 @@ namespace tavelin::test {
 
 inline constexpr std::uint64_t kPage = LogFile::kPage;
 inline constexpr std::uint64_t kSector = 512;
+// Of the first record of a session: those with the dirty flag, of $MFT and of $MFTMirr.
+inline constexpr std::uint64_t kFlagPages = 2;
 
 // A disk that notes what reaches it, and fails on demand.
 class Disk final : public BlockDevice {
@@ -36,6 +38,9 @@ class Disk final : public BlockDevice {
                        std::uint64_t length) noexcept override {
         const std::int32_t error = trouble();
         for (std::uint64_t at = offset; at < offset + length; at += kSector) {
+            if (unwritable.contains(at / kSector)) {
+                return EIO;
+            }
             if (lost.contains(at / kSector) && !isHealing) {
                 return EIO;
             }
@@ -60,10 +65,11 @@ class Disk final : public BlockDevice {
     Bytes image;
     std::vector<DiskEvent> events;
     std::uint64_t room = 0;
-    std::uint64_t callsToFailure = 0; // 1: the next call fails, once; 0: none
-    bool failsReads = true;           // whether reads are among these calls
-    std::set<std::uint64_t> lost;     // sectors that cannot be read
-    bool isHealing = true;            // until they are written
+    std::uint64_t callsToFailure = 0;   // 1: the next call fails, once; 0: none
+    bool failsReads = true;             // whether reads are among these calls
+    std::set<std::uint64_t> lost;       // sectors that cannot be read
+    bool isHealing = true;              // until they are written
+    std::set<std::uint64_t> unwritable; // sectors that can be read
 
   private:
     std::int32_t trouble() noexcept {
@@ -93,6 +99,20 @@ struct Volume {
 inline const Volume& volume() {
     static const Volume once;
     return once;
+}
+
+inline bool isDirty(const std::shared_ptr<Disk>& disk) {
+    DeviceBox box(disk);
+    const ntb_io io = makeIO(box);
+    std::uint16_t flags = 0;
+    EXPECT_EQ(ntb_volume_flags(&io, &flags), 0);
+    return (flags & 1u) != 0;
+}
+
+inline void setDirty(const std::shared_ptr<Disk>& disk) {
+    DeviceBox box(disk);
+    const ntb_io io = makeIO(box);
+    EXPECT_EQ(ntb_set_dirty(&io, 1), 0);
 }
 
 inline std::shared_ptr<JournaledDevice> mounted(const std::shared_ptr<Disk>& disk) {

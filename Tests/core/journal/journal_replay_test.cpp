@@ -23,14 +23,6 @@ bool isLogBlank(const Disk& disk) {
                        [](std::byte b) { return b == std::byte{0xff}; });
 }
 
-bool isDirty(const std::shared_ptr<Disk>& disk) {
-    DeviceBox box(disk);
-    const ntb_io io = makeIO(box);
-    std::uint16_t flags = 0;
-    EXPECT_EQ(ntb_volume_flags(&io, &flags), 0);
-    return (flags & 1u) != 0;
-}
-
 TEST(CRC32C, IsTheSameByInstructionAndByTables) {
     const std::string_view digits = "123456789";
     EXPECT_EQ(crc32c(std::as_bytes(std::span(digits)).data(), digits.size()), 0xe3069283u);
@@ -85,7 +77,7 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
             JournaledDevice device(disk);
             ASSERT_EQ(device.replay(readOnly), 0) << what;
             EXPECT_EQ(device.wasRefused(), isRefused) << what;
-            EXPECT_EQ(device.recovered(), isRefused ? 0u : 3u) << what;
+            EXPECT_EQ(device.recovered(), isRefused ? 0u : 3u + kFlagPages) << what;
             Bytes seen(3 * kPage);
             if (isRefused || !readOnly) {
                 ASSERT_EQ(disk->read(seen.data(), place, seen.size()), 0) << what;
@@ -109,9 +101,11 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
 // Records that a lap or a session before left behind the valid ones.
 TEST(Replay, StopsAtRecordsThatDoNotFollow) {
     const std::uint64_t length = JournalRecord::length(1) * kPage;
+    const std::uint64_t second = kRecords + JournalRecord::length(1 + kFlagPages) * kPage;
     const auto recordAt = [&](const Disk& disk, std::uint64_t index) {
-        const auto from = disk.image.begin() + static_cast<std::ptrdiff_t>(
-                                                   volume().log.offset + kRecords + index * length);
+        const auto from =
+            disk.image.begin() +
+            static_cast<std::ptrdiff_t>(volume().log.offset + second + (index - 1) * length);
         return Bytes(from, from + static_cast<std::ptrdiff_t>(length));
     };
     const auto threeRecords = [] {
@@ -124,13 +118,13 @@ TEST(Replay, StopsAtRecordsThatDoNotFollow) {
         return disk;
     };
     const auto disk = threeRecords();
-    ASSERT_EQ(recoverable(*disk), 3u);
+    ASSERT_EQ(recoverable(*disk), 3u + kFlagPages);
     const Bytes third = recordAt(*disk, 2);
     const Bytes other = recordAt(*threeRecords(), 1);
     for (const Bytes& wrong : {third, other}) {
         Disk changed(disk->image);
-        std::copy(wrong.begin(), wrong.end(), &logByte(changed, kRecords + length));
-        EXPECT_EQ(recoverable(changed), 1u)
+        std::copy(wrong.begin(), wrong.end(), &logByte(changed, second));
+        EXPECT_EQ(recoverable(changed), 1u + kFlagPages)
             << "a record that does not follow was taken for the next";
     }
 }
@@ -216,11 +210,11 @@ TEST(Replay, GetsByWithoutASectorOfTheLog) {
         std::uint64_t recovered;
     };
     const std::vector<Case> cases{
-        {"where Windows would begin a log", 0, 3},
-        {"in the blank part", 20 * kSector, 3},
+        {"where Windows would begin a log", 0, 3 + kFlagPages},
+        {"in the blank part", 20 * kSector, 3 + kFlagPages},
         {"the header", kRecords, 0},
         {"the content", kRecords + 2 * kPage, 0},
-        {"behind the only record", kRecords + 4 * kPage, 3},
+        {"behind the only record", kRecords + 6 * kPage, 3 + kFlagPages},
     };
     for (const auto& [what, offset, recovered] : cases) {
         for (const bool isHealing : {true, false}) {
@@ -250,6 +244,52 @@ TEST(Replay, GetsByWithoutASectorOfTheLog) {
                 EXPECT_FALSE(next.wasRefused()) << what;
                 EXPECT_EQ(NTFSVolume::open(disk, true)->list(NTFSVolume::kRootIno).size(), 1u);
             }
+        }
+    }
+}
+
+// A sector of $LogFile that can be read and not written, met by a record or by the journal's end.
+TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
+    for (const std::uint64_t offset : {kRecords, kRecords + kPage, kRecords + 20 * kPage}) {
+        for (const bool isMetAtTheEnd : {false, true}) {
+            SCOPED_TRACE(fmt::format("{}, at the end {}", offset, isMetAtTheEnd));
+            const ReplacedServices services;
+            const auto disk = std::make_shared<Disk>(volume().image);
+            const std::uint64_t sector = (volume().log.offset + offset) / kSector;
+            if (!isMetAtTheEnd) {
+                disk->unwritable.insert(sector);
+            }
+            const auto device = std::make_shared<JournaledDevice>(disk);
+            const auto ntfs = opened(device);
+            const auto create = [](NTFSVolume& into, const std::string& name) {
+                into.create(name, NTFSVolume::kRootIno, NTFSItemType::file);
+                try {
+                    into.sync();
+                } catch (const NTFSError&) {
+                    into.sync(); // the first failure might have passed
+                }
+            };
+            for (int i = 0; i < 12; ++i) {
+                create(*ntfs, std::to_string(i));
+            }
+            EXPECT_TRUE(isDirty(disk));
+            disk->unwritable.insert(sector);
+            for (int i = 0; i < 3; ++i) {
+                static_cast<void>(device->settle());
+            }
+            EXPECT_EQ(device->absence(), JournalAbsence::unreadable);
+            EXPECT_FALSE(isDirty(disk));
+            ntfs->unmount();
+            EXPECT_EQ(device->close(), 0);
+            const auto next = std::make_shared<JournaledDevice>(disk);
+            const auto again = opened(next);
+            EXPECT_EQ(next->recovered(), 0u);
+            EXPECT_EQ(again->list(NTFSVolume::kRootIno).size(), 12u);
+            create(*again, "one more");
+            again->unmount();
+            disk->unwritable.clear();
+            EXPECT_EQ(next->close(), 0);
+            EXPECT_FALSE(isDirty(disk));
         }
     }
 }

@@ -1,0 +1,181 @@
+// The dirty flag of the volume: set while home locations may hold half a flush, then as it was.
+#include "core/journal/journal_disk.hpp"
+#include "support/replaced_services.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace tavelin::test {
+namespace {
+
+constexpr auto kRoot = NTFSVolume::kRootIno;
+
+std::shared_ptr<Disk> foundAs(bool dirty, const Bytes& image) {
+    const auto disk = std::make_shared<Disk>(image);
+    if (dirty) {
+        setDirty(disk);
+        disk->events.clear();
+    }
+    return disk;
+}
+
+// What is at home in the pages that the flushes change.
+Bytes homeOf(const Bytes& image) {
+    const auto begin = image.begin() + static_cast<std::ptrdiff_t>(volume().work * kPage);
+    return {begin, begin + 6 * kPage};
+}
+
+// At every write of two busy periods with an idle one in between, and of the unmount.
+TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
+    for (const bool found : {false, true}) {
+        const auto disk = foundAs(found, volume().image);
+        const Bytes base = disk->image;
+        const auto device = mounted(disk);
+        std::vector<Bytes> whole{homeOf(base)}; // after each flush
+        for (const std::uint64_t number : {1, 2}) {
+            for (const std::uint64_t page : {1, 3, 2}) {
+                writePages(*device, number, page, 2);
+                ASSERT_EQ(device->sync(), 0);
+                EXPECT_TRUE(isDirty(disk));
+                whole.push_back(homeOf(disk->image));
+            }
+            ASSERT_EQ(device->settle(), 0);
+            EXPECT_EQ(isDirty(disk), found) << number;
+            EXPECT_TRUE(disk->events.back().flush);
+        }
+        ASSERT_EQ(device->close(), 0);
+        // Whatever is home, it is whole or the flag is there; and the next mount knows how the flag
+        // was found.
+        std::mt19937_64 random(1);
+        for (std::size_t end = 0; end <= disk->events.size(); ++end) {
+            for (const Cut cut : {Cut::prefix, Cut::torn, Cut::reordered}) {
+                const auto after =
+                    std::make_shared<Disk>(afterCut(base, disk->events, end, cut, random));
+                SCOPED_TRACE(fmt::format("found {}, cut {} after event {} of {}", found,
+                                         static_cast<int>(cut), end, disk->events.size()));
+                EXPECT_TRUE(isDirty(after) ||
+                            std::ranges::find(whole, homeOf(after->image)) != whole.end());
+                JournaledDevice view(after);
+                ASSERT_EQ(view.replay(true), 0);
+                Bytes seen(after->image.size());
+                ASSERT_EQ(view.read(seen.data(), 0, seen.size()), 0);
+                EXPECT_EQ(isDirty(std::make_shared<Disk>(seen)), found) << "by a view of it";
+                JournaledDevice next(after);
+                ASSERT_EQ(next.replay(false), 0);
+                EXPECT_FALSE(next.wasRefused());
+                EXPECT_EQ(isDirty(after), found);
+            }
+        }
+    }
+}
+
+// The library writes the record with the flag itself, when the label changes.
+TEST(DirtyFlag, OutlastsWhatTheLibraryWritesOfItsRecord) {
+    ReplacedServices services;
+    for (const bool found : {false, true}) {
+        const auto disk = foundAs(found, volume().image);
+        const auto device = std::make_shared<JournaledDevice>(disk);
+        const auto ntfs = opened(device);
+        for (const char* label : {"a", "another", ""}) {
+            ntfs->create(std::string("file") + label, kRoot, NTFSItemType::file);
+            ntfs->sync();
+            ntfs->setLabel(label);
+            ntfs->sync();
+            EXPECT_TRUE(isDirty(disk));
+            EXPECT_EQ(device->settle(), 0);
+            EXPECT_EQ(isDirty(disk), found) << label;
+        }
+        ntfs->unmount();
+        EXPECT_EQ(device->close(), 0);
+        EXPECT_EQ(isDirty(disk), found);
+    }
+}
+
+// Nothing makes a flush whole on volumes without a journal, but others are told all the same.
+TEST(DirtyFlag, IsSetWithoutAJournalToo) {
+    const auto plain = formatted({.clusterSize = 512}); // the journal's extents are not aligned
+    for (const bool found : {false, true}) {
+        const auto disk = foundAs(found, plain->image);
+        const auto device = std::make_shared<JournaledDevice>(disk);
+        const auto ntfs = opened(device);
+        ASSERT_NE(device->absence(), JournalAbsence::none);
+        for (const char* name : {"first", "second"}) {
+            disk->events.clear();
+            ntfs->create(name, kRoot, NTFSItemType::file);
+            ntfs->setLabel(name);
+            ntfs->sync();
+            EXPECT_TRUE(isDirty(disk));
+            if (!found) {
+                EXPECT_TRUE(disk->events.at(2).flush) << "both copies, and then a flush";
+            }
+            EXPECT_FALSE(device->isSettled());
+            EXPECT_EQ(device->settle(), 0);
+            EXPECT_EQ(isDirty(disk), found);
+        }
+        ntfs->unmount();
+        EXPECT_EQ(device->close(), 0);
+        EXPECT_EQ(isDirty(disk), found);
+    }
+}
+
+// What the library finds wrong is told to others for good; what the device fails at is not.
+TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
+    ReplacedServices services;
+    const auto disk = std::make_shared<Disk>(volume().image);
+    std::uint64_t directory = 0;
+    {
+        const auto device = std::make_shared<JournaledDevice>(disk);
+        const auto ntfs = opened(device);
+        directory = ntfs->create("directory", kRoot, NTFSItemType::directory);
+        for (int i = 0; i < 60; ++i) {
+            ntfs->create(fmt::format("an entry with a long name {}", i), directory,
+                         NTFSItemType::file);
+        }
+        ntfs->unmount();
+        ASSERT_EQ(device->close(), 0);
+    }
+    ASSERT_FALSE(isDirty(disk));
+    for (const bool isDamaged : {false, true}) {
+        for (std::uint64_t at = 0; isDamaged && at < disk->image.size(); at += kPage) {
+            const std::span page(&disk->image.at(at), kPage);
+            const auto name = std::as_bytes(std::span(u"an entry", 8));
+            if (std::memcmp(page.data(), "INDX", 4) == 0 &&
+                std::search(page.begin(), page.end(), name.begin(), name.end()) != page.end()) {
+                page.front() = std::byte{'?'};
+            }
+        }
+        const auto device = std::make_shared<JournaledDevice>(disk);
+        const auto ntfs = opened(device);
+        ntfs->startAutoFlush();
+        disk->callsToFailure = isDamaged ? 0 : 1;
+        EXPECT_THROW(static_cast<void>(ntfs->list(directory)), NTFSError);
+        services.timers().tick();
+        EXPECT_EQ(isDirty(disk), isDamaged);
+        ntfs->create(isDamaged ? "a" : "b", kRoot, NTFSItemType::file);
+        ntfs->unmount();
+        EXPECT_EQ(device->close(), 0);
+        EXPECT_EQ(isDirty(disk), isDamaged);
+    }
+}
+
+// Beside what a busy period wrote before there was a flag: each copy set and cleared, one flush.
+TEST(DirtyFlag, CostsFourWritesAndAFlushABusyPeriod) {
+    const auto count = [](bool found) {
+        const auto disk = foundAs(found, volume().image); // where it is set already nothing is done
+        const auto device = mounted(disk);
+        writePages(*device, 7, 0, 3);
+        EXPECT_EQ(device->sync(), 0);
+        writePages(*device, 8, 2, 3);
+        EXPECT_EQ(device->sync(), 0);
+        EXPECT_EQ(device->settle(), 0);
+        const auto flushes = std::count_if(disk->events.begin(), disk->events.end(),
+                                           [](const DiskEvent& event) { return event.flush; });
+        return std::pair(flushes, static_cast<std::ptrdiff_t>(disk->events.size()) - flushes);
+    };
+    EXPECT_EQ(count(false).first - count(true).first, 1);
+    EXPECT_EQ(count(false).second - count(true).second, 4);
+}
+
+} // namespace
+} // namespace tavelin::test
