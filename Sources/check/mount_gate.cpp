@@ -8,24 +8,52 @@
 namespace tavelin::check {
 namespace {
 
-constexpr std::uint16_t kMarkedDirty = 0x0001; // in the flags of $VOLUME_INFORMATION
+// Flags of $VOLUME_INFORMATION.
+constexpr std::uint16_t kMarkedDirty = 0x0001;
+struct Reservation {
+    std::uint16_t flag;
+    const char* reason; ///< completes "The volume …"
+};
+constexpr Reservation kReservations[] = {
+    {0x4000, "is being checked by chkdsk, or was when that was cut short"},
+    {0x8000, "was changed by chkdsk and has not been used by Windows since"},
+    {0x0002, "waits for Windows to give its $LogFile another size"},
+    {0x0004, "waits for Windows to upgrade it"},
+    {0x0020, "waits for Windows to repair its object identifiers"},
+};
 
-} // namespace
-
-bool isMarkedDirty(BlockDevice& device) {
+std::uint16_t flagsOnVolume(BlockDevice& device) {
     const Options options;
     Report report;
     Volume volume(device, options, report);
     try {
         volume.open();
     } catch (const Unreadable&) {
-        return false;
+        return 0;
     }
     File file;
     const Attribute* const information =
         volume.loadFile(ntb::record_volume, file) ? file.find(ntb::at_volume_information) : nullptr;
-    return information != nullptr && information->isResident() && information->size() >= 12 &&
-           (ntb::u16_at(information->first.value().data(), 0x0a) & kMarkedDirty) != 0;
+    return information != nullptr && information->isResident() && information->size() >= 12
+               ? ntb::u16_at(information->first.value().data(), 0x0a)
+               : std::uint16_t{0};
+}
+
+} // namespace
+
+bool isMarkedDirty(BlockDevice& device) {
+    return (flagsOnVolume(device) & kMarkedDirty) != 0;
+}
+
+std::string reservation(BlockDevice& device) {
+    const std::uint16_t flags = flagsOnVolume(device);
+    for (const Reservation& waiting : kReservations) {
+        if ((flags & waiting.flag) != 0) {
+            return fmt::format("The volume {}: it can only be read until Windows has mounted it.",
+                               waiting.reason);
+        }
+    }
+    return {};
 }
 
 GateVerdict judgeForWriting(BlockDevice& device, std::string_view reason,

@@ -23,6 +23,10 @@ struct GateVerdict {
 /// Whether the volume's dirty flag is set. False also when that cannot be read: mounting tells.
 [[nodiscard]] bool isMarkedDirty(BlockDevice& device);
 
+/// Why only Windows may write to the volume, by its flags, in one sentence for the user; empty when
+/// that is not so.
+[[nodiscard]] std::string reservation(BlockDevice& device);
+
 /// Checks the volume as the device shows it, replayed already where a journal waits. `reason`
 /// completes "The volume …": "is marked dirty". A check that the bound ends early judges by what it
 /// has seen. std::bad_alloc when memory runs out.

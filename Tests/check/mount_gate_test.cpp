@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 
 namespace tavelin::test {
@@ -14,9 +15,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-void mark(ImageEditor& editor) {
+void mark(ImageEditor& editor, uint16_t flags = 1) {
     editor.editValue(ntb::record_volume, ntb::at_volume_information, "",
-                     [](ImageEditor::Bytes value) { ntb::put_at(value.data(), 10, 2, 1); });
+                     [=](ImageEditor::Bytes value) { ntb::put_at(value.data(), 10, 2, flags); });
 }
 
 TEST(MountGate, OpensForSoundVolumesAndNotWhereDataIsAtRisk) {
@@ -34,6 +35,17 @@ TEST(MountGate, OpensForSoundVolumesAndNotWhereDataIsAtRisk) {
     EXPECT_FALSE(damaged.mayWrite);
     EXPECT_NE(damaged.message.find("/other"), std::string::npos) << damaged.message;
     EXPECT_TRUE(check::judgeForWriting(device, "is marked dirty", 0s).mayWrite); // had no time
+}
+
+TEST(MountGate, LeavesToWindowsWhatIsReservedForIt) {
+    MemoryDevice device(filledImage({}, 1));
+    ImageEditor editor(device.bytes);
+    for (const uint16_t flags : std::array<uint16_t, 5>{0x0002, 0x0004, 0x0020, 0x4000, 0x8000}) {
+        mark(editor, flags);
+        EXPECT_NE(check::reservation(device).find("can only be read"), std::string::npos) << flags;
+    }
+    mark(editor, 0x3fd9);
+    EXPECT_EQ(check::reservation(device), "");
 }
 
 TEST(VolumesOfWindows, SayWhatCannotBeTrusted) {
