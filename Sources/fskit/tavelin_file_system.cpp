@@ -31,15 +31,22 @@ namespace {
 constexpr double kFlushInterval = 1.0;        // seconds
 constexpr std::chrono::seconds kGateTime{20}; // that a mount may wait for a check
 constexpr std::size_t kErrorCharactersMax = 300;
+/// Completes "The volume …".
+constexpr const char* kMarked = "was marked dirty by another system";
 
 std::string dictionaryText(std::string_view key) {
     return informationText(mainInformationDictionary(), {key}).value_or("");
 }
 
-/// What a usable volume is called; best effort, as a volume that cannot be read in full should
-/// still be offered to its user.
-std::string probedName(const std::shared_ptr<ResourceDevice>& device) {
+/// What a probe tells of a usable volume.
+struct Usable {
     std::string name = "NTFS";
+    bool isDirty = false;
+};
+
+/// Best effort, as a volume that cannot be read in full should still be offered to its user.
+Usable lookAt(const std::shared_ptr<ResourceDevice>& device) {
+    Usable found;
     try {
         // Through the journal, as a load opens it: after a power cut the newest label may be there
         // only. Reading alone, nothing is written home.
@@ -48,13 +55,14 @@ std::string probedName(const std::shared_ptr<ResourceDevice>& device) {
         const auto temporary = NTFSVolume::open(journaled, true);
         const std::string label = temporary->label();
         if (!label.empty()) {
-            name = label;
+            found.name = label;
         }
         temporary->unmount();
+        found.isDirty = check::isMarkedDirty(*journaled);
     } catch (const std::exception&) {
-        // The name found so far stands.
+        // What was found so far stands.
     }
-    return name;
+    return found;
 }
 
 std::shared_ptr<ResourceDevice>
@@ -81,14 +89,17 @@ fskit::FSProbeResult probed(const fskit::FSResourceRef& resource) {
         events().event("probe", fields);
         return fskit::FSProbeResult::notRecognized();
     }
-    std::string name = probedName(device);
-    log().info(fmt::format("probe: NTFS serial={:x} name={}", *serial, name));
+    Usable found = lookAt(device);
+    log().info(fmt::format("probe: NTFS serial={:x} name={}", *serial, found.name));
     fields.insert_or_assign("result", "usable");
+    if (found.isDirty) {
+        fields.insert_or_assign("dirty", true);
+    }
     fields.insert_or_assign("writable", disk->isWritable());
     // The event log, unlike the system log, never carries the whole serial.
     fields.insert_or_assign("serial", fmt::format("{:x}", *serial & 0xffff));
     events().event("probe", fields);
-    return fskit::FSProbeResult::usable(std::move(name), {{Driver2::volumeUUID(*serial)}});
+    return fskit::FSProbeResult::usable(std::move(found.name), {{Driver2::volumeUUID(*serial)}});
 }
 
 /// One load, from its options to the event that reports it.
@@ -108,6 +119,7 @@ class Load {
             if (const std::int32_t error = device->replay(readOnly); error != 0) {
                 throw NTFSError(fromHost(error));
             }
+            wasMarked_ = check::isMarkedDirty(*device);
             if (!readOnly && !passesGate(*device)) {
                 throw NTFSError(kEROFS);
             }
@@ -117,6 +129,8 @@ class Load {
         opened.value->setWindowsLinks(options_.windowsLinks);
         if (device->wasRefused() && refusalToWrite_.empty() && notices_.empty()) {
             notices_.push_back(fmt::format("The volume {}.", JournaledDevice::kRefusal));
+        } else if (wasMarked_ && refusalToWrite_.empty() && notices_.empty()) {
+            notices_.push_back(fmt::format("The volume {}.", kMarked));
         }
         if (device->recovered() > 0) {
             log().info(
@@ -147,22 +161,26 @@ class Load {
         Fields fields = common(true);
         fields.insert_or_assign("fell_back", fellBack);
         fields.insert_or_assign("ro", volume.readOnly());
+        if (wasMarked_) {
+            fields.insert_or_assign("dirty", true);
+        }
         events().event("load", fields);
     }
 
   private:
-    /// What a flush of our own left marked is whole again with the replay. After a refused one the
-    /// volume may hold half a flush, whether or not it could be marked.
+    /// A replay has left the flag as it was before our own use, so that one that is set is
+    /// another system's. After a refused replay the volume may hold half a flush, whether or not it
+    /// could be marked.
     bool passesGate(JournaledDevice& device) {
-        const bool isDoubtful =
-            device.wasRefused() || (device.recovered() == 0 && check::isMarkedDirty(device));
-        if (options_.noCheck || !isDoubtful) {
+        if (refusalToWrite_ = check::reservation(device); !refusalToWrite_.empty()) {
+            log().info(fmt::format("load: {}", refusalToWrite_));
+            return false;
+        }
+        if (options_.noCheck || (!device.wasRefused() && !wasMarked_)) {
             return true;
         }
         check::GateVerdict verdict = check::judgeForWriting(
-            device,
-            device.wasRefused() ? JournaledDevice::kRefusal : "was marked dirty by another system",
-            kGateTime);
+            device, device.wasRefused() ? JournaledDevice::kRefusal : kMarked, kGateTime);
         log().info(fmt::format("load: {}", verdict.message));
         std::string& told = verdict.mayWrite ? notices_.emplace_back() : refusalToWrite_;
         told = std::move(verdict.message);
@@ -210,6 +228,7 @@ class Load {
     const Driver2::MountOptions options_;
     const std::string words_;
     const bool requestedReadOnly_;
+    bool wasMarked_ = false; ///< dirty, by another system
     std::string refusalToWrite_;
     std::vector<std::string> notices_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

@@ -69,6 +69,14 @@ void freeClusterOf(const SampleVolume& volume, const std::string& path) {
     store(volume, bytes);
 }
 
+void setFlags(const SampleVolume& volume, uint16_t flags) {
+    std::vector<uint8_t> bytes = bytesOf(volume);
+    ImageEditor(bytes).editValue(
+        ntb::record_volume, ntb::at_volume_information, "",
+        [=](ImageEditor::Bytes value) { ntb::put_at(value.data(), 10, 2, flags); });
+    store(volume, bytes);
+}
+
 struct Case {
     const char* what;
     std::function<void(const SampleVolume&)> prepare;
@@ -83,6 +91,7 @@ TEST(VolumesInDoubt, AreSpokenOf) {
     }
     REQUIRE_DRIVER();
     const std::string refused = "was written to by another system after its last use here";
+    const std::string marked = "marked dirty";
     const auto overtaken = [](const SampleVolume& volume) {
         interrupt(volume);
         overtake(volume);
@@ -94,6 +103,16 @@ TEST(VolumesInDoubt, AreSpokenOf) {
     const std::vector<Case> cases{
         {"sound", [](const SampleVolume&) {}, "clean", "nothing is wrong", ""},
         {"a flush waits", interrupt, "the next mount completes it", "as the next mount will", ""},
+        {"marked by others", [](const SampleVolume& volume) { setFlags(volume, 1); }, marked,
+         "volume-dirty", marked},
+        {"marked by others, and a flush waits",
+         [](const SampleVolume& volume) {
+             setFlags(volume, 1);
+             interrupt(volume);
+         },
+         marked, "volume-dirty", marked},
+        {"changed by chkdsk", [](const SampleVolume& volume) { setFlags(volume, 0x8000); },
+         "changed by chkdsk", "volume-flags", "can only be read", false, "nocheck"},
         {"overtaken", overtaken, refused, refused, refused},
         {"overtaken and damaged", damaged, refused, "cluster-marked-free", "can only be read",
          false},
