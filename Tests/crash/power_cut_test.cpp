@@ -1,4 +1,5 @@
 // The short form of script/crash: single operations, few reorderings.
+#include "crash/neighbours.hpp"
 #include "crash/power_cut.hpp"
 
 #include <gtest/gtest.h>
@@ -23,6 +24,26 @@ TEST(PowerCut, LosesAndDamagesNothingThatWasPersisted) {
         tryScript(base, {{&named("create many"), &named("remove many")}, Finish::unmount}, {}));
     EXPECT_TRUE(report.isSound()) << report.describe();
     EXPECT_GT(report.images[Cut::prefix], 500u);
+}
+
+// The short form of script/crash --neighbours.
+TEST(PowerCut, LosesNothingThatAnotherSystemWroteInBetween) {
+    const Bytes base = preparedVolume();
+    NeighbourReport report;
+    for (const char* name : {"append", "rename across", "label"}) {
+        report.add(tryNeighbours(base, {{&named(name)}, Finish::synchronise}));
+    }
+    EXPECT_TRUE(report.isSound()) << report.table();
+    for (const auto& [neighbour, counts] : report.counts) {
+        EXPECT_GT(counts.images, 10u);
+    }
+    using enum Neighbour;
+    EXPECT_GT(report.counts[nothing].replayed, 3u);
+    EXPECT_GT(report.counts[driver].discarded, 3u);
+    EXPECT_GT(report.counts[driverWithoutLog].refused, 3u);
+    EXPECT_GT(report.counts[journaledPage].refused, 3u);
+    EXPECT_GT(report.counts[otherPage].replayed, 3u);
+    EXPECT_GT(report.counts[restartPage].discarded, 3u);
 }
 
 // The oracle itself must notice: a volume that is not as was promised, and a persistence point that
