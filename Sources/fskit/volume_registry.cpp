@@ -3,6 +3,7 @@
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
 #include "platform/error_numbers.hpp"
+#include "platform/utf8.hpp"
 
 #include <typeinfo>
 #include <utility>
@@ -27,11 +28,12 @@ void TavelinVolume::requireChangeable() const {
 }
 
 std::string_view TavelinVolume::name(const fskit::FSFileName& name) {
-    const std::optional<std::string_view> text = name.string();
-    if (!text || text->empty()) {
+    const std::string& bytes = name.data();
+    // Windows makes names with unpaired surrogates, and nothing but such a name removes the file.
+    if (bytes.empty() || !(name.string() || isUTF8OrSurrogates(bytes))) {
         throw NTFSError(kEINVAL);
     }
-    return *text;
+    return bytes;
 }
 
 const std::shared_ptr<NItem>& TavelinVolume::itemLocked(std::uint64_t reference,

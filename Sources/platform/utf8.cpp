@@ -90,6 +90,31 @@ bool isUTF8(std::string_view text) noexcept {
     return true;
 }
 
+bool isUTF8OrSurrogates(std::string_view text) noexcept {
+    bool afterHigh = false; // a high surrogate stood directly before
+    while (!text.empty()) {
+        const Sequence sequence = sequenceAt(text);
+        std::size_t length = sequence.length;
+        if (!sequence.whole) {
+            const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
+            if (text.size() < 3 || byte(0) != 0xed || byte(1) < 0xa0 || byte(1) > 0xbf ||
+                byte(2) < 0x80 || byte(2) > 0xbf) {
+                return false;
+            }
+            const bool isHigh = byte(1) < 0xb0;
+            if (afterHigh && !isHigh) {
+                return false;
+            }
+            afterHigh = isHigh;
+            length = 3;
+        } else {
+            afterHigh = false;
+        }
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 std::string repairUTF8(std::string_view text) {
     constexpr std::string_view kReplacement = "\xef\xbf\xbd";
     std::string repaired;

@@ -12,6 +12,12 @@ namespace tavelin {
 /// Whether the whole text is well-formed. The empty text is.
 [[nodiscard]] bool isUTF8(std::string_view text) noexcept;
 
+/// Whether the text is well-formed but for unpaired surrogates, which stand as three bytes each.
+/// Names on NTFS volumes are any UTF-16 units, and this is how those that are no text are written.
+/// A pair that stands as two times three bytes would be a second spelling of a character, and is
+/// refused.
+[[nodiscard]] bool isUTF8OrSurrogates(std::string_view text) noexcept;
+
 /// The text with U+FFFD in place of every invalid sequence (one for each maximal part of a
 /// well-formed sequence, or else for each byte, as the Unicode Standard recommends). Valid text
 /// comes back unchanged.

@@ -35,6 +35,26 @@ TEST(UTF8, InvalidSequencesAreReplaced) {
     }
 }
 
+TEST(UTF8, UnpairedSurrogatesAreToldFromOtherFaults) {
+    const std::pair<std::string_view, bool> cases[] = {
+        {"", true},
+        {"a\u20ac\U0001F600", true},
+        {"a\xed\xa0\x80z", true},
+        {"\xed\xbf\xbf", true},
+        {"\xed\xb0\x80\xed\xa0\x80", true}, // low before high is no pair
+        {"\xed\xa0\x80\xed\xa0\x80", true},
+        {"\xed\xa0\x80\xed\xb0\x80", false}, // a pair is one character, of four bytes
+        {"\xed\xa0\x80x\xed\xb0\x80", true},
+        {"\xed\xa0", false},
+        {"\xed\xa0x", false},
+        {"\xff", false},
+        {"\xc0\xaf", false},
+    };
+    for (const auto& [text, isSound] : cases) {
+        EXPECT_EQ(isUTF8OrSurrogates(text), isSound) << testing::PrintToString(text);
+    }
+}
+
 TEST(UTF8, CutsBetweenCharacters) {
     EXPECT_EQ(firstCharacters("\u20ac\u20acx", 2), "\u20ac\u20ac");
     EXPECT_EQ(firstCharacters("abc", 5), "abc");

@@ -166,6 +166,19 @@ TEST_F(MountSemantics, NamesThatDifferInCaseAreDifferentNames) {
     EXPECT_TRUE(fs::exists(*this / "NAME"));
 }
 
+TEST_F(MountSemantics, NamesThatAreNoTextAreNamesLikeOthers) {
+    constexpr const char* kHigh = "high\xed\xa0\x80"; // unpaired surrogates, as Windows makes them
+    constexpr const char* kLow = "\xed\xb0\x80low";
+    writeFile(*this / kHigh, "content");
+    EXPECT_EQ(::rename(path(kHigh).c_str(), path(kLow).c_str()), 0);
+    mount();
+    EXPECT_EQ(names(), Names{kLow});
+    EXPECT_EQ(readFile(*this / kLow), "content");
+    EXPECT_EQ(errorOf(::mkdir(path("\xff").c_str(), 0777)), EINVAL);
+    EXPECT_EQ(::unlink(path(kLow).c_str()), 0);
+    EXPECT_EQ(names(), Names{});
+}
+
 TEST_F(MountSemantics, ShortAliasesComeAndGoWithTheirFile) {
     changeByDriver(addAliased);
     EXPECT_EQ(names(), Names{"a long name.txt"});
