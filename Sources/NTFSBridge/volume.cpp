@@ -9,9 +9,6 @@
 
 #include <mutex>
 #include <new>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 namespace ntb {
 namespace {
@@ -38,12 +35,6 @@ void set_library_up() noexcept {
     static std::once_flag once;
     std::call_once(once, [] {
         ntfs_log_set_handler(ntfs_log_handler_null);
-#ifdef __GLIBC__
-        // The library takes and frees blocks of 4 KiB for most calls. Where one of them is freed
-        // at the heap's end, glibc merges all small blocks that are in its fast bins. Without these
-        // bins there is nothing to merge; the blocks are then served by the threads' own caches.
-        (void)mallopt(M_MXFAST, 0);
-#endif
 #ifdef __APPLE__
         (void)ntfs_macosx_normalize_filenames(0); // 0 is always a valid argument
 #endif
