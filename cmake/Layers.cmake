@@ -39,7 +39,12 @@ function(tavelin_test name)
     string(APPEND ARG_LABEL -threads)
   endif()
   if(NOT ARG_TIMEOUT)
+    # Against a test without an end, so generous: sanitizers take ten times as long, and a machine
+    # may have other work.
     set(ARG_TIMEOUT 900)
+    if(TAVELIN_SANITIZE)
+      set(ARG_TIMEOUT 2700)
+    endif()
   endif()
   add_executable(${name} ${ARG_SOURCES})
   if(TARGET test_headers AND NOT ARG_SOURCES MATCHES "[.]mm")
