@@ -167,6 +167,8 @@ class JournaledDevice final : public BlockDevice {
     /// Writes pages where they belong, those of a flag that is not there yet first. What is known
     /// of the places is forgotten.
     [[nodiscard]] std::int32_t writeHome(const PageMap& pages) noexcept;
+    /// After a home write that failed: brings every page of the committed records home.
+    [[nodiscard]] std::int32_t finishHomeWrites() noexcept;
     /// Brings every page of the records home, syncs, and makes room for new records.
     [[nodiscard]] std::int32_t reset() noexcept;
 

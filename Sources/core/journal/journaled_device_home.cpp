@@ -236,18 +236,26 @@ std::int32_t JournaledDevice::writeHome(const PageMap& pages) noexcept {
     }
 }
 
+std::int32_t JournaledDevice::finishHomeWrites() noexcept {
+    if (!checkpointPending_) {
+        return 0;
+    }
+    // A home write failed earlier. The records' own copies go home and not the pending pages: those
+    // may be newer, and newer content must not be home before a record has it.
+    PageMap committed;
+    if (const std::int32_t error = journal_->readCommitted(committed); error != 0) {
+        return error;
+    }
+    if (const std::int32_t error = writeHome(committed); error != 0) {
+        return error;
+    }
+    checkpointPending_ = false;
+    return 0;
+}
+
 std::int32_t JournaledDevice::reset() noexcept {
-    if (checkpointPending_) {
-        // A home write failed earlier. The records' own copies go home and not the pending pages:
-        // those may be newer, and newer content must not be home before a record has it.
-        PageMap committed;
-        if (const std::int32_t error = journal_->readCommitted(committed); error != 0) {
-            return error;
-        }
-        if (const std::int32_t error = writeHome(committed); error != 0) {
-            return error;
-        }
-        checkpointPending_ = false;
+    if (const std::int32_t error = finishHomeWrites(); error != 0) {
+        return error;
     }
     // Home writes since the last reset may still be in the device's own cache. They must be durable
     // before the records that could repeat them become invalid.

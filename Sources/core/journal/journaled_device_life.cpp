@@ -232,15 +232,8 @@ std::int32_t JournaledDevice::abandonJournal() noexcept {
     // A sector of $LogFile takes no write, and with it no sync would ever succeed. Where this fails
     // as well it is the device and not the sector, and the journal stays.
     tell([] { log().error("journal: $LogFile cannot be written, going on without a journal"); });
-    if (checkpointPending_) {
-        PageMap committed;
-        if (const std::int32_t error = journal_->readCommitted(committed); error != 0) {
-            return error;
-        }
-        if (const std::int32_t error = writeHome(committed); error != 0) {
-            return error;
-        }
-        checkpointPending_ = false;
+    if (const std::int32_t error = finishHomeWrites(); error != 0) {
+        return error;
     }
     // The flag is home before anything that no record has.
     isMarkOurs_ = isMarked_ && (!isMarkHome_ || journal_->setsDirtyFlag());
