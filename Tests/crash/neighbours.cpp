@@ -1,10 +1,9 @@
 #include "crash/neighbours.hpp"
 
 #include "check/image_editor.hpp"
-#include "check/mount_gate.hpp"
-#include "core/device_box.hpp"
 #include "core/journal/journal.hpp"
 #include "core/ntfs_volume.hpp"
+#include "crash/others_view.hpp"
 #include "hosting/module_host.hpp"
 #include "support/memory_device.hpp"
 #include "support/replaced_services.hpp"
@@ -60,16 +59,6 @@ std::vector<std::uint64_t> journaledPages(const Image& image) {
         numbers.push_back(number);
     }
     return numbers;
-}
-
-// $LogFile's one extent.
-ntb_extent logOf(const Image& image) {
-    DeviceBox box(std::make_shared<MemoryDevice>(image));
-    const ntb_io io = makeIO(box);
-    ntb_extent extents[2] = {};
-    std::uint32_t count = 0;
-    static_cast<void>(ntb_log_extents(&io, extents, 2, &count));
-    return extents[0];
 }
 
 // What the neighbour left behind and must find again.
@@ -140,7 +129,7 @@ void moveLog(Image& image) {
 Traces act(Neighbour neighbour, Image& image, const std::vector<std::uint64_t>& journaled,
            const std::string& content) {
     Traces traces;
-    const ntb_extent log = logOf(image);
+    const ntb_extent log = logOf(std::as_bytes(std::span(image)));
     const auto logBegin = image.begin() + static_cast<std::ptrdiff_t>(log.offset);
     const Image before(logBegin, logBegin + static_cast<std::ptrdiff_t>(log.length));
     switch (neighbour) {
@@ -196,7 +185,10 @@ class NeighbourTrial {
         const auto journaled = journaledPages(image);
         counts_.images = 1;
         if (neighbour_ == Neighbour::nothing) {
-            judgeFlag(image);
+            const std::string damage = unmarkedDamage(cut);
+            if (!damage.empty()) {
+                fault(counts_.unmarked, "not marked, though " + damage);
+            }
         }
         const Traces traces =
             act(neighbour_, image, journaled, recording_.states[0].entries.at(kEdited).content);
@@ -213,23 +205,6 @@ class NeighbourTrial {
     void fault(std::uint64_t& count, const std::string& what) {
         count = 1;
         complaint_ += (complaint_.empty() ? "" : "; ") + what;
-    }
-
-    // Others see no journal: for them the volume is sound, or marked. A mirror that differs from
-    // the record by the flag alone is what they mend themselves.
-    void judgeFlag(const Image& image) {
-        const auto device = std::make_shared<MemoryDevice>(image);
-        if (check::isMarkedDirty(*device)) {
-            return;
-        }
-        Image withoutLog = image;
-        const ntb_extent log = logOf(image);
-        std::fill_n(withoutLog.begin() + static_cast<std::ptrdiff_t>(log.offset), log.length,
-                    std::uint8_t{0xff});
-        const std::string found = structuralComplaints(std::as_bytes(std::span(withoutLog)));
-        if (!found.empty() && found.find("mft-mirror") == std::string::npos) {
-            fault(counts_.unmarked, "not marked, though " + found);
-        }
     }
 
     void remount(const Image& image, const Traces& traces) {
