@@ -100,8 +100,8 @@ const std::vector<Workload>& allChanges() {
     return changes;
 }
 
-Bytes preparedVolume() {
-    const SampleVolume volume({.bytes = 4u << 20});
+Bytes preparedVolume(std::uint64_t bytes) {
+    const SampleVolume volume({.bytes = bytes});
     const auto disk = std::make_shared<RecordingResource>(loadImage(volume.image()));
     ModuleHost host(disk);
     host.open();

@@ -35,8 +35,8 @@ struct Workload {
 
 const std::vector<Workload>& allChanges();
 
-// A formatted volume of 4 MiB with files for the changes to work on, others for them to leave
-// alone, and a directory large enough to have index blocks. Cleanly unmounted.
-Bytes preparedVolume();
+// A formatted volume with files for the changes to work on, others for them to leave alone, and a
+// directory large enough to have index blocks. Cleanly unmounted.
+Bytes preparedVolume(std::uint64_t bytes = 4u << 20);
 
 } // namespace tavelin::test
