@@ -1,7 +1,7 @@
 // A sample volume mounted by the FUSE driver ntfs-3g, which writes what we only read.
 #pragma once
 
-#include "support/image_writers.hpp"
+#include "platform/file_descriptor.hpp"
 #include "support/run_process.hpp"
 #include "support/sample_volume.hpp"
 
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <string>
 #include <sys/stat.h>
@@ -26,18 +27,27 @@ class DriverMount {
     explicit DriverMount(const SampleVolume& sample, const std::string& options = "compression")
         : image_(sample.image()), directory_(sample.directory() / "mount") {
         std::filesystem::create_directories(directory_);
+        int ends[2] = {};
+        EXPECT_EQ(pipe(ends), 0);
+        untilItsEnd_.reset(ends[0]);
+        const FileDescriptor inherited(ends[1]);
+        fcntl(ends[0], F_SETFD, FD_CLOEXEC);
         runOrThrow({"ntfs-3g", "-o", options, image_.string(), directory_.string()});
     }
+    // The driver goes on for a moment after its mount is gone, and what mounts the image next
+    // refuses it until then.
     ~DriverMount() {
         EXPECT_TRUE(run({"umount", directory_.string()}).ok());
-        EXPECT_NO_THROW(awaitNoWriter(image_));
+        char none = 0;
+        EXPECT_EQ(untilItsEnd_.readSome(&none, 1).bytes, 0u);
     }
     DriverMount(const DriverMount&) = delete;
     DriverMount& operator=(const DriverMount&) = delete;
 
     static bool isPossible() { return access("/dev/fuse", R_OK | W_OK) == 0 && geteuid() == 0; }
 
-    std::string path(const std::string& name) const { return (directory_ / name).string(); }
+    std::filesystem::path operator/(const std::string& name) const { return directory_ / name; }
+    std::string path(const std::string& name) const { return (*this / name).string(); }
     void make(const std::string& name, const std::string& content = {}) const {
         writeFile(directory_ / name, content);
     }
@@ -59,6 +69,7 @@ class DriverMount {
   private:
     std::filesystem::path image_;
     std::filesystem::path directory_;
+    FileDescriptor untilItsEnd_; // a pipe whose other end the driver alone holds
 };
 
 #define REQUIRE_DRIVER()                                                                           \

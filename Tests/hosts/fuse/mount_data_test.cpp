@@ -127,10 +127,10 @@ TEST_F(MountData, AFullVolumeSaysSoAndLosesNothing) {
 
 TEST_F(MountData, AFullVolumeStillRemovesFiles) {
     mountFresh(24 * kMiB);
-    changeByDriver([](const TempDirectory& directory) {
-        addAliased(directory);
-        writeFile(directory / "first", "shared");
-        fs::create_hard_link(directory / "first", directory / "second");
+    changeByDriver([](const DriverMount& driver) {
+        addAliased(driver);
+        driver.make("first", "shared");
+        fs::create_hard_link(driver / "first", driver / "second");
     });
     fillVolume(true);
     {

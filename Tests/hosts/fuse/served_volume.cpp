@@ -4,7 +4,6 @@
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/tree.hpp"
 #include "platform/file_descriptor.hpp"
-#include "support/image_writers.hpp"
 #include "support/run_process.hpp"
 
 #include <algorithm>
@@ -193,22 +192,15 @@ void MountTest::TearDown() {
     }
 }
 
-void MountTest::changeByDriver(const std::function<void(const TempDirectory& directory)>& change) {
+void MountTest::changeByDriver(const std::function<void(const DriverMount&)>& change) {
     served_.reset();
-    {
-        const TempDirectory directory;
-        runOrThrow({"ntfs-3g", volume_->image(), directory.path()});
-        change(directory);
-        runOrThrow({"umount", directory.path()});
-    }
-    awaitNoWriter(volume_->image());
+    change(DriverMount(*volume_));
     mount();
 }
 
-void MountTest::addAliased(const TempDirectory& directory) {
-    writeFile(directory / "a long name.txt", "content");
-    runOrThrow({"setfattr", "-h", "-n", "system.ntfs_dos_name", "-v", "ALONGN~1.TXT",
-                directory / "a long name.txt"});
+void MountTest::addAliased(const DriverMount& driver) {
+    driver.make("a long name.txt", "content");
+    driver.set("a long name.txt", "system.ntfs_dos_name", "ALONGN~1.TXT");
 }
 
 void expectToLast(const SampleVolume& volume, std::unique_ptr<ServedVolume>& served) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/file_descriptor.hpp"
+#include "support/driver_mount.hpp"
 #include "support/sample_volume.hpp"
 #include "support/temp_directory.hpp"
 
@@ -76,9 +77,9 @@ class MountTest : public testing::Test {
     void mount(const std::string& options = {});
     void mountFresh(uint64_t bytes, const std::string& options = {});
     // Has the system's own driver mount the volume for `change`, and mounts it anew.
-    void changeByDriver(const std::function<void(const TempDirectory& directory)>& change);
+    void changeByDriver(const std::function<void(const DriverMount&)>& change);
     // Such a change: "a long name.txt", with an alias for old programs.
-    static void addAliased(const TempDirectory& directory);
+    static void addAliased(const DriverMount& driver);
     // The errno of a call that answers -1, else 0.
     static int errorOf(int result) { return result == -1 ? errno : 0; }
     std::filesystem::path operator/(const std::string& name) const { return *served_ / name; }
