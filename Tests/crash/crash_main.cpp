@@ -1,6 +1,7 @@
 // crash_lab [--pairs] [--seed N]: cuts the power at every write of many small scripts and prints
-// what was left. With --neighbours other systems are at the volume between the cut and the next
-// mount, after single changes and every 25th pair. Exits 1 when anything was wrong with any image.
+// what was left. With --recoveries the mount after the cut is cut off as well. With --neighbours
+// other systems are at the volume between the cut and the next mount, after single changes and
+// every 25th pair. Exits 1 when anything was wrong with any image.
 #include "crash/neighbours.hpp"
 #include "crash/power_cut.hpp"
 
@@ -29,30 +30,30 @@ int runNeighbours(const Bytes& base) {
 } // namespace
 
 int main(int count, char** words) {
-    bool pairs = false;
-    bool neighbours = false;
+    std::string_view mode;
     Cuts cuts;
     for (int i = 1; i < count; i++) {
         const std::string_view word = words[i];
-        if (word == "--pairs") {
-            pairs = true;
-        } else if (word == "--neighbours") {
-            neighbours = true;
+        if (mode.empty() &&
+            (word == "--pairs" || word == "--recoveries" || word == "--neighbours")) {
+            mode = word;
         } else if (word == "--seed" && i + 1 < count) {
             cuts.seed = std::strtoull(words[++i], nullptr, 10);
         } else {
-            fmt::print(stderr, "usage: crash_lab [--pairs | --neighbours] [--seed N]\n");
+            fmt::print(stderr,
+                       "usage: crash_lab [--pairs | --recoveries | --neighbours] [--seed N]\n");
             return 2;
         }
     }
     const Bytes base = preparedVolume();
-    if (neighbours) {
+    if (mode == "--neighbours") {
         return runNeighbours(base);
     }
-    cuts.imagesPerCheck = pairs ? 16 : 1;
+    cuts.imagesPerCheck = mode == "--pairs" ? 16 : 1;
     CrashReport report;
-    for (const Script& script : allScripts(pairs)) {
-        report.add(tryScript(base, script, cuts));
+    for (const Script& script : allScripts(mode == "--pairs")) {
+        report.add(mode == "--recoveries" ? tryRecoveries(base, script, cuts)
+                                          : tryScript(base, script, cuts));
     }
     fmt::print("{}", report.table());
     return report.isSound() ? 0 : 1;

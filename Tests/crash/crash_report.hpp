@@ -16,6 +16,8 @@ inline constexpr const char* kNotMountable = "not mountable"; // read-write
 // The volume as a whole, with all names, contents, streams, times of files and the label.
 inline constexpr const char* kNotAtomic = "as at no moment since the persistence point";
 inline constexpr const char* kInconsistent = "a check of it complains";
+// After a recovery that was cut off itself.
+inline constexpr const char* kOtherwise = "not the bytes of a whole recovery";
 
 using CutCounts = std::map<Cut, std::uint64_t>;
 

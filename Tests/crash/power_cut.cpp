@@ -5,6 +5,8 @@
 #include "support/replaced_services.hpp"
 #include "support/structural_check.hpp"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <random>
 #include <span>
@@ -57,6 +59,7 @@ NextMount::NextMount(Bytes image) {
     found = takeSnapshot(host.volume());
     host.close().get();
     after = disk->bytes;
+    events = disk->events();
 }
 
 CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
@@ -94,6 +97,31 @@ CrashReport tryRecording(const Bytes& base, const Script& script, const Recordin
 
 CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts) {
     return tryRecording(base, script, recordTavelin(base, script), cuts);
+}
+
+CrashReport tryRecoveries(const Bytes& base, const Script& script, const Cuts& cuts) {
+    CrashReport report;
+    report.scripts = 1;
+    const Cuts first{{Cut::prefix}};
+    const Cuts second{{Cut::prefix, Cut::torn, Cut::reordered}, cuts.reorderings, 1, cuts.seed};
+    forEachCut(base, recordTavelin(base, script), first, [&](const PowerCut& power) {
+        const NextMount whole(power.image);
+        if (!whole.isCompleted) {
+            return;
+        }
+        const Recording recovery{whole.events, {}, {}};
+        report.cutPoints += forEachCut(power.image, recovery, second, [&](PowerCut& again) {
+            const NextMount mount(std::move(again.image));
+            report.images[again.cut]++;
+            report.completed[again.cut] += mount.isCompleted ? 1 : 0;
+            if (mount.after != whole.after) {
+                report.add(kOtherwise, again.cut,
+                           fmt::format("{}: cut after event {}", script.describe(), power.end),
+                           again.end, mount.refusal + difference(whole.found, mount.found));
+            }
+        });
+    });
+    return report;
 }
 
 std::vector<Script> allScripts(bool pairs) {

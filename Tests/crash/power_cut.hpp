@@ -38,7 +38,8 @@ struct NextMount {
     std::string refusal;      // why it cannot be written to; empty when it can
     bool isCompleted = false; // the mount had to write to it
     Snapshot found;
-    Bytes after; // the image, unmounted again
+    Bytes after;                   // the image, unmounted again
+    std::vector<DiskEvent> events; // that led from one to the other
 };
 
 // Every cut of one script: the next mount has to find the volume as it was at some moment since the
@@ -46,6 +47,11 @@ struct NextMount {
 CrashReport tryScript(const Bytes& base, const Script& script, const Cuts& cuts);
 CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,
                          const Cuts& cuts);
+
+// After every cut in order of one script whose flush the next mount completes: that mount is cut
+// off at every write as well, in order, torn and reordered. The one after it has to come to the
+// same bytes. The report counts these second cuts.
+CrashReport tryRecoveries(const Bytes& base, const Script& script, const Cuts& cuts);
 
 // All scripts of one change and, when asked for, of all pairs.
 std::vector<Script> allScripts(bool pairs);

@@ -26,6 +26,14 @@ TEST(PowerCut, LosesAndDamagesNothingThatWasPersisted) {
     EXPECT_GT(report.images[Cut::prefix], 500u);
 }
 
+// The short form of script/crash --recoveries.
+TEST(PowerCut, ComesToTheSameEndWhenTheRecoveryIsCutOffToo) {
+    const CrashReport report =
+        tryRecoveries(preparedVolume(), {{&named("append")}, Finish::synchronise}, {});
+    EXPECT_TRUE(report.isSound()) << report.describe();
+    EXPECT_GT(report.completed.at(Cut::reordered), 20u);
+}
+
 // The short form of script/crash --neighbours.
 TEST(PowerCut, LosesNothingThatAnotherSystemWroteInBetween) {
     const Bytes base = preparedVolume();
