@@ -32,12 +32,11 @@ bool has_room_for_times(const ntfs_inode* inode) noexcept {
 // or a longer name may make it do. Finds no data in damaged records and for directories, and leaves
 // those as they are.
 void refresh_sizes(ntfs_inode* inode) noexcept {
-    const search_guard search(ntfs_attr_get_search_ctx(inode, nullptr));
-    if (!search || ntfs_attr_lookup(AT_DATA, AT_UNNAMED, 0, CASE_SENSITIVE, 0, nullptr, 0,
-                                    search.get()) != 0) {
+    attribute_search search(inode);
+    if (is_directory(inode) || !search.find(AT_DATA, AT_UNNAMED)) {
         return;
     }
-    const ATTR_RECORD& data = *search->attr;
+    const ATTR_RECORD& data = *search.found();
     s64 allocated = 0;
     if (data.non_resident == 0) {
         allocated = (s64{le32_to_cpu(data.value_length)} + 7) & ~s64{7};

@@ -64,15 +64,36 @@ struct attribute_close {
 // An open attribute; declared after the inode it belongs to, so that it closes first.
 using attribute_guard = std::unique_ptr<ntfs_attr, attribute_close>;
 
-struct search_release {
-    void operator()(ntfs_attr_search_ctx* search) const noexcept {
-        ntfs_attr_put_search_ctx(search);
+// A search of an inode's attributes, begun as ntfs_attr_get_search_ctx() begins it, but in place:
+// the library allocates memory for each. It refers to the inode's memory, so it is declared after
+// the inode's guard.
+class attribute_search {
+  public:
+    explicit attribute_search(ntfs_inode* inode) noexcept {
+        state_.mrec = inode->mrec;
+        state_.attr = reinterpret_cast<ATTR_RECORD*>(reinterpret_cast<uint8_t*>(inode->mrec) +
+                                                     le16_to_cpu(inode->mrec->attrs_offset));
+        state_.is_first = TRUE;
+        state_.ntfs_ino = inode;
     }
-};
+    attribute_search(const attribute_search&) = delete;
+    attribute_search& operator=(const attribute_search&) = delete;
 
-// A search of an inode's attributes. It refers to the inode's memory, so it is declared after the
-// inode's guard.
-using search_guard = std::unique_ptr<ntfs_attr_search_ctx, search_release>;
+    // Goes on to the next attribute of the type and name, and says whether there is one. A null
+    // name stands for any, AT_UNNAMED for none. If not, errno is ENOENT or says what failed.
+    bool find(ATTR_TYPES type, ntfschar* name, uint32_t name_length = 0) noexcept {
+        errno = 0;
+        return ntfs_attr_lookup(type, name, name_length, CASE_SENSITIVE, 0, nullptr, 0, &state_) ==
+               0;
+    }
+
+    // What was found, and the inode, base or extension, that has it.
+    ATTR_RECORD* found() const noexcept { return state_.attr; }
+    ntfs_inode* holder() const noexcept { return state_.ntfs_ino; }
+
+  private:
+    ntfs_attr_search_ctx state_ = {};
+};
 
 // The flags of a file and of its record, as they are on the volume: on a damaged one also bits that
 // the library's enumerations do not have.

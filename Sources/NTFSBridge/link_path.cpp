@@ -55,12 +55,11 @@ bool find_in_any_case(ntfs_inode* directory, std::span<ntfschar> name, u64& foun
     if (inode.open(volume, MREF(found)) != 0) {
         return false;
     }
-    const search_guard search(ntfs_attr_get_search_ctx(inode.get(), nullptr));
-    while (search && ntfs_attr_lookup(AT_FILE_NAME, AT_UNNAMED, 0, CASE_SENSITIVE, 0, nullptr, 0,
-                                      search.get()) == 0) {
-        const auto* const entry =
-            reinterpret_cast<const FILE_NAME_ATTR*>(reinterpret_cast<const uint8_t*>(search->attr) +
-                                                    le16_to_cpu(search->attr->value_offset));
+    attribute_search search(inode.get());
+    while (search.find(AT_FILE_NAME, AT_UNNAMED)) {
+        const ATTR_RECORD* const record = search.found();
+        const auto* const entry = reinterpret_cast<const FILE_NAME_ATTR*>(
+            reinterpret_cast<const uint8_t*>(record) + le16_to_cpu(record->value_offset));
         ntfschar stored[UINT8_MAX];
         std::memcpy(stored,
                     reinterpret_cast<const uint8_t*>(entry) + offsetof(FILE_NAME_ATTR, file_name),

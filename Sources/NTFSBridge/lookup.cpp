@@ -92,19 +92,12 @@ int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count) {
     if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
         return error;
     }
-    errno = 0;
-    const search_guard search(ntfs_attr_get_search_ctx(inode.get(), nullptr));
-    if (!search) {
-        return err_or(ENOMEM);
-    }
-    errno = 0;
-    while (ntfs_attr_lookup(AT_FILE_NAME, AT_UNNAMED, 0, CASE_SENSITIVE, 0, nullptr, 0,
-                            search.get()) == 0) {
-        const auto* const name =
-            reinterpret_cast<const FILE_NAME_ATTR*>(reinterpret_cast<const uint8_t*>(search->attr) +
-                                                    le16_to_cpu(search->attr->value_offset));
+    attribute_search search(inode.get());
+    while (search.find(AT_FILE_NAME, AT_UNNAMED)) {
+        const ATTR_RECORD* const found = search.found();
+        const auto* const name = reinterpret_cast<const FILE_NAME_ATTR*>(
+            reinterpret_cast<const uint8_t*>(found) + le16_to_cpu(found->value_offset));
         *count += name->file_name_type != FILE_NAME_DOS ? 1 : 0;
-        errno = 0;
     }
     return errno == ENOENT ? 0 : err_or(EIO);
 }

@@ -122,15 +122,9 @@ int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, vo
         return 0;
     }
     const bool has_compressed_stream = is_compressed_stream(inode.get(), compressed_stream_name);
-    errno = 0;
-    const search_guard search(ntfs_attr_get_search_ctx(inode.get(), nullptr));
-    if (!search) {
-        return err_or(ENOMEM);
-    }
-    errno = 0;
-    while (ntfs_attr_lookup(AT_DATA, nullptr, 0, CASE_SENSITIVE, 0, nullptr, 0, search.get()) ==
-           0) {
-        const ATTR_RECORD* const found = search->attr;
+    attribute_search search(inode.get());
+    while (search.find(AT_DATA, nullptr)) {
+        const ATTR_RECORD* const found = search.found();
         const void* const units =
             reinterpret_cast<const uint8_t*>(found) + le16_to_cpu(found->name_offset);
         char name[name_buffer_size];
@@ -140,7 +134,6 @@ int32_t ntb_listxattr(ntb_vol* vol, uint64_t ino, ntb_name_callback callback, vo
             callback(context, name) != 0) {
             return 0;
         }
-        errno = 0;
     }
     return errno == ENOENT ? 0 : err_or(EIO);
 }

@@ -42,13 +42,11 @@ static int32_t grow_resident(ntfs_attr* stream, uint64_t size, bool* resident) n
 // the record here as well, and once more when it closes the inode with its new times.
 static int32_t write_resident(ntfs_attr* stream, uint64_t offset, const void* from,
                               uint64_t length) noexcept {
-    errno = 0;
-    const search_guard search(ntfs_attr_get_search_ctx(stream->ni, nullptr));
-    if (!search || ntfs_attr_lookup(stream->type, stream->name, stream->name_len, CASE_SENSITIVE, 0,
-                                    nullptr, 0, search.get()) != 0) {
+    attribute_search search(stream->ni);
+    if (!search.find(stream->type, stream->name, stream->name_len)) {
         return err_or(EIO);
     }
-    ATTR_RECORD* const record = search->attr;
+    ATTR_RECORD* const record = search.found();
     const uint64_t start = le16_to_cpu(record->value_offset);
     const uint64_t size = le32_to_cpu(record->value_length);
     // What a damaged record says of itself is not believed.
@@ -57,7 +55,7 @@ static int32_t write_resident(ntfs_attr* stream, uint64_t offset, const void* fr
         return EIO;
     }
     std::memcpy(reinterpret_cast<uint8_t*>(record) + start + offset, from, length);
-    ntfs_inode_mark_dirty(search->ntfs_ino);
+    ntfs_inode_mark_dirty(search.holder());
     return 0;
 }
 
