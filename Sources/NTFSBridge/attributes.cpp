@@ -29,17 +29,27 @@ void describe_directory(ntfs_inode* inode, ntb_attr& out) noexcept {
     }
 }
 
+// Of the unnamed data, where there is any. The library reads the sizes when it opens an inode and
+// keeps them up to date for the directories' entries. It does so for a file that has just been made
+// only from its first write on.
+void describe_sizes(ntfs_inode* inode, ntb_attr& out) noexcept {
+    if (test_nino_flag(inode, KnownSize)) {
+        out.size = static_cast<uint64_t>(inode->data_size);
+        out.alloc_size = static_cast<uint64_t>(inode->allocated_size);
+        return;
+    }
+    if (const attribute_guard data = open_unnamed_data(inode)) {
+        const bool has_holes = (data->data_flags & (ATTR_COMPRESSION_MASK | ATTR_IS_SPARSE)) != 0;
+        out.size = static_cast<uint64_t>(data->data_size);
+        out.alloc_size =
+            static_cast<uint64_t>(has_holes ? data->compressed_size : data->allocated_size);
+    }
+}
+
 void describe_file(ntfs_inode* inode, const reparse_point& point, ntb_attr& out) noexcept {
     out.link_count = std::max<uint32_t>(le16_to_cpu(inode->mrec->link_count), 1);
     out.data_state = data_state_of(inode, point);
-    const attribute_guard data = open_unnamed_data(inode);
-    if (!data) {
-        return;
-    }
-    const bool has_holes = (data->data_flags & (ATTR_COMPRESSION_MASK | ATTR_IS_SPARSE)) != 0;
-    out.size = static_cast<uint64_t>(data->data_size);
-    out.alloc_size =
-        static_cast<uint64_t>(has_holes ? data->compressed_size : data->allocated_size);
+    describe_sizes(inode, out);
     if (out.data_state == NTB_DATA_SYSTEM_COMPRESSED) {
         out.alloc_size += compressed_allocation(inode);
     }
