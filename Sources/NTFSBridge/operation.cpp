@@ -31,7 +31,7 @@ void take_back(ntb_vol* vol) noexcept {
     ntb_devctx& context = *vol->context;
     // A page that can neither be cached nor written is given up: the device is failing, and has
     // reported it.
-    (void)context.undo.restore(context.cache, context.io, *context.stats);
+    (void)context.undo.restore(context.io, *context.stats);
     (void)reopen(vol);
 }
 

@@ -131,8 +131,8 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
                 return error;
             }
             stats->cacheMisses += 1;
-            // The page as it was before the operation, in case the operation fails half-way.
-            undo.keep(page, whole);
+            // As it was before the operation, in case the operation fails half-way.
+            undo.keep(page, whole, in_page, count);
         } else {
             undo.keep_uncached(page);
         }
@@ -148,8 +148,10 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
         if (is_partial) {
             std::memcpy(data, whole, page_size);
         }
+    } else if (count == page_size) {
+        data = undo.keep_overwritten(page, slot, data);
     } else {
-        undo.keep(page, data);
+        undo.keep(page, data, in_page, count);
     }
     std::memcpy(data + in_page, from, count);
     cache.mark_dirty(slot);

@@ -21,6 +21,7 @@ struct ntb_devctx {
           read_only(is_read_only ? 1 : 0),
           stats(&counters),
           cache(io, counters),
+          undo(cache),
           has_whole_pages_(page_cache::page_size % std::max<uint64_t>(device.block_size, 1) == 0) {}
     ntb_devctx(const ntb_devctx&) = delete;
     ntb_devctx& operator=(const ntb_devctx&) = delete;

@@ -6,10 +6,14 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace ntb {
 
 namespace {
+
+constexpr size_t pages_size =
+    (size_t{page_cache::slot_count} + page_cache::spare_count) * page_cache::page_size;
 
 // Writes to each of the system's pages, which are no smaller than ours. A read would not do: the
 // system gives one shared page of zeros for memory that was only read.
@@ -25,16 +29,21 @@ void touch(void* memory, size_t size) noexcept {
 bool page_cache::enable() noexcept {
     // Everything at once, so that no later eviction or flush can fail for want of memory.
     slots_.reset(new (std::nothrow) ntb_cache_slot[slot_count]());
-    pages_.reset(new (std::nothrow) uint8_t[uint64_t{slot_count} * page_size]);
+    pages_.reset(new (std::nothrow) uint8_t[pages_size]);
+    data_.reset(new (std::nothrow) uint8_t*[slot_count]);
     dirty_pages_.reset(new (std::nothrow) dirty_page[slot_count]);
     staging_.reset(new (std::nothrow) uint8_t[uint64_t{run_pages_max} * page_size]);
-    if (!slots_ || !pages_ || !dirty_pages_ || !staging_) {
+    if (!slots_ || !pages_ || !data_ || !dirty_pages_ || !staging_) {
         // All or nothing: half a cache would need a check in each of its functions.
         slots_.reset();
         pages_.reset();
+        data_.reset();
         dirty_pages_.reset();
         staging_.reset();
         return false;
+    }
+    for (uint32_t slot = 0; slot < slot_count; ++slot) {
+        data_[slot] = pages_.get() + uint64_t{slot} * page_size;
     }
     is_on_ = true;
     return true;
@@ -42,7 +51,7 @@ bool page_cache::enable() noexcept {
 
 void page_cache::populate() noexcept {
     if (is_on()) {
-        touch(pages_.get(), size_t{slot_count} * page_size);
+        touch(pages_.get(), pages_size);
         touch(dirty_pages_.get(), slot_count * sizeof(dirty_page));
         touch(staging_.get(), size_t{run_pages_max} * page_size);
     }
@@ -142,6 +151,17 @@ void page_cache::mark_dirty(uint32_t slot_index) noexcept {
         slots_[slot_index].dirty = 1;
         dirty_count_ += 1;
     }
+}
+
+uint8_t* page_cache::spare(uint32_t index) noexcept {
+    return is_on() && index < spare_count ? pages_.get() + uint64_t{slot_count + index} * page_size
+                                          : nullptr;
+}
+
+uint8_t* page_cache::exchange(uint32_t slot_index, uint8_t* memory) noexcept {
+    TAVELIN_ASSERT(slot_index < slot_count && slots_[slot_index].valid != 0);
+    TAVELIN_ASSERT(memory >= pages_.get() && memory < pages_.get() + pages_size);
+    return std::exchange(data_[slot_index], memory);
 }
 
 void page_cache::pc_discard(uint64_t page) noexcept {

@@ -70,6 +70,14 @@ class page_cache {
     // pc_slot_for answered, with no other call of the cache in between.
     void mark_dirty(uint32_t slot_index) noexcept;
 
+    // Pages of memory that hold nothing, for exchange(). They stay the cache's. Null unless the
+    // cache is on and `index` is below spare_count.
+    static constexpr uint32_t spare_count = 64;
+    uint8_t* spare(uint32_t index) noexcept;
+    // Gives the slot other memory, a spare page or one that exchange() answered, and answers what
+    // it had. The page's bytes are then the caller's to fill, as for a newly taken slot.
+    uint8_t* exchange(uint32_t slot_index, uint8_t* memory) noexcept;
+
     // Forgets the page, and the changes of it that were not written back yet.
     void pc_discard(uint64_t page) noexcept;
 
@@ -94,7 +102,7 @@ class page_cache {
     // Compares the 64-bit numbers that both begin with: negative, 0 or positive.
     static int cmp_u64(const void* left, const void* right) noexcept;
 
-    uint8_t* data_of(uint32_t slot) noexcept { return pages_.get() + uint64_t{slot} * page_size; }
+    uint8_t* data_of(uint32_t slot) noexcept { return data_[slot]; }
     // The slot of a cached page, or no_slot. Does not count as a use.
     uint32_t slot_holding(uint64_t page) const noexcept;
     // The slot that a page takes when it is not cached: a free one of its set, else the one whose
@@ -113,7 +121,8 @@ class page_cache {
     const ntb_io& io_;
     ntb_stats& stats_;
     std::unique_ptr<ntb_cache_slot[]> slots_;
-    std::unique_ptr<uint8_t[]> pages_;          // slot i owns the bytes from i * page_size on
+    std::unique_ptr<uint8_t[]> pages_;          // slot_count + spare_count of them
+    std::unique_ptr<uint8_t*[]> data_;          // the page in pages_ that a slot has
     std::unique_ptr<dirty_page[]> dirty_pages_; // what a flush writes, by page number
     std::unique_ptr<uint8_t[]> staging_;
     bool is_on_ = false;

@@ -75,6 +75,41 @@ TEST(PageCache, AVictimThatCannotBeWrittenStaysAndTheNewPageGoesThrough) {
     }
 }
 
+// Twelve pages of one set, which has room for eight, so that changed pages are evicted in between.
+TEST(UndoLog, PutsBackWhatAnOperationChanged) {
+    constexpr uint64_t kPages = 12;
+    CachedDevice device(kPages * kSets * kPage);
+    std::mt19937 random(1);
+    for (int operation = 0; operation < 50; ++operation) {
+        std::vector<std::vector<uint8_t>> before(kPages, std::vector<uint8_t>(kPage));
+        for (uint64_t page = 0; page < kPages; ++page) {
+            ASSERT_EQ(device.context.read(before[page].data(), kPage, page * kSets * kPage), 0);
+        }
+        device.context.undo.begin();
+        for (int change = 0; change < 3 * operation; ++change) {
+            const uint64_t page = random() % kPages;
+            const bool isWhole = random() % 2 == 0;
+            const uint64_t from = isWhole ? 0 : random() % kPage;
+            const uint64_t count = isWhole ? kPage : 1 + random() % (kPage - from);
+            device.byteAt(page * kSets * kPage); // what is overwritten unread is not kept
+            ASSERT_EQ(device.fill(page * kSets * kPage + from, count,
+                                  static_cast<uint8_t>(operation + change)),
+                      0);
+        }
+        ASSERT_TRUE(device.context.undo.is_complete());
+        ASSERT_EQ(device.context.undo.restore(device.memory.io(), device.stats), 0);
+        device.context.undo.end();
+        for (uint64_t page = 0; page < kPages; ++page) {
+            std::vector<uint8_t> after(kPage);
+            ASSERT_EQ(device.context.read(after.data(), kPage, page * kSets * kPage), 0);
+            ASSERT_EQ(after, before[page]) << "page " << page << ", operation " << operation;
+        }
+        ASSERT_TRUE(device.context.cache.is_consistent());
+        // The next operation begins with other bytes.
+        ASSERT_EQ(device.fill(random() % kPages * kSets * kPage, kPage, 99), 0);
+    }
+}
+
 TEST(PageCache, FlushesInPageOrderAndInRunsOfUpToOneMebibyte) {
     CachedDevice device(64ull << 20);
     for (uint64_t page = 300; page-- > 0;) {
