@@ -58,7 +58,7 @@ int32_t begin_operation(ntb_vol* vol) noexcept {
     if (const int32_t error = is_read_only(vol) ? 0 : find_usn_journal(vol); error != 0) {
         return error;
     }
-    if (vol->context->cache.is_on()) {
+    if (vol->context->is_caching()) {
         vol->free_before = {.clusters = vol->volume->free_clusters,
                             .records = vol->volume->free_mft_records};
         vol->context->undo.begin();

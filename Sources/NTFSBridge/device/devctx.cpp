@@ -27,8 +27,7 @@ struct page_part {
 
 bool ntb_devctx::is_cacheable(uint64_t count, uint64_t offset) const noexcept {
     // Long transfers are file data, which would evict the metadata and is rarely wanted twice.
-    if (!cache.is_on() || !has_whole_pages_ || count > NTB_CACHED_BYTES_MAX ||
-        !is_within(offset, count, io.size)) {
+    if (!is_caching() || count > NTB_CACHED_BYTES_MAX || !is_within(offset, count, io.size)) {
         return false;
     }
     const uint64_t last = (offset + count - 1) / page_size;

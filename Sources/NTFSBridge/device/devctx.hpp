@@ -26,6 +26,9 @@ struct ntb_devctx {
     ntb_devctx(const ntb_devctx&) = delete;
     ntb_devctx& operator=(const ntb_devctx&) = delete;
 
+    // Whether short transfers go through the cache at all.
+    bool is_caching() const noexcept { return cache.is_on() && has_whole_pages_; }
+
     // Reads count bytes, which must be at least 1 and inside the device.
     [[nodiscard]] int32_t read(uint8_t* to, uint64_t count, uint64_t offset) noexcept;
 
