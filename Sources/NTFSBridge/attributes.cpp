@@ -39,10 +39,8 @@ void describe_sizes(ntfs_inode* inode, ntb_attr& out) noexcept {
         return;
     }
     if (const attribute_guard data = open_unnamed_data(inode)) {
-        const bool has_holes = (data->data_flags & (ATTR_COMPRESSION_MASK | ATTR_IS_SPARSE)) != 0;
         out.size = static_cast<uint64_t>(data->data_size);
-        out.alloc_size =
-            static_cast<uint64_t>(has_holes ? data->compressed_size : data->allocated_size);
+        out.alloc_size = static_cast<uint64_t>(allocated_size_of(data.get()));
     }
 }
 

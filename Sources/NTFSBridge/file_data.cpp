@@ -125,8 +125,16 @@ static int32_t write_file(ntb_vol* vol, uint64_t ino, uint64_t offset, const voi
         return file.close(error);
     }
     error = first_error(error, complete(file.data.get()));
+    // The library forgets it where the data moves out of the record. Put right only when the inode
+    // is closed, it would have the directory's entry written at once.
+    file.inode->allocated_size = allocated_size_of(file.data.get());
     file.data.reset();
     ntfs_inode_update_times(file.inode.get(), data_and_change_time);
+    // Without the cache the library writes an index block at once and drops an error of that. Then
+    // it drops it here, as ever, and not in the sync, which must say that something failed.
+    if (vol->context->is_caching()) {
+        vol->outdated.defer(file.inode.get());
+    }
     return file.close(error);
 }
 

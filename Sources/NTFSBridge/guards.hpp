@@ -142,4 +142,10 @@ inline attribute_guard open_unnamed_data(ntfs_inode* inode) noexcept {
     return attribute_guard(ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0));
 }
 
+// Bytes that a stream takes up on the volume, of one with holes without these.
+inline s64 allocated_size_of(const ntfs_attr* data) noexcept {
+    const bool has_holes = (data->data_flags & (ATTR_COMPRESSION_MASK | ATTR_IS_SPARSE)) != 0;
+    return has_holes ? data->compressed_size : data->allocated_size;
+}
+
 } // namespace ntb

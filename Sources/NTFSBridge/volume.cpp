@@ -123,6 +123,10 @@ ntb_vol* mount_view(const ntb_io& io, int32_t& error) noexcept {
     return vol;
 }
 
+int32_t update_entries(ntb_vol* vol) noexcept {
+    return vol->is_stale ? 0 : vol->outdated.update(vol->volume); // stale, it would write nothing
+}
+
 } // namespace
 
 int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcept {
@@ -183,7 +187,7 @@ int32_t write_open_records(const ntb_vol* vol) noexcept {
 }
 
 int32_t sync_device(ntb_vol* vol) noexcept {
-    const int32_t error = write_open_records(vol);
+    const int32_t error = first_error(update_entries(vol), write_open_records(vol));
     errno = 0;
     const bool is_synced = ntb_dev_ops.sync(vol->volume->dev) == 0;
     const int32_t result = first_error(error, is_synced ? 0 : err_or(EIO));
@@ -223,7 +227,7 @@ int32_t ntb_umount(ntb_vol* vol) {
     }
     const std::unique_ptr<ntb_vol> owner(vol);
     // A stale volume writes nothing, and so would leave the cache as it is.
-    const int32_t error = vol->is_stale ? sync_device(vol) : 0;
+    const int32_t error = vol->is_stale ? sync_device(vol) : update_entries(vol);
     errno = 0;
     return first_error(error, ntfs_umount(vol->volume, FALSE) == 0 ? 0 : err_or(EIO));
 }

@@ -5,6 +5,7 @@
 #include "NTFSBridge/guards.hpp"
 #include "NTFSBridge/ntb.h"
 #include "NTFSBridge/ondisk/mft_mirror.hpp"
+#include "NTFSBridge/outdated_entries.hpp"
 #include "NTFSBridge/system_compression.hpp"
 
 namespace ntb {
@@ -39,7 +40,8 @@ struct ntb_vol {
     bool is_usn_stamped = false; // once a mount, with the first change
     // Of the system-compressed files that were read last.
     ntb::compressed_readers compressed;
-    ntb::free_counts free_before; // when the operation that is under way began
+    ntb::outdated_entries outdated; // of files that were written to since the last sync
+    ntb::free_counts free_before;   // when the operation that is under way began
     // The library's volume is that of an operation that was taken back: it may be read, and what it
     // writes is dropped.
     bool is_stale = false;
