@@ -153,6 +153,10 @@ int32_t ntb_umount(ntb_vol* vol);
    request. */
 int32_t ntb_sync(ntb_vol* vol);
 
+/* How many pages the next sync writes at most: the dirty ones, and those that become dirty when it
+   brings the directory entries of written files up to date. */
+uint64_t ntb_waiting_pages(const ntb_vol* vol);
+
 /* 1 when something was written since the last sync that succeeded. */
 int32_t ntb_is_dirty(const ntb_vol* vol);
 

@@ -18,8 +18,12 @@ namespace ntb {
 class outdated_entries {
   public:
     // Takes over a changed inode's duty to bring its entries up to date when it is closed. Leaves
-    // it there where another file has the place.
+    // it there where another file has the place, and for files of many names.
     void defer(ntfs_inode* inode) noexcept;
+
+    // How many pages update() makes dirty at most. What one sync writes must fit into one record of
+    // the journal.
+    uint64_t page_count(const ntfs_volume* volume) const noexcept;
 
     // Brings all of them up to date; 0, or the first errno. Those that failed are given up too: the
     // file itself has been written, and a record that cannot be read must not keep all others from
@@ -27,8 +31,11 @@ class outdated_entries {
     [[nodiscard]] int32_t update(ntfs_volume* volume) noexcept;
 
   private:
-    // A power of two, large enough that the files of a busy second seldom share a place.
-    static constexpr uint64_t places = 1024;
+    // A power of two. Enough for the files that programs keep writing to, and few enough that their
+    // pages do not make syncs more frequent.
+    static constexpr uint64_t places = 64;
+    // Of a file whose entries are brought up to date late: one, and its 8.3 alias.
+    static constexpr uint16_t names_max = 2;
 
     uint64_t count_ = 0;
     // By record number: references with the sequence number, or 0.

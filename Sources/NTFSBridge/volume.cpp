@@ -240,6 +240,10 @@ int32_t ntb_has_freed(const ntb_vol* vol) {
     return vol->freed_since_sync ? 1 : 0;
 }
 
+uint64_t ntb_waiting_pages(const ntb_vol* vol) {
+    return vol->context->cache.dirty_count() + vol->outdated.page_count(vol->volume);
+}
+
 int32_t ntb_is_dirty(const ntb_vol* vol) {
     // The second is all that tells of writes that go around the cache, or have none.
     return vol->context->cache.dirty_count() > 0 || NDevDirty(vol->volume->dev) ? 1 : 0;

@@ -120,9 +120,8 @@ void NTFSVolume::flushIfNearCapacity() noexcept {
     if (backlog.capacity == 0) {
         return;
     }
-    ntb_stats stats{};
-    ntb_get_stats(vol_, &stats);
-    if (stats.dirtyPages + backlog.pages > std::min(kPendingPagesMax, backlog.capacity / 4)) {
+    const std::uint64_t waiting = ntb_waiting_pages(vol_) + backlog.pages;
+    if (waiting > std::min(kPendingPagesMax, backlog.capacity / 4)) {
         // A failure is left to the sync that somebody waits for: nothing is lost by it.
         static_cast<void>(ntb_sync(vol_));
     }
