@@ -118,8 +118,6 @@ static int32_t write_file(ntb_vol* vol, uint64_t ino, uint64_t offset, const voi
     if (offset > offset_max || length > offset_max - offset) {
         return EFBIG;
     }
-    // What is compressed anew moves to other clusters.
-    vol->freed_since_sync = vol->freed_since_sync || file.data->data_flags != 0;
     int32_t error = write_stream(file.data.get(), offset, buffer, length, done);
     if (error != 0 && *done == 0) {
         return file.close(error);
@@ -165,7 +163,6 @@ static int32_t resize_file(ntb_vol* vol, uint64_t ino, uint64_t size) {
     if (size > offset_max) {
         return EFBIG;
     }
-    const free_space_watch watch(vol);
     if (const int32_t error = resize(file.data.get(), size); error != 0) {
         return file.close(error);
     }

@@ -96,7 +96,6 @@ int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_
     if (check_empty && is_directory(child.get()) && ntfs_check_empty_dir(child.get()) != 0) {
         return err_or(ENOTEMPTY);
     }
-    const free_space_watch watch(vol);
     errno = 0;
     // Takes over both inodes and closes them on success and on failure, hence the releases.
     const bool deleted = ntfs_delete(vol->volume, nullptr, child.release(), directory.release(),

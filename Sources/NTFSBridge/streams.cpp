@@ -49,9 +49,7 @@ bool starts_a_named_stream(const ATTR_RECORD* attribute) noexcept {
 }
 
 // Leaves the stream open and empty.
-int32_t make_empty_stream(ntb_vol* vol, const named_inode& target,
-                          attribute_guard& stream) noexcept {
-    const free_space_watch watch(vol);
+int32_t make_empty_stream(const named_inode& target, attribute_guard& stream) noexcept {
     errno = 0;
     if (stream) {
         return ntfs_attr_truncate(stream.get(), 0) == 0 ? 0 : err_or(EIO);
@@ -98,7 +96,7 @@ int32_t set_stream(ntb_vol* vol, const named_inode& target, const void* value, u
     if (const int32_t error = admit(vol, size); error != 0) {
         return error;
     }
-    if (const int32_t error = make_empty_stream(vol, target, stream); error != 0) {
+    if (const int32_t error = make_empty_stream(target, stream); error != 0) {
         return error;
     }
     const int32_t error = fill_stream(stream.get(), value, size);
@@ -214,7 +212,6 @@ static int32_t remove_attribute(ntb_vol* vol, uint64_t ino, const char* name) {
     if (is_link(inode) || !ntfs_attr_exist(inode, AT_DATA, target.name.units(), length)) {
         return no_such_attribute;
     }
-    const free_space_watch watch(vol);
     errno = 0;
     if (ntfs_attr_remove(inode, AT_DATA, target.name.units(), length) != 0) {
         return err_or(EIO);

@@ -231,7 +231,6 @@ static int32_t decompress_file(ntb_vol* vol, uint64_t ino) {
         size / cluster + spare_clusters) {
         return ENOSPC;
     }
-    const free_space_watch watch(vol);
     errno = 0;
     attribute_guard plain = open_unnamed_data(inode.get());
     if (!plain) {

@@ -9,6 +9,8 @@
 
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 namespace ntb {
 namespace {
@@ -127,6 +129,29 @@ int32_t update_entries(ntb_vol* vol) noexcept {
     return vol->is_stale ? 0 : vol->outdated.update(vol->volume); // stale, it would write nothing
 }
 
+// Has the device context watch $Bitmap. Without memory, or where it is not a plain run list, all
+// file data goes through the journal.
+void watch_bitmap(ntb_vol& vol) noexcept {
+    ntfs_attr* const bitmap = vol.volume->lcnbmp_na;
+    const auto cluster = static_cast<uint64_t>(vol.volume->cluster_size);
+    if (vol.read_only != 0 || ntfs_attr_map_whole_runlist(bitmap) != 0) {
+        return;
+    }
+    try {
+        std::vector<free_watch::range> ranges;
+        for (const runlist_element* run = bitmap->rl; run->length != 0; ++run) {
+            if (run->lcn < 0) {
+                return;
+            }
+            ranges.push_back({static_cast<uint64_t>(run->lcn) * cluster,
+                              static_cast<uint64_t>(run->length) * cluster});
+        }
+        vol.context->freed.watch(std::move(ranges));
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
 } // namespace
 
 int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcept {
@@ -155,6 +180,7 @@ int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcep
         vol.volume->free_mft_records = known_free->records;
         // Without this flag the library leaves its counts as they are, whatever is allocated.
         NVolSetFreeSpaceKnown(vol.volume);
+        watch_bitmap(vol);
         return 0;
     }
     errno = 0;
@@ -164,6 +190,7 @@ int32_t open_library_volume(ntb_vol& vol, const free_counts* known_free) noexcep
         (void)ntfs_umount(std::exchange(vol.volume, nullptr), TRUE);
         return error;
     }
+    watch_bitmap(vol);
     return 0;
 }
 
@@ -191,7 +218,9 @@ int32_t sync_device(ntb_vol* vol) noexcept {
     errno = 0;
     const bool is_synced = ntb_dev_ops.sync(vol->volume->dev) == 0;
     const int32_t result = first_error(error, is_synced ? 0 : err_or(EIO));
-    vol->freed_since_sync = vol->freed_since_sync && result != 0;
+    if (result == 0) {
+        vol->context->freed.reset();
+    }
     return result;
 }
 
@@ -237,7 +266,7 @@ int32_t ntb_sync(ntb_vol* vol) {
 }
 
 int32_t ntb_has_freed(const ntb_vol* vol) {
-    return vol->freed_since_sync ? 1 : 0;
+    return vol->context->freed.has_seen() ? 1 : 0;
 }
 
 uint64_t ntb_waiting_pages(const ntb_vol* vol) {

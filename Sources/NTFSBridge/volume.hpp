@@ -33,7 +33,6 @@ struct ntb_vol {
     // From the boot sector.
     uint64_t serial = 0;
     ntb_stats stats = {};
-    bool freed_since_sync = false; // clusters, since the last sync that succeeded
     // Record of Windows' change journal, see usn_journal.hpp.
     uint64_t usn_journal = ntb::usn_journal_unknown;
     bool usn_search_failed = false;
@@ -63,24 +62,6 @@ inline constexpr int directory_depth_max = 4096;
 inline bool is_read_only(const ntb_vol* vol) noexcept {
     return vol->read_only != 0 || NVolReadOnly(vol->volume);
 }
-
-// Notes clusters that are given back while it lives.
-class free_space_watch {
-  public:
-    // One lives in each function that may give clusters back. By its result bulk data is kept out
-    // of clusters that belong to their former owner again after a power cut.
-    explicit free_space_watch(ntb_vol* vol) noexcept
-        : vol_(vol), before_(vol->volume->free_clusters) {}
-    ~free_space_watch() {
-        vol_->freed_since_sync = vol_->freed_since_sync || vol_->volume->free_clusters > before_;
-    }
-    free_space_watch(const free_space_watch&) = delete;
-    free_space_watch& operator=(const free_space_watch&) = delete;
-
-  private:
-    ntb_vol* const vol_;
-    const s64 before_;
-};
 
 // Opens the library's volume over the device context; errno or EIO. Counts what is free unless
 // that is given.

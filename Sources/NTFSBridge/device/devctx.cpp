@@ -132,8 +132,10 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
             stats->cacheMisses += 1;
             // As it was before the operation, in case the operation fails half-way.
             undo.keep(page, whole, in_page, count);
+            freed.see_change(page * page_size + in_page, whole + in_page, from, count);
         } else {
             undo.keep_uncached(page);
+            freed.see_change(page * page_size, nullptr, from, count);
         }
         data = cache.pc_slot_for(page, &slot);
         if (data == nullptr) {
@@ -148,9 +150,11 @@ int32_t ntb_devctx::write_page(const uint8_t* from, uint64_t count, uint64_t pag
             std::memcpy(data, whole, page_size);
         }
     } else if (count == page_size) {
+        freed.see_change(page * page_size, data, from, count);
         data = undo.keep_overwritten(page, slot, data);
     } else {
         undo.keep(page, data, in_page, count);
+        freed.see_change(page * page_size + in_page, data + in_page, from, count);
     }
     std::memcpy(data + in_page, from, count);
     cache.mark_dirty(slot);
@@ -195,6 +199,7 @@ int32_t ntb_devctx::write(const uint8_t* from, uint64_t count, uint64_t offset) 
     if (is_cacheable(count, offset)) {
         return cached_write(from, count, offset);
     }
+    freed.see_change(offset, nullptr, from, count);
     // A dirty page of the range goes first. Written later, its older content would replace what
     // this write is about to bring.
     if (const int32_t error = flush_overlap(count, offset); error != 0) {

@@ -6,6 +6,7 @@
 // does not drive the metadata out.
 #pragma once
 
+#include "NTFSBridge/device/free_watch.hpp"
 #include "NTFSBridge/device/page_cache.hpp"
 #include "NTFSBridge/device/undo_log.hpp"
 
@@ -46,6 +47,7 @@ struct ntb_devctx {
     ntb_stats* const stats;
     page_cache cache;
     undo_log undo; // of the operation that is under way, if it may fail half-way
+    free_watch freed;
 
   private:
     // Whether a transfer goes through the cache: short, and made of whole pages of the device only.
