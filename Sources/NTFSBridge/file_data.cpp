@@ -61,6 +61,35 @@ int32_t complete(ntfs_attr* data) noexcept {
     return data->data_flags == 0 || ntfs_attr_pclose(data) == 0 ? 0 : err_or(EIO);
 }
 
+// Tells the cache which pages have nothing but what was just written to the stream: these may go to
+// the device before the metadata that leads to them. Not where compression has the bytes move, and
+// not while the clusters may be those of another file after a power cut.
+void mark_file_data(ntb_vol* vol, ntfs_attr* stream, uint64_t offset, uint64_t length) noexcept {
+    constexpr uint64_t page = page_cache::page_size;
+    const uint64_t cluster = vol->volume->cluster_size;
+    if (!NAttrNonResident(stream) || stream->data_flags != 0 || vol->context->freed.has_seen()) {
+        return;
+    }
+    for (uint64_t at = offset; at < offset + length;) {
+        const runlist_element* const run =
+            ntfs_attr_find_vcn(stream, static_cast<VCN>(at / cluster));
+        if (run == nullptr || run->lcn < 0 || run->length <= 0) {
+            return; // the library has just written there, so there is a run
+        }
+        const uint64_t run_at = static_cast<uint64_t>(run->vcn) * cluster;
+        const uint64_t run_end = run_at + static_cast<uint64_t>(run->length) * cluster;
+        const uint64_t end = std::min(offset + length, run_end);
+        // A page that was written in part is the stream's all the same when all of it is in the
+        // run. With clusters smaller than a page it may be another file's as well.
+        const uint64_t place = static_cast<uint64_t>(run->lcn) * cluster;
+        const uint64_t from = (place + at - run_at) / page * page;
+        const uint64_t to = (place + end - run_at + page - 1) / page * page;
+        const uint64_t first = std::max(from, place);
+        vol->context->mark_file_data(std::min(to, place + run_end - run_at) - first, first);
+        at = end;
+    }
+}
+
 // errno or EIO.
 int32_t resize(ntfs_attr* data, uint64_t size) noexcept {
     const bool grows = size > static_cast<uint64_t>(data->data_size);
@@ -123,6 +152,7 @@ static int32_t write_file(ntb_vol* vol, uint64_t ino, uint64_t offset, const voi
         return file.close(error);
     }
     error = first_error(error, complete(file.data.get()));
+    mark_file_data(vol, file.data.get(), offset, *done);
     // The library forgets it where the data moves out of the record. Put right only when the inode
     // is closed, it would have the directory's entry written at once.
     file.inode->allocated_size = allocated_size_of(file.data.get());

@@ -60,6 +60,9 @@ typedef struct ntb_io {
     void* context;
     int32_t (*read)(void* context, void* buffer, uint64_t offset, uint64_t length);
     int32_t (*write)(void* context, const void* buffer, uint64_t offset, uint64_t length);
+    /* As write, of whole pages of file data in clusters that belonged to the file or to nobody when
+     * sync last succeeded. May be NULL: write is called. */
+    int32_t (*write_data)(void* context, const void* buffer, uint64_t offset, uint64_t length);
     int32_t (*sync)(void* context); /* may be NULL: the device needs no flush */
     uint64_t size;                  /* bytes */
     uint32_t block_size;            /* bytes; 0 and 1 both mean byte-addressable */

@@ -37,6 +37,13 @@ class BlockDevice {
     /// answers ENOMEM where there is no room for that.
     [[nodiscard]] virtual std::int32_t writeGathered(GatheredBytes parts,
                                                      std::uint64_t offset) noexcept;
+    /// As write(), of file data in whole pages, where nothing that was synced has its bytes but the
+    /// same file. It may go there at once or wait, as long as it is there before whatever tells of
+    /// it.
+    [[nodiscard]] virtual std::int32_t writeFileData(const std::byte* source, std::uint64_t offset,
+                                                     std::uint64_t length) noexcept {
+        return write(source, offset, length);
+    }
     /// Returns once everything written before is on the medium.
     [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
 

@@ -42,6 +42,14 @@ std::int32_t writeCallback(void* context, const void* buffer, std::uint64_t offs
     return noted(box, box.device->write(static_cast<const std::byte*>(buffer), offset, length));
 }
 
+std::int32_t writeDataCallback(void* context, const void* buffer, std::uint64_t offset,
+                               std::uint64_t length) noexcept {
+    requireBuffer(buffer);
+    DeviceBox& box = boxOf(context);
+    return noted(box,
+                 box.device->writeFileData(static_cast<const std::byte*>(buffer), offset, length));
+}
+
 std::int32_t syncCallback(void* context) noexcept {
     DeviceBox& box = boxOf(context);
     return noted(box, box.device->sync());
@@ -59,6 +67,7 @@ ntb_io makeIO(DeviceBox& box) noexcept {
     return {.context = &box,
             .read = readCallback,
             .write = writeCallback,
+            .write_data = writeDataCallback,
             .sync = syncCallback,
             .size = box.device->size(),
             .block_size = box.device->blockSize()};

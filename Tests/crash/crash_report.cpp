@@ -41,7 +41,8 @@ std::string CrashReport::table() const {
     for (const auto& [cut, heading] : kCutNames) {
         text += fmt::format("{:>14}", heading);
     }
-    text += row("images", images) + row("completed by the mount", completed);
+    text += row("images", images) + row("completed by the mount", completed) +
+            row("with newer bytes in a file", newer);
     for (const auto& [fault, counts] : faults) {
         text += row(fault, counts);
     }
@@ -63,6 +64,7 @@ void CrashReport::add(const CrashReport& other) {
     checked += other.checked;
     addCounts(images, other.images);
     addCounts(completed, other.completed);
+    addCounts(newer, other.newer);
     for (const auto& [fault, counts] : other.faults) {
         addCounts(faults[fault], counts);
     }

@@ -13,7 +13,8 @@ namespace tavelin::test {
 
 // What can be wrong with a volume after a cut.
 inline constexpr const char* kNotMountable = "not mountable"; // read-write
-// The volume as a whole, with all names, contents, streams, times of files and the label.
+// The volume as a whole, with all names, contents, streams, times of files and the label, but for
+// what hasNewerBytes() allows.
 inline constexpr const char* kNotAtomic = "as at no moment since the persistence point";
 inline constexpr const char* kInconsistent = "a check of it complains";
 // After a recovery that was cut off itself.
@@ -29,6 +30,7 @@ struct CrashReport {
     std::uint64_t checked = 0; // images in order that were checked independently
     CutCounts images;
     CutCounts completed; // images that the mount had to write to
+    CutCounts newer;     // images as at one moment but for newer bytes of a file
     // Images by what is wrong; one may count several times.
     std::map<std::string, CutCounts> faults{
         {kNotMountable, {}}, {kNotAtomic, {}}, {kInconsistent, {}}};

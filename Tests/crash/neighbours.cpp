@@ -260,14 +260,16 @@ class NeighbourTrial {
         if (traces.edited) {
             found.entries.erase(kEdited);
         }
-        for (std::size_t i = promised_; i < recording_.states.size(); ++i) {
-            Snapshot state = recording_.states[i];
+        std::vector<Snapshot> moments(recording_.states.begin() +
+                                          static_cast<std::ptrdiff_t>(promised_),
+                                      recording_.states.end());
+        for (Snapshot& moment : moments) {
             if (traces.edited) {
-                state.entries.erase(kEdited);
+                moment.entries.erase(kEdited);
             }
-            if (state == found) {
-                return;
-            }
+        }
+        if (std::ranges::find(moments, found) != moments.end() || hasNewerBytes(moments, found)) {
+            return;
         }
         fault(counts_.promiseLost, "the volume is not as at any moment since the promise");
     }

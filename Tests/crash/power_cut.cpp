@@ -78,9 +78,11 @@ CrashReport tryRecording(const Bytes& base, const Script& script, const Recordin
             complain(kNotMountable, mount.refusal);
             return;
         }
-        const auto first = recording.states.begin() + static_cast<std::ptrdiff_t>(power.persisted);
-        if (std::find(first, recording.states.end(), mount.found) == recording.states.end()) {
-            complain(kNotAtomic, difference(*first, mount.found));
+        const auto moments = std::span(recording.states).subspan(power.persisted);
+        const bool isNewer = hasNewerBytes(moments, mount.found);
+        report.newer[power.cut] += isNewer ? 1 : 0;
+        if (!isNewer && std::find(moments.begin(), moments.end(), mount.found) == moments.end()) {
+            complain(kNotAtomic, difference(moments.front(), mount.found));
         }
         std::string complaints = structuralComplaints(std::span(mount.after));
         const std::size_t left = recording.events.size() - power.end;

@@ -1,5 +1,6 @@
 #include "crash/snapshot.hpp"
 
+#include "core/journal/crc32c.hpp"
 #include "hosting/paths.hpp"
 
 #include <algorithm>
@@ -40,7 +41,58 @@ void takeDirectory(VolumeClient& volume, const std::string& directory, Snapshot&
     }
 }
 
+// Whether each sector of a file is as at the first moment, or as the same file had it later.
+bool isContentSince(std::span<const Snapshot> moments, const std::string& path,
+                    const std::string& now) {
+    const ItemState& then = moments.front().entries.at(path);
+    if (now.size() != then.content.size()) {
+        return false;
+    }
+    const auto isSector = [&](const Snapshot& moment, std::size_t at, std::size_t end) {
+        const auto later = moment.entries.find(path);
+        if (later == moment.entries.end() ||
+            later->second.times[birthTime] != then.times[birthTime]) {
+            return false;
+        }
+        // A file that is shorter then says nothing about what lies behind its end.
+        std::string expected = then.content.substr(at, end - at);
+        const std::string& content = later->second.content;
+        if (const std::size_t known = std::min(content.size(), end); known > at) {
+            expected.replace(0, known - at, content, at, known - at);
+        }
+        return now.compare(at, end - at, expected) == 0;
+    };
+    for (std::size_t at = 0; at < now.size(); at += kSectorBytes) {
+        const auto end = std::min<std::size_t>(at + kSectorBytes, now.size());
+        if (std::ranges::none_of(moments,
+                                 [&](const Snapshot& m) { return isSector(m, at, end); })) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
+
+bool hasNewerBytes(std::span<const Snapshot> moments, const Snapshot& found) {
+    for (; !moments.empty(); moments = moments.subspan(1)) {
+        if (moments.front() == found) {
+            return false;
+        }
+        Snapshot moment = moments.front();
+        for (auto& [path, then] : moment.entries) {
+            const auto now = found.entries.find(path);
+            if (now != found.entries.end() && then.kind == ItemKind::file &&
+                isContentSince(moments, path, now->second.content)) {
+                then.content = now->second.content;
+            }
+        }
+        if (moment == found) {
+            return true;
+        }
+    }
+    return false;
+}
 
 Snapshot takeSnapshot(VolumeClient& volume) {
     Snapshot snapshot;

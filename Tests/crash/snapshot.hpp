@@ -4,6 +4,7 @@
 #include "hosting/system.hpp"
 
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,10 @@ struct Snapshot {
 
 // Lists, opens and reads everything.
 Snapshot takeSnapshot(VolumeClient& volume);
+
+// Whether a volume is as at one of the moments but for bytes that a file got at a later one. Those
+// may arrive before the rest, sector by sector; none may be older than the moment.
+bool hasNewerBytes(std::span<const Snapshot> moments, const Snapshot& found);
 
 // The first thing of `wanted` that is not so in `found`, whatever the times are; empty when there
 // is none. Paths in `except` may be as they like, the label with the path "" too.

@@ -134,12 +134,14 @@ JournalRecord journalRecord(const Bytes& image, std::size_t at) {
 // Gives a journal's record the checksum that its header should have; one that leaves the disk has
 // none.
 void seal(Bytes& image, std::size_t at) {
-    const std::size_t pages = JournalRecord::headerPages(journalRecord(image, at).pages);
-    if (pages > (image.size() - at) / kBlock) {
+    const JournalRecord record = journalRecord(image, at);
+    const std::uint64_t covered =
+        JournalRecord::headerBytes(std::uint64_t{record.pages} + record.named);
+    if (covered > image.size() - at) {
         return;
     }
     std::memset(&image[at + kAtChecksum], 0, sizeof(std::uint32_t));
-    const std::uint32_t sum = crc32c(&image[at], pages * kBlock);
+    const std::uint32_t sum = crc32c(&image[at], covered);
     std::memcpy(&image[at + kAtChecksum], &sum, sizeof sum);
 }
 
@@ -177,8 +179,8 @@ void apply(Bytes& image, const Bytes& seed, const Change& change) {
         const auto records = blocksOf(image, "TavelinJ");
         if (!records.empty()) {
             const std::size_t record = records[change.number % records.size()];
-            const std::size_t list =
-                kJournalEntry * std::size_t{journalRecord(image, record).pages};
+            const JournalRecord found = journalRecord(image, record);
+            const std::size_t list = kJournalEntry * (std::size_t{found.pages} + found.named);
             changeBytes(image, record, std::min(kJournalHeader + list, kBlock), change);
             seal(image, record);
         }

@@ -54,7 +54,7 @@ TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
         calls.clear();
         EXPECT_TRUE(host.volume().synchronize());
         EXPECT_EQ(flushes(), 1);
-        EXPECT_EQ(calls.at(1), Call::flushToMedium);
+        EXPECT_EQ(calls.at(2), Call::flushToMedium); // after the content and the record
         fails = true;
         write();
         EXPECT_FALSE(host.volume().synchronize());

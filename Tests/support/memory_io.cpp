@@ -41,6 +41,17 @@ MemoryIo MemoryIo::fromFile(const std::filesystem::path& image, uint32_t blockSi
     return MemoryIo({content.begin(), content.end()}, blockSize);
 }
 
+void MemoryIo::takeFileData() {
+    io_.write_data = [](void* self, const void* buffer, uint64_t offset, uint64_t length) {
+        auto& device = *static_cast<MemoryIo*>(self);
+        const int32_t error = device.admit(Kind::kWriteData, offset, length);
+        if (error == 0) {
+            std::memcpy(device.bytes_.data() + offset, buffer, length);
+        }
+        return error;
+    };
+}
+
 const ntb_io& MemoryIo::io() {
     io_.context = this;
     return io_;

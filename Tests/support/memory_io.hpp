@@ -13,7 +13,7 @@ namespace tavelin::test {
 // Must stay where it is while a volume is mounted over io(). One thread at a time.
 class MemoryIo {
   public:
-    enum class Kind { kRead, kWrite, kSync };
+    enum class Kind { kRead, kWrite, kWriteData, kSync };
     struct Call {
         Kind kind;
         uint64_t offset;
@@ -25,6 +25,8 @@ class MemoryIo {
     static MemoryIo fromFile(const std::filesystem::path& image, uint32_t blockSize = 512);
 
     const ntb_io& io();
+    // From now on io() has a callback for file data.
+    void takeFileData();
     std::vector<uint8_t>& bytes() { return bytes_; }
     void save(const std::filesystem::path& image) const;
 

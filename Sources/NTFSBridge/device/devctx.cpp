@@ -221,6 +221,13 @@ int32_t ntb_devctx::write(const uint8_t* from, uint64_t count, uint64_t offset) 
     return 0;
 }
 
+void ntb_devctx::mark_file_data(uint64_t count, uint64_t offset) noexcept {
+    const uint64_t end = (offset + count) / page_size;
+    for (uint64_t page = (offset + page_size - 1) / page_size; page < end; ++page) {
+        cache.mark_file_data(page);
+    }
+}
+
 int32_t ntb_devctx::flush() noexcept {
     const int32_t error = cache.pc_flush_pages(0, page_cache::last_page);
     stats->dirtyPages = cache.dirty_count();

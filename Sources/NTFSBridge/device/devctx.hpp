@@ -36,6 +36,10 @@ struct ntb_devctx {
     // Writes count bytes, at least 1. After a failure some of the range may have been written.
     [[nodiscard]] int32_t write(const uint8_t* from, uint64_t count, uint64_t offset) noexcept;
 
+    // To be called when a range of bytes was written that has nothing but file data: those of its
+    // whole pages that are dirty may go to the device before anything else does.
+    void mark_file_data(uint64_t count, uint64_t offset) noexcept;
+
     // Writes every dirty page and refreshes the dirtyPages counter.
     [[nodiscard]] int32_t flush() noexcept;
 

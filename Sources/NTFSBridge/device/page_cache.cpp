@@ -95,11 +95,22 @@ uint32_t page_cache::victim_for(uint64_t page) const noexcept {
     return oldest;
 }
 
-int32_t page_cache::write_back(uint32_t slot) noexcept {
+int32_t page_cache::write_out(const uint8_t* bytes, uint32_t slot, uint64_t count) noexcept {
     const uint64_t offset = slots_[slot].page * page_size;
+    const uint64_t length = count * page_size;
+    if (slots_[slot].file_data == 0 || io_.write_data == nullptr) {
+        return io_write(io_, &stats_, bytes, offset, length);
+    }
+    // Cached pages are whole pages of the device, so there is nothing to align or to cut.
+    stats_.deviceWrites += 1;
+    stats_.writeBytes += length;
+    return io_.write_data(io_.context, bytes, offset, length);
+}
+
+int32_t page_cache::write_back(uint32_t slot) noexcept {
     TAVELIN_ASSERT(slots_[slot].valid != 0 && slots_[slot].dirty != 0 && dirty_count_ > 0);
     // A page that could not be written stays dirty, so the next flush tries it again.
-    const int32_t error = io_write(io_, &stats_, data_of(slot), offset, page_size);
+    const int32_t error = write_out(data_of(slot), slot, 1);
     if (error == 0) {
         slots_[slot].dirty = 0;
         dirty_count_ -= 1;
@@ -139,7 +150,7 @@ uint8_t* page_cache::pc_slot_for(uint64_t page, uint32_t* slot_index) noexcept {
             // retries it reports.
             return nullptr;
         }
-        slots_[slot] = {.page = page, .use_stamp = 0, .valid = 1, .dirty = 0};
+        slots_[slot] = {.page = page, .use_stamp = 0, .valid = 1, .dirty = 0, .file_data = 0};
     }
     return use(slot, slot_index);
 }
@@ -147,9 +158,18 @@ uint8_t* page_cache::pc_slot_for(uint64_t page, uint32_t* slot_index) noexcept {
 void page_cache::mark_dirty(uint32_t slot_index) noexcept {
     TAVELIN_ASSERT(slot_index < slot_count && slots_[slot_index].valid != 0);
     TAVELIN_ASSERT(is_within(slots_[slot_index].page * page_size, page_size, io_.size));
+    // The page may have another owner by now, and be metadata.
+    slots_[slot_index].file_data = 0;
     if (slots_[slot_index].dirty == 0) {
         slots_[slot_index].dirty = 1;
         dirty_count_ += 1;
+    }
+}
+
+void page_cache::mark_file_data(uint64_t page) noexcept {
+    const uint32_t slot = is_on() ? slot_holding(page) : no_slot;
+    if (slot != no_slot && slots_[slot].dirty != 0) {
+        slots_[slot].file_data = 1;
     }
 }
 
@@ -204,12 +224,15 @@ uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
     return count;
 }
 
-// Number of listed pages from first on, before end, that follow each other on the device.
+// Number of listed pages from first on, before end, that follow each other on the device and are of
+// one kind.
 uint64_t page_cache::run_length(uint64_t first, uint64_t end) const noexcept {
     const uint64_t limit = std::min<uint64_t>(end - first, run_pages_max);
     uint64_t length = 1;
     while (length < limit &&
-           dirty_pages_[first + length].page == dirty_pages_[first].page + length) {
+           dirty_pages_[first + length].page == dirty_pages_[first].page + length &&
+           slots_[dirty_pages_[first + length].slot].file_data ==
+               slots_[dirty_pages_[first].slot].file_data) {
         length += 1;
     }
     return length;
@@ -226,8 +249,7 @@ int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
         // different sets of the cache.
         std::memcpy(staging_.get() + i * page_size, data_of(run[i].slot), page_size);
     }
-    const int32_t error =
-        io_write(io_, &stats_, staging_.get(), run->page * page_size, count * page_size);
+    const int32_t error = write_out(staging_.get(), run->slot, count);
     // All or none: a run that failed may have been written in part, and is written again as a
     // whole.
     if (error == 0) {

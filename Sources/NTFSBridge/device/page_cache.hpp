@@ -21,6 +21,7 @@ struct ntb_cache_slot {
     uint32_t use_stamp; // the use clock when the slot was last used
     uint8_t valid;
     uint8_t dirty;
+    uint8_t file_data; // of a dirty page: all of it is, see mark_file_data
 };
 
 class page_cache {
@@ -70,6 +71,11 @@ class page_cache {
     // pc_slot_for answered, with no other call of the cache in between.
     void mark_dirty(uint32_t slot_index) noexcept;
 
+    // To be called once a page was written that may go to the device before anything else does: see
+    // write_data of ntb_io. That holds until the page is written again. A page that is not dirty
+    // has been written back, and stays as it is.
+    void mark_file_data(uint64_t page) noexcept;
+
     // Pages of memory that hold nothing, for exchange(). They stay the cache's. Null unless the
     // cache is on and `index` is below spare_count.
     static constexpr uint32_t spare_count = 64;
@@ -115,7 +121,9 @@ class page_cache {
     // Fills dirty_pages_ and answers how many entries there are.
     uint64_t collect_dirty(uint64_t first, uint64_t last) noexcept;
     uint64_t run_length(uint64_t first, uint64_t end) const noexcept;
-    // Writes pages that follow each other on the device in one call.
+    // Writes dirty pages of one kind that follow each other on the device.
+    [[nodiscard]] int32_t write_out(const uint8_t* bytes, uint32_t slot, uint64_t count) noexcept;
+    // The same from the slots of a run, in one call.
     [[nodiscard]] int32_t write_run(const dirty_page* run, uint64_t count) noexcept;
 
     const ntb_io& io_;

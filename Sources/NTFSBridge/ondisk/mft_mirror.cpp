@@ -103,6 +103,7 @@ ntb_io mft_mirror::overlay_io() noexcept {
     view.context = this;
     view.read = read_preview;
     view.write = forget_write;
+    view.write_data = nullptr;
     view.sync = nullptr;
     return view;
 }

@@ -3,6 +3,10 @@
 #include "core/journal/page_reader.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
+#include <span>
+#include <utility>
 
 namespace tavelin {
 
@@ -29,6 +33,27 @@ bool isExpected(const DevicePage& page, std::uint8_t lost,
     return true;
 }
 
+// Whether all of the pages have the content that the entries say.
+std::int32_t findMissingPage(BlockDevice& device, std::span<const JournalEntry> named,
+                             bool& isMissing) noexcept {
+    isMissing = false;
+    for (auto next = named.begin(); next != named.end() && !isMissing; ++next) {
+        const JournalEntry& entry = *next;
+        DevicePage content;
+        std::uint8_t lost = 0;
+        if (const auto error = readPage(device, entry.page, content, lost); error != 0) {
+            return error;
+        }
+        const SectorSums found = sectorSums(content.data());
+        for (std::size_t sector = 0; sector < kSectorsPerPage; ++sector) {
+            // A lost sector says nothing. If the record was promised it must not be dropped for it.
+            const bool isLost = (lost >> sector & 1u) != 0;
+            isMissing = isMissing || (!isLost && found[sector] != entry.after[sector]);
+        }
+    }
+    return 0;
+}
+
 } // namespace
 
 std::int32_t findForeignPage(BlockDevice& device, const JournaledPages& pages,
@@ -48,6 +73,38 @@ std::int32_t findForeignPage(BlockDevice& device, const JournaledPages& pages,
         }
     }
     return 0;
+}
+
+std::int32_t leaveOutUnfinished(BlockDevice& device, Journal& journal,
+                                JournaledPages& pages) noexcept {
+    bool isMissing = false;
+    if (const auto error = findMissingPage(device, pages.named, isMissing);
+        error != 0 || !isMissing) {
+        return error;
+    }
+    try {
+        JournaledPages without;
+        if (const auto error = journal.readWithoutLast(pages.lastPosition, without); error != 0) {
+            return error;
+        }
+        // What the homes of the last record's pages may have while none of it has gone home.
+        JournaledPages probe;
+        for (const JournalEntry& entry : pages.last) {
+            const auto earlier = without.expected.find(entry.page);
+            if (earlier != without.expected.end()) {
+                probe.expected[entry.page] = earlier->second;
+            }
+            probe.expected[entry.page].push_back(entry.before);
+        }
+        std::optional<std::uint64_t> begun;
+        const std::int32_t error = findForeignPage(device, probe, begun);
+        if (error == 0 && !begun) {
+            pages = std::move(without);
+        }
+        return error;
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
 }
 
 } // namespace tavelin

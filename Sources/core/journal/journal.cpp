@@ -30,11 +30,13 @@ Journal::Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t
       log_(std::move(log)),
       serial_(serial),
       end_(std::min(log_.size(), kBegin + kRecordBytesMax)),
-      capacity_((end_ - kBegin) / kPage) {
+      capacity_((end_ - kBegin) / kPage),
+      namedCapacity_(std::min(kNamedPagesMax, capacity_ / 2)) {
     TAVELIN_ASSERT(log_.size() >= kBegin + kRecordBytesMin);
     // After a reset the file begins with a record without pages. The largest record must fit behind
     // that one, or a sync of `capacity_` pages would fail for as long as the session lasts.
-    while (JournalRecord::length(0) + JournalRecord::length(capacity_) > (end_ - kBegin) / kPage) {
+    while (JournalRecord::length(0, 0) + JournalRecord::length(capacity_, namedCapacity_) >
+           (end_ - kBegin) / kPage) {
         --capacity_;
     }
 }
@@ -103,11 +105,14 @@ std::int32_t Journal::begin(bool setsDirtyFlag) noexcept {
 
 std::int32_t Journal::append(const PageMap& content,
                              std::span<const JournalEntry> entries) noexcept {
-    TAVELIN_ASSERT(isBegun_ && !content.empty() && content.size() == entries.size());
-    TAVELIN_ASSERT(content.size() <= capacity_ && fits(content.size()));
+    TAVELIN_ASSERT(isBegun_ && !content.empty() && content.size() <= entries.size());
+    const std::uint64_t named = entries.size() - content.size();
+    TAVELIN_ASSERT(content.size() <= capacity_ && named <= namedCapacity_);
+    TAVELIN_ASSERT(fits(content.size(), named));
     try {
-        const JournalRecord record{.pages = static_cast<std::uint32_t>(entries.size()),
+        const JournalRecord record{.pages = static_cast<std::uint32_t>(content.size()),
                                    .flags = flags_,
+                                   .named = static_cast<std::uint16_t>(named),
                                    .serial = serial_,
                                    .session = session_,
                                    .sequence = sequence_};
@@ -116,7 +121,7 @@ std::int32_t Journal::append(const PageMap& content,
         // copied.
         using Escaped = JournalRecord::Escaped;
         std::vector<Escaped> starts;
-        starts.reserve(entries.size()); // whose elements are pointed at from here on
+        starts.reserve(content.size()); // whose elements are pointed at from here on
         std::vector<std::span<const std::byte>> parts{header};
         std::uint64_t done = 0;
         std::uint64_t length = header.size();
@@ -135,7 +140,7 @@ std::int32_t Journal::append(const PageMap& content,
             length += kPage;
         }
         appended_ = done + length;
-        TAVELIN_ASSERT(appended_ == JournalRecord::length(entries.size()) * kPage);
+        TAVELIN_ASSERT(appended_ == record.length() * kPage);
         used_ = std::max(used_, position_ + appended_);
         return log_.writeGathered(parts, position_ + done);
     } catch (const std::bad_alloc&) {
@@ -162,7 +167,7 @@ void Journal::checkInvariants() const noexcept {
     // Outside a session the file is blank and the next record is the first.
     TAVELIN_ASSERT(position_ == kBegin || isBegun_);
     TAVELIN_ASSERT(sequence_ >= 1);
-    TAVELIN_ASSERT(JournalRecord::length(capacity_) * kPage <= end_ - kBegin);
+    TAVELIN_ASSERT(JournalRecord::length(capacity_, namedCapacity_) * kPage <= end_ - kBegin);
 }
 
 // The bytes that hold the header of a record without pages. It is one block of the device, which a

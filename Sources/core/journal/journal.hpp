@@ -28,6 +28,11 @@ struct JournaledPages {
     /// By page, what a home location may have without anybody else having written to it: what was
     /// there before each record, and what the record put there.
     std::map<std::uint64_t, std::vector<SectorSums>> expected;
+    /// What the last record lists: the pages that it carries, and the file data that must be at
+    /// home for the record to have been written whole. Earlier ones need no such look: the next
+    /// record was begun after the sync of the one before it.
+    std::vector<JournalEntry> last, named;
+    std::uint64_t lastPosition = 0; ///< of the last record, in bytes of $LogFile
 };
 
 class Journal {
@@ -38,8 +43,9 @@ class Journal {
                                            std::optional<Journal>& found,
                                            JournalAbsence& absence) noexcept;
 
-    /// Pages that a record can carry at most.
+    /// Pages that a record can carry at most, and pages of file data that it can name besides.
     [[nodiscard]] std::uint64_t capacity() const noexcept { return capacity_; }
+    [[nodiscard]] std::uint64_t namedCapacity() const noexcept { return namedCapacity_; }
     /// Whether a range of the device, in bytes, has any of $LogFile in it.
     [[nodiscard]] bool overlaps(std::uint64_t offset, std::uint64_t length) const noexcept {
         return log_.overlaps(offset, length);
@@ -54,6 +60,10 @@ class Journal {
     /// The pages of all valid records of a former session, which then goes on: isBegun(). A record
     /// that cannot be read is not valid.
     [[nodiscard]] std::int32_t readPending(JournaledPages& pages) noexcept;
+    /// After readPending(): the same without the last record, whose position is given. The session
+    /// covers that one all the same.
+    [[nodiscard]] std::int32_t readWithoutLast(std::uint64_t lastPosition,
+                                               JournaledPages& pages) noexcept;
     /// Whether readPending met a sector that cannot be read.
     [[nodiscard]] bool isUnreadable() const noexcept { return isUnreadable_; }
     /// Whether readPending met a first record that is ours and not valid: a session that was cut
@@ -82,14 +92,15 @@ class Journal {
         return isBegun_ && (flags_ & JournalRecord::kSetsDirtyFlag) != 0;
     }
 
-    /// Whether a record of so many pages can follow the last one: never after a reset() that
-    /// failed, which may have taken away what it would follow.
-    [[nodiscard]] bool fits(std::uint64_t pages) const noexcept {
-        return !isResetting_ && position_ + JournalRecord::length(pages) * LogFile::kPage <= end_;
+    /// Whether a record that carries and names so many pages can follow the last one: never after a
+    /// reset() that failed, which may have taken away what it would follow.
+    [[nodiscard]] bool fits(std::uint64_t pages, std::uint64_t named) const noexcept {
+        return !isResetting_ &&
+               position_ + JournalRecord::length(pages, named) * LogFile::kPage <= end_;
     }
-    /// Writes a record of the pages of `content`, which `entries` describes; it fits. It is not
-    /// sure to be valid before the device is synchronised; commit() then makes the next one follow
-    /// it. Without that the next one takes its place.
+    /// Writes a record of the pages of `content`; it fits. `entries` describes them, and then the
+    /// pages to name. It is not sure to be valid before the device is synchronised; commit() then
+    /// makes the next one follow it. Without that the next one takes its place.
     [[nodiscard]] std::int32_t append(const PageMap& content,
                                       std::span<const JournalEntry> entries) noexcept;
     /// Makes the appended record count: to be called once the device's sync has succeeded.
@@ -113,6 +124,8 @@ class Journal {
     static constexpr std::uint64_t kRecordBytesMin = 128u << 10;
     /// No more is used, which bounds the time of a replay and the memory that it takes.
     static constexpr std::uint64_t kRecordBytesMax = 32u << 20;
+    /// Above this a sync of the device by itself is cheaper than a longer list.
+    static constexpr std::uint64_t kNamedPagesMax = 1024;
     static_assert((kBegin & (kBegin - 1)) == 0, "every driver looks at powers of two");
 
     Journal(std::shared_ptr<BlockDevice> device, LogFile log, std::uint64_t serial);
@@ -144,11 +157,12 @@ class Journal {
     /// Of the volume, in every record.
     std::uint64_t serial_;
     /// Where records end: with the file, or where kRecordBytesMax are used up.
-    std::uint64_t end_;      ///< bytes in $LogFile
-    std::uint64_t capacity_; ///< pages
+    std::uint64_t end_;           ///< bytes in $LogFile
+    std::uint64_t capacity_;      ///< pages
+    std::uint64_t namedCapacity_; ///< pages
     /// A random number of this session; 0 before the first.
     std::uint64_t session_ = 0;
-    std::uint32_t flags_ = 0;         ///< of all records of the session
+    std::uint16_t flags_ = 0;         ///< of all records of the session
     std::uint64_t sequence_ = 1;      ///< of the next record
     std::uint64_t position_ = kBegin; ///< of the next record, bytes in $LogFile
     /// A session is under way: $LogFile is not blank.

@@ -28,10 +28,10 @@ std::int32_t Journal::readRecord(std::uint64_t position, const LastRecord& last,
     // No checksum has been verified so far, so a damaged header may claim any count of pages. The
     // two limits keep the next read inside the file and its memory bounded.
     if (!record || !isNext || record->serial != serial_ || record->pages > capacity_ ||
-        position + JournalRecord::length(record->pages) * kPage > end_) {
+        record->named > namedCapacity_ || position + record->length() * kPage > end_) {
         return 0;
     }
-    whole.resize(JournalRecord::length(record->pages) * kPage);
+    whole.resize(record->length() * kPage);
     const std::uint64_t rest = whole.size() - kPage;
     const std::int32_t error =
         rest > 0 ? log_.read(whole.data() + kPage, position + kPage, rest) : 0;
@@ -73,9 +73,12 @@ std::int32_t Journal::readRecords(std::uint64_t end, JournaledPages& pages, Last
             break;
         }
         last = found.record;
-        const std::byte* content =
-            found.bytes.data() + JournalRecord::headerPages(last->pages) * kPage;
-        for (const JournalEntry& entry : *found.entries) {
+        const auto carried = found.entries->begin() + last->pages;
+        pages.last.assign(found.entries->begin(), carried);
+        pages.named.assign(carried, found.entries->end());
+        pages.lastPosition = position;
+        const std::byte* content = found.bytes.data() + last->headerPages() * kPage;
+        for (const JournalEntry& entry : pages.last) {
             // A later record supersedes an earlier one page by page, as its sync came later.
             auto& page = pages.content[entry.page];
             page = std::make_unique_for_overwrite<DevicePage>();
@@ -110,6 +113,21 @@ std::int32_t Journal::readPending(JournaledPages& pages) noexcept {
             isBegun_ = true;
         }
         return error;
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+}
+
+std::int32_t Journal::readWithoutLast(std::uint64_t lastPosition, JournaledPages& pages) noexcept {
+    TAVELIN_ASSERT(isBegun_);
+    const bool wasUnreadable = isUnreadable_;
+    try {
+        LastRecord last;
+        std::uint64_t position = kBegin;
+        const std::int32_t error = readRecords(lastPosition, pages, last, position);
+        // What lies behind has been read before, and was perhaps unreadable.
+        isUnreadable_ = isUnreadable_ || wasUnreadable;
+        return error == 0 && position != lastPosition ? EIO : error;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }

@@ -14,11 +14,12 @@ namespace {
 constexpr char kMagic[] = {'T', 'a', 'v', 'e', 'l', 'i', 'n', 'J'};
 // A record of any other version is not valid, so changing the format needs no code for the old one
 // beyond a raised number.
-constexpr std::uint32_t kFormatVersion = 2;
+constexpr std::uint32_t kFormatVersion = 3;
 constexpr std::uint64_t kAtChecksum = 8;
 constexpr std::uint64_t kAtVersion = 12;
 constexpr std::uint64_t kAtCount = 16;
 constexpr std::uint64_t kAtFlags = 20;
+constexpr std::uint64_t kAtNamed = 22;
 constexpr std::uint64_t kAtSerial = 24;
 constexpr std::uint64_t kAtSession = 32;
 constexpr std::uint64_t kAtSequence = 40;
@@ -69,8 +70,8 @@ JournalEntry entryAt(const std::byte* header, std::uint64_t index) noexcept {
 
 } // namespace
 
-std::uint64_t JournalRecord::headerBytes(std::uint64_t pages) noexcept {
-    return kAtList + pages * kEntryBytes;
+std::uint64_t JournalRecord::headerBytes(std::uint64_t entries) noexcept {
+    return kAtList + entries * kEntryBytes;
 }
 
 bool JournalRecord::hasMagic(const std::byte* page) noexcept {
@@ -84,7 +85,8 @@ std::optional<JournalRecord> JournalRecord::parse(const std::byte* header) noexc
         return std::nullopt;
     }
     return JournalRecord{.pages = static_cast<std::uint32_t>(get(header + kAtCount, 4)),
-                         .flags = static_cast<std::uint32_t>(get(header + kAtFlags, 4)),
+                         .flags = static_cast<std::uint16_t>(get(header + kAtFlags, 2)),
+                         .named = static_cast<std::uint16_t>(get(header + kAtNamed, 2)),
                          .serial = get(header + kAtSerial, 8),
                          .session = get(header + kAtSession, 8),
                          .sequence = get(header + kAtSequence, 8),
@@ -92,13 +94,14 @@ std::optional<JournalRecord> JournalRecord::parse(const std::byte* header) noexc
 }
 
 std::vector<std::byte> JournalRecord::encode(std::span<const JournalEntry> entries) const {
-    TAVELIN_ASSERT(entries.size() == pages);
+    TAVELIN_ASSERT(entries.size() == std::uint64_t{pages} + named);
     // Zeroed up to the end of its last page, so that equal records have equal bytes.
-    std::vector<std::byte> header(headerPages(pages) * LogFile::kPage);
+    std::vector<std::byte> header(headerPages() * LogFile::kPage);
     std::memcpy(header.data(), kMagic, sizeof kMagic);
     put(header.data() + kAtVersion, kFormatVersion, 4);
     put(header.data() + kAtCount, pages, 4);
-    put(header.data() + kAtFlags, flags, 4);
+    put(header.data() + kAtFlags, flags, 2);
+    put(header.data() + kAtNamed, named, 2);
     put(header.data() + kAtSerial, serial, 8);
     put(header.data() + kAtSession, session, 8);
     put(header.data() + kAtSequence, sequence, 8);
@@ -109,36 +112,42 @@ std::vector<std::byte> JournalRecord::encode(std::span<const JournalEntry> entri
     }
     // The content needs no checksum of its own: the list has those of every sector, and this one
     // covers the list. The field itself is still 0, as decode() makes it before it verifies.
-    put(header.data() + kAtChecksum, crc32c(header.data(), headerBytes(pages)), 4);
+    put(header.data() + kAtChecksum, crc32c(header.data(), headerBytes(entries.size())), 4);
     return header;
 }
 
 std::optional<std::vector<JournalEntry>> JournalRecord::decode(std::span<std::byte> whole,
                                                                std::uint64_t pageCount) const {
-    const std::uint64_t start = headerPages(pages) * LogFile::kPage;
+    const std::uint64_t count = std::uint64_t{pages} + named;
+    const std::uint64_t start = headerPages() * LogFile::kPage;
     TAVELIN_ASSERT(whole.size() == start + pages * LogFile::kPage);
     // As it was when the checksum was computed.
     put(whole.data() + kAtChecksum, 0, 4);
-    if (crc32c(whole.data(), headerBytes(pages)) != checksum) {
+    if (crc32c(whole.data(), headerBytes(count)) != checksum) {
         return std::nullopt;
     }
     // From here on the list is what was written. The page count is so, too, as it is under the
     // checksum.
     std::vector<JournalEntry> entries;
-    entries.reserve(pages);
+    entries.reserve(count);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const JournalEntry entry = entryAt(whole.data(), i);
+        // A record written by us is ascending and inside the device. One that is not, though its
+        // checksum is right, was made by somebody else, and a replay of it could write anywhere.
+        const bool isAscending = i == 0 || i == pages || entry.page > entries.back().page;
+        if (entry.page >= pageCount || !isAscending) {
+            return std::nullopt;
+        }
+        entries.push_back(entry);
+    }
     for (std::uint64_t i = 0; i < pages; ++i) {
         std::byte* const content = whole.data() + start + i * LogFile::kPage;
         // The checksums are of the plain content.
         const Escaped clear = escaped(content);
         std::memcpy(content, clear.data(), clear.size());
-        const JournalEntry entry = entryAt(whole.data(), i);
-        // A record written by us is ascending and inside the device. One that is not, though its
-        // checksum is right, was made by somebody else, and a replay of it could write anywhere.
-        const bool isAscending = i == 0 || entry.page > entries.back().page;
-        if (entry.page >= pageCount || !isAscending || sectorSums(content) != entry.after) {
+        if (sectorSums(content) != entries[i].after) {
             return std::nullopt;
         }
-        entries.push_back(entry);
     }
     return entries;
 }

@@ -12,6 +12,23 @@
 
 namespace tavelin {
 
+namespace {
+
+// Copies what waits over what was read from the home locations, which is older.
+void overlay(const PageMap& pages, std::byte* destination, std::uint64_t offset,
+             std::uint64_t length) noexcept {
+    for (auto page = pages.lower_bound(offset / LogFile::kPage);
+         page != pages.end() && page->first * LogFile::kPage < offset + length; ++page) {
+        const std::uint64_t start = page->first * LogFile::kPage;
+        const std::uint64_t from = std::max(start, offset);
+        const std::uint64_t to = std::min(start + LogFile::kPage, offset + length);
+        std::memcpy(destination + (from - offset), page->second->data() + (from - start),
+                    to - from);
+    }
+}
+
+} // namespace
+
 std::int32_t JournaledDevice::readWithoutLog(std::byte* destination, std::uint64_t offset,
                                              std::uint64_t length) noexcept {
     // Only a $LogFile with a sector that cannot be read is read around. The library reads the file
@@ -54,26 +71,21 @@ std::int32_t JournaledDevice::read(std::byte* destination, std::uint64_t offset,
             sums_.note(at / kPage, destination + (at - offset));
         }
     }
-    // Pending content is newer than the home location, so it is copied over what was read.
-    for (auto page = pending_.lower_bound(offset / kPage);
-         page != pending_.end() && page->first * kPage < offset + length; ++page) {
-        const std::uint64_t start = page->first * kPage;
-        const std::uint64_t from = std::max(start, offset);
-        const std::uint64_t to = std::min(start + kPage, offset + length);
-        std::memcpy(destination + (from - offset), page->second->data() + (from - start),
-                    to - from);
-    }
+    overlay(fileData_, destination, offset, length);
+    overlay(pending_, destination, offset, length);
     return 0;
 }
 
 std::uint64_t JournaledDevice::nextJournaled(std::uint64_t page) const noexcept {
-    // Both must be asked: a page can be pending and not in a record yet, or in a record and home
+    // All must be asked: a page can be pending and not in a record yet, or in a record and home
     // already.
     const auto from = [&](const auto& pages) {
         const auto found = pages.lower_bound(page);
         return found == pages.end() ? UINT64_MAX : found->first;
     };
-    return std::min(from(pending_), from(inJournal_));
+    const auto named = std::lower_bound(named_.begin(), named_.end(), page);
+    return std::min({from(pending_), from(inJournal_), from(fileData_),
+                     named == named_.end() ? UINT64_MAX : *named});
 }
 
 std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offset,
@@ -98,23 +110,72 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
         // A page that a valid record has must not change behind the journal's back: a replay would
         // bring the record's content back, or find a stranger's and refuse.
         const std::uint64_t journaled = nextJournaled(at / kPage);
-        const bool isJournaled = journaled == at / kPage;
-        const std::uint64_t last = isJournaled ? journaled + 1 : journaled;
+        const bool goesAround = journaled != at / kPage;
+        const std::uint64_t last = goesAround ? journaled : journaled + 1;
         const std::uint64_t next = last > end / kPage ? end : last * kPage;
         const std::byte* const from = source + (at - offset);
         // From here on the next record must wait for a sync of the device, as it may make these
         // clusters reachable. The remembered checksums go before the write: it may fail half-way.
-        if (!isJournaled) {
+        if (goesAround) {
             bypassedSinceSync_ = true;
             sums_.forget(at, next - at);
         }
         const std::int32_t error =
-            isJournaled ? buffer(from, at, next - at) : inner_->write(from, at, next - at);
+            goesAround ? inner_->write(from, at, next - at) : buffer(from, at, next - at);
         if (error != 0) {
             return error;
         }
         at = next;
     }
+    return 0;
+}
+
+bool JournaledDevice::isJournaled(std::uint64_t page) const noexcept {
+    return inJournal_.contains(page) || std::binary_search(named_.begin(), named_.end(), page);
+}
+
+std::int32_t JournaledDevice::writeFileData(const std::byte* source, std::uint64_t offset,
+                                            std::uint64_t length) noexcept {
+    if (!isOn_ || offset % kPage != 0 || length % kPage != 0) {
+        return write(source, offset, length);
+    }
+    TAVELIN_ASSERT(length > 0 && offset + length <= size());
+    if (journal_->overlaps(offset, length)) {
+        return EIO; // see write()
+    }
+    try {
+        for (std::uint64_t done = 0; done < length; done += kPage) {
+            if (const auto error = keepFileData((offset + done) / kPage, source + done);
+                error != 0) {
+                return error;
+            }
+        }
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+}
+
+std::int32_t JournaledDevice::keepFileData(std::uint64_t page, const std::byte* source) {
+    // A page that waits for a record stays with it, so that it waits in one place only.
+    if (pending_.contains(page) || isJournaled(page)) {
+        return bufferPart(page, source, 0, kPage);
+    }
+    if (const auto waiting = fileData_.find(page); waiting != fileData_.end()) {
+        std::memcpy(waiting->second->data(), source, kPage);
+        return 0;
+    }
+    if (fileData_.size() >= journal_->namedCapacity()) {
+        // File data may be home at any time before the record. Unnamed, it must be synced first.
+        bypassedSinceSync_ = true;
+        if (const std::int32_t error = writePages(fileData_); error != 0) {
+            return error;
+        }
+        fileData_.clear();
+    }
+    auto content = std::make_unique_for_overwrite<DevicePage>();
+    std::memcpy(content->data(), source, kPage);
+    fileData_.emplace(page, std::move(content));
     return 0;
 }
 
@@ -147,15 +208,21 @@ std::int32_t JournaledDevice::bufferPart(std::uint64_t page, const std::byte* so
                 return error;
             }
         }
-        auto content = std::make_unique<DevicePage>();
-        const std::uint64_t whole = pageBytes(*this, page);
-        if (length < whole) {
-            const auto error = inner_->read(content->data(), page * kPage, whole);
-            if (error != 0) {
-                return error;
+        if (auto data = fileData_.extract(page); !data.empty()) {
+            // The page is file data no more, or the write is no whole page of it. What waited for
+            // it goes with the record now.
+            waiting = pending_.insert(std::move(data)).position;
+        } else {
+            auto content = std::make_unique<DevicePage>();
+            const std::uint64_t whole = pageBytes(*this, page);
+            if (length < whole) {
+                const auto error = inner_->read(content->data(), page * kPage, whole);
+                if (error != 0) {
+                    return error;
+                }
             }
+            waiting = pending_.emplace(page, std::move(content)).first;
         }
-        waiting = pending_.emplace(page, std::move(content)).first;
     }
     TAVELIN_ASSERT(inPage + length <= kPage);
     std::memcpy(waiting->second->data() + inPage, source, length);
@@ -170,10 +237,17 @@ void JournaledDevice::checkInvariants() const noexcept {
     TAVELIN_ASSERT(!checkpointPending_ || !pending_.empty());
     // Pages can only be in valid records while a session is under way.
     TAVELIN_ASSERT(inJournal_.empty() || (isOn_ && journal_->isBegun()));
+    // More could not be named by one record.
+    TAVELIN_ASSERT(fileData_.empty() || (isOn_ && fileData_.size() <= journal_->namedCapacity()));
+    TAVELIN_ASSERT(named_.empty() || (isOn_ && journal_->isBegun()));
     if constexpr (kAssertions) {
         for (const auto& [page, content] : pending_) {
             TAVELIN_ASSERT(content != nullptr && page * kPage < size());
             TAVELIN_ASSERT(!journal_->overlaps(page * kPage, kPage));
+        }
+        for (const auto& [page, content] : fileData_) {
+            TAVELIN_ASSERT(content != nullptr && (page + 1) * kPage <= size());
+            TAVELIN_ASSERT(!isJournaled(page) && !journal_->overlaps(page * kPage, kPage));
         }
         for (const auto& [page, sums] : inJournal_) {
             TAVELIN_ASSERT(page * kPage < size());

@@ -6,10 +6,13 @@
 /// they stay, so where they belong they may arrive whenever the device likes; before the journal
 /// begins again at its start the device is asked to sync.
 ///
-/// Large writes of file data go straight to the device, so that they are not written twice. They
-/// are synced before a record is written that may tell of the clusters they are in: one more sync
-/// of the device, but only then. A page that the journal has goes through it again, or its old
-/// content would come back over the new.
+/// File data is not written twice. Small pieces wait as well, and the sync writes them where they
+/// belong just before the record, which names them by their checksums: the device's sync carries
+/// both, and a record whose file data has not arrived is not replayed. Large pieces go straight to
+/// the device, and so does what is too much to name; they are synced before a record is written
+/// that may tell of the clusters they are in: one more sync of the device, but only then. A page
+/// that the journal carries goes through it again, or its old content would come back over the new;
+/// so does one that the last record names, which the record would miss.
 ///
 /// The journal is begun by the first sync that has something to write and ended by settle(), when
 /// the volume has been idle: a device that is pulled out then has nothing of ours in $LogFile, and
@@ -42,7 +45,9 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 namespace tavelin {
 
@@ -86,6 +91,10 @@ class JournaledDevice final : public BlockDevice {
     /// Keeps the bytes in memory until sync(), but for bulk data.
     [[nodiscard]] std::int32_t write(const std::byte* source, std::uint64_t offset,
                                      std::uint64_t length) noexcept override;
+    /// Keeps the bytes in memory until sync(), or brings them home when they are too many: before
+    /// the record that makes them reachable.
+    [[nodiscard]] std::int32_t writeFileData(const std::byte* source, std::uint64_t offset,
+                                             std::uint64_t length) noexcept override;
     /// Commits everything pending as one record. On success it is durable, though perhaps not home.
     [[nodiscard]] std::int32_t sync() noexcept override;
     /// Pending pages, and how many of them one record carries.
@@ -116,7 +125,13 @@ class JournaledDevice final : public BlockDevice {
     /// Reads around $LogFile, which shows as blank.
     [[nodiscard]] std::int32_t readWithoutLog(std::byte* destination, std::uint64_t offset,
                                               std::uint64_t length) noexcept;
-    /// The first page from `page` on that waits or that the journal has.
+    /// Whether anything written has not been synced.
+    [[nodiscard]] bool hasUnsynced() const noexcept {
+        return !pending_.empty() || !fileData_.empty() || bypassedSinceSync_;
+    }
+    /// Whether file data may not be written to a page around the journal.
+    [[nodiscard]] bool isJournaled(std::uint64_t page) const noexcept;
+    /// The first page from `page` on that waits, or of which isJournaled().
     [[nodiscard]] std::uint64_t nextJournaled(std::uint64_t page) const noexcept;
     /// Copies a write into pending_, page by page.
     [[nodiscard]] std::int32_t buffer(const std::byte* source, std::uint64_t offset,
@@ -125,6 +140,8 @@ class JournaledDevice final : public BlockDevice {
     /// new.
     [[nodiscard]] std::int32_t bufferPart(std::uint64_t page, const std::byte* source,
                                           std::uint64_t inPage, std::uint64_t length);
+    /// Takes one page of file data.
+    [[nodiscard]] std::int32_t keepFileData(std::uint64_t page, const std::byte* source);
     /// Pages that may be pending. The flag's pages find room in the record besides.
     [[nodiscard]] std::uint64_t capacity() const noexcept {
         return journal_->capacity() - kFlagPagesMax;
@@ -157,16 +174,21 @@ class JournaledDevice final : public BlockDevice {
     [[nodiscard]] std::int32_t leaveJournal() noexcept;
     /// Writes what is pending as one record, syncs, and writes the pages home.
     [[nodiscard]] std::int32_t commit() noexcept;
+    /// After a commit: writes its pages home. Throws std::bad_alloc.
+    [[nodiscard]] std::int32_t bringHome(std::span<const JournalEntry> carried);
     /// Lists what waits, with the checksums of what it will replace and of itself.
     [[nodiscard]] std::int32_t describePending(std::vector<JournalEntry>& entries);
+    /// Adds the file data, which is home but not synced.
+    void nameFileData(std::vector<JournalEntry>& entries, std::vector<std::uint64_t>& named);
     /// Reads the home locations of the entries from `first` on that `isKnown` has not, in runs.
     [[nodiscard]] std::int32_t sumHome(std::vector<JournalEntry>& entries,
                                        const std::vector<bool>& isKnown);
     /// Writes the flag's pages, and syncs.
     [[nodiscard]] std::int32_t writeFlagHome(const PageMap& pages) noexcept;
-    /// Writes pages where they belong, those of a flag that is not there yet first. What is known
-    /// of the places is forgotten.
+    /// Writes what a record has where it belongs, the pages of a flag that is not there yet first.
     [[nodiscard]] std::int32_t writeHome(const PageMap& pages) noexcept;
+    /// Writes pages where they belong. What is known of the places is forgotten.
+    [[nodiscard]] std::int32_t writePages(const PageMap& pages, bool exceptFlag = false) noexcept;
     /// After a home write that failed: brings every page of the committed records home.
     [[nodiscard]] std::int32_t finishHomeWrites() noexcept;
     /// Brings every page of the records home, syncs, and makes room for new records.
@@ -184,6 +206,10 @@ class JournaledDevice final : public BlockDevice {
     bool expectsBulkData_ = false;
     bool bypassedSinceSync_ = false; ///< file data was written since the device last synced
     PageMap pending_; ///< waiting for sync(), or, without begin(), seen by reads only
+    /// File data that waits for sync(): none of these pages is pending, or isJournaled().
+    PageMap fileData_;
+    /// Pages of file data that the last valid record names, in ascending order.
+    std::vector<std::uint64_t> named_;
     /// Pages that valid records have and that are home, or pending too; what the last of the
     /// records made them.
     std::map<std::uint64_t, SectorSums> inJournal_;

@@ -1,4 +1,4 @@
-// Committing what is pending as one record.
+// Committing what waits as one record.
 #include "core/journal/journaled_device.hpp"
 #include "core/journal/page_reader.hpp"
 #include "platform/assert.hpp"
@@ -11,17 +11,22 @@
 namespace tavelin {
 
 std::int32_t JournaledDevice::sync() noexcept {
-    if (!isOn_ || pending_.empty() || bypassedSinceSync_) {
-        // Three cases need the device's own sync here: no journal, nothing to commit but earlier
-        // writes to make durable, and bulk data, which must be durable before a record makes it
-        // reachable.
-        const std::int32_t error = inner_->sync();
-        // After a failed sync the data may not be durable, so the next sync starts here again and
-        // no record is written meanwhile.
-        bypassedSinceSync_ = bypassedSinceSync_ && error != 0;
-        if (error != 0 || !isOn_) {
+    if (!isOn_) {
+        return inner_->sync();
+    }
+    if (pending_.empty() || bypassedSinceSync_) {
+        // Two cases need the device's own sync here: no record to write, and file data that no
+        // record will name, which must be durable before one makes it reachable.
+        if (const std::int32_t error = writePages(fileData_); error != 0) {
             return error;
         }
+        // After a failed sync the data may not be durable, so the next sync starts here again and
+        // no record is written meanwhile.
+        if (const std::int32_t error = inner_->sync(); error != 0) {
+            return error;
+        }
+        bypassedSinceSync_ = false;
+        fileData_.clear();
     }
     if (pending_.empty()) {
         return 0;
@@ -89,7 +94,7 @@ std::int32_t JournaledDevice::sumHome(std::vector<JournalEntry>& entries,
 
 std::int32_t JournaledDevice::describePending(std::vector<JournalEntry>& entries) {
     std::vector<bool> isKnown;
-    entries.reserve(pending_.size());
+    entries.reserve(pending_.size() + fileData_.size());
     isKnown.reserve(pending_.size());
     for (const auto& [page, content] : pending_) {
         const auto journaled = inJournal_.find(page);
@@ -108,6 +113,17 @@ std::int32_t JournaledDevice::describePending(std::vector<JournalEntry>& entries
     return sumHome(entries, isKnown);
 }
 
+void JournaledDevice::nameFileData(std::vector<JournalEntry>& entries,
+                                   std::vector<std::uint64_t>& named) {
+    named.reserve(fileData_.size());
+    for (const auto& [page, content] : fileData_) {
+        // What was there before is of no interest: nothing will ever be put back or replaced there.
+        entries.push_back({.page = page, .before = {}, .after = sectorSums(content->data())});
+        named.push_back(page);
+        sums_.note(page, entries.back().after);
+    }
+}
+
 std::int32_t JournaledDevice::commit() noexcept {
     TAVELIN_ASSERT(!pending_.empty() && pending_.size() <= journal_->capacity());
     try {
@@ -116,7 +132,7 @@ std::int32_t JournaledDevice::commit() noexcept {
         }
         // Room is made by declaring the old records obsolete, which requires their pages to be home
         // and durable.
-        if (!journal_->fits(pending_.size())) {
+        if (!journal_->fits(pending_.size(), fileData_.size())) {
             if (const std::int32_t error = reset(); error != 0) {
                 return error;
             }
@@ -127,6 +143,15 @@ std::int32_t JournaledDevice::commit() noexcept {
         if (const std::int32_t error = describePending(entries); error != 0) {
             return error;
         }
+        // The file data goes first, and the sync below carries both. The device may keep the record
+        // alone, if the power goes: by the checksums it is then known not to be whole. The dirty
+        // flag may still be missing at home: it tells of structures that contradict each other, and
+        // file data changes none.
+        if (const std::int32_t error = writePages(fileData_); error != 0) {
+            return error;
+        }
+        std::vector<std::uint64_t> named;
+        nameFileData(entries, named);
         // A cut during the append leaves a record that is not whole, which ends the journal before
         // it.
         if (const std::int32_t error = journal_->append(pending_, entries); error != 0) {
@@ -138,26 +163,36 @@ std::int32_t JournaledDevice::commit() noexcept {
             return error;
         }
         journal_->commit();
-        // The sync has succeeded although pages may still fail to go home. Until all of them are
-        // there none may leave pending_: reads are answered from it, and a failed home write is
-        // repeated from it.
-        checkpointPending_ = true;
-        for (const JournalEntry& entry : entries) {
-            // Bulk writes to these pages must go through the journal from now on, or a replay would
-            // undo them.
-            inJournal_[entry.page] = entry.after;
-        }
-        // Without a sync of the device behind it: the record covers these pages until reset() has
-        // synced them.
-        if (const std::int32_t error = writeHome(pending_); error != 0) {
-            return error;
-        }
-        for (const JournalEntry& entry : entries) {
-            // The home location now has this content, so a later change of the page needs no read.
-            sums_.note(entry.page, entry.after);
-        }
+        // The record before may now lose the data that it names. The new one may not, until the
+        // next has been synced.
+        named_.swap(named);
+        fileData_.clear();
+        entries.resize(pending_.size());
+        return bringHome(entries);
     } catch (const std::bad_alloc&) {
         return ENOMEM;
+    }
+}
+
+std::int32_t JournaledDevice::bringHome(std::span<const JournalEntry> carried) {
+    TAVELIN_ASSERT(carried.size() == pending_.size());
+    // The sync has succeeded although pages may still fail to go home. Until all of them are there
+    // none may leave pending_: reads are answered from it, and a failed home write is repeated from
+    // it.
+    checkpointPending_ = true;
+    for (const JournalEntry& entry : carried) {
+        // Bulk writes to these pages must go through the journal from now on, or a replay would
+        // undo them.
+        inJournal_[entry.page] = entry.after;
+    }
+    // Without a sync of the device behind it: the record covers these pages until reset() has
+    // synced them.
+    if (const std::int32_t error = writeHome(pending_); error != 0) {
+        return error;
+    }
+    for (const JournalEntry& entry : carried) {
+        // The home location now has this content, so a later change of the page needs no read.
+        sums_.note(entry.page, entry.after);
     }
     // The record is home. A sync that follows starts with nothing pending.
     pending_.clear();

@@ -80,6 +80,7 @@ std::int32_t JournaledDevice::putFlag(bool isDirty) noexcept {
                 return static_cast<JournaledDevice*>(device)->buffer(
                     static_cast<const std::byte*>(from), offset, length);
             },
+        .write_data = nullptr,
         .sync = nullptr,
         .size = size(),
         .block_size = blockSize()};
@@ -113,6 +114,7 @@ std::int32_t JournaledDevice::endSession() noexcept {
         return error;
     }
     inJournal_.clear();
+    named_.clear();
     // Everything is home and durable, so the flag goes back to what it was. That comes before the
     // last record goes: after a cut in between, the record tells the next mount to do it again. The
     // sync in end() makes it durable.
@@ -209,7 +211,11 @@ std::int32_t JournaledDevice::writeHome(const PageMap& pages) noexcept {
     if (const std::int32_t error = writesFlag ? writeFlagHome(pages) : 0; error != 0) {
         return error;
     }
-    const auto isHome = [&](std::uint64_t page) { return writesFlag && isFlagPage(page); };
+    return writePages(pages, writesFlag);
+}
+
+std::int32_t JournaledDevice::writePages(const PageMap& pages, bool exceptFlag) noexcept {
+    const auto isHome = [&](std::uint64_t page) { return exceptFlag && isFlagPage(page); };
     try {
         std::vector<std::span<const std::byte>> run;
         for (auto page = pages.begin(); page != pages.end();) {
@@ -265,8 +271,10 @@ std::int32_t JournaledDevice::reset() noexcept {
     if (const std::int32_t error = journal_->reset(); error != 0) {
         return error;
     }
-    // No record is valid any more, so nothing can be replayed over a bulk write.
+    // No record is valid any more, so nothing can be replayed over a bulk write, and no record
+    // misses the data that it names.
     inJournal_.clear();
+    named_.clear();
     return 0;
 }
 

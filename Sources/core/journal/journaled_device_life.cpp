@@ -33,7 +33,9 @@ void JournaledDevice::forgetReplay() noexcept {
     isMarked_ = isMarkHome_ = keepsFlag_ = needsFlag_ = marksAlone_ = isBusy_ = isMarkOurs_ =
         isAbandoned_ = false;
     pending_.clear();
+    fileData_.clear();
     inJournal_.clear();
+    named_.clear();
     journal_.reset();
     absence_ = JournalAbsence::none;
     recovered_ = 0;
@@ -56,6 +58,9 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
         // Every place is checked before any is written: a replay that stopped half-way at a foreign
         // page would leave a mixture that neither system made.
         error = findForeignPage(*inner_, found, foreign);
+    }
+    if (error == 0 && journal_ && !foreign) {
+        error = leaveOutUnfinished(*inner_, *journal_, found);
     }
     if (error != 0) {
         tell([&] { log().error(fmt::format("journal: cannot be read, errno {}", error)); });
@@ -169,8 +174,7 @@ std::int32_t JournaledDevice::begin() noexcept {
 }
 
 bool JournaledDevice::isSettled() const noexcept {
-    const bool isIdle =
-        isOn_ ? pending_.empty() && !bypassedSinceSync_ && !journal_->isBegun() : !isBusy_;
+    const bool isIdle = isOn_ ? !hasUnsynced() && !journal_->isBegun() : !isBusy_;
     return isIdle && !needsFlag_;
 }
 
@@ -207,13 +211,13 @@ std::int32_t JournaledDevice::settle() noexcept {
 }
 
 std::int32_t JournaledDevice::settleJournaled() noexcept {
-    if (!pending_.empty() || bypassedSinceSync_) {
+    if (hasUnsynced()) {
         if (const std::int32_t error = sync(); error != 0) {
             return error;
         }
     }
     // A sync that succeeded has brought every page home, so the records may go.
-    TAVELIN_ASSERT(pending_.empty() && !checkpointPending_);
+    TAVELIN_ASSERT(!hasUnsynced() && !checkpointPending_);
     if (!journal_->isBegun()) {
         return 0;
     }
@@ -248,12 +252,16 @@ std::int32_t JournaledDevice::abandonJournal() noexcept {
         return error;
     }
     inJournal_.clear();
+    named_.clear();
     isAbandoned_ = true;
     return leaveJournal();
 }
 
 std::int32_t JournaledDevice::leaveJournal() noexcept {
     TAVELIN_ASSERT(isAbandoned_);
+    if (const std::int32_t error = writePages(fileData_); error != 0) {
+        return error;
+    }
     if (const std::int32_t error = writeHome(pending_); error != 0) {
         return error;
     }
@@ -261,6 +269,7 @@ std::int32_t JournaledDevice::leaveJournal() noexcept {
         return error;
     }
     pending_.clear();
+    fileData_.clear();
     readsSectors_ = isOn_ = isAbandoned_ = false;
     hidesLog_ = marksAlone_ = isBusy_ = true;
     absence_ = JournalAbsence::unreadable;

@@ -20,8 +20,13 @@ constexpr uint64_t kSets = ntb::page_cache::full_set_count;
 // A device with the cache in front of it.
 struct CachedDevice {
     explicit CachedDevice(uint64_t size, uint32_t blockSize = 512)
-        : memory(std::vector<uint8_t>(size), blockSize), context(memory.io(), false, stats) {
+        : memory(takingFileData(size, blockSize)), context(memory.io(), false, stats) {
         EXPECT_TRUE(context.cache.enable());
+    }
+    static MemoryIo takingFileData(uint64_t size, uint32_t blockSize) {
+        MemoryIo made(std::vector<uint8_t>(size), blockSize);
+        made.takeFileData();
+        return made;
     }
 
     int32_t fill(uint64_t offset, uint64_t count, uint8_t value) {
@@ -73,6 +78,25 @@ TEST(PageCache, AVictimThatCannotBeWrittenStaysAndTheNewPageGoesThrough) {
     for (uint64_t way = 0; way < 9; ++way) {
         EXPECT_EQ(device.memory.bytes()[way * kSets * kPage + kPage - 1], way + 1);
     }
+}
+
+TEST(PageCache, WritesFileDataApartUntilThePageIsWrittenAgain) {
+    CachedDevice device(64 * kPage);
+    ASSERT_EQ(device.fill(0, 8 * kPage, 1), 0);
+    // Only whole pages: the ends may be another's.
+    device.context.mark_file_data(5 * kPage + 2, 2 * kPage - 1);
+    device.context.mark_file_data(2 * kPage, 20 * kPage); // not cached
+    ASSERT_EQ(device.fill(4 * kPage + 9, 3, 2), 0);
+    ASSERT_EQ(device.context.flush(), 0);
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 0, 2 * kPage},
+                                              {Kind::kWriteData, 2 * kPage, 2 * kPage},
+                                              {Kind::kWrite, 4 * kPage, kPage},
+                                              {Kind::kWriteData, 5 * kPage, 2 * kPage},
+                                              {Kind::kWrite, 7 * kPage, kPage}}));
+    device.context.mark_file_data(kPage, 0); // is clean, and metadata when it is written again
+    ASSERT_EQ(device.fill(0, kPage, 3), 0);
+    ASSERT_EQ(device.context.flush(), 0);
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 0, kPage}}));
 }
 
 // Twelve pages of one set, which has room for eight, so that changed pages are evicted in between.

@@ -53,7 +53,7 @@ class Disk final : public BlockDevice {
         return error;
     }
     std::int32_t sync() noexcept override {
-        const std::int32_t error = trouble();
+        const std::int32_t error = isSyncFailing ? EIO : trouble();
         if (error == 0) {
             events.push_back({true, 0, {}});
         }
@@ -65,8 +65,9 @@ class Disk final : public BlockDevice {
     Bytes image;
     std::vector<DiskEvent> events;
     std::uint64_t room = 0;
-    std::uint64_t callsToFailure = 0;   // 1: the next call fails, once; 0: none
-    bool failsReads = true;             // whether reads are among these calls
+    std::uint64_t callsToFailure = 0; // 1: the next call fails, once; 0: none
+    bool failsReads = true;           // whether reads are among these calls
+    bool isSyncFailing = false;
     std::set<std::uint64_t> lost;       // sectors that cannot be read
     bool isHealing = true;              // until they are written
     std::set<std::uint64_t> unwritable; // sectors that can be read
@@ -99,6 +100,12 @@ struct Volume {
 inline const Volume& volume() {
     static const Volume once;
     return once;
+}
+
+inline constexpr std::uint64_t kRecords = 64u << 10; // where records begin in $LogFile
+
+inline std::byte& logByte(Disk& disk, std::uint64_t offset) {
+    return disk.image.at(volume().log.offset + offset);
 }
 
 inline bool isDirty(const std::shared_ptr<Disk>& disk) {

@@ -10,12 +10,6 @@
 namespace tavelin::test {
 namespace {
 
-constexpr std::uint64_t kRecords = 64u << 10; // where records begin in $LogFile
-
-std::byte& logByte(Disk& disk, std::uint64_t offset) {
-    return disk.image.at(volume().log.offset + offset);
-}
-
 bool isLogBlank(const Disk& disk) {
     const auto begin = disk.image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset);
     return std::all_of(begin, begin + static_cast<std::ptrdiff_t>(volume().log.length),
@@ -97,10 +91,62 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
     }
 }
 
+// The last record names file data that was to reach the disk with it.
+TEST(Replay, LeavesOutTheLastFlushWithoutItsFileData) {
+    struct Case {
+        const char* what;
+        std::function<void(Disk&)> change;
+        bool isComplete;
+    };
+    const auto place = [](std::uint64_t page) { return (volume().work + page) * kPage; };
+    const auto edit = [](std::uint64_t at) {
+        return [=](Disk& disk) { disk.image.at(at) ^= std::byte{1}; };
+    };
+    const std::vector<Case> cases{
+        {"all of it is there", [](Disk&) {}, true},
+        {"its first sector is not", edit(place(11)), false},
+        {"its last sector is not", edit(place(13) - 1), false},
+        {"a sector cannot be read", [&](Disk& d) { d.lost.insert(place(12) / kSector); }, true},
+        {"that of the flush before was changed since", edit(place(10)), true},
+        {"it was changed after the flush had begun to go home",
+         [&](Disk& disk) {
+             edit(place(11))(disk);
+             const Bytes content = pagesOf(6, 1);
+             std::copy_n(content.begin(), kSector, &disk.image.at(place(2)));
+         },
+         true},
+    };
+    for (const auto& [what, change, isComplete] : cases) {
+        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto device = mounted(disk);
+        disk->failsReads = false;
+        for (const std::uint64_t round : {0, 1}) {
+            writePages(*device, 5 + round, 2 * round, 1);
+            const Bytes data = pagesOf(50 + round, 1 + round);
+            EXPECT_EQ(device->writeFileData(data.data(), place(10 + round), data.size()), 0);
+            disk->callsToFailure = 4; // the data, the record, the device's sync, the pages
+            EXPECT_EQ(device->sync(), EIO);
+            disk->callsToFailure = 0;
+        }
+        change(*disk);
+        for (const bool readOnly : {true, false}) {
+            JournaledDevice next(disk);
+            ASSERT_EQ(next.replay(readOnly), 0) << what;
+            EXPECT_EQ(next.recovered(), (isComplete ? 2u : 1u) + kFlagPages) << what;
+            EXPECT_FALSE(next.wasRefused()) << what;
+            Bytes seen(3 * kPage);
+            ASSERT_EQ(next.read(seen.data(), place(0), seen.size()), 0) << what;
+            EXPECT_EQ(valueAt(seen, 0), 5u) << what;
+            EXPECT_EQ(valueAt(seen, 2 * kPage) == 6, isComplete) << what;
+        }
+        EXPECT_TRUE(isLogBlank(*disk)) << what;
+    }
+}
+
 // Records that a lap or a session before left behind the valid ones.
 TEST(Replay, StopsAtRecordsThatDoNotFollow) {
-    const std::uint64_t length = JournalRecord::length(1) * kPage;
-    const std::uint64_t second = kRecords + JournalRecord::length(1 + kFlagPages) * kPage;
+    const std::uint64_t length = JournalRecord::length(1, 0) * kPage;
+    const std::uint64_t second = kRecords + JournalRecord::length(1 + kFlagPages, 0) * kPage;
     const auto recordAt = [&](const Disk& disk, std::uint64_t index) {
         const auto from =
             disk.image.begin() +
