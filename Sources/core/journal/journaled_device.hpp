@@ -155,9 +155,12 @@ class JournaledDevice final : public BlockDevice {
     /// Changes the flag on the device, or in what is pending. Nothing where a volume has none.
     [[nodiscard]] std::int32_t writeFlag(bool isDirty) noexcept;
     [[nodiscard]] std::int32_t putFlag(bool isDirty) noexcept;
-    /// Begins a session of the journal unless one is under way, and has the next record set the
-    /// flag, or not clear it.
+    /// Begins a session of the journal unless one is under way.
     [[nodiscard]] std::int32_t beginSession() noexcept;
+    /// Of the pages with the flag, how many are not pending.
+    [[nodiscard]] std::uint64_t missingFlagPages() const noexcept;
+    /// Has the next record set the flag, or not clear it. Throws std::bad_alloc.
+    [[nodiscard]] std::int32_t carryFlag();
     /// Ends the session, with the flag as it was found. Every page is home and synced.
     [[nodiscard]] std::int32_t endSession() noexcept;
     /// Of a volume without a journal: sets the flag before the first write of a busy period.

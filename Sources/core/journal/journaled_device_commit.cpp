@@ -132,10 +132,13 @@ std::int32_t JournaledDevice::commit() noexcept {
         }
         // Room is made by declaring the old records obsolete, which requires their pages to be home
         // and durable.
-        if (!journal_->fits(pending_.size(), fileData_.size())) {
+        if (!journal_->fits(pending_.size() + missingFlagPages(), fileData_.size())) {
             if (const std::int32_t error = reset(); error != 0) {
                 return error;
             }
+        }
+        if (const std::int32_t error = carryFlag(); error != 0) {
+            return error;
         }
         // The checksums are taken after the reset: it may write home what a failed home write left
         // out, and so change what the new record replaces.

@@ -100,13 +100,30 @@ std::int32_t JournaledDevice::beginSession() noexcept {
             return error;
         }
     }
+    return 0;
+}
+
+std::uint64_t JournaledDevice::missingFlagPages() const noexcept {
+    const auto missing = std::count_if(flagPages_.begin(), flagPages_.end(),
+                                       [&](auto page) { return !pending_.contains(page); });
+    return static_cast<std::uint64_t>(missing);
+}
+
+std::int32_t JournaledDevice::carryFlag() {
     if (!isMarked_) {
         return 0;
     }
+    // The first record of each lap carries the flag's pages, changed or not. Replay clears the flag
+    // of a session that set it, and so must learn whether another system has written there.
+    for (const std::uint64_t page : flagPages_) {
+        const std::byte nothing{};
+        const bool isMissing = inJournal_.empty() && journal_->setsDirtyFlag();
+        if (const auto error = isMissing ? bufferPart(page, &nothing, 0, 0) : 0; error != 0) {
+            return error;
+        }
+    }
     // The library knows nothing of the flag: what it writes of these records must not clear it.
-    const bool isTouched = std::any_of(flagPages_.begin(), flagPages_.end(),
-                                       [&](auto page) { return pending_.contains(page); });
-    return isMarkHome_ && !isTouched ? 0 : putFlag(true);
+    return isMarkHome_ && missingFlagPages() == flagPages_.size() ? 0 : putFlag(true);
 }
 
 std::int32_t JournaledDevice::endSession() noexcept {
@@ -183,8 +200,7 @@ std::int32_t JournaledDevice::settleUnjournaled() noexcept {
 // ---- Home locations ----------------------------------------------------------------------------
 
 std::int32_t JournaledDevice::writeFlagHome(const PageMap& pages) noexcept {
-    // Other systems must learn that the volume may hold half a flush before it does. In later laps
-    // of the journal the flag is home already, and the records need not have it.
+    // Other systems must learn that the volume may hold half a flush before it does.
     bool isAny = false;
     for (const std::uint64_t number : flagPages_) {
         const auto page = pages.find(number);

@@ -70,6 +70,30 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
     }
 }
 
+// A neighbour that marks the volume too changes more of the record than the flag. In every lap of
+// the journal that must be seen, or the replay clears what it set.
+TEST(DirtyFlag, StaysWhereANeighbourWroteItsRecord) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    ntb_extent records[2];
+    {
+        DeviceBox box(disk);
+        const ntb_io io = makeIO(box);
+        ASSERT_EQ(ntb_volume_records(&io, records), 0);
+    }
+    for (const std::uint64_t flush : {1, 2, 3, 4}) { // two of them are more than a lap
+        writePages(*device, flush, 0, device->backlog().capacity / 2 + 1);
+        ASSERT_EQ(device->sync(), 0);
+        const auto after = std::make_shared<Disk>(disk->image);
+        constexpr std::uint64_t sequenceNumber = 8; // of Windows' journal
+        after->image.at(records[0].offset + sequenceNumber) ^= std::byte{1};
+        JournaledDevice next(after);
+        ASSERT_EQ(next.replay(false), 0);
+        EXPECT_TRUE(next.wasRefused()) << flush;
+        EXPECT_TRUE(isDirty(after)) << flush;
+    }
+}
+
 // The library writes the record with the flag itself, when the label changes.
 TEST(DirtyFlag, OutlastsWhatTheLibraryWritesOfItsRecord) {
     ReplacedServices services;
