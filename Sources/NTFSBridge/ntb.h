@@ -156,9 +156,13 @@ int32_t ntb_umount(ntb_vol* vol);
    request. */
 int32_t ntb_sync(ntb_vol* vol);
 
-/* How many pages the next sync writes at most: the dirty ones, and those that become dirty when it
-   brings the directory entries of written files up to date. */
-uint64_t ntb_waiting_pages(const ntb_vol* vol);
+/* What the next sync writes, in pages. */
+typedef struct ntb_backlog {
+    uint64_t metadata;  /* dirty, but for those of file data */
+    uint64_t file_data; /* dirty, and may be written before the others */
+    uint64_t deferred; /* that become dirty at most when directory entries are brought up to date */
+} ntb_backlog;
+void ntb_get_backlog(const ntb_vol* vol, ntb_backlog* out);
 
 /* 1 when something was written since the last sync that succeeded. */
 int32_t ntb_is_dirty(const ntb_vol* vol);

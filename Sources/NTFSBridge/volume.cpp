@@ -269,8 +269,11 @@ int32_t ntb_has_freed(const ntb_vol* vol) {
     return vol->context->freed.has_seen() ? 1 : 0;
 }
 
-uint64_t ntb_waiting_pages(const ntb_vol* vol) {
-    return vol->context->cache.dirty_count() + vol->outdated.page_count(vol->volume);
+void ntb_get_backlog(const ntb_vol* vol, ntb_backlog* out) {
+    const page_cache& cache = vol->context->cache;
+    *out = {.metadata = cache.dirty_count() - cache.file_data_count(),
+            .file_data = cache.file_data_count(),
+            .deferred = vol->outdated.page_count(vol->volume)};
 }
 
 int32_t ntb_is_dirty(const ntb_vol* vol) {

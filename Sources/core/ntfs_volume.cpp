@@ -14,15 +14,16 @@ namespace {
 
 constexpr auto kFlushLeeway = std::chrono::milliseconds(100);
 
-/// Dirty and pending pages above which a sync is made between two operations. They take memory on
-/// top of the cache's.
+/// Dirty and pending pages of metadata above which a sync is made between two operations. They take
+/// memory on top of the cache's.
 constexpr std::uint64_t kPendingPagesMax = 1024;
-/// Pages that one operation may dirty before it could reach the cache's own write-back mark.
+/// Pages that one operation may dirty before it could reach the cache's own write-back mark. There
+/// the cache writes back in runs longer than NTB_CACHED_BYTES_MAX, which the journal would mistake
+/// for bulk data during a bulk write.
 constexpr std::uint64_t kOperationPagesMin = 1024;
-static_assert(
-    kPendingPagesMax + kOperationPagesMin <= NTB_DIRTY_PAGES_MAX,
-    "at its mark the cache writes back in runs longer than NTB_CACHED_BYTES_MAX, which the "
-    "journal would mistake for bulk data during a bulk write");
+/// Dirty pages of whatever kind above which a sync is made.
+constexpr std::uint64_t kDirtyPagesMax = NTB_DIRTY_PAGES_MAX - kOperationPagesMin;
+static_assert(kPendingPagesMax <= kDirtyPagesMax);
 
 } // namespace
 
@@ -120,8 +121,14 @@ void NTFSVolume::flushIfNearCapacity() noexcept {
     if (backlog.capacity == 0) {
         return;
     }
-    const std::uint64_t waiting = ntb_waiting_pages(vol_) + backlog.pages;
-    if (waiting > std::min(kPendingPagesMax, backlog.capacity / 4)) {
+    ntb_backlog cached{};
+    ntb_get_backlog(vol_, &cached);
+    // File data takes no room in the record. What the sync itself adds must find room beside what
+    // the next operation may.
+    const std::uint64_t metadata = cached.metadata + backlog.pages;
+    if (metadata > std::min(kPendingPagesMax, backlog.capacity / 4) ||
+        metadata + cached.deferred > backlog.capacity / 2 ||
+        cached.metadata + cached.file_data > kDirtyPagesMax) {
         // A failure is left to the sync that somebody waits for: nothing is lost by it.
         static_cast<void>(ntb_sync(vol_));
     }

@@ -107,13 +107,19 @@ int32_t page_cache::write_out(const uint8_t* bytes, uint32_t slot, uint64_t coun
     return io_.write_data(io_.context, bytes, offset, length);
 }
 
+void page_cache::make_clean(uint32_t slot) noexcept {
+    TAVELIN_ASSERT(slots_[slot].dirty != 0 && dirty_count_ > 0);
+    dirty_count_ -= 1;
+    file_data_count_ -= slots_[slot].file_data;
+    slots_[slot].dirty = slots_[slot].file_data = 0;
+}
+
 int32_t page_cache::write_back(uint32_t slot) noexcept {
-    TAVELIN_ASSERT(slots_[slot].valid != 0 && slots_[slot].dirty != 0 && dirty_count_ > 0);
+    TAVELIN_ASSERT(slots_[slot].valid != 0 && slots_[slot].dirty != 0);
     // A page that could not be written stays dirty, so the next flush tries it again.
     const int32_t error = write_out(data_of(slot), slot, 1);
     if (error == 0) {
-        slots_[slot].dirty = 0;
-        dirty_count_ -= 1;
+        make_clean(slot);
     }
     return error;
 }
@@ -159,6 +165,7 @@ void page_cache::mark_dirty(uint32_t slot_index) noexcept {
     TAVELIN_ASSERT(slot_index < slot_count && slots_[slot_index].valid != 0);
     TAVELIN_ASSERT(is_within(slots_[slot_index].page * page_size, page_size, io_.size));
     // The page may have another owner by now, and be metadata.
+    file_data_count_ -= slots_[slot_index].file_data;
     slots_[slot_index].file_data = 0;
     if (slots_[slot_index].dirty == 0) {
         slots_[slot_index].dirty = 1;
@@ -168,8 +175,9 @@ void page_cache::mark_dirty(uint32_t slot_index) noexcept {
 
 void page_cache::mark_file_data(uint64_t page) noexcept {
     const uint32_t slot = is_on() ? slot_holding(page) : no_slot;
-    if (slot != no_slot && slots_[slot].dirty != 0) {
+    if (slot != no_slot && slots_[slot].dirty != 0 && slots_[slot].file_data == 0) {
         slots_[slot].file_data = 1;
+        file_data_count_ += 1;
     }
 }
 
@@ -189,7 +197,9 @@ void page_cache::pc_discard(uint64_t page) noexcept {
     if (slot != no_slot) {
         // Called for pages that a failed operation wrote as a whole: their content must not reach
         // the device any more.
-        dirty_count_ -= slots_[slot].dirty;
+        if (slots_[slot].dirty != 0) {
+            make_clean(slot);
+        }
         slots_[slot] = {};
     }
 }
@@ -254,9 +264,8 @@ int32_t page_cache::write_run(const dirty_page* run, uint64_t count) noexcept {
     // whole.
     if (error == 0) {
         for (uint64_t i = 0; i < count; ++i) {
-            slots_[run[i].slot].dirty = 0;
+            make_clean(run[i].slot);
         }
-        dirty_count_ -= count;
     }
     return error;
 }
@@ -281,6 +290,7 @@ int32_t page_cache::pc_flush_pages(uint64_t first, uint64_t last) noexcept {
 
 bool page_cache::is_consistent() const noexcept {
     uint64_t dirty = 0;
+    uint64_t file_data = 0;
     for (uint32_t slot = 0; is_on() && slot < slot_count; ++slot) {
         const ntb_cache_slot& entry = slots_[slot];
         if (entry.valid == 0) {
@@ -290,14 +300,18 @@ bool page_cache::is_consistent() const noexcept {
             }
             continue;
         }
+        if (entry.file_data != 0 && entry.dirty == 0) {
+            return false;
+        }
         // Finding itself first proves both the right set and that there is no second copy.
         if (slot_holding(entry.page) != slot ||
             !is_within(entry.page * page_size, page_size, io_.size)) {
             return false;
         }
         dirty += entry.dirty;
+        file_data += entry.file_data;
     }
-    return dirty == dirty_count_;
+    return dirty == dirty_count_ && file_data == file_data_count_;
 }
 
 } // namespace ntb

@@ -58,6 +58,8 @@ class page_cache {
     void populate() noexcept;
 
     uint64_t dirty_count() const noexcept { return dirty_count_; }
+    // How many of the dirty pages are file data, see mark_file_data.
+    uint64_t file_data_count() const noexcept { return file_data_count_; }
 
     // The page's bytes if it is cached, else null. A hit makes it the most recently used.
     uint8_t* pc_find(uint64_t page, uint32_t* slot_index = nullptr) noexcept;
@@ -114,6 +116,8 @@ class page_cache {
     // The slot that a page takes when it is not cached: a free one of its set, else the one whose
     // use is longest ago.
     uint32_t victim_for(uint64_t page) const noexcept;
+    // A dirty page is not any more.
+    void make_clean(uint32_t slot) noexcept;
     // Writes one dirty page; it is clean only when that succeeded.
     [[nodiscard]] int32_t write_back(uint32_t slot) noexcept;
     // Stamps the slot as used now and answers its bytes.
@@ -136,6 +140,7 @@ class page_cache {
     bool is_on_ = false;
     uint32_t use_clock_ = 0;
     uint64_t dirty_count_ = 0;
+    uint64_t file_data_count_ = 0;
 };
 
 } // namespace ntb

@@ -105,8 +105,16 @@ std::int32_t JournaledDevice::write(const std::byte* source, std::uint64_t offse
     if (!expectsBulkData_ || length <= NTB_CACHED_BYTES_MAX) {
         return buffer(source, offset, length);
     }
+    return writeAround(source, offset, length);
+}
+
+std::int32_t JournaledDevice::writeAround(const std::byte* source, std::uint64_t offset,
+                                          std::uint64_t length) noexcept {
     const std::uint64_t end = offset + length;
     for (std::uint64_t at = offset; at < end;) {
+        if (const std::int32_t error = limitCarried(at / kPage); error != 0) {
+            return error;
+        }
         // A page that a valid record has must not change behind the journal's back: a replay would
         // bring the record's content back, or find a stranger's and refuse.
         const std::uint64_t journaled = nextJournaled(at / kPage);
@@ -144,19 +152,31 @@ std::int32_t JournaledDevice::writeFileData(const std::byte* source, std::uint64
         return EIO; // see write()
     }
     try {
-        for (std::uint64_t done = 0; done < length; done += kPage) {
+        std::uint64_t done = 0;
+        // Once the device has to sync before the record, there is no need to name anything.
+        for (; done < length && !bypassedSinceSync_; done += kPage) {
             if (const auto error = keepFileData((offset + done) / kPage, source + done);
                 error != 0) {
                 return error;
             }
         }
-        return 0;
+        return done < length ? writeAround(source + done, offset + done, length - done) : 0;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
 }
 
+std::int32_t JournaledDevice::limitCarried(std::uint64_t page) noexcept {
+    const bool isCarried = isJournaled(page) && !pending_.contains(page);
+    // File data must leave room for the metadata of the same flush. Where no record is valid none
+    // of it has to be carried.
+    return isCarried && pending_.size() >= capacity() / 2 ? reset() : 0;
+}
+
 std::int32_t JournaledDevice::keepFileData(std::uint64_t page, const std::byte* source) {
+    if (const std::int32_t error = limitCarried(page); error != 0) {
+        return error;
+    }
     // A page that waits for a record stays with it, so that it waits in one place only.
     if (pending_.contains(page) || isJournaled(page)) {
         return bufferPart(page, source, 0, kPage);

@@ -140,6 +140,12 @@ class JournaledDevice final : public BlockDevice {
     /// new.
     [[nodiscard]] std::int32_t bufferPart(std::uint64_t page, const std::byte* source,
                                           std::uint64_t inPage, std::uint64_t length);
+    /// Writes file data where it belongs, but for pages that have to go with the next record.
+    [[nodiscard]] std::int32_t writeAround(const std::byte* source, std::uint64_t offset,
+                                           std::uint64_t length) noexcept;
+    /// Before a page of file data is written: no record is valid any more where the next one would
+    /// otherwise have to carry too many such pages.
+    [[nodiscard]] std::int32_t limitCarried(std::uint64_t page) noexcept;
     /// Takes one page of file data.
     [[nodiscard]] std::int32_t keepFileData(std::uint64_t page, const std::byte* source);
     /// Pages that may be pending. The flag's pages find room in the record besides.

@@ -87,7 +87,9 @@ TEST(PageCache, WritesFileDataApartUntilThePageIsWrittenAgain) {
     device.context.mark_file_data(5 * kPage + 2, 2 * kPage - 1);
     device.context.mark_file_data(2 * kPage, 20 * kPage); // not cached
     ASSERT_EQ(device.fill(4 * kPage + 9, 3, 2), 0);
+    EXPECT_EQ(device.context.cache.file_data_count(), 4u);
     ASSERT_EQ(device.context.flush(), 0);
+    EXPECT_EQ(device.context.cache.file_data_count(), 0u);
     EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 0, 2 * kPage},
                                               {Kind::kWriteData, 2 * kPage, 2 * kPage},
                                               {Kind::kWrite, 4 * kPage, kPage},

@@ -205,6 +205,24 @@ TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
     EXPECT_NE(valueAt(then, (volume().work + 12) * kPage), 88u);
 }
 
+// File data that the journal still has goes through it again, and must not fill the record.
+TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    const std::uint64_t capacity = device->backlog().capacity;
+    const std::uint64_t count = capacity * 3 / 4;
+    writePages(*device, 77, 0, count);
+    ASSERT_EQ(device->sync(), 0);
+    const Bytes data = pagesOf(88, count);
+    writePages(*device, 99, count, capacity / 4);
+    ASSERT_EQ(device->writeFileData(data.data(), volume().work * kPage, data.size()), 0);
+    writePages(*device, 99, count + capacity / 4, 4);
+    EXPECT_NE(valueAt(disk->image, (volume().work + count) * kPage), 99u);
+    ASSERT_EQ(device->sync(), 0);
+    EXPECT_EQ(valueAt(disk->image, (volume().work + count) * kPage), 99u);
+    EXPECT_EQ(valueAt(disk->image, (volume().work + count - 1) * kPage), 88u);
+}
+
 TEST(Journal, IsReadThroughWhereNothingMayBeWritten) {
     const auto disk = interrupted(77);
     const Bytes before = disk->image;
