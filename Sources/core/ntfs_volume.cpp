@@ -127,7 +127,7 @@ void NTFSVolume::flushIfNearCapacity() noexcept {
     // the next operation may.
     const std::uint64_t metadata = cached.metadata + backlog.pages;
     if (metadata > std::min(kPendingPagesMax, backlog.capacity / 4) ||
-        metadata + cached.deferred > backlog.capacity / 2 ||
+        metadata + cached.deferred > backlog.capacity / 4 * 3 ||
         cached.metadata + cached.file_data > kDirtyPagesMax) {
         // A failure is left to the sync that somebody waits for: nothing is lost by it.
         static_cast<void>(ntb_sync(vol_));
