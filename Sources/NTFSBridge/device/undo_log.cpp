@@ -112,15 +112,15 @@ int32_t undo_log::undo(const change& kept, const ntb_io& io, ntb_stats& stats) c
         cache_.pc_discard(kept.page);
         return 0;
     }
-    constexpr uint64_t page_size = page_cache::page_size;
-    const uint64_t offset = kept.page * page_size;
+    constexpr uint64_t page_bytes = page_cache::page_size;
+    const uint64_t offset = kept.page * page_bytes;
     uint32_t slot = 0;
     uint8_t* data = cache_.pc_find(kept.page, &slot);
-    uint8_t whole[page_size];
+    uint8_t whole[page_bytes];
     if (data == nullptr) {
         // An eviction has written the page back, with the change.
-        if (kept.size != page_size) {
-            if (const int32_t error = io_read(io, &stats, whole, offset, page_size); error != 0) {
+        if (kept.size != page_bytes) {
+            if (const int32_t error = io_read(io, &stats, whole, offset, page_bytes); error != 0) {
                 return error;
             }
         }
@@ -129,9 +129,9 @@ int32_t undo_log::undo(const change& kept, const ntb_io& io, ntb_stats& stats) c
         if (data == nullptr) {
             // No slot is to be had because the device refuses an eviction. Writing the old content
             // straight to its place is the only way left.
-            return io_write(io, &stats, whole, offset, page_size);
+            return io_write(io, &stats, whole, offset, page_bytes);
         }
-        std::memcpy(data, whole, page_size);
+        std::memcpy(data, whole, page_bytes);
     } else {
         std::memcpy(data + kept.from, kept.memory, kept.size);
     }
