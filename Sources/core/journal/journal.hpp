@@ -87,6 +87,8 @@ class Journal {
     /// Begins a session; none is under way. Its records say whether it sets the dirty flag.
     [[nodiscard]] std::int32_t begin(bool setsDirtyFlag) noexcept;
     [[nodiscard]] bool isBegun() const noexcept { return isBegun_; }
+    /// Whoever ends the session leaves the flag set: no record from here on says otherwise.
+    void leaveFlagSet() noexcept { flags_ = 0; }
     /// Of the session that is under way, or that readPending() has found.
     [[nodiscard]] bool setsDirtyFlag() const noexcept {
         return isBegun_ && (flags_ & JournalRecord::kSetsDirtyFlag) != 0;

@@ -127,6 +127,10 @@ std::int32_t JournaledDevice::carryFlag() {
 }
 
 std::int32_t JournaledDevice::endSession() noexcept {
+    if (keepsFlag_) {
+        // The next mount would clear it for us, should the end be cut off behind the reset.
+        journal_->leaveFlagSet();
+    }
     if (const std::int32_t error = journal_->reset(); error != 0) {
         return error;
     }
@@ -135,7 +139,7 @@ std::int32_t JournaledDevice::endSession() noexcept {
     // Everything is home and durable, so the flag goes back to what it was. That comes before the
     // last record goes: after a cut in between, the record tells the next mount to do it again. The
     // sync in end() makes it durable.
-    if (journal_->setsDirtyFlag() && !keepsFlag_) {
+    if (journal_->setsDirtyFlag()) {
         isMarkHome_ = false; // should the session go on, its next record sets it again
         if (const std::int32_t error = writeFlag(false); error != 0) {
             return error;

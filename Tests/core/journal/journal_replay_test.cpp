@@ -174,6 +174,30 @@ TEST(Replay, StopsAtRecordsThatDoNotFollow) {
     }
 }
 
+// A recovery that is cut off itself is made up for by the next one, and so is a refusal.
+TEST(Replay, ComesToTheSameEndHoweverOftenItIsCutOff) {
+    std::mt19937_64 random(1);
+    for (const bool isForeign : {false, true}) {
+        const ReplacedServices services;
+        const auto found = interrupted(77);
+        found->image.at(volume().work * kPage) ^= isForeign ? std::byte{1} : std::byte{};
+        found->events.clear();
+        const Bytes before = found->image;
+        ASSERT_EQ(JournaledDevice(found).replay(false), 0);
+        for (std::size_t end = 0; end <= found->events.size(); ++end) {
+            for (const Cut cut : {Cut::prefix, Cut::torn, Cut::dropped, Cut::reordered,
+                                  Cut::reordered, Cut::reordered}) {
+                const auto disk =
+                    std::make_shared<Disk>(afterCut(before, found->events, end, cut, random));
+                ASSERT_EQ(JournaledDevice(disk).replay(false), 0);
+                EXPECT_TRUE(disk->image == found->image)
+                    << "foreign " << isForeign << ", cut " << static_cast<int>(cut)
+                    << " after event " << end << " of " << found->events.size();
+            }
+        }
+    }
+}
+
 // The header of a record as a hostile or damaged disk may have it, with the right checksum.
 TEST(Replay, BelievesNoHeaderThatCannotBe) {
     const std::uint64_t pageCount = volume().image.size() / kPage;

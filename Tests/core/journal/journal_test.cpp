@@ -52,37 +52,17 @@ class Workload {
             for (const Cut cut : {Cut::prefix, Cut::torn, Cut::reordered}) {
                 const auto disk =
                     std::make_shared<Disk>(afterCut(base_, disk_->events, end, cut, random_));
-                const Bytes cutImage = disk->image;
                 JournaledDevice device(disk);
                 ASSERT_EQ(device.replay(false), 0);
                 ASSERT_TRUE(isOneState(disk->image, end))
                     << "cut " << static_cast<int>(cut) << " after event " << end << " of "
                     << disk_->events.size();
                 ASSERT_FALSE(device.wasRefused());
-                if (device.recovered() > 0 && ++recoveries_ % 97 == 0) {
-                    cutRecovery(cutImage, *disk);
-                }
             }
         }
     }
 
   private:
-    // A recovery that is cut off itself is made up for by the next one.
-    void cutRecovery(const Bytes& before, const Disk& recovered) {
-        for (std::size_t end = 0; end < recovered.events.size(); ++end) {
-            for (const Cut cut : {Cut::prefix, Cut::torn, Cut::reordered}) {
-                const auto disk =
-                    std::make_shared<Disk>(afterCut(before, recovered.events, end, cut, random_));
-                JournaledDevice device(disk);
-                ASSERT_EQ(device.replay(false), 0);
-                ASSERT_FALSE(device.wasRefused());
-                ASSERT_TRUE(disk->image == recovered.image)
-                    << "cut " << static_cast<int>(cut) << " after event " << end << " of "
-                    << recovered.events.size() << " of a recovery";
-            }
-        }
-    }
-
     struct Moment {
         State pages;
         std::size_t promised; // events when its sync had answered
@@ -166,7 +146,6 @@ class Workload {
     std::uint64_t number_ = 1u << 20; // no content of the volume
     std::vector<Moment> states_;
     std::map<std::uint64_t, std::set<std::uint64_t>> fileData_; // numbers written, by page
-    std::size_t recoveries_ = 0;
 };
 
 TEST(Journal, CarriesEachSyncOverACutAsAWhole) {
