@@ -26,9 +26,9 @@ std::int32_t Journal::readRecord(std::uint64_t position, const LastRecord& last,
     const bool isNext = !last || (record && record->session == last->session &&
                                   record->sequence == last->sequence + 1);
     // No checksum has been verified so far, so a damaged header may claim any count of pages. The
-    // two limits keep the next read inside the file and its memory bounded.
-    if (!record || !isNext || record->serial != serial_ || record->pages > capacity_ ||
-        record->named > namedCapacity_ || position + record->length() * kPage > end_) {
+    // limit keeps the next read inside the file and its memory bounded.
+    if (!record || !isNext || record->serial != serial_ ||
+        position + record->length() * kPage > end_) {
         return 0;
     }
     whole.resize(record->length() * kPage);
