@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <set>
@@ -120,6 +121,12 @@ inline void setDirty(const std::shared_ptr<Disk>& disk) {
     DeviceBox box(disk);
     const ntb_io io = makeIO(box);
     EXPECT_EQ(ntb_set_dirty(&io, 1), 0);
+}
+
+inline bool isLogBlank(const Disk& disk) {
+    const auto begin = disk.image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset);
+    return std::all_of(begin, begin + static_cast<std::ptrdiff_t>(volume().log.length),
+                       [](std::byte b) { return b == std::byte{0xff}; });
 }
 
 inline std::shared_ptr<JournaledDevice> mounted(const std::shared_ptr<Disk>& disk) {

@@ -10,12 +10,6 @@
 namespace tavelin::test {
 namespace {
 
-bool isLogBlank(const Disk& disk) {
-    const auto begin = disk.image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset);
-    return std::all_of(begin, begin + static_cast<std::ptrdiff_t>(volume().log.length),
-                       [](std::byte b) { return b == std::byte{0xff}; });
-}
-
 TEST(CRC32C, IsTheSameByInstructionAndByTables) {
     const std::string_view digits = "123456789";
     EXPECT_EQ(crc32c(std::as_bytes(std::span(digits)).data(), digits.size()), 0xe3069283u);
@@ -57,7 +51,11 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
          },
          false},
         {"a sector that such a write left unreadable",
-         [&](Disk& disk) { disk.lost.insert((place + kPage) / kSector); }, false},
+         [&](Disk& disk) {
+             edit(place + kPage)(disk);
+             disk.lost.insert((place + kPage) / kSector);
+         },
+         false},
         {"the first sector of the flush", edit(place), true},
         {"the last one", edit(place + 3 * kPage - 1), true},
     };
@@ -204,18 +202,23 @@ TEST(Replay, BelievesNoHeaderThatCannotBe) {
     struct Case {
         const char* what;
         std::vector<std::uint64_t> pages;
-        std::uint32_t count;
+        std::uint64_t at; // a number in the header, which then is another
+        std::uint32_t number;
     };
+    constexpr std::uint64_t kMagic = 0, kVersion = 12, kCount = 16;
+    const std::uint64_t first = volume().work;
     const std::vector<Case> cases{
-        {"as it should be", {volume().work, volume().work + 1}, 2},
-        {"a page twice", {volume().work, volume().work}, 2},
-        {"descending", {volume().work + 1, volume().work}, 2},
-        {"behind the end of the device", {volume().work, pageCount}, 2},
-        {"no pages", {volume().work, volume().work + 1}, 0},
-        {"more than $LogFile has", {volume().work, volume().work + 1}, 4000},
-        {"more than there are", {volume().work, volume().work + 1}, UINT32_MAX},
+        {"as it should be", {first, first + 1}, kCount, 2},
+        {"a page twice", {first, first}, kCount, 2},
+        {"descending", {first + 1, first}, kCount, 2},
+        {"behind the end of the device", {first, pageCount}, kCount, 2},
+        {"no pages", {first, first + 1}, kCount, 0},
+        {"more than $LogFile has", {first, first + 1}, kCount, 4000},
+        {"more than there are", {first, first + 1}, kCount, UINT32_MAX},
+        {"of a format to come", {first, first + 1}, kVersion, 1000},
+        {"of another program", {first, first + 1}, kMagic, 0},
     };
-    for (const auto& [what, pages, count] : cases) {
+    for (const auto& [what, pages, at, number] : cases) {
         const auto disk = std::make_shared<Disk>(volume().image);
         JournalRecord record{
             .pages = 2, .serial = valueAt(disk->image, 72), .session = 11, .sequence = 1};
@@ -227,8 +230,10 @@ TEST(Replay, BelievesNoHeaderThatCannotBe) {
                                sectorSums(content.data())});
         }
         Bytes whole = record.encode(entries);
-        std::memcpy(&whole[16], &count, sizeof count);
+        std::memcpy(&whole[at], &number, sizeof number);
         std::memset(&whole[8], 0, 4);
+        std::uint32_t count = 0;
+        std::memcpy(&count, &whole[kCount], sizeof count);
         const std::uint64_t covered = JournalRecord::headerBytes(count);
         const std::uint32_t sum = crc32c(whole.data(), std::min(covered, whole.size()));
         std::memcpy(&whole[8], &sum, sizeof sum);
@@ -268,6 +273,7 @@ TEST(Replay, NobodyWritesOverTheJournal) {
         EXPECT_EQ(device->write(pages.data(), volume().log.offset, pages.size()), EIO);
         EXPECT_EQ(device->write(pages.data(), volume().log.offset - kPage, pages.size()), EIO);
     }
+    EXPECT_EQ(device->writeFileData(pages.data(), volume().log.offset, pages.size()), EIO);
     EXPECT_TRUE(disk->image == volume().image);
 }
 
@@ -363,6 +369,25 @@ TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
     }
 }
 
+// Then the records stay valid, and must not be replayed over changes to come.
+TEST(Replay, RefusesALogOfWhichNothingCanBeWritten) {
+    const ReplacedServices services;
+    const auto disk = interrupted(77);
+    for (std::uint64_t at = 0; at < volume().log.length; at += kSector) {
+        disk->unwritable.insert((volume().log.offset + at) / kSector);
+    }
+    EXPECT_EQ(JournaledDevice(disk).replay(false), EIO);
+}
+
+TEST(Replay, BeginsNoJournalWhereASectorWasLostSince) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    JournaledDevice device(disk);
+    ASSERT_EQ(device.replay(false), 0);
+    disk->lost.insert(volume().log.offset / kSector);
+    EXPECT_EQ(device.begin(), 0);
+    EXPECT_EQ(device.absence(), JournalAbsence::unreadable);
+}
+
 // A fault that passes must cost nobody a flush.
 TEST(Replay, TakesNoPassingFaultForALostSector) {
     for (std::uint64_t call = 1; call < 60; ++call) {
@@ -431,6 +456,7 @@ TEST(Settling, IsTriedAgain) {
             EXPECT_FALSE(cut.wasRefused()) << call;
             writePages(*device, 6, 1, 1);
             EXPECT_EQ(device->sync(), 0);
+            EXPECT_GT(recoverable(*disk), 0u) << "behind a record that is not valid: " << call;
             EXPECT_EQ(device->settle(), 0);
         }
         EXPECT_TRUE(isLogBlank(*disk)) << call;

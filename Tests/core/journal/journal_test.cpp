@@ -202,6 +202,21 @@ TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
     EXPECT_EQ(valueAt(disk->image, (volume().work + count - 1) * kPage), 88u);
 }
 
+TEST(Journal, GivesUpNoRecordThatItCannotReadBack) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    disk->failsReads = false;
+    writePages(*device, 77, 0, 12);
+    disk->callsToFailure = 3; // its first page
+    EXPECT_EQ(device->sync(), EIO);
+    logByte(*disk, kRecords + 3 * kPage) ^= std::byte{1};
+    const BlockDevice::Backlog backlog = device->backlog();
+    writePages(*device, 99, 12, backlog.capacity - backlog.pages); // does not fit behind
+    const Bytes before = disk->image;
+    EXPECT_EQ(device->sync(), EIO);
+    EXPECT_TRUE(disk->image == before);
+}
+
 TEST(Journal, IsReadThroughWhereNothingMayBeWritten) {
     const auto disk = interrupted(77);
     const Bytes before = disk->image;
@@ -224,11 +239,21 @@ TEST(Journal, DoesNotOutliveOtherSystems) {
     const auto windows = interrupted(77);
     std::memcpy(&windows->image.at(volume().log.offset), "RSTR", 4);
     EXPECT_EQ(recoverable(*windows), 0u) << "Windows has begun a journal";
+    windows->events.clear();
+    const Bytes before = windows->image;
     {
         const auto device = mounted(windows);
         writePages(*device, 1, 9, 1);
         EXPECT_EQ(device->sync(), 0);
+        EXPECT_EQ(recoverable(*windows), 1u + kFlagPages) << "behind Windows's journal";
         EXPECT_EQ(device->close(), 0);
+    }
+    std::mt19937_64 random(1);
+    for (std::size_t end = 0; end <= windows->events.size(); ++end) {
+        const auto cut =
+            std::make_shared<Disk>(afterCut(before, windows->events, end, Cut::prefix, random));
+        ASSERT_EQ(JournaledDevice(cut).replay(false), 0);
+        EXPECT_NE(valueAt(cut->image, volume().work * kPage), 77u) << "after event " << end;
     }
     std::fill_n(windows->image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset), kPage,
                 std::byte{0xff});
