@@ -35,7 +35,7 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
         std::vector<Bytes> whole{homeOf(base)}; // after each flush
         std::vector<std::size_t> promisedAt{0}; // events
         for (const std::uint64_t number : {1, 2}) {
-            for (const std::uint64_t page : {1, 3, 2}) {
+            for (const std::uint64_t page : {1, 2, 3}) {
                 writePages(*device, number, page, 2);
                 ASSERT_EQ(device->sync(), 0);
                 EXPECT_TRUE(isDirty(disk));
@@ -51,7 +51,7 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
         // was found.
         std::mt19937_64 random(1);
         for (std::size_t end = 0; end <= disk->events.size(); ++end) {
-            for (const Cut cut : {Cut::prefix, Cut::torn, Cut::reordered}) {
+            for (const Cut cut : manyCuts()) {
                 const auto after =
                     std::make_shared<Disk>(afterCut(base, disk->events, end, cut, random));
                 SCOPED_TRACE(fmt::format("found {}, cut {} after event {} of {}", found,

@@ -123,6 +123,15 @@ inline void setDirty(const std::shared_ptr<Disk>& disk) {
     EXPECT_EQ(ntb_set_dirty(&io, 1), 0);
 }
 
+// Each kind, and enough of the random ones that whatever may reach the disk before something else
+// does so.
+inline const std::vector<Cut>& manyCuts() {
+    static const std::vector<Cut> cuts{Cut::prefix,    Cut::torn,      Cut::dropped,
+                                       Cut::reordered, Cut::reordered, Cut::reordered,
+                                       Cut::reordered, Cut::reordered, Cut::reordered};
+    return cuts;
+}
+
 inline bool isLogBlank(const Disk& disk) {
     const auto begin = disk.image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset);
     return std::all_of(begin, begin + static_cast<std::ptrdiff_t>(volume().log.length),
@@ -165,6 +174,7 @@ inline void writePages(JournaledDevice& device, std::uint64_t number, std::uint6
 // A disk on which a sync of `number`s has reached only the journal.
 inline std::shared_ptr<Disk> interrupted(std::uint64_t number) {
     const auto disk = std::make_shared<Disk>(volume().image);
+    std::fill_n(&disk->image.at(volume().work * kPage), 3 * kPage, std::byte{0x11});
     const auto device = mounted(disk);
     writePages(*device, number, 0, 3);
     disk->failsReads = false;

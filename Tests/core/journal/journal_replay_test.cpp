@@ -183,8 +183,7 @@ TEST(Replay, ComesToTheSameEndHoweverOftenItIsCutOff) {
         const Bytes before = found->image;
         ASSERT_EQ(JournaledDevice(found).replay(false), 0);
         for (std::size_t end = 0; end <= found->events.size(); ++end) {
-            for (const Cut cut : {Cut::prefix, Cut::torn, Cut::dropped, Cut::reordered,
-                                  Cut::reordered, Cut::reordered}) {
+            for (const Cut cut : manyCuts()) {
                 const auto disk =
                     std::make_shared<Disk>(afterCut(before, found->events, end, cut, random));
                 ASSERT_EQ(JournaledDevice(disk).replay(false), 0);
