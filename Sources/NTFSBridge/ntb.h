@@ -169,7 +169,7 @@ int32_t ntb_is_dirty(const ntb_vol* vol);
 
 /* 1 when files have given clusters back since the last sync that succeeded. Should the device lose
    what was written since, the files have them again. */
-int32_t ntb_has_freed(const ntb_vol* vol);
+int32_t ntb_freed_since_sync(const ntb_vol* vol);
 
 /* 1 when mounted read-only, by request or by the library. */
 int32_t ntb_is_readonly(ntb_vol* vol);

@@ -265,7 +265,7 @@ int32_t ntb_sync(ntb_vol* vol) {
     return vol->read_only != 0 ? 0 : sync_device(vol);
 }
 
-int32_t ntb_has_freed(const ntb_vol* vol) {
+int32_t ntb_freed_since_sync(const ntb_vol* vol) {
     return vol->context->freed.has_seen() ? 1 : 0;
 }
 

@@ -37,7 +37,7 @@ class BulkWriteScope {
     static bool mayBypassJournal(const BlockDevice& device, ntb_vol* vol,
                                  std::size_t length) noexcept {
         const std::uint64_t room = device.backlog().capacity;
-        if (room == 0 || ntb_has_freed(vol) == 0) {
+        if (room == 0 || ntb_freed_since_sync(vol) == 0) {
             return true;
         }
         return length / BlockDevice::kPageBytes > room / 2 && ntb_sync(vol) == 0;
