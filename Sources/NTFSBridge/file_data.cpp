@@ -156,11 +156,13 @@ static int32_t write_file(ntb_vol* vol, uint64_t ino, uint64_t offset, const voi
     // The library forgets it where the data moves out of the record. Put right only when the inode
     // is closed, it would have the directory's entry written at once.
     file.inode->allocated_size = allocated_size_of(file.data.get());
+    const bool is_in_record = !NAttrNonResident(file.data.get());
     file.data.reset();
     ntfs_inode_update_times(file.inode.get(), data_and_change_time);
     // Without the cache the library writes an index block at once and drops an error of that. Then
     // it drops it here, as ever, and not in the sync, which must say that something failed.
-    if (vol->context->is_caching()) {
+    // Data in the record would be copied once more, as the record is written with the entry.
+    if (vol->context->is_caching() && !is_in_record) {
         vol->outdated.defer(file.inode.get());
     }
     return file.close(error);
