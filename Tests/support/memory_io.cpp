@@ -26,14 +26,17 @@ MemoryIo::MemoryIo(std::vector<uint8_t> content, uint32_t blockSize) : bytes_(st
         return error;
     };
     io_.write = [](void* self, const void* buffer, uint64_t offset, uint64_t length) {
-        auto& device = *static_cast<MemoryIo*>(self);
-        const int32_t error = device.admit(Kind::kWrite, offset, length);
-        if (error == 0) {
-            std::memcpy(device.bytes_.data() + offset, buffer, length);
-        }
-        return error;
+        return static_cast<MemoryIo*>(self)->take(Kind::kWrite, buffer, offset, length);
     };
     io_.sync = [](void* self) { return static_cast<MemoryIo*>(self)->admit(Kind::kSync, 0, 0); };
+}
+
+int32_t MemoryIo::take(Kind kind, const void* buffer, uint64_t offset, uint64_t length) {
+    const int32_t error = admit(kind, offset, length);
+    if (error == 0) {
+        std::memcpy(bytes_.data() + offset, buffer, length);
+    }
+    return error;
 }
 
 MemoryIo MemoryIo::fromFile(const std::filesystem::path& image, uint32_t blockSize) {
@@ -43,12 +46,7 @@ MemoryIo MemoryIo::fromFile(const std::filesystem::path& image, uint32_t blockSi
 
 void MemoryIo::takeFileData() {
     io_.write_data = [](void* self, const void* buffer, uint64_t offset, uint64_t length) {
-        auto& device = *static_cast<MemoryIo*>(self);
-        const int32_t error = device.admit(Kind::kWriteData, offset, length);
-        if (error == 0) {
-            std::memcpy(device.bytes_.data() + offset, buffer, length);
-        }
-        return error;
+        return static_cast<MemoryIo*>(self)->take(Kind::kWriteData, buffer, offset, length);
     };
 }
 

@@ -43,6 +43,7 @@ class MemoryIo {
 
   private:
     int32_t admit(Kind kind, uint64_t offset, uint64_t length);
+    int32_t take(Kind kind, const void* buffer, uint64_t offset, uint64_t length);
     bool isAllowed(uint64_t offset, uint64_t length) const;
 
     std::vector<uint8_t> bytes_;

@@ -157,14 +157,19 @@ TEST(Journal, CarriesEachSyncOverACutAsAWhole) {
     }
 }
 
+// A committed record of twelve pages, of which not all went home.
+void leaveUnfinishedHome(Disk& disk, JournaledDevice& device) {
+    disk.failsReads = false;
+    writePages(device, 77, 0, 12);
+    disk.callsToFailure = 3; // its first page
+    EXPECT_EQ(device.sync(), EIO);
+}
+
 // A record that the disk would not keep has reached it all the same, and the journal begins again.
 TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
     const auto disk = std::make_shared<Disk>(volume().image);
     const auto device = mounted(disk);
-    disk->failsReads = false;
-    writePages(*device, 77, 0, 12);
-    disk->callsToFailure = 3; // its first page
-    EXPECT_EQ(device->sync(), EIO);
+    leaveUnfinishedHome(*disk, *device);
     writePages(*device, 88, 12, 1);
     disk->callsToFailure = 2; // the device's sync
     EXPECT_EQ(device->sync(), EIO);
@@ -205,10 +210,7 @@ TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
 TEST(Journal, GivesUpNoRecordThatItCannotReadBack) {
     const auto disk = std::make_shared<Disk>(volume().image);
     const auto device = mounted(disk);
-    disk->failsReads = false;
-    writePages(*device, 77, 0, 12);
-    disk->callsToFailure = 3; // its first page
-    EXPECT_EQ(device->sync(), EIO);
+    leaveUnfinishedHome(*disk, *device);
     logByte(*disk, kRecords + 3 * kPage) ^= std::byte{1};
     const BlockDevice::Backlog backlog = device->backlog();
     writePages(*device, 99, 12, backlog.capacity - backlog.pages); // does not fit behind
