@@ -214,7 +214,8 @@ int32_t write_open_records(const ntb_vol* vol) noexcept {
 }
 
 int32_t sync_device(ntb_vol* vol) noexcept {
-    const int32_t error = first_error(update_entries(vol), write_open_records(vol));
+    const int32_t late = update_entries(vol);
+    const int32_t error = first_error(late, write_open_records(vol));
     errno = 0;
     const bool is_synced = ntb_dev_ops.sync(vol->volume->dev) == 0;
     const int32_t result = first_error(error, is_synced ? 0 : err_or(EIO));
