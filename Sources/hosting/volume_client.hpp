@@ -3,7 +3,7 @@
 
 #include "fskit/tavelin_volume.hpp"
 #include "hosting/entry_packer.hpp"
-#include "hosting/item_ref.hpp"
+#include "fskit/item_ref.hpp"
 #include "platform/assert.hpp"
 
 #include <cstddef>

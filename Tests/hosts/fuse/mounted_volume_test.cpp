@@ -17,7 +17,6 @@ using fskit::FSItemType;
 using fusehost::Entry;
 using fusehost::MountedVolume;
 using fusehost::Node;
-using fusehost::OrphanDirectory;
 
 class MountedVolumeTest : public testing::Test {
   protected:

@@ -31,7 +31,7 @@ bool MountedVolume::isCode(const fskit::Error& error, int32_t code) noexcept {
 }
 
 MountedVolume::MountedVolume(VolumeClient& volume)
-    : volume_(volume), nodes_(volume.rootWithAttributes().get()), orphans_(volume) {}
+    : volume_(volume), nodes_(volume.rootWithAttributes().get()), orphans_(volume.requests()) {}
 
 bool MountedVolume::isPrivate(const Node& directory, std::string_view name) {
     return &directory == &nodes_.root() && orphans_.isHidden(name);
@@ -69,7 +69,7 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::
 
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
     if (const std::unique_ptr<Node> forgotten = nodes_.forget(number, counts)) {
-        orphans_.release(*forgotten);
+        orphans_.release(forgotten->item);
     }
 }
 

@@ -10,10 +10,10 @@
 /// not go away. Anything else may be called by any thread.
 #pragma once
 
+#include "fskit/orphan_files.hpp"
 #include "hosting/volume_client.hpp"
 #include "hosts/fuse/tree/dentry_invalidation_queue.hpp"
 #include "hosts/fuse/tree/node_table.hpp"
-#include "hosts/fuse/tree/orphan_files.hpp"
 
 #include <atomic>
 #include <cstdint>

@@ -55,7 +55,8 @@ Outcome<void> MountedVolume::removeFile(Node& directory, std::string_view name) 
         if (node == nullptr || node->isDirectory()) {
             return Outcome<void>::of(volume_.remove(old.item, directory.item, name));
         }
-        Outcome<void> removed = orphans_.remove(*node, directory, name);
+        Outcome<void> removed =
+            orphans_.remove(node->item, node->linkCount > 1, directory.item, name);
         if (removed && orphans_.contains(node->id)) {
             noteDeferredRemoval(directory);
         }
@@ -79,7 +80,7 @@ Outcome<void> MountedVolume::removeDirectory(Node& directory, std::string_view n
         // The volume may count files with pending unlinks, which the user does not see. They are
         // moved aside only now: most directories are removed without any.
         if (!removed && isCode(removed.error(), kENOTEMPTY) && node != nullptr) {
-            Outcome<void> freed = orphans_.moveAsideChildren(*node);
+            Outcome<void> freed = orphans_.moveAsideChildren(node->id);
             removed = freed ? unlink() : std::move(freed);
         }
         return removed;
@@ -158,7 +159,7 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
     Node* node = nodes_.find(old.item);
     if (node == nullptr || node->isDirectory()) {
         if (node != nullptr) {
-            if (Outcome<void> freed = orphans_.moveAsideChildren(*node); !freed) {
+            if (Outcome<void> freed = orphans_.moveAsideChildren(node->id); !freed) {
                 return freed;
             }
         }
@@ -176,14 +177,14 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
     // A program may have the old file open. A second name in the orphan directory keeps the file
     // when the rename takes the first. The file has both names until then, so there is no moment,
     // not even after a crash, at which the target name is missing.
-    if (Outcome<void> kept = orphans_.linkBeforeReplace(*node); !kept) {
+    if (Outcome<void> kept = orphans_.linkBeforeReplace(node->item); !kept) {
         return kept;
     }
     Outcome<void> done = rename(renaming, old.item);
     if (done) {
-        orphans_.dropIfStillLinked(*node);
+        orphans_.dropIfStillLinked(node->item, node->linkCount > 1);
     } else {
-        orphans_.undoReplace(*node, renaming.toDirectory, renaming.to);
+        orphans_.undoReplace(node->item, renaming.toDirectory.item, renaming.to);
     }
     return done;
 }

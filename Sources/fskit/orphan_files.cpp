@@ -1,5 +1,6 @@
-#include "hosts/fuse/tree/orphan_files.hpp"
+#include "fskit/orphan_files.hpp"
 
+#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/assert.hpp"
@@ -9,12 +10,18 @@
 
 #include <vector>
 
-namespace tavelin::fusehost {
+namespace tavelin {
 
 namespace {
 
 // How long an unlink stays pending in memory only. A crash within this time brings the name back.
 constexpr auto kUnlinkPendingMax = std::chrono::seconds(1);
+
+using fskit::FSFileName;
+
+fskit::FSItemID idOf(const ItemRef& file) {
+    return Driver2::itemID(static_cast<const NItem&>(*file.item()).ino);
+}
 
 bool isLackOfRoom(const fskit::Error& error) {
     return error.isPOSIX() && error.code() == kENOSPC;
@@ -93,7 +100,8 @@ Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItem
     std::string name = OrphanDirectory::nameOf(id);
     // Nothing is replaced: the name is made of the record number, and the record is in use.
     Outcome<void> moved = Outcome<void>::of(
-        volume_.rename(removal.item, removal.directory, removal.name, *directory, name, ItemRef()));
+        volume_.renameItem(removal.item.item(), removal.directory.item(), FSFileName(removal.name),
+                           FSFileName(name), directory->item(), nullptr));
     if (moved) {
         removal.directory = std::move(*directory);
         // The file no longer counts against the directory that it was unlinked in, which may now be
@@ -105,59 +113,62 @@ Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItem
     return moved;
 }
 
-Outcome<void> OrphanFiles::remove(const Node& file, const Node& directory, std::string_view name) {
+Outcome<void> OrphanFiles::remove(const ItemRef& file, bool mayHaveOtherNames,
+                                  const ItemRef& directory, std::string_view name) {
     // The link count includes the DOS name of this very name, which is unlinked with it. Only when
     // another name remains can the name be unlinked while the file is open.
-    if (file.linkCount > 1) {
-        const Outcome<size_t> names = volume_.countNames(file.item);
+    if (mayHaveOtherNames) {
+        const Outcome<size_t> names = volume_.countNames(file.item());
         if (!names) {
             return names.error();
         }
         if (*names > 1) {
-            return Outcome<void>::of(volume_.remove(file.item, directory.item, name));
+            return Outcome<void>::of(
+                volume_.removeItem(file.item(), FSFileName(name), directory.item()));
         }
     }
     // The last name. The volume is not changed yet: in most cases the kernel forgets the file a
     // moment later, and only then is it known that nobody has it open.
-    put(file.id,
-        {file.item.duplicate(), directory.item.duplicate(), directory.id, std::string(name)});
+    put(idOf(file), {file.duplicate(), directory.duplicate(), idOf(directory), std::string(name)});
     return {};
 }
 
-Outcome<void> OrphanFiles::linkBeforeReplace(const Node& file) {
+Outcome<void> OrphanFiles::linkBeforeReplace(const ItemRef& file) {
     Outcome<ItemRef> directory = orphanDirectory_.open();
     if (!directory) {
         return directory.error();
     }
-    std::string name = OrphanDirectory::nameOf(file.id);
+    std::string name = OrphanDirectory::nameOf(idOf(file));
     // A link and not a move, so that the target keeps its name until the rename replaces it.
-    Outcome<void> named = Outcome<void>::of(volume_.linkInternal(file.item, *directory, name));
+    Outcome<void> named =
+        Outcome<void>::of(volume_.linkInternal(file.item(), FSFileName(name), directory->item()));
     if (named) {
-        Removal removal{file.item.duplicate(), std::move(*directory), fskit::FSItemIDInvalid,
+        Removal removal{file.duplicate(), std::move(*directory), fskit::FSItemIDInvalid,
                         std::move(name)};
         removal.orphaned = true;
-        put(file.id, std::move(removal));
+        put(idOf(file), std::move(removal));
     }
     return named;
 }
 
-void OrphanFiles::dropIfStillLinked(const Node& file) {
-    if (file.linkCount <= 1) {
+void OrphanFiles::dropIfStillLinked(const ItemRef& file, bool mayHaveOtherNames) {
+    if (!mayHaveOtherNames) {
         return;
     }
     // Where the count cannot be read, the file stays in the table. Its other names are then not
     // shown until the kernel forgets the file.
-    const Outcome<size_t> names = volume_.countNames(file.item);
+    const Outcome<size_t> names = volume_.countNames(file.item());
     // The file is not an orphan: only one of its names was replaced. Its name in the orphan
     // directory is removed, and the others stay visible.
     if (names && *names > 1) {
-        release(file.id);
+        release(idOf(file));
     }
 }
 
-void OrphanFiles::undoReplace(const Node& file, const Node& directory, std::string_view name) {
-    withExclusive(file.id, [&](Removal& removal) {
-        removal.homeDirectory = directory.item.duplicate();
+void OrphanFiles::undoReplace(const ItemRef& file, const ItemRef& directory,
+                              std::string_view name) {
+    withExclusive(idOf(file), [&](Removal& removal) {
+        removal.homeDirectory = directory.duplicate();
         removal.home = name;
         // A failure is dropped here: finish() tries again when the file is released.
         return static_cast<bool>(moveHome(removal));
@@ -167,18 +178,22 @@ void OrphanFiles::undoReplace(const Node& file, const Node& directory, std::stri
 Outcome<void> OrphanFiles::moveHome(const Removal& removal) {
     // The rename may have failed before or after it took the name away, so the volume is asked what
     // stands there now.
-    const Outcome<std::optional<Found>> present = volume_.find(removal.homeDirectory, removal.home);
+    auto present = volume_.lookupItem(FSFileName(removal.home), removal.homeDirectory.item());
     if (!present) {
-        return present.error();
+        if (!(present.error() == fskit::fs_errorForPOSIXError(kENOENT))) {
+            return present.error();
+        }
+        // The failed rename took the name away.
+        return Outcome<void>::of(volume_.renameItem(
+            removal.item.item(), removal.directory.item(), FSFileName(removal.name),
+            FSFileName(removal.home), removal.homeDirectory.item(), nullptr));
     }
-    if (!*present) { // the failed rename took the name away
-        return Outcome<void>::of(volume_.rename(removal.item, removal.directory, removal.name,
-                                                removal.homeDirectory, removal.home, ItemRef()));
-    }
+    const ItemRef owner(volume_, std::move(present->foundItem));
     // Either the file still has its own name and loses the one in the orphan directory, or another
     // file has taken the name since, and the user's file must not be lost for it.
-    return (*present)->item == removal.item
-               ? Outcome<void>::of(volume_.remove(removal.item, removal.directory, removal.name))
+    return owner == removal.item
+               ? Outcome<void>::of(volume_.removeItem(removal.item.item(), FSFileName(removal.name),
+                                                      removal.directory.item()))
                : Outcome<void>(fskit::fs_errorForPOSIXError(kEEXIST));
 }
 
@@ -218,9 +233,8 @@ Outcome<void> OrphanFiles::moveAsideWhere(Wanted&& wanted) {
     return result;
 }
 
-Outcome<void> OrphanFiles::moveAsideChildren(const Node& directory) {
-    return moveAsideWhere(
-        [&](const Removal& removal) { return removal.directoryID == directory.id; });
+Outcome<void> OrphanFiles::moveAsideChildren(fskit::FSItemID directory) {
+    return moveAsideWhere([&](const Removal& removal) { return removal.directoryID == directory; });
 }
 
 Outcome<void> OrphanFiles::persistOrphans() {
@@ -262,7 +276,8 @@ void OrphanFiles::finish(const Removal& removal) {
     const Outcome<void> done =
         removal.homeDirectory
             ? moveHome(removal)
-            : Outcome<void>::of(volume_.remove(removal.item, removal.directory, removal.name));
+            : Outcome<void>::of(volume_.removeItem(removal.item.item(), FSFileName(removal.name),
+                                                   removal.directory.item()));
     if (!done) {
         noteFailure(done.error(), removal.name);
     }
@@ -277,7 +292,7 @@ void OrphanFiles::noteFailure(const fskit::Error& error, const std::string& name
     }
 }
 
-void OrphanFiles::release(const Node& file) {
+void OrphanFiles::release(const ItemRef& file) {
     if (isEmpty()) {
         return;
     }
@@ -286,12 +301,12 @@ void OrphanFiles::release(const Node& file) {
         // open in its turn. The record number alone would release that file, so the items are
         // compared, which carry the sequence number.
         const MutexLock held(lock_);
-        const auto removal = removals_.find(file.id);
-        if (removal == removals_.end() || !(removal->second.item == file.item)) {
+        const auto removal = removals_.find(idOf(file));
+        if (removal == removals_.end() || !(removal->second.item == file)) {
             return;
         }
     }
-    release(file.id);
+    release(idOf(file));
 }
 
 void OrphanFiles::release(fskit::FSItemID id) {
@@ -320,4 +335,4 @@ Outcome<void> OrphanFiles::releaseAll() {
     return persistOrphans();
 }
 
-} // namespace tavelin::fusehost
+} // namespace tavelin

@@ -1,6 +1,6 @@
-/// The hidden directory in a volume's root that keeps orphans: files that were unlinked while open
-/// and whose old names could not wait for the last close. Users do not see it. An orphan is removed
-/// when the kernel forgets it, at the unmount, or by the next mount after a crash.
+/// The hidden directory in a volume's root that keeps orphans: files that lost their last name
+/// while a program may have them open. Users do not see it. An orphan is removed when the kernel
+/// gives it back, at the unmount, or by the next mount after a crash.
 ///
 /// The directory is made when it is first needed, under the first of kNamesMax names that is free:
 /// what already has such a name is somebody else's and stays as it is. A named stream marks the
@@ -12,15 +12,17 @@
 /// volume's, in macOS numbers.
 #pragma once
 
-#include "hosting/volume_client.hpp"
+#include "fskit/item_ref.hpp"
+#include "fskit/tavelin_volume.hpp"
 #include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
-namespace tavelin::fusehost {
+namespace tavelin {
 
 class OrphanDirectory {
   public:
@@ -30,7 +32,7 @@ class OrphanDirectory {
     static constexpr std::string_view kMarker = "tavelin.orphans"; ///< the stream's name
 
     /// The volume must outlive this.
-    explicit OrphanDirectory(VolumeClient& volume) : volume_(volume) {}
+    explicit OrphanDirectory(TavelinVolume& volume) : volume_(volume) {}
     OrphanDirectory(const OrphanDirectory&) = delete;
     OrphanDirectory& operator=(const OrphanDirectory&) = delete;
 
@@ -50,13 +52,15 @@ class OrphanDirectory {
 
   private:
     /// Makes the directory, hidden and marked. Without its mark it is removed again.
-    Outcome<Found> make(std::string_view name);
+    Outcome<ItemRef> make(std::string_view name);
     /// Removes the orphans of a directory that an earlier mount left, then the directory.
-    Outcome<void> empty(const ItemRef& directory, std::string_view name);
+    Outcome<void> empty(const fskit::FSItemRef& directory, std::string_view name);
     /// Removes one entry. A directory that is not empty stays, which is no error.
-    Outcome<void> removeFrom(const ItemRef& parent, std::string_view name);
+    Outcome<void> removeFrom(const fskit::FSItemRef& parent, std::string_view name);
+    /// What a name stands for; absent for none.
+    Outcome<std::optional<ItemRef>> find(const fskit::FSItemRef& parent, std::string_view name);
 
-    VolumeClient& volume_;
+    TavelinVolume& volume_;
     // held while the directory is made or removed
     Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::maintenance)
         TAVELIN_ACQUIRED_BEFORE(lock_order::hostTables);
@@ -64,4 +68,4 @@ class OrphanDirectory {
     std::string name_ TAVELIN_GUARDED_BY(lock_); // of directory_
 };
 
-} // namespace tavelin::fusehost
+} // namespace tavelin

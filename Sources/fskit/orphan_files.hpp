@@ -1,11 +1,11 @@
 /// Files whose last name was unlinked while a program may still have them open.
 ///
-/// The kernel tells a FUSE server nothing of opens and closes. It forgets a file's node when the
-/// last user has closed it, which for a file that nobody has open is at once. So unlinking a file's
-/// last name is deferred until the forget:
+/// A kernel gives an item back (FUSE: forgets, FSKit: reclaims) when the last user has closed its
+/// file, which for a removed file that nobody has open is at once. So unlinking a file's last name
+/// is deferred until then:
 ///
 ///   unlink pending  The name is still on the volume and is not shown. Nearly every removal ends in
-///                   this state: the forget follows a moment later and the file is removed.
+///                   this state: the kernel lets go a moment later and the file is removed.
 ///   orphaned        The file has been moved to the orphan directory, because its name is needed,
 ///                   because its directory is being removed, because changes are synchronised, or
 ///                   because the file has been open for a second. Its name is free, and a mount
@@ -19,9 +19,9 @@
 /// most one thread at a time changes a removal, and its entry in the table stays valid meanwhile.
 #pragma once
 
-#include "hosting/volume_client.hpp"
-#include "hosts/fuse/tree/node_table.hpp"
-#include "hosts/fuse/tree/orphan_directory.hpp"
+#include "fskit/item_ref.hpp"
+#include "fskit/orphan_directory.hpp"
+#include "fskit/tavelin_volume.hpp"
 #include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
@@ -33,12 +33,12 @@
 #include <string_view>
 #include <unordered_map>
 
-namespace tavelin::fusehost {
+namespace tavelin {
 
 class OrphanFiles {
   public:
     /// The volume must outlive this.
-    explicit OrphanFiles(VolumeClient& volume) : volume_(volume), orphanDirectory_(volume) {}
+    explicit OrphanFiles(TavelinVolume& volume) : volume_(volume), orphanDirectory_(volume) {}
 
     /// Removes the orphans that a crash left behind.
     void cleanUp() { orphanDirectory_.cleanUp(); }
@@ -56,27 +56,29 @@ class OrphanFiles {
     bool isEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
     /// Unlinks a name of a file: at once when the file has other names, else deferred.
-    Outcome<void> remove(const Node& file, const Node& directory, std::string_view name);
+    /// `mayHaveOtherNames` is false for a link count of 1, which spares the question.
+    Outcome<void> remove(const ItemRef& file, bool mayHaveOtherNames, const ItemRef& directory,
+                         std::string_view name);
     /// Replacing a file by a rename takes three steps. linkBeforeReplace() gives the old file a
     /// second name in the orphan directory. After the rename, dropIfStillLinked() removes that name
     /// again when the file has other visible names. After a rename that failed, undoReplace() makes
     /// sure that the file has the name that it was to lose.
-    Outcome<void> linkBeforeReplace(const Node& file);
-    void dropIfStillLinked(const Node& file);
-    void undoReplace(const Node& file, const Node& directory, std::string_view name);
+    Outcome<void> linkBeforeReplace(const ItemRef& file);
+    void dropIfStillLinked(const ItemRef& file, bool mayHaveOtherNames);
+    void undoReplace(const ItemRef& file, const ItemRef& directory, std::string_view name);
 
     /// Moves a file with a pending unlink, or all those of one directory, to the orphan directory,
     /// so that the name is free or the directory is empty.
     Outcome<void> moveAside(fskit::FSItemID id);
-    Outcome<void> moveAsideChildren(const Node& directory);
+    Outcome<void> moveAsideChildren(fskit::FSItemID directory);
     /// Moves every file with a pending unlink to the orphan directory, as far as there is room.
     /// Answers the error of the first deferred removal that failed since the last call, if any.
     Outcome<void> persistOrphans();
     /// The same for files whose unlink has been pending for longer than a second.
     void persistExpired();
 
-    /// Removes the file, after the kernel has forgotten its node.
-    void release(const Node& file);
+    /// Removes the file, after the kernel has let go of its item.
+    void release(const ItemRef& file);
     /// Removes all of them, and the orphan directory: for unmounting.
     Outcome<void> releaseAll();
 
@@ -127,7 +129,7 @@ class OrphanFiles {
     void noteMoveAside(const Outcome<void>& moved);
 
     /// Called without lock_, as its requests may take long.
-    VolumeClient& volume_;
+    TavelinVolume& volume_;
     OrphanDirectory orphanDirectory_;
     mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)
         TAVELIN_ACQUIRED_BEFORE(lock_order::items);
@@ -140,4 +142,4 @@ class OrphanFiles {
     bool moveAsideFails_ TAVELIN_GUARDED_BY(lock_) = false; // and has been logged
 };
 
-} // namespace tavelin::fusehost
+} // namespace tavelin
