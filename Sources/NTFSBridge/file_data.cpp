@@ -1,4 +1,5 @@
 // The contents of files: always the unnamed data stream.
+#include "NTFSBridge/open_file.hpp"
 #include "NTFSBridge/operation.hpp"
 #include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/transfer.hpp"
@@ -8,52 +9,7 @@ using namespace ntb;
 
 namespace {
 
-// What the library can count: its offsets are signed.
-constexpr uint64_t offset_max = INT64_MAX;
-
 constexpr auto data_and_change_time = static_cast<ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
-
-struct open_file {
-    inode_guard inode;
-    attribute_guard data; // after the inode, to be closed before it
-
-    [[nodiscard]] int32_t open(const ntb_vol* vol, uint64_t ino) noexcept {
-        const int32_t error = open_inode(vol, ino);
-        return error != 0 ? error : open_data();
-    }
-
-    [[nodiscard]] int32_t open_inode(const ntb_vol* vol, uint64_t ino) noexcept {
-        if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
-            return error;
-        }
-        return is_directory(inode.get()) ? EISDIR : 0;
-    }
-
-    // EOPNOTSUPP when the stream does not have the file's bytes.
-    [[nodiscard]] int32_t open_data() noexcept {
-        if (is_reparse_point(inode.get())) {
-            reparse_point point;
-            const int32_t error = point.read(inode.get());
-            if (point.exists()) {
-                return error == 0 || error == EIO ? EOPNOTSUPP : error;
-            }
-        }
-        errno = 0;
-        data = open_unnamed_data(inode.get());
-        if (!data) {
-            return err_or(EIO);
-        }
-        return (data->data_flags & ATTR_IS_ENCRYPTED) != 0 ? EACCES : 0;
-    }
-
-    uint64_t size() const noexcept { return static_cast<uint64_t>(data->data_size); }
-
-    // Closes both. A failing close is reported unless there already was an error.
-    [[nodiscard]] int32_t close(int32_t error) noexcept {
-        data.reset();
-        return first_error(error, inode.close());
-    }
-};
 
 // Has the last compression block written out, where there are such blocks; errno or EIO.
 int32_t complete(ntfs_attr* data) noexcept {
@@ -146,6 +102,9 @@ static int32_t write_file(ntb_vol* vol, uint64_t ino, uint64_t offset, const voi
     }
     if (offset > offset_max || length > offset_max - offset) {
         return EFBIG;
+    }
+    if (is_far_from_written(file.data.get(), offset)) {
+        return file.close(ENODATA);
     }
     int32_t error = write_stream(file.data.get(), offset, buffer, length, done);
     if (error != 0 && *done == 0) {

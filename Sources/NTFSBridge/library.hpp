@@ -46,6 +46,7 @@ extern "C" {
 #include <ntfs-3g/ea.h>
 #include <ntfs-3g/inode.h>
 #include <ntfs-3g/layout.h>
+#include <ntfs-3g/lcnalloc.h>
 #include <ntfs-3g/logging.h>
 #include <ntfs-3g/ntfstime.h>
 #include <ntfs-3g/reparse.h>

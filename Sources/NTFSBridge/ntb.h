@@ -294,12 +294,36 @@ int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint
                  uint64_t* done);
 
 /* *done is set even on failure. Extends the file as needed. Length 0 changes nothing, not even
- * times. */
+ * times. ENODATA, with nothing changed, where a long stretch before offset has clusters that were
+ * never written: call ntb_initialise, and again. */
 int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
                   uint64_t* done);
 
 /* Grows (reading back as zeroes) or shrinks. The present size changes nothing, not even times. */
 int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size);
+
+/* Has the clusters that a file has and never used read as zeroes: those before end, the first
+ * NTB_INITIALISE_BYTES_MAX bytes of them. */
+enum { NTB_INITIALISE_BYTES_MAX = 16 << 20 };
+int32_t ntb_initialise(ntb_vol* vol, uint64_t ino, uint64_t end);
+
+/*
+ * Gives clusters to the part of a range that is behind those the file has, and makes the file as
+ * long as the range unless keep_size is set. They read as zeroes. Holes within the file stay: they
+ * get clusters when they are written to. ENOSPC before anything is changed, EFBIG, EOPNOTSUPP for
+ * compressed files.
+ */
+int32_t ntb_allocate(ntb_vol* vol, uint64_t ino, uint64_t offset, uint64_t length,
+                     int32_t keep_size);
+
+/* Has a range read as zeroes and gives its whole clusters back, those behind the end of the file
+ * among them. The size stays. EOPNOTSUPP for compressed files. */
+int32_t ntb_punch(ntb_vol* vol, uint64_t ino, uint64_t offset, uint64_t length);
+
+/* The first byte from offset on that is in a hole, or in data when for_hole is 0. The end of the
+ * file counts as a hole, and so does what was never written. ENXIO when there is none, and for an
+ * offset at or behind the end. */
+int32_t ntb_seek(ntb_vol* vol, uint64_t ino, uint64_t offset, int32_t for_hole, uint64_t* found);
 
 /*
  * Makes a plain file of a system-compressed one: the bytes go to the unnamed stream, then the

@@ -42,6 +42,8 @@
 ///                                    bytes that are elsewhere (see NTFSDataState)
 ///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP; of a
 ///                                    system-compressed file also what reading it answers
+///   allocate                         those of write; kENOTSUP also for compressed files
+///   seek                             kEISDIR, kENXIO nothing of the kind, or behind the end
 ///   create                           kEROFS, kEEXIST, kENOTDIR, kENOSPC, kEPERM in $Extend, names
 ///   symlink                          kEROFS, kEEXIST, kENOTDIR, kENOSPC, names; of the target
 ///                                    kEINVAL empty, kENAMETOOLONG, kEILSEQ
@@ -247,6 +249,13 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
                     bool isDescribed = true);
     /// Grows (reading back as zeroes) or shrinks.
     void truncate(std::uint64_t ino, std::uint64_t size);
+    /// Gives clusters to a range of a file, or takes them, see NTFSAllocation. The range is not
+    /// empty and ends below 2^63. Not one change as a whole: a failure may leave a part of it.
+    void allocate(std::uint64_t ino, std::uint64_t offset, std::uint64_t length,
+                  NTFSAllocation how);
+    /// The first byte from `offset` on that is in a hole, or in data. The end of the file counts as
+    /// a hole; kENXIO when there is nothing of the kind up to there.
+    [[nodiscard]] std::uint64_t seek(std::uint64_t ino, std::uint64_t offset, bool forHole);
     /// Returns once the item, and with it everything changed before, is on the device.
     void flush(std::uint64_t ino);
 
@@ -290,6 +299,12 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// The same for a file's data. Logs why the data of some files cannot be had, `what` being what
     /// was asked for: "read".
     void checkData(std::int32_t result, std::uint64_t ino, std::string_view what);
+    /// Has the unused clusters before `end` read as zeroes, some of them: a write that answered
+    /// ENODATA is then tried again. In pieces, so that others come to their turn.
+    void initialise(std::uint64_t ino, std::uint64_t end);
+    /// Writes zeroes where a range of a file has none of its own: over its data, if `overData`, and
+    /// into its holes.
+    void writeZeroes(std::uint64_t ino, std::uint64_t from, std::uint64_t to, bool overData);
     /// One tick of the flush timer: syncs what has changed, and settles the device when nothing has
     /// since the tick before.
     void flushTick() noexcept;

@@ -2,6 +2,7 @@
 #include "core/ntfs_volume.hpp"
 #include "core/private/bridge_attributes.hpp"
 #include "core/private/bridge_text.hpp"
+#include "core/private/data_change.hpp"
 #include "core/private/listing_box.hpp"
 #include "core/reparse_tags.hpp"
 #include "diagnostics/log.hpp"
@@ -17,63 +18,6 @@ constexpr std::uint32_t kLoggedRefusalsMax = 20; ///< of one mount: a copied tre
 constexpr std::size_t kPartialBytesMin = 4096;   ///< less is not worth another try
 /// Bytes that the bridge may keep back for metadata on a volume that is nearly full.
 constexpr std::uint64_t kRoomKeptMax = 1 << 20;
-
-/// Tells a device, for as long as it lives, that a request writes much of a file. Not when the data
-/// may go where another file's would be again after a power cut: then it waits with the rest, or,
-/// where it is too much for that, the rest is synced before it.
-class BulkWriteScope {
-  public:
-    BulkWriteScope(BlockDevice& device, ntb_vol* vol, std::size_t length) noexcept
-        : device_(length > NTB_CACHED_BYTES_MAX && mayBypassJournal(device, vol, length)
-                      ? &device
-                      : nullptr) {
-        tell(true);
-    }
-    ~BulkWriteScope() { tell(false); }
-    BulkWriteScope(const BulkWriteScope&) = delete;
-    BulkWriteScope& operator=(const BulkWriteScope&) = delete;
-
-  private:
-    static bool mayBypassJournal(const BlockDevice& device, ntb_vol* vol,
-                                 std::size_t length) noexcept {
-        const std::uint64_t room = device.backlog().capacity;
-        if (room == 0 || ntb_freed_since_sync(vol) == 0) {
-            return true;
-        }
-        return length / BlockDevice::kPageBytes > room / 2 && ntb_sync(vol) == 0;
-    }
-
-    void tell(bool on) noexcept {
-        if (device_ != nullptr) {
-            device_->expectBulkData(on);
-        }
-    }
-
-    BlockDevice* const device_;
-};
-
-/// Decompresses a system-compressed file, whose bytes all go to clusters that are free now.
-std::int32_t decompress(BlockDevice& device, ntb_vol* vol, std::uint64_t ino) noexcept {
-    ntb_attr attributes{};
-    if (const std::int32_t error = ntb_getattr(vol, ino, &attributes); error != 0) {
-        return error;
-    }
-    const BulkWriteScope data(device, vol, static_cast<std::size_t>(attributes.size));
-    return ntb_decompress(vol, ino);
-}
-
-/// Runs a change of a file's data. Where the bytes are not in the unnamed stream, decompresses the
-/// file if that is why, as a change of its own, and tries once more.
-template<typename Change>
-std::int32_t changeData(BlockDevice& device, ntb_vol* vol, std::uint64_t ino,
-                        const Change& change) noexcept {
-    const std::int32_t error = change();
-    if (error != EOPNOTSUPP) {
-        return error;
-    }
-    const std::int32_t decompressed = decompress(device, vol, ino);
-    return decompressed != 0 ? decompressed : change();
-}
 
 using NameBox = ListingBox<std::vector<std::string>>;
 
@@ -127,7 +71,7 @@ NTFSWrite NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
         return written;
     }
     std::uint64_t done = 0;
-    const std::int32_t result = locked([&](ntb_vol* vol) {
+    const auto request = [&](ntb_vol* vol) {
         const auto attempt = [&](std::size_t length) {
             return changeData(*box_.device, vol, ino, [&] {
                 const BulkWriteScope bulk(*box_.device, vol, length);
@@ -148,7 +92,12 @@ NTFSWrite NTFSVolume::write(std::uint64_t ino, std::uint64_t offset,
             written.freeBytes = freeBytesOf(vol);
         }
         return error == ENOSPC && done != 0 && done < data.size() ? 0 : error;
-    });
+    };
+    std::int32_t result = locked(request);
+    while (result == ENODATA) {
+        initialise(ino, offset);
+        result = locked(request);
+    }
     checkData(result, ino, "written");
     TAVELIN_ASSERT(done <= data.size());
     written.count = static_cast<std::size_t>(done);

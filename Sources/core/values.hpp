@@ -50,6 +50,15 @@ enum class NTFSDataState : std::uint32_t {
     encrypted = 3,        ///< refused
 };
 
+/// What is to become of a range of a file, as fallocate(2) has it.
+enum class NTFSAllocation : std::uint8_t {
+    reserve,          ///< clusters for all of it; the file grows to its end
+    reserveBehindEnd, ///< the same, and the file keeps its size
+    zero,             ///< zeroes and clusters for all of it; the file grows to its end
+    zeroKeepingSize,  ///< the same, and the file keeps its size
+    punchHole,        ///< zeroes without clusters; the file keeps its size
+};
+
 /// Lets the records below compare their times; found by lookup from within this namespace.
 [[nodiscard]] inline bool operator==(const std::timespec& a, const std::timespec& b) noexcept {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;

@@ -48,6 +48,13 @@ class ExtendedOperations {
     /// The size in bytes of an extended attribute, which is not read for it.
     virtual Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
                                            const fskit::FSItemRef& item) = 0;
+    /// Gives clusters to a range of a file, or takes them. kENOTSUP where it is compressed.
+    virtual Outcome<void> allocate(const fskit::FSItemRef& item, std::uint64_t offset,
+                                   std::uint64_t length, NTFSAllocation how) = 0;
+    /// The first byte from `offset` on that is in a hole, or in data. The end of the file counts as
+    /// a hole; kENXIO when there is nothing of the kind up to there.
+    virtual Outcome<std::uint64_t> seek(const fskit::FSItemRef& item, std::uint64_t offset,
+                                        bool forHole) = 0;
 
     // ---- The volume ----------------------------------------------------------------------------
 

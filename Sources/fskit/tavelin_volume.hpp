@@ -223,6 +223,10 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<std::size_t> countNames(const fskit::FSItemRef& item) override;
     Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
                                    const fskit::FSItemRef& item) override;
+    Outcome<void> allocate(const fskit::FSItemRef& item, std::uint64_t offset, std::uint64_t length,
+                           NTFSAllocation how) override;
+    Outcome<std::uint64_t> seek(const fskit::FSItemRef& item, std::uint64_t offset,
+                                bool forHole) override;
     Outcome<void> prefaultCache() override;
     [[nodiscard]] std::uint64_t serialNumber() const override { return ntfs->serial(); }
     Outcome<std::string> label() override;

@@ -46,4 +46,19 @@ Outcome<fskit::FSFileName> TavelinVolume::readSymbolicLink(const fskit::FSItemRe
         [&] { return fskit::FSFileName(ntfs->readlink(n(item).reference)); });
 }
 
+Outcome<void> TavelinVolume::allocate(const fskit::FSItemRef& item, std::uint64_t offset,
+                                      std::uint64_t length, NTFSAllocation how) {
+    return request<"allocate">([&] {
+        NItem& own = n(item);
+        requireChangeable();
+        own.isUnflushed.store(true, std::memory_order_relaxed);
+        ntfs->allocate(own.reference, offset, length, how);
+    });
+}
+
+Outcome<std::uint64_t> TavelinVolume::seek(const fskit::FSItemRef& item, std::uint64_t offset,
+                                           bool forHole) {
+    return attempt<"seek">([&] { return ntfs->seek(n(item).reference, offset, forHole); });
+}
+
 } // namespace tavelin

@@ -1,0 +1,130 @@
+// Holes and clusters ahead of the data, against a string.
+#include "core/ntfs_volume.hpp"
+#include "support/watched_device.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+namespace tavelin {
+namespace {
+
+using namespace test;
+
+constexpr std::uint64_t kRoot = NTFSVolume::kRootIno;
+
+// Walks a file's regions: what is called a hole must be zero.
+std::uint64_t bytesOfHoles(NTFSVolume& volume, std::uint64_t ino, const std::string& content) {
+    const auto next = [&](std::uint64_t from, bool hole) {
+        std::uint64_t found = content.size();
+        const std::int32_t error = codeOf([&] { found = volume.seek(ino, from, hole); });
+        EXPECT_TRUE(error == 0 || (error == kENXIO && !hole)) << error;
+        return found;
+    };
+    std::uint64_t total = 0;
+    for (std::uint64_t at = 0; at < content.size();) {
+        const std::uint64_t hole = next(at, true);
+        at = hole < content.size() ? next(hole, false) : content.size();
+        const auto begin = content.begin() + static_cast<std::ptrdiff_t>(hole);
+        const auto end = content.begin() + static_cast<std::ptrdiff_t>(at);
+        EXPECT_EQ(std::count(begin, end, '\0'), end - begin) << hole << " to " << at;
+        total += at - hole;
+    }
+    return total;
+}
+
+TEST(Allocation, RandomRangesMatchAString) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (const std::uint32_t clusterSize : {512u, 4096u, 65536u}) {
+        const SampleVolume sample({.bytes = 64 << 20, .clusterSize = clusterSize});
+        const auto volume =
+            NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
+        const std::uint64_t ino = volume->create("file", kRoot, NTFSItemType::file);
+        volume->create("next", kRoot, NTFSItemType::file);
+        const std::uint64_t other = volume->lookup("next", kRoot);
+        const std::uint64_t free = volume->statfs().freeBytes();
+        std::string model;
+        for (int step = 0; step < 120; ++step) {
+            SCOPED_TRACE(step);
+            const std::uint64_t place = random() % (random() % 4 == 0 ? 1000000 : 200000);
+            const std::uint64_t length = 1 + random() % (random() % 8 == 0 ? 400000 : 20000);
+            const std::uint64_t end = place + length;
+            switch (const unsigned kind = random() % 8) {
+            case 0:
+                volume->truncate(ino, place);
+                model.resize(place);
+                break;
+            case 1:
+            case 2:
+                model.resize(std::max<std::size_t>(model.size(), end));
+                model.replace(place, length, length, static_cast<char>('!' + step % 90));
+                volume->write(ino, place, bytesOf(model.substr(place, length)));
+                break;
+            case 3: // beside it, so that runs fall into pieces
+                volume->write(other, place, bytesOf(std::string(5000, 'o')));
+                break;
+            default: {
+                const auto how = static_cast<NTFSAllocation>(kind - 4);
+                const auto choice = random() % 5 == 0 ? NTFSAllocation::punchHole : how;
+                volume->allocate(ino, place, length, choice);
+                const std::size_t old = model.size();
+                if (choice == NTFSAllocation::reserve || choice == NTFSAllocation::zero) {
+                    model.resize(std::max<std::size_t>(old, end));
+                }
+                if (choice != NTFSAllocation::reserve &&
+                    choice != NTFSAllocation::reserveBehindEnd && place < old) {
+                    const std::size_t count = std::min<std::size_t>(length, old - place);
+                    model.replace(place, count, count, '\0');
+                }
+            }
+            }
+            ASSERT_EQ(textOf(volume->read(ino, 0, model.size() + 1)), model);
+            const NTFSAttributes found = volume->attributes(ino);
+            EXPECT_EQ(found.size, model.size());
+            static_cast<void>(bytesOfHoles(*volume, ino, model));
+        }
+        volume->allocate(ino, 0, model.size(), NTFSAllocation::zero);
+        EXPECT_EQ(bytesOfHoles(*volume, ino, std::string(model.size(), '\0')), 0u);
+        volume->allocate(ino, 0, std::uint64_t{1} << 40, NTFSAllocation::punchHole);
+        EXPECT_EQ(volume->attributes(ino).allocSize, 0u);
+        volume->truncate(other, 0);
+        EXPECT_NEAR(static_cast<double>(volume->statfs().freeBytes()), static_cast<double>(free),
+                    16384.0);
+        volume->unmount();
+        EXPECT_EQ(sample.cat("/file"), std::string(model.size(), '\0'));
+    }
+}
+
+TEST(Allocation, TakesItsSpaceAtOnceOrNotAtAll) {
+    const SampleVolume sample;
+    const auto volume = NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
+    const std::uint64_t ino = volume->create("file", kRoot, NTFSItemType::file);
+    volume->write(ino, 0, bytesOf("text"));
+    const std::uint64_t free = volume->statfs().freeBytes();
+    EXPECT_EQ(codeOf([&] { volume->allocate(ino, 0, free, NTFSAllocation::reserve); }), kENOSPC);
+    EXPECT_EQ(volume->statfs().freeBytes(), free);
+    EXPECT_EQ(volume->attributes(ino).size, 4u);
+
+    constexpr std::uint64_t kLength = 6 << 20;
+    volume->allocate(ino, 0, kLength, NTFSAllocation::reserveBehindEnd);
+    EXPECT_EQ(volume->attributes(ino).size, 4u);
+    EXPECT_LE(volume->statfs().freeBytes() + kLength, free);
+    // The room is the file's: others fill the volume, and it is written to all the same.
+    const std::uint64_t other = volume->create("other", kRoot, NTFSItemType::file);
+    for (std::uint64_t at = 0;; at += 65536) {
+        if (codeOf([&] { volume->write(other, at, bytesOf(std::string(65536, 'x'))); }) != 0) {
+            break;
+        }
+    }
+    // Far behind what was written, with clusters before it that are not.
+    EXPECT_EQ(volume->write(ino, kLength - 3, bytesOf("end")).count, 3u);
+    EXPECT_EQ(textOf(volume->read(ino, 0, kLength)),
+              "text" + std::string(kLength - 7, '\0') + "end");
+    volume->unmount();
+}
+
+} // namespace
+} // namespace tavelin
