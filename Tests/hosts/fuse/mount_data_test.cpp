@@ -100,6 +100,47 @@ TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
     expectToLast(*volume_, served_);
 }
 
+TEST_F(MountData, RangesAreReservedZeroedAndFreed) {
+    constexpr off_t kEnd = 1 << 20;
+    std::optional<Descriptor> file(std::in_place, path("file"), O_RDWR | O_CREAT);
+    const int fd = *file;
+    struct stat status {};
+    const auto change = [&](int mode, off_t offset, off_t length) {
+        const int result = ::fallocate(fd, mode, offset, length) == 0 ? 0 : errno;
+        EXPECT_EQ(::fstat(fd, &status), 0);
+        return result;
+    };
+    EXPECT_EQ(change(FALLOC_FL_KEEP_SIZE, 0, kEnd), 0);
+    EXPECT_EQ(status.st_size, 0);
+    EXPECT_EQ(status.st_blocks, kEnd / 512);
+    EXPECT_EQ(change(0, 0, kEnd), 0);
+    EXPECT_EQ(status.st_size, kEnd);
+    const std::string data(kEnd, 'x');
+    EXPECT_EQ(::pwrite(fd, data.data(), data.size(), 0), kEnd);
+    EXPECT_EQ(::lseek(fd, 0, SEEK_HOLE), kEnd);
+    EXPECT_EQ(change(FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 65536 - 1, 65536 + 2), 0);
+    EXPECT_EQ(status.st_blocks, (kEnd - 65536) / 512);
+    EXPECT_EQ(::lseek(fd, 0, SEEK_HOLE), 65536);
+    EXPECT_EQ(::lseek(fd, 65536, SEEK_DATA), 2 * 65536);
+    EXPECT_EQ(change(FALLOC_FL_ZERO_RANGE, kEnd - 10, 20), 0);
+    EXPECT_EQ(status.st_size, kEnd + 10);
+    EXPECT_EQ(::lseek(fd, kEnd + 10, SEEK_DATA), -1);
+    EXPECT_EQ(errno, ENXIO);
+    EXPECT_EQ(change(FALLOC_FL_COLLAPSE_RANGE, 0, 4096), EOPNOTSUPP);
+    EXPECT_EQ(change(0, 0, off_t{1} << 40), ENOSPC);
+    EXPECT_EQ(status.st_size, kEnd + 10);
+    // What is kept of the file in the kernel goes with the range.
+    std::string expected = data + std::string(10, '\0');
+    expected.replace(65535, 65538, 65538, '\0').replace(kEnd - 10, 10, 10, '\0');
+    EXPECT_EQ(readFile(path("file")), expected);
+    runOrThrow({"cp", "--sparse=auto", path("file"), path("copy")});
+    EXPECT_EQ(readFile(path("copy")), expected);
+    ASSERT_EQ(::stat(path("copy").c_str(), &status), 0);
+    EXPECT_EQ(status.st_blocks, (kEnd - 65536) / 512);
+    file.reset();
+    expectToLast(*volume_, served_);
+}
+
 TEST_F(MountData, AFullVolumeSaysSoAndLosesNothing) {
     mountFresh(24 * kMiB);
     for (const char* const name : {"kept", "new", "old"}) {

@@ -5,8 +5,12 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <fcntl.h>
+#include <linux/falloc.h>
 #include <memory>
 #include <new>
+#include <optional>
+#include <unistd.h>
 
 namespace tavelin::fusehost {
 
@@ -91,11 +95,57 @@ void write(fuse_req_t request, fuse_ino_t number, const char* bytes, size_t size
     });
 }
 
+std::optional<NTFSAllocation> allocationOf(int mode) {
+    switch (mode) {
+    case 0:
+        return NTFSAllocation::reserve;
+    case FALLOC_FL_KEEP_SIZE:
+        return NTFSAllocation::reserveBehindEnd;
+    case FALLOC_FL_ZERO_RANGE:
+        return NTFSAllocation::zero;
+    case FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE:
+        return NTFSAllocation::zeroKeepingSize;
+    case FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE:
+        return NTFSAllocation::punchHole;
+    default:
+        return std::nullopt; // ranges are neither cut out nor put in
+    }
+}
+
+void allocate(fuse_req_t request, fuse_ino_t number, int mode, off_t offset, off_t length,
+              fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        const std::optional<NTFSAllocation> how = allocationOf(mode);
+        if (!how) {
+            fuse_reply_err(request, EOPNOTSUPP);
+            return;
+        }
+        replyResult(request, volumeOf(request).volume().requests().allocate(
+                                 itemOf(request, number).item(), static_cast<uint64_t>(offset),
+                                 static_cast<uint64_t>(length), *how));
+    });
+}
+
+void seek(fuse_req_t request, fuse_ino_t number, off_t offset, int whence,
+          fuse_file_info* /*file*/) {
+    answer(request, [&] {
+        const Outcome<uint64_t> found = volumeOf(request).volume().requests().seek(
+            itemOf(request, number).item(), static_cast<uint64_t>(offset), whence == SEEK_HOLE);
+        if (found) {
+            fuse_reply_lseek(request, static_cast<off_t>(*found));
+        } else {
+            fuse_reply_err(request, hostError(found.error()));
+        }
+    });
+}
+
 } // namespace
 
 void addDataRequests(fuse_lowlevel_ops& table) {
     table.read = read;
     table.write = write;
+    table.fallocate = allocate;
+    table.lseek = seek;
 }
 
 } // namespace tavelin::fusehost
