@@ -115,22 +115,58 @@ Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItem
 
 Outcome<void> OrphanFiles::remove(const ItemRef& file, bool mayHaveOtherNames,
                                   const ItemRef& directory, std::string_view name) {
-    // The link count includes the DOS name of this very name, which is unlinked with it. Only when
-    // another name remains can the name be unlinked while the file is open.
-    if (mayHaveOtherNames) {
-        const Outcome<size_t> names = volume_.countNames(file.item());
-        if (!names) {
-            return names.error();
-        }
-        if (*names > 1) {
-            return Outcome<void>::of(
-                volume_.removeItem(file.item(), FSFileName(name), directory.item()));
-        }
+    // Only when another name remains can the name be unlinked while the file is open.
+    const Outcome<bool> hasOthers = hasOtherNames(file, mayHaveOtherNames);
+    if (!hasOthers) {
+        return hasOthers.error();
+    }
+    if (*hasOthers) {
+        return Outcome<void>::of(
+            volume_.removeItem(file.item(), FSFileName(name), directory.item()));
     }
     // The last name. The volume is not changed yet: in most cases the kernel forgets the file a
     // moment later, and only then is it known that nobody has it open.
     put(idOf(file), {file.duplicate(), directory.duplicate(), idOf(directory), std::string(name)});
     return {};
+}
+
+Outcome<bool> OrphanFiles::hasOtherNames(const ItemRef& file, bool mayHaveOtherNames) {
+    if (!mayHaveOtherNames) {
+        return false;
+    }
+    // The link count includes the DOS name of the name that goes, which is unlinked with it.
+    const Outcome<size_t> names = volume_.countNames(file.item());
+    return names ? Outcome(*names > 1) : names.error();
+}
+
+Outcome<fskit::FSRemoveItemResult> OrphanFiles::removeAtOnce(const ItemRef& file,
+                                                             bool mayHaveOtherNames,
+                                                             const fskit::FSItemRef& directory,
+                                                             const FSFileName& name) {
+    const Outcome<bool> hasOthers = hasOtherNames(file, mayHaveOtherNames);
+    if (!hasOthers) {
+        return hasOthers.error();
+    }
+    if (*hasOthers) {
+        return volume_.removeItem(file.item(), name, directory);
+    }
+    Outcome<ItemRef> orphanage = orphanDirectory_.open();
+    if (!orphanage) {
+        return orphanage.error();
+    }
+    std::string orphan = OrphanDirectory::nameOf(idOf(file));
+    auto moved = volume_.renameItem(file.item(), directory, name, FSFileName(orphan),
+                                    orphanage->item(), nullptr);
+    if (!moved) {
+        return moved.error();
+    }
+    Removal removal{file.duplicate(), std::move(*orphanage), fskit::FSItemIDInvalid,
+                    std::move(orphan)};
+    removal.orphaned = true;
+    put(idOf(file), std::move(removal));
+    moved->renamedItemAttributes.setLinkCount(0);
+    return fskit::FSRemoveItemResult{moved->renamedItemAttributes, moved->sourceDirectoryAttributes,
+                                     moved->freeSpace};
 }
 
 Outcome<void> OrphanFiles::linkBeforeReplace(const ItemRef& file) {

@@ -59,6 +59,11 @@ class OrphanFiles {
     /// `mayHaveOtherNames` is false for a link count of 1, which spares the question.
     Outcome<void> remove(const ItemRef& file, bool mayHaveOtherNames, const ItemRef& directory,
                          std::string_view name);
+    /// The same without a deferral: the file is moved to the orphan directory, and its name is
+    /// free, when this returns. Nothing has changed after an error.
+    Outcome<fskit::FSRemoveItemResult> removeAtOnce(const ItemRef& file, bool mayHaveOtherNames,
+                                                    const fskit::FSItemRef& directory,
+                                                    const fskit::FSFileName& name);
     /// Replacing a file by a rename takes three steps. linkBeforeReplace() gives the old file a
     /// second name in the orphan directory. After the rename, dropIfStillLinked() removes that name
     /// again when the file has other visible names. After a rename that failed, undoReplace() makes
@@ -101,6 +106,8 @@ class OrphanFiles {
     };
 
     void release(fskit::FSItemID id);
+    /// Whether the file has more names than the one that is to go, its DOS name not counted.
+    Outcome<bool> hasOtherNames(const ItemRef& file, bool mayHaveOtherNames);
     /// Renames the file into the orphan directory, which frees its old name.
     Outcome<void> moveToOrphanDirectory(Removal& removal, fskit::FSItemID id);
     /// Gives a file its own name back after a failed replacement.

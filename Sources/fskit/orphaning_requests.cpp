@@ -1,0 +1,195 @@
+#include "fskit/orphaning_requests.hpp"
+
+#include "core/driver2/item_identity.hpp"
+#include "platform/error_numbers.hpp"
+
+#include <utility>
+
+namespace tavelin {
+
+namespace {
+
+// Passes on all entries but one name.
+class HidingPacker final : public fskit::FSDirectoryEntryPacker {
+  public:
+    HidingPacker(fskit::FSDirectoryEntryPacker& packer, std::string hidden)
+        : packer_(packer), hidden_(std::move(hidden)) {}
+
+    bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
+                   fskit::FSItemID itemID, fskit::FSDirectoryCookie nextCookie,
+                   const fskit::FSItemAttributes* attributes) override {
+        return name.data() == hidden_ ||
+               packer_.packEntry(name, itemType, itemID, nextCookie, attributes);
+    }
+
+  private:
+    fskit::FSDirectoryEntryPacker& packer_;
+    const std::string hidden_;
+};
+
+} // namespace
+
+Outcome<fskit::FSItemRef> OrphaningRequests::activate(const fskit::FSTaskOptions& options) {
+    auto root = volume_.activate(options);
+    if (root && !volume_.readOnly()) {
+        orphans_.cleanUp();
+    }
+    return root;
+}
+
+void OrphaningRequests::unmount() {
+    if (!volume_.readOnly()) {
+        // A failure is kept for the deactivation, which tries again and can report it.
+        static_cast<void>(orphans_.releaseAll());
+    }
+    volume_.unmount();
+}
+
+Outcome<void> OrphaningRequests::deactivate(fskit::FSDeactivateOptions options) {
+    if (!volume_.readOnly() && volume_.ntfs->isMounted()) {
+        // What cannot be removed is left to the next mount. It is no reason to keep this one.
+        static_cast<void>(orphans_.releaseAll());
+    }
+    return volume_.deactivate(options);
+}
+
+Outcome<void> OrphaningRequests::synchronize(fskit::FSSyncFlags flags) {
+    Outcome<void> removed = orphans_.persistOrphans();
+    Outcome<void> synchronized = volume_.synchronize(flags);
+    return synchronized ? std::move(removed) : std::move(synchronized);
+}
+
+bool OrphaningRequests::isHidden(const fskit::FSFileName& name, const fskit::FSItemRef& directory) {
+    return orphans_.isHidden(name.data()) && directory == volume_.root();
+}
+
+fskit::FSItemAttributes OrphaningRequests::adjusted(fskit::FSItemAttributes attributes) const {
+    if (orphans_.contains(attributes.fileID())) {
+        attributes.setLinkCount(0);
+    }
+    return attributes;
+}
+
+Outcome<fskit::FSItemAttributes>
+OrphaningRequests::getAttributes(const fskit::FSItemGetAttributesRequest& desired,
+                                 const fskit::FSItemRef& item) {
+    auto attributes = volume_.getAttributes(desired, item);
+    if (attributes) {
+        attributes = adjusted(*attributes);
+    }
+    return attributes;
+}
+
+Outcome<fskit::FSLookupItemResult>
+OrphaningRequests::lookupItem(const fskit::FSFileName& name, const fskit::FSItemRef& directory) {
+    return isHidden(name, directory) ? fskit::fs_errorForPOSIXError(kENOENT)
+                                     : volume_.lookupItem(name, directory);
+}
+
+Outcome<fskit::FSCreateItemResult>
+OrphaningRequests::createItem(const fskit::FSFileName& name, fskit::FSItemType type,
+                              const fskit::FSItemRef& directory,
+                              fskit::FSItemSetAttributesRequest& attributes) {
+    return isHidden(name, directory) ? fskit::fs_errorForPOSIXError(kEPERM)
+                                     : volume_.createItem(name, type, directory, attributes);
+}
+
+Outcome<fskit::FSCreateItemResult> OrphaningRequests::createSymbolicLink(
+    const fskit::FSFileName& name, const fskit::FSItemRef& directory,
+    fskit::FSItemSetAttributesRequest& attributes, const fskit::FSFileName& linkContents) {
+    return isHidden(name, directory)
+               ? fskit::fs_errorForPOSIXError(kEPERM)
+               : volume_.createSymbolicLink(name, directory, attributes, linkContents);
+}
+
+Outcome<fskit::FSDirectoryVerifier> OrphaningRequests::enumerateDirectory(
+    const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
+    fskit::FSDirectoryVerifier verifier, const fskit::FSItemGetAttributesRequest* attributes,
+    fskit::FSDirectoryEntryPacker& packer) {
+    std::string hidden = directory == volume_.root() ? orphans_.hiddenName() : std::string();
+    if (hidden.empty()) {
+        return volume_.enumerateDirectory(directory, startingAt, verifier, attributes, packer);
+    }
+    HidingPacker hiding(packer, std::move(hidden));
+    return volume_.enumerateDirectory(directory, startingAt, verifier, attributes, hiding);
+}
+
+std::optional<OrphaningRequests::NamedFile>
+OrphaningRequests::fileAt(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                          const fskit::FSItemRef& directory) {
+    if (item == nullptr || volume_.readOnly()) {
+        return std::nullopt;
+    }
+    auto found = volume_.lookupItem(name, directory);
+    if (!found) {
+        return std::nullopt; // the request itself answers the error
+    }
+    NamedFile named{ItemRef(volume_, std::move(found->foundItem)), std::move(found->itemName),
+                    found->itemAttributes.linkCount() > 1};
+    const bool isFile = found->itemAttributes.type() == fskit::FSItemType::file;
+    return isFile && named.file.item() == item ? std::optional(std::move(named)) : std::nullopt;
+}
+
+Outcome<fskit::FSRemoveItemResult>
+OrphaningRequests::removeItem(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                              const fskit::FSItemRef& directory) {
+    if (isHidden(name, directory)) {
+        return fskit::fs_errorForPOSIXError(kENOENT);
+    }
+    const MutexLock held(names_);
+    if (!hostKeepsRemoved_) {
+        if (const auto named = fileAt(item, name, directory)) {
+            if (auto removed = orphans_.removeAtOnce(named->file, named->mayHaveOtherNames,
+                                                     directory, named->name)) {
+                return removed;
+            }
+        }
+    }
+    return volume_.removeItem(item, name, directory);
+}
+
+Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
+    const fskit::FSItemRef& item, const fskit::FSItemRef& sourceDirectory,
+    const fskit::FSFileName& sourceName, const fskit::FSFileName& destinationName,
+    const fskit::FSItemRef& destinationDirectory, const fskit::FSItemRef& overItem) {
+    if (isHidden(sourceName, sourceDirectory)) {
+        return fskit::fs_errorForPOSIXError(kENOENT);
+    }
+    if (isHidden(destinationName, destinationDirectory)) {
+        return fskit::fs_errorForPOSIXError(kEPERM);
+    }
+    const MutexLock held(names_);
+    const auto rename = [&] {
+        return volume_.renameItem(item, sourceDirectory, sourceName, destinationName,
+                                  destinationDirectory, overItem);
+    };
+    const auto over =
+        overItem == item ? std::nullopt : fileAt(overItem, destinationName, destinationDirectory);
+    // The old file gets a second name in the orphan directory, so that there is no moment, not even
+    // after a crash, at which the target name is missing.
+    if (!over || !orphans_.linkBeforeReplace(over->file)) {
+        return rename();
+    }
+    auto done = rename();
+    if (!done) {
+        volume_.retain(destinationDirectory);
+        orphans_.undoReplace(over->file, ItemRef(volume_, destinationDirectory), over->name.data());
+        return done;
+    }
+    orphans_.dropIfStillLinked(over->file, over->mayHaveOtherNames);
+    if (done->overItemAttributes) {
+        done->overItemAttributes = adjusted(*done->overItemAttributes);
+    }
+    return done;
+}
+
+void OrphaningRequests::reclaimed(const fskit::FSItemRef& item) {
+    if (item == nullptr || orphans_.isEmpty()) {
+        return;
+    }
+    const MutexLock held(names_);
+    volume_.retain(item);
+    orphans_.release(ItemRef(volume_, item));
+}
+
+} // namespace tavelin

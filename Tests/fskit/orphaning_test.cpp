@@ -1,0 +1,142 @@
+// Files that lose their last name while the host still holds their items.
+#include "module_fixture.hpp"
+
+#include "fskit/orphaning_requests.hpp"
+
+#include <algorithm>
+
+namespace tavelin {
+namespace {
+
+using namespace test;
+using fskit::FSFileName;
+
+struct Case {
+    bool isReplaced;    // by a rename, else removed
+    bool hostKeepsOpen; // as FSKit does from macOS 26.0 on
+};
+
+class Orphaning : public VolumeTest, public testing::WithParamInterface<Case> {
+  protected:
+    void SetUp() override {
+        start();
+        names.emplace(volume());
+    }
+
+    std::int64_t remove(const Item& item, const char* name) {
+        return codeOf(names->removeItem(item, FSFileName(name), root));
+    }
+    std::int64_t replace(const Item& item, const char* name, const Item& over, const char* by) {
+        return codeOf(names->renameItem(item, root, FSFileName(name), FSFileName(by), root, over));
+    }
+    // Makes "file" with some clusters and takes its name away.
+    Item loseFile(bool isReplaced) {
+        const Item file = *requests().create(root, "file");
+        EXPECT_EQ(*requests().write(file, 0, std::string(50'000, 'f')), 50'000u);
+        if (isReplaced) {
+            const Item other = *requests().create(root, "other");
+            EXPECT_EQ(replace(other, "other", file, "file"), 0);
+            EXPECT_EQ(itemOf(names->lookupItem(FSFileName("file"), root)).get(), other);
+        } else {
+            EXPECT_EQ(remove(file, "file"), 0);
+            EXPECT_EQ(codeOf(names->lookupItem(FSFileName("file"), root)), kENOENT);
+        }
+        return file;
+    }
+    std::vector<std::string> listed() {
+        Page page;
+        const fskit::FSItemGetAttributesRequest wanted;
+        EXPECT_EQ(codeOf(names->enumerateDirectory(root, 0, 0, &wanted, page)), 0);
+        std::vector<std::string> all;
+        for (const Entry& entry : page.entries) {
+            all.push_back(entry.name);
+        }
+        return all;
+    }
+    std::uint64_t freeBytes() { return volume().volumeStatistics().freeBytes; }
+
+    std::optional<OrphaningRequests> names;
+};
+
+TEST_P(Orphaning, AFileWithoutANameIsUsableUntilItsReclaim) {
+    const auto [isReplaced, hostKeepsOpen] = GetParam();
+    if (hostKeepsOpen) {
+        names->leaveRemovalsToHost();
+    }
+    ASSERT_EQ(codeOf(names->removeItem(loseFile(false), FSFileName("x"), root)), kENOENT);
+    names->reclaimed(nullptr);
+    const std::uint64_t before = freeBytes();
+    const Item file = loseFile(isReplaced);
+    EXPECT_EQ(listed(), isReplaced ? std::vector<std::string>{"file"} : std::vector<std::string>{});
+    if (!isReplaced && hostKeepsOpen) {
+        EXPECT_EQ(requests().read(file, 0, 5).code(), kESTALE);
+        EXPECT_EQ(freeBytes(), before);
+        return;
+    }
+    EXPECT_EQ(*requests().read(file, 0, 5), "fffff");
+    EXPECT_EQ(*requests().write(file, 50'000, "more"), 4u);
+    EXPECT_EQ(names->getAttributes({}, file)->linkCount(), 0u);
+    EXPECT_LT(freeBytes(), before);
+
+    requests().reclaim(file);
+    names->reclaimed(file);
+    EXPECT_EQ(requests().read(file, 0, 5).code(), kESTALE);
+    EXPECT_GE(freeBytes() + 8192, before) << "the orphan directory may have grown the root";
+    EXPECT_EQ(codeOf(names->synchronize(fskit::FSSyncFlags::wait)), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllLosses, Orphaning,
+                         testing::Values(Case{false, false}, Case{true, false}, Case{false, true},
+                                         Case{true, true}));
+
+TEST_F(Orphaning, WhatIsNeverReclaimedGoesWithTheUnmountOrTheNextMount) {
+    for (const bool isUnmounted : {true, false}) {
+        loseFile(false);
+        loseFile(true);
+        EXPECT_EQ(codeOf(names->lookupItem(FSFileName(".tavelin-removed"), root)), kENOENT);
+        fskit::FSItemSetAttributesRequest none;
+        EXPECT_EQ(
+            codeOf(names->createItem(FSFileName(".tavelin-removed"), Type::directory, root, none)),
+            kEPERM);
+        Page page;
+        static_cast<void>(requests().list(root, page));
+        const auto hides = [&] { return page.names()[2].starts_with(".tavelin-removed>"); };
+        EXPECT_TRUE(hides());
+        if (isUnmounted) {
+            names->unmount();
+            EXPECT_EQ(codeOf(names->deactivate(0)), 0);
+        }
+        names.reset();
+        // As FSKit loads once more, or as the machine comes back.
+        ASSERT_EQ(load(), 0);
+        names.emplace(volume());
+        root = *Answer{names->activate({})};
+        page.entries.clear();
+        static_cast<void>(requests().list(root, page));
+        EXPECT_FALSE(hides());
+        EXPECT_EQ(listed(), std::vector<std::string>{"file"});
+        EXPECT_EQ(remove(nullptr, "file"), 0);
+    }
+}
+
+TEST_F(Orphaning, WithoutRoomForAnOrphanTheNameGoesAllTheSame) {
+    for (int i = 0; i < OrphanDirectory::kNamesMax; ++i) {
+        const std::string name(OrphanDirectory::kName);
+        ASSERT_EQ(requests().create(root, i == 0 ? name : name + '-' + std::to_string(i)).code(),
+                  0);
+    }
+    for (const bool isReplaced : {false, true}) {
+        EXPECT_EQ(requests().read(loseFile(isReplaced), 0, 5).code(), kESTALE);
+    }
+}
+
+TEST_F(Orphaning, AFailedReplacementLeavesTheFileItsName) {
+    const Item file = *requests().create(root, "file");
+    const Item directory = *requests().create(root, "folder", Type::directory);
+    EXPECT_EQ(replace(directory, "folder", file, "file"), kENOTDIR);
+    EXPECT_EQ(listed(), (std::vector<std::string>{"file", "folder"}));
+    EXPECT_EQ(names->getAttributes({}, file)->linkCount(), 1u);
+}
+
+} // namespace
+} // namespace tavelin
