@@ -1,5 +1,6 @@
 #import "extension/file_system.h"
 
+#import "extension/handler_volume.h"
 #import "extension/volume.h"
 
 #include "extension/block_device.hpp"
@@ -44,6 +45,20 @@ class TaskAdapter final : public fskit::FSTask {
 /// Check and format are started alike.
 using Start = decltype(&tavelin::TavelinFileSystem::startCheck);
 
+/// The class of volume that this release's FSKit knows the requests of. What came with the second
+/// generation is asked of FSKit's own class, and not of the release alone, so that both answers can
+/// be tested anywhere.
+Class volumeClass() {
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 270000
+    if (@available(macOS 27.0, *)) {
+        if ([FSItem instancesRespondToSelector:@selector(tryReclaimWithBlock:)]) {
+            return [TavelinHandlerVolume class];
+        }
+    }
+#endif
+    return [TavelinVolume class];
+}
+
 FSContainerStatus *notReady(NSError *error) {
     return [FSContainerStatus notReadyWithStatus:error];
 }
@@ -78,7 +93,7 @@ FSContainerStatus *notReady(NSError *error) {
             self.containerStatus = notReady(failed);
             return {nil, failed};
         }
-        TavelinVolume *given = tavelin::made([[TavelinVolume alloc]
+        TavelinServedVolume *given = tavelin::made([[volumeClass() alloc]
             initWithVolume:std::dynamic_pointer_cast<tavelin::TavelinVolume>(*loaded)
                 fileSystem:self]);
         self.containerStatus = [FSContainerStatus ready];

@@ -30,16 +30,16 @@ class HandedItems {
     /// The object FSKit is to get for an item that a request answered.
     [[nodiscard]] FSItem* handOut(const fskit::FSItemRef& item);
 
-    /// Lets go of an item that FSKit gives back. A second reclaim, an item that is not ours and
-    /// nil change nothing.
-    void reclaim(FSItem* item);
+    /// Lets go of an item that FSKit gives back, and answers it; null when FSKit holds it still. A
+    /// second reclaim, an item that is not ours and nil change nothing.
+    std::shared_ptr<NItem> reclaim(FSItem* item);
 
     /// How many items FSKit holds.
     [[nodiscard]] std::size_t count() const;
 
   private:
     /// Takes the object out of the table, under the lock.
-    void takeBack(FSItem* item) TAVELIN_REQUIRES(mutex_);
+    std::shared_ptr<NItem> takeBack(FSItem* item) TAVELIN_REQUIRES(mutex_);
 
     TavelinVolume& volume_;
     mutable Mutex mutex_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)

@@ -23,11 +23,15 @@ FSItem *HandedItems::handOut(const fskit::FSItemRef &item) {
     const auto [entry, isNew] = handed_.try_emplace(registered.get());
     if (isNew) {
         entry->second = Strong(made([[::NItem alloc] initWithItem:registered]));
+        // FSKit's own, so that nobody who holds the item for a while beside it gives the last one
+        // back.
+        volume_.retain(registered);
     }
     return entry->second.get();
 }
 
-void HandedItems::reclaim(FSItem *item) {
+std::shared_ptr<NItem> HandedItems::reclaim(FSItem *item) {
+    __block std::shared_ptr<NItem> taken;
     MutexLock lock(mutex_);
     if (item == nil) {
         volume_.reclaimItem(nullptr);
@@ -36,20 +40,22 @@ void HandedItems::reclaim(FSItem *item) {
         // it does not run the block, and the item stays handed out.
         [static_cast<id<TavelinReclaimableItem>>(item) tryReclaimWithBlock:^{
             mutex_.assumeHeld();
-            takeBack(item);
+            taken = takeBack(item);
         }];
     } else {
-        takeBack(item);
+        taken = takeBack(item);
     }
+    return taken;
 }
 
-void HandedItems::takeBack(FSItem *item) {
+std::shared_ptr<NItem> HandedItems::takeBack(FSItem *item) {
     const std::shared_ptr<NItem> core = toCore(item);
     if (const auto entry = handed_.find(core.get());
         entry != handed_.end() && entry->second.get() == item) {
         handed_.erase(entry);
     }
     volume_.reclaimItem(core);
+    return core;
 }
 
 std::size_t HandedItems::count() const {

@@ -1,5 +1,6 @@
 #import "extension/volume.h"
 
+#include "extension/packer.hpp"
 #include "extension/reply.hpp"
 
 #include <utility>
@@ -10,28 +11,6 @@ using tavelin::toCore;
 using tavelin::toFSKit;
 
 namespace {
-
-/// The front end's packer over FSKit's, for the length of one request.
-class PackerAdapter final : public fskit::FSDirectoryEntryPacker {
-  public:
-    explicit PackerAdapter(::FSDirectoryEntryPacker *packer) : packer_(packer) {}
-
-    bool packEntry(const fskit::FSFileName &name, fskit::FSItemType itemType,
-                   fskit::FSItemID itemID, fskit::FSDirectoryCookie nextCookie,
-                   const fskit::FSItemAttributes *attributes) override {
-        @autoreleasepool {
-            return [packer_.get()
-                packEntryWithName:toFSKit(name)
-                         itemType:static_cast<FSItemType>(itemType)
-                           itemID:static_cast<FSItemID>(itemID)
-                       nextCookie:nextCookie
-                       attributes:attributes != nullptr ? toFSKit(*attributes) : nil];
-        }
-    }
-
-  private:
-    const tavelin::Strong<::FSDirectoryEntryPacker *> packer_;
-};
 
 /// What lookups and creations reply.
 using NamedItem = std::tuple<FSItem *, FSFileName *, NSError *>;
@@ -48,113 +27,16 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
 
 @implementation TavelinVolume
 
-- (instancetype)initWithVolume:(std::shared_ptr<tavelin::TavelinVolume>)volume
-                    fileSystem:(FSUnaryFileSystem *)fileSystem {
-    FSVolumeIdentifier *identifier =
-        tavelin::made([[FSVolumeIdentifier alloc] initWithUUID:toFSKit(volume->volumeID().uuid)]);
-    if ((self = [super
-             initWithVolumeID:identifier
-                   volumeName:toFSKit(static_cast<const fskit::FSVolume &>(*volume).name())])) {
-        _handed = std::make_unique<tavelin::HandedItems>(*volume);
-        _volume = std::move(volume);
-        // FSKit need not send a synchronise, and has none for a single file. The last close is then
-        // all that tells when a program is done with it.
-        _volume->setOpenCloseInhibited(false);
-        _fileSystem = tavelin::Strong(fileSystem);
-    }
-    return self;
-}
-
-- (NSUInteger)handedItemCount {
-    return _handed->count();
-}
-
-// What the volume is
-
-- (NSInteger)maximumLinkCount {
-    return _volume->maximumLinkCount();
-}
-
-- (NSInteger)maximumNameLength {
-    return _volume->maximumNameLength();
-}
-
-- (BOOL)restrictsOwnershipChanges {
-    return _volume->restrictsOwnershipChanges();
-}
-
-- (BOOL)truncatesLongNames {
-    return _volume->truncatesLongNames();
-}
-
-- (NSInteger)maximumXattrSize {
-    return _volume->maximumXattrSize();
-}
-
-- (uint64_t)maximumFileSize {
-    return _volume->maximumFileSize();
-}
-
-- (FSVolumeSupportedCapabilities *)supportedVolumeCapabilities {
-    return toFSKit(_volume->supportedVolumeCapabilities());
-}
-
-- (FSStatFSResult *)volumeStatistics {
-    return toFSKit(_volume->volumeStatistics());
-}
-
-// NTFS frees a file's record with its last name. FSKit keeps an open file's name out of sight until
-// the last close instead.
-- (BOOL)enableOpenUnlinkEmulation {
-    return YES;
-}
-
-// Asked for after the mount: a volume that could only be opened read-only is then mounted so, and
-// the Finder offers no changes.
-#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
-- (FSMountOptions)requestedMountOptions API_AVAILABLE(macos(26.4)) {
-    return _volume->readOnly() ? FSMountOptionsReadOnly : 0;
-}
-#endif
-
 // Lifecycle
 
 - (void)activateWithOptions:(FSTaskOptions *)options
                replyHandler:(void (^)(FSItem *rootItem, NSError *error))reply {
-    serve(reply, [&] {
-        return argumentsOf<FSItem *, NSError *>(
-            _volume->activate(toCore(options)),
-            [&](const fskit::FSItemRef &root) -> std::tuple<FSItem *, NSError *> {
-                _fileSystem.get().containerStatus = [FSContainerStatus active];
-                return {_handed->handOut(root), nil};
-            });
-    });
+    serve(reply, [&] { return [self activeRoot:options]; });
 }
 
 - (void)deactivateWithOptions:(FSDeactivateOptions)options
                  replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&] {
-        auto deactivated = _volume->deactivate(options);
-        if (deactivated) {
-            _fileSystem.get().containerStatus = [FSContainerStatus ready];
-        }
-        return deactivated;
-    });
-}
-
-- (void)mountWithOptions:(FSTaskOptions *)options replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&] { return _volume->mount(toCore(options)); });
-}
-
-- (void)unmountWithReplyHandler:(void (^)(void))reply {
-    serve(reply, [&] {
-        _volume->unmount();
-        return std::tuple<>();
-    });
-}
-
-- (void)synchronizeWithFlags:(FSSyncFlags)flags replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&] { return _volume->synchronize(static_cast<fskit::FSSyncFlags>(flags)); });
+    serve(reply, [&] { return [self deactivated:options]; });
 }
 
 // Items
@@ -164,24 +46,17 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
            replyHandler:(void (^)(FSItem *item, FSFileName *itemName, NSError *error))reply {
     serve(reply, [&] {
         return argumentsOf<FSItem *, FSFileName *, NSError *>(
-            _volume->lookupItem(toCore(name), toCore(directory)),
+            _names->lookupItem(toCore(name), toCore(directory)),
             [&](const fskit::FSLookupItemResult &result) {
                 return NamedItem(_handed->handOut(result.foundItem), toFSKit(result.itemName), nil);
             });
     });
 }
 
-- (void)reclaimItem:(FSItem *)item replyHandler:(void (^)(NSError *error))reply {
-    serve(reply, [&] {
-        _handed->reclaim(item);
-        return tavelin::Outcome<void>();
-    });
-}
-
 - (void)getAttributes:(FSItemGetAttributesRequest *)desiredAttributes
                ofItem:(FSItem *)item
          replyHandler:(void (^)(FSItemAttributes *attributes, NSError *error))reply {
-    serve(reply, [&] { return _volume->getAttributes(toCore(desiredAttributes), toCore(item)); });
+    serve(reply, [&] { return _names->getAttributes(toCore(desiredAttributes), toCore(item)); });
 }
 
 - (void)setAttributes:(FSItemSetAttributesRequest *)newAttributes
@@ -208,9 +83,9 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
                usingPacker:(FSDirectoryEntryPacker *)packer
               replyHandler:(void (^)(FSDirectoryVerifier currentVerifier, NSError *error))reply {
     serve(reply, [&]() -> std::tuple<FSDirectoryVerifier, NSError *> {
-        PackerAdapter adapter(packer);
+        tavelin::PackerAdapter adapter(packer);
         const fskit::FSItemGetAttributesRequest wanted = toCore(attributes);
-        const auto current = _volume->enumerateDirectory(
+        const auto current = _names->enumerateDirectory(
             toCore(directory), cookie, verifier, attributes != nil ? &wanted : nullptr, adapter);
         if (!current) {
             return {verifier, toFSKit(current.error())};
@@ -228,8 +103,8 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
            replyHandler:(void (^)(FSItem *newItem, FSFileName *newItemName, NSError *error))reply {
     serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        const auto made = _volume->createItem(toCore(name), static_cast<fskit::FSItemType>(type),
-                                              toCore(directory), request);
+        const auto made = _names->createItem(toCore(name), static_cast<fskit::FSItemType>(type),
+                                             toCore(directory), request);
         newAttributes.consumedAttributes = static_cast<FSItemAttribute>(request.consumedAttributes);
         return newItem(made, *_handed);
     });
@@ -244,7 +119,7 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
     serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
         return newItem(
-            _volume->createSymbolicLink(toCore(name), toCore(directory), request, toCore(contents)),
+            _names->createSymbolicLink(toCore(name), toCore(directory), request, toCore(contents)),
             *_handed);
     });
 }
@@ -268,7 +143,7 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
       replyHandler:(void (^)(NSError *error))reply {
     serve(reply, [&] {
         return tavelin::Outcome<void>::of(
-            _volume->removeItem(toCore(item), toCore(name), toCore(directory)));
+            _names->removeItem(toCore(item), toCore(name), toCore(directory)));
     });
 }
 
@@ -281,9 +156,9 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
       replyHandler:(void (^)(FSFileName *newName, NSError *error))reply {
     serve(reply, [&] {
         return argumentsOf<FSFileName *, NSError *>(
-            _volume->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
-                                toCore(destinationName), toCore(destinationDirectory),
-                                toCore(overItem)),
+            _names->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
+                               toCore(destinationName), toCore(destinationDirectory),
+                               toCore(overItem)),
             [](const fskit::FSRenameItemResult &renamed) -> std::tuple<FSFileName *, NSError *> {
                 return {toFSKit(renamed.newName), nil};
             });

@@ -10,11 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 namespace tavelin::test {
 
 namespace {
 
-class Binding : public testing::Test {
+class Binding : public testing::TestWithParam<Release> {
   protected:
     ImageResource *resource(BOOL writable = YES) {
         return [ImageResource resourceWithImage:sample_.image() writable:writable];
@@ -23,7 +25,7 @@ class Binding : public testing::Test {
     std::unique_ptr<ReplacedServices> replaced_ = std::make_unique<ReplacedServices>();
     SampleVolume sample_;
     NSAutoreleasePool *pool_ = [NSAutoreleasePool new];
-    Daemon daemon_;
+    Daemon daemon_{GetParam()};
 
     void TearDown() override { [pool_ release]; }
 };
@@ -40,7 +42,7 @@ NSData *data(const std::string &text) {
     return [NSData dataWithBytes:text.data() length:text.size()];
 }
 
-TEST_F(Binding, ServesAVolumeFromProbeToUnload) {
+TEST_P(Binding, ServesAVolumeFromProbeToUnload) {
     const Answer probe = daemon_.probe(resource());
     ASSERT_TRUE(probe.ok());
     FSProbeResult *found = static_cast<FSProbeResult *>(probe.object.get());
@@ -53,7 +55,8 @@ TEST_F(Binding, ServesAVolumeFromProbeToUnload) {
     EXPECT_STREQ(statistics.fileSystemTypeName.UTF8String, product::kShortName);
     EXPECT_EQ(statistics.totalBytes, statistics.totalBlocks * 4096);
     EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptions{0});
-    EXPECT_FALSE(daemon_.volume().isOpenCloseInhibited) << "no synchronise need come";
+    EXPECT_FALSE(static_cast<id<FSVolumeOpenCloseHandler>>(daemon_.volume()).isOpenCloseInhibited)
+        << "no synchronise need come";
     EXPECT_TRUE(daemon_.volume().supportedVolumeCapabilities.doesNotSupportImmutableFiles);
 
     FSItem *const root = daemon_.root();
@@ -96,7 +99,7 @@ TEST_F(Binding, ServesAVolumeFromProbeToUnload) {
         isEqualToString:@"Holiday"]);
 }
 
-TEST_F(Binding, ListsPageAfterPage) {
+TEST_P(Binding, ListsPageAfterPage) {
     daemon_.bringUp(resource());
     std::vector<std::string> made;
     for (int i = 0; i < 20; ++i) {
@@ -113,7 +116,7 @@ TEST_F(Binding, ListsPageAfterPage) {
     daemon_.takeDown();
 }
 
-TEST_F(Binding, AnswersErrorsInThePOSIXDomain) {
+TEST_P(Binding, AnswersErrorsInThePOSIXDomain) {
     EXPECT_EQ(daemon_.load(made([OtherResource new])).code(), kENODEV);
     EXPECT_EQ(daemon_.state(), FSContainerStateNotReady);
     EXPECT_EQ(static_cast<FSProbeResult *>(daemon_.probe(nil).object.get()).result,
@@ -156,7 +159,7 @@ TEST_F(Binding, AnswersErrorsInThePOSIXDomain) {
     daemon_.takeDown();
 }
 
-TEST_F(Binding, CompletesACheckOnceAndLater) {
+TEST_P(Binding, CompletesACheckOnceAndLater) {
     daemon_.bringUp(resource());
     RecordingTask *task = made([RecordingTask new]);
     const Answer started = daemon_.check(@[ @"-q" ], task);
@@ -171,14 +174,14 @@ TEST_F(Binding, CompletesACheckOnceAndLater) {
     daemon_.takeDown();
 }
 
-TEST_F(Binding, AsksForAReadOnlyMountWhenTheMediumIs) {
+TEST_P(Binding, AsksForAReadOnlyMountWhenTheMediumIs) {
     daemon_.bringUp(resource(NO));
     EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptionsReadOnly);
     EXPECT_EQ(daemon_.create(daemon_.root(), "file").code(), kEROFS);
     daemon_.takeDown();
 }
 
-TEST_F(Binding, GetsAcrossAMisbehavingDevice) {
+TEST_P(Binding, GetsAcrossAMisbehavingDevice) {
     ImageResource *device = resource();
     device->_shortBytes = 4096;
     daemon_.bringUp(device);
@@ -213,7 +216,7 @@ TEST_F(Binding, GetsAcrossAMisbehavingDevice) {
     EXPECT_EQ(daemon_.state(), FSContainerStateNotReady);
 }
 
-TEST_F(Binding, GivesOneObjectForAFileAndKeepsItUntilReclaimed) {
+TEST_P(Binding, GivesOneObjectForAFileAndKeepsItUntilReclaimed) {
     daemon_.bringUp(resource());
     FSItem *const root = daemon_.root();
     const Answer file = daemon_.create(root, "file");
@@ -232,20 +235,61 @@ TEST_F(Binding, GivesOneObjectForAFileAndKeepsItUntilReclaimed) {
     daemon_.takeDown();
 }
 
-TEST_F(Binding, TakesItemsBackOnReleasesWithoutTryReclaim) {
-    [FSItem setHasTryReclaim:NO];
+TEST_P(Binding, KeepsFilesWithoutANameWhereFSKitDoesNot) {
     daemon_.bringUp(resource());
-    const Answer file = daemon_.create(daemon_.root(), "file");
-    EXPECT_TRUE(daemon_.reclaim(file.item()).ok());
-    EXPECT_EQ(daemon_.volume().handedItemCount, 1u);
-    const Answer again = daemon_.lookup(daemon_.root(), "file");
-    EXPECT_NE(again.item(), file.item());
-    EXPECT_TRUE(daemon_.reclaim(again.item()).ok());
+    FSItem *const root = daemon_.root();
+    const auto file = [&](const char *name, const char *text) {
+        const Answer made = daemon_.create(root, name);
+        EXPECT_TRUE(daemon_.write(made.item(), text).ok());
+        return made;
+    };
+    const Answer removed = file("removed", "one");
+    const Answer replaced = file("replaced", "two");
+    const Answer fresh = file("fresh", "three");
+    ASSERT_TRUE(daemon_.remove(removed.item(), root, "removed").ok());
+    ASSERT_TRUE(
+        daemon_.rename(fresh.item(), root, "fresh", root, "replaced", replaced.item()).ok());
+    EXPECT_EQ(daemon_.list(root, 100, true), std::vector<std::string>{"replaced"});
+    EXPECT_EQ(daemon_.readText(replaced.item()), "two");
+    if (daemon_.release() == Release::k15_4) {
+        EXPECT_EQ(daemon_.readText(removed.item()), "one");
+    } else {
+        EXPECT_EQ(daemon_.read(removed.item(), 1).code(), kESTALE) << "FSKit keeps open ones";
+    }
+    for (const Answer *held : {&removed, &replaced, &fresh}) {
+        EXPECT_TRUE(daemon_.reclaim(held->item()).ok());
+    }
+    EXPECT_EQ(daemon_.read(replaced.item(), 1).code(), kESTALE);
     daemon_.takeDown();
-    [FSItem setHasTryReclaim:YES];
+    static_cast<void>(sample_.check());
 }
 
-TEST_F(Binding, GivesALookupThatRacesAReclaimALiveItem) {
+TEST_P(Binding, TellsWithTheAnswerWhatFSKitWouldAskForNext) {
+    daemon_.bringUp(resource());
+    FSItem *const root = daemon_.root();
+    const Answer file = daemon_.create(root, "file");
+    const Answer target = daemon_.create(root, "target");
+    const Answer written = daemon_.write(file.item(), std::string(100'000, 'x'));
+    const Answer found = daemon_.lookup(root, "file");
+    const Answer renamed = daemon_.rename(file.item(), root, "file", root, "target", target.item());
+    const Answer removed = daemon_.remove(file.item(), root, "target");
+    if (daemon_.hasHandlers()) {
+        EXPECT_EQ(file.itemAttributes.get().type, FSItemTypeFile);
+        EXPECT_EQ(file.directoryAttributes.get().fileID, FSItemIDRootDirectory);
+        EXPECT_EQ(written.itemAttributes.get().size, 100'000u);
+        EXPECT_LT(written.freeSpace.get().bytes, file.freeSpace.get().bytes);
+        EXPECT_EQ(found.itemAttributes.get().size, 100'000u);
+        EXPECT_EQ(renamed.number, 0u) << "the link count of the file that was replaced";
+        EXPECT_EQ(removed.itemAttributes.get().linkCount, 0u);
+        EXPECT_GT(removed.freeSpace.get().bytes, written.freeSpace.get().bytes);
+    } else {
+        EXPECT_EQ(found.itemAttributes.get(), nil);
+    }
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok() && daemon_.reclaim(target.item()).ok());
+    daemon_.takeDown();
+}
+
+TEST_P(Binding, GivesALookupThatRacesAReclaimALiveItem) {
     daemon_.bringUp(resource());
     ASSERT_TRUE(daemon_.create(daemon_.root(), "file").ok());
     std::atomic<int> failures = 0;
@@ -265,24 +309,34 @@ TEST_F(Binding, GivesALookupThatRacesAReclaimALiveItem) {
     daemon_.takeDown();
 }
 
-TEST_F(Binding, AnswersExactlyOnceWhateverTheRequestDoes) {
-    using Arguments = std::tuple<NSNumber *, NSError *>;
-    const auto outcome = [](const auto &request) {
-        __block int replies = 0;
-        __block int code = 0;
-        void (^reply)(NSNumber *, NSError *) = ^(NSNumber *, NSError *error) {
-            ++replies;
-            code = static_cast<int>(error.code);
+TEST(Replies, AnswerExactlyOnceWhateverTheRequestDoes) {
+    @autoreleasepool {
+        using Arguments = std::tuple<NSNumber *, NSError *>;
+        const auto outcome = [](const auto &request) {
+            __block int replies = 0;
+            __block int code = 0;
+            void (^reply)(NSNumber *, NSError *) = ^(NSNumber *, NSError *error) {
+                ++replies;
+                code = static_cast<int>(error.code);
+            };
+            serve(reply, request);
+            return std::pair(replies, code);
         };
-        serve(reply, request);
-        return std::pair(replies, code);
-    };
-    EXPECT_EQ(outcome([] { return Arguments(@1, nil); }), std::pair(1, 0));
-    EXPECT_EQ(outcome([]() -> Arguments { throw std::bad_alloc(); }), std::pair(1, kENOMEM));
-    EXPECT_EQ(outcome([]() -> Arguments { throw 1; }), std::pair(1, kEIO));
-    EXPECT_EQ(outcome([]() -> Arguments { throw std::runtime_error("broken"); }),
-              std::pair(1, kEIO));
+        EXPECT_EQ(outcome([] { return Arguments(@1, nil); }), std::pair(1, 0));
+        EXPECT_EQ(outcome([]() -> Arguments { throw std::bad_alloc(); }), std::pair(1, kENOMEM));
+        EXPECT_EQ(outcome([]() -> Arguments { throw 1; }), std::pair(1, kEIO));
+        EXPECT_EQ(outcome([]() -> Arguments { throw std::runtime_error("broken"); }),
+                  std::pair(1, kEIO));
+    }
 }
+
+std::string nameOf(const testing::TestParamInfo<Release> &release) {
+    constexpr std::array kNames{"macOS15", "macOS26", "macOS27"};
+    return kNames.at(static_cast<std::size_t>(release.param));
+}
+
+INSTANTIATE_TEST_SUITE_P(Releases, Binding,
+                         testing::Values(Release::k15_4, Release::k26_0, Release::k27_0), nameOf);
 
 } // namespace
 

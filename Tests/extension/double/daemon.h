@@ -3,12 +3,14 @@
 #pragma once
 
 #import "extension/file_system.h"
+#import "extension/handler_volume.h"
 #import "extension/volume.h"
 
 #import "extension/double/fskit_double.h"
 
 #include "extension/memory.hpp"
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,10 @@ struct Answer {
     Strong<FSFileName *> name;
     Strong<NSError *> error;
     std::uint64_t number = 0;
+    // Beside the result itself, from macOS 27.0 on.
+    Strong<FSItemAttributes *> itemAttributes;
+    Strong<FSItemAttributes *> directoryAttributes;
+    Strong<FSFreeSpace *> freeSpace;
 
     bool ok() const { return replies == 1 && error.get() == nil; }
     // The POSIX code, 0 for success; -1 for another domain or a wrong number of replies.
@@ -30,20 +36,31 @@ struct Answer {
     std::string text() const; // of the name
 };
 
+// The releases that differ in what FSKit asks for: 26.0 emulates the removal of open files, 27.0
+// has the handler protocols and -[FSItem tryReclaimWithBlock:].
+enum class Release { k15_4, k26_0, k27_0 };
+
 class Daemon {
   public:
-    Daemon();
+    explicit Daemon(Release release = Release::k27_0);
+    ~Daemon() { [FSItem setHasTryReclaim:YES]; }
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
 
     ::TavelinFileSystem *module() const { return module_.get(); }
-    ::TavelinVolume *volume() const { return volume_.get(); }
+    ::TavelinServedVolume *volume() const { return volume_.get(); }
+    Release release() const { return release_; }
+    bool hasHandlers() const { return release_ == Release::k27_0; }
+    // Sent to the module and its volume so far.
+    size_t requests() const { return requests_; }
     FSItem *root() const { return root_.get(); }
     FSContainerState state() const { return module().containerStatus.state; }
 
     Answer probe(FSResource *resource);
     Answer load(FSResource *resource);
-    Answer activate();
+    Answer activate(NSArray<NSString *> *words = @[]);
     // Loads, activates and mounts; fails the test when it cannot.
-    void bringUp(FSResource *resource);
+    void bringUp(FSResource *resource, NSArray<NSString *> *words = @[]);
     // Synchronises, unmounts, reclaims what is held, deactivates and unloads; checks each answer.
     void takeDown();
     // takeDown without an opinion on the answers, which are returned in order.
@@ -57,7 +74,7 @@ class Daemon {
     Answer hardLink(FSItem *item, FSItem *directory, const std::string &name);
     Answer remove(FSItem *item, FSItem *directory, const std::string &name);
     Answer rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
-                  const std::string &newName);
+                  const std::string &newName, FSItem *over = nil);
     Answer readLink(FSItem *item);
     Answer getAttributes(FSItem *item);
     Answer setSize(FSItem *item, std::uint64_t size);
@@ -74,15 +91,28 @@ class Daemon {
     Answer close(FSItem *item);
     Answer reclaim(FSItem *item);
     Answer synchronize();
+    // The free space, as FSKit asks for it.
+    std::uint64_t statistics();
     // All names of a directory, `room` entries at a time.
     std::vector<std::string> list(FSItem *directory, size_t room, bool withAttributes);
 
   private:
     Answer unload();
+    // The volume as each generation of requests sees it.
+    ::TavelinVolume *first() const { return static_cast<::TavelinVolume *>(volume()); }
+    ::TavelinHandlerVolume *handlers() const {
+        return static_cast<::TavelinHandlerVolume *>(volume());
+    }
+    // Sends a request whose reply block takes these arguments, and answers what it got.
+    template<typename... Arguments, typename Send>
+    Answer ask(const Send &send);
 
+    const Release release_;
+    std::atomic<size_t> requests_ = 0;
+    Strong<FSContext *> context_;
     Strong<FSResource *> resource_;
     Strong<::TavelinFileSystem *> module_;
-    Strong<::TavelinVolume *> volume_;
+    Strong<::TavelinServedVolume *> volume_;
     Strong<FSItem *> root_;
 };
 

@@ -31,19 +31,16 @@ struct Into {
         answer->number = number;
         (*this)(error);
     }
+    void operator()(FSVolumeHandlerResult *result, NSError *error) const {
+        answer->object = Strong<id>([result object]);
+        answer->name = Strong([result name]);
+        answer->number = result.number;
+        answer->itemAttributes = Strong([result itemAttributes]);
+        answer->directoryAttributes = Strong([result directoryAttributes]);
+        answer->freeSpace = Strong([result freeSpace]);
+        (*this)(error);
+    }
 };
-
-// Sends a request whose reply block takes these arguments, and answers what it got.
-template<typename... Arguments, typename Send>
-Answer ask(const Send &send) {
-    Answer answer;
-    const Into into{&answer};
-    send(^(Arguments... arguments) {
-        into(arguments...);
-    });
-    return answer;
-}
-
 FSTaskOptions *noOptions() {
     return [FSTaskOptions optionsWithWords:@[]];
 }
@@ -53,6 +50,17 @@ FSItemSetAttributesRequest *noAttributes() {
 }
 
 } // namespace
+
+template<typename... Arguments, typename Send>
+Answer Daemon::ask(const Send &send) {
+    ++requests_;
+    Answer answer;
+    const Into into{&answer};
+    send(^(Arguments... arguments) {
+        into(arguments...);
+    });
+    return answer;
+}
 
 FSFileName *fileName(const std::string &bytes) {
     return [FSFileName nameWithText:bytes];
@@ -75,7 +83,12 @@ std::string Answer::text() const {
     return {static_cast<const char *>(data.bytes), data.length};
 }
 
-Daemon::Daemon() : module_(made([[::TavelinFileSystem alloc] init])) {}
+Daemon::Daemon(Release release)
+    : release_(release),
+      context_([FSContext contextOfUser:501]),
+      module_(made([[::TavelinFileSystem alloc] init])) {
+    [FSItem setHasTryReclaim:hasHandlers()];
+}
 
 Answer Daemon::probe(FSResource *resource) {
     return ask<FSProbeResult *, NSError *>(
@@ -87,21 +100,29 @@ Answer Daemon::load(FSResource *resource) {
         [module() loadResource:resource options:noOptions() replyHandler:reply];
     });
     resource_ = Strong(resource);
-    volume_ = Strong(static_cast<::TavelinVolume *>(answer.object.get()));
+    volume_ = Strong(static_cast<::TavelinServedVolume *>(answer.object.get()));
+    if (release() != Release::k15_4) {
+        EXPECT_TRUE(volume() == nil || volume().enableOpenUnlinkEmulation);
+    }
     return answer;
 }
 
-Answer Daemon::activate() {
-    Answer answer = ask<FSItem *, NSError *>(
-        [&](auto reply) { [volume() activateWithOptions:noOptions() replyHandler:reply]; });
+Answer Daemon::activate(NSArray<NSString *> *words) {
+    FSTaskOptions *options = [FSTaskOptions optionsWithWords:words];
+    Answer answer = hasHandlers() ? ask<FSActivateResult *, NSError *>([&](auto reply) {
+        [handlers() activateVolumeWithOptions:options replyHandler:reply];
+    })
+                                  : ask<FSItem *, NSError *>([&](auto reply) {
+                                        [first() activateWithOptions:options replyHandler:reply];
+                                    });
     root_ = Strong(answer.item());
     return answer;
 }
 
-void Daemon::bringUp(FSResource *resource) {
+void Daemon::bringUp(FSResource *resource, NSArray<NSString *> *words) {
     ASSERT_EQ(load(resource).code(), 0);
     ASSERT_EQ(state(), FSContainerStateReady);
-    ASSERT_EQ(activate().code(), 0);
+    ASSERT_EQ(activate(words).code(), 0);
     ASSERT_EQ(state(), FSContainerStateActive);
     const Answer mounted = ask<NSError *>(
         [&](auto reply) { [volume() mountWithOptions:noOptions() replyHandler:reply]; });
@@ -113,8 +134,13 @@ std::vector<Answer> Daemon::abandon() {
         return ask<>([&](auto reply) { [volume() unmountWithReplyHandler:reply]; });
     };
     const auto deactivate = [this] {
-        return ask<NSError *>(
-            [&](auto reply) { [volume() deactivateWithOptions:0 replyHandler:reply]; });
+        return ask<NSError *>([&](auto reply) {
+            if (hasHandlers()) {
+                [handlers() deactivateVolumeWithOptions:0 replyHandler:reply];
+            } else {
+                [first() deactivateWithOptions:0 replyHandler:reply];
+            }
+        });
     };
     return {synchronize(), unmount(), reclaim(root()), deactivate(), unload()};
 }
@@ -150,70 +176,136 @@ Answer Daemon::format() {
 }
 
 Answer Daemon::lookup(FSItem *directory, const std::string &name) {
+    if (hasHandlers()) {
+        return ask<FSLookupItemResult *, NSError *>([&](auto reply) {
+            [handlers() lookupItemNamed:fileName(name)
+                            inDirectory:directory
+                                context:context_.get()
+                           replyHandler:reply];
+        });
+    }
     return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
-        [volume() lookupItemNamed:fileName(name) inDirectory:directory replyHandler:reply];
+        [first() lookupItemNamed:fileName(name) inDirectory:directory replyHandler:reply];
     });
 }
 
 Answer Daemon::create(FSItem *directory, const std::string &name, FSItemType type) {
+    if (hasHandlers()) {
+        return ask<FSCreateItemResult *, NSError *>([&](auto reply) {
+            [handlers() createItemNamed:fileName(name)
+                                   type:type
+                            inDirectory:directory
+                             attributes:noAttributes()
+                                context:context_.get()
+                           replyHandler:reply];
+        });
+    }
     return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
-        [volume() createItemNamed:fileName(name)
-                             type:type
-                      inDirectory:directory
-                       attributes:noAttributes()
-                     replyHandler:reply];
+        [first() createItemNamed:fileName(name)
+                            type:type
+                     inDirectory:directory
+                      attributes:noAttributes()
+                    replyHandler:reply];
     });
 }
 
 Answer Daemon::link(FSItem *directory, const std::string &name, const std::string &target) {
+    if (hasHandlers()) {
+        return ask<FSCreateSymlinkResult *, NSError *>([&](auto reply) {
+            [handlers() createSymbolicLinkNamed:fileName(name)
+                                    inDirectory:directory
+                                     attributes:noAttributes()
+                                   linkContents:fileName(target)
+                                        context:context_.get()
+                                   replyHandler:reply];
+        });
+    }
     return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
-        [volume() createSymbolicLinkNamed:fileName(name)
-                              inDirectory:directory
-                               attributes:noAttributes()
-                             linkContents:fileName(target)
-                             replyHandler:reply];
+        [first() createSymbolicLinkNamed:fileName(name)
+                             inDirectory:directory
+                              attributes:noAttributes()
+                            linkContents:fileName(target)
+                            replyHandler:reply];
     });
 }
 
 Answer Daemon::hardLink(FSItem *item, FSItem *directory, const std::string &name) {
+    if (hasHandlers()) {
+        return ask<FSCreateLinkResult *, NSError *>([&](auto reply) {
+            [handlers() createLinkToItem:item
+                                   named:fileName(name)
+                             inDirectory:directory
+                                 context:context_.get()
+                            replyHandler:reply];
+        });
+    }
     return ask<FSFileName *, NSError *>([&](auto reply) {
-        [volume() createLinkToItem:item
-                             named:fileName(name)
-                       inDirectory:directory
-                      replyHandler:reply];
+        [first() createLinkToItem:item
+                            named:fileName(name)
+                      inDirectory:directory
+                     replyHandler:reply];
     });
 }
 
 Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) {
+    if (hasHandlers()) {
+        return ask<FSRemoveItemResult *, NSError *>([&](auto reply) {
+            [handlers() removeItem:item
+                             named:fileName(name)
+                     fromDirectory:directory
+                           context:context_.get()
+                      replyHandler:reply];
+        });
+    }
     return ask<NSError *>([&](auto reply) {
-        [volume() removeItem:item named:fileName(name) fromDirectory:directory replyHandler:reply];
+        [first() removeItem:item named:fileName(name) fromDirectory:directory replyHandler:reply];
     });
 }
 
 Answer Daemon::rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
-                      const std::string &newName) {
+                      const std::string &newName, FSItem *over) {
+    if (hasHandlers()) {
+        return ask<FSRenameItemResult *, NSError *>([&](auto reply) {
+            [handlers() renameItem:item
+                       inDirectory:from
+                             named:fileName(name)
+                         toNewName:fileName(newName)
+                       inDirectory:to
+                          overItem:over
+                           context:context_.get()
+                      replyHandler:reply];
+        });
+    }
     return ask<FSFileName *, NSError *>([&](auto reply) {
-        [volume() renameItem:item
-                 inDirectory:from
-                       named:fileName(name)
-                   toNewName:fileName(newName)
-                 inDirectory:to
-                    overItem:nil
-                replyHandler:reply];
+        [first() renameItem:item
+                inDirectory:from
+                      named:fileName(name)
+                  toNewName:fileName(newName)
+                inDirectory:to
+                   overItem:over
+               replyHandler:reply];
     });
 }
 
 Answer Daemon::readLink(FSItem *item) {
+    if (hasHandlers()) {
+        return ask<FSReadSymlinkResult *, NSError *>([&](auto reply) {
+            [handlers() readSymbolicLink:item context:context_.get() replyHandler:reply];
+        });
+    }
     return ask<FSFileName *, NSError *>(
-        [&](auto reply) { [volume() readSymbolicLink:item replyHandler:reply]; });
+        [&](auto reply) { [first() readSymbolicLink:item replyHandler:reply]; });
 }
 
 Answer Daemon::getAttributes(FSItem *item) {
-    return ask<FSItemAttributes *, NSError *>([&](auto reply) {
-        [volume() getAttributes:made([[FSItemGetAttributesRequest alloc] init])
-                         ofItem:item
-                   replyHandler:reply];
-    });
+    FSItemGetAttributesRequest *wanted = made([[FSItemGetAttributesRequest alloc] init]);
+    if (hasHandlers()) {
+        return ask<FSGetAttributesResult *, NSError *>([&](auto reply) {
+            [handlers() getAttributes:wanted ofItem:item context:context_.get() replyHandler:reply];
+        });
+    }
+    return ask<FSItemAttributes *, NSError *>(
+        [&](auto reply) { [first() getAttributes:wanted ofItem:item replyHandler:reply]; });
 }
 
 // number: the attributes that the volume says it consumed.
@@ -221,26 +313,42 @@ Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
     FSItemSetAttributesRequest *request = noAttributes();
     request.size = size;
     request.supportsLimitedXAttrs = YES; // never consumed
-    Answer answer = ask<FSItemAttributes *, NSError *>(
-        [&](auto reply) { [volume() setAttributes:request onItem:item replyHandler:reply]; });
+    Answer answer = hasHandlers() ? ask<FSSetAttributesResult *, NSError *>([&](auto reply) {
+        [handlers() setAttributes:request onItem:item context:context_.get() replyHandler:reply];
+    })
+                                  : ask<FSItemAttributes *, NSError *>([&](auto reply) {
+                                        [first() setAttributes:request
+                                                        onItem:item
+                                                  replyHandler:reply];
+                                    });
     answer.number = static_cast<std::uint64_t>(request.consumedAttributes);
     return answer;
 }
 
 Answer Daemon::write(FSItem *item, const std::string &data) {
+    NSData *bytes = [NSData dataWithBytes:data.data() length:data.size()];
+    if (hasHandlers()) {
+        return ask<FSWriteFileResult *, NSError *>([&](auto reply) {
+            [handlers() writeContents:bytes toFile:item atOffset:0 replyHandler:reply];
+        });
+    }
     return ask<size_t, NSError *>([&](auto reply) {
-        [volume() writeContents:[NSData dataWithBytes:data.data() length:data.size()]
-                         toFile:item
-                       atOffset:0
-                   replyHandler:reply];
+        [first() writeContents:bytes toFile:item atOffset:0 replyHandler:reply];
     });
 }
 
 Answer Daemon::read(FSItem *item, size_t length) {
     ByteBuffer *buffer = [ByteBuffer bufferOfLength:length];
-    Answer answer = ask<size_t, NSError *>([&](auto reply) {
-        [volume() readFromFile:item offset:0 length:length intoBuffer:buffer replyHandler:reply];
-    });
+    Answer answer = hasHandlers() ? ask<FSReadFileResult *, NSError *>([&](auto reply) {
+        [handlers() readFromFile:item offset:0 length:length intoBuffer:buffer replyHandler:reply];
+    })
+                                  : ask<size_t, NSError *>([&](auto reply) {
+                                        [first() readFromFile:item
+                                                       offset:0
+                                                       length:length
+                                                   intoBuffer:buffer
+                                                 replyHandler:reply];
+                                    });
     answer.object = Strong<id>(buffer);
     return answer;
 }
@@ -252,43 +360,83 @@ std::string Daemon::readText(FSItem *item, size_t length) {
 }
 
 Answer Daemon::getXattr(FSItem *item, const std::string &name) {
-    return ask<NSData *, NSError *>([&](auto reply) {
-        [volume() getXattrNamed:fileName(name) ofItem:item replyHandler:reply];
-    });
+    if (hasHandlers()) {
+        return ask<FSGetXattrResult *, NSError *>([&](auto reply) {
+            [handlers() getXattrNamed:fileName(name)
+                               ofItem:item
+                              context:context_.get()
+                         replyHandler:reply];
+        });
+    }
+    return ask<NSData *, NSError *>(
+        [&](auto reply) { [first() getXattrNamed:fileName(name) ofItem:item replyHandler:reply]; });
 }
 
 Answer Daemon::setXattr(FSItem *item, const std::string &name, NSData *value,
                         FSSetXattrPolicy policy) {
+    if (hasHandlers()) {
+        return ask<FSSetXattrResult *, NSError *>([&](auto reply) {
+            [handlers() setXattrNamed:fileName(name)
+                               toData:value
+                               onItem:item
+                               policy:policy
+                              context:context_.get()
+                         replyHandler:reply];
+        });
+    }
     return ask<NSError *>([&](auto reply) {
-        [volume() setXattrNamed:fileName(name)
-                         toData:value
-                         onItem:item
-                         policy:policy
-                   replyHandler:reply];
+        [first() setXattrNamed:fileName(name)
+                        toData:value
+                        onItem:item
+                        policy:policy
+                  replyHandler:reply];
     });
 }
 
 Answer Daemon::listXattrs(FSItem *item) {
+    if (hasHandlers()) {
+        return ask<FSListXattrsResult *, NSError *>([&](auto reply) {
+            [handlers() listXattrsOfItem:item context:context_.get() replyHandler:reply];
+        });
+    }
     return ask<NSArray<FSFileName *> *, NSError *>(
-        [&](auto reply) { [volume() listXattrsOfItem:item replyHandler:reply]; });
+        [&](auto reply) { [first() listXattrsOfItem:item replyHandler:reply]; });
 }
 
 Answer Daemon::setVolumeName(const std::string &name) {
+    if (hasHandlers()) {
+        return ask<FSVolumeRenameResult *, NSError *>([&](auto reply) {
+            [handlers() setVolumeName:fileName(name) context:context_.get() replyHandler:reply];
+        });
+    }
     return ask<FSFileName *, NSError *>(
-        [&](auto reply) { [volume() setVolumeName:fileName(name) replyHandler:reply]; });
+        [&](auto reply) { [first() setVolumeName:fileName(name) replyHandler:reply]; });
 }
 
 Answer Daemon::open(FSItem *item) {
+    if (hasHandlers()) {
+        return ask<NSError *>([&](auto reply) {
+            [handlers() openItem:item
+                       withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
+                         context:context_.get()
+                    replyHandler:reply];
+        });
+    }
     return ask<NSError *>([&](auto reply) {
-        [volume() openItem:item
-                 withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
-              replyHandler:reply];
+        [first() openItem:item
+                withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
+             replyHandler:reply];
     });
 }
 
 Answer Daemon::close(FSItem *item) {
+    if (hasHandlers()) {
+        return ask<NSError *>([&](auto reply) {
+            [handlers() closeItem:item keepingModes:0 context:context_.get() replyHandler:reply];
+        });
+    }
     return ask<NSError *>(
-        [&](auto reply) { [volume() closeItem:item keepingModes:0 replyHandler:reply]; });
+        [&](auto reply) { [first() closeItem:item keepingModes:0 replyHandler:reply]; });
 }
 
 Answer Daemon::reclaim(FSItem *item) {
@@ -300,6 +448,11 @@ Answer Daemon::synchronize() {
         [&](auto reply) { [volume() synchronizeWithFlags:FSSyncFlagsWait replyHandler:reply]; });
 }
 
+std::uint64_t Daemon::statistics() {
+    ++requests_;
+    return volume().volumeStatistics.freeBytes;
+}
+
 std::vector<std::string> Daemon::list(FSItem *directory, size_t room, bool withAttributes) {
     std::vector<std::string> names;
     FSItemGetAttributesRequest *wanted =
@@ -309,14 +462,23 @@ std::vector<std::string> Daemon::list(FSItem *directory, size_t room, bool withA
     for (bool more = true; more;) {
         ListPacker *packer = [ListPacker packerWithRoom:room];
         const FSDirectoryVerifier verifier = answer.number;
-        answer = ask<FSDirectoryVerifier, NSError *>([&](auto reply) {
-            [volume() enumerateDirectory:directory
-                        startingAtCookie:cookie
-                                verifier:verifier
-                     providingAttributes:wanted
-                             usingPacker:packer
-                            replyHandler:reply];
-        });
+        answer = hasHandlers() ? ask<FSEnumerateDirectoryResult *, NSError *>([&](auto reply) {
+            [handlers() enumerateDirectory:directory
+                          startingAtCookie:cookie
+                                  verifier:verifier
+                       providingAttributes:wanted
+                               usingPacker:packer
+                                   context:context_.get()
+                              replyHandler:reply];
+        })
+                               : ask<FSDirectoryVerifier, NSError *>([&](auto reply) {
+                                     [first() enumerateDirectory:directory
+                                                startingAtCookie:cookie
+                                                        verifier:verifier
+                                             providingAttributes:wanted
+                                                     usingPacker:packer
+                                                    replyHandler:reply];
+                                 });
         EXPECT_EQ(answer.code(), 0);
         for (const auto &entry : packer->_entries) {
             EXPECT_EQ(entry.hasAttributes, withAttributes);

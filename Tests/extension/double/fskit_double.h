@@ -38,6 +38,24 @@
 + (void)setHasTryReclaim:(BOOL)has;
 @end
 
+@interface FSContext (Double)
++ (instancetype)contextOfUser:(NSInteger)user;
+@end
+
+@interface FSFreeSpace (Double)
+@property (nonatomic) uint64_t bytes;
+@end
+
+// What a result carries, whatever its class; nil and 0 for what its class does not have.
+@interface FSVolumeHandlerResult (Double)
+@property (nonatomic, assign) id object;
+@property (nonatomic, assign) FSFileName *name;
+@property (nonatomic, assign) FSItemAttributes *itemAttributes;
+@property (nonatomic, assign) FSItemAttributes *directoryAttributes;
+@property (nonatomic, assign) FSFreeSpace *freeSpace;
+@property (nonatomic) uint64_t number;
+@end
+
 @interface FSFileName (Double)
 + (instancetype)nameWithText:(const std::string &)bytes;
 @end

@@ -315,3 +315,4 @@ FSKIT_V1
 NS_ASSUME_NONNULL_END
 
 #import <FSKit/FSVolume.h>
+#import <FSKit/FSVolumeHandler.h>

@@ -111,8 +111,10 @@ FSKIT_V1
 @property (readonly) uint64_t maximumFileSize;
 @end
 
+// What both generations of the volume's protocols have in common. Before the SDK of macOS 27.0
+// these are members of FSVolumeOperations, which is the same to who adopts it.
 FSKIT_V1
-@protocol FSVolumeOperations <NSObject, FSVolumePathConfOperations>
+@protocol FSVolumeCommonOperations <NSObject>
 @property (readonly, nonatomic) FSVolumeSupportedCapabilities *supportedVolumeCapabilities;
 @property (readonly, nonatomic) FSStatFSResult *volumeStatistics;
 - (void)mountWithOptions:(FSTaskOptions *)options
@@ -120,6 +122,16 @@ FSKIT_V1
 - (void)unmountWithReplyHandler:(void (^)(void))reply;
 - (void)synchronizeWithFlags:(FSSyncFlags)flags
                 replyHandler:(void (^)(NSError *_Nullable error))reply;
+- (void)reclaimItem:(FSItem *)item replyHandler:(void (^)(NSError *_Nullable error))reply;
+@optional
+@property (readonly) BOOL enableOpenUnlinkEmulation FSKIT_V2;
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
+@property (readonly) FSMountOptions requestedMountOptions FSKIT_V2_4;
+#endif
+@end
+
+FSKIT_V1
+@protocol FSVolumeOperations <FSVolumeCommonOperations, FSVolumePathConfOperations>
 - (void)activateWithOptions:(FSTaskOptions *)options
                replyHandler:(void (^)(FSItem *_Nullable rootItem, NSError *_Nullable error))reply;
 - (void)deactivateWithOptions:(FSDeactivateOptions)options
@@ -136,7 +148,6 @@ FSKIT_V1
             inDirectory:(FSItem *)directory
            replyHandler:(void (^)(FSItem *_Nullable item, FSFileName *_Nullable itemName,
                                   NSError *_Nullable error))reply;
-- (void)reclaimItem:(FSItem *)item replyHandler:(void (^)(NSError *_Nullable error))reply;
 - (void)readSymbolicLink:(FSItem *)item
             replyHandler:(void (^)(FSFileName *_Nullable contents, NSError *_Nullable error))reply;
 - (void)createItemNamed:(FSFileName *)name
@@ -174,11 +185,6 @@ FSKIT_V1
                usingPacker:(FSDirectoryEntryPacker *)packer
               replyHandler:
                   (void (^)(FSDirectoryVerifier currentVerifier, NSError *_Nullable error))reply;
-@optional
-@property (readonly) BOOL enableOpenUnlinkEmulation FSKIT_V2;
-#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
-@property (readonly) FSMountOptions requestedMountOptions FSKIT_V2_4;
-#endif
 @end
 
 FSKIT_V1

@@ -47,6 +47,7 @@ __attribute__((objc_root_class))
 @interface NSObject<NSObject>
 + (instancetype)alloc;
 + (Class)class;
++ (BOOL)instancesRespondToSelector:(SEL)aSelector;
 - (instancetype)init;
 @end
 
