@@ -38,7 +38,7 @@ class ListingPacker final : public fskit::FSDirectoryEntryPacker {
     bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
                    fskit::FSItemID itemID, fskit::FSDirectoryCookie /*nextCookie*/,
                    const fskit::FSItemAttributes* /*attributes*/) override {
-        const std::string& text = name.data();
+        const std::string_view text = name.data();
         if (text == "..") {
             listing_.parent = itemID;
         } else if (text.find('/') != std::string::npos) {
