@@ -1,3 +1,18 @@
+# Clang gets no precompiled headers: they would name the headers of whichever source tree they were
+# made in, which a compiler cache does not notice. It keys those of gcc by -fpch-preprocess.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT TAVELIN_SANITIZE)
+  set(TAVELIN_COMMON_HEADERS <algorithm> <chrono> <filesystem> <fmt/format.h> <fstream> <functional>
+      <map> <memory> <optional> <ranges> <sstream> <string> <unordered_map> <variant> <vector>)
+endif()
+function(tavelin_common_headers name)
+  target_compile_options(${name} PRIVATE -fpch-preprocess)
+  if(name STREQUAL "platform")
+    target_precompile_headers(platform PRIVATE ${TAVELIN_COMMON_HEADERS})
+  else()
+    target_precompile_headers(${name} REUSE_FROM platform)
+  endif()
+endfunction()
+
 # tavelin_layer(NAME [SEPARATE] DEPENDS layer... LIBRARIES lib... SOURCES file...)
 #
 # One static library per directory of Sources/, named after the directory. Includes are written from
@@ -6,7 +21,9 @@
 #
 # The sources of a layer are compiled a few at a time, since most of the time would go into the same
 # headers again: names in their anonymous namespaces are distinct throughout the layer. SEPARATE
-# compiles each alone, for a layer whose files are twins.
+# compiles each alone, for a layer whose files are twins. gcc also reads the headers that most of
+# them include in the form that it compiled them to with the lowest layer, which takes the same
+# options for all: so every layer is given {fmt}.
 function(tavelin_layer name)
   cmake_parse_arguments(ARG "SEPARATE" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
@@ -16,9 +33,12 @@ function(tavelin_layer name)
   foreach(layer IN LISTS ARG_DEPENDS)
     target_link_libraries(${name} PUBLIC tavelin::${layer})
   endforeach()
-  target_link_libraries(${name} PRIVATE tavelin_flags ${ARG_LIBRARIES})
+  target_link_libraries(${name} PRIVATE tavelin_flags ${TAVELIN_FMT} ${ARG_LIBRARIES})
+  if(TAVELIN_COMMON_HEADERS AND NOT ARG_SOURCES MATCHES "[.]mm")
+    tavelin_common_headers(${name})
+  endif()
   if(TAVELIN_UNITY AND NOT ARG_SEPARATE)
-    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 16)
   endif()
   if(TAVELIN_SANITIZE)
     target_link_options(${name} PUBLIC -fsanitize=${TAVELIN_SANITIZE})
