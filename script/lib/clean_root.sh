@@ -21,18 +21,23 @@ inside() {
         DEBIAN_FRONTEND=noninteractive "$@"
 }
 
-# Lets programs in it see processes, and FUSE where this machine has it.
+# Lets programs in it see processes, open terminals of its own, and use FUSE where this machine has
+# it.
 enter_root() {
     mount -t proc proc "$1/proc"
+    mount -t devpts -o newinstance,ptmxmode=666 devpts "$1/dev/pts"
     if [ -e /dev/fuse ] && [ ! -e "$1/dev/fuse" ]; then
         mknod -m 666 "$1/dev/fuse" c 10 229
     fi
 }
 
 leave_root() {
-    if mountpoint -q "$1/proc"; then
-        umount "$1/proc"
-    fi
+    local place
+    for place in "$1/dev/pts" "$1/proc"; do
+        if mountpoint -q "$place"; then
+            umount "$place"
+        fi
+    done
 }
 
 # What packages leave behind: every path but for what apt and dpkg note for themselves.
