@@ -1,5 +1,7 @@
 #include "NTFSBridge/outdated_entries.hpp"
 
+#include "NTFSBridge/ntb.h"
+
 namespace ntb {
 
 void outdated_entries::defer(ntfs_inode* inode) noexcept {
