@@ -323,6 +323,12 @@ int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count);
 int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
                    const char* new_name);
 
+/* Has each of two names lead to what the other one led to: files, directories, or one of each. On
+ * volumes without a page cache a failure may leave the first under a temporary name. ENOENT, EINVAL
+ * where one would come to be in its own subtree, EPERM as ntb_rename. */
+int32_t ntb_exchange(ntb_vol* vol, uint64_t parent, const char* name, uint64_t other_parent,
+                     const char* other_name);
+
 /* ---- Times, the hidden flag, named streams --------------------------------------------------- */
 
 /* Each time may be NULL: left alone. */

@@ -44,17 +44,23 @@ int32_t check_name(const char* name) noexcept {
     return uname_of(name, text);
 }
 
+// For the middle of an operation. The record number makes it unlike any other temporary one. Should
+// a user have such a file, adding the name fails with EEXIST and nothing has changed.
+struct temporary_name {
+    explicit temporary_name(uint64_t ino) noexcept {
+        (void)std::snprintf(text, sizeof text, ".ntb-rename-%llu",
+                            static_cast<unsigned long long>(ino));
+    }
+    char text[sizeof ".ntb-rename-18446744073709551615"];
+};
+
 // The new name leads to the source already: they are the long and the DOS name of one link, or two
 // hard links of one file. A temporary third name keeps the inode alive while it has neither the old
 // nor the new one, as removing its last name would free its record and its clusters.
 int32_t rename_in_place(ntb_vol* vol, uint64_t ino, const entry_name& from,
                         const entry_name& to) noexcept {
-    // The record number makes the name unlike any other temporary one. Should a user have such a
-    // file, adding the name fails with EEXIST and nothing has changed.
-    char temporary[sizeof ".ntb-rename-18446744073709551615"];
-    (void)std::snprintf(temporary, sizeof temporary, ".ntb-rename-%llu",
-                        static_cast<unsigned long long>(ino));
-    if (const int32_t error = link_name(vol, ino, from.directory, temporary); error != 0) {
+    const temporary_name temporary(ino);
+    if (const int32_t error = link_name(vol, ino, from.directory, temporary.text); error != 0) {
         return error;
     }
     // The old name goes first. The library removes a long and a DOS name together, so the new one
@@ -69,7 +75,7 @@ int32_t rename_in_place(ntb_vol* vol, uint64_t ino, const entry_name& from,
         }
     }
     // Kept out of the result: the inode has its name, and a stray second one does no harm.
-    (void)unlink_impl(vol, from.directory, temporary, false);
+    (void)unlink_impl(vol, from.directory, temporary.text, false);
     return error;
 }
 
@@ -113,6 +119,27 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
     return error;
 }
 
+// The record of what a name leads to, when it may be moved to another directory.
+int32_t movable(ntb_vol* vol, const entry_name& from, uint64_t destination,
+                ntb_attr* source) noexcept {
+    uint64_t ino = 0;
+    if (const int32_t error = ntb_lookup(vol, from.directory, from.name, &ino); error != 0) {
+        return error;
+    }
+    // $Extend shows none of its names, so what is moved there could not be moved out again.
+    if (ino < first_user_ino || MREF(from.directory) == extend_ino ||
+        MREF(destination) == extend_ino) {
+        return EPERM;
+    }
+    if (const int32_t error = ntb_getattr(vol, ino, source); error != 0) {
+        return error;
+    }
+    // Moved below itself, a directory would be cut off from the root with all that is in it.
+    const bool is_cut_off =
+        source->type == NTB_TYPE_DIRECTORY && is_descendant(vol, destination, ino);
+    return is_cut_off ? EINVAL : 0;
+}
+
 } // namespace
 
 static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
@@ -135,27 +162,16 @@ static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
     if (error != 0) {
         return error;
     }
-    uint64_t source = 0;
-    if (error = ntb_lookup(vol, parent, name, &source); error != 0) {
-        return error;
-    }
-    // $Extend shows none of its names, so what is moved there could not be moved out again.
-    if (source < first_user_ino || MREF(parent) == extend_ino || MREF(new_parent) == extend_ino) {
-        return EPERM;
-    }
+    const entry_name from = {.directory = parent, .name = name};
+    const entry_name to = {.directory = new_parent, .name = new_name};
     ntb_attr attributes = {};
-    if (error = ntb_getattr(vol, source, &attributes); error != 0) {
+    if (error = movable(vol, from, new_parent, &attributes); error != 0) {
         return error;
     }
-    // Moved below itself, a directory would be cut off from the root with all that is in it.
-    if (attributes.type == NTB_TYPE_DIRECTORY && is_descendant(vol, new_parent, source)) {
-        return EINVAL;
-    }
+    const uint64_t source = attributes.ino;
     if (error = admit(vol, 0); error != 0) {
         return error;
     }
-    const entry_name from = {.directory = parent, .name = name};
-    const entry_name to = {.directory = new_parent, .name = new_name};
     uint64_t target = 0;
     // ENOENT is the usual case: nothing is replaced.
     error = ntb_lookup(vol, new_parent, new_name, &target);
@@ -173,4 +189,30 @@ static int32_t rename_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
 int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new_parent,
                    const char* new_name) {
     return atomically(vol, [&] { return rename_entry(vol, parent, name, new_parent, new_name); });
+}
+
+static int32_t exchange_entries(ntb_vol* vol, const entry_name& one, const entry_name& other) {
+    if (is_read_only(vol)) {
+        return EROFS;
+    }
+    ntb_attr first = {};
+    ntb_attr second = {};
+    int32_t error = movable(vol, one, other.directory, &first);
+    error = first_error(error, error == 0 ? movable(vol, other, one.directory, &second) : 0);
+    if (error != 0 || first.ino == second.ino) {
+        return error;
+    }
+    const temporary_name aside(first.ino);
+    const entry_name temporary = {.directory = one.directory, .name = aside.text};
+    error = admit(vol, 0);
+    error = first_error(error, error == 0 ? move_name(vol, first.ino, one, temporary) : 0);
+    error = first_error(error, error == 0 ? move_name(vol, second.ino, other, one) : 0);
+    return first_error(error, error == 0 ? move_name(vol, first.ino, temporary, other) : 0);
+}
+
+int32_t ntb_exchange(ntb_vol* vol, uint64_t parent, const char* name, uint64_t other_parent,
+                     const char* other_name) {
+    const entry_name one = {.directory = parent, .name = name};
+    const entry_name other = {.directory = other_parent, .name = other_name};
+    return atomically(vol, [&] { return exchange_entries(vol, one, other); });
 }

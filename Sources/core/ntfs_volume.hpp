@@ -52,6 +52,7 @@
 ///   remove                           kEROFS, kENOTDIR, kENOTEMPTY, kEPERM system file, names
 ///   rename                           kEROFS, kENOTDIR, kEISDIR, kENOTEMPTY, kENOSPC, kEINVAL into
 ///                                    its own subtree, kEPERM system file, names
+///   exchange                         those of rename but kEISDIR, kENOTEMPTY
 ///   setTimes, setHidden              kEROFS
 ///   xattr, xattrSize                 kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ; xattr
 ///                                    also kE2BIG over kXattrBytesMax
@@ -223,6 +224,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Replaces an existing item of the same kind.
     NTFSRename rename(std::string_view name, std::uint64_t parent, std::string_view newName,
                       std::uint64_t newParent);
+    /// Has two names lead to each other's items, which may be of different kinds.
+    void exchange(std::string_view name, std::uint64_t parent, std::string_view otherName,
+                  std::uint64_t otherParent);
 
     /// Sets the times that are given and leaves the others alone.
     void setTimes(std::uint64_t ino, const std::optional<std::timespec>& access,

@@ -149,4 +149,14 @@ NTFSRename NTFSVolume::rename(std::string_view name, std::uint64_t parent, std::
     return change;
 }
 
+void NTFSVolume::exchange(std::string_view name, std::uint64_t parent, std::string_view otherName,
+                          std::uint64_t otherParent) {
+    const BridgeText one(name);
+    const BridgeText other(otherName);
+    check(locked([&](ntb_vol* vol) {
+        ntb_set_ordered_writes(vol, box_.device->backlog().capacity == 0 ? 1 : 0);
+        return ntb_exchange(vol, parent, one.cString(), otherParent, other.cString());
+    }));
+}
+
 } // namespace tavelin

@@ -42,6 +42,11 @@ class ExtendedOperations {
     virtual Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,
                                                             const fskit::FSFileName& name,
                                                             const fskit::FSItemRef& directory) = 0;
+    /// Has two names lead to each other's items, which the caller was handed.
+    virtual Outcome<void> exchange(const fskit::FSItemRef& item, const fskit::FSItemRef& directory,
+                                   const fskit::FSFileName& name, const fskit::FSItemRef& otherItem,
+                                   const fskit::FSItemRef& otherDirectory,
+                                   const fskit::FSFileName& otherName) = 0;
     /// How many names a file has to lose. Its link count may be one more: an 8.3 alias counts, and
     /// goes with the name it belongs to.
     virtual Outcome<std::size_t> countNames(const fskit::FSItemRef& item) = 0;

@@ -220,6 +220,10 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,
                                                     const fskit::FSFileName& name,
                                                     const fskit::FSItemRef& directory) override;
+    Outcome<void> exchange(const fskit::FSItemRef& item, const fskit::FSItemRef& directory,
+                           const fskit::FSFileName& name, const fskit::FSItemRef& otherItem,
+                           const fskit::FSItemRef& otherDirectory,
+                           const fskit::FSFileName& otherName) override TAVELIN_EXCLUDES(items);
     Outcome<std::size_t> countNames(const fskit::FSItemRef& item) override;
     Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
                                    const fskit::FSItemRef& item) override;

@@ -161,4 +161,22 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
     });
 }
 
+Outcome<void> TavelinVolume::exchange(const fskit::FSItemRef& item,
+                                      const fskit::FSItemRef& directory,
+                                      const fskit::FSFileName& named,
+                                      const fskit::FSItemRef& otherItem,
+                                      const fskit::FSItemRef& otherDirectory,
+                                      const fskit::FSFileName& otherNamed) {
+    return request<"exchange">([&] {
+        const NItem& one = n(directory);
+        const NItem& other = n(otherDirectory);
+        requireChangeable();
+        ntfs->exchange(name(named), one.reference, name(otherNamed), other.reference);
+        n(item).parent = other.ino;
+        n(otherItem).parent = one.ino;
+        const MutexLock held(items);
+        movedSince_ = listings_.lastVerifier();
+    });
+}
+
 } // namespace tavelin

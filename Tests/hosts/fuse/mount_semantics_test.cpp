@@ -142,7 +142,16 @@ TEST_F(MountSemantics, RenameHasLinuxsFlagsAndErrors) {
     EXPECT_EQ(rename("folder", "file"), ENOTDIR);
     EXPECT_EQ(rename("empty", "folder"), ENOTEMPTY);
     EXPECT_EQ(rename("file", "folder/below", RENAME_NOREPLACE), EEXIST);
-    EXPECT_EQ(rename("file", "folder/below", RENAME_EXCHANGE), EINVAL);
+    EXPECT_EQ(rename("folder", "folder/below", RENAME_EXCHANGE), EINVAL) << "below itself";
+    EXPECT_EQ(rename("file", "none", RENAME_EXCHANGE), ENOENT);
+    EXPECT_EQ(rename("file", "folder/below", RENAME_EXCHANGE), 0);
+    EXPECT_EQ(names("file"), Names{});
+    EXPECT_EQ(readFile(*this / "folder/below"), "2");
+    writeFile(*this / "file/in", "");
+    EXPECT_EQ(names("file/.."), (Names{"empty", "file", "folder"}));
+    EXPECT_EQ(rename("folder/below", "file", RENAME_EXCHANGE), 0);
+    EXPECT_EQ(names("folder/below"), Names{"in"});
+    fs::remove(*this / "folder/below/in");
     EXPECT_EQ(rename("file", "FILE"), 0) << "only the case changes";
     EXPECT_EQ(rename("folder", "empty"), 0) << "an empty directory is replaced";
     EXPECT_EQ(names(), (Names{"FILE", "empty"}));

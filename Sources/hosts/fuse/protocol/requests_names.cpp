@@ -145,11 +145,16 @@ void removeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
 void rename(fuse_req_t request, fuse_ino_t fromParent, const char* from, fuse_ino_t toParent,
             const char* to, unsigned flags) {
     answer(request, [&] {
-        if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) {
-            fuse_reply_err(request, EINVAL); // exchanging names is not offered
+        MountedVolume& volume = volumeOf(request);
+        if (flags == RENAME_EXCHANGE) {
+            replyResult(request,
+                        volume.exchange(volume.node(fromParent), from, volume.node(toParent), to));
             return;
         }
-        MountedVolume& volume = volumeOf(request);
+        if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) {
+            fuse_reply_err(request, EINVAL); // no white-outs
+            return;
+        }
         replyResult(request, volume.rename(volume.node(fromParent), from, volume.node(toParent), to,
                                            (flags & RENAME_NOREPLACE) == 0));
     });

@@ -72,6 +72,10 @@ class MountedVolume {
     Outcome<void> rename(Node& fromDirectory, std::string_view from, Node& toDirectory,
                          std::string_view to, bool mayReplace);
 
+    /// Has two names lead to each other's items.
+    Outcome<void> exchange(Node& oneDirectory, std::string_view one, Node& otherDirectory,
+                           std::string_view other);
+
     // ---- Attributes, directories ---------------------------------------------------------------
 
     /// For a directory that was removed while in use: its type, mode and number.

@@ -149,6 +149,31 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
     return missingIfStale(done.error());
 }
 
+Outcome<void> MountedVolume::exchange(Node& oneDirectory, std::string_view one,
+                                      Node& otherDirectory, std::string_view other) {
+    const Outcome<Found> first = existing(oneDirectory, one);
+    const Outcome<Found> second = existing(otherDirectory, other);
+    if (!first || !second) {
+        return first ? second.error() : first.error();
+    }
+    const Outcome<Names> behindFirst = longNamesOf(oneDirectory, *first, one);
+    const Outcome<Names> behindSecond = longNamesOf(otherDirectory, *second, other);
+    if (!behindFirst || !behindSecond) {
+        return behindFirst ? behindSecond.error() : behindFirst.error();
+    }
+    Outcome<void> done = volume_.requests().exchange(
+        first->item.item(), oneDirectory.item.item(), fskit::FSFileName(one), second->item.item(),
+        otherDirectory.item.item(), fskit::FSFileName(other));
+    if (!done) {
+        return missingIfStale(done.error());
+    }
+    noteLostName(oneDirectory, *first, one, *behindFirst);
+    noteLostName(otherDirectory, *second, other, *behindSecond);
+    noteNewName(oneDirectory);
+    noteNewName(otherDirectory);
+    return done;
+}
+
 Outcome<void> MountedVolume::rename(const Renaming& renaming, const ItemRef& over) {
     return Outcome<void>::of(volume_.rename(renaming.item, renaming.fromDirectory.item,
                                             renaming.from, renaming.toDirectory.item, renaming.to,
