@@ -141,9 +141,13 @@ TEST(DirtyFlag, IsSetWithoutAJournalToo) {
             if (!found) {
                 EXPECT_TRUE(disk->events.at(2).flush) << "both copies, and then a flush";
             }
+            Bytes page(kPage); // written once more, and not synced
+            ASSERT_EQ(device->read(page.data(), 0, kPage), 0);
+            ASSERT_EQ(device->write(page.data(), 0, kPage), 0);
             EXPECT_FALSE(device->isSettled());
             EXPECT_EQ(device->settle(), 0);
             EXPECT_EQ(isDirty(disk), found);
+            EXPECT_TRUE(found || disk->events.end()[-4].flush) << "before the flag goes";
         }
         ntfs->unmount();
         EXPECT_EQ(device->close(), 0);
@@ -188,6 +192,27 @@ TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
         ntfs->unmount();
         EXPECT_EQ(device->close(), 0);
         EXPECT_EQ(isDirty(disk), isDamaged);
+    }
+}
+
+// An end that fails half-way, with the flag cleared, leaves a session that goes on.
+TEST(DirtyFlag, IsSetAgainBehindAnEndThatFailed) {
+    for (std::uint64_t calls = 1;; ++calls) {
+        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto device = mounted(disk);
+        writePages(*device, 1, 0, 2);
+        ASSERT_EQ(device->sync(), 0);
+        disk->callsToFailure = calls;
+        if (device->settle() == 0) {
+            EXPECT_GT(calls, 4u);
+            break;
+        }
+        disk->callsToFailure = 0;
+        writePages(*device, 2, 0, 2);
+        ASSERT_EQ(device->sync(), 0);
+        EXPECT_TRUE(isDirty(disk)) << calls;
+        ASSERT_EQ(device->settle(), 0);
+        EXPECT_FALSE(isDirty(disk)) << calls;
     }
 }
 
