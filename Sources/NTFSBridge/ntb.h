@@ -187,6 +187,10 @@ int32_t ntb_set_label(ntb_vol* vol, const char* label);
 /* Always 0. */
 int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out);
 
+/* File records in use, those of the volume's own files among them: the bits of the record bitmap,
+ * which is read for it. */
+int32_t ntb_count_files(ntb_vol* vol, uint64_t* count);
+
 /* While on, names that Windows cannot use are refused with EINVAL when they are made. Off at
  * mount. */
 void ntb_set_windows_names(ntb_vol* vol, int32_t on);

@@ -2,8 +2,12 @@
 #include "NTFSBridge/device/device_table.hpp"
 #include "NTFSBridge/names.hpp"
 #include "NTFSBridge/operation.hpp"
+#include "NTFSBridge/transfer.hpp"
 #include "NTFSBridge/volume.hpp"
 #include "platform/assert.hpp"
+
+#include <array>
+#include <bit>
 
 using namespace ntb;
 
@@ -77,6 +81,25 @@ int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out) {
     const uint64_t bitmap_bytes =
         volume->mftbmp_na != nullptr ? at_least_zero(volume->mftbmp_na->allocated_size) : 0;
     out->totalFiles = bitmap_bytes * 8 + out->freeFiles;
+    return 0;
+}
+
+int32_t ntb_count_files(ntb_vol* vol, uint64_t* count) {
+    *count = 0;
+    ntfs_attr* const bitmap = vol->volume->mftbmp_na;
+    std::array<uint64_t, 1024> words;
+    for (uint64_t offset = 0; bitmap != nullptr;) {
+        words.fill(0);
+        uint64_t done = 0;
+        const int32_t error = read_stream(bitmap, offset, words.data(), sizeof words, &done);
+        if (error != 0 || done == 0) {
+            return error;
+        }
+        for (const uint64_t word : words) {
+            *count += static_cast<uint64_t>(std::popcount(word));
+        }
+        offset += done;
+    }
     return 0;
 }
 

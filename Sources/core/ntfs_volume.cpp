@@ -185,6 +185,12 @@ NTFSStatFS NTFSVolume::statfs() {
             .freeFiles = record.freeFiles};
 }
 
+std::uint64_t NTFSVolume::filesInUse() {
+    std::uint64_t count = 0;
+    check(locked([&](ntb_vol* vol) { return ntb_count_files(vol, &count); }));
+    return count;
+}
+
 NTFSIOStats NTFSVolume::ioStats() {
     ntb_stats record{};
     locked([&](ntb_vol* vol) { ntb_get_stats(vol, &record); });

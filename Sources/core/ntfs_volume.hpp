@@ -156,6 +156,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void setLabel(std::string_view label);
     /// Space and counts as the library keeps them; reads nothing from the device.
     [[nodiscard]] NTFSStatFS statfs();
+    /// File records in use, those of the volume's own files among them.
+    [[nodiscard]] std::uint64_t filesInUse();
     /// Counters since the mount.
     [[nodiscard]] NTFSIOStats ioStats();
     /// Takes the memory of the page cache from the system at once, some 32 MiB: worth it for a

@@ -70,6 +70,9 @@ class ExtendedOperations {
     virtual std::uint64_t serialNumber() const = 0;
     /// The volume's label as it is stored: empty when it has none, unlike the volume's name.
     virtual Outcome<std::string> label() = 0;
+    /// File records in use, those of the volume's own files among them. FSKit's statistics count
+    /// the room for records instead.
+    virtual Outcome<std::uint64_t> filesInUse() = 0;
     /// What the page cache and the device were used for since the load.
     virtual Outcome<NTFSIOStats> ioStatistics() = 0;
 };

@@ -234,6 +234,7 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<void> prefaultCache() override;
     [[nodiscard]] std::uint64_t serialNumber() const override { return ntfs->serial(); }
     Outcome<std::string> label() override;
+    Outcome<std::uint64_t> filesInUse() override;
     Outcome<NTFSIOStats> ioStatistics() override;
 
     /// Never held across a call into `ntfs`.

@@ -195,6 +195,10 @@ Outcome<std::string> TavelinVolume::label() {
     return attempt<"label">([&] { return ntfs->label(); });
 }
 
+Outcome<std::uint64_t> TavelinVolume::filesInUse() {
+    return attempt<"filesInUse">([&] { return ntfs->filesInUse(); });
+}
+
 Outcome<NTFSIOStats> TavelinVolume::ioStatistics() {
     return attempt<"ioStatistics">([&] { return ntfs->ioStats(); });
 }

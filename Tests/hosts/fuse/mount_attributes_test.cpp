@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -53,6 +54,27 @@ TEST_F(MountAttributes, DirectoriesShowTheirChangesAtOnce) {
         EXPECT_GE(after.st_mtim.tv_sec, start - 1) << row.what;
         EXPECT_GE(after.st_ctim.tv_sec, start - 1) << row.what;
     }
+}
+
+TEST_F(MountAttributes, FilesInUseAreCounted) {
+    const auto used = [this] {
+        struct statvfs status {};
+        EXPECT_EQ(::statvfs(path("").c_str(), &status), 0);
+        return status.f_files - status.f_ffree;
+    };
+    const fsfilcnt_t before = used();
+    EXPECT_GT(before, 10u) << "the volume's own files";
+    EXPECT_LT(before, 100u);
+    constexpr int kFiles = 300; // more than a new table of files has records for
+    for (int i = 0; i < kFiles; ++i) {
+        writeFile(*this / ("file" + std::to_string(i)), "");
+    }
+    EXPECT_EQ(used(), before + kFiles);
+    for (int i = 0; i < 100; ++i) {
+        fs::remove(*this / ("file" + std::to_string(i)));
+    }
+    mount(); // the kernel has let go of them
+    EXPECT_EQ(used(), before + kFiles - 100);
 }
 
 // As desktops mount: everything is the user's, and programs on the volume can be run.

@@ -124,7 +124,10 @@ void volumeStatistics(fuse_req_t request, fuse_ino_t /*node*/) {
         status.f_blocks = found.totalBlocks;
         status.f_bfree = found.freeBlocks;
         status.f_bavail = found.availableBlocks;
-        status.f_files = found.totalFiles;
+        // The volume's total counts room for records that nobody uses, and `df -i` shows as used
+        // what the total has beyond the free ones.
+        const Outcome<uint64_t> used = volume.requests().filesInUse();
+        status.f_files = used ? *used + found.freeFiles : found.totalFiles;
         status.f_ffree = found.freeFiles;
         status.f_favail = found.freeFiles;
         status.f_namemax = static_cast<unsigned long>(volume.requests().maximumNameLength());
