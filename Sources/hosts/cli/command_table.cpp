@@ -117,6 +117,8 @@ constexpr std::array kCommands{
             defineMount},
     Command{"umount", kMount, "Write everything out and take the volume away again", "DIR",
             "umount ~/disk", defineUnmount},
+    Command{"mounts", kMount, "Show which volumes are mounted, where, and how they are", "[--json]",
+            "mounts", defineMounts},
 #endif
     Command{"events", kDiagnose, "Show the module's event log",
             "[-n N] [--follow] [--since OFFSET] [--json]",

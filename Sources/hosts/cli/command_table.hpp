@@ -58,6 +58,7 @@ void defineRemove(CLI::App& command); // remove_command.cpp
 void defineXattr(CLI::App& command);  // xattr_command.cpp
 void defineMount(CLI::App& command);  // mount_commands.cpp, where there is a FUSE host
 void defineUnmount(CLI::App& command);
+void defineMounts(CLI::App& command);
 void defineEvents(CLI::App& command); // events_command.cpp
 
 } // namespace tavelin::cli

@@ -1,13 +1,17 @@
-// mount and umount: the command line of the FUSE host.
+// mount, umount and mounts: the command line of the FUSE host.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/image_place.hpp"
+#include "hosts/cli/report.hpp"
+#include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "hosts/fuse/mount/commands.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <memory>
 #include <optional>
 
@@ -51,7 +55,53 @@ void runMount(MountCommand& command) {
     failQuietlyUnless(fusehost::mountVolume(request));
 }
 
+/// In a few words.
+std::string stateOf(const fusehost::ServedVolume& volume) {
+    switch (volume.error) {
+    case 0:
+        return volume.readOnly ? "read-only" : "read-write";
+    case ENOTCONN:
+        return "dead";
+    default:
+        return "unknown";
+    }
+}
+
+std::string explained(const fusehost::ServedVolume& volume) {
+    if (volume.error == ENOTCONN) {
+        return fmt::format("its server has ended: 'tavelin umount {}' takes it away",
+                           escaped(volume.directory.string()));
+    }
+    if (volume.error != 0) {
+        return errorText(fromHost(volume.error));
+    }
+    const std::string access = volume.readOnly ? "read-only" : "read and write";
+    return volume.server == 0 ? access : fmt::format("{}, process {}", access, volume.server);
+}
+
+void runMounts(bool json) {
+    for (const fusehost::ServedVolume& volume : fusehost::servedVolumes()) {
+        if (json) {
+            JSONObject item;
+            item.add("image", volume.image.string())
+                .add("directory", volume.directory.string())
+                .add("state", stateOf(volume))
+                .add("process", volume.server);
+            addItem(item);
+        } else {
+            print(fmt::format("{} on {}: {}\n", escaped(volume.image.string()),
+                              escaped(volume.directory.string()), explained(volume)));
+        }
+    }
+}
+
 } // namespace
+
+void defineMounts(CLI::App& command) {
+    const auto json = std::make_shared<bool>();
+    addJSON(command, *json);
+    setWork(command, [json] { runMounts(*json); });
+}
 
 void defineMount(CLI::App& command) {
     const auto arguments = std::make_shared<MountCommand>();

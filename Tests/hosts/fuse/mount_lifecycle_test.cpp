@@ -219,10 +219,15 @@ TEST_F(MountCommands, ReturnWhenServedAndWhenWritten) {
     const std::string content(1 << 20, 'c');
     EXPECT_EQ(tavelin({"mount", image, directory}), 0);
     EXPECT_TRUE(isServed());
+    const auto shown = [&] { return run({TAVELIN_PROGRAM, "mounts"}).out; };
+    const std::string line = image + " on " + directory + ": ";
+    const std::string server = std::to_string(std::stoi(servers()));
+    EXPECT_NE(shown().find(line + "read and write, process " + server), std::string::npos);
     writeFile(mountPoint / "by the program", content);
     EXPECT_EQ(tavelin({"mount", image, directory}), 1) << "in use already";
     EXPECT_TRUE(readFile(mountPoint / "by the program") == content);
     EXPECT_EQ(tavelin({"umount", directory}), 0);
+    EXPECT_EQ(shown().find(line), std::string::npos);
     EXPECT_TRUE(volume_->cat("by the program") == content);
     EXPECT_EQ(tavelin({"umount", directory}), 1) << "nothing there";
 

@@ -33,7 +33,7 @@ _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
     commands="probe info ls stat find tree du df hash diff cat readlink check get put mkdir rm mv ln
-        xattr label mount umount events help"
+        xattr label mount umount mounts events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
@@ -72,6 +72,7 @@ _tavelin() {
         check) options+=" --deep -q -n -y --json" ;;
         mount) options="--help --read-only -o --foreground --trace" ;;
         umount) options="--help" ;;
+        mounts) options="--json --help" ;;
         events) options="--help -n --follow --since --json" ;;
         probe | hash | stat | readlink | xattr | label) options+=" --json" ;;
         esac

@@ -31,4 +31,16 @@ struct MountOfImage {
 /// the image is not mounted by tavelin, as far as this process can see.
 [[nodiscard]] std::vector<MountOfImage> synchronizeMountsOf(const std::filesystem::path& image);
 
+/// A mount of ours, as its process and the kernel tell of it.
+struct ServedVolume {
+    std::filesystem::path image; ///< of a loop device, the file that it shows
+    std::filesystem::path directory;
+    bool readOnly = false;
+    pid_t server = 0; ///< 0 when it cannot be known: dead, or of another process namespace
+    int error = 0;    ///< a host errno: ENOTCONN when the server is dead, EACCES for others' mounts
+};
+
+/// All mounts of ours in this process's mount namespace, in the order in which they were made.
+[[nodiscard]] std::vector<ServedVolume> servedVolumes();
+
 } // namespace tavelin::fusehost

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <grp.h>
 #include <optional>
 #include <poll.h>
@@ -42,10 +43,13 @@ std::optional<uid_t> ownerIn(const std::string& options, std::string_view name) 
     return error == std::errc() ? std::optional(owner) : std::nullopt;
 }
 
-Answer ask(const std::filesystem::path& directory, bool readOnly) {
+// What a mount's server is asked besides who it is.
+enum class Wish { nothing, synchronize };
+
+Answer ask(const std::filesystem::path& directory, Wish wish) {
     Answer answer;
     const FileDescriptor root(directory.c_str(), O_RDONLY | O_DIRECTORY);
-    if (!root || (!readOnly && ::fsync(root.get()) != 0)) {
+    if (!root || (wish == Wish::synchronize && ::fsync(root.get()) != 0)) {
         answer.error = errno;
         return answer;
     }
@@ -59,7 +63,7 @@ Answer ask(const std::filesystem::path& directory, bool readOnly) {
 
 // The kernel keeps even root out of another user's mount. A child that has become that user gets
 // in; this process could not become root again.
-Answer askAs(uid_t user, gid_t group, const MountEntry& mount) {
+Answer askAs(uid_t user, gid_t group, const MountEntry& mount, Wish wish) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         return {.error = errno};
@@ -70,7 +74,7 @@ Answer askAs(uid_t user, gid_t group, const MountEntry& mount) {
     if (child == 0) {
         if (::setgroups(0, nullptr) == 0 && ::setresgid(group, group, group) == 0 &&
             ::setresuid(user, user, user) == 0) {
-            const Answer answer = ask(mount.directory, mount.readOnly);
+            const Answer answer = ask(mount.directory, wish);
             (void)writing.write(&answer, sizeof answer);
         }
         ::_exit(0);
@@ -84,14 +88,26 @@ Answer askAs(uid_t user, gid_t group, const MountEntry& mount) {
     return answer;
 }
 
-} // namespace
-
-ServedMount::ServedMount(const MountEntry& mount) : mount_(mount) {
+Answer askServer(const MountEntry& mount, Wish wish) {
     const auto user = ownerIn(mount.superOptions, "user_id=");
     const auto group = ownerIn(mount.superOptions, "group_id=");
     const bool other = ::geteuid() == 0 && user.value_or(0) != 0 && group;
-    const Answer answer =
-        other ? askAs(*user, *group, mount) : ask(mount.directory, mount.readOnly);
+    return other ? askAs(*user, *group, mount, wish) : ask(mount.directory, wish);
+}
+
+// Of a loop device the file that it shows; of anything else itself.
+std::filesystem::path imageOf(const MountEntry& mount) {
+    const std::filesystem::path source = mount.source;
+    std::ifstream shown("/sys/block" / source.filename() / "loop/backing_file");
+    std::string file;
+    return source.parent_path() == "/dev" && std::getline(shown, file) ? std::filesystem::path(file)
+                                                                       : source;
+}
+
+} // namespace
+
+ServedMount::ServedMount(const MountEntry& mount) : mount_(mount) {
+    const Answer answer = askServer(mount, mount.readOnly ? Wish::nothing : Wish::synchronize);
     synchronizeError_ = answer.error;
     if (answer.server > 0) {
         server_ = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, answer.server, 0)));
@@ -135,6 +151,21 @@ std::vector<MountOfImage> synchronizeMountsOf(const std::filesystem::path& image
         }
     }
     return mounts;
+}
+
+std::vector<ServedVolume> servedVolumes() {
+    std::vector<ServedVolume> volumes;
+    for (const MountEntry& entry : mountTable()) {
+        if (isOurs(entry)) {
+            const Answer answer = askServer(entry, Wish::nothing);
+            volumes.push_back({.image = imageOf(entry),
+                               .directory = entry.directory,
+                               .readOnly = entry.readOnly || entry.superReadOnly,
+                               .server = answer.server,
+                               .error = answer.error});
+        }
+    }
+    return volumes;
 }
 
 } // namespace tavelin::fusehost
