@@ -239,15 +239,13 @@ FSKIT_V3
 - (void)getXattrNamed:(FSFileName *)name
                ofItem:(FSItem *)item
               context:(FSContext *)context
-         replyHandler:
-             (void (^)(FSGetXattrResult *_Nullable result, NSError *_Nullable error))reply;
+         replyHandler:(void (^)(FSGetXattrResult *_Nullable result, NSError *_Nullable error))reply;
 - (void)setXattrNamed:(FSFileName *)name
                toData:(NSData *_Nullable)value
                onItem:(FSItem *)item
                policy:(FSSetXattrPolicy)policy
               context:(FSContext *)context
-         replyHandler:
-             (void (^)(FSSetXattrResult *_Nullable result, NSError *_Nullable error))reply;
+         replyHandler:(void (^)(FSSetXattrResult *_Nullable result, NSError *_Nullable error))reply;
 - (void)listXattrsOfItem:(FSItem *)item
                  context:(FSContext *)context
             replyHandler:
