@@ -69,7 +69,10 @@ FSContainerStatus *notReady(NSError *error) {
 
 - (instancetype)init {
     if ((self = [super init])) {
-        _fileSystem = std::make_shared<tavelin::TavelinFileSystem>();
+        // Programs of macOS hand names over in the other normal form than Windows, and users of the
+        // Finder cannot pass options.
+        _fileSystem = std::make_shared<tavelin::TavelinFileSystem>(
+            tavelin::TavelinFileSystem::NameRules{.windowsNames = true, .normalizeNames = true});
     }
     return self;
 }

@@ -105,9 +105,11 @@ fskit::FSProbeResult probed(const fskit::FSResourceRef& resource) {
 /// One load, from its options to the event that reports it.
 class Load {
   public:
-    Load(const fskit::FSBlockDeviceResource& resource, const fskit::FSTaskOptions& options)
+    Load(const fskit::FSBlockDeviceResource& resource, const fskit::FSTaskOptions& options,
+         bool windowsNames)
         : resource_(resource),
           options_(options.taskOptions),
+          windowsNames_(options_.windowsNames.value_or(windowsNames)),
           words_(fmt::format("{}", fmt::join(options.taskOptions, " "))),
           requestedReadOnly_(options_.readOnly || !resource.isWritable()) {}
 
@@ -125,7 +127,7 @@ class Load {
             }
             return NTFSVolume::open(device, readOnly);
         });
-        opened.value->setWindowsNames(options_.windowsNames);
+        opened.value->setWindowsNames(windowsNames_);
         opened.value->setWindowsLinks(options_.windowsLinks);
         if (device->wasRefused() && refusalToWrite_.empty() && notices_.empty()) {
             notices_.push_back(fmt::format("The volume {}.", JournaledDevice::kRefusal));
@@ -226,6 +228,7 @@ class Load {
 
     const fskit::FSBlockDeviceResource& resource_;
     const Driver2::MountOptions options_;
+    const bool windowsNames_;
     const std::string words_;
     const bool requestedReadOnly_;
     bool wasMarked_ = false; ///< dirty, by another system
@@ -236,7 +239,7 @@ class Load {
 
 } // namespace
 
-TavelinFileSystem::TavelinFileSystem() {
+TavelinFileSystem::TavelinFileSystem(const NameRules& defaults) : defaults_(defaults) {
     events().event("module_start", Fields{{"version", dictionaryText("CFBundleShortVersionString")},
                                           {"build", dictionaryText("CFBundleVersion")},
                                           {"os", operatingSystemVersion()}});
@@ -262,7 +265,7 @@ fskit::FSProbeResult TavelinFileSystem::probeResource(const fskit::FSResourceRef
 std::shared_ptr<TavelinVolume>
 TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
                           const fskit::FSTaskOptions& options) {
-    Load load(*disk, options);
+    Load load(*disk, options, defaults_.windowsNames);
     refusalToWrite.clear();
     notices.clear();
     errorTally().reset();
@@ -278,6 +281,8 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
         }
         auto fresh = std::make_shared<TavelinVolume>(ntfs);
         fresh->device = device;
+        fresh->setNormalizesNames(Driver2::MountOptions(options.taskOptions)
+                                      .normalizeNames.value_or(defaults_.normalizeNames));
         if (!ntfs->readOnly()) {
             ntfs->startAutoFlush(kFlushInterval);
         }

@@ -15,8 +15,15 @@ namespace tavelin {
 
 class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
   public:
+    /// What holds for names unless a mount's options say otherwise.
+    struct NameRules {
+        bool windowsNames = false;   ///< refuse what Windows cannot represent
+        bool normalizeNames = false; ///< see TavelinVolume::setNormalizesNames()
+    };
+
     /// Writes the event "module_start".
-    TavelinFileSystem();
+    TavelinFileSystem() : TavelinFileSystem(NameRules()) {}
+    explicit TavelinFileSystem(const NameRules& defaults);
 
     /// The loaded volume; null before the first load and after every unload.
     std::shared_ptr<TavelinVolume> volume;
@@ -57,6 +64,8 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
                 const fskit::FSTaskOptions& options) override;
 
   private:
+    const NameRules defaults_;
+
     /// Mounts the resource and keeps the volume; reports either outcome.
     std::shared_ptr<TavelinVolume> loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
                                           const fskit::FSTaskOptions& options);

@@ -58,6 +58,11 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The journal between the two, ended by close(); set by load as well, null without one.
     std::shared_ptr<JournaledDevice> journal;
 
+    /// Whether a name that is not there as given is looked for in the other normal forms of
+    /// Unicode, and new names are made composed, as Windows makes them. Programs of macOS hand
+    /// names over decomposed. Off at first; set by the load and the activation.
+    void setNormalizesNames(bool on) noexcept { normalizesNames_ = on; }
+
     /// Writes everything back, unmounts, and ends the journal: the device is then as any other
     /// system expects it. Requests answer kENXIO from then on, and further calls do nothing. Throws
     /// the first failure, with the volume closed all the same.
@@ -110,8 +115,8 @@ class TavelinVolume final : public fskit::FSVolume,
         return readOnly() ? fskit::FSMountOptionsReadOnly : 0;
     }
 
-    /// "windows_names" among the options switches that rule on, "ro" and "rdonly" refuse changes
-    /// from now on; nothing switches either off again. kENXIO once the volume is closed.
+    /// The options about names change what the load has set, "ro" and "rdonly" refuse changes from
+    /// now on, which nothing takes back. kENXIO once the volume is closed.
     Outcome<fskit::FSItemRef> activate(const fskit::FSTaskOptions& options) override;
     /// Nothing is left to do once the volume is active; the options were taken at activation.
     Outcome<void> mount(const fskit::FSTaskOptions& options) override;
@@ -147,7 +152,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// nothing is applied then. The size of what is no file is ignored.
     Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,
                                                    const fskit::FSItemRef& item) override;
-    /// kENOENT for a name that is not there. Case matters.
+    /// kENOENT for a name that is not there. Case matters; of normal forms see
+    /// setNormalizesNames(), which holds for all requests about names. Answers the stored name.
     Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory) override;
     /// The target in the form that a mount can follow. kEINVAL for an item that is no link.
@@ -253,6 +259,20 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The text of a name; throws NTFSError kEINVAL when it has none.
     static std::string_view name(const fskit::FSFileName& name);
 
+    /// The attributes of what a name stands for. A name that is there in another normal form only
+    /// becomes the stored one, in `memory`.
+    std::optional<NTFSAttributes> find(std::string_view& name, std::uint64_t directory,
+                                       std::string& memory);
+    /// The name by which an existing item is to be asked for: as it is stored, or as given where
+    /// there is none.
+    std::string_view existingName(std::string_view given, std::uint64_t directory,
+                                  std::string& memory);
+    /// The name of an item that is to be made: that of an item which is there already, or composed.
+    std::string_view newName(std::string_view given, std::uint64_t directory, std::string& memory);
+    /// The new name of a renamed item: the same, but a stored form of the item's own name makes way
+    /// for the form that is asked for.
+    std::string_view renamedTo(std::string_view given, std::uint64_t directory,
+                               const fskit::FSItemRef& moved, std::string& memory);
     /// item(), under the lock. The reference is valid until the item is taken out of the registry.
     const std::shared_ptr<NItem>& itemLocked(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_REQUIRES(items);
@@ -303,6 +323,7 @@ class TavelinVolume final : public fskit::FSVolume,
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
     /// On at first, as FSKit has it.
     std::atomic<bool> openCloseInhibited_{true};
+    std::atomic<bool> normalizesNames_{false};
     /// Set by an activation with "ro" and never cleared.
     std::atomic<bool> refusesChanges_{false};
     /// The user and group that all items are shown to belong to: those of the process.

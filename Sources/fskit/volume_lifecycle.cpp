@@ -11,6 +11,7 @@
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
 #include "platform/error_numbers.hpp"
+#include "platform/normal_forms.hpp"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -120,7 +121,10 @@ Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& op
         ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
         const Driver2::MountOptions asked(options.taskOptions);
         if (asked.windowsNames) {
-            ntfs->setWindowsNames(true);
+            ntfs->setWindowsNames(*asked.windowsNames);
+        }
+        if (asked.normalizeNames) {
+            setNormalizesNames(*asked.normalizeNames);
         }
         if (asked.readOnly) {
             // The options of a mount arrive here, after a load that opened the volume for writing.
@@ -181,9 +185,13 @@ Outcome<void> TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/) 
 Outcome<fskit::FSFileName> TavelinVolume::setVolumeName(const fskit::FSFileName& newName) {
     return attempt<"setVolumeName">([&] {
         requireChangeable();
-        ntfs->setLabel(name(newName));
-        setName(newName);
-        return newName;
+        const std::string_view given = name(newName);
+        const fskit::FSFileName stored = normalizesNames_ && mayHaveOtherForms(given)
+                                             ? fskit::FSFileName(composed(given))
+                                             : newName;
+        ntfs->setLabel(stored.data());
+        setName(stored);
+        return stored;
     });
 }
 

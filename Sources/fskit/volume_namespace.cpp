@@ -8,7 +8,6 @@ namespace tavelin {
 
 fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std::uint64_t parent,
                                                const fskit::FSFileName& name) {
-    // The name is the caller's own spelling: the bridge has matched it case by case.
     fskit::FSLookupItemResult result{handOut(record.reference(), parent), name, {}};
     describe(record, parent, result.itemAttributes);
     return result;
@@ -29,14 +28,17 @@ Outcome<fskit::FSLookupItemResult> TavelinVolume::lookupItem(const fskit::FSFile
                                                              const fskit::FSItemRef& directory) {
     return request<"lookupItem">([&]() -> Outcome<fskit::FSLookupItemResult> {
         const NItem& parent = n(directory);
-        const std::optional<NTFSAttributes> record = ntfs->find(name(named), parent.reference);
+        std::string memory;
+        std::string_view stored = name(named);
+        const std::optional<NTFSAttributes> record = find(stored, parent.reference, memory);
         if (!record) {
             // Before a file is made its name is looked up, so this answer is as usual as the other
             // and comes without the price of an exception.
             errorTally().record(kENOENT, "lookupItem");
             return fskit::fs_errorForPOSIXError(kENOENT);
         }
-        return found(*record, parent.ino, named);
+        // The bridge matches names case by case, so a stored name differs by its normal form only.
+        return found(*record, parent.ino, memory.empty() ? named : fskit::FSFileName(stored));
     });
 }
 
@@ -52,8 +54,10 @@ TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type
         const NItem& parent = n(directory);
         requireChangeable();
         const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
+        std::string memory;
+        const std::string_view stored = newName(name(named), parent.reference, memory);
         fskit::FSCreateItemResult result =
-            created(ntfs->make(name(named), parent.reference, kind), parent, named);
+            created(ntfs->make(stored, parent.reference, kind), parent, fskit::FSFileName(stored));
         // FSKit's way to say which of the requested attributes were set. Those that were not are no
         // error.
         newAttributes.consumedAttributes = 0;
@@ -82,9 +86,10 @@ TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::F
     return request<"createSymbolicLink">([&] {
         const NItem& parent = n(directory);
         requireChangeable();
-        const std::string_view linkName = name(named);
-        return created(ntfs->makeLink(linkName, parent.reference, name(linkContents)), parent,
-                       named);
+        std::string memory;
+        const std::string_view stored = newName(name(named), parent.reference, memory);
+        return created(ntfs->makeLink(stored, parent.reference, name(linkContents)), parent,
+                       fskit::FSFileName(stored));
     });
 }
 
@@ -119,7 +124,9 @@ Outcome<fskit::FSRemoveItemResult> TavelinVolume::removeItem(const fskit::FSItem
         requireChangeable();
         // The item stays registered until the host reclaims it: the file may be open, or have other
         // names.
-        const NTFSChange change = ntfs->remove(name(named), parent.reference);
+        std::string memory;
+        const NTFSChange change =
+            ntfs->remove(existingName(name(named), parent.reference, memory), parent.reference);
         return fskit::FSRemoveItemResult{described(change.item, parent.ino),
                                          described(change.directory, parent.parent),
                                          change.freeBytes};
@@ -134,9 +141,12 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
         const NItem& from = n(sourceDirectory);
         const NItem& to = n(destinationDirectory);
         requireChangeable();
-        const std::string_view oldName = name(sourceName);
-        const NTFSRename change =
-            ntfs->rename(oldName, from.reference, name(destinationName), to.reference);
+        std::string oldMemory;
+        std::string newMemory;
+        const std::string_view oldName = existingName(name(sourceName), from.reference, oldMemory);
+        const std::string_view stored =
+            renamedTo(name(destinationName), to.reference, moved, newMemory);
+        const NTFSRename change = ntfs->rename(oldName, from.reference, stored, to.reference);
         if (moved != nullptr) {
             // Only after the rename has succeeded. The parent serves answers about this item, and a
             // stale one would name the old directory.
@@ -148,7 +158,7 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
         }
         // The item that was replaced stays registered until it is reclaimed: its file may have
         // other names, and must not get a second item while the host holds this one.
-        fskit::FSRenameItemResult result{destinationName,
+        fskit::FSRenameItemResult result{fskit::FSFileName(stored),
                                          described(change.item, to.ino),
                                          described(change.source, from.parent),
                                          described(change.destination, to.parent),

@@ -26,6 +26,8 @@ TEST(Driver2, ReadsMountOptions) {
         {{"-o", "ro", "-o", "rw"}, {"ro"}},
         {{"-oro,windows_names"}, {"ro", "wn"}},
         {{"-o", "windows_names,,rdonly"}, {"ro", "wn"}},
+        {{"-o", "windows_names,normalize_names"}, {"wn", "nn"}},
+        {{"-o", "windows_names,normalize_names,nowindows_names,nonormalize_names"}, {"!wn", "!nn"}},
         {{"windows_names", "RO", "-x", "-o", "rw,noatime"}, {}},
         {{"-o", "-r"}, {}}, // the word after -o is its list
     };
@@ -36,7 +38,10 @@ TEST(Driver2, ReadsMountOptions) {
             on.emplace_back("ro");
         }
         if (options.windowsNames) {
-            on.emplace_back("wn");
+            on.emplace_back(*options.windowsNames ? "wn" : "!wn");
+        }
+        if (options.normalizeNames) {
+            on.emplace_back(*options.normalizeNames ? "nn" : "!nn");
         }
         EXPECT_EQ(on, expected) << ::testing::PrintToString(arguments);
     }

@@ -155,7 +155,7 @@ TEST_F(Module, LoadObeysOptionsAndMedium) {
     EXPECT_EQ(unload(), 0) << "nothing is loaded";
 }
 
-TEST_F(Module, ActivateSwitchesTheWindowsRuleOnAndNeverOff) {
+TEST_F(Module, ActivateLeavesTheWindowsRuleAsItIsUnlessToldOtherwise) {
     ASSERT_EQ(load({"-owindows_names"}), 0);
     EXPECT_EQ((*requests().activate({"-f", "x"})).get(), volume().root().get());
     EXPECT_TRUE(volume().ntfs->windowsNames());

@@ -20,8 +20,10 @@ void applyList(MountOptions& options, std::string_view list) noexcept {
         list = comma == std::string_view::npos ? std::string_view{} : list.substr(comma + 1);
         if (asksForReadOnly(piece)) {
             options.readOnly = true;
-        } else if (piece == "windows_names") {
-            options.windowsNames = true;
+        } else if (piece == "windows_names" || piece == "nowindows_names") {
+            options.windowsNames = piece == "windows_names";
+        } else if (piece == "normalize_names" || piece == "nonormalize_names") {
+            options.normalizeNames = piece == "normalize_names";
         } else if (piece == "nocheck") {
             options.noCheck = true;
         } else if (piece == "symlinks=windows" || piece == "symlinks=interix") {

@@ -17,6 +17,7 @@ class TavelinCli < Formula
   depends_on "cli11" => :build
   depends_on "pkgconf" => :build
   depends_on "fmt"
+  depends_on "utf8proc"
 
   resource "ntfs-3g" do # no formula has it without FUSE
     url "file:///Users/Shared/ntfs-3g_ntfsprogs-2022.10.3.tgz" # of the project's own archive

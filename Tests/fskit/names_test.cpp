@@ -1,0 +1,141 @@
+// Names in the normal forms of Unicode, and names that Windows cannot have.
+#include "module_fixture.hpp"
+
+#include "platform/normal_forms.hpp"
+
+namespace tavelin {
+namespace {
+
+using namespace test;
+using Names = std::vector<std::string>;
+
+// An e with an acute accent, as Windows and as programs of macOS write it, and a compatibility
+// ideograph, which composing would turn into another character.
+const std::string kWindows = "caf\u00e9 \uf900.txt";
+const std::string kMac = "cafe\u0301 \uf900.txt";
+
+class NamesTest : public VolumeTest {
+  protected:
+    Names listed() {
+        Page page;
+        const fskit::FSItemGetAttributesRequest wanted;
+        static_cast<void>(*Answer{volume().enumerateDirectory(root, 0, 0, &wanted, page)});
+        Names names;
+        for (const Entry& entry : page.entries) {
+            names.push_back(entry.name);
+        }
+        return names;
+    }
+    // A file under exactly this name.
+    Item make(const std::string& name) {
+        volume().setNormalizesNames(false);
+        const Answer made = requests().create(root, name);
+        volume().setNormalizesNames(true);
+        return *made;
+    }
+    std::string storedName(const std::string& name) {
+        const auto found = volume().lookupItem(fskit::FSFileName(name), root);
+        return found ? found->itemName.data() : found.error().localizedDescription();
+    }
+};
+
+TEST(NormalForms, ComposeAndDecomposeWhatMacOSDoes) {
+    EXPECT_EQ(composed(kMac), kWindows);
+    EXPECT_EQ(decomposed(kWindows), kMac);
+    EXPECT_EQ(decomposed("\uac00"), "\u1100\u1161");
+    EXPECT_EQ(composed("a\u0308\u0323"), "\u1ea1\u0308") << "marks in canonical order";
+    for (const char* same : {"plain.txt", "\xff\xfe", "\xed\xa0\x80\xcc\x81", "\u212b"}) {
+        EXPECT_EQ(composed(same), same);
+        EXPECT_EQ(decomposed(same), same);
+    }
+}
+
+TEST_F(NamesTest, ANameIsFoundInEitherFormAndAnsweredAsItIsStored) {
+    start({"-o", "normalize_names"});
+    for (const auto& [stored, other] : {std::pair(kWindows, kMac), std::pair(kMac, kWindows)}) {
+        const Item file = make(stored);
+        auto ask = requests();
+        EXPECT_EQ(storedName(other), stored);
+        EXPECT_EQ(storedName(stored), stored);
+        EXPECT_EQ(ask.create(root, other).code(), kEEXIST);
+        EXPECT_EQ(ask.symlink(root, other, "x").code(), kEEXIST);
+        EXPECT_EQ(ask.rename(file, root, other, root, "moved")->newName.data(), "moved");
+        EXPECT_EQ(ask.rename(file, root, "moved", root, stored).code(), 0);
+
+        // Replaces the item that has the name in another form.
+        const Item fresh = *ask.create(root, "fresh");
+        const Item over = *ask.lookup(root, other);
+        EXPECT_EQ(ask.rename(fresh, root, "fresh", root, other, over).code(), 0);
+        EXPECT_EQ(listed().size(), 1u);
+        EXPECT_EQ(ask.remove(fresh, root, other), 0);
+        EXPECT_EQ(listed(), Names{});
+    }
+}
+
+TEST_F(NamesTest, NewNamesAreComposed) {
+    start({"-o", "normalize_names"});
+    auto ask = requests();
+    fskit::FSItemSetAttributesRequest none;
+    const fskit::FSFileName asked(kMac);
+    const auto expectMade = [&](const Item& item, const std::string& answered) {
+        EXPECT_EQ(answered, kWindows);
+        EXPECT_EQ(listed(), Names{kWindows});
+        EXPECT_EQ(ask.remove(item, root, kMac), 0);
+    };
+    const Answer file{volume().createItem(asked, Type::file, root, none)};
+    expectMade(file->newItem, file->newItemName.data());
+    const Answer link{volume().createSymbolicLink(asked, root, none, fskit::FSFileName("x"))};
+    expectMade(link->newItem, link->newItemName.data());
+    const Item plain = *ask.create(root, "plain");
+    expectMade(plain, ask.rename(plain, root, "plain", root, kMac)->newName.data());
+    const Item old = make(kMac);
+    expectMade(old, ask.rename(old, root, kMac, root, kWindows)->newName.data());
+    EXPECT_EQ(ask.setName("caf"
+                          "e\u0301"),
+              0);
+    EXPECT_EQ(*volume().label(), "caf\u00e9");
+}
+
+TEST_F(NamesTest, TheGivenFormComesFirstAndTheOptionTurnsTheRestOff) {
+    start({"-o", "normalize_names"});
+    const Item windows = make(kWindows);
+    const Item mac = make(kMac);
+    EXPECT_EQ(*requests().lookup(root, kWindows), windows);
+    EXPECT_EQ(*requests().lookup(root, kMac), mac);
+    EXPECT_EQ(requests().remove(mac, root, kMac), 0);
+    EXPECT_EQ(listed(), Names{kWindows});
+
+    root = *requests().activate({"-o", "nonormalize_names"});
+    EXPECT_EQ(requests().lookup(root, kMac).code(), kENOENT);
+    EXPECT_EQ(requests().create(root, kMac).code(), 0);
+    EXPECT_EQ(listed().size(), 2u);
+}
+
+TEST_F(NamesTest, AHostsRulesHoldUnlessTheMountSaysOtherwise) {
+    TavelinFileSystem strict({.windowsNames = true, .normalizeNames = true});
+    const auto loadStrict = [&](const Options& options) {
+        static_cast<void>(*Answer{strict.loadResource(disk, {options})});
+        return *Answer{strict.volume->activate({})};
+    };
+    const auto tryAll = [&](const Item& directory) {
+        std::vector<std::int64_t> codes;
+        for (const char* name : {"a:b", "what?", "con", "nul.txt", "dot.", "space ", "caf\u00e9"}) {
+            codes.push_back(Requests(*strict.volume).create(directory, name).code());
+        }
+        return codes;
+    };
+    Item directory = loadStrict({});
+    EXPECT_EQ(tryAll(directory),
+              (std::vector<std::int64_t>{kEINVAL, kEINVAL, kEINVAL, kEINVAL, kEINVAL, kEINVAL, 0}));
+    EXPECT_EQ(Requests(*strict.volume).lookup(directory, "cafe\u0301").code(), 0);
+    directory = loadStrict({"-o", "nowindows_names,nonormalize_names"});
+    EXPECT_EQ(Requests(*strict.volume).lookup(directory, "cafe\u0301").code(), kENOENT);
+    EXPECT_EQ(tryAll(directory), (std::vector<std::int64_t>{0, 0, 0, 0, 0, 0, kEEXIST}));
+    directory = loadStrict({});
+    directory = *Answer{strict.volume->activate({{"-o", "nowindows_names"}})};
+    EXPECT_EQ(Requests(*strict.volume).create(directory, "more?").code(), 0);
+    EXPECT_EQ(codeOf(strict.unloadResource(disk, {})), 0);
+}
+
+} // namespace
+} // namespace tavelin
