@@ -19,9 +19,10 @@ API_AVAILABLE(macos(27.0))
 }
 @end
 
-/* Requests for contents: reading, writing, opening and closing. */
+/* Requests for contents: reading, writing, reserving space, opening and closing. */
 API_AVAILABLE(macos(27.0))
-@interface TavelinHandlerVolume (Data) <FSVolumeReadWriteHandler, FSVolumeOpenCloseHandler>
+@interface TavelinHandlerVolume (Data) <FSVolumeReadWriteHandler, FSVolumePreallocateHandler,
+                                        FSVolumeSeekRegionHandler, FSVolumeOpenCloseHandler>
 @end
 
 /* The volume's name and extended attributes. */

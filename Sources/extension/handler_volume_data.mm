@@ -52,6 +52,39 @@ using tavelin::toFSKit;
     });
 }
 
+- (void)preallocateSpaceForItem:(FSItem *)item
+                       atOffset:(off_t)offset
+                         length:(size_t)length
+                          flags:(FSPreallocateFlags)flags
+                        context:(FSContext *)context
+                   replyHandler:(void (^)(FSPreallocateResult *result, NSError *error))reply {
+    serveInOrder(_order, reply, [&] {
+        return argumentsOf<FSPreallocateResult *, NSError *>(
+            _volume->preallocateSpace(toCore(item), offset, length, flags),
+            [&](const fskit::FSPreallocateResult &done) {
+                return given([[FSPreallocateResult alloc]
+                    initWithBytesAllocated:done.bytesAllocated
+                            itemAttributes:toFSKit(_names->adjusted(done.itemAttributes))
+                                 freeSpace:freeSpace(done.freeSpace)]);
+            });
+    });
+}
+
+- (void)seekWithinItem:(FSItem *)item
+            fromOffset:(off_t)offset
+                region:(FSSeekRegion)region
+               context:(FSContext *)context
+          replyHandler:(void (^)(FSSeekRegionResult *result, NSError *error))reply {
+    serve(reply, [&] {
+        return argumentsOf<FSSeekRegionResult *, NSError *>(
+            _volume->seekRegion(toCore(item), offset, static_cast<fskit::FSSeekRegion>(region)),
+            [](std::uint64_t found) {
+                return given(
+                    [[FSSeekRegionResult alloc] initWithReturnedOffset:static_cast<off_t>(found)]);
+            });
+    });
+}
+
 - (BOOL)isOpenCloseInhibited {
     return _volume->isOpenCloseInhibited();
 }

@@ -8,8 +8,9 @@
 @interface TavelinVolume : TavelinServedVolume <FSVolumeOperations>
 @end
 
-/* Requests for contents: reading, writing, opening and closing. */
-@interface TavelinVolume (Data) <FSVolumeReadWriteOperations, FSVolumeOpenCloseOperations>
+/* Requests for contents: reading, writing, reserving space, opening and closing. */
+@interface TavelinVolume (Data) <FSVolumeReadWriteOperations, FSVolumePreallocateOperations,
+                                 FSVolumeOpenCloseOperations>
 @end
 
 /* The volume's name and extended attributes. */

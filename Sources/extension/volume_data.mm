@@ -33,6 +33,20 @@ using tavelin::toCore;
     });
 }
 
+- (void)preallocateSpaceForItem:(FSItem *)item
+                       atOffset:(off_t)offset
+                         length:(size_t)length
+                          flags:(FSPreallocateFlags)flags
+                   replyHandler:(void (^)(size_t bytesAllocated, NSError *error))reply {
+    serve(reply, [&] {
+        return tavelin::argumentsOf<size_t, NSError *>(
+            _volume->preallocateSpace(toCore(item), offset, length, flags),
+            [](const fskit::FSPreallocateResult &done) -> std::tuple<size_t, NSError *> {
+                return {done.bytesAllocated, nil};
+            });
+    });
+}
+
 - (BOOL)isOpenCloseInhibited {
     return _volume->isOpenCloseInhibited();
 }

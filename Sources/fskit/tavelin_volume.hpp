@@ -39,6 +39,7 @@ namespace tavelin {
 class TavelinVolume final : public fskit::FSVolume,
                             public fskit::FSVolumeOperations,
                             public fskit::FSVolumeReadWriteOperations,
+                            public fskit::FSVolumeSpaceOperations,
                             public fskit::FSVolumeOpenCloseOperations,
                             public fskit::FSVolumeRenameOperations,
                             public fskit::FSVolumeXattrOperations,
@@ -175,6 +176,14 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<fskit::FSWriteFileResult>
     write(std::span<const std::byte> contents, const fskit::FSItemRef& item, std::int64_t offset,
           const fskit::FSItemGetAttributesRequest* attributes) override;
+
+    /// kENOTSUP for space in one piece, which the volume cannot promise, and for compressed files.
+    /// Reserved space stays until the file is truncated, whatever the flags say.
+    Outcome<fskit::FSPreallocateResult> preallocateSpace(const fskit::FSItemRef& item,
+                                                         std::int64_t offset, std::size_t length,
+                                                         fskit::FSPreallocateFlags flags) override;
+    Outcome<std::uint64_t> seekRegion(const fskit::FSItemRef& item, std::int64_t offset,
+                                      fskit::FSSeekRegion region) override;
 
     /// Files and directories only (kENOTSUP). Attributes that cannot be applied do not undo it.
     Outcome<fskit::FSCreateItemResult>

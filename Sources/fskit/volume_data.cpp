@@ -2,8 +2,10 @@
 #include "fskit/private/request.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "platform/checked.hpp"
+#include "platform/error_numbers.hpp"
 
 #include <algorithm>
+#include <limits>
 
 namespace tavelin {
 
@@ -59,6 +61,39 @@ Outcome<void> TavelinVolume::allocate(const fskit::FSItemRef& item, std::uint64_
 Outcome<std::uint64_t> TavelinVolume::seek(const fskit::FSItemRef& item, std::uint64_t offset,
                                            bool forHole) {
     return attempt<"seek">([&] { return ntfs->seek(n(item).reference, offset, forHole); });
+}
+
+Outcome<fskit::FSPreallocateResult>
+TavelinVolume::preallocateSpace(const fskit::FSItemRef& item, std::int64_t offset,
+                                std::size_t length, fskit::FSPreallocateFlags flags) {
+    return request<"preallocateSpace">([&]() -> Outcome<fskit::FSPreallocateResult> {
+        NItem& own = n(item);
+        requireChangeable();
+        if ((flags & fskit::FSPreallocateFlagsContiguous) != 0) {
+            return fskit::fs_errorForPOSIXError(kENOTSUP);
+        }
+        const NTFSAttributes before = ntfs->attributes(own.reference);
+        const std::uint64_t start = (flags & fskit::FSPreallocateFlagsFromEOF) != 0
+                                        ? std::max(before.size, before.allocSize)
+                                        : unsignedOffset(offset);
+        constexpr std::uint64_t kEndMax = std::numeric_limits<std::int64_t>::max();
+        if (start > kEndMax || length > kEndMax - start) {
+            return fskit::fs_errorForPOSIXError(kEFBIG);
+        }
+        if (length != 0) {
+            own.isUnflushed.store(true, std::memory_order_relaxed);
+            ntfs->allocate(own.reference, start, length, NTFSAllocation::reserveBehindEnd);
+        }
+        const NTFSAttributes after = ntfs->attributes(own.reference);
+        return fskit::FSPreallocateResult{
+            static_cast<std::size_t>(after.allocSize - std::min(before.allocSize, after.allocSize)),
+            described(after, own.parent), ntfs->statfs().freeBytes()};
+    });
+}
+
+Outcome<std::uint64_t> TavelinVolume::seekRegion(const fskit::FSItemRef& item, std::int64_t offset,
+                                                 fskit::FSSeekRegion region) {
+    return seek(item, unsignedOffset(offset), region == fskit::FSSeekRegion::hole);
 }
 
 } // namespace tavelin

@@ -289,6 +289,30 @@ TEST_P(Binding, TellsWithTheAnswerWhatFSKitWouldAskForNext) {
     daemon_.takeDown();
 }
 
+TEST_P(Binding, ReservesSpaceAndTellsDataFromHoles) {
+    daemon_.bringUp(resource());
+    const Answer file = daemon_.create(daemon_.root(), "file");
+    ASSERT_TRUE(daemon_.write(file.item(), std::string(100'000, 'x')).ok());
+    const std::uint64_t before = daemon_.statistics();
+    EXPECT_EQ(daemon_.preallocate(file.item(), 1 << 20, FSPreallocateFlagsAll).number, 1u << 20);
+    EXPECT_EQ(before - daemon_.statistics(), 1u << 20);
+    EXPECT_EQ(daemon_.getAttributes(file.item()).attributes().size, 100'000u);
+    EXPECT_EQ(daemon_.preallocate(file.item(), 1 << 20, FSPreallocateFlagsContiguous).code(),
+              kENOTSUP);
+    EXPECT_EQ(daemon_.preallocate(file.item(), std::size_t{1} << 40, 0).code(), kENOSPC);
+    EXPECT_EQ(daemon_.preallocate(file.item(), SIZE_MAX, 0).code(), kEFBIG);
+    ASSERT_TRUE(daemon_.setSize(file.item(), 1 << 21).ok());
+    if (daemon_.hasHandlers()) {
+        const Answer hole = daemon_.seek(file.item(), 5, FSSeekRegionHole);
+        EXPECT_GE(hole.number, 100'000u);
+        EXPECT_EQ(daemon_.seek(file.item(), 5, FSSeekRegionData).number, 5u);
+        EXPECT_EQ(daemon_.seek(file.item(), hole.number, FSSeekRegionData).code(), kENXIO);
+    }
+    EXPECT_TRUE(daemon_.reclaim(file.item()).ok());
+    daemon_.takeDown();
+    static_cast<void>(sample_.check());
+}
+
 TEST_P(Binding, GivesALookupThatRacesAReclaimALiveItem) {
     daemon_.bringUp(resource());
     ASSERT_TRUE(daemon_.create(daemon_.root(), "file").ok());

@@ -88,6 +88,13 @@ struct FSWriteFileResult {
     std::uint64_t freeSpace = 0;
 };
 
+/// The file's size is what it was; its allocated size has grown by the bytes.
+struct FSPreallocateResult {
+    std::size_t bytesAllocated = 0;
+    FSItemAttributes itemAttributes;
+    std::uint64_t freeSpace = 0;
+};
+
 /// Base of all volumes: identity and name.
 class FSVolume {
   public:
@@ -209,6 +216,19 @@ class FSVolumeReadWriteOperations {
     virtual Outcome<FSWriteFileResult> write(std::span<const std::byte> contents,
                                              const FSItemRef& item, std::int64_t offset,
                                              const FSItemGetAttributesRequest* attributes) = 0;
+};
+
+/// For volumes that can reserve space and tell data from holes.
+class FSVolumeSpaceOperations {
+  public:
+    virtual ~FSVolumeSpaceOperations() = default;
+    /// Reserves space for a file, which keeps its size. ENOSPC with nothing reserved.
+    virtual Outcome<FSPreallocateResult> preallocateSpace(const FSItemRef& item,
+                                                          std::int64_t offset, std::size_t length,
+                                                          FSPreallocateFlags flags) = 0;
+    /// The first byte of the region at or after the offset. ENXIO when there is none.
+    virtual Outcome<std::uint64_t> seekRegion(const FSItemRef& item, std::int64_t offset,
+                                              FSSeekRegion region) = 0;
 };
 
 /// For volumes that want to know which items are open, and in which modes.

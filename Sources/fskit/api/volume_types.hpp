@@ -73,6 +73,20 @@ using FSDeactivateOptions = std::int64_t;
 /// Whether the volume goes whatever is still open on it.
 inline constexpr FSDeactivateOptions FSDeactivateOptionsForce = 1;
 
+/// How space is reserved for a file.
+using FSPreallocateFlags = std::uint64_t;
+/// In one piece or not at all.
+inline constexpr FSPreallocateFlags FSPreallocateFlagsContiguous = 0x2;
+/// All of it or none.
+inline constexpr FSPreallocateFlags FSPreallocateFlagsAll = 0x4;
+/// The space stays when the file is closed.
+inline constexpr FSPreallocateFlags FSPreallocateFlagsPersist = 0x8;
+/// Behind the space that the file has; the offset of the request says nothing then.
+inline constexpr FSPreallocateFlags FSPreallocateFlagsFromEOF = 0x10;
+
+/// What is looked for in a file. The end of the file counts as a hole.
+enum class FSSeekRegion : std::uint64_t { hole = 1, data = 2 };
+
 /// The modes an item is open in; a close carries those that remain.
 using FSVolumeOpenModes = std::uint64_t;
 inline constexpr FSVolumeOpenModes FSVolumeOpenModesRead = 1;

@@ -81,6 +81,10 @@ class Daemon {
     Answer write(FSItem *item, const std::string &data);
     // number: the count read; object: the ByteBuffer.
     Answer read(FSItem *item, size_t length);
+    // number: the bytes that were reserved behind the file's space.
+    Answer preallocate(FSItem *item, size_t length, FSPreallocateFlags flags);
+    // number: where the region is. From macOS 27.0 on.
+    Answer seek(FSItem *item, std::uint64_t offset, FSSeekRegion region);
     std::string readText(FSItem *item, size_t length = 1 << 20);
     Answer getXattr(FSItem *item, const std::string &name);
     Answer setXattr(FSItem *item, const std::string &name, NSData *value,

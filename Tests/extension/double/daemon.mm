@@ -353,6 +353,37 @@ Answer Daemon::read(FSItem *item, size_t length) {
     return answer;
 }
 
+Answer Daemon::preallocate(FSItem *item, size_t length, FSPreallocateFlags flags) {
+    flags |= FSPreallocateFlagsFromEOF; // as on every call of FSKit at present
+    if (hasHandlers()) {
+        return ask<FSPreallocateResult *, NSError *>([&](auto reply) {
+            [handlers() preallocateSpaceForItem:item
+                                       atOffset:0
+                                         length:length
+                                          flags:flags
+                                        context:context_.get()
+                                   replyHandler:reply];
+        });
+    }
+    return ask<size_t, NSError *>([&](auto reply) {
+        [first() preallocateSpaceForItem:item
+                                atOffset:0
+                                  length:length
+                                   flags:flags
+                            replyHandler:reply];
+    });
+}
+
+Answer Daemon::seek(FSItem *item, std::uint64_t offset, FSSeekRegion region) {
+    return ask<FSSeekRegionResult *, NSError *>([&](auto reply) {
+        [handlers() seekWithinItem:item
+                        fromOffset:static_cast<off_t>(offset)
+                            region:region
+                           context:context_.get()
+                      replyHandler:reply];
+    });
+}
+
 std::string Daemon::readText(FSItem *item, size_t length) {
     const Answer answer = read(item, length);
     EXPECT_EQ(answer.code(), 0);

@@ -194,6 +194,25 @@ NUMBER(uint64_t, number, Number)
 }
 @end
 
+@implementation FSPreallocateResult
+- (instancetype)initWithBytesAllocated:(size_t)bytesAllocated
+                        itemAttributes:(FSItemAttributes *)itemAttributes
+                             freeSpace:(FSFreeSpace *)freeSpace {
+    self = [self initWithItem:itemAttributes];
+    [self setNumber:bytesAllocated];
+    [self setFreeSpace:freeSpace];
+    return self;
+}
+@end
+
+@implementation FSSeekRegionResult
+- (instancetype)initWithReturnedOffset:(off_t)returnedOffset {
+    self = [self initDouble];
+    [self setNumber:static_cast<uint64_t>(returnedOffset)];
+    return self;
+}
+@end
+
 @implementation FSGetXattrResult
 - (instancetype)initWithXattrValue:(NSData *)xattrValue {
     return [self initWithObject:xattrValue];

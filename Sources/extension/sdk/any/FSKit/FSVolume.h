@@ -200,6 +200,22 @@ FSKIT_V1
          replyHandler:(void (^)(size_t actuallyWritten, NSError *_Nullable error))reply;
 @end
 
+typedef NS_OPTIONS(NSUInteger, FSPreallocateFlags) {
+    FSPreallocateFlagsContiguous = 0x2,
+    FSPreallocateFlagsAll = 0x4,
+    FSPreallocateFlagsPersist = 0x8,
+    FSPreallocateFlagsFromEOF = 0x10,
+} FSKIT_V1;
+
+FSKIT_V1
+@protocol FSVolumePreallocateOperations <NSObject>
+- (void)preallocateSpaceForItem:(FSItem *)item
+                       atOffset:(off_t)offset
+                         length:(size_t)length
+                          flags:(FSPreallocateFlags)flags
+                   replyHandler:(void (^)(size_t bytesAllocated, NSError *_Nullable error))reply;
+@end
+
 FSKIT_V1
 @protocol FSVolumeOpenCloseOperations <NSObject>
 @optional

@@ -137,6 +137,23 @@ FSKIT_V3
 @end
 
 FSKIT_V3
+@interface FSPreallocateResult : FSVolumeHandlerResult
+- (nullable instancetype)initWithBytesAllocated:(size_t)bytesAllocated
+                                 itemAttributes:(FSItemAttributes *)itemAttributes
+                                      freeSpace:(FSFreeSpace *_Nullable)freeSpace;
+@end
+
+FSKIT_V3
+@interface FSSeekRegionResult : FSVolumeHandlerResult
+- (nullable instancetype)initWithReturnedOffset:(off_t)returnedOffset;
+@end
+
+typedef NS_ENUM(NSUInteger, FSSeekRegion) {
+    FSSeekRegionHole = 1,
+    FSSeekRegionData = 2,
+} FSKIT_V3;
+
+FSKIT_V3
 @protocol FSVolumeHandler <FSVolumeCommonOperations, FSVolumePathConfOperations>
 - (void)activateVolumeWithOptions:(FSTaskOptions *)options
                      replyHandler:(void (^)(FSActivateResult *_Nullable result,
@@ -217,6 +234,27 @@ FSKIT_V3
              atOffset:(off_t)offset
          replyHandler:
              (void (^)(FSWriteFileResult *_Nullable result, NSError *_Nullable error))reply;
+@end
+
+FSKIT_V3
+@protocol FSVolumePreallocateHandler <NSObject>
+- (void)preallocateSpaceForItem:(FSItem *)item
+                       atOffset:(off_t)offset
+                         length:(size_t)length
+                          flags:(FSPreallocateFlags)flags
+                        context:(FSContext *)context
+                   replyHandler:(void (^)(FSPreallocateResult *_Nullable result,
+                                          NSError *_Nullable error))reply;
+@end
+
+FSKIT_V3
+@protocol FSVolumeSeekRegionHandler <NSObject>
+- (void)seekWithinItem:(FSItem *)item
+            fromOffset:(off_t)offset
+                region:(FSSeekRegion)region
+               context:(FSContext *)context
+          replyHandler:
+              (void (^)(FSSeekRegionResult *_Nullable result, NSError *_Nullable error))reply;
 @end
 
 FSKIT_V3
