@@ -104,6 +104,12 @@ class PropertyLists(unittest.TestCase):
         self.check("extension.entitlements", EXTENSION_ENTITLEMENTS)
         self.check("host.entitlements", ENTITLEMENTS)
 
+    def test_the_group_is_the_teams_own_which_needs_no_profile(self):
+        entitlements = load("extension.entitlements")
+        team = entitlements["com.apple.developer.team-identifier"]
+        prefix = "group" if team == "TEAMID" else team
+        self.assertEqual(PRODUCT["Group"], f"{prefix}.{PRODUCT['HostBundleID']}")
+
     def test_extension_agrees_with_itself_and_the_sources(self):
         plist = load("extension-Info.plist")
         attributes = plist[ATTRIBUTES]
