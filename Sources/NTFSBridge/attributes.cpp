@@ -4,6 +4,7 @@
 #include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/times.hpp"
 #include "NTFSBridge/volume.hpp"
+#include "NTFSBridge/wsl_metadata.hpp"
 
 using namespace ntb;
 
@@ -91,6 +92,9 @@ int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out) {
         describe_directory(inode.get(), *out);
     } else {
         describe_file(inode.get(), point, *out);
+    }
+    if (vol->reads_owners) {
+        out->owner = read_wsl_metadata(inode.get()).owner;
     }
     if (out->type == NTB_TYPE_SYMLINK) {
         describe_link(inode.get(), point, *out);

@@ -1,7 +1,9 @@
-// Changing an inode's times and its hidden flag.
+// Changing an inode's times, its hidden flag and its owner.
 #include "NTFSBridge/operation.hpp"
+#include "NTFSBridge/reparse.hpp"
 #include "NTFSBridge/times.hpp"
 #include "NTFSBridge/volume.hpp"
+#include "NTFSBridge/wsl_metadata.hpp"
 
 using namespace ntb;
 
@@ -56,4 +58,28 @@ static int32_t change_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden) {
 
 int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden) {
     return atomically(vol, [&] { return change_hidden(vol, ino, hidden); });
+}
+
+static int32_t change_owner(ntb_vol* vol, uint64_t ino, const ntb_owner& owner) {
+    inode_guard inode;
+    if (const int32_t error = open_for_change(vol, ino, inode); error != 0) {
+        return error;
+    }
+    if (inode->mft_no < first_user_ino && inode->mft_no != FILE_root) {
+        return EPERM;
+    }
+    reparse_point point;
+    (void)point.read(inode.get()); // of a damaged one the type is told, too
+    uint64_t device = 0;
+    const uint32_t type = type_of(inode.get(), point, &device);
+    if (const int32_t error = write_owner(vol, inode.get(), owner, type); error != 0) {
+        (void)inode.close();
+        return error;
+    }
+    ntfs_inode_update_times(inode.get(), NTFS_UPDATE_CTIME);
+    return close_changed(inode);
+}
+
+int32_t ntb_set_owner(ntb_vol* vol, uint64_t ino, const ntb_owner* owner) {
+    return atomically(vol, [&] { return change_owner(vol, ino, *owner); });
 }

@@ -4,8 +4,12 @@
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/names.hpp"
 #include "NTFSBridge/operation.hpp"
+#include "NTFSBridge/wsl_metadata.hpp"
 
 #include <climits>
+#ifdef __linux__
+#include <sys/sysmacros.h>
+#endif
 
 namespace ntb {
 namespace {
@@ -34,14 +38,17 @@ struct new_entry {
         return error == ENOENT ? 0 : error;
     }
 
-    // Closes the new inode and its directory, in this order: the inode's index entry is updated
-    // through the open directory.
-    [[nodiscard]] int32_t finish(inode_guard created, uint64_t* ino) noexcept {
+    // Stores the owner, if any, and closes the new inode and its directory, in this order: the
+    // inode's index entry is updated through the open directory.
+    [[nodiscard]] int32_t finish(const ntb_vol* vol, inode_guard created, const ntb_owner* owner,
+                                 uint32_t kind, uint64_t* ino) noexcept {
+        const bool has_owner = owner != nullptr && owner->given != 0;
+        const int32_t refused = has_owner ? write_owner(vol, created.get(), *owner, kind) : 0;
         // Read before the inode is closed, and answered only if both records could be written: the
         // caller must not use a file that may not exist.
         const uint64_t number = created->mft_no;
         note_change(directory.get());
-        const int32_t error = created.close_in(directory.get());
+        const int32_t error = first_error(refused, created.close_in(directory.get()));
         const int32_t result = first_error(error, directory.close());
         if (result == 0) {
             *ino = number;
@@ -138,8 +145,58 @@ int32_t link_name(ntb_vol* vol, uint64_t ino, uint64_t directory, const char* na
 
 using namespace ntb;
 
-static int32_t create_entry(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind,
-                            uint64_t* ino) {
+namespace {
+
+// Has the library make special files as WSL does while this lives, and links as Interix does
+// otherwise.
+class wsl_files {
+  public:
+    explicit wsl_files(ntfs_volume* volume) noexcept : volume_(volume) {
+        volume_->special_files = NTFS_FILES_WSL;
+    }
+    wsl_files(const wsl_files&) = delete;
+    wsl_files& operator=(const wsl_files&) = delete;
+    ~wsl_files() { volume_->special_files = NTFS_FILES_INTERIX; }
+
+  private:
+    ntfs_volume* volume_;
+};
+
+// Null with errno.
+ntfs_inode* make_inode(const ntb_vol* vol, const new_entry& entry, uint32_t kind, uint64_t device) {
+    const wsl_files special(vol->volume);
+    const auto plain = [&](mode_t type) {
+        return ntfs_create(entry.directory.get(), 0, entry.name.units(), entry.name.name_length(),
+                           type);
+    };
+    const auto of_device = [&](mode_t type) {
+        return ntfs_create_device(
+            entry.directory.get(), 0, entry.name.units(), entry.name.name_length(), type,
+            makedev(static_cast<uint32_t>(device >> 32), static_cast<uint32_t>(device)));
+    };
+    errno = 0;
+    switch (kind) {
+    case NTB_TYPE_DIRECTORY:
+        return plain(S_IFDIR);
+    case NTB_TYPE_FIFO:
+        return plain(S_IFIFO);
+    case NTB_TYPE_SOCKET:
+        return plain(S_IFSOCK);
+    case NTB_TYPE_CHARACTER_DEVICE:
+        return of_device(S_IFCHR);
+    case NTB_TYPE_BLOCK_DEVICE:
+        return of_device(S_IFBLK);
+    default:
+        return plain(S_IFREG);
+    }
+}
+
+} // namespace
+
+namespace ntb {
+
+int32_t create_entry(ntb_vol* vol, uint64_t parent, const char* name, const ntb_new_item& item,
+                     uint64_t* ino) noexcept {
     new_entry entry;
     if (const int32_t error = check_new_name(vol, name, entry.name); error != 0) {
         return error;
@@ -156,19 +213,25 @@ static int32_t create_entry(ntb_vol* vol, uint64_t parent, const char* name, uin
     if (const int32_t error = admit(vol, 0); error != 0) {
         return error;
     }
-    const mode_t mode = kind == NTB_TYPE_DIRECTORY ? S_IFDIR : S_IFREG;
-    errno = 0;
-    inode_guard created(
-        ntfs_create(entry.directory.get(), 0, entry.name.units(), entry.name.name_length(), mode));
-    return created ? entry.finish(std::move(created), ino) : err_or(EIO);
+    inode_guard created(make_inode(vol, entry, item.kind, item.device));
+    return created ? entry.finish(vol, std::move(created), &item.owner, item.kind, ino)
+                   : err_or(EIO);
+}
+
+} // namespace ntb
+
+int32_t ntb_make(ntb_vol* vol, uint64_t parent, const char* name, const ntb_new_item* item,
+                 uint64_t* ino) {
+    return atomically(vol, [&] { return create_entry(vol, parent, name, *item, ino); });
 }
 
 int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino) {
-    return atomically(vol, [&] { return create_entry(vol, parent, name, kind, ino); });
+    const ntb_new_item item = {kind == NTB_TYPE_DIRECTORY ? kind : uint32_t{NTB_TYPE_FILE}, 0, {}};
+    return ntb_make(vol, parent, name, &item, ino);
 }
 
 static int32_t create_link_entry(ntb_vol* vol, uint64_t parent, const char* name,
-                                 const char* target, uint64_t* ino) {
+                                 const char* target, const ntb_owner* owner, uint64_t* ino) {
     new_entry entry;
     if (const int32_t error = check_new_name(vol, name, entry.name); error != 0) {
         return error;
@@ -196,12 +259,14 @@ static int32_t create_link_entry(ntb_vol* vol, uint64_t parent, const char* name
     inode_guard created(ntfs_create_symlink(entry.directory.get(), 0, entry.name.units(),
                                             entry.name.name_length(), target_text.units(),
                                             target_text.length()));
-    return created ? entry.finish(std::move(created), ino) : err_or(EIO);
+    return created ? entry.finish(vol, std::move(created), owner, NTB_TYPE_SYMLINK, ino)
+                   : err_or(EIO);
 }
 
 int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
-                    uint64_t* ino) {
-    return atomically(vol, [&] { return create_link_entry(vol, parent, name, target, ino); });
+                    const ntb_owner* owner, uint64_t* ino) {
+    return atomically(vol,
+                      [&] { return create_link_entry(vol, parent, name, target, owner, ino); });
 }
 
 int32_t ntb_unlink(ntb_vol* vol, uint64_t parent, const char* name) {

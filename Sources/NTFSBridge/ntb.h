@@ -201,6 +201,9 @@ int32_t ntb_windows_names(ntb_vol* vol);
  * a cut cannot leave the file without a name. */
 void ntb_set_ordered_writes(ntb_vol* vol, int32_t on);
 
+/* While on, ntb_getattr reads who owns an item and what its mode is. Off at mount. */
+void ntb_set_reads_owners(ntb_vol* vol, int32_t on);
+
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out);
 
 /* In builds with assertions: stops the process where the page cache contradicts itself or an
@@ -291,16 +294,28 @@ int32_t ntb_flush(ntb_vol* vol, uint64_t ino);
 /* kind NTB_TYPE_DIRECTORY makes a directory, any other value a file. EEXIST, ENOTDIR, ENOSPC. */
 int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino);
 
-/* Makes a link in the Interix form. EINVAL for an empty target, ENAMETOOLONG for one over 2043
- * UTF-16 units, or over PATH_MAX bytes with its NUL; else as ntb_create. */
+/* A new item. Special files are made as WSL makes them. */
+typedef struct ntb_new_item {
+    uint32_t kind;   /* any NTB_TYPE_ but that of links */
+    uint64_t device; /* of a device, as in ntb_attr */
+    ntb_owner owner;
+} ntb_new_item;
+
+/* As ntb_create. The item is made with its owner, or not at all. */
+int32_t ntb_make(ntb_vol* vol, uint64_t parent, const char* name, const ntb_new_item* item,
+                 uint64_t* ino);
+
+/* Makes a link in the Interix form, with the owner if that is not NULL. EINVAL for an empty target,
+ * ENAMETOOLONG for one over 2043 UTF-16 units, or over PATH_MAX bytes with its NUL; else as
+ * ntb_create. */
 int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
-                    uint64_t* ino);
+                    const ntb_owner* owner, uint64_t* ino);
 
 /* The same in the form of Windows, which it, the driver ntfs-3g and the kernel's drivers follow. In
  * the Interix form where Windows could not: absolute targets, and those with characters that its
  * names do not have. */
 int32_t ntb_symlink_windows(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
-                            uint64_t* ino);
+                            const ntb_owner* owner, uint64_t* ino);
 
 /*
  * The target of a link: an Interix link, a reparse point of WSL, or one of Windows; EINVAL for
@@ -333,13 +348,17 @@ int32_t ntb_rename(ntb_vol* vol, uint64_t parent, const char* name, uint64_t new
 int32_t ntb_exchange(ntb_vol* vol, uint64_t parent, const char* name, uint64_t other_parent,
                      const char* other_name);
 
-/* ---- Times, the hidden flag, named streams --------------------------------------------------- */
+/* ---- Times, the hidden flag, owners, named streams ------------------------------------------- */
 
 /* Each time may be NULL: left alone. */
 int32_t ntb_set_times(ntb_vol* vol, uint64_t ino, const ntb_time* access, const ntb_time* modify,
                       const ntb_time* change, const ntb_time* birth);
 
 int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden);
+
+/* Changes what is given of an owner, and the change time. EPERM for system files; EIO where the
+ * extended attributes that it is kept in are damaged, E2BIG where others leave no room in them. */
+int32_t ntb_set_owner(ntb_vol* vol, uint64_t ino, const ntb_owner* owner);
 
 /*
  * Extended attributes are named data streams; names carry no prefix. Links have none: reading or

@@ -50,6 +50,17 @@ typedef struct ntb_time {
     int64_t nanoseconds;
 } ntb_time;
 
+enum { NTB_OWNER_USER = 1u << 0, NTB_OWNER_GROUP = 1u << 1, NTB_OWNER_MODE = 1u << 2 };
+
+/* Owner and mode as WSL keeps them; NTFS itself knows others. A field means nothing unless its bit
+ * is among those given. */
+typedef struct ntb_owner {
+    uint32_t given; /* NTB_OWNER_... */
+    uint32_t user;
+    uint32_t group;
+    uint32_t mode; /* the twelve permission bits */
+} ntb_owner;
+
 typedef struct ntb_attr {
     uint64_t ino;
     uint16_t seq;         /* sequence number of the record, for ntb_reference */
@@ -61,6 +72,7 @@ typedef struct ntb_attr {
     uint64_t device;      /* of a device, its major number << 32 | its minor number */
     uint32_t reparse_tag; /* 0: no reparse point */
     uint32_t data_state;  /* of a file, NTB_DATA_... */
+    ntb_owner owner;      /* what is kept of it; nothing unless ntb_set_reads_owners is on */
     ntb_time access_time;
     ntb_time modify_time;
     ntb_time change_time;

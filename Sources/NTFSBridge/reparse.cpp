@@ -3,11 +3,9 @@
 #include "NTFSBridge/links.hpp"
 #include "NTFSBridge/system_compression.hpp"
 #include "NTFSBridge/transfer.hpp"
+#include "NTFSBridge/wsl_metadata.hpp"
 
 #include <new>
-#ifdef __linux__
-#include <sys/sysmacros.h>
-#endif
 
 namespace ntb {
 namespace {
@@ -17,16 +15,6 @@ constexpr size_t value_size_max = 16384 + 8; // Windows takes no larger ones
 
 uint64_t device_number(uint64_t major, uint64_t minor) noexcept {
     return major << 32 | (minor & UINT32_MAX);
-}
-
-// WSL keeps a device's number in an extended attribute.
-uint64_t wsl_device(ntfs_inode* inode) noexcept {
-    dev_t device = 0;
-    if (ntfs_ea_check_wsldev(inode, &device) != 0) {
-        return 0;
-    }
-    return device_number(static_cast<uint64_t>(major(device)),
-                         static_cast<uint64_t>(minor(device)));
 }
 
 // Interix marks special files by the system attribute. FIFOs and sockets have 0 and 1 byte; system
@@ -128,10 +116,10 @@ uint32_t type_of(ntfs_inode* inode, const reparse_point& point, uint64_t* device
     case NTB_TAG_LX_FIFO:
         return NTB_TYPE_FIFO;
     case NTB_TAG_LX_CHR:
-        *device = wsl_device(inode);
+        *device = read_wsl_metadata(inode).device;
         return NTB_TYPE_CHARACTER_DEVICE;
     case NTB_TAG_LX_BLK:
-        *device = wsl_device(inode);
+        *device = read_wsl_metadata(inode).device;
         return NTB_TYPE_BLOCK_DEVICE;
     default:
         break;

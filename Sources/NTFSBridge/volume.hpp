@@ -30,6 +30,7 @@ struct ntb_vol {
     // New names that Windows cannot use are refused.
     uint32_t windows_names = 0; // 0 or 1
     bool ordered_writes = true; // see ntb_set_ordered_writes
+    bool reads_owners = false;  // see ntb_set_reads_owners
     // From the boot sector.
     uint64_t serial = 0;
     ntb_stats stats = {};

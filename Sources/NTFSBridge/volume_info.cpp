@@ -115,6 +115,10 @@ void ntb_set_ordered_writes(ntb_vol* vol, int32_t on) {
     vol->ordered_writes = on != 0;
 }
 
+void ntb_set_reads_owners(ntb_vol* vol, int32_t on) {
+    vol->reads_owners = on != 0;
+}
+
 void ntb_get_stats(ntb_vol* vol, ntb_stats* out) {
     *out = vol->stats;
 }

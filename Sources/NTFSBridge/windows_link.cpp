@@ -1,7 +1,8 @@
 // Making links in the form of Windows: reparse points with a relative target.
 #include "NTFSBridge/names.hpp"
 #include "NTFSBridge/namespace.hpp"
-#include "NTFSBridge/reparse.hpp"
+#include "NTFSBridge/operation.hpp"
+#include "NTFSBridge/wsl_metadata.hpp"
 
 #include <new>
 #include <string>
@@ -78,44 +79,47 @@ std::vector<uint8_t> relative_link_data(const utf16_text& target) {
     return data;
 }
 
-int32_t make_reparse_point(const ntb_vol* vol, uint64_t ino, const utf16_text& target) {
+int32_t make_reparse_point(const ntb_vol* vol, uint64_t ino, const utf16_text& target,
+                           const ntb_owner* owner) {
     const std::vector<uint8_t> data = relative_link_data(target);
     inode_guard inode;
     if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
         return error;
     }
     errno = 0;
-    const int32_t error =
+    int32_t error =
         ntfs_set_ntfs_reparse_data(inode.get(), reinterpret_cast<const char*>(data.data()),
                                    data.size(), 0) == 0
             ? 0
             : err_or(EIO);
+    if (error == 0 && owner != nullptr && owner->given != 0) {
+        error = write_owner(vol, inode.get(), *owner, NTB_TYPE_SYMLINK);
+    }
     return first_error(error, inode.close());
 }
 
 } // namespace
 
 int32_t ntb_symlink_windows(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
-                            uint64_t* ino) {
+                            const ntb_owner* owner, uint64_t* ino) {
     utf16_text text;
     if (target == nullptr || !suits_windows(target) || text.assign(target) != 0) {
-        return ntb_symlink(vol, parent, name, target, ino);
+        return ntb_symlink(vol, parent, name, target, owner, ino);
     }
-    try {
-        const bool is_for_directory = leads_to_directory(vol, parent, target);
-        const uint32_t kind = is_for_directory ? NTB_TYPE_DIRECTORY : NTB_TYPE_FILE;
-        uint64_t made = 0;
-        if (const int32_t error = ntb_create(vol, parent, name, kind, &made); error != 0) {
+    return atomically(vol, [&]() -> int32_t {
+        try {
+            const bool is_for_directory = leads_to_directory(vol, parent, target);
+            const ntb_new_item item = {
+                is_for_directory ? NTB_TYPE_DIRECTORY : NTB_TYPE_FILE, 0, {}};
+            uint64_t made = 0;
+            int32_t error = create_entry(vol, parent, name, item, &made);
+            error = error != 0 ? error : make_reparse_point(vol, made, text, owner);
+            if (error == 0) {
+                *ino = made;
+            }
             return error;
+        } catch (const std::bad_alloc&) {
+            return ENOMEM;
         }
-        if (const int32_t error = make_reparse_point(vol, made, text); error != 0) {
-            // Best effort: a link that could not be made should not be there as a file.
-            (void)unlink_impl(vol, parent, name, false);
-            return error;
-        }
-        *ino = made;
-        return 0;
-    } catch (const std::bad_alloc&) {
-        return ENOMEM;
-    }
+    });
 }

@@ -163,6 +163,10 @@ void NTFSVolume::setWindowsNames(bool on) TAVELIN_NO_THREAD_SAFETY_ANALYSIS {
     ntb_set_windows_names(vol_, on ? 1 : 0);
 }
 
+void NTFSVolume::readOwners() {
+    locked([](ntb_vol* vol) { ntb_set_reads_owners(vol, 1); });
+}
+
 std::string NTFSVolume::label() {
     return locked([](ntb_vol* vol) -> std::string {
         const BridgeOwned<char> text(ntb_label(vol));

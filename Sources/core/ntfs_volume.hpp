@@ -54,6 +54,8 @@
 ///                                    its own subtree, kEPERM system file, names
 ///   exchange                         those of rename but kEISDIR, kENOTEMPTY
 ///   setTimes, setHidden              kEROFS
+///   setOwner                         kEROFS, kENOSPC, kEPERM system file, kE2BIG no room beside
+///                                    the extended attributes of others
 ///   xattr, xattrSize                 kENOATTR, kEINVAL empty name, kENAMETOOLONG, kEILSEQ; xattr
 ///                                    also kE2BIG over kXattrBytesMax
 ///   setXattr                         those of xattr, kEROFS, kEEXIST, kENOSPC, kEPERM on a link
@@ -151,6 +153,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Whether new links are made in the form of Windows where it can follow them; off at first.
     void setWindowsLinks(bool on) noexcept { windowsLinks_ = on; }
 
+    /// Has attributes include the owners that the volume keeps; not so at first.
+    void readOwners();
+
     /// The label in UTF-8, empty when there is none.
     [[nodiscard]] std::string label();
     void setLabel(std::string_view label);
@@ -203,10 +208,13 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     // What an operation below answers beside its result is what a caller would ask for next. It is
     // read under the same lock.
 
-    /// Makes a file or a directory. Creating a symlink by type makes a file: use makeLink().
-    NTFSChange make(std::string_view name, std::uint64_t parent, NTFSItemType type);
+    /// Makes a file, a directory or a special file, with the owner that is given. Creating a
+    /// symlink by type makes a file: use makeLink(). `device` is as in NTFSAttributes.
+    NTFSChange make(std::string_view name, std::uint64_t parent, NTFSItemType type,
+                    const NTFSOwner& owner = {}, std::uint64_t device = 0);
     /// Makes a symbolic link.
-    NTFSChange makeLink(std::string_view name, std::uint64_t parent, std::string_view target);
+    NTFSChange makeLink(std::string_view name, std::uint64_t parent, std::string_view target,
+                        const NTFSOwner& owner = {});
     /// The inode alone of what the same operations make.
     std::uint64_t create(std::string_view name, std::uint64_t parent, NTFSItemType type) {
         return make(name, parent, type).item.ino;
@@ -237,6 +245,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
                   const std::optional<std::timespec>& birth);
     /// Sets or clears the attribute by which Windows hides an item.
     void setHidden(std::uint64_t ino, bool hidden);
+    /// Sets what is given of an owner, and leaves the rest alone.
+    void setOwner(std::uint64_t ino, const NTFSOwner& owner);
 
     // ---- File data: always the unnamed stream --------------------------------------------------
 

@@ -101,4 +101,9 @@ void NTFSVolume::setHidden(std::uint64_t ino, bool hidden) {
     check(locked([&](ntb_vol* vol) { return ntb_set_hidden(vol, ino, hidden ? 1 : 0); }));
 }
 
+void NTFSVolume::setOwner(std::uint64_t ino, const NTFSOwner& owner) {
+    const ntb_owner record = bridgeOwner(owner);
+    check(locked([&](ntb_vol* vol) { return ntb_set_owner(vol, ino, &record); }));
+}
+
 } // namespace tavelin

@@ -50,28 +50,31 @@ NTFSAttributes afterLoss(ntb_vol* vol, const NTFSAttributes& before) noexcept {
 
 } // namespace
 
-NTFSChange NTFSVolume::make(std::string_view name, std::uint64_t parent, NTFSItemType type) {
+NTFSChange NTFSVolume::make(std::string_view name, std::uint64_t parent, NTFSItemType type,
+                            const NTFSOwner& owner, std::uint64_t device) {
     const BridgeText text(name);
+    const ntb_new_item item{
+        .kind = static_cast<std::uint32_t>(type), .device = device, .owner = bridgeOwner(owner)};
     NTFSChange change;
     check(locked([&](ntb_vol* vol) {
         std::uint64_t ino = 0;
-        const std::int32_t error =
-            ntb_create(vol, parent, text.cString(), static_cast<std::uint32_t>(type), &ino);
+        const std::int32_t error = ntb_make(vol, parent, text.cString(), &item, &ino);
         return error != 0 ? error : describeChange(vol, ino, parent, change);
     }));
     return change;
 }
 
 NTFSChange NTFSVolume::makeLink(std::string_view name, std::uint64_t parent,
-                                std::string_view target) {
+                                std::string_view target, const NTFSOwner& owner) {
     const BridgeText nameText(name);
     const BridgeText targetText(target);
+    const ntb_owner itsOwner = bridgeOwner(owner);
     NTFSChange change;
     check(locked([&](ntb_vol* vol) {
         std::uint64_t ino = 0;
         const auto symlink = windowsLinks_ ? ntb_symlink_windows : ntb_symlink;
         const std::int32_t error =
-            symlink(vol, parent, nameText.cString(), targetText.cString(), &ino);
+            symlink(vol, parent, nameText.cString(), targetText.cString(), &itsOwner, &ino);
         return error != 0 ? error : describeChange(vol, ino, parent, change);
     }));
     return change;

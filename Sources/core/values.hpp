@@ -76,6 +76,16 @@ enum class NTFSAllocation : std::uint8_t {
     return reference & ((std::uint64_t{1} << 48) - 1);
 }
 
+/// Who owns an item and what its mode is, as far as the volume keeps it: in the way of WSL, beside
+/// the owners of NTFS.
+struct NTFSOwner {
+    std::optional<std::uint32_t> user;
+    std::optional<std::uint32_t> group;
+    std::optional<std::uint32_t> mode; ///< the twelve permission bits
+
+    bool operator==(const NTFSOwner&) const = default;
+};
+
 /// The attributes of one item. Times count from 1970-01-01 UTC, in steps of 100 ns on the volume.
 struct NTFSAttributes {
     std::uint64_t ino = 0;
@@ -99,6 +109,7 @@ struct NTFSAttributes {
     /// refused.
     NTFSDataState dataState = NTFSDataState::here;
     std::uint64_t device = 0; ///< of a device: its major number << 32 | its minor number
+    NTFSOwner owner;          ///< absent values unless the volume was told to read owners
     std::timespec accessTime{};
     std::timespec modifyTime{}; ///< last change of the data
     std::timespec changeTime{}; ///< last change of the file record

@@ -122,7 +122,7 @@ TEST(Interop, WhatTheBridgeWroteAndChangedTheDriverReads) {
     EXPECT_EQ(volume.write(file, patternText(600000)), 0);
     EXPECT_EQ(volume.setStream(file, "stream", "value"), 0);
     EXPECT_EQ(ntb_set_times(volume, file, nullptr, &time, nullptr, nullptr), 0);
-    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "\u20ac", &link), 0);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "\u20ac", nullptr, &link), 0);
 
     const DriverMount driver(volume.finish());
     struct stat status = {};

@@ -49,7 +49,8 @@ TEST(Namespace, NameRules) {
                 EXPECT_EQ(volume.find(c.name), ino);
                 EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, c.name.c_str()), 0);
             }
-            EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, c.name.c_str(), "t", &ino), expected);
+            EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, c.name.c_str(), "t", nullptr, &ino),
+                      expected);
             if (expected == 0) {
                 EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, c.name.c_str()), 0);
             }
@@ -171,7 +172,7 @@ TEST(Namespace, SymbolicLinks) {
           repeated("t", 2043), repeated("\u20ac", 1365)}) {
         SCOPED_TRACE(target);
         uint64_t ino = 0;
-        ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), &ino), 0);
+        ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), nullptr, &ino), 0);
         EXPECT_EQ(volume.readlink(ino), target);
         const ntb_attr attr = volume.attributes(ino);
         EXPECT_EQ(attr.type, uint32_t{NTB_TYPE_SYMLINK});
@@ -186,9 +187,10 @@ TEST(Namespace, SymbolicLinks) {
         EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "link"), 0);
     }
     uint64_t ino = 0;
-    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "", &ino), EINVAL);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "", nullptr, &ino), EINVAL);
     for (const std::string& target : {repeated("t", 2044), repeated("\u20ac", 1366)}) {
-        EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), &ino), ENAMETOOLONG);
+        EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", target.c_str(), nullptr, &ino),
+                  ENAMETOOLONG);
     }
     char* target = nullptr;
     EXPECT_EQ(ntb_readlink(volume, NTB_ROOT_INO, &target), EINVAL);
@@ -200,7 +202,7 @@ TEST(Namespace, SymbolicLinks) {
 TEST(Namespace, OnlyDataOfASensibleSizeIsALink) {
     BridgeVolume volume;
     uint64_t ino = 0;
-    ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "ab", &ino), 0);
+    ASSERT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "ab", nullptr, &ino), 0);
     for (const uint64_t size : {8, 9, 11, 12, 4095, 4096}) {
         SCOPED_TRACE(size);
         EXPECT_EQ(volume.write(ino, std::string(4096, 'x'), 12), 0);
@@ -259,7 +261,7 @@ TEST(Namespace, AReferenceOutlivesItsRecordAsStale) {
         EXPECT_EQ(ntb_lookup(volume, oldDirectory, "x", &number), ESTALE);
         EXPECT_EQ(ntb_readdir(volume, oldDirectory, nullptr, nullptr), ESTALE);
         EXPECT_EQ(ntb_create(volume, oldDirectory, "x", NTB_TYPE_FILE, &number), ESTALE);
-        EXPECT_EQ(ntb_symlink(volume, oldDirectory, "x", "y", &number), ESTALE);
+        EXPECT_EQ(ntb_symlink(volume, oldDirectory, "x", "y", nullptr, &number), ESTALE);
         EXPECT_EQ(ntb_unlink(volume, oldDirectory, "x"), ESTALE);
         EXPECT_EQ(ntb_rename(volume, oldDirectory, "x", NTB_ROOT_INO, "y"), ESTALE);
     };

@@ -214,11 +214,11 @@ TEST(ReparseLinks, AreMadeSoThatOthersFollowThem) {
     for (const auto& [name, target] : links) {
         SCOPED_TRACE(name);
         uint64_t ino = 0;
-        ASSERT_EQ(ntb_symlink_windows(volume, directory, name, target, &ino), 0);
+        ASSERT_EQ(ntb_symlink_windows(volume, directory, name, target, nullptr, &ino), 0);
         EXPECT_EQ(volume.readlink(ino), target);
         const bool isInterix = *target == '/' || std::strchr(target, ':') != nullptr;
         EXPECT_EQ(volume.attributes(ino).reparse_tag, isInterix ? 0 : NTB_TAG_SYMLINK);
-        EXPECT_EQ(ntb_symlink_windows(volume, directory, name, target, &ino), EEXIST);
+        EXPECT_EQ(ntb_symlink_windows(volume, directory, name, target, nullptr, &ino), EEXIST);
     }
     {
         const DriverMount driver(volume.finish());

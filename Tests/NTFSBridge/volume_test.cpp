@@ -192,7 +192,7 @@ TEST(Volume, ReadOnlyRefusesEveryChange) {
     EXPECT_EQ(ntb_is_readonly(volume), 1);
     EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, "new", NTB_TYPE_FILE, &out), EROFS);
     EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, "a/b", NTB_TYPE_FILE, &out), EROFS);
-    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "new", "target", &out), EROFS);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "new", "target", nullptr, &out), EROFS);
     EXPECT_EQ(ntb_write(volume, ino, 0, "x", 1, &out), EROFS);
     EXPECT_EQ(ntb_truncate(volume, ino, 10), EROFS);
     EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "file"), EROFS);
@@ -207,7 +207,7 @@ TEST(Volume, ReadOnlyRefusesEveryChange) {
     ntb_set_windows_names(volume, 5);
     EXPECT_EQ(ntb_windows_names(volume), 1);
     EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, "aux", NTB_TYPE_FILE, &out), EINVAL);
-    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "a:b", "target", &out), EINVAL);
+    EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "a:b", "target", nullptr, &out), EINVAL);
     EXPECT_EQ(volume.stream(ino, "stream").second, "value");
     EXPECT_EQ(volume.unmount(), 0);
     EXPECT_TRUE(volume.memory().bytes() == before);

@@ -13,6 +13,26 @@ namespace tavelin {
             .tv_nsec = static_cast<long>(time.nanoseconds)};
 }
 
+[[nodiscard]] inline NTFSOwner ownerOf(const ntb_owner& record) noexcept {
+    const auto given = [&](std::uint32_t bit, std::uint32_t value) {
+        return (record.given & bit) != 0 ? std::optional(value) : std::nullopt;
+    };
+    return {.user = given(NTB_OWNER_USER, record.user),
+            .group = given(NTB_OWNER_GROUP, record.group),
+            .mode = given(NTB_OWNER_MODE, record.mode)};
+}
+
+[[nodiscard]] inline ntb_owner bridgeOwner(const NTFSOwner& owner) noexcept {
+    const auto bit = [](const std::optional<std::uint32_t>& value, std::uint32_t which) {
+        return value ? which : 0;
+    };
+    return {.given = bit(owner.user, NTB_OWNER_USER) | bit(owner.group, NTB_OWNER_GROUP) |
+                     bit(owner.mode, NTB_OWNER_MODE),
+            .user = owner.user.value_or(0),
+            .group = owner.group.value_or(0),
+            .mode = owner.mode.value_or(0)};
+}
+
 [[nodiscard]] inline NTFSAttributes attributesOf(const ntb_attr& record) noexcept {
     return {.ino = record.ino,
             .sequence = record.seq,
@@ -28,6 +48,7 @@ namespace tavelin {
             .reparseTag = record.reparse_tag,
             .dataState = static_cast<NTFSDataState>(record.data_state),
             .device = record.device,
+            .owner = ownerOf(record.owner),
             .accessTime = timespecOf(record.access_time),
             .modifyTime = timespecOf(record.modify_time),
             .changeTime = timespecOf(record.change_time),
