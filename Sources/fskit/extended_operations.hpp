@@ -11,6 +11,14 @@
 
 namespace tavelin {
 
+/// Whose an item is and what it permits where the volume does not keep it.
+struct DefaultOwner {
+    std::uint32_t user = 0;
+    std::uint32_t group = 0;
+    std::uint32_t fileMask = 0;      ///< permission bits that files do not have
+    std::uint32_t directoryMask = 0; ///< and directories
+};
+
 /// Implemented by TavelinVolume. Hosts reach it through the volume that they have loaded; any
 /// thread may call it.
 class ExtendedOperations {
@@ -63,6 +71,10 @@ class ExtendedOperations {
 
     // ---- The volume ----------------------------------------------------------------------------
 
+    /// From now on owners and modes are kept with items, in the way of WSL, and are set when they
+    /// are made or changed; special files can be made, devices with the number in the request's
+    /// native attributes. What an item lacks of it is as `others` says. Before any other request.
+    virtual Outcome<void> keepOwners(const DefaultOwner& others) = 0;
     /// Takes all memory of the page cache from the system at once, some 32 MiB: for a host that
     /// keeps the volume mounted and wants first requests to be as fast as later ones.
     virtual Outcome<void> prefaultCache() = 0;

@@ -85,8 +85,9 @@ class TavelinVolume final : public fskit::FSVolume,
         return listings_.entryCount();
     }
 
-    /// Applies what is valid in the request, in a fixed order (size, times, flags, then mode, owner
-    /// and group, which are accepted and ignored), and marks each as consumed once it is. Throws
+    /// Applies what is valid in the request and not consumed yet, in a fixed order (size, times,
+    /// flags, then mode, owner and group, which are ignored where they are not kept), and marks
+    /// each as consumed once it is. Throws
     /// the first failure; what was applied before it stays.
     void apply(fskit::FSItemSetAttributesRequest& request, const NItem& item);
 
@@ -185,12 +186,13 @@ class TavelinVolume final : public fskit::FSVolume,
     Outcome<std::uint64_t> seekRegion(const fskit::FSItemRef& item, std::int64_t offset,
                                       fskit::FSSeekRegion region) override;
 
-    /// Files and directories only (kENOTSUP). Attributes that cannot be applied do not undo it.
+    /// Files and directories, and special files where owners are kept (else kENOTSUP). Attributes
+    /// that cannot be applied do not undo it.
     Outcome<fskit::FSCreateItemResult>
     createItem(const fskit::FSFileName& name, fskit::FSItemType type,
                const fskit::FSItemRef& directory,
                fskit::FSItemSetAttributesRequest& attributes) override;
-    /// The attributes are ignored.
+    /// Of the attributes an owner is kept, where owners are; the others are ignored.
     Outcome<fskit::FSCreateItemResult>
     createSymbolicLink(const fskit::FSFileName& name, const fskit::FSItemRef& directory,
                        fskit::FSItemSetAttributesRequest& attributes,
@@ -246,6 +248,7 @@ class TavelinVolume final : public fskit::FSVolume,
                            NTFSAllocation how) override;
     Outcome<std::uint64_t> seek(const fskit::FSItemRef& item, std::uint64_t offset,
                                 bool forHole) override;
+    Outcome<void> keepOwners(const DefaultOwner& others) override;
     Outcome<void> prefaultCache() override;
     [[nodiscard]] std::uint64_t serialNumber() const override { return ntfs->serial(); }
     Outcome<std::string> label() override;
@@ -301,6 +304,10 @@ class TavelinVolume final : public fskit::FSVolume,
     /// directory.
     fskit::FSCreateItemResult created(const NTFSChange& change, const NItem& parent,
                                       const fskit::FSFileName& name);
+    /// The owner and mode of a request; absent values where they are not valid or not kept.
+    [[nodiscard]] NTFSOwner ownerIn(const fskit::FSItemAttributes& request) const;
+    /// What is kept of an item's owner, completed by what is shown of it.
+    [[nodiscard]] NTFSOwner shownOwner(const NTFSAttributes& record) const;
     /// Applies the attributes that an item is made with, as far as that goes.
     void applyToNew(fskit::FSItemSetAttributesRequest& request, fskit::FSCreateItemResult& fresh);
     /// Takes this very object out of the registry, if it is there, and answers what is left to be
@@ -335,7 +342,10 @@ class TavelinVolume final : public fskit::FSVolume,
     std::atomic<bool> normalizesNames_{false};
     /// Set by an activation with "ro" and never cleared.
     std::atomic<bool> refusesChanges_{false};
-    /// The user and group that all items are shown to belong to: those of the process.
+    /// Set by keepOwners(), before the volume is shared between threads: for items without owners
+    /// of their own.
+    std::optional<DefaultOwner> defaultOwner_;
+    /// The user and group that all items are shown to belong to otherwise: those of the process.
     const std::uint32_t uid_;
     const std::uint32_t gid_;
 };

@@ -15,6 +15,8 @@ std::optional<std::timespec> wanted(const fskit::FSItemAttributes& request,
     return request.isValid(bit) ? std::optional(time) : std::nullopt;
 }
 
+constexpr std::uint32_t kPermissionBits = 07777;
+
 std::uint32_t dosAttributes(const NTFSAttributes& record) {
     namespace Bit = fskit::FSItemDOSAttribute;
     return (record.readOnly ? Bit::readOnly : 0) | (record.hidden ? Bit::hidden : 0) |
@@ -42,13 +44,14 @@ void TavelinVolume::describe(const NTFSAttributes& record, std::uint64_t parent,
                              fskit::FSItemAttributes& result) const {
     // All calls before the first store: the stores then need not be kept in order with them.
     const std::uint32_t mode = Driver2::mode(record.type);
+    const NTFSOwner owner = defaultOwner_ ? shownOwner(record) : NTFSOwner();
     const fskit::FSItemID fileID = Driver2::itemID(record.ino);
     const fskit::FSItemID parentID =
         record.ino == NTFSVolume::kRootIno ? fskit::FSItemIDParentOfRoot : Driver2::itemID(parent);
     result.setType(fskitType(record.type));
-    result.setMode(mode);
-    result.setUid(uid_);
-    result.setGid(gid_);
+    result.setMode(owner.mode ? (mode & ~kPermissionBits) | *owner.mode : mode);
+    result.setUid(owner.user.value_or(uid_));
+    result.setGid(owner.group.value_or(gid_));
     result.setLinkCount(record.linkCount);
     result.setFlags(record.hidden ? fskit::kHiddenFlag : 0);
     result.setSize(record.size);
@@ -104,8 +107,51 @@ void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NIte
         ntfs->setHidden(item.reference, (request.flags() & fskit::kHiddenFlag) != 0);
         request.consumedAttributes |= Bit::flags;
     }
-    // Permissions and ownership are accepted and ignored: NTFS has none that a host could set.
-    request.consumedAttributes |= request.validAttributes() & (Bit::mode | Bit::uid | Bit::gid);
+    constexpr fskit::FSItemAttributeSet kOwner = Bit::mode | Bit::uid | Bit::gid;
+    const fskit::FSItemAttributeSet owner =
+        request.validAttributes() & kOwner & ~request.consumedAttributes;
+    if (defaultOwner_ && owner != 0) {
+        requireChangeable();
+        // The kernel's drivers go by an item's owner and mode only where it has all three.
+        NTFSOwner wanted = shownOwner(ntfs->attributes(item.reference));
+        const NTFSOwner given = ownerIn(request);
+        wanted.user = given.user ? given.user : wanted.user;
+        wanted.group = given.group ? given.group : wanted.group;
+        wanted.mode = given.mode ? given.mode : wanted.mode;
+        ntfs->setOwner(item.reference, wanted);
+    }
+    // Where no owners are kept they are accepted and ignored: NTFS has none that a host could set.
+    request.consumedAttributes |= owner;
+}
+
+NTFSOwner TavelinVolume::ownerIn(const fskit::FSItemAttributes& request) const {
+    namespace Bit = fskit::FSItemAttribute;
+    const auto valid = [&](fskit::FSItemAttributeSet bit, std::uint32_t value) {
+        return defaultOwner_ && request.isValid(bit) ? std::optional(value) : std::nullopt;
+    };
+    return {.user = valid(Bit::uid, request.uid()),
+            .group = valid(Bit::gid, request.gid()),
+            .mode = valid(Bit::mode, request.mode() & kPermissionBits)};
+}
+
+NTFSOwner TavelinVolume::shownOwner(const NTFSAttributes& record) const {
+    const DefaultOwner others = defaultOwner_.value_or(DefaultOwner());
+    std::uint32_t mode = 0777;
+    if (record.type == NTFSItemType::directory) {
+        mode &= ~others.directoryMask;
+    } else if (record.type != NTFSItemType::symlink) {
+        mode &= ~others.fileMask;
+    }
+    return {.user = record.owner.user.value_or(others.user),
+            .group = record.owner.group.value_or(others.group),
+            .mode = record.type == NTFSItemType::symlink ? 0777 : record.owner.mode.value_or(mode)};
+}
+
+Outcome<void> TavelinVolume::keepOwners(const DefaultOwner& others) {
+    return request<"keepOwners">([&] {
+        ntfs->readOwners();
+        defaultOwner_ = others;
+    });
 }
 
 Outcome<fskit::FSItemAttributes>

@@ -6,6 +6,22 @@
 
 namespace tavelin {
 
+namespace {
+
+/// What createItem() makes for a type; special files only where a host keeps owners.
+std::optional<NTFSItemType> creatableType(fskit::FSItemType type, bool makesSpecial) {
+    const auto kind = itemType(static_cast<std::uint32_t>(type));
+    const bool isPlain = kind == NTFSItemType::directory || kind == NTFSItemType::file;
+    return isPlain || (makesSpecial && kind != NTFSItemType::symlink) ? kind : std::nullopt;
+}
+
+fskit::FSItemAttributeSet ownerBits(const fskit::FSItemAttributes& request) {
+    namespace Bit = fskit::FSItemAttribute;
+    return request.validAttributes() & (Bit::mode | Bit::uid | Bit::gid);
+}
+
+} // namespace
+
 fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std::uint64_t parent,
                                                const fskit::FSFileName& name) {
     fskit::FSLookupItemResult result{handOut(record.reference(), parent), name, {}};
@@ -46,22 +62,23 @@ Outcome<fskit::FSCreateItemResult>
 TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type,
                           const fskit::FSItemRef& directory,
                           fskit::FSItemSetAttributesRequest& newAttributes) {
-    const bool makesDirectory = type == fskit::FSItemType::directory;
     return request<"createItem">([&]() -> Outcome<fskit::FSCreateItemResult> {
-        if (!makesDirectory && type != fskit::FSItemType::file) {
+        const std::optional<NTFSItemType> kind = creatableType(type, defaultOwner_.has_value());
+        if (!kind) {
             return fskit::fs_errorForPOSIXError(kENOTSUP);
         }
         const NItem& parent = n(directory);
         requireChangeable();
-        const NTFSItemType kind = makesDirectory ? NTFSItemType::directory : NTFSItemType::file;
         std::string memory;
         const std::string_view stored = newName(name(named), parent.reference, memory);
-        fskit::FSCreateItemResult result =
-            created(ntfs->make(stored, parent.reference, kind), parent, fskit::FSFileName(stored));
+        const NTFSOwner owner = ownerIn(newAttributes);
+        const NTFSChange change =
+            ntfs->make(stored, parent.reference, *kind, owner, newAttributes.native().device);
+        fskit::FSCreateItemResult result = created(change, parent, fskit::FSFileName(stored));
         // FSKit's way to say which of the requested attributes were set. Those that were not are no
         // error.
-        newAttributes.consumedAttributes = 0;
-        if (newAttributes.validAttributes() != 0) {
+        newAttributes.consumedAttributes = defaultOwner_ ? ownerBits(newAttributes) : 0;
+        if (newAttributes.validAttributes() != newAttributes.consumedAttributes) {
             applyToNew(newAttributes, result);
         }
         return result;
@@ -81,15 +98,16 @@ void TavelinVolume::applyToNew(fskit::FSItemSetAttributesRequest& request,
 
 Outcome<fskit::FSCreateItemResult>
 TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::FSItemRef& directory,
-                                  fskit::FSItemSetAttributesRequest& /*attributes*/,
+                                  fskit::FSItemSetAttributesRequest& newAttributes,
                                   const fskit::FSFileName& linkContents) {
     return request<"createSymbolicLink">([&] {
         const NItem& parent = n(directory);
         requireChangeable();
         std::string memory;
         const std::string_view stored = newName(name(named), parent.reference, memory);
-        return created(ntfs->makeLink(stored, parent.reference, name(linkContents)), parent,
-                       fskit::FSFileName(stored));
+        const NTFSChange change =
+            ntfs->makeLink(stored, parent.reference, name(linkContents), ownerIn(newAttributes));
+        return created(change, parent, fskit::FSFileName(stored));
     });
 }
 
