@@ -136,10 +136,10 @@ Outcome<Found> VolumeClient::create(const ItemRef& directory, std::string_view n
 }
 
 Outcome<Found> VolumeClient::createSymbolicLink(const ItemRef& directory, std::string_view name,
-                                                std::string_view target) {
-    fskit::FSItemSetAttributesRequest none;
-    auto made =
-        volume_->createSymbolicLink(FSFileName(name), directory.item(), none, FSFileName(target));
+                                                std::string_view target,
+                                                fskit::FSItemSetAttributesRequest attributes) {
+    auto made = volume_->createSymbolicLink(FSFileName(name), directory.item(), attributes,
+                                            FSFileName(target));
     if (!made) {
         return made.error();
     }

@@ -1,9 +1,9 @@
 /// The requests to an active volume, in the words of a host.
 #pragma once
 
+#include "fskit/item_ref.hpp"
 #include "fskit/tavelin_volume.hpp"
 #include "hosting/entry_packer.hpp"
-#include "fskit/item_ref.hpp"
 #include "platform/assert.hpp"
 
 #include <cstddef>
@@ -82,7 +82,8 @@ class VolumeClient {
     Outcome<Found> create(const ItemRef& directory, std::string_view name, fskit::FSItemType type);
     /// Makes a link in the form that the mount's options ask for.
     Outcome<Found> createSymbolicLink(const ItemRef& directory, std::string_view name,
-                                      std::string_view target);
+                                      std::string_view target,
+                                      fskit::FSItemSetAttributesRequest attributes = {});
     /// As FSKit asks for it, which the volume refuses with kENOTSUP.
     Outcome<fskit::FSCreateLinkResult> createLink(const ItemRef& item, const ItemRef& directory,
                                                   std::string_view name);

@@ -80,6 +80,8 @@ bool apply(std::string_view word, MountRequest& request) {
         request.allowOther = true;
     } else if (word == "streams_interface=xattr" || word == "streams_interface=none") {
         request.streams = word.ends_with("xattr");
+    } else if (word == "permissions") {
+        request.permissions = true;
     } else if (word == "low_latency") {
         request.lowLatency = true;
     } else if (contains(kForKernel, word)) {

@@ -22,6 +22,8 @@ struct MountRequest {
     std::optional<gid_t> group;
     /// Permission bits that are taken away, as umask(2) has them.
     std::optional<mode_t> fileMask, directoryMask;
+    /// Owners, modes and special files are kept on the volume, and the kernel goes by them.
+    bool permissions = false;
     bool streams = true; ///< named streams are extended attributes
     /// Refuse changes, whatever the image allows.
     bool readOnly = false;

@@ -146,6 +146,16 @@ class Mount {
         for (const std::string& notice : host_->notices()) {
             complain(fmt::format("{}: {}", request_.image.string(), notice));
         }
+        if (request_.permissions) {
+            const Ownership others = ownership();
+            host_->volume()
+                .requests()
+                .keepOwners({.user = others.user,
+                             .group = others.group,
+                             .fileMask = others.fileMask,
+                             .directoryMask = others.directoryMask})
+                .get();
+        }
         // Without it the mount is only slower at first.
         static_cast<void>(host_->volume().requests().prefaultCache());
         volume_.emplace(host_->volume());
@@ -180,8 +190,8 @@ class Mount {
         }
         // Owners and masks are for the kernel to check, and mean nothing while only the mounting
         // user gets in. To let others in is root's to decide.
-        const bool owned =
-            request_.user || request_.group || request_.fileMask || request_.directoryMask;
+        const bool owned = request_.user || request_.group || request_.fileMask ||
+                           request_.directoryMask || request_.permissions;
         if (owned) {
             options.emplace_back("default_permissions");
         }
@@ -208,6 +218,7 @@ class Mount {
         context_.emplace(SessionContext{.channel = channel_,
                                         .volume = *volume_,
                                         .ownership = ownership(),
+                                        .keepsOwners = request_.permissions,
                                         .streams = request_.streams,
                                         .served = [this] { serve(); },
                                         .unmounted = [this] { takeLeave(); }});
@@ -265,7 +276,7 @@ class Mount {
 
     const MountRequest& request_;
     Daemon& daemon_;
-    KernelChannel channel_{request_.trace};
+    KernelChannel channel_{request_.trace, request_.permissions};
     MaintenanceThread maintenance_;
     std::unique_ptr<ModuleHost> host_;
     std::optional<MountedVolume> volume_;

@@ -120,7 +120,7 @@ ssize_t KernelChannel::read(int fd, void* buffer, size_t size) noexcept {
     const auto& header = *static_cast<const fuse_in_header*>(buffer);
     if (header.opcode == FUSE_INIT) {
         const auto& init = *reinterpret_cast<const fuse_init_in*>(&header + 1);
-        clearsPrivileges_ = (init.flags & FUSE_HANDLE_KILLPRIV_V2) != 0;
+        clearsPrivileges_ = !keepsModes_ && (init.flags & FUSE_HANDLE_KILLPRIV_V2) != 0;
         initRequest_ = header.unique;
     } else if (header.opcode == FUSE_SYNCFS) {
         return asDirectorySync(buffer);

@@ -5,7 +5,8 @@
 ///  - count and print every request by its kind;
 ///  - offer the kernel a capability that this libfuse has no name for: the file system clears
 ///    set-user-ID bits itself (it has none), so the kernel may remember that a file has no
-///    capabilities instead of asking for them before every write;
+///    capabilities instead of asking for them before every write. Not so where modes are kept: the
+///    kernel then goes on by the mode it knew, and would still run a program with the bit;
 ///  - serve syncfs, which this libfuse does not know, as an fsync of the root directory.
 ///
 /// Reads and writes come from several threads at once.
@@ -30,7 +31,7 @@ std::string_view requestName(uint32_t opcode) noexcept;
 class KernelChannel {
   public:
     /// With `trace`, a line is printed to standard error for every request.
-    explicit KernelChannel(bool trace) : trace_(trace) {}
+    KernelChannel(bool trace, bool keepsModes) : trace_(trace), keepsModes_(keepsModes) {}
     KernelChannel(const KernelChannel&) = delete;
     KernelChannel& operator=(const KernelChannel&) = delete;
 
@@ -52,6 +53,7 @@ class KernelChannel {
     /// Higher opcodes than these are counted with the last.
     static constexpr size_t kOpcodes = 64;
     const bool trace_;
+    const bool keepsModes_;
     std::array<std::atomic<uint64_t>, kOpcodes> counts_{};
     std::atomic<uint64_t> initRequest_{0}; // unique number of the INIT request while it is open
     std::atomic<bool> clearsPrivileges_{false};

@@ -32,6 +32,8 @@ void initialise(void* context, fuse_conn_info* connection) {
     // Nothing but the kernel's own requests changes the volume, so its caches are always right.
     want(FUSE_CAP_AUTO_INVAL_DATA, false);
     want(FUSE_CAP_EXPLICIT_INVAL_DATA, true);
+    // The kernel takes set-ID bits away as it does elsewhere, and sends the mode that is left.
+    want(FUSE_CAP_HANDLE_KILLPRIV, false);
     // There are no opens (see below) that could carry a truncation with them.
     want(FUSE_CAP_ATOMIC_O_TRUNC, false);
     connection->max_write = kTransferBytesMax;
@@ -194,13 +196,14 @@ struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attribut
     const Ownership& ownership = contextOf(request).ownership;
     struct stat status {};
     status.st_ino = inodeNumber(attributes.fileID());
-    status.st_mode = modeOf(attributes, ownership);
+    const bool isKept = contextOf(request).keepsOwners;
+    status.st_mode = isKept ? attributes.mode() : modeOf(attributes, ownership);
     const uint64_t device = attributes.native().device;
     status.st_rdev =
         makedev(static_cast<unsigned>(device >> 32), static_cast<unsigned>(device & UINT32_MAX));
     status.st_nlink = attributes.linkCount();
-    status.st_uid = ownership.user;
-    status.st_gid = ownership.group;
+    status.st_uid = isKept ? attributes.uid() : ownership.user;
+    status.st_gid = isKept ? attributes.gid() : ownership.group;
     status.st_size = static_cast<off_t>(attributes.size());
     status.st_blocks =
         static_cast<blkcnt_t>((attributes.allocSize() + kStatusBlock - 1) / kStatusBlock);
@@ -209,6 +212,26 @@ struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attribut
     status.st_mtim = attributes.modifyTime();
     status.st_ctim = attributes.changeTime();
     return status;
+}
+
+// The kernel has taken the umask off the mode, and the set-group-ID bit where the program may not
+// have it. A set-group-ID directory hands its group on, and to directories the bit as well.
+fskit::FSItemSetAttributesRequest attributesOfNew(fuse_req_t request, const Node& directory,
+                                                  mode_t mode, dev_t device) {
+    fskit::FSItemSetAttributesRequest wanted;
+    if (!contextOf(request).keepsOwners) {
+        return wanted;
+    }
+    const fskit::FSItemAttributes above = volumeOf(request).attributes(directory).get();
+    const bool handsOn = (above.mode() & S_ISGID) != 0;
+    const fuse_ctx* const program = fuse_req_ctx(request);
+    wanted.setUid(program->uid);
+    wanted.setGid(handsOn ? above.gid() : program->gid);
+    wanted.setMode(handsOn && S_ISDIR(mode) ? mode | S_ISGID : mode);
+    fskit::FSItemNativeAttributes native;
+    native.device = static_cast<uint64_t>(major(device)) << 32 | minor(device);
+    wanted.setNative(native);
+    return wanted;
 }
 
 // A short alias such as LETTER~1.TXT comes and goes with the long name, behind the kernel's back:

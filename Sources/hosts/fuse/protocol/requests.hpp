@@ -30,6 +30,10 @@ ino_t inodeNumber(fskit::FSItemID id) noexcept;
 int hostError(const fskit::Error& error);
 /// What the request's program is told of an item: the volume's attributes, the mount's owners.
 struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attributes);
+/// What a new item in a directory is to have: where the volume keeps owners, the program's user and
+/// group and the mode that it asked for, else nothing.
+fskit::FSItemSetAttributesRequest attributesOfNew(fuse_req_t request, const Node& directory,
+                                                  mode_t mode, dev_t device = 0);
 /// How long the kernel may remember what a name stands for, or that it stands for nothing.
 double entryTimeout(std::string_view name);
 /// An entry in the form in which libfuse replies with it.

@@ -68,24 +68,27 @@ fskit::FSItemType itemType(mode_t mode) {
     }
 }
 
-void makeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
-              dev_t /*device*/) {
+void makeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t device) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        Outcome<Entry> entry = volume.create(volume.node(parent), name, itemType(mode));
+        Node& directory = volume.node(parent);
+        Outcome<Entry> entry = volume.create(directory, name, itemType(mode),
+                                             attributesOfNew(request, directory, mode, device));
         replyEntry(request, entry, name);
     });
 }
 
-void makeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mode*/) {
-    makeNode(request, parent, name, S_IFDIR, 0);
+void makeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode) {
+    makeNode(request, parent, name, (mode & ~static_cast<mode_t>(S_IFMT)) | S_IFDIR, 0);
 }
 
-void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mode*/,
+void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
             fuse_file_info* file) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        Outcome<Entry> entry = volume.create(volume.node(parent), name, fskit::FSItemType::file);
+        Node& directory = volume.node(parent);
+        Outcome<Entry> entry = volume.create(directory, name, fskit::FSItemType::file,
+                                             attributesOfNew(request, directory, mode));
         if (!entry) {
             fuse_reply_err(request, hostError(entry.error()));
             return;
@@ -102,7 +105,9 @@ void create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mo
 void makeSymbolicLink(fuse_req_t request, const char* target, fuse_ino_t parent, const char* name) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        Outcome<Entry> entry = volume.createLink(volume.node(parent), name, target);
+        Node& directory = volume.node(parent);
+        Outcome<Entry> entry = volume.createLink(
+            directory, name, target, attributesOfNew(request, directory, S_IFLNK | 0777));
         replyEntry(request, entry, name);
     });
 }

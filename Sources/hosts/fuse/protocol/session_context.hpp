@@ -17,6 +17,8 @@ struct SessionContext {
     MountedVolume& volume;
     /// Whom everything belongs to, as the mount's options say.
     Ownership ownership;
+    /// The volume keeps owners and modes itself, and `ownership` is for items without.
+    bool keepsOwners;
     bool streams; ///< named streams are offered as extended attributes
     // Each is called once at most; what it throws ends the process.
     std::function<void()> served;    ///< called once the kernel has begun to send requests

@@ -4,6 +4,7 @@
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -12,6 +13,13 @@ namespace tavelin::fusehost {
 using fskit::fs_errorForPOSIXError;
 
 namespace {
+
+// How long a name is as NTFS counts: characters beyond the first plane, which take four bytes, are
+// two units.
+int64_t unitsOf(std::string_view name) {
+    return std::ranges::count_if(name, [](char c) { return (c & 0xc0) != 0x80; }) +
+           std::ranges::count_if(name, [](char c) { return (c & 0xf8) == 0xf0; });
+}
 
 // Compared at the resolution of NTFS times.
 bool isBefore(const timespec& time, const timespec& other) {
@@ -57,6 +65,9 @@ Entry MountedVolume::acquire(Found found) {
 }
 
 Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::string_view name) {
+    if (unitsOf(name) > volume_.requests().maximumNameLength()) {
+        return fs_errorForPOSIXError(kENAMETOOLONG); // the volume has no such name, and never will
+    }
     Outcome<std::optional<Found>> child = find(directory, name);
     if (!child) {
         return child.error();
@@ -112,15 +123,18 @@ Outcome<Entry> MountedVolume::make(Node& directory, std::string_view name, Make&
     return acquire(std::move(*made));
 }
 
-Outcome<Entry> MountedVolume::create(Node& directory, std::string_view name,
-                                     fskit::FSItemType type) {
-    return make(directory, name, [&] { return volume_.create(directory.item, name, type); });
+Outcome<Entry> MountedVolume::create(Node& directory, std::string_view name, fskit::FSItemType type,
+                                     fskit::FSItemSetAttributesRequest attributes) {
+    return make(directory, name,
+                [&] { return volume_.create(directory.item, name, type, attributes); });
 }
 
 Outcome<Entry> MountedVolume::createLink(Node& directory, std::string_view name,
-                                         std::string_view target) {
-    return make(directory, name,
-                [&] { return volume_.createSymbolicLink(directory.item, name, target); });
+                                         std::string_view target,
+                                         const fskit::FSItemSetAttributesRequest& attributes) {
+    return make(directory, name, [&] {
+        return volume_.createSymbolicLink(directory.item, name, target, attributes);
+    });
 }
 
 Outcome<Entry> MountedVolume::createHardLink(const Node& file, Node& directory,
@@ -190,10 +204,16 @@ Outcome<fskit::FSItemAttributes>
 MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest& changes) {
     timespec start{};
     std::timespec_get(&start, TIME_UTC);
+    namespace Bit = fskit::FSItemAttribute;
+    const bool setsTimes = changes.isValid(Bit::accessTime) || changes.isValid(Bit::modifyTime);
+    if ((setsTimes || changes.validAttributes() == 0) && !changes.isValid(Bit::changeTime)) {
+        // Setting times is a change, and so is a chown that names nobody, which comes as a request
+        // for nothing. The kernel leaves the time of it to the server.
+        changes.setChangeTime(start);
+    }
     Outcome<fskit::FSItemAttributes> found = volume_.setAttributes(node.item, changes);
     // POSIX lets a truncate update the times even when the size does not change. The kernel leaves
     // that to the server, and the volume does it only when the size changes.
-    namespace Bit = fskit::FSItemAttribute;
     if (found && node.isDirectory() && changes.isValid(Bit::modifyTime)) {
         node.directory->nameLostAt = 0; // what a user sets holds
     }

@@ -56,11 +56,13 @@ class MountedVolume {
     /// Takes counts of a node back. A file whose last name is gone is removed with the last of
     /// them.
     void forget(uint64_t number, uint64_t counts);
-    /// Makes a file or directory. kEEXIST when the name is taken; a name whose unlink is pending is
-    /// freed first.
-    Outcome<Entry> create(Node& directory, std::string_view name, fskit::FSItemType type);
+    /// Makes an item with these attributes, as VolumeClient::create does. kEEXIST when the name is
+    /// taken; a name whose unlink is pending is freed first.
+    Outcome<Entry> create(Node& directory, std::string_view name, fskit::FSItemType type,
+                          fskit::FSItemSetAttributesRequest attributes = {});
     /// Makes a symbolic link.
-    Outcome<Entry> createLink(Node& directory, std::string_view name, std::string_view target);
+    Outcome<Entry> createLink(Node& directory, std::string_view name, std::string_view target,
+                              const fskit::FSItemSetAttributesRequest& attributes = {});
     /// Gives a file one more name. kENOENT for a file whose last name is gone, kEPERM for a
     /// directory.
     Outcome<Entry> createHardLink(const Node& file, Node& directory, std::string_view name);

@@ -1,0 +1,121 @@
+// A mount as a part of the system: mount(8), fstab, namespaces, users, remounts.
+#include "hosts/fuse/mount/mount_table.hpp"
+#include "hosts/fuse/served_volume.hpp"
+#include "support/run_process.hpp"
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace tavelin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class MountSystem : public MountTest {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0 || !run({"unshare", "--mount", "true"}).ok()) {
+            GTEST_SKIP() << "only root has mount namespaces";
+        }
+        MountTest::SetUp();
+    }
+
+    // Runs a script in a mount namespace of its own, with the words as its arguments.
+    static ProcessResult inNamespace(const std::string& script, std::vector<std::string> words) {
+        words.insert(words.begin(), {"unshare", "--mount", "--propagation", "private", "bash",
+                                     "-euc", script, "script"});
+        return run(words);
+    }
+};
+
+// fstab lines name a type, whose helper mount(8) looks for in /sbin. The namespace has one there.
+TEST_F(MountSystem, FstabLinesMountOnce) {
+    served_.reset();
+    const TempDirectory directory, helpers;
+    const std::string line = volume_->image().string() + " " + directory.path().string() +
+                             " tavelin uid=1000,gid=1000,windows_names,nofail 0 0\n";
+    writeFile(helpers / "fstab", line);
+    fs::create_directories(helpers / "work");
+    const ProcessResult result = inNamespace(
+        "mount -t tmpfs tmpfs \"$1\" && mkdir \"$1/upper\" \"$1/work\" &&\n"
+        "options=lowerdir=/usr/sbin,upperdir=$1/upper,workdir=$1/work &&\n"
+        "mount -t overlay -o \"$options\" overlay /usr/sbin || exit 77\n"
+        "cp \"$4\" /usr/sbin/mount.tavelin\n"
+        "ln -s \"$5\" /usr/sbin/tavelin\n"
+        "mount -a -T \"$2\"\n"
+        "findmnt -n -o FSTYPE \"$3\"\n"
+        "mount -a -T \"$2\"\n"
+        "findmnt -n -o FSTYPE \"$3\"\n"
+        "echo content > \"$3/file\"\n"
+        "stat -c %u:%g \"$3/file\"\n"
+        "tavelin umount \"$3\"\n",
+        {helpers / "work", helpers / "fstab", directory.path(), MOUNT_HELPER, TAVELIN_PROGRAM});
+    if (result.status == 77) {
+        GTEST_SKIP() << "nothing can be put into /usr/sbin here: " << result.err;
+    }
+    EXPECT_EQ(result.status, 0) << result.describe();
+    EXPECT_EQ(result.out, "fuseblk.tavelin\nfuseblk.tavelin\n1000:1000\n");
+    EXPECT_EQ(volume_->cat("file"), "content\n");
+}
+
+// The kernel changes its own checks, and says nothing of it to the server.
+TEST_F(MountSystem, RemountsChangeWhatTheKernelChecks) {
+    const std::string directory = served_->directory();
+    writeFile(*this / "file", "content");
+    ASSERT_EQ(::mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(errorOf(::mkdir(path("folder").c_str(), 0777)), EROFS);
+    EXPECT_EQ(readFile(*this / "file"), "content");
+    ASSERT_EQ(::mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | MS_NOEXEC, nullptr), 0);
+    EXPECT_EQ(::mkdir(path("folder").c_str(), 0777), 0);
+    EXPECT_EQ(errorOf(::access(path("file").c_str(), X_OK)), EACCES);
+}
+
+// As two containers use it.
+TEST_F(MountSystem, NamespacesShareAMount) {
+    const std::string directory = served_->directory();
+    writeFile(*this / "file", "from outside");
+    const ProcessResult inside = inNamespace("cat \"$1/file\"\n"
+                                             "echo from inside > \"$1/other\"\n"
+                                             "umount \"$1\"\n"
+                                             "if [ -e \"$1/file\" ]; then exit 1; fi\n",
+                                             {directory});
+    EXPECT_EQ(inside.status, 0) << inside.describe();
+    EXPECT_EQ(inside.out, "from outside");
+    EXPECT_EQ(readFile(*this / "other"), "from inside\n") << "it is still served here";
+}
+
+// A user's own mount is the user's alone. The namespace has a /dev/fuse that users may open.
+TEST_F(MountSystem, AUsersMountIsTheUsers) {
+    served_.reset();
+    const TempDirectory mountPoint, devices;
+    fs::permissions(volume_->directory().path(), fs::perms(0777));
+    fs::permissions(volume_->image(), fs::perms(0666));
+    ASSERT_EQ(::chown(mountPoint.path().c_str(), 65534, 65534), 0);
+    const ProcessResult result = inNamespace(
+        R"(mount -t tmpfs -o dev,mode=755 tmpfs "$4" && mknod -m 666 "$4/fuse" c 10 229 &&
+           mount --bind "$4/fuse" /dev/fuse || exit 77
+           as_user() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
+           as_user true || exit 77
+           as_user "$1" mount -o permissions "$2" "$3"
+           if [ -e "$3/." ]; then echo "root gets in"; fi
+           cd "$3" 2>/dev/null && exit 1
+           as_user bash -euc 'cd "$1"
+               printf "#!/bin/sh\necho ran\n" > program
+               chmod 4750 program
+               ./program
+               mkfifo fifo
+               stat -c "%a %u" program
+               if chown 0 program 2>/dev/null; then exit 1; fi
+               if mknod device c 1 3 2>/dev/null; then exit 1; fi' user "$3"
+           findmnt -n -o OPTIONS "$3" | grep -o nosuid,nodev
+           as_user "$1" umount "$3")",
+        {TAVELIN_PROGRAM, volume_->image(), mountPoint.path(), devices.path()});
+    if (result.status == 77) {
+        GTEST_SKIP() << "there is no /dev/fuse for users: " << result.err;
+    }
+    EXPECT_EQ(result.status, 0) << result.describe();
+    EXPECT_EQ(result.out, "ran\n4750 65534\nnosuid,nodev\n");
+}
+
+} // namespace
+} // namespace tavelin::test
