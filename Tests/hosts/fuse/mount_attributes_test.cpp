@@ -143,5 +143,32 @@ TEST_F(MountAttributes, StreamsAreNotShownWhereTheyAreNotWanted) {
     EXPECT_EQ(::getxattr(path("file").c_str(), "user.author", nullptr, 0), 2);
 }
 
+// The system's own driver has the same attribute.
+TEST_F(MountAttributes, TheTimeOfBirthIsAnAttribute) {
+    constexpr const char* kName = "system.ntfs_crtime";
+    const std::string given("\x01\x02\x03\x04\x05\x06\xd9\x01", 8);
+    const std::string before1970("\x80\x96\x98\0\0\0\0\0", 8); // a second into 1601
+    changeByDriver([&](const DriverMount& driver) {
+        driver.make("file", "content");
+        driver.make("folder's neighbour", "content");
+        driver.set("file", kName, given);
+    });
+    char value[8];
+    ASSERT_EQ(::getxattr(path("file").c_str(), kName, value, sizeof value), 8);
+    EXPECT_EQ(std::string(value, 8), given);
+    EXPECT_EQ(::listxattr(path("file").c_str(), nullptr, 0), 0);
+    const std::string other = path("folder's neighbour");
+    ASSERT_EQ(::setxattr(other.c_str(), kName, before1970.data(), 8, 0), 0);
+    EXPECT_EQ(errorOf(::setxattr(other.c_str(), kName, "short", 5, 0)), EINVAL);
+    EXPECT_EQ(errorOf(::setxattr(other.c_str(), kName, "\x80\x80\x80\x80\x80\x80\x80\x80", 8, 0)),
+              EINVAL);
+    ASSERT_EQ(::seteuid(40001), 0);
+    EXPECT_NE(::setxattr(other.c_str(), kName, given.data(), 8, 0), 0) << "of somebody else's file";
+    ASSERT_EQ(::seteuid(0), 0);
+    changeByDriver([&](const DriverMount& driver) {
+        EXPECT_EQ(driver.get("folder's neighbour", kName), before1970);
+    });
+}
+
 } // namespace
 } // namespace tavelin::test
