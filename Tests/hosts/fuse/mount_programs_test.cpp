@@ -71,5 +71,80 @@ TEST_F(MountPrograms, GitKeepsARepository) {
     EXPECT_EQ(git(again, {"status", "--porcelain"}), "");
 }
 
+// A compiler writes a program in pieces, and the kernel maps it to run it.
+TEST_F(MountPrograms, ACompilersProgramsRun) {
+    if (!run({"cc", "--version"}).ok()) {
+        GTEST_SKIP() << "there is no compiler";
+    }
+    for (const char* options : {"", "permissions", "umask=022"}) {
+        mount(options);
+        fs::create_directories(*this / "build");
+        writeFile(*this / "build/part.c", "int part(void) { return 42; }\n");
+        writeFile(*this / "build/main.c", "#include <stdio.h>\nint part(void);\n"
+                                          "int main(void) { printf(\"%d\", part()); }\n");
+        const std::string in = path("build/");
+        runOrThrow({"cc", "-shared", "-fPIC", "-o", in + "libpart.so", in + "part.c"});
+        runOrThrow({"cc", "-o", in + "program", in + "main.c", in + "libpart.so"});
+        EXPECT_EQ(runOrThrow({in + "program"}), "42");
+        fs::remove_all(*this / "build");
+    }
+}
+
+// Python goes by the times of directories and files to know what it has compiled already.
+TEST_F(MountPrograms, PythonFindsWhatItJustWrote) {
+    if (!run({"python3", "--version"}).ok()) {
+        GTEST_SKIP() << "there is no Python";
+    }
+    EXPECT_EQ(runOrThrow({"python3", "-c",
+                          "import sys, os, importlib\n"
+                          "sys.dont_write_bytecode = False\n"
+                          "sys.path.insert(0, sys.argv[1])\n"
+                          "for i in range(20):\n"
+                          "    name = 'module%d' % i\n"
+                          "    with open(os.path.join(sys.argv[1], name + '.py'), 'w') as f:\n"
+                          "        f.write('value = %d' % i)\n"
+                          "    assert importlib.import_module(name).value == i, name\n"
+                          "print(len(os.listdir(os.path.join(sys.argv[1], '__pycache__'))))\n",
+                          served_->directory()}),
+              "20\n");
+}
+
+// With owners and modes kept, a repository is what it is on any file system of Linux.
+TEST_F(MountPrograms, GitKeepsModesHooksAndLinks) {
+    mount("permissions");
+    const std::string script = R"(set -eu
+export GIT_CONFIG_GLOBAL=/dev/null GIT_AUTHOR_NAME=T GIT_AUTHOR_EMAIL=t@example.org
+export GIT_COMMITTER_NAME=T GIT_COMMITTER_EMAIL=t@example.org
+git init -q "$1/origin"
+cd "$1/origin"
+printf '#!/bin/sh\necho ran\n' > run.sh
+chmod 755 run.sh
+echo text > plain
+ln -s run.sh link
+git add -A
+git commit -qm Start
+git clone -q --no-hardlinks "$1/origin" "$2/clone"
+cd "$2/clone"
+git config core.fileMode
+git config core.symlinks || echo true
+./run.sh
+./link
+printf '#!/bin/sh\necho hook >&2\nexit 1\n' > .git/hooks/pre-commit
+chmod +x .git/hooks/pre-commit
+echo more > plain
+git commit -qam Refused 2>&1 || echo refused
+chmod -x .git/hooks/pre-commit run.sh
+git diff --summary
+git commit -qam Changed 2>/dev/null
+git status --porcelain
+)";
+    EXPECT_EQ(runOrThrow({"bash", "-c", script, "script", outside_.path(), served_->directory()}),
+              "true\ntrue\nran\nran\nhook\nrefused\n mode change 100755 => 100644 run.sh\n");
+    mount("permissions");
+    EXPECT_EQ(
+        runOrThrow({"git", "-c", "safe.directory=*", "-C", path("clone"), "status", "--porcelain"}),
+        "");
+}
+
 } // namespace
 } // namespace tavelin::test
