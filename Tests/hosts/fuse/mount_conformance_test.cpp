@@ -154,6 +154,10 @@ const Operation kNameOperations[] = {
     {"rename", "folder over", [](auto& at) { return renamed(at.folder(), at.object()); }},
     {"rename", "onto itself", [](auto& at) { return renamed(at.object(), at.object()); }},
     {"rename", "below itself", [](auto& at) { return renamed(at.object(), at.object() + "/x"); }},
+    {"rename", "exchange",
+     [](auto& at) { return renamed(at.object(), at.file(), RENAME_EXCHANGE); }},
+    {"rename", "exchange with folder",
+     [](auto& at) { return renamed(at.folder(), at.object(), RENAME_EXCHANGE); }},
     {"rename", "not over",
      [](auto& at) { return renamed(at.object(), at.file(), RENAME_NOREPLACE); }},
 };

@@ -3,6 +3,7 @@
 #include "hosts/fuse/served_volume.hpp"
 #include "support/run_process.hpp"
 
+#include <csignal>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -82,6 +83,21 @@ TEST_F(MountSystem, NamespacesShareAMount) {
     EXPECT_EQ(inside.status, 0) << inside.describe();
     EXPECT_EQ(inside.out, "from outside");
     EXPECT_EQ(readFile(*this / "other"), "from inside\n") << "it is still served here";
+}
+
+// Where a mount is not, or not quite, what was asked for.
+TEST_F(MountSystem, SaysWhatIsInTheWay) {
+    const auto tavelin = [](std::vector<std::string> words) {
+        words.insert(words.begin(), TAVELIN_PROGRAM);
+        return run(words);
+    };
+    const std::string directory = served_->directory(), image = volume_->image();
+    ::kill(served_->server(), SIGKILL);
+    EXPECT_EQ(served_->awaitEnd(), 128 + SIGKILL);
+    const ProcessResult dead = tavelin({"mount", image, directory});
+    EXPECT_EQ(dead.status, 1);
+    EXPECT_NE(dead.err.find("whose server has ended"), std::string::npos) << dead.describe();
+    EXPECT_EQ(tavelin({"umount", directory}).status, 0);
 }
 
 // A user's own mount is the user's alone. The namespace has a /dev/fuse that users may open.
