@@ -32,7 +32,9 @@ if(NOT APPLE)
   target_include_directories(tavelin_gnustep SYSTEM INTERFACE
     ${TAVELIN_SDK}/gnustep ${PROJECT_BINARY_DIR}/gnustep /usr/include/GNUstep)
   target_include_directories(tavelin_gnustep INTERFACE ${TAVELIN_SDK}/any)
-  target_link_libraries(tavelin_gnustep INTERFACE gnustep-base objc BlocksRuntime)
+  # The blocks' own library comes first: gnustep-base has functions of the same names, which copy
+  # nothing.
+  target_link_libraries(tavelin_gnustep INTERFACE BlocksRuntime gnustep-base objc)
   # See Sources/extension/sdk/gnustep/personality.cpp.
   target_link_options(tavelin_gnustep INTERFACE LINKER:--wrap=__gnu_objc_personality_v0)
 

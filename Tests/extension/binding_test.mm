@@ -99,6 +99,24 @@ TEST_P(Binding, ServesAVolumeFromProbeToUnload) {
         isEqualToString:@"Holiday"]);
 }
 
+TEST_P(Binding, TellsLimitsAndCapabilities) {
+    daemon_.bringUp(resource());
+    ::TavelinServedVolume *const volume = daemon_.volume();
+    EXPECT_EQ(volume.maximumLinkCount, 1024);
+    EXPECT_EQ(volume.maximumNameLength, 255);
+    EXPECT_EQ(volume.maximumXattrSize, 64 << 20);
+    EXPECT_EQ(volume.maximumFileSize, std::uint64_t{16} << 40);
+    EXPECT_FALSE(volume.restrictsOwnershipChanges || volume.truncatesLongNames);
+    FSVolumeSupportedCapabilities *const can = volume.supportedVolumeCapabilities;
+    EXPECT_TRUE(can.supportsPersistentObjectIDs && can.supportsSymbolicLinks &&
+                can.supportsSparseFiles && can.supports2TBFiles && can.supportsHiddenFiles &&
+                can.supports64BitObjectIDs && can.supportsFastStatFS);
+    EXPECT_TRUE(can.doesNotSupportImmutableFiles && can.doesNotSupportSettingFilePermissions);
+    EXPECT_FALSE(can.supportsHardLinks);
+    EXPECT_EQ(can.caseFormat, FSVolumeCaseFormatSensitive);
+    daemon_.takeDown();
+}
+
 TEST_P(Binding, ListsPageAfterPage) {
     daemon_.bringUp(resource());
     std::vector<std::string> made;
@@ -134,6 +152,7 @@ TEST_P(Binding, AnswersErrorsInThePOSIXDomain) {
     EXPECT_EQ(daemon_.lookup(root, "nothing").code(), kENOENT);
     EXPECT_EQ(daemon_.hardLink(file.item(), root, "other").code(), kENOTSUP);
     EXPECT_EQ(daemon_.remove(directory.item(), root, "folder").code(), kENOTEMPTY);
+    EXPECT_EQ(daemon_.readLink(file.item()).code(), kEINVAL);
     EXPECT_EQ(daemon_.check(@[ @"-y" ], task).code(), kENOTSUP);
     EXPECT_EQ(task->_completions, 0);
 

@@ -111,6 +111,22 @@ static constexpr size_t kPhysicalBlock = 4096;
     return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
+// All metadata calls fail, as they were seen to on macOS 26: without an error of their own even.
+- (BOOL)metadataReadInto:(void *)buffer
+              startingAt:(off_t)offset
+                  length:(size_t)length
+                   error:(NSError **)error {
+    return NO;
+}
+- (BOOL)delayedMetadataWriteFrom:(void *)buffer
+                      startingAt:(off_t)offset
+                          length:(size_t)length
+                           error:(NSError **)error {
+    return NO;
+}
+- (BOOL)metadataFlushWithError:(NSError **)error {
+    return NO;
+}
 @end
 
 // Never made themselves; what follows each overrides all that the module calls.
