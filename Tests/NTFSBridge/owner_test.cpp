@@ -3,6 +3,7 @@
 #include "support/bridge_volume.hpp"
 #include "support/reparse_items.hpp"
 
+#include <algorithm>
 #include <sys/sysmacros.h>
 
 namespace tavelin::test {
@@ -130,9 +131,11 @@ TEST(Owners, DamagedEntriesAreLeftAlone) {
     ASSERT_EQ(ntb_make(volume, NTB_ROOT_INO, "file", &item, &ino), 0);
     const auto setDistance = [&](int distance) {
         ASSERT_EQ(volume.unmount(), 0);
-        const auto found = std::ranges::search(volume.memory().bytes(), std::string("$LXGID"));
-        ASSERT_FALSE(found.empty());
-        *(found.begin() - 8) = static_cast<uint8_t>(distance);
+        auto& bytes = volume.memory().bytes();
+        const std::string name = "$LXGID";
+        const auto found = std::search(bytes.begin(), bytes.end(), name.begin(), name.end());
+        ASSERT_NE(found, bytes.end());
+        *(found - 8) = static_cast<uint8_t>(distance);
         ASSERT_EQ(volume.mount(), 0);
         ntb_set_reads_owners(volume, 1);
     };

@@ -5,6 +5,7 @@
 // Left out because POSIX leaves them open: inode numbers, sizes of directories, access times.
 #include "hosts/fuse/served_volume.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <fcntl.h>
@@ -449,9 +450,10 @@ TEST_F(MountConformance, IsThatOfTmpfs) {
     ASSERT_EQ(seen.size(), expected.size());
     std::map<std::string, size_t> used;
     for (const auto& [name, result] : expected) {
+        const char* const words = name.c_str();
         const bool differs = seen.at(name) != result;
         const auto* const known = std::ranges::find_if(kDifferences, [&](const auto& difference) {
-            return ::fnmatch(difference.cases, name.c_str(), FNM_EXTMATCH) == 0;
+            return ::fnmatch(difference.cases, words, FNM_EXTMATCH) == 0;
         });
         if (known != std::end(kDifferences)) {
             EXPECT_TRUE(differs) << name << " is no different now";
