@@ -59,6 +59,17 @@ constexpr unsigned long kBlockSizeRequest = BLKSSZGET;
 constexpr unsigned long kPhysicalBlockSizeRequest = BLKPBSZGET;
 #endif
 
+/// Whether a device has its switch against writing on. The system opens it for writing all the same.
+bool isWriteProtected(int descriptor) {
+#if defined(__APPLE__)
+    std::uint32_t writable = 1;
+    return ::ioctl(descriptor, DKIOCISWRITABLE, &writable) == 0 && writable == 0;
+#else
+    int readOnly = 0;
+    return ::ioctl(descriptor, BLKROGET, &readOnly) == 0 && readOnly != 0;
+#endif
+}
+
 /// 0, or the errno of a lock that somebody else holds.
 int lockDescriptor(int descriptor, bool exclusive) {
     // The lock has to belong to the open file, as flock's does. A plain POSIX lock belongs to the
@@ -99,6 +110,10 @@ ImageFile::ImageFile(const std::filesystem::path& path, bool readOnly) {
         // a device in use must not become a read-only volume that changes under its reader.
         if (!writable_ && errno != EACCES && errno != EPERM && errno != EROFS) {
             cannotOpen(path, errno);
+        }
+        if (writable_ && claim_ && isWriteProtected(file_.get())) {
+            file_.reset();
+            writable_ = false;
         }
     }
     if (!file_) {

@@ -98,6 +98,15 @@ TEST_F(MountSystem, SaysWhatIsInTheWay) {
     EXPECT_EQ(dead.status, 1);
     EXPECT_NE(dead.err.find("whose server has ended"), std::string::npos) << dead.describe();
     EXPECT_EQ(tavelin({"umount", directory}).status, 0);
+
+    std::string device = runOrThrow({"losetup", "--find", "--show", "--read-only", image});
+    device.pop_back();
+    const ProcessResult readOnly = tavelin({"mount", device, directory});
+    EXPECT_EQ(readOnly.status, 0);
+    EXPECT_NE(readOnly.err.find("mounted read-only"), std::string::npos) << readOnly.describe();
+    EXPECT_EQ(errorOf(::mkdir((directory + "/folder").c_str(), 0777)), EROFS);
+    EXPECT_EQ(tavelin({"umount", directory}).status, 0);
+    runOrThrow({"losetup", "-d", device});
 }
 
 // A user's own mount is the user's alone. The namespace has a /dev/fuse that users may open.
