@@ -59,7 +59,7 @@ constexpr unsigned long kBlockSizeRequest = BLKSSZGET;
 constexpr unsigned long kPhysicalBlockSizeRequest = BLKPBSZGET;
 #endif
 
-/// Whether a device has its switch against writing on. The system opens it for writing all the same.
+/// Whether a device has its switch against writing on. The system opens it for writing even so.
 bool isWriteProtected(int descriptor) {
 #if defined(__APPLE__)
     std::uint32_t writable = 1;
