@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <functional>
 
 namespace tavelin::test {
 
@@ -175,6 +176,51 @@ TEST_P(Binding, AnswersErrorsInThePOSIXDomain) {
         EXPECT_EQ(daemon_.setXattr(file.item(), name, data("x")).code(), kEINVAL);
     }
     EXPECT_TRUE(daemon_.reclaim(file.item()).ok() && daemon_.reclaim(directory.item()).ok());
+    daemon_.takeDown();
+}
+
+TEST_P(Binding, LosesNothingWhateverEndFSKitMakes) {
+    const std::vector<std::function<void()>> ends{
+        [&] { // umount(8), which is not followed by an unload
+            EXPECT_TRUE(daemon_.unmount().ok() && daemon_.deactivate().ok());
+        },
+        [&] { EXPECT_TRUE(daemon_.deactivate().ok()); }, [] {}, // a second load
+        [&] { // a load before the unload's reply has returned
+            __block bool loaded = false;
+            [daemon_.module() unloadResource:resource()
+                                     options:[FSTaskOptions optionsWithWords:@[]]
+                                replyHandler:^(NSError *) {
+                                    loaded = daemon_.load(resource()).ok();
+                                }];
+            EXPECT_TRUE(loaded);
+            RecordingTask *task = made([RecordingTask new]);
+            EXPECT_EQ(daemon_.check(@[ @"-q" ], task).code(), 0) << "it is loaded";
+        }};
+    std::vector<std::string> expected;
+    for (const auto &end : ends) {
+        daemon_.bringUp(resource());
+        expected.push_back("file" + std::to_string(expected.size()));
+        ASSERT_TRUE(daemon_.create(daemon_.root(), expected.back()).ok());
+        end();
+    }
+    daemon_.bringUp(resource(), @[ @"-o", @"rdonly" ]);
+    EXPECT_EQ(daemon_.list(daemon_.root(), 100, true), expected);
+    EXPECT_EQ(daemon_.create(daemon_.root(), "new").code(), kEROFS);
+    EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptionsReadOnly);
+    daemon_.takeDown();
+    static_cast<void>(sample_.check());
+}
+
+TEST_P(Binding, RepliesToAReclaimWithNothingLocked) {
+    daemon_.bringUp(resource());
+    const Answer file = daemon_.create(daemon_.root(), "file");
+    __block int found = 0;
+    [daemon_.volume() reclaimItem:file.item()
+                     replyHandler:^(NSError *) {
+                         const Answer again = daemon_.lookup(daemon_.root(), "file");
+                         found += again.ok() && daemon_.reclaim(again.item()).ok();
+                     }];
+    EXPECT_EQ(found, 1);
     daemon_.takeDown();
 }
 

@@ -63,6 +63,8 @@ class Daemon {
     void bringUp(FSResource *resource, NSArray<NSString *> *words = @[]);
     // Synchronises, unmounts, reclaims what is held, deactivates and unloads; checks each answer.
     void takeDown();
+    Answer unmount();
+    Answer deactivate();
     // takeDown without an opinion on the answers, which are returned in order.
     std::vector<Answer> abandon();
     Answer check(NSArray<NSString *> *words, RecordingTask *task);

@@ -80,19 +80,21 @@ void Daemon::bringUp(FSResource *resource, NSArray<NSString *> *words) {
     ASSERT_EQ(mounted.code(), 0);
 }
 
+Answer Daemon::unmount() {
+    return ask<>([&](auto reply) { [volume() unmountWithReplyHandler:reply]; });
+}
+
+Answer Daemon::deactivate() {
+    return ask<NSError *>([&](auto reply) {
+        if (hasHandlers()) {
+            [handlers() deactivateVolumeWithOptions:0 replyHandler:reply];
+        } else {
+            [first() deactivateWithOptions:0 replyHandler:reply];
+        }
+    });
+}
+
 std::vector<Answer> Daemon::abandon() {
-    const auto unmount = [this] {
-        return ask<>([&](auto reply) { [volume() unmountWithReplyHandler:reply]; });
-    };
-    const auto deactivate = [this] {
-        return ask<NSError *>([&](auto reply) {
-            if (hasHandlers()) {
-                [handlers() deactivateVolumeWithOptions:0 replyHandler:reply];
-            } else {
-                [first() deactivateWithOptions:0 replyHandler:reply];
-            }
-        });
-    };
     return {synchronize(), unmount(), reclaim(root()), deactivate(), unload()};
 }
 
