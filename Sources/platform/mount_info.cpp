@@ -48,8 +48,8 @@ std::optional<MountEntry> parseMount(const std::string& line) {
 
 } // namespace
 
-std::vector<MountEntry> mountTable() {
-    std::ifstream table("/proc/self/mountinfo");
+std::vector<MountEntry> mountTable(const std::filesystem::path& path) {
+    std::ifstream table(path);
     std::vector<MountEntry> entries;
     for (std::string line; std::getline(table, line);) {
         if (std::optional<MountEntry> entry = parseMount(line)) {

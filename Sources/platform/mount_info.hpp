@@ -22,7 +22,8 @@ struct MountEntry {
 };
 
 /// In the order of the table: of mounts on one directory the topmost is the last. Empty where there
-/// is no such table. Any thread.
-[[nodiscard]] std::vector<MountEntry> mountTable();
+/// is no such table. Any thread. Another process's table is that of its own mount namespace.
+[[nodiscard]] std::vector<MountEntry>
+mountTable(const std::filesystem::path& table = "/proc/self/mountinfo");
 
 } // namespace tavelin

@@ -71,7 +71,7 @@ TEST_F(MountSystem, RemountsChangeWhatTheKernelChecks) {
     EXPECT_EQ(errorOf(::access(path("file").c_str(), X_OK)), EACCES);
 }
 
-// As two containers use it.
+// As two containers use it. The volume is let go of when nobody has it any more.
 TEST_F(MountSystem, NamespacesShareAMount) {
     const std::string directory = served_->directory();
     writeFile(*this / "file", "from outside");
@@ -83,6 +83,15 @@ TEST_F(MountSystem, NamespacesShareAMount) {
     EXPECT_EQ(inside.status, 0) << inside.describe();
     EXPECT_EQ(inside.out, "from outside");
     EXPECT_EQ(readFile(*this / "other"), "from inside\n") << "it is still served here";
+    RunningProcess holder(
+        {"unshare", "--mount", "--propagation", "private", "sh", "-c", "echo ready; read line"});
+    EXPECT_EQ(holder.readLine(), "ready");
+    const ProcessResult left = run({TAVELIN_PROGRAM, "umount", directory});
+    EXPECT_EQ(left.status, 1) << left.describe();
+    EXPECT_NE(left.err.find("mounted elsewhere"), std::string::npos) << left.describe();
+    EXPECT_EQ(holder.finish("\n").status, 0);
+    EXPECT_EQ(served_->awaitEnd(), 0);
+    mount();
 }
 
 // Where a mount is not, or not quite, what was asked for.

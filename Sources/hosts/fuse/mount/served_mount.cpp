@@ -4,6 +4,7 @@
 #include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/protocol/server_identity.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <grp.h>
 #include <optional>
 #include <poll.h>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/syscall.h>
@@ -22,6 +24,8 @@
 #include <unistd.h>
 
 namespace tavelin::fusehost {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -104,6 +108,28 @@ std::filesystem::path imageOf(const MountEntry& mount) {
                                                                        : source;
 }
 
+bool isIn(const std::vector<MountEntry>& table, const MountEntry& mount) {
+    return std::ranges::any_of(table, [&](const MountEntry& entry) {
+        return entry.device == mount.device && entry.type == mount.type;
+    });
+}
+
+// Looks through the namespaces of all processes that this one may look at: for root, all.
+bool isMountedInANamespace(const MountEntry& mount) {
+    std::set<fs::path> seen;
+    std::error_code failed;
+    for (fs::directory_iterator process("/proc", failed), end; !failed && process != end;
+         process.increment(failed)) {
+        std::error_code hidden; // or no process, or one that has ended
+        const fs::path space = fs::read_symlink(process->path() / "ns/mnt", hidden);
+        if (!hidden && seen.insert(space).second &&
+            isIn(mountTable(process->path() / "mountinfo"), mount)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 ServedMount::ServedMount(const MountEntry& mount) : mount_(mount) {
@@ -119,22 +145,23 @@ bool isOurs(const MountEntry& mount) noexcept {
 }
 
 bool ServedMount::isMountedElsewhere() const {
-    for (const MountEntry& entry : mountTable()) {
-        if (entry.device == mount_.device && entry.type == mount_.type) {
-            return true;
-        }
+    if (isIn(mountTable(), mount_)) {
+        return true;
     }
     // Of mounts in other namespaces, the list of connections knows, where it is mounted itself. It
     // has each by its device number for as long as the file system is mounted anywhere.
+    const fs::path connections = "/sys/fs/fuse/connections";
+    std::error_code unknown;
+    if (fs::is_empty(connections, unknown) || unknown) {
+        return isMountedInANamespace(mount_);
+    }
     unsigned major = 0;
     unsigned minor = 0;
     if (std::sscanf(mount_.device.c_str(), "%u:%u", &major, &minor) != 2) {
         return false;
     }
     constexpr unsigned kMinorBits = 20;
-    std::error_code unknown;
-    return std::filesystem::exists(
-        "/sys/fs/fuse/connections/" + std::to_string(major << kMinorBits | minor), unknown);
+    return fs::exists(connections / std::to_string(major << kMinorBits | minor), unknown);
 }
 
 bool ServedMount::awaitServer() const {
