@@ -4,6 +4,8 @@
 #include "platform/error_numbers.hpp"
 
 #include <algorithm>
+#include <limits>
+#include <malloc.h>
 
 namespace tavelin {
 namespace {
@@ -123,6 +125,32 @@ TEST_F(Enumeration, AListingIsKeptForAsLongAsItIsRead) {
     }
     EXPECT_EQ(volume().keptEntries(), 10 * KeptListings::kListingsMax) << "who stops often";
     EXPECT_EQ(list(again, 3).size(), 9u) << "the last is still there";
+}
+
+TEST_F(Enumeration, MemoryIsThatOfWhatIsOpen) {
+    constexpr std::size_t kEntries = 2'000;
+    constexpr std::size_t kEntryBytesMax = 200;
+    const Item directory = *requests().create(root, "folder", Type::directory);
+    volume().ntfs->populateCache();
+    for (std::size_t i = 0; i < kEntries; ++i) {
+        volume().ntfs->create(std::to_string(1000 + i), recordOf(directory), NTFSItemType::file);
+    }
+    static_cast<void>(readInPages(volume(), directory, true, [](const Names&) {}));
+    const auto inUse = [] { return ::mallinfo2().uordblks; };
+    const std::size_t before = inUse();
+    list(directory, 0, {}, true, 1);
+    EXPECT_EQ(volume().keptEntries(), kEntries);
+    EXPECT_LE(inUse(), before + kEntries * kEntryBytesMax);
+    list(directory, std::numeric_limits<std::int64_t>::max(), {}, true); // as told with the last
+    EXPECT_EQ(volume().keptEntries(), 0u);
+    EXPECT_LE(inUse(), before + kEntryBytesMax) << "the listing is over";
+
+    for (std::size_t i = 0; i < kEntries; ++i) {
+        EXPECT_EQ(requests().lookup(directory, std::to_string(1000 + i)).code(), 0);
+    }
+    EXPECT_LE(inUse(), before + kEntries * kEntryBytesMax);
+    volume().reclaimAll();
+    EXPECT_LE(inUse(), before + kEntries * 16) << "the table's own room is all that is left";
 }
 
 TEST_F(Enumeration, NoNameIsSkippedOrRepeatedWhateverChangesBetweenPages) {
