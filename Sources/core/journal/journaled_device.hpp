@@ -172,6 +172,9 @@ class JournaledDevice final : public BlockDevice {
     /// Of a volume without a journal: sets the flag before the first write of a busy period.
     [[nodiscard]] std::int32_t writeUnjournaled(const std::byte* source, std::uint64_t offset,
                                                 std::uint64_t length) noexcept;
+    /// Writes what covers a page of the dirty flag, with the flag set in it.
+    [[nodiscard]] std::int32_t writeMarked(const std::byte* source, std::uint64_t offset,
+                                           std::uint64_t length) noexcept;
     /// What settle() has to do where there is a session of the journal.
     [[nodiscard]] std::int32_t settleJournaled() noexcept;
     /// Without a journal: clears the flag when the busy period is over.

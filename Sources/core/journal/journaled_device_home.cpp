@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
+#include <vector>
 
 namespace tavelin {
 
@@ -172,14 +174,64 @@ std::int32_t JournaledDevice::writeUnjournaled(const std::byte* source, std::uin
         }
         isBusy_ = true;
     }
-    if (const std::int32_t error = inner_->write(source, offset, length); error != 0) {
-        return error;
-    }
     const std::uint64_t last = (offset + length - 1) / kPage;
     const bool isTouched = std::any_of(flagPages_.begin(), flagPages_.end(), [&](auto page) {
         return page >= offset / kPage && page <= last;
     });
-    return isTouched && isMarked_ ? writeFlag(true) : 0;
+    return isTouched && isMarked_ ? writeMarked(source, offset, length)
+                                  : inner_->write(source, offset, length);
+}
+
+std::int32_t JournaledDevice::writeMarked(const std::byte* source, std::uint64_t offset,
+                                          std::uint64_t length) noexcept {
+    // The flag is set in a copy of what is written, which lies over the device: there must be no
+    // moment without it. What lies beside it has the flag already.
+    struct Overlay {
+        BlockDevice& device;
+        std::uint64_t offset;
+        std::vector<std::byte> content;
+
+        // Copies what the two ranges share, from or to `bytes`.
+        void exchange(std::byte* to, const std::byte* from, std::uint64_t at, std::uint64_t count) {
+            const std::uint64_t begin = std::max(at, offset);
+            const std::uint64_t end = std::min(at + count, offset + content.size());
+            if (begin < end) {
+                std::byte* const own = content.data() + (begin - offset);
+                std::memcpy(to != nullptr ? to + (begin - at) : own,
+                            to != nullptr ? own : from + (begin - at), end - begin);
+            }
+        }
+    };
+    try {
+        Overlay overlay{*inner_, offset, {source, source + length}};
+        const ntb_io io{
+            .context = &overlay,
+            .read =
+                [](void* context, void* to, std::uint64_t at, std::uint64_t count) noexcept {
+                    auto& over = *static_cast<Overlay*>(context);
+                    auto* const bytes = static_cast<std::byte*>(to);
+                    const std::int32_t error = over.device.read(bytes, at, count);
+                    over.exchange(bytes, nullptr, at, count);
+                    return error;
+                },
+            .write =
+                [](void* context, const void* from, std::uint64_t at,
+                   std::uint64_t count) noexcept {
+                    static_cast<Overlay*>(context)->exchange(
+                        nullptr, static_cast<const std::byte*>(from), at, count);
+                    return 0;
+                },
+            .write_data = nullptr,
+            .sync = nullptr,
+            .size = size(),
+            .block_size = blockSize()};
+        const std::int32_t error = ntb_set_dirty(&io, 1);
+        return error != 0 && error != EINVAL
+                   ? error
+                   : inner_->write(overlay.content.data(), offset, length);
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
 }
 
 std::int32_t JournaledDevice::settleUnjournaled() noexcept {

@@ -262,6 +262,10 @@ std::int32_t JournaledDevice::leaveJournal() noexcept {
     if (const std::int32_t error = writePages(fileData_); error != 0) {
         return error;
     }
+    // At home the flag is set already, so this changes pages only that are pending anyway.
+    if (const std::int32_t error = isMarked_ ? putFlag(true) : 0; error != 0) {
+        return error;
+    }
     if (const std::int32_t error = writeHome(pending_); error != 0) {
         return error;
     }

@@ -134,10 +134,12 @@ TEST(DirtyFlag, IsSetWithoutAJournalToo) {
         ASSERT_NE(device->absence(), JournalAbsence::none);
         for (const char* name : {"first", "second"}) {
             disk->events.clear();
+            const Bytes before = disk->image;
             ntfs->create(name, kRoot, NTFSItemType::file);
             ntfs->setLabel(name);
             ntfs->sync();
             EXPECT_TRUE(isDirty(disk));
+            expectFlagFirst(*disk, before);
             if (!found) {
                 EXPECT_TRUE(disk->events.at(2).flush) << "both copies, and then a flush";
             }

@@ -123,6 +123,17 @@ inline void setDirty(const std::shared_ptr<Disk>& disk) {
     EXPECT_EQ(ntb_set_dirty(&io, 1), 0);
 }
 
+// Whatever was written outside of $LogFile, the dirty flag came first, and stayed.
+inline void expectFlagFirst(const Disk& disk, const Bytes& base) {
+    const auto seen = std::make_shared<Disk>(base);
+    for (const DiskEvent& event : disk.events) {
+        const bool isLog = event.offset - volume().log.offset < volume().log.length;
+        std::copy(event.content.begin(), event.content.end(),
+                  seen->image.begin() + static_cast<std::ptrdiff_t>(event.offset));
+        ASSERT_TRUE(event.flush || isLog || isDirty(seen)) << event.offset;
+    }
+}
+
 // Each kind, and enough of the random ones that whatever may reach the disk before something else
 // does so.
 inline const std::vector<Cut>& manyCuts() {

@@ -347,6 +347,7 @@ TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
                 create(*ntfs, std::to_string(i));
             }
             EXPECT_TRUE(isDirty(disk));
+            expectFlagFirst(*disk, volume().image);
             disk->unwritable.insert(sector);
             for (int i = 0; i < 3; ++i) {
                 static_cast<void>(device->settle());

@@ -207,6 +207,22 @@ TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
     EXPECT_EQ(valueAt(disk->image, (volume().work + count - 1) * kPage), 88u);
 }
 
+// The disk may have dropped it, so no record may make it reachable.
+TEST(Journal, SyncsBulkDataAgainAfterASyncThatFailed) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    device->expectBulkData(true);
+    writePages(*device, 2, 9, NTB_CACHED_BYTES_MAX / kPage + 1);
+    device->expectBulkData(false);
+    writePages(*device, 3, 1, 1);
+    disk->isSyncFailing = true;
+    EXPECT_EQ(device->sync(), EIO);
+    disk->isSyncFailing = false;
+    disk->events.clear();
+    EXPECT_EQ(device->sync(), 0);
+    EXPECT_TRUE(disk->events.at(0).flush);
+}
+
 TEST(Journal, GivesUpNoRecordThatItCannotReadBack) {
     const auto disk = std::make_shared<Disk>(volume().image);
     const auto device = mounted(disk);
