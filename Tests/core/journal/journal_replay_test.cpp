@@ -400,6 +400,7 @@ TEST(Replay, TakesNoPassingFaultForALostSector) {
         }
         EXPECT_EQ(valueAt(disk->image, volume().work * kPage), 77u) << call;
         EXPECT_TRUE(isLogBlank(*disk)) << call;
+        EXPECT_EQ(device.absence(), JournalAbsence::none) << call;
     }
 }
 

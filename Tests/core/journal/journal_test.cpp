@@ -207,6 +207,38 @@ TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
     EXPECT_EQ(valueAt(disk->image, (volume().work + count - 1) * kPage), 88u);
 }
 
+TEST(Journal, TakesTheLongestRecordAgainAndAgain) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    disk->image.resize(16u << 20); // the volume has not so many pages beside the log
+    const auto device = mounted(disk);
+    const std::uint64_t pages = device->backlog().capacity;
+    // More file data than a record can name goes home before it, and must stay there.
+    writePages(*device, 4, 0, 1);
+    ASSERT_EQ(device->sync(), 0);
+    writePages(*device, 4, 0, 1);
+    const Bytes many = pagesOf(4, pages);
+    EXPECT_EQ(device->writeFileData(many.data(), (volume().work + 2 * pages) * kPage, many.size()),
+              0);
+    disk->events.clear();
+    EXPECT_EQ(device->sync(), 0);
+    const auto record = std::ranges::find_if(disk->events, [](const DiskEvent& event) {
+        return event.offset - volume().log.offset < volume().log.length;
+    });
+    EXPECT_TRUE(std::any_of(disk->events.begin(), record,
+                            [](const DiskEvent& event) { return event.flush; }));
+    for (const std::uint64_t round : {1, 2, 3}) {
+        writePages(*device, round, 0, pages);
+        const Bytes data = pagesOf(round, (pages + kFlagPages) / 2); // as many as it can name
+        EXPECT_EQ(device->writeFileData(data.data(), (volume().work + pages) * kPage, data.size()),
+                  0);
+        Bytes seen(kPage);
+        EXPECT_EQ(device->read(seen.data(), (volume().work + pages) * kPage, kPage), 0);
+        EXPECT_EQ(valueAt(seen, 0), round) << "it waits";
+        EXPECT_EQ(device->sync(), 0) << round;
+        EXPECT_EQ(valueAt(disk->image, (volume().work + pages - 1) * kPage), round);
+    }
+}
+
 // The disk may have dropped it, so no record may make it reachable.
 TEST(Journal, SyncsBulkDataAgainAfterASyncThatFailed) {
     const auto disk = std::make_shared<Disk>(volume().image);
@@ -221,6 +253,10 @@ TEST(Journal, SyncsBulkDataAgainAfterASyncThatFailed) {
     disk->events.clear();
     EXPECT_EQ(device->sync(), 0);
     EXPECT_TRUE(disk->events.at(0).flush);
+    writePages(*device, 4, 1, 1);
+    disk->events.clear();
+    EXPECT_EQ(device->sync(), 0);
+    EXPECT_FALSE(disk->events.at(0).flush) << "nothing waits for it";
 }
 
 TEST(Journal, GivesUpNoRecordThatItCannotReadBack) {
