@@ -197,6 +197,12 @@ TEST_F(EventLogFailureTest, WithoutAFileOrADirectoryOrATimeItIsInert) {
     EventLog blocked(directory / "folder");
     std::filesystem::create_directory(directory / "folder");
     expectInert(blocked);
+
+    writeFile(directory / "of somebody else", "kept");
+    std::filesystem::create_symlink("of somebody else", directory / "planted");
+    EventLog planted(directory / "planted");
+    expectInert(planted);
+    EXPECT_EQ(readFile(directory / "of somebody else"), "kept");
 }
 
 TEST_F(EventLogFailureTest, AFileThatVanishesIsMadeAgainADirectoryIsNot) {
