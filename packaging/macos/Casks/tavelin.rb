@@ -21,7 +21,8 @@ cask "tavelin" do
   app "Tavelin.app"
 
   uninstall quit: "org.tavelin.Tavelin"
-  zap trash: "~/Library/Group Containers/group.org.tavelin.Tavelin"
+  # The group begins with the identifier of the team that signed.
+  zap trash: "~/Library/Group Containers/*.org.tavelin.Tavelin"
 
   caveats <<~TEXT
     Open Tavelin once, then switch its file-system extension on:

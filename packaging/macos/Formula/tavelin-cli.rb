@@ -17,6 +17,7 @@ class TavelinCli < Formula
   depends_on "cli11" => :build
   depends_on "pkgconf" => :build
   depends_on "fmt"
+  depends_on "openssl@3" # libcrypto
   depends_on "utf8proc"
 
   resource "ntfs-3g" do # no formula has it without FUSE
