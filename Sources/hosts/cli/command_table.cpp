@@ -117,7 +117,7 @@ constexpr std::array kCommands{
             defineMount},
     Command{"umount", kMount, "Write everything out and take the volume away again", "DIR",
             "umount ~/disk", defineUnmount},
-    Command{"mounts", kMount, "Show which volumes are mounted, where, and how they are", "[--json]",
+    Command{"mounts", kMount, "Show what is mounted, where, and how", "[--json]",
             "mounts", defineMounts},
 #endif
     Command{"events", kDiagnose, "Show the module's event log",
