@@ -12,8 +12,6 @@ namespace {
 
 using namespace test;
 
-constexpr std::uint64_t kRoot = NTFSVolume::kRootIno;
-
 // Walks a file's regions: what is called a hole must be zero.
 std::uint64_t bytesOfHoles(NTFSVolume& volume, std::uint64_t ino, const std::string& content) {
     const auto next = [&](std::uint64_t from, bool hole) {
@@ -42,9 +40,9 @@ TEST(Allocation, RandomRangesMatchAString) {
         const SampleVolume sample({.bytes = 64 << 20, .clusterSize = clusterSize});
         const auto volume =
             NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
-        const std::uint64_t ino = volume->create("file", kRoot, NTFSItemType::file);
-        volume->create("next", kRoot, NTFSItemType::file);
-        const std::uint64_t other = volume->lookup("next", kRoot);
+        const std::uint64_t ino = volume->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
+        volume->create("next", NTFSVolume::kRootIno, NTFSItemType::file);
+        const std::uint64_t other = volume->lookup("next", NTFSVolume::kRootIno);
         const std::uint64_t free = volume->statfs().freeBytes();
         std::string model;
         for (int step = 0; step < 120; ++step) {
@@ -101,7 +99,7 @@ TEST(Allocation, RandomRangesMatchAString) {
 TEST(Allocation, TakesItsSpaceAtOnceOrNotAtAll) {
     const SampleVolume sample;
     const auto volume = NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
-    const std::uint64_t ino = volume->create("file", kRoot, NTFSItemType::file);
+    const std::uint64_t ino = volume->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
     volume->write(ino, 0, bytesOf("text"));
     const std::uint64_t free = volume->statfs().freeBytes();
     EXPECT_EQ(codeOf([&] { volume->allocate(ino, 0, free, NTFSAllocation::reserve); }), kENOSPC);
@@ -113,7 +111,7 @@ TEST(Allocation, TakesItsSpaceAtOnceOrNotAtAll) {
     EXPECT_EQ(volume->attributes(ino).size, 4u);
     EXPECT_LE(volume->statfs().freeBytes() + kLength, free);
     // The room is the file's: others fill the volume, and it is written to all the same.
-    const std::uint64_t other = volume->create("other", kRoot, NTFSItemType::file);
+    const std::uint64_t other = volume->create("other", NTFSVolume::kRootIno, NTFSItemType::file);
     for (std::uint64_t at = 0;; at += 65536) {
         if (codeOf([&] { volume->write(other, at, bytesOf(std::string(65536, 'x'))); }) != 0) {
             break;

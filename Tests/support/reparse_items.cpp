@@ -134,7 +134,9 @@ const std::vector<ReparseItem>& reparseItems() {
         refused("application", 0x8000001B),
         refused("storage", 0xC0000004),
         refused("projected", 0x9000001C),
-        refused("foreign", 0x00000042, std::string(16, 'g') + "of some vendor"),
+        refused("foreign", 0x00000042,
+                "sixteen bytes id"
+                "of some vendor"),
         {"symlink", 0xA000000C, Kind::link, symlinkData("..\\real\\file", true), "../real/file"},
         {"junction", 0xA0000003, Kind::link, junctionData("C:\\real"), "../real"},
         {"wsl link", 0xA000001D, Kind::link, wslLinkData("/mnt/c/real"), "/mnt/c/real"},

@@ -9,8 +9,6 @@
 namespace tavelin::test {
 namespace {
 
-constexpr auto kRoot = NTFSVolume::kRootIno;
-
 std::shared_ptr<Disk> foundAs(bool dirty, const Bytes& image) {
     const auto disk = std::make_shared<Disk>(image);
     if (dirty) {
@@ -110,7 +108,7 @@ TEST(DirtyFlag, OutlastsWhatTheLibraryWritesOfItsRecord) {
         const auto device = std::make_shared<JournaledDevice>(disk);
         const auto ntfs = opened(device);
         for (const char* label : {"a", "another", ""}) {
-            ntfs->create(std::string("file") + label, kRoot, NTFSItemType::file);
+            ntfs->create(std::string("file") + label, NTFSVolume::kRootIno, NTFSItemType::file);
             ntfs->sync();
             ntfs->setLabel(label);
             ntfs->sync();
@@ -135,7 +133,7 @@ TEST(DirtyFlag, IsSetWithoutAJournalToo) {
         for (const char* name : {"first", "second"}) {
             disk->events.clear();
             const Bytes before = disk->image;
-            ntfs->create(name, kRoot, NTFSItemType::file);
+            ntfs->create(name, NTFSVolume::kRootIno, NTFSItemType::file);
             ntfs->setLabel(name);
             ntfs->sync();
             EXPECT_TRUE(isDirty(disk));
@@ -165,7 +163,7 @@ TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
     {
         const auto device = std::make_shared<JournaledDevice>(disk);
         const auto ntfs = opened(device);
-        directory = ntfs->create("directory", kRoot, NTFSItemType::directory);
+        directory = ntfs->create("directory", NTFSVolume::kRootIno, NTFSItemType::directory);
         for (int i = 0; i < 60; ++i) {
             ntfs->create(fmt::format("an entry with a long name {}", i), directory,
                          NTFSItemType::file);
@@ -190,7 +188,7 @@ TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
         EXPECT_THROW(static_cast<void>(ntfs->list(directory)), NTFSError);
         services.timers().tick();
         EXPECT_EQ(isDirty(disk), isDamaged);
-        ntfs->create(isDamaged ? "a" : "b", kRoot, NTFSItemType::file);
+        ntfs->create(isDamaged ? "a" : "b", NTFSVolume::kRootIno, NTFSItemType::file);
         ntfs->unmount();
         EXPECT_EQ(device->close(), 0);
         EXPECT_EQ(isDirty(disk), isDamaged);

@@ -10,7 +10,6 @@ namespace {
 
 using Options = std::vector<std::string>;
 
-constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 TEST(BadInput, ChangesNothingAndSaysWhatToDo) {

@@ -20,8 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kFailed = 1;
-
 std::string randomBytes(std::size_t count) {
     std::string bytes(count, '\0');
     std::uint32_t state = 12345;

@@ -8,8 +8,6 @@
 namespace tavelin::test {
 namespace {
 
-constexpr int kFailed = 1;
-
 TEST(FailingImage, AFullVolumeKeepsWhatItHas) {
     const SampleVolume volume;
     const std::string image = volume.image();

@@ -12,6 +12,9 @@
 
 namespace tavelin::test {
 
+// Exit status of a command that failed with a message.
+inline constexpr int kFailed = 1;
+
 // Runs the built `tavelin` with these words; `input` becomes its standard input.
 ProcessResult tavelinRun(std::vector<std::string> words, const std::string& input = {});
 // As above, but the test fails when it does not answer 0. Answers standard output.

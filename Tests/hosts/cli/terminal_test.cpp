@@ -59,9 +59,9 @@ TEST(Terminal, NamesCannotDriveIt) {
         EXPECT_EQ(shown.find("\nfake"), std::string::npos) << words.front() << ": " << shown;
         EXPECT_NE(shown.find("\\x1b"), std::string::npos) << words.front() << ": " << shown;
     }
-    const std::string json = onTerminal({"ls", "--json", volume.image()}, "1");
-    EXPECT_EQ(json.find('\x1b'), std::string::npos) << json;
-    EXPECT_NE(json.find("\\u001b"), std::string::npos) << json;
+    const std::string listing = onTerminal({"ls", "--json", volume.image()}, "1");
+    EXPECT_EQ(listing.find('\x1b'), std::string::npos) << listing;
+    EXPECT_NE(listing.find("\\u001b"), std::string::npos) << listing;
     // A program gets the name itself.
     EXPECT_EQ(tavelinDone({"ls", volume.image()}), evil + "\nlink\n");
 }
