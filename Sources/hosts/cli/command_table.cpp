@@ -117,8 +117,8 @@ constexpr std::array kCommands{
             defineMount},
     Command{"umount", kMount, "Write everything out and take the volume away again", "DIR",
             "umount ~/disk", defineUnmount},
-    Command{"mounts", kMount, "Show what is mounted, where, and how", "[--json]",
-            "mounts", defineMounts},
+    Command{"mounts", kMount, "Show what is mounted, where, and how", "[--json]", "mounts",
+            defineMounts},
 #endif
     Command{"events", kDiagnose, "Show the module's event log",
             "[-n N] [--follow] [--since OFFSET] [--json]",
