@@ -72,6 +72,9 @@ TavelinVolume::preallocateSpace(const fskit::FSItemRef& item, std::int64_t offse
         if ((flags & fskit::FSPreallocateFlagsContiguous) != 0) {
             return fskit::fs_errorForPOSIXError(kENOTSUP);
         }
+        if (offset < 0 && (flags & fskit::FSPreallocateFlagsFromEOF) == 0) {
+            return fskit::fs_errorForPOSIXError(kEINVAL);
+        }
         const NTFSAttributes before = ntfs->attributes(own.reference);
         const std::uint64_t start = (flags & fskit::FSPreallocateFlagsFromEOF) != 0
                                         ? std::max(before.size, before.allocSize)
@@ -93,7 +96,11 @@ TavelinVolume::preallocateSpace(const fskit::FSItemRef& item, std::int64_t offse
 
 Outcome<std::uint64_t> TavelinVolume::seekRegion(const fskit::FSItemRef& item, std::int64_t offset,
                                                  fskit::FSSeekRegion region) {
-    return seek(item, unsignedOffset(offset), region == fskit::FSSeekRegion::hole);
+    // A program's own offset, which nobody may have looked at before.
+    if (offset < 0) {
+        return fskit::fs_errorForPOSIXError(kEINVAL);
+    }
+    return seek(item, static_cast<std::uint64_t>(offset), region == fskit::FSSeekRegion::hole);
 }
 
 } // namespace tavelin

@@ -48,6 +48,9 @@ std::string_view TavelinVolume::renamedTo(std::string_view given, std::uint64_t 
     if (isOther) {
         return stored;
     }
+    if (present && memory.empty()) {
+        return given; // its name already: the composed one may be another item's
+    }
     memory = composed(given);
     return memory;
 }

@@ -91,6 +91,13 @@ TEST_F(Changes, AWriteThatFillsTheVolumeTellsHowMuchWentIn) {
     EXPECT_TRUE(*ask.read(file, 0, written, written) == content.substr(0, written));
 }
 
+TEST_F(Changes, OffsetsBeforeTheFileAreRefused) {
+    start();
+    const Item file = *requests().create(root, "file");
+    EXPECT_EQ(codeOf(volume().seekRegion(file, -1, fskit::FSSeekRegion::hole)), kEINVAL);
+    EXPECT_EQ(codeOf(volume().preallocateSpace(file, -1, 1, {})), kEINVAL);
+}
+
 TEST_F(Changes, TheLastCloseWritesBackWhatWasChanged) {
     start();
     auto ask = requests();

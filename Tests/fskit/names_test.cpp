@@ -102,6 +102,8 @@ TEST_F(NamesTest, TheGivenFormComesFirstAndTheOptionTurnsTheRestOff) {
     const Item mac = make(kMac);
     EXPECT_EQ(*requests().lookup(root, kWindows), windows);
     EXPECT_EQ(*requests().lookup(root, kMac), mac);
+    EXPECT_EQ(requests().rename(mac, root, kMac, root, kMac).code(), 0);
+    EXPECT_EQ(*requests().lookup(root, kWindows), windows) << "nobody asked for its end";
     EXPECT_EQ(requests().remove(mac, root, kMac), 0);
     EXPECT_EQ(listed(), Names{kWindows});
 
