@@ -23,7 +23,8 @@ LOADER.exec_module(first_run)
 # What a Mac is expected to print, by the title of the step.
 GOOD = {
     "The program": "T:\n\t/usr/lib/libSystem.B.dylib (x)\n\t/System/Library/F (y)\nstatus 0",
-    "Its classes": "… (__DATA) external _OBJC_CLASS_$_TavelinFileSystem\nstatus 0",
+    "Its classes": "x _OBJC_CLASS_$_TavelinFileSystem\nx _OBJC_CLASS_$_TavelinHandlerVolume\n"
+                   "x _OBJC_CLASS_$_TavelinVolume\nstatus 0",
     "The signature": '  "com.apple.developer.fskit.fsmodule" => true\nstatus 0',
     "Registration": "+ org.tavelin.Tavelin.fsmodule(0.1.0) /Applications\nstatus 0",
     "The switch": "status 0",
