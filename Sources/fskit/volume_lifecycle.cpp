@@ -186,9 +186,9 @@ Outcome<fskit::FSFileName> TavelinVolume::setVolumeName(const fskit::FSFileName&
     return attempt<"setVolumeName">([&] {
         requireChangeable();
         const std::string_view given = name(newName);
-        const fskit::FSFileName stored = normalizesNames_ && mayHaveOtherForms(given)
-                                             ? fskit::FSFileName(composed(given))
-                                             : newName;
+        fskit::FSFileName stored = normalizesNames_ && mayHaveOtherForms(given)
+                                       ? fskit::FSFileName(composed(given))
+                                       : newName;
         ntfs->setLabel(stored.data());
         setName(stored);
         return stored;
