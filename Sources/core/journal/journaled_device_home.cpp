@@ -6,8 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <new>
+#include <span>
+#include <utility>
 #include <vector>
 
 namespace tavelin {
@@ -188,18 +189,17 @@ std::int32_t JournaledDevice::writeMarked(const std::byte* source, std::uint64_t
     // moment without it. What lies beside it has the flag already.
     struct Overlay {
         BlockDevice& device;
-        std::uint64_t offset;
+        const std::uint64_t offset;
         std::vector<std::byte> content;
 
-        // Copies what the two ranges share, from or to `bytes`.
-        void exchange(std::byte* to, const std::byte* from, std::uint64_t at, std::uint64_t count) {
+        // What it has of [at, at + count): its own bytes, and their place in the range.
+        std::pair<std::span<std::byte>, std::uint64_t> shared(std::uint64_t at,
+                                                              std::uint64_t count) noexcept {
             const std::uint64_t begin = std::max(at, offset);
             const std::uint64_t end = std::min(at + count, offset + content.size());
-            if (begin < end) {
-                std::byte* const own = content.data() + (begin - offset);
-                std::memcpy(to != nullptr ? to + (begin - at) : own,
-                            to != nullptr ? own : from + (begin - at), end - begin);
-            }
+            return begin < end ? std::pair(std::span(content).subspan(begin - offset, end - begin),
+                                           begin - at)
+                               : std::pair(std::span<std::byte>(), std::uint64_t{0});
         }
     };
     try {
@@ -211,14 +211,16 @@ std::int32_t JournaledDevice::writeMarked(const std::byte* source, std::uint64_t
                     auto& over = *static_cast<Overlay*>(context);
                     auto* const bytes = static_cast<std::byte*>(to);
                     const std::int32_t error = over.device.read(bytes, at, count);
-                    over.exchange(bytes, nullptr, at, count);
+                    const auto [own, place] = over.shared(at, count);
+                    std::copy(own.begin(), own.end(), bytes + place);
                     return error;
                 },
             .write =
                 [](void* context, const void* from, std::uint64_t at,
                    std::uint64_t count) noexcept {
-                    static_cast<Overlay*>(context)->exchange(
-                        nullptr, static_cast<const std::byte*>(from), at, count);
+                    const auto [own, place] = static_cast<Overlay*>(context)->shared(at, count);
+                    std::copy_n(static_cast<const std::byte*>(from) + place, own.size(),
+                                own.begin());
                     return 0;
                 },
             .write_data = nullptr,

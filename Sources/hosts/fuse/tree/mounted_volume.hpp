@@ -87,8 +87,7 @@ class MountedVolume {
     Outcome<fskit::FSItemAttributes> setAttributes(const Node& node,
                                                    fskit::FSItemSetAttributesRequest& changes);
 
-    /// Counts a directory's streams, so that its listing goes with the last of them.
-    /// Counts one more stream.
+    /// Counts one more stream of a directory, whose listing goes with the last of them.
     void openDirectory(Node& directory);
     /// The last stream takes the listing with it.
     void closeDirectory(Node& directory);
@@ -129,8 +128,8 @@ class MountedVolume {
     Outcome<void> rename(const Renaming& renaming, const ItemRef& over);
     /// A rename onto a name that is taken: keeps the replaced file for those who have it open.
     Outcome<void> replace(const Renaming& renaming, const Found& old);
-    template<typename Remove>
     /// Removes a name with `remove`, and tells the kernel of all names that go with it.
+    template<typename Remove>
     Outcome<void> remove(Node& directory, std::string_view name, Remove&& remove);
     /// Names in one directory.
     using Names = std::vector<std::string>;
