@@ -161,6 +161,15 @@ TEST(Namespace, Renames) {
     EXPECT_EQ(volume.list(b), (std::map<std::string, uint32_t>{{"c", 2}, {"inside", 1}}));
     EXPECT_EQ(volume.find("empty"), b);
     EXPECT_EQ(volume.find("final"), readme);
+    const auto exchange = [&](uint64_t parent, const char* name, uint64_t other, const char* to) {
+        return ntb_exchange(volume, parent, name, other, to);
+    };
+    EXPECT_EQ(exchange(NTB_ROOT_INO, "empty", b, "c"), EINVAL);
+    EXPECT_EQ(exchange(b, "c", NTB_ROOT_INO, "empty"), EINVAL);
+    EXPECT_EQ(exchange(NTB_ROOT_INO, "final", b, "missing"), ENOENT);
+    EXPECT_EQ(exchange(NTB_ROOT_INO, "final", b, "c"), 0);
+    EXPECT_EQ(volume.find("c", b), readme);
+    EXPECT_EQ(exchange(b, "c", NTB_ROOT_INO, "final"), 0);
     EXPECT_EQ(volume.attributes(readme).link_count, 1u);
     EXPECT_EQ(volume.finish().cat("/final"), "text");
 }
