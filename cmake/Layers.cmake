@@ -21,7 +21,7 @@ function(tavelin_compile_together name)
   endif()
 endfunction()
 
-# tavelin_layer(NAME [SEPARATE] DEPENDS layer... LIBRARIES lib... SOURCES file...)
+# tavelin_layer(NAME [SEPARATE] [COLD] DEPENDS layer... LIBRARIES lib... SOURCES file...)
 #
 # One static library per directory of Sources/, named after the directory. Includes are written from
 # Sources/ ("core/ntfs_volume.hpp"). DEPENDS names the layers below, whose headers may appear in
@@ -29,11 +29,13 @@ endfunction()
 #
 # The sources of a layer are compiled a few at a time, since most of the time would go into the same
 # headers again: names in their anonymous namespaces are distinct throughout the layer. SEPARATE
-# compiles each alone, for a layer whose files are twins. gcc also reads the headers that most of
-# them include in the form that it compiled them to with the lowest layer, which takes the same
-# options for all: so every layer is given {fmt}.
+# compiles each alone, for a layer whose files are twins. COLD has the compiler optimise less, for a
+# layer whose code runs once a command or once a mount.
+#
+# gcc also reads the headers that most of them include in the form that it compiled them to with the
+# lowest layer, which takes the same options for all: so every layer is given {fmt}.
 function(tavelin_layer name)
-  cmake_parse_arguments(ARG "SEPARATE" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "SEPARATE;COLD" "" "DEPENDS;LIBRARIES;SOURCES" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   add_library(tavelin::${name} ALIAS ${name})
   set_target_properties(${name} PROPERTIES OUTPUT_NAME tavelin_${name})
@@ -42,6 +44,9 @@ function(tavelin_layer name)
     target_link_libraries(${name} PUBLIC tavelin::${layer})
   endforeach()
   target_link_libraries(${name} PRIVATE tavelin_flags ${TAVELIN_FMT} ${ARG_LIBRARIES})
+  if(ARG_COLD)
+    target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
+  endif()
   if(NOT ARG_SEPARATE AND NOT ARG_SOURCES MATCHES "[.]mm")
     tavelin_compile_together(${name})
   endif()
@@ -52,14 +57,14 @@ endfunction()
 
 # tavelin_test_library(NAME [PRIVATE lib...] [PUBLIC lib...] SOURCES file...)
 #
-# What several test programs share. Optimised like the layers, since volumes are copied and compared
-# in it.
+# What several test programs share. Optimised, since volumes are copied and compared in it.
 function(tavelin_test_library name)
   cmake_parse_arguments(ARG "" "" "PRIVATE;PUBLIC;SOURCES" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/Tests)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC}
     PRIVATE tavelin_flags ${TAVELIN_FMT} ${ARG_PRIVATE})
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
   tavelin_compile_together(${name})
 endfunction()
 

@@ -98,7 +98,8 @@ class Lister {
     /// The entries to show, in the order that the user asked for. The volume's own is by name.
     std::vector<DirectoryEntry> sorted(std::vector<DirectoryEntry> entries) const {
         std::erase_if(entries, [&](const auto& entry) { return !isShown(entry); });
-        const auto by = [&](const auto& before) {
+        using Before = bool (*)(const DirectoryEntry&, const DirectoryEntry&);
+        const auto by = [&](Before before) {
             std::stable_sort(entries.begin(), entries.end(), before);
         };
         if (command_.bySize) {

@@ -2,7 +2,6 @@
 
 #include "platform/assert.hpp"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -119,6 +118,14 @@ std::tm brokenDown(std::time_t seconds, bool local) {
     return result;
 }
 
+/// As strftime(3) formats it, in fewer than 64 bytes.
+std::string inFormat(const char* format, const std::tm& time) {
+    std::array<char, 64> buffer;
+    const std::size_t length = std::strftime(buffer.data(), buffer.size(), format, &time);
+    TAVELIN_ASSERT(length > 0);
+    return {buffer.data(), length};
+}
+
 } // namespace
 
 // A backslash is doubled only in a text that gets escapes. Most names with backslashes need none
@@ -174,13 +181,13 @@ std::string humanSize(std::uint64_t bytes) {
 
 std::string humanTime(const std::timespec& time, bool fraction) {
     const std::tm local = brokenDown(time.tv_sec, true);
-    return fraction
-               ? fmt::format("{:%Y-%m-%d %H:%M:%S}.{:07} {:%z}", local, time.tv_nsec / 100, local)
-               : fmt::format("{:%Y-%m-%d %H:%M:%S}", local);
+    const std::string seconds = inFormat("%Y-%m-%d %H:%M:%S", local);
+    return fraction ? fmt::format("{}.{:07} {}", seconds, time.tv_nsec / 100, inFormat("%z", local))
+                    : seconds;
 }
 
 std::string isoTime(const std::timespec& time) {
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:07}Z", brokenDown(time.tv_sec, false),
+    return fmt::format("{}.{:07}Z", inFormat("%Y-%m-%dT%H:%M:%S", brokenDown(time.tv_sec, false)),
                        time.tv_nsec / 100);
 }
 
