@@ -1,6 +1,6 @@
 #include "diagnostics/event_log.hpp"
 
-#include "diagnostics/private/json_line.hpp"
+#include "diagnostics/json.hpp"
 #include "platform/assert.hpp"
 #include "platform/file_descriptor.hpp"
 #include "platform/group_container.hpp"

@@ -1,10 +1,10 @@
 // events: the module's event log, as it is and as it grows.
 #include "diagnostics/event_log.hpp"
+#include "diagnostics/json.hpp"
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/file_watch.hpp"
-#include "hosts/cli/json.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/product.hpp"

@@ -1,26 +1,26 @@
 #include "hosts/cli/json.hpp"
 
+#include "diagnostics/json.hpp"
 #include "hosts/cli/terminal.hpp"
-
-#include <nlohmann/json.hpp>
 
 namespace tavelin::cli {
 
 std::string jsonText(std::string_view text) {
-    using JSON = nlohmann::json;
-    return JSON(text).dump(-1, ' ', isOutputTerminal(), JSON::error_handler_t::replace);
+    return tavelin::jsonText(text, isOutputTerminal());
 }
 
-std::optional<JSONMembers> jsonMembers(std::string_view text) {
-    const auto object = nlohmann::json::parse(text, nullptr, false);
-    if (!object.is_object()) {
-        return std::nullopt;
+JSONObject& JSONObject::addJSON(std::string_view key, const std::string& value) {
+    separate(text_, '{');
+    text_ += jsonText(key);
+    text_ += ':';
+    text_ += value;
+    return *this;
+}
+
+void JSONObject::separate(std::string& list, char opening) {
+    if (list.back() != opening) {
+        list += ',';
     }
-    JSONMembers members;
-    for (const auto& [key, value] : object.items()) {
-        members.emplace_back(key, value.is_string() ? value.get<std::string>() : value.dump());
-    }
-    return members;
 }
 
 } // namespace tavelin::cli

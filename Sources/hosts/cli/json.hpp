@@ -1,17 +1,13 @@
 /// JSON texts, for the programs that read the output of commands.
 ///
-/// The JSON library's headers take longer to compile than a whole command, so only json.cpp
-/// includes them. Texts that are not UTF-8 get U+FFFD in place of what is not valid. On a terminal
-/// everything but ASCII is escaped, so no name can drive it. One thread at a time.
+/// Texts that are not UTF-8 get U+FFFD in place of what is not valid. On a terminal everything but
+/// ASCII is escaped, so no name can drive it. One thread at a time.
 #pragma once
 
 #include <concepts>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace tavelin::cli {
 
@@ -23,14 +19,13 @@ namespace tavelin::cli {
 class JSONObject {
   public:
     /// Adds a member: text, a bool, an integer, an object, or a range of any of these.
-    template<typename Value>
     /// Answers the object itself, so that calls can follow each other.
+    template<typename Value>
     JSONObject& add(std::string_view key, const Value& value) {
-        members_ += (members_.empty() ? "" : ",") + jsonText(key) + ":" + textOf(value);
-        return *this;
+        return addJSON(key, textOf(value));
     }
     /// The whole object on one line.
-    [[nodiscard]] std::string text() const { return "{" + members_ + "}"; }
+    [[nodiscard]] std::string text() const { return text_ + '}'; }
 
   private:
     template<typename Value>
@@ -44,21 +39,21 @@ class JSONObject {
         } else if constexpr (std::convertible_to<const Value&, std::string_view>) {
             return jsonText(value);
         } else {
-            std::string elements;
+            std::string elements = "[";
             for (const auto& element : value) {
-                elements += (elements.empty() ? "" : ",") + textOf(element);
+                separate(elements, '[');
+                elements += textOf(element);
             }
-            return "[" + elements + "]";
+            return elements += ']';
         }
     }
+    /// Adds a member whose value is written already.
+    JSONObject& addJSON(std::string_view key, const std::string& value);
+    /// A comma before all but the first.
+    static void separate(std::string& list, char opening);
 
-    /// The members so far, separated by commas and without the braces.
-    std::string members_;
+    /// The object so far, without the closing brace.
+    std::string text_ = "{";
 };
-
-/// The members of an object in the order of their keys: strings as they are, other values as JSON.
-/// Absent when the text is no JSON object.
-using JSONMembers = std::vector<std::pair<std::string, std::string>>;
-[[nodiscard]] std::optional<JSONMembers> jsonMembers(std::string_view text);
 
 } // namespace tavelin::cli

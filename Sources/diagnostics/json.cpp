@@ -1,4 +1,4 @@
-#include "diagnostics/private/json_line.hpp"
+#include "diagnostics/json.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -70,6 +70,22 @@ std::optional<std::string> jsonLine(const Fields& record) {
     } catch (const json::exception&) {
         return std::nullopt; // the library refuses text that is not UTF-8
     }
+}
+
+std::string jsonText(std::string_view text, bool onlyASCII) {
+    return json(text).dump(-1, ' ', onlyASCII, json::error_handler_t::replace);
+}
+
+std::optional<JSONMembers> jsonMembers(std::string_view text) {
+    const auto object = json::parse(text, nullptr, false);
+    if (!object.is_object()) {
+        return std::nullopt;
+    }
+    JSONMembers members;
+    for (const auto& [key, value] : object.items()) {
+        members.emplace_back(key, value.is_string() ? value.get<std::string>() : value.dump());
+    }
+    return members;
 }
 
 } // namespace tavelin
