@@ -4,6 +4,7 @@
 #include "platform/assert.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -107,11 +108,19 @@ int32_t page_cache::write_out(const uint8_t* bytes, uint32_t slot, uint64_t coun
     return io_.write_data(io_.context, bytes, offset, length);
 }
 
+void page_cache::set_dirty(uint32_t slot, bool is_dirty) noexcept {
+    slots_[slot].dirty = is_dirty ? 1 : 0;
+    const uint64_t bit = uint64_t{1} << slot % 64;
+    uint64_t& bits = dirty_slots_[slot / 64];
+    bits = is_dirty ? bits | bit : bits & ~bit;
+}
+
 void page_cache::make_clean(uint32_t slot) noexcept {
     TAVELIN_ASSERT(slots_[slot].dirty != 0 && dirty_count_ > 0);
     dirty_count_ -= 1;
     file_data_count_ -= slots_[slot].file_data;
-    slots_[slot].dirty = slots_[slot].file_data = 0;
+    slots_[slot].file_data = 0;
+    set_dirty(slot, false);
 }
 
 int32_t page_cache::write_back(uint32_t slot) noexcept {
@@ -168,7 +177,7 @@ void page_cache::mark_dirty(uint32_t slot_index) noexcept {
     file_data_count_ -= slots_[slot_index].file_data;
     slots_[slot_index].file_data = 0;
     if (slots_[slot_index].dirty == 0) {
-        slots_[slot_index].dirty = 1;
+        set_dirty(slot_index, true);
         dirty_count_ += 1;
     }
 }
@@ -205,8 +214,7 @@ void page_cache::pc_discard(uint64_t page) noexcept {
 }
 
 // Lists the dirty pages of the range in ascending order and answers how many there are. A range of
-// fewer pages than there are sets is looked up page by page, as walking all slots would cost more.
-// It then comes out in order by itself.
+// fewer pages than there are sets is looked up page by page, and comes out in order by itself.
 uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
     TAVELIN_ASSERT(first <= last);
     uint64_t count = 0;
@@ -219,10 +227,12 @@ uint64_t page_cache::collect_dirty(uint64_t first, uint64_t last) noexcept {
         }
         return count;
     }
-    for (uint32_t slot = 0; slot < slot_count && count < dirty_count_; ++slot) {
-        const ntb_cache_slot& entry = slots_[slot];
-        if (entry.valid != 0 && entry.dirty != 0 && entry.page >= first && entry.page <= last) {
-            dirty_pages_[count++] = {.page = entry.page, .slot = slot};
+    for (uint32_t word = 0; word < dirty_slots_.size(); ++word) {
+        for (uint64_t bits = dirty_slots_[word]; bits != 0; bits &= bits - 1) {
+            const uint32_t slot = word * 64 + static_cast<uint32_t>(std::countr_zero(bits));
+            if (slots_[slot].page >= first && slots_[slot].page <= last) {
+                dirty_pages_[count++] = {.page = slots_[slot].page, .slot = slot};
+            }
         }
     }
     // By place on the device: neighbours join into one write, and the device gets the writes in the
@@ -293,6 +303,9 @@ bool page_cache::is_consistent() const noexcept {
     uint64_t file_data = 0;
     for (uint32_t slot = 0; is_on() && slot < slot_count; ++slot) {
         const ntb_cache_slot& entry = slots_[slot];
+        if (is_marked_dirty(slot) != (entry.dirty != 0)) {
+            return false;
+        }
         if (entry.valid == 0) {
             // A slot that holds no page has nothing to write back.
             if (entry.dirty != 0) {

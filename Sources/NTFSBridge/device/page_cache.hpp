@@ -12,6 +12,7 @@
 
 #include "NTFSBridge/ntb.h"
 
+#include <array>
 #include <memory>
 
 namespace ntb {
@@ -122,6 +123,11 @@ class page_cache {
     [[nodiscard]] int32_t write_back(uint32_t slot) noexcept;
     // Stamps the slot as used now and answers its bytes.
     uint8_t* use(uint32_t slot, uint32_t* slot_index) noexcept;
+    // Says in both places whether the slot's page is dirty.
+    void set_dirty(uint32_t slot, bool is_dirty) noexcept;
+    bool is_marked_dirty(uint32_t slot) const noexcept {
+        return (dirty_slots_[slot / 64] >> slot % 64 & 1) != 0;
+    }
     // Fills dirty_pages_ and answers how many entries there are.
     uint64_t collect_dirty(uint64_t first, uint64_t last) noexcept;
     uint64_t run_length(uint64_t first, uint64_t end) const noexcept;
@@ -137,6 +143,8 @@ class page_cache {
     std::unique_ptr<uint8_t*[]> data_;          // the page in pages_ that a slot has
     std::unique_ptr<dirty_page[]> dirty_pages_; // what a flush writes, by page number
     std::unique_ptr<uint8_t[]> staging_;
+    // One bit a slot, set where the slot is dirty: a flush finds few dirty pages among many slots.
+    std::array<uint64_t, slot_count / 64> dirty_slots_{};
     bool is_on_ = false;
     uint32_t use_clock_ = 0;
     uint64_t dirty_count_ = 0;
