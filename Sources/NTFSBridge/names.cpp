@@ -18,6 +18,20 @@ int32_t utf16_text::assign(const char* utf8) noexcept {
 }
 
 bool to_utf8(const ntfschar* units, int length, char (&buffer)[name_buffer_size]) noexcept {
+    // Most names are ASCII. The library's conversion, which measures each name first and takes the
+    // locale into account, was a fifth of the cost of listing a directory.
+    int ascii = 0;
+    while (ascii < length && ascii < name_units_max) {
+        const uint16_t unit = le16_to_cpu(units[ascii]);
+        if (unit == 0 || unit > 0x7f) {
+            break;
+        }
+        buffer[ascii++] = static_cast<char>(unit);
+    }
+    if (ascii == length) {
+        buffer[ascii] = '\0';
+        return true;
+    }
     char* out = buffer;
     return ntfs_ucstombs(units, length, &out, name_buffer_size) >= 0;
 }
