@@ -2,7 +2,9 @@
 // only passes through to memory, which is the floor that FUSE itself sets.
 //
 // Every server serves the same image in memory, freshly formatted for each round; rounds are
-// interleaved and the median of a category over the rounds counts.
+// interleaved and the median of a category over the rounds counts. All of it is done twice: with
+// the processors idling as they like, and with a request to keep them awake, for every server.
+#include "Benchmarks/mount/conditions.hpp"
 #include "Benchmarks/mount/file_calls.hpp"
 #include "Benchmarks/mount/mounted_server.hpp"
 #include "Benchmarks/mount/report.hpp"
@@ -61,13 +63,14 @@ class Workplace {
     fs::path mountPoint() const { return root_ / "mount"; }
     fs::path material() const { return root_ / "material"; }
 
-    // Written and not just reserved: memory that nobody has touched yet is slower the first time,
-    // in virtual machines many times, and that would count for whoever comes first.
-    void allocateImage(uint64_t bytes) const {
+    // The image's memory is taken at once where `isTouched`, else on first use, which is slower, in
+    // virtual machines many times.
+    void allocateImage(uint64_t bytes, bool isTouched) const {
         const std::string block(1 << 20, '\0');
         File file(image().string(), O_WRONLY | O_CREAT);
-        for (uint64_t at = 0; at < bytes; at += block.size())
+        for (uint64_t at = 0; isTouched && at < bytes; at += block.size())
             file.write(block, static_cast<off_t>(at));
+        fs::resize_file(image(), bytes);
     }
     // A fresh store for a server: the formatted image, or for the floor an empty directory.
     fs::path store(const Server& server) const {
@@ -108,38 +111,58 @@ void writeTo(const std::string& file, const std::string& text) {
         throw std::runtime_error(fmt::format("cannot write {}", file));
 }
 
+// All rounds of all servers. Whoever ran first runs last in the next round, so that none is always
+// next to the same neighbour.
+Samples measure(const Arguments& arguments, const Workplace& place, const Material& material,
+                const Sizes& sizes, const RequestCounter& requests) {
+    Samples samples;
+    std::vector<Server> servers = serversOf(arguments);
+    // Round 0 takes the memory that each server puts its files in, and is not counted.
+    for (int round = 0; round <= arguments.rounds; ++round) {
+        for (const Server& server : servers) {
+            fmt::print(stderr, "round {} of {}: {}\n", round, arguments.rounds, server.name);
+            const auto costs = runRound(server, place.store(server), place.mountPoint(), material,
+                                        sizes, requests);
+            for (const auto& [category, measured] : costs)
+                if (round > 0)
+                    samples[server.name][category].push_back(measured);
+        }
+        std::rotate(servers.begin(), servers.begin() + 1, servers.end());
+    }
+    return samples;
+}
+
 int compare(const Arguments& arguments) {
     const Sizes sizes = arguments.quick ? quickSizes() : Sizes{};
     const Workplace place(arguments.memory);
-    place.allocateImage(sizes.image);
+    place.allocateImage(sizes.image, false);
     const Material material = makeMaterial(place.material(), sizes);
-    std::vector<Server> servers = serversOf(arguments);
-    Samples samples;
-    for (int round = 0; round < arguments.rounds; ++round) {
-        for (const Server& server : servers) {
-            fmt::print(stderr, "round {} of {}: {}\n", round + 1, arguments.rounds, server.name);
-            for (const auto& [category, seconds] :
-                 runRound(server, place.store(server), place.mountPoint(), material, sizes))
-                samples[server.name][category].push_back(seconds);
-        }
-        // Whoever ran first now runs last: none is always next to the same neighbour.
-        std::rotate(servers.begin(), servers.begin() + 1, servers.end());
+    const RequestCounter requests;
+    Comparison comparison;
+    comparison.conditions = describeConditions(arguments.tavelin);
+    comparison.rounds = arguments.rounds;
+    comparison.countsRequests = requests.isAvailable();
+    comparison.idle = measure(arguments, place, material, sizes, requests);
+    if (!arguments.quick) {
+        const ProcessorsAwake awake;
+        comparison.awake = measure(arguments, place, material, sizes, requests);
     }
-    servers = serversOf(arguments);
-    const std::string table = markdownTable(servers, samples);
-    fmt::print("{}", table);
-    writeTo(arguments.table, table);
-    writeTo(arguments.chart, svgChart(servers, samples));
+    const std::vector<Server> servers = serversOf(arguments);
+    const std::string report = markdownReport(servers, comparison);
+    fmt::print("{}", report);
+    writeTo(arguments.table, report);
+    writeTo(arguments.chart, svgChart(servers, comparison));
     return 0;
 }
 
 int scale(const Arguments& arguments) {
     const Workplace place(arguments.memory);
-    place.allocateImage((arguments.quick ? 512ull : 5'120ull) << 20);
+    place.allocateImage((arguments.quick ? 512ull : 5'120ull) << 20, true);
     const Scale scale = measureScale(serversOf(arguments).at(0), place.image(), place.mountPoint(),
                                      arguments.quick);
-    fmt::print("{}", scale.tables);
-    writeTo(arguments.table, scale.tables);
+    const std::string report = describeConditions(arguments.tavelin) + "\n" + scale.tables;
+    fmt::print("{}", report);
+    writeTo(arguments.table, report);
     return scale.asAimed ? 0 : 1;
 }
 

@@ -13,6 +13,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace tavelin::bench {
@@ -36,7 +37,7 @@ Server earlierServer(const fs::path& program) {
 Server driverServer(const std::string& program) {
     return {program, Role::driver, [program](const fs::path& store, const fs::path& directory) {
                 return std::vector<std::string>{program, store, directory, "-o",
-                                                "big_writes,no_detach"};
+                                                fmt::format("{},no_detach", kDriverOptions)};
             }};
 }
 
@@ -146,6 +147,13 @@ clockid_t MountedServer::processorClock() const {
     if (const int error = ::clock_getcpuclockid(child_, &clock); error != 0)
         throw std::runtime_error(fmt::format("{}: {}", name_, std::strerror(error)));
     return clock;
+}
+
+double MountedServer::processorTime() const {
+    timespec taken{};
+    if (::clock_gettime(processorClock(), &taken) != 0)
+        throw std::runtime_error(fmt::format("{}: {}", name_, std::strerror(errno)));
+    return static_cast<double>(taken.tv_sec) + static_cast<double>(taken.tv_nsec) * 1e-9;
 }
 
 uint64_t MountedServer::peakMemory() const {

@@ -10,6 +10,9 @@
 
 namespace tavelin::bench {
 
+// What a driver's own documentation recommends for speed.
+inline constexpr const char* kDriverOptions = "big_writes,noatime";
+
 enum class Role { ours, before, driver, floor };
 
 struct Server {
@@ -43,6 +46,8 @@ class MountedServer {
     const std::filesystem::path& directory() const { return directory_; }
     // Counts the processor time of the server, with that of the kernel in its name.
     clockid_t processorClock() const;
+    // The same in seconds, at this moment.
+    double processorTime() const;
     // The most memory the server has held so far, in bytes.
     uint64_t peakMemory() const;
 

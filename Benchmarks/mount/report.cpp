@@ -13,20 +13,31 @@ namespace tavelin::bench {
 
 namespace {
 
-// Medians and ratios of a finished comparison.
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t half = values.size() / 2;
+    return values.size() % 2 == 1 ? values[half] : (values[half - 1] + values[half]) / 2;
+}
+
+using Value = double Measurement::*;
+
+// Medians of one value of a finished comparison, and their ratios.
 class Results {
   public:
-    Results(const std::vector<Server>& servers, const Samples& samples)
-        : servers_(servers), samples_(samples) {}
+    Results(const std::vector<Server>& servers, const Samples& samples, Value value)
+        : servers_(servers), samples_(samples), value_(value) {}
 
-    double seconds(const Server& server, const std::string& category) const {
-        return median(samples_.at(server.name).at(category));
+    double of(const Server& server, const std::string& category) const {
+        std::vector<double> values;
+        for (const Measurement& measured : samples_.at(server.name).at(category))
+            values.push_back(measured.*value_);
+        return median(std::move(values));
     }
     double betterDriver(const std::string& category) const {
         double best = std::numeric_limits<double>::infinity();
         for (const Server& server : servers_)
             if (server.role == Role::driver)
-                best = std::min(best, seconds(server, category));
+                best = std::min(best, of(server, category));
         return best;
     }
     const Server* withRole(Role role) const {
@@ -35,7 +46,7 @@ class Results {
         return found == servers_.end() ? nullptr : &*found;
     }
     double gain(const Server& server, const std::string& category) const {
-        return betterDriver(category) / seconds(server, category);
+        return betterDriver(category) / of(server, category);
     }
     double meanGain(const Server& server) const {
         double logs = 0;
@@ -43,10 +54,25 @@ class Results {
             logs += std::log(gain(server, category));
         return std::exp(logs / static_cast<double>(categories().size()));
     }
+    double sum(const Server& server) const {
+        double all = 0;
+        for (const std::string& category : categories())
+            all += of(server, category);
+        return all;
+    }
+    // The sum of the driver whose sum is smaller.
+    double betterSum() const {
+        double best = std::numeric_limits<double>::infinity();
+        for (const Server& server : servers_)
+            if (server.role == Role::driver)
+                best = std::min(best, sum(server));
+        return best;
+    }
 
   private:
     const std::vector<Server>& servers_;
     const Samples& samples_;
+    const Value value_;
 };
 
 constexpr int kRow = 34, kLabels = 210, kPlot = 520, kTop = 56, kFoot = 24;
@@ -65,16 +91,16 @@ std::string bar(double ratio, int top, const char* style) {
                        style, from, top, std::max(to - from, 1.0), to + 4, top + 10, ratio);
 }
 
-} // namespace
+// With the number of rounds and the drivers' options.
+constexpr const char* kMethod =
+    "The same image in memory for all, freshly formatted for each of {} rounds, in which the\n"
+    "servers take turns; medians. The drivers run with `{}`. \"Cold\" is a fresh mount\n"
+    "with the kernel's caches dropped. \"pass-through\" serves a directory in memory and knows\n"
+    "nothing of NTFS: what FUSE itself costs.\n";
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const size_t half = values.size() / 2;
-    return values.size() % 2 == 1 ? values[half] : (values[half - 1] + values[half]) / 2;
-}
-
-std::string markdownTable(const std::vector<Server>& servers, const Samples& samples) {
-    const Results results(servers, samples);
+// One row a category, with what each server took and the ratios of the better driver's to ours and
+// the floor's.
+std::string timesTable(const std::vector<Server>& servers, const Results& results) {
     std::string head = "| milliseconds |", rule = "|---|", rows;
     for (const Server& server : servers) {
         head += fmt::format(" {} |", server.name);
@@ -95,24 +121,61 @@ std::string markdownTable(const std::vector<Server>& servers, const Samples& sam
     for (const std::string& category : categories()) {
         rows += fmt::format("| {} |", category);
         for (const Server& server : servers)
-            rows += fmt::format(" {:.1f} |", results.seconds(server, category) * 1e3);
+            rows += fmt::format(" {:.1f} |", results.of(server, category) * 1e3);
         for (const Server* server : compared)
             rows += fmt::format(" {:.2f}× |", results.gain(*server, category));
         if (before != nullptr)
-            rows += fmt::format(" {:.2f}× |", results.seconds(*before, category) /
-                                                  results.seconds(servers.front(), category));
+            rows += fmt::format(" {:.2f}× |", results.of(*before, category) /
+                                                  results.of(servers.front(), category));
         rows += "\n";
     }
-    rows += "| geometric mean |";
-    for (size_t i = 0; i < servers.size(); ++i)
-        rows += " |";
+    rows += "| all, and the geometric mean |";
+    for (const Server& server : servers)
+        rows += fmt::format(" {:.1f} |", results.sum(server) * 1e3);
     for (const Server* server : compared)
         rows += fmt::format(" {:.2f}× |", results.meanGain(*server));
     return head + "\n" + rule + "\n" + rows + "\n";
 }
 
-std::string svgChart(const std::vector<Server>& servers, const Samples& samples) {
-    const Results results(servers, samples);
+std::string requestsTable(const std::vector<Server>& servers, const Results& results) {
+    std::string head = "| requests |", rule = "|---|", rows;
+    for (const Server& server : servers) {
+        head += fmt::format(" {} |", server.name);
+        rule += "---:|";
+    }
+    for (const std::string& category : categories()) {
+        rows += fmt::format("| {} |", category);
+        for (const Server& server : servers)
+            rows += fmt::format(" {:.0f} |", results.of(server, category));
+        rows += "\n";
+    }
+    return head + "\n" + rule + "\n" + rows;
+}
+
+} // namespace
+
+std::string markdownReport(const std::vector<Server>& servers, const Comparison& comparison) {
+    const Results wall(servers, comparison.idle, &Measurement::seconds);
+    const Results processor(servers, comparison.idle, &Measurement::processor);
+    std::string text = comparison.conditions + "\n" +
+                       fmt::format(kMethod, comparison.rounds, kDriverOptions) + "\n## Time\n\n" +
+                       timesTable(servers, wall);
+    if (!comparison.awake.empty())
+        text += "## Time, with processors kept out of deep idle states for all servers\n\n" +
+                timesTable(servers, Results(servers, comparison.awake, &Measurement::seconds));
+    text += fmt::format("## The server's processor time\n\n{}", timesTable(servers, processor));
+    if (const Server* ours = processor.withRole(Role::ours);
+        ours != nullptr && std::isfinite(processor.betterSum()))
+        text += fmt::format("Over the whole run {} takes {:.2f} of the better driver's.\n\n",
+                            ours->name, processor.sum(*ours) / processor.betterSum());
+    if (comparison.countsRequests)
+        text += "## What the kernel asks\n\n" +
+                requestsTable(servers, Results(servers, comparison.idle, &Measurement::requests));
+    return text;
+}
+
+std::string svgChart(const std::vector<Server>& servers, const Comparison& comparison) {
+    const Results results(servers, comparison.idle, &Measurement::seconds);
     const Server* ours = results.withRole(Role::ours);
     const Server* floor = results.withRole(Role::floor);
     const int height = kTop + kRow * static_cast<int>(categories().size()) + kFoot + 4;

@@ -30,22 +30,23 @@ void expect(bool ok, const char* what) {
 class Round {
   public:
     Round(const Server& server, const fs::path& store, const fs::path& directory,
-          const Material& material, const Sizes& sizes)
+          const Material& material, const Sizes& sizes, const RequestCounter& requests)
         : server_(server),
           store_(store),
           directory_(directory),
           material_(material),
           sizes_(sizes),
+          requests_(requests),
           root_(directory.string()) {}
 
-    std::map<std::string, double> run() {
+    std::map<std::string, Measurement> run() {
         coldMount();
         largeFile();
         smallFiles();
         oneDirectory();
         programs();
         mounted_->unmount();
-        return std::move(seconds_);
+        return std::move(measured_);
     }
 
   private:
@@ -61,7 +62,12 @@ class Round {
 
     template<typename Work>
     void measure(const char* category, Work&& work) {
-        seconds_[category] = timed(std::forward<Work>(work));
+        Measurement& measured = measured_[category];
+        measured.processor = -mounted_->processorTime();
+        const uint64_t before = requests_.count();
+        measured.seconds = timed(std::forward<Work>(work));
+        measured.requests = static_cast<double>(requests_.count() - before);
+        measured.processor += mounted_->processorTime();
     }
 
     void largeFile() {
@@ -187,9 +193,10 @@ class Round {
     fs::path store_, directory_;
     const Material& material_;
     const Sizes& sizes_;
+    const RequestCounter& requests_;
     std::string root_;
     std::unique_ptr<MountedServer> mounted_;
-    std::map<std::string, double> seconds_;
+    std::map<std::string, Measurement> measured_;
 };
 
 } // namespace
@@ -201,7 +208,6 @@ Sizes quickSizes() {
     sizes.syncedWrites = 100;
     sizes.smallFiles = 600;
     sizes.sourceFiles = 200;
-    sizes.image = 256ull << 20;
     return sizes;
 }
 
@@ -232,10 +238,10 @@ Material makeMaterial(const fs::path& directory, const Sizes& sizes) {
     return material;
 }
 
-std::map<std::string, double> runRound(const Server& server, const fs::path& store,
-                                       const fs::path& directory, const Material& material,
-                                       const Sizes& sizes) {
-    return Round(server, store, directory, material, sizes).run();
+std::map<std::string, Measurement> runRound(const Server& server, const fs::path& store,
+                                            const fs::path& directory, const Material& material,
+                                            const Sizes& sizes, const RequestCounter& requests) {
+    return Round(server, store, directory, material, sizes, requests).run();
 }
 
 } // namespace tavelin::bench
