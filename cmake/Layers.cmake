@@ -85,7 +85,7 @@ endfunction()
 # thread_suites and `ctest -L threads` are what the thread-sanitizer run builds and covers.
 add_custom_target(thread_suites)
 function(tavelin_test name)
-  cmake_parse_arguments(ARG "THREADS" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "THREADS;ALONE" "LABEL;TIMEOUT" "LAYERS;LIBRARIES;SOURCES" ${ARGN})
   # gtest_discover_tests() breaks a list of labels apart, so the two make one word.
   if(ARG_THREADS)
     string(APPEND ARG_LABEL -threads)
@@ -113,7 +113,8 @@ function(tavelin_test name)
     target_link_libraries(${name} PRIVATE tavelin::${layer})
   endforeach()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120
-    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]"
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${ARG_ALONE}
+      SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]"
     # Keeps the event log of whatever a test runs out of the developer's home.
     ENVIRONMENT "TAVELIN_GROUP_CONTAINER=${CMAKE_CURRENT_BINARY_DIR}/${name}-group")
 endfunction()
