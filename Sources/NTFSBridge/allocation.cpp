@@ -345,6 +345,38 @@ bool ntb::is_far_from_written(ntfs_attr* data, uint64_t offset) noexcept {
     return false;
 }
 
+int32_t ntb::trim_clusters(open_file& file, uint64_t keep) noexcept {
+    ntfs_attr* const data = file.data.get();
+    const auto cluster = static_cast<int64_t>(data->ni->vol->cluster_size);
+    const uint64_t size = file.size();
+    const uint64_t end = std::min(std::max(size, keep), offset_max);
+    if (!is_plain(data) || static_cast<int64_t>(end) > data->allocated_size - cluster) {
+        return 0;
+    }
+    const uint64_t initialised = std::min(initialised_bytes(data), size);
+    // The library frees nothing of a stream whose size stays, so it is told of a longer one.
+    data->data_size = data->allocated_size;
+    errno = 0;
+    int32_t error = result_of(ntfs_attr_truncate(data, static_cast<s64>(end)));
+    if (error == 0 && end != size) {
+        error = set_sizes(data, size, initialised);
+    }
+    if (error == 0) {
+        file.inode->data_size = data->data_size;
+        file.inode->allocated_size = allocated_size_of(data);
+        NInoFileNameSetDirty(file.inode.get());
+    }
+    return error;
+}
+
+int32_t ntb_trim(ntb_vol* vol, uint64_t ino, uint64_t keep) {
+    return atomically(vol, [&] {
+        open_file file;
+        const int32_t error = is_read_only(vol) ? EROFS : file.open(vol, ino);
+        return error != 0 ? error : file.close(trim_clusters(file, keep));
+    });
+}
+
 int32_t ntb_seek(ntb_vol* vol, uint64_t ino, uint64_t offset, int32_t for_hole, uint64_t* found) {
     return seek(vol, ino, offset, for_hole != 0, found);
 }

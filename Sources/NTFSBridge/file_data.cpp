@@ -149,7 +149,7 @@ static int32_t resize_file(ntb_vol* vol, uint64_t ino, uint64_t size) {
         return error;
     }
     if (size == file.size()) {
-        return file.close(0);
+        return file.close(trim_clusters(file, size));
     }
     if (size > offset_max) {
         return EFBIG;

@@ -247,20 +247,22 @@ int32_t ntb_read(ntb_vol* vol, uint64_t ino, uint64_t offset, void* buffer, uint
 int32_t ntb_write(ntb_vol* vol, uint64_t ino, uint64_t offset, const void* buffer, uint64_t length,
                   uint64_t* done);
 
-/* Grows (reading back as zeroes) or shrinks. The present size changes nothing, not even times. */
+/* Grows (reading back as zeroes) or shrinks. The present size changes nothing, not even times, but
+ * gives back what ntb_trim would. */
 int32_t ntb_truncate(ntb_vol* vol, uint64_t ino, uint64_t size);
+
+/* Gives back a file's clusters behind both its end and the first keep bytes. The times stay. */
+int32_t ntb_trim(ntb_vol* vol, uint64_t ino, uint64_t keep);
 
 /* Has the clusters that a file has and never used read as zeroes: those before end, the first
  * NTB_INITIALISE_BYTES_MAX bytes of them. */
 enum { NTB_INITIALISE_BYTES_MAX = 16 << 20 };
 int32_t ntb_initialise(ntb_vol* vol, uint64_t ino, uint64_t end);
 
-/*
- * Gives clusters to the part of a range that is behind those the file has, and makes the file as
+/* Gives clusters to the part of a range that is behind those the file has, and makes the file as
  * long as the range unless keep_size is set. They read as zeroes. Holes within the file stay: they
  * get clusters when they are written to. ENOSPC before anything is changed, EFBIG, EOPNOTSUPP for
- * compressed files.
- */
+ * compressed files. */
 int32_t ntb_allocate(ntb_vol* vol, uint64_t ino, uint64_t offset, uint64_t length,
                      int32_t keep_size);
 
@@ -273,12 +275,10 @@ int32_t ntb_punch(ntb_vol* vol, uint64_t ino, uint64_t offset, uint64_t length);
  * offset at or behind the end. */
 int32_t ntb_seek(ntb_vol* vol, uint64_t ino, uint64_t offset, int32_t for_hole, uint64_t* found);
 
-/*
- * Makes a plain file of a system-compressed one: the bytes go to the unnamed stream, then the
+/* Makes a plain file of a system-compressed one: the bytes go to the unnamed stream, then the
  * reparse point and the compressed stream go. Until the last step the file is whole in its
  * compressed form, and so it is after an error. ENOSPC before anything is written when there may
- * not be room; EOPNOTSUPP when the file is not system-compressed; EIO when its data is damaged.
- */
+ * not be room; EOPNOTSUPP when the file is not system-compressed; EIO when its data is damaged. */
 int32_t ntb_decompress(ntb_vol* vol, uint64_t ino);
 
 /* Writes the file's record out, then does what ntb_sync does. 0 at once on read-only volumes. */

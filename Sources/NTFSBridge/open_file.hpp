@@ -56,4 +56,8 @@ struct open_file {
 // zeroes, in small pieces, into clusters that the stream has and never used.
 [[nodiscard]] bool is_far_from_written(ntfs_attr* data, uint64_t offset) noexcept;
 
+// Gives back the clusters that an open file has both behind its end and behind the first `keep`
+// bytes; errno or EIO.
+[[nodiscard]] int32_t trim_clusters(open_file& file, uint64_t keep) noexcept;
+
 } // namespace ntb

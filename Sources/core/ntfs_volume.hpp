@@ -40,7 +40,7 @@
 ///   list                             kENOTDIR
 ///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression or
 ///                                    bytes that are elsewhere (see NTFSDataState)
-///   write, truncate                  kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP; of a
+///   write, truncate, trim            kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP; of a
 ///                                    system-compressed file also what reading it answers
 ///   allocate                         those of write; kENOTSUP also for compressed files
 ///   seek                             kEISDIR, kENXIO nothing of the kind, or behind the end
@@ -263,12 +263,16 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// that is answered.
     NTFSWrite write(std::uint64_t ino, std::uint64_t offset, std::span<const std::byte> data,
                     bool isDescribed = true);
-    /// Grows (reading back as zeroes) or shrinks.
+    /// Grows (reading back as zeroes) or shrinks. The present size gives back what
+    /// freeBehindEnd() would.
     void truncate(std::uint64_t ino, std::uint64_t size);
     /// Gives clusters to a range of a file, or takes them, see NTFSAllocation. The range is not
     /// empty and ends below 2^63. Not one change as a whole: a failure may leave a part of it.
     void allocate(std::uint64_t ino, std::uint64_t offset, std::uint64_t length,
                   NTFSAllocation how);
+    /// Gives back the clusters that a file has both behind its end and behind the first `keep`
+    /// bytes.
+    void freeBehindEnd(std::uint64_t ino, std::uint64_t keep);
     /// The first byte from `offset` on that is in a hole, or in data. The end of the file counts as
     /// a hole; kENXIO when there is nothing of the kind up to there.
     [[nodiscard]] std::uint64_t seek(std::uint64_t ino, std::uint64_t offset, bool forHole);

@@ -86,6 +86,10 @@ void NTFSVolume::allocate(std::uint64_t ino, std::uint64_t offset, std::uint64_t
     }
 }
 
+void NTFSVolume::freeBehindEnd(std::uint64_t ino, std::uint64_t keep) {
+    check(locked([&](ntb_vol* vol) { return ntb_trim(vol, ino, keep); }));
+}
+
 std::uint64_t NTFSVolume::seek(std::uint64_t ino, std::uint64_t offset, bool forHole) {
     std::uint64_t found = 0;
     check(

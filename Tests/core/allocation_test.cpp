@@ -63,6 +63,7 @@ TEST(Allocation, RandomRangesMatchAString) {
                 break;
             case 3: // beside it, so that runs fall into pieces
                 volume->write(other, place, bytesOf(std::string(5000, 'o')));
+                volume->freeBehindEnd(ino, place);
                 break;
             default: {
                 const auto how = static_cast<NTFSAllocation>(kind - 4);
@@ -121,6 +122,37 @@ TEST(Allocation, TakesItsSpaceAtOnceOrNotAtAll) {
     EXPECT_EQ(volume->write(ino, kLength - 3, bytesOf("end")).count, 3u);
     EXPECT_EQ(textOf(volume->read(ino, 0, kLength)),
               "text" + std::string(kLength - 7, '\0') + "end");
+    volume->unmount();
+}
+
+TEST(Allocation, GivesBackWhatIsBehindTheEnd) {
+    const SampleVolume sample;
+    const auto volume = NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
+    constexpr std::uint64_t kReserved = 1 << 20;
+    for (const std::size_t size : {0, 4, 4096, 100'000}) {
+        SCOPED_TRACE(size);
+        const std::string text(size, 't');
+        const std::uint64_t ino =
+            volume->create(std::to_string(size), NTFSVolume::kRootIno, NTFSItemType::file);
+        volume->write(ino, 0, bytesOf(text));
+        const std::uint64_t free = volume->statfs().freeBytes();
+        const auto reserve = [&] {
+            volume->allocate(ino, size, kReserved, NTFSAllocation::reserveBehindEnd);
+            EXPECT_LT(volume->statfs().freeBytes(), free - kReserved / 2);
+        };
+        reserve();
+        const NTFSAttributes before = volume->attributes(ino);
+        volume->truncate(ino, size);
+        EXPECT_EQ(volume->statfs().freeBytes() / 4096, free / 4096 - (size == 4 ? 1 : 0));
+        EXPECT_TRUE(volume->attributes(ino).modifyTime == before.modifyTime);
+
+        reserve();
+        volume->freeBehindEnd(ino, kReserved / 2);
+        EXPECT_EQ(volume->attributes(ino).allocSize, kReserved / 2);
+        volume->freeBehindEnd(ino, 0);
+        EXPECT_LT(volume->attributes(ino).allocSize, size + 4096);
+        EXPECT_EQ(textOf(volume->read(ino, 0, size + 1)), text);
+    }
     volume->unmount();
 }
 
