@@ -30,7 +30,7 @@ class NItem final : public fskit::FSItem {
   private:
     friend class TavelinVolume;
 
-    /// Whether the file's content or attributes were changed since its last close.
+    /// Whether the file's content, attributes or name were changed since its last close.
     std::atomic<bool> isUnflushed{false};
     /// How often the item was handed out and not given back, see TavelinVolume::release(). Raised
     /// from 0 and lowered to 0 under the volume's item lock only.

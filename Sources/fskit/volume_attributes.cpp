@@ -171,8 +171,8 @@ TavelinVolume::setAttributes(fskit::FSItemSetAttributesRequest& changes,
     return request<"setAttributes">([&] {
         NItem& own = n(item);
         requireSettable(changes);
+        own.isUnflushed.store(true, std::memory_order_relaxed); // also when it fails half-way
         apply(changes, own);
-        own.isUnflushed.store(true, std::memory_order_relaxed);
         fskit::FSItemAttributes result;
         describe(ntfs->attributes(own.reference), own.parent, result);
         return result;

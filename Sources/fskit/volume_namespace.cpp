@@ -36,6 +36,7 @@ fskit::FSCreateItemResult TavelinVolume::created(const NTFSChange& change, const
                                      {},
                                      described(change.directory, parent.parent),
                                      change.freeBytes};
+    n(result.newItem).isUnflushed.store(true, std::memory_order_relaxed);
     describe(change.item, parent.ino, result.newItemAttributes);
     return result;
 }
@@ -169,6 +170,7 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
             // Only after the rename has succeeded. The parent serves answers about this item, and a
             // stale one would name the old directory.
             n(moved).parent = to.ino;
+            n(moved).isUnflushed.store(true, std::memory_order_relaxed);
             if (from.ino != to.ino) {
                 const MutexLock held(items);
                 movedSince_ = listings_.lastVerifier();

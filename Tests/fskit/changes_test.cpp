@@ -111,10 +111,15 @@ TEST_F(Changes, TheLastCloseWritesBackWhatWasChanged) {
     EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u);
     const int after = disk->count(MemoryResource::Call::write);
     EXPECT_GT(after, before);
-    EXPECT_EQ(ask.create(root, "other").code(), 0);
+    const Item other = *ask.create(root, "other");
     ask.close(file);
     EXPECT_EQ(disk->count(MemoryResource::Call::write), after)
         << "nothing was changed through this one";
+    ask.close(other);
+    EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u) << "it was made";
+    EXPECT_EQ(ask.rename(file, root, "file", root, "renamed").code(), 0);
+    ask.close(file);
+    EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u) << "it was renamed";
 }
 
 } // namespace
