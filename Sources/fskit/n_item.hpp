@@ -30,11 +30,16 @@ class NItem final : public fskit::FSItem {
   private:
     friend class TavelinVolume;
 
-    /// Whether the file's content, attributes or name were changed since its last close.
-    std::atomic<bool> isUnflushed{false};
+    static constexpr std::uint64_t kNothingReserved = UINT64_MAX;
+
+    /// How much of the file's space stays at its last close, in bytes from its beginning, whatever
+    /// its size; what is behind was reserved for as long as it is open.
+    std::atomic<std::uint64_t> reservedFrom{kNothingReserved};
     /// How often the item was handed out and not given back, see TavelinVolume::release(). Raised
     /// from 0 and lowered to 0 under the volume's item lock only.
     std::atomic<std::uint32_t> handedOut{0};
+    /// Whether the file's content, attributes or name were changed since its last close.
+    std::atomic<bool> isUnflushed{false};
 };
 
 } // namespace tavelin

@@ -41,6 +41,7 @@ class TavelinVolume final : public fskit::FSVolume,
                             public fskit::FSVolumeReadWriteOperations,
                             public fskit::FSVolumeSpaceOperations,
                             public fskit::FSVolumeOpenCloseOperations,
+                            public fskit::FSVolumeItemDeactivation,
                             public fskit::FSVolumeRenameOperations,
                             public fskit::FSVolumeXattrOperations,
                             public ExtendedOperations {
@@ -143,9 +144,17 @@ class TavelinVolume final : public fskit::FSVolume,
     void setOpenCloseInhibited(bool inhibited) override { openCloseInhibited_ = inhibited; }
     /// Nothing has to be opened: the bridge keeps no inode open between requests.
     Outcome<void> openItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
-    /// The last close flushes an item that was changed, which is a flush of everything. A failure
-    /// is left to the next synchronise.
+    /// The last close gives back what was reserved for the file and not used, and flushes an item
+    /// that was changed, which is a flush of everything. A failure is left to the next synchronise.
     void closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) override;
+    /// For removed items and those that space was reserved for: little else is left to do when
+    /// nobody uses an item any more, and the kernel waits for the answer.
+    [[nodiscard]] fskit::FSItemDeactivationOptions itemDeactivationPolicy() const override {
+        return fskit::FSItemDeactivationForRemovedItems |
+               fskit::FSItemDeactivationForPreallocatedItems;
+    }
+    /// Gives back the space, as the last close does.
+    void deactivateItem(const fskit::FSItemRef& item) override;
 
     /// Fills every attribute that the volume knows, whatever is desired.
     Outcome<fskit::FSItemAttributes> getAttributes(const fskit::FSItemGetAttributesRequest& desired,
@@ -179,7 +188,8 @@ class TavelinVolume final : public fskit::FSVolume,
           const fskit::FSItemGetAttributesRequest* attributes) override;
 
     /// kENOTSUP for space in one piece, which the volume cannot promise, and for compressed files.
-    /// Reserved space stays until the file is truncated, whatever the flags say.
+    /// Without the flag to persist, what is reserved goes with the last close, or when the file is
+    /// truncated, be it to the size that it has.
     Outcome<fskit::FSPreallocateResult> preallocateSpace(const fskit::FSItemRef& item,
                                                          std::int64_t offset, std::size_t length,
                                                          fskit::FSPreallocateFlags flags) override;
@@ -266,6 +276,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The same object as an NItem. Throws MissingItem for none; an item of another file system
     /// stops the process.
     static NItem& n(const fskit::FSItemRef& item);
+    /// Gives back what was reserved for an item that is not open any more.
+    void trimReserved(NItem& item) noexcept;
     /// Throws NTFSError kEROFS when changes are refused although the volume could be written.
     void requireChangeable() const;
     /// The text of a name; throws NTFSError kEINVAL when it has none.

@@ -85,7 +85,16 @@ TavelinVolume::preallocateSpace(const fskit::FSItemRef& item, std::int64_t offse
         }
         if (length != 0) {
             own.isUnflushed.store(true, std::memory_order_relaxed);
+            const bool stays = (flags & fskit::FSPreallocateFlagsPersist) != 0;
+            if (!stays) { // also of an allocation that fails half-way
+                own.reservedFrom.store(std::min(own.reservedFrom.load(), before.allocSize));
+            }
             ntfs->allocate(own.reference, start, length, NTFSAllocation::reserveBehindEnd);
+            if (stays && start + length > own.reservedFrom.load()) {
+                // Space that stays makes all stay that is before it.
+                own.reservedFrom.store(start + length < before.allocSize ? start + length
+                                                                         : NItem::kNothingReserved);
+            }
         }
         const NTFSAttributes after = ntfs->attributes(own.reference);
         return fskit::FSPreallocateResult{

@@ -150,12 +150,36 @@ Outcome<void> TavelinVolume::openItem(const fskit::FSItemRef& item,
 
 void TavelinVolume::closeItem(const fskit::FSItemRef& item, fskit::FSVolumeOpenModes modes) {
     countRequest<"closeItem">();
-    if (item != nullptr && modes == 0 && !readOnly() && n(item).isUnflushed.exchange(false)) {
+    if (item == nullptr || modes != 0 || readOnly()) {
+        return;
+    }
+    NItem& own = n(item);
+    trimReserved(own);
+    if (own.isUnflushed.exchange(false)) {
         try {
-            ntfs->flush(n(item).reference);
+            ntfs->flush(own.reference);
         } catch (const std::exception&) {
             // A close cannot fail: the pages stay dirty and the next synchronise reports them.
         }
+    }
+}
+
+void TavelinVolume::deactivateItem(const fskit::FSItemRef& item) {
+    countRequest<"deactivateItem">();
+    if (item != nullptr && !readOnly()) {
+        trimReserved(n(item));
+    }
+}
+
+void TavelinVolume::trimReserved(NItem& item) noexcept {
+    const std::uint64_t kept = item.reservedFrom.exchange(NItem::kNothingReserved);
+    if (kept == NItem::kNothingReserved) {
+        return;
+    }
+    try {
+        ntfs->freeBehindEnd(item.reference, kept);
+    } catch (const std::exception&) {
+        // The file may have been removed. Otherwise its next truncation gives the space back.
     }
 }
 

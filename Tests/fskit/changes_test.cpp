@@ -3,6 +3,8 @@
 
 #include "platform/error_numbers.hpp"
 
+#include <functional>
+
 namespace tavelin {
 namespace {
 
@@ -120,6 +122,44 @@ TEST_F(Changes, TheLastCloseWritesBackWhatWasChanged) {
     EXPECT_EQ(ask.rename(file, root, "file", root, "renamed").code(), 0);
     ask.close(file);
     EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u) << "it was renamed";
+}
+
+TEST_F(Changes, ReservedSpaceGoesWithTheLastCloseUnlessItPersists) {
+    start();
+    auto ask = requests();
+    const Item file = *ask.create(root, "file");
+    EXPECT_EQ(*ask.write(file, 0, std::string(5000, 'f')), 5000u);
+    const auto reserve = [&](fskit::FSPreallocateFlags flags) {
+        const auto done =
+            volume().preallocateSpace(file, 0, 1 << 20, flags | fskit::FSPreallocateFlagsFromEOF);
+        EXPECT_EQ(done->bytesAllocated, 1u << 20);
+    };
+    const auto allocated = [&] { return ask.attributes(file)->allocSize(); };
+    const std::vector<std::function<void()>> ends{
+        [&] { ask.close(file); }, [&] { volume().deactivateItem(file); },
+        [&] {
+            FSItemSetAttributesRequest sameSize;
+            sameSize.setSize(5000);
+            EXPECT_EQ(ask.setAttributes(file, sameSize).code(), 0);
+        }};
+    for (const auto& end : ends) {
+        reserve(0);
+        ask.close(file, fskit::FSVolumeOpenModesRead);
+        EXPECT_EQ(allocated(), 8192u + (1 << 20)) << "it is still open";
+        end();
+        EXPECT_EQ(allocated(), 8192u);
+    }
+    reserve(fskit::FSPreallocateFlagsPersist);
+    reserve(0);
+    ask.close(file);
+    EXPECT_EQ(allocated(), 8192u + (1 << 20)) << "what came before stays";
+    reserve(0);
+    reserve(fskit::FSPreallocateFlagsPersist);
+    ask.close(file);
+    volume().deactivateItem(file);
+    volume().deactivateItem(nullptr);
+    EXPECT_EQ(allocated(), 8192u + (3 << 20)) << "it persists, and so does what is before it";
+    EXPECT_EQ(ask.attributes(file)->size(), 5000u);
 }
 
 } // namespace

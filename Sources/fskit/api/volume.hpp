@@ -244,6 +244,16 @@ class FSVolumeOpenCloseOperations {
     virtual void closeItem(const FSItemRef& item, FSVolumeOpenModes modes) = 0;
 };
 
+/// For volumes that have something to do when nobody uses an item any more.
+class FSVolumeItemDeactivation {
+  public:
+    virtual ~FSVolumeItemDeactivation() = default;
+    /// The items of which the host tells so. Constant from load on.
+    virtual FSItemDeactivationOptions itemDeactivationPolicy() const = 0;
+    /// After the last close, and after the last mapping in memory. Never fails.
+    virtual void deactivateItem(const FSItemRef& item) = 0;
+};
+
 /// For volumes whose name can be changed.
 class FSVolumeRenameOperations {
   public:

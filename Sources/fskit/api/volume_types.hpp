@@ -92,6 +92,13 @@ using FSVolumeOpenModes = std::uint64_t;
 inline constexpr FSVolumeOpenModes FSVolumeOpenModesRead = 1;
 inline constexpr FSVolumeOpenModes FSVolumeOpenModesWrite = 2;
 
+/// A set of kinds of items.
+using FSItemDeactivationOptions = std::uint64_t;
+/// Those that have lost their name.
+inline constexpr FSItemDeactivationOptions FSItemDeactivationForRemovedItems = 0x1;
+/// Those that space was reserved for.
+inline constexpr FSItemDeactivationOptions FSItemDeactivationForPreallocatedItems = 0x2;
+
 /// Any number may arrive; those without a name count as alwaysSet.
 enum class FSSetXattrPolicy : std::uint64_t {
     alwaysSet = 0,
