@@ -34,6 +34,10 @@ void NTFSListing::finish() noexcept {
     }
 }
 
+void NTFSListing::erase(std::string_view name) noexcept {
+    std::erase_if(entries_, [&](const NTFSDirEntry& entry) { return entry.name == name; });
+}
+
 std::optional<NTFSItemType> itemType(std::uint32_t rawValue) noexcept {
     if (rawValue < 1 || rawValue > 7) {
         return std::nullopt;

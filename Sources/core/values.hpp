@@ -178,6 +178,8 @@ class NTFSListing {
                 NTFSItemType type);
     /// Makes the entries refer to their names; called once, after the last append().
     void finish() noexcept;
+    /// Leaves out a name, if it is there; after finish().
+    void erase(std::string_view name) noexcept;
 
     [[nodiscard]] std::size_t size() const noexcept { return entries_.size(); }
     [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }

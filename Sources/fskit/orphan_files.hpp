@@ -35,7 +35,7 @@
 
 namespace tavelin {
 
-class OrphanFiles {
+class OrphanFiles final : public OrphanView {
   public:
     /// The volume must outlive this.
     explicit OrphanFiles(TavelinVolume& volume) : volume_(volume), orphanDirectory_(volume) {}
@@ -48,10 +48,10 @@ class OrphanFiles {
         return nameInRoot.starts_with(OrphanDirectory::kName) && nameInRoot == hiddenName();
     }
     /// That name; empty while there is none.
-    std::string hiddenName() { return orphanDirectory_.hiddenName(); }
+    std::string hiddenName() override { return orphanDirectory_.hiddenName(); }
 
     /// Whether the user has unlinked the item's last name.
-    bool contains(fskit::FSItemID id) const;
+    [[nodiscard]] bool contains(fskit::FSItemID id) const override;
     /// Takes no lock: most requests only need to know that there is no orphan at all.
     bool isEmpty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 

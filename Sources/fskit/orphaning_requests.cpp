@@ -7,28 +7,6 @@
 
 namespace tavelin {
 
-namespace {
-
-// Passes on all entries but one name.
-class HidingPacker final : public fskit::FSDirectoryEntryPacker {
-  public:
-    HidingPacker(fskit::FSDirectoryEntryPacker& packer, std::string hidden)
-        : packer_(packer), hidden_(std::move(hidden)) {}
-
-    bool packEntry(const fskit::FSFileName& name, fskit::FSItemType itemType,
-                   fskit::FSItemID itemID, fskit::FSDirectoryCookie nextCookie,
-                   const fskit::FSItemAttributes* attributes) override {
-        return name.data() == hidden_ ||
-               packer_.packEntry(name, itemType, itemID, nextCookie, attributes);
-    }
-
-  private:
-    fskit::FSDirectoryEntryPacker& packer_;
-    const std::string hidden_;
-};
-
-} // namespace
-
 Outcome<fskit::FSItemRef> OrphaningRequests::activate(const fskit::FSTaskOptions& options) {
     auto root = volume_.activate(options);
     if (root && !volume_.readOnly()) {
@@ -106,12 +84,7 @@ Outcome<fskit::FSDirectoryVerifier> OrphaningRequests::enumerateDirectory(
     const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
     fskit::FSDirectoryVerifier verifier, const fskit::FSItemGetAttributesRequest* attributes,
     fskit::FSDirectoryEntryPacker& packer) {
-    std::string hidden = directory == volume_.root() ? orphans_.hiddenName() : std::string();
-    if (hidden.empty()) {
-        return volume_.enumerateDirectory(directory, startingAt, verifier, attributes, packer);
-    }
-    HidingPacker hiding(packer, std::move(hidden));
-    return volume_.enumerateDirectory(directory, startingAt, verifier, attributes, hiding);
+    return volume_.enumerate(directory, startingAt, verifier, attributes, packer, &orphans_);
 }
 
 std::optional<OrphaningRequests::NamedFile>

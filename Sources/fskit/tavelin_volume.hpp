@@ -20,6 +20,7 @@
 #include "fskit/extended_operations.hpp"
 #include "fskit/kept_listings.hpp"
 #include "fskit/n_item.hpp"
+#include "fskit/orphan_view.hpp"
 #include "fskit/resource_device.hpp"
 #include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
@@ -178,6 +179,13 @@ class TavelinVolume final : public fskit::FSVolume,
                        fskit::FSDirectoryVerifier verifier,
                        const fskit::FSItemGetAttributesRequest* attributes,
                        fskit::FSDirectoryEntryPacker& packer) override;
+    /// The same for a host that keeps files without a name: an entry of such a file is that of
+    /// whatever has the name now, and is left out when nothing has. `orphans` may be null.
+    Outcome<fskit::FSDirectoryVerifier>
+    enumerate(const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
+              fskit::FSDirectoryVerifier verifier,
+              const fskit::FSItemGetAttributesRequest* attributes,
+              fskit::FSDirectoryEntryPacker& packer, OrphanView* orphans);
     /// Fills the buffer straight from the volume. Fewer bytes than asked for at the end of the
     /// file, none behind it.
     Outcome<std::size_t> read(const fskit::FSItemRef& item, std::int64_t offset, std::size_t length,
@@ -331,13 +339,15 @@ class TavelinVolume final : public fskit::FSVolume,
         TAVELIN_EXCLUDES(items);
     /// The listing to serve a page from: the reader's own, or a fresh one.
     Snapshot listing(const NItem& directory, fskit::FSDirectoryCookie cookie,
-                     fskit::FSDirectoryVerifier verifier) TAVELIN_EXCLUDES(items);
-    /// Of the item that has an entry's name now; absent when the name has been removed.
-    [[nodiscard]] std::optional<NTFSAttributes> currentAttributes(const NTFSDirEntry& entry,
-                                                                  const NItem& directory);
+                     fskit::FSDirectoryVerifier verifier, OrphanView* orphans)
+        TAVELIN_EXCLUDES(items);
+    /// Of the item that has an entry's name now; absent when the name has been removed. The name of
+    /// an orphan is not its own any more.
+    [[nodiscard]] std::optional<NTFSAttributes>
+    currentAttributes(const NTFSDirEntry& entry, const NItem& directory, bool isOrphan);
     /// Packs one page of a listing. With `described`, entries carry attributes, read one by one.
     void packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
-                     bool described, Pager& pager);
+                     bool described, const OrphanView* orphans, Pager& pager);
 
     /// By record number: a record has one file at a time.
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);

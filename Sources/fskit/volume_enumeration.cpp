@@ -38,7 +38,8 @@ class TavelinVolume::Pager {
           packer_(packer),
           start_(cookie),
           told_(cookie),
-          dots_(described ? 0 : kDotEntries) {}
+          dots_(described ? 0 : kDotEntries),
+          described_(described) {}
 
     /// Packs what of "." and ".." comes at or after the cookie; false when the packer is full.
     bool packDots() {
@@ -54,7 +55,7 @@ class TavelinVolume::Pager {
     std::uint64_t first() const noexcept { return start_ > dots_ ? start_ - dots_ : 0; }
 
     /// Packs the entry at a position of the listing; false when it did not fit. With attributes
-    /// the item is the one that they describe.
+    /// the item is the one that they describe; the reader gets them only if it wants any.
     bool pack(std::uint64_t position, const fskit::FSItemAttributes* attributes) {
         const NTFSDirEntry& entry = listing_.entries[static_cast<std::size_t>(position)];
         const bool isLast = position + 1 == listing_.entries.size();
@@ -64,7 +65,7 @@ class TavelinVolume::Pager {
                     isLast ? kEndCookie
                            : Driver2::DirectorySnapshot::cookie(
                                  static_cast<std::int64_t>(position + dots_)),
-                    attributes);
+                    described_ ? attributes : nullptr);
     }
 
     /// Whether the reader was told that nothing follows.
@@ -88,33 +89,37 @@ class TavelinVolume::Pager {
     const fskit::FSDirectoryCookie start_;
     fskit::FSDirectoryCookie told_; // with the last entry that was packed
     const std::uint64_t dots_;
+    const bool described_;
     bool full_ = false;
     fskit::FSFileName name_; // of the entry at hand, in the memory of the one before
 };
 
-std::optional<NTFSAttributes> TavelinVolume::currentAttributes(const NTFSDirEntry& entry,
-                                                               const NItem& directory) {
+std::optional<NTFSAttributes>
+TavelinVolume::currentAttributes(const NTFSDirEntry& entry, const NItem& directory, bool isOrphan) {
     try {
-        return ntfs->attributes(entry.reference());
+        if (!isOrphan) {
+            return ntfs->attributes(entry.reference());
+        }
     } catch (const NTFSError& error) {
         if (error.code != kESTALE) {
             throw;
         }
     }
-    // The item is gone, but another may have taken its name, by a rename over it: the name has been
-    // there all the time.
+    // The item is gone, or lives on without this name, but another may have taken it, by a rename
+    // over it: the name has been there all the time.
     return ntfs->find(entry.name, directory.reference);
 }
 
 void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, const NItem& directory,
-                                bool described, Pager& pager) {
+                                bool described, const OrphanView* orphans, Pager& pager) {
     fskit::FSItemAttributes memory; // of the entry at hand, filled anew for each
     for (std::uint64_t at = pager.first(); at < listing.entries.size(); ++at) {
+        const NTFSDirEntry& entry = listing.entries[static_cast<std::size_t>(at)];
+        const bool isOrphan = orphans != nullptr && orphans->contains(Driver2::itemID(entry.ino));
         const fskit::FSItemAttributes* attributes = nullptr;
-        if (described) {
-            const NTFSDirEntry& entry = listing.entries[static_cast<std::size_t>(at)];
+        if (described || isOrphan) {
             try {
-                const auto current = currentAttributes(entry, directory);
+                const auto current = currentAttributes(entry, directory, isOrphan);
                 if (!current) {
                     continue; // the name has been removed since the listing was taken
                 }
@@ -137,7 +142,8 @@ void TavelinVolume::packEntries(const Driver2::DirectorySnapshot& listing, const
 
 TavelinVolume::Snapshot TavelinVolume::listing(const NItem& directory,
                                                fskit::FSDirectoryCookie cookie,
-                                               fskit::FSDirectoryVerifier verifier) {
+                                               fskit::FSDirectoryVerifier verifier,
+                                               OrphanView* orphans) {
     std::uint64_t fresh = 0;
     {
         const MutexLock held(items);
@@ -151,13 +157,25 @@ TavelinVolume::Snapshot TavelinVolume::listing(const NItem& directory,
         }
         fresh = listings_.nextVerifier();
     }
-    return std::make_shared<Driver2::DirectorySnapshot>(ntfs->list(directory.reference), fresh);
+    NTFSListing listed = ntfs->list(directory.reference);
+    if (orphans != nullptr && directory.ino == NTFSVolume::kRootIno) {
+        listed.erase(orphans->hiddenName());
+    }
+    return std::make_shared<Driver2::DirectorySnapshot>(std::move(listed), fresh);
 }
 
 Outcome<fskit::FSDirectoryVerifier> TavelinVolume::enumerateDirectory(
     const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
     fskit::FSDirectoryVerifier verifier, const fskit::FSItemGetAttributesRequest* wanted,
     fskit::FSDirectoryEntryPacker& packer) {
+    return enumerate(directory, startingAt, verifier, wanted, packer, nullptr);
+}
+
+Outcome<fskit::FSDirectoryVerifier>
+TavelinVolume::enumerate(const fskit::FSItemRef& directory, fskit::FSDirectoryCookie startingAt,
+                         fskit::FSDirectoryVerifier verifier,
+                         const fskit::FSItemGetAttributesRequest* wanted,
+                         fskit::FSDirectoryEntryPacker& packer, OrphanView* orphans) {
     return request<"enumerateDirectory">([&] {
         const NItem& parent = n(directory);
         KeptListings::Listings dropped; // freed after the lock is released
@@ -166,10 +184,10 @@ Outcome<fskit::FSDirectoryVerifier> TavelinVolume::enumerateDirectory(
             dropped = listings_.takeOut(parent.reference, verifier);
             return verifier;
         }
-        const Snapshot snapshot = listing(parent, startingAt, verifier);
+        const Snapshot snapshot = listing(parent, startingAt, verifier, orphans);
         Pager pager(*snapshot, parent, startingAt, wanted != nullptr, packer);
         if (pager.packDots()) {
-            packEntries(*snapshot, parent, wanted != nullptr, pager);
+            packEntries(*snapshot, parent, wanted != nullptr, orphans, pager);
         }
         const MutexLock held(items);
         if (pager.isUnfinished()) {

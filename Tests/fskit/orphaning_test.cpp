@@ -4,6 +4,7 @@
 #include "fskit/orphaning_requests.hpp"
 
 #include <algorithm>
+#include <functional>
 
 namespace tavelin {
 namespace {
@@ -43,14 +44,36 @@ class Orphaning : public VolumeTest, public testing::WithParamInterface<Case> {
         }
         return file;
     }
-    std::vector<std::string> listed() {
-        Page page;
+    // Lists the root in pages of so many entries, and calls `between` after each.
+    std::vector<Entry> read(
+        std::size_t room, bool withAttributes, const std::function<void()>& between = [] {}) {
+        std::vector<Entry> all;
         const fskit::FSItemGetAttributesRequest wanted;
-        EXPECT_EQ(codeOf(names->enumerateDirectory(root, 0, 0, &wanted, page)), 0);
+        fskit::FSDirectoryVerifier verifier = 0;
+        for (;;) {
+            Page page(room);
+            const auto answer =
+                names->enumerateDirectory(root, all.empty() ? 0 : all.back().next, verifier,
+                                          withAttributes ? &wanted : nullptr, page);
+            EXPECT_EQ(codeOf(answer), 0);
+            verifier = *answer;
+            if (page.entries.empty()) {
+                return all;
+            }
+            all.insert(all.end(), page.entries.begin(), page.entries.end());
+            between();
+        }
+    }
+    std::vector<std::string> listed(const std::vector<Entry>& entries) {
         std::vector<std::string> all;
-        for (const Entry& entry : page.entries) {
+        for (const Entry& entry : entries) {
             all.push_back(entry.name);
         }
+        std::erase_if(all, [](const auto& name) { return name == "." || name == ".."; });
+        return all;
+    }
+    std::vector<std::string> listed() {
+        std::vector<std::string> all = listed(read(SIZE_MAX, true));
         return all;
     }
     std::uint64_t freeBytes() { return volume().volumeStatistics().freeBytes; }
@@ -127,6 +150,45 @@ TEST_F(Orphaning, WithoutRoomForAnOrphanTheNameGoesAllTheSame) {
     }
     for (const bool isReplaced : {false, true}) {
         EXPECT_EQ(requests().read(loseFile(isReplaced), 0, 5).code(), kESTALE);
+    }
+}
+
+TEST_F(Orphaning, AListingThatIsBeingReadShowsWhatTheNamesStandFor) {
+    for (const bool withAttributes : {true, false}) {
+        const Item removed = *requests().create(root, "b");
+        const Item replaced = *requests().create(root, "c");
+        const Item other = *requests().create(root, "d");
+        EXPECT_EQ(*requests().write(other, 0, "other"), 5u);
+        EXPECT_EQ(requests().create(root, "a").code(), 0);
+        int pages = 0;
+        const auto entries = read(withAttributes ? 1 : 3, withAttributes, [&] {
+            if (pages++ == 0) {
+                EXPECT_EQ(remove(removed, "b"), 0);
+                EXPECT_EQ(replace(other, "d", replaced, "c"), 0);
+            }
+        });
+        EXPECT_EQ(listed(entries), (std::vector<std::string>{"a", "c", "d"}))
+            << "d was moved, not removed";
+        const Entry& c = entries[entries.size() - 2];
+        EXPECT_EQ(c.id, names->getAttributes({}, other)->fileID());
+        EXPECT_EQ(c.attributes.has_value(), withAttributes);
+        EXPECT_TRUE(!withAttributes || c.attributes->size() == 5);
+        for (const char* name : {"a", "c"}) {
+            EXPECT_EQ(remove(nullptr, name), 0);
+        }
+    }
+}
+
+TEST_F(Orphaning, AListingEndsWhereTheOrphansDirectoryIsItsLastEntry) {
+    EXPECT_EQ(remove(*requests().create(root, "+removed"), "+removed"), 0);
+    EXPECT_EQ(requests().create(root, "+file").code(), 0);
+    for (const bool withAttributes : {true, false}) {
+        const auto entries = read(withAttributes ? 1 : 3, withAttributes, [&] {
+            static_cast<void>(requests().create(root, "+ before the others"));
+        });
+        EXPECT_EQ(listed(entries), std::vector<std::string>{"+file"});
+        EXPECT_EQ(volume().keptEntries(), 0u);
+        EXPECT_EQ(remove(nullptr, "+ before the others"), 0);
     }
 }
 
