@@ -7,6 +7,7 @@
 #if __MAC_OS_X_VERSION_MAX_ALLOWED >= 270000
 
 #include "extension/reply.hpp"
+#include "fskit/tavelin_volume.hpp"
 #include "platform/lock_order.hpp"
 #include "platform/mutex.hpp"
 
@@ -32,7 +33,7 @@ void serveInOrder(AnswerOrder& order, void (^reply)(Arguments...),
 }
 
 /// The arguments of a reply from a result that was just made. FSKit makes none where something
-/// required is missing, as when attributes could not be read: EIO.
+/// required is missing, as when a file could not be read after its change: EIO.
 template<typename Result>
 std::tuple<Result*, NSError*> given(Result* result) {
     return {made(result), result != nil ? nil : fs_errorForPOSIXError(kEIO)};
@@ -43,6 +44,13 @@ std::tuple<Result*, NSError*> given(Result* result) {
     FSFreeSpace* space = made([[FSFreeSpace alloc] init]);
     [space populateWithBytes:bytes];
     return space;
+}
+
+/// The same for an answer that says nothing of it. Nil where the volume does not tell: FSKit asks
+/// for the statistics then.
+[[nodiscard]] inline FSFreeSpace* freeSpaceOf(TavelinVolume& volume) API_AVAILABLE(macos(27.0)) {
+    const fskit::FSStatFSResult now = volume.volumeStatistics();
+    return now.totalBytes != 0 ? freeSpace(now.freeBytes) : nil;
 }
 
 } // namespace tavelin

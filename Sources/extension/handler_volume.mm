@@ -8,6 +8,7 @@
 
 using tavelin::argumentsOf;
 using tavelin::freeSpace;
+using tavelin::freeSpaceOf;
 using tavelin::given;
 using tavelin::serve;
 using tavelin::serveInOrder;
@@ -70,13 +71,13 @@ using tavelin::toFSKit;
          replyHandler:(void (^)(FSSetAttributesResult *result, NSError *error))reply {
     serveInOrder(_order, reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        const auto attributes = _volume->setAttributes(request, toCore(item));
+        const auto attributes = _names->setAttributes(request, toCore(item));
         newAttributes.consumedAttributes = static_cast<FSItemAttribute>(request.consumedAttributes);
         return argumentsOf<FSSetAttributesResult *, NSError *>(
             attributes, [&](const fskit::FSItemAttributes &changed) {
                 return given([[FSSetAttributesResult alloc]
-                    initWithAttributes:toFSKit(_names->adjusted(changed))
-                             freeSpace:freeSpace(_volume->volumeStatistics().freeBytes)]);
+                    initWithAttributes:toFSKit(changed)
+                             freeSpace:freeSpaceOf(*_volume)]);
             });
     });
 }
@@ -90,8 +91,7 @@ using tavelin::toFSKit;
             return {nil, toFSKit(contents.error())};
         }
         return argumentsOf<FSReadSymlinkResult *, NSError *>(
-            _names->getAttributes({}, toCore(item)),
-            [&](const fskit::FSItemAttributes &attributes) {
+            _names->attributesBeside(toCore(item)), [&](const fskit::FSItemAttributes &attributes) {
                 return given([[FSReadSymlinkResult alloc] initWithContents:toFSKit(*contents)
                                                          symlinkAttributes:toFSKit(attributes)]);
             });
@@ -136,7 +136,8 @@ using tavelin::toFSKit;
                         initWithNewItem:_handed->handOut(created.newItem)
                             newItemName:toFSKit(created.newItemName)
                       newItemAttributes:toFSKit(created.newItemAttributes)
-                    directoryAttributes:toFSKit(created.directoryAttributes)
+                    directoryAttributes:toFSKit(_names->ofDirectory(created.directoryAttributes,
+                                                                    toCore(directory)))
                               freeSpace:freeSpace(created.freeSpace)]);
             });
     });
@@ -157,7 +158,8 @@ using tavelin::toFSKit;
                         initWithNewItem:_handed->handOut(created.newItem)
                             newItemName:toFSKit(created.newItemName)
                       newItemAttributes:toFSKit(created.newItemAttributes)
-                    directoryAttributes:toFSKit(created.directoryAttributes)
+                    directoryAttributes:toFSKit(_names->ofDirectory(created.directoryAttributes,
+                                                                    toCore(directory)))
                               freeSpace:freeSpace(created.freeSpace)]);
             });
     });
@@ -171,11 +173,12 @@ using tavelin::toFSKit;
     serveInOrder(_order, reply, [&] {
         return argumentsOf<FSCreateLinkResult *, NSError *>(
             _volume->createLink(toCore(item), toCore(name), toCore(directory)),
-            [](const fskit::FSCreateLinkResult &made) {
+            [&](const fskit::FSCreateLinkResult &made) {
                 return given([[FSCreateLinkResult alloc]
                        initWithLinkName:toFSKit(made.linkName)
                          linkAttributes:toFSKit(made.linkAttributes)
-                    directoryAttributes:toFSKit(made.directoryAttributes)
+                    directoryAttributes:toFSKit(_names->ofDirectory(made.directoryAttributes,
+                                                                    toCore(directory)))
                               freeSpace:freeSpace(made.freeSpace)]);
             });
     });
@@ -189,10 +192,12 @@ using tavelin::toFSKit;
     serveInOrder(_order, reply, [&] {
         return argumentsOf<FSRemoveItemResult *, NSError *>(
             _names->removeItem(toCore(item), toCore(name), toCore(directory)),
-            [](const fskit::FSRemoveItemResult &removed) {
+            [&](const fskit::FSRemoveItemResult &removed) {
                 return given([[FSRemoveItemResult alloc]
-                    initWithItemAttributes:toFSKit(removed.itemAttributes)
-                       directoryAttributes:toFSKit(removed.directoryAttributes)
+                    initWithItemAttributes:toFSKit(_names->ofRemoved(removed.itemAttributes,
+                                                                     toCore(item)))
+                       directoryAttributes:toFSKit(_names->ofDirectory(removed.directoryAttributes,
+                                                                       toCore(directory)))
                                  freeSpace:freeSpace(removed.freeSpace)]);
             });
     });
@@ -211,12 +216,17 @@ using tavelin::toFSKit;
             _names->renameItem(toCore(item), toCore(sourceDirectory), toCore(sourceName),
                                toCore(destinationName), toCore(destinationDirectory),
                                toCore(overItem)),
-            [](const fskit::FSRenameItemResult &renamed) {
+            [&](const fskit::FSRenameItemResult &renamed) {
                 return given([[FSRenameItemResult alloc]
                                    initWithNewName:toFSKit(renamed.newName)
-                             renamedItemAttributes:toFSKit(renamed.renamedItemAttributes)
-                         sourceDirectoryAttributes:toFSKit(renamed.sourceDirectoryAttributes)
-                    destinationDirectoryAttributes:toFSKit(renamed.destinationDirectoryAttributes)
+                             renamedItemAttributes:toFSKit(_names->ofChanged(
+                                                       renamed.renamedItemAttributes, toCore(item)))
+                         sourceDirectoryAttributes:toFSKit(_names->ofDirectory(
+                                                       renamed.sourceDirectoryAttributes,
+                                                       toCore(sourceDirectory)))
+                    destinationDirectoryAttributes:toFSKit(_names->ofDirectory(
+                                                       renamed.destinationDirectoryAttributes,
+                                                       toCore(destinationDirectory)))
                                 overItemAttributes:toFSKit(renamed.overItemAttributes)
                                          freeSpace:freeSpace(renamed.freeSpace)]);
             });

@@ -5,6 +5,7 @@
 
 using tavelin::argumentsOf;
 using tavelin::freeSpace;
+using tavelin::freeSpaceOf;
 using tavelin::given;
 using tavelin::serve;
 using tavelin::serveInOrder;
@@ -27,8 +28,7 @@ using tavelin::toFSKit;
             return {nil, toFSKit(count.error())};
         }
         return argumentsOf<FSReadFileResult *, NSError *>(
-            _names->getAttributes({}, toCore(item)),
-            [&](const fskit::FSItemAttributes &attributes) {
+            _names->attributesBeside(toCore(item)), [&](const fskit::FSItemAttributes &attributes) {
                 return given([[FSReadFileResult alloc] initWithBytesRead:*count
                                                           itemAttributes:toFSKit(attributes)]);
             });
@@ -46,7 +46,8 @@ using tavelin::toFSKit;
             [&](const fskit::FSWriteFileResult &written) {
                 return given([[FSWriteFileResult alloc]
                     initWithBytesWritten:written.bytesWritten
-                          itemAttributes:toFSKit(_names->adjusted(written.itemAttributes))
+                          itemAttributes:toFSKit(_names->ofChanged(written.itemAttributes,
+                                                                   toCore(item)))
                                freeSpace:freeSpace(written.freeSpace)]);
             });
     });
@@ -150,8 +151,7 @@ using tavelin::toFSKit;
         if (!set) {
             return {nil, toFSKit(set.error())};
         }
-        return given([[FSSetXattrResult alloc]
-            initWithFreeSpace:freeSpace(_volume->volumeStatistics().freeBytes)]);
+        return given([[FSSetXattrResult alloc] initWithFreeSpace:freeSpaceOf(*_volume)]);
     });
 }
 

@@ -64,7 +64,7 @@ NamedItem newItem(const tavelin::Outcome<fskit::FSCreateItemResult> &made,
          replyHandler:(void (^)(FSItemAttributes *attributes, NSError *error))reply {
     serve(reply, [&] {
         fskit::FSItemSetAttributesRequest request = toCore(newAttributes);
-        auto attributes = _volume->setAttributes(request, toCore(item));
+        auto attributes = _names->setAttributes(request, toCore(item));
         newAttributes.consumedAttributes = static_cast<FSItemAttribute>(request.consumedAttributes);
         return attributes;
     });

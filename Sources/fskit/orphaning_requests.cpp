@@ -49,13 +49,50 @@ fskit::FSItemAttributes OrphaningRequests::adjusted(fskit::FSItemAttributes attr
 }
 
 Outcome<fskit::FSItemAttributes>
+OrphaningRequests::adjusted(Outcome<fskit::FSItemAttributes> attributes) const {
+    return attributes ? adjusted(*attributes) : std::move(attributes);
+}
+
+Outcome<fskit::FSItemAttributes>
 OrphaningRequests::getAttributes(const fskit::FSItemGetAttributesRequest& desired,
                                  const fskit::FSItemRef& item) {
-    auto attributes = volume_.getAttributes(desired, item);
-    if (attributes) {
-        attributes = adjusted(*attributes);
+    return adjusted(volume_.getAttributes(desired, item));
+}
+
+Outcome<fskit::FSItemAttributes>
+OrphaningRequests::setAttributes(fskit::FSItemSetAttributesRequest& changes,
+                                 const fskit::FSItemRef& item) {
+    return adjusted(volume_.setAttributes(changes, item));
+}
+
+Outcome<fskit::FSItemAttributes> OrphaningRequests::attributesBeside(const fskit::FSItemRef& item) {
+    return adjusted(volume_.attributesBeside(item));
+}
+
+fskit::FSItemAttributes OrphaningRequests::ofChanged(const fskit::FSItemAttributes& told,
+                                                     const fskit::FSItemRef& item) {
+    if (told.validAttributes() != 0) {
+        return adjusted(told);
     }
-    return attributes;
+    const auto now = attributesBeside(item);
+    return now ? *now : fskit::FSItemAttributes();
+}
+
+fskit::FSItemAttributes OrphaningRequests::ofDirectory(const fskit::FSItemAttributes& told,
+                                                       const fskit::FSItemRef& directory) {
+    const fskit::FSItemAttributes now = ofChanged(told, directory);
+    return now.validAttributes() != 0 ? now
+                                      : volume_.presumed(directory, fskit::FSItemType::directory);
+}
+
+fskit::FSItemAttributes OrphaningRequests::ofRemoved(const fskit::FSItemAttributes& told,
+                                                     const fskit::FSItemRef& item) {
+    if (told.validAttributes() != 0 || item == nullptr) {
+        return told;
+    }
+    fskit::FSItemAttributes gone = volume_.presumed(item, fskit::FSItemType::file);
+    gone.setLinkCount(0);
+    return gone;
 }
 
 Outcome<fskit::FSLookupItemResult>

@@ -45,6 +45,10 @@ class OrphaningRequests {
     /// The link count of an orphan is 0.
     Outcome<fskit::FSItemAttributes> getAttributes(const fskit::FSItemGetAttributesRequest& desired,
                                                    const fskit::FSItemRef& item);
+    Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,
+                                                   const fskit::FSItemRef& item);
+    /// See TavelinVolume::attributesBeside().
+    Outcome<fskit::FSItemAttributes> attributesBeside(const fskit::FSItemRef& item);
     /// The orphan directory has no name that a host could find, make or list.
     Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory);
@@ -73,6 +77,18 @@ class OrphaningRequests {
                const fskit::FSItemRef& destinationDirectory, const fskit::FSItemRef& overItem);
     /// The attributes of an item, with a link count of 0 when it has lost its last name.
     [[nodiscard]] fskit::FSItemAttributes adjusted(fskit::FSItemAttributes attributes) const;
+
+    /// What a host that takes no answer without attributes is told of an item that was changed. In
+    /// `told`, nothing is valid when the item could not be read together with the change, which
+    /// stands all the same. It is read once more then. Of a directory, or of an item that was
+    /// removed, what is known without reading will do; a wrong size would cost a file its data, so
+    /// of one that cannot be read nothing is valid in the answer either.
+    [[nodiscard]] fskit::FSItemAttributes ofChanged(const fskit::FSItemAttributes& told,
+                                                    const fskit::FSItemRef& item);
+    [[nodiscard]] fskit::FSItemAttributes ofDirectory(const fskit::FSItemAttributes& told,
+                                                      const fskit::FSItemRef& directory);
+    [[nodiscard]] fskit::FSItemAttributes ofRemoved(const fskit::FSItemAttributes& told,
+                                                    const fskit::FSItemRef& item);
     /// To be called once the host has given an item back for good.
     void reclaimed(const fskit::FSItemRef& item);
 
@@ -89,6 +105,9 @@ class OrphaningRequests {
                                     const fskit::FSItemRef& directory);
     /// Whether a name is that of the orphan directory.
     bool isHidden(const fskit::FSFileName& name, const fskit::FSItemRef& directory);
+    [[nodiscard]] Outcome<fskit::FSItemAttributes>
+    adjusted(Outcome<fskit::FSItemAttributes> attributes) const;
+
     TavelinVolume& volume_;
     OrphanFiles orphans_;
     std::atomic<bool> hostKeepsRemoved_{false};

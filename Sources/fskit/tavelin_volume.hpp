@@ -160,6 +160,12 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Fills every attribute that the volume knows, whatever is desired.
     Outcome<fskit::FSItemAttributes> getAttributes(const fskit::FSItemGetAttributesRequest& desired,
                                                    const fskit::FSItemRef& item) override;
+    /// The same for the answer to another request, which is the one that is counted.
+    Outcome<fskit::FSItemAttributes> attributesBeside(const fskit::FSItemRef& item);
+    /// What is known of an item without reading it: its numbers, its type from the caller, and the
+    /// present for its times; nothing of its size.
+    [[nodiscard]] fskit::FSItemAttributes presumed(const fskit::FSItemRef& item,
+                                                   fskit::FSItemType type) const;
     /// kEINVAL for attributes that only the volume sets, kENOTSUP for flags that forbid changes;
     /// nothing is applied then. The size of what is no file is ignored.
     Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,

@@ -105,7 +105,9 @@ void TavelinVolume::apply(fskit::FSItemSetAttributesRequest& request, const NIte
     }
     if (request.isValid(Bit::flags)) {
         ntfs->setHidden(item.reference, (request.flags() & fskit::kHiddenFlag) != 0);
-        request.consumedAttributes |= Bit::flags;
+        // A new item is made all the same, and the host sees that it is not protected.
+        const bool isKept = (request.flags() & fskit::kImmutableFlags) == 0;
+        request.consumedAttributes |= isKept ? Bit::flags : fskit::FSItemAttributeSet{0};
     }
     constexpr fskit::FSItemAttributeSet kOwner = Bit::mode | Bit::uid | Bit::gid;
     const fskit::FSItemAttributeSet owner =
@@ -163,6 +165,25 @@ TavelinVolume::getAttributes(const fskit::FSItemGetAttributesRequest& /*desired*
         describe(ntfs->attributes(own.reference), own.parent, result);
         return result;
     });
+}
+
+Outcome<fskit::FSItemAttributes> TavelinVolume::attributesBeside(const fskit::FSItemRef& item) {
+    return attempt<"getAttributes">([&] {
+        const NItem& own = n(item);
+        return described(ntfs->attributes(own.reference), own.parent);
+    });
+}
+
+fskit::FSItemAttributes TavelinVolume::presumed(const fskit::FSItemRef& item,
+                                                fskit::FSItemType type) const {
+    const NItem& own = n(item);
+    NTFSAttributes record;
+    record.ino = own.ino;
+    record.type = static_cast<NTFSItemType>(type);
+    record.linkCount = 1;
+    std::timespec_get(&record.modifyTime, TIME_UTC);
+    record.accessTime = record.changeTime = record.birthTime = record.modifyTime;
+    return described(record, own.parent);
 }
 
 Outcome<fskit::FSItemAttributes>

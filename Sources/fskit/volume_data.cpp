@@ -35,6 +35,12 @@ TavelinVolume::write(std::span<const std::byte> contents, const fskit::FSItemRef
     return attempt<"write">([&] {
         NItem& own = n(item);
         requireChangeable();
+        if (contents.empty() && attributes != nullptr) {
+            // The volume does nothing for it, and so has nothing to tell.
+            return fskit::FSWriteFileResult{0,
+                                            described(ntfs->attributes(own.reference), own.parent),
+                                            ntfs->statfs().freeBytes()};
+        }
         own.isUnflushed.store(true, std::memory_order_relaxed);
         const NTFSWrite written =
             ntfs->write(own.reference, unsignedOffset(offset), contents, attributes != nullptr);

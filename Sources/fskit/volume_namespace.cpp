@@ -20,6 +20,11 @@ fskit::FSItemAttributeSet ownerBits(const fskit::FSItemAttributes& request) {
     return request.validAttributes() & (Bit::mode | Bit::uid | Bit::gid);
 }
 
+/// The item of a change that stands although the item could not be read: then it has no number.
+std::optional<NTFSAttributes> readable(const NTFSAttributes& item) {
+    return item.ino != 0 ? std::optional(item) : std::nullopt;
+}
+
 } // namespace
 
 fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std::uint64_t parent,
@@ -146,7 +151,7 @@ Outcome<fskit::FSRemoveItemResult> TavelinVolume::removeItem(const fskit::FSItem
         std::string memory;
         const NTFSChange change =
             ntfs->remove(existingName(name(named), parent.reference, memory), parent.reference);
-        return fskit::FSRemoveItemResult{described(change.item, parent.ino),
+        return fskit::FSRemoveItemResult{described(readable(change.item), parent.ino),
                                          described(change.directory, parent.parent),
                                          change.freeBytes};
     });
@@ -179,7 +184,7 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
         // The item that was replaced stays registered until it is reclaimed: its file may have
         // other names, and must not get a second item while the host holds this one.
         fskit::FSRenameItemResult result{fskit::FSFileName(stored),
-                                         described(change.item, to.ino),
+                                         described(readable(change.item), to.ino),
                                          described(change.source, from.parent),
                                          described(change.destination, to.parent),
                                          {},

@@ -69,6 +69,8 @@ TEST_P(Binding, ServesAVolumeFromProbeToUnload) {
     EXPECT_EQ(daemon_.readLink(link.item()).text(), "Photos/été.jpg");
     EXPECT_EQ(daemon_.write(file.item(), "the picture").number, 11u);
     EXPECT_EQ(daemon_.readText(file.item()), "the picture");
+    const Answer nothing = daemon_.write(file.item(), "");
+    EXPECT_TRUE(nothing.ok() && nothing.number == 0);
     const Answer resized = daemon_.setSize(file.item(), 7);
     EXPECT_EQ(resized.attributes().size, 7u);
     EXPECT_EQ(resized.number, static_cast<std::uint64_t>(FSItemAttributeSize));
@@ -316,6 +318,8 @@ TEST_P(Binding, KeepsFilesWithoutANameWhereFSKitDoesNot) {
         daemon_.rename(fresh.item(), root, "fresh", root, "replaced", replaced.item()).ok());
     EXPECT_EQ(daemon_.list(root, 100, true), std::vector<std::string>{"replaced"});
     EXPECT_EQ(daemon_.readText(replaced.item()), "two");
+    const Answer resized = daemon_.setSize(replaced.item(), 3);
+    EXPECT_TRUE(resized.ok() && resized.attributes().linkCount == 0);
     if (daemon_.release() == Release::k15_4) {
         EXPECT_EQ(daemon_.readText(removed.item()), "one");
     } else {

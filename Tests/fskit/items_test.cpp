@@ -244,6 +244,14 @@ TEST_F(Items, ChangesAnswerWhatTheyLeave) {
     EXPECT_EQ(written.freeSpace, freeNow());
     EXPECT_EQ(written.freeSpace, before - written.itemAttributes.allocSize());
 
+    const auto nothing = v.write({}, made.newItem, 0, &all).get();
+    EXPECT_TRUE(isNow(made.newItem, nothing.itemAttributes));
+    EXPECT_EQ(nothing.freeSpace, freeNow());
+    const auto presumed = v.presumed(directory, Type::directory);
+    EXPECT_EQ(presumed.validAttributes(), made.directoryAttributes.validAttributes());
+    EXPECT_EQ(presumed.fileID(), made.directoryAttributes.fileID());
+    EXPECT_EQ(presumed.mode(), made.directoryAttributes.mode());
+
     const auto linked = v.linkInternal(made.newItem, named("second"), root).get();
     EXPECT_EQ(linked.linkAttributes.linkCount(), 2u);
     EXPECT_TRUE(isNow(root, linked.directoryAttributes));

@@ -98,7 +98,12 @@ TEST_P(Orphaning, AFileWithoutANameIsUsableUntilItsReclaim) {
     }
     EXPECT_EQ(*requests().read(file, 0, 5), "fffff");
     EXPECT_EQ(*requests().write(file, 50'000, "more"), 4u);
-    EXPECT_EQ(names->getAttributes({}, file)->linkCount(), 0u);
+    fskit::FSItemSetAttributesRequest later;
+    later.setModifyTime({.tv_sec = 1, .tv_nsec = 0});
+    for (const auto& told : {names->getAttributes({}, file), names->setAttributes(later, file),
+                             names->attributesBeside(file)}) {
+        EXPECT_EQ(told->linkCount(), 0u);
+    }
     EXPECT_LT(freeBytes(), before);
 
     requests().reclaim(file);
@@ -190,6 +195,20 @@ TEST_F(Orphaning, AListingEndsWhereTheOrphansDirectoryIsItsLastEntry) {
         EXPECT_EQ(volume().keptEntries(), 0u);
         EXPECT_EQ(remove(nullptr, "+ before the others"), 0);
     }
+}
+
+TEST_F(Orphaning, AChangeStandsAlthoughWhatItLeftCannotBeRead) {
+    const Item file = *requests().create(root, "file");
+    const fskit::FSItemAttributes unread;
+    EXPECT_EQ(names->ofChanged(unread, file).linkCount(), 1u) << "it can be read now";
+    EXPECT_EQ(codeOf(names->deactivate(0)), 0);
+    const auto directory = names->ofDirectory(unread, root);
+    EXPECT_EQ(directory.type(), Type::directory);
+    EXPECT_EQ(directory.parentID(), fskit::FSItemIDParentOfRoot);
+    const auto removed = names->ofRemoved(unread, file);
+    EXPECT_TRUE(removed.isValid(fskit::FSItemAttribute::linkCount));
+    EXPECT_EQ(removed.linkCount(), 0u);
+    EXPECT_EQ(names->ofChanged(unread, file).validAttributes(), 0u) << "nobody knows its size";
 }
 
 TEST_F(Orphaning, AFailedReplacementLeavesTheFileItsName) {

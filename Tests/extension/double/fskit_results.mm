@@ -35,7 +35,8 @@ OBJECT(FSFreeSpace *, freeSpace, FreeSpace)
 NUMBER(uint64_t, number, Number)
 + (FSItemGetAttributesRequest *)requestedAttributes {
     FSItemGetAttributesRequest *request = made([[FSItemGetAttributesRequest alloc] init]);
-    request.wantedAttributes = 0x3fff;
+    // Seen on 27.0: everything up to the birth time, and a bit that no header names.
+    request.wantedAttributes = static_cast<FSItemAttribute>(0x4000000000003fff);
     return request;
 }
 - (instancetype)initWithItem:(FSItemAttributes *)item {
