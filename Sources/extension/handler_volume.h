@@ -19,10 +19,11 @@ API_AVAILABLE(macos(27.0))
 }
 @end
 
-/* Requests for contents: reading, writing, reserving space, opening and closing. */
+/* Requests for contents: reading, writing, reserving space, opening, closing and the end of use. */
 API_AVAILABLE(macos(27.0))
 @interface TavelinHandlerVolume (Data) <FSVolumeReadWriteHandler, FSVolumePreallocateHandler,
-                                        FSVolumeSeekRegionHandler, FSVolumeOpenCloseHandler>
+                                        FSVolumeSeekRegionHandler, FSVolumeOpenCloseHandler,
+                                        FSVolumeItemDeactivationHandler>
 @end
 
 /* The volume's name and extended attributes. */

@@ -107,6 +107,15 @@ using tavelin::toFSKit;
     });
 }
 
+- (void)deactivateItem:(FSItem *)item
+               context:(FSContext *)context
+          replyHandler:(void (^)(FSDeactivateItemResult *result, NSError *error))reply {
+    serveInOrder(_order, reply, [&] {
+        _names->deactivateItem(toCore(item));
+        return given([[FSDeactivateItemResult alloc] initWithFreeSpace:freeSpaceOf(*_volume)]);
+    });
+}
+
 @end
 
 @implementation TavelinHandlerVolume (Names)

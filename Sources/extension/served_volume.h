@@ -42,6 +42,7 @@
 @property (readonly, nonatomic) FSVolumeSupportedCapabilities *supportedVolumeCapabilities;
 @property (readonly, nonatomic) FSStatFSResult *volumeStatistics;
 @property (readonly) BOOL enableOpenUnlinkEmulation;
+@property (readonly) FSItemDeactivationOptions itemDeactivationPolicy;
 #if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400
 @property (readonly) FSMountOptions requestedMountOptions API_AVAILABLE(macos(26.4));
 #endif

@@ -75,6 +75,10 @@ using tavelin::toFSKit;
     return YES;
 }
 
+- (FSItemDeactivationOptions)itemDeactivationPolicy {
+    return static_cast<FSItemDeactivationOptions>(_volume->itemDeactivationPolicy());
+}
+
 // Asked for after the mount: a volume that could only be opened read-only is then mounted so, and
 // the Finder offers no changes.
 #if __MAC_OS_X_VERSION_MAX_ALLOWED >= 260400

@@ -8,9 +8,9 @@
 @interface TavelinVolume : TavelinServedVolume <FSVolumeOperations>
 @end
 
-/* Requests for contents: reading, writing, reserving space, opening and closing. */
+/* Requests for contents: reading, writing, reserving space, opening, closing and the end of use. */
 @interface TavelinVolume (Data) <FSVolumeReadWriteOperations, FSVolumePreallocateOperations,
-                                 FSVolumeOpenCloseOperations>
+                                 FSVolumeOpenCloseOperations, FSVolumeItemDeactivation>
 @end
 
 /* The volume's name and extended attributes. */

@@ -70,4 +70,11 @@ using tavelin::toCore;
     });
 }
 
+- (void)deactivateItem:(FSItem *)item replyHandler:(void (^)(NSError *error))reply {
+    serve(reply, [&] {
+        _names->deactivateItem(toCore(item));
+        return tavelin::Outcome<void>();
+    });
+}
+
 @end

@@ -193,6 +193,11 @@ Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
     return done;
 }
 
+void OrphaningRequests::deactivateItem(const fskit::FSItemRef& item) {
+    volume_.deactivateItem(item);
+    reclaimed(item);
+}
+
 void OrphaningRequests::reclaimed(const fskit::FSItemRef& item) {
     if (item == nullptr || orphans_.isEmpty()) {
         return;

@@ -3,7 +3,8 @@
 /// FSKit's contract: removing or replacing a file takes its name alone, and the file itself goes
 /// with the reclaim of its item. NTFS frees a file's record with its last name. So a file that
 /// loses its last name is moved to the orphan directory first, and is removed there when the host
-/// gives its item back, at the unmount, or by the next activation when none of these came.
+/// deactivates its item or gives it back, at the unmount, or by the next activation when none of
+/// these came.
 ///
 /// Beside the volume, which a host asks for everything that is not declared here. Keeping a file is
 /// never a reason to fail: where there is no room for an orphan, the name goes and the file with
@@ -89,6 +90,8 @@ class OrphaningRequests {
                                                       const fskit::FSItemRef& directory);
     [[nodiscard]] fskit::FSItemAttributes ofRemoved(const fskit::FSItemAttributes& told,
                                                     const fskit::FSItemRef& item);
+    /// An orphan is removed: nobody has it open, and nobody can open it any more.
+    void deactivateItem(const fskit::FSItemRef& item);
     /// To be called once the host has given an item back for good.
     void reclaimed(const fskit::FSItemRef& item);
 

@@ -59,6 +59,8 @@ TEST_P(Binding, ServesAVolumeFromProbeToUnload) {
     EXPECT_FALSE(static_cast<id<FSVolumeOpenCloseHandler>>(daemon_.volume()).isOpenCloseInhibited)
         << "no synchronise need come";
     EXPECT_TRUE(daemon_.volume().supportedVolumeCapabilities.doesNotSupportImmutableFiles);
+    EXPECT_EQ(daemon_.volume().itemDeactivationPolicy,
+              FSItemDeactivationForRemovedItems | FSItemDeactivationForPreallocatedItems);
 
     FSItem *const root = daemon_.root();
     const Answer directory = daemon_.create(root, "Photos", FSItemTypeDirectory);
@@ -313,7 +315,12 @@ TEST_P(Binding, KeepsFilesWithoutANameWhereFSKitDoesNot) {
     const Answer removed = file("removed", "one");
     const Answer replaced = file("replaced", "two");
     const Answer fresh = file("fresh", "three");
+    const Answer open = file("open", "four");
     ASSERT_TRUE(daemon_.remove(removed.item(), root, "removed").ok());
+    ASSERT_TRUE(daemon_.open(open.item()).ok() && daemon_.remove(open.item(), root, "open").ok());
+    EXPECT_EQ(daemon_.readText(open.item()), "four");
+    EXPECT_TRUE(daemon_.close(open.item()).ok() && daemon_.deactivateItem(open.item()).ok());
+    EXPECT_EQ(daemon_.read(open.item(), 1).code(), kESTALE);
     ASSERT_TRUE(
         daemon_.rename(fresh.item(), root, "fresh", root, "replaced", replaced.item()).ok());
     EXPECT_EQ(daemon_.list(root, 100, true), std::vector<std::string>{"replaced"});
@@ -325,7 +332,7 @@ TEST_P(Binding, KeepsFilesWithoutANameWhereFSKitDoesNot) {
     } else {
         EXPECT_EQ(daemon_.read(removed.item(), 1).code(), kESTALE) << "FSKit keeps open ones";
     }
-    for (const Answer *held : {&removed, &replaced, &fresh}) {
+    for (const Answer *held : {&removed, &replaced, &fresh, &open}) {
         EXPECT_TRUE(daemon_.reclaim(held->item()).ok());
     }
     EXPECT_EQ(daemon_.read(replaced.item(), 1).code(), kESTALE);
@@ -366,6 +373,10 @@ TEST_P(Binding, ReservesSpaceAndTellsDataFromHoles) {
     EXPECT_EQ(daemon_.preallocate(file.item(), 1 << 20, FSPreallocateFlagsAll).number, 1u << 20);
     EXPECT_EQ(before - daemon_.statistics(), 1u << 20);
     EXPECT_EQ(daemon_.getAttributes(file.item()).attributes().size, 100'000u);
+    const Answer unused = daemon_.deactivateItem(file.item());
+    EXPECT_TRUE(unused.ok());
+    EXPECT_EQ(before, daemon_.statistics());
+    EXPECT_EQ(unused.freeSpace.get() != nil, daemon_.hasHandlers());
     EXPECT_EQ(daemon_.preallocate(file.item(), 1 << 20, FSPreallocateFlagsContiguous).code(),
               kENOTSUP);
     EXPECT_EQ(daemon_.preallocate(file.item(), std::size_t{1} << 40, 0).code(), kENOSPC);

@@ -11,6 +11,7 @@
 #include "extension/memory.hpp"
 
 #include <atomic>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,7 @@ class Daemon {
     Answer create(FSItem *directory, const std::string &name, FSItemType type = FSItemTypeFile);
     Answer link(FSItem *directory, const std::string &name, const std::string &target);
     Answer hardLink(FSItem *item, FSItem *directory, const std::string &name);
+    // From macOS 26.0 on an open file is renamed instead, to a name of FSKit's own.
     Answer remove(FSItem *item, FSItem *directory, const std::string &name);
     Answer rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
                   const std::string &newName, FSItem *over = nil);
@@ -94,7 +96,9 @@ class Daemon {
     Answer listXattrs(FSItem *item);
     Answer setVolumeName(const std::string &name);
     Answer open(FSItem *item);
+    // The last close. Removes an open file that lost its name, where FSKit has put that off.
     Answer close(FSItem *item);
+    Answer deactivateItem(FSItem *item);
     Answer reclaim(FSItem *item);
     Answer synchronize();
     // The free space, as FSKit asks for it.
@@ -104,6 +108,7 @@ class Daemon {
 
   private:
     Answer unload();
+    Answer removeName(FSItem *item, FSItem *directory, const std::string &name);
     // The volume as each generation of requests sees it.
     ::TavelinVolume *first() const { return static_cast<::TavelinVolume *>(volume()); }
     ::TavelinHandlerVolume *handlers() const {
@@ -120,6 +125,8 @@ class Daemon {
     Strong<::TavelinFileSystem *> module_;
     Strong<::TavelinServedVolume *> volume_;
     Strong<FSItem *> root_;
+    // Open items, each with the directory of its name when that is FSKit's own.
+    std::map<FSItem *, FSItem *> open_;
 };
 
 FSFileName *fileName(const std::string &bytes);

@@ -7,6 +7,9 @@ namespace tavelin::test {
 
 namespace {
 
+// How FSKit calls an open file that was removed is not known.
+constexpr const char *kEmulatedName = ".removed-while-open";
+
 FSItemSetAttributesRequest *noAttributes() {
     return made([[FSItemSetAttributesRequest alloc] init]);
 }
@@ -86,6 +89,15 @@ Answer Daemon::hardLink(FSItem *item, FSItem *directory, const std::string &name
 }
 
 Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) {
+    const auto opened = open_.find(item);
+    if (opened == open_.end() || release() == Release::k15_4) {
+        return removeName(item, directory, name);
+    }
+    opened->second = directory;
+    return rename(item, directory, name, directory, kEmulatedName);
+}
+
+Answer Daemon::removeName(FSItem *item, FSItem *directory, const std::string &name) {
     if (hasHandlers()) {
         return ask<FSRemoveItemResult *, NSError *>([&](auto reply) {
             [handlers() removeItem:item
@@ -283,6 +295,7 @@ Answer Daemon::setVolumeName(const std::string &name) {
 }
 
 Answer Daemon::open(FSItem *item) {
+    open_.emplace(item, nil);
     if (hasHandlers()) {
         return ask<NSError *>([&](auto reply) {
             [handlers() openItem:item
@@ -299,13 +312,25 @@ Answer Daemon::open(FSItem *item) {
 }
 
 Answer Daemon::close(FSItem *item) {
-    if (hasHandlers()) {
-        return ask<NSError *>([&](auto reply) {
+    Answer closed = ask<NSError *>([&](auto reply) {
+        if (hasHandlers()) {
             [handlers() closeItem:item keepingModes:0 context:context_.get() replyHandler:reply];
+        } else {
+            [first() closeItem:item keepingModes:0 replyHandler:reply];
+        }
+    });
+    const auto opened = open_.extract(item);
+    return opened && opened.mapped() != nil ? removeName(item, opened.mapped(), kEmulatedName)
+                                            : closed;
+}
+
+Answer Daemon::deactivateItem(FSItem *item) {
+    if (hasHandlers()) {
+        return ask<FSDeactivateItemResult *, NSError *>([&](auto reply) {
+            [handlers() deactivateItem:item context:context_.get() replyHandler:reply];
         });
     }
-    return ask<NSError *>(
-        [&](auto reply) { [first() closeItem:item keepingModes:0 replyHandler:reply]; });
+    return ask<NSError *>([&](auto reply) { [first() deactivateItem:item replyHandler:reply]; });
 }
 
 Answer Daemon::reclaim(FSItem *item) {

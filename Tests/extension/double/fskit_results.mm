@@ -214,6 +214,14 @@ NUMBER(uint64_t, number, Number)
 }
 @end
 
+@implementation FSDeactivateItemResult
+- (instancetype)initWithFreeSpace:(FSFreeSpace *)freeSpace {
+    self = [self initDouble];
+    [self setFreeSpace:freeSpace];
+    return self;
+}
+@end
+
 @implementation FSGetXattrResult
 - (instancetype)initWithXattrValue:(NSData *)xattrValue {
     return [self initWithObject:xattrValue];

@@ -67,6 +67,7 @@ void UserActions::save(const std::string &name) {
     setTimes(fresh.item());
     EXPECT_TRUE(daemon_.rename(fresh.item(), root, name + ".new", root, name, old.item()).ok());
     askAfterwards({fresh.item(), root}, true);
+    EXPECT_TRUE(daemon_.deactivateItem(old.item()).ok());
     EXPECT_TRUE(daemon_.reclaim(old.item()).ok());
 }
 

@@ -229,6 +229,17 @@ FSKIT_V1
      replyHandler:(void (^)(NSError *_Nullable error))reply;
 @end
 
+typedef NS_OPTIONS(NSUInteger, FSItemDeactivationOptions) {
+    FSItemDeactivationForRemovedItems = 1 << 0,
+    FSItemDeactivationForPreallocatedItems = 1 << 1,
+} FSKIT_V1;
+
+FSKIT_V1
+@protocol FSVolumeItemDeactivation <NSObject>
+@property (readonly) FSItemDeactivationOptions itemDeactivationPolicy;
+- (void)deactivateItem:(FSItem *)item replyHandler:(void (^)(NSError *_Nullable error))reply;
+@end
+
 FSKIT_V1
 @protocol FSVolumeXattrOperations <NSObject>
 @required

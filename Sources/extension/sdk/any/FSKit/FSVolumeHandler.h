@@ -148,6 +148,11 @@ FSKIT_V3
 - (nullable instancetype)initWithReturnedOffset:(off_t)returnedOffset;
 @end
 
+FSKIT_V3
+@interface FSDeactivateItemResult : FSVolumeHandlerResult
+- (nullable instancetype)initWithFreeSpace:(FSFreeSpace *_Nullable)freeSpace;
+@end
+
 typedef NS_ENUM(NSUInteger, FSSeekRegion) {
     FSSeekRegionHole = 1,
     FSSeekRegionData = 2,
@@ -270,6 +275,15 @@ FSKIT_V3
      keepingModes:(FSVolumeOpenModes)modes
           context:(FSContext *)context
      replyHandler:(void (^)(NSError *_Nullable error))reply;
+@end
+
+FSKIT_V3
+@protocol FSVolumeItemDeactivationHandler <NSObject>
+@property (readonly) FSItemDeactivationOptions itemDeactivationPolicy;
+- (void)deactivateItem:(FSItem *)item
+               context:(FSContext *)context
+          replyHandler:
+              (void (^)(FSDeactivateItemResult *_Nullable result, NSError *_Nullable error))reply;
 @end
 
 FSKIT_V3
