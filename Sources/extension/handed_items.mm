@@ -38,10 +38,14 @@ std::shared_ptr<NItem> HandedItems::reclaim(FSItem *item) {
     } else if ([item respondsToSelector:@selector(tryReclaimWithBlock:)]) {
         // FSKit knows whether an answer that is still on its way carries the item once more. Then
         // it does not run the block, and the item stays handed out.
-        [static_cast<id<TavelinReclaimableItem>>(item) tryReclaimWithBlock:^{
-            mutex_.assumeHeld();
-            taken = takeBack(item);
-        }];
+        const BOOL isGivenBack =
+            [static_cast<id<TavelinReclaimableItem>>(item) tryReclaimWithBlock:^{
+                mutex_.assumeHeld();
+                taken = takeBack(item);
+            }];
+        if (!isGivenBack) {
+            volume_.reclaimItem(nullptr); // only counted
+        }
     } else {
         taken = takeBack(item);
     }

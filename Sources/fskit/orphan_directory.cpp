@@ -2,6 +2,7 @@
 
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
+#include "fskit/private/request.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -148,6 +149,7 @@ Outcome<void> OrphanDirectory::empty(const fskit::FSItemRef& directory, std::str
 }
 
 void OrphanDirectory::cleanUp() {
+    const OwnRequests own;
     for (int i = 0; i < kNamesMax; ++i) {
         const std::string name = candidate(i);
         const Outcome<std::optional<ItemRef>> found = find(volume_.root(), name);

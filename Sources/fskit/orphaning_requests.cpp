@@ -1,6 +1,6 @@
 #include "fskit/orphaning_requests.hpp"
 
-#include "core/driver2/item_identity.hpp"
+#include "fskit/private/request.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <utility>
@@ -17,7 +17,8 @@ Outcome<fskit::FSItemRef> OrphaningRequests::activate(const fskit::FSTaskOptions
 
 void OrphaningRequests::unmount() {
     if (!volume_.readOnly()) {
-        // A failure is kept for the deactivation, which tries again and can report it.
+        const OwnRequests own;
+        // What cannot be removed has been logged, and is left to the next mount.
         static_cast<void>(orphans_.releaseAll());
     }
     volume_.unmount();
@@ -25,6 +26,7 @@ void OrphaningRequests::unmount() {
 
 Outcome<void> OrphaningRequests::deactivate(fskit::FSDeactivateOptions options) {
     if (!volume_.readOnly() && volume_.ntfs->isMounted()) {
+        const OwnRequests own;
         // What cannot be removed is left to the next mount. It is no reason to keep this one.
         static_cast<void>(orphans_.releaseAll());
     }
@@ -147,15 +149,24 @@ OrphaningRequests::removeItem(const fskit::FSItemRef& item, const fskit::FSFileN
         return fskit::fs_errorForPOSIXError(kENOENT);
     }
     const MutexLock held(names_);
-    if (!hostKeepsRemoved_) {
-        if (const auto named = fileAt(item, name, directory)) {
-            if (auto removed = orphans_.removeAtOnce(named->file, named->mayHaveOtherNames,
-                                                     directory, named->name)) {
-                return removed;
-            }
-        }
+    if (auto removed = hostKeepsRemoved_ ? std::nullopt : orphaned(item, name, directory)) {
+        countRequest<"removeItem">();
+        return *removed;
     }
     return volume_.removeItem(item, name, directory);
+}
+
+std::optional<fskit::FSRemoveItemResult>
+OrphaningRequests::orphaned(const fskit::FSItemRef& item, const fskit::FSFileName& name,
+                            const fskit::FSItemRef& directory) {
+    const OwnRequests own;
+    const auto named = fileAt(item, name, directory);
+    if (!named) {
+        return std::nullopt;
+    }
+    auto removed =
+        orphans_.removeAtOnce(named->file, named->mayHaveOtherNames, directory, named->name);
+    return removed ? std::optional(*std::move(removed)) : std::nullopt;
 }
 
 Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
@@ -174,13 +185,12 @@ Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
                                   destinationDirectory, overItem);
     };
     const auto over =
-        overItem == item ? std::nullopt : fileAt(overItem, destinationName, destinationDirectory);
-    // The old file gets a second name in the orphan directory, so that there is no moment, not even
-    // after a crash, at which the target name is missing.
-    if (!over || !orphans_.linkBeforeReplace(over->file)) {
-        return rename();
-    }
+        replaced(overItem == item ? nullptr : overItem, destinationName, destinationDirectory);
     auto done = rename();
+    if (!over) {
+        return done;
+    }
+    const OwnRequests own;
     if (!done) {
         volume_.retain(destinationDirectory);
         orphans_.undoReplace(over->file, ItemRef(volume_, destinationDirectory), over->name.data());
@@ -193,6 +203,16 @@ Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
     return done;
 }
 
+std::optional<OrphaningRequests::NamedFile>
+OrphaningRequests::replaced(const fskit::FSItemRef& over, const fskit::FSFileName& name,
+                            const fskit::FSItemRef& directory) {
+    const OwnRequests own;
+    auto named = fileAt(over, name, directory);
+    // The old file gets a second name in the orphan directory, so that there is no moment, not even
+    // after a crash, at which the target name is missing.
+    return named && orphans_.linkBeforeReplace(named->file) ? std::move(named) : std::nullopt;
+}
+
 void OrphaningRequests::deactivateItem(const fskit::FSItemRef& item) {
     volume_.deactivateItem(item);
     reclaimed(item);
@@ -202,6 +222,7 @@ void OrphaningRequests::reclaimed(const fskit::FSItemRef& item) {
     if (item == nullptr || orphans_.isEmpty()) {
         return;
     }
+    const OwnRequests own;
     const MutexLock held(names_);
     volume_.retain(item);
     orphans_.release(ItemRef(volume_, item));

@@ -6,6 +6,8 @@
 /// deactivates its item or gives it back, at the unmount, or by the next activation when none of
 /// these came.
 ///
+/// What is done to keep a file is counted as nothing but the request that made it necessary.
+///
 /// Beside the volume, which a host asks for everything that is not declared here. Keeping a file is
 /// never a reason to fail: where there is no room for an orphan, the name goes and the file with
 /// it, as a full volume must be able to free room.
@@ -108,6 +110,15 @@ class OrphaningRequests {
                                     const fskit::FSItemRef& directory);
     /// Whether a name is that of the orphan directory.
     bool isHidden(const fskit::FSFileName& name, const fskit::FSItemRef& directory);
+    /// Makes a file an orphan by taking its name; absent where nothing was done.
+    std::optional<fskit::FSRemoveItemResult> orphaned(const fskit::FSItemRef& item,
+                                                      const fskit::FSFileName& name,
+                                                      const fskit::FSItemRef& directory)
+        TAVELIN_REQUIRES(names_);
+    /// The file that a rename is about to replace, prepared for it; absent where there is none, or
+    /// no room to keep it.
+    std::optional<NamedFile> replaced(const fskit::FSItemRef& over, const fskit::FSFileName& name,
+                                      const fskit::FSItemRef& directory) TAVELIN_REQUIRES(names_);
     [[nodiscard]] Outcome<fskit::FSItemAttributes>
     adjusted(Outcome<fskit::FSItemAttributes> attributes) const;
 

@@ -4,12 +4,14 @@
 
 namespace tavelin {
 
+fskit::Error hostError(const std::exception& error) {
+    const auto* const own = dynamic_cast<const fskit::Error*>(&error);
+    return own != nullptr ? *own : fskit::fs_errorForPOSIXError(errorCode(error));
+}
+
 fskit::Error posixError(const std::exception& error, std::string_view op) {
-    const std::int32_t code = recordError(error, op);
-    if (const auto* own = dynamic_cast<const fskit::Error*>(&error)) {
-        return *own;
-    }
-    return fskit::fs_errorForPOSIXError(code);
+    static_cast<void>(recordError(error, op));
+    return hostError(error);
 }
 
 } // namespace tavelin

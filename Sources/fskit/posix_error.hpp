@@ -13,5 +13,7 @@ namespace tavelin {
 /// fskit::Error as it is, and for any other exception (memory, our own bugs) the POSIX error kEIO;
 /// the last two are tallied as kEIO. Any thread; never fails.
 [[nodiscard]] fskit::Error posixError(const std::exception& error, std::string_view op);
+/// The same error, which nobody is given: it is not recorded.
+[[nodiscard]] fskit::Error hostError(const std::exception& error);
 
 } // namespace tavelin

@@ -56,7 +56,9 @@ Outcome<fskit::FSLookupItemResult> TavelinVolume::lookupItem(const fskit::FSFile
         if (!record) {
             // Before a file is made its name is looked up, so this answer is as usual as the other
             // and comes without the price of an exception.
-            errorTally().record(kENOENT, "lookupItem");
+            if (!OwnRequests::areMade()) {
+                errorTally().record(kENOENT, "lookupItem");
+            }
             return fskit::fs_errorForPOSIXError(kENOENT);
         }
         // The bridge matches names case by case, so a stored name differs by its normal form only.

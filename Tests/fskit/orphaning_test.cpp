@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
+#include <sstream>
 
 namespace tavelin {
 namespace {
@@ -72,8 +74,15 @@ class Orphaning : public VolumeTest, public testing::WithParamInterface<Case> {
         std::erase_if(all, [](const auto& name) { return name == "." || name == ".."; });
         return all;
     }
-    std::vector<std::string> listed() {
-        std::vector<std::string> all = listed(read(SIZE_MAX, true));
+    std::vector<std::string> listed() { return listed(read(SIZE_MAX, true)); }
+    // The requests since the last call, without those to the device.
+    static std::vector<std::string> counted() {
+        std::istringstream words(takeCounts());
+        std::vector<std::string> all{std::istream_iterator<std::string>(words), {}};
+        std::erase_if(all, [](const auto& word) {
+            return word.starts_with("read=") || word.starts_with("write=");
+        });
+        std::sort(all.begin(), all.end());
         return all;
     }
     std::uint64_t freeBytes() { return volume().volumeStatistics().freeBytes; }
@@ -199,6 +208,27 @@ TEST_F(Orphaning, AListingEndsWhereTheOrphansDirectoryIsItsLastEntry) {
         EXPECT_EQ(volume().keptEntries(), 0u);
         EXPECT_EQ(remove(nullptr, "+ before the others"), 0);
     }
+}
+
+TEST_F(Orphaning, RequestsAreCountedAsTheyCame) {
+    static_cast<void>(takeCounts());
+    errorTally().reset();
+    root = *Answer{names->activate({})};
+    EXPECT_EQ(errorTally().summary().at("counts"), FieldValue(Fields{}));
+    const Item file = *requests().create(root, "file");
+    const Item other = *requests().create(root, "other");
+    EXPECT_EQ(replace(other, "other", file, "file"), 0);
+    EXPECT_EQ(remove(other, "file"), 0);
+    names->deactivateItem(other);
+    requests().reclaim(file);
+    names->reclaimed(file);
+    EXPECT_TRUE(names->attributesBeside(root));
+    EXPECT_EQ(counted(),
+              (std::vector<std::string>{"createItem=2", "deactivateItem=1", "reclaimItem=1",
+                                        "removeItem=1", "renameItem=1"}));
+    names->unmount();
+    EXPECT_EQ(counted(), std::vector<std::string>{});
+    EXPECT_EQ(errorTally().summary().at("counts"), FieldValue(Fields{}));
 }
 
 TEST_F(Orphaning, AChangeStandsAlthoughWhatItLeftCannotBeRead) {

@@ -29,9 +29,27 @@ struct RequestName {
     char text[size]{};
 };
 
-/// Counts one request, at the price of one addition.
+/// While one lives, the requests of its thread are the module's own, made for a host's request that
+/// is counted by itself, or for none. They are neither counted nor tallied.
+class OwnRequests {
+  public:
+    OwnRequests() noexcept { ++depth_; }
+    ~OwnRequests() { --depth_; }
+    OwnRequests(const OwnRequests&) = delete;
+    OwnRequests& operator=(const OwnRequests&) = delete;
+
+    [[nodiscard]] static bool areMade() noexcept { return depth_ != 0; }
+
+  private:
+    static constinit inline thread_local int depth_ = 0;
+};
+
+/// Counts one request of the host, at the price of one addition.
 template<RequestName name>
 void countRequest() noexcept {
+    if (OwnRequests::areMade()) {
+        return;
+    }
     static OpCounter::Count& count = OpCounter::shared().count(name.view());
     count.hit();
 }
@@ -58,7 +76,7 @@ auto attempt(Work&& work) -> typename OutcomeOf<std::invoke_result_t<Work&>>::Ty
     } catch (const MissingItem&) {
         return fskit::fs_errorForPOSIXError(kENOENT);
     } catch (const std::exception& error) {
-        return posixError(error, name.view());
+        return OwnRequests::areMade() ? hostError(error) : posixError(error, name.view());
     }
 }
 

@@ -36,6 +36,8 @@
 @interface FSItem (Double)
 // NO: as before macOS 27.0, where items have no -tryReclaimWithBlock:.
 + (void)setHasTryReclaim:(BOOL)has;
+// YES: each item is in an answer that FSKit has not seen yet, and is not reclaimed.
++ (void)setHasAnswersOnTheirWay:(BOOL)has;
 @end
 
 @interface FSContext (Double)

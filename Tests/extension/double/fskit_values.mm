@@ -105,10 +105,14 @@ OBJECT(NSData *, data, Data)
 @end
 
 static std::atomic<bool> hasTryReclaim = true;
+static std::atomic<bool> hasAnswersOnTheirWay = false;
 
 @implementation FSItem
 + (void)setHasTryReclaim:(BOOL)has {
     hasTryReclaim = has;
+}
++ (void)setHasAnswersOnTheirWay:(BOOL)has {
+    hasAnswersOnTheirWay = has;
 }
 - (BOOL)respondsToSelector:(SEL)selector {
     return sel_isEqual(selector, @selector(tryReclaimWithBlock:))
@@ -123,6 +127,9 @@ static std::atomic<bool> hasTryReclaim = true;
 - (BOOL)tryReclaimWithBlock:(void (^)(void))reclaimBlock {
     if (!hasTryReclaim) {
         [self doesNotRecognizeSelector:_cmd];
+    }
+    if (hasAnswersOnTheirWay) {
+        return NO;
     }
     reclaimBlock();
     return YES;
