@@ -59,10 +59,6 @@ Class volumeClass() {
     return [TavelinVolume class];
 }
 
-FSContainerStatus *notReady(NSError *error) {
-    return [FSContainerStatus notReadyWithStatus:error];
-}
-
 } // namespace
 
 @implementation TavelinFileSystem
@@ -93,7 +89,7 @@ FSContainerStatus *notReady(NSError *error) {
         const auto loaded = _fileSystem->loadResource(toCore(resource), toCore(options));
         if (!loaded) {
             NSError *failed = toFSKit(loaded.error());
-            self.containerStatus = notReady(failed);
+            self.containerStatus = [FSContainerStatus notReadyWithStatus:failed];
             return {nil, failed};
         }
         TavelinServedVolume *given = tavelin::made([[volumeClass() alloc]
@@ -104,13 +100,12 @@ FSContainerStatus *notReady(NSError *error) {
     });
 }
 
-// There is no status for "nothing loaded": EAGAIN says that a load may follow.
 - (void)unloadResource:(FSResource *)resource
                options:(FSTaskOptions *)options
           replyHandler:(void (^)(NSError *error))reply {
     serve(reply, [&] {
         auto unloaded = _fileSystem->unloadResource(toCore(resource), toCore(options));
-        self.containerStatus = notReady(fs_errorForPOSIXError(tavelin::kEAGAIN));
+        self.containerStatus = tavelin::nothingLoaded();
         return unloaded;
     });
 }

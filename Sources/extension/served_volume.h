@@ -35,7 +35,7 @@
 
 /// The root directory's item, handed out, of the volume that is active then.
 - (tavelin::Outcome<FSItem *>)activeRoot:(FSTaskOptions *)options;
-/// The volume is closed then, and ready for another load.
+/// The volume is closed then, and only another load opens it again.
 - (tavelin::Outcome<void>)deactivated:(FSDeactivateOptions)options;
 
 /* Requests that both generations have. */

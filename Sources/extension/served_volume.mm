@@ -101,7 +101,7 @@ using tavelin::toFSKit;
 - (tavelin::Outcome<void>)deactivated:(FSDeactivateOptions)options {
     auto deactivated = _names->deactivate(options);
     if (deactivated) {
-        _fileSystem.get().containerStatus = [FSContainerStatus ready];
+        _fileSystem.get().containerStatus = tavelin::nothingLoaded();
     }
     return deactivated;
 }

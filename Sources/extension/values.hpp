@@ -40,6 +40,10 @@ toFSKit(const fskit::FSVolumeSupportedCapabilities& capabilities);
 /// The same 16 bytes.
 [[nodiscard]] NSUUID* toFSKit(const fskit::UUID& uuid);
 
+/// The container's status without a volume. FSKit has none for that: EAGAIN says that a load may
+/// follow.
+[[nodiscard]] FSContainerStatus* nothingLoaded();
+
 /// Nil when absent.
 template<typename Value>
 [[nodiscard]] auto toFSKit(const std::optional<Value>& value) -> decltype(toFSKit(*value)) {

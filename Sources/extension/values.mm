@@ -2,6 +2,7 @@
 
 #include "extension/memory.hpp"
 #include "extension/text.hpp"
+#include "platform/error_numbers.hpp"
 
 namespace tavelin {
 
@@ -141,6 +142,10 @@ FSVolumeSupportedCapabilities *toFSKit(const fskit::FSVolumeSupportedCapabilitie
     result.doesNotSupportSettingFilePermissions = capabilities.doesNotSupportSettingFilePermissions;
     result.caseFormat = static_cast<FSVolumeCaseFormat>(capabilities.caseFormat);
     return result;
+}
+
+FSContainerStatus *nothingLoaded() {
+    return [FSContainerStatus notReadyWithStatus:fs_errorForPOSIXError(kEAGAIN)];
 }
 
 FSStatFSResult *toFSKit(const fskit::FSStatFSResult &statistics) {

@@ -49,7 +49,8 @@ TavelinFileSystem::startCheck(const std::shared_ptr<fskit::FSTask>& task,
         return fskit::fs_errorForPOSIXError(kEINVAL);
     }
     const Driver2::CheckMode mode = *parsed;
-    const bool loaded = volume != nullptr;
+    // The deactivation has closed the volume, and an unload need not follow.
+    const bool loaded = volume != nullptr && volume->ntfs->isMounted();
     if (const auto refusal = Driver2::checkError(mode, loaded)) {
         log().info(fmt::format("check: mode={} -> errno {}", modeName(mode), *refusal));
         events().event("check",

@@ -188,6 +188,8 @@ TEST_P(Binding, LosesNothingWhateverEndFSKitMakes) {
     const std::vector<std::function<void()>> ends{
         [&] { // umount(8), which is not followed by an unload
             EXPECT_TRUE(daemon_.unmount().ok() && daemon_.deactivate().ok());
+            EXPECT_EQ(daemon_.state(), FSContainerStateNotReady) << "only a load opens it again";
+            EXPECT_EQ(daemon_.check(@[ @"-q" ], made([RecordingTask new])).code(), kENXIO);
         },
         [&] { EXPECT_TRUE(daemon_.deactivate().ok()); }, [] {}, // a second load
         [&] { // a load before the unload's reply has returned
