@@ -33,6 +33,7 @@ add_custom_target(bundle ALL
           --extension-plist ${TAVELIN_BUNDLE_INPUTS}/extension-Info.plist ${profiles}
   COMMAND ${scripts}/sign-bundle ${application} ${TAVELIN_SIGNING_IDENTITY}
           ${TAVELIN_BUNDLE_INPUTS}/extension.entitlements ${TAVELIN_BUNDLE_INPUTS}/host.entitlements
+          ${TAVELIN_BUNDLE_INPUTS}/unprofiled.entitlements
   DEPENDS appex app
   VERBATIM)
 add_custom_target(image

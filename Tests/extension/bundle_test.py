@@ -109,6 +109,14 @@ class PropertyLists(unittest.TestCase):
         team = entitlements["com.apple.developer.team-identifier"]
         prefix = "group" if team == "TEAMID" else team
         self.assertEqual(PRODUCT["Group"], f"{prefix}.{PRODUCT['HostBundleID']}")
+        claimed = [] if team == "TEAMID" else [PRODUCT["Group"]]
+        self.assertEqual(
+            load("unprofiled.entitlements"),
+            {
+                "com.apple.security.app-sandbox": True,
+                "com.apple.security.application-groups": claimed,
+            },
+        )
 
     def test_extension_agrees_with_itself_and_the_sources(self):
         plist = load("extension-Info.plist")
@@ -198,8 +206,8 @@ class Bundle(Folder):
         )
         for identity, profiles, entitlements in (
             ("Developer ID", ("inner", "outer"), ("inner", "outer")),
-            ("Developer ID", ("inner",), ("inner", sandbox)),
-            ("Developer ID", (), (sandbox, sandbox)),
+            ("Developer ID", ("inner",), ("inner", "team")),
+            ("Developer ID", (), ("team", "team")),
             ("-", ("inner", "outer"), (sandbox, sandbox)),
         ):
             folder = Path(tempfile.mkdtemp(dir=self.folder))
@@ -213,7 +221,7 @@ class Bundle(Folder):
             recorder.write_text(f'#!/bin/sh\necho "$@" >>"{folder}/calls"\n')
             recorder.chmod(0o755)
             path = {"PATH": f"{folder}:{os.environ['PATH']}"}
-            command = [script, app, identity, "inner", "outer"]
+            command = [script, app, identity, "inner", "outer", "team"]
             subprocess.run(command, env=path, capture_output=True, check=True)
             stamp = "--timestamp=none" if identity == "-" else "--timestamp"
             flags = f"--force {stamp} --options runtime --entitlements"
