@@ -62,7 +62,7 @@ class FirstRun(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = Path(folder.name)
 
-    def play(self, answers):
+    def play(self, answers, verdict="yes"):
         """Runs the steps with these outputs; what differs, the steps run and the report."""
         ran = []
 
@@ -74,7 +74,7 @@ class FirstRun(unittest.TestCase):
         original, first_run.shell = first_run.shell, shell
         self.addCleanup(setattr, first_run, "shell", original)
         path = self.folder / "report.txt"
-        differ = first_run.run_steps({}, first_run.Report(path), lambda question: "noted")
+        differ = first_run.run_steps({}, first_run.Report(path), lambda question: verdict)
         first_run.shell = original
         return differ, [step.title for step in ran], path.read_text()
 
@@ -93,6 +93,12 @@ class FirstRun(unittest.TestCase):
             needed = next(s for s in first_run.STEPS if s.title == title).needed
             self.assertEqual(ran[-1] == title, needed)
             self.assertIn("DIFFERS", report)
+
+    def test_what_only_the_user_sees_is_the_users_to_judge(self):
+        asked = [step.title for step in first_run.STEPS if step.asks]
+        self.assertTrue(asked)
+        for verdict in ("no", "", "it hangs"):
+            self.assertEqual(self.play(GOOD, verdict)[0], asked)
 
     def test_commands_are_run_as_the_steps_say(self):
         self.assertEqual(first_run.shell('echo "$X"; exit 3', {"X": "a b"}), "a b\nstatus 3")
