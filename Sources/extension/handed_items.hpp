@@ -16,7 +16,7 @@
 #include "platform/mutex.hpp"
 
 #include <cstddef>
-#include <map>
+#include <unordered_map>
 
 namespace tavelin {
 
@@ -45,7 +45,7 @@ class HandedItems {
     mutable Mutex mutex_ TAVELIN_ACQUIRED_AFTER(lock_order::directories)
         TAVELIN_ACQUIRED_BEFORE(lock_order::items);
     /// Each object keeps the key it stands under alive.
-    std::map<const NItem*, Strong<::NItem*>> handed_ TAVELIN_GUARDED_BY(mutex_);
+    std::unordered_map<const NItem*, Strong<::NItem*>> handed_ TAVELIN_GUARDED_BY(mutex_);
 };
 
 } // namespace tavelin

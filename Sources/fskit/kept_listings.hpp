@@ -29,8 +29,8 @@ class KeptListings {
     };
     using Listings = std::list<Listing>;
 
-    /// At most so many listings, and so many entries in them (of some 100 bytes each), but always
-    /// the one that was kept last.
+    /// At most so many listings, and so many entries in them (of 32 bytes each and the name), but
+    /// always the one that was kept last.
     static constexpr std::size_t kListingsMax = 256;
     static constexpr std::size_t kEntriesMax = std::size_t{1} << 19;
 
