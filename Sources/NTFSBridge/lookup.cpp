@@ -71,6 +71,27 @@ int32_t ntb_lookup(ntb_vol* vol, uint64_t directory, const char* name, uint64_t*
     return 0;
 }
 
+int32_t ntb_lookup_in_any_case(ntb_vol* vol, uint64_t directory, const char* name, uint64_t* ino,
+                               char** stored) {
+    inode_guard inode;
+    if (const int32_t error = open_directory(vol, directory, inode); error != 0) {
+        return error;
+    }
+    utf16_text text;
+    if (const int32_t error = uname_of(name, text); error != 0) {
+        return error;
+    }
+    u64 found = 0;
+    const auto length = static_cast<size_t>(text.length());
+    if (!find_in_any_case(inode.get(), {text.units(), length}, found) ||
+        (MREF(found) < first_user_ino && MREF(found) != NTB_ROOT_INO)) {
+        return ENOENT;
+    }
+    *stored = to_utf8(text.units(), text.length()).release();
+    *ino = MREF(found);
+    return *stored != nullptr ? 0 : ENOMEM;
+}
+
 int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback, void* context) {
     inode_guard inode;
     if (const int32_t error = open_directory(vol, directory, inode); error != 0) {

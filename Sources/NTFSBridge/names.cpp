@@ -105,4 +105,41 @@ int32_t lookup_in(ntfs_inode* directory, const char* name, uint64_t& ino) noexce
     return lookup_in(directory, text, ino);
 }
 
+bool find_in_any_case(ntfs_inode* directory, std::span<ntfschar> name, u64& found) noexcept {
+    const auto length = static_cast<int>(name.size());
+    ntfs_volume* const volume = directory->vol;
+    constexpr auto absent = static_cast<u64>(-1);
+    found = ntfs_inode_lookup_by_name(directory, name.data(), length);
+    if (found != absent || !NVolCaseSensitive(volume)) {
+        return found != absent;
+    }
+    NVolClearCaseSensitive(volume);
+    found = ntfs_inode_lookup_by_name(directory, name.data(), length);
+    NVolSetCaseSensitive(volume);
+    if (found == absent || MREF(found) == directory->mft_no) {
+        return false;
+    }
+    inode_guard inode;
+    if (inode.open(volume, MREF(found)) != 0) {
+        return false;
+    }
+    attribute_search search(inode.get());
+    while (search.find(AT_FILE_NAME, AT_UNNAMED)) {
+        const ATTR_RECORD* const record = search.found();
+        const auto* const entry = reinterpret_cast<const FILE_NAME_ATTR*>(
+            reinterpret_cast<const uint8_t*>(record) + le16_to_cpu(record->value_offset));
+        ntfschar stored[UINT8_MAX];
+        std::memcpy(stored,
+                    reinterpret_cast<const uint8_t*>(entry) + offsetof(FILE_NAME_ATTR, file_name),
+                    entry->file_name_length * sizeof(ntfschar));
+        if (MREF_LE(entry->parent_directory) == directory->mft_no &&
+            ntfs_names_are_equal(stored, entry->file_name_length, name.data(), name.size(),
+                                 IGNORE_CASE, volume->upcase, volume->upcase_len)) {
+            std::copy_n(stored, name.size(), name.data());
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace ntb

@@ -4,6 +4,8 @@
 #include "NTFSBridge/guards.hpp"
 #include "NTFSBridge/volume.hpp"
 
+#include <span>
+
 namespace ntb {
 
 inline constexpr int name_units_max = 255; // UTF-16 units, of files and streams alike
@@ -53,5 +55,11 @@ c_string copy_for_caller(const char* text) noexcept;
 [[nodiscard]] int32_t lookup_in(ntfs_inode* directory, const char* name, uint64_t& ino) noexcept;
 [[nodiscard]] int32_t lookup_in(ntfs_inode* directory, const utf16_text& name,
                                 uint64_t& ino) noexcept;
+
+// The reference that a name leads to as it is written, else in another case by the volume's own
+// table, as Windows looks names up; the name is then made the one that the volume has. False when
+// there is none. No inode but the directory's may be open.
+[[nodiscard]] bool find_in_any_case(ntfs_inode* directory, std::span<ntfschar> name,
+                                    u64& found) noexcept;
 
 } // namespace ntb

@@ -220,6 +220,10 @@ void ntb_populate_cache(ntb_vol* vol);
  * ENOENT (also for system files), ENOTDIR, EINVAL. */
 int32_t ntb_lookup(ntb_vol* vol, uint64_t directory, const char* name, uint64_t* ino);
 
+/* The same, else in another case by the volume's own table. *stored: the name as it is there. */
+int32_t ntb_lookup_in_any_case(ntb_vol* vol, uint64_t directory, const char* name, uint64_t* ino,
+                               char** stored);
+
 int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out);
 
 /* Called once an entry, in the volume's collation order; non-zero ends the listing, which then

@@ -36,7 +36,8 @@
 ///   populateCache, attributes,
 ///   flush, xattrNames
 ///   setLabel                         kEROFS, kEILSEQ, kENAMETOOLONG over 128 UTF-16 units, kENOSPC
-///   lookup, resolve, find            kENOTDIR, kEINVAL empty name, kEILSEQ
+///   lookup, resolve, find,           kENOTDIR, kEINVAL empty name, kEILSEQ
+///   findInAnyCase
 ///   list                             kENOTDIR
 ///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression or
 ///                                    bytes that are elsewhere (see NTFSDataState)
@@ -202,6 +203,10 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     [[nodiscard]] NTFSAttributes attributes(std::uint64_t ino);
     /// The attributes of what a name stands for, in one go; absent when there is no such name.
     [[nodiscard]] std::optional<NTFSAttributes> find(std::string_view name, std::uint64_t parent);
+    /// The same; a name that is not there as given is found in another case by the volume's own
+    /// table, and becomes the one that the volume has.
+    [[nodiscard]] std::optional<NTFSAttributes> findInAnyCase(std::string& name,
+                                                              std::uint64_t parent);
     /// All entries of a directory, without "." and "..", in the volume's collation order.
     [[nodiscard]] NTFSListing list(std::uint64_t directory);
 

@@ -74,6 +74,25 @@ std::optional<NTFSAttributes> NTFSVolume::find(std::string_view name, std::uint6
     return attributesOf(record);
 }
 
+std::optional<NTFSAttributes> NTFSVolume::findInAnyCase(std::string& name, std::uint64_t parent) {
+    const BridgeText text(name);
+    ntb_attr record{};
+    char* stored = nullptr;
+    const std::int32_t result = locked([&](ntb_vol* vol) {
+        std::uint64_t ino = 0;
+        const std::int32_t error =
+            ntb_lookup_in_any_case(vol, parent, text.cString(), &ino, &stored);
+        return error != 0 ? error : ntb_getattr(vol, ino, &record);
+    });
+    const BridgeOwned<char> owned(stored);
+    if (fromHost(result) == kENOENT) {
+        return std::nullopt; // as in find()
+    }
+    check(result);
+    name = stored;
+    return attributesOf(record);
+}
+
 NTFSListing NTFSVolume::list(std::uint64_t directory) {
     ListBox box;
     const std::int32_t result =
