@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace tavelin {
@@ -27,7 +28,20 @@ bool isLackOfRoom(const fskit::Error& error) {
     return error.isPOSIX() && error.code() == kENOSPC;
 }
 
+char inLowerCase(char c) noexcept {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 } // namespace
+
+bool OrphanFiles::isHidden(std::string_view nameInRoot) {
+    // Names of the directory are in ASCII and in lower case.
+    if (volume_.ignoresCase()) {
+        const std::string hidden = hiddenName();
+        return !hidden.empty() && std::ranges::equal(nameInRoot, hidden, {}, inLowerCase);
+    }
+    return nameInRoot.starts_with(OrphanDirectory::kName) && nameInRoot == hiddenName();
+}
 
 bool OrphanFiles::contains(fskit::FSItemID id) const {
     if (isEmpty()) {

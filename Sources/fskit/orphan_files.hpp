@@ -44,9 +44,7 @@ class OrphanFiles final : public OrphanView {
     void cleanUp() { orphanDirectory_.cleanUp(); }
 
     /// Whether a name in the root is that of the directory for orphans, which users must not see.
-    bool isHidden(std::string_view nameInRoot) {
-        return nameInRoot.starts_with(OrphanDirectory::kName) && nameInRoot == hiddenName();
-    }
+    bool isHidden(std::string_view nameInRoot);
     /// That name; empty while there is none.
     std::string hiddenName() override { return orphanDirectory_.hiddenName(); }
 

@@ -281,8 +281,9 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
         }
         auto fresh = std::make_shared<TavelinVolume>(ntfs);
         fresh->device = device;
-        fresh->setNormalizesNames(Driver2::MountOptions(options.taskOptions)
-                                      .normalizeNames.value_or(defaults_.normalizeNames));
+        const Driver2::MountOptions asked(options.taskOptions);
+        fresh->setNormalizesNames(asked.normalizeNames.value_or(defaults_.normalizeNames));
+        fresh->setIgnoresCase(asked.ignoreCase.value_or(false));
         if (!ntfs->readOnly()) {
             ntfs->startAutoFlush(kFlushInterval);
         }

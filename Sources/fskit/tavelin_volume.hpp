@@ -66,6 +66,12 @@ class TavelinVolume final : public fskit::FSVolume,
     /// names over decomposed. Off at first; set by the load and the activation.
     void setNormalizesNames(bool on) noexcept { normalizesNames_ = on; }
 
+    /// Whether a name that is not there as given is looked for in any case, as Windows does, by the
+    /// volume's own table. Stored names are shown, and an item keeps its case when it is replaced.
+    /// Off at first; set by the load and the activation.
+    void setIgnoresCase(bool on) noexcept { ignoresCase_ = on; }
+    [[nodiscard]] bool ignoresCase() const noexcept { return ignoresCase_; }
+
     /// Writes everything back, unmounts, and ends the journal: the device is then as any other
     /// system expects it. Requests answer kENXIO from then on, and further calls do nothing. Throws
     /// the first failure, with the volume closed all the same.
@@ -170,8 +176,9 @@ class TavelinVolume final : public fskit::FSVolume,
     /// nothing is applied then. The size of what is no file is ignored.
     Outcome<fskit::FSItemAttributes> setAttributes(fskit::FSItemSetAttributesRequest& changes,
                                                    const fskit::FSItemRef& item) override;
-    /// kENOENT for a name that is not there. Case matters; of normal forms see
-    /// setNormalizesNames(), which holds for all requests about names. Answers the stored name.
+    /// kENOENT for a name that is not there. Answers the stored name. Case matters; of it and of
+    /// normal forms see setIgnoresCase() and setNormalizesNames(), which hold for all requests
+    /// about names.
     Outcome<fskit::FSLookupItemResult> lookupItem(const fskit::FSFileName& name,
                                                   const fskit::FSItemRef& directory) override;
     /// The target in the form that a mount can follow. kEINVAL for an item that is no link.
@@ -297,8 +304,10 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The text of a name; throws NTFSError kEINVAL when it has none.
     static std::string_view name(const fskit::FSFileName& name);
 
-    /// The attributes of what a name stands for. A name that is there in another normal form only
-    /// becomes the stored one, in `memory`.
+    /// Whether an item of another name may be meant.
+    [[nodiscard]] bool mayBeStoredOtherwise(std::string_view name) const noexcept;
+    /// The attributes of what a name stands for. A name that is there only in another normal form,
+    /// or another case, becomes the stored one, in `memory`.
     std::optional<NTFSAttributes> find(std::string_view& name, std::uint64_t directory,
                                        std::string& memory);
     /// The name by which an existing item is to be asked for: as it is stored, or as given where
@@ -368,6 +377,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// On at first, as FSKit has it.
     std::atomic<bool> openCloseInhibited_{true};
     std::atomic<bool> normalizesNames_{false};
+    std::atomic<bool> ignoresCase_{false};
     /// Set by an activation with "ro" and never cleared.
     std::atomic<bool> refusesChanges_{false};
     /// Set by keepOwners(), before the volume is shared between threads: for items without owners

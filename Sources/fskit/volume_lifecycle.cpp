@@ -67,8 +67,8 @@ fskit::FSVolumeSupportedCapabilities TavelinVolume::supportedVolumeCapabilities(
     capabilities.supportsFastStatFS = true;
     capabilities.doesNotSupportImmutableFiles = true;
     capabilities.doesNotSupportSettingFilePermissions = true;
-    // Names that differ only in case are the volume's business; to the host all names differ.
-    capabilities.caseFormat = fskit::FSVolumeCaseFormat::sensitive;
+    capabilities.caseFormat = ignoresCase_ ? fskit::FSVolumeCaseFormat::insensitiveCasePreserving
+                                           : fskit::FSVolumeCaseFormat::sensitive;
     return capabilities;
 }
 
@@ -125,6 +125,9 @@ Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& op
         }
         if (asked.normalizeNames) {
             setNormalizesNames(*asked.normalizeNames);
+        }
+        if (asked.ignoreCase) {
+            setIgnoresCase(*asked.ignoreCase);
         }
         if (asked.readOnly) {
             // The options of a mount arrive here, after a load that opened the volume for writing.

@@ -61,7 +61,6 @@ Outcome<fskit::FSLookupItemResult> TavelinVolume::lookupItem(const fskit::FSFile
             }
             return fskit::fs_errorForPOSIXError(kENOENT);
         }
-        // The bridge matches names case by case, so a stored name differs by its normal form only.
         return found(*record, parent.ino, memory.empty() ? named : fskit::FSFileName(stored));
     });
 }
@@ -135,10 +134,12 @@ Outcome<fskit::FSCreateLinkResult> TavelinVolume::linkInternal(const fskit::FSIt
         const std::uint64_t file = n(item).reference;
         const NItem& parent = n(directory);
         requireChangeable();
-        const NTFSChange change = ntfs->link(file, name(named), parent.reference);
-        return fskit::FSCreateLinkResult{named, described(change.item, parent.ino),
-                                         described(change.directory, parent.parent),
-                                         change.freeBytes};
+        std::string memory;
+        const std::string_view stored = newName(name(named), parent.reference, memory);
+        const NTFSChange change = ntfs->link(file, stored, parent.reference);
+        return fskit::FSCreateLinkResult{
+            fskit::FSFileName(stored), described(change.item, parent.ino),
+            described(change.directory, parent.parent), change.freeBytes};
     });
 }
 
@@ -208,7 +209,11 @@ Outcome<void> TavelinVolume::exchange(const fskit::FSItemRef& item,
         const NItem& one = n(directory);
         const NItem& other = n(otherDirectory);
         requireChangeable();
-        ntfs->exchange(name(named), one.reference, name(otherNamed), other.reference);
+        std::string memory;
+        std::string otherMemory;
+        ntfs->exchange(existingName(name(named), one.reference, memory), one.reference,
+                       existingName(name(otherNamed), other.reference, otherMemory),
+                       other.reference);
         n(item).parent = other.ino;
         n(otherItem).parent = one.ino;
         const MutexLock held(items);

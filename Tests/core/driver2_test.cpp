@@ -28,6 +28,8 @@ TEST(Driver2, ReadsMountOptions) {
         {{"-o", "windows_names,,rdonly"}, {"ro", "wn"}},
         {{"-o", "windows_names,normalize_names"}, {"wn", "nn"}},
         {{"-o", "windows_names,normalize_names,nowindows_names,nonormalize_names"}, {"!wn", "!nn"}},
+        {{"-o", "ignore_case"}, {"ic"}},
+        {{"-o", "ignore_case,noignore_case"}, {"!ic"}},
         {{"windows_names", "RO", "-x", "-o", "rw,noatime"}, {}},
         {{"-o", "-r"}, {}}, // the word after -o is its list
     };
@@ -42,6 +44,9 @@ TEST(Driver2, ReadsMountOptions) {
         }
         if (options.normalizeNames) {
             on.emplace_back(*options.normalizeNames ? "nn" : "!nn");
+        }
+        if (options.ignoreCase) {
+            on.emplace_back(*options.ignoreCase ? "ic" : "!ic");
         }
         EXPECT_EQ(on, expected) << ::testing::PrintToString(arguments);
     }

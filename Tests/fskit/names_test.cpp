@@ -113,6 +113,49 @@ TEST_F(NamesTest, TheGivenFormComesFirstAndTheOptionTurnsTheRestOff) {
     EXPECT_EQ(listed().size(), 2u);
 }
 
+// By the volume's own table, which knows more letters than those of ASCII.
+TEST_F(NamesTest, CaseDoesNotCountWhereTheMountSaysSo) {
+    start({"-o", "ignore_case"});
+    auto ask = requests();
+    for (const auto& [stored, other] :
+         {std::pair<std::string, std::string>("README.txt", "readme.TXT"),
+          {"CAF\u00c9 \u0434", "caf\u00e9 \u0414"}}) {
+        const Item file = *ask.create(root, stored);
+        EXPECT_EQ(storedName(other), stored);
+        EXPECT_EQ(ask.create(root, other).code(), kEEXIST);
+        EXPECT_EQ(ask.symlink(root, other, "x").code(), kEEXIST);
+        const Answer linked{volume().linkInternal(file, fskit::FSFileName(other), root)};
+        EXPECT_EQ(linked.code(), kEEXIST);
+        // The case alone, with the old name in any.
+        EXPECT_EQ(ask.rename(file, root, stored, root, other)->newName.data(), other);
+        EXPECT_EQ(listed(), Names{other});
+        EXPECT_EQ(ask.rename(file, root, stored, root, stored)->newName.data(), stored);
+        EXPECT_EQ(listed(), Names{stored});
+        // What is replaced keeps its name.
+        const Item fresh = *ask.create(root, "fresh");
+        EXPECT_EQ(ask.rename(fresh, root, "FRESH", root, other, file).code(), 0);
+        EXPECT_EQ(listed(), Names{stored});
+        EXPECT_EQ(ask.remove(fresh, root, other), 0);
+        EXPECT_EQ(listed(), Names{});
+    }
+    // Of names that differ by nothing else, each leads to its own item.
+    volume().setIgnoresCase(false);
+    const Item upper = *ask.create(root, "ABC");
+    const Item lower = *ask.create(root, "abc");
+    volume().setIgnoresCase(true);
+    EXPECT_EQ(*ask.lookup(root, "ABC"), upper);
+    EXPECT_EQ(*ask.lookup(root, "abc"), lower);
+    EXPECT_EQ(ask.lookup(root, "Abc").code(), 0);
+    EXPECT_EQ(volume().supportedVolumeCapabilities().caseFormat,
+              fskit::FSVolumeCaseFormat::insensitiveCasePreserving);
+
+    root = *ask.activate({"-o", "normalize_names"});
+    const Item file = *ask.create(root, kWindows);
+    EXPECT_EQ(storedName("CAFE\u0301 \uf900.TXT"), kWindows) << "in another form as well";
+    root = *ask.activate({"-o", "noignore_case"});
+    EXPECT_EQ(ask.lookup(root, "Abc").code(), kENOENT);
+}
+
 TEST_F(NamesTest, AHostsRulesHoldUnlessTheMountSaysOtherwise) {
     TavelinFileSystem strict({.windowsNames = true, .normalizeNames = true});
     const auto loadStrict = [&](const Options& options) {

@@ -24,6 +24,8 @@ void applyList(MountOptions& options, std::string_view list) noexcept {
             options.windowsNames = piece == "windows_names";
         } else if (piece == "normalize_names" || piece == "nonormalize_names") {
             options.normalizeNames = piece == "normalize_names";
+        } else if (piece == "ignore_case" || piece == "noignore_case") {
+            options.ignoreCase = piece == "ignore_case";
         } else if (piece == "nocheck") {
             options.noCheck = true;
         } else if (piece == "symlinks=windows" || piece == "symlinks=interix") {

@@ -9,8 +9,9 @@ namespace tavelin::Driver2 {
 
 /// What a mount's arguments ask for. "-r", "--rdonly", "ro" and "rdonly" ask for read-only; "-o"
 /// takes a list separated by commas, as its next argument or attached, of "ro", "rdonly",
-/// "nocheck", "windows_names" or "nowindows_names", "normalize_names" or "nonormalize_names", and
-/// "symlinks=windows" or "symlinks=interix". Of a pair the last counts. Anything else is ignored.
+/// "nocheck", "windows_names" or "nowindows_names", "normalize_names" or "nonormalize_names",
+/// "ignore_case" or "noignore_case", and "symlinks=windows" or "symlinks=interix". Of a pair the
+/// last counts. Anything else is ignored.
 struct MountOptions {
     MountOptions() = default;
     explicit MountOptions(std::span<const std::string> arguments);
@@ -22,6 +23,8 @@ struct MountOptions {
     std::optional<bool> windowsNames;
     /// Find names in all normal forms and make them in the composed one; absent as above.
     std::optional<bool> normalizeNames;
+    /// Find names in any case; absent leaves that as it is.
+    std::optional<bool> ignoreCase;
 
     bool operator==(const MountOptions&) const = default;
 };
