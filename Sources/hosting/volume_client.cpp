@@ -18,11 +18,13 @@ constexpr std::uint64_t kOffsetMax = std::numeric_limits<std::int64_t>::max();
 } // namespace
 
 Found VolumeClient::take(fskit::FSLookupItemResult result) {
-    return {ItemRef(*volume_, std::move(result.foundItem)), result.itemAttributes};
+    return {ItemRef(*volume_, std::move(result.foundItem)), result.itemAttributes,
+            result.itemName.data()};
 }
 
 Found VolumeClient::take(fskit::FSCreateItemResult result) {
-    return {ItemRef(*volume_, std::move(result.newItem)), result.newItemAttributes};
+    return {ItemRef(*volume_, std::move(result.newItem)), result.newItemAttributes,
+            result.newItemName.data()};
 }
 
 // ---- Lookup and attributes ---------------------------------------------------------------------

@@ -22,6 +22,7 @@ namespace tavelin {
 struct Found {
     ItemRef item;
     fskit::FSItemAttributes attributes;
+    std::string name{}; ///< as it is stored; empty where the item was not found by one
 };
 
 /// Sends requests to one volume as FSKit would: each item handed out is held by an ItemRef and

@@ -11,12 +11,19 @@ namespace {
 /// The parser's check of a list of volume options: why it is wrong, or an empty text. The module
 /// ignores words that it does not know, so a misspelt "ro" would open the volume for writing.
 std::string unknownOption(const std::string& list) {
-    static constexpr std::string_view kKnown[] = {
-        "", "ro", "rdonly", "windows_names", "nocheck", "symlinks=windows", "symlinks=interix"};
+    static constexpr std::string_view kKnown[] = {"",
+                                                  "ro",
+                                                  "rdonly",
+                                                  "windows_names",
+                                                  "ignore_case",
+                                                  "nocheck",
+                                                  "symlinks=windows",
+                                                  "symlinks=interix"};
     for (const std::string& word : CLI::detail::split(list, ',')) {
         if (std::find(std::begin(kKnown), std::end(kKnown), word) == std::end(kKnown)) {
             return "there is no volume option \"" + word +
-                   "\": ro, windows_names, nocheck and symlinks=windows|interix are all";
+                   "\": ro, windows_names, ignore_case, nocheck and symlinks=windows|interix are "
+                   "all";
         }
     }
     return {};
@@ -28,7 +35,7 @@ void addVolume(CLI::App& command, VolumeArguments& arguments) {
     addArgument(command, "IMAGE", arguments.image,
                 "Image file or block device; disk.img:2 is its second partition");
     addOptionLists(command, arguments.options,
-                   "Volume options, comma separated: ro, windows_names, nocheck, "
+                   "Volume options, comma separated: ro, windows_names, ignore_case, nocheck, "
                    "symlinks=windows|interix");
     command.get_option("-o")->check(unknownOption);
     addFlag(command, "--read-only", arguments.readOnly, "Do not change the volume");

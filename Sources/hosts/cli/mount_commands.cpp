@@ -107,10 +107,11 @@ void defineMount(CLI::App& command) {
     const auto arguments = std::make_shared<MountCommand>();
     addArgument(command, "IMAGE", arguments->image, "Image file or block device");
     addArgument(command, "DIR", arguments->directory, "The directory to mount on");
-    addOptionLists(command, arguments->options,
-                   "Options, comma separated: ro, windows_names, nocheck, uid=, gid=, umask=, "
-                   "fmask=, dmask=, streams_interface=none, allow_other, low_latency, and the "
-                   "kernel's own such as noexec");
+    addOptionLists(
+        command, arguments->options,
+        "Options, comma separated: ro, windows_names, ignore_case, nocheck, uid=, gid=, umask=, "
+        "fmask=, dmask=, streams_interface=none, allow_other, low_latency, and "
+        "the kernel's own such as noexec");
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,
             "Serve from this process, until the volume is unmounted");

@@ -48,7 +48,7 @@ _tavelin() {
         return
     fi
     if [ "$3" = -o ]; then
-        local words="ro windows_names nocheck symlinks=windows symlinks=interix"
+        local words="ro windows_names ignore_case nocheck symlinks=windows symlinks=interix"
         [ "$command" != mount ] || words+=" allow_other low_latency noatime"
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
         return

@@ -73,7 +73,7 @@ bool apply(std::string_view word, MountRequest& request) {
     if (word == "ro" || word == "rdonly") {
         request.readOnly = true;
         request.volumeOptions.emplace_back(word);
-    } else if (word == "windows_names" || word == "symlinks=windows" ||
+    } else if (word == "windows_names" || word == "ignore_case" || word == "symlinks=windows" ||
                word == "symlinks=interix" || word == "nocheck") {
         request.volumeOptions.emplace_back(word);
     } else if (word == "allow_other") {

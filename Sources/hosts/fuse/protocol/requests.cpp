@@ -235,9 +235,10 @@ fskit::FSItemSetAttributesRequest attributesOfNew(fuse_req_t request, const Node
 }
 
 // A short alias such as LETTER~1.TXT comes and goes with the long name, behind the kernel's back:
-// names that may be one are asked for each time.
-double entryTimeout(std::string_view name) {
-    return mayBeDosName(name) ? 0 : kForever;
+// names that may be one are asked for each time. So are all names where case does not count: what
+// is done to one spelling holds for the others.
+double entryTimeout(fuse_req_t request, std::string_view name) {
+    return mayBeDosName(name) || volumeOf(request).ignoresCase() ? 0 : kForever;
 }
 
 fuse_entry_param entryParameters(fuse_req_t request, const Entry& entry, std::string_view name) {
@@ -246,7 +247,7 @@ fuse_entry_param entryParameters(fuse_req_t request, const Entry& entry, std::st
     parameters.generation = entry.node->generation();
     parameters.attr = statusOf(request, entry.attributes);
     parameters.attr_timeout = kForever;
-    parameters.entry_timeout = entryTimeout(name);
+    parameters.entry_timeout = entryTimeout(request, name);
     return parameters;
 }
 

@@ -35,7 +35,7 @@ struct stat statusOf(fuse_req_t request, const fskit::FSItemAttributes& attribut
 fskit::FSItemSetAttributesRequest attributesOfNew(fuse_req_t request, const Node& directory,
                                                   mode_t mode, dev_t device = 0);
 /// How long the kernel may remember what a name stands for, or that it stands for nothing.
-double entryTimeout(std::string_view name);
+double entryTimeout(fuse_req_t request, std::string_view name);
 /// An entry in the form in which libfuse replies with it.
 fuse_entry_param entryParameters(fuse_req_t request, const Entry& entry, std::string_view name);
 

@@ -20,7 +20,7 @@ void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
         } else {
             // Names change through this kernel only, so it may cache negative dentries as well.
             fuse_entry_param absent{};
-            absent.entry_timeout = entryTimeout(name);
+            absent.entry_timeout = entryTimeout(request, name);
             fuse_reply_entry(request, &absent);
         }
     });

@@ -48,6 +48,8 @@ class MountedVolume {
     /// For the maintenance thread, which persists orphans between requests.
     OrphanFiles& orphanFiles() noexcept { return orphans_; }
     DentryInvalidationQueue& invalidations() noexcept { return invalidations_; }
+    /// Whether a name may stand for an item that is stored in another case.
+    bool ignoresCase() const noexcept { return volume_.requests().ignoresCase(); }
 
     // ---- Names ---------------------------------------------------------------------------------
 
@@ -134,13 +136,12 @@ class MountedVolume {
     /// Names in one directory.
     using Names = std::vector<std::string>;
     /// The long names that may go when a name that looks like a DOS name is removed.
-    Outcome<Names> longNamesOf(const Node& directory, const Found& found, std::string_view name);
+    Outcome<Names> longNamesOf(const Node& directory, const Found& found);
     /// A listing that is being read lacks the name, so the next stream gets a new one.
     static void noteNewName(Node& directory);
     /// Makes the name's entry a tombstone in the listing that is being read.
     static void noteLostName(Node& directory, fskit::FSItemID id, std::string_view name);
-    void noteLostName(Node& directory, const Found& lost, std::string_view name,
-                      const Names& behind);
+    void noteLostName(Node& directory, const Found& lost, const Names& behind);
     /// Corrects the volume's attributes by what only this host knows.
     Outcome<fskit::FSItemAttributes> adjusted(const Node& node,
                                               Outcome<fskit::FSItemAttributes> found);

@@ -13,8 +13,9 @@ using fskit::fs_errorForPOSIXError;
 // The long names of an item that was found by its DOS name. Both name the same link of the file, so
 // unlinking one unlinks the other, and the kernel has to be told of the long one. Empty when the
 // name is not a DOS name.
-Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory, const Found& found,
-                                                         std::string_view name) {
+Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory,
+                                                         const Found& found) {
+    const std::string& name = found.name;
     if (found.attributes.linkCount() <= 1 || !mayBeDosName(name)) {
         return Names();
     }
@@ -36,9 +37,8 @@ Outcome<MountedVolume::Names> MountedVolume::longNamesOf(const Node& directory, 
     return names;
 }
 
-void MountedVolume::noteLostName(Node& directory, const Found& lost, std::string_view name,
-                                 const Names& behind) {
-    noteLostName(directory, lost.attributes.fileID(), name);
+void MountedVolume::noteLostName(Node& directory, const Found& lost, const Names& behind) {
+    noteLostName(directory, lost.attributes.fileID(), lost.name);
     for (const std::string& longName : behind) {
         // A file with several hard links has several candidates. Only one of them went, so each is
         // looked up again.
@@ -93,13 +93,13 @@ Outcome<void> MountedVolume::remove(Node& directory, std::string_view name, Remo
     if (!old) {
         return old.error();
     }
-    const Outcome<Names> behind = longNamesOf(directory, *old, name);
+    const Outcome<Names> behind = longNamesOf(directory, *old);
     if (!behind) {
         return behind.error();
     }
     Outcome<void> removed = remove(*old, nodes_.find(old->item));
     if (removed) {
-        noteLostName(directory, *old, name, *behind);
+        noteLostName(directory, *old, *behind);
     }
     return removed;
 }
@@ -129,8 +129,8 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
         return fs_errorForPOSIXError(kEEXIST);
     }
     // Asked for before the rename: afterwards the DOS names are gone and lead to nothing.
-    const Outcome<Names> behindMoved = longNamesOf(fromDirectory, *moved, from);
-    const Outcome<Names> behindOld = old != nullptr ? longNamesOf(toDirectory, *old, to) : Names();
+    const Outcome<Names> behindMoved = longNamesOf(fromDirectory, *moved);
+    const Outcome<Names> behindOld = old != nullptr ? longNamesOf(toDirectory, *old) : Names();
     if (!behindMoved || !behindOld) {
         return behindMoved ? behindOld.error() : behindMoved.error();
     }
@@ -139,9 +139,9 @@ Outcome<void> MountedVolume::rename(Node& fromDirectory, std::string_view from, 
     Outcome<void> done =
         old && !(old->item == moved->item) ? replace(renaming, *old) : rename(renaming, ItemRef());
     if (done) {
-        noteLostName(fromDirectory, *moved, from, *behindMoved);
+        noteLostName(fromDirectory, *moved, *behindMoved);
         if (old != nullptr) {
-            noteLostName(toDirectory, *old, to, *behindOld);
+            noteLostName(toDirectory, *old, *behindOld);
         }
         noteNewName(toDirectory);
         return done;
@@ -156,8 +156,8 @@ Outcome<void> MountedVolume::exchange(Node& oneDirectory, std::string_view one,
     if (!first || !second) {
         return first ? second.error() : first.error();
     }
-    const Outcome<Names> behindFirst = longNamesOf(oneDirectory, *first, one);
-    const Outcome<Names> behindSecond = longNamesOf(otherDirectory, *second, other);
+    const Outcome<Names> behindFirst = longNamesOf(oneDirectory, *first);
+    const Outcome<Names> behindSecond = longNamesOf(otherDirectory, *second);
     if (!behindFirst || !behindSecond) {
         return behindFirst ? behindSecond.error() : behindFirst.error();
     }
@@ -167,8 +167,8 @@ Outcome<void> MountedVolume::exchange(Node& oneDirectory, std::string_view one,
     if (!done) {
         return missingIfStale(done.error());
     }
-    noteLostName(oneDirectory, *first, one, *behindFirst);
-    noteLostName(otherDirectory, *second, other, *behindSecond);
+    noteLostName(oneDirectory, *first, *behindFirst);
+    noteLostName(otherDirectory, *second, *behindSecond);
     noteNewName(oneDirectory);
     noteNewName(otherDirectory);
     return done;
@@ -209,7 +209,7 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
     if (done) {
         orphans_.dropIfStillLinked(node->item, node->linkCount > 1);
     } else {
-        orphans_.undoReplace(node->item, renaming.toDirectory.item, renaming.to);
+        orphans_.undoReplace(node->item, renaming.toDirectory.item, old.name);
     }
     return done;
 }
