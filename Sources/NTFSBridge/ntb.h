@@ -187,6 +187,13 @@ int32_t ntb_set_label(ntb_vol* vol, const char* label);
 /* Always 0. */
 int32_t ntb_statfs_get(ntb_vol* vol, ntb_statfs* out);
 
+/* Finds free clusters from the byte `from` of the device up to before the byte `to`. Stores *count
+ * extents of whole clusters in ascending order, room for them given and at least one, and where the
+ * search ended in *next: behind the last extent when there was no room for more, else at `to` or
+ * the end of the volume. EIO, or what the device answered. */
+int32_t ntb_free_extents(ntb_vol* vol, uint64_t from, uint64_t to, ntb_extent* extents,
+                         uint32_t room, uint32_t* count, uint64_t* next);
+
 /* File records in use, those of the volume's own files among them: the bits of the record bitmap,
  * which is read for it. */
 int32_t ntb_count_files(ntb_vol* vol, uint64_t* count);

@@ -22,4 +22,8 @@ std::int32_t BlockDevice::writeGathered(GatheredBytes parts, std::uint64_t offse
     return write(whole.data(), offset, whole.size());
 }
 
+std::int32_t BlockDevice::discard(std::uint64_t /*offset*/, std::uint64_t /*length*/) noexcept {
+    return EOPNOTSUPP;
+}
+
 } // namespace tavelin

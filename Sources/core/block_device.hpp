@@ -47,6 +47,11 @@ class BlockDevice {
     /// Returns once everything written before is on the medium.
     [[nodiscard]] virtual std::int32_t sync() noexcept = 0;
 
+    /// Tells the device that nothing is to be found in a range of whole pages any more; what it
+    /// reads as until it is written again is the device's choice. EOPNOTSUPP where the device has
+    /// no use for it. Durable after the next sync(), like a write.
+    [[nodiscard]] virtual std::int32_t discard(std::uint64_t offset, std::uint64_t length) noexcept;
+
     /// Bytes of the unit in which writes wait, which is that of the bridge's cache and the journal.
     static constexpr std::uint64_t kPageBytes = NTB_PAGE_BYTES;
     /// Writes that wait in memory for the next sync(), in pages, and how many pages a

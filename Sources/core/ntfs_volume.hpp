@@ -36,6 +36,9 @@
 ///   populateCache, attributes,
 ///   flush, xattrNames
 ///   setLabel                         kEROFS, kEILSEQ, kENAMETOOLONG over 128 UTF-16 units, kENOSPC
+///   trim                             kEROFS, kENOTSUP by the device, kEINVAL a range outside the
+///                                    volume or a minimum over kTrimBytesMax, kEINTR told to end,
+///                                    kEIO also for a volume that is marked as damaged
 ///   lookup, resolve, find,           kENOTDIR, kEINVAL empty name, kEILSEQ
 ///   findInAnyCase
 ///   list                             kENOTDIR
@@ -171,6 +174,12 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void populateCache();
     /// Returns once everything changed before is on the device.
     void sync();
+    /// The longest stretch of free space that is given to the device in one go.
+    static constexpr std::uint64_t kTrimBytesMax = std::uint64_t{256} << 20;
+    /// Tells the device what of a range is free, for it to reuse; answers how many bytes that were.
+    /// What was free already is told again. In pieces, so that others come to their turn, between
+    /// which `goesOn` is asked. The volume is settled before each: see docs/durability.md.
+    std::uint64_t trim(const NTFSTrimRange& range, const std::function<bool()>& goesOn);
 
     /// Runs `body` under the lock, so that it overlaps no bridge call of this volume.
     template<typename Body>
@@ -330,6 +339,18 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// Writes zeroes where a range of a file has none of its own: over its data, if `overData`, and
     /// into its holes.
     void writeZeroes(std::uint64_t ino, std::uint64_t from, std::uint64_t to, bool overData);
+    /// What trim() has come to.
+    struct TrimProgress {
+        std::uint64_t next = 0; ///< bytes of the device, as all of these
+        std::uint64_t end = 0;
+        std::uint64_t minimum = 0;
+        std::uint64_t trimmed = 0;
+    };
+    /// One piece of a trim, under the lock; 0 or the host's errno.
+    [[nodiscard]] std::int32_t trimPiece(ntb_vol* vol, TrimProgress& trim) noexcept;
+    /// Brings it about, under the lock, that no record of a journal is valid, nothing waits, and no
+    /// damage is known; 0 or the host's errno.
+    [[nodiscard]] std::int32_t settleForTrim(ntb_vol* vol) noexcept;
     /// One tick of the flush timer: syncs what has changed, and settles the device when nothing has
     /// since the tick before.
     void flushTick() noexcept;

@@ -211,6 +211,13 @@ struct NTFSStatFS {
     bool operator==(const NTFSStatFS&) const = default;
 };
 
+/// What of a volume's free space its device is to be told of, in bytes.
+struct NTFSTrimRange {
+    std::uint64_t offset = 0;
+    std::uint64_t length = UINT64_MAX; ///< may lead beyond the end of the volume
+    std::uint64_t minimum = 0;         ///< shorter stretches of free space are left alone
+};
+
 /// Device and cache counters of one mounted volume since it was mounted.
 struct NTFSIOStats {
     std::uint64_t deviceReads = 0; ///< read calls to the device

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace tavelin {
 
@@ -85,6 +86,9 @@ class ExtendedOperations {
     /// File records in use, those of the volume's own files among them. FSKit's statistics count
     /// the room for records instead.
     virtual Outcome<std::uint64_t> filesInUse() = 0;
+    /// Tells the device what is free, see NTFSVolume::trim(). `goesOn` is asked now and then.
+    virtual Outcome<std::uint64_t> trim(const NTFSTrimRange& range,
+                                        const std::function<bool()>& goesOn) = 0;
     /// What the page cache and the device were used for since the load.
     virtual Outcome<NTFSIOStats> ioStatistics() = 0;
 };

@@ -1,5 +1,5 @@
 /// What a host's block device can do beside FSKit's: say when data is on the
-/// medium, and write what lies in several places.
+/// medium, write what lies in several places, and be told what is of no use any more.
 #pragma once
 
 #include "fskit/api/error.hpp"
@@ -23,6 +23,11 @@ class HostMedium {
     /// A direct write of all parts, from the byte `offset` of the device on; throws the error. Any
     /// thread.
     virtual void writeGathered(GatheredBytes parts, std::uint64_t offset) = 0;
+
+    /// Tells the medium that a range of bytes holds nothing any more, see BlockDevice::discard();
+    /// kENOTSUP where it has no use for that. Any thread.
+    [[nodiscard]] virtual std::optional<fskit::Error> discard(std::uint64_t offset,
+                                                              std::uint64_t length) = 0;
 };
 
 } // namespace tavelin

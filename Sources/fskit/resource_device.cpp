@@ -128,6 +128,21 @@ std::int32_t ResourceDevice::writeGathered(GatheredBytes parts, std::uint64_t of
     });
 }
 
+std::int32_t ResourceDevice::discard(std::uint64_t offset, std::uint64_t length) noexcept {
+    auto* const medium = dynamic_cast<HostMedium*>(resource.get());
+    if (medium == nullptr) {
+        return EOPNOTSUPP;
+    }
+    return attempt("discard", offset, length, [&] {
+        const std::optional<fskit::Error> error = medium->discard(offset, length);
+        // A medium without it has not failed.
+        if (error && !(error->isPOSIX() && error->code() == kENOTSUP)) {
+            throw fskit::Error(*error);
+        }
+        return error ? EOPNOTSUPP : 0;
+    });
+}
+
 std::int32_t ResourceDevice::sync() noexcept {
     try {
         if (cached) {

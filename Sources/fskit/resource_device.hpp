@@ -35,6 +35,9 @@ class ResourceDevice final : public BlockDevice {
     /// Without bringing the parts together where the resource is a HostMedium and not cached.
     [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts,
                                              std::uint64_t offset) noexcept override;
+    /// EOPNOTSUPP where the resource is no HostMedium.
+    [[nodiscard]] std::int32_t discard(std::uint64_t offset,
+                                       std::uint64_t length) noexcept override;
     /// Flushes the kernel's buffers when cached. Uncached writes have already left this process; a
     /// HostMedium is asked for more, of any other resource there is nothing to ask.
     [[nodiscard]] std::int32_t sync() noexcept override;

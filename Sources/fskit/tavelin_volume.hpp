@@ -284,6 +284,8 @@ class TavelinVolume final : public fskit::FSVolume,
     [[nodiscard]] std::uint64_t serialNumber() const override { return ntfs->serial(); }
     Outcome<std::string> label() override;
     Outcome<std::uint64_t> filesInUse() override;
+    Outcome<std::uint64_t> trim(const NTFSTrimRange& range,
+                                const std::function<bool()>& goesOn) override;
     Outcome<NTFSIOStats> ioStatistics() override;
 
     /// Never held across a call into `ntfs`.

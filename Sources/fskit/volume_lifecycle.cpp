@@ -210,6 +210,14 @@ Outcome<std::uint64_t> TavelinVolume::filesInUse() {
     return attempt<"filesInUse">([&] { return ntfs->filesInUse(); });
 }
 
+Outcome<std::uint64_t> TavelinVolume::trim(const NTFSTrimRange& range,
+                                           const std::function<bool()>& goesOn) {
+    return request<"trim">([&] {
+        requireChangeable();
+        return ntfs->trim(range, goesOn);
+    });
+}
+
 Outcome<NTFSIOStats> TavelinVolume::ioStatistics() {
     return attempt<"ioStatistics">([&] { return ntfs->ioStats(); });
 }

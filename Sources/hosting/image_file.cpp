@@ -167,6 +167,13 @@ ImageFile::Transferred ImageFile::write(GatheredBytes parts, std::uint64_t offse
     return done;
 }
 
+int ImageFile::discard(std::uint64_t offset, std::uint64_t length) {
+    TAVELIN_ASSERT(static_cast<bool>(file_));
+    const int error = discardRange(file_.get(), offset, length);
+    unsettled_.store(true); // also after an error: a part may have gone
+    return error;
+}
+
 int ImageFile::flushToMedium() {
     const MutexLock held(flushing_);
     TAVELIN_ASSERT(static_cast<bool>(file_));

@@ -46,6 +46,9 @@ class ImageFile {
     [[nodiscard]] Transferred read(void* into, std::uint64_t offset, std::size_t length) const;
     [[nodiscard]] Transferred write(GatheredBytes parts, std::uint64_t offset);
 
+    /// Has a range hold nothing any more, see discardRange(). In need of a flush, like a write.
+    [[nodiscard]] int discard(std::uint64_t offset, std::uint64_t length);
+
     /// 0 once everything written before is on the medium. A failure is final: the system may have
     /// dropped what it could not write, so no later success could vouch for it.
     [[nodiscard]] int flushToMedium();

@@ -18,6 +18,11 @@ void check(int hostError) {
     }
 }
 
+std::optional<fskit::Error> errorUnless0(int hostError) {
+    return hostError == 0 ? std::nullopt
+                          : std::optional(fskit::fs_errorForPOSIXError(fromHost(hostError)));
+}
+
 } // namespace
 
 void HostResource::writeGathered(GatheredBytes parts, std::uint64_t offset) {
@@ -31,6 +36,11 @@ void HostResource::writeGathered(GatheredBytes parts, std::uint64_t offset) {
         check(count == 0 ? EIO : 0);
         done += count;
     }
+}
+
+std::optional<fskit::Error> HostResource::discard(std::uint64_t /*offset*/,
+                                                  std::uint64_t /*length*/) {
+    return fskit::fs_errorForPOSIXError(kENOTSUP);
 }
 
 ImageResource::ImageResource(const std::filesystem::path& path) : ImageResource(path, Settings()) {}
@@ -95,12 +105,16 @@ void ImageResource::metadataFlush() {
     check(isRevoked() ? ENXIO : file_.flushToMedium());
 }
 
-std::optional<fskit::Error> ImageResource::flushToMedium() {
-    const int error = isRevoked() ? ENXIO : file_.flushToMedium();
-    if (error == 0) {
-        return std::nullopt;
+std::optional<fskit::Error> ImageResource::discard(std::uint64_t offset, std::uint64_t length) {
+    // The image's other parts are not this device's.
+    if (isRevoked() || offset > length_ || length > length_ - offset) {
+        return fskit::fs_errorForPOSIXError(kENXIO);
     }
-    return fskit::fs_errorForPOSIXError(fromHost(error));
+    return errorUnless0(file_.discard(offset_ + offset, length));
+}
+
+std::optional<fskit::Error> ImageResource::flushToMedium() {
+    return errorUnless0(isRevoked() ? ENXIO : file_.flushToMedium());
 }
 
 } // namespace tavelin

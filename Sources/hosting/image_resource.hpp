@@ -19,6 +19,9 @@ class HostResource : public fskit::FSBlockDeviceResource, public HostMedium {
   public:
     /// Brings the parts together first, for resources that write from one place only.
     void writeGathered(GatheredBytes parts, std::uint64_t offset) override;
+    /// kENOTSUP: most media in a program's memory have no use for it.
+    [[nodiscard]] std::optional<fskit::Error> discard(std::uint64_t offset,
+                                                      std::uint64_t length) override;
     /// Gives the device back to the system, for others to open. Once no volume is loaded from it;
     /// nothing but destruction may follow.
     virtual void release() {}
@@ -69,6 +72,8 @@ class ImageResource final : public HostResource {
     void delayedMetadataWrite(const std::byte* buffer, std::uint64_t offset,
                               std::size_t length) override;
     void metadataFlush() override;
+    [[nodiscard]] std::optional<fskit::Error> discard(std::uint64_t offset,
+                                                      std::uint64_t length) override;
     /// Makes all earlier writes durable; absent for success. See ImageFile::flushToMedium.
     std::optional<fskit::Error> flushToMedium() override;
     void release() override { file_.close(); }

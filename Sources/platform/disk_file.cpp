@@ -78,4 +78,24 @@ void forgetHostCache(int fd, std::uint64_t offset, std::uint64_t length) noexcep
 #endif
 }
 
+int discardRange(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
+#if defined(__linux__)
+    struct stat status {};
+    if (fstat(fd, &status) != 0) {
+        return errno;
+    }
+    std::uint64_t range[] = {offset, length};
+    const int result = S_ISBLK(status.st_mode)
+                           ? ioctl(fd, BLKDISCARD, range)
+                           : fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                                       static_cast<off_t>(offset), static_cast<off_t>(length));
+    return result == 0 ? 0 : errno;
+#else
+    static_cast<void>(fd);
+    static_cast<void>(offset);
+    static_cast<void>(length);
+    return EOPNOTSUPP;
+#endif
+}
+
 } // namespace tavelin

@@ -26,4 +26,10 @@ void bypassHostCache(int fd) noexcept;
 /// after fsync() and never in its place. Does nothing on macOS.
 void forgetHostCache(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
 
+/// Tells an open file or block device that a range of it holds nothing any more. A file gives its
+/// blocks back and reads as zeroes there. A device may answer anything, as long as it goes on
+/// answering the same, until it is written to again. Offset and length are multiples of the
+/// device's block. EOPNOTSUPP where the device or the host has no such request, as on macOS.
+[[nodiscard]] int discardRange(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
+
 } // namespace tavelin

@@ -156,5 +156,36 @@ TEST(Allocation, GivesBackWhatIsBehindTheEnd) {
     volume->unmount();
 }
 
+TEST(Trim, SaysWhyItTellsTheDeviceNothing) {
+    const SampleVolume sample({.bytes = 8 << 20});
+    const auto open = [&](bool readOnly) {
+        return NTFSVolume::open(std::make_shared<WatchedDevice>(sample), readOnly);
+    };
+    const struct {
+        const char* what;
+        NTFSTrimRange range;
+        bool readOnly, goesOn;
+        std::int32_t error;
+    } kRows[] = {
+        {"a device that has no use for it", {}, false, true, kENOTSUP},
+        {"the boot sector alone", {.length = 4096}, false, true, 0},
+        {"the same, and told to end", {.length = 4096}, false, false, kEINTR},
+        {"behind the end", {.offset = 8 << 20}, false, true, kEINVAL},
+        {"less than a cluster", {.length = 100}, false, true, kEINVAL},
+        {"longer stretches than it tells of",
+         {.minimum = NTFSVolume::kTrimBytesMax + 1},
+         false,
+         true,
+         kEINVAL},
+        {"a volume that is only read", {}, true, true, kEROFS},
+    };
+    for (const auto& row : kRows) {
+        const auto volume = open(row.readOnly);
+        EXPECT_EQ(codeOf([&] { volume->trim(row.range, [&] { return row.goesOn; }); }), row.error)
+            << row.what;
+        volume->unmount();
+    }
+}
+
 } // namespace
 } // namespace tavelin

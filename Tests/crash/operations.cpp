@@ -47,6 +47,21 @@ std::vector<Operation> removingMany() {
     return operations;
 }
 
+// Also of index blocks that have only just been freed.
+std::vector<Operation> trimming() {
+    std::vector<Operation> operations{{Verb::remove, "work/unlinked"}};
+    const std::string directory = "work/brief";
+    operations.push_back({Verb::mkdir, directory});
+    for (const Verb verb : {Verb::create, Verb::remove}) {
+        for (int i = 0; i < 20; i++) {
+            operations.push_back({verb, directory + crowded(i).substr(5)});
+        }
+    }
+    operations.push_back({Verb::remove, directory});
+    operations.push_back({Verb::trim});
+    return operations;
+}
+
 void carryOutAll(VolumeClient& volume, const std::vector<Operation>& operations) {
     for (const Operation& operation : operations) {
         carryOut(volume, operation);
@@ -60,7 +75,7 @@ Workload::Workload(std::string called, std::vector<Operation> made)
       run([made](VolumeClient& volume) { carryOutAll(volume, made); }),
       operations(std::move(made)) {
     for (const Operation& operation : operations) {
-        if (touches.empty() || touches.back() != operation.path) {
+        if (!operation.path.empty() && (touches.empty() || touches.back() != operation.path)) {
             touches.push_back(operation.path);
         }
         if (operation.verb == Verb::rename) {
@@ -96,6 +111,7 @@ const std::vector<Workload>& allChanges() {
         {"label", [](VolumeClient& volume) { volume.setName("Renamed").get(); }, {""}},
         {"create many", makingMany()},
         {"remove many", removingMany()},
+        {"trim", trimming()},
     };
     return changes;
 }

@@ -22,6 +22,10 @@ TEST(PowerCut, LosesAndDamagesNothingThatWasPersisted) {
     // A pair whose flush writes more pages in a row than any of them.
     report.add(
         tryScript(base, {{&named("create many"), &named("remove many")}, Finish::unmount}, {}));
+    // Records that replace pages of which nothing was left.
+    for (const char* next : {"create many", "write"}) {
+        report.add(tryScript(base, {{&named("trim"), &named(next)}, Finish::synchronise}, {}));
+    }
     EXPECT_TRUE(report.isSound()) << report.describe();
     EXPECT_GT(report.images[Cut::prefix], 500u);
 }

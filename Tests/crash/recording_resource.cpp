@@ -47,6 +47,12 @@ std::optional<fskit::Error> RecordingResource::flushToMedium() {
     return std::nullopt;
 }
 
+std::optional<fskit::Error> RecordingResource::discard(std::uint64_t offset, std::uint64_t length) {
+    const Bytes garbage(length, std::byte{0xdd});
+    copyIn(Call::write, garbage.data(), offset, garbage.size());
+    return std::nullopt;
+}
+
 Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::size_t end, Cut cut,
                std::mt19937_64& random) {
     Bytes image = base;

@@ -29,6 +29,8 @@ class RecordingResource final : public MemoryResourceOf<HostResource, Bytes> {
 
     void metadataFlush() override;
     std::optional<fskit::Error> flushToMedium() override;
+    // Leaves bytes behind that were in no file.
+    std::optional<fskit::Error> discard(std::uint64_t offset, std::uint64_t length) override;
 
   private:
     std::size_t copyIn(Call call, const std::byte* from, std::uint64_t offset,

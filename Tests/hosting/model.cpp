@@ -95,6 +95,7 @@ Answer Model::apply(const Operation& op) {
     case Verb::rename:
         return rename(op.path, op.text);
     case Verb::sync:
+    case Verb::trim:
     case Verb::reload:
         return {};
     default:

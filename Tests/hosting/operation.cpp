@@ -10,12 +10,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::array<std::string_view, 16> kVerbs{
-    "create", "mkdir",    "symlink", "remove", "rename",    "lookup",    "readlink", "write",
-    "read",   "truncate", "times",   "hide",   "setStream", "getStream", "sync",     "reload"};
+constexpr std::array<std::string_view, 17> kVerbs{
+    "create",   "mkdir", "symlink", "remove",    "rename",    "lookup", "readlink", "write", "read",
+    "truncate", "times", "hide",    "setStream", "getStream", "sync",   "trim",     "reload"};
 
 // How often each verb is drawn, in the order of kVerbs.
-constexpr std::array<int, 16> kWeights{14, 8, 5, 8, 14, 4, 3, 16, 8, 8, 5, 4, 12, 5, 2, 1};
+constexpr std::array<int, 17> kWeights{14, 8, 5, 8, 14, 4, 3, 16, 8, 8, 5, 4, 12, 5, 2, 2, 1};
 
 // Names that collide by case, that reach the limits, and that only Windows minds.
 const std::vector<std::string> kNames{"a",
@@ -91,7 +91,7 @@ Operation OperationSource::next(const Tree& tree) {
     Operation op;
     op.verb = static_cast<Verb>(verbs(random_));
     op.seed = below(1u << 20);
-    if (op.verb == Verb::sync || op.verb == Verb::reload) {
+    if (op.verb == Verb::sync || op.verb == Verb::trim || op.verb == Verb::reload) {
         return op;
     }
     const bool makes =

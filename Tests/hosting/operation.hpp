@@ -29,6 +29,7 @@ enum class Verb {
     setStream, // path, text: name, number: FSKit policy (3 deletes), other: length, seed
     getStream, // path, text: name
     sync,      //
+    trim,      // tells the device what is free
     reload,    // close the volume and open it again
 };
 

@@ -133,6 +133,9 @@ Answer carryOut(VolumeClient& volume, const Operation& op) {
     case Verb::sync:
         volume.synchronize().get();
         return {};
+    case Verb::trim:
+        volume.requests().trim({}, [] { return true; }).get();
+        return {};
     default:
         return onItem(volume, op);
     }

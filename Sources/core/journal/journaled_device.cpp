@@ -138,6 +138,19 @@ std::int32_t JournaledDevice::writeAround(const std::byte* source, std::uint64_t
     return 0;
 }
 
+std::int32_t JournaledDevice::discard(std::uint64_t offset, std::uint64_t length) noexcept {
+    TAVELIN_ASSERT(length > 0 && offset + length <= size());
+    TAVELIN_ASSERT(pending_.empty() && fileData_.empty() && !(isOn_ && journal_->isBegun()));
+    if (journal_ && journal_->overlaps(offset, length)) {
+        return EIO; // the bitmap calls $LogFile free, so it is damaged
+    }
+    // What a later record says a page was before is read anew, and must not be older than this: the
+    // next record therefore waits for a sync of the device.
+    sums_.forget(offset, length);
+    bypassedSinceSync_ = bypassedSinceSync_ || isOn_;
+    return inner_->discard(offset, length);
+}
+
 bool JournaledDevice::isJournaled(std::uint64_t page) const noexcept {
     return inJournal_.contains(page) || std::binary_search(named_.begin(), named_.end(), page);
 }

@@ -95,6 +95,10 @@ class JournaledDevice final : public BlockDevice {
     /// the record that makes them reachable.
     [[nodiscard]] std::int32_t writeFileData(const std::byte* source, std::uint64_t offset,
                                              std::uint64_t length) noexcept override;
+    /// Only while no record is valid and nothing waits, which settle() brings about: a replay reads
+    /// and replaces the places that records have, and must find them as they were.
+    [[nodiscard]] std::int32_t discard(std::uint64_t offset,
+                                       std::uint64_t length) noexcept override;
     /// Commits everything pending as one record. On success it is durable, though perhaps not home.
     [[nodiscard]] std::int32_t sync() noexcept override;
     /// Pending pages, and how many of them one record carries.

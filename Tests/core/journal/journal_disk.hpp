@@ -53,6 +53,10 @@ class Disk final : public BlockDevice {
         }
         return error;
     }
+    std::int32_t discard(std::uint64_t offset, std::uint64_t length) noexcept override {
+        std::memset(&image.at(offset), 0xdd, length);
+        return 0;
+    }
     std::int32_t sync() noexcept override {
         const std::int32_t error = isSyncFailing ? EIO : trouble();
         if (error == 0) {

@@ -89,6 +89,24 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
     }
 }
 
+// What a page was before is what the disk made of it, not what was written there last.
+TEST(Replay, CompletesAFlushOverPagesThatWereDiscarded) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    writePages(*device, 5, 0, 3);
+    ASSERT_EQ(device->settle(), 0);
+    ASSERT_EQ(device->discard(volume().work * kPage, 3 * kPage), 0);
+    writePages(*device, 6, 0, 3);
+    disk->failsReads = false;
+    disk->callsToFailure = 4; // the sync of the discard, the record, the device's sync, the pages
+    EXPECT_EQ(device->sync(), EIO);
+    JournaledDevice next(disk);
+    ASSERT_EQ(next.replay(false), 0);
+    EXPECT_FALSE(next.wasRefused());
+    EXPECT_EQ(next.recovered(), 3u + kFlagPages);
+    EXPECT_EQ(valueAt(disk->image, (volume().work + 2) * kPage), 6u);
+}
+
 // The last record names file data that was to reach the disk with it.
 TEST(Replay, LeavesOutTheLastFlushWithoutItsFileData) {
     struct Case {
