@@ -8,11 +8,15 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <optional>
 #include <random>
+#include <sys/fsuid.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <thread>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -47,6 +51,60 @@ TEST_F(MountData, DatabasesKeepTheirTransactions) {
         EXPECT_EQ(check(), expected) << journal;
     }
     expectToLast(*volume_, served_);
+}
+
+// FITRIM as fstrim(8) asks for it, with `user` as the program's; the bytes, or minus the errno.
+int64_t trim(const fs::path& item, fstrim_range range = {0, UINT64_MAX, 0}, uid_t user = 0) {
+    const Descriptor fd(item, O_RDONLY);
+    ::setfsuid(user);
+    const int result = ::ioctl(fd, FITRIM, &range);
+    const int error = errno;
+    ::setfsuid(0);
+    return result == 0 ? static_cast<int64_t>(range.len) : -error;
+}
+
+// Of the image file.
+int64_t allocatedBytes(const SampleVolume& volume) {
+    struct stat status {};
+    EXPECT_EQ(::stat(volume.image().c_str(), &status), 0);
+    return status.st_blocks * 512;
+}
+
+TEST_F(MountData, TrimmingGivesTheRoomOfRemovedFilesBackAndNothingElse) {
+    runOrThrow({"dd", "if=/dev/urandom", "of=" + path("kept"), "bs=1M", "count=8"});
+    runOrThrow({"dd", "if=/dev/urandom", "of=" + path("removed"), "bs=1M", "count=100"});
+    const std::string kept = readFile(*this / "kept");
+    const auto size = static_cast<int64_t>(256 * kMiB);
+    EXPECT_EQ(trim(*this / "kept", {0, UINT64_MAX, 0}, 1000), -EPERM);
+    EXPECT_EQ(trim(*this / "", {256 * kMiB, UINT64_MAX, 0}), -EINVAL);
+    EXPECT_LT(trim(*this / ""), size - 108 * static_cast<int64_t>(kMiB));
+    const int64_t before = allocatedBytes(*volume_);
+    fs::remove(*this / "removed");
+    int64_t trimmed = 0;
+    for (int i = 0; i < 100 && trimmed < size - 16 * static_cast<int64_t>(kMiB); ++i) {
+        trimmed = trim(*this / "kept"); // the kernel may not have let the file go yet
+    }
+    EXPECT_LE(allocatedBytes(*volume_), before - 100 * static_cast<int64_t>(kMiB));
+    EXPECT_LE(trim(*this / "", {32 * kMiB, 64 * kMiB, 0}), static_cast<int64_t>(64 * kMiB));
+    // Clusters change hands while others are trimmed.
+    std::thread others([this] {
+        for (int i = 0; i < 60; ++i) {
+            const std::string name = "other " + std::to_string(i % 7);
+            const std::string content(static_cast<size_t>(i) * 20'000, static_cast<char>('a' + i));
+            writeFile(*this / name, content);
+            EXPECT_TRUE(readFile(*this / name) == content);
+            fs::remove(*this / ("other " + std::to_string(i * 3 % 7)));
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_GT(trim(*this / ""), 0);
+    }
+    others.join();
+    mount();
+    EXPECT_TRUE(readFile(*this / "kept") == kept);
+    expectToLast(*volume_, served_);
+    mount("ro");
+    EXPECT_EQ(trim(*this / ""), -EROFS);
 }
 
 // Writes, mapped writes, growing and shrinking against a copy in memory, with pages left dirty.

@@ -7,6 +7,10 @@
 #include "support/driver_mount.hpp"
 #include "support/memory_device.hpp"
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
 namespace tavelin::test {
 namespace {
 
@@ -136,6 +140,10 @@ TEST(VolumesInDoubt, AreSpokenOf) {
         EXPECT_NE(said.find(c.mount), std::string::npos) << said;
         EXPECT_EQ(c.mount.empty(), said.empty()) << said;
         EXPECT_EQ(::access(served.directory().c_str(), W_OK) == 0, c.isWritable);
+        // What a bitmap in doubt calls free may be somebody's.
+        fstrim_range all{0, UINT64_MAX, 0};
+        EXPECT_EQ(::ioctl(Descriptor(served.directory(), O_RDONLY), FITRIM, &all) == 0,
+                  c.mount.empty());
         EXPECT_EQ(served.unmount(), 0);
         if (c.mount == refused) {
             const ProcessResult after = run({TAVELIN_PROGRAM, "info", image});

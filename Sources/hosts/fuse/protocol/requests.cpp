@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <linux/fs.h>
 #include <new>
 #include <stdexcept>
 #include <sys/statvfs.h>
@@ -28,6 +29,7 @@ void initialise(void* context, fuse_conn_info* connection) {
         connection->want |= on ? connection->capable & capability : 0u;
     };
     want(FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO, true);
+    want(FUSE_CAP_IOCTL_DIR, true); // fstrim(8) asks by the root directory
     want(FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_CACHE_SYMLINKS, true);
     // Nothing but the kernel's own requests changes the volume, so its caches are always right.
     want(FUSE_CAP_AUTO_INVAL_DATA, false);
@@ -140,6 +142,34 @@ void volumeStatistics(fuse_req_t request, fuse_ino_t /*node*/) {
 void synchronize(fuse_req_t request, fuse_ino_t /*node*/, int /*dataOnly*/,
                  fuse_file_info* /*file*/) {
     answer(request, [&] { replyResult(request, volumeOf(request).synchronize()); });
+}
+
+// FITRIM alone: the volume's free space, whatever item it is asked of. The kernel passes structure
+// and length as the number of the request says.
+void control(fuse_req_t request, fuse_ino_t /*node*/, unsigned command, void* /*argument*/,
+             fuse_file_info* /*file*/, unsigned /*flags*/, const void* given, size_t givenSize,
+             size_t room) {
+    answer(request, [&] {
+        fstrim_range range{};
+        if (command != FITRIM || givenSize < sizeof range || room < sizeof range) {
+            fuse_reply_err(request, ENOTTY);
+            return;
+        }
+        if (fuse_req_ctx(request)->uid != 0) {
+            fuse_reply_err(request, EPERM);
+            return;
+        }
+        std::memcpy(&range, given, sizeof range);
+        const Outcome<uint64_t> trimmed = volumeOf(request).volume().requests().trim(
+            {.offset = range.start, .length = range.len, .minimum = range.minlen},
+            [request] { return fuse_req_interrupted(request) == 0; });
+        if (!trimmed) {
+            fuse_reply_err(request, hostError(trimmed.error()));
+            return;
+        }
+        range.len = *trimmed;
+        fuse_reply_ioctl(request, 0, &range, sizeof range);
+    });
 }
 
 // Everything is permitted that no mask forbids, and files are programs to whoever runs them: the
@@ -276,6 +306,7 @@ const fuse_lowlevel_ops& requestTable() {
         all.getattr = getAttributes;
         all.setattr = setAttributes;
         all.statfs = volumeStatistics;
+        all.ioctl = control;
         all.fsync = synchronize;
         all.fsyncdir = synchronize;
         addNameRequests(all);

@@ -43,6 +43,7 @@ bool shouldHandOff(const fuse_buf& request) {
         return static_cast<const fuse_write_in*>(arguments)->size >= kHandOffBytesMin;
     case FUSE_FSYNC:
     case FUSE_FSYNCDIR:
+    case FUSE_IOCTL:
         return true;
     default:
         return false;
