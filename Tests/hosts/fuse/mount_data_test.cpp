@@ -6,15 +6,21 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/aio_abi.h>
 #include <linux/fs.h>
+#include <memory>
 #include <optional>
 #include <random>
+#include <span>
+#include <stop_token>
 #include <sys/fsuid.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <thread>
 #include <unistd.h>
@@ -51,6 +57,64 @@ TEST_F(MountData, DatabasesKeepTheirTransactions) {
         EXPECT_EQ(check(), expected) << journal;
     }
     expectToLast(*volume_, served_);
+}
+
+// Writes around the kernel's cache, as virtual machines and databases do, with io_submit(2).
+class DirectWriter {
+  public:
+    explicit DirectWriter(const fs::path& file) : fd_(file, O_RDWR | O_CREAT | O_DIRECT) {
+        EXPECT_EQ(::syscall(SYS_io_setup, 1, &context_), 0);
+    }
+    ~DirectWriter() { ::syscall(SYS_io_destroy, context_); }
+    DirectWriter(const DirectWriter&) = delete;
+    DirectWriter& operator=(const DirectWriter&) = delete;
+
+    // Returns when the write has ended.
+    void write(std::span<char> content, int64_t offset) {
+        iocb request{};
+        request.aio_fildes = static_cast<uint32_t>(static_cast<int>(fd_));
+        request.aio_lio_opcode = IOCB_CMD_PWRITE;
+        request.aio_buf = reinterpret_cast<uintptr_t>(content.data());
+        request.aio_nbytes = content.size();
+        request.aio_offset = offset;
+        iocb* const requests[] = {&request};
+        ASSERT_EQ(::syscall(SYS_io_submit, context_, 1, requests), 1);
+        io_event end{};
+        ASSERT_EQ(::syscall(SYS_io_getevents, context_, 1, 1, &end, nullptr), 1);
+        ASSERT_EQ(end.res, static_cast<int64_t>(content.size()));
+    }
+
+  private:
+    Descriptor fd_;
+    aio_context_t context_ = 0;
+};
+
+// What another program reads meanwhile must not stay in the kernel's cache.
+TEST_F(MountData, BufferedReadersSeeWhatIsWrittenAroundTheCache) {
+    constexpr size_t kBytes = 64 << 10;
+    constexpr int kPlaces = 16;
+    const std::unique_ptr<char, void (*)(void*)> memory(
+        static_cast<char*>(std::aligned_alloc(4096, kBytes)), std::free);
+    const std::span<char> content(memory.get(), kBytes);
+    DirectWriter writer(*this / "file");
+    for (int place = 0; place < kPlaces; ++place) {
+        writer.write(content, place * static_cast<int64_t>(kBytes));
+    }
+    const Descriptor file(*this / "file", O_RDONLY);
+    const std::jthread reader([&](const std::stop_token& stop) {
+        std::string read(kBytes, 0);
+        for (int place = 0; !stop.stop_requested(); place = (place + 1) % kPlaces) {
+            (void)!::pread(file, read.data(), kBytes, place * static_cast<off_t>(kBytes));
+        }
+    });
+    std::string read(kBytes, 0);
+    for (int round = 0; round < 800; ++round) {
+        std::ranges::fill(content, static_cast<char>(round % 127 + 1));
+        const off_t place = round % kPlaces * static_cast<off_t>(kBytes);
+        writer.write(content, place);
+        ASSERT_EQ(::pread(file, read.data(), kBytes, place), static_cast<ssize_t>(kBytes));
+        ASSERT_TRUE(std::ranges::equal(read, content)) << "in round " << round;
+    }
 }
 
 // FITRIM as fstrim(8) asks for it, with `user` as the program's; the bytes, or minus the errno.

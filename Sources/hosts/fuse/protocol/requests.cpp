@@ -36,6 +36,9 @@ void initialise(void* context, fuse_conn_info* connection) {
     want(FUSE_CAP_EXPLICIT_INVAL_DATA, true);
     // The kernel takes set-ID bits away as it does elsewhere, and sends the mode that is left.
     want(FUSE_CAP_HANDLE_KILLPRIV, false);
+    // An asynchronous direct write would end without the kernel dropping what buffered readers have
+    // cached of its range meanwhile; it does where such a write is synchronous.
+    want(FUSE_CAP_ASYNC_DIO, false);
     // There are no opens (see below) that could carry a truncation with them.
     want(FUSE_CAP_ATOMIC_O_TRUNC, false);
     connection->max_write = kTransferBytesMax;
