@@ -49,6 +49,10 @@ TEST_F(MountSystem, FstabLinesMountOnce) {
         "findmnt -n -o FSTYPE \"$3\"\n"
         "echo content > \"$3/file\"\n"
         "stat -c %u:%g \"$3/file\"\n"
+        "mount -T \"$2\" -o remount,ro \"$3\"\n"
+        "if mkdir \"$3/folder\" 2>/dev/null; then exit 1; fi\n"
+        "mount -T \"$2\" -o remount,rw \"$3\"\n"
+        "mkdir \"$3/folder\"\n"
         "tavelin umount \"$3\"\n",
         {helpers / "work", helpers / "fstab", directory.path(), MOUNT_HELPER, TAVELIN_PROGRAM});
     if (result.status == 77) {
