@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <sys/mount.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace tavelin::test {
@@ -73,6 +74,24 @@ TEST_F(MountSystem, RemountsChangeWhatTheKernelChecks) {
     ASSERT_EQ(::mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | MS_NOEXEC, nullptr), 0);
     EXPECT_EQ(::mkdir(path("folder").c_str(), 0777), 0);
     EXPECT_EQ(errorOf(::access(path("file").c_str(), X_OK)), EACCES);
+}
+
+TEST_F(MountSystem, OfOppositesTheLastCounts) {
+    const struct {
+        const char* options;
+        unsigned long flags;
+    } kRows[] = {
+        {"", ST_NOSUID | ST_NODEV},
+        {"suid,dev", 0},
+        {"suid,nosuid,dev,nodev,exec,noexec", ST_NOSUID | ST_NODEV | ST_NOEXEC},
+        {"nosuid,suid,nodev,dev,noexec,exec", 0},
+    };
+    for (const auto& row : kRows) {
+        mount(row.options);
+        struct statvfs status {};
+        ASSERT_EQ(::statvfs(path("").c_str(), &status), 0);
+        EXPECT_EQ(status.f_flag & (ST_NOSUID | ST_NODEV | ST_NOEXEC), row.flags) << row.options;
+    }
 }
 
 // As two containers use it. The volume is let go of when nobody has it any more.
