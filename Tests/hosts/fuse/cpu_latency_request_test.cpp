@@ -38,6 +38,7 @@ class KernelFile {
 TEST(CpuLatencyRequest, LastsAsLongAsRequestsCome) {
     KernelFile file;
     CpuLatencyRequest request(true, file.path());
+    request.start();
     for (int times = 0; times < 3; ++times) {
         EXPECT_LE(file.next(), 2) << "busy: no deep sleep";
         EXPECT_GT(file.next(), 1'000'000) << "nothing came: as deep as it likes";
@@ -51,10 +52,13 @@ TEST(CpuLatencyRequest, IsDoneWithoutWhereItIsNotWantedOrCannotBe) {
     {
         CpuLatencyRequest unwanted(false, file.path());
         CpuLatencyRequest impossible(true, "/nonexistent/latency");
+        unwanted.start();
+        impossible.start();
         unwanted.noteRequest();
         impossible.noteRequest();
     }
     CpuLatencyRequest request(true, file.path());
+    request.start();
     EXPECT_LE(file.next(), 2) << "the first number there is";
 }
 

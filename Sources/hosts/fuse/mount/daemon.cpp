@@ -26,6 +26,8 @@ Daemon::Daemon(bool foreground) {
     pipe_ = std::move(side_ == Side::server ? writing : reading);
     if (side_ == Side::server) {
         ::setsid(); // a fresh child leads no group, so this cannot fail
+        nothing_ = FileDescriptor("/dev/null", O_RDWR);
+        (void)!::chdir("/"); // so that no directory stays in use; "/" is always there
     }
 }
 
@@ -42,13 +44,12 @@ bool Daemon::ready() {
     const char success = 1;
     const bool awaited = pipe_.write(&success, 1).error == 0;
     pipe_.reset();
-    const FileDescriptor nothing("/dev/null", O_RDWR);
-    if (nothing) {
+    if (nothing_) {
         for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            ::dup2(nothing.get(), standard);
+            ::dup2(nothing_.get(), standard);
         }
+        nothing_.reset();
     }
-    (void)!::chdir("/"); // so that no directory stays in use; "/" is always there
     return awaited;
 }
 

@@ -26,7 +26,8 @@ class Daemon {
 
   private:
     Side side_ = Side::server;
-    FileDescriptor pipe_; // the caller reads, the server writes; empty in the foreground
+    FileDescriptor nothing_; // the server's /dev/null, opened while it may open
+    FileDescriptor pipe_;    // the caller reads, the server writes; empty in the foreground
 };
 
 } // namespace tavelin::fusehost

@@ -107,6 +107,7 @@ class Mount {
             return 1; // libfuse has said why
         }
         CpuLatencyRequest latency(request_.lowLatency);
+        latency.start();
         WorkerThreads threads(session_.get(), latency);
         maintenance_.start({mount_->mount, mount_->isGone, *volume_, threads, session_.get()});
         const int failed = threads.run(kWorkerThreads);

@@ -31,15 +31,16 @@ int32_t chooseBusyLatency() {
 
 CpuLatencyRequest::CpuLatencyRequest(bool wanted, const std::filesystem::path& kernelFile)
     : file_(wanted ? FileDescriptor(kernelFile.c_str(), O_WRONLY) : FileDescriptor()),
-      busyLatency_(chooseBusyLatency()) {
-    if (!file_) {
-        return; // not wanted, not allowed, or not known to this kernel
+      busyLatency_(chooseBusyLatency()) {}
+
+void CpuLatencyRequest::start() {
+    if (file_) { // else it is not wanted, not allowed, or not known to this kernel
+        thread_ = std::thread([this] { run(); });
     }
-    thread_ = std::thread([this] { run(); });
 }
 
 CpuLatencyRequest::~CpuLatencyRequest() {
-    if (!file_) {
+    if (!thread_.joinable()) {
         return;
     }
     {

@@ -27,12 +27,14 @@ class CpuLatencyRequest {
     /// Service Interface".
     static constexpr const char* kKernelFile = "/dev/cpu_dma_latency";
 
-    /// With `wanted` false no request is ever made. Throws std::system_error when there is no
-    /// thread.
+    /// Opens what it needs, once and for all. With `wanted` false no request is ever made.
     explicit CpuLatencyRequest(bool wanted, const std::filesystem::path& kernelFile = kKernelFile);
     ~CpuLatencyRequest();
     CpuLatencyRequest(const CpuLatencyRequest&) = delete;
     CpuLatencyRequest& operator=(const CpuLatencyRequest&) = delete;
+
+    /// Makes the first request. Throws std::system_error when there is no thread.
+    void start();
 
     /// To be called for every request. Any thread; costs next to nothing.
     void noteRequest() noexcept {
