@@ -142,9 +142,9 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
         }
         isHolding_ = false;
         for (const std::string& earlier : std::exchange(held_, {})) {
-            append(earlier);
+            write(earlier);
         }
-        append(*line);
+        write(*line);
     } catch (...) {
         // No memory, or a clock or a field's description that threw: the record is dropped.
     }
@@ -156,7 +156,28 @@ void EventLog::holdUntilFailure(std::string_view notable) {
     notable_ = notable;
 }
 
-void EventLog::append(std::string_view line) const {
+void EventLog::writeBy(std::function<void(std::string_view line)> writer) {
+    MutexLock lock(lock_);
+    writer_ = std::move(writer);
+}
+
+void EventLog::append(std::string_view line) noexcept {
+    if (!url_) {
+        return;
+    }
+    try {
+        MutexLock lock(lock_);
+        write(line);
+    } catch (...) {
+        // No memory for the name of the previous generation: the line is dropped.
+    }
+}
+
+void EventLog::write(std::string_view line) const {
+    if (writer_) {
+        writer_(line);
+        return;
+    }
     // Another process may append between the check and the write. The file then passes its bound
     // by a line, which does no harm.
     if (const auto current = fileSize(*url_);

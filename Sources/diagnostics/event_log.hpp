@@ -22,6 +22,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,6 +52,12 @@ class EventLog {
     /// waits when the process ends is dropped: reading a volume without an error is no news, and
     /// would push mounts and errors out of the log.
     void holdUntilFailure(std::string_view notable);
+
+    /// From now on gives each line, with its line feed, to `writer`: for a process that may not
+    /// open the file. `writer` is called under the log's lock, logs nothing and must not throw.
+    void writeBy(std::function<void(std::string_view line)> writer);
+    /// Appends a whole line, with its line feed, that another process's log has made.
+    void append(std::string_view line) noexcept;
 
     /// The last whole lines that fit in `maxBytes` bytes, reaching back into the previous
     /// generation if the current file is shorter. A last line longer than that is cut at its start.
@@ -84,8 +91,8 @@ class EventLog {
     [[nodiscard]] static std::string iso(Date date);
 
   private:
-    /// Writes one whole line, after a rotation where it would not fit.
-    void append(std::string_view line) const TAVELIN_REQUIRES(lock_);
+    /// Hands one whole line to the writer, or appends it, after a rotation where it would not fit.
+    void write(std::string_view line) const TAVELIN_REQUIRES(lock_);
     /// The current file becomes the previous generation.
     void rotate() const TAVELIN_REQUIRES(lock_);
 
@@ -97,6 +104,7 @@ class EventLog {
     bool isHolding_ TAVELIN_GUARDED_BY(lock_) = false;
     std::string notable_ TAVELIN_GUARDED_BY(lock_);
     std::vector<std::string> held_ TAVELIN_GUARDED_BY(lock_); ///< whole lines, oldest first
+    std::function<void(std::string_view)> writer_ TAVELIN_GUARDED_BY(lock_); ///< may be empty
 };
 
 /// The process's event log, "module.log" of the group that the information dictionary names under

@@ -77,6 +77,7 @@ void spawnUtilityThread(std::function<void()> body) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
+    sigdelset(&all, SIGSYS); // raised by the thread's own system call, and handled in it
     // A new thread inherits the mask of its creator. Blocking first leaves no moment in which the
     // new thread could receive a signal.
     pthread_sigmask(SIG_SETMASK, &all, &before);

@@ -31,9 +31,10 @@ containerFrom(const char* container, const char* stateHome, const char* home,
 /// The text of PRETTY_NAME in an os-release file's contents; empty when there is none.
 [[nodiscard]] std::string prettyName(std::string_view osRelease);
 
-/// Runs `body` on a detached thread with all signals blocked: a signal is then delivered to a
-/// thread that expects it. Nothing joins the thread, so `body` must own all it uses and must not
-/// throw. Throws std::system_error when there is no thread.
+/// Runs `body` on a detached thread with all signals blocked, which are then delivered to a thread
+/// that expects them; but SIGSYS, which a thread's own system call raises. Nothing joins the
+/// thread, so `body` must own all it uses and must not throw. Throws std::system_error when there
+/// is no thread.
 void spawnUtilityThread(std::function<void()> body);
 
 } // namespace tavelin::posix

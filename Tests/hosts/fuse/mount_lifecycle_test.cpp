@@ -62,7 +62,7 @@ class MountCommands : public MountLifecycle {
         }
     }
     bool isServed() const { return fusehost::findMount(directory).has_value(); }
-    std::string servers() const { return run({"pgrep", "-f", "tavelin mount " + image}).out; }
+    std::string servers() const { return run({"pgrep", "-o", "-f", "tavelin mount " + image}).out; }
     // A refusal that has these words in it.
     static void expectRefused(const std::vector<std::string>& words, const char* hint) {
         const ProcessResult result = run(words);

@@ -165,13 +165,24 @@ TEST_F(MountSystem, AUsersMountIsTheUsers) {
                if chown 0 program 2>/dev/null; then exit 1; fi
                if mknod device c 1 3 2>/dev/null; then exit 1; fi' user "$3"
            findmnt -n -o OPTIONS "$3" | grep -o nosuid,nodev
+           as_user "$1" umount "$3"
+           as_user "$1" mount "$2" "$3"
+           server=$(pgrep -o -f "mount $2")
+           kill -TERM "$server"
+           tail --pid="$server" -f /dev/null
+           findmnt "$3" || echo unmounted
+           chmod 444 "$2"
+           as_user "$1" mount "$2" "$3" 2>&1 | grep -o "may not write.*"
+           if as_user touch "$3/program" 2>/dev/null; then exit 1; fi
+           as_user ls "$3"
            as_user "$1" umount "$3")",
         {TAVELIN_PROGRAM, volume_->image(), mountPoint.path(), devices.path()});
     if (result.status == 77) {
         GTEST_SKIP() << "there is no /dev/fuse for users: " << result.err;
     }
     EXPECT_EQ(result.status, 0) << result.describe();
-    EXPECT_EQ(result.out, "ran\n4750 65534\nnosuid,nodev\n");
+    EXPECT_EQ(result.out, "ran\n4750 65534\nnosuid,nodev\nunmounted\n"
+                          "may not write to it; mounted read-only\nfifo\nprogram\n");
 }
 
 } // namespace

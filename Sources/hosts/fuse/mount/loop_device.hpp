@@ -13,7 +13,7 @@
 
 namespace tavelin::fusehost {
 
-/// Owned by the session that mounts. Any thread may ask for its path.
+/// Owned by who mounts. Any thread may ask for its path.
 class LoopDevice {
   public:
     /// Null when the system has none to give (not an administrator, no loop devices, a
@@ -22,14 +22,15 @@ class LoopDevice {
 
     /// The device node, such as "/dev/loop3", to mount over.
     const std::string& path() const { return path_; }
+    /// Once it is closed, the device frees itself as soon as the mount over it is gone too.
+    FileDescriptor takeDevice() && { return std::move(device_); }
 
   private:
     LoopDevice(std::string path, FileDescriptor device)
         : path_(std::move(path)), device_(std::move(device)) {}
 
     const std::string path_;
-    /// Once it is closed, the device frees itself as soon as the mount over it is gone too.
-    const FileDescriptor device_;
+    FileDescriptor device_;
 };
 
 } // namespace tavelin::fusehost

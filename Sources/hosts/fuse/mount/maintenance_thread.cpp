@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -20,17 +20,7 @@ namespace tavelin::fusehost {
 
 namespace {
 
-constexpr int kInterval = 1000;  // milliseconds
-constexpr int kReadAhead = 1024; // KiB: lets one request fetch as much as one can carry
-
-// The kernel reads ahead 128 KiB by default. Only an administrator may raise that; without it,
-// sequential reads take more requests.
-void raiseReadAhead(const MountEntry& mount) {
-    for (const char* suffix : {"", "-fuseblk"}) {
-        std::ofstream setting("/sys/class/bdi/" + mount.device + suffix + "/read_ahead_kb");
-        setting << kReadAhead << std::flush;
-    }
-}
+constexpr int kInterval = 1000; // milliseconds
 
 // The kernel takes the directory's lock for each invalidation, and requests on names in that
 // directory hold it: an invalidation returns only while other threads serve those requests. So it
@@ -84,7 +74,6 @@ void MaintenanceThread::stop() {
 }
 
 void MaintenanceThread::watch(const Context& context) {
-    raiseReadAhead(context.mount);
     DentryInvalidationQueue& stale = context.volume.invalidations();
     for (;;) {
         pollfd events[] = {{ending_.get(), POLLIN, 0},
@@ -133,14 +122,22 @@ void MaintenanceThread::unmountMount(const Context& context) {
         unmounted_ = true;
         return;
     }
-    const std::optional<MountEntry> mount = findAgain(context.mount);
-    int failed = unmountOwn(context.mount, false);
+    int failed = context.broker.unmount({});
+    if (failed == EPIPE) {
+        // Nobody is left who could unmount it, or write this into the log.
+        fmt::print(stderr,
+                   "tavelin: {}: its second process has ended, so it cannot be unmounted: "
+                   "'tavelin umount' takes away what is left\n",
+                   context.directory.string());
+        aborted_ = true;
+        context.threads.stop();
+        return;
+    }
     if (failed != 0) {
         log().info(fmt::format("{}: {}; serving its users until they are done",
-                               mount ? mount->directory.string() : std::string(),
-                               errorText(fromHost(failed))));
+                               context.directory.string(), errorText(fromHost(failed))));
         // Fails while another mount covers this one. It is tried again then.
-        failed = unmountOwn(context.mount, true);
+        failed = context.broker.unmount({.lazily = true});
     }
     unmounted_ = failed == 0;
 }

@@ -6,7 +6,7 @@
 /// on top of it, the unmount is tried again every second. A second signal ends the serving.
 #pragma once
 
-#include "hosts/fuse/mount/mount_table.hpp"
+#include "hosts/fuse/mount/broker.hpp"
 #include "hosts/fuse/protocol/worker_threads.hpp"
 #include "hosts/fuse/tree/mounted_volume.hpp"
 #include "platform/file_descriptor.hpp"
@@ -14,6 +14,7 @@
 #include "platform/mutex.hpp"
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 struct fuse_session;
@@ -31,7 +32,8 @@ class MaintenanceThread {
 
     /// Everything referred to must outlive the call of stop().
     struct Context {
-        const MountEntry& mount;         ///< the one that is served
+        Broker& broker; ///< that has made the mount
+        const std::filesystem::path& directory;
         const std::atomic<bool>& isGone; ///< the kernel has unmounted it
         MountedVolume& volume;
         WorkerThreads& threads;

@@ -84,6 +84,8 @@ bool apply(std::string_view word, MountRequest& request) {
         request.permissions = true;
     } else if (word == "low_latency") {
         request.lowLatency = true;
+    } else if (word == "no_sandbox") {
+        request.sandbox = false;
     } else if (contains(kForKernel, word)) {
         request.kernelOptions.emplace_back(word);
     } else {
@@ -107,6 +109,14 @@ std::vector<std::string> applyOptions(std::string_view list, MountRequest& reque
         }
     }
     return unknown;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string list;
+    for (const std::string& word : words) {
+        list += list.empty() ? word : "," + word;
+    }
+    return list;
 }
 
 } // namespace tavelin::fusehost

@@ -30,6 +30,7 @@ struct MountRequest {
     /// Let other users than the mounting one use the mount; the kernel has to allow that.
     bool allowOther = false;
     bool lowLatency = false; ///< keep processors out of deep idle states, see CpuLatencyRequest
+    bool sandbox = true;     ///< the server gives up what serving does not need, see sandbox.hpp
     /// Stay in the terminal and do not make a process of its own.
     bool foreground = false;
     bool trace = false; ///< print every request to standard error, and their counts at the end
@@ -39,5 +40,8 @@ struct MountRequest {
 /// value that means nothing, for a message; words that only mount(8), fstab and desktops care about
 /// are taken and ignored.
 std::vector<std::string> applyOptions(std::string_view list, MountRequest& request);
+
+/// The words as one comma-separated option list.
+[[nodiscard]] std::string joined(const std::vector<std::string>& words);
 
 } // namespace tavelin::fusehost

@@ -1,16 +1,18 @@
 // One mount from its beginning to its end.
+#include "diagnostics/event_log.hpp"
 #include "diagnostics/log.hpp"
 #include "hosting/module_host.hpp"
+#include "hosts/fuse/mount/broker.hpp"
 #include "hosts/fuse/mount/commands.hpp"
 #include "hosts/fuse/mount/daemon.hpp"
-#include "hosts/fuse/mount/loop_device.hpp"
 #include "hosts/fuse/mount/maintenance_thread.hpp"
-#include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/protocol/cpu_latency_request.hpp"
 #include "hosts/fuse/protocol/kernel_channel.hpp"
 #include "hosts/fuse/protocol/requests.hpp"
+#include "hosts/fuse/protocol/server_identity.hpp"
 #include "hosts/fuse/protocol/session_context.hpp"
 #include "hosts/fuse/protocol/worker_threads.hpp"
+#include "hosts/fuse/sandbox/sandbox.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -49,48 +51,21 @@ void report(const std::string& what) {
     log().error(what);
 }
 
-std::string joined(const std::vector<std::string>& words) {
-    std::string list;
-    for (const std::string& word : words) {
-        list += list.empty() ? word : "," + word;
-    }
-    return list;
-}
-
-// A value inside an option list: its commas and backslashes are not ours.
-std::string escaped(const std::string& value) {
-    std::string safe;
-    for (const char c : value) {
-        if (c == ',' || c == '\\') {
-            safe += '\\';
-        }
-        safe += c;
-    }
-    return safe;
-}
-
-// Destroys the session and leaves the mount alone. libfuse's own unmount goes by path, which may
-// lead to another mount by now; Mount unmounts by id.
-struct DestroySession {
-    void operator()(fuse_session* session) const { fuse_session_destroy(session); }
-};
-using Session = std::unique_ptr<fuse_session, DestroySession>;
-
 // Unmounts at the end whatever ended the serving.
 struct Unmount {
-    explicit Unmount(MountEntry entry) : mount(std::move(entry)) {}
+    explicit Unmount(Broker& made) : broker(made) {}
     Unmount(const Unmount&) = delete;
     Unmount& operator=(const Unmount&) = delete;
     ~Unmount() {
         if (isGone) {
             return;
         }
-        if (const int failed = unmount(mount, true); failed != 0) {
+        if (const int failed = broker.unmount({.lazily = true, .served = false}); failed != 0) {
             log().error(fmt::format("unmounting: {}", errorText(fromHost(failed))));
         }
     }
 
-    const MountEntry mount;
+    Broker& broker;
     /// The kernel has unmounted it. From then on another mount may have its id and, once the loop
     /// device is free, its source: it can no longer be told from this one.
     std::atomic<bool> isGone = false;
@@ -99,17 +74,29 @@ struct Unmount {
 // One mount. The members are destroyed in reverse: the session before the volume it serves.
 class Mount {
   public:
-    Mount(const MountRequest& request, Daemon& daemon) : request_(request), daemon_(daemon) {}
+    Mount(const MountRequest& request, Daemon& daemon, Broker& broker)
+        : request_(request), daemon_(daemon), broker_(broker) {}
 
     int run() {
-        open();
-        if (!connect()) {
-            return 1; // libfuse has said why
+        // All that opens files of the system comes first, and nothing of the volume is read before
+        // the sandbox is entered.
+        openImage();
+        makeSession();
+        if (request_.sandbox) {
+            giveUpTheRest();
         }
-        CpuLatencyRequest latency(request_.lowLatency);
-        latency.start();
-        WorkerThreads threads(session_.get(), latency);
-        maintenance_.start({mount_->mount, mount_->isGone, *volume_, threads, session_.get()});
+        openVolume();
+        if (!connect()) {
+            return 1; // the broker or libfuse has said why
+        }
+        latency_.start();
+        WorkerThreads threads(session_.get(), latency_);
+        maintenance_.start({.broker = broker_,
+                            .directory = request_.directory,
+                            .isGone = mount_->isGone,
+                            .volume = *volume_,
+                            .threads = threads,
+                            .session = session_.get()});
         const int failed = threads.run(kWorkerThreads);
         if (failed != 0) {
             report(fmt::format("{}: {}", request_.directory.string(), errorText(fromHost(failed))));
@@ -125,14 +112,60 @@ class Mount {
     }
 
   private:
-    void open() {
+    void openImage() {
+        ImageResource::Settings settings;
+        settings.readOnly = request_.readOnly;
+        host_ =
+            std::make_unique<ModuleHost>(std::make_shared<ImageResource>(request_.image, settings));
+    }
+
+    // A session without a mount yet.
+    void makeSession() {
+        std::string program = "tavelin";
+        char* words[] = {program.data(), nullptr};
+        fuse_args arguments = FUSE_ARGS_INIT(1, words);
+        session_.reset(
+            fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &context_));
+        if (!session_) {
+            throw std::bad_alloc();
+        }
+    }
+
+    void giveUpTheRest() {
+        const std::string missing = enterSandbox(broker_.witness()).shortcomings();
+        if (!missing.empty()) {
+            events().event("sandbox", {{"ok", false}, {"why", missing}});
+            log().info(fmt::format("{}: {}", request_.image.string(), missing));
+        }
+    }
+
+    void openVolume() {
         std::vector<std::string> words;
         if (!request_.volumeOptions.empty()) {
             words = {"-o", joined(request_.volumeOptions)};
         }
-        ImageResource::Settings settings;
-        settings.readOnly = request_.readOnly;
-        host_ = ModuleHost::openImage(request_.image, words, settings);
+        host_->open(words);
+        sayWhatIsDifferent();
+        if (request_.permissions) {
+            const Ownership& others = context_.ownership;
+            host_->volume()
+                .requests()
+                .keepOwners({.user = others.user,
+                             .group = others.group,
+                             .fileMask = others.fileMask,
+                             .directoryMask = others.directoryMask})
+                .get();
+        }
+        // Without it the mount is only slower at first.
+        static_cast<void>(host_->volume().requests().prefaultCache());
+        context_.volume = &volume_.emplace(host_->volume());
+        if (!host_->volume().isReadOnly()) {
+            volume_->orphanFiles().cleanUp();
+        }
+    }
+
+    // Where the volume could not be opened as was asked.
+    void sayWhatIsDifferent() const {
         if (host_->fellBackToReadOnly()) {
             const std::string refusal = host_->refusalToWrite();
             report(fmt::format("{}: {}; mounted read-only", request_.image.string(),
@@ -147,92 +180,28 @@ class Mount {
         for (const std::string& notice : host_->notices()) {
             complain(fmt::format("{}: {}", request_.image.string(), notice));
         }
-        if (request_.permissions) {
-            const Ownership others = ownership();
-            host_->volume()
-                .requests()
-                .keepOwners({.user = others.user,
-                             .group = others.group,
-                             .fileMask = others.fileMask,
-                             .directoryMask = others.directoryMask})
-                .get();
-        }
-        // Without it the mount is only slower at first.
-        static_cast<void>(host_->volume().requests().prefaultCache());
-        volume_.emplace(host_->volume());
-        if (!host_->volume().isReadOnly()) {
-            volume_->orphanFiles().cleanUp();
-        }
     }
 
-    // What the kernel mounts: the block device itself, or a loop device over the image. Empty where
-    // it cannot have one, as only root's mounts can.
-    std::string deviceToMount() {
-        if (::geteuid() != 0) {
-            return {};
-        }
-        std::error_code unknown;
-        if (fs::is_block_file(request_.image, unknown)) {
-            host_->resource().admitMount();
-            return request_.image;
-        }
-        loop_ = LoopDevice::attach(request_.image, host_->volume().isReadOnly());
-        return loop_ ? loop_->path() : std::string();
-    }
-
-    // The options of the kernel's mount.
-    std::string mountOptions() {
-        const std::string device = deviceToMount();
-        std::vector<std::string> options = request_.kernelOptions;
-        options.push_back("fsname=" + escaped(device.empty() ? request_.image.string() : device));
-        options.emplace_back("subtype=tavelin");
-        if (host_->volume().isReadOnly()) {
-            options.push_back("ro");
-        }
-        // Owners and masks are for the kernel to check, and mean nothing while only the mounting
-        // user gets in. To let others in is root's to decide.
-        const bool owned = request_.user || request_.group || request_.fileMask ||
-                           request_.directoryMask || request_.permissions;
-        if (owned) {
-            options.emplace_back("default_permissions");
-        }
-        if (request_.allowOther || (owned && ::geteuid() == 0)) {
-            options.push_back("allow_other");
-        }
-        if (!device.empty()) {
-            options.insert(options.end(), {"blkdev", "blksize=4096"});
-        }
-        return joined(options);
-    }
-
-    Ownership ownership() const {
-        return {.user = request_.user.value_or(::getuid()),
-                .group = request_.group.value_or(::getgid()),
-                .fileMask = request_.fileMask.value_or(0),
-                .directoryMask = request_.directoryMask.value_or(0)};
+    static Ownership ownershipOf(const MountRequest& request) {
+        return {.user = request.user.value_or(::getuid()),
+                .group = request.group.value_or(::getgid()),
+                .fileMask = request.fileMask.value_or(0),
+                .directoryMask = request.directoryMask.value_or(0)};
     }
 
     bool connect() {
-        std::string program = "tavelin", dashO = "-o", options = mountOptions();
-        char* words[] = {program.data(), dashO.data(), options.data(), nullptr};
-        fuse_args arguments = FUSE_ARGS_INIT(3, words);
-        context_.emplace(SessionContext{.channel = channel_,
-                                        .volume = *volume_,
-                                        .ownership = ownership(),
-                                        .keepsOwners = request_.permissions,
-                                        .streams = request_.streams,
-                                        .served = [this] { serve(); },
-                                        .unmounted = [this] { takeLeave(); }});
-        session_.reset(
-            fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &*context_));
-        if (session_ == nullptr ||
-            fuse_session_mount(session_.get(), request_.directory.c_str()) != 0) {
+        if (::geteuid() == 0) { // else the kernel mounts no device
+            host_->resource().admitMount();
+        }
+        std::vector<FileDescriptor> opened = broker_.mount(host_->volume().isReadOnly());
+        if (opened.empty()) {
             return false;
         }
-        // Somebody may have covered or unmounted it already. The latter ends the serving at once.
-        const std::optional<MountEntry> mount = findOwnMount(request_.directory);
-        mount_.emplace(mount.value_or(MountEntry()));
-        return KernelChannel::attach(session_.get()) == 0;
+        if (opened.size() > 1) {
+            loop_ = std::move(opened[1]);
+        }
+        mount_.emplace(broker_);
+        return KernelChannel::attach(session_.get(), opened[0]) == 0;
     }
 
     void serve() {
@@ -277,12 +246,21 @@ class Mount {
 
     const MountRequest& request_;
     Daemon& daemon_;
+    Broker& broker_;
     KernelChannel channel_{request_.trace, request_.permissions};
     MaintenanceThread maintenance_;
+    CpuLatencyRequest latency_{request_.lowLatency};
     std::unique_ptr<ModuleHost> host_;
     std::optional<MountedVolume> volume_;
-    std::optional<SessionContext> context_;
-    std::unique_ptr<LoopDevice> loop_;
+    SessionContext context_{.channel = channel_,
+                            .volume = nullptr,
+                            .server = serverIdentity(),
+                            .ownership = ownershipOf(request_),
+                            .keepsOwners = request_.permissions,
+                            .streams = request_.streams,
+                            .served = [this] { serve(); },
+                            .unmounted = [this] { takeLeave(); }};
+    FileDescriptor loop_; // the device under the mount, where an image has one
     Session session_;
     std::optional<Unmount> mount_; // after session_: unmounting may need answers no longer, only
                                    // the descriptor that session_ owns
@@ -308,7 +286,8 @@ int mountVolume(const MountRequest& request) {
             return daemon.awaitServer();
         }
         ::signal(SIGPIPE, SIG_IGN); // who listens may leave; the volume is served all the same
-        return Mount(absolute, daemon).run();
+        Broker broker(absolute);
+        return Mount(absolute, daemon, broker).run();
     } catch (const fs::filesystem_error& failure) {
         if (failure.code() == std::errc::not_connected) {
             complain(fmt::format("{0}: a mount whose server has ended lies on it; 'tavelin umount "

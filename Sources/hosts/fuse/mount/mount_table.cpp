@@ -120,25 +120,4 @@ int unmount(const MountEntry& mount, bool lazy) {
     return errno == EPERM ? runFusermount(directory, lazy) : errno;
 }
 
-int unmountOwn(const MountEntry& mount, bool lazy) {
-    std::filesystem::path directory;
-    if (const int failed = pathOf(mount, directory); failed != 0) {
-        return failed == ENOENT ? 0 : failed;
-    }
-    const pid_t child = ::fork();
-    if (child == 0) { // other threads may hold any lock: nothing but system calls from here on
-        ::close_range(STDERR_FILENO + 1, ~0u, 0);
-        {
-            const FileDescriptor root(directory.c_str(), O_RDONLY | O_DIRECTORY);
-            ::syncfs(root.get()); // a failure is met again, and reported, when the volume is closed
-        }
-        ::_exit(::umount2(directory.c_str(), flagsOf(lazy)) == 0 ? 0 : errno);
-    }
-    if (child == -1) {
-        return errno;
-    }
-    const int status = exitStatusOf(child);
-    return status == EPERM ? runFusermount(directory, lazy) : status;
-}
-
 } // namespace tavelin::fusehost

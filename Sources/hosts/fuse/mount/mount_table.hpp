@@ -29,9 +29,4 @@ std::optional<MountEntry> findAgain(const MountEntry& mount);
 /// this mount is unmounted when its directory was moved or covered since it was made.
 int unmount(const MountEntry& mount, bool lazy);
 
-/// The same for the process that serves the mount, which must serve on meanwhile: what is dirty in
-/// the kernel comes back to it first. The calls that wait for our own answers are made in a child
-/// process; a thread of ours in them could never end if the others were killed.
-int unmountOwn(const MountEntry& mount, bool lazy);
-
 } // namespace tavelin::fusehost

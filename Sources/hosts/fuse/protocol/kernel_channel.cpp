@@ -95,11 +95,15 @@ std::string_view requestName(uint32_t opcode) noexcept {
     return "UNKNOWN";
 }
 
-int KernelChannel::attach(fuse_session* session) {
+int KernelChannel::attach(fuse_session* session, FileDescriptor& connection) {
     fuse_custom_io io{};
     io.read = readFor;
     io.writev = writeFor;
-    return -fuse_session_custom_io(session, &io, fuse_session_fd(session));
+    const int failed = -fuse_session_custom_io(session, &io, connection.get());
+    if (failed == 0) {
+        (void)connection.release();
+    }
+    return failed;
 }
 
 void KernelChannel::note(const void* request, ssize_t size) noexcept {

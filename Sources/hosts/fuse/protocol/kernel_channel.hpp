@@ -12,6 +12,8 @@
 /// Reads and writes come from several threads at once.
 #pragma once
 
+#include "platform/file_descriptor.hpp"
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -35,9 +37,10 @@ class KernelChannel {
     KernelChannel(const KernelChannel&) = delete;
     KernelChannel& operator=(const KernelChannel&) = delete;
 
-    /// Takes over the traffic of a mounted session whose user data is a SessionContext that names
-    /// this channel; 0 or a host errno. The channel must outlive the session.
-    [[nodiscard]] static int attach(fuse_session* session);
+    /// Connects a session, whose user data is a SessionContext that names this channel, to a mount:
+    /// an open /dev/fuse, which is the session's from then on unless this fails. 0 or a host errno.
+    /// The channel must outlive the session.
+    [[nodiscard]] static int attach(fuse_session* session, FileDescriptor& connection);
 
     /// One line with the count of every kind of request so far, most frequent first.
     std::string summary() const;

@@ -198,7 +198,7 @@ const SessionContext& contextOf(fuse_req_t request) {
 }
 
 MountedVolume& volumeOf(fuse_req_t request) {
-    return contextOf(request).volume;
+    return *contextOf(request).volume;
 }
 
 void replyException(fuse_req_t request) noexcept {

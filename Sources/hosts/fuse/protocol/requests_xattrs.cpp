@@ -145,7 +145,7 @@ void getBirthTime(fuse_req_t request, fuse_ino_t number, size_t room) {
 void get(fuse_req_t request, fuse_ino_t number, const char* name, size_t room) {
     if (number == FUSE_ROOT_ID && std::string_view(name) == kServerAttribute) {
         answer(request, [&] {
-            const std::string identity = serverIdentity();
+            const std::string& identity = contextOf(request).server;
             replyBytes(request, identity.data(), identity.size(), room);
         });
         return;

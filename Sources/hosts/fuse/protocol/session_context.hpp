@@ -5,6 +5,7 @@
 #include "hosts/fuse/protocol/ownership.hpp"
 
 #include <functional>
+#include <string>
 
 namespace tavelin::fusehost {
 
@@ -14,7 +15,9 @@ class MountedVolume;
 struct SessionContext {
     /// Sees every request and reply.
     KernelChannel& channel;
-    MountedVolume& volume;
+    MountedVolume* volume; ///< there before the first request
+    /// What the mount says when it is asked for its server, see serverIdentity().
+    std::string server;
     /// Whom everything belongs to, as the mount's options say.
     Ownership ownership;
     /// The volume keeps owners and modes itself, and `ownership` is for items without.

@@ -1,0 +1,172 @@
+#include "hosts/fuse/mount/broker_process.hpp"
+
+#include "diagnostics/event_log.hpp"
+#include "diagnostics/log.hpp"
+#include "hosts/fuse/mount/kernel_mount.hpp"
+#include "hosts/fuse/sandbox/system_call_filter.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tavelin::fusehost::broker {
+
+namespace {
+
+void closeAllBut(int one, int other) {
+    const auto low = static_cast<unsigned>(std::min(one, other));
+    const auto high = static_cast<unsigned>(std::max(one, other));
+    const auto close = [](unsigned first, unsigned last) {
+        if (first <= last) {
+            ::close_range(first, last, 0);
+        }
+    };
+    close(STDERR_FILENO + 1, low - 1);
+    close(low + 1, high - 1);
+    close(high + 1, ~0u);
+}
+
+// As a server in the background does, once it serves.
+void leaveTerminal() {
+    const FileDescriptor nothing("/dev/null", O_RDWR);
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        ::dup2(nothing.get(), standard);
+    }
+    (void)!::chdir("/"); // so that no directory stays in use; "/" is always there
+}
+
+class Server {
+  public:
+    Server(const MountRequest& request, const MessageSocket& lines, const MessageSocket& calls)
+        : request_(request), lines_(lines), calls_(calls), mount_(request) {}
+
+    // Until the server hangs up.
+    void answerCalls() {
+        while (const std::optional<MessageSocket::Message> message = calls_.receive()) {
+            Call call;
+            if (message->bytes.size() != sizeof call) {
+                return;
+            }
+            std::memcpy(&call, message->bytes.data(), sizeof call);
+            Result result;
+            try {
+                result.error = answer(call);
+            } catch (const std::exception& failure) {
+                fmt::print(stderr, "tavelin: {}\n", failure.what());
+                result.error = EIO;
+            }
+            calls_.send({reinterpret_cast<const char*>(&result), sizeof result}, true);
+        }
+    }
+
+    // Until the server says goodbye, or ends without.
+    void writeLines() {
+        while (const std::optional<MessageSocket::Message> message = lines_.receive()) {
+            const std::string_view text = std::string_view(message->bytes).substr(1);
+            switch (message->bytes.front()) {
+            case static_cast<char>(Line::event):
+                writeEvent(text);
+                break;
+            case static_cast<char>(Line::info):
+                log().info(text);
+                break;
+            case static_cast<char>(Line::error):
+                log().error(text);
+                break;
+            case static_cast<char>(Line::goodbye):
+                return;
+            case ForbiddenCall::kMark:
+                reportForbidden(message->bytes);
+                return;
+            default:
+                break; // no server of ours says so
+            }
+        }
+        reportEnd("its server has ended without unmounting it", {{"ok", false}});
+    }
+
+  private:
+    int answer(const Call& call) {
+        if (call.kind == Call::Kind::unmount) {
+            return mount_.takeAway({.lazily = call.lazily, .served = call.served});
+        }
+        if (std::exchange(isMade_, true)) {
+            return EALREADY;
+        }
+        // Sent ahead of the result, which comes when they are closed here: held any longer, they
+        // would keep the device in use after an unmount.
+        const std::vector<FileDescriptor> opened = mount_.make(call.readOnly || request_.readOnly);
+        calls_.send(kOpened, true, opened);
+        if (!opened.empty() && !request_.foreground) {
+            leaveTerminal();
+        }
+        return opened.empty() ? EIO : 0; // and closes
+    }
+
+    // A line is one line, whoever wrote it.
+    static void writeEvent(std::string_view line) {
+        if (line.find('\n') == line.size() - 1) {
+            events().append(line);
+        }
+    }
+
+    void reportForbidden(const std::string& message) {
+        ForbiddenCall call;
+        if (message.size() == sizeof call) {
+            std::memcpy(&call, message.data(), sizeof call);
+        }
+        const std::string name = systemCallName(call.systemCall);
+        reportEnd(fmt::format("its server has made the system call {}, which the sandbox forbids, "
+                              "and was ended",
+                              name),
+                  {{"ok", false}, {"system_call", name}});
+    }
+
+    void reportEnd(const std::string& what, Fields fields) {
+        fields.insert_or_assign("image", request_.image.string());
+        fields.insert_or_assign("directory", request_.directory.string());
+        events().event("server_end", fields);
+        log().error(fmt::format("{} on {}: {}; 'tavelin umount' takes away what is left",
+                                request_.image.string(), request_.directory.string(), what));
+    }
+
+    const MountRequest& request_;
+    const MessageSocket& lines_;
+    const MessageSocket& calls_;
+    // Both are the calling thread's alone.
+    KernelMount mount_;
+    bool isMade_ = false;
+};
+
+} // namespace
+
+void serve(const MountRequest& request, const MessageSocket& lines, const MessageSocket& calls) {
+    closeAllBut(lines.descriptor(), calls.descriptor());
+    // What ends the server by its terminal or by name is meant for the server, which says goodbye.
+    ::setsid();
+    ::prctl(PR_SET_NAME, "tavelin-broker");
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        ::signal(signal, SIG_IGN);
+    }
+    int status = 0;
+    try {
+        Server server(request, lines, calls);
+        // A log line may come while an unmount waits, and the unmount for who wrote it.
+        std::thread calling([&server] { server.answerCalls(); });
+        server.writeLines();
+        calling.join();
+    } catch (const std::exception&) {
+        status = 1; // no thread: the server's first call meets a closed socket
+    }
+    ::_exit(status);
+}
+
+} // namespace tavelin::fusehost::broker

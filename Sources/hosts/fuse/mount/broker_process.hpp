@@ -1,0 +1,36 @@
+/// The broker's own side, and the words that it and the server exchange.
+#pragma once
+
+#include "hosts/fuse/mount/message_socket.hpp"
+#include "hosts/fuse/mount/mount_request.hpp"
+#include "hosts/fuse/sandbox/sandbox.hpp"
+
+#include <cstdint>
+#include <string_view>
+
+namespace tavelin::fusehost::broker {
+
+/// The first byte of a message to the logs; the text follows. A ForbiddenCall is one as well.
+enum class Line : char { event = 'e', info = 'i', error = 'E', goodbye = 'g' };
+static_assert(static_cast<char>(Line::goodbye) != ForbiddenCall::kMark);
+
+/// Goes ahead of the Result of a mount that was tried, with its descriptors.
+inline constexpr std::string_view kOpened = "opened";
+/// A call of the server; answered by a Result.
+struct Call {
+    enum class Kind : uint8_t { mount, unmount };
+    Kind kind = Kind::mount;
+    bool readOnly = false; ///< of a mount
+    bool lazily = false;   ///< of an unmount, see Unmounting
+    bool served = false;
+};
+struct Result {
+    int32_t error = 0; ///< a host errno
+};
+
+/// The broker's process, from its fork to its end. Closes every descriptor but the standard ones
+/// and the two sockets.
+[[noreturn]] void serve(const MountRequest& request, const MessageSocket& lines,
+                        const MessageSocket& calls);
+
+} // namespace tavelin::fusehost::broker
