@@ -1,4 +1,6 @@
 // What a mount says of items: times of directories, owners and modes, handles, streams.
+#include "core/file_block_device.hpp"
+#include "core/ntfs_volume.hpp"
 #include "hosts/fuse/served_volume.hpp"
 #include "support/run_process.hpp"
 
@@ -7,6 +9,9 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
+#include <memory>
+#include <regex>
+#include <set>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -141,6 +146,38 @@ TEST_F(MountAttributes, StreamsAreNotShownWhereTheyAreNotWanted) {
     EXPECT_EQ(errorOf(::setxattr(path("file").c_str(), "user.author", "x", 1, 0)), EOPNOTSUPP);
     mount();
     EXPECT_EQ(::getxattr(path("file").c_str(), "user.author", nullptr, 0), 2);
+}
+
+// Linux has no longer attributes than 64 KiB, so programs that move a file leave such a stream
+// behind. The log has a line of each such file.
+TEST_F(MountAttributes, StreamsTooLongForAnAttributeAreNamedInTheLog) {
+    served_.reset();
+    {
+        const auto device =
+            std::make_shared<FileBlockDevice>(volume_->image().string(), 512, false);
+        const auto ntfs = NTFSVolume::open(device, false);
+        for (const char* name : {"one", "two", "short"}) {
+            const uint64_t file = ntfs->create(name, NTFSVolume::kRootIno, NTFSItemType::file);
+            const std::vector<std::byte> value(*name == 's' ? 65'536 : 70'000);
+            ntfs->setXattr("thumbnail", file, value, NTFSVolume::XattrPolicy::always);
+        }
+        ntfs->unmount();
+    }
+    mount();
+    for (int i = 0; i < 2; ++i) {
+        runOrThrow(
+            {"cp", "-a", path("one"), path("two"), path("short"), volume_->directory().path()});
+    }
+    const std::string said = served_->logged();
+    const std::regex line("file ([0-9]+): the stream thumbnail has 70000 bytes");
+    std::set<std::string> files;
+    const auto end = std::sregex_iterator();
+    const auto lines = std::distance(std::sregex_iterator(said.begin(), said.end(), line), end);
+    for (auto at = std::sregex_iterator(said.begin(), said.end(), line); at != end; ++at) {
+        files.insert(at->str(1));
+    }
+    EXPECT_EQ(files.size(), 2u) << said;
+    EXPECT_EQ(lines, 2) << said;
 }
 
 // The system's own driver has the same attribute.

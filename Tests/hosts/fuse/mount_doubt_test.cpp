@@ -7,6 +7,8 @@
 #include "support/driver_mount.hpp"
 #include "support/memory_device.hpp"
 
+#include <algorithm>
+#include <array>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -150,6 +152,36 @@ TEST(VolumesInDoubt, AreSpokenOf) {
             EXPECT_NE(after.out.find("marked dirty"), std::string::npos) << after.describe();
         }
     }
+}
+
+// The kernel refuses a whole directory for such a name, which only a damaged volume has.
+TEST_F(MountTest, ANameWithASlashIsLeftOutOfItsDirectory) {
+    for (const char* name : {"first", "in_between", "last"}) {
+        writeFile(*this / name, name);
+    }
+    served_.reset();
+    volume_->leaveUnchecked();
+    std::vector<uint8_t> bytes = bytesOf(*volume_);
+    ImageEditor editor(bytes);
+    const auto addSlash = [](ImageEditor::Bytes name) {
+        constexpr std::array<uint8_t, 4> kBetween{'_', 0, 'b', 0};
+        const auto found = std::search(name.begin(), name.end(), kBetween.begin(), kBetween.end());
+        ASSERT_NE(found, name.end());
+        *found = '/';
+    };
+    editor.editValue(editor.record("/in_between"), ntb::at_file_name, "", addSlash);
+    editor.editEntry(ntb::record_root, "in_between", addSlash);
+    store(*volume_, bytes);
+    mount();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(names(), (Names{"first", "last"}));
+        writeFile(*this / "new", "new");
+        std::filesystem::remove(*this / "new");
+    }
+    EXPECT_EQ(readFile(*this / "last"), "last");
+    const std::string said = served_->logged();
+    EXPECT_NE(said.find("1 entries with a slash"), std::string::npos) << said;
+    EXPECT_EQ(said.find("with a slash"), said.rfind("with a slash")) << "once is enough";
 }
 
 // What is mounted is read as if all that was done before had reached the image.

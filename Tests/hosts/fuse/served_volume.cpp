@@ -4,11 +4,13 @@
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/tree.hpp"
 #include "platform/file_descriptor.hpp"
+#include "platform/services.hpp"
 #include "support/run_process.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
@@ -24,14 +26,28 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// On standard output, which the server leaves open and has nothing to say on.
+class PrintedLog final : public SystemLog {
+  public:
+    bool isEnabled(LogLevel, std::string_view, std::string_view) override { return true; }
+    void write(LogLevel, std::string_view, std::string_view,
+               std::string_view message) noexcept override {
+        (void)::dprintf(STDOUT_FILENO, "%.*s\n", static_cast<int>(message.size()), message.data());
+    }
+};
+
 // Becomes the server; does not return.
 [[noreturn]] void serve(const fs::path& image, const fs::path& directory,
                         const std::string& options, const fs::path& log) {
-    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ::dup2(fd, STDERR_FILENO);
-    ::dup2(fd, STDOUT_FILENO);
+    for (const auto& [name, descriptor] :
+         {std::pair("err", STDERR_FILENO), std::pair("log", STDOUT_FILENO)}) {
+        ::dup2(::open((log / name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), descriptor);
+    }
     // What the test has open is not the server's; least of all files on the volume that it serves.
     ::close_range(STDERR_FILENO + 1, ~0u, 0);
+    Services own = *services();
+    own.systemLog = std::make_shared<PrintedLog>();
+    installServices(std::move(own));
     ::prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is ended takes its server along
     fusehost::MountRequest request;
     request.image = image;
@@ -65,7 +81,7 @@ ServedVolume::ServedVolume(const fs::path& image, const std::string& options) {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (server_ == 0) {
-        serve(image, directory(), options, log_ / "err");
+        serve(image, directory(), options, log_.path());
     }
     // The kernel flags every change of the mount table on this descriptor.
     bool ended = false;

@@ -42,6 +42,8 @@ class ServedVolume {
 
     // What the server has printed to standard error: with the option "trace", its requests.
     std::string printed() const { return readFile(log_ / "err"); }
+    // And what to the system log.
+    std::string logged() const { return readFile(log_ / "log"); }
 
   private:
     TempDirectory directory_, log_;
