@@ -30,6 +30,7 @@ struct ListCommand {
     bool reversed = false;
     bool directoriesThemselves = false;
     bool onePerLine = false; ///< always so; accepted as ls(1) has it
+    bool slashes = false;
     bool json = false;
 };
 
@@ -141,16 +142,26 @@ class Lister {
                               : attributes.type() == FSItemType::symlink ? Colour::link
                                                                          : Colour::plain;
         std::string line = painted(shown(name), colour);
+        if (command_.slashes && attributes.type() == FSItemType::directory) {
+            line += "/";
+        }
         if (command_.longForm) {
             line =
                 fmt::format("{} {:>14}  {}  {}{}", modeText(attributes.type(), attributes.mode()),
                             size(attributes), humanTime(attributes.modifyTime()), line,
                             target ? " -> " + shown(*target) : "");
-            if (const std::string_view kind = nativeKind(attributes); !kind.empty()) {
-                line += fmt::format("  [{}]", kind);
-            }
+            line += remarks(attributes);
         }
         print(line + "\n");
+    }
+
+    /// "  [deduplicated, hidden]": what neither type nor mode say.
+    static std::string remarks(const fskit::FSItemAttributes& attributes) {
+        std::vector<std::string> words = dosAttributeNames(attributes);
+        if (const std::string_view kind = nativeKind(attributes); !kind.empty()) {
+            words.emplace(words.begin(), kind);
+        }
+        return words.empty() ? "" : fmt::format("  [{}]", fmt::join(words, ", "));
     }
 
     [[nodiscard]] std::string size(const fskit::FSItemAttributes& attributes) const {
@@ -272,6 +283,7 @@ void defineList(CLI::App& command) {
     addFlag(command, "-r", arguments->reversed, "In the opposite order");
     addFlag(command, "-d", arguments->directoriesThemselves, "Directories, not what is in them");
     addFlag(command, "-1", arguments->onePerLine, "One name a line, as always");
+    addFlag(command, "-p", arguments->slashes, "A \"/\" behind directories");
     addJSON(command, arguments->json);
     setWork(command, [arguments] { runList(*arguments); });
 }

@@ -8,13 +8,7 @@ _tavelin_paths() {
     */*) folder=${word%/*}/ ;;
     *) folder= ;;
     esac
-    tavelin ls -al "$image" "/$folder" 2>/dev/null |
-        awk -v folder="$folder" '{
-            kind = substr($1, 1, 1)
-            sub(/^[^ ]+ +[0-9]+ +[0-9-]+ [0-9:]+  /, "")
-            if (kind == "l") sub(/ -> .*/, "")
-            print folder $0 (kind == "d" ? "/" : "")
-        }'
+    tavelin ls -ap "$image" "/$folder" 2>/dev/null | awk -v folder="$folder" '{ print folder $0 }'
 }
 
 # A word of the command line as the program would get it: without quotation marks and backslashes.
@@ -58,7 +52,7 @@ _tavelin() {
         local options="--help --read-only --offset -o"
         case $command in
         info) options+=" --stats --json" ;;
-        ls) options+=" -l -a -R -h -t -S -r -d -1 --json" ;;
+        ls) options+=" -l -a -R -h -t -S -r -d -1 -p --json" ;;
         find) options+=" --type --json" ;;
         tree) options+=" -s -h -L" ;;
         du) options+=" -a -h -s --json" ;;
