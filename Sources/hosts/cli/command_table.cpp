@@ -50,6 +50,12 @@ constexpr std::array kCommands{
             defineDu},
     Command{"df", kLook, "Show how much of the volume is used", "[-h] [--json] IMAGE",
             "df -h disk.img", defineDf},
+    Command{"map", kLook, "Draw where on the volume data and free space are",
+            "[--svg | --json] IMAGE [PATH]",
+            "map disk.img\n"
+            "map --svg disk.img > map.svg\n"
+            "map disk.img videos/film.mkv  ## with the pieces that the file is in",
+            defineMap},
     Command{"hash", kLook, "Print SHA-256 digests of files", "[--json] IMAGE PATH...",
             "hash disk.img photos > photos.sha256\n"
             "hash disk.img photos | sha256sum -c  ## compares with the copy in ./photos",

@@ -35,6 +35,7 @@ void defineProbe(CLI::App& command); // volume_commands.cpp
 void defineInfo(CLI::App& command);
 void defineLabel(CLI::App& command);
 void defineDf(CLI::App& command);
+void defineMap(CLI::App& command);   // map_command.cpp
 void defineCheck(CLI::App& command); // check_command.cpp
 /// What is in a directory, and what an item is.
 void defineList(CLI::App& command); // list_commands.cpp

@@ -26,8 +26,8 @@ _tavelin_unquoted() {
 _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
-    commands="probe info ls stat find tree du df hash diff cat readlink check get put mkdir rm mv ln
-        xattr label mount umount mounts events help"
+    commands="probe info ls stat find tree du df map hash diff cat readlink check get put mkdir rm
+        mv ln xattr label mount umount mounts events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
@@ -57,6 +57,7 @@ _tavelin() {
         tree) options+=" -s -h -L" ;;
         du) options+=" -a -h -s --json" ;;
         df) options+=" -h --json" ;;
+        map) options+=" --svg --json" ;;
         diff) options+=" --quick --json" ;;
         get | put) options+=" -t --replace --no-streams --quiet --json" ;;
         mv) options+=" -t --replace" ;;
