@@ -1,7 +1,7 @@
 // diff: whether a tree of the volume and one of the host are the same.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
-#include "hosts/cli/copy/transfer.hpp"
+#include "hosts/cli/copy/content_comparison.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
@@ -9,7 +9,6 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
@@ -47,7 +46,7 @@ FSItemType typeOf(fs::file_type type) {
 class Differ {
   public:
     Differ(VolumeClient& volume, const DiffCommand& command)
-        : volume_(volume), command_(command), onVolume_(kTransferBytes), onHost_(kTransferBytes) {}
+        : volume_(volume), command_(command), contents_(volume) {}
 
     /// Compares two directories, which results call `path`.
     void compareDirectories(const ItemRef& directory, const std::string& path,
@@ -110,20 +109,7 @@ class Differ {
         if (!file) {
             throwHostError(host.string());
         }
-        std::uint64_t offset = 0;
-        while (const std::size_t count =
-                   valueOf(volume_.read(found.item, offset, onVolume_), path, found.attributes)) {
-            throwIfInterrupted();
-            const auto there = file.readAt(onHost_.data(), count, offset);
-            if (there.error != 0) {
-                throwHostError(host.string(), there.error);
-            }
-            if (there.bytes != count || std::memcmp(onVolume_.data(), onHost_.data(), count) != 0) {
-                return false;
-            }
-            offset += count;
-        }
-        return true;
+        return contents_.isSame(found, path, file, host.string());
     }
 
     void tell(const std::string& path, std::string_view kind, std::string_view text) {
@@ -137,8 +123,7 @@ class Differ {
 
     VolumeClient& volume_;
     const DiffCommand& command_;
-    std::vector<std::byte> onVolume_;
-    std::vector<std::byte> onHost_;
+    ContentComparison contents_;
     std::set<fskit::FSItemID> entered_;
     bool same_ = true;
 };

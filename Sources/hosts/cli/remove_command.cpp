@@ -3,6 +3,7 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/volume_removal.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <memory>
@@ -18,28 +19,6 @@ struct RemoveCommand {
     bool recursive = false;
     bool force = false;
 };
-
-/// Levels of directories inside each other. A damaged volume's may be endless, and each level takes
-/// a frame of the stack.
-constexpr int kRemovalDepthMax = 2000;
-
-/// Removes everything in a directory, depth first.
-void empty(VolumeClient& volume, const ItemRef& directory, const std::string& path, int depth) {
-    throwIfInterrupted();
-    if (depth > kRemovalDepthMax) {
-        throw ItemFailure(escaped(path) + ": too many directories inside each other", path, kELOOP);
-    }
-    // The list is complete before the first removal, because removals move the entries of the
-    // directory's index. Links are removed and never followed.
-    for (const DirectoryEntry& entry : valueOf(volume.list(directory, false), path)) {
-        const std::string below = joined(path, entry.name);
-        const ItemRef item = valueOf(volume.lookup(directory, entry.name), below).item;
-        if (entry.type == FSItemType::directory) {
-            empty(volume, item, below, depth + 1);
-        }
-        valueOf(volume.remove(item, directory, entry.name), below);
-    }
-}
 
 void removeOne(VolumeClient& volume, const std::string& path, const RemoveCommand& command) {
     auto place = locate(volume, path);
@@ -67,7 +46,7 @@ void removeOne(VolumeClient& volume, const std::string& path, const RemoveComman
         if (item.item == volume.root()) { // only on a damaged volume
             throw ItemFailure(escaped(path) + ": the root directory is not removed", path, kEINVAL);
         }
-        empty(volume, item.item, path, 0);
+        removeContents(volume, item.item, path);
     }
     valueOf(volume.remove(item.item, at.directory, at.name), path);
 }

@@ -1,6 +1,7 @@
 // get and put: where to, then the work of TreeGetter and TreePutter.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/copy/host_directory.hpp"
 #include "hosts/cli/copy/tree_getter.hpp"
 #include "hosts/cli/copy/tree_putter.hpp"
 #include "hosts/cli/report.hpp"
@@ -170,19 +171,6 @@ std::uint64_t bytesOnVolume(VolumeClient& volume, const std::string& path) {
     return sum;
 }
 
-/// Returns once everything that was written below a directory of the host is on its medium. One
-/// call for the whole file system costs less than one for each of many small files.
-void syncHost(const FileDescriptor& directory, const std::string& path) {
-#ifdef __linux__
-    if (syncfs(directory.get()) != 0) {
-        throwHostError(path);
-    }
-#else
-    static_cast<void>(directory); // each file was synchronised when it was closed
-    static_cast<void>(path);
-#endif
-}
-
 void runGet(const CopyCommand& command) {
     // Reading alone would not ask for this, but half-written files on the host must be removed.
     takeInterruptions();
@@ -203,7 +191,7 @@ void runGet(const CopyCommand& command) {
                 run.problem(failure);
             }
         }
-        syncHost(place.directory, paths.target);
+        syncHost(place.directory.get(), paths.target);
         run.end();
         printReport(run.report, command);
     });

@@ -1,5 +1,6 @@
 #include "hosts/cli/copy/tree_getter.hpp"
 
+#include "hosts/cli/copy/host_directory.hpp"
 #include "hosts/cli/copy/host_streams.hpp"
 #include "hosts/cli/session.hpp"
 #include "hosts/cli/text.hpp"
@@ -20,13 +21,6 @@ namespace tavelin::cli {
 namespace {
 
 using fskit::FSItemType;
-
-/// Whether a name is one entry of its directory. A damaged or hostile volume may have names that
-/// lead out of the target; the host would cut a name at a null byte.
-bool staysInside(std::string_view name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
-}
 
 /// Bytes of zeros that are worth a hole: the largest cluster that is common.
 constexpr std::size_t kHoleBytes = 64 << 10;

@@ -1,5 +1,6 @@
 #include "hosts/cli/copy/tree_putter.hpp"
 
+#include "hosts/cli/copy/host_directory.hpp"
 #include "hosts/cli/copy/host_streams.hpp"
 #include "hosts/cli/session.hpp"
 #include "hosts/cli/text.hpp"
@@ -11,9 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 
 namespace tavelin::cli {
 namespace {
@@ -35,35 +34,6 @@ struct ::stat statusOf(int descriptor, const std::string& path) {
         throwHostError(path);
     }
     return status;
-}
-
-/// The names in a directory, sorted, so that the same tree always makes the same volume.
-std::vector<std::string> namesIn(const FileDescriptor& directory, const std::string& path) {
-    // closedir() closes its descriptor and the stream moves its offset, so the stream gets one of
-    // its own. A duplicate would share the offset.
-    const int reading = openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(reading < 0 ? nullptr : fdopendir(reading),
-                                                     closedir);
-    if (!stream) {
-        // fdopendir() failed and left the descriptor to us, or there is none.
-        const FileDescriptor unused(reading);
-        throwHostError(path);
-    }
-    // readdir() answers null both at the end and on an error; only errno tells them apart.
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* const entry = readdir(stream.get())) { // NOLINT(concurrency-mt-unsafe)
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.push_back(name);
-        }
-        errno = 0;
-    }
-    if (errno != 0) {
-        throwHostError(path);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 } // namespace
@@ -193,7 +163,7 @@ void TreePutter::putEntries(const FileDescriptor& directory, const Source& sourc
     }
     // put() catches ItemFailure, so the depth is restored unless the whole run ends.
     ++depth_;
-    for (const std::string& entry : namesIn(directory, source.path)) {
+    for (const std::string& entry : namesIn(directory.get(), source.path)) {
         put({directory.get(), entry, joined(source.path, entry)}, volumeDirectory, entry);
     }
     --depth_;
