@@ -162,7 +162,7 @@ TEST(BadInput, AWholeDiskStandsForItsNTFSPartition) {
     const std::string disk = volume.directory() / "disk";
     const std::string other(1 << 20, 'x');
     writeFile(disk, diskOf({other, bytes}));
-    tavelinDone({"put", disk, "-", "file"}, "content");
+    tavelinDone({"put", disk + ":2", "-", "file"}, "content");
     EXPECT_EQ(tavelinDone({"cat", disk + ":2", "file"}), "content");
     EXPECT_EQ(tavelinDone({"ls", "--offset", std::to_string(2 << 20), disk}), "file\n");
     EXPECT_NE(tavelinDone({"probe", disk}).find("in partition 2"), std::string::npos);

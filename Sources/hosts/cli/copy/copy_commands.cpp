@@ -32,14 +32,12 @@ struct CopyCommand {
     bool json = false;
 };
 
-/// The settings of a run. Throws Failure when the image has no status, which it had at opening.
+/// The settings of a run. Throws Failure when there is no image.
 CopySettings settings(const CopyCommand& command) {
     CopySettings result;
     result.streams = !command.noStreams;
     result.quiet = command.quiet || command.json;
-    if (stat(command.volume.image.c_str(), &result.image) != 0) {
-        throw Failure(explainHost(command.volume.image, errno));
-    }
+    result.image = imageStatus(command.volume.image, command.volume.offset);
     return result;
 }
 

@@ -1,13 +1,23 @@
 #include "hosts/cli/copy/transfer.hpp"
 
+#include "hosts/cli/image_place.hpp"
 #include "hosts/cli/report.hpp"
 #include "platform/assert.hpp"
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <unistd.h>
 
 namespace tavelin::cli {
+
+struct ::stat imageStatus(const std::string& image, std::optional<std::uint64_t> offset) {
+    struct ::stat status {};
+    if (stat(findVolume(image, offset).path.c_str(), &status) != 0) {
+        throw Failure(explainHost(image, errno));
+    }
+    return status;
+}
 
 CopyRun::~CopyRun() {
     // A run that ends early has not told a first problem yet.

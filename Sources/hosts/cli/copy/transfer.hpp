@@ -47,6 +47,11 @@ struct CopySettings {
     struct ::stat image {};
 };
 
+/// The status of the file or device that the user named as IMAGE, without a partition's number.
+/// Throws Failure where there is none.
+[[nodiscard]] struct ::stat imageStatus(const std::string& image,
+                                        std::optional<std::uint64_t> offset);
+
 /// One run of a copying command. The command makes it, passes it to a TreeGetter or TreePutter, and
 /// calls end() when all items are done.
 class CopyRun {
