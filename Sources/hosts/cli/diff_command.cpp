@@ -93,8 +93,9 @@ class Differ {
         if (entry.type == FSItemType::directory) {
             compareDirectories(found.item, path, other.path());
         } else if (entry.type == FSItemType::symlink) {
-            if (valueOf(volume_.readSymbolicLink(found.item), path) !=
-                fs::read_symlink(other.path()).string()) {
+            const std::string target = valueOf(volume_.readSymbolicLink(found.item), path);
+            const std::string there = fs::read_symlink(other.path()).string();
+            if (target != there && shownTarget(target, found.attributes) != there) {
                 tell(path, "target", "point to different places");
             }
         } else if (found.attributes.size() != other.file_size()) {
