@@ -2,11 +2,13 @@
 if(NOT TAVELIN_HOSTS)
   return()
 endif()
-set(man ${PROJECT_BINARY_DIR}/generated/tavelin.1)
-configure_file(${PROJECT_SOURCE_DIR}/docs/tavelin.1.in ${man} @ONLY)
+foreach(page tavelin.1 tavelin-copy.1)
+  configure_file(${PROJECT_SOURCE_DIR}/docs/${page}.in
+                 ${PROJECT_BINARY_DIR}/generated/${page} @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/generated/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endforeach()
 
 install(TARGETS tavelin RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${man} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_SOURCE_DIR}/Sources/hosts/cli/completions/tavelin.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tavelin)
 install(FILES ${PROJECT_SOURCE_DIR}/Sources/hosts/cli/completions/_tavelin
