@@ -24,7 +24,7 @@ constexpr std::array kCommands{
             "info disk.img\n"
             "info --stats --json /dev/sdb1  ## with the I/O of reading all that, for a script",
             defineInfo},
-    Command{"ls", kLook, "List directories", "[-laRhtSrd1p] [--json] IMAGE [PATH...]",
+    Command{"ls", kLook, "List directories", "[-laRhtSrd1p] [--streams] [--json] IMAGE [PATH...]",
             "ls disk.img\n"
             "ls -l disk.img photos/2026  ## sizes and times, too\n"
             "ls -lhS disk.img videos  ## the largest first\n"
@@ -65,6 +65,7 @@ constexpr std::array kCommands{
             "diff disk.img /Photos ~/Photos  ## exit status 0 when they are the same", defineDiff},
     Command{"cat", kLook, "Write the contents of files to standard output", "IMAGE PATH...",
             "cat disk.img notes.txt\n"
+            "cat disk.img setup.exe:Zone.Identifier  ## a named stream\n"
             "cat disk.img backup.tar.gz | tar tz",
             defineCat},
     Command{"readlink", kLook, "Print where a symbolic link points to", "[--json] IMAGE PATH...",
@@ -104,8 +105,9 @@ constexpr std::array kCommands{
             "ln -s disk.img photos/2026 latest  ## \"latest\" points to \"photos/2026\"",
             defineLink},
     Command{"xattr", kChange, "List, read, set and remove named streams",
-            "[--json] list|get|set|rm IMAGE PATH [NAME [VALUE]]",
+            "[-R] [--json] list|get|set|rm IMAGE PATH [NAME [VALUE]]",
             "xattr list disk.img setup.exe\n"
+            "xattr list -R disk.img /  ## of everything, as path:stream\n"
             "xattr get disk.img setup.exe Zone.Identifier\n"
             "xattr set disk.img notes.txt author Ada\n"
             "xattr set disk.img notes.txt thumbnail < small.png",

@@ -3,6 +3,7 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/copy/transfer.hpp"
 #include "hosts/cli/item_text.hpp"
+#include "hosts/cli/named_stream.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
@@ -13,6 +14,7 @@
 #include <array>
 #include <memory>
 #include <openssl/evp.h>
+#include <span>
 
 namespace tavelin::cli {
 namespace {
@@ -80,18 +82,25 @@ class Hasher {
             digest.add(std::span(buffer_).first(count));
             offset += count;
         }
+        tell(path, offset, digest.text());
+    }
+
+    void hash(const std::string& path, std::span<const std::byte> bytes) const {
+        Digest digest;
+        digest.add(bytes);
+        tell(path, bytes.size(), digest.text());
+    }
+
+  private:
+    void tell(const std::string& path, std::uint64_t size, const std::string& digest) const {
         if (json_) {
-            addItem(JSONObject()
-                        .add("path", rooted(path))
-                        .add("size", offset)
-                        .add("sha256", digest.text()));
+            addItem(JSONObject().add("path", rooted(path)).add("size", size).add("sha256", digest));
         } else {
-            const std::string line = manifestLine(digest.text(), path);
+            const std::string line = manifestLine(digest, path);
             print(isOutputTerminal() ? escaped(line.substr(0, line.size() - 1)) + "\n" : line);
         }
     }
 
-  private:
     VolumeClient& volume_;
     const bool json_;
     std::vector<std::byte> buffer_;
@@ -120,8 +129,11 @@ void runHash(const HashCommand& command) {
                 },
             .leave = {}};
         forEachPath(command.paths, [&](const std::string& path) {
-            const Found found = valueOf(resolve(volume, path), path);
-            if (found.attributes.type() == fskit::FSItemType::directory) {
+            const Named named = resolveNamed(volume, path);
+            const Found& found = named.found;
+            if (named.stream) {
+                hasher.hash(path, readStream(volume, named, path));
+            } else if (found.attributes.type() == fskit::FSItemType::directory) {
                 isComplete &=
                     visitTree(volume, found.item, lastComponent(path).empty() ? "" : path, visitor);
             } else if (isSpecial(found.attributes.type())) {

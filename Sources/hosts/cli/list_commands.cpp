@@ -3,6 +3,7 @@
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/item_text.hpp"
+#include "hosts/cli/named_stream.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
@@ -31,6 +32,7 @@ struct ListCommand {
     bool directoriesThemselves = false;
     bool onePerLine = false; ///< always so; accepted as ls(1) has it
     bool slashes = false;
+    bool streams = false;
     bool json = false;
 };
 
@@ -40,12 +42,16 @@ class Lister {
     Lister(VolumeClient& volume, const ListCommand& command) : volume_(volume), command_(command) {}
 
     void list(const std::string& path, bool titled) {
-        const Found found =
-            valueOf(resolve(volume_, path,
-                            command_.directoriesThemselves ? LastLink::keep : LastLink::follow),
-                    path);
+        const Named named = resolveNamed(
+            volume_, path, command_.directoriesThemselves ? LastLink::keep : LastLink::follow);
+        const Found& found = named.found;
+        if (named.stream) {
+            showStream(path, path, *named.stream, named.size);
+            return;
+        }
         if (found.attributes.type() != FSItemType::directory || command_.directoriesThemselves) {
             show(path, rooted(path), found.attributes, target(found.attributes, found.item, path));
+            showStreams(path, path, found.item);
             return;
         }
         // Every path has its own sections, also where one path leads into another.
@@ -71,6 +77,10 @@ class Lister {
                 entry.type == FSItemType::symlink && (command_.longForm || command_.json);
             show(entry.name, rooted(below), attributes,
                  wantsTarget ? linkTarget(directory, entry.name, attributes) : std::nullopt);
+            if (command_.streams) {
+                showStreams(entry.name, below,
+                            valueOf(volume_.lookup(directory, entry.name), below).item);
+            }
         }
         if (command_.recursive) {
             descend(path, directory, entries);
@@ -164,6 +174,30 @@ class Lister {
         return words.empty() ? "" : fmt::format("  [{}]", fmt::join(words, ", "));
     }
 
+    /// With --streams: each stream of an item, as a path that other commands take. `name` and
+    /// `path` are those of the item.
+    void showStreams(const std::string& name, const std::string& path, const ItemRef& item) {
+        if (!command_.streams) {
+            return;
+        }
+        for (const std::string& stream : valueOf(volume_.listXattrs(item), path)) {
+            showStream(fmt::format("{}:{}", name, stream), fmt::format("{}:{}", path, stream),
+                       stream, valueOf(volume_.xattrSize(item, stream), path));
+        }
+    }
+
+    void showStream(const std::string& name, const std::string& path, const std::string& stream,
+                    std::uint64_t size) const {
+        if (command_.json) {
+            addItem(streamObject(path, stream, size));
+            return;
+        }
+        const std::string bytes = command_.humanSizes ? humanSize(size) : std::to_string(size);
+        print(
+            (command_.longForm ? fmt::format("{:<10} {:>14}  {:19}  ", "stream", bytes, "") : "") +
+            shown(name) + "\n");
+    }
+
     [[nodiscard]] std::string size(const fskit::FSItemAttributes& attributes) const {
         if (isDevice(attributes.type())) {
             return deviceText(attributes.native().device);
@@ -249,10 +283,24 @@ void printAttributes(const std::string& path, const fskit::FSItemAttributes& att
     row("created", humanTime(attributes.birthTime(), true));
 }
 
+void printStream(const std::string& path, const Named& named, bool json) {
+    if (json) {
+        addItem(streamObject(path, *named.stream, named.size));
+    } else {
+        print(fmt::format("{:<12}{}\n{:<12}stream\n{:<12}{} bytes\n", "path", shown(path), "type",
+                          "size", named.size));
+    }
+}
+
 void runStat(const ListCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         forEachPath(command.paths, [&](const std::string& path) {
-            const Found found = valueOf(resolve(session.volume(), path, LastLink::keep), path);
+            const Named named = resolveNamed(session.volume(), path, LastLink::keep);
+            const Found& found = named.found;
+            if (named.stream) {
+                printStream(path, named, command.json);
+                return;
+            }
             std::optional<std::string> target;
             if (found.attributes.type() == FSItemType::symlink) {
                 target = shownTarget(valueOf(session.volume().readSymbolicLink(found.item), path),
@@ -284,6 +332,7 @@ void defineList(CLI::App& command) {
     addFlag(command, "-d", arguments->directoriesThemselves, "Directories, not what is in them");
     addFlag(command, "-1", arguments->onePerLine, "One name a line, as always");
     addFlag(command, "-p", arguments->slashes, "A \"/\" behind directories");
+    addFlag(command, "--streams", arguments->streams, "Named streams as well, as \"file:stream\"");
     addJSON(command, arguments->json);
     setWork(command, [arguments] { runList(*arguments); });
 }

@@ -3,6 +3,7 @@
 #include "hosts/cli/command_table.hpp"
 #include "hosts/cli/copy/transfer.hpp"
 #include "hosts/cli/item_text.hpp"
+#include "hosts/cli/named_stream.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
@@ -23,7 +24,13 @@ void runCat(const ReadCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         std::vector<std::byte> buffer(kTransferBytes);
         forEachPath(command.paths, [&](const std::string& path) {
-            const Found found = valueOf(resolve(session.volume(), path), path);
+            const Named named = resolveNamed(session.volume(), path);
+            const Found& found = named.found;
+            if (named.stream) {
+                const auto bytes = readStream(session.volume(), named, path);
+                print({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+                return;
+            }
             if (found.attributes.type() == fskit::FSItemType::directory) {
                 throwItemError(path, kEISDIR);
             }
@@ -66,7 +73,7 @@ void runReadlink(const ReadCommand& command) {
 void defineCat(CLI::App& command) {
     const auto arguments = std::make_shared<ReadCommand>();
     addVolume(command, arguments->volume);
-    addPaths(command, "PATH", arguments->paths, 1, "Files");
+    addPaths(command, "PATH", arguments->paths, 1, "Files; \"file:stream\" for a stream of one");
     setWork(command, [arguments] { runCat(*arguments); });
 }
 

@@ -1,6 +1,7 @@
 // rm: the one command that destroys data. Every doubt is therefore an error.
 #include "hosts/cli/arguments.hpp"
 #include "hosts/cli/command_table.hpp"
+#include "hosts/cli/named_stream.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
 #include "hosts/cli/volume_removal.hpp"
@@ -33,6 +34,15 @@ void removeOne(VolumeClient& volume, const std::string& path, const RemoveComman
     }
     const Location at = valueOf(std::move(place), path);
     auto found = volume.lookup(at.directory, at.name);
+    if (!found && numberOf(found.error()) == kENOENT) {
+        if (const auto owner = ownerOfStream(volume, path)) {
+            const auto removed = volume.removeXattr(owner->item, splitStream(path)->second);
+            if (!removed && (numberOf(removed.error()) != kENOATTR || !command.force)) {
+                throwVolumeError(path, removed.error());
+            }
+            return;
+        }
+    }
     if (!found && numberOf(found.error()) == kENOENT && command.force) {
         return;
     }
@@ -63,7 +73,8 @@ void runRemove(const RemoveCommand& command) {
 void defineRemove(CLI::App& command) {
     const auto arguments = std::make_shared<RemoveCommand>();
     addVolume(command, arguments->volume);
-    addPaths(command, "PATH", arguments->paths, 1, "What to remove; of links, the link itself");
+    addPaths(command, "PATH", arguments->paths, 1,
+             "What to remove: files, links themselves, streams as \"file:stream\"");
     addFlag(command, "-r", arguments->recursive, "Directories as well, with all that is in them");
     addFlag(command, "-f", arguments->force, "Do not mind what is not there");
     setWork(command, [arguments] { runRemove(*arguments); });

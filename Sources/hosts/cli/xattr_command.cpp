@@ -5,6 +5,7 @@
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/tree_visit.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -23,12 +24,9 @@ struct XattrCommand {
     std::string path;
     std::optional<std::string> name;
     std::optional<std::string> value; ///< standard input without
+    bool recursive = false;
     bool json = false;
 };
-
-/// The largest value that is read from standard input. The whole value is in memory until it is
-/// written, so an endless pipe must stop somewhere.
-constexpr std::size_t kXattrBytesMax = 64 << 20;
 
 std::string standardInput() {
     std::string value;
@@ -44,22 +42,50 @@ std::string standardInput() {
         // EINTR brings a signal here; its count of -1 appends nothing.
         throwIfInterrupted();
         value.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        if (value.size() > kXattrBytesMax) {
-            throw Failure("the value is larger than " + humanSize(kXattrBytesMax));
+        if (value.size() > kStreamBytesMax) {
+            throw Failure("the value is larger than " + humanSize(kStreamBytesMax));
         }
     }
 }
 
-void list(VolumeClient& volume, const ItemRef& item, const XattrCommand& command) {
-    for (const std::string& name : valueOf(volume.listXattrs(item), command.path)) {
+void list(VolumeClient& volume, const ItemRef& item, const std::string& path,
+          const XattrCommand& command) {
+    for (const std::string& name : valueOf(volume.listXattrs(item), path)) {
         if (!command.json) {
-            print(shown(name) + "\n");
+            print((command.recursive ? shown(path) + ":" : "") + shown(name) + "\n");
             continue;
         }
         addItem(JSONObject()
-                    .add("path", rooted(command.path))
+                    .add("path", rooted(path))
                     .add("name", name)
                     .add("size", valueOf(volume.xattrSize(item, name), name)));
+    }
+}
+
+/// Lists the streams of an item and of all below it, each as "path:stream".
+void listTree(VolumeClient& volume, const Found& found, const XattrCommand& command) {
+    const std::string top = lastComponent(command.path).empty() ? "" : command.path;
+    list(volume, found.item, command.path, command);
+    if (found.attributes.type() != fskit::FSItemType::directory) {
+        return;
+    }
+    bool isComplete = true;
+    const TreeVisitor visitor{
+        .visit =
+            [&](const TreeItem& item) {
+                try {
+                    const auto there =
+                        valueOf(volume.lookup(item.directory, item.entry.name), item.path);
+                    list(volume, there.item, item.path, command);
+                } catch (const ItemFailure& failure) {
+                    tellFailure(failure);
+                    isComplete = false;
+                }
+                return item.entry.type == fskit::FSItemType::directory;
+            },
+        .leave = {}};
+    if (!visitTree(volume, found.item, top, visitor) || !isComplete) {
+        throw Failure(""); // told where it happened
     }
 }
 
@@ -77,8 +103,8 @@ void runXattr(const XattrCommand& command) {
     const bool changes = command.action == "set" || command.action == "rm";
     // The parser knows NAME only as optional, because "list" has none. Checked before the image is
     // opened.
-    if (command.json && command.action != "list") {
-        throw Failure("--json is for 'list' alone", ExitStatus::wrongUsage);
+    if ((command.json || command.recursive) && command.action != "list") {
+        throw Failure("--json and -R are for 'list' alone", ExitStatus::wrongUsage);
     }
     if (command.action != "list" && command.name.value_or("").empty()) {
         throw Failure(fmt::format("'{}' needs the NAME of a stream; see 'tavelin xattr --help'",
@@ -89,7 +115,8 @@ void runXattr(const XattrCommand& command) {
         VolumeClient& volume = session.volume();
         const Found found = valueOf(resolve(volume, command.path), command.path);
         if (command.action == "list") {
-            list(volume, found.item, command);
+            command.recursive ? listTree(volume, found, command)
+                              : list(volume, found.item, command.path, command);
         } else if (command.action == "get") {
             get(volume, found.item, command);
         } else if (command.action == "set") {
@@ -111,6 +138,7 @@ void defineXattr(CLI::App& command) {
     addArgument(command, "NAME", arguments->name, "The stream's name, without a prefix");
     addArgument(command, "VALUE", arguments->value,
                 "What 'set' writes; standard input, byte by byte, when left out");
+    addFlag(command, "-R", arguments->recursive, "With 'list', of all below PATH as well");
     addJSON(command, arguments->json);
     setWork(command, [arguments] { runXattr(*arguments); });
 }

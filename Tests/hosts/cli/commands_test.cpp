@@ -59,6 +59,25 @@ TEST(Commands, StreamsAndLabel) {
     }
     EXPECT_EQ(sizes, (std::map<std::string, std::size_t>{{"empty", 0}, {"raw", bytes.size()}}));
 
+    // As "file:stream" wherever a file is.
+    const TempDirectory host;
+    tavelinDone({"put", image, "-", "file:piped"}, "from a pipe");
+    EXPECT_EQ(tavelinDone({"cat", image, "file:piped", "file"}), "from a pipecontent");
+    tavelinDone({"get", image, "file:piped", host / "back"});
+    EXPECT_EQ(readFile(host / "back"), "from a pipe");
+    tavelinDone({"put", image, host / "back", "file:copy"});
+    expectRefusal(tavelinRun({"put", image, host / "back", "file:copy"}), kFailed, "is there");
+    EXPECT_EQ(tavelinItems({"stat", image, "file:copy"}).at(0).at("size"), 11);
+    EXPECT_EQ(tavelinDone({"hash", image, "file:copy"}).substr(64), "  file:copy\n");
+    EXPECT_EQ(tavelinDone({"ls", "--streams", image}), "file\nfile:copy\nfile:empty\nfile:piped\n"
+                                                       "file:raw\n");
+    tavelinDone({"rm", image, "file:copy"});
+    EXPECT_EQ(tavelinDone({"xattr", "list", "-R", image, "/"}),
+              "file:empty\nfile:piped\nfile:raw\n");
+    EXPECT_EQ(tavelinRun({"cat", image, "file:copy"}).status, kFailed);
+    tavelinDone({"put", image, "-", "a:b"}, "a name"); // "a" is nothing, so this is one
+    EXPECT_EQ(tavelinDone({"cat", image, "a:b"}), "a name");
+
     tavelinDone({"label", image, "Grüße"});
     EXPECT_EQ(tavelinDone({"label", image}), "Grüße\n");
     EXPECT_NE(runOrThrow({"ntfsinfo", "-m", "-f", image}).find("Grüße"), std::string::npos);

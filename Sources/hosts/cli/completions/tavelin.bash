@@ -52,7 +52,8 @@ _tavelin() {
         local options="--help --read-only --offset -o"
         case $command in
         info) options+=" --stats --json" ;;
-        ls) options+=" -l -a -R -h -t -S -r -d -1 -p --json" ;;
+        ls) options+=" -l -a -R -h -t -S -r -d -1 -p --streams --json" ;;
+        xattr) options+=" -R --json" ;;
         find) options+=" --type --json" ;;
         tree) options+=" -s -h -L" ;;
         du) options+=" -a -h -s --json" ;;
@@ -69,7 +70,7 @@ _tavelin() {
         umount) options="--help" ;;
         mounts) options="--json --help" ;;
         events) options="--help -n --follow --since --json" ;;
-        probe | hash | stat | readlink | xattr | label) options+=" --json" ;;
+        probe | hash | stat | readlink | label) options+=" --json" ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
         return

@@ -4,6 +4,7 @@
 #include "hosts/cli/copy/host_directory.hpp"
 #include "hosts/cli/copy/tree_getter.hpp"
 #include "hosts/cli/copy/tree_putter.hpp"
+#include "hosts/cli/named_stream.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/assert.hpp"
@@ -139,8 +140,13 @@ HostPlace hostPlace(VolumeClient& volume, const FromTo& paths, bool mayReplace) 
 
 void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
             const HostPlace& place) {
-    const Found found = valueOf(resolve(volume, path, LastLink::keep), path);
-    std::string name = place.name.empty() ? lastComponent(path) : place.name;
+    const Named named = resolveNamed(volume, path, LastLink::keep);
+    const Found& found = named.found;
+    const std::string name = place.name.empty() ? lastComponent(path) : place.name;
+    if (named.stream) {
+        getter.getStream(readStream(volume, named, path), path, place.directory.get(), name);
+        return;
+    }
     const bool isRoot = found.item == volume.root();
     // The root has no name that its copy could have.
     if (isRoot && place.name.empty()) {
@@ -201,13 +207,22 @@ void runGet(const CopyCommand& command) {
 struct VolumePlace {
     ItemRef directory;
     std::string name;
+    /// Of "file:stream": the stream goes to the item `directory`, whatever that is.
+    std::optional<std::string> stream;
 };
 
 VolumePlace volumePlace(VolumeClient& volume, const FromTo& paths, bool mayReplace) {
     const std::string& target = paths.target;
     auto there = resolve(volume, target);
     if (there && there->attributes.type() == FSItemType::directory) {
-        return {std::move(there->item), {}};
+        return {std::move(there->item), {}, {}};
+    }
+    if (auto owner = there ? std::nullopt : ownerOfStream(volume, target)) {
+        std::string stream = splitStream(target)->second;
+        if (!mayReplace && volume.xattrSize(owner->item, stream)) {
+            throwFileInTheWay(target);
+        }
+        return {std::move(owner->item), {}, std::move(stream)};
     }
     if (!there && numberOf(there.error()) != kENOENT) {
         throw Failure(explain(target, there.error()));
@@ -227,7 +242,7 @@ VolumePlace volumePlace(VolumeClient& volume, const FromTo& paths, bool mayRepla
     if (!mayReplace && volume.lookup(place->directory, place->name)) {
         throwFileInTheWay(target);
     }
-    return {std::move(place->directory), std::move(place->name)};
+    return {std::move(place->directory), std::move(place->name), {}};
 }
 
 /// Bytes to be copied from a path, for the progress bar. Unreadable items count as 0; copying them
@@ -253,6 +268,10 @@ std::uint64_t bytesBelow(const std::string& source) {
 }
 
 void putOne(TreePutter& putter, const std::string& source, const VolumePlace& place) {
+    if (place.stream) {
+        putter.putAsStream(source, place.directory, *place.stream);
+        return;
+    }
     if (source == "-") {
         if (place.name.empty()) {
             throw Failure("name the file that standard input goes to", ExitStatus::wrongUsage);

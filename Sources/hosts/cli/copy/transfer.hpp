@@ -24,6 +24,8 @@ namespace tavelin::cli {
 /// Bytes of one read or write. Large enough that the cost of a request does not count, and a
 /// multiple of every cluster size that is common.
 inline constexpr std::size_t kTransferBytes = 1 << 20;
+/// The largest stream: its whole value is in memory until it is written.
+inline constexpr std::size_t kStreamBytesMax = 64 << 20;
 /// Levels of directories inside each other; deeper ones are a problem. It ends the loops that a
 /// damaged volume's directories may form. Each level keeps a directory of the host open, so it
 /// stays below the 1024 descriptors that a process usually has.

@@ -98,6 +98,30 @@ void TreeGetter::getItem(const Found& found, const std::string& path, int direct
 void TreeGetter::getFile(const Found& found, const std::string& path, int directory,
                          const std::string& name) {
     run_.bar.begin(path);
+    makeFile(path, directory, name, [&](const FileDescriptor& file) {
+        readContents(found, path, file);
+        getStreams(found.item, path, file.get());
+        // Times come after the writes, which change them.
+        if (futimens(file.get(), times(found.attributes).data()) != 0) {
+            throwHostError(path);
+        }
+    });
+    ++run_.report.files;
+}
+
+void TreeGetter::getStream(std::span<const std::byte> bytes, const std::string& path, int directory,
+                           const std::string& name) {
+    makeFile(path, directory, name, [&](const FileDescriptor& file) {
+        const int error = file.writeAt(bytes.data(), bytes.size(), 0).error;
+        if (error != 0) {
+            throwHostError(path, error);
+        }
+    });
+    ++run_.report.streams;
+}
+
+void TreeGetter::makeFile(const std::string& path, int directory, const std::string& name,
+                          const std::function<void(const FileDescriptor& file)>& fill) {
     const std::string partial = run_.partialName();
     // O_EXCL never opens an existing file, whoever made it.
     FileDescriptor file(openat(directory, partial.c_str(),
@@ -106,20 +130,16 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
         throwHostError(path);
     }
     orTakeAway(directory, partial, [&] {
-        readContents(found, path, file);
-        getStreams(found.item, path, file.get());
-        // Times come after the writes, which change them. Closing may report a failed write, so it
-        // comes before the rename.
-        if (futimens(file.get(), times(found.attributes).data()) != 0 ||
-            !isSafeToName(directory, name, file)) {
+        fill(file);
+        if (!isSafeToName(directory, name, file)) {
             throwHostError(path);
         }
+        // Closing may report a failed write, so it comes before the rename.
         if (const int error = file.close(); error != 0) {
             throwHostError(path, error);
         }
         giveName(directory, partial, name, path);
     });
-    ++run_.report.files;
 }
 
 void TreeGetter::getLink(const Found& found, const std::string& path, int directory,

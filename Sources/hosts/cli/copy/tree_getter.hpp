@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ class TreeGetter {
     /// Copies `found`, which messages call `path`, into an opened directory of the host under the
     /// name `name`. The descriptor stays the caller's.
     void get(const Found& found, const std::string& path, int directory, const std::string& name);
+    /// Makes a file of the host from the bytes of a stream. Throws ItemFailure.
+    void getStream(std::span<const std::byte> bytes, const std::string& path, int directory,
+                   const std::string& name);
     /// Copies the entries of a directory of the volume into an opened directory of the host.
     void getContents(const ItemRef& volumeDirectory, const std::string& path, int directory);
 
@@ -51,6 +55,9 @@ class TreeGetter {
     /// Named streams become extended attributes of the host.
     void getStreams(const ItemRef& item, const std::string& path, int file);
 
+    /// Makes `partial`, has it filled, and gives it its name.
+    void makeFile(const std::string& path, int directory, const std::string& name,
+                  const std::function<void(const FileDescriptor& file)>& fill);
     /// Renames the complete `partial` to its own name, replacing a file or link of that name in one
     /// step.
     void giveName(int directory, const std::string& partial, const std::string& name,

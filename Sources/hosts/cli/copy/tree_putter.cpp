@@ -263,6 +263,31 @@ void TreePutter::writeSparse(int descriptor, std::uint64_t size, const ItemRef& 
     }
 }
 
+void TreePutter::putAsStream(const std::string& source, const ItemRef& item,
+                             const std::string& stream) {
+    FileDescriptor opened;
+    if (source != "-") {
+        opened = openSource({AT_FDCWD, source, source}, O_NONBLOCK | O_NOCTTY);
+    }
+    const int descriptor = opened ? opened.get() : STDIN_FILENO;
+    std::vector<std::byte> bytes;
+    for (;;) {
+        const std::size_t filled = fillBuffer(descriptor, buffer_.size(), source);
+        bytes.insert(bytes.end(), buffer_.begin(),
+                     buffer_.begin() + static_cast<std::ptrdiff_t>(filled));
+        if (bytes.size() > kStreamBytesMax) {
+            throw ItemFailure(escaped(source) +
+                                  ": more than a stream takes: " + humanSize(kStreamBytesMax),
+                              source, kEFBIG);
+        }
+        if (filled < buffer_.size()) {
+            break;
+        }
+    }
+    ofItem(volume_.setXattr(item, stream, bytes), stream);
+    ++run_.report.streams;
+}
+
 void TreePutter::putStreams(int descriptor, const ItemRef& item, const std::string& path) {
     if (!run_.settings.streams) {
         return;

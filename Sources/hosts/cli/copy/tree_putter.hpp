@@ -40,6 +40,9 @@ class TreePutter {
     /// Makes a file from the bytes that a descriptor (a pipe) delivers until its end. Throws
     /// ItemFailure; the descriptor stays the caller's.
     void putStream(int descriptor, const ItemRef& volumeDirectory, const std::string& name);
+    /// Makes or replaces a stream of an item from the bytes of a file of the host, "-" for standard
+    /// input. Throws ItemFailure, also for more bytes than a stream takes here (64 MiB).
+    void putAsStream(const std::string& source, const ItemRef& item, const std::string& stream);
 
   private:
     /// Writes an item's content, streams and times while it has its partial name.
