@@ -39,6 +39,7 @@ void addVolume(CLI::App& command, VolumeArguments& arguments) {
                    "symlinks=windows|interix");
     command.get_option("-o")->check(unknownOption);
     addFlag(command, "--read-only", arguments.readOnly, "Do not change the volume");
+    addFlag(command, "--wait", arguments.wait, "Wait while another program is using IMAGE");
     addNumber(command, "--offset", arguments.offset, "BYTES", "Where in IMAGE the volume begins");
 }
 

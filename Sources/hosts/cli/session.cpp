@@ -2,6 +2,7 @@
 
 #include "core/driver2/mount_options.hpp"
 #include "diagnostics/event_log.hpp"
+#include "hosting/image_use.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/assert.hpp"
@@ -9,9 +10,11 @@
 
 #include <fmt/format.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
+#include <utility>
 
 namespace tavelin::cli {
 namespace {
@@ -65,6 +68,14 @@ std::string usersOf(const std::string& path) {
     return text;
 }
 
+/// What makes an image that is in use free.
+std::string howToFree(const std::string& path) {
+    const std::vector<MountEntry> mounts = mountsOf(path);
+    return mounts.empty() ? "end the other program first, or --wait for it"
+                          : fmt::format("it is mounted on {}: unmount it first",
+                                        escaped(mounts.back().directory.string()));
+}
+
 /// The remedy for an image that cannot be opened.
 std::string advice(const OpenError& error, const ImagePlace& place) {
     // A volume that its image is too short for may fail in several ways.
@@ -78,7 +89,7 @@ std::string advice(const OpenError& error, const ImagePlace& place) {
     case OpenError::Reason::permission:
         return "ask its owner for permission, or use sudo";
     case OpenError::Reason::inUse:
-        return "unmount it or end the other program first" + usersOf(place.path);
+        return howToFree(place.path) + usersOf(place.path);
     case OpenError::Reason::notBlockDevice:
         return "name an image file or a block device such as /dev/sdb1";
     case OpenError::Reason::notNTFS:
@@ -93,11 +104,23 @@ std::string advice(const OpenError& error, const ImagePlace& place) {
 
 std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, const ImagePlace& place,
                                    Access access) {
-    try {
-        return ModuleHost::openImage(place.path, optionWords(arguments, access),
-                                     {.offset = place.offset, .length = place.length});
-    } catch (const OpenError& error) {
-        throw openFailure(error, place);
+    // Nothing tells when a lock, a mount, a loop device and a writer are all gone.
+    constexpr timespec kPause{.tv_sec = 0, .tv_nsec = 200'000'000};
+    for (bool isTold = false;;) {
+        try {
+            return ModuleHost::openImage(place.path, optionWords(arguments, access),
+                                         {.offset = place.offset, .length = place.length});
+        } catch (const OpenError& error) {
+            if (!arguments.wait || error.reason() != OpenError::Reason::inUse) {
+                throw openFailure(error, place);
+            }
+            if (!std::exchange(isTold, true)) {
+                complain(fmt::format("{}: waiting until it is free{}", escaped(arguments.image),
+                                     usersOf(place.path)));
+            }
+        }
+        nanosleep(&kPause, nullptr); // a signal ends it early
+        throwIfInterrupted();
     }
 }
 

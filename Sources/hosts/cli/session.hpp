@@ -25,6 +25,7 @@ struct VolumeArguments {
     std::string image;                ///< path of an image file or a block device
     std::vector<std::string> options; ///< each the list after one -o
     bool readOnly = false;
+    bool wait = false; ///< for an image that another program uses
     /// Where the user says that the volume begins in the image.
     std::optional<std::uint64_t> offset;
 };

@@ -51,7 +51,7 @@ class Completion(unittest.TestCase):
     def test_commands_options_and_images(self):
         self.assertEqual(self.complete("l"), ["label", "ln", "ls"])
         self.assertEqual(self.complete("ls", "-"),
-                         sorted("--help --read-only --offset -o -l -a -R -h -t -S -r -d -1 "
+                         sorted("--help --read-only --wait --offset -o -l -a -R -h -t -S -r -d -1 "
                                 "-p --streams --json".split()))
         self.assertEqual(self.complete("ls", "d"), ["disk.img"])
         self.assertIn("windows_names", self.complete("ls", "-o", ""))

@@ -49,7 +49,7 @@ _tavelin() {
     fi
     case $word in
     -*)
-        local options="--help --read-only --offset -o"
+        local options="--help --read-only --wait --offset -o"
         case $command in
         info) options+=" --stats --json" ;;
         ls) options+=" -l -a -R -h -t -S -r -d -1 -p --streams --json" ;;
