@@ -1,6 +1,8 @@
 // put and get: what goes in comes out, and nothing else is touched.
 #include "tavelin_program.hpp"
 
+#include "hosting/module_host.hpp"
+#include "hosting/paths.hpp"
 #include "hosts/tree.hpp"
 
 #include <gtest/gtest.h>
@@ -100,6 +102,32 @@ TEST(Copy, ATreeComesBackAsItWas) {
     tavelinDone({"rm", "-r", image, "tree"});
     EXPECT_EQ(tavelinDone({"ls", "-a", image}), "");
     volume.check();
+}
+
+// Names of one file on the volume are names of one file on the host, wherever they are in the tree.
+TEST(Copy, HardLinksStayLinks) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    tavelinDone({"mkdir", "-p", image, "a/b"});
+    tavelinDone({"put", image, "-", "a/first"}, "content");
+    {
+        const auto module = ModuleHost::openImage(image, {});
+        VolumeClient& client = module->volume();
+        const ItemRef file = resolve(client, "a/first").get().item;
+        for (const char* directory : {"", "a/b"}) {
+            ASSERT_TRUE(client.linkInternal(file, resolve(client, directory).get().item, "second"));
+        }
+        ASSERT_TRUE(module->close());
+    }
+    for (int round = 0; round < 2; ++round) { // the second one replaces what the first has made
+        const auto report = tavelinItems({"get", image, "/", host.path()}).at(0);
+        EXPECT_EQ(report.at("files"), 1);
+        EXPECT_EQ(report.at("hardLinks"), 2);
+        EXPECT_EQ(fs::hard_link_count(host / "a" / "b" / "second"), 3u);
+        EXPECT_TRUE(fs::equivalent(host / "second", host / "a" / "first"));
+    }
+    EXPECT_EQ(readFile(host / "second"), "content");
 }
 
 // A hole takes no room on either side; reading it answers zeros.

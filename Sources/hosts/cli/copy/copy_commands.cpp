@@ -38,6 +38,7 @@ CopySettings settings(const CopyCommand& command) {
     CopySettings result;
     result.streams = !command.noStreams;
     result.quiet = command.quiet || command.json;
+    result.hardLinks = true;
     result.image = imageStatus(command.volume.image, command.volume.offset);
     return result;
 }
@@ -87,6 +88,7 @@ void printReport(const CopyReport& report, const CopyCommand& command) {
                     .add("directories", report.directories)
                     .add("links", report.links)
                     .add("streams", report.streams)
+                    .add("hardLinks", report.hardLinks)
                     .add("bytes", report.bytes));
     } else if (isOutputTerminal() && !command.quiet) {
         print(fmt::format(

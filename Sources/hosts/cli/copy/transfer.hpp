@@ -38,13 +38,16 @@ struct CopyReport {
     std::uint64_t directories = 0;
     std::uint64_t links = 0;
     std::uint64_t streams = 0;
-    std::uint64_t bytes = 0; ///< of file contents, without the streams
+    std::uint64_t hardLinks = 0; ///< further names of files
+    std::uint64_t bytes = 0;     ///< of file contents, without the streams
 };
 
 /// The choices of the user, fixed for a run.
 struct CopySettings {
     bool streams = true; ///< named streams too, as "user." attributes on the host
     bool quiet = false;  ///< no progress bar
+    /// Further names of a file are made as hard links of the copy.
+    bool hardLinks = false;
     /// The image's own status, to recognise it by: it is never copied into itself or replaced.
     struct ::stat image {};
 };

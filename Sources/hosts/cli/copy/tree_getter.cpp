@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <span>
+#include <utility>
 
 namespace tavelin::cli {
 namespace {
@@ -57,6 +58,7 @@ std::array<std::timespec, 2> times(const fskit::FSItemAttributes& attributes) {
 void TreeGetter::get(const Found& found, const std::string& path, int directory,
                      const std::string& name) {
     throwIfInterrupted();
+    beginAt(directory);
     try {
         getItem(found, path, directory, name);
     } catch (const ItemFailure& failure) {
@@ -64,8 +66,18 @@ void TreeGetter::get(const Found& found, const std::string& path, int directory,
     }
 }
 
+void TreeGetter::beginAt(int directory) {
+    if (depth_ == 0) {
+        if (std::exchange(top_, directory) != directory) {
+            copied_.clear();
+        }
+        below_.clear();
+    }
+}
+
 void TreeGetter::getContents(const ItemRef& volumeDirectory, const std::string& path,
                              int directory) {
+    beginAt(directory);
     try {
         getEntries(volumeDirectory, path, directory);
     } catch (const ItemFailure& failure) {
@@ -97,6 +109,12 @@ void TreeGetter::getItem(const Found& found, const std::string& path, int direct
 
 void TreeGetter::getFile(const Found& found, const std::string& path, int directory,
                          const std::string& name) {
+    // The link count has the DOS name in it, so it is only a hint.
+    const bool mayHaveNames = run_.settings.hardLinks && found.attributes.linkCount() > 1;
+    if (mayHaveNames && linkToFirst(found, path, directory, name)) {
+        ++run_.report.hardLinks;
+        return;
+    }
     run_.bar.begin(path);
     makeFile(path, directory, name, [&](const FileDescriptor& file) {
         readContents(found, path, file);
@@ -104,6 +122,11 @@ void TreeGetter::getFile(const Found& found, const std::string& path, int direct
         // Times come after the writes, which change them.
         if (futimens(file.get(), times(found.attributes).data()) != 0) {
             throwHostError(path);
+        }
+        struct ::stat status {};
+        if (mayHaveNames && fstat(file.get(), &status) == 0) {
+            copied_[found.attributes.fileID()] = {joined(below_, name), status.st_dev,
+                                                  status.st_ino};
         }
     });
     ++run_.report.files;
@@ -142,6 +165,31 @@ void TreeGetter::makeFile(const std::string& path, int directory, const std::str
     });
 }
 
+bool TreeGetter::linkToFirst(const Found& found, const std::string& path, int directory,
+                             const std::string& name) {
+    const auto first = copied_.find(found.attributes.fileID());
+    const std::string partial = run_.partialName();
+    if (first == copied_.end() ||
+        linkat(top_, first->second.path.c_str(), directory, partial.c_str(), 0) != 0) {
+        return false; // copied again
+    }
+    bool isLinked = false;
+    orTakeAway(directory, partial, [&] {
+        struct ::stat status {};
+        // Somebody may have put another file there meanwhile.
+        isLinked = fstatat(directory, partial.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                   status.st_dev == first->second.device && status.st_ino == first->second.inode;
+        if (isLinked) {
+            giveName(directory, partial, name, path);
+        }
+    });
+    // Renaming one name of a file to another one of the same file does nothing.
+    if (unlinkat(directory, partial.c_str(), 0) != 0 && errno != ENOENT) {
+        throwHostError(path);
+    }
+    return isLinked;
+}
+
 void TreeGetter::getLink(const Found& found, const std::string& path, int directory,
                          const std::string& name) {
     const std::string target = valueOf(volume_.readSymbolicLink(found.item), path);
@@ -177,7 +225,9 @@ void TreeGetter::getDirectory(const Found& found, const std::string& path, int d
     }
     ++run_.report.directories;
     // Times come last: every entry that is made changes the directory's.
+    const std::string above = std::exchange(below_, joined(below_, name));
     getEntries(found.item, path, made.get());
+    below_ = above;
     getStreams(found.item, path, made.get());
     if (futimens(made.get(), times(found.attributes).data()) != 0) {
         throwHostError(path);

@@ -6,16 +6,19 @@
 #include "platform/file_descriptor.hpp"
 
 #include <functional>
+#include <map>
 #include <set>
 #include <span>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace tavelin::cli {
 
-/// Copies contents, times of access and modification, symbolic links (as links), and named streams.
-/// A file or link that exists under an item's name in the target is replaced; directories are
-/// merged. Permissions are the process's defaults, as NTFS ones have no counterpart here.
+/// Copies contents, times of access and modification, symbolic links (as links), named streams, and
+/// hard links unless the run leaves them out. A file or link that exists under an item's name in
+/// the target is replaced; directories are merged. Permissions are the process's defaults, as NTFS
+/// ones have no counterpart here.
 ///
 /// Problems of single items go to the run. Failure passes through. One thread at a time; volume and
 /// run outlive the object.
@@ -38,6 +41,8 @@ class TreeGetter {
     void getContents(const ItemRef& volumeDirectory, const std::string& path, int directory);
 
   private:
+    /// Takes a directory of the caller's for the one that first copies are looked up from.
+    void beginAt(int directory);
     // Each throws ItemFailure for its own item, and Failure. Parameters are those of get().
     /// Chooses by the item's type. Devices, pipes and sockets are problems.
     void getItem(const Found& found, const std::string& path, int directory,
@@ -58,6 +63,10 @@ class TreeGetter {
     /// Makes `partial`, has it filled, and gives it its name.
     void makeFile(const std::string& path, int directory, const std::string& name,
                   const std::function<void(const FileDescriptor& file)>& fill);
+    /// Another name for a file of the volume that this run has copied under a first one. False
+    /// when there is none, or the host's file system has no hard links.
+    bool linkToFirst(const Found& found, const std::string& path, int directory,
+                     const std::string& name);
     /// Renames the complete `partial` to its own name, replacing a file or link of that name in one
     /// step.
     void giveName(int directory, const std::string& partial, const std::string& name,
@@ -71,7 +80,16 @@ class TreeGetter {
     /// Directories entered so far. None is entered twice, because directories of a damaged
     /// volume may contain themselves.
     std::set<fskit::FSItemID> entered_;
-    int depth_ = 0; ///< directories being copied, from the outermost to the current one
+    /// Where a file with several names was copied to first.
+    struct FirstCopy {
+        std::string path; ///< below top_
+        dev_t device;     ///< of the copy, by which it is recognised
+        ino_t inode;
+    };
+    std::map<fskit::FSItemID, FirstCopy> copied_;
+    int top_ = -1;      ///< the caller's directory of the current call of get()
+    std::string below_; ///< the way from it to the directory that is being filled
+    int depth_ = 0;     ///< directories being copied, from the outermost to the current one
 };
 
 } // namespace tavelin::cli
