@@ -93,8 +93,13 @@ void addFlagWith(CLI::App& command, const std::string& other, const std::string&
 
 void addOptionLists(CLI::App& command, std::vector<std::string>& lists,
                     const std::string& description) {
+    addTexts(command, "-o", lists, "OPTIONS", description);
+}
+
+void addTexts(CLI::App& command, const std::string& names, std::vector<std::string>& values,
+              const std::string& valueName, const std::string& description) {
     // A list takes several words by default, and would swallow IMAGE after "-o ro".
-    command.add_option("-o", lists, description)->type_name("OPTIONS")->allow_extra_args(false);
+    command.add_option(names, values, description)->type_name(valueName)->allow_extra_args(false);
 }
 
 void addText(CLI::App& command, const std::string& names, std::optional<std::string>& value,

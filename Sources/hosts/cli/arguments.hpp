@@ -57,6 +57,9 @@ void addFlagWith(CLI::App& command, const std::string& other, const std::string&
 /// which is split and checked when the volume is opened.
 void addOptionLists(CLI::App& command, std::vector<std::string>& lists,
                     const std::string& description);
+/// An option with one word, any number of times.
+void addTexts(CLI::App& command, const std::string& names, std::vector<std::string>& values,
+              const std::string& valueName, const std::string& description);
 /// An option with a word that stays as it is given.
 void addText(CLI::App& command, const std::string& names, std::optional<std::string>& value,
              const std::string& valueName, const std::string& description);

@@ -88,6 +88,12 @@ constexpr std::array kCommands{
             "put -t photos/2026 disk.img *.jpg\n"
             "tar c ~/notes | tavelin put disk.img - notes.tar",
             definePut},
+    Command{"sync", kCopy, "Make a directory like one on the other side",
+            "[OPTIONS] get|put IMAGE SOURCE TARGET",
+            "sync put disk.img ~/photos photos  ## what is new or changed\n"
+            "sync -n --delete get disk.img photos ~/photos  ## what would be done\n"
+            "sync --exclude '*.tmp' put /dev/sdb1 . backup",
+            defineSync},
     Command{"mkdir", kChange, "Make directories", "[-p] IMAGE PATH...",
             "mkdir disk.img photos\n"
             "mkdir -p disk.img photos/2026/11  ## and what is missing above it",

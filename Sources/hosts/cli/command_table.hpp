@@ -51,6 +51,7 @@ void defineReadlink(CLI::App& command);
 /// Copying between the volume and the host.
 void defineGet(CLI::App& command); // copy_commands.cpp
 void definePut(CLI::App& command);
+void defineSync(CLI::App& command); // sync_command.cpp
 /// Changes of names.
 void defineMkdir(CLI::App& command); // name_commands.cpp
 void defineMove(CLI::App& command);

@@ -26,13 +26,14 @@ _tavelin_unquoted() {
 _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
-    commands="probe info ls stat find tree du df map hash diff cat readlink check get put mkdir rm
-        mv ln xattr label mount umount mounts events help"
+    commands="probe info ls stat find tree du df map hash diff cat readlink check get put sync
+        mkdir rm mv ln xattr label mount umount mounts events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
         case $item in
-        -o | --since | --offset | --type | -n | -L) ((index++)) ;;
+        -o | --since | --offset | --type | --exclude | -L) ((index++)) ;;
+        -n) [ "$command" != events ] || ((index++)) ;;
         -*) ;;
         *) [ -z "$command" ] && command=$item || before+=("$item") ;;
         esac
@@ -61,6 +62,7 @@ _tavelin() {
         map) options+=" --svg --json" ;;
         diff) options+=" --quick --json" ;;
         get | put) options+=" -t --replace --no-streams --quiet --json" ;;
+        sync) options+=" -n --delete --checksum --exclude --no-streams -v --quiet --json" ;;
         mv) options+=" -t --replace" ;;
         mkdir) options+=" -p" ;;
         rm) options+=" -r -f" ;;
@@ -76,9 +78,13 @@ _tavelin() {
         return
         ;;
     esac
-    if [ "$command" = xattr ]; then
+    if [[ $command == @(xattr|sync) ]]; then
         if [ ${#before[@]} -eq 0 ]; then
-            mapfile -t COMPREPLY < <(compgen -W "list get set rm" -- "$word")
+            case $command in
+            xattr) item="list get set rm" ;;
+            sync) item="get put" ;;
+            esac
+            mapfile -t COMPREPLY < <(compgen -W "$item" -- "$word")
             return
         fi
         before=("${before[@]:1}")
@@ -109,7 +115,7 @@ _tavelin() {
         [[ $item == "${word#/}"* ]] && COMPREPLY+=("$item")
     done
     # Sources of put and targets of get are on the host.
-    if [ "$command" = put ] || [ "$command" = get ]; then
+    if [ "$command" = put ] || [ "$command" = get ] || [ "$command" = sync ]; then
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
     fi
 }

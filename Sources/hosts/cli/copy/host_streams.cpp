@@ -22,6 +22,10 @@ ssize_t getAttribute(int file, const char* name, void* value, std::size_t size) 
 int setAttribute(int file, const char* name, const void* value, std::size_t size) {
     return fsetxattr(file, name, value, size, 0, 0);
 }
+int removeAttribute(int file, const char* name) {
+    return fremovexattr(file, name, 0);
+}
+constexpr int kNoAttribute = ENOATTR;
 #else
 ssize_t listAttributes(int file, char* list, std::size_t size) {
     return flistxattr(file, list, size);
@@ -32,6 +36,10 @@ ssize_t getAttribute(int file, const char* name, void* value, std::size_t size) 
 int setAttribute(int file, const char* name, const void* value, std::size_t size) {
     return fsetxattr(file, name, value, size, 0);
 }
+int removeAttribute(int file, const char* name) {
+    return fremovexattr(file, name);
+}
+constexpr int kNoAttribute = ENODATA;
 #endif
 
 /// Calls `call(buffer, size)` with a buffer of the size that it asks for. Asks again on ERANGE,
@@ -101,6 +109,13 @@ bool writeHostStream(int descriptor, const std::string& name, std::span<const st
     case ERANGE:  // a name longer than any may be
         return false;
     default:
+        throwHostError(path);
+    }
+}
+
+void removeHostStream(int descriptor, const std::string& name, const std::string& path) {
+    const std::string attribute = std::string(kPrefix) + name;
+    if (removeAttribute(descriptor, attribute.c_str()) != 0 && errno != kNoAttribute) {
         throwHostError(path);
     }
 }

@@ -24,4 +24,7 @@ struct HostStream {
 [[nodiscard]] bool writeHostStream(int descriptor, const std::string& name,
                                    std::span<const std::byte> value, const std::string& path);
 
+/// Removes one stream of an open file or directory. One that is not there is fine. Throws as above.
+void removeHostStream(int descriptor, const std::string& name, const std::string& path);
+
 } // namespace tavelin::cli

@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <charconv>
+#include <system_error>
 #include <unistd.h>
 
 namespace tavelin::cli {
@@ -67,7 +69,22 @@ void CopyRun::end() {
 }
 
 std::string CopyRun::partialName() {
-    return fmt::format(".tavelin-part-{}-{}", getpid(), ++partials_);
+    return fmt::format("{}{}-{}", kPartialPrefix, getpid(), ++partials_);
+}
+
+std::optional<pid_t> partialNameProcess(std::string_view name) noexcept {
+    if (!name.starts_with(kPartialPrefix)) {
+        return std::nullopt;
+    }
+    const char* const end = name.data() + name.size();
+    pid_t process = 0;
+    const auto first = std::from_chars(name.data() + kPartialPrefix.size(), end, process);
+    if (first.ec != std::errc() || first.ptr == end || *first.ptr != '-' || process <= 0) {
+        return std::nullopt;
+    }
+    std::uint64_t count = 0;
+    const auto second = std::from_chars(first.ptr + 1, end, count);
+    return second.ec == std::errc() && second.ptr == end ? std::optional(process) : std::nullopt;
 }
 
 } // namespace tavelin::cli

@@ -17,7 +17,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
+#include <sys/types.h>
 
 namespace tavelin::cli {
 
@@ -41,6 +43,11 @@ struct CopyReport {
     std::uint64_t hardLinks = 0; ///< further names of files
     std::uint64_t bytes = 0;     ///< of file contents, without the streams
 };
+
+/// What the name of an incomplete item begins with.
+inline constexpr std::string_view kPartialPrefix = ".tavelin-part-";
+/// The number of the process that made an incomplete item of this name; absent for other names.
+[[nodiscard]] std::optional<pid_t> partialNameProcess(std::string_view name) noexcept;
 
 /// The choices of the user, fixed for a run.
 struct CopySettings {

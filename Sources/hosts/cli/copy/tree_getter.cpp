@@ -55,14 +55,16 @@ std::array<std::timespec, 2> times(const fskit::FSItemAttributes& attributes) {
 
 } // namespace
 
-void TreeGetter::get(const Found& found, const std::string& path, int directory,
+bool TreeGetter::get(const Found& found, const std::string& path, int directory,
                      const std::string& name) {
     throwIfInterrupted();
     beginAt(directory);
     try {
         getItem(found, path, directory, name);
+        return true;
     } catch (const ItemFailure& failure) {
         run_.problem(failure);
+        return false;
     }
 }
 

@@ -32,13 +32,17 @@ class TreeGetter {
         : volume_(volume), run_(run), buffer_(kTransferBytes) {}
 
     /// Copies `found`, which messages call `path`, into an opened directory of the host under the
-    /// name `name`. The descriptor stays the caller's.
-    void get(const Found& found, const std::string& path, int directory, const std::string& name);
+    /// name `name`. The descriptor stays the caller's. False when the item itself was not copied,
+    /// which is a problem of the run.
+    bool get(const Found& found, const std::string& path, int directory, const std::string& name);
     /// Makes a file of the host from the bytes of a stream. Throws ItemFailure.
     void getStream(std::span<const std::byte> bytes, const std::string& path, int directory,
                    const std::string& name);
     /// Copies the entries of a directory of the volume into an opened directory of the host.
     void getContents(const ItemRef& volumeDirectory, const std::string& path, int directory);
+    /// Named streams become extended attributes of the host. Those that the volume does not have
+    /// stay.
+    void getStreams(const ItemRef& item, const std::string& path, int file);
 
   private:
     /// Takes a directory of the caller's for the one that first copies are looked up from.
@@ -57,8 +61,6 @@ class TreeGetter {
     void getEntries(const ItemRef& volumeDirectory, const std::string& path, int directory);
     /// Copies the bytes of a file. Of one with holes, long runs of zeros become holes of the copy.
     void readContents(const Found& found, const std::string& path, const FileDescriptor& file);
-    /// Named streams become extended attributes of the host.
-    void getStreams(const ItemRef& item, const std::string& path, int file);
 
     /// Makes `partial`, has it filled, and gives it its name.
     void makeFile(const std::string& path, int directory, const std::string& name,

@@ -38,13 +38,15 @@ struct ::stat statusOf(int descriptor, const std::string& path) {
 
 } // namespace
 
-void TreePutter::put(const Source& source, const ItemRef& volumeDirectory,
+bool TreePutter::put(const Source& source, const ItemRef& volumeDirectory,
                      const std::string& name) {
     throwIfInterrupted();
     try {
         putItem(source, volumeDirectory, name);
+        return true;
     } catch (const ItemFailure& failure) {
         run_.problem(failure);
+        return false;
     }
 }
 

@@ -33,8 +33,9 @@ class TreePutter {
     };
 
     /// Copies `source` into a directory of the volume under the name `name`. Entries of a directory
-    /// are copied in the order of their names: the same tree always makes the same volume.
-    void put(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
+    /// are copied in the order of their names, so that the same tree always makes the same volume.
+    /// False when the item itself was not copied, which is a problem of the run.
+    bool put(const Source& source, const ItemRef& volumeDirectory, const std::string& name);
     /// Copies the entries of a directory of the host into one of the volume.
     void putContents(const Source& source, const ItemRef& volumeDirectory);
     /// Makes a file from the bytes that a descriptor (a pipe) delivers until its end. Throws
@@ -43,11 +44,19 @@ class TreePutter {
     /// Makes or replaces a stream of an item from the bytes of a file of the host, "-" for standard
     /// input. Throws ItemFailure, also for more bytes than a stream takes here (64 MiB).
     void putAsStream(const std::string& source, const ItemRef& item, const std::string& stream);
+    /// Extended attributes of the host's "user." namespace become named streams. Streams that the
+    /// host does not have stay.
+    void putStreams(int descriptor, const ItemRef& item, const std::string& path);
 
-  private:
     /// Writes an item's content, streams and times while it has its partial name.
     using Fill = std::function<void(const ItemRef& item)>;
+    /// Completes an item that has the name `partial`, one of the run's, with `fill`, and renames it
+    /// to its own over a file or link of that name. Removes it again when either throws. Throws
+    /// ItemFailure and Failure; `path` names the item in messages.
+    void install(Outcome<Found> made, const std::string& partial, const ItemRef& volumeDirectory,
+                 const std::string& name, const std::string& path, const Fill& fill);
 
+  private:
     // Each throws ItemFailure for its own item, and Failure. Parameters are those of put().
 
     /// Chooses by the type of the host's item.
@@ -71,16 +80,9 @@ class TreePutter {
                                          const std::string& path);
     /// Throws ItemFailure for a file that cannot fit, before any of it is copied.
     void refuseTooLarge(std::uint64_t bytes, const std::string& path);
-    /// Extended attributes of the host's "user." namespace become named streams.
-    void putStreams(int descriptor, const ItemRef& item, const std::string& path);
     /// Sets the times of `status`, and records the item in made_. It is an item's last step before
     /// its name, because every write would change the times again.
     void setTimes(const struct ::stat& status, const ItemRef& item, const std::string& path);
-
-    /// Completes an item under its partial name with `fill`, then renames it to its own. Removes it
-    /// again when either throws.
-    void install(Outcome<Found> made, const std::string& partial, const ItemRef& volumeDirectory,
-                 const std::string& name, const std::string& path, const Fill& fill);
     /// Renames the complete item over what has its name.
     void giveName(const ItemRef& item, const std::string& partial, const ItemRef& volumeDirectory,
                   const std::string& name, const std::string& path);
