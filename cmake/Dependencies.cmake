@@ -31,8 +31,9 @@ endif()
 if(TAVELIN_HOSTS)
   find_package(CLI11 REQUIRED)
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)
-  if(NOT APPLE) # whose system has no such library
+  if(NOT APPLE) # whose system has no such libraries
     pkg_check_modules(BLKID REQUIRED IMPORTED_TARGET blkid)
+    pkg_check_modules(ARCHIVE REQUIRED IMPORTED_TARGET libarchive)
   endif()
 endif()
 if(TAVELIN_TESTS)

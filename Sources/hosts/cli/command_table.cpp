@@ -94,6 +94,14 @@ constexpr std::array kCommands{
             "sync -n --delete get disk.img photos ~/photos  ## what would be done\n"
             "sync --exclude '*.tmp' put /dev/sdb1 . backup",
             defineSync},
+#ifdef TAVELIN_ARCHIVE
+    Command{"tar", kCopy, "Copy trees out and in as tar archives", "create|extract IMAGE [PATH...]",
+            "tar create disk.img photos > photos.tar\n"
+            "tar create disk.img / | ssh host 'cat > disk.tar'\n"
+            "tar extract disk.img backup < photos.tar  ## into the directory \"backup\"\n"
+            "tar c . | tavelin tar extract disk.img",
+            defineTar},
+#endif
     Command{"mkdir", kChange, "Make directories", "[-p] IMAGE PATH...",
             "mkdir disk.img photos\n"
             "mkdir -p disk.img photos/2026/11  ## and what is missing above it",

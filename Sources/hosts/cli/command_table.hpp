@@ -52,6 +52,7 @@ void defineReadlink(CLI::App& command);
 void defineGet(CLI::App& command); // copy_commands.cpp
 void definePut(CLI::App& command);
 void defineSync(CLI::App& command); // sync_command.cpp
+void defineTar(CLI::App& command);  // tar_command.cpp, where there is libarchive
 /// Changes of names.
 void defineMkdir(CLI::App& command); // name_commands.cpp
 void defineMove(CLI::App& command);

@@ -26,7 +26,7 @@ _tavelin_unquoted() {
 _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
-    commands="probe info ls stat find tree du df map hash diff cat readlink check get put sync
+    commands="probe info ls stat find tree du df map hash diff cat readlink check get put sync tar
         mkdir rm mv ln xattr label mount umount mounts events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
@@ -63,6 +63,7 @@ _tavelin() {
         diff) options+=" --quick --json" ;;
         get | put) options+=" -t --replace --no-streams --quiet --json" ;;
         sync) options+=" -n --delete --checksum --exclude --no-streams -v --quiet --json" ;;
+        tar) options+=" --no-streams" ;;
         mv) options+=" -t --replace" ;;
         mkdir) options+=" -p" ;;
         rm) options+=" -r -f" ;;
@@ -78,11 +79,12 @@ _tavelin() {
         return
         ;;
     esac
-    if [[ $command == @(xattr|sync) ]]; then
+    if [[ $command == @(xattr|sync|tar) ]]; then
         if [ ${#before[@]} -eq 0 ]; then
             case $command in
             xattr) item="list get set rm" ;;
             sync) item="get put" ;;
+            tar) item="create extract" ;;
             esac
             mapfile -t COMPREPLY < <(compgen -W "$item" -- "$word")
             return
