@@ -102,6 +102,11 @@ constexpr std::array kCommands{
             "tar c . | tavelin tar extract disk.img",
             defineTar},
 #endif
+    Command{"undelete", kCopy, "Copy files out that were deleted",
+            "--list IMAGE | [--force] IMAGE ID TO",
+            "undelete --list disk.img\n"
+            "undelete disk.img 72-3 ./rescued.jpg  ## onto this system, never onto the volume",
+            defineUndelete},
     Command{"mkdir", kChange, "Make directories", "[-p] IMAGE PATH...",
             "mkdir disk.img photos\n"
             "mkdir -p disk.img photos/2026/11  ## and what is missing above it",

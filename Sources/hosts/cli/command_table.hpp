@@ -53,6 +53,7 @@ void defineGet(CLI::App& command); // copy_commands.cpp
 void definePut(CLI::App& command);
 void defineSync(CLI::App& command); // sync_command.cpp
 void defineTar(CLI::App& command);  // tar_command.cpp, where there is libarchive
+void defineUndelete(CLI::App& command); // undelete_command.cpp
 /// Changes of names.
 void defineMkdir(CLI::App& command); // name_commands.cpp
 void defineMove(CLI::App& command);

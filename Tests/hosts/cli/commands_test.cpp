@@ -83,6 +83,45 @@ TEST(Commands, StreamsAndLabel) {
     EXPECT_NE(runOrThrow({"ntfsinfo", "-m", "-f", image}).find("Grüße"), std::string::npos);
 }
 
+// A deleted file comes back while nobody has its clusters, and what can be said of it is said.
+TEST(Commands, UndeleteCopiesWhatIsLeft) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string image = volume.image();
+    std::string content(2 << 20, 'x');
+    for (std::size_t i = 0; i < content.size(); i += 64) {
+        content.replace(i, 8, std::to_string(10'000'000 + i));
+    }
+    tavelinDone({"mkdir", image, "photos"});
+    tavelinDone({"put", image, "-", "first"}, "1"); // whose record the next new file gets
+    tavelinDone({"put", image, "-", "photos/big"}, content);
+    tavelinDone({"put", image, "-", "photos/small"}, "resident");
+    tavelinDone({"rm", image, "first", "photos/big", "photos/small"});
+    const std::string before = readFile(image);
+    std::map<std::string, json> deleted;
+    for (const json& file : tavelinItems({"undelete", "--list", image})) {
+        deleted[file.at("path")] = file;
+    }
+    ASSERT_TRUE(deleted.contains("/photos/big") && deleted.contains("/photos/small"));
+    const std::string big = deleted["/photos/big"].at("id");
+    EXPECT_EQ(deleted["/photos/big"].at("state"), "free");
+    tavelinDone({"undelete", image, big, host / "back"});
+    EXPECT_EQ(readFile(host / "back"), content);
+    tavelinDone({"undelete", image, deleted["/photos/small"].at("id"), host.path()});
+    EXPECT_EQ(readFile(host / "small"), "resident");
+    EXPECT_EQ(readFile(image), before);
+    expectRefusal(tavelinRun({"undelete", image, big, host / "back"}), kFailed, "exists");
+    expectRefusal(tavelinRun({"undelete", image, "1-1", host / "x"}), kFailed, "no deleted file");
+    expectRefusal(tavelinRun({"undelete", image, big}), 2, "--list");
+
+    // A file that fills the volume takes the clusters, and the record of "first".
+    const auto room = tavelinItems({"df", image}).at(0).at("freeBytes").get<std::size_t>();
+    tavelinDone({"put", image, "-", "filler"}, std::string(room - (1 << 20), 'f'));
+    expectRefusal(tavelinRun({"undelete", image, big, host / "y"}), kFailed,
+                  "belong to other files");
+    tavelinDone({"undelete", "--force", image, big, host / "y"});
+}
+
 // Reading leaves the image as it is, and what is printed for programs can be parsed.
 TEST(Commands, ThatLookPrintJSONAndChangeNothing) {
     const SampleVolume volume;

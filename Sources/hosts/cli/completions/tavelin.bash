@@ -27,7 +27,7 @@ _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
     commands="probe info ls stat find tree du df map hash diff cat readlink check get put sync tar
-        mkdir rm mv ln xattr label mount umount mounts events help"
+        undelete mkdir rm mv ln xattr label mount umount mounts events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
@@ -63,6 +63,7 @@ _tavelin() {
         diff) options+=" --quick --json" ;;
         get | put) options+=" -t --replace --no-streams --quiet --json" ;;
         sync) options+=" -n --delete --checksum --exclude --no-streams -v --quiet --json" ;;
+        undelete) options+=" --list --force --json" ;;
         tar) options+=" --no-streams" ;;
         mv) options+=" -t --replace" ;;
         mkdir) options+=" -p" ;;
@@ -112,12 +113,13 @@ _tavelin() {
         return
     fi
     word=$(_tavelin_unquoted "$word")
-    [ "$command" != label ] && paths=$(_tavelin_paths "$image" "${word#/}")
+    [[ $command != @(label|undelete) ]] && paths=$(_tavelin_paths "$image" "${word#/}")
     for item in $paths; do
         [[ $item == "${word#/}"* ]] && COMPREPLY+=("$item")
     done
     # Sources of put and targets of get are on the host.
-    if [ "$command" = put ] || [ "$command" = get ] || [ "$command" = sync ]; then
+    if [ "$command" = put ] || [ "$command" = get ] || [ "$command" = sync ] ||
+        [ "$command" = undelete ]; then
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
     fi
 }
