@@ -31,6 +31,7 @@ endif()
 if(TAVELIN_HOSTS)
   find_package(CLI11 REQUIRED)
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)
+  pkg_check_modules(EDIT REQUIRED IMPORTED_TARGET libedit)
   if(NOT APPLE) # whose system has no such libraries
     pkg_check_modules(BLKID REQUIRED IMPORTED_TARGET blkid)
     pkg_check_modules(ARCHIVE REQUIRED IMPORTED_TARGET libarchive)

@@ -2,7 +2,7 @@
 if(NOT TAVELIN_HOSTS)
   return()
 endif()
-foreach(page tavelin.1 tavelin-copy.1)
+foreach(page tavelin.1 tavelin-copy.1 tavelin-shell.1)
   configure_file(${PROJECT_SOURCE_DIR}/docs/${page}.in
                  ${PROJECT_BINARY_DIR}/generated/${page} @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/generated/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -24,6 +24,16 @@ std::deque<std::string> split(std::string_view path) {
     return components;
 }
 
+/// Those from the root on.
+std::deque<std::string> split(const VolumeClient& volume, std::string_view path) {
+    std::deque<std::string> components = split(path);
+    if (!path.starts_with('/')) {
+        const std::deque<std::string> above = split(volume.workingDirectory());
+        components.insert(components.begin(), above.begin(), above.end());
+    }
+    return components;
+}
+
 /// The way from the root to where a path has led so far.
 class Walker {
   public:
@@ -146,17 +156,18 @@ class TreeWalk {
 
 Outcome<Found> resolve(VolumeClient& volume, std::string_view path, LastLink last) {
     Walker walker(volume);
-    if (const auto error = walker.go(split(path), last)) {
+    if (const auto error = walker.go(split(volume, path), last)) {
         return *error;
     }
     return walker.end();
 }
 
 Outcome<Location> locate(VolumeClient& volume, std::string_view path) {
-    std::deque<std::string> components = split(path);
-    if (components.empty() || components.back() == "..") {
+    const std::deque<std::string> own = split(path);
+    if (own.empty() || own.back() == "..") {
         return fskit::fs_errorForPOSIXError(kEINVAL);
     }
+    std::deque<std::string> components = split(volume, path);
     std::string name = std::move(components.back());
     TAVELIN_ASSERT(!name.empty() && name != "." && name != "..");
     components.pop_back();

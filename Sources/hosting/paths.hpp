@@ -1,9 +1,10 @@
 /// Path-based work on a volume: for hosts whose users name items by paths.
 ///
-/// A path is relative to the volume's root, whether it begins with "/" or not. Empty components and
-/// "." do not count; ".." goes up, at the root to itself. Symbolic links on the way are followed
-/// inside the volume (an absolute target starts at its root), the last one only when asked to;
-/// more than kLinkDepthMax are kELOOP. May be called from any thread.
+/// A path that does not begin with "/" is relative to VolumeClient::workingDirectory(), which is
+/// the volume's root unless somebody sets it. Empty components and "." do not count; ".." goes up,
+/// at the root to itself. Symbolic links on the way are followed inside the volume (an absolute
+/// target starts at its root), the last one only when asked to; more than kLinkDepthMax are kELOOP.
+/// May be called from any thread.
 #pragma once
 
 #include "hosting/volume_client.hpp"

@@ -43,6 +43,11 @@ class VolumeClient {
     VolumeClient(const VolumeClient&) = delete;
     VolumeClient& operator=(const VolumeClient&) = delete;
 
+    /// Where relative paths begin, see hosting/paths.hpp: a path from the root, which it is at
+    /// first. Not to be set beside requests by path.
+    [[nodiscard]] const std::string& workingDirectory() const noexcept { return workingDirectory_; }
+    void setWorkingDirectory(std::string path) { workingDirectory_ = std::move(path); }
+
     // ---- Lookup and attributes -----------------------------------------------------------------
 
     /// The root directory; held from activation to close.
@@ -160,6 +165,7 @@ class VolumeClient {
 
     const std::shared_ptr<TavelinVolume> volume_;
     ItemRef root_; // after volume_, which it points into
+    std::string workingDirectory_ = "/";
 };
 
 } // namespace tavelin

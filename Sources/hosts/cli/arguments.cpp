@@ -32,6 +32,10 @@ std::string unknownOption(const std::string& list) {
 } // namespace
 
 void addVolume(CLI::App& command, VolumeArguments& arguments) {
+    if (const StandingVolume* const standing = StandingVolume::current()) {
+        arguments = standing->arguments();
+        return;
+    }
     addArgument(command, "IMAGE", arguments.image,
                 "Image file or block device; disk.img:2 is its second partition");
     addOptionLists(command, arguments.options,

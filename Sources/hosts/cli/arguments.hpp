@@ -26,7 +26,7 @@ class App;
 namespace tavelin::cli {
 
 /// IMAGE, -o and --read-only: the arguments of every command that opens a volume. IMAGE becomes the
-/// next positional argument.
+/// next positional argument. In a shell they are those of the open volume, and nothing is added.
 void addVolume(CLI::App& command, VolumeArguments& arguments);
 /// Leaves "-h" to an option of the command; its help answers to "--help" alone.
 void freeLetterOfHelp(CLI::App& command);

@@ -4,6 +4,7 @@
 #include "hosts/cli/failure.hpp"
 #include "hosts/cli/interruption.hpp"
 #include "hosts/cli/report.hpp"
+#include "hosts/cli/session.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
 #include "platform/assert.hpp"
@@ -28,6 +29,11 @@ constexpr const char* kRules =
     "is, to the byte.\n"
     "Exit status: 0 done, 1 failed with a message, 2 wrong usage.\n"
     "More: 'tavelin COMMAND --help' with examples, and 'man tavelin'.";
+
+constexpr const char* kRulesOfShell =
+    "The shell's own: cd [PATH] and pwd on the volume, lcd [DIR] on this system, exit.\n"
+    "PATHs that do not begin with \"/\" begin at the directory that cd has set. Words\n"
+    "with blanks are quoted.";
 
 const Command* findCommand(std::string_view name) {
     const auto table = commandTable();
@@ -69,9 +75,17 @@ class HelpText final : public CLI::Formatter {
 
     std::string make_usage(const CLI::App* app, std::string) const override {
         const Command* const command = findCommand(app->get_name());
-        return command == nullptr
-                   ? "Usage: tavelin COMMAND [OPTIONS] IMAGE [PATH...]\n"
-                   : fmt::format("Usage: tavelin {} {}\n", command->name, command->synopsis);
+        const bool isShell = StandingVolume::current() != nullptr;
+        const std::string_view program = isShell ? "" : "tavelin ";
+        const std::string_view arguments =
+            command == nullptr ? "[OPTIONS] IMAGE [PATH...]" : command->synopsis;
+        std::string usage = fmt::format("Usage: {}{} {}\n", program,
+                                        command == nullptr ? "COMMAND" : command->name, arguments);
+        constexpr std::string_view kImage = " IMAGE";
+        if (const std::size_t image = usage.find(kImage); isShell && image != std::string::npos) {
+            usage.erase(image, kImage.size());
+        }
+        return usage;
     }
     std::string make_option_opts(const CLI::Option* option) const override {
         const std::string type = option->get_type_name();
@@ -183,12 +197,14 @@ void defineAll(CLI::App& app) {
                          "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);
-    app.footer(kRules);
+    app.footer(StandingVolume::current() == nullptr ? kRules : kRulesOfShell);
     for (const Command& row : commandTable()) {
         CLI::App* const command =
             app.add_subcommand(std::string(row.name), std::string(row.summary));
         command->group(std::string(row.group));
-        command->footer(exampleText(row));
+        if (StandingVolume::current() == nullptr) { // they name an image
+            command->footer(exampleText(row));
+        }
         row.define(*command);
     }
 }
@@ -265,13 +281,9 @@ ExitStatus run(const std::vector<std::string>& words, int& signal) {
 
 } // namespace
 
-int runCommandLine(int argc, char** argv) {
-    // argc is 0 when the program was started without even its own name.
-    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+ExitStatus runCommand(const std::vector<std::string>& words, int& signal) {
     ExitStatus status = ExitStatus::done;
-    int signal = 0;
     try {
-        keepLogOffTerminal();
         begin(words);
         status = run(words, signal);
         endReport(status);
@@ -281,6 +293,15 @@ int runCommandLine(int argc, char** argv) {
         complain(error.what());
         status = status == ExitStatus::done ? ExitStatus::failed : status;
     }
+    return status;
+}
+
+int runCommandLine(int argc, char** argv) {
+    keepLogOffTerminal();
+    // argc is 0 when the program was started without even its own name.
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    int signal = 0;
+    const ExitStatus status = runCommand(words, signal);
     if (signal != 0) {
         endBySignal(signal);
     }

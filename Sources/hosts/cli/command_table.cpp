@@ -9,6 +9,7 @@ namespace {
 constexpr std::string_view kLook = "Look at a volume";
 constexpr std::string_view kCopy = "Copy in and out";
 constexpr std::string_view kChange = "Change a volume";
+constexpr std::string_view kMany = "Run several commands";
 #ifdef TAVELIN_FUSE
 constexpr std::string_view kMount = "Mount";
 #endif
@@ -135,6 +136,15 @@ constexpr std::array kCommands{
             "label disk.img\n"
             "label disk.img \"Holiday photos\"",
             defineLabel},
+    Command{"shell", kMany, "Type commands at an open volume", "[-o OPTIONS] [--read-only] IMAGE",
+            "shell disk.img  ## cd, ls, get, put …, with completion; 'help' lists all\n"
+            "shell --read-only /dev/sdb1",
+            defineShell},
+    Command{"batch", kMany, "Run the commands of a file on an open volume",
+            "[-k] [-o OPTIONS] IMAGE [FILE]",
+            "batch disk.img commands.txt\n"
+            "printf 'mkdir new\\ncd new\\nput a.jpg\\n' | tavelin batch disk.img",
+            defineBatch},
 #ifdef TAVELIN_FUSE
     Command{"mount", kMount, "Make a volume's files appear below a directory",
             "[-o OPTIONS] [-r] [--foreground] [--trace] IMAGE DIR",

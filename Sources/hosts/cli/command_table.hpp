@@ -53,6 +53,9 @@ void defineGet(CLI::App& command); // copy_commands.cpp
 void definePut(CLI::App& command);
 void defineSync(CLI::App& command); // sync_command.cpp
 void defineTar(CLI::App& command);  // tar_command.cpp, where there is libarchive
+/// Many commands over one open volume.
+void defineShell(CLI::App& command); // shell/shell_commands.cpp
+void defineBatch(CLI::App& command);
 void defineUndelete(CLI::App& command); // undelete_command.cpp
 /// Changes of names.
 void defineMkdir(CLI::App& command); // name_commands.cpp

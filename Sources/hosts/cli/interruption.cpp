@@ -9,7 +9,7 @@
 namespace tavelin::cli {
 namespace {
 
-// Set by the signal handler, which may touch nothing but lock-free atomics. Never cleared.
+// Set by the signal handler, which may touch nothing but lock-free atomics.
 std::atomic<int> arrivedSignal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "set by a signal handler");
 
@@ -36,6 +36,11 @@ void throwIfInterrupted() {
         TAVELIN_ASSERT(signal == SIGINT || signal == SIGTERM || signal == SIGHUP);
         throw Interruption(signal);
     }
+}
+
+void forgetInterruption() {
+    arrivedSignal = 0;
+    takeInterruptions();
 }
 
 void endBySignal(int signal) {

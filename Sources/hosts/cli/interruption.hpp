@@ -29,6 +29,10 @@ void takeInterruptions();
 /// that unwinding removes half-done items and the volume is closed. Any thread.
 void throwIfInterrupted();
 
+/// Takes the signal that has arrived as dealt with: the next one interrupts again. For a shell,
+/// which outlives its commands.
+void forgetInterruption();
+
 /// Ends the process by a signal, as if nothing had handled it.
 [[noreturn]] void endBySignal(int signal);
 

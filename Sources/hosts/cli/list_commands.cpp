@@ -238,7 +238,8 @@ class Lister {
 void runList(const ListCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         Lister lister(session.volume(), command);
-        const auto paths = command.paths.empty() ? std::vector<std::string>{"/"} : command.paths;
+        const auto paths =
+            command.paths.empty() ? std::vector<std::string>{usualDirectory()} : command.paths;
         forEachPath(paths, [&](const std::string& path) { lister.list(path, paths.size() > 1); });
         if (lister.hasFailed()) {
             throw Failure("");

@@ -40,9 +40,9 @@ void beginItems(Report& report) {
 } // namespace
 
 void beginReport(const std::string& command, bool json) {
-    Report& report = theReport();
-    report.command = command;
-    report.json = json;
+    theReport() = {};
+    theReport().command = command;
+    theReport().json = json;
 }
 
 bool isReportJSON() {

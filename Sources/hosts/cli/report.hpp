@@ -15,8 +15,8 @@
 
 namespace tavelin::cli {
 
-/// Called once, before everything else here. `command` stands in front of messages; empty while no
-/// command is known. With `json` the command answers with an object.
+/// Called before everything else here, once a command. `command` stands in front of messages; empty
+/// while no command is known. With `json` the command answers with an object.
 void beginReport(const std::string& command, bool json);
 
 /// Whether the answer is an object. Commands then print nothing but by addItem().

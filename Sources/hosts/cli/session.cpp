@@ -185,6 +185,41 @@ VolumeFacts Session::facts() {
             valueOf(requests.ioStatistics(), image_)};
 }
 
+namespace {
+StandingVolume* theStandingVolume = nullptr;
+} // namespace
+
+StandingVolume::StandingVolume(Session& session, const VolumeArguments& arguments,
+                               bool syncs) noexcept
+    : session_(session), arguments_(arguments), syncs_(syncs) {
+    TAVELIN_ASSERT(theStandingVolume == nullptr);
+    theStandingVolume = this;
+}
+
+StandingVolume::~StandingVolume() {
+    theStandingVolume = nullptr;
+}
+
+StandingVolume* StandingVolume::current() noexcept {
+    return theStandingVolume;
+}
+
+void StandingVolume::begin(Access access) {
+    if (access == Access::change && session_.volume().isReadOnly()) {
+        throw Failure("nothing was changed, the volume is open for reading only");
+    }
+}
+
+void StandingVolume::end(Access access) {
+    if (access == Access::change && syncs_) {
+        valueOf(session_.volume().synchronize(), arguments_.image);
+    }
+}
+
+std::string usualDirectory() {
+    return theStandingVolume == nullptr ? "/" : ".";
+}
+
 void Session::close() {
     TAVELIN_ASSERT(host_ != nullptr);
     if (auto closed = host_->close(); !closed) {

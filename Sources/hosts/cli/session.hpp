@@ -81,10 +81,53 @@ class Session {
     std::unique_ptr<ModuleHost> host_;
 };
 
-/// Opens the volume, calls `work(session)` and closes. Throws Failure when any of them fails. A
-/// failure of closing is reported together with one of the work: both may have lost changes.
+/// The volume that a shell keeps open for its commands, which then take no IMAGE. At most one in
+/// the process, and not owned: session and arguments outlive it.
+class StandingVolume {
+  public:
+    /// With `syncs` each command that changes something ends only when that is on the medium; else
+    /// it is so when the session is closed.
+    StandingVolume(Session& session, const VolumeArguments& arguments, bool syncs) noexcept;
+    ~StandingVolume();
+    StandingVolume(const StandingVolume&) = delete;
+    StandingVolume& operator=(const StandingVolume&) = delete;
+
+    /// Null outside of shells.
+    [[nodiscard]] static StandingVolume* current() noexcept;
+
+    [[nodiscard]] Session& session() noexcept { return session_; }
+    [[nodiscard]] const VolumeArguments& arguments() const noexcept { return arguments_; }
+
+    /// To be called before and after the work of a command. They throw Failure: a volume that was
+    /// opened for reading is not changed, and a change that does not reach the medium has failed.
+    void begin(Access access);
+    void end(Access access);
+
+  private:
+    Session& session_;
+    const VolumeArguments& arguments_;
+    const bool syncs_;
+};
+
+/// The directory that a command without a path takes: the root, in a shell its working directory.
+[[nodiscard]] std::string usualDirectory();
+
+/// Opens the volume, calls `work(session)` and closes; in a shell, works on the open one. Throws
+/// Failure when any of that fails. A failure of closing is reported together with one of the
+/// work: both may have lost changes.
 template<typename Work>
 void withVolume(const VolumeArguments& arguments, Access access, Work&& work) {
+    if (StandingVolume* const standing = StandingVolume::current()) {
+        standing->begin(access);
+        try {
+            work(standing->session());
+        } catch (const Failure&) {
+            standing->end(access); // what was finished before stays
+            throw;
+        }
+        standing->end(access);
+        return;
+    }
     Session session(arguments, access);
     try {
         work(session);

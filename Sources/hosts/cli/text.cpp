@@ -1,5 +1,6 @@
 #include "hosts/cli/text.hpp"
 
+#include "hosts/cli/session.hpp"
 #include "platform/assert.hpp"
 
 #include <fmt/format.h>
@@ -248,6 +249,11 @@ std::string lastComponent(std::string_view path) {
 
 std::string rooted(std::string_view path) {
     std::string result;
+    if (StandingVolume* const standing = StandingVolume::current();
+        standing != nullptr && !path.starts_with('/')) {
+        result = standing->session().volume().workingDirectory();
+        result = result == "/" ? "" : result;
+    }
     while (!path.empty()) {
         const std::size_t slash = std::min(path.find('/'), path.size());
         const std::string_view component = path.substr(0, slash);

@@ -43,7 +43,8 @@ namespace tavelin::cli {
 
 /// A path's last component: "c" of "a/b/c/"; empty for the root.
 [[nodiscard]] std::string lastComponent(std::string_view path);
-/// A path from the root: "/a/b" of "a//./b". A ".." stays as it is.
+/// A path from the root: "/a/b" of "a//./b". A ".." stays as it is. Relative paths begin at the
+/// root, in a shell at its working directory.
 [[nodiscard]] std::string rooted(std::string_view path);
 /// A name in a directory, as a path; `directory` may be empty or end in "/".
 [[nodiscard]] std::string joined(std::string_view directory, std::string_view name);

@@ -42,8 +42,9 @@ void visitEach(const TreeCommand& command, const std::vector<std::string>& paths
         forEachPath(paths, [&](const std::string& path) {
             const Found found = valueOf(resolve(session.volume(), path), path);
             if (begin(path, found)) {
-                isComplete &= visitTree(session.volume(), found.item,
-                                        lastComponent(path).empty() ? "" : path, visitor);
+                isComplete &=
+                    visitTree(session.volume(), found.item,
+                              lastComponent(path).empty() || path == "." ? "" : path, visitor);
             }
         });
         if (!isComplete) {
@@ -53,7 +54,7 @@ void visitEach(const TreeCommand& command, const std::vector<std::string>& paths
 }
 
 std::vector<std::string> orRoot(const std::vector<std::string>& paths) {
-    return paths.empty() ? std::vector<std::string>{"/"} : paths;
+    return paths.empty() ? std::vector<std::string>{usualDirectory()} : paths;
 }
 
 std::string amount(const TreeCommand& command, std::uint64_t bytes) {
@@ -90,7 +91,7 @@ void runFind(const TreeCommand& command) {
                 return true;
             },
         .leave = {}};
-    visitEach(command, {"/"}, visitor, [](const auto&, const Found&) { return true; });
+    visitEach(command, {usualDirectory()}, visitor, [](const auto&, const Found&) { return true; });
 }
 
 // ---- tree --------------------------------------------------------------------------------------

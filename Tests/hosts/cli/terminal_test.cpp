@@ -1,47 +1,13 @@
 // What is different when a person is watching.
+#include "on_terminal.hpp"
 #include "tavelin_program.hpp"
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
-#include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace tavelin::test {
 namespace {
-
-/// All that a terminal receives while `tavelin` runs on it. An absent NO_COLOR is not set.
-std::string onTerminal(std::vector<std::string> words, const char* noColour = nullptr,
-                       const char* kind = "xterm", unsigned short columns = 100) {
-    words.insert(words.begin(), TAVELIN_PROGRAM);
-    std::vector<char*> arguments;
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
-    winsize size{24, columns, 0, 0};
-    int terminal = -1;
-    const pid_t process = forkpty(&terminal, nullptr, nullptr, &size);
-    if (process == 0) {
-        setenv("TERM", kind, 1);
-        noColour == nullptr ? unsetenv("NO_COLOR") : setenv("NO_COLOR", noColour, 1);
-        execv(arguments.front(), arguments.data());
-        _exit(127);
-    }
-    std::string received;
-    char piece[4096];
-    // A terminal whose last user is gone answers an error rather than an end.
-    for (ssize_t count; (count = read(terminal, piece, sizeof piece)) > 0;) {
-        received.append(piece, static_cast<std::size_t>(count));
-    }
-    close(terminal);
-    int status = 0;
-    waitpid(process, &status, 0);
-    EXPECT_EQ(status, 0) << received;
-    return received;
-}
 
 TEST(Terminal, NamesCannotDriveIt) {
     const SampleVolume volume;

@@ -26,8 +26,8 @@ _tavelin_unquoted() {
 _tavelin() {
     local word=$2 commands command="" image="" index item
     local before=()
-    commands="probe info ls stat find tree du df map hash diff cat readlink check get put sync tar
-        undelete mkdir rm mv ln xattr label mount umount mounts events help"
+    commands="probe info ls stat find tree du df map hash diff cat readlink check get put sync
+        tar undelete mkdir rm mv ln xattr label shell batch mount umount mounts events help"
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
@@ -69,6 +69,7 @@ _tavelin() {
         mkdir) options+=" -p" ;;
         rm) options+=" -r -f" ;;
         ln) options+=" -s" ;;
+        batch) options+=" -k" ;;
         check) options+=" --deep -q -n -y --json" ;;
         mount) options="--help --read-only -o --foreground --trace" ;;
         umount) options="--help" ;;

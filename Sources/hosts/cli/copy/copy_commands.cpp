@@ -305,7 +305,7 @@ void refuseSecondSource(const FromTo& paths) {
 }
 
 void runPut(const CopyCommand& command) {
-    const FromTo paths = apart(command, "/");
+    const FromTo paths = apart(command, usualDirectory());
     if (!paths.mustBeDirectory && !command.replace) {
         refuseSecondSource(paths);
     }
