@@ -83,7 +83,10 @@ RunningProcess::RunningProcess(const std::vector<std::string>& arguments) {
     ::posix_spawnattr_init(&attributes);
     sigset_t defaults;
     ::sigemptyset(&defaults);
-    ::sigaddset(&defaults, SIGPIPE);
+    // Also the two that a shell has its background jobs ignore.
+    for (const int signal : {SIGPIPE, SIGINT, SIGQUIT}) {
+        ::sigaddset(&defaults, signal);
+    }
     ::posix_spawnattr_setsigdefault(&attributes, &defaults);
     ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     std::vector<char*> argv;

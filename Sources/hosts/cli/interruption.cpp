@@ -22,7 +22,11 @@ void takeInterruptions() {
     // SA_RESTART: a read that waits for a pipe must end with EINTR to see the flag.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(signal, &action, nullptr); // cannot fail for these
+        struct sigaction before {};
+        sigaction(signal, nullptr, &before); // cannot fail for these, nor below
+        if (before.sa_handler != SIG_IGN) {
+            sigaction(signal, &action, nullptr);
+        }
     }
     // A closed pipe would otherwise end the process in the middle of a change. Writing to it fails
     // with EPIPE instead.

@@ -68,6 +68,17 @@ TEST(FailingImage, AnInterruptedPutLeavesNoHalfFile) {
     volume.check();
 }
 
+TEST(FailingImage, NohupKeepsAPutGoing) {
+    const SampleVolume volume;
+    const std::string content(3 << 20, 'x'); // more than a pipe holds: its writing has begun
+    RunningProcess writer({"sh", "-c", "trap '' HUP; exec \"$@\"", "sh", TAVELIN_PROGRAM, "put",
+                           volume.image(), "-", "file"});
+    writer.write(content);
+    writer.signal(SIGHUP);
+    EXPECT_EQ(writer.finish().status, 0);
+    EXPECT_EQ(volume.cat("file"), content);
+}
+
 TEST(FailingImage, OutputThatNobodyTakesIsAFailure) {
     const SampleVolume volume;
     tavelinDone({"put", volume.image(), "-", "file"}, std::string(1 << 20, 'x'));

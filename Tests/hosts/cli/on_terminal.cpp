@@ -22,6 +22,10 @@ std::string onTerminal(std::vector<std::string> words, const char* noColour, con
     int terminal = -1;
     const pid_t process = forkpty(&terminal, nullptr, nullptr, &size);
     if (process == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        pthread_sigmask(SIG_SETMASK, &none, nullptr);
+        std::signal(SIGINT, SIG_DFL); // which a shell has its background jobs ignore
         setenv("TERM", kind, 1);
         noColour == nullptr ? unsetenv("NO_COLOR") : setenv("NO_COLOR", noColour, 1);
         execv(arguments.front(), arguments.data());
@@ -34,15 +38,17 @@ std::string onTerminal(std::vector<std::string> words, const char* noColour, con
     // A terminal whose last user is gone answers an error rather than an end.
     for (ssize_t count; (count = read(terminal, piece, sizeof piece)) > 0;) {
         received.append(piece, static_cast<std::size_t>(count));
-        if (next != dialogue.end() && received.find(next->first, seen) != std::string::npos) {
-            seen = received.size();
+        // What is left behind a match may hold the next one. Nothing more comes until it is answered.
+        for (std::size_t at = 0;
+             next != dialogue.end() && (at = received.find(next->first, seen)) != std::string::npos;
+             ++next) {
+            seen = at + next->first.size();
             if (next->second == kCtrlC) {
                 kill(process, SIGINT);
             } else {
                 EXPECT_EQ(write(terminal, next->second.data(), next->second.size()),
                           static_cast<ssize_t>(next->second.size()));
             }
-            ++next;
         }
     }
     EXPECT_EQ(next, dialogue.end()) << received;

@@ -7,7 +7,8 @@
 
 namespace tavelin::test {
 
-// What a person types once the terminal has shown something since the last time.
+// What a person types once the terminal has shown something behind what was answered last. What is
+// typed before the prompt is shown may be dropped with the terminal's change of mode.
 using Dialogue = std::vector<std::pair<std::string, std::string>>; // shown, then typed
 
 // Sent as the signal that it makes. Typed, it would also have the terminal drop what the program

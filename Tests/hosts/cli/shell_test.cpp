@@ -78,11 +78,12 @@ TEST(Shell, CompletesWordsAndOutlivesCtrlC) {
         onTerminal({"shell", image}, "1", "xterm", 100,
                    {{"/> ", "cd pho\tmy\t\n"},
                     {"/photos/my summer> ", "l\t"},
-                    {"label", kCtrlC}, // with several ways to go on, they are shown
+                    {"label", ""}, // with several ways to go on, they are shown
+                    {"/photos/my summer> l", kCtrlC},
                     {"/photos/my summer> ", "ls; nothing "},
                     {"nothing ", kCtrlC},
                     {"/photos/my summer> ", "ls\n"},
-                    {"raw", "rm raw\n"},
+                    {"raw\r\n/photos/my summer> ", "rm raw\n"},
                     {"its contents\r\n/photos/my summer> ", "\x04"}});
     EXPECT_EQ(shown.find("\x1b[2Jwinter"), std::string::npos) << shown;
     volume.check();

@@ -153,11 +153,24 @@ LineEditor::~LineEditor() = default;
 std::optional<std::string> LineEditor::read(const std::string& prompt) {
     state_->prompt = prompt;
     const State::SignalsHeldBack signals;
-    throwIfInterrupted();
     state_->signals = &signals;
     int count = 0;
-    const char* const line = el_gets(state_->editor.get(), &count);
-    throwIfInterrupted();
+    const char* line = nullptr;
+    while (true) {
+        try {
+            throwIfInterrupted();
+            line = el_gets(state_->editor.get(), &count);
+            throwIfInterrupted();
+            break;
+        } catch (const Interruption& interruption) {
+            if (interruption.signal() != SIGINT) {
+                throw;
+            }
+            // While signals are held back: the next one must not meet its default action.
+            forgetInterruption();
+            std::fputc('\n', stdout);
+        }
+    }
     if (line == nullptr || count <= 0) {
         return std::nullopt;
     }
