@@ -171,6 +171,31 @@ TEST_F(MountData, TrimmingGivesTheRoomOfRemovedFilesBackAndNothingElse) {
     EXPECT_EQ(trim(*this / ""), -EROFS);
 }
 
+// A device is told otherwise than an image file.
+TEST_F(MountData, TrimmingReachesTheMediumOfADevice) {
+    served_.reset();
+    const ProcessResult attached = run({"losetup", "--find", "--show", volume_->image()});
+    if (!attached.ok()) {
+        GTEST_SKIP() << "there are no loop devices: " << attached.err;
+    }
+    const std::string device = attached.out.substr(0, attached.out.find('\n'));
+    served_ = std::make_unique<ServedVolume>(device);
+    runOrThrow({"dd", "if=/dev/urandom", "of=" + path("kept"), "bs=1M", "count=4"});
+    runOrThrow({"dd", "if=/dev/urandom", "of=" + path("removed"), "bs=1M", "count=40"});
+    const std::string kept = readFile(*this / "kept");
+    EXPECT_GT(trim(*this / ""), 0);
+    const int64_t before = allocatedBytes(*volume_);
+    fs::remove(*this / "removed");
+    for (int i = 0; i < 100 && allocatedBytes(*volume_) > before - 40 * int64_t{kMiB}; ++i) {
+        EXPECT_GT(trim(*this / ""), 0); // the kernel may not have let the file go yet
+    }
+    EXPECT_LE(allocatedBytes(*volume_), before - 40 * int64_t{kMiB});
+    EXPECT_EQ(served_->unmount(), 0);
+    runOrThrow({"losetup", "--detach", device});
+    mount();
+    EXPECT_TRUE(readFile(*this / "kept") == kept);
+}
+
 // Writes, mapped writes, growing and shrinking against a copy in memory, with pages left dirty.
 TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
     constexpr size_t kFileBytesMax = 3 << 20;

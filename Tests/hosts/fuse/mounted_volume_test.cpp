@@ -187,6 +187,20 @@ TEST_F(MountedVolumeTest, AListingGoesWithTheLastStream) {
 }
 
 // What a volume may have under the name of the orphan directory, and what is left of it.
+TEST_F(MountedVolumeTest, TrimsOnceAtATime) {
+    const NTFSTrimRange all{.offset = 0, .length = UINT64_MAX, .minimum = 0};
+    const auto always = [] { return true; };
+    int asked = 0;
+    EXPECT_TRUE(mounted_->trim(all, [&] {
+        const Outcome<uint64_t> second = mounted_->trim(all, always);
+        EXPECT_TRUE(!second && second.error().code() == kEBUSY);
+        ++asked;
+        return true;
+    }));
+    EXPECT_GT(asked, 0);
+    EXPECT_TRUE(mounted_->trim(all, always));
+}
+
 TEST_F(MountedVolumeTest, OnlyWhatThisHostMadeIsHiddenOrRemoved) {
     const std::string name(OrphanDirectory::kName);
     const auto directory = [&](VolumeClient& volume, bool marked) {

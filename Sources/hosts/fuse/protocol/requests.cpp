@@ -163,7 +163,7 @@ void control(fuse_req_t request, fuse_ino_t /*node*/, unsigned command, void* /*
             return;
         }
         std::memcpy(&range, given, sizeof range);
-        const Outcome<uint64_t> trimmed = volumeOf(request).volume().requests().trim(
+        const Outcome<uint64_t> trimmed = volumeOf(request).trim(
             {.offset = range.start, .length = range.len, .minimum = range.minlen},
             [request] { return fuse_req_interrupted(request) == 0; });
         if (!trimmed) {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <linux/fs.h>
 #include <linux/fuse.h>
 #include <system_error>
 #include <thread>
@@ -41,9 +42,10 @@ bool shouldHandOff(const fuse_buf& request) {
         return static_cast<const fuse_read_in*>(arguments)->size >= kHandOffBytesMin;
     case FUSE_WRITE:
         return static_cast<const fuse_write_in*>(arguments)->size >= kHandOffBytesMin;
+    case FUSE_IOCTL: // others, such as isatty(3) makes, are refused at once
+        return static_cast<const fuse_ioctl_in*>(arguments)->cmd == FITRIM;
     case FUSE_FSYNC:
     case FUSE_FSYNCDIR:
-    case FUSE_IOCTL:
         return true;
     default:
         return false;

@@ -238,4 +238,16 @@ Outcome<void> MountedVolume::finish() {
     return volume_.isReadOnly() ? Outcome<void>() : orphans_.releaseAll();
 }
 
+Outcome<uint64_t> MountedVolume::trim(const NTFSTrimRange& range,
+                                      const std::function<bool()>& goesOn) {
+    if (isTrimming_.exchange(true)) {
+        return fs_errorForPOSIXError(kEBUSY);
+    }
+    const struct End {
+        std::atomic<bool>& mark;
+        ~End() { mark = false; }
+    } end{isTrimming_};
+    return volume_.requests().trim(range, goesOn);
+}
+
 } // namespace tavelin::fusehost

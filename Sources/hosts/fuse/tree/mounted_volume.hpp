@@ -105,6 +105,9 @@ class MountedVolume {
     Outcome<void> synchronize();
     /// Removes all orphans, for unmounting.
     Outcome<void> finish();
+    /// Tells the device what is free, see NTFSVolume::trim(). One at a time, since it may take
+    /// minutes of a worker's time: kEBUSY while another is at it.
+    Outcome<uint64_t> trim(const NTFSTrimRange& range, const std::function<bool()>& goesOn);
 
   private:
     /// Counts the node of an item for a reply.
@@ -164,6 +167,7 @@ class MountedVolume {
     OrphanFiles orphans_;
     DentryInvalidationQueue invalidations_;
     std::atomic<bool> unusableNamesTold_ = false; // in the log, once a mount
+    std::atomic<bool> isTrimming_ = false;
 };
 
 } // namespace tavelin::fusehost
