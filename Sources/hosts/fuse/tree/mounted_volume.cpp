@@ -3,6 +3,7 @@
 #include "core/driver2/item_identity.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
+#include "platform/utf8.hpp"
 
 #include <algorithm>
 #include <ctime>
@@ -65,7 +66,8 @@ Entry MountedVolume::acquire(Found found) {
 }
 
 Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::string_view name) {
-    if (unitsOf(name) > volume_.requests().maximumNameLength()) {
+    // Bytes that are no text have no such length; the volume refuses them as what they are.
+    if (unitsOf(name) > volume_.requests().maximumNameLength() && isUTF8OrSurrogates(name)) {
         return fs_errorForPOSIXError(kENAMETOOLONG); // the volume has no such name, and never will
     }
     Outcome<std::optional<Found>> child = find(directory, name);
