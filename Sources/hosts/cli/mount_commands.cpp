@@ -109,8 +109,9 @@ void defineMount(CLI::App& command) {
     addArgument(command, "DIR", arguments->directory, "The directory to mount on");
     addOptionLists(
         command, arguments->options,
-        "Options, comma separated: ro, windows_names, ignore_case, nocheck, uid=, gid=, umask=, "
-        "fmask=, dmask=, streams_interface=none, allow_other, low_latency, no_sandbox, and "
+        "Options, comma separated: ro, windows_names, ignore_case, nocheck, "
+        "symlinks=windows|interix, uid=, gid=, umask=, fmask=, dmask=, permissions, "
+        "default_permissions, streams_interface=none, allow_other, low_latency, no_sandbox, and "
         "the kernel's own such as noexec");
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,
