@@ -11,6 +11,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <pty.h>
 #include <seccomp.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -51,6 +54,39 @@ TEST_F(MountSandbox, IsAroundEveryThreadUnlessAskedNotToBe) {
             EXPECT_EQ(filter, wanted) << status;
         }
     }
+}
+
+// What is typed is not the server's to read, although it prints there.
+TEST_F(MountSandbox, ReadsNothingFromItsTerminal) {
+    served_.reset();
+    const TempDirectory directory;
+    const std::string image = volume_->image();
+    MountTableWatch mounts;
+    int terminal = -1;
+    const pid_t server = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (server == 0) {
+        ::execl(TAVELIN_PROGRAM, "tavelin", "mount", "--foreground", image.c_str(),
+                directory.path().c_str(), nullptr);
+        ::_exit(1);
+    }
+    const FileDescriptor held(terminal);
+    while (!fusehost::findMount(directory.path())) {
+        ASSERT_TRUE(mounts.await());
+    }
+    const fs::path process = "/proc/" + std::to_string(server);
+    EXPECT_EQ(fs::read_symlink(process / "fd/0"), "/dev/null");
+    for (const char* printing : {"1", "2"}) {
+        EXPECT_TRUE(fs::read_symlink(process / "fd" / printing).string().starts_with("/dev/pts/"));
+        const std::string state = readFile(process / "fdinfo" / printing);
+        unsigned flags = 0;
+        ASSERT_EQ(std::sscanf(state.c_str(), "pos: %*u flags: %o", &flags), 1) << state;
+        EXPECT_EQ(flags & O_ACCMODE, static_cast<unsigned>(O_WRONLY)) << state;
+    }
+    EXPECT_EQ(run({TAVELIN_PROGRAM, "umount", directory.path()}).status, 0);
+    int status = -1;
+    EXPECT_EQ(::waitpid(server, &status, 0), server);
+    EXPECT_EQ(status, 0);
+    mount();
 }
 
 // The log is full when the volume is mounted.

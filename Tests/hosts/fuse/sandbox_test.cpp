@@ -20,6 +20,7 @@
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -118,6 +119,11 @@ const std::vector<Attempt>& attempts() {
         {"umount2", [] { (void)::umount2("/nonexistent", 0); }},
         {"setresuid", call(SYS_setresuid, 0, 0, 0)},
         {"io_uring_setup", call(SYS_io_uring_setup, 1, nullptr)},
+        {"newfstatat",
+         [] {
+             struct stat status {};
+             (void)::syscall(SYS_newfstatat, AT_FDCWD, "/etc/hostname", &status, AT_EMPTY_PATH);
+         }},
         {"unlinkat", call(SYS_unlinkat, AT_FDCWD, "/nonexistent", 0)},
     };
     return all;
@@ -159,6 +165,11 @@ TEST_F(Sandbox, LetsServingGoOn) {
         if (::open("/proc/sys/vm/overcommit_memory", O_RDONLY) != -1 || errno != EACCES ||
             ::get_nprocs() < 1) {
             return 3;
+        }
+        struct stat errors {};
+        if (::fstat(STDERR_FILENO, &errors) != 0 || !S_ISFIFO(errors.st_mode) ||
+            ::fstat(-1, &errors) != -1 || errno != EBADF) {
+            return 4;
         }
         try {
             throw std::runtime_error(std::string(1 << 20, 'x'));

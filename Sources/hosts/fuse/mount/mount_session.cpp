@@ -20,10 +20,11 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -268,6 +269,23 @@ class Mount {
     bool lost_ = false;
 };
 
+// A server reads nothing that is typed, also not by way of a terminal that it prints on.
+void giveUpInput() {
+    const FileDescriptor nothing("/dev/null", O_RDONLY);
+    if (!nothing || ::dup2(nothing.get(), STDIN_FILENO) == -1) {
+        throw std::system_error(errno, std::generic_category(), "/dev/null");
+    }
+    for (const int printing : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (::isatty(printing) == 1) {
+            const std::string same = fmt::format("/proc/self/fd/{}", printing);
+            const FileDescriptor writing(same.c_str(), O_WRONLY | O_NOCTTY);
+            if (writing) { // else another user's, as under su(1): kept as it is
+                ::dup2(writing.get(), printing);
+            }
+        }
+    }
+}
+
 } // namespace
 
 int mountVolume(const MountRequest& request) {
@@ -286,6 +304,7 @@ int mountVolume(const MountRequest& request) {
             return daemon.awaitServer();
         }
         ::signal(SIGPIPE, SIG_IGN); // who listens may leave; the volume is served all the same
+        giveUpInput();
         Broker broker(absolute);
         return Mount(absolute, daemon, broker).run();
     } catch (const fs::filesystem_error& failure) {

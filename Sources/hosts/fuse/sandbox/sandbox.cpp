@@ -4,10 +4,12 @@
 #include "hosts/fuse/sandbox/system_call_filter.hpp"
 #include "platform/error_numbers.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <string_view>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -32,38 +34,47 @@ constexpr std::string_view kLibraryFiles[] = {
 };
 
 #if defined(__x86_64__)
-constexpr int kOpenCall = SYS_openat; // the C library's way to open since long ago
-const char* pathOfOpen(const ucontext_t& call) {
-    return std::bit_cast<const char*>(call.uc_mcontext.gregs[REG_RSI]);
+uint64_t argument(const ucontext_t& call, int position) {
+    constexpr int kRegisters[] = {REG_RDI, REG_RSI, REG_RDX};
+    return static_cast<uint64_t>(call.uc_mcontext.gregs[kRegisters[position]]);
 }
-void setResult(ucontext_t& call, int error) {
-    call.uc_mcontext.gregs[REG_RAX] = -error;
+void setResult(ucontext_t& call, int64_t result) {
+    call.uc_mcontext.gregs[REG_RAX] = result;
 }
 #elif defined(__aarch64__)
-constexpr int kOpenCall = SYS_openat;
-const char* pathOfOpen(const ucontext_t& call) {
-    return std::bit_cast<const char*>(call.uc_mcontext.regs[1]);
+uint64_t argument(const ucontext_t& call, int position) {
+    return call.uc_mcontext.regs[position];
 }
-void setResult(ucontext_t& call, int error) {
-    call.uc_mcontext.regs[0] = static_cast<unsigned long long>(-error);
+void setResult(ucontext_t& call, int64_t result) {
+    call.uc_mcontext.regs[0] = static_cast<uint64_t>(result);
 }
 #else
-constexpr int kOpenCall = -1; // where the registers are is not known: every such call is fatal
-const char* pathOfOpen(const ucontext_t&) {
-    return "";
+uint64_t argument(const ucontext_t& /*call*/, int /*position*/) {
+    return 0; // nobody asks
 }
-void setResult(ucontext_t&, int) {}
+void setResult(ucontext_t& /*call*/, int64_t /*result*/) {}
 #endif
 
-bool isOfLibrary(const ucontext_t& call) {
-    const char* const path = pathOfOpen(call);
-    if (path == nullptr) {
+// Of openat and newfstatat alike. A pointer that leads nowhere ends the process as well.
+std::string_view pathOf(const ucontext_t& call) {
+    const auto* const path = std::bit_cast<const char*>(argument(call, 1));
+    return path == nullptr ? std::string_view("?") : std::string_view(path);
+}
+
+// Answers what the C library may ask for. False for anything else.
+bool answerLibrary(int number, ucontext_t& call) {
+    if constexpr (!kHandlerSeesArguments) {
         return false;
     }
-    for (const std::string_view file : kLibraryFiles) {
-        if (path == file) {
-            return true;
-        }
+    if (number == SYS_openat && std::ranges::count(kLibraryFiles, pathOf(call)) != 0) {
+        setResult(call, -EACCES);
+        return true;
+    }
+    // fstat() of older C libraries. A filter sees no path, by which this would tell of every file.
+    if (number == SYS_newfstatat && pathOf(call).empty()) {
+        const long result = ::syscall(SYS_fstat, argument(call, 0), argument(call, 2));
+        setResult(call, result == 0 ? 0 : -errno);
+        return true;
     }
     return false;
 }
@@ -71,8 +82,9 @@ bool isOfLibrary(const ucontext_t& call) {
 // Runs in whichever thread made the call, so it makes system calls only.
 void judge(int /*signal*/, siginfo_t* what, void* context) {
     auto& call = *static_cast<ucontext_t*>(context);
-    if (what->si_syscall == kOpenCall && isOfLibrary(call)) {
-        setResult(call, EACCES);
+    const int before = errno;
+    if (answerLibrary(what->si_syscall, call)) {
+        errno = before; // the interrupted code sets its own
         return;
     }
     const ForbiddenCall last{.systemCall = what->si_syscall};

@@ -43,7 +43,7 @@ struct ForbiddenCall {
 ///
 /// A forbidden system call is not executed: a ForbiddenCall is sent through `witness`, a connected
 /// socket that stays open until the process ends, and SIGSYS ends the process. The C library alone
-/// may ask for a few files by itself and is answered EACCES.
+/// may ask for a few files by itself and is answered EACCES, and fstat() in its older form works.
 [[nodiscard]] SandboxState enterSandbox(int witness) noexcept;
 
 } // namespace tavelin::fusehost

@@ -173,8 +173,13 @@ void addConditions(Filter& filter) {
             filter.forbid(control, {isInt(1, command)});
         }
     }
-    // The C library asks for the state of a descriptor by this call, with an empty path.
-    filter.allow("newfstatat", {has(3, AT_EMPTY_PATH)});
+    // Older C libraries ask for the state of a descriptor by this call, with an empty path. Whether
+    // it is empty only the signal's handler can see.
+    if constexpr (kHandlerSeesArguments) {
+        filter.forbid("newfstatat", {has(3, AT_EMPTY_PATH)});
+    } else {
+        filter.allow("newfstatat", {has(3, AT_EMPTY_PATH)});
+    }
     filter.allow("prlimit64", {is(0, 0), is(2, 0)}); // of its own, and without a new one
     for (const unsigned long request : kRequests) {
         filter.allow("ioctl", {is(1, request)});

@@ -5,6 +5,14 @@
 
 namespace tavelin::fusehost {
 
+/// Whether the handler of SIGSYS can see the arguments of a call, so that more depends on them than
+/// a filter can see.
+#if defined(__x86_64__) || defined(__aarch64__)
+inline constexpr bool kHandlerSeesArguments = true;
+#else
+inline constexpr bool kHandlerSeesArguments = false;
+#endif
+
 /// Puts the filter in force for the calling thread and those that it starts later. 0, or a host
 /// errno: EINVAL where the kernel has no filters.
 ///
