@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <poll.h>
 #include <pty.h>
 #include <seccomp.h>
 #include <sys/ptrace.h>
@@ -87,6 +88,32 @@ TEST_F(MountSandbox, ReadsNothingFromItsTerminal) {
     EXPECT_EQ(::waitpid(server, &status, 0), server);
     EXPECT_EQ(status, 0);
     mount();
+}
+
+// The mount needs it for its beginning and its end, and its files never.
+TEST_F(MountSandbox, IsServedOnWithoutItsBroker) {
+    for (const bool bySignal : {false, true}) {
+        writeFile(*this / "file", "content"); // served by then
+        const std::string id = std::to_string(served_->server());
+        const pid_t broker = std::stoi(readFile("/proc/" + id + "/task/" + id + "/children"));
+        ASSERT_EQ(readFile("/proc/" + std::to_string(broker) + "/comm"), "tavelin-broker\n");
+        const FileDescriptor end(static_cast<int>(::syscall(SYS_pidfd_open, broker, 0)));
+        ::kill(broker, SIGKILL);
+        pollfd ended{end.get(), POLLIN, 0};
+        ASSERT_EQ(::poll(&ended, 1, -1), 1);
+        writeFile(*this / "file", id);
+        EXPECT_EQ(::fsync(Descriptor(*this / "file", O_RDONLY)), 0);
+        if (bySignal) { // whoever sent it finds the mount dead, and no file lost
+            ::kill(served_->server(), SIGTERM);
+            EXPECT_EQ(served_->awaitEnd(), 0);
+            EXPECT_NE(served_->printed().find("cannot be unmounted"), std::string::npos);
+            EXPECT_EQ(run({TAVELIN_PROGRAM, "umount", served_->directory()}).status, 0);
+        } else {
+            EXPECT_EQ(served_->unmount(), 0);
+        }
+        EXPECT_EQ(volume_->cat("file"), id);
+        mount();
+    }
 }
 
 // The log is full when the volume is mounted.

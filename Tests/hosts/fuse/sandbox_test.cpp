@@ -1,4 +1,5 @@
 // What a process in the sandbox of a mount's server can no longer do, and what is told of it.
+#include "diagnostics/event_log.hpp"
 #include "hosts/fuse/mount/broker.hpp"
 #include "hosts/fuse/sandbox/landlock.hpp"
 #include "hosts/fuse/sandbox/sandbox.hpp"
@@ -179,6 +180,22 @@ TEST_F(Sandbox, LetsServingGoOn) {
     });
     EXPECT_TRUE(WIFEXITED(status)) << status;
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// The broker is sent it in pieces.
+TEST_F(Sandbox, ItsLogHasLinesOfAnyLength) {
+    const int status = inside([] {
+        for (const char letter : {'a', 'b'}) {
+            events().event("long", {{"text", std::string(100'000, letter)}});
+        }
+        return 0;
+    });
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kIncomplete) {
+        GTEST_SKIP() << "not in this build or kernel";
+    }
+    for (const char letter : {'a', 'b'}) {
+        EXPECT_NE(log().find('"' + std::string(100'000, letter) + "\"}\n"), std::string::npos);
+    }
 }
 
 // Landlock alone, as where a kernel has no filters.

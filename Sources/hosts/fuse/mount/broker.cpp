@@ -17,8 +17,17 @@ namespace {
 
 // A line that finds no room is dropped: the broker may be waiting for this very server, when its
 // log lies on the volume.
-void sendLine(const MessageSocket& lines, broker::Line kind, std::string_view text) {
-    lines.send(std::string(1, static_cast<char>(kind)).append(text), false);
+bool sendLine(const MessageSocket& lines, broker::Line kind, std::string_view text) {
+    return lines.send(std::string(1, static_cast<char>(kind)).append(text), false);
+}
+
+// In as many pieces as it takes. The broker drops a line that lacks one.
+void sendEvent(const MessageSocket& lines, std::string_view line) {
+    constexpr size_t kPieceBytesMax = MessageSocket::kBytesMax - sizeof(broker::Line);
+    bool isSent = sendLine(lines, broker::Line::event, line.substr(0, kPieceBytesMax));
+    for (size_t at = kPieceBytesMax; isSent && at < line.size(); at += kPieceBytesMax) {
+        isSent = sendLine(lines, broker::Line::moreOfEvent, line.substr(at, kPieceBytesMax));
+    }
 }
 
 // The broker writes each line as this process would have.
@@ -69,8 +78,7 @@ Broker::Broker(const MountRequest& request) {
     Services forwarded = *services();
     forwarded.systemLog = std::make_shared<ForwardedLog>(lines_);
     installServices(std::move(forwarded));
-    events().writeBy(
-        [lines = lines_](std::string_view line) { sendLine(*lines, broker::Line::event, line); });
+    events().writeBy([lines = lines_](std::string_view line) { sendEvent(*lines, line); });
 }
 
 Broker::~Broker() {
@@ -88,14 +96,15 @@ int Broker::ask(std::string_view call, std::vector<FileDescriptor>* opened) {
     if (!calls_->send(call, true)) {
         return EPIPE;
     }
-    std::optional<MessageSocket::Message> answer = calls_->receive();
-    if (answer && opened != nullptr && answer->bytes == broker::kOpened) {
-        *opened = std::move(answer->descriptors);
-        answer = calls_->receive();
+    MessageSocket::Message answer;
+    bool isThere = calls_->receive(answer);
+    if (isThere && opened != nullptr && answer.bytes == broker::kOpened) {
+        *opened = std::move(answer.descriptors);
+        isThere = calls_->receive(answer);
     }
     broker::Result result{.error = EPIPE};
-    if (answer && answer->bytes.size() == sizeof result) {
-        std::memcpy(&result, answer->bytes.data(), sizeof result);
+    if (isThere && answer.bytes.size() == sizeof result) {
+        std::memcpy(&result, answer.bytes.data(), sizeof result);
     }
     return result.error;
 }

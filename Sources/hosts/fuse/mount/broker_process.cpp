@@ -13,9 +13,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
+#include <optional>
+#include <string>
 #include <sys/prctl.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace tavelin::fusehost::broker {
 
@@ -50,17 +54,17 @@ class Server {
 
     // Until the server hangs up.
     void answerCalls() {
-        while (const std::optional<MessageSocket::Message> message = calls_.receive()) {
+        while (calls_.receive(call_)) {
             Call call;
-            if (message->bytes.size() != sizeof call) {
+            if (call_.bytes.size() != sizeof call) {
                 return;
             }
-            std::memcpy(&call, message->bytes.data(), sizeof call);
+            std::memcpy(&call, call_.bytes.data(), sizeof call);
             Result result;
             try {
                 result.error = answer(call);
             } catch (const std::exception& failure) {
-                fmt::print(stderr, "tavelin: {}\n", failure.what());
+                std::fprintf(stderr, "tavelin: %s\n", failure.what());
                 result.error = EIO;
             }
             calls_.send({reinterpret_cast<const char*>(&result), sizeof result}, true);
@@ -69,28 +73,33 @@ class Server {
 
     // Until the server says goodbye, or ends without.
     void writeLines() {
-        while (const std::optional<MessageSocket::Message> message = lines_.receive()) {
-            const std::string_view text = std::string_view(message->bytes).substr(1);
-            switch (message->bytes.front()) {
+        while (lines_.receive(line_)) {
+            const std::string_view text = std::string_view(line_.bytes).substr(1);
+            switch (line_.bytes.front()) {
             case static_cast<char>(Line::event):
-                writeEvent(text);
+                event_.emplace();
+                [[fallthrough]];
+            case static_cast<char>(Line::moreOfEvent):
+                asMemoryAllows([&] { addToEvent(text); });
                 break;
             case static_cast<char>(Line::info):
-                log().info(text);
+                asMemoryAllows([&] { log().info(text); });
                 break;
             case static_cast<char>(Line::error):
-                log().error(text);
+                asMemoryAllows([&] { log().error(text); });
                 break;
             case static_cast<char>(Line::goodbye):
                 return;
             case ForbiddenCall::kMark:
-                reportForbidden(message->bytes);
+                asMemoryAllows([&] { reportForbidden(line_.bytes); });
                 return;
             default:
                 break; // no server of ours says so
             }
         }
-        reportEnd("its server has ended without unmounting it", {{"ok", false}});
+        asMemoryAllows([&] {
+            reportEnd("its server has ended without unmounting it", {{"ok", false}});
+        });
     }
 
   private:
@@ -111,10 +120,28 @@ class Server {
         return opened.empty() ? EIO : 0; // and closes
     }
 
-    // A line is one line, whoever wrote it.
-    static void writeEvent(std::string_view line) {
-        if (line.find('\n') == line.size() - 1) {
-            events().append(line);
+    // A line for which there is no memory is dropped: the mount needs the broker more.
+    template<typename Write>
+    void asMemoryAllows(Write&& write) {
+        try {
+            write();
+        } catch (const std::bad_alloc&) {
+            event_.reset();
+        }
+    }
+
+    // A line is one line, whoever wrote it, and no longer than the log.
+    void addToEvent(std::string_view piece) {
+        if (!event_ || event_->size() + piece.size() > EventLog::kDefaultMaxBytes) {
+            event_.reset();
+            return;
+        }
+        event_->append(piece);
+        if (const size_t end = event_->find('\n'); end != std::string::npos) {
+            if (end == event_->size() - 1) {
+                events().append(*event_);
+            }
+            event_.reset();
         }
     }
 
@@ -141,9 +168,13 @@ class Server {
     const MountRequest& request_;
     const MessageSocket& lines_;
     const MessageSocket& calls_;
-    // Both are the calling thread's alone.
+    // The calling thread's alone.
+    MessageSocket::Message call_;
     KernelMount mount_;
     bool isMade_ = false;
+    // The writing thread's alone.
+    MessageSocket::Message line_;
+    std::optional<std::string> event_; // what has come of a line; absent when it is to be dropped
 };
 
 } // namespace
@@ -164,7 +195,7 @@ void serve(const MountRequest& request, const MessageSocket& lines, const Messag
         server.writeLines();
         calling.join();
     } catch (const std::exception&) {
-        status = 1; // no thread: the server's first call meets a closed socket
+        status = 1; // no thread or no memory: the server's first call meets a closed socket
     }
     ::_exit(status);
 }

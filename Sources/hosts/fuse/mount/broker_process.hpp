@@ -10,8 +10,9 @@
 
 namespace tavelin::fusehost::broker {
 
-/// The first byte of a message to the logs; the text follows. A ForbiddenCall is one as well.
-enum class Line : char { event = 'e', info = 'i', error = 'E', goodbye = 'g' };
+/// The first byte of a message to the logs; the text follows. A ForbiddenCall is one as well. An
+/// event's line ends with a line feed, in the message that begins it or in one that goes on.
+enum class Line : char { event = 'e', moreOfEvent = '+', info = 'i', error = 'E', goodbye = 'g' };
 static_assert(static_cast<char>(Line::goodbye) != ForbiddenCall::kMark);
 
 /// Goes ahead of the Result of a mount that was tried, with its descriptors.

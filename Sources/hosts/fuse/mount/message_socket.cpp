@@ -67,10 +67,16 @@ bool MessageSocket::send(std::string_view bytes, bool wait,
     return uninterrupted([&] { return ::sendmsg(socket_.get(), &header, flags); }) > 0;
 }
 
-std::optional<MessageSocket::Message> MessageSocket::receive() const {
-    Message message;
-    message.bytes.resize(kBytesMax);
-    iovec text{message.bytes.data(), message.bytes.size()};
+MessageSocket::Message::Message() {
+    bytes.reserve(kBytesMax);
+    descriptors.reserve(kDescriptorsMax);
+}
+
+bool MessageSocket::receive(Message& into) const {
+    into.bytes.resize(kBytesMax);
+    into.descriptors.clear();
+    into.descriptors.reserve(kDescriptorsMax);
+    iovec text{into.bytes.data(), into.bytes.size()};
     DescriptorRoom room;
     msghdr header{};
     header.msg_iov = &text;
@@ -80,11 +86,11 @@ std::optional<MessageSocket::Message> MessageSocket::receive() const {
     const ssize_t got =
         uninterrupted([&] { return ::recvmsg(socket_.get(), &header, MSG_CMSG_CLOEXEC); });
     if (got <= 0) { // no message is empty
-        return std::nullopt;
+        return false;
     }
-    message.bytes.resize(static_cast<size_t>(got));
-    takeDescriptors(header, message.descriptors);
-    return message;
+    into.bytes.resize(static_cast<size_t>(got));
+    takeDescriptors(header, into.descriptors);
+    return true;
 }
 
 } // namespace tavelin::fusehost

@@ -4,7 +4,6 @@
 #include "platform/file_descriptor.hpp"
 
 #include <cstddef>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,6 +22,7 @@ class MessageSocket {
     struct Message {
         std::string bytes;
         std::vector<FileDescriptor> descriptors; ///< the receiver's own
+        Message();                               ///< with room for the largest
     };
 
     /// Throws std::system_error.
@@ -32,11 +32,12 @@ class MessageSocket {
     /// other end has not taken what came before. False when it was not sent.
     bool send(std::string_view bytes, bool wait,
               std::span<const FileDescriptor> descriptors = {}) const noexcept;
-    /// Waits for a message. Absent once the other end is closed everywhere.
-    [[nodiscard]] std::optional<Message> receive() const;
+    /// Waits for a message; false once the other end is closed everywhere. A Message that was only
+    /// received into has its room still, so that this needs no memory; else it throws
+    /// std::bad_alloc, and the message stays.
+    [[nodiscard]] bool receive(Message& into) const;
 
     [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
-    void close() noexcept { socket_.reset(); }
 
   private:
     explicit MessageSocket(int descriptor) : socket_(descriptor) {}
