@@ -31,6 +31,8 @@ class ImageFile {
     /// Lets the kernel claim the block device for a mount, whose claim replaces this one.
     void giveUpClaim() noexcept { claim_.reset(); }
 
+    /// The open image, which stays owned and locked here.
+    [[nodiscard]] int descriptor() const noexcept { return file_.get(); }
     /// Whether the image could be, and was to be, opened for writing.
     [[nodiscard]] bool writable() const noexcept { return writable_; }
     /// The size when the file was opened.

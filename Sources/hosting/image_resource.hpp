@@ -56,6 +56,9 @@ class ImageResource final : public HostResource {
     void revoke() noexcept { revoked_.store(true); }
     bool isRevoked() const override { return revoked_.load(); }
 
+    /// The open image, which stays owned here: for a host whose system mounts it.
+    [[nodiscard]] int descriptor() const noexcept { return file_.descriptor(); }
+
     /// The last component of the path.
     std::string BSDName() const override { return name_; }
     bool isWritable() const override { return file_.writable(); }

@@ -69,7 +69,8 @@ class Sandbox : public testing::Test {
             MountRequest request;
             request.image = "/image";
             request.directory = "/directory";
-            Broker broker(request);
+            const FileDescriptor image("/dev/null", O_RDWR);
+            Broker broker(request, image.get());
             const std::string missing = enterSandbox(broker.witness()).shortcomings();
             return missing.empty() ? work() : kIncomplete;
         });

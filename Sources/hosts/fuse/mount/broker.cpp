@@ -60,7 +60,7 @@ std::string_view bytesOf(const Message& message) {
 
 } // namespace
 
-Broker::Broker(const MountRequest& request) {
+Broker::Broker(const MountRequest& request, int image) {
     auto [ourLines, itsLines] = MessageSocket::makePair();
     auto [ourCalls, itsCalls] = MessageSocket::makePair();
     process_ = ::fork();
@@ -68,7 +68,7 @@ Broker::Broker(const MountRequest& request) {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (process_ == 0) {
-        broker::serve(request, itsLines, itsCalls);
+        broker::serve(request, image, itsLines, itsCalls);
     }
     lines_ = std::make_shared<const MessageSocket>(std::move(ourLines));
     {

@@ -21,8 +21,9 @@ namespace tavelin::fusehost {
 class Broker {
   public:
     /// Forks the broker, and from then on leads this process's logs to it. To be called while there
-    /// is no other thread; `request` has absolute paths. Throws std::system_error.
-    explicit Broker(const MountRequest& request);
+    /// is no other thread; `request` has absolute paths, and `image` is what its image's path led
+    /// to. Throws std::system_error.
+    Broker(const MountRequest& request, int image);
     /// Waits until the broker has written what it was given, and has ended.
     ~Broker();
     Broker(const Broker&) = delete;

@@ -20,22 +20,23 @@
 #include <thread>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace tavelin::fusehost::broker {
 
 namespace {
 
-void closeAllBut(int one, int other) {
-    const auto low = static_cast<unsigned>(std::min(one, other));
-    const auto high = static_cast<unsigned>(std::max(one, other));
-    const auto close = [](unsigned first, unsigned last) {
-        if (first <= last) {
-            ::close_range(first, last, 0);
+void closeAllBut(std::vector<int> kept) {
+    std::ranges::sort(kept);
+    unsigned first = STDERR_FILENO + 1;
+    for (const int descriptor : kept) {
+        const auto next = static_cast<unsigned>(descriptor);
+        if (first < next) {
+            ::close_range(first, next - 1, 0);
         }
-    };
-    close(STDERR_FILENO + 1, low - 1);
-    close(low + 1, high - 1);
-    close(high + 1, ~0u);
+        first = next + 1;
+    }
+    ::close_range(first, ~0u, 0);
 }
 
 // As a server in the background does, once it serves.
@@ -49,8 +50,9 @@ void leaveTerminal() {
 
 class Server {
   public:
-    Server(const MountRequest& request, const MessageSocket& lines, const MessageSocket& calls)
-        : request_(request), lines_(lines), calls_(calls), mount_(request) {}
+    Server(const MountRequest& request, FileDescriptor image, const MessageSocket& lines,
+           const MessageSocket& calls)
+        : request_(request), lines_(lines), calls_(calls), mount_(request, std::move(image)) {}
 
     // Until the server hangs up.
     void answerCalls() {
@@ -179,8 +181,8 @@ class Server {
 
 } // namespace
 
-void serve(const MountRequest& request, const MessageSocket& lines, const MessageSocket& calls) {
-    closeAllBut(lines.descriptor(), calls.descriptor());
+void serve(const MountRequest& request, int image, const MessageSocket& lines,
+           const MessageSocket& calls) {
     // What ends the server by its terminal or by name is meant for the server, which says goodbye.
     ::setsid();
     ::prctl(PR_SET_NAME, "tavelin-broker");
@@ -189,7 +191,8 @@ void serve(const MountRequest& request, const MessageSocket& lines, const Messag
     }
     int status = 0;
     try {
-        Server server(request, lines, calls);
+        closeAllBut({image, lines.descriptor(), calls.descriptor()});
+        Server server(request, FileDescriptor(image), lines, calls);
         // A log line may come while an unmount waits, and the unmount for who wrote it.
         std::thread calling([&server] { server.answerCalls(); });
         server.writeLines();

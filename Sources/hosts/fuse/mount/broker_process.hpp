@@ -29,9 +29,9 @@ struct Result {
     int32_t error = 0; ///< a host errno
 };
 
-/// The broker's process, from its fork to its end. Closes every descriptor but the standard ones
-/// and the two sockets.
-[[noreturn]] void serve(const MountRequest& request, const MessageSocket& lines,
+/// The broker's process, from its fork to its end. Closes every descriptor but the standard ones,
+/// the image and the two sockets.
+[[noreturn]] void serve(const MountRequest& request, int image, const MessageSocket& lines,
                         const MessageSocket& calls);
 
 } // namespace tavelin::fusehost::broker

@@ -5,17 +5,19 @@
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "platform/assert.hpp"
 
-#include <cerrno>
+#include <fmt/format.h>
+
+#include <cstdio>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace tavelin::fusehost {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -57,6 +59,33 @@ std::string mountOptions(const MountRequest& request, const std::string& device,
     return joined(options);
 }
 
+void complain(const MountRequest& request, std::string_view why) {
+    fmt::print(stderr, "tavelin: {}: {}\n", request.image.string(), why);
+}
+
+// Of an open block device, "major:minor"; empty for anything else.
+std::string deviceNumber(int device) {
+    struct stat status {};
+    const bool isDevice = ::fstat(device, &status) == 0 && S_ISBLK(status.st_mode);
+    return isDevice ? fmt::format("{}:{}", major(status.st_rdev), minor(status.st_rdev))
+                    : std::string();
+}
+
+// The device number of the file system at the other end of an open /dev/fuse. Empty before Linux
+// 6.18, which is the first to tell.
+std::string connectionNumber(int connection) {
+    constexpr std::string_view kLabel = "fuse_connection:";
+    constexpr unsigned kMinorBits = 20;
+    std::ifstream file(fmt::format("/proc/self/fdinfo/{}", connection));
+    for (std::string word; file >> word;) {
+        unsigned number = 0;
+        if (word == kLabel && file >> number) {
+            return fmt::format("{}:{}", number >> kMinorBits, number & ((1u << kMinorBits) - 1));
+        }
+    }
+    return {};
+}
+
 // The kernel reads ahead 128 KiB by default. Only an administrator may raise that; without it,
 // sequential reads take more requests.
 void raiseReadAhead(const MountEntry& mount) {
@@ -69,47 +98,79 @@ void raiseReadAhead(const MountEntry& mount) {
 } // namespace
 
 std::vector<FileDescriptor> KernelMount::make(bool readOnly) {
-    TAVELIN_ASSERT(entry_.id == 0);
+    TAVELIN_ASSERT(!entry_ && image_);
+    // Not kept any longer: the image's lock is the server's to release.
+    const FileDescriptor image = std::move(image_);
+    const std::vector<MountEntry> before = mountTable();
+    std::vector<FileDescriptor> opened;
+    if (before.empty()) {
+        complain(request_, "the kernel's table of mounts cannot be read");
+        return opened;
+    }
     // The kernel mounts the block device itself, or a loop device over the image. It mounts nothing
     // but a name where it cannot have a device, as only root's mounts can.
     std::unique_ptr<LoopDevice> loop;
-    std::string device;
-    std::error_code unknown;
-    if (::geteuid() == 0 && fs::is_block_file(request_.image, unknown)) {
-        device = request_.image;
-    } else if (::geteuid() == 0) {
-        loop = LoopDevice::attach(request_.image, readOnly);
-        device = loop ? loop->path() : std::string();
+    std::string path, number;
+    if (::geteuid() == 0) {
+        number = deviceNumber(image.get());
+        if (!number.empty()) {
+            path = request_.image;
+        } else if ((loop = LoopDevice::attach(image.get(), request_.image, readOnly))) {
+            path = loop->path();
+            number = deviceNumber(loop->descriptor());
+        }
     }
-    std::string program = "tavelin", dashO = "-o",
-                options = mountOptions(request_, device, readOnly);
+    std::string program = "tavelin", dashO = "-o", options = mountOptions(request_, path, readOnly);
     char* words[] = {program.data(), dashO.data(), options.data(), nullptr};
     fuse_args arguments = FUSE_ARGS_INIT(3, words);
     const fuse_lowlevel_ops nothing{};
     const Session session(fuse_session_new(&arguments, &nothing, sizeof nothing, nullptr));
-    std::vector<FileDescriptor> opened;
     if (!session || fuse_session_mount(session.get(), request_.directory.c_str()) != 0) {
         return opened; // libfuse has said why
     }
-    // Somebody may have covered or unmounted it already. The latter ends the serving at once.
-    entry_ = findOwnMount(request_.directory).value_or(MountEntry());
-    raiseReadAhead(entry_);
+    const int connection = fuse_session_fd(session.get());
+    if (!identify(connection, path.empty() ? request_.image.string() : path, number, before)) {
+        return opened;
+    }
+    if (entry_) { // else somebody has unmounted it already, which ends the serving at once
+        raiseReadAhead(*entry_);
+    }
     // The session closes its own descriptor: the mount lasts as long as the server has this one.
-    opened.emplace_back(::fcntl(fuse_session_fd(session.get()), F_DUPFD_CLOEXEC, 0));
+    opened.emplace_back(::fcntl(connection, F_DUPFD_CLOEXEC, 0));
     if (loop) {
         opened.push_back(std::move(*loop).takeDevice());
     }
     return opened;
 }
 
+bool KernelMount::identify(int connection, const std::string& source, const std::string& device,
+                           const std::vector<MountEntry>& before) {
+    MountEntry made;
+    made.directory = request_.directory;
+    made.source = source;
+    const std::string number = connectionNumber(connection);
+    made.device = number.empty() ? device : number;
+    entry_ = findMade(made, before);
+    // The kernel goes by the device's path, which may lead to another one by now.
+    if (entry_ && !device.empty() && entry_->device != device) {
+        complain(request_, "it was replaced by another device while it was being mounted");
+        (void)takeAway({.lazily = true, .served = false}); // a failure leaves a dead mount
+        return false;
+    }
+    return true;
+}
+
 int KernelMount::takeAway(Unmounting how) {
+    if (!entry_) {
+        return 0;
+    }
     if (how.served) {
-        if (const std::optional<MountEntry> now = findAgain(entry_)) {
+        if (const std::optional<MountEntry> now = findAgain(*entry_)) {
             const FileDescriptor root(now->directory.c_str(), O_RDONLY | O_DIRECTORY);
             (void)::syncfs(root.get()); // a failure is met again when the volume is closed
         }
     }
-    return unmount(entry_, how.lazily);
+    return unmount(*entry_, how.lazily);
 }
 
 } // namespace tavelin::fusehost

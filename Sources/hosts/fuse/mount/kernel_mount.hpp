@@ -5,6 +5,9 @@
 #include "platform/file_descriptor.hpp"
 #include "platform/mount_info.hpp"
 
+#include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace tavelin::fusehost {
@@ -21,7 +24,10 @@ struct Unmounting {
 /// answers.
 class KernelMount {
   public:
-    explicit KernelMount(const MountRequest& request) : request_(request) {}
+    /// `image` is what the request's path led to when its server opened it: nothing else is
+    /// mounted, whatever the path leads to later.
+    KernelMount(const MountRequest& request, FileDescriptor image)
+        : request_(request), image_(std::move(image)) {}
 
     /// Mounts, once. Answers the connection to the kernel (an open /dev/fuse) and, where an image
     /// is mounted over a loop device, that device, to be closed when the image is. Empty after
@@ -33,8 +39,13 @@ class KernelMount {
     [[nodiscard]] int takeAway(Unmounting how);
 
   private:
+    /// Finds the mount that was just made. False, after saying so, where it is of another device.
+    bool identify(int connection, const std::string& source, const std::string& device,
+                  const std::vector<MountEntry>& before);
+
     const MountRequest& request_;
-    MountEntry entry_; // without an id until it is made
+    FileDescriptor image_;            // until it is made
+    std::optional<MountEntry> entry_; // from then on, unless it was unmounted at once
 };
 
 } // namespace tavelin::fusehost

@@ -46,14 +46,18 @@ FileDescriptor bindFreeDevice(int control, int image, const std::filesystem::pat
 
 } // namespace
 
-std::unique_ptr<LoopDevice> LoopDevice::attach(const std::filesystem::path& image, bool readOnly) {
+std::unique_ptr<LoopDevice> LoopDevice::attach(int image, const std::filesystem::path& name,
+                                               bool readOnly) {
     const FileDescriptor control("/dev/loop-control", O_RDWR);
-    const FileDescriptor file(image.c_str(), readOnly ? O_RDONLY : O_RDWR);
+    // The same file, whatever its path leads to by now. Opened anew: the device would hold on to
+    // the lock that belongs to the other opening.
+    const std::string same = "/proc/self/fd/" + std::to_string(image);
+    const FileDescriptor file(same.c_str(), readOnly ? O_RDONLY : O_RDWR);
     if (!control || !file) {
         return nullptr;
     }
     std::string path;
-    FileDescriptor device = bindFreeDevice(control.get(), file.get(), image, readOnly, path);
+    FileDescriptor device = bindFreeDevice(control.get(), file.get(), name, readOnly, path);
     if (!device) {
         return nullptr;
     }

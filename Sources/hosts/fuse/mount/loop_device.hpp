@@ -16,12 +16,15 @@ namespace tavelin::fusehost {
 /// Owned by who mounts. Any thread may ask for its path.
 class LoopDevice {
   public:
-    /// Null when the system has none to give (not an administrator, no loop devices, a
-    /// container): the mount then goes without.
-    static std::unique_ptr<LoopDevice> attach(const std::filesystem::path& image, bool readOnly);
+    /// Over an open image file, whose name is only a label. Null when the system has none to give
+    /// (not an administrator, no loop devices, a container): the mount then goes without.
+    static std::unique_ptr<LoopDevice> attach(int image, const std::filesystem::path& name,
+                                              bool readOnly);
 
     /// The device node, such as "/dev/loop3", to mount over.
     const std::string& path() const { return path_; }
+    /// Open, and still owned here.
+    int descriptor() const noexcept { return device_.get(); }
     /// Once it is closed, the device frees itself as soon as the mount over it is gone too.
     FileDescriptor takeDevice() && { return std::move(device_); }
 

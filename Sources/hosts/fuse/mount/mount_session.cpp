@@ -75,13 +75,15 @@ struct Unmount {
 // One mount. The members are destroyed in reverse: the session before the volume it serves.
 class Mount {
   public:
-    Mount(const MountRequest& request, Daemon& daemon, Broker& broker)
-        : request_(request), daemon_(daemon), broker_(broker) {}
+    Mount(const MountRequest& request, std::shared_ptr<ImageResource> image, Daemon& daemon,
+          Broker& broker)
+        : request_(request),
+          daemon_(daemon),
+          broker_(broker),
+          host_(std::make_unique<ModuleHost>(std::move(image))) {}
 
     int run() {
-        // All that opens files of the system comes first, and nothing of the volume is read before
-        // the sandbox is entered.
-        openImage();
+        // Nothing of the volume is read before the sandbox is entered.
         makeSession();
         if (request_.sandbox) {
             giveUpTheRest();
@@ -113,13 +115,6 @@ class Mount {
     }
 
   private:
-    void openImage() {
-        ImageResource::Settings settings;
-        settings.readOnly = request_.readOnly;
-        host_ =
-            std::make_unique<ModuleHost>(std::make_shared<ImageResource>(request_.image, settings));
-    }
-
     // A session without a mount yet.
     void makeSession() {
         std::string program = "tavelin";
@@ -251,7 +246,7 @@ class Mount {
     KernelChannel channel_{request_.trace, request_.permissions};
     MaintenanceThread maintenance_;
     CpuLatencyRequest latency_{request_.lowLatency};
-    std::unique_ptr<ModuleHost> host_;
+    const std::unique_ptr<ModuleHost> host_;
     std::optional<MountedVolume> volume_;
     SessionContext context_{.channel = channel_,
                             .volume = nullptr,
@@ -305,8 +300,10 @@ int mountVolume(const MountRequest& request) {
         }
         ::signal(SIGPIPE, SIG_IGN); // who listens may leave; the volume is served all the same
         giveUpInput();
-        Broker broker(absolute);
-        return Mount(absolute, daemon, broker).run();
+        auto image = std::make_shared<ImageResource>(
+            absolute.image, ImageResource::Settings{.readOnly = absolute.readOnly});
+        Broker broker(absolute, image->descriptor());
+        return Mount(absolute, std::move(image), daemon, broker).run();
     } catch (const fs::filesystem_error& failure) {
         if (failure.code() == std::errc::not_connected) {
             complain(fmt::format("{0}: a mount whose server has ended lies on it; 'tavelin umount "

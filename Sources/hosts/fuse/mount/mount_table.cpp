@@ -2,6 +2,7 @@
 
 #include "platform/file_descriptor.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <spawn.h>
@@ -96,10 +97,23 @@ std::optional<MountEntry> findMount(const std::filesystem::path& directory) {
     return lastMount([&](const MountEntry& entry) { return entry.directory == directory; });
 }
 
-std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory) {
-    return lastMount([&](const MountEntry& entry) {
-        return entry.directory == directory && entry.type.ends_with(".tavelin");
+std::optional<MountEntry> findMade(const MountEntry& made, const std::vector<MountEntry>& before) {
+    const auto wasThere = [&](const MountEntry& entry) {
+        return std::ranges::any_of(before, [&](const MountEntry& old) {
+            return old.id == entry.id && old.device == entry.device;
+        });
+    };
+    // Without a device, the source tells ours from others that are new: nobody else mounts an image
+    // that this server has locked.
+    const auto isMade = [&](const MountEntry& entry) {
+        const bool isSame = made.device.empty() ? entry.source == made.source && !wasThere(entry)
+                                                : entry.device == made.device;
+        return isSame && entry.type.ends_with(".tavelin");
+    };
+    std::optional<MountEntry> there = lastMount([&](const MountEntry& entry) {
+        return isMade(entry) && entry.directory == made.directory;
     });
+    return there ? there : lastMount(isMade);
 }
 
 std::optional<MountEntry> findAgain(const MountEntry& mount) {

@@ -12,8 +12,12 @@ namespace tavelin::fusehost {
 /// there. Never asks the mounted file system itself.
 std::optional<MountEntry> findMount(const std::filesystem::path& directory);
 
-/// The topmost mount of ours on a directory, whatever lies on top of it.
-std::optional<MountEntry> findOwnMount(const std::filesystem::path& directory);
+/// The mount that this process has just made, whatever was mounted over it or beside it since, and
+/// wherever its directory was moved; absent when it has gone already. Of `made` the directory and
+/// the device are looked at and, where the device is not known, the source and whether the mount is
+/// in `before`, the table as it was then. Of several that show one file system it is the one on the
+/// directory.
+std::optional<MountEntry> findMade(const MountEntry& made, const std::vector<MountEntry>& before);
 
 /// Where a mount is now; absent when it has been unmounted. The kernel reuses ids at once, so the
 /// device, the type and the source have to be the same as well. A mount of ours is told from every
