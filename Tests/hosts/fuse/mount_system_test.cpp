@@ -38,29 +38,34 @@ TEST_F(MountSystem, FstabLinesMountOnce) {
                              " tavelin uid=1000,gid=1000,windows_names,nofail 0 0\n";
     writeFile(helpers / "fstab", line);
     fs::create_directories(helpers / "work");
-    const ProcessResult result = inNamespace(
-        "mount -t tmpfs tmpfs \"$1\" && mkdir \"$1/upper\" \"$1/work\" &&\n"
-        "options=lowerdir=/usr/sbin,upperdir=$1/upper,workdir=$1/work &&\n"
-        "mount -t overlay -o \"$options\" overlay /usr/sbin || exit 77\n"
-        "cp \"$4\" /usr/sbin/mount.tavelin\n"
-        "ln -s \"$5\" /usr/sbin/tavelin\n"
-        "mount -a -T \"$2\"\n"
-        "findmnt -n -o FSTYPE \"$3\"\n"
-        "mount -a -T \"$2\"\n"
-        "findmnt -n -o FSTYPE \"$3\"\n"
-        "echo content > \"$3/file\"\n"
-        "stat -c %u:%g \"$3/file\"\n"
-        "mount -T \"$2\" -o remount,ro \"$3\"\n"
-        "if mkdir \"$3/folder\" 2>/dev/null; then exit 1; fi\n"
-        "mount -T \"$2\" -o remount,rw \"$3\"\n"
-        "mkdir \"$3/folder\"\n"
-        "tavelin umount \"$3\"\n",
-        {helpers / "work", helpers / "fstab", directory.path(), MOUNT_HELPER, TAVELIN_PROGRAM});
+    const ProcessResult result =
+        inNamespace("mount -t tmpfs tmpfs \"$1\" && mkdir \"$1/upper\" \"$1/work\" &&\n"
+                    "options=lowerdir=/usr/sbin,upperdir=$1/upper,workdir=$1/work &&\n"
+                    "mount -t overlay -o \"$options\" overlay /usr/sbin || exit 77\n"
+                    "cp \"$4\" /usr/sbin/mount.tavelin\n"
+                    "ln -s \"$5\" /usr/sbin/tavelin\n"
+                    "mount -a -T \"$2\"\n"
+                    "findmnt -n -o FSTYPE \"$3\"\n"
+                    "mount -a -T \"$2\"\n"
+                    "findmnt -n -o FSTYPE \"$3\"\n"
+                    "echo content > \"$3/file\"\n"
+                    "stat -c %u:%g \"$3/file\"\n"
+                    "mount -T \"$2\" -o remount,ro \"$3\"\n"
+                    "if mkdir \"$3/folder\" 2>/dev/null; then exit 1; fi\n"
+                    "mount -T \"$2\" -o remount,rw \"$3\"\n"
+                    "mkdir \"$3/folder\"\n"
+                    "tavelin umount \"$3\"\n"
+                    "mv /usr/sbin/mount.tavelin /usr/sbin/mount.fuse.tavelin\n"
+                    "mount -t fuse.tavelin -o umask=027 \"$6\" \"$3\"\n"
+                    "stat -c %a \"$3/file\"\n"
+                    "umount \"$3\"\n",
+                    {helpers / "work", helpers / "fstab", directory.path(), MOUNT_HELPER,
+                     TAVELIN_PROGRAM, volume_->image()});
     if (result.status == 77) {
         GTEST_SKIP() << "nothing can be put into /usr/sbin here: " << result.err;
     }
     EXPECT_EQ(result.status, 0) << result.describe();
-    EXPECT_EQ(result.out, "fuseblk.tavelin\nfuseblk.tavelin\n1000:1000\n");
+    EXPECT_EQ(result.out, "fuseblk.tavelin\nfuseblk.tavelin\n1000:1000\n750\n");
     EXPECT_EQ(volume_->cat("file"), "content\n");
 }
 
@@ -94,26 +99,42 @@ TEST_F(MountSystem, OfOppositesTheLastCounts) {
     }
 }
 
-// As two containers use it. The volume is let go of when nobody has it any more.
-TEST_F(MountSystem, NamespacesShareAMount) {
+// A container: a process with mounts of its own, which runs the lines that it is given.
+struct Container : RunningProcess {
+    Container()
+        : RunningProcess({"unshare", "--mount", "--propagation", "private", "bash", "-c",
+                          "while read -r line; do eval \"$line\"; done"}) {}
+    // What the command prints, in one line.
+    std::string answer(const std::string& command) {
+        write(command + "\n");
+        return readLine();
+    }
+};
+
+// The volume is let go of when nobody has it any more.
+TEST_F(MountSystem, ContainersShareAMount) {
     const std::string directory = served_->directory();
-    writeFile(*this / "file", "from outside");
-    const ProcessResult inside = inNamespace("cat \"$1/file\"\n"
-                                             "echo from inside > \"$1/other\"\n"
-                                             "umount \"$1\"\n"
-                                             "if [ -e \"$1/file\" ]; then exit 1; fi\n",
-                                             {directory});
-    EXPECT_EQ(inside.status, 0) << inside.describe();
-    EXPECT_EQ(inside.out, "from outside");
-    EXPECT_EQ(readFile(*this / "other"), "from inside\n") << "it is still served here";
-    RunningProcess holder(
-        {"unshare", "--mount", "--propagation", "private", "sh", "-c", "echo ready; read line"});
-    EXPECT_EQ(holder.readLine(), "ready");
+    Container one, other;
+    EXPECT_EQ(one.answer("cd " + directory + "; echo content > file; cat file"), "content");
+    EXPECT_EQ(readFile(*this / "file"), "content\n");
+    EXPECT_EQ(other.answer("cd " + directory + "; mv file moved; ls"), "moved");
+    EXPECT_EQ(one.answer("cat moved"), "content");
+    EXPECT_EQ(one.answer("cd /; umount " + directory + "; echo $(ls -A " + directory + ")"), "");
+    EXPECT_EQ(other.answer("cat moved"), "content");
     const ProcessResult left = run({TAVELIN_PROGRAM, "umount", directory});
     EXPECT_EQ(left.status, 1) << left.describe();
     EXPECT_NE(left.err.find("mounted elsewhere"), std::string::npos) << left.describe();
-    EXPECT_EQ(holder.finish("\n").status, 0);
+    EXPECT_EQ(other.answer("echo last >> moved; cd /; umount " + directory + "; echo $?"), "0");
     EXPECT_EQ(served_->awaitEnd(), 0);
+    EXPECT_EQ(volume_->cat("moved"), "content\nlast\n");
+
+    // What one has mounted for itself nobody else may change.
+    const std::string image = volume_->image(), program = TAVELIN_PROGRAM;
+    EXPECT_EQ(one.answer(program + " mount " + image + " " + directory + "; echo $?"), "0");
+    EXPECT_FALSE(fusehost::findMount(directory));
+    EXPECT_EQ(run({program, "mkdir", image, "folder"}).status, 1);
+    EXPECT_EQ(other.answer(program + " mount " + image + " /mnt 2>/dev/null; echo $?"), "1");
+    EXPECT_EQ(one.answer(program + " umount " + directory + "; echo $?"), "0");
     mount();
 }
 
