@@ -34,8 +34,8 @@ class BlockDeviceAdapter final : public fskit::FSBlockDeviceResource {
     void metadataFlush() override;
 
   private:
-    template<typename Call>
     /// Runs one call unless the resource is revoked, and throws its error.
+    template<typename Call>
     auto call(const Call& transfer) const;
 
     const Strong<::FSBlockDeviceResource*> resource_;

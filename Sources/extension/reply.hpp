@@ -21,9 +21,8 @@
 namespace tavelin {
 
 /// The arguments of a reply whose request failed: the error where the block takes one, else nothing
-/// (nil, 0).
+/// (nil, 0). Also what a block is called with when nothing could be made for it.
 template<typename... Arguments>
-/// Also what a block is called with when nothing could be made for it.
 std::tuple<Arguments...> failure([[maybe_unused]] NSError* error) {
     const auto argument = [error]<typename Argument>(std::type_identity<Argument>) -> Argument {
         if constexpr (std::is_same_v<Argument, NSError*>) {
@@ -41,14 +40,14 @@ template<typename... Arguments>
 std::tuple<Arguments...> argumentsOf(std::tuple<Arguments...> arguments) {
     return arguments;
 }
-template<typename Error>
 /// For a block that takes an error alone: nil for success.
+template<typename Error>
 std::tuple<Error> argumentsOf(const Outcome<void>& outcome) {
     return {outcome ? nil : toFSKit(outcome.error())};
 }
-template<typename Value, typename Error, typename Answer>
 /// For a block that takes a value and an error. The value is converted where FSKit has another
 /// type.
+template<typename Value, typename Error, typename Answer>
 std::tuple<Value, Error> argumentsOf(const Outcome<Answer>& outcome) {
     if (!outcome) {
         return failure<Value, Error>(toFSKit(outcome.error()));

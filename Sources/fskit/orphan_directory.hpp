@@ -1,11 +1,12 @@
 /// The hidden directory in a volume's root that keeps orphans: files that lost their last name
-/// while a program may have them open. Users do not see it. An orphan is removed when the kernel
-/// gives it back, at the unmount, or by the next mount after a crash.
+/// while a program may have them open. Users do not see it. An orphan is removed when the host says
+/// that nobody uses it any more or gives it back, else at the unmount, and where that fails or
+/// never comes by the next mount.
 ///
 /// The directory is made when it is first needed, under the first of kNamesMax names that is free:
 /// what already has such a name is somebody else's and stays as it is. A named stream marks the
-/// directory as this host's, so that the next mount after a crash knows it by more than its name. A
-/// crash between the two leaves an empty directory that nobody removes.
+/// directory as this host's, so that the next mount knows it by more than its name. A crash between
+/// the two leaves an empty directory that nobody removes.
 ///
 /// Threading: any thread may call anything. lock_ is held across the calls into the volume that
 /// find, make or remove the directory; it comes before the volume's own locks. Errors are the
@@ -46,8 +47,9 @@ class OrphanDirectory {
     /// Removes the directory if open() was called, for unmounting. A directory that still has
     /// entries, which are not of this host's making then, stays; that is no error.
     Outcome<void> remove();
-    /// Removes the orphans that a crash left in such a directory, and leaves alone everything that
-    /// this host did not make. Errors are logged only: the volume is usable all the same.
+    /// Removes the orphans that an earlier mount left in such a directory, before open() is called,
+    /// and leaves alone everything that this host did not make. Errors are logged only: the volume
+    /// is usable all the same.
     void cleanUp();
 
   private:

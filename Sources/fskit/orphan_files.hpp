@@ -40,7 +40,7 @@ class OrphanFiles final : public OrphanView {
     /// The volume must outlive this.
     explicit OrphanFiles(TavelinVolume& volume) : volume_(volume), orphanDirectory_(volume) {}
 
-    /// Removes the orphans that a crash left behind.
+    /// Removes the orphans that an earlier mount left behind, before there are any of this one.
     void cleanUp() { orphanDirectory_.cleanUp(); }
 
     /// Whether a name in the root is that of the directory for orphans, which users must not see.

@@ -64,7 +64,6 @@ std::int32_t ResourceDevice::errorNumber(const fskit::Error& error) noexcept {
     return isErrno ? toHost(static_cast<std::int32_t>(error.code())) : EIO;
 }
 
-/// Counts the call and runs body(), which answers an errno or throws.
 template<typename Body>
 std::int32_t ResourceDevice::attempt(std::string_view op, std::uint64_t offset,
                                      std::uint64_t length, Body body) noexcept {
@@ -78,7 +77,6 @@ std::int32_t ResourceDevice::attempt(std::string_view op, std::uint64_t offset,
     }
 }
 
-/// Calls transfer(done, count), which answers how much of the chunk it moved, until all is done.
 template<typename Transfer>
 std::int32_t ResourceDevice::transferAll(std::string_view op, std::uint64_t offset,
                                          std::uint64_t length, Transfer transfer) noexcept {

@@ -10,10 +10,11 @@
 
 namespace tavelin {
 
-/// Reads and writes through a block-device resource, in chunks and across short transfers. Called
-/// under the volume's lock only; `cached` may be looked at from any thread.
+/// Reads and writes through a block-device resource, in chunks and across short transfers. One
+/// thread at a time: under the volume's lock, once a volume shares the device; `cached` may be
+/// looked at from any thread.
 ///
-/// A failed call is logged, tallied and, for the first ones of a process, written to the event log
+/// A failed call is logged, tallied and, for the first ones since a load, written to the event log
 /// (deviceError). Results are the host's errno: the number of a POSIX error, else EIO.
 class ResourceDevice final : public BlockDevice {
   public:
@@ -58,12 +59,14 @@ class ResourceDevice final : public BlockDevice {
     const std::shared_ptr<fskit::FSBlockDeviceResource> resource;
 
   private:
+    /// Counts one call of the resource, runs `body`, which answers an errno, and turns what it
+    /// throws into the host's errno, which is recorded.
     template<typename Body>
-    /// Runs one call of the resource, turns what it throws into the host's errno and records it.
     std::int32_t attempt(std::string_view op, std::uint64_t offset, std::uint64_t length,
                          Body body) noexcept;
+    /// Calls transfer(done, count), which answers how much of the chunk it moved, until all of the
+    /// range is done; a transfer of nothing is EIO.
     template<typename Transfer>
-    /// Repeats `transfer` until all of the range is done; a transfer of nothing is EIO.
     std::int32_t transferAll(std::string_view op, std::uint64_t offset, std::uint64_t length,
                              Transfer transfer) noexcept;
 

@@ -199,8 +199,8 @@ class FSItemAttributes {
     }
 
   private:
-    template<typename T>
     /// Stores a value and marks it valid, so that neither is done without the other.
+    template<typename T>
     void set(T& property, T value, FSItemAttributeSet bit) noexcept {
         property = value;
         valid_ |= bit;

@@ -12,8 +12,8 @@
 
 namespace fskit {
 
-template<typename Value>
 /// Holds exactly one of the two.
+template<typename Value>
 class [[nodiscard]] Outcome {
   public:
     /// Implicit, so that a request returns its value or its error as it is.
@@ -45,8 +45,8 @@ class [[nodiscard]] Outcome {
     std::optional<Error> error_;
 };
 
-template<>
 /// A request that answers nothing but whether it succeeded.
+template<>
 class [[nodiscard]] Outcome<void> {
   public:
     Outcome() = default;
