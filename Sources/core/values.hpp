@@ -183,6 +183,10 @@ class NTFSListing {
 
     [[nodiscard]] std::size_t size() const noexcept { return entries_.size(); }
     [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }
+    /// What entries and names take. Room that was never used is not touched, and costs no memory.
+    [[nodiscard]] std::size_t memoryBytes() const noexcept {
+        return entries_.size() * sizeof(NTFSDirEntry) + names_.size();
+    }
     [[nodiscard]] const NTFSDirEntry& operator[](std::size_t at) const { return entries_[at]; }
     [[nodiscard]] auto begin() const noexcept { return entries_.begin(); }
     [[nodiscard]] auto end() const noexcept { return entries_.end(); }

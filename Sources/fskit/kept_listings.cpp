@@ -30,11 +30,11 @@ KeptListings::Listings KeptListings::keep(std::uint64_t directory, Snapshot snap
     if (find(directory, snapshot->verifier) != nullptr) {
         return {};
     }
-    entryCount_ += snapshot->entries.size();
+    bytes_ += snapshot->entries.memoryBytes();
     listings_.push_back({directory, std::move(snapshot)});
     Listings dropped;
-    while (listings_.size() > 1 && (listings_.size() > kListingsMax || entryCount_ > kEntriesMax)) {
-        entryCount_ -= listings_.front().snapshot->entries.size();
+    while (listings_.size() > 1 && (listings_.size() > kListingsMax || bytes_ > kBytesMax)) {
+        bytes_ -= listings_.front().snapshot->entries.memoryBytes();
         dropped.splice(dropped.end(), listings_, listings_.begin());
     }
     return dropped;
@@ -46,13 +46,13 @@ KeptListings::Listings KeptListings::takeOutWhere(const Wanted& wanted) {
     for (auto each = listings_.begin(); each != listings_.end();) {
         const auto next = std::next(each);
         if (wanted(*each)) {
-            TAVELIN_ASSERT(entryCount_ >= each->snapshot->entries.size());
-            entryCount_ -= each->snapshot->entries.size();
+            TAVELIN_ASSERT(bytes_ >= each->snapshot->entries.memoryBytes());
+            bytes_ -= each->snapshot->entries.memoryBytes();
             taken.splice(taken.end(), listings_, each);
         }
         each = next;
     }
-    TAVELIN_ASSERT(!listings_.empty() || entryCount_ == 0);
+    TAVELIN_ASSERT(!listings_.empty() || bytes_ == 0);
     return taken;
 }
 

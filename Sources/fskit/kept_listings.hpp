@@ -29,10 +29,10 @@ class KeptListings {
     };
     using Listings = std::list<Listing>;
 
-    /// At most so many listings, and so many entries in them (of 32 bytes each and the name), but
-    /// always the one that was kept last.
+    /// At most so many listings, and so much memory for them, but always the one that was kept
+    /// last. Names differ in length, so entries are no measure.
     static constexpr std::size_t kListingsMax = 256;
-    static constexpr std::size_t kEntriesMax = std::size_t{1} << 19;
+    static constexpr std::size_t kBytesMax = std::size_t{16} << 20;
 
     /// A verifier that no listing has had; never 0, with which hosts begin.
     [[nodiscard]] std::uint64_t nextVerifier();
@@ -47,8 +47,9 @@ class KeptListings {
     [[nodiscard]] Listings takeOut(std::uint64_t directory, std::uint64_t verifier);
     [[nodiscard]] Listings takeOut(std::uint64_t directory);
 
-    /// Entries of all listings together.
-    [[nodiscard]] std::size_t entryCount() const noexcept { return entryCount_; }
+    /// How many listings are kept, and the memory that they take.
+    [[nodiscard]] std::size_t count() const noexcept { return listings_.size(); }
+    [[nodiscard]] std::size_t bytes() const noexcept { return bytes_; }
 
   private:
     /// Moves the listings that `wanted` chooses into the result, for the caller to free without the
@@ -58,7 +59,7 @@ class KeptListings {
 
     Listings listings_; // least recently used first
     /// Kept beside the listings, so that their limit costs no walk.
-    std::size_t entryCount_ = 0;
+    std::size_t bytes_ = 0;
     /// Verifiers are numbered upwards and never used again.
     std::uint64_t lastVerifier_ = 0;
 };

@@ -87,10 +87,10 @@ class TavelinVolume final : public fskit::FSVolume,
         TAVELIN_EXCLUDES(items);
     /// The root directory's item, its own parent; it stays registered for the volume's life.
     [[nodiscard]] std::shared_ptr<NItem> root() TAVELIN_EXCLUDES(items);
-    /// Entries of all directory listings that are kept for their readers.
-    [[nodiscard]] std::size_t keptEntries() const TAVELIN_EXCLUDES(items) {
+    /// How many directory listings are kept for their readers.
+    [[nodiscard]] std::size_t keptListings() const TAVELIN_EXCLUDES(items) {
         const MutexLock held(items);
-        return listings_.entryCount();
+        return listings_.count();
     }
 
     /// Applies what is valid in the request and not consumed yet, in a fixed order (size, times,

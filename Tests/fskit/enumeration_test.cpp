@@ -99,10 +99,10 @@ TEST_F(Enumeration, AListingIsKeptForAsLongAsItIsRead) {
     const Item directory = *ask.create(root, "folder", Type::directory);
     fill(directory, 30);
     list(directory, 0);
-    EXPECT_EQ(volume().keptEntries(), 0u) << "all of it in one page";
+    EXPECT_EQ(volume().keptListings(), 0u) << "all of it in one page";
     for (const bool withAttributes : {false, true}) {
         readInPages(volume(), directory, withAttributes, [](const Names&) {});
-        EXPECT_EQ(volume().keptEntries(), 0u) << "read to its end";
+        EXPECT_EQ(volume().keptListings(), 0u) << "read to its end";
     }
     readInPages(volume(), directory, true, [&](const Names& names) {
         if (names.back() == "109") { // all that follows goes
@@ -111,20 +111,43 @@ TEST_F(Enumeration, AListingIsKeptForAsLongAsItIsRead) {
             }
         }
     });
-    EXPECT_EQ(volume().keptEntries(), 0u);
+    EXPECT_EQ(volume().keptListings(), 0u);
 
     list(directory, 0, {}, false, 1);
     list(directory, 0, {}, true, 1);
-    EXPECT_EQ(volume().keptEntries(), 20u) << "two readers stopped half-way";
+    EXPECT_EQ(volume().keptListings(), 2u) << "two readers stopped half-way";
     ask.reclaim(directory);
-    EXPECT_EQ(volume().keptEntries(), 0u);
+    EXPECT_EQ(volume().keptListings(), 0u);
 
     const Item again = *ask.lookup(root, "folder");
     for (std::size_t i = 0; i < 2 * KeptListings::kListingsMax; ++i) {
         list(again, 0, {}, false, 1);
     }
-    EXPECT_EQ(volume().keptEntries(), 10 * KeptListings::kListingsMax) << "who stops often";
+    EXPECT_EQ(volume().keptListings(), KeptListings::kListingsMax) << "who stops often";
     EXPECT_EQ(list(again, 3).size(), 9u) << "the last is still there";
+}
+
+TEST(KeptListingsTest, AreBoundByTheMemoryThatTheyTake) {
+    for (const std::size_t nameLength : {5u, 255u}) {
+        KeptListings kept;
+        std::size_t count = 0;
+        std::size_t largest = 0;
+        for (; count < 40; ++count) {
+            NTFSListing listing;
+            for (std::uint64_t ino = 0; ino < 2'000; ++ino) {
+                listing.append(std::string(nameLength, 'n'), ino, 1, NTFSItemType::file);
+            }
+            listing.finish();
+            largest = std::max(largest, listing.memoryBytes());
+            EXPECT_GE(largest, 2'000 * (sizeof(NTFSDirEntry) + nameLength));
+            const std::uint64_t verifier = kept.nextVerifier();
+            static_cast<void>(kept.keep(
+                count, std::make_shared<Driver2::DirectorySnapshot>(std::move(listing), verifier)));
+            EXPECT_LE(kept.bytes(), KeptListings::kBytesMax);
+            EXPECT_NE(kept.find(count, verifier), nullptr) << "always the last";
+        }
+        EXPECT_EQ(kept.count(), std::min(count, KeptListings::kBytesMax / largest));
+    }
 }
 
 TEST_F(Enumeration, MemoryIsThatOfWhatIsOpen) {
@@ -139,10 +162,10 @@ TEST_F(Enumeration, MemoryIsThatOfWhatIsOpen) {
     const auto inUse = [] { return ::mallinfo2().uordblks; };
     const std::size_t before = inUse();
     list(directory, 0, {}, true, 1);
-    EXPECT_EQ(volume().keptEntries(), kEntries);
+    EXPECT_EQ(volume().keptListings(), 1u);
     EXPECT_LE(inUse(), before + kEntries * kEntryBytesMax);
     list(directory, std::numeric_limits<std::int64_t>::max(), {}, true); // as told with the last
-    EXPECT_EQ(volume().keptEntries(), 0u);
+    EXPECT_EQ(volume().keptListings(), 0u);
     EXPECT_LE(inUse(), before + kEntryBytesMax) << "the listing is over";
 
     for (std::size_t i = 0; i < kEntries; ++i) {

@@ -205,7 +205,7 @@ TEST_F(Orphaning, AListingEndsWhereTheOrphansDirectoryIsItsLastEntry) {
             static_cast<void>(requests().create(root, "+ before the others"));
         });
         EXPECT_EQ(listed(entries), std::vector<std::string>{"+file"});
-        EXPECT_EQ(volume().keptEntries(), 0u);
+        EXPECT_EQ(volume().keptListings(), 0u);
         EXPECT_EQ(remove(nullptr, "+ before the others"), 0);
     }
 }
