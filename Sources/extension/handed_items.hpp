@@ -27,7 +27,8 @@ class HandedItems {
     HandedItems(const HandedItems&) = delete;
     HandedItems& operator=(const HandedItems&) = delete;
 
-    /// The object FSKit is to get for an item that a request answered.
+    /// The object FSKit is to get for an item that a request answered. Throws std::bad_alloc where
+    /// none can be made; the item is not handed out then.
     [[nodiscard]] FSItem* handOut(const fskit::FSItemRef& item);
 
     /// Lets go of an item that FSKit gives back, and answers it; null when FSKit holds it still. A

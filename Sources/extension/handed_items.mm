@@ -1,5 +1,8 @@
 #import "extension/handed_items.hpp"
 
+#include <new>
+#include <utility>
+
 /// What items can do from macOS 27.0 on. Asked of the object and not of the release, so that it
 /// also builds with the SDKs before, and both answers can be tested anywhere.
 @protocol TavelinReclaimableItem
@@ -8,26 +11,19 @@
 
 namespace tavelin {
 
-namespace {
-
-/// The front end answers items of its own kind only.
-const NItem &own(const fskit::FSItemRef &item) {
-    return static_cast<const NItem &>(*item);
-}
-
-} // namespace
-
 FSItem *HandedItems::handOut(const fskit::FSItemRef &item) {
     MutexLock lock(mutex_);
-    const std::shared_ptr<NItem> registered = volume_.item(own(item).reference, own(item).parent);
-    const auto [entry, isNew] = handed_.try_emplace(registered.get());
-    if (isNew) {
-        entry->second = Strong(made([[::NItem alloc] initWithItem:registered]));
-        // FSKit's own, so that nobody who holds the item for a while beside it gives the last one
-        // back.
-        volume_.retain(registered);
+    const std::shared_ptr<NItem> registered = volume_.registered(item);
+    if (const auto entry = handed_.find(registered.get()); entry != handed_.end()) {
+        return entry->second.get();
     }
-    return entry->second.get();
+    Strong<::NItem *> fresh(made([[::NItem alloc] initWithItem:registered]));
+    if (fresh.get() == nil) {
+        throw std::bad_alloc();
+    }
+    // FSKit's own, so that nobody who holds the item for a while beside it gives the last one back.
+    volume_.retain(registered);
+    return handed_.emplace(registered.get(), std::move(fresh)).first->second.get();
 }
 
 std::shared_ptr<NItem> HandedItems::reclaim(FSItem *item) {

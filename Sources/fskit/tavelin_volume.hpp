@@ -85,6 +85,10 @@ class TavelinVolume final : public fskit::FSVolume,
     /// registered until it is reclaimed, and is not counted as handed out.
     [[nodiscard]] std::shared_ptr<NItem> item(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_EXCLUDES(items);
+    /// The item that is registered for the file of an answered one, which keeps its parent: this
+    /// one, or where a reclaim has taken that out a new one. Not counted as handed out.
+    [[nodiscard]] std::shared_ptr<NItem> registered(const fskit::FSItemRef& answered)
+        TAVELIN_EXCLUDES(items);
     /// The root directory's item, its own parent; it stays registered for the volume's life.
     [[nodiscard]] std::shared_ptr<NItem> root() TAVELIN_EXCLUDES(items);
     /// How many directory listings are kept for their readers.
@@ -322,25 +326,30 @@ class TavelinVolume final : public fskit::FSVolume,
     /// for the form that is asked for.
     std::string_view renamedTo(std::string_view given, std::uint64_t directory,
                                const fskit::FSItemRef& moved, std::string& memory);
-    /// item(), under the lock. The reference is valid until the item is taken out of the registry.
+    /// The item of a file, found or made, under the lock. One that is found keeps its parent. The
+    /// reference is valid until the item is taken out of the registry.
     const std::shared_ptr<NItem>& itemLocked(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_REQUIRES(items);
-    /// item(), and counts that it is handed out.
-    std::shared_ptr<NItem> handOut(std::uint64_t reference, std::uint64_t parent)
-        TAVELIN_EXCLUDES(items);
+    /// item(), and counts that it is handed out. `moves` is the number of moves before the caller
+    /// found the file in `parent`; after another one the item keeps the parent that it has.
+    std::shared_ptr<NItem> handOut(std::uint64_t reference, std::uint64_t parent,
+                                   std::uint64_t moves) TAVELIN_EXCLUDES(items);
+    /// Notes that an item is in another directory from now on.
+    void noteMoved(NItem& item, const NItem& directory) TAVELIN_REQUIRES(items);
     /// Fills in the attributes of an item that is reached through `parent`, a record number.
     void describe(const NTFSAttributes& record, std::uint64_t parent,
                   fskit::FSItemAttributes& result) const;
     /// The same of one that may not have been readable: then no attribute is valid.
     fskit::FSItemAttributes described(const std::optional<NTFSAttributes>& record,
                                       std::uint64_t parent) const;
-    /// The answer to a lookup: the item, handed out, with its attributes.
+    /// The answer to a lookup: the item, handed out, with its attributes. For `moves`, here and
+    /// below, see handOut().
     fskit::FSLookupItemResult found(const NTFSAttributes& record, std::uint64_t parent,
-                                    const fskit::FSFileName& name);
+                                    const fskit::FSFileName& name, std::uint64_t moves);
     /// The answer to a creation: the new item, handed out, with its attributes and those of its
     /// directory.
     fskit::FSCreateItemResult created(const NTFSChange& change, const NItem& parent,
-                                      const fskit::FSFileName& name);
+                                      const fskit::FSFileName& name, std::uint64_t moves);
     /// The owner and mode of a request; absent values where they are not valid or not kept.
     [[nodiscard]] NTFSOwner ownerIn(const fskit::FSItemAttributes& request) const;
     /// What is kept of an item's owner, completed by what is shown of it.
@@ -370,6 +379,8 @@ class TavelinVolume final : public fskit::FSVolume,
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> registry_ TAVELIN_GUARDED_BY(items);
     /// Of readers that have not reached the end.
     KeptListings listings_ TAVELIN_GUARDED_BY(items);
+    /// How many items were moved to another directory. Written under `items`.
+    std::atomic<std::uint64_t> moves_{0};
     /// The verifier of the youngest listing that a rename to another directory came after. That
     /// listing and those before it may show items that have another parent by now. Written under
     /// `items`.

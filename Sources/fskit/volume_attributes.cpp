@@ -204,8 +204,9 @@ Outcome<fskit::FSLookupItemResult>
 TavelinVolume::attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) {
     return request<"getAttributes">([&] {
         const NItem& parent = n(directory);
+        const std::uint64_t moves = moves_;
         const NTFSAttributes record = ntfs->attributes(Driver2::ino(entry));
-        return found(record, parentOf(record.reference(), parent.ino), fskit::FSFileName());
+        return found(record, parentOf(record.reference(), parent.ino), fskit::FSFileName(), moves);
     });
 }
 

@@ -28,15 +28,16 @@ std::optional<NTFSAttributes> readable(const NTFSAttributes& item) {
 } // namespace
 
 fskit::FSLookupItemResult TavelinVolume::found(const NTFSAttributes& record, std::uint64_t parent,
-                                               const fskit::FSFileName& name) {
-    fskit::FSLookupItemResult result{handOut(record.reference(), parent), name, {}};
+                                               const fskit::FSFileName& name, std::uint64_t moves) {
+    fskit::FSLookupItemResult result{handOut(record.reference(), parent, moves), name, {}};
     describe(record, parent, result.itemAttributes);
     return result;
 }
 
 fskit::FSCreateItemResult TavelinVolume::created(const NTFSChange& change, const NItem& parent,
-                                                 const fskit::FSFileName& name) {
-    fskit::FSCreateItemResult result{handOut(change.item.reference(), parent.ino),
+                                                 const fskit::FSFileName& name,
+                                                 std::uint64_t moves) {
+    fskit::FSCreateItemResult result{handOut(change.item.reference(), parent.ino, moves),
                                      name,
                                      {},
                                      described(change.directory, parent.parent),
@@ -52,6 +53,7 @@ Outcome<fskit::FSLookupItemResult> TavelinVolume::lookupItem(const fskit::FSFile
         const NItem& parent = n(directory);
         std::string memory;
         std::string_view stored = name(named);
+        const std::uint64_t moves = moves_;
         const std::optional<NTFSAttributes> record = find(stored, parent.reference, memory);
         if (!record) {
             // Before a file is made its name is looked up, so this answer is as usual as the other
@@ -61,7 +63,8 @@ Outcome<fskit::FSLookupItemResult> TavelinVolume::lookupItem(const fskit::FSFile
             }
             return fskit::fs_errorForPOSIXError(kENOENT);
         }
-        return found(*record, parent.ino, memory.empty() ? named : fskit::FSFileName(stored));
+        return found(*record, parent.ino, memory.empty() ? named : fskit::FSFileName(stored),
+                     moves);
     });
 }
 
@@ -79,9 +82,11 @@ TavelinVolume::createItem(const fskit::FSFileName& named, fskit::FSItemType type
         std::string memory;
         const std::string_view stored = newName(name(named), parent.reference, memory);
         const NTFSOwner owner = ownerIn(newAttributes);
+        const std::uint64_t moves = moves_;
         const NTFSChange change =
             ntfs->make(stored, parent.reference, *kind, owner, newAttributes.native().device);
-        fskit::FSCreateItemResult result = created(change, parent, fskit::FSFileName(stored));
+        fskit::FSCreateItemResult result =
+            created(change, parent, fskit::FSFileName(stored), moves);
         // FSKit's way to say which of the requested attributes were set. Those that were not are no
         // error.
         newAttributes.consumedAttributes = defaultOwner_ ? ownerBits(newAttributes) : 0;
@@ -112,9 +117,10 @@ TavelinVolume::createSymbolicLink(const fskit::FSFileName& named, const fskit::F
         requireChangeable();
         std::string memory;
         const std::string_view stored = newName(name(named), parent.reference, memory);
+        const std::uint64_t moves = moves_;
         const NTFSChange change =
             ntfs->makeLink(stored, parent.reference, name(linkContents), ownerIn(newAttributes));
-        return created(change, parent, fskit::FSFileName(stored));
+        return created(change, parent, fskit::FSFileName(stored), moves);
     });
 }
 
@@ -177,11 +183,12 @@ Outcome<fskit::FSRenameItemResult> TavelinVolume::renameItem(
         if (moved != nullptr) {
             // Only after the rename has succeeded. The parent serves answers about this item, and a
             // stale one would name the old directory.
-            n(moved).parent = to.ino;
             n(moved).isUnflushed.store(true, std::memory_order_relaxed);
             if (from.ino != to.ino) {
                 const MutexLock held(items);
-                movedSince_ = listings_.lastVerifier();
+                noteMoved(n(moved), to);
+            } else {
+                n(moved).parent = to.ino; // a file of two names may have been reached elsewhere
             }
         }
         // The item that was replaced stays registered until it is reclaimed: its file may have
@@ -214,10 +221,9 @@ Outcome<void> TavelinVolume::exchange(const fskit::FSItemRef& item,
         ntfs->exchange(existingName(name(named), one.reference, memory), one.reference,
                        existingName(name(otherNamed), other.reference, otherMemory),
                        other.reference);
-        n(item).parent = other.ino;
-        n(otherItem).parent = one.ino;
         const MutexLock held(items);
-        movedSince_ = listings_.lastVerifier();
+        noteMoved(n(item), other);
+        noteMoved(n(otherItem), one);
     });
 }
 

@@ -44,9 +44,7 @@ const std::shared_ptr<NItem>& TavelinVolume::itemLocked(std::uint64_t reference,
     std::shared_ptr<NItem>& entry = registry_[recordNumber(reference)];
     // The item of an earlier file in the same record makes room: whoever still holds it gets ESTALE
     // for every request, so nobody will look for it here.
-    if (entry && entry->reference == reference) {
-        entry->parent.store(parent, std::memory_order_relaxed);
-    } else {
+    if (!entry || entry->reference != reference) {
         entry = std::make_shared<NItem>(reference, parent);
     }
     return entry;
@@ -54,12 +52,25 @@ const std::shared_ptr<NItem>& TavelinVolume::itemLocked(std::uint64_t reference,
 
 std::shared_ptr<NItem> TavelinVolume::item(std::uint64_t reference, std::uint64_t parent) {
     const MutexLock held(items);
-    return itemLocked(reference, parent);
+    const std::shared_ptr<NItem>& found = itemLocked(reference, parent);
+    found->parent.store(parent, std::memory_order_relaxed);
+    return found;
 }
 
-std::shared_ptr<NItem> TavelinVolume::handOut(std::uint64_t reference, std::uint64_t parent) {
+std::shared_ptr<NItem> TavelinVolume::registered(const fskit::FSItemRef& answered) {
+    const NItem& own = n(answered);
+    const MutexLock held(items);
+    return itemLocked(own.reference, own.parent.load(std::memory_order_relaxed));
+}
+
+std::shared_ptr<NItem> TavelinVolume::handOut(std::uint64_t reference, std::uint64_t parent,
+                                              std::uint64_t moves) {
     const MutexLock held(items);
     const std::shared_ptr<NItem>& found = itemLocked(reference, parent);
+    // A rename between the two may have moved the file away again, and has said so in the item.
+    if (moves == moves_) {
+        found->parent.store(parent, std::memory_order_relaxed);
+    }
     found->handedOut.fetch_add(1, std::memory_order_relaxed);
     return found;
 }
@@ -77,6 +88,12 @@ std::uint64_t TavelinVolume::parentOf(std::uint64_t reference, std::uint64_t dir
     const auto entry = registry_.find(recordNumber(reference));
     const bool isRegistered = entry != registry_.end() && entry->second->reference == reference;
     return isRegistered ? entry->second->parent.load(std::memory_order_relaxed) : directory;
+}
+
+void TavelinVolume::noteMoved(NItem& item, const NItem& directory) {
+    item.parent.store(directory.ino, std::memory_order_relaxed);
+    moves_.fetch_add(1);
+    movedSince_ = listings_.lastVerifier();
 }
 
 std::shared_ptr<NItem> TavelinVolume::takeOut(const NItem& item) {

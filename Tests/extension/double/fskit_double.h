@@ -38,6 +38,8 @@
 + (void)setHasTryReclaim:(BOOL)has;
 // YES: each item is in an answer that FSKit has not seen yet, and is not reclaimed.
 + (void)setHasAnswersOnTheirWay:(BOOL)has;
+// NO: an initialiser answers nil, as without memory.
++ (void)setCanBeMade:(BOOL)can;
 @end
 
 @interface FSContext (Double)

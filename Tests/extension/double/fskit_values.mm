@@ -106,6 +106,7 @@ OBJECT(NSData *, data, Data)
 
 static std::atomic<bool> hasTryReclaim = true;
 static std::atomic<bool> hasAnswersOnTheirWay = false;
+static std::atomic<bool> canBeMade = true;
 
 @implementation FSItem
 + (void)setHasTryReclaim:(BOOL)has {
@@ -113,6 +114,16 @@ static std::atomic<bool> hasAnswersOnTheirWay = false;
 }
 + (void)setHasAnswersOnTheirWay:(BOOL)has {
     hasAnswersOnTheirWay = has;
+}
++ (void)setCanBeMade:(BOOL)can {
+    canBeMade = can;
+}
+- (instancetype)init {
+    if ((self = [super init]) && !canBeMade) {
+        [self release];
+        self = nil;
+    }
+    return self;
 }
 - (BOOL)respondsToSelector:(SEL)selector {
     return sel_isEqual(selector, @selector(tryReclaimWithBlock:))
