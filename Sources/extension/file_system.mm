@@ -89,14 +89,18 @@ Class volumeClass() {
         const auto loaded = _fileSystem->loadResource(toCore(resource), toCore(options));
         if (!loaded) {
             NSError *failed = toFSKit(loaded.error());
-            self.containerStatus = [FSContainerStatus notReadyWithStatus:failed];
+            [self becomeIdle:[FSContainerStatus notReadyWithStatus:failed]];
             return {nil, failed};
         }
-        TavelinServedVolume *given = tavelin::made([[volumeClass() alloc]
-            initWithVolume:std::dynamic_pointer_cast<tavelin::TavelinVolume>(*loaded)
-                fileSystem:self]);
-        self.containerStatus = [FSContainerStatus ready];
-        return {given, nil};
+        const auto volume = std::dynamic_pointer_cast<tavelin::TavelinVolume>(*loaded);
+        // An active volume is answered again, and is the same object for FSKit.
+        if (![_volume.get() serves:*volume]) {
+            TavelinServedVolume *fresh = tavelin::made([[volumeClass() alloc] initWithVolume:volume
+                                                                                  fileSystem:self]);
+            _volume = Strong(fresh);
+            self.containerStatus = [FSContainerStatus ready];
+        }
+        return {_volume.get(), nil};
     });
 }
 
@@ -105,9 +109,17 @@ Class volumeClass() {
           replyHandler:(void (^)(NSError *error))reply {
     serve(reply, [&] {
         auto unloaded = _fileSystem->unloadResource(toCore(resource), toCore(options));
-        self.containerStatus = tavelin::nothingLoaded();
+        [self becomeIdle:tavelin::nothingLoaded()];
         return unloaded;
     });
+}
+
+// Unless a volume stays loaded, which a request about another one leaves as it is.
+- (void)becomeIdle:(FSContainerStatus *)status {
+    if (_fileSystem->volume == nullptr) {
+        _volume = Strong<TavelinServedVolume *>();
+        self.containerStatus = status;
+    }
 }
 
 - (NSProgress *)startCheckWithTask:(FSTask *)task

@@ -25,11 +25,14 @@
     std::unique_ptr<tavelin::HandedItems> _handed;
 
   @private
+    /* Until the deactivation: the file system keeps this volume in turn. */
     tavelin::Strong<FSUnaryFileSystem *> _fileSystem;
 }
 /// `fileSystem` is told when the volume becomes active and when it is ready again.
 - (instancetype)initWithVolume:(std::shared_ptr<tavelin::TavelinVolume>)volume
                     fileSystem:(FSUnaryFileSystem *)fileSystem;
+/// Whether requests go to this volume.
+- (BOOL)serves:(const tavelin::TavelinVolume &)volume;
 /// How many items FSKit holds.
 @property (nonatomic, readonly) NSUInteger handedItemCount;
 

@@ -29,6 +29,10 @@ using tavelin::toFSKit;
     return self;
 }
 
+- (BOOL)serves:(const tavelin::TavelinVolume &)volume {
+    return _volume.get() == &volume;
+}
+
 - (NSUInteger)handedItemCount {
     return _handed->count();
 }
@@ -102,6 +106,7 @@ using tavelin::toFSKit;
     auto deactivated = _names->deactivate(options);
     if (deactivated) {
         _fileSystem.get().containerStatus = tavelin::nothingLoaded();
+        _fileSystem = Strong<FSUnaryFileSystem *>();
     }
     return deactivated;
 }

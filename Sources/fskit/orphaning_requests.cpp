@@ -9,7 +9,8 @@ namespace tavelin {
 
 Outcome<fskit::FSItemRef> OrphaningRequests::activate(const fskit::FSTaskOptions& options) {
     auto root = volume_.activate(options);
-    if (root && !volume_.readOnly()) {
+    // Once: an active volume may be activated again, and its orphans are in use.
+    if (root && !volume_.readOnly() && !isCleanedUp_.exchange(true)) {
         orphans_.cleanUp();
     }
     return root;

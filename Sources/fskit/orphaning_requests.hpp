@@ -125,6 +125,7 @@ class OrphaningRequests {
     TavelinVolume& volume_;
     OrphanFiles orphans_;
     std::atomic<bool> hostKeepsRemoved_{false};
+    std::atomic<bool> isCleanedUp_{false};
     Mutex names_ TAVELIN_ACQUIRED_AFTER(lock_order::maintenance)
         TAVELIN_ACQUIRED_BEFORE(lock_order::directories);
 };

@@ -157,6 +157,23 @@ class Load {
         events().event("load", fields);
     }
 
+    /// Of a load beside `active`, the device of the active volume.
+    void reportRefusal(std::string_view active) const {
+        log().error(
+            fmt::format("load failed: {} is active, and no other can be loaded beside it", active));
+        Fields fields = common(false);
+        fields.insert({{"errno", kEBUSY}, {"why", "active"}});
+        events().event("load", fields);
+    }
+
+    /// Of a load that the active volume answers.
+    void reportAgain(const TavelinVolume& volume) const {
+        log().info("load: the volume is active, and stays as it is");
+        Fields fields = common(true);
+        fields.insert({{"fell_back", false}, {"ro", volume.readOnly()}, {"again", true}});
+        events().event("load", fields);
+    }
+
     void reportSuccess(const NTFSVolume& volume, bool fellBack) const {
         log().info(fmt::format("load: mounted readOnly={} windowsNames={} options={}",
                                volume.readOnly(), volume.windowsNames(), words_));
@@ -289,6 +306,7 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
         }
         fresh->journal = journaled;
         volume = fresh;
+        loads_ = 1;
         containerStatus = fskit::FSContainerStatus::ready();
         load.reportSuccess(*ntfs, fellBack);
         return fresh;
@@ -298,7 +316,28 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
     }
 }
 
+bool TavelinFileSystem::isInUse() const {
+    const bool isActive = volume != nullptr && volume->isActive();
+    const auto device = isActive ? volume->device.lock() : nullptr;
+    return device != nullptr && !device->resource->isRevoked();
+}
+
+std::shared_ptr<TavelinVolume>
+TavelinFileSystem::loadedAgain(const fskit::FSBlockDeviceResource& disk,
+                               const fskit::FSTaskOptions& options) {
+    const Load load(disk, options, defaults_.windowsNames);
+    const std::shared_ptr<ResourceDevice> device = volume->device.lock();
+    if (const std::string active = device->resource->BSDName(); active != disk.BSDName()) {
+        load.reportRefusal(active);
+        throw NTFSError(kEBUSY);
+    }
+    ++loads_;
+    load.reportAgain(*volume);
+    return volume;
+}
+
 void TavelinFileSystem::closeForgotten() {
+    loads_ = 0;
     const std::shared_ptr<TavelinVolume> forgotten = std::exchange(volume, nullptr);
     if (!forgotten) {
         return;
@@ -320,6 +359,9 @@ TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
         return fskit::fs_errorForPOSIXError(kENODEV);
     }
     return attempt<"loadResource">([&]() -> std::shared_ptr<fskit::FSVolume> {
+        if (isInUse()) {
+            return loadedAgain(*disk, options);
+        }
         closeForgotten();
         return loaded(disk, options);
     });
@@ -328,13 +370,23 @@ TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
 Outcome<void> TavelinFileSystem::unloadResource(const fskit::FSResourceRef& /*resource*/,
                                                 const fskit::FSTaskOptions& /*options*/) {
     return attempt<"unloadResource">([&] {
+        // Programs use a volume that was loaded once more beside them, for a check, say.
+        const bool stays = loads_ > 1 && isInUse();
+        loads_ = stays ? loads_ - 1 : 0;
         // Forgotten before the answer: a load may follow as soon as the host has it.
-        const std::shared_ptr<TavelinVolume> unloaded = std::exchange(volume, nullptr);
+        const std::shared_ptr<TavelinVolume> unloaded =
+            stays ? volume : std::exchange(volume, nullptr);
         try {
-            if (unloaded) {
+            if (stays) {
+                unloaded->ntfs->sync();
+            } else if (unloaded) {
                 unloaded->close();
             }
-            events().event("unload", Fields{{"ok", true}, {"errors", errorTally().summary()}});
+            Fields fields{{"ok", true}, {"errors", errorTally().summary()}};
+            if (stays) {
+                fields.insert_or_assign("active", true);
+            }
+            events().event("unload", fields);
         } catch (const std::exception& error) {
             events().event("unload", Fields{{"ok", false},
                                             {"errno", errorCode(error)},

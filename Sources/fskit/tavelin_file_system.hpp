@@ -42,14 +42,18 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// Mounts read-only when the options or the medium say so, or when the volume is hibernated,
     /// fast-started or write-protected, or marked dirty and found with data at risk (unless
     /// "nocheck" is among the options); else read-write. kENODEV when the resource is no block
-    /// device, otherwise what the volume's open answers. A volume that is still loaded is closed
-    /// first: hosts load a device again without an unload, and the second load must find all that
-    /// was written through the first.
+    /// device, otherwise what the volume's open answers.
+    ///
+    /// Hosts load a device again without an unload. A volume that is active then stays in use: its
+    /// own device answers it once more, whatever the options, and any other is refused with kEBUSY.
+    /// One that is not active, or whose disk is gone, is closed first, so that the second load
+    /// finds all that was written through the first.
     Outcome<std::shared_ptr<fskit::FSVolume>>
     loadResource(const fskit::FSResourceRef& resource,
                  const fskit::FSTaskOptions& options) override;
     /// Closes the volume, unless it was closed with its deactivation, and forgets it, whatever the
-    /// result.
+    /// result. An active volume that was loaded several times is synchronised, and stays until the
+    /// last of as many unloads.
     Outcome<void> unloadResource(const fskit::FSResourceRef& resource,
                                  const fskit::FSTaskOptions& options) override;
 
@@ -69,9 +73,17 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     /// Mounts the resource and keeps the volume; reports either outcome.
     std::shared_ptr<TavelinVolume> loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& disk,
                                           const fskit::FSTaskOptions& options);
+    /// The active volume once more, when `disk` is its device; reports either outcome.
+    std::shared_ptr<TavelinVolume> loadedAgain(const fskit::FSBlockDeviceResource& disk,
+                                               const fskit::FSTaskOptions& options);
+    /// Whether programs use the volume, and its disk is still there.
+    [[nodiscard]] bool isInUse() const;
     /// Closes what an earlier load left open. A failure is logged: the new load shall go on, and
     /// finds on the device what could be written.
     void closeForgotten();
+
+    /// How many loads have answered `volume` and were not ended by an unload.
+    std::size_t loads_ = 0;
 };
 
 } // namespace tavelin

@@ -76,6 +76,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// system expects it. Requests answer kENXIO from then on, and further calls do nothing. Throws
     /// the first failure, with the volume closed all the same.
     void close();
+    /// Whether programs may use the volume, from its activation until it is closed.
+    [[nodiscard]] bool isActive() const { return wasActivated_ && ntfs->isMounted(); }
     /// Whether changes are refused: by the load, or by a mount that asked for it at activation.
     [[nodiscard]] bool readOnly() const noexcept { return ntfs->readOnly() || refusesChanges_; }
 
@@ -85,22 +87,18 @@ class TavelinVolume final : public fskit::FSVolume,
     /// registered until it is reclaimed, and is not counted as handed out.
     [[nodiscard]] std::shared_ptr<NItem> item(std::uint64_t reference, std::uint64_t parent)
         TAVELIN_EXCLUDES(items);
-    /// The item that is registered for the file of an answered one, which keeps its parent: this
-    /// one, or where a reclaim has taken that out a new one. Not counted as handed out.
+    /// The item registered for the file of an answered one: the same, or where a reclaim has taken
+    /// that out a new one of the same parent. Not counted as handed out.
     [[nodiscard]] std::shared_ptr<NItem> registered(const fskit::FSItemRef& answered)
         TAVELIN_EXCLUDES(items);
     /// The root directory's item, its own parent; it stays registered for the volume's life.
     [[nodiscard]] std::shared_ptr<NItem> root() TAVELIN_EXCLUDES(items);
-    /// How many directory listings are kept for their readers.
-    [[nodiscard]] std::size_t keptListings() const TAVELIN_EXCLUDES(items) {
-        const MutexLock held(items);
-        return listings_.count();
-    }
+    /// How many listings are kept for readers.
+    [[nodiscard]] std::size_t keptListings() const TAVELIN_EXCLUDES(items);
 
     /// Applies what is valid in the request and not consumed yet, in a fixed order (size, times,
     /// flags, then mode, owner and group, which are ignored where they are not kept), and marks
-    /// each as consumed once it is. Throws
-    /// the first failure; what was applied before it stays.
+    /// each as consumed once it is. Throws the first failure; what was applied before it stays.
     void apply(fskit::FSItemSetAttributesRequest& request, const NItem& item);
 
     // ---- The volume ----------------------------------------------------------------------------
@@ -149,8 +147,7 @@ class TavelinVolume final : public fskit::FSVolume,
 
     /// The root stays registered.
     void reclaimItem(const fskit::FSItemRef& item) override;
-    /// FSKit asks with this whether it may leave out open and close requests; see volume.hpp of the
-    /// API.
+    /// Whether FSKit may leave out open and close requests; see volume.hpp of the API.
     [[nodiscard]] bool isOpenCloseInhibited() const override { return openCloseInhibited_; }
     void setOpenCloseInhibited(bool inhibited) override { openCloseInhibited_ = inhibited; }
     /// Nothing has to be opened: the bridge keeps no inode open between requests.
@@ -342,12 +339,10 @@ class TavelinVolume final : public fskit::FSVolume,
     /// The same of one that may not have been readable: then no attribute is valid.
     fskit::FSItemAttributes described(const std::optional<NTFSAttributes>& record,
                                       std::uint64_t parent) const;
-    /// The answer to a lookup: the item, handed out, with its attributes. For `moves`, here and
-    /// below, see handOut().
+    /// The answer to a lookup: the item, handed out, with its attributes. Of `moves` see handOut().
     fskit::FSLookupItemResult found(const NTFSAttributes& record, std::uint64_t parent,
                                     const fskit::FSFileName& name, std::uint64_t moves);
-    /// The answer to a creation: the new item, handed out, with its attributes and those of its
-    /// directory.
+    /// The answer to a creation: the same with the attributes of the directory.
     fskit::FSCreateItemResult created(const NTFSChange& change, const NItem& parent,
                                       const fskit::FSFileName& name, std::uint64_t moves);
     /// The owner and mode of a request; absent values where they are not valid or not kept.
@@ -391,8 +386,9 @@ class TavelinVolume final : public fskit::FSVolume,
     std::atomic<bool> openCloseInhibited_{true};
     std::atomic<bool> normalizesNames_{false};
     std::atomic<bool> ignoresCase_{false};
-    /// Set by an activation with "ro" and never cleared.
+    /// Set by an activation, the first one by "ro", and never cleared.
     std::atomic<bool> refusesChanges_{false};
+    std::atomic<bool> wasActivated_{false};
     /// Set by keepOwners(), before the volume is shared between threads: for items without owners
     /// of their own.
     std::optional<DefaultOwner> defaultOwner_;

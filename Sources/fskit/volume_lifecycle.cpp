@@ -140,6 +140,7 @@ Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& op
         events().event("activate", Fields{{"ro", readOnly()},
                                           {"kernel_cache", underlying && underlying->cached},
                                           {"options", words}});
+        wasActivated_ = true;
         root()->handedOut.fetch_add(1);
         return root();
     });

@@ -155,6 +155,11 @@ void TavelinVolume::reclaimAll() {
     }
 }
 
+std::size_t TavelinVolume::keptListings() const {
+    const MutexLock held(items);
+    return listings_.count();
+}
+
 std::size_t TavelinVolume::liveItems() const {
     const MutexLock held(items);
     return registry_.size();

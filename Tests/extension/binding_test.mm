@@ -191,7 +191,7 @@ TEST_P(Binding, LosesNothingWhateverEndFSKitMakes) {
             EXPECT_EQ(daemon_.state(), FSContainerStateNotReady) << "only a load opens it again";
             EXPECT_EQ(daemon_.check(@[ @"-q" ], made([RecordingTask new])).code(), kENXIO);
         },
-        [&] { EXPECT_TRUE(daemon_.deactivate().ok()); }, [] {}, // a second load
+        [&] { EXPECT_TRUE(daemon_.deactivate().ok()); },
         [&] { // a load before the unload's reply has returned
             __block bool loaded = false;
             [daemon_.module() unloadResource:resource()
@@ -216,6 +216,43 @@ TEST_P(Binding, LosesNothingWhateverEndFSKitMakes) {
     EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptionsReadOnly);
     daemon_.takeDown();
     static_cast<void>(sample_.check());
+}
+
+TEST_P(Binding, KeepsAnActiveVolumeThroughASecondLoad) {
+    daemon_.bringUp(resource());
+    ::TavelinServedVolume *const first = daemon_.volume();
+    const Answer file = daemon_.create(daemon_.root(), "file");
+    ASSERT_TRUE(daemon_.open(file.item()).ok() && daemon_.write(file.item(), "content").ok());
+    EXPECT_EQ(daemon_.load(resource()).object.get(), first) << "for a check, say";
+    EXPECT_EQ(daemon_.check(@[ @"-q" ], made([RecordingTask new])).code(), 0);
+    EXPECT_TRUE(daemon_.unload().ok());
+    EXPECT_EQ(daemon_.state(), FSContainerStateActive);
+    __block int refusals = 0;
+    [daemon_.module() loadResource:made([OtherResource new])
+                           options:[FSTaskOptions optionsWithWords:@[]]
+                      replyHandler:^(FSVolume *none, NSError *error) {
+                          refusals += none == nil && error.code == kENODEV;
+                      }];
+    EXPECT_EQ(refusals, 1);
+    EXPECT_EQ(daemon_.state(), FSContainerStateActive);
+    EXPECT_EQ(daemon_.readText(file.item()), "content");
+    EXPECT_EQ(daemon_.lookup(daemon_.root(), "file").item(), file.item());
+    EXPECT_TRUE(daemon_.close(file.item()).ok() && daemon_.reclaim(file.item()).ok());
+    daemon_.takeDown();
+    EXPECT_EQ(sample_.cat("/file"), "content");
+}
+
+TEST_P(Binding, FailsWhereNoItemCanBeMadeAndTriesAgain) {
+    daemon_.bringUp(resource());
+    const Answer made = daemon_.create(daemon_.root(), "file");
+    ASSERT_TRUE(daemon_.reclaim(made.item()).ok());
+    [FSItem setCanBeMade:NO];
+    EXPECT_EQ(daemon_.lookup(daemon_.root(), "file").code(), kENOMEM);
+    [FSItem setCanBeMade:YES];
+    const Answer found = daemon_.lookup(daemon_.root(), "file");
+    EXPECT_NE(found.item(), nil);
+    EXPECT_TRUE(found.ok() && daemon_.reclaim(found.item()).ok());
+    daemon_.takeDown();
 }
 
 TEST_P(Binding, RepliesToAReclaimWithNothingLocked) {

@@ -162,6 +162,7 @@ TEST_F(Module, ActivateLeavesTheWindowsRuleAsItIsUnlessToldOtherwise) {
     EXPECT_EQ(takeLog().back(), "info fs: activate: windowsNames=true options=-f x");
     EXPECT_EQ(takeLastEvent(),
               R"({"ev":"activate","kernel_cache":false,"options":"-f x","ro":false})");
+    EXPECT_EQ(unload(), 0);
     ASSERT_EQ(load(), 0);
     EXPECT_FALSE(volume().ntfs->windowsNames());
     root = *requests().activate({"-o", "windows_names"});
@@ -169,12 +170,12 @@ TEST_F(Module, ActivateLeavesTheWindowsRuleAsItIsUnlessToldOtherwise) {
 }
 
 TEST_F(Module, ASecondLoadFindsAllThatWasWrittenThroughTheFirst) {
-    start();
+    ASSERT_EQ(load(), 0);
     const std::shared_ptr<TavelinVolume> first = module.volume;
+    const Item oldRoot = first->root();
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(requests().create(root, "file " + std::to_string(i)).code(), 0);
+        EXPECT_EQ(requests().create(oldRoot, "file " + std::to_string(i)).code(), 0);
     }
-    const Item oldRoot = root;
     start();
     EXPECT_NE(module.volume, first);
     EXPECT_EQ(requests().lookup(root, "file 49").code(), 0);
@@ -184,6 +185,53 @@ TEST_F(Module, ASecondLoadFindsAllThatWasWrittenThroughTheFirst) {
     EXPECT_EQ(unload(), 0);
     save();
     EXPECT_EQ(sample.list("/").size(), 51u);
+}
+
+// A disk by another name, or one that was pulled out.
+struct OtherDisk final : MemoryResource {
+    using MemoryResource::MemoryResource;
+    std::string BSDName() const override { return name; }
+    bool isRevoked() const override { return isGone; }
+    std::string name = "disk8s1";
+    bool isGone = false;
+};
+
+TEST_F(Module, ASecondLoadLeavesAnActiveVolumeInUse) {
+    const auto own = std::make_shared<OtherDisk>(disk->bytes);
+    disk = own;
+    start();
+    const std::shared_ptr<TavelinVolume> first = module.volume;
+    const Item file = *requests().create(root, "file");
+    static_cast<void>(takeEvents());
+    static_cast<void>(takeLog());
+    ASSERT_EQ(load({"-o", "ro"}), 0);
+    EXPECT_EQ(module.volume, first);
+    EXPECT_EQ(takeLog(), Lines{"info fs: load: the volume is active, and stays as it is"});
+    EXPECT_EQ(takeEvents(), Lines{R"({"again":true,"bsd":"disk8s1","ev":"load","fell_back":false,)"
+                                  R"("media_writable":true,"ms":0,"ok":true,"options":"-o ro",)"
+                                  R"("ro":false,"ro_req":true})"});
+    EXPECT_EQ(*requests().write(file, 0, "content"), 7u);
+    EXPECT_EQ(unload(), 0) << "of the second load";
+    EXPECT_EQ(takeLastEvent(), R"({"active":true,"errors":{"counts":{},"first":[]},)"
+                               R"("ev":"unload","ok":true})");
+    EXPECT_EQ(*requests().read(file, 0, 100), "content");
+
+    const auto other = std::make_shared<MemoryResource>(disk->bytes);
+    EXPECT_EQ(codeOf(module.loadResource(other, {{"-f"}})), kEBUSY);
+    EXPECT_EQ(takeLog(), Lines{"error fs: load failed: disk8s1 is active, and no other can be "
+                               "loaded beside it"});
+    EXPECT_EQ(takeEvents(), Lines{R"({"bsd":"disk7s2","errno":16,"ev":"load",)"
+                                  R"("media_writable":true,"ms":0,"ok":false,"options":"-f",)"
+                                  R"("ro_req":false,"why":"active"})"});
+    EXPECT_EQ(requests().create(root, "later").code(), 0);
+
+    own->isGone = true;
+    ASSERT_EQ(codeOf(module.loadResource(other, {})), 0) << "nobody can use the first any more";
+    EXPECT_NE(module.volume, first);
+    EXPECT_EQ(requests().lookup(volume().root(), "file").code(), 0) << "synchronised by the unload";
+    disk = other;
+    EXPECT_EQ(unload(), 0);
+    EXPECT_EQ(module.volume, nullptr);
 }
 
 TEST_F(Module, DeactivationClosesVolumeAndJournal) {

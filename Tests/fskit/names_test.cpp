@@ -159,6 +159,7 @@ TEST_F(NamesTest, CaseDoesNotCountWhereTheMountSaysSo) {
 TEST_F(NamesTest, AHostsRulesHoldUnlessTheMountSaysOtherwise) {
     TavelinFileSystem strict({.windowsNames = true, .normalizeNames = true});
     const auto loadStrict = [&](const Options& options) {
+        EXPECT_EQ(codeOf(strict.unloadResource(disk, {})), 0);
         static_cast<void>(*Answer{strict.loadResource(disk, {options})});
         return *Answer{strict.volume->activate({})};
     };

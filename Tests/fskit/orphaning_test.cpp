@@ -131,7 +131,8 @@ INSTANTIATE_TEST_SUITE_P(AllLosses, Orphaning,
                                          Case{true, true}));
 
 TEST_F(Orphaning, WhatIsNeverReclaimedGoesWithTheUnmountOrTheNextMount) {
-    for (const bool isUnmounted : {true, false}) {
+    enum class End { unmount, powerCut, deviceError, readOnly };
+    for (const End end : {End::unmount, End::powerCut, End::deviceError, End::readOnly}) {
         loseFile(false);
         loseFile(true);
         EXPECT_EQ(codeOf(names->lookupItem(FSFileName(".tavelin-removed"), root)), kENOENT);
@@ -143,13 +144,29 @@ TEST_F(Orphaning, WhatIsNeverReclaimedGoesWithTheUnmountOrTheNextMount) {
         static_cast<void>(requests().list(root, page));
         const auto hides = [&] { return page.names()[2].starts_with(".tavelin-removed>"); };
         EXPECT_TRUE(hides());
-        if (isUnmounted) {
-            names->unmount();
-            EXPECT_EQ(codeOf(names->deactivate(0)), 0);
+        EXPECT_EQ(codeOf(names->synchronize(fskit::FSSyncFlags::wait)), 0);
+        const std::string cut = disk->bytes;
+        if (end == End::readOnly) {
+            EXPECT_EQ(requests().activate({"-o", "rdonly"}).code(), 0);
+        } else if (end == End::deviceError) {
+            disk->hook = [](MemoryResource::Call call, auto, std::size_t length) {
+                return call == MemoryResource::Call::write
+                           ? throw fskit::fs_errorForPOSIXError(kEIO)
+                           : length;
+            };
         }
+        names->unmount();
+        EXPECT_EQ(codeOf(names->deactivate(0)), disk->hook ? kEIO : 0);
         names.reset();
-        // As FSKit loads once more, or as the machine comes back.
+        EXPECT_EQ(unload(), disk->hook ? kEIO : 0);
+        disk->hook = nullptr;
+        if (end == End::powerCut) {
+            disk->bytes = cut;
+        }
         ASSERT_EQ(load(), 0);
+        page.entries.clear();
+        static_cast<void>(requests().list(volume().root(), page));
+        EXPECT_EQ(hides(), end != End::unmount);
         names.emplace(volume());
         root = *Answer{names->activate({})};
         page.entries.clear();

@@ -66,6 +66,7 @@ class Daemon {
     void takeDown();
     Answer unmount();
     Answer deactivate();
+    Answer unload();
     // takeDown without an opinion on the answers, which are returned in order.
     std::vector<Answer> abandon();
     Answer check(NSArray<NSString *> *words, RecordingTask *task);
@@ -107,7 +108,6 @@ class Daemon {
     std::vector<std::string> list(FSItem *directory, size_t room, bool withAttributes);
 
   private:
-    Answer unload();
     Answer removeName(FSItem *item, FSItem *directory, const std::string &name);
     // The volume as each generation of requests sees it.
     ::TavelinVolume *first() const { return static_cast<::TavelinVolume *>(volume()); }
