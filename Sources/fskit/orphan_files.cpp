@@ -48,7 +48,8 @@ bool OrphanFiles::contains(fskit::FSItemID id) const {
         return false;
     }
     const MutexLock held(lock_);
-    return removals_.contains(id);
+    const auto removal = removals_.find(id);
+    return removal != removals_.end() && !removal->second.isNamed;
 }
 
 OrphanFiles::Removal* OrphanFiles::begin(fskit::FSItemID id) {
@@ -118,8 +119,7 @@ Outcome<void> OrphanFiles::moveToOrphanDirectory(Removal& removal, fskit::FSItem
                            FSFileName(name), directory->item(), nullptr));
     if (moved) {
         removal.directory = std::move(*directory);
-        // The file no longer counts against the directory that it was unlinked in, which may now be
-        // removed.
+        // The directory that it was unlinked in may now be removed.
         removal.directoryID = fskit::FSItemIDInvalid;
         removal.name = std::move(name);
         removal.orphaned = true;
@@ -178,7 +178,9 @@ Outcome<fskit::FSRemoveItemResult> OrphanFiles::removeAtOnce(const ItemRef& file
                     std::move(orphan)};
     removal.orphaned = true;
     put(idOf(file), std::move(removal));
-    moved->renamedItemAttributes.setLinkCount(0);
+    if (moved->renamedItemAttributes.validAttributes() != 0) { // else it could not be read
+        moved->renamedItemAttributes.setLinkCount(0);
+    }
     return fskit::FSRemoveItemResult{moved->renamedItemAttributes, moved->sourceDirectoryAttributes,
                                      moved->freeSpace};
 }
@@ -196,22 +198,29 @@ Outcome<void> OrphanFiles::linkBeforeReplace(const ItemRef& file) {
         Removal removal{file.duplicate(), std::move(*directory), fskit::FSItemIDInvalid,
                         std::move(name)};
         removal.orphaned = true;
+        removal.isNamed = true;
         put(idOf(file), std::move(removal));
     }
     return named;
 }
 
-void OrphanFiles::dropIfStillLinked(const ItemRef& file, bool mayHaveOtherNames) {
-    if (!mayHaveOtherNames) {
-        return;
-    }
+bool OrphanFiles::dropIfStillLinked(const ItemRef& file, bool mayHaveOtherNames) {
     // Where the count cannot be read, the file stays in the table. Its other names are then not
     // shown until the kernel forgets the file.
-    const Outcome<size_t> names = volume_.countNames(file.item());
-    // The file is not an orphan: only one of its names was replaced. Its name in the orphan
-    // directory is removed, and the others stay visible.
-    if (names && *names > 1) {
+    const Outcome<bool> hasOthers = hasOtherNames(file, mayHaveOtherNames);
+    if (hasOthers && *hasOthers) {
+        // Only one of its names was replaced: it is no orphan, and needs no name for that.
         release(idOf(file));
+        return true;
+    }
+    loseName(idOf(file));
+    return false;
+}
+
+void OrphanFiles::loseName(fskit::FSItemID id) {
+    const MutexLock held(lock_);
+    if (const auto removal = removals_.find(id); removal != removals_.end()) {
+        removal->second.isNamed = false;
     }
 }
 
@@ -221,7 +230,11 @@ void OrphanFiles::undoReplace(const ItemRef& file, const ItemRef& directory,
         removal.homeDirectory = directory.duplicate();
         removal.home = name;
         // A failure is dropped here: finish() tries again when the file is released.
-        return static_cast<bool>(moveHome(removal));
+        const bool isHome = static_cast<bool>(moveHome(removal));
+        if (!isHome) {
+            loseName(idOf(file));
+        }
+        return isHome;
     });
 }
 
@@ -347,9 +360,8 @@ void OrphanFiles::release(const ItemRef& file) {
         return;
     }
     {
-        // A removed directory's record may belong to another file by now, one that is unlinked and
-        // open in its turn. The record number alone would release that file, so the items are
-        // compared, which carry the sequence number.
+        // The record may belong to another unlinked file by now, which its number alone would
+        // release. So the items are compared, which carry the sequence number.
         const MutexLock held(lock_);
         const auto removal = removals_.find(idOf(file));
         if (removal == removals_.end() || !(removal->second.item == file)) {

@@ -64,10 +64,11 @@ class OrphanFiles final : public OrphanView {
                                                     const fskit::FSFileName& name);
     /// Replacing a file by a rename takes three steps. linkBeforeReplace() gives the old file a
     /// second name in the orphan directory. After the rename, dropIfStillLinked() removes that name
-    /// again when the file has other visible names. After a rename that failed, undoReplace() makes
-    /// sure that the file has the name that it was to lose.
+    /// again when the file has other visible names, which it answers; otherwise the file is an
+    /// orphan from then on. After a rename that failed, undoReplace() makes sure that the file has
+    /// the name that it was to lose.
     Outcome<void> linkBeforeReplace(const ItemRef& file);
-    void dropIfStillLinked(const ItemRef& file, bool mayHaveOtherNames);
+    bool dropIfStillLinked(const ItemRef& file, bool mayHaveOtherNames);
     void undoReplace(const ItemRef& file, const ItemRef& directory, std::string_view name);
 
     /// Moves a file with a pending unlink, or all those of one directory, to the orphan directory,
@@ -96,7 +97,8 @@ class OrphanFiles final : public OrphanView {
         std::string name;
         Clock::time_point since = Clock::now();
         bool orphaned = false;
-        bool busy = false; // one thread works on it without holding the lock
+        bool busy = false;    // one thread works on it without holding the lock
+        bool isNamed = false; // a rename is about to take the name that users see; under lock_
         // Set when a replacement failed and left the file without its own name: it goes back
         // there instead of being removed.
         ItemRef homeDirectory{};
@@ -104,6 +106,8 @@ class OrphanFiles final : public OrphanView {
     };
 
     void release(fskit::FSItemID id);
+    /// A rename has taken the name of a file that linkBeforeReplace() prepared for it.
+    void loseName(fskit::FSItemID id);
     /// Whether the file has more names than the one that is to go, its DOS name not counted.
     Outcome<bool> hasOtherNames(const ItemRef& file, bool mayHaveOtherNames);
     /// Renames the file into the orphan directory, which frees its old name.

@@ -197,9 +197,10 @@ Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
         orphans_.undoReplace(over->file, ItemRef(volume_, destinationDirectory), over->name.data());
         return done;
     }
-    orphans_.dropIfStillLinked(over->file, over->mayHaveOtherNames);
-    if (done->overItemAttributes) {
-        done->overItemAttributes = adjusted(*done->overItemAttributes);
+    const bool isStillLinked = orphans_.dropIfStillLinked(over->file, over->mayHaveOtherNames);
+    if (auto& replacedItem = done->overItemAttributes) {
+        // It was read with the name in the orphan directory.
+        replacedItem->setLinkCount(isStillLinked ? replacedItem->linkCount() - 1 : 0);
     }
     return done;
 }

@@ -262,6 +262,39 @@ TEST_F(Orphaning, AChangeStandsAlthoughWhatItLeftCannotBeRead) {
     EXPECT_EQ(names->ofChanged(unread, file).validAttributes(), 0u) << "nobody knows its size";
 }
 
+TEST_F(Orphaning, AFileIsNoOrphanWhileItHasANameThatUsersSee) {
+    const Item file = *requests().create(root, "file");
+    EXPECT_EQ(codeOf(volume().linkInternal(file, FSFileName("second"), root)), 0);
+    for (const char* name : {"file", "second"}) {
+        const Item other = *requests().create(root, "other");
+        const auto done =
+            names->renameItem(other, root, FSFileName("other"), FSFileName(name), root, file);
+        const std::uint32_t left = name == std::string("file") ? 1 : 0;
+        EXPECT_EQ(done->overItemAttributes->linkCount(), left);
+        EXPECT_EQ(names->getAttributes({}, file)->linkCount(), left);
+    }
+
+    OrphanFiles files(volume());
+    const Item replaced = *requests().create(root, "replaced");
+    const Item fresh = *requests().create(root, "fresh");
+    const auto id = requests().attributes(replaced)->fileID();
+    volume().retain(replaced);
+    const ItemRef held(volume(), replaced);
+    EXPECT_EQ(codeOf(files.linkBeforeReplace(held)), 0);
+    EXPECT_FALSE(files.contains(id)) << "the rename may fail";
+    EXPECT_EQ(requests().rename(fresh, root, "fresh", root, "replaced", replaced).code(), 0);
+    EXPECT_FALSE(files.dropIfStillLinked(held, false));
+    EXPECT_TRUE(files.contains(id));
+    EXPECT_EQ(codeOf(files.releaseAll()), 0);
+}
+
+TEST_F(Orphaning, ASecondActivationLeavesOrphansInUse) {
+    EXPECT_EQ(codeOf(names->activate({})), 0);
+    const Item file = loseFile(false);
+    EXPECT_EQ(codeOf(names->activate({})), 0);
+    EXPECT_EQ(*requests().read(file, 0, 5), "fffff");
+}
+
 TEST_F(Orphaning, AFailedReplacementLeavesTheFileItsName) {
     const Item file = *requests().create(root, "file");
     const Item directory = *requests().create(root, "folder", Type::directory);
