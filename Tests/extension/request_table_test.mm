@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <fstream>
@@ -20,14 +21,14 @@ constexpr std::array kActions{"open and read a small file", "save a document ove
                               "`ls -l` of 1,000 files", "copy of 10 folders with 20 files each"};
 using Counts = std::array<std::size_t, kActions.size()>;
 
-Counts count(Release release) {
+Counts count(Release release, bool tellsUse) {
     const ReplacedServices services;
     const SampleVolume sample;
     Counts counts{};
     @autoreleasepool {
         Daemon daemon(release);
         daemon.bringUp([ImageResource resourceWithImage:sample.image() writable:YES]);
-        UserActions user(daemon);
+        UserActions user(daemon, tellsUse);
         const Answer document = daemon.create(daemon.root(), "document");
         EXPECT_TRUE(daemon.write(document.item(), std::string(4096, 'd')).ok());
         const Answer large = daemon.create(daemon.root(), "large", FSItemTypeDirectory);
@@ -52,25 +53,29 @@ Counts count(Release release) {
     return counts;
 }
 
-std::string table(const Counts &first, const Counts &handlers) {
-    std::string text = "| what is done | 15.4 to 26 | 27.0 | share |\n|---|---|---|---|\n";
-    std::size_t sums[2]{};
-    const auto row = [&](const std::string &name, std::size_t a, std::size_t b) {
+// `before` is the first generation without what it is told of the use of items.
+std::string table(const Counts &before, const Counts &first, const Counts &handlers) {
+    std::string text = "| what is done | before, all releases | 15.4 to 26 | 27.0 | share of 15.4 "
+                       "to 26 |\n|---|---|---|---|---|\n";
+    std::size_t sums[3]{};
+    const auto row = [&](const std::string &name, std::size_t a, std::size_t b, std::size_t c) {
         text += "| " + name + " | " + std::to_string(a) + " | " + std::to_string(b) + " | " +
-                std::to_string((b * 100 + a / 2) / a) + " % |\n";
+                std::to_string(c) + " | " + std::to_string((c * 100 + b / 2) / b) + " % |\n";
     };
     for (std::size_t i = 0; i < kActions.size(); ++i) {
-        row(kActions[i], first[i], handlers[i]);
-        sums[0] += first[i];
-        sums[1] += handlers[i];
+        row(kActions[i], before[i], first[i], handlers[i]);
+        sums[0] += before[i];
+        sums[1] += first[i];
+        sums[2] += handlers[i];
     }
-    row("all of it", sums[0], sums[1]);
-    EXPECT_LE(sums[1] * 100, sums[0] * 60);
+    row("all of it", sums[0], sums[1], sums[2]);
+    EXPECT_LE(sums[2] * 100, std::min(sums[0], sums[1]) * 60);
     return text;
 }
 
 TEST(RequestTable, OfTheGuideIsTheOneThatIsCounted) {
-    const std::string counted = table(count(Release::k26_0), count(Release::k27_0));
+    const std::string counted = table(count(Release::k26_0, false), count(Release::k26_0, true),
+                                      count(Release::k27_0, true));
     const std::filesystem::path guide(TAVELIN_GUIDE);
     std::string text = readFile(guide);
     const std::size_t start = text.find("| what is done |");

@@ -15,8 +15,9 @@ namespace tavelin::test {
 
 class UserActions {
   public:
-    // The volume is active.
-    explicit UserActions(Daemon& daemon) : daemon_(daemon) {}
+    // The volume is active. What it has FSKit leave out is not sent: opens and closes, and that an
+    // item is not used any more.
+    UserActions(Daemon& daemon, bool tellsUse) : daemon_(daemon), tellsUse_(tellsUse) {}
 
     // Opens a file in the root that is not known yet, reads it and closes it.
     void openAndRead(const std::string& name);
@@ -37,7 +38,11 @@ class UserActions {
     // What FSKit asks for after an answer that carries none of it.
     void askAfterwards(std::initializer_list<FSItem*> items, bool freeSpace);
 
+    void open(FSItem* item);
+    void close(FSItem* item);
+
     Daemon& daemon_;
+    const bool tellsUse_;
 };
 
 } // namespace tavelin::test
