@@ -1,11 +1,22 @@
 #include "fskit/orphaning_requests.hpp"
 
+#include "core/driver2/sync_flags.hpp"
 #include "fskit/private/request.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <utility>
 
 namespace tavelin {
+
+namespace {
+
+/// Of a request about the hidden name, which is counted and tallied as one about any other.
+template<RequestName name>
+fskit::Error refused(std::int32_t code) {
+    return request<name>([code]() -> Outcome<void> { throw NTFSError(code); }).error();
+}
+
+} // namespace
 
 Outcome<fskit::FSItemRef> OrphaningRequests::activate(const fskit::FSTaskOptions& options) {
     auto root = volume_.activate(options);
@@ -35,7 +46,11 @@ Outcome<void> OrphaningRequests::deactivate(fskit::FSDeactivateOptions options) 
 }
 
 Outcome<void> OrphaningRequests::synchronize(fskit::FSSyncFlags flags) {
-    Outcome<void> removed = orphans_.persistOrphans();
+    Outcome<void> removed;
+    if (Driver2::syncMustFlush(static_cast<std::int64_t>(flags))) {
+        const OwnRequests own;
+        removed = orphans_.persistOrphans();
+    }
     Outcome<void> synchronized = volume_.synchronize(flags);
     return synchronized ? std::move(removed) : std::move(synchronized);
 }
@@ -100,7 +115,7 @@ fskit::FSItemAttributes OrphaningRequests::ofRemoved(const fskit::FSItemAttribut
 
 Outcome<fskit::FSLookupItemResult>
 OrphaningRequests::lookupItem(const fskit::FSFileName& name, const fskit::FSItemRef& directory) {
-    return isHidden(name, directory) ? fskit::fs_errorForPOSIXError(kENOENT)
+    return isHidden(name, directory) ? refused<"lookupItem">(kENOENT)
                                      : volume_.lookupItem(name, directory);
 }
 
@@ -108,7 +123,7 @@ Outcome<fskit::FSCreateItemResult>
 OrphaningRequests::createItem(const fskit::FSFileName& name, fskit::FSItemType type,
                               const fskit::FSItemRef& directory,
                               fskit::FSItemSetAttributesRequest& attributes) {
-    return isHidden(name, directory) ? fskit::fs_errorForPOSIXError(kEPERM)
+    return isHidden(name, directory) ? refused<"createItem">(kEPERM)
                                      : volume_.createItem(name, type, directory, attributes);
 }
 
@@ -116,7 +131,7 @@ Outcome<fskit::FSCreateItemResult> OrphaningRequests::createSymbolicLink(
     const fskit::FSFileName& name, const fskit::FSItemRef& directory,
     fskit::FSItemSetAttributesRequest& attributes, const fskit::FSFileName& linkContents) {
     return isHidden(name, directory)
-               ? fskit::fs_errorForPOSIXError(kEPERM)
+               ? refused<"createSymbolicLink">(kEPERM)
                : volume_.createSymbolicLink(name, directory, attributes, linkContents);
 }
 
@@ -147,7 +162,7 @@ Outcome<fskit::FSRemoveItemResult>
 OrphaningRequests::removeItem(const fskit::FSItemRef& item, const fskit::FSFileName& name,
                               const fskit::FSItemRef& directory) {
     if (isHidden(name, directory)) {
-        return fskit::fs_errorForPOSIXError(kENOENT);
+        return refused<"removeItem">(kENOENT);
     }
     const MutexLock held(names_);
     if (auto removed = hostKeepsRemoved_ ? std::nullopt : orphaned(item, name, directory)) {
@@ -175,10 +190,10 @@ Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
     const fskit::FSFileName& sourceName, const fskit::FSFileName& destinationName,
     const fskit::FSItemRef& destinationDirectory, const fskit::FSItemRef& overItem) {
     if (isHidden(sourceName, sourceDirectory)) {
-        return fskit::fs_errorForPOSIXError(kENOENT);
+        return refused<"renameItem">(kENOENT);
     }
     if (isHidden(destinationName, destinationDirectory)) {
-        return fskit::fs_errorForPOSIXError(kEPERM);
+        return refused<"renameItem">(kEPERM);
     }
     const MutexLock held(names_);
     const auto rename = [&] {

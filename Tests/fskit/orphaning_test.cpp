@@ -240,9 +240,16 @@ TEST_F(Orphaning, RequestsAreCountedAsTheyCame) {
     requests().reclaim(file);
     names->reclaimed(file);
     EXPECT_TRUE(names->attributesBeside(root));
+    EXPECT_EQ(errorTally().summary().at("counts"), FieldValue(Fields{}));
+    const FSFileName hidden(".tavelin-removed");
+    EXPECT_EQ(codeOf(names->lookupItem(hidden, root)), kENOENT);
+    EXPECT_EQ(codeOf(names->renameItem(other, root, FSFileName("file"), hidden, root, nullptr)),
+              kEPERM);
+    EXPECT_EQ(errorTally().summary().at("counts"), FieldValue(Fields{{"1", 1}, {"2", 1}}));
+    errorTally().reset();
     EXPECT_EQ(counted(),
-              (std::vector<std::string>{"createItem=2", "deactivateItem=1", "reclaimItem=1",
-                                        "removeItem=1", "renameItem=1"}));
+              (std::vector<std::string>{"createItem=2", "deactivateItem=1", "lookupItem=1",
+                                        "reclaimItem=1", "removeItem=1", "renameItem=2"}));
     names->unmount();
     EXPECT_EQ(counted(), std::vector<std::string>{});
     EXPECT_EQ(errorTally().summary().at("counts"), FieldValue(Fields{}));
