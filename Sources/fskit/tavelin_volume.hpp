@@ -76,8 +76,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// system expects it. Requests answer kENXIO from then on, and further calls do nothing. Throws
     /// the first failure, with the volume closed all the same.
     void close();
-    /// Whether programs may use the volume, from its activation until it is closed.
-    [[nodiscard]] bool isActive() const { return wasActivated_ && ntfs->isMounted(); }
+    /// Whether programs may use the volume, from its activation to its deactivation or its end.
+    [[nodiscard]] bool isActive() const { return isActivated_ && ntfs->isMounted(); }
     /// Whether changes are refused: by the load, or by a mount that asked for it at activation.
     [[nodiscard]] bool readOnly() const noexcept { return ntfs->readOnly() || refusesChanges_; }
 
@@ -386,9 +386,9 @@ class TavelinVolume final : public fskit::FSVolume,
     std::atomic<bool> openCloseInhibited_{true};
     std::atomic<bool> normalizesNames_{false};
     std::atomic<bool> ignoresCase_{false};
-    /// Set by an activation, the first one by "ro", and never cleared.
+    /// Set by an activation with "ro" and never cleared.
     std::atomic<bool> refusesChanges_{false};
-    std::atomic<bool> wasActivated_{false};
+    std::atomic<bool> isActivated_{false};
     /// Set by keepOwners(), before the volume is shared between threads: for items without owners
     /// of their own.
     std::optional<DefaultOwner> defaultOwner_;

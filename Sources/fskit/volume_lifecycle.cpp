@@ -140,7 +140,7 @@ Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& op
         events().event("activate", Fields{{"ro", readOnly()},
                                           {"kernel_cache", underlying && underlying->cached},
                                           {"options", words}});
-        wasActivated_ = true;
+        isActivated_ = true;
         root()->handedOut.fetch_add(1);
         return root();
     });
@@ -173,6 +173,7 @@ Outcome<void> TavelinVolume::synchronize(fskit::FSSyncFlags flags) {
 
 Outcome<void> TavelinVolume::deactivate(fskit::FSDeactivateOptions /*options*/) {
     return attempt<"deactivate">([&] {
+        isActivated_ = false; // also where writing fails: the host is done with the volume
         if (!ntfs->isMounted()) {
             return;
         }

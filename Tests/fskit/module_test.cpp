@@ -306,7 +306,9 @@ TEST_F(Module, AFailedUnloadReportsAndForgets) {
     EXPECT_EQ(requests().synchronize(fskit::FSSyncFlags::noWait), 0);
     EXPECT_EQ(requests().synchronize(), kENXIO);
     requests().unmount();
+    EXPECT_TRUE(volume().isActive());
     EXPECT_EQ(requests().deactivate(), kENXIO);
+    EXPECT_FALSE(volume().isActive()) << "a load need not leave it as it is any more";
     static_cast<void>(takeEvents());
     EXPECT_EQ(unload(), kENXIO);
     const std::string event = takeLastEvent();
