@@ -107,6 +107,27 @@ int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback,
     return 0;
 }
 
+int32_t ntb_parent(ntb_vol* vol, uint64_t ino, uint64_t* directory) {
+    if (MREF(ino) < first_user_ino && MREF(ino) != NTB_ROOT_INO) {
+        return ENOENT;
+    }
+    inode_guard inode;
+    if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
+        return error;
+    }
+    if (inode->mft_no == NTB_ROOT_INO) { // of which the library knows none
+        *directory = MK_MREF(inode->mft_no, sequence_of(inode.get()));
+        return 0;
+    }
+    errno = 0;
+    const inode_guard parent(ntfs_dir_parent_inode(inode.get()));
+    if (parent.get() == nullptr) {
+        return err_or(EIO);
+    }
+    *directory = MK_MREF(parent->mft_no, sequence_of(parent.get()));
+    return 0;
+}
+
 int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count) {
     *count = 0;
     inode_guard inode;

@@ -233,6 +233,10 @@ int32_t ntb_lookup_in_any_case(ntb_vol* vol, uint64_t directory, const char* nam
 
 int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out);
 
+/* The directory that an item has a name in, with the sequence number of its record; of the root
+ * itself. ENOENT for a system file. */
+int32_t ntb_parent(ntb_vol* vol, uint64_t ino, uint64_t* directory);
+
 /* Called once an entry, in the volume's collation order; non-zero ends the listing, which then
  * still answers 0. seq is the sequence number that the entry has of its record. */
 typedef int32_t (*ntb_dir_callback)(void* context, const char* name, uint64_t ino, uint16_t seq,
@@ -328,12 +332,10 @@ int32_t ntb_symlink(ntb_vol* vol, uint64_t parent, const char* name, const char*
 int32_t ntb_symlink_windows(ntb_vol* vol, uint64_t parent, const char* name, const char* target,
                             const ntb_owner* owner, uint64_t* ino);
 
-/*
- * The target of a link: an Interix link, a reparse point of WSL, or one of Windows; EINVAL for
+/* The target of a link: an Interix link, a reparse point of WSL, or one of Windows; EINVAL for
  * anything else. Links of Windows with a path from a drive's root lead into this volume. Their
  * target is that path, as in "/real", or, in a mount, the way there from the link's directory, as
- * in "../real". What is on no volume that could be this one keeps its spelling, with backslashes.
- */
+ * in "../real". What is on no volume that could be this one keeps its spelling, with backslashes. */
 int32_t ntb_readlink(ntb_vol* vol, uint64_t ino, char** target);
 int32_t ntb_readlink_in_mount(ntb_vol* vol, uint64_t ino, char** target);
 
@@ -371,12 +373,10 @@ int32_t ntb_set_hidden(ntb_vol* vol, uint64_t ino, int32_t hidden);
  * extended attributes that it is kept in are damaged, E2BIG where others leave no room in them. */
 int32_t ntb_set_owner(ntb_vol* vol, uint64_t ino, const ntb_owner* owner);
 
-/*
- * Extended attributes are named data streams; names carry no prefix. Links have none: reading or
+/* Extended attributes are named data streams; names carry no prefix. Links have none: reading or
  * removing one answers ENOATTR (ENODATA on hosts without it), setting one EPERM. The stream that a
  * system-compressed file has its data in is not listed and cannot be set (EPERM); removing it
- * answers EOPNOTSUPP: it is gone after ntb_decompress.
- */
+ * answers EOPNOTSUPP: it is gone after ntb_decompress. */
 typedef int32_t (*ntb_name_callback)(void* context, const char* name);
 
 enum {

@@ -33,7 +33,7 @@
 ///                                    a failure without a reason
 ///   unmount                          those of writing back; never kENXIO
 ///   label, statfs, ioStats, sync,    nothing else
-///   populateCache, attributes,
+///   populateCache, attributes, parent,
 ///   flush, xattrNames
 ///   setLabel                         kEROFS, kEILSEQ, kENAMETOOLONG over 128 UTF-16 units, kENOSPC
 ///   trim                             kEROFS, kENOTSUP by the device, kEINVAL a range outside the
@@ -210,6 +210,9 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     [[nodiscard]] std::uint64_t resolve(std::string_view path);
     /// The attributes of an item at this moment.
     [[nodiscard]] NTFSAttributes attributes(std::uint64_t ino);
+    /// The directory that an item has a name in, as a reference; of the root itself. kENOENT for a
+    /// system file.
+    [[nodiscard]] std::uint64_t parent(std::uint64_t ino);
     /// The attributes of what a name stands for, in one go; absent when there is no such name.
     [[nodiscard]] std::optional<NTFSAttributes> find(std::string_view name, std::uint64_t parent);
     /// The same; a name that is not there as given is found in another case by the volume's own

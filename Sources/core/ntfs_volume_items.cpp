@@ -58,6 +58,12 @@ NTFSAttributes NTFSVolume::attributes(std::uint64_t ino) {
     return attributesOf(record);
 }
 
+std::uint64_t NTFSVolume::parent(std::uint64_t ino) {
+    std::uint64_t directory = 0;
+    check(locked([&](ntb_vol* vol) { return ntb_parent(vol, ino, &directory); }));
+    return directory;
+}
+
 std::optional<NTFSAttributes> NTFSVolume::find(std::string_view name, std::uint64_t parent) {
     const BridgeText text(name);
     ntb_attr record{};

@@ -46,6 +46,11 @@ class ExtendedOperations {
     /// The item of an entry of a directory's listing, with its attributes.
     virtual Outcome<fskit::FSLookupItemResult>
     attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) = 0;
+    /// The item of a reference (see itemReference) that this or an earlier mount has told of: for
+    /// hosts that hand out handles which outlive their items. kESTALE when it has been removed.
+    virtual Outcome<fskit::FSLookupItemResult> itemAt(std::uint64_t reference) = 0;
+    /// The directory that an item has a name in; of the root itself.
+    virtual Outcome<fskit::FSLookupItemResult> directoryOf(const fskit::FSItemRef& item) = 0;
     /// Gives a file a name of the host's own, beside those that users see: FSKit's hard links are
     /// refused, but a host keeps a file alive by this when its last name is taken by another.
     virtual Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,

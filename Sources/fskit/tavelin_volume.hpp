@@ -266,6 +266,8 @@ class TavelinVolume final : public fskit::FSVolume,
     [[nodiscard]] std::size_t liveItems() const override TAVELIN_EXCLUDES(items);
     Outcome<fskit::FSLookupItemResult>
     attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSLookupItemResult> itemAt(std::uint64_t reference) override;
+    Outcome<fskit::FSLookupItemResult> directoryOf(const fskit::FSItemRef& item) override;
     Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,
                                                     const fskit::FSFileName& name,
                                                     const fskit::FSItemRef& directory) override;

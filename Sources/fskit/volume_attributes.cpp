@@ -210,6 +210,21 @@ TavelinVolume::attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& 
     });
 }
 
+Outcome<fskit::FSLookupItemResult> TavelinVolume::itemAt(std::uint64_t reference) {
+    return request<"getAttributes">([&] {
+        const std::uint64_t above = recordNumber(ntfs->parent(reference));
+        return found(ntfs->attributes(reference), parentOf(reference, above), fskit::FSFileName());
+    });
+}
+
+Outcome<fskit::FSLookupItemResult> TavelinVolume::directoryOf(const fskit::FSItemRef& item) {
+    return request<"getAttributes">([&] {
+        const std::uint64_t directory = ntfs->parent(n(item).reference);
+        const std::uint64_t above = recordNumber(ntfs->parent(directory));
+        return found(ntfs->attributes(directory), parentOf(directory, above), fskit::FSFileName());
+    });
+}
+
 Outcome<std::size_t> TavelinVolume::countNames(const fskit::FSItemRef& item) {
     return request<"getAttributes">(
         [&] { return std::size_t{ntfs->countNames(n(item).reference)}; });

@@ -65,6 +65,22 @@ Outcome<Found> VolumeClient::describe(const ItemRef& directory, fskit::FSItemID 
     return take(std::move(*found));
 }
 
+Outcome<Found> VolumeClient::itemAt(std::uint64_t reference) {
+    auto found = volume_->itemAt(reference);
+    if (!found) {
+        return found.error();
+    }
+    return take(std::move(*found));
+}
+
+Outcome<Found> VolumeClient::directoryOf(const ItemRef& item) {
+    auto found = volume_->directoryOf(item.item());
+    if (!found) {
+        return found.error();
+    }
+    return take(std::move(*found));
+}
+
 Outcome<fskit::FSItemAttributes> VolumeClient::attributes(const ItemRef& item) {
     return volume_->getAttributes(kAllAttributes, item.item());
 }

@@ -60,6 +60,9 @@ class VolumeClient {
     Outcome<std::optional<Found>> find(const ItemRef& directory, std::string_view name);
     /// The item of an entry that an enumeration of the directory delivered.
     Outcome<Found> describe(const ItemRef& directory, fskit::FSItemID entry);
+    /// By a reference, and the directory that an item has a name in, see ExtendedOperations.
+    Outcome<Found> itemAt(std::uint64_t reference);
+    Outcome<Found> directoryOf(const ItemRef& item);
     Outcome<fskit::FSItemAttributes> attributes(const ItemRef& item);
     /// Applies the valid attributes of `changes`, marks in it which were, and answers the new ones.
     Outcome<fskit::FSItemAttributes> setAttributes(const ItemRef& item,

@@ -254,6 +254,7 @@ TEST(Namespace, AReferenceOutlivesItsRecordAsStale) {
         ntb_attr attr = {};
         const ntb_time time = {};
         EXPECT_EQ(ntb_getattr(volume, oldFile, &attr), ESTALE);
+        EXPECT_EQ(ntb_parent(volume, oldFile, &number), ESTALE);
         EXPECT_EQ(ntb_read(volume, oldFile, 0, &byte, 1, &number), ESTALE);
         EXPECT_EQ(ntb_write(volume, oldFile, 0, &byte, 1, &number), ESTALE);
         EXPECT_EQ(ntb_truncate(volume, oldFile, 0), ESTALE);

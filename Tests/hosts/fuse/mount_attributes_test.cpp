@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <memory>
@@ -113,29 +114,74 @@ TEST_F(MountAttributes, OwnersAndMasksAreThoseOfTheOptions) {
     }
 }
 
-// What a file server keeps of a file while nobody has it open must never open another file.
+// What a file server keeps of a file while nobody has it open.
+struct Handle {
+    explicit Handle(const std::string& path) {
+        handle()->handle_bytes = MAX_HANDLE_SZ;
+        int mount = 0;
+        EXPECT_EQ(::name_to_handle_at(AT_FDCWD, path.c_str(), handle(), &mount, 0), 0) << path;
+    }
+    FileDescriptor open(const Descriptor& root) {
+        return FileDescriptor(::open_by_handle_at(root, handle(), O_RDONLY));
+    }
+    file_handle* handle() { return reinterpret_cast<file_handle*>(space); }
+
+    alignas(file_handle) unsigned char space[sizeof(file_handle) + MAX_HANDLE_SZ] = {};
+};
+
+// It must never open another file.
 TEST_F(MountAttributes, HandlesOfRemovedFilesOpenNothing) {
-    const Descriptor root(served_->directory(), O_RDONLY | O_DIRECTORY);
-    union {
-        file_handle handle;
-        unsigned char bytes[sizeof(file_handle) + MAX_HANDLE_SZ];
-    } space{};
-    std::vector<decltype(space)> removed;
+    std::vector<Handle> removed;
     for (int i = 0; i < 300; ++i) {
         const std::string name = path("file" + std::to_string(i % 7));
         writeFile(name, name);
-        space.handle.handle_bytes = MAX_HANDLE_SZ;
-        int mount = 0;
-        ASSERT_EQ(::name_to_handle_at(AT_FDCWD, name.c_str(), &space.handle, &mount, 0), 0);
-        removed.push_back(space);
+        removed.emplace_back(name);
         fs::remove(name);
     }
     for (int i = 0; i < 50; ++i) {
         writeFile(*this / ("new" + std::to_string(i)), "new");
     }
-    for (auto& each : removed) {
-        EXPECT_EQ(::open_by_handle_at(root, &each.handle, O_RDONLY), -1);
+    for (const bool again : {false, true}) {
+        if (again) {
+            mount();
+        }
+        const Descriptor root(served_->directory(), O_RDONLY | O_DIRECTORY);
+        for (Handle& each : removed) {
+            EXPECT_FALSE(each.open(root));
+            EXPECT_EQ(errno, ESTALE);
+        }
     }
+}
+
+TEST_F(MountAttributes, HandlesAreGoodInEveryMount) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root opens handles";
+    }
+    fs::create_directories(*this / "one/two/three");
+    writeFile(*this / "one/two/file", "content");
+    fs::create_hard_link(*this / "one/two/file", *this / "linked");
+    Handle file(path("one/two/file")), directory(path("one/two/three")), top(path(""));
+    for (const char* now : {"one", "moved"}) {
+        mount();
+        const Descriptor root(served_->directory(), O_RDONLY | O_DIRECTORY);
+        const FileDescriptor opened = file.open(root), below = directory.open(root);
+        ASSERT_TRUE(opened && below) << std::generic_category().message(errno);
+        char text[8] = {};
+        EXPECT_EQ(opened.readAt(text, sizeof text, 0).bytes, 7u);
+        EXPECT_STREQ(text, "content");
+        EXPECT_EQ(fs::read_symlink("/proc/self/fd/" + std::to_string(below.get())),
+                  *this / (std::string(now) + "/two/three"));
+        EXPECT_EQ(errorOf(::faccessat(below.get(), "../file", R_OK, 0)), 0);
+        EXPECT_TRUE(top.open(root));
+        fs::rename(*this / now, *this / "moved");
+    }
+    // Nobody is given one of a system file, but root can make one: of the table of files itself.
+    Handle forged(path("moved"));
+    constexpr uint32_t kTableOfFiles[] = {1u << 16, 0, 1}; // the node's halves, its generation
+    std::memcpy(forged.handle()->f_handle, kTableOfFiles, sizeof kTableOfFiles);
+    mount();
+    EXPECT_FALSE(forged.open(Descriptor(served_->directory(), O_RDONLY | O_DIRECTORY)));
+    EXPECT_EQ(errno, ESTALE);
 }
 
 TEST_F(MountAttributes, StreamsAreNotShownWhereTheyAreNotWanted) {

@@ -29,7 +29,8 @@ void initialise(void* context, fuse_conn_info* connection) {
         connection->want |= on ? connection->capable & capability : 0u;
     };
     want(FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO, true);
-    want(FUSE_CAP_IOCTL_DIR, true); // fstrim(8) asks by the root directory
+    want(FUSE_CAP_EXPORT_SUPPORT, true); // handles are good after the kernel has forgotten a node
+    want(FUSE_CAP_IOCTL_DIR, true);      // fstrim(8) asks by the root directory
     want(FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_CACHE_SYMLINKS, true);
     // Nothing but the kernel's own requests changes the volume, so its caches are always right.
     want(FUSE_CAP_AUTO_INVAL_DATA, false);

@@ -12,7 +12,11 @@ namespace {
 void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
-        const Outcome<std::optional<Entry>> found = volume.lookup(volume.node(parent), name);
+        // Of a file server's handle the kernel asks for the item itself, and for what is above it.
+        const bool above = std::string_view(name) == "..";
+        const Outcome<std::optional<Entry>> found = above || std::string_view(name) == "."
+                                                        ? volume.lookupHandle(parent, above)
+                                                        : volume.lookup(volume.node(parent), name);
         if (!found) {
             fuse_reply_err(request, hostError(found.error()));
         } else if (*found) {

@@ -80,6 +80,21 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::
     return std::optional(acquire(std::move(**child)));
 }
 
+Outcome<std::optional<Entry>> MountedVolume::lookupHandle(uint64_t number, bool above) {
+    Outcome<Found> found =
+        number == nodes_.root().number ? volume_.rootWithAttributes() : volume_.itemAt(number);
+    if (found && above) {
+        found = volume_.directoryOf(found->item);
+    }
+    if (!found) {
+        return found.error();
+    }
+    if (orphans_.contains(found->attributes.fileID())) {
+        return fs_errorForPOSIXError(kESTALE);
+    }
+    return std::optional(acquire(std::move(*found)));
+}
+
 void MountedVolume::forget(uint64_t number, uint64_t counts) {
     if (const std::unique_ptr<Node> forgotten = nodes_.forget(number, counts)) {
         orphans_.release(forgotten->item);

@@ -55,6 +55,9 @@ class MountedVolume {
 
     /// Absent when the name stands for nothing.
     Outcome<std::optional<Entry>> lookup(const Node& directory, std::string_view name);
+    /// The item of a file server's handle: a node's number, which the kernel may have forgotten or
+    /// have from an earlier mount. With `above`, the directory it is in. kESTALE when it is gone.
+    Outcome<std::optional<Entry>> lookupHandle(uint64_t number, bool above);
     /// Takes counts of a node back. A file whose last name is gone is removed with the last of
     /// them.
     void forget(uint64_t number, uint64_t counts);

@@ -3,12 +3,12 @@
 /// A node's number is its item's NTFS file reference: the record number, and above it the record's
 /// sequence number, which is the node's generation for file handles. So a file that takes over a
 /// freed record gets another number, while the kernel may still hold the node of the record's last
-/// owner, and a handle of a file that is gone never opens another. The root's number is the
-/// kernel's own.
+/// owner, and a handle of a file that is gone never opens another. One of a file that is there is
+/// good in every later mount. The root's number is the kernel's own.
 ///
-/// The kernel names a node in requests only while it holds counts on it, and a node lives until its
-/// count is zero. An item carries its node with it (FSItem::hostData), so one item has one node at
-/// a time.
+/// But for such handles the kernel names a node in requests only while it holds counts on it, and a
+/// node lives until its count is zero. An item carries its node with it (FSItem::hostData), so one
+/// item has one node at a time.
 #pragma once
 
 #include "hosting/volume_client.hpp"
