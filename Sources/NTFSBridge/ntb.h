@@ -335,7 +335,7 @@ int32_t ntb_symlink_windows(ntb_vol* vol, uint64_t parent, const char* name, con
 /* The target of a link: an Interix link, a reparse point of WSL, or one of Windows; EINVAL for
  * anything else. Links of Windows with a path from a drive's root lead into this volume. Their
  * target is that path, as in "/real", or, in a mount, the way there from the link's directory, as
- * in "../real". What is on no volume that could be this one keeps its spelling, with backslashes. */
+ * in "../real". What is on no volume that could be this one is spelled as it is, with "\". */
 int32_t ntb_readlink(ntb_vol* vol, uint64_t ino, char** target);
 int32_t ntb_readlink_in_mount(ntb_vol* vol, uint64_t ino, char** target);
 
