@@ -378,9 +378,8 @@ class TavelinVolume final : public fskit::FSVolume,
     KeptListings listings_ TAVELIN_GUARDED_BY(items);
     /// How many items were moved to another directory. Written under `items`.
     std::atomic<std::uint64_t> moves_{0};
-    /// The verifier of the youngest listing that a rename to another directory came after. That
-    /// listing and those before it may show items that have another parent by now. Written under
-    /// `items`.
+    /// The verifier of the youngest listing that a rename to another directory came after: it and
+    /// older ones may show items that have another parent by now. Written under `items`.
     std::atomic<std::uint64_t> movedSince_{0};
     /// The one item that a reclaim leaves registered.
     std::shared_ptr<NItem> root_ TAVELIN_GUARDED_BY(items);
@@ -391,8 +390,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Set by an activation with "ro" and never cleared.
     std::atomic<bool> refusesChanges_{false};
     std::atomic<bool> isActivated_{false};
-    /// Set by keepOwners(), before the volume is shared between threads: for items without owners
-    /// of their own.
+    /// Of items without; set by keepOwners(), before the volume is shared between threads.
     std::optional<DefaultOwner> defaultOwner_;
     /// The user and group that all items are shown to belong to otherwise: those of the process.
     const std::uint32_t uid_;

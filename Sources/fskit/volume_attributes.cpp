@@ -212,16 +212,18 @@ TavelinVolume::attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& 
 
 Outcome<fskit::FSLookupItemResult> TavelinVolume::itemAt(std::uint64_t reference) {
     return request<"getAttributes">([&] {
+        const std::uint64_t moves = moves_;
         const std::uint64_t above = recordNumber(ntfs->parent(reference));
-        return found(ntfs->attributes(reference), parentOf(reference, above), fskit::FSFileName());
+        return found(ntfs->attributes(reference), above, fskit::FSFileName(), moves);
     });
 }
 
 Outcome<fskit::FSLookupItemResult> TavelinVolume::directoryOf(const fskit::FSItemRef& item) {
     return request<"getAttributes">([&] {
+        const std::uint64_t moves = moves_;
         const std::uint64_t directory = ntfs->parent(n(item).reference);
         const std::uint64_t above = recordNumber(ntfs->parent(directory));
-        return found(ntfs->attributes(directory), parentOf(directory, above), fskit::FSFileName());
+        return found(ntfs->attributes(directory), above, fskit::FSFileName(), moves);
     });
 }
 
