@@ -37,6 +37,7 @@ TEST_F(MountAttributes, DirectoriesShowTheirChangesAtOnce) {
     } kRows[] = {
         {"create", [&] { return ::mknod(at("folder/file").c_str(), S_IFREG | 0666, 0); }},
         {"mkdir", [&] { return ::mkdir(at("folder/below").c_str(), 0777); }},
+        {"link", [&] { return ::link(at("open").c_str(), at("folder/linked").c_str()); }},
         {"symlink", [&] { return ::symlink("target", at("folder/link").c_str()); }},
         {"rename into", [&] { return ::rename(at("open").c_str(), at("folder/open").c_str()); }},
         {"rename within",

@@ -333,6 +333,7 @@ TEST_F(MountCommands, MountABlockDeviceAsItself) {
     device.pop_back();
     EXPECT_EQ(tavelin({"mount", device, directory}), 0);
     EXPECT_EQ(runOrThrow({"findmnt", "-n", "-o", "TARGET", device}), directory + "\n");
+    EXPECT_EQ(runOrThrow({"lsblk", "-n", "-o", "MOUNTPOINTS", device}), directory + "\n");
     EXPECT_EQ(tavelin({"mkdir", device, "folder"}), 1) << "in use";
     writeFile(mountPoint / "file", "content");
     runOrThrow({"umount", device});

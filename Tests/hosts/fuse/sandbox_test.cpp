@@ -20,6 +20,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -59,6 +60,13 @@ class Sandbox : public testing::Test {
     // Enters the sandbox as a server does, its log going through a broker, and runs `work` there.
     // The child's wait status, once the broker has ended as well; its log is read by log().
     int inside(const std::function<int()>& work) const {
+        return outside([&](Broker& broker) {
+            const std::string missing = enterSandbox(broker.witness()).shortcomings();
+            return missing.empty() ? work() : kIncomplete;
+        });
+    }
+    // The same without the sandbox.
+    int outside(const std::function<int(Broker&)>& work) const {
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         const FileDescriptor reading(ends[0]);
@@ -71,8 +79,7 @@ class Sandbox : public testing::Test {
             request.directory = "/directory";
             const FileDescriptor image("/dev/null", O_RDWR);
             Broker broker(request, image.get());
-            const std::string missing = enterSandbox(broker.witness()).shortcomings();
-            return missing.empty() ? work() : kIncomplete;
+            return work(broker);
         });
         writing.reset();
         (void)restOf(reading);
@@ -197,6 +204,28 @@ TEST_F(Sandbox, ItsLogHasLinesOfAnyLength) {
     for (const char letter : {'a', 'b'}) {
         EXPECT_NE(log().find('"' + std::string(100'000, letter) + "\"}\n"), std::string::npos);
     }
+}
+
+// As when the system has no memory left: the broker may take no more than it has.
+TEST_F(Sandbox, ABrokerWithoutMemoryDropsALineAndNothingElse) {
+    if (!kSandboxInBuild) {
+        GTEST_SKIP() << "sanitizers do not bear it";
+    }
+    const int status = outside([](Broker& broker) {
+        const std::string id = std::to_string(::getpid());
+        const pid_t process = std::stoi(readFile("/proc/" + id + "/task/" + id + "/children"));
+        const rlimit nothing{1, 1};
+        // After its first answer it has both of its threads.
+        if (broker.unmount({}) != 0 || ::prlimit(process, RLIMIT_AS, &nothing, nullptr) != 0) {
+            return 1;
+        }
+        events().event("long", {{"text", std::string(150'000, 'x')}});
+        events().event("short");
+        return broker.unmount({});
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(log().find("\"long\""), std::string::npos);
+    EXPECT_NE(log().find("\"short\""), std::string::npos);
 }
 
 // Landlock alone, as where a kernel has no filters.
