@@ -237,13 +237,20 @@ int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out);
  * itself. ENOENT for a system file. */
 int32_t ntb_parent(ntb_vol* vol, uint64_t ino, uint64_t* directory);
 
-/* Called once an entry, in the volume's collation order; non-zero ends the listing, which then
- * still answers 0. seq is the sequence number that the entry has of its record. */
+/* Called once an entry, which has seq as its record's; non-zero ends the listing, which is no
+ * error. */
 typedef int32_t (*ntb_dir_callback)(void* context, const char* name, uint64_t ino, uint16_t seq,
                                     uint32_t type);
 
 /* Lists a directory without "." and "..", 8.3 aliases and system files. ENOENT, ENOTDIR, EIO. */
 int32_t ntb_readdir(ntb_vol* vol, uint64_t directory, ntb_dir_callback callback, void* context);
+
+/* The same in the order of names, from a place on, which is then behind the last of them. */
+int32_t ntb_readdir_sorted(ntb_vol* vol, uint64_t directory, ntb_position* position,
+                           ntb_dir_callback callback, void* context);
+
+/* A copy of the 8.3 alias of a name, empty when there is none. */
+int32_t ntb_short_name(ntb_vol* vol, uint64_t directory, const char* name, char** alias);
 
 /* ---- File data: always the unnamed stream. EISDIR on directories. ---------------------------- */
 /*
@@ -308,13 +315,6 @@ int32_t ntb_flush(ntb_vol* vol, uint64_t ino);
 
 /* kind NTB_TYPE_DIRECTORY makes a directory, any other value a file. EEXIST, ENOTDIR, ENOSPC. */
 int32_t ntb_create(ntb_vol* vol, uint64_t parent, const char* name, uint32_t kind, uint64_t* ino);
-
-/* A new item. Special files are made as WSL makes them. */
-typedef struct ntb_new_item {
-    uint32_t kind;   /* any NTB_TYPE_ but that of links */
-    uint64_t device; /* of a device, as in ntb_attr */
-    ntb_owner owner;
-} ntb_new_item;
 
 /* As ntb_create. The item is made with its owner, or not at all. */
 int32_t ntb_make(ntb_vol* vol, uint64_t parent, const char* name, const ntb_new_item* item,

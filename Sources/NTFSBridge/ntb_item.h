@@ -1,5 +1,5 @@
 /*
- * ntb_item.h: what the bridge says of an item of a volume. Values only; part of ntb.h.
+ * ntb_item.h: what the bridge says of an item of a volume, or is told. Values only; part of ntb.h.
  */
 #ifndef NTB_ITEM_H
 #define NTB_ITEM_H
@@ -78,5 +78,18 @@ typedef struct ntb_attr {
     ntb_time change_time;
     ntb_time birth_time;
 } ntb_attr;
+
+/* A new item. Special files are made as WSL makes them. */
+typedef struct ntb_new_item {
+    uint32_t kind;   /* any NTB_TYPE_ but that of links */
+    uint64_t device; /* of a device, as in ntb_attr */
+    ntb_owner owner;
+} ntb_new_item;
+
+/* A place between two names of a directory. All zeroes: before the first one. */
+typedef struct ntb_position {
+    uint16_t length;   /* UTF-16 units */
+    uint8_t name[510]; /* as it is on the volume; the place is behind it */
+} ntb_position;
 
 #endif /* NTB_ITEM_H */

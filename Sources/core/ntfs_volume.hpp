@@ -41,7 +41,8 @@
 ///                                    kEIO also for a volume that is marked as damaged
 ///   lookup, resolve, find,           kENOTDIR, kEINVAL empty name, kEILSEQ
 ///   findInAnyCase
-///   list                             kENOTDIR
+///   list, listSorted                 kENOTDIR
+///   shortName                        kENOTDIR, names
 ///   read                             kEISDIR, kEACCES encrypted, kENOTSUP unknown compression or
 ///                                    bytes that are elsewhere (see NTFSDataState)
 ///   write, truncate, trim            kEROFS, kEISDIR, kENOSPC, kEFBIG, kEACCES, kENOTSUP; of a
@@ -219,8 +220,15 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     /// table, and becomes the one that the volume has.
     [[nodiscard]] std::optional<NTFSAttributes> findInAnyCase(std::string& name,
                                                               std::uint64_t parent);
-    /// All entries of a directory, without "." and "..", in the volume's collation order.
+    /// All entries of a directory, without "." and "..", in the library's order.
     [[nodiscard]] NTFSListing list(std::uint64_t directory);
+    /// The next entries behind a place, at most `most`, by the volume's collation order; none at
+    /// the end. The place is then behind the last of them, whatever comes and goes. kEIO also where
+    /// the names are out of order.
+    [[nodiscard]] NTFSListing listSorted(std::uint64_t directory, NTFSListPosition& position,
+                                         std::size_t most);
+    /// The 8.3 alias that goes with a name; empty when there is none.
+    [[nodiscard]] std::string shortName(std::string_view name, std::uint64_t parent);
 
     // What an operation below answers beside its result is what a caller would ask for next. It is
     // read under the same lock.

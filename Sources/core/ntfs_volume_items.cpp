@@ -4,6 +4,9 @@
 #include "core/private/bridge_text.hpp"
 #include "core/private/listing_box.hpp"
 
+#include <algorithm>
+#include <iterator>
+#include <tuple>
 #include <utility>
 
 namespace tavelin {
@@ -28,6 +31,19 @@ std::int32_t appendEntry(void* context, const char* name, std::uint64_t ino, std
     return ListBox::of(context, name).append([&](NTFSListing& listing) {
         listing.append(name, ino, sequence, itemTypeFromBridge(type));
     });
+}
+
+/// Ends the listing once there are enough.
+struct PageBox {
+    ListBox box;
+    std::size_t most;
+};
+
+std::int32_t appendToPage(void* context, const char* name, std::uint64_t ino,
+                          std::uint16_t sequence, std::uint32_t type) noexcept {
+    auto* const page = static_cast<PageBox*>(context);
+    const std::int32_t failed = appendEntry(&page->box, name, ino, sequence, type);
+    return failed != 0 || page->box.items.size() >= page->most ? 1 : 0;
 }
 
 } // namespace
@@ -107,6 +123,33 @@ NTFSListing NTFSVolume::list(std::uint64_t directory) {
     check(result);
     box.items.finish();
     return std::move(box.items);
+}
+
+NTFSListing NTFSVolume::listSorted(std::uint64_t directory, NTFSListPosition& position,
+                                   std::size_t most) {
+    PageBox page{.box = {}, .most = most};
+    ntb_position place{};
+    static_assert(sizeof place.name == std::tuple_size_v<decltype(position.name)>);
+    place.length = position.length;
+    std::copy(position.name.begin(), position.name.end(), place.name);
+    const std::int32_t result = locked([&](ntb_vol* vol) {
+        return ntb_readdir_sorted(vol, directory, &place, appendToPage, &page);
+    });
+    page.box.rethrowFailure();
+    check(result);
+    position.length = place.length;
+    std::copy(std::begin(place.name), std::end(place.name), position.name.begin());
+    page.box.items.finish();
+    return std::move(page.box.items);
+}
+
+std::string NTFSVolume::shortName(std::string_view name, std::uint64_t parent) {
+    const BridgeText text(name);
+    char* alias = nullptr;
+    check(
+        locked([&](ntb_vol* vol) { return ntb_short_name(vol, parent, text.cString(), &alias); }));
+    const BridgeOwned<char> owned(alias);
+    return alias;
 }
 
 void NTFSVolume::setTimes(std::uint64_t ino, const std::optional<std::timespec>& access,

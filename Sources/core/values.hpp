@@ -9,6 +9,7 @@
 
 #include "platform/checked.hpp"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -164,7 +165,14 @@ struct NTFSDirEntry {
     bool operator==(const NTFSDirEntry&) const = default;
 };
 
-/// The names of one directory, in the volume's collation order. Moved, not copied: the entries
+/// A place between two names of a directory, for NTFSVolume::listSorted(): at first before all of
+/// them. What is in it is the bridge's.
+struct NTFSListPosition {
+    std::uint16_t length = 0;
+    std::array<std::uint8_t, 510> name{};
+};
+
+/// Names of one directory, in the order of the listing. Moved, not copied: the entries
 /// refer to the names, which lie one behind the other so that a large directory takes two blocks of
 /// memory and not one for each name.
 class NTFSListing {

@@ -51,6 +51,14 @@ class ExtendedOperations {
     virtual Outcome<fskit::FSLookupItemResult> itemAt(std::uint64_t reference) = 0;
     /// The directory that an item has a name in; of the root itself.
     virtual Outcome<fskit::FSLookupItemResult> directoryOf(const fskit::FSItemRef& item) = 0;
+    /// Packs the next entries of a directory behind a place, with their attributes, by the volume's
+    /// collation order; none at the end. The packer takes some hundred. The place is then behind
+    /// the last one, so no names that stay are skipped or repeated.
+    virtual Outcome<void> listSorted(const fskit::FSItemRef& directory, NTFSListPosition& position,
+                                     fskit::FSDirectoryEntryPacker& packer) = 0;
+    /// The 8.3 alias that goes with a name; empty when there is none.
+    virtual Outcome<std::string> shortName(const fskit::FSFileName& name,
+                                           const fskit::FSItemRef& directory) = 0;
     /// Gives a file a name of the host's own, beside those that users see: FSKit's hard links are
     /// refused, but a host keeps a file alive by this when its last name is taken by another.
     virtual Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,

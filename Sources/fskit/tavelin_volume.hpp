@@ -268,27 +268,27 @@ class TavelinVolume final : public fskit::FSVolume,
     attributesOfEntry(fskit::FSItemID entry, const fskit::FSItemRef& directory) override;
     Outcome<fskit::FSLookupItemResult> itemAt(std::uint64_t reference) override;
     Outcome<fskit::FSLookupItemResult> directoryOf(const fskit::FSItemRef& item) override;
-    Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef& item,
-                                                    const fskit::FSFileName& name,
-                                                    const fskit::FSItemRef& directory) override;
+    Outcome<fskit::FSCreateLinkResult> linkInternal(const fskit::FSItemRef&,
+                                                    const fskit::FSFileName&,
+                                                    const fskit::FSItemRef&) override;
     Outcome<void> exchange(const fskit::FSItemRef& item, const fskit::FSItemRef& directory,
                            const fskit::FSFileName& name, const fskit::FSItemRef& otherItem,
                            const fskit::FSItemRef& otherDirectory,
                            const fskit::FSFileName& otherName) override TAVELIN_EXCLUDES(items);
+    Outcome<void> listSorted(const fskit::FSItemRef&, NTFSListPosition&,
+                             fskit::FSDirectoryEntryPacker&) override;
+    Outcome<std::string> shortName(const fskit::FSFileName&, const fskit::FSItemRef&) override;
     Outcome<std::size_t> countNames(const fskit::FSItemRef& item) override;
-    Outcome<std::size_t> xattrSize(const fskit::FSFileName& name,
-                                   const fskit::FSItemRef& item) override;
+    Outcome<std::size_t> xattrSize(const fskit::FSFileName&, const fskit::FSItemRef&) override;
     Outcome<void> allocate(const fskit::FSItemRef& item, std::uint64_t offset, std::uint64_t length,
                            NTFSAllocation how) override;
-    Outcome<std::uint64_t> seek(const fskit::FSItemRef& item, std::uint64_t offset,
-                                bool forHole) override;
+    Outcome<std::uint64_t> seek(const fskit::FSItemRef&, std::uint64_t, bool forHole) override;
     Outcome<void> keepOwners(const DefaultOwner& others) override;
     Outcome<void> prefaultCache() override;
     [[nodiscard]] std::uint64_t serialNumber() const override { return ntfs->serial(); }
     Outcome<std::string> label() override;
     Outcome<std::uint64_t> filesInUse() override;
-    Outcome<std::uint64_t> trim(const NTFSTrimRange& range,
-                                const std::function<bool()>& goesOn) override;
+    Outcome<std::uint64_t> trim(const NTFSTrimRange&, const std::function<bool()>&) override;
     Outcome<NTFSIOStats> ioStatistics() override;
 
     /// Never held across a call into `ntfs`.

@@ -199,4 +199,47 @@ TavelinVolume::enumerate(const fskit::FSItemRef& directory, fskit::FSDirectoryCo
     });
 }
 
+Outcome<void> TavelinVolume::listSorted(const fskit::FSItemRef& directory,
+                                        NTFSListPosition& position,
+                                        fskit::FSDirectoryEntryPacker& packer) {
+    constexpr std::size_t kPageEntries = 256;
+    return request<"enumerateDirectory">([&] {
+        const NItem& parent = n(directory);
+        fskit::FSItemAttributes memory; // of the entry at hand, filled anew for each
+        fskit::FSDirectoryCookie packed = 0;
+        // A page whose names have all been removed meanwhile is not the end.
+        while (packed == 0) {
+            const NTFSListing page = ntfs->listSorted(parent.reference, position, kPageEntries);
+            if (page.empty()) {
+                return;
+            }
+            for (const NTFSDirEntry& entry : page) {
+                const fskit::FSItemAttributes* attributes = nullptr;
+                try {
+                    const auto current = currentAttributes(entry, parent, false);
+                    if (!current) {
+                        continue;
+                    }
+                    describe(*current, parent.ino, memory);
+                    attributes = &memory;
+                } catch (const NTFSError&) {
+                    // As in packEntries(): listed without attributes.
+                }
+                const bool fits = packer.packEntry(
+                    fskit::FSFileName(entry.name),
+                    attributes != nullptr ? attributes->type() : fskitType(entry.type),
+                    attributes != nullptr ? attributes->fileID() : Driver2::itemID(entry.ino),
+                    ++packed, attributes);
+                TAVELIN_ASSERT(fits);
+            }
+        }
+    });
+}
+
+Outcome<std::string> TavelinVolume::shortName(const fskit::FSFileName& name,
+                                              const fskit::FSItemRef& directory) {
+    return request<"getAttributes">(
+        [&] { return ntfs->shortName(TavelinVolume::name(name), n(directory).reference); });
+}
+
 } // namespace tavelin

@@ -135,6 +135,17 @@ VolumeClient::list(const ItemRef& directory, bool withAttributes, std::size_t pa
     }
 }
 
+Outcome<std::vector<DirectoryEntry>> VolumeClient::listSorted(const ItemRef& directory,
+                                                              NTFSListPosition& position) {
+    EntryPacker packer(std::numeric_limits<std::size_t>::max());
+    const auto listed = volume_->listSorted(directory.item(), position, packer);
+    return listed ? Outcome(packer.take()) : listed.error();
+}
+
+Outcome<std::string> VolumeClient::shortName(const ItemRef& directory, std::string_view name) {
+    return volume_->shortName(FSFileName(name), directory.item());
+}
+
 // ---- Namespace ---------------------------------------------------------------------------------
 
 Outcome<Found> VolumeClient::create(const ItemRef& directory, std::string_view name,

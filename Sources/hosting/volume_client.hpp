@@ -83,6 +83,13 @@ class VolumeClient {
     Outcome<std::vector<DirectoryEntry>> list(const ItemRef& directory, bool withAttributes,
                                               std::size_t pageBytes = EntryPacker::kDefaultBytes);
 
+    /// The next entries behind a place, by the volume's collation order and with attributes; none
+    /// at the end. For directories of any size: see DirectoryReader.
+    Outcome<std::vector<DirectoryEntry>> listSorted(const ItemRef& directory,
+                                                    NTFSListPosition& position);
+    /// The 8.3 alias that goes with a name; empty when there is none.
+    Outcome<std::string> shortName(const ItemRef& directory, std::string_view name);
+
     // ---- Namespace -----------------------------------------------------------------------------
 
     /// `attributes` are applied as far as they can be; what was is marked.

@@ -78,6 +78,9 @@ TEST(Interop, WhatTheDriverWroteIsRead) {
     EXPECT_EQ(size, 30000u);
     const uint64_t aliased = volume.find("Long name with an alias.text");
     EXPECT_EQ(volume.find("LONGNA~1.TXT"), aliased);
+    EXPECT_EQ(volume.shortName("Long name with an alias.text"), "LONGNA~1.TXT");
+    EXPECT_EQ(volume.shortName("LONGNA~1.TXT"), "") << "of the alias itself";
+    EXPECT_EQ(volume.shortName("streams"), "");
     EXPECT_EQ(volume.attributes(volume.find("streams")).link_count, 2u);
     EXPECT_EQ(volume.attributes(aliased).link_count, 2u);
     uint32_t names = 0;

@@ -127,6 +127,13 @@ class BridgeVolume {
         EXPECT_EQ(ntb_readdir(volume_, directory, add, &entries), 0);
         return entries;
     }
+    std::string shortName(const std::string& name, uint64_t parent = NTB_ROOT_INO) {
+        char* alias = nullptr;
+        EXPECT_EQ(ntb_short_name(volume_, parent, name.c_str(), &alias), 0) << name;
+        const std::string text = alias == nullptr ? "none" : alias;
+        free(alias);
+        return text;
+    }
     std::vector<std::string> streams(uint64_t ino) {
         std::vector<std::string> names;
         const auto add = [](void* context, const char* name) {
