@@ -5,6 +5,7 @@
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/tree_visit.hpp"
 #include "platform/file_descriptor.hpp"
 
 #include <fmt/format.h>
@@ -51,7 +52,6 @@ class Differ {
     /// Compares two directories, which results call `path`.
     void compareDirectories(const ItemRef& directory, const std::string& path,
                             const fs::path& host) {
-        throwIfInterrupted();
         // A damaged volume may have directories that contain themselves.
         if (!entered_.insert(valueOf(volume_.attributes(directory), path).fileID()).second) {
             return;
@@ -60,12 +60,12 @@ class Differ {
         for (const auto& entry : fs::directory_iterator(host)) {
             theirs.emplace(entry.path().filename().string(), entry);
         }
-        for (const DirectoryEntry& entry : valueOf(volume_.list(directory, true), path)) {
+        forEachEntry(volume_, directory, path, [&](const DirectoryEntry& entry) {
             const std::string name = joined(path, entry.name);
             const auto other = theirs.find(entry.name);
             if (other == theirs.end()) {
                 tell(name, "only-on-volume", "is only on the volume");
-                continue;
+                return;
             }
             try {
                 compare(directory, entry, name, other->second);
@@ -74,7 +74,7 @@ class Differ {
                 same_ = false;
             }
             theirs.erase(other);
-        }
+        });
         for (const auto& [name, entry] : theirs) {
             tell(joined(path, name), "only-on-host", "is only on this system");
         }

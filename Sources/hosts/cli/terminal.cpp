@@ -19,6 +19,12 @@ namespace {
 
 constexpr std::size_t kDefaultColumns = 80;
 
+/// People see no more than ten pictures a second, and a terminal is slower than the work.
+constexpr std::chrono::milliseconds kDrawPause(100);
+
+// Carriage return, then ECMA-48 EL: erase to the end of the line.
+constexpr const char* kEraseLine = "\r\x1b[K";
+
 std::size_t terminalColumns() {
     winsize size{};
     // Asked for each line, because the user may resize the window. Serial terminals answer 0.
@@ -44,6 +50,11 @@ bool wantsColour() {
     static const bool wanted =
         isOutputTerminal() && !isDumbTerminal() && variable("NO_COLOR").empty();
     return wanted;
+}
+
+/// Whether standard error shows a line that is drawn again and again.
+bool showsProgress() {
+    return isatty(STDERR_FILENO) == 1 && !isDumbTerminal();
 }
 
 /// Writes to standard error. Errors are dropped: no other place is left to report them.
@@ -92,6 +103,15 @@ void flushOutput() {
     }
 }
 
+void flushNowAndThen() {
+    static std::chrono::steady_clock::time_point last;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - last >= kDrawPause) {
+        last = now;
+        flushOutput();
+    }
+}
+
 void complain(std::string_view message) {
     // Keeps the two streams in the order of events. A failure is not reported here
     // but by print() and flushOutput().
@@ -99,8 +119,28 @@ void complain(std::string_view message) {
     tellOrNot(fmt::format("tavelin: {}\n", message));
 }
 
-ProgressBar::ProgressBar(bool quiet)
-    : shown_(!quiet && isatty(STDERR_FILENO) == 1 && !isDumbTerminal()) {}
+ItemCount::ItemCount(bool quiet) : shown_(!quiet && showsProgress()) {}
+
+void ItemCount::add(std::uint64_t items) {
+    items_ += items;
+    const auto now = std::chrono::steady_clock::now();
+    if (shown_ && now - last_ >= kDrawPause) {
+        last_ = now;
+        drawn_ = true;
+        static_cast<void>(std::fflush(stdout)); // as in complain()
+        tellOrNot(fmt::format("\r{}\x1b[K",
+                              fitting(fmt::format("{} items", items_), terminalColumns() - 1)));
+    }
+}
+
+void ItemCount::clear() {
+    if (drawn_) {
+        tellOrNot(kEraseLine);
+        drawn_ = false;
+    }
+}
+
+ProgressBar::ProgressBar(bool quiet) : shown_(!quiet && showsProgress()) {}
 
 void ProgressBar::begin(std::string_view name) {
     if (shown_) {
@@ -118,8 +158,7 @@ void ProgressBar::advance(std::uint64_t bytes) {
 
 void ProgressBar::clear() {
     if (drawn_) {
-        // Carriage return, then ECMA-48 EL: erase to the end of the line.
-        tellOrNot("\r\x1b[K");
+        tellOrNot(kEraseLine);
         drawn_ = false;
     }
 }
@@ -162,7 +201,7 @@ std::string ProgressBar::line(std::size_t columns) const {
 
 void ProgressBar::draw() {
     const auto now = std::chrono::steady_clock::now();
-    if (now - last_ < std::chrono::milliseconds(100)) {
+    if (now - last_ < kDrawPause) {
         return;
     }
     last_ = now;

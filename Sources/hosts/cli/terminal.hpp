@@ -30,8 +30,31 @@ enum class Colour { plain, strong, directory, link, faint };
 void print(std::string_view text);
 /// Writes the buffer out. Throws Failure when that fails, for example on a full disk.
 void flushOutput();
+/// The same where the last time is a while ago: for output that is on its way to a reader.
+void flushNowAndThen();
 /// Writes one line to standard error, "tavelin: …". Names in it are escaped().
 void complain(std::string_view message);
+
+/// How many items long work has been through that prints nothing meanwhile: on one line of standard
+/// error, while that is a terminal, from a tenth of a second on. Used as a ProgressBar is.
+class ItemCount {
+  public:
+    /// A `quiet` count is not shown on a terminal either.
+    explicit ItemCount(bool quiet = false);
+    ~ItemCount() { clear(); }
+    ItemCount(const ItemCount&) = delete;
+    ItemCount& operator=(const ItemCount&) = delete;
+
+    void add(std::uint64_t items = 1);
+    /// Removes the line from the terminal. The next add() draws it again.
+    void clear();
+
+  private:
+    const bool shown_;
+    bool drawn_ = false;
+    std::uint64_t items_ = 0;
+    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
 
 /// The progress of long work on one line of standard error, while that is a terminal; elsewhere
 /// nothing is printed. Amounts are bytes. The destructor clears the line. Other output to a

@@ -158,7 +158,9 @@ struct Usage {
     }
 };
 
-void printUsage(const TreeCommand& command, const std::string& path, const Usage& usage) {
+void printUsage(const TreeCommand& command, ItemCount& count, const std::string& path,
+                const Usage& usage) {
+    count.clear();
     if (command.json) {
         addItem(JSONObject()
                     .add("path", rooted(path))
@@ -173,18 +175,20 @@ void printUsage(const TreeCommand& command, const std::string& path, const Usage
 void runDu(const TreeCommand& command) {
     withVolume(command.volume, Access::read, [&](Session& session) {
         bool isComplete = true;
+        ItemCount count;
         forEachPath(orRoot(command.paths), [&](const std::string& path) {
             const Found found = valueOf(resolve(session.volume(), path), path);
             // One for each directory from the named one to the current one.
             std::vector<Usage> open{{found.attributes.allocSize(), 0, 0}};
             if (found.attributes.type() != FSItemType::directory) {
-                printUsage(command, path,
+                printUsage(command, count, path,
                            {found.attributes.allocSize(), found.attributes.size(), 1});
                 return;
             }
             const TreeVisitor visitor{
                 .visit =
                     [&](const TreeItem& item) {
+                        count.add();
                         const std::uint64_t allocated = item.attributes.allocSize();
                         if (item.entry.type == FSItemType::directory) {
                             open.push_back({allocated, 0, 0});
@@ -192,7 +196,8 @@ void runDu(const TreeCommand& command) {
                         }
                         open.back().add({allocated, item.attributes.size(), 1});
                         if (command.files) {
-                            printUsage(command, item.path, {allocated, item.attributes.size(), 1});
+                            printUsage(command, count, item.path,
+                                       {allocated, item.attributes.size(), 1});
                         }
                         return false;
                     },
@@ -203,13 +208,13 @@ void runDu(const TreeCommand& command) {
                         open.pop_back();
                         open.back().add(own);
                         if (!command.summaryOnly) {
-                            printUsage(command, item.path, own);
+                            printUsage(command, count, item.path, own);
                         }
                     }};
             isComplete &= visitTree(session.volume(), found.item,
                                     lastComponent(path).empty() ? "" : path, visitor);
             TAVELIN_ASSERT(open.size() == 1);
-            printUsage(command, path, open.front());
+            printUsage(command, count, path, open.front());
         });
         if (!isComplete) {
             throw Failure(""); // told where it happened

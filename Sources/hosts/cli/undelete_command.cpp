@@ -123,8 +123,10 @@ class Deleted {
     }
 
     void collectRuns() {
+        ItemCount count;
         for (std::uint64_t number = 0; number < reader_.recordCount(); ++number) {
             throwIfInterrupted();
+            count.add();
             const auto record = reader_.record(number);
             if (!record || !isCandidate(*record)) {
                 continue;

@@ -49,8 +49,9 @@ std::string standardInput() {
 }
 
 void list(VolumeClient& volume, const ItemRef& item, const std::string& path,
-          const XattrCommand& command) {
+          const XattrCommand& command, ItemCount& count) {
     for (const std::string& name : valueOf(volume.listXattrs(item), path)) {
+        count.clear();
         if (!command.json) {
             print((command.recursive ? shown(path) + ":" : "") + shown(name) + "\n");
             continue;
@@ -62,21 +63,23 @@ void list(VolumeClient& volume, const ItemRef& item, const std::string& path,
     }
 }
 
-/// Lists the streams of an item and of all below it, each as "path:stream".
-void listTree(VolumeClient& volume, const Found& found, const XattrCommand& command) {
+/// Lists the streams of an item, with -R also of all below it, each as "path:stream".
+void listAll(VolumeClient& volume, const Found& found, const XattrCommand& command) {
     const std::string top = lastComponent(command.path).empty() ? "" : command.path;
-    list(volume, found.item, command.path, command);
-    if (found.attributes.type() != fskit::FSItemType::directory) {
+    ItemCount count(command.json);
+    list(volume, found.item, command.path, command, count);
+    if (!command.recursive || found.attributes.type() != fskit::FSItemType::directory) {
         return;
     }
     bool isComplete = true;
     const TreeVisitor visitor{
         .visit =
             [&](const TreeItem& item) {
+                count.add();
                 try {
                     const auto there =
                         valueOf(volume.lookup(item.directory, item.entry.name), item.path);
-                    list(volume, there.item, item.path, command);
+                    list(volume, there.item, item.path, command, count);
                 } catch (const ItemFailure& failure) {
                     tellFailure(failure);
                     isComplete = false;
@@ -115,8 +118,7 @@ void runXattr(const XattrCommand& command) {
         VolumeClient& volume = session.volume();
         const Found found = valueOf(resolve(volume, command.path), command.path);
         if (command.action == "list") {
-            command.recursive ? listTree(volume, found, command)
-                              : list(volume, found.item, command.path, command);
+            listAll(volume, found, command);
         } else if (command.action == "get") {
             get(volume, found.item, command);
         } else if (command.action == "set") {

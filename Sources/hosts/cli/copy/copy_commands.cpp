@@ -168,8 +168,10 @@ std::uint64_t bytesOnVolume(VolumeClient& volume, const std::string& path) {
         return found->attributes.size();
     }
     std::uint64_t sum = 0;
+    ItemCount count;
     const auto walked = walk(volume, found->item, [&](const auto&, const DirectoryEntry& entry) {
         throwIfInterrupted();
+        count.add();
         sum += entry.attributes && entry.type == FSItemType::file ? entry.attributes->size() : 0;
         return true;
     });

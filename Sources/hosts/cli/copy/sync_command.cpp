@@ -204,8 +204,8 @@ void runGet(const SyncCommand& command, Session& session, CopyRun& copies, SyncA
     const HostTree::Directory* const there = target ? &*target : nullptr;
     for (const bool plans : {true, false}) {
         if (!plans || isPlanned(command, copies)) {
-            run(command, volume, copies, answer, VolumeTree(volume), HostTree(copies), source,
-                there, plans);
+            run(command, volume, copies, answer, VolumeTree(volume, copies.settings.quiet),
+                HostTree(copies), source, there, plans);
         }
     }
     if (target && answer.hasChanges() && !command.settings.dryRun) {
@@ -220,8 +220,8 @@ void runPut(const SyncCommand& command, Session& session, CopyRun& copies, SyncA
     const VolumeTree::Directory* const there = target ? &*target : nullptr;
     for (const bool plans : {true, false}) {
         if (!plans || isPlanned(command, copies)) {
-            run(command, volume, copies, answer, HostTree(copies), VolumeTree(volume), source,
-                there, plans);
+            run(command, volume, copies, answer, HostTree(copies),
+                VolumeTree(volume, copies.settings.quiet), source, there, plans);
         }
     }
 }

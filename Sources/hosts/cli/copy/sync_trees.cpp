@@ -3,6 +3,7 @@
 #include "hosts/cli/copy/host_directory.hpp"
 #include "hosts/cli/copy/host_streams.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/tree_visit.hpp"
 #include "hosts/cli/volume_removal.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/utf8.hpp"
@@ -161,11 +162,11 @@ void HostTree::removePartial(const Directory& directory, const std::string& name
 
 SyncListing VolumeTree::list(const Directory& directory) {
     SyncListing result;
-    for (const DirectoryEntry& entry :
-         valueOf(volume_.list(directory.item, true), directory.path)) {
+    forEachEntry(volume_, directory.item, directory.path, [&](const DirectoryEntry& entry) {
+        count_.add();
         if (partialNameProcess(entry.name)) {
             result.partials.push_back(entry.name);
-            continue;
+            return;
         }
         SyncEntry& there = result.entries[entry.name];
         there = {.type = entry.type, .size = 0, .modified = {}, .number = entry.itemID};
@@ -173,7 +174,8 @@ SyncListing VolumeTree::list(const Directory& directory) {
             there.size = entry.attributes->size();
             there.modified = entry.attributes->modifyTime();
         }
-    }
+    });
+    count_.clear();
     return result;
 }
 

@@ -78,7 +78,8 @@ class VolumeTree {
         std::string path;
     };
 
-    explicit VolumeTree(VolumeClient& volume) : volume_(volume) {}
+    /// A `quiet` one shows no count of what it has listed.
+    VolumeTree(VolumeClient& volume, bool quiet) : volume_(volume), count_(quiet) {}
 
     /// As HostTree. A directory that a damaged volume has inside itself is not entered again.
     [[nodiscard]] SyncListing list(const Directory& directory);
@@ -104,6 +105,7 @@ class VolumeTree {
   private:
     VolumeClient& volume_;
     std::set<fskit::FSItemID> entered_;
+    ItemCount count_;
 };
 
 } // namespace tavelin::cli

@@ -4,6 +4,7 @@
 #include "hosts/cli/copy/host_streams.hpp"
 #include "hosts/cli/session.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/tree_visit.hpp"
 #include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -242,17 +243,21 @@ void TreeGetter::getEntries(const ItemRef& volumeDirectory, const std::string& p
     if (depth_ >= kTreeDepthMax || !entered_.insert(own).second) {
         throw ItemFailure(escaped(path) + ": too many directories inside each other");
     }
-    const auto entries = valueOf(volume_.list(volumeDirectory, true), path);
-    // get() catches ItemFailure, so the depth is restored unless the whole run ends.
     ++depth_;
-    for (const DirectoryEntry& entry : entries) {
-        const std::string below = joined(path == "/" ? "" : path, entry.name);
-        auto found = volume_.lookup(volumeDirectory, entry.name);
-        if (found) {
-            get(*found, below, directory, entry.name);
-        } else {
-            run_.problem(Failure(explain(below, found.error()), below, numberOf(found.error())));
-        }
+    try {
+        forEachEntry(volume_, volumeDirectory, path, [&](const DirectoryEntry& entry) {
+            const std::string below = joined(path == "/" ? "" : path, entry.name);
+            auto found = volume_.lookup(volumeDirectory, entry.name);
+            if (found) {
+                get(*found, below, directory, entry.name);
+            } else {
+                run_.problem(
+                    Failure(explain(below, found.error()), below, numberOf(found.error())));
+            }
+        });
+    } catch (const ItemFailure&) { // the run goes on behind this directory
+        --depth_;
+        throw;
     }
     --depth_;
     TAVELIN_ASSERT(depth_ >= 0);
