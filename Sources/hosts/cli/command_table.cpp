@@ -25,7 +25,8 @@ constexpr std::array kCommands{
             "info disk.img\n"
             "info --stats --json /dev/sdb1  ## with the I/O of reading all that, for a script",
             defineInfo},
-    Command{"ls", kLook, "List directories", "[-laRhtSrd1p] [--streams] [--json] IMAGE [PATH...]",
+    Command{"ls", kLook, "List directories",
+            "[-laRhtSrd1p] [--streams] [--short-names] [--json] IMAGE [PATH...]",
             "ls disk.img\n"
             "ls -l disk.img photos/2026  ## sizes and times, too\n"
             "ls -lhS disk.img videos  ## the largest first\n"

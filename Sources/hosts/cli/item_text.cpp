@@ -73,12 +73,14 @@ std::string deviceText(std::uint64_t device) {
 }
 
 JSONObject itemObject(const std::string& path, const fskit::FSItemAttributes& attributes,
-                      const std::optional<std::string>& target) {
+                      const std::optional<std::string>& target, const std::string& shortName) {
     const fskit::FSItemNativeAttributes& native = attributes.native();
     JSONObject result;
-    result.add("path", path)
-        .add("name", lastComponent(path))
-        .add("type", typeName(attributes.type()))
+    result.add("path", path).add("name", lastComponent(path));
+    if (!shortName.empty()) {
+        result.add("shortName", shortName);
+    }
+    result.add("type", typeName(attributes.type()))
         .add("size", attributes.size())
         .add("allocated", attributes.allocSize())
         .add("id", attributes.fileID())

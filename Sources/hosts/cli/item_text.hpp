@@ -29,9 +29,11 @@ namespace tavelin::cli {
 /// "5, 300", as `ls -l` has it in place of a size. `device` is major << 32 | minor.
 [[nodiscard]] std::string deviceText(std::uint64_t device);
 
-/// The item as docs/json.md describes it. `path` begins at the volume's root; `target` is a link's.
+/// The item as docs/json.md describes it. `path` begins at the volume's root; `target` is a link's;
+/// `shortName` is left out where it is empty.
 [[nodiscard]] JSONObject itemObject(const std::string& path,
                                     const fskit::FSItemAttributes& attributes,
-                                    const std::optional<std::string>& target);
+                                    const std::optional<std::string>& target,
+                                    const std::string& shortName = {});
 
 } // namespace tavelin::cli

@@ -7,6 +7,7 @@
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/terminal.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/tree_visit.hpp"
 
 #include <fmt/format.h>
 
@@ -33,8 +34,25 @@ struct ListCommand {
     bool onePerLine = false; ///< always so; accepted as ls(1) has it
     bool slashes = false;
     bool streams = false;
+    bool shortNames = false;
     bool json = false;
+
+    /// Whether the entries are shown as they come.
+    [[nodiscard]] bool isByName() const noexcept { return !byTime && !bySize && !reversed; }
 };
+
+/// The 8.3 alias of a name; empty where there is none, or where it cannot be read: an item is shown
+/// without it rather than not at all.
+std::string shortNameOf(VolumeClient& volume, const ItemRef& directory, const std::string& name) {
+    const auto alias = volume.shortName(directory, name);
+    return alias ? *alias : "";
+}
+
+/// The same of what a path names; empty for one that ends in no name, such as the root.
+std::string shortNameOf(VolumeClient& volume, const std::string& path) {
+    const auto place = locate(volume, path);
+    return place ? shortNameOf(volume, place->directory, place->name) : "";
+}
 
 /// One run of `ls` over all its paths.
 class Lister {
@@ -50,7 +68,8 @@ class Lister {
             return;
         }
         if (found.attributes.type() != FSItemType::directory || command_.directoriesThemselves) {
-            show(path, rooted(path), found.attributes, target(found.attributes, found.item, path));
+            show(path, rooted(path), found.attributes, target(found.attributes, found.item, path),
+                 command_.shortNames ? shortNameOf(volume_, path) : "");
             showStreams(path, path, found.item);
             return;
         }
@@ -64,26 +83,48 @@ class Lister {
 
   private:
     void listDirectory(const std::string& path, const ItemRef& directory, bool titled) {
-        throwIfInterrupted();
         if (titled && !command_.json) {
             print(fmt::format("{}{}:\n", first_ ? "" : "\n", shown(path)));
         }
         first_ = false;
-        const auto entries = sorted(valueOf(volume_.list(directory, true), path));
-        for (const DirectoryEntry& entry : entries) {
-            const std::string below = joined(path == "/" ? "" : path, entry.name);
-            const fskit::FSItemAttributes attributes = attributesOf(entry);
-            const bool wantsTarget =
-                entry.type == FSItemType::symlink && (command_.longForm || command_.json);
-            show(entry.name, rooted(below), attributes,
-                 wantsTarget ? linkTarget(directory, entry.name, attributes) : std::nullopt);
-            if (command_.streams) {
-                showStreams(entry.name, below,
-                            valueOf(volume_.lookup(directory, entry.name), below).item);
+        std::vector<DirectoryEntry> entries; // those that are still needed
+        ItemCount count(command_.json || command_.isByName());
+        forEachEntry(volume_, directory, path, [&](const DirectoryEntry& entry) {
+            if (!isShown(entry)) {
+                return;
+            }
+            if (command_.isByName()) {
+                showEntry(path, directory, entry);
+            }
+            count.add();
+            if (!command_.isByName() ||
+                (command_.recursive && entry.type == FSItemType::directory)) {
+                entries.push_back(entry);
+            }
+        });
+        count.clear();
+        if (!command_.isByName()) {
+            sort(entries);
+            for (const DirectoryEntry& entry : entries) {
+                showEntry(path, directory, entry);
             }
         }
         if (command_.recursive) {
             descend(path, directory, entries);
+        }
+    }
+
+    void showEntry(const std::string& path, const ItemRef& directory, const DirectoryEntry& entry) {
+        const std::string below = joined(path == "/" ? "" : path, entry.name);
+        const fskit::FSItemAttributes attributes = attributesOf(entry);
+        const bool wantsTarget =
+            entry.type == FSItemType::symlink && (command_.longForm || command_.json);
+        show(entry.name, rooted(below), attributes,
+             wantsTarget ? linkTarget(directory, entry.name, attributes) : std::nullopt,
+             command_.shortNames ? shortNameOf(volume_, directory, entry.name) : "");
+        if (command_.streams) {
+            showStreams(entry.name, below,
+                        valueOf(volume_.lookup(directory, entry.name), below).item);
         }
     }
 
@@ -106,9 +147,8 @@ class Lister {
         }
     }
 
-    /// The entries to show, in the order that the user asked for. The volume's own is by name.
-    std::vector<DirectoryEntry> sorted(std::vector<DirectoryEntry> entries) const {
-        std::erase_if(entries, [&](const auto& entry) { return !isShown(entry); });
+    /// Brings entries, which are in the order of their names, into the one that was asked for.
+    void sort(std::vector<DirectoryEntry>& entries) const {
         using Before = bool (*)(const DirectoryEntry&, const DirectoryEntry&);
         const auto by = [&](Before before) {
             std::stable_sort(entries.begin(), entries.end(), before);
@@ -127,7 +167,6 @@ class Lister {
         if (command_.reversed) {
             std::reverse(entries.begin(), entries.end());
         }
-        return entries;
     }
 
     /// An entry whose attributes cannot be read is still listed, with its name and type.
@@ -143,9 +182,10 @@ class Lister {
     }
 
     void show(const std::string& name, const std::string& path,
-              const fskit::FSItemAttributes& attributes, const std::optional<std::string>& target) {
+              const fskit::FSItemAttributes& attributes, const std::optional<std::string>& target,
+              const std::string& shortName) {
         if (command_.json) {
-            addItem(itemObject(path, attributes, target));
+            addItem(itemObject(path, attributes, target, shortName));
             return;
         }
         const Colour colour = attributes.type() == FSItemType::directory ? Colour::directory
@@ -154,6 +194,9 @@ class Lister {
         std::string line = painted(shown(name), colour);
         if (command_.slashes && attributes.type() == FSItemType::directory) {
             line += "/";
+        }
+        if (command_.shortNames) {
+            line = fmt::format("{:<12}  {}", shown(shortName), line);
         }
         if (command_.longForm) {
             line =
@@ -248,11 +291,14 @@ void runList(const ListCommand& command) {
 }
 
 void printAttributes(const std::string& path, const fskit::FSItemAttributes& attributes,
-                     const std::optional<std::string>& target) {
+                     const std::optional<std::string>& target, const std::string& shortName) {
     const auto row = [](std::string_view title, std::string_view value) {
         print(fmt::format("{}{}\n", painted(fmt::format("{:<12}", title), Colour::strong), value));
     };
     row("path", shown(path) + (target ? " -> " + shown(*target) : ""));
+    if (!shortName.empty()) {
+        row("short name", shown(shortName));
+    }
     std::string type(typeName(attributes.type()));
     if (const std::string_view kind = nativeKind(attributes); !kind.empty()) {
         type += fmt::format(", {}", kind);
@@ -307,10 +353,11 @@ void runStat(const ListCommand& command) {
                 target = shownTarget(valueOf(session.volume().readSymbolicLink(found.item), path),
                                      found.attributes);
             }
+            const std::string alias = shortNameOf(session.volume(), path);
             if (command.json) {
-                addItem(itemObject(rooted(path), found.attributes, target));
+                addItem(itemObject(rooted(path), found.attributes, target, alias));
             } else {
-                printAttributes(path, found.attributes, target);
+                printAttributes(path, found.attributes, target, alias);
             }
         });
     });
@@ -334,6 +381,7 @@ void defineList(CLI::App& command) {
     addFlag(command, "-1", arguments->onePerLine, "One name a line, as always");
     addFlag(command, "-p", arguments->slashes, "A \"/\" behind directories");
     addFlag(command, "--streams", arguments->streams, "Named streams as well, as \"file:stream\"");
+    addFlag(command, "--short-names", arguments->shortNames, "The 8.3 name of each in front");
     addJSON(command, arguments->json);
     setWork(command, [arguments] { runList(*arguments); });
 }

@@ -52,7 +52,7 @@ class Completion(unittest.TestCase):
         self.assertEqual(self.complete("l"), ["label", "ln", "ls"])
         self.assertEqual(self.complete("ls", "-"),
                          sorted("--help --read-only --wait --offset -o -l -a -R -h -t -S -r -d -1 "
-                                "-p --streams --json".split()))
+                                "-p --streams --short-names --json".split()))
         self.assertEqual(self.complete("ls", "d"), ["disk.img"])
         self.assertIn("windows_names", self.complete("ls", "-o", ""))
         self.assertIn("low_latency", self.complete("mount", "-o", ""))

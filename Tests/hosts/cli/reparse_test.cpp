@@ -121,5 +121,24 @@ TEST(EncryptedFile, IsRefusedByName) {
     EXPECT_EQ(tavelinDone({"cat", image, "/moved"}), "new");
 }
 
+// Only Windows and the driver make them.
+TEST_F(ReparseItems, ShortNamesAreShownOnRequest) {
+    {
+        const DriverMount driver(sample_);
+        driver.make("a long name.txt", "content");
+        driver.set("a long name.txt", "system.ntfs_dos_name", "ALONGN~1.TXT");
+        driver.make("other");
+    }
+    EXPECT_EQ(tavelinDone({"ls", "--short-names", image()}),
+              "ALONGN~1.TXT  a long name.txt\n              items\n              other\n");
+    EXPECT_EQ(tavelinDone({"ls", "--short-names", image(), "a long name.txt"}),
+              "ALONGN~1.TXT  a long name.txt\n");
+    EXPECT_EQ(tavelinDone({"cat", image(), "ALONGN~1.TXT"}), "content");
+    const auto item = tavelinItems({"stat", image(), "a long name.txt", "other", "/items/.."});
+    EXPECT_EQ(item.at(0).at("shortName"), "ALONGN~1.TXT");
+    EXPECT_FALSE(item.at(1).contains("shortName"));
+    EXPECT_EQ(tavelinItems({"ls", "--short-names", image()}).at(0), item.at(0));
+}
+
 } // namespace
 } // namespace tavelin::test

@@ -54,7 +54,7 @@ _tavelin() {
         local options="--help --read-only --wait --offset -o"
         case $command in
         info) options+=" --stats --json" ;;
-        ls) options+=" -l -a -R -h -t -S -r -d -1 -p --streams --json" ;;
+        ls) options+=" -l -a -R -h -t -S -r -d -1 -p --streams --short-names --json" ;;
         xattr) options+=" -R --json" ;;
         find) options+=" --type --json" ;;
         tree) options+=" -s -h -L" ;;
