@@ -12,6 +12,8 @@ namespace tavelin {
 
 namespace {
 
+constexpr std::uint64_t kBootBytes = 512; ///< of a boot sector, whatever the device's sectors are
+
 void check(int hostError) {
     if (hostError != 0) {
         throw fskit::fs_errorForPOSIXError(fromHost(hostError));
@@ -46,14 +48,15 @@ std::optional<fskit::Error> HostResource::discard(std::uint64_t /*offset*/,
 ImageResource::ImageResource(const std::filesystem::path& path) : ImageResource(path, Settings()) {}
 
 ImageResource::ImageResource(const std::filesystem::path& path, const Settings& settings)
-    : file_(path, settings.readOnly),
+    : file_(path, settings.readOnly || settings.bootFromBackup),
       name_(path.filename().string()),
       offset_(std::min(settings.offset, file_.bytes())),
       length_(std::min(settings.length != 0 ? settings.length : file_.bytes(),
                        file_.bytes() - offset_)),
       blockSize_(settings.blockSize != 0 ? settings.blockSize : file_.blockSize()),
       physicalBlockSize_(settings.physicalBlockSize != 0 ? settings.physicalBlockSize
-                                                         : file_.physicalBlockSize()) {}
+                                                         : file_.physicalBlockSize()),
+      bootFromBackup_(settings.bootFromBackup) {}
 
 std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::size_t length) {
     check(isRevoked() ? ENXIO : 0);
@@ -62,6 +65,11 @@ std::size_t ImageResource::read(std::byte* buffer, std::uint64_t offset, std::si
     const ImageFile::Transferred done = file_.read(buffer, offset_ + offset, inside);
     check(done.error);
     TAVELIN_ASSERT(done.bytes <= length);
+    if (bootFromBackup_ && offset < kBootBytes && length_ >= 2 * kBootBytes) {
+        const std::size_t part = std::min<std::size_t>(done.bytes, kBootBytes - offset);
+        const std::uint64_t backup = length_ / kBootBytes * kBootBytes - kBootBytes;
+        check(file_.read(buffer, offset_ + backup + offset, part).error);
+    }
     return done.bytes;
 }
 

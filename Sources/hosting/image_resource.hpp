@@ -46,6 +46,9 @@ class ImageResource final : public HostResource {
         /// and its length, of which 0 means up to the end. Both are cut to what the image has.
         std::uint64_t offset = 0;
         std::uint64_t length = 0;
+        /// The first 512 bytes are read from the last ones, where NTFS keeps a copy of its boot
+        /// sector, and nothing is written.
+        bool bootFromBackup = false;
     };
 
     /// Opens the image and locks it, see ImageFile. Throws OpenError.
@@ -89,6 +92,7 @@ class ImageResource final : public HostResource {
     const std::uint64_t length_; ///< never beyond the image's end
     const std::uint64_t blockSize_;
     const std::uint64_t physicalBlockSize_;
+    const bool bootFromBackup_;
     std::atomic<bool> revoked_ = false;
 };
 

@@ -9,14 +9,6 @@ namespace tavelin::test {
 
 namespace fs = std::filesystem;
 
-std::string littleEndian(uint64_t value, int bytes) {
-    std::string text;
-    for (int i = 0; i < bytes; ++i) {
-        text += static_cast<char>(value >> (8 * i));
-    }
-    return text;
-}
-
 std::string utf16(const std::string& ascii) {
     std::string text;
     for (const char c : ascii) {

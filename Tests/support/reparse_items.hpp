@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/driver_mount.hpp"
+#include "support/little_endian.hpp"
 
 #include <cstdint>
 #include <string>
@@ -9,7 +10,6 @@
 
 namespace tavelin::test {
 
-std::string littleEndian(uint64_t value, int bytes);
 std::string utf16(const std::string& ascii);
 
 // The values of $REPARSE_POINT attributes.

@@ -202,14 +202,8 @@ bool isText(std::span<const std::uint8_t> bytes) {
     });
 }
 
-} // namespace
-
-std::vector<Partition> partitionsOf(const std::string& path) {
-    const FileDescriptor file = openImage(path);
-    return file ? readTable(file) : std::vector<Partition>();
-}
-
-ImagePlace findVolume(const std::string& image, std::optional<std::uint64_t> offset) {
+/// findVolume(), whatever is at the place.
+ImagePlace namedPlace(const std::string& image, std::optional<std::uint64_t> offset) {
     struct ::stat status {};
     const bool isThere = stat(image.c_str(), &status) == 0;
     const auto [path, number] = isThere ? std::pair(image, 0) : splitNumber(image);
@@ -245,11 +239,9 @@ ImagePlace findVolume(const std::string& image, std::optional<std::uint64_t> off
     return {.path = path};
 }
 
-std::string describeForeign(const ImagePlace& place) {
-    const FileDescriptor file = openImage(place.path);
-    if (!file) {
-        return "name an image file or a block device such as /dev/sdb1";
-    }
+/// What a file has at a place without an NTFS volume, as describeForeign() says it; empty where
+/// nothing is known of it.
+std::string foreignAt(const FileDescriptor& file, const ImagePlace& place) {
     const std::uint64_t bytes = bytesIn(file, place);
     if (bytes == 0) {
         return "it is empty";
@@ -261,6 +253,9 @@ std::string describeForeign(const ImagePlace& place) {
         if (head.starts_with(magic.bytes)) {
             return "it is " + std::string(magic.text);
         }
+    }
+    if (head.size() > 11 && head.substr(3, 8) == "-FVE-FS-") { // also where libblkid wants more
+        return systemText("BitLocker");
     }
     if (const std::string type = systemOf(file, place); !type.empty()) {
         return systemText(type);
@@ -274,13 +269,42 @@ std::string describeForeign(const ImagePlace& place) {
     if (isText(std::span(first).first(there))) {
         return "it is a text file";
     }
-    // NTFS keeps a copy of its first sector in the last one of the partition.
-    const std::uint64_t sectors = bytes / first.size();
-    if (sectors >= 2 && isBootSector(sectorAt(file, place.offset + (sectors - 1) * first.size()))) {
-        return "its first sector is damaged, but the copy in its last sector is whole: on a copy "
-               "of the image, write the last 512 bytes over the first";
+    return "";
+}
+
+/// Whether there is a volume whose boot sector is lost: NTFS keeps a copy of its first sector in
+/// the last one of the partition. What is known to be something else may have an old one there.
+bool hasOnlyBackup(const FileDescriptor& file, const ImagePlace& place) {
+    const std::uint64_t sectors = bytesIn(file, place) / ntb::boot_sector_bytes;
+    return sectors >= 2 && !isBootSector(sectorAt(file, place.offset)) &&
+           isBootSector(sectorAt(file, place.offset + (sectors - 1) * ntb::boot_sector_bytes)) &&
+           foreignAt(file, place).empty();
+}
+
+} // namespace
+
+std::vector<Partition> partitionsOf(const std::string& path) {
+    const FileDescriptor file = openImage(path);
+    return file ? readTable(file) : std::vector<Partition>();
+}
+
+ImagePlace findVolume(const std::string& image, std::optional<std::uint64_t> offset) {
+    ImagePlace place = namedPlace(image, offset);
+    const FileDescriptor file = openImage(place.path);
+    place.bootFromBackup = file && hasOnlyBackup(file, place);
+    return place;
+}
+
+std::string describeForeign(const ImagePlace& place) {
+    const FileDescriptor file = openImage(place.path);
+    if (!file) {
+        return "name an image file or a block device such as /dev/sdb1";
     }
-    if (std::all_of(first.begin(), first.end(), [](std::uint8_t byte) { return byte == 0; })) {
+    if (std::string known = foreignAt(file, place); !known.empty()) {
+        return known;
+    }
+    const auto first = sectorAt(file, place.offset);
+    if (first && std::all_of(first->begin(), first->end(), [](auto byte) { return byte == 0; })) {
         return "it begins with zeros: is it complete?";
     }
     return "nothing in it is known; for a whole disk, name its NTFS partition";

@@ -26,6 +26,8 @@ struct ImagePlace {
     std::uint64_t offset = 0; ///< bytes
     std::uint64_t length = 0; ///< bytes; 0 means up to the end of the image
     int partition = 0;        ///< 0 when it is none
+    /// The boot sector is damaged, and the copy in the last sector stands for it.
+    bool bootFromBackup = false;
 };
 
 /// Finds the volume that `image` names: a path, or a path with a partition's number behind a colon

@@ -109,7 +109,9 @@ std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, const Image
     for (bool isTold = false;;) {
         try {
             return ModuleHost::openImage(place.path, optionWords(arguments, access),
-                                         {.offset = place.offset, .length = place.length});
+                                         {.offset = place.offset,
+                                          .length = place.length,
+                                          .bootFromBackup = place.bootFromBackup});
         } catch (const OpenError& error) {
             if (!arguments.wait || error.reason() != OpenError::Reason::inUse) {
                 throw openFailure(error, place);
@@ -126,9 +128,14 @@ std::unique_ptr<ModuleHost> opened(const VolumeArguments& arguments, const Image
 
 /// The reason why a volume is open for reading only, and the remedy. The user's own choice comes
 /// first, as it hides the other reasons.
-std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments) {
+std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments,
+                        const ImagePlace& place) {
     if (Driver2::MountOptions(optionWords(arguments, Access::change)).readOnly) {
         return "it is open for reading only as you asked: leave out --read-only and -o ro";
+    }
+    if (place.bootFromBackup) {
+        return "its first sector is damaged: on a copy of the image, write the last 512 bytes over "
+               "the first";
     }
     if (!host.resource().isWritable()) {
         return "it is write-protected, or you may not write to it: change its permissions or use "
@@ -173,7 +180,12 @@ Session::Session(const VolumeArguments& arguments, Access access)
     host_ = opened(arguments, place_, access);
     if (access == Access::change && volume().isReadOnly()) {
         throw Failure(fmt::format("{}: nothing was changed, {}", escaped(image_),
-                                  whyReadOnly(*host_, arguments)));
+                                  whyReadOnly(*host_, arguments, place_)));
+    }
+    if (place_.bootFromBackup) {
+        complain(fmt::format("{}: its first sector is damaged; it is read by the copy in its last "
+                             "one",
+                             escaped(image_)));
     }
     warnIfCutOff();
 }

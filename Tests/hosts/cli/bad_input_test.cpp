@@ -1,6 +1,8 @@
 // What a user gets wrong: told in one line that says what to do, and no byte of the image changed.
 #include "tavelin_program.hpp"
 
+#include "support/little_endian.hpp"
+
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -115,7 +117,10 @@ TEST(BadInput, ImagesThatAreNoneAreTold) {
                 "EXFAT   "),
          "not an NTFS volume"},
         {"cut-off", whole.substr(0, 100'000), "bytes are missing"},
-        {"no-boot-sector", std::string(512, '\0') + whole.substr(512), "last sector is whole"},
+        {"bitlocker", begins("\xeb\x58\x90-FVE-FS-"), "encrypted with BitLocker"},
+        {"refs", begins(std::string("\0\0\0ReFS\0", 8)), "it holds ReFS"},
+        // Formatted anew, with the copy of the old boot sector still at the end.
+        {"refs-on-ntfs", std::string("\0\0\0ReFS\0", 8) + whole.substr(8), "it holds ReFS"},
         {"random", begins("\x01\x02\x03\xff"), "not an NTFS volume"},
     };
     for (const auto& row : kTable) {
@@ -141,18 +146,61 @@ std::string diskOf(const std::vector<std::string>& images) {
     std::string disk(1 << 20, '\0');
     disk[510] = '\x55';
     disk[511] = '\xaa';
-    const auto put32 = [&](std::size_t at, std::uint64_t value) {
-        for (int i = 0; i < 4; ++i) {
-            disk[at + static_cast<std::size_t>(i)] = static_cast<char>(value >> (8 * i));
-        }
-    };
     for (std::size_t i = 0; i < images.size(); ++i) {
         const std::size_t entry = 446 + 16 * i;
         disk[entry + 4] = '\x07'; // the type that NTFS partitions have
-        put32(entry + 8, disk.size() / 512);
-        put32(entry + 12, images[i].size() / 512);
+        disk.replace(entry + 8, 4, littleEndian(disk.size() / 512, 4));
+        disk.replace(entry + 12, 4, littleEndian(images[i].size() / 512, 4));
         disk += images[i];
     }
+    return disk;
+}
+
+std::uint32_t crc32(const std::string& bytes) {
+    std::uint32_t crc = ~0u;
+    for (const char byte : bytes) {
+        crc ^= static_cast<unsigned char>(byte);
+        for (int i = 0; i < 8; ++i) {
+            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xedb88320 : 0);
+        }
+    }
+    return ~crc;
+}
+
+/// A disk with a GPT as Windows makes it: a reserved partition, then `image`, both of basic data.
+std::string gptDiskOf(const std::string& image) {
+    constexpr std::uint64_t kSector = 512;
+    constexpr std::uint64_t kFirst = 2048; // sectors, as all of these
+    const std::uint64_t imageSectors = image.size() / kSector;
+    const std::uint64_t sectors = 2 * kFirst + imageSectors + 34;
+    const std::string basicData("\xa2\xa0\xd0\xeb\xe5\xb9\x33\x44\x87\xc0\x68\xb6\xb7\x26\x99\xc7",
+                                16);
+    const auto entry = [&](char id, std::uint64_t first, std::uint64_t last) {
+        return basicData + std::string(16, id) + littleEndian(first, 8) + littleEndian(last, 8) +
+               std::string(8 + 72, '\0');
+    };
+    std::string entries =
+        entry('a', kFirst, 2 * kFirst - 1) + entry('b', 2 * kFirst, 2 * kFirst + imageSectors - 1);
+    entries.resize(128 * 128);
+    const auto header = [&](std::uint32_t crc) {
+        return "EFI PART" + littleEndian(0x10000, 4) + littleEndian(92, 4) + littleEndian(crc, 4) +
+               littleEndian(0, 4) + littleEndian(1, 8) + littleEndian(sectors - 1, 8) +
+               littleEndian(34, 8) + littleEndian(sectors - 34, 8) + std::string(16, 'd') +
+               littleEndian(2, 8) + littleEndian(128, 4) + littleEndian(128, 4) +
+               littleEndian(crc32(entries), 4);
+    };
+    // Its MBR keeps other systems off the disk: one partition of a type of its own, over all.
+    std::string disk(kSector, '\0');
+    disk.replace(446, 16,
+                 littleEndian(0, 4) + '\xee' + littleEndian(0, 3) + littleEndian(1, 4) +
+                     littleEndian(sectors - 1, 4));
+    disk.replace(510, 2, "\x55\xaa");
+    disk += header(crc32(header(0)));
+    disk.resize(2 * kSector);
+    disk += entries;
+    disk.resize(2 * kFirst * kSector);
+    disk += image;
+    disk.resize(sectors * kSector);
     return disk;
 }
 
@@ -176,6 +224,11 @@ TEST(BadInput, AWholeDiskStandsForItsNTFSPartition) {
     expectRefusal(tavelinRun({"ls", volume.image().string() + ":1"}), kFailed,
                   "no partition table");
 
+    writeFile(disk, gptDiskOf(bytes));
+    tavelinDone({"mkdir", disk, "folder"});
+    EXPECT_EQ(tavelinDone({"ls", disk + ":2"}), "folder\n");
+    EXPECT_EQ(tavelinItems({"info", disk}).at(0).at("partition"), 2);
+
     writeFile(disk, diskOf({bytes, bytes}));
     expectRefusal(tavelinRun({"ls", disk}), kFailed, disk + ":1");
     EXPECT_EQ(tavelinDone({"ls", disk + ":1"}), "");
@@ -197,6 +250,25 @@ TEST(BadInput, AnImageThatWasCutOffIsOnlyRead) {
     EXPECT_NE(listing.err.find("cut off"), std::string::npos) << listing.err;
     expectRefusal(tavelinRun({"mkdir", volume.image(), "new"}), kFailed, "cut off");
     EXPECT_EQ(readFile(volume.image()), before);
+}
+
+// NTFS has a copy of its first sector in the last one.
+TEST(BadInput, AnImageWithoutItsFirstSectorIsOnlyRead) {
+    const SampleVolume volume;
+    volume.leaveUnchecked();
+    const std::string image = volume.image();
+    tavelinDone({"put", image, "-", "file"}, "content");
+    writeFile(image, std::string(512, '\0') + readFile(image).substr(512));
+    const std::string before = readFile(image);
+    for (const char* const command : {"ls", "info", "map", "undelete"}) {
+        const ProcessResult result =
+            tavelinRun({command, command == std::string("undelete") ? "--list" : "--json", image});
+        EXPECT_EQ(result.status, 0) << result.describe();
+        EXPECT_NE(result.err.find("its first sector is damaged"), std::string::npos) << result.err;
+    }
+    EXPECT_EQ(tavelinRun({"cat", image, "file"}).out, "content");
+    expectRefusal(tavelinRun({"mkdir", image, "new"}), kFailed, "write the last 512 bytes");
+    EXPECT_EQ(readFile(image), before);
 }
 
 TEST(BadInput, AHibernatedVolumeIsOnlyRead) {
