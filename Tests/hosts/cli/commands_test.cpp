@@ -1,6 +1,7 @@
 // What the commands do to a volume, seen by them and by independent tools.
 #include "tavelin_program.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -81,45 +82,6 @@ TEST(Commands, StreamsAndLabel) {
     tavelinDone({"label", image, "Grüße"});
     EXPECT_EQ(tavelinDone({"label", image}), "Grüße\n");
     EXPECT_NE(runOrThrow({"ntfsinfo", "-m", "-f", image}).find("Grüße"), std::string::npos);
-}
-
-// A deleted file comes back while nobody has its clusters, and what can be said of it is said.
-TEST(Commands, UndeleteCopiesWhatIsLeft) {
-    const SampleVolume volume;
-    const TempDirectory host;
-    const std::string image = volume.image();
-    std::string content(2 << 20, 'x');
-    for (std::size_t i = 0; i < content.size(); i += 64) {
-        content.replace(i, 8, std::to_string(10'000'000 + i));
-    }
-    tavelinDone({"mkdir", image, "photos"});
-    tavelinDone({"put", image, "-", "first"}, "1"); // whose record the next new file gets
-    tavelinDone({"put", image, "-", "photos/big"}, content);
-    tavelinDone({"put", image, "-", "photos/small"}, "resident");
-    tavelinDone({"rm", image, "first", "photos/big", "photos/small"});
-    const std::string before = readFile(image);
-    std::map<std::string, json> deleted;
-    for (const json& file : tavelinItems({"undelete", "--list", image})) {
-        deleted[file.at("path")] = file;
-    }
-    ASSERT_TRUE(deleted.contains("/photos/big") && deleted.contains("/photos/small"));
-    const std::string big = deleted["/photos/big"].at("id");
-    EXPECT_EQ(deleted["/photos/big"].at("state"), "free");
-    tavelinDone({"undelete", image, big, host / "back"});
-    EXPECT_EQ(readFile(host / "back"), content);
-    tavelinDone({"undelete", image, deleted["/photos/small"].at("id"), host.path()});
-    EXPECT_EQ(readFile(host / "small"), "resident");
-    EXPECT_EQ(readFile(image), before);
-    expectRefusal(tavelinRun({"undelete", image, big, host / "back"}), kFailed, "exists");
-    expectRefusal(tavelinRun({"undelete", image, "1-1", host / "x"}), kFailed, "no deleted file");
-    expectRefusal(tavelinRun({"undelete", image, big}), 2, "--list");
-
-    // A file that fills the volume takes the clusters, and the record of "first".
-    const auto room = tavelinItems({"df", image}).at(0).at("freeBytes").get<std::size_t>();
-    tavelinDone({"put", image, "-", "filler"}, std::string(room - (1 << 20), 'f'));
-    expectRefusal(tavelinRun({"undelete", image, big, host / "y"}), kFailed,
-                  "belong to other files");
-    tavelinDone({"undelete", "--force", image, big, host / "y"});
 }
 
 // Reading leaves the image as it is, and what is printed for programs can be parsed.
@@ -254,6 +216,53 @@ TEST(Commands, ListInTheOrderThatWasAskedFor) {
     EXPECT_EQ(tavelinDone({"ls", "-tr", image}), "a\nb\nc\n");
     EXPECT_EQ(tavelinDone({"ls", "-d", image, "/"}), "/\n");
     EXPECT_NE(tavelinDone({"ls", "-lh", image}).find(" 2.9 KiB "), std::string::npos);
+}
+
+// Also where the directory has grown by many splits of its index, whose blocks then lie anyhow.
+TEST(Commands, ListLargeDirectoriesByName) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    std::string lines = "mkdir d\n";
+    std::string names;
+    constexpr int kCount = 700;
+    for (int i = 0; i < kCount; ++i) {
+        // Names go by upper case.
+        lines += fmt::format("mkdir d/{}{}\n", i % 2 == 0 ? 'f' : 'F', 1000 + i * 499 % kCount);
+    }
+    tavelinDone({"batch", image}, lines);
+    for (int i = 0; i < kCount; ++i) {
+        names += fmt::format("F{}\n", 1000 + i);
+    }
+    const auto upper = [](std::string text) {
+        std::replace(text.begin(), text.end(), 'f', 'F');
+        return text;
+    };
+    EXPECT_EQ(upper(tavelinDone({"ls", image, "d"})), names);
+    std::string found = tavelinDone({"find", image, "F*"});
+    for (std::size_t at = 0; (at = found.find("d/", at)) != std::string::npos;) {
+        found.erase(at, 2);
+    }
+    EXPECT_EQ(upper(found), names);
+    const std::string tree = tavelinDone({"tree", image, "d"});
+    EXPECT_EQ(tree.find("└── "), tree.rfind("└── "));
+    EXPECT_NE(tree.find("└── F1699\n\n700 directories"), std::string::npos) << tree.substr(9900);
+}
+
+TEST(Commands, WaitForAnImageThatIsInUse) {
+    const SampleVolume volume;
+    const std::string image = volume.image();
+    RunningTavelin user({"batch", image});
+    user.write("mkdir made\nls\n");
+    ASSERT_EQ(user.readLine(), "made");
+    const std::string who = fmt::format("process {} (tavelin) has it open", user.id());
+    expectRefusal(tavelinRun({"ls", image}), kFailed, who);
+    // Its messages on the output that is read line by line.
+    RunningProcess waiting(
+        {"sh", "-c", "exec \"$0\" ls --wait \"$1\" 2>&1", TAVELIN_PROGRAM, image});
+    const std::string told = waiting.readLine();
+    EXPECT_NE(told.find("waiting until it is free; " + who), std::string::npos) << told;
+    EXPECT_TRUE(user.finish("mkdir more\n").ok());
+    EXPECT_EQ(waiting.finish().out, "made\nmore\n");
 }
 
 TEST(Commands, GoThroughWholeTrees) {
