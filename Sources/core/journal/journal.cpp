@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <new>
 #include <random>
+#include <tuple>
 #include <utility>
 
 namespace tavelin {
@@ -251,12 +252,19 @@ std::int32_t Journal::makeInvalid() noexcept {
     // Where no page of a valid record can be read any more the volume may change. Where one can,
     // the next mount would replay it over later changes, so the caller must not go on.
     JournaledPages pages;
+    const auto session = std::tuple(isBegun_, session_, flags_, sequence_, position_, used_);
     isBegun_ = false;
     const std::int32_t error = readPending(pages);
+    appended_ = 0;
+    if (error != 0 || !pages.content.empty()) {
+        // The session stays as it was, and resets before its next record.
+        std::tie(isBegun_, session_, flags_, sequence_, position_, used_) = session;
+        isResetting_ = isBegun_;
+        return error != 0 ? error : EIO;
+    }
     isBegun_ = isResetting_ = false;
     position_ = used_ = kBegin;
-    appended_ = 0;
-    return error != 0 || pages.content.empty() ? error : EIO;
+    return 0;
 }
 
 // Three steps, each durable before the next. The page of the first header goes first: without it no
