@@ -387,34 +387,6 @@ TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
     }
 }
 
-// It is the device then and not a sector, and may pass.
-TEST(Replay, KeepsALogOfWhichNothingCanBeWrittenForAWhile) {
-    const ReplacedServices services;
-    const auto disk = std::make_shared<Disk>(volume().image);
-    const auto device = std::make_shared<JournaledDevice>(disk);
-    const auto ntfs = opened(device);
-    const auto create = [&](const std::string& name) {
-        ntfs->create(name, NTFSVolume::kRootIno, NTFSItemType::file);
-        ntfs->sync();
-    };
-    create("before");
-    for (std::uint64_t at = 0; at < volume().log.length; at += kSector) {
-        disk->unwritable.insert((volume().log.offset + at) / kSector);
-    }
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(device->settle(), EIO);
-        device->checkInvariants();
-    }
-    EXPECT_EQ(device->absence(), JournalAbsence::none);
-    disk->unwritable.clear();
-    create("after");
-    EXPECT_GT(recoverable(*disk), 0u) << "the journal goes on";
-    ntfs->unmount();
-    EXPECT_EQ(device->close(), 0);
-    EXPECT_EQ(recoverable(*disk), 0u);
-    EXPECT_FALSE(isDirty(disk));
-}
-
 // Then the records stay valid, and must not be replayed over changes to come.
 TEST(Replay, RefusesALogOfWhichNothingCanBeWritten) {
     const ReplacedServices services;

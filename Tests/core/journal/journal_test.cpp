@@ -1,5 +1,6 @@
 // What waits for a sync arrives as a whole or not at all, whatever the power or the device does.
 #include "core/journal/journal_disk.hpp"
+#include "support/replaced_services.hpp"
 
 #include <array>
 #include <map>
@@ -257,6 +258,28 @@ TEST(Journal, SyncsBulkDataAgainAfterASyncThatFailed) {
     disk->events.clear();
     EXPECT_EQ(device->sync(), 0);
     EXPECT_FALSE(disk->events.at(0).flush) << "nothing waits for it";
+}
+
+// It is the device then and not a sector of the log, and may pass.
+TEST(Journal, StaysWhereNothingOfItCanBeWrittenForAWhile) {
+    const ReplacedServices services;
+    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto device = mounted(disk);
+    writePages(*device, 1, 0, 3);
+    ASSERT_EQ(device->sync(), 0);
+    for (std::uint64_t at = 0; at < volume().log.length; at += kSector) {
+        disk->unwritable.insert((volume().log.offset + at) / kSector);
+    }
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(device->settle(), EIO);
+        device->checkInvariants();
+    }
+    disk->unwritable.clear();
+    writePages(*device, 2, 0, 1);
+    EXPECT_EQ(device->sync(), 0);
+    EXPECT_GT(recoverable(*disk), 0u) << "it goes on";
+    EXPECT_EQ(device->close(), 0);
+    EXPECT_EQ(recoverable(*disk), 0u);
 }
 
 TEST(Journal, GivesUpNoRecordThatItCannotReadBack) {
