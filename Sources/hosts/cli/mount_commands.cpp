@@ -72,6 +72,9 @@ std::string explained(const fusehost::ServedVolume& volume) {
         return fmt::format("its server has ended: 'tavelin umount {}' takes it away",
                            escaped(volume.directory.string()));
     }
+    if (volume.error == ETIMEDOUT) {
+        return "its server does not answer";
+    }
     if (volume.error != 0) {
         return errorText(fromHost(volume.error));
     }

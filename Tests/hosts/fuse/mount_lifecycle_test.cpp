@@ -1,5 +1,4 @@
 // How mounts begin and end: options, refusals, signals, crashes.
-#include "hosts/fuse/mount/kernel_mount.hpp"
 #include "hosts/fuse/mount/mount_request.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/served_volume.hpp"
@@ -168,100 +167,6 @@ TEST_F(MountLifecycle, ASignalLetsUsersFinishAndASecondDoesNot) {
         mount();
     }
     expectToLast(*volume_, served_);
-}
-
-TEST(MountTable, UnmountsAMountWhereItIsNowAndNeverAnother) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root mounts a tmpfs";
-    }
-    const TempDirectory root;
-    const fs::path before = root.path() / "before" / "mount",
-                   after = root.path() / "after" / "mount";
-    const auto mountOther = [](const fs::path& directory, const char* source = "other") {
-        fs::create_directories(directory);
-        EXPECT_EQ(::mount(source, directory.c_str(), "tmpfs", 0, nullptr), 0);
-        return *fusehost::findMount(directory);
-    };
-    const MountEntry moved = mountOther(before);
-    fs::rename(before.parent_path(), after.parent_path());
-    const MountEntry atOldPath = mountOther(before), covering = mountOther(after);
-    EXPECT_EQ(fusehost::unmount(moved, false), EBUSY) << "covered";
-    EXPECT_EQ(fusehost::unmount(moved, true), EBUSY) << "covered";
-    EXPECT_EQ(fusehost::unmount(covering, false), 0);
-    EXPECT_EQ(fusehost::unmount(moved, false), 0);
-    EXPECT_FALSE(fusehost::findAgain(moved));
-    // Its id and its device number belong to the next mount now.
-    const MountEntry next = mountOther(after, "next");
-    EXPECT_EQ(fusehost::unmount(moved, true), 0) << "gone already";
-    EXPECT_TRUE(fusehost::findAgain(next));
-    EXPECT_EQ(fusehost::unmount(next, false), 0);
-    EXPECT_TRUE(fusehost::findAgain(atOldPath));
-    EXPECT_EQ(fusehost::unmount(atOldPath, false), 0);
-}
-
-// Makes a mount of our type that nobody serves.
-FileDescriptor mountUnserved(const fs::path& directory, const char* source) {
-    FileDescriptor connection("/dev/fuse", O_RDWR);
-    const std::string options =
-        "fd=" + std::to_string(connection.get()) + ",rootmode=40000,user_id=0,group_id=0";
-    EXPECT_EQ(::mount(source, directory.c_str(), "fuse.tavelin", 0, options.c_str()), 0);
-    return connection;
-}
-
-TEST(MountTable, TellsAMountJustMadeFromItsNeighbours) {
-    if (::geteuid() != 0 || !whyNoMounts().empty()) {
-        GTEST_SKIP() << "only root mounts at will";
-    }
-    const TempDirectory root;
-    const fs::path directory = root.path() / "parent" / "mount";
-    fs::create_directories(directory);
-    const FileDescriptor below = mountUnserved(directory, "same");
-    const std::vector<MountEntry> before = mountTable();
-    const FileDescriptor own = mountUnserved(directory, "same");
-    const MountEntry entry = *fusehost::findMount(directory);
-    const FileDescriptor above = mountUnserved(directory, "other");
-    fs::rename(root.path() / "parent", root.path() / "elsewhere");
-    fs::create_directories(directory);
-    const FileDescriptor atOldPath = mountUnserved(directory, "other");
-    const auto expectFound = [&](const std::string& device) {
-        MountEntry made;
-        made.directory = directory;
-        made.source = "same";
-        made.device = device;
-        const auto found = fusehost::findMade(made, before);
-        ASSERT_TRUE(found) << device;
-        EXPECT_EQ(found->id, entry.id) << device;
-    };
-    expectFound("");
-    expectFound(entry.device);
-    ::umount2(directory.c_str(), MNT_DETACH);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(::umount2((root.path() / "elsewhere/mount").c_str(), MNT_DETACH), 0);
-    }
-    EXPECT_FALSE(fusehost::findMade(entry, before));
-}
-
-// What the path leads to may change while the volume is opened.
-TEST(KernelMount, IsOfTheImageThatWasOpened) {
-    if (::geteuid() != 0 || ::access("/dev/loop-control", R_OK | W_OK) != 0) {
-        GTEST_SKIP() << "only root has devices";
-    }
-    const TempDirectory directory, mountPoint;
-    fusehost::MountRequest request;
-    request.image = directory / "image";
-    request.directory = mountPoint.path();
-    writeFile(request.image, std::string(1 << 20, 'o'));
-    FileDescriptor image(request.image.c_str(), O_RDWR);
-    fs::rename(request.image, directory / "moved");
-    writeFile(request.image, std::string(1 << 20, 'n'));
-    fusehost::KernelMount mount(request, std::move(image));
-    const std::vector<FileDescriptor> opened = mount.make(false);
-    ASSERT_EQ(opened.size(), 2u);
-    char byte = 0;
-    EXPECT_EQ(opened[1].readAt(&byte, 1, 0).bytes, 1u);
-    EXPECT_EQ(byte, 'o');
-    EXPECT_EQ(mount.takeAway({.lazily = true, .served = false}), 0);
-    EXPECT_FALSE(fusehost::findMount(mountPoint.path()));
 }
 
 TEST_F(MountLifecycle, SignalsLeaveAMountOnTopAlone) {

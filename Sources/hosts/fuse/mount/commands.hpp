@@ -37,7 +37,9 @@ struct ServedVolume {
     std::filesystem::path directory;
     bool readOnly = false;
     pid_t server = 0; ///< 0 when it cannot be known: dead, or of another process namespace
-    int error = 0;    ///< a host errno: ENOTCONN when the server is dead, EACCES for others' mounts
+    /// A host errno: ENOTCONN when the server is dead, EACCES for others' mounts, ETIMEDOUT when it
+    /// has not answered for five seconds.
+    int error = 0;
 };
 
 /// All mounts of ours in this process's mount namespace, in the order in which they were made.

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -22,6 +24,8 @@
 #include <sys/xattr.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace tavelin::fusehost {
 
@@ -29,13 +33,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What a child process found out as the user whose mount it is.
+using Clock = std::chrono::steady_clock;
+
 struct Answer {
     int error = 0;
     pid_t server = 0;
 };
 
-// "user_id=1000,group_id=1000": whom the kernel lets in besides those that allow_other does.
+// "user_id=1000,group_id=1000".
 std::optional<uid_t> ownerIn(const std::string& options, std::string_view name) {
     const size_t at = options.find(name);
     uid_t owner = 0;
@@ -65,38 +70,90 @@ Answer ask(const std::filesystem::path& directory, Wish wish) {
     return answer;
 }
 
-// The kernel keeps even root out of another user's mount. A child that has become that user gets
-// in; this process could not become root again.
-Answer askAs(uid_t user, gid_t group, const MountEntry& mount, Wish wish) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        return {.error = errno};
-    }
-    const FileDescriptor reading(ends[0]);
-    FileDescriptor writing(ends[1]);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        if (::setgroups(0, nullptr) == 0 && ::setresgid(group, group, group) == 0 &&
-            ::setresuid(user, user, user) == 0) {
-            const Answer answer = ask(mount.directory, wish);
-            (void)writing.write(&answer, sizeof answer);
-        }
-        ::_exit(0);
-    }
-    writing.reset();
-    Answer answer{.error = EACCES};
-    if (child != -1) {
-        (void)reading.readSome(&answer, sizeof answer); // one small write is read whole
-        (void)uninterrupted([child] { return ::waitpid(child, nullptr, 0); });
-    }
-    return answer;
-}
+// Whom the kernel lets into a mount besides those that allow_other does; absent for oneself.
+struct User {
+    uid_t user;
+    gid_t group;
+};
 
-Answer askServer(const MountEntry& mount, Wish wish) {
+std::optional<User> otherOwnerOf(const MountEntry& mount) {
     const auto user = ownerIn(mount.superOptions, "user_id=");
     const auto group = ownerIn(mount.superOptions, "group_id=");
     const bool other = ::geteuid() == 0 && user.value_or(0) != 0 && group;
-    return other ? askAs(*user, *group, mount, wish) : ask(mount.directory, wish);
+    return other ? std::optional(User{*user, *group}) : std::nullopt;
+}
+
+bool become(const User& other) {
+    return ::setgroups(0, nullptr) == 0 &&
+           ::setresgid(other.group, other.group, other.group) == 0 &&
+           ::setresuid(other.user, other.user, other.user) == 0;
+}
+
+// A question to a mount's server that a child process waits with. The kernel keeps even root out of
+// another user's mount: a child that has become that user gets in, and this process could not
+// become root again. And the server may never answer: nothing ends a wait for it, so the child has
+// nothing open that anybody waits for.
+class Question {
+  public:
+    Question(const MountEntry& mount, Wish wish) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            return;
+        }
+        reading_.reset(ends[0]);
+        const FileDescriptor writing(ends[1]);
+        const std::optional<User> other = otherOwnerOf(mount);
+        child_ = ::fork();
+        if (child_ == 0) {
+            ::dup2(writing.get(), 0);
+            ::close_range(1, ~0u, 0);
+            if (!other || become(*other)) {
+                const Answer answer = ask(mount.directory, wish);
+                (void)!::write(0, &answer, sizeof answer);
+            }
+            ::_exit(0);
+        }
+    }
+    Question(Question&& other) noexcept
+        : child_(std::exchange(other.child_, -1)), reading_(std::move(other.reading_)) {}
+    Question& operator=(Question&&) = delete;
+    ~Question() {
+        if (child_ > 0) {
+            ::kill(child_, SIGKILL);
+            (void)::waitpid(child_, nullptr, WNOHANG); // what cannot end yet, the system buries
+        }
+    }
+
+    // Waits until `limit`. ETIMEDOUT when there was no answer by then.
+    Answer answer(std::optional<Clock::time_point> limit) {
+        Answer answer{.error = EACCES};
+        if (child_ <= 0) {
+            return answer;
+        }
+        using std::chrono::milliseconds;
+        const auto left = [limit] {
+            const auto rest = std::chrono::ceil<milliseconds>(*limit - Clock::now());
+            return static_cast<int>(std::max(rest, milliseconds(0)).count());
+        };
+        pollfd ready{reading_.get(), POLLIN, 0};
+        if (uninterrupted([&] { return ::poll(&ready, 1, limit ? left() : -1); }) == 0) {
+            answer.error = ETIMEDOUT;
+            return answer;
+        }
+        (void)reading_.readSome(&answer, sizeof answer); // one small write is read whole
+        (void)uninterrupted([this] { return ::waitpid(child_, nullptr, 0); });
+        child_ = -1;
+        return answer;
+    }
+
+  private:
+    pid_t child_ = -1;
+    FileDescriptor reading_;
+};
+
+Answer askServer(const MountEntry& mount, Wish wish) {
+    return otherOwnerOf(mount) ? Question(mount, wish).answer(std::nullopt)
+                               : ask(mount.directory, wish);
 }
 
 // Of a loop device the file that it shows; of anything else itself.
@@ -181,16 +238,23 @@ std::vector<MountOfImage> synchronizeMountsOf(const std::filesystem::path& image
 }
 
 std::vector<ServedVolume> servedVolumes() {
-    std::vector<ServedVolume> volumes;
-    for (const MountEntry& entry : mountTable()) {
+    constexpr std::chrono::seconds kAnswerMax{5};
+    std::vector<std::pair<MountEntry, Question>> asked;
+    for (MountEntry& entry : mountTable()) {
         if (isOurs(entry)) {
-            const Answer answer = askServer(entry, Wish::nothing);
-            volumes.push_back({.image = imageOf(entry),
-                               .directory = entry.directory,
-                               .readOnly = entry.readOnly || entry.superReadOnly,
-                               .server = answer.server,
-                               .error = answer.error});
+            Question question(entry, Wish::nothing);
+            asked.emplace_back(std::move(entry), std::move(question));
         }
+    }
+    const Clock::time_point limit = Clock::now() + kAnswerMax; // of all together
+    std::vector<ServedVolume> volumes;
+    for (auto& [entry, question] : asked) {
+        const Answer answer = question.answer(limit);
+        volumes.push_back({.image = imageOf(entry),
+                           .directory = entry.directory,
+                           .readOnly = entry.readOnly || entry.superReadOnly,
+                           .server = answer.server,
+                           .error = answer.error});
     }
     return volumes;
 }
