@@ -42,7 +42,7 @@ class ServedVolume {
 
     // What the server has printed to standard error: with the option "trace", its requests.
     std::string printed() const { return readFile(log_ / "err"); }
-    // And what to the system log.
+    // And what to the system log, which has all of it once the server has ended.
     std::string logged() const { return readFile(log_ / "log"); }
 
   private:
