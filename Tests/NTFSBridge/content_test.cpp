@@ -1,8 +1,11 @@
 // File data, times, flags and named streams.
 #include "NTFSBridge/errors.hpp"
+#include "NTFSBridge/times.hpp"
 #include "NTFSBridge/volume.hpp"
 #include "support/bridge_volume.hpp"
 
+#include <cstring>
+#include <memory>
 #include <random>
 
 namespace tavelin::test {
@@ -37,12 +40,12 @@ TEST(FileData, ReadsAndWritesAtTheEdges) {
     volume.finish();
 }
 
-// Has what is made in the directory from now on compressed, as Windows marks directories.
-void compress(BridgeVolume& volume, uint64_t directory) {
+// With FILE_ATTR_COMPRESSED, what is made in a directory from now on is compressed.
+void setFlag(BridgeVolume& volume, uint64_t ino, FILE_ATTR_FLAGS flag) {
     const auto* const vol = static_cast<ntb_vol*>(volume);
     ntb::inode_guard inode;
-    ASSERT_EQ(ntb::open_directory(vol, directory, inode), 0);
-    ntb::set_flag(inode.get(), FILE_ATTR_COMPRESSED, true);
+    ASSERT_EQ(inode.open(vol->volume, ino), 0);
+    ntb::set_flag(inode.get(), flag, true);
     NInoFileNameSetDirty(inode.get());
     ntfs_inode_mark_dirty(inode.get());
     ASSERT_EQ(inode.close(), 0);
@@ -55,7 +58,7 @@ TEST(FileData, RandomChangesOfACompressedFileMatchAString) {
     for (const uint32_t clusterSize : {512u, 4096u}) { // units of 8 and 64 KiB are compressed
         BridgeVolume volume({.clusterSize = clusterSize});
         const uint64_t directory = volume.makeDirectory("directory");
-        compress(volume, directory);
+        setFlag(volume, directory, FILE_ATTR_COMPRESSED);
         const uint64_t ino = volume.make("file", directory);
         std::string model;
         for (int step = 0; step < 300; ++step) {
@@ -73,9 +76,32 @@ TEST(FileData, RandomChangesOfACompressedFileMatchAString) {
             }
             ASSERT_TRUE(volume.read(ino) == model) << step;
         }
+        model.assign(20000, 'c');
+        ASSERT_EQ(ntb_truncate(volume, ino, 0), 0);
+        ASSERT_EQ(volume.write(ino, model), 0);
+        EXPECT_LT(volume.attributes(ino).alloc_size, model.size());
         EXPECT_NE(volume.attributes(ino).flags & NTB_FLAG_COMPRESSED, 0u);
         EXPECT_TRUE(volume.finish().cat("/directory/file") == model);
     }
+}
+
+// What the root directory's index has of a file: listings of other systems show it.
+FILE_NAME_ATTR indexCopy(BridgeVolume& volume, uint64_t ino) {
+    const auto* const vol = static_cast<ntb_vol*>(volume);
+    ntb::inode_guard root;
+    ntb::inode_guard file;
+    EXPECT_EQ(root.open(vol->volume, NTB_ROOT_INO), 0);
+    EXPECT_EQ(file.open(vol->volume, ino), 0);
+    ntb::attribute_search search(file.get());
+    EXPECT_TRUE(search.find(AT_FILE_NAME, AT_UNNAMED));
+    const ATTR_RECORD& name = *search.found();
+    const std::unique_ptr<ntfs_index_context, decltype(&ntfs_index_ctx_put)> index(
+        ntfs_index_ctx_get(root.get(), NTFS_INDEX_I30, 4), ntfs_index_ctx_put);
+    const auto* const key = reinterpret_cast<const uint8_t*>(&name) + name.value_offset;
+    EXPECT_EQ(ntfs_index_lookup(key, static_cast<int>(name.value_length), index.get()), 0);
+    FILE_NAME_ATTR copy = {};
+    std::memcpy(&copy, index->data, sizeof copy);
+    return copy;
 }
 
 TEST(FileData, OnlyRealChangesMoveTheTimes) {
@@ -93,8 +119,10 @@ TEST(FileData, OnlyRealChangesMoveTheTimes) {
         {"hiding", false, false, [](auto& v, auto i) { return ntb_set_hidden(v, i, 1); }},
         {"writing", true, true, [](auto& v, auto i) { return v.write(i, "x"); }},
         {"truncating", true, true, [](auto& v, auto i) { return ntb_truncate(v, i, 3); }},
+        {"growing", true, true, [](auto& v, auto i) { return ntb_truncate(v, i, 3000); }},
         {"a stream", false, true, [](auto& v, auto i) { return v.setStream(i, "s", "v"); }},
         {"a stream less", false, true, [](auto& v, auto i) { return ntb_removexattr(v, i, "s"); }},
+        {"linking", false, true, [](auto& v, auto i) { return ntb_link(v, i, 5, "second"); }},
         {"renaming", false, true,
          [](auto& v, uint64_t) { return ntb_rename(v, 5, "file", 5, "renamed"); }},
     };
@@ -107,7 +135,16 @@ TEST(FileData, OnlyRealChangesMoveTheTimes) {
         EXPECT_EQ(attr.change_time.seconds != kPast.seconds, c.isChangeTimeNew);
         EXPECT_EQ(attr.access_time.nanoseconds, kPast.nanoseconds);
         EXPECT_EQ(attr.birth_time.seconds, kPast.seconds);
+        const FILE_NAME_ATTR copy = indexCopy(volume, ino);
+        EXPECT_EQ(ntb::to_unix_time(copy.last_data_change_time).seconds, attr.modify_time.seconds);
+        EXPECT_EQ(ntb::to_unix_time(copy.last_mft_change_time).seconds, attr.change_time.seconds);
+        EXPECT_EQ((copy.file_attributes & FILE_ATTR_HIDDEN) != 0,
+                  (attr.flags & NTB_FLAG_HIDDEN) != 0);
+        EXPECT_EQ(static_cast<uint64_t>(copy.allocated_size), attr.alloc_size);
     }
+    ASSERT_EQ(ntb_set_times(volume, NTB_ROOT_INO, &kPast, &kPast, &kPast, &kPast), 0);
+    volume.make("new");
+    EXPECT_NE(volume.attributes(NTB_ROOT_INO).modify_time.seconds, kPast.seconds);
 }
 
 TEST(Metadata, TimesAndFlagsSurviveARemount) {
@@ -115,10 +152,12 @@ TEST(Metadata, TimesAndFlagsSurviveARemount) {
     const uint64_t ino = volume.make("file");
     const ntb_time before1970 = {0, -500000000};
     const ntb_time whole1601 = {-11644473600, 0};
+    const ntb_time before1601 = {whole1601.seconds - 1, 0};
     const ntb_time fine = {1700000000, 123456789};
     const ntb_time beyond = {INT64_MAX, 0};
-    EXPECT_EQ(ntb_set_times(volume, ino, &whole1601, &fine, &beyond, &before1970), 0);
+    EXPECT_EQ(ntb_set_times(volume, ino, &before1601, &fine, &beyond, &before1970), 0);
     EXPECT_EQ(ntb_set_hidden(volume, ino, 1), 0);
+    setFlag(volume, ino, FILE_ATTR_READONLY);
     EXPECT_EQ(volume.unmount(), 0);
     ASSERT_EQ(volume.mount(), 0);
     ntb_attr attr = volume.attributes(ino);
@@ -127,7 +166,7 @@ TEST(Metadata, TimesAndFlagsSurviveARemount) {
     EXPECT_GT(attr.change_time.seconds, 900000000000);
     EXPECT_EQ(attr.birth_time.seconds, 0);
     EXPECT_EQ(attr.birth_time.nanoseconds, 0);
-    EXPECT_EQ(attr.flags & NTB_FLAG_HIDDEN, uint32_t{NTB_FLAG_HIDDEN});
+    EXPECT_EQ(attr.flags, uint32_t{NTB_FLAG_HIDDEN | NTB_FLAG_READ_ONLY});
     EXPECT_EQ(volume.list().count("file"), 1u) << "hidden files are listed";
 
     EXPECT_EQ(ntb_set_times(volume, ino, nullptr, &whole1601, nullptr, nullptr), 0);

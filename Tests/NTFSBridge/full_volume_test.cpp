@@ -1,4 +1,6 @@
 // Operations that fail for want of room, in the cache or on the device leave the volume as it was.
+#include "NTFSBridge/namespace.hpp"
+#include "NTFSBridge/operation.hpp"
 #include "support/bridge_volume.hpp"
 
 #include <gtest/gtest.h>
@@ -132,6 +134,7 @@ TEST(FullVolume, KeepsNoTraceOfWhatFailed) {
 TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     BridgeVolume volume;
     fill(volume, 300 << 10);
+    ASSERT_EQ(ntb_sync(volume), 0);
     const uint64_t file = volume.make("file");
     ASSERT_EQ(volume.write(file, "before"), 0);
     ntb_statfs before = {};
@@ -140,6 +143,10 @@ TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     uint64_t done = 1;
     EXPECT_EQ(ntb_write(volume, file, 0, large.data(), large.size(), &done), ENOSPC);
     EXPECT_EQ(done, 0u);
+    volume.memory().takeLog();
+    EXPECT_EQ(ntb_sync(volume), 0);
+    const auto calls = volume.memory().takeLog();
+    EXPECT_EQ(calls.empty() ? MemoryIo::Kind::kRead : calls.back().kind, MemoryIo::Kind::kSync);
     EXPECT_EQ(volume.read(file), "before");
     EXPECT_EQ(volume.attributes(file).size, 6u);
     ntb_statfs after = {};
@@ -148,6 +155,17 @@ TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     EXPECT_EQ(after.freeFiles, before.freeFiles);
     EXPECT_EQ(volume.write(file, "after!"), 0);
     EXPECT_EQ(volume.read(file), "after!");
+
+    auto* const vol = static_cast<ntb_vol*>(volume);
+    ASSERT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "filler"), 0);
+    ASSERT_EQ(ntb::begin_operation(vol), 0);
+    uint64_t whole = 0;
+    EXPECT_EQ(ntb::create_entry(vol, NTB_ROOT_INO, "whole", {NTB_TYPE_FILE, 0, {}}, &whole), 0);
+    vol->context->undo.give_up();
+    bool isTakenBack = true;
+    EXPECT_EQ(ntb::end_operation(vol, EIO, &isTakenBack), EIO);
+    EXPECT_FALSE(isTakenBack) << "what cannot be taken back whole";
+    EXPECT_EQ(volume.find("whole"), whole);
     volume.finish();
 }
 

@@ -1,4 +1,5 @@
 // Lookup, listing, creating, removing, renaming, symbolic links.
+#include "NTFSBridge/volume.hpp"
 #include "support/bridge_volume.hpp"
 
 #include <algorithm>
@@ -94,7 +95,11 @@ TEST(Namespace, RemovesFilesAndEmptyDirectories) {
     volume.makeDirectory("first of all"); // makes the file table grow
     ntb_statfs before = {};
     ntb_statfs_get(volume, &before);
+    EXPECT_GE(before.freeFiles, before.freeClusters * before.clusterSize / 1024);
     const uint64_t directory = volume.makeDirectory("directory");
+    ntb_statfs after = {};
+    ntb_statfs_get(volume, &after);
+    EXPECT_EQ(after.freeFiles, before.freeFiles - 1);
     const uint64_t file = volume.make("file", directory);
     EXPECT_EQ(volume.write(file, patternText(300000)), 0);
     uint64_t ino = 0;
@@ -108,7 +113,6 @@ TEST(Namespace, RemovesFilesAndEmptyDirectories) {
     EXPECT_EQ(ntb_unlink(volume, directory, "file"), 0);
     EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), 0);
     EXPECT_EQ(ntb_readdir(volume, directory, nullptr, nullptr), ENOENT);
-    ntb_statfs after = {};
     ntb_statfs_get(volume, &after);
     EXPECT_EQ(after.freeClusters, before.freeClusters);
     volume.finish();
@@ -172,6 +176,36 @@ TEST(Namespace, Renames) {
     EXPECT_EQ(exchange(b, "c", NTB_ROOT_INO, "final"), 0);
     EXPECT_EQ(volume.attributes(readme).link_count, 1u);
     EXPECT_EQ(volume.finish().cat("/final"), "text");
+}
+
+TEST(Namespace, AFileMayHaveSeveralNames) {
+    BridgeVolume volume;
+    const uint64_t file = volume.make("A long name.text");
+    {
+        const auto* const vol = static_cast<ntb_vol*>(volume);
+        ntb::inode_guard inode;
+        ntb::inode_guard root;
+        ASSERT_EQ(inode.open(vol->volume, file), 0);
+        ASSERT_EQ(root.open(vol->volume, NTB_ROOT_INO), 0);
+        const std::string alias = "ALONGN~1.TXT";
+        ASSERT_EQ(
+            ntfs_set_ntfs_dos_name(inode.release(), root.release(), alias.data(), alias.size(), 0),
+            0); // which closes both
+    }
+    EXPECT_EQ(volume.find("ALONGN~1.TXT"), file);
+    EXPECT_EQ(volume.list().size(), 1u);
+    EXPECT_EQ(ntb_link(volume, file, NTB_ROOT_INO, "second"), 0);
+    uint32_t names = 0;
+    EXPECT_EQ(ntb_count_names(volume, file, &names), 0);
+    EXPECT_EQ(names, 2u);
+    EXPECT_EQ(volume.attributes(file).link_count, 3u);
+    const uint64_t directory = volume.makeDirectory("directory");
+    EXPECT_EQ(ntb_link(volume, directory, NTB_ROOT_INO, "another"), EPERM);
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "A long name.text", NTB_ROOT_INO, "ALONGN~1.TXT"),
+              0);
+    EXPECT_EQ(volume.list(), (std::map<std::string, uint32_t>{
+                                 {"ALONGN~1.TXT", 1}, {"directory", 2}, {"second", 1}}));
+    volume.finish();
 }
 
 TEST(Namespace, SymbolicLinks) {

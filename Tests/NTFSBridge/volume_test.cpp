@@ -120,6 +120,7 @@ TEST(Volume, LabelsUpToTheirLongestAreOnTheDeviceOnceSynced) {
     const std::filesystem::path synced = volume.sample().directory() / "synced";
     for (const std::string& wanted : {longest, std::string(), std::string("After")}) {
         EXPECT_EQ(ntb_set_label(volume, wanted.c_str()), 0);
+        EXPECT_EQ(ntb_is_dirty(volume), 1);
         EXPECT_EQ(label(), wanted);
         EXPECT_EQ(ntb_sync(volume), 0);
         volume.memory().save(synced);

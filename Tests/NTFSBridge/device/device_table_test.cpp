@@ -59,6 +59,7 @@ TEST(DeviceTable, OpensReadOnlyWhenEitherSideAsks) {
         EXPECT_EQ(errno, c.opensReadOnly ? EROFS : 0);
         EXPECT_EQ(d.ops().close(d.device), 0);
         EXPECT_FALSE(NDevOpen(d.device));
+        EXPECT_EQ(d.syncs(), c.opensReadOnly ? 0u : 1u);
     }
 }
 

@@ -95,6 +95,7 @@ TEST(PageCache, WritesFileDataApartUntilThePageIsWrittenAgain) {
                                               {Kind::kWrite, 4 * kPage, kPage},
                                               {Kind::kWriteData, 5 * kPage, 2 * kPage},
                                               {Kind::kWrite, 7 * kPage, kPage}}));
+    EXPECT_EQ(device.stats.deviceWrites, 5u);
     device.context.mark_file_data(kPage, 0); // is clean, and metadata when it is written again
     ASSERT_EQ(device.fill(0, kPage, 3), 0);
     ASSERT_EQ(device.context.flush(), 0);
@@ -134,6 +135,11 @@ TEST(UndoLog, PutsBackWhatAnOperationChanged) {
         // The next operation begins with other bytes.
         ASSERT_EQ(device.fill(random() % kPages * kSets * kPage, kPage, 99), 0);
     }
+    device.context.undo.begin();
+    ASSERT_EQ(device.fill(kPage, kPage, 1), 0); // was not cached
+    ASSERT_EQ(device.context.undo.restore(device.memory.io(), device.stats), 0);
+    device.context.undo.end();
+    EXPECT_EQ(device.byteAt(kPage), 0);
 }
 
 TEST(PageCache, FlushesInPageOrderAndInRunsOfUpToOneMebibyte) {
@@ -145,17 +151,18 @@ TEST(PageCache, FlushesInPageOrderAndInRunsOfUpToOneMebibyte) {
     ASSERT_EQ(device.fill(10 * kPage, kPage, 7), 0);
     device.memory.takeLog();
 
+    ASSERT_EQ(device.context.cache.pc_flush_pages(2, 5), 0);
     ASSERT_EQ(device.context.cache.pc_flush_pages(6, 9), 0);
-    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 6 * kPage, kPage}}));
+    EXPECT_EQ(device.memory.takeLog(),
+              (Calls{{Kind::kWrite, 5 * kPage, kPage}, {Kind::kWrite, 6 * kPage, kPage}}));
     ASSERT_EQ(device.context.cache.pc_flush_pages(20, 1999), 0);
     EXPECT_TRUE(device.memory.takeLog().empty());
 
-    device.memory.fail(4, 4, ENXIO); // the second run of the 300 pages
+    device.memory.fail(3, 3, ENXIO); // the second run of the 300 pages
     EXPECT_EQ(device.context.flush(), ENXIO);
     EXPECT_EQ(device.stats.dirtyPages, 44u);
     ASSERT_EQ(device.context.flush(), 0);
-    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 5 * kPage, kPage},
-                                              {Kind::kWrite, 10 * kPage, kPage},
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 10 * kPage, kPage},
                                               {Kind::kWrite, 2000 * kPage, 256 * kPage},
                                               {Kind::kWrite, 2256 * kPage, 44 * kPage},
                                               {Kind::kWrite, 2256 * kPage, 44 * kPage}}));
@@ -166,14 +173,21 @@ TEST(PageCache, FlushesInPageOrderAndInRunsOfUpToOneMebibyte) {
 
 TEST(PageCache, MoreThanHalfDirtyFlushesEverything) {
     CachedDevice device(64ull << 20);
+    device.context.undo.begin();
     for (uint64_t page = 0; page < 4096; ++page) {
         ASSERT_EQ(device.fill(page * kPage, kPage, 1), 0);
     }
+    EXPECT_TRUE(device.context.undo.is_complete());
     EXPECT_EQ(device.context.cache.dirty_count(), 4096u);
     EXPECT_TRUE(device.memory.takeLog().empty());
+    device.memory.failFrom(1, EIO);
+    EXPECT_EQ(device.fill(5000 * kPage, kPage, 1), EIO);
+    device.memory.heal();
     ASSERT_EQ(device.fill(5000 * kPage, kPage, 1), 0);
     EXPECT_EQ(device.context.cache.dirty_count(), 0u);
     EXPECT_EQ(device.stats.dirtyPages, 4097u) << "the counter is a snapshot of the write";
+    EXPECT_FALSE(device.context.undo.is_complete());
+    device.context.undo.end();
 }
 
 TEST(PageCache, WhatIsCachedAndWhatGoesToTheDevice) {
