@@ -11,8 +11,12 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
+#include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 
 namespace tavelin::cli {
 namespace {
@@ -27,14 +31,62 @@ struct EventsCommand {
 /// Bytes of the log that are shown without --since: some hundred events.
 constexpr std::int64_t kTailBytes = 65'536;
 
-/// A value as a shell would need it: in quotation marks where a blank would end it.
+/// What an event says in words, and what it says where its work has failed.
+struct EventWords {
+    std::string_view name;
+    std::string_view done;
+    std::string_view failed{};
+};
+constexpr EventWords kEventWords[] = {
+    {"module_start", "the module began"},
+    {"probe", "looked at an image"},
+    {"load", "opened a volume", "could not open a volume"},
+    {"activate", "gave out the root directory"},
+    {"deactivate", "ended the work on a volume"},
+    {"unload", "closed a volume", "could not close a volume as it should be"},
+    {"check", "checked a volume", "checked a volume and failed"},
+    {"sandbox", "went into the sandbox", "serves without a sandbox"},
+    {"server_end", "the process that served a mount has ended"},
+    {"journal_refused", "left out a flush that another system has written over"},
+    {"device_error", "the device failed"},
+};
+
+/// A value in quotation marks where a blank would end it.
 std::string quoted(const std::string& value) {
-    return value.empty() || value.find_first_of(" \"") != std::string::npos ? "\"" + value + "\""
-                                                                            : value;
+    if (!value.empty() && value.find_first_of(" \"") == std::string::npos) {
+        return value;
+    }
+    std::string result = "\"";
+    for (const char letter : value) {
+        result += letter == '"' ? "\\\"" : std::string(1, letter);
+    }
+    return result + "\"";
 }
 
-/// Formats an event as "2026-11-15T18:20:33Z  load  bsd=disk.img ok=true …". A line that is no
-/// event, such as half a line of a full disk, comes back escaped.
+/// How often requests were answered with which errors, such as "610 ENOENT"; absent for a
+/// text that says nothing of the kind, or more than that.
+std::optional<std::string> errorsInWords(const std::string& value) {
+    std::string counts;
+    for (const auto& [key, member] : jsonMembers(value).value_or(JSONMembers())) {
+        if (key == "counts") {
+            for (const auto& [code, count] : jsonMembers(member).value_or(JSONMembers())) {
+                std::int32_t number = 0;
+                const char* const end = code.data() + code.size();
+                if (std::from_chars(code.data(), end, number).ptr != end) {
+                    return std::nullopt;
+                }
+                counts +=
+                    fmt::format("{}{} {}", counts.empty() ? "" : ", ", count, errorName(number));
+            }
+        } else if (key != "first" || member != "[]") {
+            return std::nullopt;
+        }
+    }
+    return counts.empty() ? std::nullopt : std::optional(counts);
+}
+
+/// Formats an event as "2026-11-15T18:20:33Z  opened a volume  bsd=disk.img ok=true …". A line that
+/// is no event, such as half a line of a full disk, comes back escaped.
 std::string forPeople(const std::string& line) {
     const auto members = jsonMembers(line);
     if (!members) {
@@ -43,15 +95,24 @@ std::string forPeople(const std::string& line) {
     std::string time = "?";
     std::string name = "?";
     std::string fields;
+    bool hasFailed = false;
     for (const auto& [key, value] : *members) {
         if (key == "t" || key == "ev") {
             (key == "t" ? time : name) = escaped(value);
-        } else {
-            fields += fmt::format(" {}={}", escaped(key), quoted(escaped(value)));
+            continue;
+        }
+        hasFailed |= (key == "ok" && value == "false") || (key == "errno" && value != "0");
+        const auto words = key == "errors" ? errorsInWords(value) : std::nullopt;
+        fields += fmt::format(" {}={}", escaped(key), quoted(escaped(words.value_or(value))));
+    }
+    for (const EventWords& words : kEventWords) {
+        if (words.name == name) {
+            name = hasFailed && !words.failed.empty() ? words.failed : words.done;
+            break;
         }
     }
     return fmt::format("{}  {}{}", painted(time, Colour::faint), painted(name, Colour::strong),
-                       fields);
+                       fields.empty() ? "" : " " + fields);
 }
 
 /// The last `count` lines of a text whose lines all end in a line feed.

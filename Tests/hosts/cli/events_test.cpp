@@ -42,7 +42,7 @@ TEST_F(Events, ReadFromAnOffsetOn) {
         parseLines(tavelinDone({"events", "--json", "--since", std::to_string(offset)}));
     EXPECT_EQ(later.front().at("ev"), "module_start");
     const std::string shown = tavelinDone({"events"});
-    EXPECT_NE(shown.find("  check errno=0 mode=quick"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("  checked a volume  errno=0 mode=quick"), std::string::npos) << shown;
     // Beyond its end, as after a rotation, the whole log comes.
     EXPECT_EQ(parseLines(tavelinDone({"events", "--json", "--since", "99999999"})).size(),
               first.size() + later.size() - 1);
@@ -56,10 +56,14 @@ TEST_F(Events, ReadingIsOnlyLoggedWhereItFails) {
     writeFile(directory_ / "cut off", readFile(volume_.image()).substr(0, 100'000));
     EXPECT_EQ(tavelinRun({"ls", directory_ / "cut off"}).status, 1);
     const std::string shown = tavelinDone({"events", "-n", "1"});
-    EXPECT_NE(shown.find("  load "), std::string::npos) << shown;
+    EXPECT_NE(shown.find("  could not open a volume  "), std::string::npos) << shown;
     EXPECT_NE(shown.find(" ok=false"), std::string::npos) << shown;
     EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 1) << shown;
     EXPECT_NE(shown.find("=\""), std::string::npos) << "a value with blanks is quoted: " << shown;
+    // What the log says of errors is an object inside the line.
+    tavelinDone({"mkdir", "-p", volume_.image(), "a"});
+    const std::string ended = tavelinDone({"events", "-n", "2"});
+    EXPECT_NE(ended.find("  closed a volume  errors=\"1 ENOENT\""), std::string::npos) << ended;
 }
 
 TEST_F(Events, FollowShowsWhatComes) {
