@@ -4,6 +4,7 @@
 // Every server serves the same image in memory, freshly formatted for each round; rounds are
 // interleaved and the median of a category over the rounds counts. All of it is done twice: with
 // the processors idling as they like, and with a request to keep them awake, for every server.
+#include "Benchmarks/mount/clients.hpp"
 #include "Benchmarks/mount/conditions.hpp"
 #include "Benchmarks/mount/file_calls.hpp"
 #include "Benchmarks/mount/mounted_server.hpp"
@@ -37,7 +38,7 @@ struct Arguments {
     std::string table, chart; // files to write, besides standard output
     std::vector<std::string> only;
     int rounds = 5;
-    bool quick = false, scale = false;
+    bool quick = false, scale = false, threads = false;
 };
 
 // The directory in memory that holds the image and the mount point, gone at the end.
@@ -111,19 +112,17 @@ void writeTo(const std::string& file, const std::string& text) {
         throw std::runtime_error(fmt::format("cannot write {}", file));
 }
 
-// All rounds of all servers. Whoever ran first runs last in the next round, so that none is always
-// next to the same neighbour.
-Samples measure(const Arguments& arguments, const Workplace& place, const Material& material,
-                const Sizes& sizes, const RequestCounter& requests) {
+// All rounds of all servers, whose costs `run(server)` measures. Whoever ran first runs last in the
+// next round, so that none is always next to the same neighbour.
+template<typename Run>
+Samples measure(const Arguments& arguments, Run&& run) {
     Samples samples;
     std::vector<Server> servers = serversOf(arguments);
     // Round 0 takes the memory that each server puts its files in, and is not counted.
     for (int round = 0; round <= arguments.rounds; ++round) {
         for (const Server& server : servers) {
             fmt::print(stderr, "round {} of {}: {}\n", round, arguments.rounds, server.name);
-            const auto costs = runRound(server, place.store(server), place.mountPoint(), material,
-                                        sizes, requests);
-            for (const auto& [category, measured] : costs)
+            for (const auto& [category, measured] : run(server))
                 if (round > 0)
                     samples[server.name][category].push_back(measured);
         }
@@ -132,20 +131,17 @@ Samples measure(const Arguments& arguments, const Workplace& place, const Materi
     return samples;
 }
 
-int compare(const Arguments& arguments) {
-    const Sizes sizes = arguments.quick ? quickSizes() : Sizes{};
-    const Workplace place(arguments.memory);
-    place.allocateImage(sizes.image, false);
-    const Material material = makeMaterial(place.material(), sizes);
-    const RequestCounter requests;
-    Comparison comparison;
+// Measures with `run`, twice unless it is to be quick, and tells the result.
+template<typename Run>
+int compare(const Arguments& arguments, const RequestCounter& requests, Comparison comparison,
+            Run&& run) {
     comparison.conditions = describeConditions(arguments.tavelin);
     comparison.rounds = arguments.rounds;
     comparison.countsRequests = requests.isAvailable();
-    comparison.idle = measure(arguments, place, material, sizes, requests);
+    comparison.idle = measure(arguments, run);
     if (!arguments.quick) {
         const ProcessorsAwake awake;
-        comparison.awake = measure(arguments, place, material, sizes, requests);
+        comparison.awake = measure(arguments, run);
     }
     const std::vector<Server> servers = serversOf(arguments);
     const std::string report = markdownReport(servers, comparison);
@@ -153,6 +149,31 @@ int compare(const Arguments& arguments) {
     writeTo(arguments.table, report);
     writeTo(arguments.chart, svgChart(servers, comparison));
     return 0;
+}
+
+int compareWorkloads(const Arguments& arguments) {
+    const Sizes sizes = arguments.quick ? quickSizes() : Sizes{};
+    const Workplace place(arguments.memory);
+    place.allocateImage(sizes.image, false);
+    const Material material = makeMaterial(place.material(), sizes);
+    const RequestCounter requests;
+    return compare(arguments, requests, {.categories = categories(), .unit = "milliseconds"},
+                   [&](const Server& server) {
+                       return runRound(server, place.store(server), place.mountPoint(), material,
+                                       sizes, requests);
+                   });
+}
+
+int compareClients(const Arguments& arguments) {
+    const Workplace place(arguments.memory);
+    place.allocateImage(Sizes{}.image, false);
+    const RequestCounter requests;
+    return compare(arguments, requests,
+                   {.categories = clientCategories(), .unit = "milliseconds a thousand operations"},
+                   [&](const Server& server) {
+                       return measureClients(server, place.store(server), place.mountPoint(),
+                                             requests, arguments.quick ? 1 : 3);
+                   });
 }
 
 int scale(const Arguments& arguments) {
@@ -180,10 +201,13 @@ int main(int argc, char** argv) {
     app.add_option("--chart", arguments.chart, "write the bar chart here, as SVG");
     app.add_option("--only", arguments.only, "measure only these servers");
     app.add_flag("--quick", arguments.quick, "small sizes, to see that it works");
+    app.add_flag("--threads", arguments.threads, "with 1, 2 and 4 programs at once");
     app.add_flag("--scale", arguments.scale, "growth with the size of folders and files");
     CLI11_PARSE(app, argc, argv);
     try {
-        return arguments.scale ? scale(arguments) : compare(arguments);
+        if (arguments.scale)
+            return scale(arguments);
+        return arguments.threads ? compareClients(arguments) : compareWorkloads(arguments);
     } catch (const std::exception& failure) {
         fmt::print(stderr, "mount_bench: {}\n", failure.what());
         return 1;

@@ -1,7 +1,5 @@
 #include "Benchmarks/mount/report.hpp"
 
-#include "Benchmarks/mount/workloads.hpp"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -24,8 +22,11 @@ using Value = double Measurement::*;
 // Medians of one value of a finished comparison, and their ratios.
 class Results {
   public:
-    Results(const std::vector<Server>& servers, const Samples& samples, Value value)
-        : servers_(servers), samples_(samples), value_(value) {}
+    Results(const std::vector<Server>& servers, const std::vector<std::string>& categories,
+            const Samples& samples, Value value)
+        : servers_(servers), categories_(categories), samples_(samples), value_(value) {}
+
+    const std::vector<std::string>& categories() const { return categories_; }
 
     double of(const Server& server, const std::string& category) const {
         std::vector<double> values;
@@ -71,6 +72,7 @@ class Results {
 
   private:
     const std::vector<Server>& servers_;
+    const std::vector<std::string>& categories_;
     const Samples& samples_;
     const Value value_;
 };
@@ -100,8 +102,9 @@ constexpr const char* kMethod =
 
 // One row a category, with what each server took and the ratios of the better driver's to ours and
 // the floor's.
-std::string timesTable(const std::vector<Server>& servers, const Results& results) {
-    std::string head = "| milliseconds |", rule = "|---|", rows;
+std::string timesTable(const std::vector<Server>& servers, const std::string& unit,
+                       const Results& results) {
+    std::string head = fmt::format("| {} |", unit), rule = "|---|", rows;
     for (const Server& server : servers) {
         head += fmt::format(" {} |", server.name);
         rule += "---:|";
@@ -118,7 +121,7 @@ std::string timesTable(const std::vector<Server>& servers, const Results& result
         head += " against before |";
         rule += "---:|";
     }
-    for (const std::string& category : categories()) {
+    for (const std::string& category : results.categories()) {
         rows += fmt::format("| {} |", category);
         for (const Server& server : servers)
             rows += fmt::format(" {:.1f} |", results.of(server, category) * 1e3);
@@ -134,7 +137,7 @@ std::string timesTable(const std::vector<Server>& servers, const Results& result
         rows += fmt::format(" {:.1f} |", results.sum(server) * 1e3);
     for (const Server* server : compared)
         rows += fmt::format(" {:.2f}× |", results.meanGain(*server));
-    return head + "\n" + rule + "\n" + rows + "\n";
+    return head + "\n" + rule + "\n" + rows + "\n\n";
 }
 
 std::string requestsTable(const std::vector<Server>& servers, const Results& results) {
@@ -143,7 +146,7 @@ std::string requestsTable(const std::vector<Server>& servers, const Results& res
         head += fmt::format(" {} |", server.name);
         rule += "---:|";
     }
-    for (const std::string& category : categories()) {
+    for (const std::string& category : results.categories()) {
         rows += fmt::format("| {} |", category);
         for (const Server& server : servers)
             rows += fmt::format(" {:.0f} |", results.of(server, category));
@@ -155,30 +158,35 @@ std::string requestsTable(const std::vector<Server>& servers, const Results& res
 } // namespace
 
 std::string markdownReport(const std::vector<Server>& servers, const Comparison& comparison) {
-    const Results wall(servers, comparison.idle, &Measurement::seconds);
-    const Results processor(servers, comparison.idle, &Measurement::processor);
+    const Results wall(servers, comparison.categories, comparison.idle, &Measurement::seconds);
+    const Results processor(servers, comparison.categories, comparison.idle,
+                            &Measurement::processor);
     std::string text = comparison.conditions + "\n" +
                        fmt::format(kMethod, comparison.rounds, kDriverOptions) + "\n## Time\n\n" +
-                       timesTable(servers, wall);
+                       timesTable(servers, comparison.unit, wall);
     if (!comparison.awake.empty())
         text += "## Time, with processors kept out of deep idle states for all servers\n\n" +
-                timesTable(servers, Results(servers, comparison.awake, &Measurement::seconds));
-    text += fmt::format("## The server's processor time\n\n{}", timesTable(servers, processor));
+                timesTable(servers, comparison.unit,
+                           Results(servers, comparison.categories, comparison.awake,
+                                   &Measurement::seconds));
+    text += fmt::format("## The server's processor time\n\n{}",
+                        timesTable(servers, comparison.unit, processor));
     if (const Server* ours = processor.withRole(Role::ours);
         ours != nullptr && std::isfinite(processor.betterSum()))
         text += fmt::format("Over the whole run {} takes {:.2f} of the better driver's.\n\n",
                             ours->name, processor.sum(*ours) / processor.betterSum());
     if (comparison.countsRequests)
         text += "## What the kernel asks\n\n" +
-                requestsTable(servers, Results(servers, comparison.idle, &Measurement::requests));
+                requestsTable(servers, Results(servers, comparison.categories, comparison.idle,
+                                               &Measurement::requests));
     return text;
 }
 
 std::string svgChart(const std::vector<Server>& servers, const Comparison& comparison) {
-    const Results results(servers, comparison.idle, &Measurement::seconds);
+    const Results results(servers, comparison.categories, comparison.idle, &Measurement::seconds);
     const Server* ours = results.withRole(Role::ours);
     const Server* floor = results.withRole(Role::floor);
-    const int height = kTop + kRow * static_cast<int>(categories().size()) + kFoot + 4;
+    const int height = kTop + kRow * static_cast<int>(results.categories().size()) + kFoot + 4;
     std::string chart = fmt::format(
         "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 {0} {1}\" width=\"{0}\" "
         "height=\"{1}\" font-family=\"sans-serif\" font-size=\"12\">\n"
@@ -201,7 +209,7 @@ std::string svgChart(const std::vector<Server>& servers, const Comparison& compa
                              across(mark), kTop, height - kFoot, mark == 1.0 ? 1.0 : 0.25,
                              height - kFoot + 14, mark);
     int top = kTop;
-    for (const std::string& category : categories()) {
+    for (const std::string& category : results.categories()) {
         chart += fmt::format("<text x=\"{}\" y=\"{}\" text-anchor=\"end\">{}</text>\n", kLabels - 8,
                              top + 17, category);
         if (ours != nullptr)

@@ -10,9 +10,11 @@
 namespace tavelin::bench {
 
 struct Comparison {
-    Samples idle;           // with processors that idle as they like
-    Samples awake;          // with processors kept awake for all servers; empty: not measured
-    std::string conditions; // see describeConditions()
+    std::vector<std::string> categories; // in the order of the table
+    std::string unit;         // of the times that the tables show, which are 1/1000 of the samples'
+    Samples idle{};           // with processors that idle as they like
+    Samples awake{};          // with processors kept awake for all servers; empty: not measured
+    std::string conditions{}; // see describeConditions()
     int rounds = 0;
     bool countsRequests = false;
 };
