@@ -20,9 +20,10 @@ class Interruption final : public Failure {
 };
 
 /// From now on SIGINT, SIGTERM and SIGHUP only make throwIfInterrupted() throw, and writing to a
-/// closed pipe is an error instead of a signal. A second signal of a kind ends the process. One that
-/// is ignored stays so: nohup(1) asks for that. Changes the process's signal actions for good. Commands that only read and take long call it
-/// themselves, so that they can remove half-written files on the host.
+/// closed pipe is an error instead of a signal. A second signal of a kind ends the process. One
+/// that is ignored stays so: nohup(1) asks for that. Changes the process's signal actions for good.
+/// Commands that only read and take long call it themselves, so that they can remove half-written
+/// files on the host.
 void takeInterruptions();
 
 /// Throws Interruption once one of these signals has arrived. Long work calls it between steps, so

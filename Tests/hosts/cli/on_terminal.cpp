@@ -38,7 +38,7 @@ std::string onTerminal(std::vector<std::string> words, const char* noColour, con
     // A terminal whose last user is gone answers an error rather than an end.
     for (ssize_t count; (count = read(terminal, piece, sizeof piece)) > 0;) {
         received.append(piece, static_cast<std::size_t>(count));
-        // What is left behind a match may hold the next one. Nothing more comes until it is answered.
+        // What is left behind a match may hold the next one.
         for (std::size_t at = 0;
              next != dialogue.end() && (at = received.find(next->first, seen)) != std::string::npos;
              ++next) {

@@ -24,8 +24,8 @@ class LineEditor {
     LineEditor(const LineEditor&) = delete;
     LineEditor& operator=(const LineEditor&) = delete;
 
-    /// The next line; absent at the end of the input. Ctrl-C gives up what is typed and begins anew.
-    /// Throws Interruption for any other signal that arrives meanwhile.
+    /// The next line; absent at the end of the input. Ctrl-C gives up what is typed and begins
+    /// anew. Throws Interruption for any other signal that arrives meanwhile.
     [[nodiscard]] std::optional<std::string> read(const std::string& prompt);
 
   private:
