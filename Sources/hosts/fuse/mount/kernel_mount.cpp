@@ -122,7 +122,7 @@ std::vector<FileDescriptor> KernelMount::make(bool readOnly) {
     }
     std::string program = "tavelin", dashO = "-o", options = mountOptions(request_, path, readOnly);
     char* words[] = {program.data(), dashO.data(), options.data(), nullptr};
-    fuse_args arguments = FUSE_ARGS_INIT(3, words);
+    Arguments arguments(words);
     const fuse_lowlevel_ops nothing{};
     const Session session(fuse_session_new(&arguments, &nothing, sizeof nothing, nullptr));
     if (!session || fuse_session_mount(session.get(), request_.directory.c_str()) != 0) {

@@ -119,7 +119,7 @@ class Mount {
     void makeSession() {
         std::string program = "tavelin";
         char* words[] = {program.data(), nullptr};
-        fuse_args arguments = FUSE_ARGS_INIT(1, words);
+        Arguments arguments(words);
         session_.reset(
             fuse_session_new(&arguments, &requestTable(), sizeof(fuse_lowlevel_ops), &context_));
         if (!session_) {
