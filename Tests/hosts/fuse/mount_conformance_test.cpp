@@ -103,6 +103,8 @@ const Operation kMakingOperations[] = {
      [](auto& at) { return opened(at.directory + "/" + repeated("\u00e4", 128), O_CREAT); }},
     {"open", "name that is no text",
      [](auto& at) { return opened(at.directory + "/\xff", O_CREAT); }},
+    {"open", "longest name that is no text",
+     [](auto& at) { return opened(at.directory + "/" + std::string(255, '\xf4'), O_CREAT); }},
     {"open", "without a name", [](auto& at) { return opened(at.directory, O_TMPFILE | O_RDWR); }},
     {"mkdir", "new", [](auto& at) { return made(::mkdir(at.fresh().c_str(), 01735)); }},
     {"mknod", "file",
@@ -418,7 +420,7 @@ const struct {
     const char* reason;
 } kDifferences[] = {
     {"open name of 128 characters: *", "255 UTF-16 units are a name, not 255 bytes"},
-    {"open name that is no text: *", "names are kept in UTF-16, and have to be UTF-8"},
+    {"open @(name|longest name) that is no text: *", "names are kept in UTF-16, and have to be UTF-8"},
     {"open without a name: nothing, " MAY_MAKE, "libfuse 3.14 does not pass O_TMPFILE on"},
     {"symlink to 2044 characters: nothing, " MAY_MAKE,
      "that is one more than other drivers take for a link"},
