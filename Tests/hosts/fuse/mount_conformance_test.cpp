@@ -420,7 +420,8 @@ const struct {
     const char* reason;
 } kDifferences[] = {
     {"open name of 128 characters: *", "255 UTF-16 units are a name, not 255 bytes"},
-    {"open @(name|longest name) that is no text: *", "names are kept in UTF-16, and have to be UTF-8"},
+    {"open @(name|longest name) that is no text: *",
+     "names are kept in UTF-16, and have to be UTF-8"},
     {"open without a name: nothing, " MAY_MAKE, "libfuse 3.14 does not pass O_TMPFILE on"},
     {"symlink to 2044 characters: nothing, " MAY_MAKE,
      "that is one more than other drivers take for a link"},
