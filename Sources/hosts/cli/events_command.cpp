@@ -66,8 +66,12 @@ std::string quoted(const std::string& value) {
 /// How often requests were answered with which errors, such as "610 ENOENT"; absent for a
 /// text that says nothing of the kind, or more than that.
 std::optional<std::string> errorsInWords(const std::string& value) {
+    const auto members = jsonMembers(value);
+    if (!members) {
+        return std::nullopt;
+    }
     std::string counts;
-    for (const auto& [key, member] : jsonMembers(value).value_or(JSONMembers())) {
+    for (const auto& [key, member] : *members) {
         if (key == "counts") {
             for (const auto& [code, count] : jsonMembers(member).value_or(JSONMembers())) {
                 std::int32_t number = 0;
@@ -82,7 +86,7 @@ std::optional<std::string> errorsInWords(const std::string& value) {
             return std::nullopt;
         }
     }
-    return counts.empty() ? std::nullopt : std::optional(counts);
+    return counts.empty() ? "none" : counts;
 }
 
 /// Formats an event as "2026-11-15T18:20:33Z  opened a volume  bsd=disk.img ok=true …". A line that

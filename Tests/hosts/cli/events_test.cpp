@@ -64,6 +64,8 @@ TEST_F(Events, ReadingIsOnlyLoggedWhereItFails) {
     tavelinDone({"mkdir", "-p", volume_.image(), "a"});
     const std::string ended = tavelinDone({"events", "-n", "2"});
     EXPECT_NE(ended.find("  closed a volume  errors=\"1 ENOENT\""), std::string::npos) << ended;
+    tavelinDone({"label", volume_.image(), "new"});
+    EXPECT_NE(tavelinDone({"events"}).find(" errors=none "), std::string::npos);
 }
 
 TEST_F(Events, FollowShowsWhatComes) {
