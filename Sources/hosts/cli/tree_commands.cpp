@@ -74,14 +74,17 @@ void runFind(const TreeCommand& command) {
         throw Failure("--type takes f (files), d (directories) or l (links)",
                       ExitStatus::wrongUsage);
     }
+    ItemCount count(command.json);
     const TreeVisitor visitor{
         .visit =
             [&](const TreeItem& item) {
+                count.add();
                 const bool matches =
                     command.paths.empty() ||
                     std::any_of(command.paths.begin(), command.paths.end(),
                                 [&](const auto& glob) { return matchesPath(glob, item.path); });
                 if (matches && isOfType(command, item.entry.type)) {
+                    count.clear();
                     if (command.json) {
                         addItem(itemObject(rooted(item.path), item.attributes, std::nullopt));
                     } else {

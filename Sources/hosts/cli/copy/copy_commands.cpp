@@ -7,6 +7,7 @@
 #include "hosts/cli/named_stream.hpp"
 #include "hosts/cli/report.hpp"
 #include "hosts/cli/text.hpp"
+#include "hosts/cli/tree_visit.hpp"
 #include "platform/assert.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -17,6 +18,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 
 namespace tavelin::cli {
 namespace {
@@ -158,26 +160,53 @@ void getOne(VolumeClient& volume, TreeGetter& getter, const std::string& path,
     getter.get(found, path, place.directory.get(), name);
 }
 
-/// Bytes to be copied from a path of the volume, for the progress bar. Unreadable items count as 0.
-std::uint64_t bytesOnVolume(VolumeClient& volume, const std::string& path) {
-    const auto found = resolve(volume, path, LastLink::keep);
-    if (!found) {
-        return 0;
+/// Bytes of the files below paths of the volume, for the progress bar. What cannot be read counts
+/// as 0: copying reports the error.
+class BytesOnVolume {
+  public:
+    explicit BytesOnVolume(VolumeClient& volume) : volume_(volume) {}
+
+    std::uint64_t of(const std::string& path) {
+        const auto found = resolve(volume_, path, LastLink::keep);
+        if (!found) {
+            return 0;
+        }
+        if (found->attributes.type() != FSItemType::directory) {
+            return found->attributes.size();
+        }
+        sum_ = 0;
+        entered_.clear();
+        addBelow(*found, 0);
+        return sum_;
     }
-    if (found->attributes.type() != FSItemType::directory) {
-        return found->attributes.size();
+
+  private:
+    void addBelow(const Found& directory, int depth) {
+        // A damaged volume may have directories that contain themselves.
+        if (depth >= kTreeDepthMax || !entered_.insert(directory.attributes.fileID()).second) {
+            return;
+        }
+        try {
+            forEachEntry(volume_, directory.item, "", [&](const DirectoryEntry& entry) {
+                count_.add();
+                if (entry.type == FSItemType::directory) {
+                    if (const auto below = volume_.lookup(directory.item, entry.name)) {
+                        addBelow(*below, depth + 1);
+                    }
+                } else if (entry.type == FSItemType::file && entry.attributes) {
+                    sum_ += entry.attributes->size();
+                }
+            });
+        } catch (const ItemFailure&) { // copying reports it
+            return;
+        }
     }
-    std::uint64_t sum = 0;
-    ItemCount count;
-    const auto walked = walk(volume, found->item, [&](const auto&, const DirectoryEntry& entry) {
-        throwIfInterrupted();
-        count.add();
-        sum += entry.attributes && entry.type == FSItemType::file ? entry.attributes->size() : 0;
-        return true;
-    });
-    static_cast<void>(walked); // copying reports the error
-    return sum;
-}
+
+    VolumeClient& volume_;
+    ItemCount count_;
+    std::set<fskit::FSItemID> entered_;
+    std::uint64_t sum_ = 0;
+};
 
 void runGet(const CopyCommand& command) {
     // Reading alone would not ask for this, but half-written files on the host must be removed.
@@ -188,8 +217,9 @@ void runGet(const CopyCommand& command) {
         CopyRun run(settings(command));
         TreeGetter getter(session.volume(), run);
         if (run.bar.isShown()) {
+            BytesOnVolume bytes(session.volume());
             for (const std::string& path : paths.sources) {
-                run.bar.expect(bytesOnVolume(session.volume(), path));
+                run.bar.expect(bytes.of(path));
             }
         }
         for (const std::string& path : paths.sources) {
