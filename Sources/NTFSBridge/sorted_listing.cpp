@@ -40,6 +40,16 @@ class index_name {
     size_t length_ = 0;
 };
 
+// The value of an attribute; empty where it does not lie inside its record's attribute.
+byte_span value_of(const ATTR_RECORD* attribute) noexcept {
+    const size_t offset = le16_to_cpu(attribute->value_offset);
+    const size_t size = le32_to_cpu(attribute->value_length);
+    if (attribute->non_resident != 0 || offset + size > le32_to_cpu(attribute->length)) {
+        return {};
+    }
+    return {reinterpret_cast<const uint8_t*>(attribute) + offset, size};
+}
+
 // One entry of a node. What it says lies inside its bytes.
 struct index_entry {
     byte_span whole;
@@ -113,13 +123,10 @@ class sorted_listing {
         if (!search.find(AT_INDEX_ROOT, NTFS_INDEX_I30, 4)) {
             return errno == ENOENT ? EIO : err_or(EIO); // a directory has one
         }
-        const ATTR_RECORD* const found = search.found();
-        const size_t size = le32_to_cpu(found->value_length);
-        if (found->non_resident != 0 || size < root_header + node_header) {
+        const byte_span root = value_of(search.found());
+        if (root.size() < root_header + node_header) {
             return EIO;
         }
-        const byte_span root(
-            reinterpret_cast<const uint8_t*>(found) + le16_to_cpu(found->value_offset), size);
         block_size_ = u32_at(root.data(), 8);
         if (!std::has_single_bit(block_size_) || block_size_ < NTFS_BLOCK_SIZE ||
             block_size_ > block_size_max) {
@@ -274,9 +281,13 @@ int32_t ntb_short_name(ntb_vol* vol, uint64_t directory, const char* name, char*
     bool is_its_name = false;
     attribute_search search(inode.get());
     while (search.find(AT_FILE_NAME, AT_UNNAMED)) {
-        const ATTR_RECORD* const record = search.found();
-        const auto* const key =
-            reinterpret_cast<const uint8_t*>(record) + le16_to_cpu(record->value_offset);
+        const byte_span value = value_of(search.found());
+        const uint8_t* const key = value.data();
+        constexpr size_t header = index_entry::key_header;
+        if (value.size() < header ||
+            value.size() < header + key[offsetof(FILE_NAME_ATTR, file_name_length)] * 2u) {
+            return EIO;
+        }
         if (MREF(u64_at(key, 0)) != parent) {
             continue;
         }
