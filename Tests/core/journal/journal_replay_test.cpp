@@ -342,7 +342,8 @@ TEST(Replay, GetsByWithoutASectorOfTheLog) {
 
 // A sector of $LogFile that can be read and not written, met by a record or by the journal's end.
 TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
-    for (const std::uint64_t offset : {kRecords, kRecords + kPage, kRecords + 20 * kPage}) {
+    for (const std::uint64_t offset :
+         {kRecords, kRecords + kSector, kRecords + kPage, kRecords + 20 * kPage}) {
         for (const bool isMetAtTheEnd : {false, true}) {
             SCOPED_TRACE(fmt::format("{}, at the end {}", offset, isMetAtTheEnd));
             const ReplacedServices services;
@@ -372,12 +373,17 @@ TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
             }
             EXPECT_EQ(device->absence(), JournalAbsence::unreadable);
             EXPECT_FALSE(isDirty(disk));
+            create(*ntfs, "later");
+            EXPECT_TRUE(isDirty(disk));
+            const auto cut = std::make_shared<Disk>(disk->image);
+            EXPECT_EQ(JournaledDevice(cut).replay(false), 0);
+            EXPECT_TRUE(isDirty(cut)) << "what is left of the log tells of no later change";
             ntfs->unmount();
             EXPECT_EQ(device->close(), 0);
             const auto next = std::make_shared<JournaledDevice>(disk);
             const auto again = opened(next);
             EXPECT_EQ(next->recovered(), 0u);
-            EXPECT_EQ(again->list(NTFSVolume::kRootIno).size(), 12u);
+            EXPECT_EQ(again->list(NTFSVolume::kRootIno).size(), 13u);
             create(*again, "one more");
             again->unmount();
             disk->unwritable.clear();
