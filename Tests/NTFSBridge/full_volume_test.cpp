@@ -153,6 +153,9 @@ TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     ntb_statfs_get(volume, &after);
     EXPECT_EQ(after.freeClusters, before.freeClusters);
     EXPECT_EQ(after.freeFiles, before.freeFiles);
+    const uint64_t available = after.freeClusters * after.clusterSize;
+    EXPECT_EQ(volume.setStream(file, "all but the reserve", patternText(available - (32 << 10))),
+              ENOSPC);
     EXPECT_EQ(volume.write(file, "after!"), 0);
     EXPECT_EQ(volume.read(file), "after!");
 
