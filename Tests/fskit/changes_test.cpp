@@ -54,7 +54,19 @@ TEST_F(Changes, WhatCannotBeKeptIsRefusedBeforeAnythingIsApplied) {
         EXPECT_EQ(change.consumedAttributes, 0u);
         EXPECT_EQ(ask.attributes(file)->size(), 0u);
     }
-    EXPECT_TRUE(volume().supportedVolumeCapabilities().doesNotSupportImmutableFiles);
+    const auto capabilities = volume().supportedVolumeCapabilities();
+    EXPECT_TRUE(capabilities.doesNotSupportImmutableFiles);
+    EXPECT_EQ(volume().createLink(file, fskit::FSFileName("second"), root) ? 0 : kENOTSUP,
+              capabilities.supportsHardLinks ? 0 : kENOTSUP);
+    const std::uint32_t mode = ask.attributes(file)->mode();
+    FSItemSetAttributesRequest owned;
+    owned.setMode(mode ^ 0111);
+    EXPECT_EQ(ask.setAttributes(file, owned).code(), 0);
+    EXPECT_EQ(ask.attributes(file)->mode() == mode,
+              capabilities.doesNotSupportSettingFilePermissions);
+    const auto longest = static_cast<std::size_t>(volume().maximumNameLength());
+    EXPECT_EQ(ask.create(root, std::string(longest, 'n')).code(), 0);
+    EXPECT_EQ(ask.create(root, std::string(longest + 1, 'n')).code(), kENAMETOOLONG);
     FSItemSetAttributesRequest archived;
     archived.setFlags(0x10000); // of no meaning here, and harmless
     EXPECT_EQ(ask.setAttributes(file, archived).code(), 0);
@@ -122,6 +134,9 @@ TEST_F(Changes, TheLastCloseWritesBackWhatWasChanged) {
     EXPECT_EQ(ask.rename(file, root, "file", root, "renamed").code(), 0);
     ask.close(file);
     EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u) << "it was renamed";
+    EXPECT_EQ(*ask.write(file, 0, "changed"), 7u);
+    ask.close(file);
+    EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u) << "it was written again";
 }
 
 TEST_F(Changes, ReservedSpaceGoesWithTheLastCloseUnlessItPersists) {

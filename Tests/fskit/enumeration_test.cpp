@@ -74,6 +74,7 @@ TEST_F(Enumeration, AListingGoesOnWhereItWas) {
     const Item directory = *ask.create(root, "folder", Type::directory);
     const std::string end = ">" + std::to_string(INT64_MAX);
     EXPECT_EQ(list(directory, 0), (Names{".>1", ".." + end}));
+    EXPECT_NE(verifier, fskit::FSDirectoryVerifierInitial);
     for (const char* name : {"a", "b", "c", "d"}) {
         EXPECT_EQ(ask.create(directory, name).code(), 0);
     }

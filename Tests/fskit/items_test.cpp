@@ -263,8 +263,11 @@ TEST_F(Items, ChangesAnswerWhatTheyLeave) {
     EXPECT_TRUE(isNow(root, renamed.destinationDirectoryAttributes));
     EXPECT_EQ(renamed.overItemAttributes->fileID(), inodeOf(over));
     EXPECT_EQ(renamed.overItemAttributes->linkCount(), 0u);
-    renamed = v.renameItem(made.newItem, root, named("b"), named("c"), directory, nullptr).get();
-    EXPECT_FALSE(renamed.overItemAttributes);
+    for (const Item& from : {Item(root), directory}) { // then to where it is already
+        const auto old = named(from == root ? "b" : "c");
+        renamed = v.renameItem(made.newItem, from, old, named("c"), directory, nullptr).get();
+        EXPECT_FALSE(renamed.overItemAttributes);
+    }
 
     auto removed = v.removeItem(made.newItem, named("second"), root).get();
     EXPECT_EQ(removed.itemAttributes.linkCount(), 1u) << "it has another name";
@@ -332,6 +335,7 @@ TEST_F(Items, ExtendedAttributesMayBeSetWithoutAValueOrAPolicyThatIsKnown) {
     const Item file = *ask.create(root, "file");
     EXPECT_EQ(ask.setXattr(file, "note", "3", static_cast<Policy>(9)), 0);
     EXPECT_EQ(textOf(*ask.xattr(file, "note")), "3");
+    EXPECT_EQ(ask.setXattr(file, "note", "4", Policy::mustCreate), kEEXIST);
     EXPECT_EQ(ask.setXattr(file, "note", {}), 0);
     EXPECT_EQ((*ask.xattr(file, "note")).size(), 0u);
     EXPECT_EQ((*ask.xattrs(file)), std::vector{fskit::FSFileName("note")});

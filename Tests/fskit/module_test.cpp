@@ -238,6 +238,7 @@ TEST_F(Module, DeactivationClosesVolumeAndJournal) {
     start();
     EXPECT_EQ(requests().create(root, "file").code(), 0);
     requests().unmount();
+    EXPECT_EQ(volume().ioStatistics().get().dirtyPages, 0u);
     EXPECT_EQ(requests().deactivate(), 0);
     const std::string closed = disk->bytes;
     const auto writes = disk->count(MemoryResource::Call::write);
@@ -273,6 +274,7 @@ TEST_F(Module, AProbeAfterAPowerCutNamesTheVolumeAsALoadDoes) {
         disk->bytes = original;
         start();
         EXPECT_EQ(requests().setName("After"), 0);
+        EXPECT_EQ(volume().name().data(), "After");
         std::atomic<int> left = writes;
         disk->hook = [&](MemoryResource::Call call, auto, std::size_t length) {
             return call == MemoryResource::Call::write && left-- <= 0
@@ -298,10 +300,11 @@ TEST_F(Module, AProbeAfterAPowerCutNamesTheVolumeAsALoadDoes) {
 TEST_F(Module, AFailedUnloadReportsAndForgets) {
     start();
     EXPECT_EQ(requests().create(root, "file").code(), 0);
-    disk->hook = [](MemoryResource::Call call, auto, std::size_t length) {
+    const auto failing = [](MemoryResource::Call call, auto, std::size_t length) {
         return call == MemoryResource::Call::write ? throw fskit::fs_errorForPOSIXError(kENXIO)
                                                    : length;
     };
+    disk->hook = failing;
     static_cast<void>(takeLog());
     EXPECT_EQ(requests().synchronize(fskit::FSSyncFlags::noWait), 0);
     EXPECT_EQ(requests().synchronize(), kENXIO);
@@ -319,6 +322,13 @@ TEST_F(Module, AFailedUnloadReportsAndForgets) {
     EXPECT_EQ(event.find("unloadResource"), std::string::npos) << "it is reported before it counts";
     EXPECT_EQ(module.volume, nullptr);
     EXPECT_EQ(unload(), 0);
+
+    disk->hook = nullptr;
+    start();
+    EXPECT_EQ(requests().create(root, "other").code(), 0);
+    EXPECT_EQ(requests().synchronize(), 0);
+    disk->hook = failing;
+    EXPECT_EQ(unload(), kENXIO) << "the journal does not end";
 }
 
 class Check : public Module {
