@@ -28,7 +28,7 @@ class Disk final : public BlockDevice {
     explicit Disk(Bytes content) : image(std::move(content)) {}
 
     std::uint64_t size() const noexcept override { return image.size(); }
-    std::uint32_t blockSize() const noexcept override { return kSector; }
+    std::uint32_t blockSize() const noexcept override { return blockBytes; }
     std::int32_t read(std::byte* to, std::uint64_t offset, std::uint64_t length) noexcept override {
         std::memcpy(to, &image.at(offset), length);
         const bool isLost = lost.lower_bound(offset / kSector) != lost.end() &&
@@ -68,6 +68,7 @@ class Disk final : public BlockDevice {
     Backlog backlog() const noexcept override { return {0, room}; }
 
     Bytes image;
+    std::uint32_t blockBytes = kSector;
     std::vector<DiskEvent> events;
     std::uint64_t room = 0;
     std::uint64_t callsToFailure = 0; // 1: the next call fails, once; 0: none

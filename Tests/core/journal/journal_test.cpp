@@ -238,6 +238,11 @@ TEST(Journal, TakesTheLongestRecordAgainAndAgain) {
         EXPECT_EQ(device->sync(), 0) << round;
         EXPECT_EQ(valueAt(disk->image, (volume().work + pages - 1) * kPage), round);
     }
+    disk->events.clear();
+    writePages(*device, 4, 0, pages);
+    EXPECT_TRUE(disk->events.empty());
+    writePages(*device, 4, pages, 1);
+    EXPECT_FALSE(disk->events.empty()) << "more than a record can carry";
 }
 
 // The disk may have dropped it, so no record may make it reachable.
@@ -491,6 +496,12 @@ TEST(Journal, IsFoundThroughTheMirrorOfATornRecord) {
 // Clusters of 64 KiB on sectors of 512 bytes: the one size whose factor, 128, has the sign bit.
 TEST(Journal, IsThereForTheLargestClustersOfOldVolumes) {
     EXPECT_TRUE(hasJournal(formatted({.bytes = 64u << 20, .clusterSize = 64u << 10})));
+}
+
+TEST(Journal, IsNotThereWhereAHeaderCannotBeWrittenAlone) {
+    const auto disk = std::make_shared<Disk>(volume().image);
+    disk->blockBytes = 2 * kPage;
+    EXPECT_FALSE(hasJournal(disk));
 }
 
 } // namespace
