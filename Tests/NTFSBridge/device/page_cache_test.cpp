@@ -1,4 +1,5 @@
 #include "NTFSBridge/device/devctx.hpp"
+#include "NTFSBridge/device/free_watch.hpp"
 #include "NTFSBridge/device/page_cache.hpp"
 #include "support/memory_io.hpp"
 
@@ -256,6 +257,21 @@ TEST(PageCache, CountsAndFetchesRunsOfMissingPages) {
               (Calls{{Kind::kRead, 19 * kPage, kPage}, {Kind::kRead, 21 * kPage, kPage}}));
     EXPECT_EQ(device.stats.cacheMisses, 9u);
     EXPECT_EQ(device.stats.dirtyPages, 3u);
+}
+
+TEST(FreeWatch, SeesEveryBitThatIsCleared) {
+    for (const size_t at : {0, 9, 18}) { // in words, and in what is left behind them
+        ntb::free_watch bitmap;
+        bitmap.watch({{.offset = 100, .length = 19}});
+        const std::vector<uint8_t> before(19, 0x0f);
+        std::vector<uint8_t> after = before;
+        after[at] = 0xff;
+        bitmap.see_change(100, before.data(), after.data(), after.size());
+        EXPECT_FALSE(bitmap.has_seen());
+        after[at] = 0x07;
+        bitmap.see_change(100, before.data(), after.data(), after.size());
+        EXPECT_TRUE(bitmap.has_seen()) << at;
+    }
 }
 
 // Random reads, writes, flushes and device failures against a plain byte array.
