@@ -246,8 +246,8 @@ std::int32_t Journal::makeInvalid() noexcept {
     // Blanks every page that takes a write. One blank page invalidates the record that it belongs
     // to and all records behind it.
     log_.makeBlankWherePossible(kBegin, log_.size());
-    // A bad sector elsewhere in its page leaves the header, which by itself has the next mount clear
-    // the volume's flag.
+    // A bad sector elsewhere in its page leaves the header, which by itself has the next mount
+    // clear the volume's flag.
     static_cast<void>(log_.makeBlank(kBegin, kBegin + headerBlock()));
     // The sync may fail for the page that cannot be written. The result is decided by reading the
     // file again.
