@@ -306,7 +306,7 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
         }
         fresh->journal = journaled;
         volume = fresh;
-        loads_ = 1;
+        ++loads_;
         containerStatus = fskit::FSContainerStatus::ready();
         load.reportSuccess(*ntfs, fellBack);
         return fresh;
@@ -316,10 +316,9 @@ TavelinFileSystem::loaded(const std::shared_ptr<fskit::FSBlockDeviceResource>& d
     }
 }
 
-bool TavelinFileSystem::isInUse() const {
-    const bool isActive = volume != nullptr && volume->isActive();
-    const auto device = isActive ? volume->device.lock() : nullptr;
-    return device != nullptr && !device->resource->isRevoked();
+std::shared_ptr<ResourceDevice> TavelinFileSystem::openDevice() const {
+    const auto device = volume && volume->ntfs->isMounted() ? volume->device.lock() : nullptr;
+    return device && !device->resource->isRevoked() ? device : nullptr;
 }
 
 std::shared_ptr<TavelinVolume>
@@ -336,8 +335,10 @@ TavelinFileSystem::loadedAgain(const fskit::FSBlockDeviceResource& disk,
     return volume;
 }
 
-void TavelinFileSystem::closeForgotten() {
-    loads_ = 0;
+void TavelinFileSystem::closeForgotten(const fskit::FSBlockDeviceResource& disk) {
+    const std::shared_ptr<ResourceDevice> device = openDevice();
+    const bool isSame = device && device->resource->BSDName() == disk.BSDName();
+    loads_ = isSame ? loads_ : 0;
     const std::shared_ptr<TavelinVolume> forgotten = std::exchange(volume, nullptr);
     if (!forgotten) {
         return;
@@ -362,7 +363,7 @@ TavelinFileSystem::loadResource(const fskit::FSResourceRef& resource,
         if (isInUse()) {
             return loadedAgain(*disk, options);
         }
-        closeForgotten();
+        closeForgotten(*disk);
         return loaded(disk, options);
     });
 }

@@ -25,7 +25,8 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     TavelinFileSystem() : TavelinFileSystem(NameRules()) {}
     explicit TavelinFileSystem(const NameRules& defaults);
 
-    /// The loaded volume; null before the first load and after every unload.
+    /// The loaded volume; null when none is: before the first load, after one that failed, and
+    /// after the last unload.
     std::shared_ptr<TavelinVolume> volume;
     /// Why the last load may only read although it was to write: a sentence for the user about what
     /// the check of a doubtful volume found; empty otherwise.
@@ -52,8 +53,8 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     loadResource(const fskit::FSResourceRef& resource,
                  const fskit::FSTaskOptions& options) override;
     /// Closes the volume, unless it was closed with its deactivation, and forgets it, whatever the
-    /// result. An active volume that was loaded several times is synchronised, and stays until the
-    /// last of as many unloads.
+    /// result. An active volume whose device was loaded several times is synchronised, and stays
+    /// until the last of as many unloads.
     Outcome<void> unloadResource(const fskit::FSResourceRef& resource,
                                  const fskit::FSTaskOptions& options) override;
 
@@ -77,12 +78,17 @@ class TavelinFileSystem final : public fskit::FSUnaryFileSystem {
     std::shared_ptr<TavelinVolume> loadedAgain(const fskit::FSBlockDeviceResource& disk,
                                                const fskit::FSTaskOptions& options);
     /// Whether programs use the volume, and its disk is still there.
-    [[nodiscard]] bool isInUse() const;
-    /// Closes what an earlier load left open. A failure is logged: the new load shall go on, and
-    /// finds on the device what could be written.
-    void closeForgotten();
+    [[nodiscard]] bool isInUse() const {
+        return volume && volume->isActive() && openDevice() != nullptr;
+    }
+    /// The device of the volume while that is open; null without one, or when its disk is gone.
+    [[nodiscard]] std::shared_ptr<ResourceDevice> openDevice() const;
+    /// Closes what an earlier load left open. A failure is logged: the new load, of `disk`, shall
+    /// go on, and finds on the device what could be written.
+    void closeForgotten(const fskit::FSBlockDeviceResource& disk);
 
-    /// How many loads have answered `volume` and were not ended by an unload.
+    /// How many loads of the device were not ended by an unload. Those of an open volume that
+    /// another load has closed count on: their unloads are still to come.
     std::size_t loads_ = 0;
 };
 

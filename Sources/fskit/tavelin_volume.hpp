@@ -75,7 +75,7 @@ class TavelinVolume final : public fskit::FSVolume,
     /// Writes everything back, unmounts, and ends the journal: the device is then as any other
     /// system expects it. Requests answer kENXIO from then on, and further calls do nothing. Throws
     /// the first failure, with the volume closed all the same.
-    void close();
+    void close() TAVELIN_EXCLUDES(items);
     /// Whether programs may use the volume, from its activation to its deactivation or its end.
     [[nodiscard]] bool isActive() const { return isActivated_ && ntfs->isMounted(); }
     /// Whether changes are refused: by the load, or by a mount that asked for it at activation.
@@ -96,8 +96,8 @@ class TavelinVolume final : public fskit::FSVolume,
     /// How many listings are kept for readers.
     [[nodiscard]] std::size_t keptListings() const TAVELIN_EXCLUDES(items);
 
-    /// Applies what is valid in the request and not consumed yet, in a fixed order (size, times,
-    /// flags, then mode, owner and group, which are ignored where they are not kept), and marks
+    /// Applies what is valid in the request, in a fixed order (size, times, flags, then what is not
+    /// consumed yet of mode, owner and group, which are ignored where they are not kept), and marks
     /// each as consumed once it is. Throws the first failure; what was applied before it stays.
     void apply(fskit::FSItemSetAttributesRequest& request, const NItem& item);
 
@@ -127,8 +127,8 @@ class TavelinVolume final : public fskit::FSVolume,
         return readOnly() ? fskit::FSMountOptionsReadOnly : 0;
     }
 
-    /// The options about names change what the load has set, "ro" and "rdonly" refuse changes from
-    /// now on, which nothing takes back. kENXIO once the volume is closed.
+    /// Takes options, unless it is active already: those about names change what the load has set,
+    /// "ro" and "rdonly" refuse changes for good. kENXIO once the volume is closed.
     Outcome<fskit::FSItemRef> activate(const fskit::FSTaskOptions& options) override;
     /// Nothing is left to do once the volume is active; the options were taken at activation.
     Outcome<void> mount(const fskit::FSTaskOptions& options) override;

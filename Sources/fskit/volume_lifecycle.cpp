@@ -119,7 +119,9 @@ Outcome<fskit::FSItemRef> TavelinVolume::activate(const fskit::FSTaskOptions& op
         // Passing through the lock waits for device I/O that is in flight.
         bool hasDevice = false;
         ntfs->withDeviceLock([&] { hasDevice = !device.expired(); });
-        const Driver2::MountOptions asked(options.taskOptions);
+        // Programs use an active volume by the options that it has.
+        const auto asked =
+            isActivated_ ? Driver2::MountOptions() : Driver2::MountOptions(options.taskOptions);
         if (asked.windowsNames) {
             ntfs->setWindowsNames(*asked.windowsNames);
         }

@@ -182,7 +182,11 @@ TEST_F(Module, ASecondLoadFindsAllThatWasWrittenThroughTheFirst) {
     EXPECT_EQ(requests().create(root, "later").code(), 0);
     EXPECT_EQ(Requests(*first).lookup(oldRoot, "file 0").code(), kENXIO);
     EXPECT_EQ(Requests(*first).deactivate(), 0) << "closed already";
+    EXPECT_EQ(unload(), 0) << "of the first load";
+    ASSERT_NE(module.volume, nullptr);
+    EXPECT_EQ(requests().lookup(root, "later").code(), 0);
     EXPECT_EQ(unload(), 0);
+    EXPECT_EQ(module.volume, nullptr);
     save();
     EXPECT_EQ(sample.list("/").size(), 51u);
 }
@@ -228,7 +232,8 @@ TEST_F(Module, ASecondLoadLeavesAnActiveVolumeInUse) {
     own->isGone = true;
     ASSERT_EQ(codeOf(module.loadResource(other, {})), 0) << "nobody can use the first any more";
     EXPECT_NE(module.volume, first);
-    EXPECT_EQ(requests().lookup(volume().root(), "file").code(), 0) << "synchronised by the unload";
+    root = *requests().activate();
+    EXPECT_EQ(requests().lookup(root, "file").code(), 0) << "synchronised by the unload";
     disk = other;
     EXPECT_EQ(unload(), 0);
     EXPECT_EQ(module.volume, nullptr);
@@ -255,14 +260,16 @@ TEST_F(Module, DeactivationClosesVolumeAndJournal) {
 }
 
 TEST_F(Module, ReadOnlyAtActivationRefusesChanges) {
-    ASSERT_EQ(load(), 0);
-    root = *requests().activate();
-    const Item file = *requests().create(root, "file");
-    EXPECT_EQ(*requests().write(file, 0, "content"), 7u);
+    start();
+    EXPECT_EQ(*requests().write(*requests().create(root, "file"), 0, "content"), 7u);
     EXPECT_EQ(*requests().activate({"-o", "rdonly"}), root);
+    EXPECT_FALSE(volume().readOnly()) << "programs use it already";
+    EXPECT_EQ(unload(), 0);
+    ASSERT_EQ(load(), 0);
+    root = *requests().activate({"-o", "rdonly"});
     EXPECT_EQ(volume().requestedMountOptions(), fskit::FSMountOptionsReadOnly);
     EXPECT_NE(takeLastEvent().find(R"("ro":true)"), std::string::npos);
-    expectReadOnly(file);
+    expectReadOnly(*requests().lookup(root, "file"));
 }
 
 // However far the writes of a change came, a probe names the volume as the next load does.
