@@ -30,8 +30,8 @@ KeptListings::Listings KeptListings::keep(std::uint64_t directory, Snapshot snap
     if (find(directory, snapshot->verifier) != nullptr) {
         return {};
     }
-    bytes_ += snapshot->entries.memoryBytes();
     listings_.push_back({directory, std::move(snapshot)});
+    bytes_ += listings_.back().snapshot->entries.memoryBytes();
     Listings dropped;
     while (listings_.size() > 1 && (listings_.size() > kListingsMax || bytes_ > kBytesMax)) {
         bytes_ -= listings_.front().snapshot->entries.memoryBytes();
@@ -64,6 +64,10 @@ KeptListings::Listings KeptListings::takeOut(std::uint64_t directory, std::uint6
 
 KeptListings::Listings KeptListings::takeOut(std::uint64_t directory) {
     return takeOutWhere([&](const Listing& each) { return each.directory == directory; });
+}
+
+KeptListings::Listings KeptListings::takeOut() {
+    return takeOutWhere([](const Listing&) { return true; });
 }
 
 } // namespace tavelin

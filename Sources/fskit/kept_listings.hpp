@@ -15,7 +15,8 @@ namespace tavelin {
 /// verifier, a number of its own for each listing, leads the reader back to it.
 ///
 /// Readers may stop half-way without a word. What they leave is dropped when the directory's item
-/// is reclaimed, or when others need the room: the listing that was used longest ago goes first.
+/// is reclaimed, when the volume is closed, or when others need the room: the listing that was used
+/// longest ago goes first.
 ///
 /// Not thread-safe: the volume's item lock guards it. Nothing here frees a listing under that lock;
 /// what is dropped is handed to the caller.
@@ -43,9 +44,10 @@ class KeptListings {
     [[nodiscard]] Snapshot find(std::uint64_t directory, std::uint64_t verifier);
     /// Keeps a listing, unless it is kept, and answers what had to go for it.
     [[nodiscard]] Listings keep(std::uint64_t directory, Snapshot snapshot);
-    /// Takes out one listing, or all of a directory.
+    /// Takes out one listing, all of a directory, or all that there are.
     [[nodiscard]] Listings takeOut(std::uint64_t directory, std::uint64_t verifier);
     [[nodiscard]] Listings takeOut(std::uint64_t directory);
+    [[nodiscard]] Listings takeOut();
 
     /// How many listings are kept, and the memory that they take.
     [[nodiscard]] std::size_t count() const noexcept { return listings_.size(); }

@@ -214,8 +214,13 @@ Outcome<fskit::FSRenameItemResult> OrphaningRequests::renameItem(
     }
     const bool isStillLinked = orphans_.dropIfStillLinked(over->file, over->mayHaveOtherNames);
     if (auto& replacedItem = done->overItemAttributes) {
-        // It was read with the name in the orphan directory.
-        replacedItem->setLinkCount(isStillLinked ? replacedItem->linkCount() - 1 : 0);
+        if (!isStillLinked) {
+            replacedItem->setLinkCount(0);
+        } else if (const std::uint32_t links = replacedItem->linkCount(); links > 0) {
+            replacedItem->setLinkCount(links - 1); // without the name in the orphan directory
+        } else {
+            replacedItem.reset(); // it has names and could not be read
+        }
     }
     return done;
 }

@@ -102,6 +102,11 @@ void TavelinVolume::close() {
     } catch (const NTFSError&) {
         failed = std::current_exception();
     }
+    KeptListings::Listings abandoned; // freed after the lock is released
+    {
+        const MutexLock held(items);
+        abandoned = listings_.takeOut();
+    }
     // The journal's end is tried in any case: what it still holds may reach its place now.
     if (const std::int32_t error = journal ? journal->close() : 0; error != 0 && !failed) {
         throw NTFSError(fromHost(error));

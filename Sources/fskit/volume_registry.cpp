@@ -112,7 +112,9 @@ void TavelinVolume::reclaimItem(const fskit::FSItemRef& item) {
         KeptListings::Listings abandoned;
         const MutexLock held(items);
         dropped = takeOut(n(item));
-        abandoned = listings_.takeOut(n(item).reference);
+        if (dropped != nullptr) {
+            abandoned = listings_.takeOut(n(item).reference);
+        }
     }
 }
 
@@ -145,8 +147,10 @@ void TavelinVolume::release(const fskit::FSItemRef& item) noexcept {
 
 void TavelinVolume::reclaimAll() {
     std::unordered_map<std::uint64_t, std::shared_ptr<NItem>> dropped; // freed after the lock
+    KeptListings::Listings abandoned;
     const MutexLock held(items);
     dropped.swap(registry_);
+    abandoned = listings_.takeOut();
     for (const auto& [record, item] : dropped) {
         countRequest<"reclaimItem">();
         if (item == root_) {

@@ -124,8 +124,15 @@ TEST_F(Enumeration, AListingIsKeptForAsLongAsItIsRead) {
     for (std::size_t i = 0; i < 2 * KeptListings::kListingsMax; ++i) {
         list(again, 0, {}, false, 1);
     }
+    ask.reclaim(directory); // which `again` has replaced
     EXPECT_EQ(volume().keptListings(), KeptListings::kListingsMax) << "who stops often";
     EXPECT_EQ(list(again, 3).size(), 9u) << "the last is still there";
+    volume().reclaimAll();
+    EXPECT_EQ(volume().keptListings(), 0u);
+    list(again, 0, {}, false, 1);
+    EXPECT_EQ(volume().keptListings(), 1u);
+    EXPECT_EQ(ask.deactivate(), 0);
+    EXPECT_EQ(volume().keptListings(), 0u) << "nobody can read on";
 }
 
 TEST(KeptListingsTest, AreBoundByTheMemoryThatTheyTake) {
