@@ -7,6 +7,9 @@
 #include "extension/reply.hpp"
 #include "extension/text.hpp"
 
+#include <utility>
+
+using tavelin::MutexLock;
 using tavelin::serve;
 using tavelin::Strong;
 using tavelin::toCore;
@@ -97,8 +100,15 @@ Class volumeClass() {
         if (![_volume.get() serves:*volume]) {
             TavelinServedVolume *fresh = tavelin::made([[volumeClass() alloc] initWithVolume:volume
                                                                                   fileSystem:self]);
-            _volume = Strong(fresh);
-            self.containerStatus = [FSContainerStatus ready];
+            if (fresh == nil) {
+                // No unload comes for what was not answered. Nothing was changed through it that
+                // a failure could lose.
+                static_cast<void>(_fileSystem->unloadResource(toCore(resource), toCore(options)));
+                NSError *failed = fs_errorForPOSIXError(tavelin::kENOMEM);
+                [self becomeIdle:[FSContainerStatus notReadyWithStatus:failed]];
+                return {nil, failed};
+            }
+            [self keep:fresh status:[FSContainerStatus ready]];
         }
         return {_volume.get(), nil};
     });
@@ -117,7 +127,20 @@ Class volumeClass() {
 // Unless a volume stays loaded, which a request about another one leaves as it is.
 - (void)becomeIdle:(FSContainerStatus *)status {
     if (_fileSystem->volume == nullptr) {
-        _volume = Strong<TavelinServedVolume *>();
+        [self keep:nil status:status];
+    }
+}
+
+- (void)keep:(TavelinServedVolume *)volume status:(FSContainerStatus *)status {
+    Strong<TavelinServedVolume *> former(volume); // freed after the lock is released
+    const MutexLock held(_statusLock);
+    std::swap(_volume, former);
+    self.containerStatus = status;
+}
+
+- (void)volume:(TavelinServedVolume *)volume became:(FSContainerStatus *)status {
+    const MutexLock held(_statusLock);
+    if (_volume.get() == volume) {
         self.containerStatus = status;
     }
 }

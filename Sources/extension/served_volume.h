@@ -15,6 +15,8 @@
 
 #include <memory>
 
+@class TavelinFileSystem;
+
 @interface TavelinServedVolume : FSVolume <FSVolumePathConfOperations> {
   @protected
     /* What requests go to. Shared with the file system, which closes it at the unload. */
@@ -25,12 +27,12 @@
     std::unique_ptr<tavelin::HandedItems> _handed;
 
   @private
-    /* Until the deactivation: the file system keeps this volume in turn. */
-    tavelin::Strong<FSUnaryFileSystem *> _fileSystem;
+    /* Until a deactivation that succeeds: the file system keeps this volume in turn. */
+    tavelin::Strong<TavelinFileSystem *> _fileSystem;
 }
-/// `fileSystem` is told when the volume becomes active and when it is ready again.
+/// `fileSystem` is told when the volume becomes active and when it is closed.
 - (instancetype)initWithVolume:(std::shared_ptr<tavelin::TavelinVolume>)volume
-                    fileSystem:(FSUnaryFileSystem *)fileSystem;
+                    fileSystem:(TavelinFileSystem *)fileSystem;
 /// Whether requests go to this volume.
 - (BOOL)serves:(const tavelin::TavelinVolume &)volume;
 /// How many items FSKit holds.

@@ -1,5 +1,7 @@
 #import "extension/served_volume.h"
 
+#import "extension/file_system.h"
+
 #include "extension/reply.hpp"
 
 #include <utility>
@@ -12,7 +14,7 @@ using tavelin::toFSKit;
 @implementation TavelinServedVolume
 
 - (instancetype)initWithVolume:(std::shared_ptr<tavelin::TavelinVolume>)volume
-                    fileSystem:(FSUnaryFileSystem *)fileSystem {
+                    fileSystem:(TavelinFileSystem *)fileSystem {
     FSVolumeIdentifier *identifier =
         tavelin::made([[FSVolumeIdentifier alloc] initWithUUID:toFSKit(volume->volumeID().uuid)]);
     if ((self = [super
@@ -98,15 +100,15 @@ using tavelin::toFSKit;
     if (!root) {
         return root.error();
     }
-    _fileSystem.get().containerStatus = [FSContainerStatus active];
+    [_fileSystem.get() volume:self became:[FSContainerStatus active]];
     return _handed->handOut(*root);
 }
 
 - (tavelin::Outcome<void>)deactivated:(FSDeactivateOptions)options {
     auto deactivated = _names->deactivate(options);
     if (deactivated) {
-        _fileSystem.get().containerStatus = tavelin::nothingLoaded();
-        _fileSystem = Strong<FSUnaryFileSystem *>();
+        [_fileSystem.get() volume:self became:tavelin::nothingLoaded()];
+        _fileSystem = Strong<::TavelinFileSystem *>();
     }
     return deactivated;
 }

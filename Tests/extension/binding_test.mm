@@ -242,7 +242,10 @@ TEST_P(Binding, KeepsAnActiveVolumeThroughASecondLoad) {
     EXPECT_EQ(sample_.cat("/file"), "content");
 }
 
-TEST_P(Binding, FailsWhereNoItemCanBeMadeAndTriesAgain) {
+TEST_P(Binding, FailsWhereNothingCanBeMadeAndTriesAgain) {
+    [FSItem setCanBeMade:NO];
+    EXPECT_EQ(daemon_.load(resource()).code(), kENOMEM);
+    [FSItem setCanBeMade:YES];
     daemon_.bringUp(resource());
     const Answer made = daemon_.create(daemon_.root(), "file");
     ASSERT_TRUE(daemon_.reclaim(made.item()).ok());
@@ -283,13 +286,6 @@ TEST_P(Binding, CompletesACheckOnceAndLater) {
     daemon_.takeDown();
 }
 
-TEST_P(Binding, AsksForAReadOnlyMountWhenTheMediumIs) {
-    daemon_.bringUp(resource(NO));
-    EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptionsReadOnly);
-    EXPECT_EQ(daemon_.create(daemon_.root(), "file").code(), kEROFS);
-    daemon_.takeDown();
-}
-
 TEST_P(Binding, GetsAcrossAMisbehavingDevice) {
     ImageResource *device = resource();
     device->_shortBytes = 4096;
@@ -323,6 +319,12 @@ TEST_P(Binding, GetsAcrossAMisbehavingDevice) {
     }
     EXPECT_EQ(answers.front().code(), kENXIO) << "the synchronise says that data is lost";
     EXPECT_EQ(daemon_.state(), FSContainerStateNotReady);
+    ::TavelinServedVolume *const lost = daemon_.volume();
+    daemon_.bringUp(resource(NO));
+    EXPECT_TRUE([lost deactivated:0]);
+    EXPECT_EQ(daemon_.state(), FSContainerStateActive) << "the late end is another volume's";
+    EXPECT_EQ(daemon_.volume().requestedMountOptions, FSMountOptionsReadOnly);
+    daemon_.takeDown();
 }
 
 TEST_P(Binding, GivesOneObjectForAFileAndKeepsItUntilReclaimed) {

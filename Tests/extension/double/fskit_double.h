@@ -38,7 +38,7 @@
 + (void)setHasTryReclaim:(BOOL)has;
 // YES: each item is in an answer that FSKit has not seen yet, and is not reclaimed.
 + (void)setHasAnswersOnTheirWay:(BOOL)has;
-// NO: an initialiser answers nil, as without memory.
+// NO: an initialiser answers nil, as without memory; a volume's too.
 + (void)setCanBeMade:(BOOL)can;
 @end
 

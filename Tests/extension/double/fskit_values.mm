@@ -189,7 +189,10 @@ OBJECT(FSVolumeIdentifier *, volumeID, VolumeID)
 OBJECT(FSFileName *, name, Name)
 - (instancetype)initWithVolumeID:(FSVolumeIdentifier *)volumeID
                       volumeName:(FSFileName *)volumeName {
-    self = [self initDouble];
+    if ((self = [self initDouble]) && !canBeMade) {
+        [self release];
+        return nil;
+    }
     [self setVolumeID:volumeID];
     self.name = volumeName;
     return self;
