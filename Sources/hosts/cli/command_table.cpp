@@ -62,9 +62,11 @@ constexpr std::array kCommands{
             "hash disk.img photos > photos.sha256\n"
             "hash disk.img photos | sha256sum -c  ## compares with the copy in ./photos",
             defineHash},
-    Command{"diff", kLook, "Compare a directory with one of this system",
-            "[--quick] [--json] IMAGE PATH DIR",
-            "diff disk.img /Photos ~/Photos  ## exit status 0 when they are the same", defineDiff},
+    Command{"diff", kLook, "Compare directories of volumes and of this system",
+            "[--with OTHER] [--quick] [--json] IMAGE PATH [DIR]",
+            "diff disk.img /Photos ~/Photos  ## exit status 0 when they are the same\n"
+            "diff --with backup.img disk.img /  ## two volumes",
+            defineDiff},
     Command{"cat", kLook, "Write the contents of files to standard output", "IMAGE PATH...",
             "cat disk.img notes.txt\n"
             "cat disk.img setup.exe:Zone.Identifier  ## a named stream\n"

@@ -151,6 +151,8 @@ std::string whyReadOnly(ModuleHost& host, const VolumeArguments& arguments,
     return "it could only be opened for reading";
 }
 
+StandingVolume* theStandingVolume = nullptr;
+
 } // namespace
 
 Failure openFailure(const OpenError& error, const ImagePlace& place) {
@@ -170,7 +172,8 @@ void Session::warnIfCutOff() {
 
 Session::Session(const VolumeArguments& arguments, Access access)
     : image_(arguments.image), place_(findVolume(arguments.image, arguments.offset)) {
-    if (access == Access::read) {
+    // A shell's own volume may be changed while another one is read.
+    if (access == Access::read && theStandingVolume == nullptr) {
         events().holdUntilFailure("check");
     }
     // Before opening, which may already replay the journal.
@@ -196,10 +199,6 @@ VolumeFacts Session::facts() {
     return {valueOf(requests.label(), image_), requests.serialNumber(),
             valueOf(requests.ioStatistics(), image_)};
 }
-
-namespace {
-StandingVolume* theStandingVolume = nullptr;
-} // namespace
 
 StandingVolume::StandingVolume(Session& session, const VolumeArguments& arguments,
                                bool syncs) noexcept

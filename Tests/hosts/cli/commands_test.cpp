@@ -256,6 +256,8 @@ TEST(Commands, WaitForAnImageThatIsInUse) {
     ASSERT_EQ(user.readLine(), "made");
     const std::string who = fmt::format("process {} (tavelin) has it open", user.id());
     expectRefusal(tavelinRun({"ls", image}), kFailed, who);
+    const SampleVolume free;
+    expectRefusal(tavelinRun({"diff", free.image(), "/", "--with", image}), kFailed, who);
     // Its messages on the output that is read line by line.
     RunningProcess waiting(
         {"sh", "-c", "exec \"$0\" ls --wait \"$1\" 2>&1", TAVELIN_PROGRAM, image});
@@ -326,6 +328,88 @@ TEST(Commands, HashAsTheSystemDoes) {
     EXPECT_EQ(differ.status, 1) << differ.describe();
     EXPECT_EQ(differ.out, "empty: have different sizes\nmore: is only on this system\n");
     EXPECT_EQ(differ.err, "");
+}
+
+// By the names of a tree's items, what is said of them, and what programs are told.
+TEST(Commands, DiffOfTwoVolumes) {
+    const SampleVolume first;
+    const SampleVolume second;
+    const std::string image = first.image();
+    const std::string other = second.image();
+    const std::string content(1'500'000, 'x');
+    for (const std::string& each : {image, other}) {
+        const bool isFirst = each == image;
+        tavelinDone({"mkdir", "-p", each, "d/same", isFirst ? "d/kind" : "copy"});
+        tavelinDone({"put", each, "-", "d/same/file"}, content);
+        tavelinDone({"ln", "-s", each, "file", "d/same/link"});
+        tavelinDone({"put", each, "-", "d/size"}, isFirst ? "longer" : "short");
+        tavelinDone({"put", each, "-", "d/end"}, content + (isFirst ? "a" : "b"));
+        tavelinDone({"ln", "-s", each, isFirst ? "here" : "there", "d/target"});
+        tavelinDone({"put", each, "-", isFirst ? "d/a" : "d/z"}, "");
+    }
+    tavelinDone({"put", other, "-", "d/kind"}, "");
+    tavelinDone({"mkdir", image, "copy"});
+    tavelinDone({"put", image, "-", "copy/file"}, content);
+    tavelinDone({"ln", "-s", image, "file", "copy/link"});
+    const std::string before = readFile(image) + readFile(other);
+
+    const std::string names = "a: is only in the first directory\n"
+                              "kind: are of different types\n"
+                              "size: have different sizes\n"
+                              "target: point to different places\n"
+                              "z: is only in the second directory\n";
+    std::string all = names;
+    all.insert(all.find("kind"), "end: have different contents\n");
+    const struct {
+        std::vector<std::string> words;
+        int status;
+        std::string out;
+    } rows[] = {
+        {{image, "d/same", "--with", other}, 0, ""},
+        {{image, "d", "--with", other}, 1, all},
+        {{image, "d", "--with", other, "--quick"}, 1, names},
+        {{image, "/copy", "/d/same", "--with", other}, 0, ""},
+        {{image, "/", "--with", image}, 0, ""},
+        {{image, "copy", "d/same", "--with", first.directory() / "./" / first.image().filename()},
+         0,
+         ""},
+        {{image, "copy", "d", "--with", image, "--quick"},
+         1,
+         "file: is only in the first directory\nlink: is only in the first directory\n"
+         "a: is only in the second directory\nend: is only in the second directory\n"
+         "kind: is only in the second directory\nsame: is only in the second directory\n"
+         "size: is only in the second directory\ntarget: is only in the second directory\n"},
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> words = row.words;
+        words.insert(words.begin(), "diff");
+        const ProcessResult result = tavelinRun(words);
+        EXPECT_EQ(result.status, row.status) << result.describe();
+        EXPECT_EQ(result.out, row.out);
+        EXPECT_EQ(result.err, "");
+    }
+    std::map<std::string, std::string> kinds;
+    const auto told = json::parse(tavelinRun({"diff", "--json", image, "d", "--with", other}).out);
+    for (const json& item : told.at("items")) {
+        kinds[item.at("path")] = item.at("difference");
+    }
+    EXPECT_EQ(kinds, (std::map<std::string, std::string>{{"/a", "only-on-volume"},
+                                                         {"/end", "content"},
+                                                         {"/kind", "type"},
+                                                         {"/size", "size"},
+                                                         {"/target", "target"},
+                                                         {"/z", "only-on-other"}}));
+    EXPECT_EQ(readFile(image) + readFile(other), before);
+
+    expectRefusal(tavelinRun({"diff", image, "/", "--with", other + "2"}), 1, "volume.img2");
+    expectRefusal(tavelinRun({"diff", image, "d", "none", "--with", other}), 1, "none: No such");
+    expectRefusal(tavelinRun({"diff", image, "d", "d/a", "--with", image}), 1, "no directory");
+    expectRefusal(tavelinRun({"diff", image, "d"}), 2, "DIR is required");
+    // A shell may change the one while it compares it.
+    EXPECT_EQ(tavelinDone({"batch", image}, "cd d/same\nmkdir new\nrm -r new\ndiff --with " +
+                                                other + " .\nmkdir new\nrm -r new\ndiff --with " +
+                                                image + " . /copy\n"),
+              "");
 }
 
 TEST(Commands, HelpTeachesEveryCommand) {

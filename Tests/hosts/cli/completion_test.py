@@ -57,6 +57,7 @@ class Completion(unittest.TestCase):
         self.assertIn("windows_names", self.complete("ls", "-o", ""))
         self.assertIn("low_latency", self.complete("mount", "-o", ""))
         self.assertEqual(self.complete("xattr", ""), ["get", "list", "rm", "set"])
+        self.assertEqual(self.complete("diff", "disk.img", "papers", "--with", "d"), ["disk.img"])
 
     def test_paths_inside_the_image(self):
         self.assertEqual(self.complete("ls", "disk.img", "p"), ["papers/", "photos/", "pictures"])
@@ -64,6 +65,8 @@ class Completion(unittest.TestCase):
         self.assertEqual(self.complete("xattr", "get", "disk.img", "photos/2026 summer/r"),
                          ["photos/2026 summer/raw/"])
         self.assertEqual(self.complete("ls", "missing.img", "p"), [])
+        self.assertEqual(self.complete("diff", "--with", "missing.img", "disk.img", "pa"),
+                         ["papers/"])
         for quoted in ("'a disk.img'", '"a disk.img"', r"a\ disk.img"):
             self.assertEqual(self.complete("ls", quoted, "pa"), ["papers/"])
         self.assertEqual(self.complete("xattr", "get", "disk.img", "papers", "au"), ["author"])

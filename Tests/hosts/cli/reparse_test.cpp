@@ -107,6 +107,8 @@ TEST(EncryptedFile, IsRefusedByName) {
     const std::vector<std::vector<std::string>> readers = {
         {"cat", image, "/letter"},
         {"hash", image, "/letter"},
+        {"diff", image, "/", host.path().string()},
+        {"diff", image, "/", "--with", image},
         {"get", image, "/letter", letter + " here"}};
     for (const auto& command : readers) {
         expectRefusal(tavelinRun(command), 1, "encrypted by Windows (EFS)");

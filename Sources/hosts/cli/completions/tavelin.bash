@@ -32,7 +32,7 @@ _tavelin() {
     for ((index = 1; index < COMP_CWORD; index++)); do
         item=${COMP_WORDS[index]}
         case $item in
-        -o | --since | --offset | --type | --exclude | -L) ((index++)) ;;
+        -o | --with | --since | --offset | --type | --exclude | -L) ((index++)) ;;
         -n) [ "$command" != events ] || ((index++)) ;;
         -*) ;;
         *) [ -z "$command" ] && command=$item || before+=("$item") ;;
@@ -61,7 +61,7 @@ _tavelin() {
         du) options+=" -a -h -s --json" ;;
         df) options+=" -h --json" ;;
         map) options+=" --svg --json" ;;
-        diff) options+=" --quick --json" ;;
+        diff) options+=" --quick --with --json" ;;
         get | put) options+=" -t --replace --no-streams --quiet --json" ;;
         sync) options+=" -n --delete --checksum --exclude --no-streams -v --quiet --json" ;;
         undelete) options+=" --list --force --json" ;;
@@ -100,7 +100,7 @@ _tavelin() {
     events) return ;;
     esac
     compopt -o filenames 2>/dev/null
-    if [ ${#before[@]} -eq 0 ] || [ "$command" = mount ]; then
+    if [ ${#before[@]} -eq 0 ] || [ "$3" = --with ] || [ "$command" = mount ]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
     fi
@@ -119,9 +119,8 @@ _tavelin() {
     for item in $paths; do
         [[ $item == "${word#/}"* ]] && COMPREPLY+=("$item")
     done
-    # Sources of put and targets of get are on the host.
-    if [ "$command" = put ] || [ "$command" = get ] || [ "$command" = sync ] ||
-        [ "$command" = undelete ]; then
+    # Sources of put, targets of get and what diff compares with are on the host.
+    if [[ $command == @(put|get|diff|sync|undelete) ]]; then
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
     fi
 }

@@ -4,22 +4,30 @@
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 namespace tavelin::cli {
 
 bool ContentComparison::isSame(const Found& found, const std::string& path,
                                const FileDescriptor& host, const std::string& hostPath) {
+    return isSame(found, path, [&](std::uint64_t offset, std::span<std::byte> into) {
+        const auto read = host.readAt(into.data(), into.size(), offset);
+        if (read.error != 0) {
+            throwHostError(hostPath, read.error);
+        }
+        return read.bytes;
+    });
+}
+
+bool ContentComparison::isSame(const Found& found, const std::string& path,
+                               const ReadOther& readOther) {
     for (std::uint64_t offset = 0;;) {
         throwIfInterrupted();
         const std::size_t count =
             valueOf(volume_.read(found.item, offset, onVolume_), path, found.attributes);
         // One byte at the end of the volume's file shows whether the other one goes on.
-        const auto there = host.readAt(onHost_.data(), std::max<std::size_t>(count, 1), offset);
-        if (there.error != 0) {
-            throwHostError(hostPath, there.error);
-        }
-        if (there.bytes != count || std::memcmp(onVolume_.data(), onHost_.data(), count) != 0) {
+        const std::span there = std::span(there_).first(std::max<std::size_t>(count, 1));
+        if (readOther(offset, there) != count ||
+            std::memcmp(onVolume_.data(), there.data(), count) != 0) {
             return false;
         }
         if (count == 0) {
