@@ -26,8 +26,8 @@ class ContentComparison {
     [[nodiscard]] bool isSame(const Found& found, const std::string& path,
                               const FileDescriptor& host, const std::string& hostPath);
 
-    /// Reads the other file from this byte on; answers fewer bytes than fit at its end alone. Throws
-    /// as isSame() does.
+    /// Reads the other file from this byte on; answers fewer bytes than fit at its end alone.
+    /// Throws as isSame() does.
     using ReadOther = std::function<std::size_t(std::uint64_t offset, std::span<std::byte> into)>;
     /// The same for a file that is read in another way.
     [[nodiscard]] bool isSame(const Found& found, const std::string& path,
