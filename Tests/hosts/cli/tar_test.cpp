@@ -81,6 +81,7 @@ TEST(Tar, HostileAndBrokenArchivesDoNoHarm) {
         expectRefusal(tavelinRun({"tar", "extract", image, "target"}, row.archive), kFailed,
                       row.hint);
     }
+    expectRefusal(tavelinRun({"tar", "extract", image, "none"}, end), kFailed, "mkdir -p");
     EXPECT_EQ(volume.list("outside").size() + volume.list("/").size(), 2u);
     EXPECT_EQ(volume.list("target"), std::vector<std::string>{"link"});
     // What comes after an entry that is refused is unpacked.

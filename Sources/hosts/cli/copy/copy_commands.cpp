@@ -262,8 +262,7 @@ VolumePlace volumePlace(VolumeClient& volume, const FromTo& paths, bool mayRepla
         throw Failure(explain(target, there.error()));
     }
     if (paths.mustBeDirectory) {
-        throw Failure(escaped(target) + ": no such directory on the volume: 'tavelin mkdir -p' "
-                                        "makes it");
+        throwMissingTarget(target);
     }
     auto place = locate(volume, target);
     if (!place) {

@@ -51,7 +51,11 @@ void extract(const TarCommand& command, CopyRun& run) {
     }
     const std::string path = command.paths.empty() ? "/" : command.paths.front();
     withVolume(command.volume, Access::change, [&](Session& session) {
-        const Found target = valueOf(resolve(session.volume(), path), path);
+        auto there = resolve(session.volume(), path);
+        if (!there && numberOf(there.error()) == kENOENT) {
+            throwMissingTarget(path);
+        }
+        const Found target = valueOf(std::move(there), path);
         if (target.attributes.type() != fskit::FSItemType::directory) {
             throwItemError(path, kENOTDIR);
         }

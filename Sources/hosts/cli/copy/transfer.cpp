@@ -2,6 +2,7 @@
 
 #include "hosts/cli/image_place.hpp"
 #include "hosts/cli/report.hpp"
+#include "hosts/cli/text.hpp"
 #include "platform/assert.hpp"
 
 #include <fmt/format.h>
@@ -70,6 +71,11 @@ void CopyRun::end() {
 
 std::string CopyRun::partialName() {
     return fmt::format("{}{}-{}", kPartialPrefix, getpid(), ++partials_);
+}
+
+void throwMissingTarget(const std::string& path) {
+    throw Failure(escaped(path) + ": no such directory on the volume: 'tavelin mkdir -p' makes it",
+                  path, kENOENT);
 }
 
 std::optional<pid_t> partialNameProcess(std::string_view name) noexcept {

@@ -107,6 +107,10 @@ class CopyRun {
     std::uint64_t partials_ = 0;
 };
 
+/// Throws Failure with the remedy for a directory of the volume that is to be copied into and is
+/// not there.
+[[noreturn]] void throwMissingTarget(const std::string& path);
+
 /// Returns the value of an outcome, as valueOf() does. A device error also ends the run: a volume
 /// that cannot be written has no use for the next item.
 template<typename Value>
