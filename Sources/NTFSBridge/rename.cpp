@@ -54,28 +54,42 @@ struct temporary_name {
     char text[sizeof ".ntb-rename-18446744073709551615"];
 };
 
+// Takes `spare` from an inode that has `kept`, too, both by the directory's word and by its own:
+// removing its last name would free its record and its clusters. Where that cannot be seen both
+// stay, which does no harm.
+void drop_spare(ntb_vol* vol, uint64_t ino, const entry_name& spare,
+                const entry_name& kept) noexcept {
+    const auto is_there = [&](const entry_name& entry) {
+        uint64_t found = 0;
+        return ntb_lookup(vol, entry.directory, entry.name, &found) == 0 &&
+               MREF(found) == MREF(ino);
+    };
+    uint32_t names = 0;
+    if (ntb_count_names(vol, ino, &names) == 0 && names > 1 && is_there(kept) && is_there(spare)) {
+        (void)unlink_impl(vol, spare.directory, spare.name, false);
+    }
+}
+
 // The new name leads to the source already: they are the long and the DOS name of one link, or two
 // hard links of one file. A temporary third name keeps the inode alive while it has neither the old
 // nor the new one, as removing its last name would free its record and its clusters.
 int32_t rename_in_place(ntb_vol* vol, uint64_t ino, const entry_name& from,
                         const entry_name& to) noexcept {
-    const temporary_name temporary(ino);
-    if (const int32_t error = link_name(vol, ino, from.directory, temporary.text); error != 0) {
+    const temporary_name aside(ino);
+    const entry_name temporary = {.directory = from.directory, .name = aside.text};
+    if (const int32_t error = link_name(vol, ino, from.directory, aside.text); error != 0) {
         return error;
     }
     // The old name goes first. The library removes a long and a DOS name together, so the new one
     // is free after this. A second hard link stays, and the rename answers EEXIST.
     int32_t error = unlink_impl(vol, from.directory, from.name, false);
-    if (error == 0) {
-        error = link_name(vol, ino, to.directory, to.name);
-        if (error != 0) {
-            // The first failure is the one to report. With a page cache end_operation() then undoes
-            // everything; this line is for volumes without one.
-            (void)link_name(vol, ino, from.directory, from.name);
-        }
+    error = first_error(error, error == 0 ? link_name(vol, ino, to.directory, to.name) : 0);
+    if (error != 0) {
+        // The first failure is the one to report, and the old name may be there still. With a page
+        // cache end_operation() then undoes everything; this line is for volumes without one.
+        (void)link_name(vol, ino, from.directory, from.name);
     }
-    // Kept out of the result: the inode has its name, and a stray second one does no harm.
-    (void)unlink_impl(vol, from.directory, temporary.text, false);
+    drop_spare(vol, ino, temporary, error == 0 ? to : from);
     return error;
 }
 
@@ -113,8 +127,8 @@ int32_t move_name(ntb_vol* vol, uint64_t ino, const entry_name& from,
     }
     const int32_t error = unlink_impl(vol, from.directory, from.name, false);
     if (error != 0) {
-        // Best effort: the file has both names if this fails too.
-        (void)unlink_impl(vol, to.directory, to.name, false);
+        // The old name may have gone before the failure.
+        drop_spare(vol, ino, to, from);
     }
     return error;
 }

@@ -209,6 +209,41 @@ TEST(Namespace, AFileMayHaveSeveralNames) {
     volume.finish();
 }
 
+// Nothing takes the changes of a request back where there is no page cache.
+TEST(Namespace, ARenameThatFailsLeavesTheNamesWithoutAPageCacheToo) {
+    BridgeVolume volume;
+    EXPECT_EQ(volume.unmount(), 0);
+    volume.memory() = MemoryIo::fromFile(volume.sample().image(), 8192);
+    ASSERT_EQ(volume.mount(), 0);
+    EXPECT_EQ(ntb_link(volume, volume.make("one"), NTB_ROOT_INO, "same"), 0);
+    const auto before = volume.list();
+    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "one", NTB_ROOT_INO, "same"), EEXIST);
+    EXPECT_EQ(volume.list(), before);
+
+    const std::string content = patternText(20'000);
+    const std::vector<uint8_t> whole = volume.memory().bytes();
+    int undone = 0;
+    for (uint64_t call = 1, failures = 1; failures > 0; ++call) {
+        EXPECT_EQ(volume.unmount(), 0);
+        volume.memory().bytes() = whole;
+        ASSERT_EQ(volume.mount(), 0);
+        EXPECT_EQ(volume.write(volume.make("file"), content), 0);
+        const uint64_t directory = volume.makeDirectory("directory");
+        volume.memory().fail(call, call, EIO);
+        const int32_t error = ntb_rename(volume, NTB_ROOT_INO, "file", directory, "moved");
+        failures = volume.memory().failures();
+        volume.memory().heal();
+        const uint64_t from = volume.find("file");
+        const uint64_t to = volume.find("moved", directory);
+        undone += from != 0 && to == 0 ? 1 : 0;
+        for (const uint64_t ino : {from, to}) {
+            EXPECT_TRUE(ino == 0 || volume.read(ino) == content) << call;
+        }
+        EXPECT_TRUE(error != 0 ? from + to != 0 : from == 0 && to != 0) << call;
+    }
+    EXPECT_GT(undone, 1) << "the new name came, and went again";
+}
+
 TEST(Namespace, SymbolicLinks) {
     BridgeVolume volume;
     for (const std::string& target :
