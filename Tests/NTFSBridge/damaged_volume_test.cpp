@@ -2,7 +2,9 @@
 #include "NTFSBridge/volume.hpp"
 #include "support/bridge_volume.hpp"
 
+#include <array>
 #include <cstring>
+#include <utility>
 
 namespace tavelin::test {
 namespace {
@@ -23,6 +25,20 @@ TEST(DamagedVolume, HasNoMoreFreeSpaceThanSpace) {
     ntb_statfs space = {};
     EXPECT_EQ(ntb_statfs_get(volume, &space), 0);
     EXPECT_EQ(space.freeClusters, space.totalClusters);
+}
+
+TEST(DamagedVolume, WhoseBitmapEndsEarlyHasNothingFreeBehindIt) {
+    BridgeVolume volume;
+    ntfs_attr* const bitmap = static_cast<ntb_vol*>(volume)->volume->lcnbmp_na;
+    const s64 whole = std::exchange(bitmap->data_size, 64); // bytes
+    std::array<ntb_extent, 100> extents;
+    uint32_t count = 0;
+    uint64_t next = 0;
+    EXPECT_EQ(ntb_free_extents(volume, 0, 16 << 20, extents.data(), extents.size(), &count, &next),
+              0);
+    ASSERT_GT(count, 0u);
+    EXPECT_LE(extents[count - 1].offset + extents[count - 1].length, 64u * 8 * 4096);
+    bitmap->data_size = whole;
 }
 
 // The library wrote the times over the attribute's header, and then to memory that was not its own.

@@ -1,4 +1,5 @@
 // Holes and clusters ahead of the data, against a string.
+#include "core/device_box.hpp"
 #include "core/ntfs_volume.hpp"
 #include "support/watched_device.hpp"
 
@@ -161,11 +162,17 @@ TEST(Trim, SaysWhyItTellsTheDeviceNothing) {
     const auto open = [&](bool readOnly) {
         return NTFSVolume::open(std::make_shared<WatchedDevice>(sample), readOnly);
     };
+    const auto mark = [&](std::uint8_t isMarked) {
+        DeviceBox box(std::make_shared<FileBlockDevice>(sample.image()));
+        const ntb_io io = makeIO(box);
+        ASSERT_EQ(ntb_set_dirty(&io, isMarked), 0);
+    };
     const struct {
         const char* what;
         NTFSTrimRange range;
         bool readOnly, goesOn;
         std::int32_t error;
+        std::uint8_t isMarked = 0;
     } kRows[] = {
         {"a device that has no use for it", {}, false, true, kENOTSUP},
         {"the boot sector alone", {.length = 4096}, false, true, 0},
@@ -178,13 +185,47 @@ TEST(Trim, SaysWhyItTellsTheDeviceNothing) {
          true,
          kEINVAL},
         {"a volume that is only read", {}, true, true, kEROFS},
+        {"a volume that is marked", {}, false, true, kEIO, 1},
     };
     for (const auto& row : kRows) {
+        mark(row.isMarked);
         const auto volume = open(row.readOnly);
         EXPECT_EQ(codeOf([&] { volume->trim(row.range, [&] { return row.goesOn; }); }), row.error)
             << row.what;
         volume->unmount();
     }
+    mark(0);
+}
+
+// Their clusters begin and end anywhere in a page.
+TEST(Trim, LeavesTheNeighboursOfFreeClustersAsTheyAre) {
+    const SampleVolume sample({.bytes = 8 << 20, .clusterSize = 512});
+    const auto open = [&] {
+        const auto device = std::make_shared<WatchedDevice>(sample);
+        device->takesDiscards = true;
+        return NTFSVolume::open(device, false);
+    };
+    const auto contentOf = [](int file) {
+        return std::string(9 * 512, static_cast<char>('!' + file));
+    };
+    constexpr int kFiles = 60;
+    auto volume = open();
+    for (int file = 0; file < kFiles; ++file) {
+        const std::uint64_t ino =
+            volume->create(std::to_string(file), NTFSVolume::kRootIno, NTFSItemType::file);
+        volume->write(ino, 0, bytesOf(contentOf(file)));
+    }
+    for (int file = 0; file < kFiles; file += 2) {
+        volume->remove(std::to_string(file), NTFSVolume::kRootIno);
+    }
+    EXPECT_GT(volume->trim({}, [] { return true; }), 0u);
+    volume->unmount();
+    volume = open();
+    for (int file = 1; file < kFiles; file += 2) {
+        EXPECT_EQ(textOf(volume->read(volume->resolve(std::to_string(file)), 0, 10 * 512)),
+                  contentOf(file));
+    }
+    volume->unmount();
 }
 
 } // namespace

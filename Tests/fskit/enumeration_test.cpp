@@ -93,6 +93,10 @@ TEST_F(Enumeration, AListingGoesOnWhereItWas) {
     volume().ntfs->remove("a", recordOf(directory));
     EXPECT_EQ(list(directory, 3), (Names{"b>4", "c>5", "d" + end})) << "from what was listed";
     EXPECT_EQ(list(directory, 3, verifier + 1), (Names{"c>4", "d" + end})) << "a listing unknown";
+
+    const Item other = *ask.create(root, "other", Type::directory);
+    list(directory, 0, {}, false, 1);
+    EXPECT_EQ(list(other, 1), Names{".." + end}) << "the listing is another directory's";
 }
 
 TEST_F(Enumeration, AListingIsKeptForAsLongAsItIsRead) {

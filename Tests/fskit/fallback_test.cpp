@@ -2,6 +2,7 @@
 // only, and not a byte of them changed.
 #include "module_fixture.hpp"
 
+#include "check/image_editor.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/run_process.hpp"
 
@@ -147,6 +148,26 @@ TEST_F(Fallback, AnUncleanJournalIsResetWhenTheVolumeMayBeWritten) {
     EXPECT_EQ(unload(), 0);
     save();
     EXPECT_TRUE(run({"ntfs-3g.probe", "-w", sample.image().string()}).ok());
+}
+
+TEST_F(Fallback, AMarkedVolumeIsWrittenToWhereNothingIsWrong) {
+    sample.leaveUnchecked();
+    for (const bool isDamaged : {false, true}) {
+        std::vector<std::uint8_t> bytes(disk->bytes.begin(), disk->bytes.end());
+        ImageEditor editor(bytes);
+        editor.editValue(ntb::record_volume, ntb::at_volume_information, "",
+                         [](ImageEditor::Bytes value) { ntb::put_at(value.data(), 10, 2, 1); });
+        if (isDamaged) { // the next write could take what is in use
+            editor.setBit(ntb::record_bitmap, ntb::at_data, "",
+                          editor.runs(ntb::record_upcase, ntb::at_data).at(0).lcn, false);
+        }
+        disk->bytes.assign(bytes.begin(), bytes.end());
+        start();
+        EXPECT_EQ(volume().ntfs->readOnly(), isDamaged);
+        EXPECT_EQ(requests().create(root, "new").code(), isDamaged ? kEROFS : 0);
+        EXPECT_EQ(unload(), 0);
+        EXPECT_EQ(disk->bytes == std::string(bytes.begin(), bytes.end()), isDamaged);
+    }
 }
 
 TEST_F(Fallback, AskingForReadOnlyNeverFallsBack) {

@@ -9,6 +9,7 @@
 #include <fmt/ranges.h>
 
 #include <atomic>
+#include <utility>
 
 namespace tavelin {
 namespace {
@@ -336,6 +337,19 @@ TEST_F(Module, AFailedUnloadReportsAndForgets) {
     EXPECT_EQ(requests().synchronize(), 0);
     disk->hook = failing;
     EXPECT_EQ(unload(), kENXIO) << "the journal does not end";
+
+    // Its $LogFile shares pages with other files, so that it has no journal.
+    const SampleVolume unjournaled({.clusterSize = 512});
+    disk = std::make_shared<MemoryResource>(readFile(unjournaled.image()));
+    start();
+    EXPECT_EQ(requests().create(root, "third").code(), 0);
+    bool hasFailed = false; // all that comes behind it succeeds
+    disk->hook = [&](MemoryResource::Call call, auto offset, std::size_t length) {
+        const bool fails = call == MemoryResource::Call::write && !std::exchange(hasFailed, true);
+        return fails ? failing(call, offset, length) : length;
+    };
+    EXPECT_EQ(unload(), kENXIO) << "the volume does not end";
+    sample.leaveUnchecked(); // it stays marked
 }
 
 class Check : public Module {

@@ -39,6 +39,13 @@ class WatchedDevice final : public BlockDevice {
         return failure_ != 0 ? failure_ : inner_.write(from, offset, length);
     }
 
+    // What it is told of is lost at once.
+    std::int32_t discard(std::uint64_t offset, std::uint64_t length) noexcept override {
+        const Bytes lost(length, std::byte{0xdd});
+        return takesDiscards ? inner_.write(lost.data(), offset, length)
+                             : inner_.discard(offset, length);
+    }
+
     std::int32_t sync() noexcept override {
         if (onSync) {
             onSync();
@@ -58,6 +65,7 @@ class WatchedDevice final : public BlockDevice {
         return syncs_;
     }
     // Set before the device is used.
+    bool takesDiscards = false;
     std::function<void()> onSync;
     std::function<void()> onGone;
 
