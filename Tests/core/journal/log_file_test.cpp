@@ -1,4 +1,5 @@
 // Where a journal can be: $LogFile as it is found on a device.
+#include "check/image_editor.hpp"
 #include "core/journal/journal_disk.hpp"
 
 namespace tavelin::test {
@@ -49,6 +50,30 @@ TEST(Journal, IsFoundThroughTheMirrorOfATornRecord) {
 // Clusters of 64 KiB on sectors of 512 bytes: the one size whose factor, 128, has the sign bit.
 TEST(Journal, IsThereForTheLargestClustersOfOldVolumes) {
     EXPECT_TRUE(hasJournal(formatted({.bytes = 64u << 20, .clusterSize = 64u << 10})));
+}
+
+TEST(Journal, GoesOnWhereTheNextPieceOfItsFileBegins) {
+    const auto disk = formatted({.bytes = 2u << 20});
+    const std::string image = textOf(disk->image);
+    std::vector<std::uint8_t> bytes(image.begin(), image.end());
+    ImageEditor editor(bytes);
+    const ntb::run whole = editor.runs(ntb::record_logfile, ntb::at_data).at(0);
+    const std::uint64_t half = whole.length / 2;
+    editor.setRuns(ntb::record_logfile, ntb::at_data, "",
+                   {{.length = whole.length - half, .lcn = whole.lcn + half},
+                    {.length = half, .lcn = whole.lcn}});
+    std::memcpy(disk->image.data(), bytes.data(), bytes.size());
+    std::optional<LogFile> log;
+    JournalAbsence absence{};
+    ASSERT_EQ(LogFile::find(disk, log, absence), 0);
+    ASSERT_TRUE(log);
+    const Bytes written = pagesOf(1, 3);
+    const std::uint64_t at = (whole.length - half - 1) * kPage;
+    EXPECT_EQ(log->write(written.data(), at, written.size()), 0);
+    EXPECT_EQ(valueAt(disk->image, whole.lcn * kPage), 1u);
+    Bytes found(written.size());
+    EXPECT_EQ(log->read(found.data(), at, found.size()), 0);
+    EXPECT_EQ(found, written);
 }
 
 TEST(Journal, IsNotThereWhereAHeaderCannotBeWrittenAlone) {
