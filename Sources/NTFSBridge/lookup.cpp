@@ -53,6 +53,35 @@ int filler(void* state, const ntfschar* name, const int name_length, const int n
     return go_on;
 }
 
+int32_t parent_of(ntfs_inode* inode, uint64_t& directory) noexcept {
+    errno = 0;
+    const inode_guard parent(ntfs_dir_parent_inode(inode));
+    if (parent.get() == nullptr) {
+        return err_or(EIO);
+    }
+    directory = MK_MREF(parent->mft_no, sequence_of(parent.get()));
+    return 0;
+}
+
+// ENOENT for a directory that no names lead to from the root: what is below $Extend belongs to the
+// system as well, whatever its number.
+int32_t check_reachable(ntfs_volume* volume, uint64_t directory) noexcept {
+    for (int step = 0; step < directory_depth_max; ++step) {
+        if (MREF(directory) == NTB_ROOT_INO) {
+            return 0;
+        }
+        inode_guard inode;
+        int32_t error = MREF(directory) < first_user_ino ? ENOENT : inode.open(volume, directory);
+        if (error == 0) {
+            error = parent_of(inode.get(), directory);
+        }
+        if (error != 0) {
+            return error;
+        }
+    }
+    return ENOENT; // a circle, as on a damaged volume
+}
+
 } // namespace
 
 int32_t ntb_lookup(ntb_vol* vol, uint64_t directory, const char* name, uint64_t* ino) {
@@ -119,13 +148,10 @@ int32_t ntb_parent(ntb_vol* vol, uint64_t ino, uint64_t* directory) {
         *directory = MK_MREF(inode->mft_no, sequence_of(inode.get()));
         return 0;
     }
-    errno = 0;
-    const inode_guard parent(ntfs_dir_parent_inode(inode.get()));
-    if (parent.get() == nullptr) {
-        return err_or(EIO);
+    if (const int32_t error = parent_of(inode.get(), *directory); error != 0) {
+        return error;
     }
-    *directory = MK_MREF(parent->mft_no, sequence_of(parent.get()));
-    return 0;
+    return check_reachable(vol->volume, *directory);
 }
 
 int32_t ntb_count_names(ntb_vol* vol, uint64_t ino, uint32_t* count) {

@@ -234,7 +234,7 @@ int32_t ntb_lookup_in_any_case(ntb_vol* vol, uint64_t directory, const char* nam
 int32_t ntb_getattr(ntb_vol* vol, uint64_t ino, ntb_attr* out);
 
 /* The directory that an item has a name in, with the sequence number of its record; of the root
- * itself. ENOENT for a system file. */
+ * itself. ENOENT for a system file, also one in a directory of the system. */
 int32_t ntb_parent(ntb_vol* vol, uint64_t ino, uint64_t* directory);
 
 /* Called once an entry, which has seq as its record's; non-zero ends the listing, which is no

@@ -1,7 +1,9 @@
 #include "fskit/orphan_directory.hpp"
 
+#include "core/driver2/item_identity.hpp"
 #include "diagnostics/log.hpp"
 #include "fskit/api/error.hpp"
+#include "fskit/n_item.hpp"
 #include "fskit/private/request.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -35,6 +37,10 @@ class OrphanPacker final : public fskit::FSDirectoryEntryPacker {
 
     std::vector<std::string> names;
 };
+
+fskit::FSItemID itemID(const ItemRef& item) {
+    return Driver2::itemID(static_cast<const NItem&>(*item.item()).ino);
+}
 
 // The names that the directory may have, in the order in which they are tried.
 std::string candidate(int number) {
@@ -94,6 +100,11 @@ Outcome<ItemRef> OrphanDirectory::open() {
 std::string OrphanDirectory::hiddenName() {
     const MutexLock held(lock_);
     return name_;
+}
+
+bool OrphanDirectory::is(fskit::FSItemID id) {
+    const MutexLock held(lock_);
+    return directory_ && id == itemID(directory_);
 }
 
 Outcome<void> OrphanDirectory::remove() {

@@ -44,6 +44,8 @@ class OrphanDirectory {
     Outcome<ItemRef> open();
     /// The name in the root that users must not see; empty while there is no directory.
     std::string hiddenName();
+    /// Whether an item is that directory.
+    bool is(fskit::FSItemID id);
     /// Removes the directory if open() was called, for unmounting. A directory that still has
     /// entries, which are not of this host's making then, stays; that is no error.
     Outcome<void> remove();

@@ -47,6 +47,8 @@ class OrphanFiles final : public OrphanView {
     bool isHidden(std::string_view nameInRoot);
     /// That name; empty while there is none.
     std::string hiddenName() override { return orphanDirectory_.hiddenName(); }
+    /// Whether an item is the directory for orphans.
+    bool isOrphanDirectory(fskit::FSItemID id) { return orphanDirectory_.is(id); }
 
     /// Whether the user has unlinked the item's last name.
     [[nodiscard]] bool contains(fskit::FSItemID id) const override;

@@ -82,6 +82,9 @@ TEST(Namespace, SystemFilesAreInvisibleAndUntouchable) {
     EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "$MFT", NTB_ROOT_INO, "mine"), ENOENT);
     EXPECT_EQ(ntb_create(volume, 11, "new", 1, &ino), EPERM);
     EXPECT_EQ(ntb_unlink(volume, 11, "$ObjId"), EPERM);
+    for (const uint64_t system : {0, 11, 24, 25, 26}) { // the last are in $Extend
+        EXPECT_EQ(ntb_parent(volume, system, &ino), ENOENT) << system;
+    }
     volume.make("mine");
     EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "mine", 11, "mine"), EPERM);
     EXPECT_EQ(ntb_rename(volume, 11, "$ObjId", NTB_ROOT_INO, "$ObjId"), EPERM);

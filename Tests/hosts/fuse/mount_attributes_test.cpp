@@ -176,13 +176,16 @@ TEST_F(MountAttributes, HandlesAreGoodInEveryMount) {
         EXPECT_TRUE(top.open(root));
         fs::rename(*this / now, *this / "moved");
     }
-    // Nobody is given one of a system file, but root can make one: of the table of files itself.
+    // Nobody is given one of a system file, but root can make one: of the table of files itself, and
+    // of the files in $Extend.
     Handle forged(path("moved"));
-    constexpr uint32_t kTableOfFiles[] = {1u << 16, 0, 1}; // the node's halves, its generation
-    std::memcpy(forged.handle()->f_handle, kTableOfFiles, sizeof kTableOfFiles);
     mount();
-    EXPECT_FALSE(forged.open(Descriptor(served_->directory(), O_RDONLY | O_DIRECTORY)));
-    EXPECT_EQ(errno, ESTALE);
+    for (const uint32_t record : {0u, 24u, 25u, 26u}) {
+        const uint32_t words[] = {1u << 16, record, 1}; // the node's halves, its generation
+        std::memcpy(forged.handle()->f_handle, words, sizeof words);
+        EXPECT_FALSE(forged.open(Descriptor(served_->directory(), O_RDONLY | O_DIRECTORY)));
+        EXPECT_EQ(errno, ESTALE) << record;
+    }
 }
 
 TEST_F(MountAttributes, StreamsAreNotShownWhereTheyAreNotWanted) {

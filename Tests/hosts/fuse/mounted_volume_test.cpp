@@ -168,6 +168,23 @@ TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {
     EXPECT_TRUE(mounted_->orphanFiles().isEmpty());
 }
 
+TEST_F(MountedVolumeTest, AHandleOpensNeitherRemovedFilesNorWhereTheyAre) {
+    const Node& kept = make("kept");
+    Node& file = make("file");
+    ASSERT_TRUE(mounted_->removeFile(root(), "file"));
+    ASSERT_TRUE(mounted_->synchronize()); // which moves it aside
+    for (uint64_t record = 16; record < 100; ++record) {
+        for (const bool above : {false, true}) {
+            const auto found = mounted_->lookupHandle(itemReference(record, 1), above);
+            ASSERT_EQ(bool{found}, record == kept.id) << record << above;
+            if (found) {
+                EXPECT_EQ((*found)->node, above ? &root() : &kept);
+            }
+        }
+    }
+    forget(file);
+}
+
 TEST_F(MountedVolumeTest, AListingGoesWithTheLastStream) {
     make("file");
     const auto listed = [&] {

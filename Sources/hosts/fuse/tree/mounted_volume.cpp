@@ -81,15 +81,21 @@ Outcome<std::optional<Entry>> MountedVolume::lookup(const Node& directory, std::
 }
 
 Outcome<std::optional<Entry>> MountedVolume::lookupHandle(uint64_t number, bool above) {
+    // What is kept after its removal, and where it is kept.
+    const auto isHidden = [this](const Found& item) {
+        return orphans_.contains(item.attributes.fileID()) ||
+               orphans_.isOrphanDirectory(item.attributes.fileID()) ||
+               orphans_.isOrphanDirectory(item.attributes.parentID());
+    };
     Outcome<Found> found =
         number == nodes_.root().number ? volume_.rootWithAttributes() : volume_.itemAt(number);
-    if (found && above) {
+    if (found && above && !isHidden(*found)) {
         found = volume_.directoryOf(found->item);
     }
     if (!found) {
         return found.error();
     }
-    if (orphans_.contains(found->attributes.fileID())) {
+    if (isHidden(*found)) {
         return fs_errorForPOSIXError(kESTALE);
     }
     return std::optional(acquire(std::move(*found)));
