@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -134,6 +135,46 @@ TEST(KernelMount, IsOfTheImageThatWasOpened) {
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(WEXITSTATUS(status), 'o');
     EXPECT_FALSE(fusehost::findMount(mountPoint.path()));
+}
+
+// Also where the kernel does not tell the device of a connection, as before Linux 6.18.
+TEST(KernelMount, RefusesADeviceThatCameInsteadOfTheOneThatWasOpened) {
+    if (::geteuid() != 0 || ::access("/dev/loop-control", R_OK | W_OK) != 0) {
+        GTEST_SKIP() << "only root has devices";
+    }
+    const TempDirectory directory, mountPoint;
+    const auto attached = [&](const char* name) {
+        writeFile(directory / name, std::string(1 << 20, 'x'));
+        std::string device = runOrThrow({"losetup", "--find", "--show", directory / name});
+        return device.substr(0, device.find('\n'));
+    };
+    const std::string opened = attached("opened"), other = attached("other");
+    fusehost::MountRequest request;
+    request.image = directory / "link";
+    request.directory = mountPoint.path();
+    for (const bool isTold : {true, false}) {
+        fs::create_symlink(opened, request.image);
+        FileDescriptor image(request.image.c_str(), O_RDWR);
+        fs::remove(request.image);
+        fs::create_symlink(other, request.image);
+        const pid_t child = ::fork();
+        if (child == 0) { // with a namespace of its own, so that nothing stays
+            const bool isPrepared =
+                ::unshare(CLONE_NEWNS) == 0 &&
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                (isTold || ::mount("none", "/proc/self/fdinfo", "tmpfs", 0, nullptr) == 0);
+            fusehost::KernelMount mount(request, std::move(image));
+            ::_exit(!isPrepared                              ? 1
+                    : !mount.make(false).empty()             ? 2
+                    : fusehost::findMount(mountPoint.path()) ? 3
+                                                             : 0);
+        }
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << isTold << " " << WEXITSTATUS(status);
+        fs::remove(request.image);
+    }
+    runOrThrow({"losetup", "--detach", opened, other});
 }
 
 } // namespace

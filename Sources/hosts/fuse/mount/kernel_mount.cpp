@@ -151,6 +151,10 @@ bool KernelMount::identify(int connection, const std::string& source, const std:
     const std::string number = connectionNumber(connection);
     made.device = number.empty() ? device : number;
     entry_ = findMade(made, before);
+    if (!entry_ && number.empty()) { // it may be of another device than it should
+        made.device.clear();
+        entry_ = findMade(made, before);
+    }
     // The kernel goes by the device's path, which may lead to another one by now.
     if (entry_ && !device.empty() && entry_->device != device) {
         complain(request_, "it was replaced by another device while it was being mounted");
