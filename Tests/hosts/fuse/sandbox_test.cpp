@@ -124,6 +124,8 @@ const std::vector<Attempt>& attempts() {
          [] {
              (void)::mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
          }},
+        {"madvise", call(SYS_madvise, 0, 4096, (1L << 32) | MADV_HWPOISON)},
+        {"madvise", [] { (void)::madvise(nullptr, 4096, MADV_HWPOISON + 1); }},
         {"mount", [] { (void)::mount("a", "b", "c", 0, nullptr); }},
         {"umount2", [] { (void)::umount2("/nonexistent", 0); }},
         {"setresuid", call(SYS_setresuid, 0, 0, 0)},
@@ -174,6 +176,11 @@ TEST_F(Sandbox, LetsServingGoOn) {
         if (::open("/proc/sys/vm/overcommit_memory", O_RDONLY) != -1 || errno != EACCES ||
             ::get_nprocs() < 1) {
             return 3;
+        }
+        void* const page = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (::madvise(page, 4096, MADV_DONTNEED) != 0 || ::madvise(page, 4096, 32) != -1 ||
+            errno != ENOSYS) {
+            return 5;
         }
         struct stat errors {};
         if (::fstat(STDERR_FILENO, &errors) != 0 || !S_ISFIFO(errors.st_mode) ||

@@ -32,7 +32,7 @@ constexpr std::string_view kAllowed =
     // The broker: its sockets, and its end.
     " sendto sendmsg recvfrom recvmsg wait4 waitid"
     // Memory and threads.
-    " brk munmap mremap madvise mlock munlock futex futex_time64 set_robust_list set_tid_address"
+    " brk munmap mremap mlock munlock futex futex_time64 set_robust_list set_tid_address"
     " rseq membarrier sched_yield sched_getaffinity getcpu exit exit_group restart_syscall"
     // Signals, clocks and what a process may ask of itself.
     " rt_sigprocmask rt_sigreturn sigreturn rt_sigpending sigaltstack getpid gettid getuid getuid32"
@@ -148,6 +148,17 @@ void addConditions(Filter& filter) {
     for (const char* const map : {"mmap", "mmap2", "mprotect"}) {
         filter.allow(map, {lacks(2, PROT_EXEC)});
         filter.forbid(map, {has(2, PROT_EXEC)});
+    }
+    // Advice about memory, which is below 32, and for guard pages of threads. In between is what
+    // takes pages from the whole system, if root asks.
+    constexpr uint64_t kBeyondAdvice = UINT32_MAX & ~31u;
+    constexpr int kSoftOffline = 101, kGuardInstall = 102, kGuardRemove = 103;
+    filter.allow("madvise", {lacks(2, kBeyondAdvice)});
+    for (const int guard : {kGuardInstall, kGuardRemove}) {
+        filter.allow("madvise", {isInt(2, guard)});
+    }
+    for (const int harm : {MADV_HWPOISON, kSoftOffline}) {
+        filter.forbid("madvise", {isInt(2, harm)});
     }
     // Of clone3 the flags cannot be seen; it answers ENOSYS as everything else does, and the C
     // library takes clone.
