@@ -297,6 +297,27 @@ void forgeName(const fs::path& image, const std::string& name, const std::string
     writeFile(image, bytes);
 }
 
+// A file system keeps new bytes in memory for seconds, unless it is told to write them out.
+TEST(Copy, GetEndsWhenTheCopyIsOnTheMedium) {
+    const SampleVolume volume;
+    const TempDirectory host;
+    const std::string content = "what the disk has to have";
+    tavelinDone({"put", volume.image(), "-", "file"}, content);
+    writeFile(host / "disk", "");
+    fs::resize_file(host / "disk", 16 << 20);
+    fs::create_directory(host / "mounted");
+    runOrThrow({"mkfs.ext4", "-q", host / "disk"});
+    const auto onDisk = [&](const std::string& script) { // its mount ends with the script
+        return run({"unshare", "-m", "sh", "-ec", "mount -o loop \"$1\" \"$2\"; " + script,
+                    TAVELIN_PROGRAM, host / "disk", host / "mounted", volume.image(), content});
+    };
+    if (const ProcessResult mounted = onDisk(""); !mounted.ok()) {
+        GTEST_SKIP() << "no disk to copy to: " << mounted.err;
+    }
+    const ProcessResult got = onDisk("\"$0\" get -q \"$3\" file \"$2\"; grep -qF \"$4\" \"$1\"");
+    EXPECT_TRUE(got.ok()) << got.describe();
+}
+
 TEST(Copy, GetNeverLeavesItsTarget) {
     const SampleVolume volume;
     volume.leaveUnchecked();
