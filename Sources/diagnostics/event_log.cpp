@@ -131,6 +131,11 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
         }
         MutexLock lock(lock_);
         if (isHolding_ && name != notable_ && !tellsOfFailure(fields)) {
+            if (std::ranges::find(alone_, name) != alone_.end()) {
+                held_.clear();
+                write(*line);
+                return;
+            }
             // The oldest ones go when a process reads for very long.
             constexpr std::size_t kHeldMax = 100;
             if (held_.size() == kHeldMax) {
@@ -150,10 +155,11 @@ void EventLog::event(std::string_view name, const Fields& fields) noexcept {
     }
 }
 
-void EventLog::holdUntilFailure(std::string_view notable) {
+void EventLog::holdUntilFailure(std::string_view notable, std::vector<std::string> alone) {
     MutexLock lock(lock_);
     isHolding_ = true;
     notable_ = notable;
+    alone_ = std::move(alone);
 }
 
 void EventLog::writeBy(std::function<void(std::string_view line)> writer) {

@@ -48,10 +48,11 @@ class EventLog {
     void event(std::string_view name, const Fields& fields = {}) noexcept;
 
     /// From now on events wait in memory until one tells of a failure ("ok" is false, or "errno" is
-    /// not 0) or is called `notable`; then they are written, and nothing waits any more. What still
-    /// waits when the process ends is dropped: reading a volume without an error is no news, and
-    /// would push mounts and errors out of the log.
-    void holdUntilFailure(std::string_view notable);
+    /// not 0) or is called `notable`; then they are written, and nothing waits any more. An event
+    /// that is called one of `alone` is written by itself, and drops those that waited before it.
+    /// What still waits when the process ends is dropped: reading a volume without an error is no
+    /// news, and would push mounts, changes and errors out of the log.
+    void holdUntilFailure(std::string_view notable, std::vector<std::string> alone = {});
 
     /// From now on gives each line, with its line feed, to `writer`: for a process that may not
     /// open the file. `writer` is called under the log's lock, logs nothing and must not throw.
@@ -103,6 +104,7 @@ class EventLog {
     mutable Mutex lock_ TAVELIN_ACQUIRED_AFTER(lock_order::devices);
     bool isHolding_ TAVELIN_GUARDED_BY(lock_) = false;
     std::string notable_ TAVELIN_GUARDED_BY(lock_);
+    std::vector<std::string> alone_ TAVELIN_GUARDED_BY(lock_);
     std::vector<std::string> held_ TAVELIN_GUARDED_BY(lock_); ///< whole lines, oldest first
     std::function<void(std::string_view)> writer_ TAVELIN_GUARDED_BY(lock_); ///< may be empty
 };

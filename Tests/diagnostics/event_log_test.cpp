@@ -2,14 +2,18 @@
 #include "support/temp_directory.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <csignal>
 #include <limits>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace tavelin {
 namespace {
@@ -137,6 +141,33 @@ TEST_F(EventLogTest, ReadingFollowsTheFileAndBeginsAgainAfterARotation) {
     expectChunk(8, "", 8);
     writeFile(file, "n\xffw\n");
     expectChunk(8, "n\ufffdw\n", 4);
+}
+
+TEST_F(EventLogTest, WhatWaitsIsWrittenWithAFailureInItsOrder) {
+    const auto after = [&](const std::vector<std::pair<std::string, Fields>>& logged) {
+        std::filesystem::remove(file);
+        EventLog waiting(file);
+        waiting.holdUntilFailure("check", {"load", "unload"});
+        for (const auto& [name, fields] : logged) {
+            waiting.event(name, fields);
+        }
+        std::string names;
+        std::istringstream lines(waiting.tail(1000));
+        for (std::string line; std::getline(lines, line);) {
+            names += nlohmann::json::parse(line).at("ev").get<std::string>() + " ";
+        }
+        return names;
+    };
+    const Fields good{{"ok", true}};
+    const Fields bad{{"ok", false}};
+    EXPECT_EQ(after({{"probe", {}}, {"activate", {}}}), "");
+    EXPECT_EQ(after({{"probe", {}}, {"load", good}, {"activate", {}}, {"unload", good}}),
+              "load unload ");
+    EXPECT_EQ(after({{"probe", {}}, {"load", good}, {"activate", {}}, {"unload", bad}}),
+              "load activate unload ");
+    EXPECT_EQ(after({{"probe", {}}, {"load", bad}, {"probe", {}}}), "probe load probe ");
+    EXPECT_EQ(after({{"load", good}, {"probe", {}}, {"check", {{"errno", 0}}}, {"probe", {}}}),
+              "load probe check probe ");
 }
 
 TEST_F(EventLogTest, TheProcessesLogIsInTheGroupsContainer) {

@@ -173,8 +173,10 @@ void Session::warnIfCutOff() {
 Session::Session(const VolumeArguments& arguments, Access access)
     : image_(arguments.image), place_(findVolume(arguments.image, arguments.offset)) {
     // A shell's own volume may be changed while another one is read.
-    if (access == Access::read && theStandingVolume == nullptr) {
-        events().holdUntilFailure("check");
+    if (theStandingVolume == nullptr) {
+        events().holdUntilFailure("check", access == Access::change
+                                               ? std::vector<std::string>{"load", "unload"}
+                                               : std::vector<std::string>());
     }
     // Before opening, which may already replay the journal.
     if (access == Access::change) {
