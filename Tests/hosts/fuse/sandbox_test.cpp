@@ -1,6 +1,7 @@
 // What a process in the sandbox of a mount's server can no longer do, and what is told of it.
 #include "diagnostics/event_log.hpp"
 #include "hosts/fuse/mount/broker.hpp"
+#include "hosts/fuse/mount/broker_process.hpp"
 #include "hosts/fuse/sandbox/landlock.hpp"
 #include "hosts/fuse/sandbox/sandbox.hpp"
 #include "hosts/fuse/sandbox/system_call_filter.hpp"
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <netinet/in.h>
@@ -233,6 +235,41 @@ TEST_F(Sandbox, ABrokerWithoutMemoryDropsALineAndNothingElse) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(log().find("\"long\""), std::string::npos);
     EXPECT_NE(log().find("\"short\""), std::string::npos);
+}
+
+// A server in wrong hands may send any bytes.
+TEST(BrokerProcess, TakesNoCallButThoseThatItKnows) {
+    auto [ourLines, itsLines] = MessageSocket::makePair();
+    auto [ourCalls, itsCalls] = MessageSocket::makePair();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        MountRequest request;
+        const FileDescriptor image("/dev/null", O_RDWR);
+        broker::serve(request, image.get(), itsLines, itsCalls);
+    }
+    const struct {
+        broker::Call call;
+        int32_t error;
+    } kRows[] = {
+        {{.kind = static_cast<broker::Call::Kind>(7), .served = 9}, EINVAL},
+        {{.kind = broker::Call::Kind::unmount, .lazily = 0x55, .served = 0xff}, 0},
+    };
+    for (const auto& row : kRows) {
+        ASSERT_TRUE(
+            ourCalls.send({reinterpret_cast<const char*>(&row.call), sizeof row.call}, true));
+        MessageSocket::Message answer;
+        ASSERT_TRUE(ourCalls.receive(answer));
+        broker::Result result;
+        ASSERT_EQ(answer.bytes.size(), sizeof result) << answer.bytes;
+        std::memcpy(&result, answer.bytes.data(), sizeof result);
+        EXPECT_EQ(result.error, row.error);
+    }
+    const char goodbye = static_cast<char>(broker::Line::goodbye);
+    EXPECT_TRUE(ourLines.send({&goodbye, 1}, true));
+    { const MessageSocket hungUp = std::move(ourCalls); }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 // Landlock alone, as where a kernel has no filters.

@@ -107,14 +107,18 @@ class Server {
   private:
     int answer(const Call& call) {
         if (call.kind == Call::Kind::unmount) {
-            return mount_.takeAway({.lazily = call.lazily, .served = call.served});
+            return mount_.takeAway({.lazily = call.lazily != 0, .served = call.served != 0});
+        }
+        if (call.kind != Call::Kind::mount) {
+            return EINVAL;
         }
         if (std::exchange(isMade_, true)) {
             return EALREADY;
         }
         // Sent ahead of the result, which comes when they are closed here: held any longer, they
         // would keep the device in use after an unmount.
-        const std::vector<FileDescriptor> opened = mount_.make(call.readOnly || request_.readOnly);
+        const std::vector<FileDescriptor> opened =
+            mount_.make(call.readOnly != 0 || request_.readOnly);
         calls_.send(kOpened, true, opened);
         if (!opened.empty() && !request_.foreground) {
             leaveTerminal();

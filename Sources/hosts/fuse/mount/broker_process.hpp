@@ -17,13 +17,14 @@ static_assert(static_cast<char>(Line::goodbye) != ForbiddenCall::kMark);
 
 /// Goes ahead of the Result of a mount that was tried, with its descriptors.
 inline constexpr std::string_view kOpened = "opened";
-/// A call of the server; answered by a Result.
+/// A call of the server; answered by a Result. Of types that have a value for any bytes: the server
+/// may be in wrong hands.
 struct Call {
     enum class Kind : uint8_t { mount, unmount };
     Kind kind = Kind::mount;
-    bool readOnly = false; ///< of a mount
-    bool lazily = false;   ///< of an unmount, see Unmounting
-    bool served = false;
+    uint8_t readOnly = 0; ///< 0 or not, of a mount
+    uint8_t lazily = 0;   ///< of an unmount, see Unmounting
+    uint8_t served = 0;
 };
 struct Result {
     int32_t error = 0; ///< a host errno
