@@ -254,6 +254,7 @@ class Mount {
                             .ownership = ownershipOf(request_),
                             .keepsOwners = request_.permissions,
                             .streams = request_.streams,
+                            .isEnding = [this] { return fuse_session_exited(session_.get()) != 0; },
                             .served = [this] { serve(); },
                             .unmounted = [this] { takeLeave(); }};
     FileDescriptor loop_; // the device under the mount, where an image has one

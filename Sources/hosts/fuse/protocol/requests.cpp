@@ -165,8 +165,9 @@ void control(fuse_req_t request, fuse_ino_t /*node*/, unsigned command, void* /*
         }
         std::memcpy(&range, given, sizeof range);
         const Outcome<uint64_t> trimmed = volumeOf(request).trim(
-            {.offset = range.start, .length = range.len, .minimum = range.minlen},
-            [request] { return fuse_req_interrupted(request) == 0; });
+            {.offset = range.start, .length = range.len, .minimum = range.minlen}, [request] {
+                return fuse_req_interrupted(request) == 0 && !contextOf(request).isEnding();
+            });
         if (!trimmed) {
             fuse_reply_err(request, hostError(trimmed.error()));
             return;

@@ -23,6 +23,8 @@ struct SessionContext {
     /// The volume keeps owners and modes itself, and `ownership` is for items without.
     bool keepsOwners;
     bool streams; ///< named streams are offered as extended attributes
+    /// No more requests are served, and what runs long should end.
+    std::function<bool()> isEnding;
     // Each is called once at most; what it throws ends the process.
     std::function<void()> served;    ///< called once the kernel has begun to send requests
     std::function<void()> unmounted; ///< called when it sends no more, before it is told so
