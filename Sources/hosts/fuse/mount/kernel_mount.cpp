@@ -174,7 +174,11 @@ int KernelMount::takeAway(Unmounting how) {
             (void)::syncfs(root.get()); // a failure is met again when the volume is closed
         }
     }
-    return unmount(*entry_, how.lazily);
+    const int failed = unmount(*entry_, how.lazily);
+    if (failed == 0) {
+        entry_.reset(); // its id may be another mount's from now on
+    }
+    return failed;
 }
 
 } // namespace tavelin::fusehost
