@@ -159,6 +159,9 @@ std::optional<std::string> LineEditor::read(const std::string& prompt) {
     while (true) {
         try {
             throwIfInterrupted();
+            // By itself the editor does this behind the prompt. What is typed before it would be
+            // shown twice, and the key for the end of the input would not count.
+            el_set(state_->editor.get(), EL_PREP_TERM, 1);
             line = el_gets(state_->editor.get(), &count);
             throwIfInterrupted();
             break;
