@@ -176,8 +176,8 @@ TEST_F(MountAttributes, HandlesAreGoodInEveryMount) {
         EXPECT_TRUE(top.open(root));
         fs::rename(*this / now, *this / "moved");
     }
-    // Nobody is given one of a system file, but root can make one: of the table of files itself, and
-    // of the files in $Extend.
+    // Nobody is given one of a system file, but root can make one: of the table of files itself,
+    // and of the files in $Extend.
     Handle forged(path("moved"));
     mount();
     for (const uint32_t record : {0u, 24u, 25u, 26u}) {
