@@ -7,68 +7,9 @@
 
 #include <algorithm>
 #include <array>
-#include <optional>
 
 namespace tavelin::cli {
 namespace {
-
-/// One character of UTF-8, or one byte that is not part of one.
-struct Character {
-    std::string_view bytes;       ///< never empty
-    std::optional<char32_t> code; ///< absent for an invalid byte
-};
-
-Character firstCharacter(std::string_view text) {
-    TAVELIN_ASSERT(!text.empty());
-    const auto lead = static_cast<unsigned char>(text.front());
-    const std::size_t length = lead < 0x80                   ? 1
-                               : lead >= 0xC2 && lead < 0xE0 ? 2
-                               : lead >= 0xE0 && lead < 0xF0 ? 3
-                               : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                             : 0;
-    if (length == 0 || length > text.size()) {
-        return {text.substr(0, 1), std::nullopt};
-    }
-    char32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
-    for (std::size_t i = 1; i < length; ++i) {
-        const auto next = static_cast<unsigned char>(text[i]);
-        if ((next & 0xC0u) != 0x80) {
-            return {text.substr(0, 1), std::nullopt};
-        }
-        code = (code << 6) | (next & 0x3Fu);
-    }
-    // Leads 0xC0 and 0xC1, the overlong forms of ASCII, are excluded above.
-    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-    if (overlong || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) {
-        return {text.substr(0, 1), std::nullopt};
-    }
-    return {text.substr(0, length), code};
-}
-
-/// Whether a character neither drives a terminal nor changes the reading of the line around it:
-/// C0 and C1 controls, line and paragraph separators, and bidirectional controls do.
-bool isHarmless(char32_t code) {
-    const bool control = code < 0x20 || (code >= 0x7F && code < 0xA0);
-    const bool separator = code == 0x2028 || code == 0x2029;
-    const bool direction = code == 0x200E || code == 0x200F || code == 0x061C ||
-                           (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
-    return !control && !separator && !direction;
-}
-
-/// The escaped form of a character that is not harmless, byte by byte.
-std::string inEscapes(std::string_view bytes) {
-    if (bytes == "\n") {
-        return "\\n";
-    }
-    if (bytes == "\t") {
-        return "\\t";
-    }
-    std::string result;
-    for (const char byte : bytes) {
-        result += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
-    }
-    return result;
-}
 
 struct CodeRange {
     char32_t first;
@@ -128,26 +69,6 @@ std::string inFormat(const char* format, const std::tm& time) {
 }
 
 } // namespace
-
-// A backslash is doubled only in a text that gets escapes. Most names with backslashes need none
-// and stay readable; in the others no backslash of the name can pass for one of an escape.
-std::string escaped(std::string_view text) {
-    std::string result;
-    bool changed = false;
-    for (std::string_view rest = text; !rest.empty();) {
-        const Character character = firstCharacter(rest);
-        rest.remove_prefix(character.bytes.size());
-        if (character.bytes == "\\") {
-            result += "\\\\";
-        } else if (character.code && isHarmless(*character.code)) {
-            result += character.bytes;
-        } else {
-            changed = true;
-            result += inEscapes(character.bytes);
-        }
-    }
-    return changed ? result : std::string(text);
-}
 
 std::string fitting(std::string_view text, std::size_t columns) {
     std::string result;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "fskit/api/item.hpp"
+#include "platform/harmless_text.hpp" // IWYU pragma: export
 
 #include <cstdint>
 #include <ctime>
@@ -12,11 +13,6 @@
 #include <string_view>
 
 namespace tavelin::cli {
-
-/// The text with control characters, line separators, direction marks and bytes that are not UTF-8
-/// written as \n, \t, \x1b and the like, so that no name can drive a terminal or fake a line.
-/// A backslash stays as it is unless something else needed one, when it is doubled.
-[[nodiscard]] std::string escaped(std::string_view text);
 
 /// As much of a valid UTF-8 text as fits in this many columns of a terminal. East Asian characters
 /// and emoji take two, combining marks none.

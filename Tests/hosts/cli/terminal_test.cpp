@@ -28,6 +28,16 @@ TEST(Terminal, NamesCannotDriveIt) {
     const std::string listing = onTerminal({"ls", "--json", volume.image()}, "1");
     EXPECT_EQ(listing.find('\x1b'), std::string::npos) << listing;
     EXPECT_NE(listing.find("\\u001b"), std::string::npos) << listing;
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"mount", volume.image(), evil},
+          {"mount", evil, "/nowhere"},
+          {"umount", evil},
+          {"ls", evil}}) {
+        const ProcessResult refused = tavelinRun(words);
+        EXPECT_NE(refused.status, 0) << refused.describe();
+        EXPECT_EQ(refused.err.find('\x1b'), std::string::npos) << refused.describe();
+        EXPECT_EQ(refused.err.find("\nfake"), std::string::npos) << refused.describe();
+    }
     // A program gets the name itself.
     EXPECT_EQ(tavelinDone({"ls", volume.image()}), evil + "\nlink\n");
 }

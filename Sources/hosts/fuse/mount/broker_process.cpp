@@ -2,6 +2,7 @@
 
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/log.hpp"
+#include "hosts/fuse/mount/complaint.hpp"
 #include "hosts/fuse/mount/kernel_mount.hpp"
 #include "hosts/fuse/sandbox/system_call_filter.hpp"
 
@@ -66,7 +67,7 @@ class Server {
             try {
                 result.error = answer(call);
             } catch (const std::exception& failure) {
-                std::fprintf(stderr, "tavelin: %s\n", failure.what());
+                complain(failure.what());
                 result.error = EIO;
             }
             calls_.send({reinterpret_cast<const char*>(&result), sizeof result}, true);

@@ -1,6 +1,7 @@
 #include "hosts/fuse/mount/kernel_mount.hpp"
 
 #include "hosts/fuse/libfuse.hpp"
+#include "hosts/fuse/mount/complaint.hpp"
 #include "hosts/fuse/mount/loop_device.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "platform/assert.hpp"
@@ -24,7 +25,7 @@ namespace {
 constexpr int kReadAhead = 1024; // KiB: lets one request fetch as much as one can carry
 
 // A value inside an option list: its commas and backslashes are not ours.
-std::string escaped(const std::string& value) {
+std::string withEscapedCommas(const std::string& value) {
     std::string safe;
     for (const char c : value) {
         if (c == ',' || c == '\\') {
@@ -38,7 +39,8 @@ std::string escaped(const std::string& value) {
 // The options of the kernel's mount over `device`, if any.
 std::string mountOptions(const MountRequest& request, const std::string& device, bool readOnly) {
     std::vector<std::string> options = request.kernelOptions;
-    options.push_back("fsname=" + escaped(device.empty() ? request.image.string() : device));
+    options.push_back("fsname=" +
+                      withEscapedCommas(device.empty() ? request.image.string() : device));
     options.emplace_back("subtype=tavelin");
     if (readOnly) {
         options.emplace_back("ro");
@@ -59,8 +61,8 @@ std::string mountOptions(const MountRequest& request, const std::string& device,
     return joined(options);
 }
 
-void complain(const MountRequest& request, std::string_view why) {
-    fmt::print(stderr, "tavelin: {}: {}\n", request.image.string(), why);
+void complainOf(const MountRequest& request, std::string_view why) {
+    complain(fmt::format("{}: {}", request.image.string(), why));
 }
 
 // Of an open block device, "major:minor"; empty for anything else.
@@ -104,7 +106,7 @@ std::vector<FileDescriptor> KernelMount::make(bool readOnly) {
     const std::vector<MountEntry> before = mountTable();
     std::vector<FileDescriptor> opened;
     if (before.empty()) {
-        complain(request_, "the kernel's table of mounts cannot be read");
+        complainOf(request_, "the kernel's table of mounts cannot be read");
         return opened;
     }
     // The kernel mounts the block device itself, or a loop device over the image. It mounts nothing
@@ -157,7 +159,7 @@ bool KernelMount::identify(int connection, const std::string& source, const std:
     }
     // The kernel goes by the device's path, which may lead to another one by now.
     if (entry_ && !device.empty() && entry_->device != device) {
-        complain(request_, "it was replaced by another device while it was being mounted");
+        complainOf(request_, "it was replaced by another device while it was being mounted");
         (void)takeAway({.lazily = true, .served = false}); // a failure leaves a dead mount
         return false;
     }

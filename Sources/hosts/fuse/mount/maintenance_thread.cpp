@@ -2,6 +2,7 @@
 
 #include "diagnostics/log.hpp"
 #include "hosts/fuse/libfuse.hpp"
+#include "hosts/fuse/mount/complaint.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -125,10 +126,9 @@ void MaintenanceThread::unmountMount(const Context& context) {
     int failed = context.broker.unmount({});
     if (failed == EPIPE) {
         // Nobody is left who could unmount it, or write this into the log.
-        fmt::print(stderr,
-                   "tavelin: {}: its second process has ended, so it cannot be unmounted: "
-                   "'tavelin umount' takes away what is left\n",
-                   context.directory.string());
+        complain(fmt::format("{}: its second process has ended, so it cannot be unmounted: "
+                             "'tavelin umount' takes away what is left",
+                             context.directory.string()));
         aborted_ = true;
         context.threads.stop();
         return;

@@ -4,6 +4,7 @@
 #include "hosting/module_host.hpp"
 #include "hosts/fuse/mount/broker.hpp"
 #include "hosts/fuse/mount/commands.hpp"
+#include "hosts/fuse/mount/complaint.hpp"
 #include "hosts/fuse/mount/daemon.hpp"
 #include "hosts/fuse/mount/maintenance_thread.hpp"
 #include "hosts/fuse/protocol/cpu_latency_request.hpp"
@@ -36,15 +37,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr size_t kWorkerThreads = 4;
-
-// Whoever was to read it may be gone.
-void print(const std::string& line) noexcept {
-    std::fprintf(stderr, "%s\n", line.c_str());
-}
-
-void complain(std::string_view what) {
-    print(fmt::format("tavelin: {}", what));
-}
 
 // For a server that may have left its terminal.
 void report(const std::string& what) {
@@ -109,7 +101,7 @@ class Mount {
         session_.reset();
         close();
         if (request_.trace) {
-            print(channel_.summary());
+            std::fprintf(stderr, "%s\n", channel_.summary().c_str());
         }
         return failed != 0 || lost_ ? 1 : 0;
     }

@@ -1,5 +1,6 @@
 // `tavelin umount`: unmounting and waiting for the server's end.
 #include "hosts/fuse/mount/commands.hpp"
+#include "hosts/fuse/mount/complaint.hpp"
 #include "hosts/fuse/mount/mount_table.hpp"
 #include "hosts/fuse/mount/served_mount.hpp"
 #include "platform/error_numbers.hpp"
@@ -15,7 +16,7 @@ namespace fs = std::filesystem;
 namespace {
 
 int fail(const fs::path& what, const std::string& why) {
-    fmt::print(stderr, "tavelin: {}: {}\n", what.string(), why);
+    complain(fmt::format("{}: {}", what.string(), why));
     return 1;
 }
 
