@@ -1,5 +1,5 @@
-/// Names and other foreign text as a terminal may have it: nothing in it drives the terminal or fakes
-/// a line. Pure functions, for any thread.
+/// Names and other foreign text as a terminal may have it: nothing in it drives the terminal or
+/// fakes a line. Pure functions, for any thread.
 #pragma once
 
 #include <optional>
