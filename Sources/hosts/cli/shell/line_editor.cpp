@@ -144,7 +144,8 @@ LineEditor::LineEditor(Complete complete) : state_(std::make_unique<State>()) {
     el_set(editor, EL_PROMPT, State::promptOf);
     el_set(editor, EL_EDITOR, "emacs");
     el_set(editor, EL_HIST, history, state_->history.get());
-    el_set(editor, EL_ADDFN, "complete", "complete the word", State::completeKey);
+    // The call for narrow text copies these and never lets go of the copies.
+    el_wset(editor, EL_ADDFN, L"complete", L"complete the word", State::completeKey);
     el_set(editor, EL_BIND, "^I", "complete", nullptr);
 }
 
