@@ -285,7 +285,7 @@ int32_t ntb_short_name(ntb_vol* vol, uint64_t directory, const char* name, char*
         const uint8_t* const key = value.data();
         constexpr size_t header = index_entry::key_header;
         if (value.size() < header ||
-            value.size() < header + key[offsetof(FILE_NAME_ATTR, file_name_length)] * 2u) {
+            value.size() < header + key[offsetof(FILE_NAME_ATTR, file_name_length)] * size_t{2}) {
             return EIO;
         }
         if (MREF(u64_at(key, 0)) != parent) {
