@@ -2,7 +2,7 @@
 // makes for single changes, and prints what Tavelin finds of them. Mounts, as root.
 #include "Benchmarks/crash/driver_recording.hpp"
 #include "Benchmarks/crash/findings.hpp"
-#include "crash/independent_check.hpp"
+#include "lab/independent_check.hpp"
 
 #include <fmt/format.h>
 

@@ -1,7 +1,7 @@
 // The operations of operations.hpp as the system's FUSE driver, ntfs-3g, carries them out.
 #pragma once
 
-#include "crash/recording.hpp"
+#include "lab/recording.hpp"
 
 #include <optional>
 

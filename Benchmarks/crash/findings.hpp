@@ -2,7 +2,7 @@
 // driver without a journal leaves more behind than one of two states.
 #pragma once
 
-#include "crash/power_cut.hpp"
+#include "lab/power_cut.hpp"
 
 #include <map>
 #include <string>

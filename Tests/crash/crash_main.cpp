@@ -2,8 +2,8 @@
 // what was left. With --recoveries the mount after the cut is cut off as well. With --neighbours
 // other systems are at the volume between the cut and the next mount, after single changes and
 // every 25th pair. Exits 1 when anything was wrong with any image.
-#include "crash/neighbours.hpp"
-#include "crash/power_cut.hpp"
+#include "lab/neighbours.hpp"
+#include "lab/power_cut.hpp"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 // Power cuts while a system-compressed file is changed, and so written out before: it is whole in
 // one form or the other, whenever the power goes.
-#include "crash/power_cut.hpp"
+#include "lab/power_cut.hpp"
 #include "support/reparse_items.hpp"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // A disk that nothing was written to for a second is clean for everybody, and one that is busy
 // says that it is.
-#include "crash/others_view.hpp"
-#include "crash/recording.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/others_view.hpp"
+#include "lab/recording.hpp"
 #include "support/replaced_services.hpp"
 #include "support/run_process.hpp"
 #include "support/sample_volume.hpp"

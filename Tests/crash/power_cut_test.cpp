@@ -1,6 +1,6 @@
 // The short form of script/crash: single operations, few reorderings.
-#include "crash/neighbours.hpp"
-#include "crash/power_cut.hpp"
+#include "lab/neighbours.hpp"
+#include "lab/power_cut.hpp"
 
 #include <gtest/gtest.h>
 

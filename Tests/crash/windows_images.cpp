@@ -2,10 +2,10 @@
 // left, whole or cut off, and a list of what each of them is. docs/windows.md says what to do with
 // them. Mounts the driver ntfs-3g, as root.
 #include "core/journal/journal_record.hpp"
-#include "crash/others_view.hpp"
-#include "crash/recording.hpp"
 #include "crash/virtual_disk.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/others_view.hpp"
+#include "lab/recording.hpp"
 #include "support/bridge_volume.hpp"
 #include "support/reparse_items.hpp"
 #include "support/replaced_services.hpp"

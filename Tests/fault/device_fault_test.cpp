@@ -1,5 +1,5 @@
-#include "crash/recording.hpp"
-#include "fault/device_ladder.hpp"
+#include "lab/device_ladder.hpp"
+#include "lab/recording.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/replaced_services.hpp"
 

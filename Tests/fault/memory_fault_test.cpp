@@ -1,8 +1,8 @@
 // Every allocation that a request makes, on its way through host, front end, core and bridge, fails
 // in turn.
-#include "crash/recording.hpp"
-#include "fault/requests.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/recording.hpp"
+#include "lab/requests.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/replaced_services.hpp"
 

@@ -4,7 +4,7 @@
 #include "NTFSBridge/ondisk/file_record.hpp"
 #include "NTFSBridge/ondisk/fixups.hpp"
 #include "core/journal/journal_record.hpp"
-#include "crash/recording.hpp"
+#include "lab/recording.hpp"
 #include "support/reparse_items.hpp"
 
 #include <algorithm>

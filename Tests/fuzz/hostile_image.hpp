@@ -15,7 +15,7 @@
 // journal's record gets the checksum that its new header asks for.
 #pragma once
 
-#include "crash/recording_resource.hpp"
+#include "lab/recording_resource.hpp"
 
 #include <cstdint>
 #include <span>

@@ -1,7 +1,7 @@
 #include "fuzz/hostile_image.hpp"
 #include "hosting/module_host.hpp"
 #include "hosting/paths.hpp"
-#include "hosting/system.hpp"
+#include "lab/system.hpp"
 
 #include <array>
 

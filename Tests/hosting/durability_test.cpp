@@ -1,7 +1,7 @@
 // What the module host adds to the volume's own care for its data: success means the medium.
 
-#include "crash/recording_resource.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/recording_resource.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/own_group.hpp"
 #include "support/replaced_services.hpp"

@@ -4,8 +4,7 @@
 // TAVELIN_MODEL_SEED, the first seed of eight, and TAVELIN_MODEL_STEPS run something else than
 // usual.
 
-#include "system.hpp"
-
+#include "lab/system.hpp"
 #include "support/sample_volume.hpp"
 #include "support/structural_check.hpp"
 

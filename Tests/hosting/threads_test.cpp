@@ -1,8 +1,7 @@
 // Several threads on one volume: each with a tree and a model of its own, which must agree whatever
 // the others do; and all of them in one directory, where what is seen must be whole work.
 
-#include "system.hpp"
-
+#include "lab/system.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/on_threads.hpp"
 #include "support/own_group.hpp"

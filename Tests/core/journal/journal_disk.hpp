@@ -4,7 +4,7 @@
 #include "core/device_box.hpp"
 #include "core/journal/journaled_device.hpp"
 #include "core/ntfs_volume.hpp"
-#include "crash/recording_resource.hpp"
+#include "lab/recording_resource.hpp"
 #include "support/sample_volume.hpp"
 #include "support/watched_device.hpp"
 

@@ -1,7 +1,7 @@
-#include "fault/device_ladder.hpp"
+#include "lab/device_ladder.hpp"
 
-#include "crash/recording.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/recording.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <fmt/format.h>
@@ -18,7 +18,7 @@ using Times = DeviceFault::Times;
 
 // A device without its host would be asked forever if a retry had no end.
 constexpr std::uint64_t kCallsAfterTheEndMax = 100;
-constexpr std::uint64_t kPage = 4096; // of the page cache
+constexpr std::uint64_t kCachedMax = 4096; // bytes of a block, of the page cache
 
 std::optional<std::int32_t> errorOf(const std::function<void()>& work) {
     try {
@@ -234,7 +234,7 @@ LadderResult DeviceLadder::climb(const Workload& request, const DeviceFault& fau
     for (std::uint64_t call = 1;; call++) {
         Rig rig(base_, blockSize_, fault);
         FaultRun rung(rig, request, fault, wanted);
-        const auto complaints = rung.run(call, blockSize_ <= kPage);
+        const auto complaints = rung.run(call, blockSize_ <= kCachedMax);
         result.rungs++;
         result.lostNames += rung.hasLostName() ? 1 : 0;
         result.failures += rig.injector.hits();

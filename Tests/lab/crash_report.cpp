@@ -1,4 +1,4 @@
-#include "crash/crash_report.hpp"
+#include "lab/crash_report.hpp"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

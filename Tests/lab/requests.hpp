@@ -1,7 +1,7 @@
 // Every request a volume answers, once each, on the volume that preparedVolume() makes.
 #pragma once
 
-#include "crash/operations.hpp"
+#include "lab/workload.hpp"
 
 #include <vector>
 

@@ -1,7 +1,7 @@
-#include "fault/requests.hpp"
+#include "lab/requests.hpp"
 
 #include "hosting/paths.hpp"
-#include "hosting/system.hpp"
+#include "lab/system.hpp"
 #include "platform/error_numbers.hpp"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
-#include "crash/operations.hpp"
+#include "lab/workload.hpp"
 
 #include "hosting/module_host.hpp"
-#include "hosting/system.hpp"
+#include "lab/system.hpp"
 #include "support/sample_volume.hpp"
 
 #include <cstring>

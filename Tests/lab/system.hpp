@@ -1,9 +1,8 @@
 // The real thing, with the same interface as the model: a volume driven through the module host.
 #pragma once
 
-#include "model.hpp"
-
 #include "hosting/module_host.hpp"
+#include "lab/model.hpp"
 
 namespace tavelin::test {
 

@@ -2,7 +2,7 @@
 // mount must then not lose.
 #pragma once
 
-#include "crash/recording.hpp"
+#include "lab/recording.hpp"
 
 #include <cstdint>
 #include <map>

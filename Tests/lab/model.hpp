@@ -5,7 +5,7 @@
 // from then on they must stay as seen.
 #pragma once
 
-#include "operation.hpp"
+#include "lab/operation.hpp"
 
 #include <map>
 

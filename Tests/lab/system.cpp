@@ -1,4 +1,4 @@
-#include "system.hpp"
+#include "lab/system.hpp"
 
 #include "support/bytes.hpp"
 

@@ -1,7 +1,7 @@
-#include "crash/power_cut.hpp"
+#include "lab/power_cut.hpp"
 
-#include "crash/independent_check.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/independent_check.hpp"
 #include "support/replaced_services.hpp"
 #include "support/structural_check.hpp"
 

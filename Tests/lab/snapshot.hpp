@@ -1,7 +1,7 @@
 // What a volume holds, as a program that reads all of it sees it.
 #pragma once
 
-#include "hosting/system.hpp"
+#include "lab/system.hpp"
 
 #include <map>
 #include <span>

@@ -1,4 +1,4 @@
-#include "crash/recording_resource.hpp"
+#include "lab/recording_resource.hpp"
 
 #include <algorithm>
 #include <cstring>

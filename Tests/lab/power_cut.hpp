@@ -1,8 +1,8 @@
 // Cuts the power at every write that a recording disk has seen, and examines what is left.
 #pragma once
 
-#include "crash/crash_report.hpp"
-#include "crash/recording.hpp"
+#include "lab/crash_report.hpp"
+#include "lab/recording.hpp"
 
 #include <cstdint>
 #include <functional>

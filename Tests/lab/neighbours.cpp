@@ -1,10 +1,10 @@
-#include "crash/neighbours.hpp"
+#include "lab/neighbours.hpp"
 
 #include "check/image_editor.hpp"
 #include "core/journal/journal.hpp"
 #include "core/ntfs_volume.hpp"
-#include "crash/others_view.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/others_view.hpp"
 #include "support/memory_device.hpp"
 #include "support/replaced_services.hpp"
 #include "support/structural_check.hpp"
@@ -38,10 +38,6 @@ const std::string kEdited = "stable/11"; // the file whose content is edited
 Image imageOf(const Bytes& bytes) {
     const auto* const first = reinterpret_cast<const std::uint8_t*>(bytes.data());
     return {first, first + bytes.size()};
-}
-
-std::span<const std::byte> bytesOf(const std::string& text) {
-    return std::as_bytes(std::span(text));
 }
 
 // What waits in the journal of an image; none where the records are not valid.

@@ -1,4 +1,4 @@
-#include "operation.hpp"
+#include "lab/operation.hpp"
 
 #include <filesystem>
 #include <iomanip>

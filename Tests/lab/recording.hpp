@@ -1,8 +1,8 @@
 // A script as it ran: what the disk saw, and what the volume held in between.
 #pragma once
 
-#include "crash/operations.hpp"
-#include "crash/snapshot.hpp"
+#include "lab/snapshot.hpp"
+#include "lab/workload.hpp"
 
 #include <cstddef>
 #include <string>

@@ -1,9 +1,9 @@
 // The changes whose power cuts are tried, and the volume they are made on.
 #pragma once
 
-#include "crash/recording_resource.hpp"
-#include "hosting/operation.hpp"
 #include "hosting/volume_client.hpp"
+#include "lab/operation.hpp"
+#include "lab/recording_resource.hpp"
 
 #include <filesystem>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "crash/others_view.hpp"
+#include "lab/others_view.hpp"
 
 #include "check/mount_gate.hpp"
 #include "core/device_box.hpp"

@@ -1,4 +1,4 @@
-#include "model.hpp"
+#include "lab/model.hpp"
 
 #include <algorithm>
 #include <chrono>

@@ -1,4 +1,4 @@
-#include "crash/independent_check.hpp"
+#include "lab/independent_check.hpp"
 
 #include <algorithm>
 #include <regex>

@@ -1,7 +1,7 @@
 // What power cuts did to a volume, in numbers.
 #pragma once
 
-#include "crash/recording_resource.hpp"
+#include "lab/recording_resource.hpp"
 
 #include <cstddef>
 #include <cstdint>

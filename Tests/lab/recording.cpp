@@ -1,4 +1,4 @@
-#include "crash/recording.hpp"
+#include "lab/recording.hpp"
 
 #include "hosting/module_host.hpp"
 #include "support/replaced_services.hpp"

@@ -1,4 +1,4 @@
-#include "crash/snapshot.hpp"
+#include "lab/snapshot.hpp"
 
 #include "core/journal/crc32c.hpp"
 #include "hosting/paths.hpp"

@@ -1,8 +1,8 @@
 // Fails every device call of a request in turn, and says what was wrong with how that was taken.
 #pragma once
 
-#include "crash/snapshot.hpp"
-#include "fault/requests.hpp"
+#include "lab/requests.hpp"
+#include "lab/snapshot.hpp"
 
 #include <cstdint>
 #include <string>
