@@ -36,6 +36,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Fewer do not take turns, more are slower to come back to a warm cache.
 constexpr size_t kWorkerThreads = 4;
 
 // For a server that may have left its terminal.

@@ -17,7 +17,6 @@ namespace tavelin::fusehost {
 
 namespace {
 
-constexpr uint32_t kHandOffBytesMin = 64 << 10; // bytes
 constexpr auto kResendInterval = std::chrono::milliseconds(20);
 
 // Interrupts a thread's wait for the next request; the handler itself has nothing to do.
@@ -33,20 +32,18 @@ void installWakeSignal() {
     ::pthread_sigmask(SIG_UNBLOCK, &wake, nullptr);
 }
 
-// Whether serving the request takes longer than waking a follower to receive the next one.
-bool shouldHandOff(const fuse_buf& request) {
+// Whether others may be served meanwhile: those that take long, and none about names.
+bool isServedBesideOthers(const fuse_buf& request) {
     const auto& header = *static_cast<const fuse_in_header*>(request.mem);
     const void* arguments = &header + 1;
     switch (header.opcode) {
     case FUSE_READ:
-        return static_cast<const fuse_read_in*>(arguments)->size >= kHandOffBytesMin;
     case FUSE_WRITE:
-        return static_cast<const fuse_write_in*>(arguments)->size >= kHandOffBytesMin;
-    case FUSE_IOCTL: // others, such as isatty(3) makes, are refused at once
-        return static_cast<const fuse_ioctl_in*>(arguments)->cmd == FITRIM;
     case FUSE_FSYNC:
     case FUSE_FSYNCDIR:
         return true;
+    case FUSE_IOCTL: // others, such as isatty(3) makes, are refused at once
+        return static_cast<const fuse_ioctl_in*>(arguments)->cmd == FITRIM;
     default:
         return false;
     }
@@ -55,80 +52,88 @@ bool shouldHandOff(const fuse_buf& request) {
 } // namespace
 
 int WorkerThreads::run(size_t count) {
+    if (const int failed = start(count); failed != 0) {
+        return failed;
+    }
     {
-        const MutexLock held(servingLock_);
-        serving_.reserve(count);
-    }
-    std::vector<std::thread> threads;
-    threads.reserve(count);
-    try {
-        while (threads.size() < count) {
-            threads.emplace_back([this] { serve(); });
+        const MutexLock held(workersLock_);
+        while (serving_ == workers_.size()) {
+            ended_.wait(workersLock_);
         }
-    } catch (const std::system_error& failure) {
-        if (threads.empty()) {
-            return failure.code().value();
-        }
-        log().error(fmt::format("serving with {} threads of {}: {}", threads.size(), count,
-                                failure.code().message()));
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+    stop(); // an unmount ends all of them, a failed receive only one
+    std::vector<std::thread> ended;
+    const MutexLock held(workersLock_);
+    ended.swap(workers_);
+    for (std::thread& worker : ended) {
+        worker.join();
     }
     return error_;
 }
 
+int WorkerThreads::start(size_t count) {
+    const MutexLock held(workersLock_);
+    workers_.reserve(count);
+    try {
+        while (workers_.size() < count) {
+            workers_.emplace_back([this] { serve(); });
+            ++serving_;
+        }
+    } catch (const std::system_error& failure) {
+        if (workers_.empty()) {
+            return failure.code().value();
+        }
+        log().error(fmt::format("serving with {} threads of {}: {}", workers_.size(), count,
+                                failure.code().message()));
+    }
+    return 0;
+}
+
 void WorkerThreads::stop() {
     fuse_session_exit(session_);
-    const MutexLock held(servingLock_);
-    while (!serving_.empty()) {
-        for (const pthread_t thread : serving_) {
-            ::pthread_kill(thread, kWakeSignal);
+    const MutexLock held(workersLock_);
+    while (serving_ > 0) {
+        for (std::thread& worker : workers_) {
+            ::pthread_kill(worker.native_handle(), kWakeSignal); // one that has ended takes none
         }
         // A signal that arrives after a worker has tested for the end and before it blocks in the
         // next receive is lost. Sending it again until the worker is gone closes that window.
-        ended_.waitUntil(servingLock_, std::chrono::steady_clock::now() + kResendInterval);
+        ended_.waitUntil(workersLock_, std::chrono::steady_clock::now() + kResendInterval);
     }
 }
 
 void WorkerThreads::serve() noexcept {
     installWakeSignal();
-    {
-        const MutexLock held(servingLock_);
-        serving_.push_back(::pthread_self());
-    }
     fuse_buf request{};
-    for (;;) {
-        {
-            const MutexLock held(leader_);
-            if (!lead(request)) {
-                break;
-            }
+    while (receive(request)) {
+        if (isServedBesideOthers(request)) {
+            fuse_session_process_buf(session_, &request);
+        } else {
+            const MutexLock held(turn_);
+            fuse_session_process_buf(session_, &request);
         }
-        fuse_session_process_buf(session_, &request);
     }
     std::free(request.mem);
-    const MutexLock held(servingLock_);
-    std::erase(serving_, ::pthread_self());
+    const MutexLock held(workersLock_);
+    --serving_;
     ended_.notifyAll();
 }
 
-bool WorkerThreads::lead(fuse_buf& request) {
+bool WorkerThreads::receive(fuse_buf& request) {
     while (fuse_session_exited(session_) == 0) {
         const int got = fuse_session_receive_buf(session_, &request);
         if (got == -EINTR || got == -EAGAIN) {
             continue;
         }
-        if (got <= 0) {
-            error_ = -got;
-            fuse_session_exit(session_);
-            return false;
-        }
-        latency_.noteRequest();
-        if (shouldHandOff(request)) {
+        if (got > 0) {
+            latency_.noteRequest();
             return true;
         }
-        fuse_session_process_buf(session_, &request);
+        if (got < 0) {
+            const MutexLock held(workersLock_);
+            error_ = -got;
+        }
+        fuse_session_exit(session_);
     }
     return false;
 }

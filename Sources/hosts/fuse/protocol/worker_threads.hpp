@@ -1,17 +1,20 @@
-/// The threads that serve a session's requests, in the leader/followers pattern.
+/// The threads that serve a session's requests.
 ///
-/// One thread at a time is the leader: it waits for the next request and serves it itself. A
-/// request about names or attributes takes less time than waking another thread, and a thread that
-/// stays on its caller's processor answers soonest. Before a request that moves much data or waits
-/// for the device, the leader hands leadership to a follower, which receives what comes meanwhile.
+/// All of them wait in the kernel for the next request, and the kernel wakes the one that has
+/// waited longest. A single thread that waits again after each reply is slower where processors go
+/// to sleep quickly, as in virtual machines: it stays on a processor of its own, so that both the
+/// request and the reply wake a sleeping one. Of threads that take turns some were last on the
+/// processor of the caller, and are woken there.
+///
+/// Requests that move data or wait for the device are served side by side, all others one at a
+/// time.
 #pragma once
 
 #include "hosts/fuse/protocol/cpu_latency_request.hpp"
 #include "platform/mutex.hpp"
 
-#include <atomic>
 #include <cstddef>
-#include <pthread.h>
+#include <thread>
 #include <vector>
 
 struct fuse_buf;
@@ -28,7 +31,7 @@ class WorkerThreads {
     WorkerThreads& operator=(const WorkerThreads&) = delete;
 
     /// Serves with up to `count` threads until the file system is unmounted or stop() is called; 0
-    /// or a host errno, also when not even one thread can be started.
+    /// or a host errno, also when not even one thread can be started. To be called once.
     int run(size_t count);
 
     /// Makes every worker end after the request it serves, and waits for that. Requests that the
@@ -37,23 +40,24 @@ class WorkerThreads {
     void stop();
 
   private:
-    /// One worker's life: leads, serves what it handed over, and leads again.
+    /// Starts the workers; 0 or a host errno when there is not even one.
+    int start(size_t count);
+    /// One worker's life.
     void serve() noexcept;
-    /// Serves as the leader. True: `request` holds one to serve after giving up leadership. False:
-    /// the session has ended.
-    bool lead(fuse_buf& request) TAVELIN_REQUIRES(leader_);
+    /// Waits for the next request. False: the session has ended.
+    bool receive(fuse_buf& request);
 
     fuse_session* const session_;
     CpuLatencyRequest& latency_;
-    /// Held by the leader while it receives. Its owner changes with each hand-over.
-    Mutex leader_;
+    /// Held while a request is served that must be the only one.
+    Mutex turn_;
+    Mutex workersLock_;
+    ConditionVariable ended_; // signalled when a worker ends
+    /// Ended ones stay until run() returns: signalling one that has been joined is undefined.
+    std::vector<std::thread> workers_ TAVELIN_GUARDED_BY(workersLock_);
+    size_t serving_ TAVELIN_GUARDED_BY(workersLock_) = 0;
     /// Why the session ended; 0 for an unmount.
-    std::atomic<int> error_{0};
-    Mutex servingLock_;
-    ConditionVariable ended_; // signalled when a worker has removed itself from serving_
-    /// Workers that stop() may signal. Each removes itself before it ends, because signalling an
-    /// ended thread is undefined.
-    std::vector<pthread_t> serving_ TAVELIN_GUARDED_BY(servingLock_);
+    int error_ TAVELIN_GUARDED_BY(workersLock_) = 0;
 };
 
 } // namespace tavelin::fusehost
