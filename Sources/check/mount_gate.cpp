@@ -1,7 +1,6 @@
 #include "check/mount_gate.hpp"
 
-#include "check/check.hpp"
-#include "check/private/volume.hpp"
+#include "check/private/volume_view.hpp"
 
 #include <fmt/format.h>
 
@@ -23,20 +22,8 @@ constexpr Reservation kReservations[] = {
 };
 
 std::uint16_t flagsOnVolume(BlockDevice& device) {
-    const Options options;
-    Report report;
-    Volume volume(device, options, report);
-    try {
-        volume.open();
-    } catch (const Unreadable&) {
-        return 0;
-    }
-    File file;
-    const Attribute* const information =
-        volume.loadFile(ntb::record_volume, file) ? file.find(ntb::at_volume_information) : nullptr;
-    return information != nullptr && information->isResident() && information->size() >= 12
-               ? ntb::u16_at(information->first.value().data(), 0x0a)
-               : std::uint16_t{0};
+    VolumeView view(device);
+    return view.isReadable() ? view.information().flags : std::uint16_t{0};
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "check/volume_map.hpp"
 
-#include "check/check.hpp"
-#include "check/private/volume.hpp"
+#include "check/private/volume_view.hpp"
 
 #include <algorithm>
 
@@ -145,14 +144,11 @@ VolumeMap::Part VolumeMap::total() const {
 
 std::optional<VolumeMap> readVolumeMap(BlockDevice& device, std::size_t parts,
                                        std::optional<std::uint64_t> record) {
-    const Options options;
-    Report report;
-    Volume volume(device, options, report);
-    try {
-        volume.open();
-    } catch (const Unreadable&) {
+    VolumeView view(device);
+    if (!view.isReadable()) {
         return std::nullopt;
     }
+    Volume& volume = view.volume();
     VolumeMap map;
     map.clusterBytes = volume.boot.cluster_size;
     // The device bounds what a damaged boot sector claims.

@@ -1,7 +1,6 @@
 #include "check/volume_state.hpp"
 
-#include "check/check.hpp"
-#include "check/private/volume.hpp"
+#include "check/private/volume_view.hpp"
 
 #include <algorithm>
 #include <array>
@@ -68,28 +67,17 @@ void readRecordCounts(Volume& volume, VolumeState& state) {
 } // namespace
 
 std::optional<VolumeState> readVolumeState(BlockDevice& device) {
-    const Options options;
-    Report report;
-    Volume volume(device, options, report);
-    try {
-        volume.open();
-    } catch (const Unreadable&) {
+    VolumeView view(device);
+    if (!view.isReadable()) {
         return std::nullopt;
     }
+    const VolumeInformation information = view.information();
     VolumeState state;
-    File file;
-    const Attribute* const information =
-        volume.loadFile(ntb::record_volume, file) ? file.find(ntb::at_volume_information) : nullptr;
-    constexpr std::uint64_t kInformationBytes = 12;
-    if (information != nullptr && information->isResident() &&
-        information->size() >= kInformationBytes) {
-        const std::uint8_t* const value = information->first.value().data();
-        state.majorVersion = value[8];
-        state.minorVersion = value[9];
-        state.flags = ntb::u16_at(value, 0x0a);
-    }
-    readLog(volume, state);
-    readRecordCounts(volume, state);
+    state.flags = information.flags;
+    state.majorVersion = information.majorVersion;
+    state.minorVersion = information.minorVersion;
+    readLog(view.volume(), state);
+    readRecordCounts(view.volume(), state);
     return state;
 }
 
