@@ -105,6 +105,16 @@ int32_t lookup_in(ntfs_inode* directory, const char* name, uint64_t& ino) noexce
     return lookup_in(directory, text, ino);
 }
 
+int32_t named_entry::find(const ntb_vol* vol, uint64_t parent, const char* text) noexcept {
+    if (const int32_t error = uname_of(text, name); error != 0) {
+        return error;
+    }
+    if (const int32_t error = open_directory(vol, parent, directory); error != 0) {
+        return error;
+    }
+    return lookup_in(directory.get(), name, ino);
+}
+
 bool find_in_any_case(ntfs_inode* directory, std::span<ntfschar> name, u64& found) noexcept {
     const auto length = static_cast<int>(name.size());
     ntfs_volume* const volume = directory->vol;

@@ -56,6 +56,16 @@ c_string copy_for_caller(const char* text) noexcept;
 [[nodiscard]] int32_t lookup_in(ntfs_inode* directory, const utf16_text& name,
                                 uint64_t& ino) noexcept;
 
+// A name in a directory that is open, and the record that it leads to.
+struct named_entry {
+    inode_guard directory;
+    utf16_text name;
+    uint64_t ino = 0;
+
+    // Finds a name: the errors of uname_of, open_directory and lookup_in, in this order.
+    [[nodiscard]] int32_t find(const ntb_vol* vol, uint64_t parent, const char* text) noexcept;
+};
+
 // The reference that a name leads to as it is written, else in another case by the volume's own
 // table, as Windows looks names up; the name is then made the one that the volume has. False when
 // there is none. No inode but the directory's may be open.

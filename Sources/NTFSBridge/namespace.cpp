@@ -72,29 +72,21 @@ int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_
     if (is_read_only(vol)) {
         return EROFS;
     }
-    utf16_text text;
-    if (const int32_t error = uname_of(name, text); error != 0) {
-        return error;
-    }
-    inode_guard directory;
-    if (const int32_t error = open_directory(vol, parent, directory); error != 0) {
-        return error;
-    }
-    uint64_t ino = 0;
     // By name and not by the caller's inode number: the name is what goes, whatever it leads to by
     // now.
-    if (const int32_t error = lookup_in(directory.get(), text, ino); error != 0) {
+    named_entry entry;
+    if (const int32_t error = entry.find(vol, parent, name); error != 0) {
         return error;
     }
     // System files, without which the volume could not be used.
-    if (directory->mft_no == extend_ino || ino < first_user_ino) {
+    if (entry.directory->mft_no == extend_ino || entry.ino < first_user_ino) {
         return EPERM;
     }
-    if (ino == directory->mft_no) {
+    if (entry.ino == entry.directory->mft_no) {
         return EIO; // only a damaged volume has a directory that contains itself
     }
     inode_guard child;
-    if (const int32_t error = child.open(vol->volume, ino); error != 0) {
+    if (const int32_t error = child.open(vol->volume, entry.ino); error != 0) {
         return error;
     }
     errno = 0;
@@ -105,8 +97,9 @@ int32_t unlink_impl(ntb_vol* vol, uint64_t parent, const char* name, bool check_
     }
     errno = 0;
     // Takes over both inodes and closes them on success and on failure, hence the releases.
-    const bool deleted = ntfs_delete(vol->volume, nullptr, child.release(), directory.release(),
-                                     text.units(), text.name_length()) == 0;
+    const bool deleted =
+        ntfs_delete(vol->volume, nullptr, child.release(), entry.directory.release(),
+                    entry.name.units(), entry.name.name_length()) == 0;
     return deleted ? 0 : err_or(EIO);
 }
 

@@ -260,20 +260,14 @@ int32_t ntb_readdir_sorted(ntb_vol* vol, uint64_t directory, ntb_position* posit
 }
 
 int32_t ntb_short_name(ntb_vol* vol, uint64_t directory, const char* name, char** alias) {
-    utf16_text text;
-    if (const int32_t error = uname_of(name, text); error != 0) {
+    named_entry entry;
+    if (const int32_t error = entry.find(vol, directory, name); error != 0) {
         return error;
     }
-    inode_guard inode;
-    if (const int32_t error = open_directory(vol, directory, inode); error != 0) {
-        return error;
-    }
-    uint64_t ino = 0;
-    if (const int32_t error = lookup_in(inode.get(), text, ino); error != 0) {
-        return error;
-    }
-    const uint64_t parent = inode->mft_no;
-    if (const int32_t error = inode.open(vol->volume, ino); error != 0) {
+    const utf16_text& text = entry.name;
+    const uint64_t parent = entry.directory->mft_no;
+    inode_guard& inode = entry.directory; // closed before the file's record is opened
+    if (const int32_t error = inode.open(vol->volume, entry.ino); error != 0) {
         return error;
     }
     // A file has one alias at most, which goes with its one name in the Win32 namespace.
