@@ -103,55 +103,6 @@ class Walker {
     int links_ = 0;
 };
 
-/// Enters directories, each at most once on the way to where it stands.
-class TreeWalk {
-  public:
-    TreeWalk(VolumeClient& volume, const Visit& visit) : volume_(volume), visit_(visit) {}
-
-    std::optional<fskit::Error> enter(const ItemRef& directory, const std::string& prefix) {
-        const auto own = volume_.attributes(directory);
-        if (!own) {
-            return own.error();
-        }
-        if (std::find(path_.begin(), path_.end(), own->fileID()) != path_.end()) {
-            return fskit::fs_errorForPOSIXError(kEIO); // only a damaged volume has such a directory
-        }
-        path_.push_back(own->fileID());
-        auto error = below(directory, prefix);
-        TAVELIN_ASSERT(!path_.empty() && path_.back() == own->fileID());
-        path_.pop_back();
-        return error;
-    }
-
-  private:
-    std::optional<fskit::Error> below(const ItemRef& directory, const std::string& prefix) {
-        // Listed whole before any is visited: a visitor may change the directory, and the entries
-        // that are still to come must not depend on that.
-        const auto entries = volume_.list(directory, true);
-        if (!entries) {
-            return entries.error();
-        }
-        for (const DirectoryEntry& entry : *entries) {
-            const std::string path = prefix + entry.name;
-            if (!visit_(path, entry) || entry.type != fskit::FSItemType::directory) {
-                continue;
-            }
-            const auto child = volume_.lookup(directory, entry.name);
-            if (!child) {
-                return child.error();
-            }
-            if (auto error = enter(child->item, path + "/")) {
-                return error;
-            }
-        }
-        return std::nullopt;
-    }
-
-    VolumeClient& volume_;
-    const Visit& visit_;
-    std::vector<fskit::FSItemID> path_; // of the directories entered and not yet left
-};
-
 } // namespace
 
 Outcome<Found> resolve(VolumeClient& volume, std::string_view path, LastLink last) {
@@ -176,10 +127,6 @@ Outcome<Location> locate(VolumeClient& volume, std::string_view path) {
         return *error;
     }
     return Location{walker.here().duplicate(), std::move(name)};
-}
-
-Outcome<void> walk(VolumeClient& volume, const ItemRef& directory, const Visit& visit) {
-    return TreeWalk(volume, visit).enter(directory, {});
 }
 
 } // namespace tavelin

@@ -9,7 +9,6 @@
 
 #include "hosting/volume_client.hpp"
 
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -34,12 +33,5 @@ struct Location {
 /// The directory that holds the path's last component, and that component, which need not exist.
 /// kEINVAL for the root itself and for paths that end in "..".
 Outcome<Location> locate(VolumeClient& volume, std::string_view path);
-
-/// Calls `visit` for everything below a directory, parents first, with the path below it ("a/b")
-/// and the entry, whose attributes are there unless they could not be read. A directory is entered
-/// when `visit` answers true. Links are not followed. Stops at the first error, kEIO for a
-/// directory that is inside itself.
-using Visit = std::function<bool(const std::string& path, const DirectoryEntry& entry)>;
-Outcome<void> walk(VolumeClient& volume, const ItemRef& directory, const Visit& visit);
 
 } // namespace tavelin

@@ -4,6 +4,7 @@
 #include "lab/system.hpp"
 
 #include <array>
+#include <deque>
 
 // What the library loses is for it to find.
 extern "C" const char* __lsan_default_suppressions() {
@@ -16,15 +17,20 @@ namespace {
 
 using Path = const std::string&;
 
-constexpr std::size_t kWalkEntriesMax = 400; // of a walk: directories may hold each other
+constexpr std::size_t kEntriesSeenMax = 400; // of a tree: directories may hold each other
 constexpr std::int64_t kReadBytesMax = 1 << 20;
 
-void walkAll(VolumeClient& volume, Path path) {
-    std::size_t seen = 0;
-    const ItemRef item = resolve(volume, path, LastLink::keep).get().item;
-    walk(volume, item, [&](const std::string&, const DirectoryEntry&) {
-        return ++seen < kWalkEntriesMax;
-    }).get();
+void listTree(VolumeClient& volume, Path path) {
+    std::deque<ItemRef> waiting;
+    waiting.push_back(resolve(volume, path, LastLink::keep).get().item);
+    for (std::size_t seen = 0; !waiting.empty() && seen < kEntriesSeenMax; waiting.pop_front()) {
+        for (const DirectoryEntry& entry : volume.list(waiting.front(), true).get()) {
+            ++seen;
+            if (entry.type == fskit::FSItemType::directory) {
+                waiting.push_back(volume.lookup(waiting.front(), entry.name).get().item);
+            }
+        }
+    }
 }
 
 void readStreams(VolumeClient& volume, Path path) {
@@ -63,7 +69,7 @@ void send(VolumeClient& volume, const std::vector<Operation>& operations) {
 // Inputs choose by these numbers.
 using Request = void (*)(VolumeClient&, Path);
 const std::array<Request, 14> kRequests{
-    walkAll,
+    listTree,
     [](auto& v, Path p) {
         send(v, {{Verb::read, p, "", 0, kReadBytesMax}, {Verb::readlink, p}});
     },
