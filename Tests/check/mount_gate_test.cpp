@@ -3,6 +3,8 @@
 #include "check/filled_volume.hpp"
 #include "check/image_editor.hpp"
 #include "check/mount_gate.hpp"
+#include "check/volume_map.hpp"
+#include "check/volume_state.hpp"
 #include "support/memory_device.hpp"
 
 #include <gtest/gtest.h>
@@ -48,38 +50,80 @@ TEST(MountGate, LeavesToWindowsWhatIsReservedForIt) {
     EXPECT_EQ(check::reservation(device), "");
 }
 
+// A page of Windows' journal: where its restart area is, the version, whether clients use it.
+std::function<void(ImageEditor&)> restartPage(uint16_t version, uint16_t clients) {
+    return [=](ImageEditor& editor) {
+        editor.editValue(ntb::record_logfile, ntb::at_data, "", [&](ImageEditor::Bytes log) {
+            ntb::put_at(log.data(), 0, 4, 0x52545352); // "RSTR"
+            ntb::put_at(log.data(), 0x18, 2, 0x30);
+            ntb::put_at(log.data(), 0x1c, 2, version);
+            ntb::put_at(log.data(), 0x3c, 2, clients);
+            ntb::put_at(log.data(), 0x3e, 2, 0);
+        });
+    };
+}
+
 TEST(VolumesOfWindows, SayWhatCannotBeTrusted) {
-    const std::vector<uint8_t> sound = filledImage({}, 4);
-    const auto notesOf = [&](const std::function<void(ImageEditor&)>& change) {
-        MemoryDevice device(sound);
-        ImageEditor editor(device.bytes);
-        change(editor);
-        const check::Report report = check::checkVolume(device);
-        EXPECT_TRUE(report.isClean()) << check::complaints(device);
-        return report.notes.empty() ? "" : report.notes.at(0);
-    };
-    // A page of Windows' journal: where its restart area is, the version, whether clients use it.
-    const auto restartPage = [](uint16_t version, uint16_t clients) {
-        return [=](ImageEditor& editor) {
-            editor.editValue(ntb::record_logfile, ntb::at_data, "", [&](ImageEditor::Bytes log) {
-                ntb::put_at(log.data(), 0, 4, 0x52545352); // "RSTR"
-                ntb::put_at(log.data(), 0x18, 2, 0x30);
-                ntb::put_at(log.data(), 0x1c, 2, version);
-                ntb::put_at(log.data(), 0x3c, 2, clients);
-                ntb::put_at(log.data(), 0x3e, 2, 0);
-            });
-        };
-    };
-    EXPECT_EQ(notesOf([](ImageEditor&) {}), "");
-    EXPECT_EQ(notesOf(restartPage(1, 0xffff)), "");
-    EXPECT_NE(notesOf(restartPage(1, 0)).find("not shut down properly"), std::string::npos);
-    EXPECT_NE(notesOf(restartPage(2, 0xffff)).find("fast startup"), std::string::npos);
+    using check::LogState;
     const auto hibernate = [](ImageEditor& editor) {
         editor.editValue(
             editor.record("/hiberfil.sys"), ntb::at_data, "",
             [](ImageEditor::Bytes data) { ntb::put_at(data.data(), 0, 4, 0x72626968); }); // "hibr"
     };
-    EXPECT_NE(notesOf(hibernate).find("free space, directories and files"), std::string::npos);
+    const struct {
+        std::function<void(ImageEditor&)> change;
+        const char* note;
+        LogState log;
+        bool isFastStarted;
+    } kRows[] = {
+        {[](ImageEditor&) {}, "", LogState::empty, false},
+        {restartPage(1, 0xffff), "", LogState::clean, false},
+        {restartPage(1, 0), "not shut down properly", LogState::inUse, false},
+        {restartPage(2, 0), "fast startup", LogState::inUse, true},
+        {hibernate, "free space, directories and files", LogState::empty, false},
+    };
+    const std::vector<uint8_t> sound = filledImage({}, 4);
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.note);
+        MemoryDevice device(sound);
+        ImageEditor editor(device.bytes);
+        row.change(editor);
+        const check::Report report = check::checkVolume(device);
+        EXPECT_TRUE(report.isClean()) << check::complaints(device);
+        const std::string note = report.notes.empty() ? "" : report.notes.at(0);
+        EXPECT_TRUE(*row.note == '\0' ? note.empty() : note.find(row.note) != std::string::npos);
+        const auto state = check::readVolumeState(device);
+        ASSERT_TRUE(state.has_value());
+        EXPECT_EQ(state->log, row.log);
+        EXPECT_EQ(state->isFastStarted, row.isFastStarted);
+        EXPECT_EQ(state->majorVersion * 10 + state->minorVersion, 31);
+    }
+}
+
+TEST(VolumeMap, CountsWhatIsInUse) {
+    MemoryDevice device(filledImage({}, 100));
+    ImageEditor editor(device.bytes);
+    const auto runs = editor.runs(editor.record("/sparse"), ntb::at_data);
+    const auto map = check::readVolumeMap(device, 64, editor.record("/sparse"));
+    ASSERT_TRUE(map.has_value());
+    const check::VolumeMap::Part total = map->total();
+    EXPECT_EQ(map->parts.size(), 64u);
+    EXPECT_EQ(total.clusters, editor.boot().clusters());
+    EXPECT_EQ(total.used, check::checkVolume(device).clustersUsed);
+    EXPECT_EQ(map->fragments.size(), 2u); // with a hole between
+    EXPECT_EQ(total.file, runs.front().length + runs.back().length);
+    EXPECT_LE(total.metadata + total.file, total.used);
+    EXPECT_GT(map->freeRanges, 0u);
+    EXPECT_LE(map->freeLongest, total.clusters - total.used);
+    uint64_t at = 0;
+    for (const check::VolumeMap::Part& part : map->parts) {
+        EXPECT_LE(part.used, part.clusters);
+        const bool hasFile =
+            runs.front().lcn < at + part.clusters && runs.front().lcn + runs.front().length > at;
+        EXPECT_TRUE(!hasFile || part.file > 0) << at;
+        at += part.clusters;
+    }
+    EXPECT_FALSE(check::readVolumeMap(device, 64, editor.recordCount()).has_value());
 }
 
 } // namespace
