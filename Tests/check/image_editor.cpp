@@ -1,6 +1,7 @@
 #include "check/image_editor.hpp"
 
 #include "NTFSBridge/ondisk/fixups.hpp"
+#include "support/temp_directory.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -310,6 +311,14 @@ void ImageEditor::setBit(uint64_t number, uint32_t type, std::string_view name, 
         const auto mask = static_cast<uint8_t>(1u << bit % 8);
         byte = static_cast<uint8_t>(value ? byte | mask : byte & ~mask);
     });
+}
+
+void editImage(const std::filesystem::path& file, const std::function<void(ImageEditor&)>& edit) {
+    const std::string raw = readFile(file);
+    std::vector<uint8_t> bytes(raw.begin(), raw.end());
+    ImageEditor editor(bytes);
+    edit(editor);
+    writeFile(file, std::string(bytes.begin(), bytes.end()));
 }
 
 void markEncrypted(ImageEditor& editor, const std::string& path) {

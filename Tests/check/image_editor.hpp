@@ -6,6 +6,7 @@
 #include "NTFSBridge/ondisk/mapping_pairs.hpp"
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <span>
@@ -70,6 +71,9 @@ class ImageEditor {
     uint64_t recordCount_ = 0;
     std::map<std::string, uint64_t> records_;
 };
+
+// Edits an image in a file.
+void editImage(const std::filesystem::path& file, const std::function<void(ImageEditor&)>& edit);
 
 // Makes a plain file with its data in clusters look as Windows leaves an encrypted one (EFS), which
 // no driver here can make: the flags of the file and of its unnamed data.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <numeric>
 #include <random>
 #include <set>
@@ -82,6 +83,11 @@ std::string firstDifference(const Tree& expected, const Tree& actual) {
         }
     }
     return {};
+}
+
+void setModified(const fs::path& path, std::timespec time) {
+    const std::timespec times[2] = {{0, UTIME_OMIT}, time};
+    check(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), path);
 }
 
 void makeTree(const fs::path& directory, int files, unsigned seed) {

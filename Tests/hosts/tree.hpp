@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -25,6 +26,9 @@ Tree readTree(const std::filesystem::path& directory, bool withTimes = false);
 
 // Names the first entry that is not the same in both, empty when there is none.
 std::string firstDifference(const Tree& expected, const Tree& actual);
+
+// Sets the time of the last change, of a link itself. Throws std::system_error.
+void setModified(const std::filesystem::path& path, std::timespec time);
 
 // Writes a tree of `files` small files in nested directories, with links, odd names and extended
 // attributes among them; the same for the same seed. Throws std::system_error.

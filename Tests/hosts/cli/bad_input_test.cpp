@@ -1,8 +1,7 @@
 // What a user gets wrong: told in one line that says what to do, and no byte of the image changed.
 #include "tavelin_program.hpp"
 
-#include "support/little_endian.hpp"
-
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -10,16 +9,16 @@
 namespace tavelin::test {
 namespace {
 
+using BadInput = CommandTest;
+
 using Options = std::vector<std::string>;
 
 constexpr int kWrongUsage = 2;
 
-TEST(BadInput, ChangesNothingAndSaysWhatToDo) {
-    const SampleVolume volume;
-    const std::string image = volume.image();
+TEST_F(BadInput, ChangesNothingAndSaysWhatToDo) {
     const std::string tooLong(256, 'n');
     tavelinDone({"mkdir", "-p", image, "folder/below"});
-    tavelinDone({"put", image, "-", "file"}, "content");
+    put({{"file", "content"}});
     const std::string before = readFile(image);
 
     const struct {
@@ -79,11 +78,7 @@ TEST(BadInput, ChangesNothingAndSaysWhatToDo) {
         {{"get", image, "nowhere", "/tmp"}, kFailed, "nowhere"},
     };
     for (const auto& row : kTable) {
-        std::string words = "tavelin";
-        for (const std::string& word : row.words) {
-            words += " " + word;
-        }
-        SCOPED_TRACE(words);
+        SCOPED_TRACE(fmt::format("{}", fmt::join(row.words, " ")));
         expectRefusal(tavelinRun(row.words), row.status, row.hint);
         ASSERT_EQ(readFile(image), before) << "the image has changed";
     }
@@ -94,10 +89,8 @@ ProcessResult runOn(const std::string& command, const std::string& image) {
     return command == "mkdir" ? tavelinRun({command, image, "new"}) : tavelinRun({command, image});
 }
 
-TEST(BadInput, ImagesThatAreNoneAreTold) {
-    const SampleVolume volume;
-    const TempDirectory& directory = volume.directory();
-    const std::string whole = readFile(volume.image());
+TEST_F(BadInput, ImagesThatAreNoneAreTold) {
+    const std::string whole = readFile(image);
     const auto begins = [](const std::string& head) {
         return head + std::string((1 << 20) - head.size(), '\0');
     };
@@ -124,140 +117,86 @@ TEST(BadInput, ImagesThatAreNoneAreTold) {
         {"random", begins("\x01\x02\x03\xff"), "not an NTFS volume"},
     };
     for (const auto& row : kTable) {
-        const std::string image = directory / row.name;
-        writeFile(image, row.bytes);
+        const std::string none = host / row.name;
+        writeFile(none, row.bytes);
         for (const char* const command : {"ls", "mkdir", "info"}) {
             SCOPED_TRACE(command + (" " + row.name));
-            expectRefusal(runOn(command, image), kFailed, row.hint);
+            expectRefusal(runOn(command, none), kFailed, row.hint);
         }
-        EXPECT_EQ(readFile(image), row.bytes);
+        EXPECT_EQ(readFile(none), row.bytes);
     }
     for (const char* const command : {"ls", "mkdir", "info"}) {
         SCOPED_TRACE(command);
-        expectRefusal(runOn(command, directory.path()), kFailed, "name an image file");
-        expectRefusal(runOn(command, directory / "missing"), kFailed, "check the path");
+        expectRefusal(runOn(command, host.path()), kFailed, "name an image file");
+        expectRefusal(runOn(command, host / "missing"), kFailed, "check the path");
         expectRefusal(runOn(command, "/dev/null"), kFailed, "/dev/sdb1");
     }
-    EXPECT_FALSE(std::filesystem::exists(directory / "missing"));
+    EXPECT_FALSE(std::filesystem::exists(host / "missing"));
 }
 
-/// A disk with an MBR: `images` one after the other, from 1 MiB on.
-std::string diskOf(const std::vector<std::string>& images) {
-    std::string disk(1 << 20, '\0');
-    disk[510] = '\x55';
-    disk[511] = '\xaa';
-    for (std::size_t i = 0; i < images.size(); ++i) {
-        const std::size_t entry = 446 + 16 * i;
-        disk[entry + 4] = '\x07'; // the type that NTFS partitions have
-        disk.replace(entry + 8, 4, littleEndian(disk.size() / 512, 4));
-        disk.replace(entry + 12, 4, littleEndian(images[i].size() / 512, 4));
-        disk += images[i];
+/// Makes a disk with a partition for each of the images, the first from 1 MiB on.
+void makeDisk(const std::string& disk, const std::string& table,
+              const std::vector<std::string>& images) {
+    const char* const type = table == "dos" ? "7" : "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+    std::string bytes(1 << 20, '\0');
+    std::string script = "label: " + table + "\n";
+    for (const std::string& image : images) {
+        script += fmt::format("start={}, size={}, type={}\n", bytes.size() / 512,
+                              image.size() / 512, type);
+        bytes += image;
     }
-    return disk;
+    writeFile(disk, bytes + std::string(1 << 20, '\0')); // with room for a copy of the table
+    ASSERT_TRUE(run({"sfdisk", "-q", disk}, script).ok());
 }
 
-std::uint32_t crc32(const std::string& bytes) {
-    std::uint32_t crc = ~0u;
-    for (const char byte : bytes) {
-        crc ^= static_cast<unsigned char>(byte);
-        for (int i = 0; i < 8; ++i) {
-            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xedb88320 : 0);
-        }
-    }
-    return ~crc;
-}
-
-/// A disk with a GPT as Windows makes it: a reserved partition, then `image`, both of basic data.
-std::string gptDiskOf(const std::string& image) {
-    constexpr std::uint64_t kSector = 512;
-    constexpr std::uint64_t kFirst = 2048; // sectors, as all of these
-    const std::uint64_t imageSectors = image.size() / kSector;
-    const std::uint64_t sectors = 2 * kFirst + imageSectors + 34;
-    const std::string basicData("\xa2\xa0\xd0\xeb\xe5\xb9\x33\x44\x87\xc0\x68\xb6\xb7\x26\x99\xc7",
-                                16);
-    const auto entry = [&](char id, std::uint64_t first, std::uint64_t last) {
-        return basicData + std::string(16, id) + littleEndian(first, 8) + littleEndian(last, 8) +
-               std::string(8 + 72, '\0');
-    };
-    std::string entries =
-        entry('a', kFirst, 2 * kFirst - 1) + entry('b', 2 * kFirst, 2 * kFirst + imageSectors - 1);
-    entries.resize(128 * 128);
-    const auto header = [&](std::uint32_t crc) {
-        return "EFI PART" + littleEndian(0x10000, 4) + littleEndian(92, 4) + littleEndian(crc, 4) +
-               littleEndian(0, 4) + littleEndian(1, 8) + littleEndian(sectors - 1, 8) +
-               littleEndian(34, 8) + littleEndian(sectors - 34, 8) + std::string(16, 'd') +
-               littleEndian(2, 8) + littleEndian(128, 4) + littleEndian(128, 4) +
-               littleEndian(crc32(entries), 4);
-    };
-    // Its MBR keeps other systems off the disk: one partition of a type of its own, over all.
-    std::string disk(kSector, '\0');
-    disk.replace(446, 16,
-                 littleEndian(0, 4) + '\xee' + littleEndian(0, 3) + littleEndian(1, 4) +
-                     littleEndian(sectors - 1, 4));
-    disk.replace(510, 2, "\x55\xaa");
-    disk += header(crc32(header(0)));
-    disk.resize(2 * kSector);
-    disk += entries;
-    disk.resize(2 * kFirst * kSector);
-    disk += image;
-    disk.resize(sectors * kSector);
-    return disk;
-}
-
-TEST(BadInput, AWholeDiskStandsForItsNTFSPartition) {
-    const SampleVolume volume;
-    const std::string bytes = readFile(volume.image());
-    const std::string disk = volume.directory() / "disk";
+TEST_F(BadInput, AWholeDiskStandsForItsNTFSPartition) {
+    const std::string bytes = readFile(image);
+    const std::string disk = host / "disk";
     const std::string other(1 << 20, 'x');
-    writeFile(disk, diskOf({other, bytes}));
-    tavelinDone({"put", disk + ":2", "-", "file"}, "content");
-    EXPECT_EQ(tavelinDone({"cat", disk + ":2", "file"}), "content");
-    EXPECT_EQ(tavelinDone({"ls", "--offset", std::to_string(2 << 20), disk}), "file\n");
-    EXPECT_NE(tavelinDone({"probe", disk}).find("in partition 2"), std::string::npos);
-    EXPECT_NE(tavelinDone({"check", disk}).find("nothing is wrong"), std::string::npos);
-    EXPECT_EQ(readFile(disk).substr(0, 2 << 20), diskOf({other, bytes}).substr(0, 2 << 20));
-    expectRefusal(tavelinRun({"ls", disk + ":1"}), kFailed, "text file");
-    if (tavelinRun({"mount", "--help"}).ok()) { // where there is a FUSE host
-        expectRefusal(tavelinRun({"mount", disk, volume.directory().path()}), kFailed, "p2 can be");
+    for (const char* const table : {"dos", "gpt"}) {
+        SCOPED_TRACE(table);
+        makeDisk(disk, table, {other, bytes});
+        const std::string head = readFile(disk).substr(0, 2 << 20);
+        tavelinDone({"put", disk + ":2", "-", "file"}, "content");
+        EXPECT_EQ(tavelinDone({"cat", disk, "file"}), "content");
+        EXPECT_EQ(tavelinDone({"ls", "--offset", std::to_string(2 << 20), disk}), "file\n");
+        EXPECT_EQ(tavelinItems({"info", disk}).at(0).at("partition"), 2);
+        EXPECT_NE(tavelinDone({"probe", disk}).find("in partition 2"), std::string::npos);
+        EXPECT_NE(tavelinDone({"check", disk}).find("nothing is wrong"), std::string::npos);
+        EXPECT_EQ(readFile(disk).substr(0, 2 << 20), head);
+        expectRefusal(tavelinRun({"ls", disk + ":1"}), kFailed, "text file");
+        expectRefusal(tavelinRun({"ls", disk + ":3"}), kFailed, "no partition 3: it has 1 (1.0 M");
     }
-    expectRefusal(tavelinRun({"ls", disk + ":3"}), kFailed, "no partition 3: it has 1 (1.0 MiB)");
-    expectRefusal(tavelinRun({"ls", volume.image().string() + ":1"}), kFailed,
-                  "no partition table");
-
-    writeFile(disk, gptDiskOf(bytes));
-    tavelinDone({"mkdir", disk, "folder"});
-    EXPECT_EQ(tavelinDone({"ls", disk + ":2"}), "folder\n");
-    EXPECT_EQ(tavelinItems({"info", disk}).at(0).at("partition"), 2);
-
-    writeFile(disk, diskOf({bytes, bytes}));
+    if (tavelinRun({"mount", "--help"}).ok()) { // where there is a FUSE host
+        expectRefusal(tavelinRun({"mount", disk, host.path()}), kFailed, "p2 can be");
+    }
+    expectRefusal(tavelinRun({"ls", image + ":1"}), kFailed, "no partition table");
+    makeDisk(disk, "dos", {bytes, bytes});
     expectRefusal(tavelinRun({"ls", disk}), kFailed, disk + ":1");
     EXPECT_EQ(tavelinDone({"ls", disk + ":1"}), "");
-    writeFile(disk, diskOf({other}));
+    makeDisk(disk, "dos", {other});
     expectRefusal(tavelinRun({"ls", disk}), kFailed, "without an NTFS partition: 1 (1.0 MiB)");
 }
 
 // The half that is there can be looked at; changing it would make things worse.
-TEST(BadInput, AnImageThatWasCutOffIsOnlyRead) {
-    const SampleVolume volume;
+TEST_F(BadInput, AnImageThatWasCutOffIsOnlyRead) {
     volume.leaveUnchecked();
-    tavelinDone({"put", volume.image(), "-", "file"}, "content");
-    std::filesystem::resize_file(volume.image(), 9 << 20);
-    const std::string before = readFile(volume.image());
+    put({{"file", "content"}});
+    std::filesystem::resize_file(image, 9 << 20);
+    const std::string before = readFile(image);
 
-    const ProcessResult listing = tavelinRun({"ls", volume.image()});
+    const ProcessResult listing = tavelinRun({"ls", image});
     EXPECT_EQ(listing.status, 0);
     EXPECT_EQ(listing.out, "file\n");
     EXPECT_NE(listing.err.find("cut off"), std::string::npos) << listing.err;
-    expectRefusal(tavelinRun({"mkdir", volume.image(), "new"}), kFailed, "cut off");
-    EXPECT_EQ(readFile(volume.image()), before);
+    expectRefusal(tavelinRun({"mkdir", image, "new"}), kFailed, "cut off");
+    EXPECT_EQ(readFile(image), before);
 }
 
 // NTFS has a copy of its first sector in the last one.
-TEST(BadInput, AnImageWithoutItsFirstSectorIsOnlyRead) {
-    const SampleVolume volume;
+TEST_F(BadInput, AnImageWithoutItsFirstSectorIsOnlyRead) {
     volume.leaveUnchecked();
-    const std::string image = volume.image();
-    tavelinDone({"put", image, "-", "file"}, "content");
+    put({{"file", "content"}});
     writeFile(image, std::string(512, '\0') + readFile(image).substr(512));
     const std::string before = readFile(image);
     for (const char* const command : {"ls", "info", "map", "undelete"}) {
@@ -271,10 +210,8 @@ TEST(BadInput, AnImageWithoutItsFirstSectorIsOnlyRead) {
     EXPECT_EQ(readFile(image), before);
 }
 
-TEST(BadInput, AHibernatedVolumeIsOnlyRead) {
-    const SampleVolume volume;
-    const std::string image = volume.image();
-    tavelinDone({"put", image, "-", "hiberfil.sys"}, "hibr" + std::string(8192, '\0'));
+TEST_F(BadInput, AHibernatedVolumeIsOnlyRead) {
+    put({{"hiberfil.sys", "hibr" + std::string(8192, '\0')}});
     const std::string before = readFile(image);
     EXPECT_EQ(tavelinDone({"ls", image}), "hiberfil.sys\n");
     EXPECT_NE(tavelinDone({"info", image}).find("Windows is hibernated on it"), std::string::npos);
@@ -284,62 +221,48 @@ TEST(BadInput, AHibernatedVolumeIsOnlyRead) {
 }
 
 // As somebody who may read the image at most. Root may do everything, so it becomes nobody.
-TEST(BadInput, PermissionsOfTheHostHold) {
-    const SampleVolume volume;
-    const std::string image = volume.image();
-    Options nobody;
-    if (geteuid() == 0) {
-        std::filesystem::permissions(volume.directory().path(), std::filesystem::perms(0755));
-        nobody = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-    }
+TEST_F(BadInput, PermissionsOfTheHostHold) {
+    using std::filesystem::perms;
+    const bool isRoot = geteuid() == 0;
     const auto asNobody = [&](const Options& words) {
-        Options all = nobody;
-        all.push_back(TAVELIN_PROGRAM);
-        all.insert(all.end(), words.begin(), words.end());
-        return run(all);
+        return isRoot ? tavelinUnder("setpriv --reuid=65534 --regid=65534 --clear-groups \"$@\"",
+                                     words)
+                      : tavelinRun(words);
     };
-    if (!nobody.empty() && !asNobody({"--version"}).ok()) {
+    std::filesystem::permissions(volume.directory().path(), perms(0755));
+    if (!asNobody({"--version"}).ok()) {
         GTEST_SKIP() << "nobody cannot run " << TAVELIN_PROGRAM;
     }
     const std::string before = readFile(image);
-
-    std::filesystem::permissions(image, std::filesystem::perms(0444));
+    std::filesystem::permissions(image, perms(0444));
     EXPECT_EQ(asNobody({"ls", image}).status, 0);
     expectRefusal(asNobody({"mkdir", image, "new"}), kFailed, "write-protected");
-    std::filesystem::permissions(image, std::filesystem::perms(0));
+    std::filesystem::permissions(image, perms(0));
     expectRefusal(asNobody({"ls", image}), kFailed, "permission");
-    std::filesystem::permissions(image, std::filesystem::perms(0644));
+    std::filesystem::permissions(image, perms(0644));
     EXPECT_EQ(readFile(image), before);
 }
 
 // What a shell or a service manager may start a program with. The image must never become one of
-// the descriptors that messages go to, and a limit is an error like any other.
-TEST(BadInput, TheStartingProgramLeftDescriptorsClosedOrSetLimits) {
-    const SampleVolume volume;
-    const std::string image = volume.image();
-    const std::string big = volume.directory() / "big";
-    writeFile(big, std::string(8 << 20, 'b'));
+// the descriptors that messages go to.
+TEST_F(BadInput, TheStartingProgramLeftDescriptorsClosed) {
     const std::string before = readFile(image);
     const struct {
-        std::string shell;
+        Options words;
+        std::string closed;
         int status;
     } kTable[] = {
-        {"put \"$1\" /nowhere/at/all 2>&-", kFailed},
-        {"put \"$1\" /nowhere/at/all 2>&- <&- >&-", kFailed},
-        {"info \"$1\" >&-", kFailed},
-        {"info \"$1\" >&- 2>&-", kFailed},
-        {"ls \"$1\" <&-", 0},
+        {{"put", image, "/nowhere/at/all"}, "2>&-", kFailed},
+        {{"put", image, "/nowhere/at/all"}, "2>&- <&- >&-", kFailed},
+        {{"info", image}, ">&-", kFailed},
+        {{"info", image}, ">&- 2>&-", kFailed},
+        {{"ls", image}, "<&-", 0},
     };
     for (const auto& row : kTable) {
-        const ProcessResult result =
-            run({"sh", "-c", "\"$0\" " + row.shell, TAVELIN_PROGRAM, image});
-        EXPECT_EQ(result.status, row.status) << row.shell << ": " << result.describe();
-        EXPECT_TRUE(readFile(image) == before) << row.shell;
+        const ProcessResult result = tavelinUnder("exec \"$@\" " + row.closed, row.words);
+        EXPECT_EQ(result.status, row.status) << row.closed << ": " << result.describe();
+        EXPECT_TRUE(readFile(image) == before) << row.closed;
     }
-    expectRefusal(run({"bash", "-c", "ulimit -f 1024; \"$0\" put \"$1\" \"$2\"", TAVELIN_PROGRAM,
-                       image, big}),
-                  kFailed, "too large");
-    EXPECT_NO_THROW(volume.check());
 }
 
 } // namespace

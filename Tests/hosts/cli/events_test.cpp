@@ -13,12 +13,9 @@ namespace {
 using nlohmann::json;
 
 /// A log of its own for one test.
-class Events : public testing::Test {
+class Events : public CommandTest {
   protected:
-    Events() { setenv("TAVELIN_GROUP_CONTAINER", (directory_ / "group").c_str(), 1); }
-
-    TempDirectory directory_;
-    SampleVolume volume_;
+    Events() { setenv("TAVELIN_GROUP_CONTAINER", (host / "group").c_str(), 1); }
 };
 
 std::vector<json> parseLines(const std::string& text) {
@@ -31,7 +28,7 @@ std::vector<json> parseLines(const std::string& text) {
 }
 
 TEST_F(Events, ReadFromAnOffsetOn) {
-    tavelinDone({"mkdir", volume_.image(), "new"});
+    tavelinDone({"mkdir", image, "new"});
     std::vector<json> first = parseLines(tavelinDone({"events", "--json", "--since", "0"}));
     // What opened the volume for a change, and what came of it.
     ASSERT_EQ(first.size(), 3u);
@@ -39,7 +36,7 @@ TEST_F(Events, ReadFromAnOffsetOn) {
     EXPECT_EQ(first.at(1).at("ev"), "unload");
     const auto offset = first.back().at("offset").get<std::uint64_t>();
 
-    tavelinDone({"check", "-q", volume_.image()});
+    tavelinDone({"check", "-q", image});
     const auto later =
         parseLines(tavelinDone({"events", "--json", "--since", std::to_string(offset)}));
     EXPECT_EQ(later.front().at("ev"), "module_start");
@@ -52,29 +49,29 @@ TEST_F(Events, ReadFromAnOffsetOn) {
 
 // Looking at a volume is no news, and would push the news out of the log; a failure is.
 TEST_F(Events, ReadingIsOnlyLoggedWhereItFails) {
-    tavelinDone({"ls", volume_.image()});
-    tavelinDone({"probe", volume_.image()});
+    tavelinDone({"ls", image});
+    tavelinDone({"probe", image});
     EXPECT_EQ(tavelinDone({"events"}), "");
-    writeFile(directory_ / "cut off", readFile(volume_.image()).substr(0, 100'000));
-    EXPECT_EQ(tavelinRun({"ls", directory_ / "cut off"}).status, 1);
+    writeFile(host / "cut off", readFile(image).substr(0, 100'000));
+    EXPECT_EQ(tavelinRun({"ls", host / "cut off"}).status, 1);
     const std::string shown = tavelinDone({"events", "-n", "1"});
     EXPECT_NE(shown.find("  could not open a volume  "), std::string::npos) << shown;
     EXPECT_NE(shown.find(" ok=false"), std::string::npos) << shown;
     EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 1) << shown;
     EXPECT_NE(shown.find("=\""), std::string::npos) << "a value with blanks is quoted: " << shown;
     // What the log says of errors is an object inside the line.
-    tavelinDone({"mkdir", "-p", volume_.image(), "a"});
+    tavelinDone({"mkdir", "-p", image, "a"});
     const std::string ended = tavelinDone({"events", "-n", "2"});
     EXPECT_NE(ended.find("  closed a volume  errors=\"1 ENOENT\""), std::string::npos) << ended;
-    tavelinDone({"label", volume_.image(), "new"});
+    tavelinDone({"label", image, "new"});
     EXPECT_NE(tavelinDone({"events"}).find(" errors=none "), std::string::npos);
 }
 
 TEST_F(Events, FollowShowsWhatComes) {
-    tavelinDone({"mkdir", volume_.image(), "new"});
+    tavelinDone({"mkdir", image, "new"});
     RunningTavelin following({"events", "--follow", "--json"});
     EXPECT_EQ(json::parse(following.readLine()).at("ev"), "load");
-    tavelinDone({"check", "-n", volume_.image()});
+    tavelinDone({"check", "-n", image});
     json event;
     do {
         const std::string line = following.readLine();

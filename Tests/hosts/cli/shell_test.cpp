@@ -9,38 +9,33 @@
 namespace tavelin::test {
 namespace {
 
-TEST(Shell, RunsLinesFromADirectoryOfItsOwn) {
-    const SampleVolume volume;
-    const TempDirectory host;
-    const std::string image = volume.image();
+using Shell = CommandTest;
+
+TEST_F(Shell, RunsLinesFromADirectoryOfItsOwn) {
     writeFile(host / "a file", "content");
-    const std::string lines = "# a remark\n"
-                              "mkdir -p photos/2026 '# no remark'\n"
-                              "cd photos/2026\n"
-                              "lcd \"" +
-                              host.path().string() +
-                              "\"\n"
-                              "put a\\ file\n"
-                              "cat 'a file' /photos/2026/../2026/\"a file\"\n"
-                              "ln -s '/photos/2026/a file' link\n"
-                              "cd ..\n"
-                              "pwd\n"
-                              "find '2026/*'\n"
-                              "ls --json\n"
-                              "get 2026/link copy\n"
-                              "exit\n"
-                              "rm -r /photos\n";
+    const std::string lines = "lcd \"" + host.path().string() + R"("
+# a remark
+mkdir -p photos/2026 '# no remark'
+cd photos/2026
+put a\ file
+cat 'a file' /photos/2026/../2026/"a file"
+ln -s '/photos/2026/a file' link
+cd ..
+pwd
+find '2026/*'
+ls --json
+get 2026/link copy
+exit
+rm -r /photos
+)";
     const std::string out = tavelinDone({"batch", image}, lines);
     EXPECT_EQ(out.substr(0, out.find('{')), "contentcontent/photos\n2026/a file\n2026/link\n");
     EXPECT_NE(out.find(R"({"path":"/photos/2026","name":"2026")"), std::string::npos) << out;
     EXPECT_EQ(std::filesystem::read_symlink(host / "copy"), "/photos/2026/a file");
     EXPECT_EQ(tavelinDone({"ls", image}), "# no remark\nphotos\n");
-    volume.check();
 }
 
-TEST(Shell, EndsABatchWithTheFirstLineThatFails) {
-    const SampleVolume volume;
-    const std::string image = volume.image();
+TEST_F(Shell, EndsABatchWithTheFirstLineThatFails) {
     struct Case {
         std::string line, says;
         int status;
@@ -70,9 +65,7 @@ TEST(Shell, EndsABatchWithTheFirstLineThatFails) {
     EXPECT_EQ(readFile(image), before);
 }
 
-TEST(Shell, CompletesWordsAndOutlivesCtrlC) {
-    const SampleVolume volume;
-    const std::string image = volume.image();
+TEST_F(Shell, CompletesWordsAndOutlivesCtrlC) {
     tavelinDone({"mkdir", "-p", image, "photos/my summer/raw", "photos/my\x1b[2Jwinter"});
     const std::string shown =
         onTerminal({"shell", image}, "1", "xterm", 100,
@@ -86,7 +79,6 @@ TEST(Shell, CompletesWordsAndOutlivesCtrlC) {
                     {"raw\r\n/photos/my summer> ", "rm raw\n"},
                     {"its contents\r\n/photos/my summer> ", "\x04"}});
     EXPECT_EQ(shown.find("\x1b[2Jwinter"), std::string::npos) << shown;
-    volume.check();
 }
 
 } // namespace

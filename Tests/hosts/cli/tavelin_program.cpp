@@ -1,7 +1,5 @@
 #include "tavelin_program.hpp"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 namespace tavelin::test {
@@ -16,6 +14,12 @@ std::vector<std::string> withProgram(std::vector<std::string> words) {
 
 ProcessResult tavelinRun(std::vector<std::string> words, const std::string& input) {
     return run(withProgram(std::move(words)), input);
+}
+
+ProcessResult tavelinUnder(const std::string& script, const std::vector<std::string>& words) {
+    std::vector<std::string> all = withProgram(words);
+    all.insert(all.begin(), {"sh", "-c", script, "sh"});
+    return run(all);
 }
 
 std::string tavelinDone(std::vector<std::string> words, const std::string& input) {
@@ -35,12 +39,26 @@ nlohmann::json tavelinItems(std::vector<std::string> words) {
     return answer.at("items");
 }
 
+nlohmann::json columnOf(const nlohmann::json& items, const char* key, const char* value) {
+    auto column = nlohmann::json::object();
+    for (const nlohmann::json& item : items) {
+        column[item.at(key).get<std::string>()] = item.at(value);
+    }
+    return column;
+}
+
 void expectRefusal(const ProcessResult& result, int status, const std::string& hint) {
     EXPECT_EQ(result.status, status) << result.describe();
     EXPECT_EQ(result.out, "");
     EXPECT_TRUE(result.err.starts_with("tavelin: ")) << result.err;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     EXPECT_NE(result.err.find(hint), std::string::npos) << result.err << "lacks: " << hint;
+}
+
+void CommandTest::put(const std::vector<std::pair<std::string, std::string>>& files) const {
+    for (const auto& [path, content] : files) {
+        tavelinDone({"put", image, "-", path}, content);
+    }
 }
 
 RunningTavelin::RunningTavelin(std::vector<std::string> words)

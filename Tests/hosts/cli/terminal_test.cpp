@@ -9,43 +9,39 @@
 namespace tavelin::test {
 namespace {
 
-TEST(Terminal, NamesCannotDriveIt) {
-    const SampleVolume volume;
+using Terminal = CommandTest;
+
+TEST_F(Terminal, NamesCannotDriveIt) {
     const std::string evil = "\x1b]0;gotcha\x07\x1b[2J\nfake line";
-    tavelinDone({"put", volume.image(), "-", evil}, "x");
-    tavelinDone({"ln", "-s", volume.image(), "\x1b[2J", "link"});
-    tavelinDone({"xattr", "set", volume.image(), evil, "stream\x1b[2J", "v"});
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"ls", "-l", volume.image()},
-          {"stat", volume.image(), evil},
-          {"readlink", volume.image(), "link"},
-          {"xattr", "list", volume.image(), evil}}) {
+    tavelinDone({"put", image, "-", evil}, "x");
+    tavelinDone({"ln", "-s", image, "\x1b[2J", "link"});
+    tavelinDone({"xattr", "set", image, evil, "stream\x1b[2J", "v"});
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"ls", "-l", image},
+                                                  {"stat", image, evil},
+                                                  {"readlink", image, "link"},
+                                                  {"xattr", "list", image, evil}}) {
         const std::string shown = onTerminal(words, "1");
         EXPECT_EQ(shown.find('\x1b'), std::string::npos) << words.front() << ": " << shown;
         EXPECT_EQ(shown.find("\nfake"), std::string::npos) << words.front() << ": " << shown;
         EXPECT_NE(shown.find("\\x1b"), std::string::npos) << words.front() << ": " << shown;
     }
-    const std::string listing = onTerminal({"ls", "--json", volume.image()}, "1");
+    const std::string listing = onTerminal({"ls", "--json", image}, "1");
     EXPECT_EQ(listing.find('\x1b'), std::string::npos) << listing;
     EXPECT_NE(listing.find("\\u001b"), std::string::npos) << listing;
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"mount", volume.image(), evil},
-          {"mount", evil, "/nowhere"},
-          {"umount", evil},
-          {"ls", evil}}) {
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"mount", image, evil},
+                                                  {"mount", evil, "/nowhere"},
+                                                  {"umount", evil},
+                                                  {"ls", evil}}) {
         const ProcessResult refused = tavelinRun(words);
         EXPECT_NE(refused.status, 0) << refused.describe();
         EXPECT_EQ(refused.err.find('\x1b'), std::string::npos) << refused.describe();
         EXPECT_EQ(refused.err.find("\nfake"), std::string::npos) << refused.describe();
     }
     // A program gets the name itself.
-    EXPECT_EQ(tavelinDone({"ls", volume.image()}), evil + "\nlink\n");
+    EXPECT_EQ(tavelinDone({"ls", image}), evil + "\nlink\n");
 }
 
-TEST(Terminal, ColoursAndProgressAreForPeopleOnly) {
-    const SampleVolume volume;
-    const TempDirectory host;
-    const std::string image = volume.image();
+TEST_F(Terminal, ColoursAndProgressAreForPeopleOnly) {
     tavelinDone({"mkdir", image, "folder"});
     EXPECT_EQ(onTerminal({"ls", image}), "\x1b[1;34mfolder\x1b[0m\r\n");
     EXPECT_EQ(onTerminal({"ls", image}, ""), "\x1b[1;34mfolder\x1b[0m\r\n");
@@ -68,13 +64,11 @@ TEST(Terminal, ColoursAndProgressAreForPeopleOnly) {
 }
 
 // A line that wraps could not be erased again.
-TEST(Terminal, TheProgressBarStaysOnItsLine) {
-    const SampleVolume volume;
-    const TempDirectory host;
+TEST_F(Terminal, TheProgressBarStaysOnItsLine) {
     writeFile(host / "日本語の長い名前の写真アルバム 🎉🎉🎉🎉🎉🎉", std::string(1 << 20, 'x'));
     for (const auto columns : std::array<unsigned short, 4>{20, 40, 60, 80}) {
         const std::string shown =
-            onTerminal({"put", volume.image(), host.path().string() + "/."}, "1", "xterm", columns);
+            onTerminal({"put", image, host.path().string() + "/."}, "1", "xterm", columns);
         const std::size_t begin = shown.find('\r');
         ASSERT_NE(begin, std::string::npos) << shown;
         const std::string line = shown.substr(begin + 1, shown.find('\x1b', begin) - begin - 1);

@@ -12,6 +12,8 @@
 namespace tavelin::test {
 namespace {
 
+using Undelete = CommandTest;
+
 using nlohmann::json;
 
 std::map<std::string, json> deletedFiles(const std::string& image) {
@@ -23,10 +25,7 @@ std::map<std::string, json> deletedFiles(const std::string& image) {
 }
 
 // A deleted file comes back while nobody has its clusters, and what can be said of it is said.
-TEST(Undelete, CopiesWhatIsLeft) {
-    const SampleVolume volume;
-    const TempDirectory host;
-    const std::string image = volume.image();
+TEST_F(Undelete, CopiesWhatIsLeft) {
     std::string content(2 << 20, 'x');
     for (std::size_t i = 0; i < content.size(); i += 64) {
         content.replace(i, 8, std::to_string(10'000'000 + i));
@@ -52,17 +51,14 @@ TEST(Undelete, CopiesWhatIsLeft) {
 
     // A file that fills the volume takes the clusters, and the record of "first".
     const auto room = tavelinItems({"df", image}).at(0).at("freeBytes").get<std::size_t>();
-    tavelinDone({"put", image, "-", "filler"}, std::string(room - (1 << 20), 'f'));
+    put({{"filler", std::string(room - (1 << 20), 'f')}});
     expectRefusal(tavelinRun({"undelete", image, big, host / "y"}), kFailed,
                   "belong to other files");
     tavelinDone({"undelete", "--force", image, big, host / "y"});
 }
 
 // Clusters that two deleted files had, and a file whose bytes say nothing by themselves.
-TEST(Undelete, SaysWhatIsDoubtfulAndWhatIsLost) {
-    const SampleVolume volume;
-    const TempDirectory host;
-    const std::string image = volume.image();
+TEST_F(Undelete, SaysWhatIsDoubtfulAndWhatIsLost) {
     tavelinDone({"put", image, "-", "first"}, "1"); // whose record the next new file gets
     for (const char* name : {"old", "young", "secret"}) {
         tavelinDone({"put", image, "-", name}, std::string(100'000, name[0]));
@@ -73,25 +69,23 @@ TEST(Undelete, SaysWhatIsDoubtfulAndWhatIsLost) {
         const std::string id = before.at(path).at("id");
         return std::stoull(id.substr(0, id.find('-')));
     };
-    const std::string bytes = readFile(image);
-    std::vector<std::uint8_t> disk(bytes.begin(), bytes.end());
-    ImageEditor editor(disk);
-    // The editor takes records that are in use.
-    const auto markInUse = [&](bool inUse) {
-        for (const char* path : {"/old", "/young", "/secret"}) {
-            std::uint8_t& flags = disk[editor.offsetOfRecord(numberOf(path)) + 0x16];
-            flags = static_cast<std::uint8_t>((flags & ~ntb::record_in_use) |
-                                              (inUse ? ntb::record_in_use : 0));
-        }
-    };
-    markInUse(true);
-    editor.setRuns(numberOf("/old"), ntb::at_data, "",
-                   editor.runs(numberOf("/young"), ntb::at_data));
-    editor.editAttribute(numberOf("/secret"), ntb::at_data, "", [](ImageEditor::Bytes data) {
-        data[0x0d] |= ntb::attribute_encrypted >> 8;
+    editImage(image, [&](ImageEditor& editor) {
+        // The editor takes records that are in use.
+        const auto markInUse = [&](bool inUse) {
+            for (const char* path : {"/old", "/young", "/secret"}) {
+                std::uint8_t& flags = editor.rawRecord(numberOf(path))[0x16];
+                flags = static_cast<std::uint8_t>((flags & ~ntb::record_in_use) |
+                                                  (inUse ? ntb::record_in_use : 0));
+            }
+        };
+        markInUse(true);
+        editor.setRuns(numberOf("/old"), ntb::at_data, "",
+                       editor.runs(numberOf("/young"), ntb::at_data));
+        editor.editAttribute(numberOf("/secret"), ntb::at_data, "", [](ImageEditor::Bytes data) {
+            data[0x0d] |= ntb::attribute_encrypted >> 8;
+        });
+        markInUse(false);
     });
-    markInUse(false);
-    writeFile(image, std::string(disk.begin(), disk.end()));
 
     const auto deleted = deletedFiles(image);
     EXPECT_EQ(deleted.at("/old").at("state"), "doubtful");
