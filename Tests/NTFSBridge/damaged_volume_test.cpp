@@ -22,8 +22,7 @@ TEST(DamagedVolume, HasNoMoreFreeSpaceThanSpace) {
     BridgeVolume volume;
     ntb_vol* const handle = volume;
     handle->volume->free_clusters = handle->volume->nr_clusters + 100;
-    ntb_statfs space = {};
-    EXPECT_EQ(ntb_statfs_get(volume, &space), 0);
+    const ntb_statfs space = volume.space();
     EXPECT_EQ(space.freeClusters, space.totalClusters);
 }
 

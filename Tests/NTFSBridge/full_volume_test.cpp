@@ -106,8 +106,7 @@ class Changes {
 // Fills the volume but for about so many bytes.
 void fill(BridgeVolume& volume, uint64_t left) {
     const uint64_t filler = volume.make("filler");
-    ntb_statfs space = {};
-    ntb_statfs_get(volume, &space);
+    const ntb_statfs space = volume.space();
     const uint64_t size = space.freeClusters * space.clusterSize - left;
     const std::string piece(64 << 10, 'f');
     for (uint64_t at = 0; at < size; at += piece.size()) {
@@ -137,8 +136,7 @@ TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     ASSERT_EQ(ntb_sync(volume), 0);
     const uint64_t file = volume.make("file");
     ASSERT_EQ(volume.write(file, "before"), 0);
-    ntb_statfs before = {};
-    ntb_statfs_get(volume, &before);
+    const ntb_statfs before = volume.space();
     const std::string large = patternText(400 << 10);
     uint64_t done = 1;
     EXPECT_EQ(ntb_write(volume, file, 0, large.data(), large.size(), &done), ENOSPC);
@@ -149,18 +147,18 @@ TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     EXPECT_EQ(calls.empty() ? MemoryIo::Kind::kRead : calls.back().kind, MemoryIo::Kind::kSync);
     EXPECT_EQ(volume.read(file), "before");
     EXPECT_EQ(volume.attributes(file).size, 6u);
-    ntb_statfs after = {};
-    ntb_statfs_get(volume, &after);
+    const ntb_statfs after = volume.space();
     EXPECT_EQ(after.freeClusters, before.freeClusters);
     EXPECT_EQ(after.freeFiles, before.freeFiles);
     const uint64_t available = after.freeClusters * after.clusterSize;
     EXPECT_EQ(volume.setStream(file, "all but the reserve", patternText(available - (32 << 10))),
               ENOSPC);
+    EXPECT_TRUE(volume.streams(file).empty());
     EXPECT_EQ(volume.write(file, "after!"), 0);
     EXPECT_EQ(volume.read(file), "after!");
 
     auto* const vol = static_cast<ntb_vol*>(volume);
-    ASSERT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "filler"), 0);
+    ASSERT_EQ(volume.unlink("filler"), 0);
     ASSERT_EQ(ntb::begin_operation(vol), 0);
     uint64_t whole = 0;
     EXPECT_EQ(ntb::create_entry(vol, NTB_ROOT_INO, "whole", {NTB_TYPE_FILE, 0, {}}, &whole), 0);

@@ -45,25 +45,22 @@ TEST(Namespace, NameRules) {
         for (const bool isStrict : {true, false}) {
             ntb_set_windows_names(volume, isStrict ? 1 : 0);
             const int32_t expected = isStrict ? c.underWindowsRule : c.create;
-            EXPECT_EQ(ntb_create(volume, NTB_ROOT_INO, c.name.c_str(), 1, &ino), expected);
-            if (expected == 0) {
-                EXPECT_EQ(volume.find(c.name), ino);
-                EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, c.name.c_str()), 0);
-            }
-            EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, c.name.c_str(), "t", nullptr, &ino),
-                      expected);
-            if (expected == 0) {
-                EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, c.name.c_str()), 0);
+            const char* const name = c.name.c_str();
+            for (const bool isLink : {false, true}) {
+                EXPECT_EQ(isLink ? ntb_symlink(volume, NTB_ROOT_INO, name, "t", nullptr, &ino)
+                                 : ntb_create(volume, NTB_ROOT_INO, name, NTB_TYPE_FILE, &ino),
+                          expected);
+                if (expected == 0) {
+                    EXPECT_EQ(volume.find(c.name), ino);
+                    EXPECT_EQ(volume.unlink(c.name), 0);
+                }
             }
             if (expected != EEXIST) {
-                const int32_t renamed =
-                    ntb_rename(volume, NTB_ROOT_INO, "file", NTB_ROOT_INO, c.name.c_str());
-                EXPECT_EQ(renamed, expected);
-                if (renamed == 0) {
-                    ntb_set_windows_names(volume, 0);
-                    EXPECT_EQ(
-                        ntb_rename(volume, NTB_ROOT_INO, c.name.c_str(), NTB_ROOT_INO, "file"), 0);
-                }
+                EXPECT_EQ(volume.rename("file", c.name), expected);
+            }
+            if (expected == 0) {
+                ntb_set_windows_names(volume, 0);
+                EXPECT_EQ(volume.rename(c.name, "file"), 0);
             }
         }
     }
@@ -78,8 +75,8 @@ TEST(Namespace, SystemFilesAreInvisibleAndUntouchable) {
     BridgeVolume volume;
     uint64_t ino = 0;
     EXPECT_EQ(ntb_lookup(volume, NTB_ROOT_INO, "$MFT", &ino), ENOENT);
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "$MFT"), EPERM);
-    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "$MFT", NTB_ROOT_INO, "mine"), ENOENT);
+    EXPECT_EQ(volume.unlink("$MFT"), EPERM);
+    EXPECT_EQ(volume.rename("$MFT", "mine"), ENOENT);
     EXPECT_EQ(ntb_create(volume, 11, "new", 1, &ino), EPERM);
     EXPECT_EQ(ntb_unlink(volume, 11, "$ObjId"), EPERM);
     for (const uint64_t system : {0, 11, 24, 25, 26}) { // the last are in $Extend
@@ -88,7 +85,7 @@ TEST(Namespace, SystemFilesAreInvisibleAndUntouchable) {
     volume.make("mine");
     EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "mine", 11, "mine"), EPERM);
     EXPECT_EQ(ntb_rename(volume, 11, "$ObjId", NTB_ROOT_INO, "$ObjId"), EPERM);
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "mine"), 0);
+    EXPECT_EQ(volume.unlink("mine"), 0);
     EXPECT_TRUE(volume.list().empty());
     volume.finish();
 }
@@ -96,18 +93,16 @@ TEST(Namespace, SystemFilesAreInvisibleAndUntouchable) {
 TEST(Namespace, RemovesFilesAndEmptyDirectories) {
     BridgeVolume volume;
     volume.makeDirectory("first of all"); // makes the file table grow
-    ntb_statfs before = {};
-    ntb_statfs_get(volume, &before);
+    const ntb_statfs before = volume.space();
     const uint64_t directory = volume.makeDirectory("directory");
     const uint64_t file = volume.make("file", directory);
     EXPECT_EQ(volume.write(file, patternText(300000)), 0);
-    ntb_statfs after = {};
-    ntb_statfs_get(volume, &after);
+    const ntb_statfs after = volume.space();
     const uint64_t taken = (before.freeClusters - after.freeClusters) * before.clusterSize;
     EXPECT_GE(taken, 300000u);
     EXPECT_EQ(before.freeFiles - after.freeFiles, 2 + taken / 1024); // a record takes a KiB
     uint64_t ino = 0;
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), ENOTEMPTY);
+    EXPECT_EQ(volume.unlink("directory"), ENOTEMPTY);
     EXPECT_EQ(ntb_unlink(volume, directory, "missing"), ENOENT);
     EXPECT_EQ(ntb_unlink(volume, file, "x"), ENOTDIR);
     EXPECT_EQ(ntb_lookup(volume, file, "x", &ino), ENOTDIR);
@@ -115,10 +110,9 @@ TEST(Namespace, RemovesFilesAndEmptyDirectories) {
     EXPECT_EQ(ntb_readdir(volume, file, nullptr, nullptr), ENOTDIR);
     EXPECT_EQ(volume.find("file", directory), file);
     EXPECT_EQ(ntb_unlink(volume, directory, "file"), 0);
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), 0);
+    EXPECT_EQ(volume.unlink("directory"), 0);
     EXPECT_EQ(ntb_readdir(volume, directory, nullptr, nullptr), ENOENT);
-    ntb_statfs_get(volume, &after);
-    EXPECT_EQ(after.freeClusters, before.freeClusters);
+    EXPECT_EQ(volume.space().freeClusters, before.freeClusters);
     volume.finish();
 }
 
@@ -205,8 +199,7 @@ TEST(Namespace, AFileMayHaveSeveralNames) {
     EXPECT_EQ(volume.attributes(file).link_count, 3u);
     const uint64_t directory = volume.makeDirectory("directory");
     EXPECT_EQ(ntb_link(volume, directory, NTB_ROOT_INO, "another"), EPERM);
-    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "A long name.text", NTB_ROOT_INO, "ALONGN~1.TXT"),
-              0);
+    EXPECT_EQ(volume.rename("A long name.text", "ALONGN~1.TXT"), 0);
     EXPECT_EQ(volume.list(), (std::map<std::string, uint32_t>{
                                  {"ALONGN~1.TXT", 1}, {"directory", 2}, {"second", 1}}));
     volume.finish();
@@ -220,7 +213,7 @@ TEST(Namespace, ARenameThatFailsLeavesTheNamesWithoutAPageCacheToo) {
     ASSERT_EQ(volume.mount(), 0);
     EXPECT_EQ(ntb_link(volume, volume.make("one"), NTB_ROOT_INO, "same"), 0);
     const auto before = volume.list();
-    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "one", NTB_ROOT_INO, "same"), EEXIST);
+    EXPECT_EQ(volume.rename("one", "same"), EEXIST);
     EXPECT_EQ(volume.list(), before);
 
     const std::string content = patternText(20'000);
@@ -266,7 +259,7 @@ TEST(Namespace, SymbolicLinks) {
         EXPECT_NE(volume.stream(ino, "s").first, 0);
         EXPECT_NE(ntb_removexattr(volume, ino, "s"), 0);
         EXPECT_TRUE(volume.streams(ino).empty());
-        EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "link"), 0);
+        EXPECT_EQ(volume.unlink("link"), 0);
     }
     uint64_t ino = 0;
     EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "link", "", nullptr, &ino), EINVAL);
@@ -313,10 +306,10 @@ TEST(Namespace, AReferenceOutlivesItsRecordAsStale) {
     const uint64_t oldFile = remember(file);
     EXPECT_EQ(volume.write(oldFile, "old"), 0);
     EXPECT_EQ(volume.read(oldFile), "old");
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "file"), 0);
+    EXPECT_EQ(volume.unlink("file"), 0);
     EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "kept", oldDirectory, "kept"), 0);
     EXPECT_EQ(ntb_unlink(volume, oldDirectory, "kept"), 0);
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "directory"), 0);
+    EXPECT_EQ(volume.unlink("directory"), 0);
 
     const auto expectStale = [&] {
         uint64_t number = 0;

@@ -22,8 +22,7 @@ TEST(Volume, EveryGeometryKeepsWhatIsWrittenAndPassesTheChecks) {
         uint64_t serial = 0;
         EXPECT_EQ(ntb_probe(&volume.memory().io(), &serial), 0);
         EXPECT_EQ(ntb_serial(volume), serial);
-        ntb_statfs space = {};
-        EXPECT_EQ(ntb_statfs_get(volume, &space), 0);
+        const ntb_statfs space = volume.space();
         EXPECT_EQ(space.clusterSize, geometry.clusterSize);
 
         std::map<std::string, std::string> files;
@@ -36,8 +35,7 @@ TEST(Volume, EveryGeometryKeepsWhatIsWrittenAndPassesTheChecks) {
         for (int i = 0; i < 300; ++i) {
             volume.make("entry " + std::to_string(i), directory);
         }
-        ntb_statfs after = {};
-        EXPECT_EQ(ntb_statfs_get(volume, &after), 0);
+        const ntb_statfs after = volume.space();
         EXPECT_GE((space.freeClusters - after.freeClusters) * geometry.clusterSize, 1500000u);
         EXPECT_EQ(ntb_sync(volume), 0);
 
@@ -141,9 +139,7 @@ TEST(Volume, FlushesReachTheHostOnlyWhenThereIsSomethingToWrite) {
     EXPECT_TRUE(volume.memory().takeLog().empty());
 
     const uint64_t ino = volume.make("file");
-    ntb_stats stats = {};
-    ntb_get_stats(volume, &stats);
-    EXPECT_GT(stats.dirtyPages, 0u);
+    EXPECT_GT(volume.stats().dirtyPages, 0u);
     volume.memory().failFrom(1, ENXIO);
     EXPECT_EQ(ntb_sync(volume), ENXIO);
     EXPECT_EQ(ntb_is_dirty(volume), 1);
@@ -152,8 +148,7 @@ TEST(Volume, FlushesReachTheHostOnlyWhenThereIsSomethingToWrite) {
     volume.memory().takeLog();
     EXPECT_EQ(ntb_flush(volume, ino), 0);
     EXPECT_EQ(volume.memory().takeLog().back().kind, MemoryIo::Kind::kSync);
-    ntb_get_stats(volume, &stats);
-    EXPECT_EQ(stats.dirtyPages, 0u);
+    EXPECT_EQ(volume.stats().dirtyPages, 0u);
 
     volume.make("another");
     volume.memory().failFrom(1, ENXIO);
@@ -168,13 +163,11 @@ TEST(Volume, ManyInodesStayAtHand) {
         files.push_back(volume.make("file " + std::to_string(i)));
     }
     const auto pagesReadForAll = [&] {
-        ntb_stats before = {};
-        ntb_get_stats(volume, &before);
+        const ntb_stats before = volume.stats();
         for (const uint64_t file : files) {
             volume.attributes(file);
         }
-        ntb_stats after = {};
-        ntb_get_stats(volume, &after);
+        const ntb_stats after = volume.stats();
         return after.cacheHits + after.cacheMisses - before.cacheHits - before.cacheMisses;
     };
     pagesReadForAll();
@@ -196,8 +189,8 @@ TEST(Volume, ReadOnlyRefusesEveryChange) {
     EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "new", "target", nullptr, &out), EROFS);
     EXPECT_EQ(ntb_write(volume, ino, 0, "x", 1, &out), EROFS);
     EXPECT_EQ(ntb_truncate(volume, ino, 10), EROFS);
-    EXPECT_EQ(ntb_unlink(volume, NTB_ROOT_INO, "file"), EROFS);
-    EXPECT_EQ(ntb_rename(volume, NTB_ROOT_INO, "file", NTB_ROOT_INO, "file"), EROFS);
+    EXPECT_EQ(volume.unlink("file"), EROFS);
+    EXPECT_EQ(volume.rename("file", "file"), EROFS);
     EXPECT_EQ(ntb_set_times(volume, ino, &now, nullptr, nullptr, nullptr), EROFS);
     EXPECT_EQ(ntb_set_hidden(volume, ino, 1), EROFS);
     EXPECT_EQ(ntb_setxattr(volume, ino, "", "x", 1, NTB_XATTR_ANY), EROFS);

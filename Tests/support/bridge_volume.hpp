@@ -90,6 +90,23 @@ class BridgeVolume {
         }
         return ino;
     }
+    // Of a name in the root directory.
+    int32_t unlink(const std::string& name) {
+        return ntb_unlink(volume_, NTB_ROOT_INO, name.c_str());
+    }
+    int32_t rename(const std::string& from, const std::string& to) {
+        return ntb_rename(volume_, NTB_ROOT_INO, from.c_str(), NTB_ROOT_INO, to.c_str());
+    }
+    ntb_statfs space() const {
+        ntb_statfs space = {};
+        EXPECT_EQ(ntb_statfs_get(volume_, &space), 0);
+        return space;
+    }
+    ntb_stats stats() const {
+        ntb_stats stats = {};
+        ntb_get_stats(volume_, &stats);
+        return stats;
+    }
     int32_t write(uint64_t ino, const std::string& data, uint64_t offset = 0) {
         uint64_t done = 0;
         const int32_t error = ntb_write(volume_, ino, offset, data.data(), data.size(), &done);
