@@ -50,6 +50,9 @@ TEST_F(BlockDevice, PassesCallsAndTheirErrorsOn) {
     EXPECT_EQ(device_->write(block_.data(), 0, block_.size()), block_.size());
     constexpr std::uint64_t kFar = std::numeric_limits<std::uint64_t>::max();
     EXPECT_EQ(code([&](auto &device) { device.read(block_.data(), kFar, 1); }), kEINVAL);
+    EXPECT_EQ(code([&](auto &device) { device.write(block_.data(), 512, 512); }), kEINVAL);
+    resource_->_foreignErrors = 1;
+    EXPECT_EQ(code([&](auto &device) { device.read(block_.data(), 0, 4096); }), -1);
     // As they were seen to on macOS 26, which is why nothing uses them.
     EXPECT_EQ(code([&](auto &device) { device.metadataRead(block_.data(), 0, 4096); }), kEIO);
     EXPECT_EQ(code([&](auto &device) { device.delayedMetadataWrite(block_.data(), 0, 4096); }),

@@ -5,6 +5,14 @@
 
 namespace tavelin::test {
 
+// The arguments of a reply block.
+template<typename... Arguments>
+struct Reply {};
+using Done = Reply<NSError *>;
+template<typename Value>
+using Gets = Reply<Value, NSError *>;
+using GetsNamedItem = Reply<FSItem *, FSFileName *, NSError *>;
+
 // What the reply blocks do with what they get: one call for each shape that FSKit has.
 struct Into {
     Answer *answer;
@@ -36,13 +44,14 @@ struct Into {
         answer->number = result.number;
         answer->itemAttributes = Strong([result itemAttributes]);
         answer->directoryAttributes = Strong([result directoryAttributes]);
+        answer->destinationAttributes = Strong([result destinationAttributes]);
         answer->freeSpace = Strong([result freeSpace]);
         (*this)(error);
     }
 };
 
 template<typename... Arguments, typename Send>
-Answer Daemon::ask(const Send &send) {
+Answer Daemon::ask(Reply<Arguments...>, const Send &send) {
     ++requests_;
     Answer answer;
     const Into into{&answer};

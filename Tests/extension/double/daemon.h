@@ -27,6 +27,7 @@ struct Answer {
     // Beside the result itself, from macOS 27.0 on.
     Strong<FSItemAttributes *> itemAttributes;
     Strong<FSItemAttributes *> directoryAttributes;
+    Strong<FSItemAttributes *> destinationAttributes;
     Strong<FSFreeSpace *> freeSpace;
 
     bool ok() const { return replies == 1 && error.get() == nil; }
@@ -37,6 +38,9 @@ struct Answer {
     std::string text() const; // of the name
 };
 
+template<typename... Arguments>
+struct Reply;
+
 // The releases that differ in what FSKit asks for: 26.0 emulates the removal of open files, 27.0
 // has the handler protocols and -[FSItem tryReclaimWithBlock:].
 enum class Release { k15_4, k26_0, k27_0 };
@@ -44,7 +48,7 @@ enum class Release { k15_4, k26_0, k27_0 };
 class Daemon {
   public:
     explicit Daemon(Release release = Release::k27_0);
-    ~Daemon() { [FSItem setHasTryReclaim:YES]; }
+    ~Daemon() { [FSItem setHasTryReclaim:hadTryReclaim_]; }
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
 
@@ -73,6 +77,7 @@ class Daemon {
     Answer format();
 
     Answer lookup(FSItem *directory, const std::string &name);
+    // number: the attributes that the volume says it consumed; of setSize() too.
     Answer create(FSItem *directory, const std::string &name, FSItemType type = FSItemTypeFile);
     Answer link(FSItem *directory, const std::string &name, const std::string &target);
     Answer hardLink(FSItem *item, FSItem *directory, const std::string &name);
@@ -104,6 +109,9 @@ class Daemon {
     Answer synchronize();
     // The free space, as FSKit asks for it.
     std::uint64_t statistics();
+    // number: the verifier.
+    Answer listPage(FSItem *directory, FSDirectoryCookie cookie, FSDirectoryVerifier verifier,
+                    bool withAttributes, ListPacker *packer);
     // All names of a directory, `room` entries at a time.
     std::vector<std::string> list(FSItem *directory, size_t room, bool withAttributes);
 
@@ -116,9 +124,10 @@ class Daemon {
     }
     // Sends a request whose reply block takes these arguments, and answers what it got.
     template<typename... Arguments, typename Send>
-    Answer ask(const Send &send);
+    Answer ask(Reply<Arguments...>, const Send &send);
 
     const Release release_;
+    const BOOL hadTryReclaim_;
     std::atomic<size_t> requests_ = 0;
     Strong<FSContext *> context_;
     Strong<FSResource *> resource_;

@@ -36,18 +36,19 @@ std::string Answer::text() const {
 
 Daemon::Daemon(Release release)
     : release_(release),
+      hadTryReclaim_([FSItem instancesRespondToSelector:@selector(tryReclaimWithBlock:)]),
       context_([FSContext contextOfUser:501]),
       module_(made([[::TavelinFileSystem alloc] init])) {
     [FSItem setHasTryReclaim:hasHandlers()];
 }
 
 Answer Daemon::probe(FSResource *resource) {
-    return ask<FSProbeResult *, NSError *>(
-        [&](auto reply) { [module() probeResource:resource replyHandler:reply]; });
+    return ask(Gets<FSProbeResult *>(),
+               [&](auto reply) { [module() probeResource:resource replyHandler:reply]; });
 }
 
 Answer Daemon::load(FSResource *resource) {
-    Answer answer = ask<FSVolume *, NSError *>([&](auto reply) {
+    Answer answer = ask(Gets<FSVolume *>(), [&](auto reply) {
         [module() loadResource:resource options:noOptions() replyHandler:reply];
     });
     resource_ = Strong(resource);
@@ -60,12 +61,14 @@ Answer Daemon::load(FSResource *resource) {
 
 Answer Daemon::activate(NSArray<NSString *> *words) {
     FSTaskOptions *options = [FSTaskOptions optionsWithWords:words];
-    Answer answer = hasHandlers() ? ask<FSActivateResult *, NSError *>([&](auto reply) {
-        [handlers() activateVolumeWithOptions:options replyHandler:reply];
-    })
-                                  : ask<FSItem *, NSError *>([&](auto reply) {
-                                        [first() activateWithOptions:options replyHandler:reply];
-                                    });
+    Answer answer = hasHandlers()
+                        ? ask(Gets<FSActivateResult *>(),
+                              [&](auto reply) {
+                                  [handlers() activateVolumeWithOptions:options replyHandler:reply];
+                              })
+                        : ask(Gets<FSItem *>(), [&](auto reply) {
+                              [first() activateWithOptions:options replyHandler:reply];
+                          });
     root_ = Strong(answer.item());
     return answer;
 }
@@ -75,17 +78,17 @@ void Daemon::bringUp(FSResource *resource, NSArray<NSString *> *words) {
     ASSERT_EQ(state(), FSContainerStateReady);
     ASSERT_EQ(activate(words).code(), 0);
     ASSERT_EQ(state(), FSContainerStateActive);
-    const Answer mounted = ask<NSError *>(
-        [&](auto reply) { [volume() mountWithOptions:noOptions() replyHandler:reply]; });
+    const Answer mounted = ask(
+        Done(), [&](auto reply) { [volume() mountWithOptions:noOptions() replyHandler:reply]; });
     ASSERT_EQ(mounted.code(), 0);
 }
 
 Answer Daemon::unmount() {
-    return ask<>([&](auto reply) { [volume() unmountWithReplyHandler:reply]; });
+    return ask(Reply<>(), [&](auto reply) { [volume() unmountWithReplyHandler:reply]; });
 }
 
 Answer Daemon::deactivate() {
-    return ask<NSError *>([&](auto reply) {
+    return ask(Done(), [&](auto reply) {
         if (hasHandlers()) {
             [handlers() deactivateVolumeWithOptions:0 replyHandler:reply];
         } else {
@@ -107,7 +110,7 @@ void Daemon::takeDown() {
 }
 
 Answer Daemon::unload() {
-    return ask<NSError *>([&](auto reply) {
+    return ask(Done(), [&](auto reply) {
         [module() unloadResource:resource_.get() options:noOptions() replyHandler:reply];
     });
 }
@@ -117,7 +120,7 @@ Answer Daemon::check(NSArray<NSString *> *words, RecordingTask *task) {
     NSProgress *progress = [module() startCheckWithTask:task
                                                 options:[FSTaskOptions optionsWithWords:words]
                                                   error:&error];
-    return ask<NSProgress *, NSError *>([&](auto reply) { reply(progress, error); });
+    return ask(Gets<NSProgress *>(), [&](auto reply) { reply(progress, error); });
 }
 
 Answer Daemon::format() {
@@ -125,12 +128,13 @@ Answer Daemon::format() {
     NSProgress *progress = [module() startFormatWithTask:made([RecordingTask new])
                                                  options:noOptions()
                                                    error:&error];
-    return ask<NSProgress *, NSError *>([&](auto reply) { reply(progress, error); });
+    return ask(Gets<NSProgress *>(), [&](auto reply) { reply(progress, error); });
 }
 
 Answer Daemon::synchronize() {
-    return ask<NSError *>(
-        [&](auto reply) { [volume() synchronizeWithFlags:FSSyncFlagsWait replyHandler:reply]; });
+    return ask(Done(), [&](auto reply) {
+        [volume() synchronizeWithFlags:FSSyncFlagsWait replyHandler:reply];
+    });
 }
 
 } // namespace tavelin::test

@@ -14,79 +14,145 @@ FSItemSetAttributesRequest *noAttributes() {
     return made([[FSItemSetAttributesRequest alloc] init]);
 }
 
+FSItemGetAttributesRequest *allAttributes() {
+    return made([[FSItemGetAttributesRequest alloc] init]);
+}
+
 } // namespace
 
+// clang-format takes the parts of a message here for labels.
+// clang-format off
+
+// Sends a message, given without its last parts, to the volume of the release. Its reply block
+// takes `answer` from macOS 27.0 on, and `earlier` before. The context came with the former, and
+// reading and writing have none.
+#define SEND_WITH(context, answer, earlier, ...)                                                   \
+    (hasHandlers()                                                                                 \
+         ? ask(answer(), [&](auto reply) { [handlers() __VA_ARGS__ context replyHandler:reply]; }) \
+         : ask(earlier(), [&](auto reply) { [first() __VA_ARGS__ replyHandler:reply]; }))
+#define SEND(...) SEND_WITH(context:context_.get(), __VA_ARGS__)
+#define SEND_WITHOUT_CONTEXT(...) SEND_WITH(, __VA_ARGS__)
+
 Answer Daemon::lookup(FSItem *directory, const std::string &name) {
-    if (hasHandlers()) {
-        return ask<FSLookupItemResult *, NSError *>([&](auto reply) {
-            [handlers() lookupItemNamed:fileName(name)
-                            inDirectory:directory
-                                context:context_.get()
-                           replyHandler:reply];
-        });
-    }
-    return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
-        [first() lookupItemNamed:fileName(name) inDirectory:directory replyHandler:reply];
-    });
+    return SEND(Gets<FSLookupItemResult *>, GetsNamedItem,
+                lookupItemNamed:fileName(name) inDirectory:directory);
 }
 
 Answer Daemon::create(FSItem *directory, const std::string &name, FSItemType type) {
-    if (hasHandlers()) {
-        return ask<FSCreateItemResult *, NSError *>([&](auto reply) {
-            [handlers() createItemNamed:fileName(name)
-                                   type:type
-                            inDirectory:directory
-                             attributes:noAttributes()
-                                context:context_.get()
-                           replyHandler:reply];
-        });
-    }
-    return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
-        [first() createItemNamed:fileName(name)
-                            type:type
-                     inDirectory:directory
-                      attributes:noAttributes()
-                    replyHandler:reply];
-    });
+    FSItemSetAttributesRequest *request = noAttributes();
+    request.mode = 0644;
+    Answer answer = SEND(Gets<FSCreateItemResult *>, GetsNamedItem,
+                         createItemNamed:fileName(name) type:type inDirectory:directory
+                              attributes:request);
+    answer.number = static_cast<std::uint64_t>(request.consumedAttributes);
+    return answer;
 }
 
 Answer Daemon::link(FSItem *directory, const std::string &name, const std::string &target) {
-    if (hasHandlers()) {
-        return ask<FSCreateSymlinkResult *, NSError *>([&](auto reply) {
-            [handlers() createSymbolicLinkNamed:fileName(name)
-                                    inDirectory:directory
-                                     attributes:noAttributes()
-                                   linkContents:fileName(target)
-                                        context:context_.get()
-                                   replyHandler:reply];
-        });
-    }
-    return ask<FSItem *, FSFileName *, NSError *>([&](auto reply) {
-        [first() createSymbolicLinkNamed:fileName(name)
-                             inDirectory:directory
-                              attributes:noAttributes()
-                            linkContents:fileName(target)
-                            replyHandler:reply];
-    });
+    return SEND(Gets<FSCreateSymlinkResult *>, GetsNamedItem,
+                createSymbolicLinkNamed:fileName(name) inDirectory:directory
+                             attributes:noAttributes() linkContents:fileName(target));
 }
 
 Answer Daemon::hardLink(FSItem *item, FSItem *directory, const std::string &name) {
-    if (hasHandlers()) {
-        return ask<FSCreateLinkResult *, NSError *>([&](auto reply) {
-            [handlers() createLinkToItem:item
-                                   named:fileName(name)
-                             inDirectory:directory
-                                 context:context_.get()
-                            replyHandler:reply];
-        });
-    }
-    return ask<FSFileName *, NSError *>([&](auto reply) {
-        [first() createLinkToItem:item
-                            named:fileName(name)
-                      inDirectory:directory
-                     replyHandler:reply];
-    });
+    return SEND(Gets<FSCreateLinkResult *>, Gets<FSFileName *>,
+                createLinkToItem:item named:fileName(name) inDirectory:directory);
 }
+
+Answer Daemon::removeName(FSItem *item, FSItem *directory, const std::string &name) {
+    return SEND(Gets<FSRemoveItemResult *>, Done,
+                removeItem:item named:fileName(name) fromDirectory:directory);
+}
+
+Answer Daemon::rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
+                      const std::string &newName, FSItem *over) {
+    return SEND(Gets<FSRenameItemResult *>, Gets<FSFileName *>,
+                renameItem:item inDirectory:from named:fileName(name)
+                 toNewName:fileName(newName) inDirectory:to overItem:over);
+}
+
+Answer Daemon::readLink(FSItem *item) {
+    return SEND(Gets<FSReadSymlinkResult *>, Gets<FSFileName *>, readSymbolicLink:item);
+}
+
+Answer Daemon::getAttributes(FSItem *item) {
+    return SEND(Gets<FSGetAttributesResult *>, Gets<FSItemAttributes *>,
+                getAttributes:allAttributes() ofItem:item);
+}
+
+Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
+    FSItemSetAttributesRequest *request = noAttributes();
+    request.size = size;
+    request.supportsLimitedXAttrs = YES; // never consumed
+    Answer answer = SEND(Gets<FSSetAttributesResult *>, Gets<FSItemAttributes *>,
+                         setAttributes:request onItem:item);
+    answer.number = static_cast<std::uint64_t>(request.consumedAttributes);
+    return answer;
+}
+
+Answer Daemon::write(FSItem *item, const std::string &data) {
+    NSData *bytes = [NSData dataWithBytes:data.data() length:data.size()];
+    return SEND_WITHOUT_CONTEXT(Gets<FSWriteFileResult *>, Gets<size_t>,
+                                writeContents:bytes toFile:item atOffset:0);
+}
+
+Answer Daemon::read(FSItem *item, size_t length) {
+    ByteBuffer *buffer = [ByteBuffer bufferOfLength:length];
+    Answer answer = SEND_WITHOUT_CONTEXT(Gets<FSReadFileResult *>, Gets<size_t>,
+                                         readFromFile:item offset:0 length:length
+                                           intoBuffer:buffer);
+    answer.object = Strong<id>(buffer);
+    return answer;
+}
+
+Answer Daemon::preallocate(FSItem *item, size_t length, FSPreallocateFlags flags) {
+    flags |= FSPreallocateFlagsFromEOF; // as on every call of FSKit at present
+    return SEND(Gets<FSPreallocateResult *>, Gets<size_t>,
+                preallocateSpaceForItem:item atOffset:0 length:length flags:flags);
+}
+
+Answer Daemon::getXattr(FSItem *item, const std::string &name) {
+    return SEND(Gets<FSGetXattrResult *>, Gets<NSData *>,
+                getXattrNamed:fileName(name) ofItem:item);
+}
+
+Answer Daemon::setXattr(FSItem *item, const std::string &name, NSData *value,
+                        FSSetXattrPolicy policy) {
+    return SEND(Gets<FSSetXattrResult *>, Done,
+                setXattrNamed:fileName(name) toData:value onItem:item policy:policy);
+}
+
+Answer Daemon::listXattrs(FSItem *item) {
+    return SEND(Gets<FSListXattrsResult *>, Gets<NSArray<FSFileName *> *>, listXattrsOfItem:item);
+}
+
+Answer Daemon::setVolumeName(const std::string &name) {
+    return SEND(Gets<FSVolumeRenameResult *>, Gets<FSFileName *>, setVolumeName:fileName(name));
+}
+
+Answer Daemon::open(FSItem *item) {
+    open_.emplace(item, nil);
+    return SEND(Done, Done, openItem:item withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite);
+}
+
+Answer Daemon::close(FSItem *item) {
+    Answer closed = SEND(Done, Done, closeItem:item keepingModes:0);
+    const auto opened = open_.extract(item);
+    return opened && opened.mapped() != nil ? removeName(item, opened.mapped(), kEmulatedName)
+                                            : closed;
+}
+
+Answer Daemon::deactivateItem(FSItem *item) {
+    return SEND(Gets<FSDeactivateItemResult *>, Done, deactivateItem:item);
+}
+
+Answer Daemon::listPage(FSItem *directory, FSDirectoryCookie cookie, FSDirectoryVerifier verifier,
+                        bool withAttributes, ListPacker *packer) {
+    return SEND(Gets<FSEnumerateDirectoryResult *>, Gets<FSDirectoryVerifier>,
+                enumerateDirectory:directory startingAtCookie:cookie verifier:verifier
+               providingAttributes:withAttributes ? allAttributes() : nil usingPacker:packer);
+}
+// clang-format on
 
 Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) {
     const auto opened = open_.find(item);
@@ -97,135 +163,8 @@ Answer Daemon::remove(FSItem *item, FSItem *directory, const std::string &name) 
     return rename(item, directory, name, directory, kEmulatedName);
 }
 
-Answer Daemon::removeName(FSItem *item, FSItem *directory, const std::string &name) {
-    if (hasHandlers()) {
-        return ask<FSRemoveItemResult *, NSError *>([&](auto reply) {
-            [handlers() removeItem:item
-                             named:fileName(name)
-                     fromDirectory:directory
-                           context:context_.get()
-                      replyHandler:reply];
-        });
-    }
-    return ask<NSError *>([&](auto reply) {
-        [first() removeItem:item named:fileName(name) fromDirectory:directory replyHandler:reply];
-    });
-}
-
-Answer Daemon::rename(FSItem *item, FSItem *from, const std::string &name, FSItem *to,
-                      const std::string &newName, FSItem *over) {
-    if (hasHandlers()) {
-        return ask<FSRenameItemResult *, NSError *>([&](auto reply) {
-            [handlers() renameItem:item
-                       inDirectory:from
-                             named:fileName(name)
-                         toNewName:fileName(newName)
-                       inDirectory:to
-                          overItem:over
-                           context:context_.get()
-                      replyHandler:reply];
-        });
-    }
-    return ask<FSFileName *, NSError *>([&](auto reply) {
-        [first() renameItem:item
-                inDirectory:from
-                      named:fileName(name)
-                  toNewName:fileName(newName)
-                inDirectory:to
-                   overItem:over
-               replyHandler:reply];
-    });
-}
-
-Answer Daemon::readLink(FSItem *item) {
-    if (hasHandlers()) {
-        return ask<FSReadSymlinkResult *, NSError *>([&](auto reply) {
-            [handlers() readSymbolicLink:item context:context_.get() replyHandler:reply];
-        });
-    }
-    return ask<FSFileName *, NSError *>(
-        [&](auto reply) { [first() readSymbolicLink:item replyHandler:reply]; });
-}
-
-Answer Daemon::getAttributes(FSItem *item) {
-    FSItemGetAttributesRequest *wanted = made([[FSItemGetAttributesRequest alloc] init]);
-    if (hasHandlers()) {
-        return ask<FSGetAttributesResult *, NSError *>([&](auto reply) {
-            [handlers() getAttributes:wanted ofItem:item context:context_.get() replyHandler:reply];
-        });
-    }
-    return ask<FSItemAttributes *, NSError *>(
-        [&](auto reply) { [first() getAttributes:wanted ofItem:item replyHandler:reply]; });
-}
-
-// number: the attributes that the volume says it consumed.
-Answer Daemon::setSize(FSItem *item, std::uint64_t size) {
-    FSItemSetAttributesRequest *request = noAttributes();
-    request.size = size;
-    request.supportsLimitedXAttrs = YES; // never consumed
-    Answer answer = hasHandlers() ? ask<FSSetAttributesResult *, NSError *>([&](auto reply) {
-        [handlers() setAttributes:request onItem:item context:context_.get() replyHandler:reply];
-    })
-                                  : ask<FSItemAttributes *, NSError *>([&](auto reply) {
-                                        [first() setAttributes:request
-                                                        onItem:item
-                                                  replyHandler:reply];
-                                    });
-    answer.number = static_cast<std::uint64_t>(request.consumedAttributes);
-    return answer;
-}
-
-Answer Daemon::write(FSItem *item, const std::string &data) {
-    NSData *bytes = [NSData dataWithBytes:data.data() length:data.size()];
-    if (hasHandlers()) {
-        return ask<FSWriteFileResult *, NSError *>([&](auto reply) {
-            [handlers() writeContents:bytes toFile:item atOffset:0 replyHandler:reply];
-        });
-    }
-    return ask<size_t, NSError *>([&](auto reply) {
-        [first() writeContents:bytes toFile:item atOffset:0 replyHandler:reply];
-    });
-}
-
-Answer Daemon::read(FSItem *item, size_t length) {
-    ByteBuffer *buffer = [ByteBuffer bufferOfLength:length];
-    Answer answer = hasHandlers() ? ask<FSReadFileResult *, NSError *>([&](auto reply) {
-        [handlers() readFromFile:item offset:0 length:length intoBuffer:buffer replyHandler:reply];
-    })
-                                  : ask<size_t, NSError *>([&](auto reply) {
-                                        [first() readFromFile:item
-                                                       offset:0
-                                                       length:length
-                                                   intoBuffer:buffer
-                                                 replyHandler:reply];
-                                    });
-    answer.object = Strong<id>(buffer);
-    return answer;
-}
-
-Answer Daemon::preallocate(FSItem *item, size_t length, FSPreallocateFlags flags) {
-    flags |= FSPreallocateFlagsFromEOF; // as on every call of FSKit at present
-    if (hasHandlers()) {
-        return ask<FSPreallocateResult *, NSError *>([&](auto reply) {
-            [handlers() preallocateSpaceForItem:item
-                                       atOffset:0
-                                         length:length
-                                          flags:flags
-                                        context:context_.get()
-                                   replyHandler:reply];
-        });
-    }
-    return ask<size_t, NSError *>([&](auto reply) {
-        [first() preallocateSpaceForItem:item
-                                atOffset:0
-                                  length:length
-                                   flags:flags
-                            replyHandler:reply];
-    });
-}
-
 Answer Daemon::seek(FSItem *item, std::uint64_t offset, FSSeekRegion region) {
-    return ask<FSSeekRegionResult *, NSError *>([&](auto reply) {
+    return ask(Gets<FSSeekRegionResult *>(), [&](auto reply) {
         [handlers() seekWithinItem:item
                         fromOffset:static_cast<off_t>(offset)
                             region:region
@@ -240,101 +179,8 @@ std::string Daemon::readText(FSItem *item, size_t length) {
     return [static_cast<ByteBuffer *>(answer.object.get()) text:answer.number];
 }
 
-Answer Daemon::getXattr(FSItem *item, const std::string &name) {
-    if (hasHandlers()) {
-        return ask<FSGetXattrResult *, NSError *>([&](auto reply) {
-            [handlers() getXattrNamed:fileName(name)
-                               ofItem:item
-                              context:context_.get()
-                         replyHandler:reply];
-        });
-    }
-    return ask<NSData *, NSError *>(
-        [&](auto reply) { [first() getXattrNamed:fileName(name) ofItem:item replyHandler:reply]; });
-}
-
-Answer Daemon::setXattr(FSItem *item, const std::string &name, NSData *value,
-                        FSSetXattrPolicy policy) {
-    if (hasHandlers()) {
-        return ask<FSSetXattrResult *, NSError *>([&](auto reply) {
-            [handlers() setXattrNamed:fileName(name)
-                               toData:value
-                               onItem:item
-                               policy:policy
-                              context:context_.get()
-                         replyHandler:reply];
-        });
-    }
-    return ask<NSError *>([&](auto reply) {
-        [first() setXattrNamed:fileName(name)
-                        toData:value
-                        onItem:item
-                        policy:policy
-                  replyHandler:reply];
-    });
-}
-
-Answer Daemon::listXattrs(FSItem *item) {
-    if (hasHandlers()) {
-        return ask<FSListXattrsResult *, NSError *>([&](auto reply) {
-            [handlers() listXattrsOfItem:item context:context_.get() replyHandler:reply];
-        });
-    }
-    return ask<NSArray<FSFileName *> *, NSError *>(
-        [&](auto reply) { [first() listXattrsOfItem:item replyHandler:reply]; });
-}
-
-Answer Daemon::setVolumeName(const std::string &name) {
-    if (hasHandlers()) {
-        return ask<FSVolumeRenameResult *, NSError *>([&](auto reply) {
-            [handlers() setVolumeName:fileName(name) context:context_.get() replyHandler:reply];
-        });
-    }
-    return ask<FSFileName *, NSError *>(
-        [&](auto reply) { [first() setVolumeName:fileName(name) replyHandler:reply]; });
-}
-
-Answer Daemon::open(FSItem *item) {
-    open_.emplace(item, nil);
-    if (hasHandlers()) {
-        return ask<NSError *>([&](auto reply) {
-            [handlers() openItem:item
-                       withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
-                         context:context_.get()
-                    replyHandler:reply];
-        });
-    }
-    return ask<NSError *>([&](auto reply) {
-        [first() openItem:item
-                withModes:FSVolumeOpenModesRead | FSVolumeOpenModesWrite
-             replyHandler:reply];
-    });
-}
-
-Answer Daemon::close(FSItem *item) {
-    Answer closed = ask<NSError *>([&](auto reply) {
-        if (hasHandlers()) {
-            [handlers() closeItem:item keepingModes:0 context:context_.get() replyHandler:reply];
-        } else {
-            [first() closeItem:item keepingModes:0 replyHandler:reply];
-        }
-    });
-    const auto opened = open_.extract(item);
-    return opened && opened.mapped() != nil ? removeName(item, opened.mapped(), kEmulatedName)
-                                            : closed;
-}
-
-Answer Daemon::deactivateItem(FSItem *item) {
-    if (hasHandlers()) {
-        return ask<FSDeactivateItemResult *, NSError *>([&](auto reply) {
-            [handlers() deactivateItem:item context:context_.get() replyHandler:reply];
-        });
-    }
-    return ask<NSError *>([&](auto reply) { [first() deactivateItem:item replyHandler:reply]; });
-}
-
 Answer Daemon::reclaim(FSItem *item) {
-    return ask<NSError *>([&](auto reply) { [volume() reclaimItem:item replyHandler:reply]; });
+    return ask(Done(), [&](auto reply) { [volume() reclaimItem:item replyHandler:reply]; });
 }
 
 std::uint64_t Daemon::statistics() {
@@ -344,33 +190,14 @@ std::uint64_t Daemon::statistics() {
 
 std::vector<std::string> Daemon::list(FSItem *directory, size_t room, bool withAttributes) {
     std::vector<std::string> names;
-    FSItemGetAttributesRequest *wanted =
-        withAttributes ? made([[FSItemGetAttributesRequest alloc] init]) : nil;
     Answer answer;
     FSDirectoryCookie cookie = 0;
     for (bool more = true; more;) {
         ListPacker *packer = [ListPacker packerWithRoom:room];
-        const FSDirectoryVerifier verifier = answer.number;
-        answer = hasHandlers() ? ask<FSEnumerateDirectoryResult *, NSError *>([&](auto reply) {
-            [handlers() enumerateDirectory:directory
-                          startingAtCookie:cookie
-                                  verifier:verifier
-                       providingAttributes:wanted
-                               usingPacker:packer
-                                   context:context_.get()
-                              replyHandler:reply];
-        })
-                               : ask<FSDirectoryVerifier, NSError *>([&](auto reply) {
-                                     [first() enumerateDirectory:directory
-                                                startingAtCookie:cookie
-                                                        verifier:verifier
-                                             providingAttributes:wanted
-                                                     usingPacker:packer
-                                                    replyHandler:reply];
-                                 });
+        answer = listPage(directory, cookie, answer.number, withAttributes, packer);
         EXPECT_EQ(answer.code(), 0);
         for (const auto &entry : packer->_entries) {
-            EXPECT_EQ(entry.hasAttributes, withAttributes);
+            EXPECT_TRUE(entry.hasAttributes == withAttributes && entry.agrees);
             names.push_back(entry.name);
             cookie = entry.nextCookie;
         }

@@ -177,8 +177,9 @@ static constexpr size_t kPhysicalBlock = 4096;
     if (_entries.size() == _room) {
         return NO;
     }
+    const bool agrees = attributes.fileID == itemID && attributes.type == itemType;
     _entries.push_back({std::string(static_cast<const char *>(name.data.bytes), name.data.length),
-                        itemType, static_cast<uint64_t>(itemID), nextCookie, attributes != nil});
+                        nextCookie, attributes != nil, attributes == nil || agrees});
     return YES;
 }
 @end

@@ -56,6 +56,7 @@
 @property (nonatomic, assign) FSFileName *name;
 @property (nonatomic, assign) FSItemAttributes *itemAttributes;
 @property (nonatomic, assign) FSItemAttributes *directoryAttributes;
+@property (nonatomic, assign) FSItemAttributes *destinationAttributes; // of a rename
 @property (nonatomic, assign) FSFreeSpace *freeSpace;
 @property (nonatomic) uint64_t number;
 @end
@@ -85,10 +86,9 @@
   @public
     struct Entry {
         std::string name;
-        FSItemType type;
-        uint64_t itemID;
         FSDirectoryCookie nextCookie;
         bool hasAttributes;
+        bool agrees; // type and number with the attributes
     };
     size_t _room;
     std::vector<Entry> _entries;

@@ -31,6 +31,7 @@ OBJECT(id, object, Object)
 OBJECT(FSFileName *, name, Name)
 OBJECT(FSItemAttributes *, itemAttributes, ItemAttributes)
 OBJECT(FSItemAttributes *, directoryAttributes, DirectoryAttributes)
+OBJECT(FSItemAttributes *, destinationAttributes, DestinationAttributes)
 OBJECT(FSFreeSpace *, freeSpace, FreeSpace)
 NUMBER(uint64_t, number, Number)
 + (FSItemGetAttributesRequest *)requestedAttributes {
@@ -67,12 +68,6 @@ NUMBER(uint64_t, number, Number)
         return nil;
     }
     return self;
-}
-@end
-
-@implementation FSActivateResult
-- (instancetype)initWithRootItem:(FSItem *)rootItem {
-    return [self initWithObject:rootItem];
 }
 @end
 
@@ -125,6 +120,7 @@ NUMBER(uint64_t, number, Number)
     [self setName:newName];
     [self setFreeSpace:freeSpace];
     [self setNumber:overItemAttributes != nil ? overItemAttributes.linkCount : ~0u];
+    [self setDestinationAttributes:destinationDirectoryAttributes];
     self = [self takeItem:destinationDirectoryAttributes directory:overItemAttributes];
     return [self takeItem:renamedItemAttributes directory:sourceDirectoryAttributes];
 }
@@ -154,14 +150,6 @@ NUMBER(uint64_t, number, Number)
     self = [self initWithItem:attributes];
     [self setObject:attributes];
     [self setFreeSpace:freeSpace];
-    return self;
-}
-@end
-
-@implementation FSEnumerateDirectoryResult
-- (instancetype)initWithVerifier:(FSDirectoryVerifier)verifier {
-    self = [self initDouble];
-    [self setNumber:verifier];
     return self;
 }
 @end
@@ -206,46 +194,26 @@ NUMBER(uint64_t, number, Number)
 }
 @end
 
-@implementation FSSeekRegionResult
-- (instancetype)initWithReturnedOffset:(off_t)returnedOffset {
-    self = [self initDouble];
-    [self setNumber:static_cast<uint64_t>(returnedOffset)];
-    return self;
-}
-@end
-
-@implementation FSDeactivateItemResult
-- (instancetype)initWithFreeSpace:(FSFreeSpace *)freeSpace {
-    self = [self initDouble];
-    [self setFreeSpace:freeSpace];
-    return self;
-}
-@end
-
-@implementation FSGetXattrResult
-- (instancetype)initWithXattrValue:(NSData *)xattrValue {
-    return [self initWithObject:xattrValue];
-}
-@end
-
-@implementation FSSetXattrResult
-- (instancetype)initWithFreeSpace:(FSFreeSpace *)freeSpace {
-    self = [self initDouble];
-    [self setFreeSpace:freeSpace];
-    return self;
-}
-@end
-
-@implementation FSListXattrsResult
-- (instancetype)initWithXattrNames:(NSArray<FSFileName *> *)xattrNames {
-    return [self initWithObject:xattrNames];
-}
-@end
-
-@implementation FSVolumeRenameResult
-- (instancetype)initWithNewName:(FSFileName *)newName {
-    self = [self initDouble];
-    [self setName:newName];
-    return self;
-}
-@end
+// Those that carry one value.
+#define RESULT_OF(Class, initWithValue, type, set)                                                 \
+    @implementation Class                                                                          \
+    -(instancetype)initWithValue : (type)value {                                                   \
+        self = [self initDouble];                                                                  \
+        [self set:value];                                                                          \
+        return self;                                                                               \
+    }                                                                                              \
+    @end
+#define RESULT_OF_OBJECT(Class, initWithValue, type)                                               \
+    @implementation Class                                                                          \
+    -(instancetype)initWithValue : (type)value {                                                   \
+        return [self initWithObject:value];                                                        \
+    }                                                                                              \
+    @end
+RESULT_OF_OBJECT(FSActivateResult, initWithRootItem, FSItem *)
+RESULT_OF_OBJECT(FSGetXattrResult, initWithXattrValue, NSData *)
+RESULT_OF_OBJECT(FSListXattrsResult, initWithXattrNames, NSArray<FSFileName *> *)
+RESULT_OF(FSEnumerateDirectoryResult, initWithVerifier, FSDirectoryVerifier, setNumber)
+RESULT_OF(FSSeekRegionResult, initWithReturnedOffset, off_t, setNumber)
+RESULT_OF(FSDeactivateItemResult, initWithFreeSpace, FSFreeSpace *, setFreeSpace)
+RESULT_OF(FSSetXattrResult, initWithFreeSpace, FSFreeSpace *, setFreeSpace)
+RESULT_OF(FSVolumeRenameResult, initWithNewName, FSFileName *, setName)

@@ -29,17 +29,22 @@ class UserActions {
     // Copies directories of files into the root, with times and one extended attribute each.
     void copyTree(int directories, int filesEach);
 
-  private:
-    void copyDirectory(const std::string& name, int files);
+    // Looks a name up that is not known yet.
     Answer lookup(FSItem* directory, const std::string& name);
     Answer create(FSItem* directory, const std::string& name, FSItemType type = FSItemTypeFile);
+    void open(FSItem* item);
+    void close(FSItem* item);
+    // Opens a file, writes it and closes it.
     void write(FSItem* item, const std::string& content);
+    // To a name that is free.
+    void rename(FSItem* item, FSItem* directory, const std::string& name,
+                const std::string& newName);
+
+  private:
+    void copyDirectory(const std::string& name, int files);
     void setTimes(FSItem* item);
     // What FSKit asks for after an answer that carries none of it.
     void askAfterwards(std::initializer_list<FSItem*> items, bool freeSpace);
-
-    void open(FSItem* item);
-    void close(FSItem* item);
 
     Daemon& daemon_;
     const bool tellsUse_;

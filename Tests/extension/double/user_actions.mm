@@ -54,6 +54,13 @@ void UserActions::write(FSItem *item, const std::string &content) {
     close(item);
 }
 
+void UserActions::rename(FSItem *item, FSItem *directory, const std::string &name,
+                         const std::string &newName) {
+    EXPECT_FALSE(lookup(directory, newName).ok());
+    EXPECT_TRUE(daemon_.rename(item, directory, name, directory, newName).ok());
+    askAfterwards({item, directory}, true);
+}
+
 void UserActions::setTimes(FSItem *item) {
     EXPECT_TRUE(daemon_.setSize(item, 4096).ok()); // whichever attribute, one request
     askAfterwards({}, true);
