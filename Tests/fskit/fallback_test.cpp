@@ -6,7 +6,11 @@
 #include "platform/error_numbers.hpp"
 #include "support/run_process.hpp"
 
-#include <endian.h>
+#include <algorithm>
+#include <bit>
+#include <functional>
+#include <initializer_list>
+#include <utility>
 
 namespace tavelin {
 namespace {
@@ -15,63 +19,49 @@ using namespace test;
 
 constexpr std::size_t kPage = 4096;
 
-template<typename Number>
-void put(std::string& page, std::size_t at, Number number) {
-    for (std::size_t byte = 0; byte < sizeof(Number); ++byte) {
-        page[at + byte] = static_cast<char>(number >> (8 * byte));
-    }
-}
-
-// A restart page of the journal, with the fields at which <ntfs-3g/logfile.h> has them: one client
-// named NTFS, which is still at work when `inUse`.
-std::string restartPage(std::uint16_t major, std::uint16_t minor, bool inUse,
-                        std::uint64_t journalSize) {
+// Writes a restart page of Windows' journal, with the fields at which <ntfs-3g/logfile.h> has them:
+// one client named NTFS, which is still at work when `inUse`.
+void putRestartPage(ImageEditor::Bytes page, std::uint16_t major, std::uint16_t minor, bool inUse,
+                    std::uint64_t journalSize) {
     constexpr std::size_t kArea = 48;
     constexpr std::size_t kClient = kArea + 48;
-    constexpr std::uint16_t kNone = 0xffff;
-    std::string page(kPage, '\0');
-    page.replace(0, 4, "RSTR");
-    put<std::uint16_t>(page, 4, 30); // where the sectors' saved last words are
-    put<std::uint16_t>(page, 6, 9);  // how many, with the mark that replaces them
-    put<std::uint32_t>(page, 16, kPage);
-    put<std::uint32_t>(page, 20, kPage);
-    put<std::uint16_t>(page, 24, kArea);
-    put(page, 26, minor);
-    put(page, 28, major);
-    put<std::uint16_t>(page, kArea + 8, 1); // clients
-    put<std::uint16_t>(page, kArea + 10, inUse ? kNone : std::uint16_t{0});
-    put<std::uint16_t>(page, kArea + 12, inUse ? std::uint16_t{0} : kNone);
-    put<std::uint32_t>(page, kArea + 16,
-                       67 - static_cast<std::uint32_t>(std::bit_width(journalSize)));
-    put<std::uint16_t>(page, kArea + 20, 48 + 160); // length with the client's record
-    put<std::uint16_t>(page, kArea + 22, 48);
-    put(page, kArea + 24, journalSize);
-    put<std::uint16_t>(page, kArea + 36, 48);
-    put<std::uint16_t>(page, kArea + 38, 64);
-    put(page, kClient + 16, kNone);
-    put(page, kClient + 18, kNone);
-    put<std::uint32_t>(page, kClient + 28, 8);
-    page.replace(kClient + 32, 8, std::string("N\0T\0F\0S\0", 8));
-    constexpr std::uint16_t kMark = 1;
-    put(page, 30, kMark);
-    for (std::size_t sector = 0; sector < 8; ++sector) {
-        put(page, sector * 512 + 510, kMark); // what was there is the zeroes saved above
+    constexpr std::uint64_t kNone = 0xffff;
+    constexpr std::uint64_t kMark = 1; // at the end of each sector; what was there is zeroes
+    const std::uint64_t sequenceBits = 67 - static_cast<std::uint64_t>(std::bit_width(journalSize));
+    const auto put = [&](std::size_t at, std::initializer_list<std::uint64_t> words) {
+        for (const std::uint64_t word : words) {
+            ntb::put_at(page.data(), std::exchange(at, at + 2), 2, word);
+        }
+    };
+    std::fill_n(page.begin(), kPage, std::uint8_t{0});
+    put(0, {0x5352, 0x5254, 30, 9}); // "RSTR", and where the sectors' saved last words are
+    put(16, {kPage, 0, kPage, 0, kArea, minor, major, kMark});
+    put(kArea + 8, {1, inUse ? kNone : 0, inUse ? 0 : kNone}); // how many clients, and which
+    put(kArea + 16, {sequenceBits, 0, 48 + 160, 48, journalSize & 0xffff, journalSize >> 16});
+    put(kArea + 36, {48, 64});
+    put(kClient + 16, {kNone, kNone}); // before and behind the client
+    put(kClient + 28, {8, 0, 'N', 'T', 'F', 'S'});
+    for (std::size_t sector = 512; sector <= kPage; sector += 512) {
+        put(sector - 2, {kMark});
     }
-    return page;
 }
 
 class Fallback : public VolumeTest {
   protected:
+    void edit(const std::function<void(ImageEditor&)>& change) {
+        std::vector<std::uint8_t> bytes(disk->bytes.begin(), disk->bytes.end());
+        ImageEditor editor(bytes);
+        change(editor);
+        disk->bytes.assign(bytes.begin(), bytes.end());
+    }
+
     void setJournal(std::uint16_t major, std::uint16_t minor, bool inUse) {
-        const std::string image = sample.image().string();
-        std::string journal = run({"ntfscat", "-f", "-q", "-i", "2", image}).out;
-        const std::string page = restartPage(major, minor, inUse, journal.size());
-        journal.replace(0, 2 * kPage, page + page);
-        const auto file = sample.directory() / "journal";
-        writeFile(file, journal);
-        const auto copied = run({"ntfscp", "-f", "-q", "-i", image, file.string(), "2"});
-        ASSERT_TRUE(copied.ok()) << copied.describe();
-        reread();
+        edit([&](ImageEditor& editor) {
+            editor.editValue(ntb::record_logfile, ntb::at_data, "", [&](ImageEditor::Bytes log) {
+                putRestartPage(log, major, minor, inUse, log.size());
+                putRestartPage(log.subspan(kPage), major, minor, inUse, log.size());
+            });
+        });
     }
 
     void setHibernationFile(const std::string& content) {
@@ -153,20 +143,20 @@ TEST_F(Fallback, AnUncleanJournalIsResetWhenTheVolumeMayBeWritten) {
 TEST_F(Fallback, AMarkedVolumeIsWrittenToWhereNothingIsWrong) {
     sample.leaveUnchecked();
     for (const bool isDamaged : {false, true}) {
-        std::vector<std::uint8_t> bytes(disk->bytes.begin(), disk->bytes.end());
-        ImageEditor editor(bytes);
-        editor.editValue(ntb::record_volume, ntb::at_volume_information, "",
-                         [](ImageEditor::Bytes value) { ntb::put_at(value.data(), 10, 2, 1); });
-        if (isDamaged) { // the next write could take what is in use
-            editor.setBit(ntb::record_bitmap, ntb::at_data, "",
-                          editor.runs(ntb::record_upcase, ntb::at_data).at(0).lcn, false);
-        }
-        disk->bytes.assign(bytes.begin(), bytes.end());
+        edit([&](ImageEditor& editor) {
+            editor.editValue(ntb::record_volume, ntb::at_volume_information, "",
+                             [](ImageEditor::Bytes value) { ntb::put_at(value.data(), 10, 2, 1); });
+            if (isDamaged) { // the next write could take what is in use
+                editor.setBit(ntb::record_bitmap, ntb::at_data, "",
+                              editor.runs(ntb::record_upcase, ntb::at_data).at(0).lcn, false);
+            }
+        });
+        const std::string before = disk->bytes;
         start();
         EXPECT_EQ(volume().ntfs->readOnly(), isDamaged);
         EXPECT_EQ(requests().create(root, "new").code(), isDamaged ? kEROFS : 0);
         EXPECT_EQ(unload(), 0);
-        EXPECT_EQ(disk->bytes == std::string(bytes.begin(), bytes.end()), isDamaged);
+        EXPECT_EQ(disk->bytes == before, isDamaged);
     }
 }
 
