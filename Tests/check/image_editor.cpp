@@ -81,6 +81,7 @@ void ImageEditor::mapPaths() {
             continue; // a free record, or one without a name
         }
     }
+    records_["/"] = ntb::record_root;
     for (const auto& [number, name] : names) {
         std::string path = "/" + name.second;
         for (uint64_t at = name.first; at != ntb::record_root && names.contains(at);

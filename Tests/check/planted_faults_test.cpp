@@ -27,42 +27,38 @@ struct Fault {
     std::string found = {}; // words of the finding
 };
 
+// Writes a number at an offset of the bytes that an editor hands out.
+ImageEditor::Edit put(size_t offset, unsigned width, uint64_t value) {
+    return [=](Bytes b) { ntb::put_at(b.data(), offset, width, value); };
+}
+
 auto inRecord(std::string path, size_t offset, unsigned width, uint64_t value) {
-    return [=](ImageEditor& e) {
-        e.editRecord(e.record(path), [&](Bytes b) { ntb::put_at(b.data(), offset, width, value); });
-    };
+    return [=](ImageEditor& e) { e.editRecord(e.record(path), put(offset, width, value)); };
 }
 
 auto inAttribute(std::string path, uint32_t type, std::string name, size_t offset, unsigned width,
                  uint64_t value) {
     return [=](ImageEditor& e) {
-        e.editAttribute(e.record(path), type, name,
-                        [&](Bytes b) { ntb::put_at(b.data(), offset, width, value); });
+        e.editAttribute(e.record(path), type, name, put(offset, width, value));
     };
 }
 
 auto inValue(std::string path, uint32_t type, std::string name, size_t offset, unsigned width,
              uint64_t value) {
-    return [=](ImageEditor& e) {
-        e.editValue(e.record(path), type, name,
-                    [&](Bytes b) { ntb::put_at(b.data(), offset, width, value); });
-    };
+    return
+        [=](ImageEditor& e) { e.editValue(e.record(path), type, name, put(offset, width, value)); };
 }
 
 auto inEntry(std::string directory, std::string name, size_t offset, unsigned width,
              uint64_t value) {
-    return [=](ImageEditor& e) {
-        const uint64_t number = directory == "/" ? ntb::record_root : e.record(directory);
-        e.editEntry(number, name, [&](Bytes b) { ntb::put_at(b.data(), offset, width, value); });
-    };
+    return
+        [=](ImageEditor& e) { e.editEntry(e.record(directory), name, put(offset, width, value)); };
 }
 
 // Of the first index block of /dir in use.
 auto inIndexBlock(size_t offset, unsigned width, uint64_t value) {
-    return [=](ImageEditor& e) {
-        e.editIndexBlock(e.record("/dir"), 0,
-                         [&](Bytes b) { ntb::put_at(b.data(), offset, width, value); });
-    };
+    return
+        [=](ImageEditor& e) { e.editIndexBlock(e.record("/dir"), 0, put(offset, width, value)); };
 }
 
 auto setBit(std::string path, uint32_t type, std::string name, bool value,
@@ -273,10 +269,8 @@ std::vector<Fault> recordFaults() {
                                             }))},
         {compressedData, "/sparse",
          [](ImageEditor& e) {
-             e.editAttribute(e.record("/sparse"), ntb::at_data, "", [](Bytes b) {
-                 ntb::put_at(b.data(), 0x0c, 2, ntb::attribute_compressed);
-                 ntb::put_at(b.data(), 0x22, 1, 4);
-             });
+             inAttribute("/sparse", ntb::at_data, "", 0x0c, 2, ntb::attribute_compressed)(e);
+             inAttribute("/sparse", ntb::at_data, "", 0x22, 1, 4)(e);
          },
          "from byte 0 on"},
     };
@@ -286,11 +280,18 @@ std::vector<Fault> nameFaults() {
     const std::string first = "/dir/" + numbered(0);
     return {
         {indexRoot, "/dir", inValue("/dir", ntb::at_index_root, "$I30", 4, 4, 5)},
+        {indexRoot, "/dir",
+         [](ImageEditor& e) { // entries behind the end of the root, which has room for them
+             inValue("/dir", ntb::at_index_root, "$I30", 0x14, 4, 0x4000)(e);
+             inValue("/dir", ntb::at_index_root, "$I30", 0x18, 4, 0x4000)(e);
+         }},
         {indexBlock, "/dir",
          [](ImageEditor& e) { flip(e, e.offsetOfIndexBlock(e.record("/dir"), 0)); }},
+        {indexBlock, "/dir", inIndexBlock(0x10, 8, 4096), "one that says it is 4096"},
         {indexBlockTorn, "/dir",
          [](ImageEditor& e) { flip(e, e.offsetOfIndexBlock(e.record("/dir"), 0) + 511); }},
         {indexEntry, "/dir", inIndexBlock(0x18 + 0x28 + 8, 2, 3)},
+        {indexEntry, "/dir", inIndexBlock(0x18 + 0x28 + 8, 2, 0x8000)}, // longer than the block
         {indexOrder, "/dir", inEntry("/dir", numbered(3), 0x52, 2, 'z')},
         {indexChild, "/dir",
          [](ImageEditor& e) { editChild(e, 0, [](uint64_t) { return 99999; }); }},
