@@ -1,6 +1,5 @@
 #include "hosts/fuse/tree/mounted_volume.hpp"
 
-#include "core/driver2/item_identity.hpp"
 #include "fskit/api/error.hpp"
 #include "platform/error_numbers.hpp"
 #include "platform/utf8.hpp"
@@ -214,11 +213,8 @@ Outcome<fskit::FSItemAttributes> MountedVolume::attributes(const Node& node) {
     if (!found && node.isDirectory() && isCode(found.error(), kESTALE)) {
         // A directory that was removed while somebody is in it. Its record is gone, a file's is
         // not: those are kept until the kernel forgets them.
-        fskit::FSItemAttributes rest;
-        rest.setType(fskit::FSItemType::directory);
-        rest.setMode(Driver2::mode(NTFSItemType::directory));
-        rest.setFileID(node.id);
-        return rest;
+        const MutexLock held(node.directory->lock);
+        return node.directory->atRemoval ? *node.directory->atRemoval : std::move(found);
     }
     return adjusted(node, std::move(found));
 }

@@ -85,7 +85,7 @@ class MountedVolume {
 
     // ---- Attributes, directories ---------------------------------------------------------------
 
-    /// For a directory that was removed while in use: its type, mode and number.
+    /// For a directory that was removed while in use: what it was then.
     Outcome<fskit::FSItemAttributes> attributes(const Node& node);
     /// Applies the valid attributes of `changes` and answers the new ones; kESTALE for a directory
     /// that is gone.
@@ -157,6 +157,8 @@ class MountedVolume {
     static void adjustTimes(const Node& node, fskit::FSItemAttributes& attributes);
     /// Notes that a name went whose removal from the volume is deferred.
     static void noteDeferredRemoval(Node& directory);
+    /// Keeps what a directory that is about to be removed will be told of then.
+    static void noteRemoval(Node& directory, fskit::FSItemAttributes attributes);
     /// What the kernel expects of requests about names in a directory that was removed: kENOENT.
     static fskit::Error missingIfStale(const fskit::Error& error);
     static bool isCode(const fskit::Error& error, int32_t code) noexcept;

@@ -71,8 +71,17 @@ void MountedVolume::noteDeferredRemoval(Node& directory) {
         std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
+void MountedVolume::noteRemoval(Node& directory, fskit::FSItemAttributes attributes) {
+    attributes.setLinkCount(0);
+    const MutexLock held(directory.directory->lock);
+    directory.directory->atRemoval = attributes;
+}
+
 Outcome<void> MountedVolume::removeDirectory(Node& directory, std::string_view name) {
     return remove(directory, name, [&](const Found& old, Node* node) {
+        if (node != nullptr && node->isDirectory()) {
+            noteRemoval(*node, old.attributes);
+        }
         const auto unlink = [&] {
             return Outcome<void>::of(volume_.remove(old.item, directory.item, name));
         };
@@ -184,6 +193,7 @@ Outcome<void> MountedVolume::replace(const Renaming& renaming, const Found& old)
     Node* node = nodes_.find(old.item);
     if (node == nullptr || node->isDirectory()) {
         if (node != nullptr) {
+            noteRemoval(*node, old.attributes);
             if (Outcome<void> freed = orphans_.moveAsideChildren(node->id); !freed) {
                 return freed;
             }

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 namespace tavelin::fusehost {
@@ -33,6 +34,8 @@ struct DirectoryState {
     std::unique_ptr<DirectoryListing> listing TAVELIN_GUARDED_BY(lock);
     size_t streams TAVELIN_GUARDED_BY(lock) = 0;        // that are open
     bool listingIsOld TAVELIN_GUARDED_BY(lock) = false; // names have come that it lacks
+    /// What it was when its removal began, for those who have it open afterwards.
+    std::optional<fskit::FSItemAttributes> atRemoval TAVELIN_GUARDED_BY(lock);
 
     /// When the last name went whose removal is deferred, in nanoseconds since 1970; 0 for none.
     /// The directory's times on the volume follow when the file is removed.
