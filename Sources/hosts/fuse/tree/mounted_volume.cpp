@@ -230,6 +230,11 @@ MountedVolume::setAttributes(const Node& node, fskit::FSItemSetAttributesRequest
         // for nothing. The kernel leaves the time of it to the server.
         changes.setChangeTime(start);
     }
+    if (node.isDirectory() && changes.isValid(Bit::modifyTime)) {
+        // Names whose removal is deferred go first, or their going would move what is set here. A
+        // failure is dropped: it does that then, and nothing worse.
+        (void)orphans_.moveAsideChildren(node.id);
+    }
     Outcome<fskit::FSItemAttributes> found = volume_.setAttributes(node.item, changes);
     // POSIX lets a truncate update the times even when the size does not change. The kernel leaves
     // that to the server, and the volume does it only when the size changes.
