@@ -90,25 +90,6 @@ TEST_F(MountPrograms, ACompilersProgramsRun) {
     }
 }
 
-// Python goes by the times of directories and files to know what it has compiled already.
-TEST_F(MountPrograms, PythonFindsWhatItJustWrote) {
-    if (!run({"python3", "--version"}).ok()) {
-        GTEST_SKIP() << "there is no Python";
-    }
-    EXPECT_EQ(runOrThrow({"python3", "-c",
-                          "import sys, os, importlib\n"
-                          "sys.dont_write_bytecode = False\n"
-                          "sys.path.insert(0, sys.argv[1])\n"
-                          "for i in range(20):\n"
-                          "    name = 'module%d' % i\n"
-                          "    with open(os.path.join(sys.argv[1], name + '.py'), 'w') as f:\n"
-                          "        f.write('value = %d' % i)\n"
-                          "    assert importlib.import_module(name).value == i, name\n"
-                          "print(len(os.listdir(os.path.join(sys.argv[1], '__pycache__'))))\n",
-                          served_->directory()}),
-              "20\n");
-}
-
 // With owners and modes kept, a repository is what it is on any file system of Linux.
 TEST_F(MountPrograms, GitKeepsModesHooksAndLinks) {
     mount("permissions");
