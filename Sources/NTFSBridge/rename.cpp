@@ -27,6 +27,10 @@ bool is_descendant(const ntb_vol* vol, uint64_t start, uint64_t inode) noexcept 
         if (directory.open(vol->volume, current) != 0) {
             return false;
         }
+        // Nothing is below a file, which may be in several directories.
+        if (!is_directory(directory.get())) {
+            return false;
+        }
         const inode_guard parent(ntfs_dir_parent_inode(directory.get()));
         const uint64_t above = parent ? parent->mft_no : NTB_ROOT_INO;
         // A directory that is its own parent exists on a damaged volume only.

@@ -140,6 +140,7 @@ TEST(Namespace, Renames) {
         {"/a", "/a/x", EINVAL},
         {"/a", "/a/b/c/x", EINVAL},
         {"/a/b", "/a/b/c/x", EINVAL},
+        {"/a", "/a/b/moved/x", ENOTDIR}, // which is below it, and a file
         {"/other", "/empty", EISDIR},
         {"/empty", "/other", ENOTDIR},
         {"/empty", "/a", ENOTEMPTY},

@@ -170,11 +170,11 @@ Answer Model::rename(const std::string& from, const std::string& to) {
         return {.error = error};
     }
     const bool directory = nodes_.at(from).kind == ItemKind::directory;
-    if (directory && to.starts_with(from + "/")) {
-        return {.error = kEINVAL};
-    }
     if (!has(to) && absence(to) == kENOTDIR) {
         return {.error = kENOTDIR};
+    }
+    if (directory && to.starts_with(from + "/")) {
+        return {.error = kEINVAL};
     }
     if (has(to) && directory != (nodes_.at(to).kind == ItemKind::directory)) {
         return {.error = directory ? kENOTDIR : kEISDIR};
