@@ -1,5 +1,7 @@
 #include "lab/model.hpp"
 
+#include "core/values.hpp"
+
 #include <algorithm>
 #include <chrono>
 
@@ -30,7 +32,8 @@ Ticks nowTicks() {
 }
 
 Model::Model(bool windowsNames) : windowsNames_(windowsNames) {
-    Node& root = nodes_["/"];
+    names_["/"] = next_;
+    Node& root = nodes_[next_++];
     root = {.kind = ItemKind::directory, .hidden = true}; // so mkntfs leaves it
     for (Time& time : root.times) {
         time.mayBeOlder = true; // made by mkntfs: anything up to now
@@ -40,7 +43,7 @@ Model::Model(bool windowsNames) : windowsNames_(windowsNames) {
 std::vector<std::string> Model::below(const std::string& directory) const {
     const std::string prefix = directory == "/" ? directory : directory + "/";
     std::vector<std::string> paths;
-    for (auto at = nodes_.upper_bound(prefix); at != nodes_.end() && at->first.starts_with(prefix);
+    for (auto at = names_.upper_bound(prefix); at != names_.end() && at->first.starts_with(prefix);
          ++at) {
         paths.push_back(at->first);
     }
@@ -52,7 +55,7 @@ std::int32_t Model::absence(const std::string& path) const {
     while (!has(above)) {
         above = directoryOf(above);
     }
-    return nodes_.at(above).kind == ItemKind::directory ? kENOENT : kENOTDIR;
+    return at(above).kind == ItemKind::directory ? kENOENT : kENOTDIR;
 }
 
 std::int32_t Model::newNameError(const std::string& path) const {
@@ -79,7 +82,7 @@ void Model::touch(Node& node, std::initializer_list<TimeKind> kinds, bool maybe)
 }
 
 void Model::touchDirectoryOf(const std::string& path) {
-    touch(nodes_.at(directoryOf(path)), {accessTime, modifyTime, changeTime}, true);
+    touch(at(directoryOf(path)), {accessTime, modifyTime, changeTime}, true);
 }
 
 Answer Model::apply(const Operation& op) {
@@ -94,9 +97,14 @@ Answer Model::apply(const Operation& op) {
         return remove(op.path);
     case Verb::rename:
         return rename(op.path, op.text);
+    case Verb::link:
+        return link(op.path, op.text);
+    case Verb::exchange:
+        return exchange(op.path, op.text);
     case Verb::sync:
     case Verb::trim:
     case Verb::reload:
+    case Verb::cut:
         return {};
     default:
         break;
@@ -104,7 +112,7 @@ Answer Model::apply(const Operation& op) {
     if (!has(op.path)) {
         return {.error = absence(op.path)};
     }
-    Node& node = nodes_.at(op.path);
+    Node& node = at(op.path);
     switch (op.verb) {
     case Verb::lookup:
         return {.data = std::to_string(static_cast<int>(node.kind))};
@@ -113,6 +121,8 @@ Answer Model::apply(const Operation& op) {
     case Verb::truncate:
     case Verb::readlink:
         return data(op, node);
+    case Verb::allocate:
+        return allocate(op, node);
     case Verb::setStream:
     case Verb::getStream:
         return stream(op, node);
@@ -121,22 +131,34 @@ Answer Model::apply(const Operation& op) {
     }
 }
 
+std::uint32_t Model::countNames(const std::string& path) const {
+    const std::size_t item = names_.at(path);
+    return static_cast<std::uint32_t>(
+        std::ranges::count_if(names_, [&](const auto& name) { return name.second == item; }));
+}
+
+std::int32_t Model::newItemError(const std::string& path) const {
+    if (has(directoryOf(path))) {
+        if (const std::int32_t error = newNameError(path); error != 0) {
+            return error;
+        }
+        if (has(path)) {
+            return kEEXIST;
+        }
+        return absence(path) == kENOTDIR ? kENOTDIR : 0;
+    }
+    return absence(path);
+}
+
 Answer Model::make(const Operation& op, ItemKind kind) {
-    if (has(directoryOf(op.path))) {
-        if (kind == ItemKind::symlink && op.text.empty()) {
-            return {.error = kEINVAL};
-        }
-        if (const std::int32_t error = newNameError(op.path); error != 0) {
-            return {.error = error};
-        }
-        if (has(op.path)) {
-            return {.error = kEEXIST};
-        }
+    if (kind == ItemKind::symlink && op.text.empty() && has(directoryOf(op.path))) {
+        return {.error = kEINVAL};
     }
-    if (!has(directoryOf(op.path)) || absence(op.path) == kENOTDIR) {
-        return {.error = absence(op.path)};
+    if (const std::int32_t error = newItemError(op.path); error != 0) {
+        return {.error = error};
     }
-    Node& node = nodes_[op.path] = {.kind = kind};
+    names_[op.path] = next_;
+    Node& node = nodes_[next_++] = {.kind = kind};
     if (kind == ItemKind::symlink) {
         node.content = op.text;
     } else if (kind == ItemKind::file) {
@@ -153,8 +175,44 @@ Answer Model::remove(const std::string& path) {
         return {.error = has(path) ? kENOTEMPTY : absence(path)};
     }
     touchDirectoryOf(path);
-    nodes_.erase(path);
+    unname(path);
     return {};
+}
+
+Answer Model::link(const std::string& path, const std::string& name) {
+    if (!has(path)) {
+        return {.error = absence(path)};
+    }
+    const std::int32_t error = newItemError(name);
+    if (at(path).kind == ItemKind::directory && (error == 0 || error == kEEXIST)) {
+        return {.error = kEPERM};
+    }
+    if (error != 0) {
+        return {.error = error};
+    }
+    names_[name] = names_.at(path);
+    touch(at(path), {changeTime}, true);
+    touchDirectoryOf(name);
+    return {};
+}
+
+void Model::unname(const std::string& name) {
+    const std::size_t item = names_.at(name);
+    touch(at(name), {changeTime}, true);
+    if (countNames(name) == 1) {
+        nodes_.erase(item);
+    }
+    names_.erase(name);
+}
+
+void Model::move(const std::string& from, const std::string& to) {
+    std::vector<std::string> moving = below(from);
+    moving.push_back(from);
+    for (const std::string& path : moving) {
+        auto moved = names_.extract(path);
+        moved.key() = to + path.substr(from.size());
+        names_.insert(std::move(moved));
+    }
 }
 
 Answer Model::rename(const std::string& from, const std::string& to) {
@@ -169,30 +227,52 @@ Answer Model::rename(const std::string& from, const std::string& to) {
     if (const std::int32_t error = newNameError(to); error != 0) {
         return {.error = error};
     }
-    const bool directory = nodes_.at(from).kind == ItemKind::directory;
+    const bool directory = at(from).kind == ItemKind::directory;
     if (!has(to) && absence(to) == kENOTDIR) {
         return {.error = kENOTDIR};
     }
     if (directory && to.starts_with(from + "/")) {
         return {.error = kEINVAL};
     }
-    if (has(to) && directory != (nodes_.at(to).kind == ItemKind::directory)) {
+    if (has(to) && directory != (at(to).kind == ItemKind::directory)) {
         return {.error = directory ? kENOTDIR : kEISDIR};
     }
     if (!below(to).empty()) {
         return {.error = kENOTEMPTY};
     }
+    if (has(to) && names_.at(from) == names_.at(to)) {
+        return {.error = kEEXIST}; // two names of one file
+    }
     touchDirectoryOf(from);
     touchDirectoryOf(to);
-    touch(nodes_.at(from), {changeTime});
-    nodes_.erase(to);
-    std::vector<std::string> moving = below(from);
-    moving.push_back(from);
-    for (const std::string& path : moving) {
-        auto moved = nodes_.extract(path);
-        moved.key() = to + path.substr(from.size());
-        nodes_.insert(std::move(moved));
+    touch(at(from), {changeTime});
+    if (has(to)) {
+        unname(to);
     }
+    move(from, to);
+    return {};
+}
+
+Answer Model::exchange(const std::string& one, const std::string& other) {
+    for (const std::string& needed : {one, other}) {
+        if (!has(needed)) {
+            return {.error = absence(needed)};
+        }
+    }
+    if (one == other || names_.at(one) == names_.at(other)) {
+        return {};
+    }
+    if (other.starts_with(one + "/") || one.starts_with(other + "/")) {
+        return {.error = kEINVAL};
+    }
+    for (const std::string& path : {one, other}) {
+        touchDirectoryOf(path);
+        touch(at(path), {changeTime}, true);
+    }
+    const std::string aside = "//"; // no path
+    move(one, aside);
+    move(other, one);
+    move(aside, other);
     return {};
 }
 
@@ -229,6 +309,26 @@ Answer Model::data(const Operation& op, Node& node) {
     node.content.replace(at, length, pattern(op.seed, op.other));
     touch(node, {modifyTime, changeTime});
     return {.data = std::to_string(length)};
+}
+
+Answer Model::allocate(const Operation& op, Node& node) {
+    if (node.kind != ItemKind::file) {
+        return {.error = node.kind == ItemKind::directory ? kEISDIR : kEINVAL};
+    }
+    const auto how = static_cast<NTFSAllocation>(op.seed);
+    const auto begin = static_cast<std::size_t>(op.number);
+    const auto end = begin + static_cast<std::size_t>(op.other);
+    std::string& content = node.content;
+    if (how == NTFSAllocation::reserve || how == NTFSAllocation::zero) {
+        content.resize(std::max(content.size(), end));
+    }
+    const bool isZeroed = how != NTFSAllocation::reserve && how != NTFSAllocation::reserveBehindEnd;
+    if (isZeroed && begin < content.size()) {
+        std::fill(content.begin() + op.number,
+                  content.begin() + static_cast<std::ptrdiff_t>(std::min(end, content.size())), 0);
+    }
+    touch(node, {modifyTime, changeTime}, true);
+    return {};
 }
 
 Answer Model::metadata(const Operation& op, Node& node) {
@@ -275,7 +375,7 @@ Tree Model::tree(const std::string& from) const {
     Tree tree{.items = {from}, .directories = {from}};
     for (const std::string& path : below(from)) {
         tree.items.push_back(path);
-        if (nodes_.at(path).kind == ItemKind::directory) {
+        if (at(path).kind == ItemKind::directory) {
             tree.directories.push_back(path);
         }
     }
@@ -284,11 +384,11 @@ Tree Model::tree(const std::string& from) const {
 
 std::string Model::disagreement(const std::string& path, const ItemState& seen) {
     static constexpr std::array kTimeNames{"access", "modify", "change", "birth"};
-    Node& node = nodes_.at(path);
+    Node& node = at(path);
     std::map<std::string, ItemKind> entries;
     for (const std::string& entry : below(path)) {
         if (directoryOf(entry) == path) {
-            entries[nameOf(entry)] = nodes_.at(entry).kind;
+            entries[nameOf(entry)] = at(entry).kind;
         }
     }
     const bool directory = node.kind == ItemKind::directory;
@@ -301,7 +401,8 @@ std::string Model::disagreement(const std::string& path, const ItemState& seen) 
     expect(seen.kind == node.kind, "kind");
     expect(directory || seen.size == size,
            "size " + std::to_string(seen.size) + ", not " + std::to_string(size));
-    expect(seen.linkCount == (directory ? 2 : 1), "link count " + std::to_string(seen.linkCount));
+    expect(seen.linkCount == (directory ? 2 : countNames(path)),
+           "link count " + std::to_string(seen.linkCount));
     expect(seen.hidden == node.hidden, "hidden");
     expect(seen.content == node.content, "content");
     expect(seen.streams == node.streams, "streams");

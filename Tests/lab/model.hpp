@@ -37,20 +37,20 @@ struct ItemState {
 
 class Model {
   public:
-    explicit Model(bool windowsNames = false);
+    Model() : Model(false) {}
+    explicit Model(bool windowsNames);
 
     Answer apply(const Operation& op);
 
     // All items from the directory `from` on, parents before their children.
     Tree tree(const std::string& from = "/") const;
 
-    bool has(const std::string& path) const { return nodes_.contains(path); }
+    bool has(const std::string& path) const { return names_.contains(path); }
 
     // Says how `seen` differs from what the item at `path` must be; empty when it agrees. Takes
     // over times that were known only by their bounds.
     std::string disagreement(const std::string& path, const ItemState& seen);
 
-  private:
     struct Time {
         Ticks exact = 0;
         Ticks earliest = 0; // when not `known`: a time from then to now,
@@ -64,22 +64,38 @@ class Model {
         std::string content{};
         std::map<std::string, std::string> streams{};
     };
+    // A number for each item by path; names of one file have the same.
+    const std::map<std::string, std::size_t>& names() const { return names_; }
+    const Node& at(const std::string& path) const { return nodes_.at(names_.at(path)); }
+    std::uint32_t countNames(const std::string& path) const;
 
+  private:
+    Node& at(const std::string& path) { return nodes_.at(names_.at(path)); }
     std::vector<std::string> below(const std::string& directory) const; // all paths
     // Why there is nothing at a path.
     std::int32_t absence(const std::string& path) const;
     std::int32_t newNameError(const std::string& path) const;
+    // Why there cannot be a new item; 0 when there can.
+    std::int32_t newItemError(const std::string& path) const;
     Answer make(const Operation& op, ItemKind kind);
+    Answer link(const std::string& path, const std::string& name);
     Answer remove(const std::string& path);
     Answer rename(const std::string& from, const std::string& to);
+    Answer exchange(const std::string& one, const std::string& other);
+    // With all that is below; there is nothing at `to`.
+    void move(const std::string& from, const std::string& to);
+    void unname(const std::string& name);
     Answer data(const Operation& op, Node& node);
+    Answer allocate(const Operation& op, Node& node);
     Answer metadata(const Operation& op, Node& node);
     Answer stream(const Operation& op, Node& node);
     static void touch(Node& node, std::initializer_list<TimeKind> kinds, bool maybe = false);
     void touchDirectoryOf(const std::string& path);
 
     bool windowsNames_;
-    std::map<std::string, Node> nodes_; // by path; names are compared byte by byte
+    std::map<std::string, std::size_t> names_; // by path; names are compared byte by byte
+    std::map<std::size_t, Node> nodes_;
+    std::size_t next_ = 0;
 };
 
 } // namespace tavelin::test

@@ -1,8 +1,10 @@
 #include "lab/operation.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <iomanip>
 #include <sstream>
+#include <stdexcept>
 
 namespace tavelin::test {
 
@@ -10,12 +12,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::array<std::string_view, 17> kVerbs{
-    "create",   "mkdir", "symlink", "remove",    "rename",    "lookup", "readlink", "write", "read",
-    "truncate", "times", "hide",    "setStream", "getStream", "sync",   "trim",     "reload"};
+constexpr std::array<std::string_view, 21> kVerbs{
+    "create", "mkdir",     "symlink",   "remove", "rename",   "link",     "exchange",
+    "lookup", "readlink",  "write",     "read",   "truncate", "allocate", "times",
+    "hide",   "setStream", "getStream", "sync",   "trim",     "reload",   "cut"};
 
-// How often each verb is drawn, in the order of kVerbs.
-constexpr std::array<int, 17> kWeights{14, 8, 5, 8, 14, 4, 3, 16, 8, 8, 5, 4, 12, 5, 2, 2, 1};
+// How often each verb is drawn, in the order of kVerbs. For a cut it takes a disk in memory.
+constexpr std::array<int, 21> kWeights{14, 8, 5, 8, 14, 6, 5, 4, 3, 16, 8,
+                                       8,  6, 5, 4, 12, 5, 2, 2, 1, 0};
 
 // Names that collide by case, that reach the limits, and that only Windows minds.
 const std::vector<std::string> kNames{"a",
@@ -39,7 +43,7 @@ const std::vector<std::string> kStreams{"s", "com.example.tag", "\u00fcber", std
 
 } // namespace
 
-std::string toText(const std::vector<Operation>& script) {
+std::string toText(const Operations& script) {
     std::ostringstream out;
     for (const Operation& op : script) {
         out << kVerbs[static_cast<std::size_t>(op.verb)] << ' ' << std::quoted(op.path) << ' '
@@ -47,6 +51,25 @@ std::string toText(const std::vector<Operation>& script) {
             << '\n';
     }
     return out.str();
+}
+
+Operations fromText(const std::string& text) {
+    Operations script;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string verb;
+        Operation op;
+        words >> verb >> std::quoted(op.path) >> std::quoted(op.text) >> op.number >> op.other >>
+            op.seed;
+        const auto found = std::ranges::find(kVerbs, verb);
+        if (!words || found == kVerbs.end()) {
+            throw std::runtime_error("not an operation: " + line);
+        }
+        op.verb = static_cast<Verb>(found - kVerbs.begin());
+        script.push_back(op);
+    }
+    return script;
 }
 
 std::string pattern(std::uint64_t seed, std::int64_t length) {
@@ -106,7 +129,11 @@ Operation OperationSource::next(const Tree& tree) {
         op.text = below(8) == 0 ? "" : newPath(tree);
         break;
     case Verb::rename:
+    case Verb::link:
         op.text = below(3) == 0 ? oldPath(tree) : newPath(tree);
+        break;
+    case Verb::exchange:
+        op.text = oldPath(tree);
         break;
     case Verb::write:
     case Verb::read:
@@ -115,6 +142,11 @@ Operation OperationSource::next(const Tree& tree) {
         break;
     case Verb::truncate:
         op.number = length();
+        break;
+    case Verb::allocate:
+        op.number = length();
+        op.other = 1 + length();
+        op.seed = below(5);
         break;
     case Verb::times:
         op.number = static_cast<std::int64_t>(below(8'000'000'000)) - 2'000'000'000;

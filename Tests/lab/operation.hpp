@@ -19,11 +19,14 @@ enum class Verb {
     symlink,   // path, text: target
     remove,    // path
     rename,    // path, text: new path
+    link,      // path, text: one more path
+    exchange,  // path, text: the other path
     lookup,    // path
     readlink,  // path
     write,     // path, number: offset, other: length, seed
     read,      // path, number: offset, other: length
     truncate,  // path, number: size
+    allocate,  // path, number: offset, other: length, seed: which NTFSAllocation
     times,     // path, number: seconds, other: nanoseconds, seed: which, bits of TimeKind
     hide,      // path, number 0/1
     setStream, // path, text: name, number: FSKit policy (3 deletes), other: length, seed
@@ -31,6 +34,7 @@ enum class Verb {
     sync,      //
     trim,      // tells the device what is free
     reload,    // close the volume and open it again
+    cut,       // synchronise, and open what a power cut leaves
 };
 
 struct Operation {
@@ -42,8 +46,12 @@ struct Operation {
     std::uint64_t seed = 0;
 };
 
+using Operations = std::vector<Operation>;
+
 // One line per operation: verb, path, text, number, other, seed.
-std::string toText(const std::vector<Operation>& script);
+std::string toText(const Operations& script);
+// Throws std::runtime_error for what is no such text.
+Operations fromText(const std::string& text);
 
 // The bytes a write or a stream of this seed and length carries.
 std::string pattern(std::uint64_t seed, std::int64_t length);

@@ -52,6 +52,17 @@ void rename(VolumeClient& volume, const Operation& op) {
     volume.rename(item, from, nameOf(op.path), to, nameOf(op.text), over ? over->item : none).get();
 }
 
+void exchange(VolumeClient& volume, const Operation& op) {
+    const ItemRef directory = walk(volume, directoryOf(op.path));
+    const ItemRef item = volume.lookup(directory, nameOf(op.path)).get().item;
+    const ItemRef otherDirectory = walk(volume, directoryOf(op.text));
+    const ItemRef other = volume.lookup(otherDirectory, nameOf(op.text)).get().item;
+    volume.requests()
+        .exchange(item.item(), directory.item(), fskit::FSFileName(nameOf(op.path)), other.item(),
+                  otherDirectory.item(), fskit::FSFileName(nameOf(op.text)))
+        .get();
+}
+
 Answer onItem(VolumeClient& volume, const Operation& op) {
     const ItemRef item = walk(volume, op.path);
     const fskit::FSItemType type = volume.attributes(item).get().type();
@@ -66,6 +77,7 @@ Answer onItem(VolumeClient& volume, const Operation& op) {
     case Verb::write:
     case Verb::read:
     case Verb::truncate:
+    case Verb::allocate:
         if (link) {
             return {.error = kEINVAL}; // hosts never send data requests for links
         }
@@ -75,6 +87,13 @@ Answer onItem(VolumeClient& volume, const Operation& op) {
         if (op.verb == Verb::write) {
             const std::string content = pattern(op.seed, op.other);
             return {.data = std::to_string(volume.write(item, offset, bytesOf(content)).get())};
+        }
+        if (op.verb == Verb::allocate) {
+            volume.requests()
+                .allocate(item.item(), offset, static_cast<std::uint64_t>(op.other),
+                          static_cast<NTFSAllocation>(op.seed))
+                .get();
+            return {};
         }
         changes.setSize(offset);
         volume.setAttributes(item, changes).get();
@@ -130,6 +149,14 @@ Answer carryOut(VolumeClient& volume, const Operation& op) {
     case Verb::rename:
         rename(volume, op);
         return {};
+    case Verb::link: {
+        const ItemRef item = walk(volume, op.path);
+        volume.linkInternal(item, walk(volume, directoryOf(op.text)), nameOf(op.text)).get();
+        return {};
+    }
+    case Verb::exchange:
+        exchange(volume, op);
+        return {};
     case Verb::sync:
         volume.synchronize().get();
         return {};
@@ -165,10 +192,8 @@ ItemState observe(VolumeClient& volume, const std::string& path) {
     return state;
 }
 
-System::System(std::filesystem::path image, ModuleHost::Options options)
-    : image_(std::move(image)),
-      options_(std::move(options)),
-      host_(ModuleHost::openImage(image_, options_)) {}
+System::System(const std::filesystem::path& image, const ModuleHost::Options& options)
+    : System([image, options] { return ModuleHost::openImage(image, options); }) {}
 
 void System::reload() {
     if (volume().liveItems() != 1) {
@@ -176,7 +201,7 @@ void System::reload() {
     }
     host_->close().get();
     host_.reset();
-    host_ = ModuleHost::openImage(image_, options_);
+    host_ = open_();
 }
 
 Answer System::apply(const Operation& op) {

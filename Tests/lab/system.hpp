@@ -4,9 +4,12 @@
 #include "hosting/module_host.hpp"
 #include "lab/model.hpp"
 
+#include <functional>
+#include <memory>
+
 namespace tavelin::test {
 
-// Carries one operation out, any but reload. Throws fskit::Error.
+// Carries one operation out, any but those that open the volume again. Throws fskit::Error.
 Answer carryOut(VolumeClient& volume, const Operation& op);
 
 // What is to be seen of an item. Throws fskit::Error when it cannot be.
@@ -15,9 +18,17 @@ ItemState observe(VolumeClient& volume, const std::string& path);
 // Requests may come from several threads, except reload.
 class System {
   public:
-    explicit System(std::filesystem::path image, ModuleHost::Options options = {});
+    // Opens the volume for each of its lives.
+    using Open = std::function<std::unique_ptr<ModuleHost>()>;
 
-    Answer apply(const Operation& op);
+    explicit System(const std::filesystem::path& image, const ModuleHost::Options& options = {});
+    explicit System(Open open) : open_(std::move(open)), host_(open_()) {}
+    virtual ~System() = default;
+    System(const System&) = delete;
+    System& operator=(const System&) = delete;
+
+    // Any but cut.
+    virtual Answer apply(const Operation& op);
     ItemState observe(const std::string& path) { return test::observe(volume(), path); }
     // Closes the volume and opens it again. Throws fskit::Error or OpenError.
     void reload();
@@ -25,8 +36,7 @@ class System {
     VolumeClient& volume() { return host_->volume(); }
 
   private:
-    const std::filesystem::path image_;
-    const ModuleHost::Options options_;
+    const Open open_;
     std::unique_ptr<ModuleHost> host_;
 };
 

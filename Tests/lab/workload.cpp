@@ -85,7 +85,6 @@ Workload::Workload(std::string called, std::vector<Operation> made)
 }
 
 const std::vector<Workload>& allChanges() {
-    using Operations = std::vector<Operation>;
     static const std::vector<Workload> changes{
         {"create", Operations{{Verb::create, "work/new"}}},
         {"write", making("work/written", 20000)},
