@@ -4,7 +4,7 @@
 // TAVELIN_MODEL_SEED, the first seed of eight, and TAVELIN_MODEL_STEPS run something else than
 // usual.
 
-#include "lab/system.hpp"
+#include "lab/agreement.hpp"
 #include "support/sample_volume.hpp"
 #include "support/structural_check.hpp"
 
@@ -16,49 +16,16 @@ namespace tavelin::test {
 
 namespace {
 
-using Script = std::vector<Operation>;
-
 constexpr std::size_t kStepsBetweenFullChecks = 40;
-
-// How the items at these paths differ from the model's; empty when they agree.
-std::string compare(System& system, Model& model, const std::vector<std::string>& paths) {
-    std::string text;
-    for (const std::string& path : paths) {
-        try {
-            text += model.disagreement(path, system.observe(path));
-        } catch (const fskit::Error& error) {
-            text += path + ": " + error.what() + "\n";
-        }
-    }
-    return text;
-}
-
-// Those of an operation's items that the model has, with the directories they are in.
-std::vector<std::string> touched(const Model& model, const Operation& op) {
-    std::vector<std::string> paths;
-    for (const std::string& path : {op.path, op.verb == Verb::rename ? op.text : ""}) {
-        for (const std::string& at : {path, directoryOf(path)}) {
-            if (!at.empty() && model.has(at)) {
-                paths.push_back(at);
-            }
-        }
-    }
-    return paths;
-}
 
 std::string step(System& system, Model& model, const Operation& op) {
     const Answer expected = model.apply(op);
-    const Answer answer = system.apply(op);
-    if (answer != expected) {
-        return "answered " + std::to_string(answer.error) + ", not " +
-               std::to_string(expected.error) +
-               (answer.error == expected.error ? ", with other data\n" : "\n");
-    }
-    return compare(system, model, touched(model, op));
+    const std::string fault = difference(system.apply(op), expected);
+    return fault.empty() ? compare(system, model, touched(model, op)) : fault;
 }
 
 // What went wrong first in a whole run on a fresh volume; empty when nothing did.
-std::string play(const Script& script, bool windowsNames) {
+std::string play(const Operations& script, bool windowsNames) {
     const SampleVolume volume({.bytes = 128ull << 20});
     volume.leaveUnchecked(); // what is found belongs into the result
     const ModuleHost::Options options =
@@ -91,35 +58,19 @@ std::string play(const Script& script, bool windowsNames) {
     return structuralComplaints(volume.image());
 }
 
-// Leaves out of a failing script what it fails without, in ever smaller pieces.
-Script shrink(Script script, bool windowsNames) {
-    for (std::size_t piece = script.size() / 2; piece > 0; piece /= 2) {
-        for (std::size_t at = 0; at < script.size();) {
-            Script shorter = script;
-            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(at);
-            const auto count = std::min(piece, script.size() - at);
-            shorter.erase(from, from + static_cast<std::ptrdiff_t>(count));
-            if (play(shorter, windowsNames).empty()) {
-                at += piece;
-            } else {
-                script = std::move(shorter);
-            }
-        }
-    }
-    return script;
-}
-
 void runSeed(std::uint64_t seed, std::size_t steps, bool windowsNames) {
     OperationSource source(seed);
     Model model(windowsNames);
-    Script script;
+    Operations script;
     for (std::size_t i = 0; i < steps; ++i) {
         script.push_back(source.next(model.tree()));
         model.apply(script.back());
     }
     const std::string fault = play(script, windowsNames);
     if (!fault.empty()) {
-        const Script shorter = shrink(script, windowsNames);
+        const Operations shorter = shrink(script, [&](const Operations& some) {
+            return !play(some, windowsNames).empty();
+        });
         ADD_FAILURE() << "seed " << seed << ", windows_names " << windowsNames << "\n"
                       << fault << "in short:\n"
                       << toText(shorter) << play(shorter, windowsNames);
