@@ -114,8 +114,8 @@ void defineMount(CLI::App& command) {
         command, arguments->options,
         "Options, comma separated: ro, windows_names, ignore_case, nocheck, "
         "symlinks=windows|interix, uid=, gid=, umask=, fmask=, dmask=, permissions, "
-        "default_permissions, streams_interface=none, allow_other, low_latency, no_sandbox, and "
-        "the kernel's own such as noexec");
+        "default_permissions, streams_interface=none, allow_other, writeback, low_latency, "
+        "no_sandbox, and the kernel's own such as noexec");
     addFlag(command, "-r,--read-only", arguments->request.readOnly, "Do not change the volume");
     addFlag(command, "-f,--foreground", arguments->request.foreground,
             "Serve from this process, until the volume is unmounted");

@@ -32,6 +32,7 @@ namespace fs = std::filesystem;
 
 struct MountData : MountTest {
     MountData() : MountTest(256 * kMiB) {}
+    void agreeWithAModel();
 };
 
 TEST_F(MountData, DatabasesKeepTheirTransactions) {
@@ -197,7 +198,7 @@ TEST_F(MountData, TrimmingReachesTheMediumOfADevice) {
 }
 
 // Writes, mapped writes, growing and shrinking against a copy in memory, with pages left dirty.
-TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
+void MountData::agreeWithAModel() {
     constexpr size_t kFileBytesMax = 3 << 20;
     const std::string file = path("file");
     std::optional<Descriptor> fd(std::in_place, file, O_RDWR | O_CREAT);
@@ -244,7 +245,15 @@ TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
     }
     fd.reset();
     EXPECT_TRUE(readFile(file) == model);
-    expectToLast(*volume_, served_);
+}
+
+TEST_F(MountData, TruncationAndDirtyPagesAgreeWithAModel) {
+    for (const std::string options : {"", "writeback"}) {
+        SCOPED_TRACE(options);
+        mountFresh(256 * kMiB, options);
+        agreeWithAModel();
+        expectToLast(*volume_, served_);
+    }
 }
 
 TEST_F(MountData, RangesAreReservedZeroedAndFreed) {

@@ -71,6 +71,27 @@ TEST_F(MountRequests, AreAsFewAsTheKernelAllows) {
               "FSYNC");
 }
 
+TEST_F(MountRequests, AreGatheredOnlyByWish) {
+    const auto count = [](const std::string& requests, const std::string& kind) {
+        int found = 0;
+        for (size_t at = 0; (at = requests.find(kind, at)) != std::string::npos; ++at) {
+            ++found;
+        }
+        return found;
+    };
+    for (const auto& [options, writes] : {std::pair("trace", 300), {"trace,writeback", 1}}) {
+        SCOPED_TRACE(options);
+        mount(options);
+        const std::string requests = during([&] {
+            const Descriptor file(*this / "file", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+            for (int i = 0; i < 300; ++i) { // within one page
+                EXPECT_EQ(::write(file, "one hundred", 11), 11);
+            }
+        });
+        EXPECT_EQ(count(requests, "WRITE"), writes);
+    }
+}
+
 TEST_F(MountRequests, AColdStartAsksOnceForEverything) {
     fs::create_directory(*this / "folder");
     for (int i = 0; i < 40; ++i) {

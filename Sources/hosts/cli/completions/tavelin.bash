@@ -45,7 +45,7 @@ _tavelin() {
     if [ "$3" = -o ]; then
         local words="ro windows_names ignore_case nocheck symlinks=windows symlinks=interix"
         [ "$command" != mount ] || words+=" permissions default_permissions allow_other \
-            streams_interface=none low_latency no_sandbox noatime"
+            streams_interface=none writeback low_latency no_sandbox noatime"
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
         return
     fi

@@ -82,6 +82,8 @@ bool apply(std::string_view word, MountRequest& request) {
         request.streams = word.ends_with("xattr");
     } else if (word == "permissions") {
         request.permissions = true;
+    } else if (word == "writeback") {
+        request.writeback = true;
     } else if (word == "low_latency") {
         request.lowLatency = true;
     } else if (word == "no_sandbox") {

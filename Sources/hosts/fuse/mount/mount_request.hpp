@@ -29,6 +29,7 @@ struct MountRequest {
     bool readOnly = false;
     /// Let other users than the mounting one use the mount; the kernel has to allow that.
     bool allowOther = false;
+    bool writeback = false;  ///< the kernel gathers writes, and sends them when they are due
     bool lowLatency = false; ///< keep processors out of deep idle states, see CpuLatencyRequest
     bool sandbox = true;     ///< the server gives up what serving does not need, see sandbox.hpp
     /// Stay in the terminal and do not make a process of its own.

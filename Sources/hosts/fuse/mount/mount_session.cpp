@@ -247,6 +247,7 @@ class Mount {
                             .ownership = ownershipOf(request_),
                             .keepsOwners = request_.permissions,
                             .streams = request_.streams,
+                            .gathersWrites = request_.writeback,
                             .isEnding = [this] { return fuse_session_exited(session_.get()) != 0; },
                             .served = [this] { serve(); },
                             .unmounted = [this] { takeLeave(); }};

@@ -23,7 +23,8 @@ namespace {
 constexpr blksize_t kBlockSize = 4096; // what programs are told to read and write by
 constexpr uint64_t kStatusBlock = 512; // the unit of st_blocks
 
-void initialise(void* context, fuse_conn_info* connection) {
+void initialise(void* userData, fuse_conn_info* connection) {
+    const auto& context = *static_cast<SessionContext*>(userData);
     const auto want = [&](unsigned capability, bool on) {
         connection->want &= ~capability;
         connection->want |= on ? connection->capable & capability : 0u;
@@ -40,13 +41,14 @@ void initialise(void* context, fuse_conn_info* connection) {
     // An asynchronous direct write would end without the kernel dropping what buffered readers have
     // cached of its range meanwhile; it does where such a write is synchronous.
     want(FUSE_CAP_ASYNC_DIO, false);
+    want(FUSE_CAP_WRITEBACK_CACHE, context.gathersWrites);
     // There are no opens (see below) that could carry a truncation with them.
     want(FUSE_CAP_ATOMIC_O_TRUNC, false);
     connection->max_write = kTransferBytesMax;
     connection->max_readahead = kTransferBytesMax;
     connection->max_background = 64;
     connection->time_gran = 100; // nanoseconds
-    static_cast<SessionContext*>(context)->served();
+    context.served();
 }
 
 void destroy(void* context) {

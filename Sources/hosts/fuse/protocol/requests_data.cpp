@@ -71,22 +71,25 @@ size_t alreadyThere(VolumeClient& volume, const ItemRef& item, uint64_t offset,
 }
 
 void write(fuse_req_t request, fuse_ino_t number, const char* bytes, size_t size, off_t offset,
-           fuse_file_info* /*file*/) {
+           fuse_file_info* file) {
     answer(request, [&] {
         MountedVolume& volume = volumeOf(request);
         const ItemRef& item = volume.node(number).item;
         const auto start = static_cast<uint64_t>(offset);
         const VolumeClient::Bytes given{reinterpret_cast<const std::byte*>(bytes), size};
         const Outcome<size_t> done = volume.volume().write(item, start, given);
-        if (done) {
+        // Of mapped memory and of what it has gathered, the kernel takes any count for all of it:
+        // no program waits that could write the rest.
+        const bool isWriteBack = file->writepage != 0;
+        if (done && (*done == size || !isWriteBack)) {
             fuse_reply_write(request, *done);
             return;
         }
         // The library's word for a size that the volume's own limits on attributes do not allow.
-        const int answered = hostError(done.error());
+        const int answered = done ? ENOSPC : hostError(done.error());
         const int error = answered == ERANGE ? EFBIG : answered;
         const size_t written =
-            error == ENOSPC ? alreadyThere(volume.volume(), item, start, given) : 0;
+            error == ENOSPC && !isWriteBack ? alreadyThere(volume.volume(), item, start, given) : 0;
         if (written != 0 && written < size) {
             fuse_reply_write(request, written);
         } else {
@@ -129,6 +132,12 @@ void allocate(fuse_req_t request, fuse_ino_t number, int mode, off_t offset, off
 void seek(fuse_req_t request, fuse_ino_t number, off_t offset, int whence,
           fuse_file_info* /*file*/) {
     answer(request, [&] {
+        if (contextOf(request).gathersWrites) {
+            // Answered once and for all: to the kernel, which does not send what it has gathered
+            // before it asks, a file is data to its end.
+            fuse_reply_err(request, ENOSYS);
+            return;
+        }
         const Outcome<uint64_t> found = volumeOf(request).volume().requests().seek(
             itemOf(request, number).item(), static_cast<uint64_t>(offset), whence == SEEK_HOLE);
         if (found) {

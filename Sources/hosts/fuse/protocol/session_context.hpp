@@ -23,6 +23,9 @@ struct SessionContext {
     /// The volume keeps owners and modes itself, and `ownership` is for items without.
     bool keepsOwners;
     bool streams; ///< named streams are offered as extended attributes
+    /// The kernel may keep writes back. Until it sends them, it alone knows the size and the times
+    /// of a file, and the volume's data is not all there is.
+    bool gathersWrites;
     /// No more requests are served, and what runs long should end.
     std::function<bool()> isEnding;
     // Each is called once at most; what it throws ends the process.
