@@ -91,30 +91,6 @@ struct Handle {
     alignas(file_handle) unsigned char space[sizeof(file_handle) + MAX_HANDLE_SZ] = {};
 };
 
-// It must never open another file.
-TEST_F(MountAttributes, HandlesOfRemovedFilesOpenNothing) {
-    std::vector<Handle> removed;
-    for (int i = 0; i < 300; ++i) {
-        const std::string name = path("file" + std::to_string(i % 7));
-        writeFile(name, name);
-        removed.emplace_back(name);
-        fs::remove(name);
-    }
-    for (int i = 0; i < 50; ++i) {
-        writeFile(*this / ("new" + std::to_string(i)), "new");
-    }
-    for (const bool again : {false, true}) {
-        if (again) {
-            mount();
-        }
-        const Descriptor root(served_->directory(), O_RDONLY | O_DIRECTORY);
-        for (Handle& each : removed) {
-            EXPECT_FALSE(each.open(root));
-            EXPECT_EQ(errno, ESTALE);
-        }
-    }
-}
-
 TEST_F(MountAttributes, HandlesAreGoodInEveryMount) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root opens handles";

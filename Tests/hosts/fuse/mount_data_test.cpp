@@ -322,26 +322,5 @@ TEST_F(MountData, AFullVolumeSaysSoAndLosesNothing) {
     expectToLast(*volume_, served_);
 }
 
-TEST_F(MountData, AFullVolumeStillRemovesFiles) {
-    mountFresh(24 * kMiB);
-    changeByDriver([](const DriverMount& driver) {
-        addAliased(driver);
-        driver.make("first", "shared");
-        fs::create_hard_link(driver / "first", driver / "second");
-    });
-    fillVolume(true);
-    {
-        const Descriptor open(*this / "a long name.txt", O_RDONLY);
-        EXPECT_TRUE(fs::remove(*this / "a long name.txt"));
-        EXPECT_TRUE(fs::remove(*this / "first"));
-        EXPECT_EQ(open.read(), "content");
-        EXPECT_EQ(::fsync(open), 0);
-    }
-    EXPECT_FALSE(fs::exists(*this / "a long name.txt"));
-    EXPECT_EQ(readFile(*this / "second"), "shared");
-    EXPECT_EQ(fs::hard_link_count(*this / "second"), 1u);
-    expectToLast(*volume_, served_);
-}
-
 } // namespace
 } // namespace tavelin::test

@@ -16,6 +16,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <seccomp.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/user.h>
@@ -172,7 +173,7 @@ TEST_F(MountSandbox, EndsAServerThatIsTakenOverAndSaysWhy) {
 
 #endif
 
-// A kernel without Landlock, played by a filter in front of it.
+// A kernel without Landlock and without filters, played by a filter in front of it.
 TEST_F(MountSandbox, IsLeftOutWithAWordWhereTheKernelHasNone) {
     served_.reset();
     const TempDirectory directory;
@@ -180,7 +181,12 @@ TEST_F(MountSandbox, IsLeftOutWithAWordWhereTheKernelHasNone) {
     const pid_t child = ::fork();
     if (child == 0) {
         const scmp_filter_ctx kernel = seccomp_init(SCMP_ACT_ALLOW);
-        seccomp_rule_add(kernel, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(landlock_create_ruleset), 0);
+        for (const int call : {SCMP_SYS(landlock_create_ruleset), SCMP_SYS(seccomp)}) {
+            seccomp_rule_add(kernel, SCMP_ACT_ERRNO(ENOSYS), call, 0);
+        }
+        const scmp_arg_cmp filters{
+            .arg = 0, .op = SCMP_CMP_EQ, .datum_a = PR_SET_SECCOMP, .datum_b = 0};
+        seccomp_rule_add_array(kernel, SCMP_ACT_ERRNO(EINVAL), SCMP_SYS(prctl), 1, &filters);
         if (seccomp_load(kernel) == 0) {
             ::execl(TAVELIN_PROGRAM, "tavelin", "mount", image.c_str(), directory.path().c_str(),
                     nullptr);
@@ -192,6 +198,8 @@ TEST_F(MountSandbox, IsLeftOutWithAWordWhereTheKernelHasNone) {
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(tells("\"ev\":\"sandbox\",\"ok\":false")) << readFile(logFile());
     EXPECT_TRUE(tells("no Landlock (")) << readFile(logFile());
+    EXPECT_TRUE(tells("no system call filter (")) << readFile(logFile());
+    EXPECT_FALSE(tells("no no_new_privs (")) << readFile(logFile());
     EXPECT_EQ(run({TAVELIN_PROGRAM, "umount", directory.path()}).status, 0);
     mount();
 }

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
-#include <optional>
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -42,33 +41,6 @@ TEST_F(MountSemantics, WhatIsRemovedAndInUseIsSeenNowhere) {
     served_->unmount();
     EXPECT_EQ(volume_->list().size(), 50u) << "the orphan directory is gone";
     mount();
-}
-
-TEST_F(MountSemantics, DescriptorsOfWhatIsGoneChangeNobodyElse) {
-    fs::create_directory(*this / "folder");
-    std::optional<Descriptor> gone(std::in_place, *this / "folder", O_RDONLY | O_DIRECTORY);
-    const ino_t ino = gone->status().st_ino;
-    fs::remove(*this / "folder");
-    std::string reused; // of the directory's record
-    struct stat before {};
-    for (int i = 0; i < 500 && before.st_ino != ino; ++i) {
-        reused = "file" + std::to_string(i);
-        writeFile(*this / reused, "content");
-        ASSERT_EQ(::setxattr(path(reused).c_str(), "user.mine", "x", 1, 0), 0);
-        before = statusOf(reused);
-    }
-    ASSERT_EQ(before.st_ino, ino);
-    char value[16];
-    const timespec times[2] = {{1, 0}, {1, 0}};
-    EXPECT_EQ(errorOf(::futimens(*gone, times)), ESTALE);
-    EXPECT_EQ(errorOf(::fsetxattr(*gone, "user.x", "x", 1, 0)), ESTALE);
-    EXPECT_EQ(errorOf(::fremovexattr(*gone, "user.mine")), ESTALE);
-    EXPECT_EQ(errorOf(static_cast<int>(::fgetxattr(*gone, "user.mine", value, 16))), ESTALE);
-    EXPECT_EQ(errorOf(static_cast<int>(::flistxattr(*gone, value, 16))), ESTALE);
-    gone.reset();
-    mount();
-    EXPECT_EQ(statusOf(reused).st_mtim.tv_sec, before.st_mtim.tv_sec);
-    EXPECT_EQ(::getxattr(path(reused).c_str(), "user.mine", value, sizeof value), 1);
 }
 
 TEST_F(MountSemantics, ShortAliasesComeAndGoWithTheirFile) {

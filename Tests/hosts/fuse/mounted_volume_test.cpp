@@ -98,6 +98,16 @@ TEST_F(MountedVolumeTest, AnOldNodeLetsGoOfItsOwnRecordOnly) {
         file = &make("file" + std::to_string(i), "content");
     }
     ASSERT_EQ(file->id, directory.id);
+    // Whoever has the directory open still, or a handle of it, reaches the file by no request.
+    fskit::FSItemSetAttributesRequest times;
+    times.setModifyTime({.tv_sec = 1, .tv_nsec = 0});
+    VolumeClient& volume = mounted_->volume();
+    EXPECT_EQ(mounted_->setAttributes(directory, times).error().code(), kESTALE);
+    expectError(volume.setXattr(directory.item, "x", {}), kESTALE);
+    expectError(Outcome<void>::of(volume.getXattr(directory.item, "x")), kESTALE);
+    expectError(Outcome<void>::of(volume.listXattrs(directory.item)), kESTALE);
+    expectError(volume.removeXattr(directory.item, "x"), kESTALE);
+    expectError(Outcome<void>::of(mounted_->lookupHandle(directory.number, false)), kESTALE);
     for (int i = 0; i < 500; ++i) {
         (void)mounted_->removeFile(root(), "file" + std::to_string(i));
     }

@@ -17,7 +17,6 @@
 #include <functional>
 #include <netinet/in.h>
 #include <optional>
-#include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -293,33 +292,6 @@ TEST_F(Sandbox, GivesUpFilesThatAreNotOpen) {
     if (WIFEXITED(status) && WEXITSTATUS(status) == kIncomplete) {
         GTEST_SKIP() << "this kernel has no Landlock";
     }
-    EXPECT_EQ(status, 0);
-}
-
-// A kernel without either, played by a filter in front of it.
-TEST_F(Sandbox, SaysWhatTheKernelDoesNotHave) {
-    if (!kSandboxInBuild) {
-        GTEST_SKIP() << "not in this build";
-    }
-    const int status = statusOfChild([] {
-        const scmp_filter_ctx kernel = seccomp_init(SCMP_ACT_ALLOW);
-        for (const int call : {SCMP_SYS(landlock_create_ruleset), SCMP_SYS(seccomp)}) {
-            seccomp_rule_add(kernel, SCMP_ACT_ERRNO(ENOSYS), call, 0);
-        }
-        const scmp_arg_cmp filters{
-            .arg = 0, .op = SCMP_CMP_EQ, .datum_a = PR_SET_SECCOMP, .datum_b = 0};
-        seccomp_rule_add_array(kernel, SCMP_ACT_ERRNO(EINVAL), SCMP_SYS(prctl), 1, &filters);
-        if (seccomp_load(kernel) != 0) {
-            return kIncomplete;
-        }
-        const SandboxState state = enterSandbox(-1);
-        const std::string text = state.shortcomings();
-        return state.noNewPrivileges == 0 && !state.isComplete() &&
-                       text.find("no Landlock (") != std::string::npos &&
-                       text.find("no system call filter (") != std::string::npos
-                   ? 0
-                   : 1;
-    });
     EXPECT_EQ(status, 0);
 }
 
