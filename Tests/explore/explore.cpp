@@ -20,6 +20,7 @@ constexpr std::size_t kStepsMax = 64; // of a walk
 constexpr int kCandidates = 24;       // operations considered for a step
 constexpr int kStaleStepsMax = 8;     // that led to nothing new
 constexpr std::size_t kStartsMax = 48;
+constexpr std::size_t kScriptMax = 1000;            // of a start
 constexpr std::size_t kStepsBetweenComparisons = 4; // of everything
 
 std::uint64_t mixed(std::uint64_t value) {
@@ -57,33 +58,19 @@ std::string lowered(std::string path) {
     return path;
 }
 
+bool isOneOf(Verb verb, std::initializer_list<Verb> verbs) {
+    return std::ranges::find(verbs, verb) != verbs.end();
+}
+
 bool isChange(Verb verb) {
-    switch (verb) {
-    case Verb::lookup:
-    case Verb::readlink:
-    case Verb::read:
-    case Verb::getStream:
-    case Verb::sync:
-    case Verb::trim:
-    case Verb::reload:
-    case Verb::cut:
-        return false;
-    default:
-        return true;
-    }
+    return !isOneOf(verb, {Verb::lookup, Verb::readlink, Verb::read, Verb::getStream, Verb::sync,
+                           Verb::trim, Verb::reload, Verb::cut});
 }
 
 bool isSmall(const Operation& op) {
-    switch (op.verb) {
-    case Verb::write:
-    case Verb::truncate:
-    case Verb::allocate:
-    case Verb::create:
-    case Verb::setStream:
-        return op.number + op.other <= kBytesMax;
-    default:
-        return true;
-    }
+    return !isOneOf(op.verb,
+                    {Verb::write, Verb::truncate, Verb::allocate, Verb::create, Verb::setStream}) ||
+           op.number + op.other <= kBytesMax;
 }
 
 // A volume and where the model says that it is.
@@ -152,7 +139,7 @@ Answer Place::apply(const Operation& op) {
     } else if (op.verb == Verb::sync) {
         journaled = journaled || unsynchronised;
         unsynchronised = false;
-    } else if (op.verb == Verb::trim || op.verb == Verb::reload || op.verb == Verb::cut) {
+    } else if (isOneOf(op.verb, {Verb::trim, Verb::reload, Verb::cut})) {
         unsynchronised = journaled = false;
     }
     return answer;
@@ -285,10 +272,12 @@ std::string Explorer::walk(std::ostream& trace) {
         figures_.comparisons += all;
         figures_.cuts += isLast;
     }
-    if (starts_.size() >= kStartsMax) {
-        starts_.erase(std::ranges::max_element(starts_, {}, &Start::cost));
+    if (script_.size() <= kScriptMax) {
+        if (starts_.size() >= kStartsMax) {
+            starts_.erase(std::ranges::max_element(starts_, {}, &Start::cost));
+        }
+        starts_.push_back({.script = script_, .image = pair.image(), .place = pair.place()});
     }
-    starts_.push_back({.script = script_, .image = pair.image(), .place = pair.place()});
     return "";
 }
 

@@ -21,6 +21,8 @@ using namespace tavelin::test;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+constexpr std::uint64_t kWalksBetweenSaves = 1000;
+
 Bytes formattedVolume() {
     return loadImage(SampleVolume({.bytes = 4u << 20}).image());
 }
@@ -59,6 +61,9 @@ int work(double seconds, Explorer::Part part, const fs::path& file) {
         if (const std::string fault = explorer.walk(trace); !fault.empty()) {
             fmt::print(stderr, "{}", fault);
             return 1;
+        }
+        if (explorer.figures().walks % kWalksBetweenSaves == 0) {
+            save(explorer, file);
         }
     }
     save(explorer, file);
