@@ -3,7 +3,7 @@
 // both. "ratio" is the median over the turns; Google Benchmark's own flags choose what runs and how
 // it is printed (--benchmark_filter, --benchmark_format=json), and --quick only sees that it works.
 #include "fskit/tavelin_file_system.hpp"
-#include "support/memory_resource.hpp"
+#include "lab/disk_resource.hpp"
 #include "support/replaced_services.hpp"
 #include "support/run_process.hpp"
 #include "support/temp_directory.hpp"
@@ -21,7 +21,7 @@
 namespace tavelin {
 namespace {
 
-using Resource = test::MemoryResourceOf<fskit::FSBlockDeviceResource, std::string>;
+using Resource = test::DiskResourceOf<fskit::FSBlockDeviceResource, std::string>;
 
 constexpr std::size_t kEntries = 1000;
 // Few enough for the library to keep all their records at hand, so that both sides do equal work.

@@ -11,9 +11,9 @@ namespace {
 
 TEST(DamagedVolume, OfMoreBytesThanANumberHoldsIsRefused) {
     const SampleVolume sample({.bytes = 4 << 20});
-    MemoryIo device = MemoryIo::fromFile(sample.image());
+    DiskIo device = DiskIo::fromFile(sample.image());
     const uint64_t sectors = UINT64_C(1) << 58;
-    std::memcpy(device.bytes().data() + 0x28, &sectors, sizeof sectors);
+    std::memcpy(device.bytes.data() + 0x28, &sectors, sizeof sectors);
     EXPECT_EQ(mountError(device), EIO);
     EXPECT_EQ(mountError(device, true), EIO);
 }
@@ -48,8 +48,8 @@ TEST(DamagedVolume, WhoseTimesAreSaidToBeInTheirHeaderKeepsTheDirectoryClosed) {
     volume.make("file", directory);
     EXPECT_EQ(volume.unmount(), 0);
     uint64_t table = 0;
-    std::memcpy(&table, &volume.memory().bytes()[0x30], sizeof table);
-    uint8_t* const record = &volume.memory().bytes()[table * 4096 + directory * 1024];
+    std::memcpy(&table, &volume.memory().bytes[0x30], sizeof table);
+    uint8_t* const record = &volume.memory().bytes[table * 4096 + directory * 1024];
     record[record[0x14] + 0x14] = 1; // the first attribute's value begins in its second byte
 
     ASSERT_EQ(volume.mount(), 0);

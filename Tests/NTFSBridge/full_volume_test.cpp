@@ -144,7 +144,7 @@ TEST(FullVolume, TakesBackAWriteThatDoesNotFit) {
     volume.memory().takeLog();
     EXPECT_EQ(ntb_sync(volume), 0);
     const auto calls = volume.memory().takeLog();
-    EXPECT_EQ(calls.empty() ? MemoryIo::Kind::kRead : calls.back().kind, MemoryIo::Kind::kSync);
+    EXPECT_EQ(calls.empty() ? DiskCall::read : calls.back().call, DiskCall::flush);
     EXPECT_EQ(volume.read(file), "before");
     EXPECT_EQ(volume.attributes(file).size, 6u);
     const ntb_statfs after = volume.space();

@@ -210,7 +210,7 @@ TEST(Namespace, AFileMayHaveSeveralNames) {
 TEST(Namespace, ARenameThatFailsLeavesTheNamesWithoutAPageCacheToo) {
     BridgeVolume volume;
     EXPECT_EQ(volume.unmount(), 0);
-    volume.memory() = MemoryIo::fromFile(volume.sample().image(), 8192);
+    volume.memory() = DiskIo::fromFile(volume.sample().image(), 8192);
     ASSERT_EQ(volume.mount(), 0);
     EXPECT_EQ(ntb_link(volume, volume.make("one"), NTB_ROOT_INO, "same"), 0);
     const auto before = volume.list();
@@ -218,11 +218,11 @@ TEST(Namespace, ARenameThatFailsLeavesTheNamesWithoutAPageCacheToo) {
     EXPECT_EQ(volume.list(), before);
 
     const std::string content = patternText(20'000);
-    const std::vector<uint8_t> whole = volume.memory().bytes();
+    const std::vector<uint8_t> whole = volume.memory().bytes;
     int undone = 0;
     for (uint64_t call = 1, failures = 1; failures > 0; ++call) {
         EXPECT_EQ(volume.unmount(), 0);
-        volume.memory().bytes() = whole;
+        volume.memory().bytes = whole;
         ASSERT_EQ(volume.mount(), 0);
         EXPECT_EQ(volume.write(volume.make("file"), content), 0);
         const uint64_t directory = volume.makeDirectory("directory");

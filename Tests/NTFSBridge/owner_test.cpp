@@ -131,7 +131,7 @@ TEST(Owners, DamagedEntriesAreLeftAlone) {
     ASSERT_EQ(ntb_make(volume, NTB_ROOT_INO, "file", &item, &ino), 0);
     const auto setDistance = [&](int distance) {
         ASSERT_EQ(volume.unmount(), 0);
-        auto& bytes = volume.memory().bytes();
+        auto& bytes = volume.memory().bytes;
         const std::string name = "$LXGID";
         const auto found = std::search(bytes.begin(), bytes.end(), name.begin(), name.end());
         ASSERT_NE(found, bytes.end());

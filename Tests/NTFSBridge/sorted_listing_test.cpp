@@ -84,7 +84,7 @@ TEST(SortedListing, OfADamagedIndexEnds) {
         volume.make(nameOf(number), directory);
     }
     ASSERT_EQ(volume.unmount(), 0);
-    const std::vector<uint8_t> sound = volume.memory().bytes();
+    const std::vector<uint8_t> sound = volume.memory().bytes;
     std::vector<size_t> blocks;
     for (size_t at = 0; at < sound.size(); at += 4096) {
         if (std::equal(sound.begin() + static_cast<std::ptrdiff_t>(at),
@@ -97,9 +97,9 @@ TEST(SortedListing, OfADamagedIndexEnds) {
     std::mt19937 random(2);
     unsigned failed = 0;
     for (int round = 0; round < 200; ++round) {
-        volume.memory().bytes() = sound;
+        volume.memory().bytes = sound;
         for (int i = 0; i < 3; ++i) {
-            volume.memory().bytes()[blocks[random() % blocks.size()] + 24 + random() % 400] =
+            volume.memory().bytes[blocks[random() % blocks.size()] + 24 + random() % 400] =
                 static_cast<uint8_t>(random());
         }
         if (volume.mount(true) != 0) {

@@ -54,34 +54,34 @@ TEST(Volume, EveryGeometryKeepsWhatIsWrittenAndPassesTheChecks) {
 
 TEST(Volume, RefusesWhatIsNoMountableVolumeAndLeavesItAlone) {
     const SampleVolume sample;
-    MemoryIo good = MemoryIo::fromFile(sample.image());
+    DiskIo good = DiskIo::fromFile(sample.image());
     const struct {
         const char* what;
         int32_t probe;
         int32_t mount; // -1: any error, -2: that or read-only, to save what is left
-        void (*damage)(MemoryIo&);
+        void (*damage)(DiskIo&);
     } cases[] = {
-        {"an intact volume", 0, 0, [](MemoryIo&) {}},
+        {"an intact volume", 0, 0, [](DiskIo&) {}},
         {"511 bytes", EINVAL, EINVAL,
-         [](MemoryIo& d) {
-             d = MemoryIo({d.bytes().begin(), d.bytes().begin() + 511});
+         [](DiskIo& d) {
+             d = DiskIo({d.bytes.begin(), d.bytes.begin() + 511});
          }},
         {"swapped signature", EINVAL, EINVAL,
-         [](MemoryIo& d) { std::swap(d.bytes()[510], d.bytes()[511]); }},
-        {"another system's name", EINVAL, EINVAL, [](MemoryIo& d) { d.bytes()[3] = 'X'; }},
-        {"an unreadable device", EINVAL, EINVAL, [](MemoryIo& d) { d.failFrom(1, EIO); }},
+         [](DiskIo& d) { std::swap(d.bytes[510], d.bytes[511]); }},
+        {"another system's name", EINVAL, EINVAL, [](DiskIo& d) { d.bytes[3] = 'X'; }},
+        {"an unreadable device", EINVAL, EINVAL, [](DiskIo& d) { d.failFrom(1, EIO); }},
         {"half a volume", 0, -2,
-         [](MemoryIo& d) {
-             d = MemoryIo({d.bytes().begin(), d.bytes().begin() + (8 << 20)});
+         [](DiskIo& d) {
+             d = DiskIo({d.bytes.begin(), d.bytes.begin() + (8 << 20)});
          }},
         {"no file records", 0, -1,
-         [](MemoryIo& d) { std::fill_n(d.bytes().begin() + 4 * 4096, 64 << 10, uint8_t{0}); }},
+         [](DiskIo& d) { std::fill_n(d.bytes.begin() + 4 * 4096, 64 << 10, uint8_t{0}); }},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        MemoryIo device = good;
+        DiskIo device = good;
         c.damage(device);
-        const std::vector<uint8_t> before = device.bytes();
+        const std::vector<uint8_t> before = device.bytes;
         uint64_t serial = 42;
         EXPECT_EQ(ntb_probe(&device.io(), &serial), c.probe);
         EXPECT_EQ(ntb_probe(&device.io(), nullptr), c.probe);
@@ -93,7 +93,7 @@ TEST(Volume, RefusesWhatIsNoMountableVolumeAndLeavesItAlone) {
                         : mayMount  ? error == 0
                                     : error > 0)
                 << error;
-            EXPECT_TRUE(c.mount == 0 || device.bytes() == before);
+            EXPECT_TRUE(c.mount == 0 || device.bytes == before);
         }
     }
 }
@@ -147,7 +147,7 @@ TEST(Volume, FlushesReachTheHostOnlyWhenThereIsSomethingToWrite) {
     volume.memory().heal();
     volume.memory().takeLog();
     EXPECT_EQ(ntb_flush(volume, ino), 0);
-    EXPECT_EQ(volume.memory().takeLog().back().kind, MemoryIo::Kind::kSync);
+    EXPECT_EQ(volume.memory().takeLog().back().call, DiskCall::flush);
     EXPECT_EQ(volume.stats().dirtyPages, 0u);
 
     volume.make("another");
@@ -180,7 +180,7 @@ TEST(Volume, ReadOnlyRefusesEveryChange) {
     EXPECT_EQ(volume.setStream(ino, "stream", "value"), 0);
     EXPECT_EQ(volume.unmount(), 0);
     ASSERT_EQ(volume.mount(true), 0);
-    const std::vector<uint8_t> before = volume.memory().bytes();
+    const std::vector<uint8_t> before = volume.memory().bytes;
     uint64_t out = 0;
     const ntb_time now = {1700000000, 0};
     EXPECT_EQ(ntb_is_readonly(volume), 1);
@@ -204,7 +204,7 @@ TEST(Volume, ReadOnlyRefusesEveryChange) {
     EXPECT_EQ(ntb_symlink(volume, NTB_ROOT_INO, "a:b", "target", nullptr, &out), EINVAL);
     EXPECT_EQ(volume.stream(ino, "stream").second, "value");
     EXPECT_EQ(volume.unmount(), 0);
-    EXPECT_TRUE(volume.memory().bytes() == before);
+    EXPECT_TRUE(volume.memory().bytes == before);
 }
 
 TEST(Volume, AProgramInCUsesIt) {

@@ -2,7 +2,7 @@
 #include "check/check.hpp"
 #include "check/filled_volume.hpp"
 #include "check/hostile_volume.hpp"
-#include "support/memory_device.hpp"
+#include "lab/disk_device.hpp"
 #include "support/run_process.hpp"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // What reading all data finds in files that Windows compressed as a whole.
 #include "check/check.hpp"
 #include "check/image_editor.hpp"
-#include "support/memory_device.hpp"
+#include "lab/disk_device.hpp"
 #include "support/reparse_items.hpp"
 #include "support/temp_directory.hpp"
 
@@ -51,7 +51,7 @@ TEST(DeepCheck, DecompressesWhatWindowsCompressed) {
         EXPECT_NE(found.find(name), std::string::npos) << found;
 
         damaged.bytes = device.bytes;
-        damaged.badAt = at;
+        damaged.lost = {at / MemoryDevice::kSector};
         EXPECT_NE(deepFindings(damaged).find("data-unreadable"), std::string::npos) << name;
     }
 }

@@ -38,7 +38,7 @@ std::vector<uint8_t> filledImage(const VolumeGeometry& geometry, int names) {
         EXPECT_EQ(ntb_unlink(volume, directory, numbered(i).c_str()), 0);
     }
     EXPECT_EQ(volume.unmount(), 0);
-    return volume.memory().bytes();
+    return volume.memory().bytes;
 }
 
 } // namespace tavelin::test

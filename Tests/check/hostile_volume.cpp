@@ -4,7 +4,7 @@
 #include "check/check.hpp"
 #include "check/filled_volume.hpp"
 #include "check/image_editor.hpp"
-#include "support/memory_device.hpp"
+#include "lab/disk_device.hpp"
 
 #include <algorithm>
 

@@ -5,7 +5,7 @@
 #include "check/mount_gate.hpp"
 #include "check/volume_map.hpp"
 #include "check/volume_state.hpp"
-#include "support/memory_device.hpp"
+#include "lab/disk_device.hpp"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 #include "check/check.hpp"
 #include "check/filled_volume.hpp"
 #include "check/image_editor.hpp"
-#include "support/memory_device.hpp"
+#include "lab/disk_device.hpp"
 
 #include <gtest/gtest.h>
 
@@ -393,7 +393,7 @@ TEST_P(PlantedFaults, AreFound) {
                      "/other"},
           {editor.offsetOfIndexBlock(editor.record("/dir"), 0), indexBlockUnreadable, "/dir"},
           {editor.offsetOfRecord(editor.record("/file")), recordUnreadable, ""}}) {
-        device.badAt = offset;
+        device.lost = {offset / MemoryDevice::kSector};
         expectFound({kind, path, nullptr}, device, true);
     }
     std::printf("%d of %d planted faults found, of %zu classes\n", found_, planted_,

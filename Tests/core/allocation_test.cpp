@@ -1,7 +1,7 @@
 // Holes and clusters ahead of the data, against a string.
 #include "core/device_box.hpp"
 #include "core/ntfs_volume.hpp"
-#include "support/watched_device.hpp"
+#include "lab/sample_disk.hpp"
 
 #include <gtest/gtest.h>
 
@@ -39,8 +39,7 @@ TEST(Allocation, RandomRangesMatchAString) {
     std::mt19937 random(seed);
     for (const std::uint32_t clusterSize : {512u, 4096u, 65536u}) {
         const SampleVolume sample({.bytes = 64 << 20, .clusterSize = clusterSize});
-        const auto volume =
-            NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
+        const auto volume = NTFSVolume::open(diskOf(sample), false);
         const std::uint64_t ino = volume->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
         volume->create("next", NTFSVolume::kRootIno, NTFSItemType::file);
         const std::uint64_t other = volume->lookup("next", NTFSVolume::kRootIno);
@@ -100,7 +99,7 @@ TEST(Allocation, RandomRangesMatchAString) {
 
 TEST(Allocation, TakesItsSpaceAtOnceOrNotAtAll) {
     const SampleVolume sample;
-    const auto volume = NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
+    const auto volume = NTFSVolume::open(diskOf(sample), false);
     const std::uint64_t ino = volume->create("file", NTFSVolume::kRootIno, NTFSItemType::file);
     volume->write(ino, 0, bytesOf("text"));
     const std::uint64_t free = volume->statfs().freeBytes();
@@ -128,7 +127,7 @@ TEST(Allocation, TakesItsSpaceAtOnceOrNotAtAll) {
 
 TEST(Allocation, GivesBackWhatIsBehindTheEnd) {
     const SampleVolume sample;
-    const auto volume = NTFSVolume::open(std::make_shared<FileBlockDevice>(sample.image()), false);
+    const auto volume = NTFSVolume::open(diskOf(sample), false);
     constexpr std::uint64_t kReserved = 1 << 20;
     for (const std::size_t size : {0, 4, 4096, 100'000}) {
         SCOPED_TRACE(size);
@@ -160,10 +159,12 @@ TEST(Allocation, GivesBackWhatIsBehindTheEnd) {
 TEST(Trim, SaysWhyItTellsTheDeviceNothing) {
     const SampleVolume sample({.bytes = 8 << 20});
     const auto open = [&](bool readOnly) {
-        return NTFSVolume::open(std::make_shared<WatchedDevice>(sample), readOnly);
+        const auto device = diskOf(sample);
+        device->takesDiscards = false;
+        return NTFSVolume::open(device, readOnly);
     };
     const auto mark = [&](std::uint8_t isMarked) {
-        DeviceBox box(std::make_shared<FileBlockDevice>(sample.image()));
+        DeviceBox box(diskOf(sample));
         const ntb_io io = makeIO(box);
         ASSERT_EQ(ntb_set_dirty(&io, isMarked), 0);
     };
@@ -200,11 +201,7 @@ TEST(Trim, SaysWhyItTellsTheDeviceNothing) {
 // Their clusters begin and end anywhere in a page.
 TEST(Trim, LeavesTheNeighboursOfFreeClustersAsTheyAre) {
     const SampleVolume sample({.bytes = 8 << 20, .clusterSize = 512});
-    const auto open = [&] {
-        const auto device = std::make_shared<WatchedDevice>(sample);
-        device->takesDiscards = true;
-        return NTFSVolume::open(device, false);
-    };
+    const auto open = [&] { return NTFSVolume::open(diskOf(sample), false); };
     const auto contentOf = [](int file) {
         return std::string(9 * 512, static_cast<char>('!' + file));
     };

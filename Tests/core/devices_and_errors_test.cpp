@@ -2,11 +2,11 @@
 #include "core/ntfs_error.hpp"
 #include "diagnostics/error_tally.hpp"
 #include "diagnostics/event_log.hpp"
+#include "lab/sample_disk.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/own_group.hpp"
 #include "support/run_process.hpp"
 #include "support/temp_directory.hpp"
-#include "support/watched_device.hpp"
 
 #include <gtest/gtest.h>
 

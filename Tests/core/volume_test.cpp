@@ -1,6 +1,6 @@
 #include "core/ntfs_volume.hpp"
+#include "lab/sample_disk.hpp"
 #include "support/replaced_services.hpp"
-#include "support/watched_device.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,12 +16,12 @@ using Type = NTFSItemType;
 class Volume : public ::testing::Test {
   protected:
     std::shared_ptr<NTFSVolume> mount(bool readOnly = false) {
-        device = std::make_shared<WatchedDevice>(sample);
+        device = diskOf(sample);
         return NTFSVolume::open(device, readOnly);
     }
 
     const SampleVolume sample;
-    std::shared_ptr<WatchedDevice> device;
+    std::shared_ptr<SampleDisk> device;
     std::shared_ptr<NTFSVolume> volume = mount();
 };
 
@@ -33,9 +33,7 @@ TEST_F(Volume, IsProbedLabelledAndMeasured) {
     EXPECT_EQ(volume->statfs().totalBytes(), device->size() - 4096); // the last holds the backup
     EXPECT_GT(volume->ioStats().dirtyPages, 0u);
 
-    const test::TempDirectory directory;
-    test::writeFile(directory / "blank", std::string(1 << 20, '\0'));
-    const auto blank = std::make_shared<FileBlockDevice>(directory / "blank");
+    const auto blank = std::make_shared<Disk>(Bytes(1 << 20));
     EXPECT_EQ(NTFSVolume::probe(blank), std::nullopt);
     EXPECT_EQ(codeOf([&] { static_cast<void>(NTFSVolume::open(blank, false)); }), kEINVAL);
     EXPECT_EQ(blank.use_count(), 1) << "a refused mount must hold nothing";
@@ -114,24 +112,24 @@ TEST_F(Volume, TheTimerWritesBackAsLongAsThereIsAVolume) {
     EXPECT_EQ(live[0].leeway, std::chrono::milliseconds(100));
 
     const auto file = volume->create("file", kRoot, Type::file);
-    device->fail(ENOSPC);
+    device->failFrom(1, ENOSPC, {DiskCall::write, DiskCall::flush});
     tick();
     EXPECT_EQ(codeOf([&] { volume->sync(); }), kENOSPC) << "the failed flush must be reported";
-    device->fail(0);
+    device->heal();
     tick();
     EXPECT_EQ(volume->ioStats().dirtyPages, 0u) << "and tried again";
 
-    const int syncs = device->syncs();
+    const int syncs = device->count(DiskCall::flush);
     tick();
-    EXPECT_EQ(device->syncs(), syncs) << "nothing to write, so nothing is done";
+    EXPECT_EQ(device->count(DiskCall::flush), syncs) << "nothing to write, so nothing is done";
     volume->write(file, 0, bytesOf("last"));
     volume->unmount();
     EXPECT_TRUE(timers.live().empty());
-    const int closed = device->syncs();
+    const int closed = device->count(DiskCall::flush);
     tick();
     volume.reset();
     tick();
-    EXPECT_EQ(device->syncs(), closed);
+    EXPECT_EQ(device->count(DiskCall::flush), closed);
     EXPECT_EQ(sample.cat("/file"), "last");
 }
 

@@ -1,8 +1,8 @@
 // One volume under many threads. Every operation is atomic and either done or, once the volume is
 // unmounted, refused as a whole: what the threads saw succeed is exactly what is on the image.
 #include "core/ntfs_volume.hpp"
+#include "lab/sample_disk.hpp"
 #include "support/on_threads.hpp"
-#include "support/watched_device.hpp"
 
 #include <gtest/gtest.h>
 
@@ -113,7 +113,7 @@ class Worker {
 TEST(VolumeThreads, WhatSucceededBeforeAnUnmountInTheMiddleIsOnTheImage) {
     const SampleVolume sample({.bytes = 32u << 20});
     Common common;
-    common.volume = NTFSVolume::open(std::make_shared<WatchedDevice>(sample), false);
+    common.volume = NTFSVolume::open(diskOf(sample), false);
     common.directory = common.volume->create("common", kRoot, NTFSItemType::directory);
     common.volume->startAutoFlush(0.01);
 
@@ -131,7 +131,7 @@ TEST(VolumeThreads, WhatSucceededBeforeAnUnmountInTheMiddleIsOnTheImage) {
     });
 
     expectConsistent(sample);
-    const auto after = NTFSVolume::open(std::make_shared<WatchedDevice>(sample), true);
+    const auto after = NTFSVolume::open(diskOf(sample), true);
     for (const Worker& worker : workers) {
         worker.expectDirectory(*after);
     }
@@ -146,14 +146,17 @@ TEST(VolumeThreads, ATickMayHoldTheLastReference) {
     const SampleVolume sample;
     std::promise<void> ticking, dropped;
     const auto gone = std::make_shared<std::promise<void>>(); // outlives its own fulfilment
-    auto device = std::make_shared<WatchedDevice>(sample);
-    device->onSync = [&, first = true]() mutable {
-        if (std::exchange(first, false)) {
+    auto device = diskOf(sample);
+    // Goes with the disk that has the hook.
+    std::shared_ptr<void> guard(nullptr, [gone](void*) { gone->set_value(); });
+    device->hook = [&, guard = std::move(guard), first = true](DiskCall call, auto,
+                                                               std::size_t length) mutable {
+        if (call == DiskCall::flush && std::exchange(first, false)) {
             ticking.set_value();
             dropped.get_future().wait();
         }
+        return length;
     };
-    device->onGone = [gone] { gone->set_value(); };
     auto volume = NTFSVolume::open(std::move(device), false);
     volume->create("file", kRoot, NTFSItemType::file);
     volume->startAutoFlush(0.001);

@@ -34,9 +34,9 @@ TEST(DecompressionCut, LeavesOneFormWhole) {
         }
         const auto size = static_cast<std::int64_t>(item.content.size());
         const Workload changes[] = {
-            {"write", std::vector<Operation>{{Verb::write, item.name, "", 1000, 5000}}},
-            {"append much", std::vector<Operation>{{Verb::write, item.name, "", size, 200'000}}},
-            {"truncate", std::vector<Operation>{{Verb::truncate, item.name, "", 10}}},
+            {"write", Operations{{Verb::write, item.name, "", 1000, 5000}}},
+            {"append much", Operations{{Verb::write, item.name, "", size, 200'000}}},
+            {"truncate", Operations{{Verb::truncate, item.name, "", 10}}},
         };
         for (const Workload& change : changes) {
             report.add(tryScript(base, {{&change}, Finish::synchronise}, {}));

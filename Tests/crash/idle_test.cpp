@@ -1,12 +1,13 @@
 // A disk that nothing was written to for a second is clean for everybody, and one that is busy
 // says that it is.
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/others_view.hpp"
 #include "lab/recording.hpp"
+#include "lab/structural_check.hpp"
 #include "support/replaced_services.hpp"
 #include "support/run_process.hpp"
 #include "support/sample_volume.hpp"
-#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +23,7 @@ class BusyPeriods {
         : random_(seed), source_(seed), isMarked_(isMarked) {
         Bytes image = loadImage(SampleVolume({.bytes = 4u << 20}).image());
         setMark(image, isMarked);
-        disk_ = std::make_shared<RecordingResource>(std::move(image));
+        disk_ = recordingDisk(std::move(image));
         host_.emplace(disk_);
         host_->open();
         atRest_ = disk_->bytes;
@@ -30,7 +31,7 @@ class BusyPeriods {
 
     // The disk is cut off a second after the last change.
     void busyThenIdle() {
-        const std::size_t from = disk_->events().size();
+        const std::size_t from = disk_->events.size();
         for (std::uint64_t i = random_() % 4; i < 4; ++i) {
             change();
             if (random_() % 2 == 0) {
@@ -40,11 +41,11 @@ class BusyPeriods {
         services_.timers().tick(); // flushes what there is
         services_.timers().tick(); // finds nothing new
         expectClean(disk_->bytes);
-        const std::size_t to = disk_->events().size();
+        const std::size_t to = disk_->events.size();
         services_.timers().tick();
-        EXPECT_EQ(disk_->events().size(), to) << "there was something left to do";
-        const auto all = disk_->events().begin();
-        expectMarkedOrSound({all + static_cast<std::ptrdiff_t>(from), disk_->events().end()});
+        EXPECT_EQ(disk_->events.size(), to) << "there was something left to do";
+        const auto all = disk_->events.begin();
+        expectMarkedOrSound({all + static_cast<std::ptrdiff_t>(from), disk_->events.end()});
         atRest_ = disk_->bytes;
     }
 
@@ -92,7 +93,7 @@ class BusyPeriods {
     const bool isMarked_;
     Model model_;
     ReplacedServices services_;
-    std::shared_ptr<RecordingResource> disk_;
+    std::shared_ptr<HostDisk> disk_;
     std::optional<ModuleHost> host_;
     Bytes atRest_; // the disk before the busy period
     std::size_t cuts_ = 0;

@@ -4,6 +4,7 @@
 #include "core/journal/journal_record.hpp"
 #include "crash/virtual_disk.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/others_view.hpp"
 #include "lab/recording.hpp"
 #include "support/bridge_volume.hpp"
@@ -44,7 +45,7 @@ struct Moments {
 };
 
 Moments momentsOfAFlush() {
-    const Bytes base = preparedVolume(kVolumeBytes);
+    const Bytes base = preparedVolume({.bytes = kVolumeBytes});
     const auto change = std::ranges::find(allChanges(), "create many", &Workload::name);
     const Recording recording = recordTavelin(base, {{&*change}, Finish::unmount});
     const std::uint64_t header = logOf(base).offset + kRecords;
@@ -72,7 +73,7 @@ Moments momentsOfAFlush() {
 template<typename Work>
 Bytes worked(Bytes volume, Work work) {
     const ReplacedServices services;
-    const auto disk = std::make_shared<RecordingResource>(std::move(volume));
+    const auto disk = std::make_shared<HostDisk>(std::move(volume));
     ModuleHost host(disk);
     host.open();
     work(host.volume());
@@ -130,7 +131,7 @@ WindowsImage stampedJournal() {
     volume.make("after.txt");
     const USNMax max = usnMaxOf(volume, journal);
     EXPECT_EQ(volume.unmount(), 0);
-    const auto bytes = std::as_bytes(std::span(volume.memory().bytes()));
+    const auto bytes = std::as_bytes(std::span(volume.memory().bytes));
     return {"10-usn-journal",
             fmt::format("change journal with id 0x{:016x} until 0x{:016x} was stamped into it; "
                         "lowest valid USN 0x{:x}",

@@ -1,7 +1,7 @@
 #include "explore/explore.hpp"
 
-#include "lab/recording_resource.hpp"
-#include "support/structural_check.hpp"
+#include "lab/host_disk.hpp"
+#include "lab/structural_check.hpp"
 
 #include <algorithm>
 #include <istream>
@@ -105,7 +105,7 @@ class Pair {
   private:
     void open(Bytes image) {
         image_ = std::move(image);
-        disk_ = std::make_shared<RecordingResource>(image_);
+        disk_ = std::make_shared<HostDisk>(image_);
         system_ = make_([disk = disk_] {
             auto host = std::make_unique<ModuleHost>(disk);
             host->open();
@@ -124,7 +124,7 @@ class Pair {
     const MakeSystem& make_;
     Place place_;
     Bytes image_;
-    std::shared_ptr<RecordingResource> disk_;
+    std::shared_ptr<HostDisk> disk_;
     std::unique_ptr<System> system_;
 };
 

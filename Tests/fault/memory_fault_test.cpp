@@ -1,6 +1,7 @@
 // Every allocation that a request makes, on its way through host, front end, core and bridge, fails
 // in turn.
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/recording.hpp"
 #include "lab/requests.hpp"
 #include "platform/error_numbers.hpp"
@@ -111,7 +112,7 @@ bool withFailure(std::uint64_t which, Work&& work) {
 }
 
 Snapshot contentAfter(const Workload& request) {
-    ModuleHost host(std::make_shared<RecordingResource>(base()));
+    ModuleHost host(std::make_shared<HostDisk>(base()));
     host.open();
     request.run(host.volume());
     return takeSnapshot(host.volume());
@@ -134,7 +135,7 @@ TEST_F(NoMemory, EveryRequest) {
         bool met = true;
         for (std::uint64_t which = first; met; which += kStride) {
             SCOPED_TRACE(request.name + ", allocation " + std::to_string(which));
-            const auto disk = std::make_shared<RecordingResource>(base());
+            const auto disk = std::make_shared<HostDisk>(base());
             ModuleHost host(disk);
             host.open();
             bool done = false;
@@ -170,7 +171,7 @@ TEST_F(NoMemory, OpeningAndClosing) {
     bool met = true;
     for (std::uint64_t which = 1; met; which += kStride) {
         SCOPED_TRACE(which);
-        const auto disk = std::make_shared<RecordingResource>(base());
+        const auto disk = std::make_shared<HostDisk>(base());
         ModuleHost host(disk);
         bool done = false;
         met = withFailure(which, [&] {

@@ -7,12 +7,12 @@
 #include "diagnostics/event_log.hpp"
 #include "diagnostics/op_counter.hpp"
 #include "fskit/tavelin_file_system.hpp"
+#include "lab/disk_resource.hpp"
+#include "lab/structural_check.hpp"
 #include "platform/error_numbers.hpp"
-#include "support/memory_resource.hpp"
 #include "support/own_group.hpp"
 #include "support/replaced_services.hpp"
 #include "support/sample_volume.hpp"
-#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@
 
 namespace tavelin::test {
 
-using MemoryResource = MemoryResourceOf<fskit::FSBlockDeviceResource, std::string>;
+using MemoryResource = DiskResourceOf<fskit::FSBlockDeviceResource, std::string>;
 
 class ModuleTest : public ::testing::Test {
   protected:

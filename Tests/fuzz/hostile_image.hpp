@@ -15,7 +15,7 @@
 // journal's record gets the checksum that its new header asks for.
 #pragma once
 
-#include "lab/recording_resource.hpp"
+#include "support/bytes.hpp"
 
 #include <cstdint>
 #include <span>

@@ -1,6 +1,7 @@
 #include "fuzz/hostile_image.hpp"
 #include "hosting/module_host.hpp"
 #include "hosting/paths.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/system.hpp"
 
 #include <array>
@@ -60,7 +61,7 @@ void askVolume(VolumeClient& volume, Path /*path*/) {
 }
 
 // Up to the first that fails.
-void send(VolumeClient& volume, const std::vector<Operation>& operations) {
+void send(VolumeClient& volume, const Operations& operations) {
     for (const Operation& operation : operations) {
         carryOut(volume, operation);
     }
@@ -114,7 +115,7 @@ const std::array<std::string, 18> kPaths{
 } // namespace
 
 void sendRequests(Bytes volume, InputReader& input) {
-    ModuleHost host(std::make_shared<RecordingResource>(std::move(volume)));
+    ModuleHost host(std::make_shared<HostDisk>(std::move(volume)));
     try {
         host.open();
     } catch (const OpenError&) {

@@ -1,7 +1,7 @@
 // What the module host adds to the volume's own care for its data: success means the medium.
 
 #include "hosting/module_host.hpp"
-#include "lab/recording_resource.hpp"
+#include "lab/host_disk.hpp"
 #include "platform/error_numbers.hpp"
 #include "support/own_group.hpp"
 #include "support/replaced_services.hpp"
@@ -15,7 +15,6 @@ namespace tavelin::test {
 
 namespace {
 
-using Call = RecordingResource::Call;
 using Type = fskit::FSItemType;
 
 const std::vector<std::byte> kContent(100'000, std::byte{'c'});
@@ -25,18 +24,15 @@ const std::vector<std::byte> kContent(100'000, std::byte{'c'});
 TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
     const ReplacedServices noTimer;
     const SampleVolume sample;
-    std::vector<Call> calls;
+    std::vector<DiskCall> calls;
     bool fails = false;
-    const auto disk = std::make_shared<RecordingResource>(loadImage(sample.image()));
-    disk->hook = [&](Call call, auto, std::size_t length) {
+    const auto disk = std::make_shared<HostDisk>(loadImage(sample.image()));
+    disk->hook = [&](DiskCall call, auto, std::size_t length) {
         calls.push_back(call);
-        return fails && call == Call::flushToMedium ? throw fskit::fs_errorForPOSIXError(kEIO)
-                                                    : length;
+        return fails && call == DiskCall::flush ? throw fskit::fs_errorForPOSIXError(kEIO) : length;
     };
     ModuleHost host(disk);
-    const auto flushes = [&] {
-        return std::count(calls.begin(), calls.end(), Call::flushToMedium);
-    };
+    const auto flushes = [&] { return std::count(calls.begin(), calls.end(), DiskCall::flush); };
     host.open();
     {
         const ItemRef file = host.volume().create(host.volume().root(), "f", Type::file).get().item;
@@ -49,12 +45,12 @@ TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
         // The content, which the journal does not have, before the journal says that it is there;
         // and the volume's dirty flag before anything else that the journal has goes home.
         EXPECT_EQ(flushes(), 3);
-        EXPECT_EQ(calls.front(), Call::flushToMedium);
+        EXPECT_EQ(calls.front(), DiskCall::flush);
         (void)host.volume().write(file, 0, std::span(kContent).first(100)).get();
         calls.clear();
         EXPECT_TRUE(host.volume().synchronize());
         EXPECT_EQ(flushes(), 1);
-        EXPECT_EQ(calls.at(2), Call::flushToMedium); // after the content and the record
+        EXPECT_EQ(calls.at(2), DiskCall::flush); // after the content and the record
         fails = true;
         write();
         EXPECT_FALSE(host.volume().synchronize());
@@ -63,7 +59,7 @@ TEST(Durability, IsAskedOfTheMediumAndItsFailureAnswered) {
     }
     calls.clear();
     EXPECT_TRUE(host.close());
-    EXPECT_EQ(calls.back(), Call::flushToMedium);
+    EXPECT_EQ(calls.back(), DiskCall::flush);
 
     host.open();
     fails = true;

@@ -5,8 +5,8 @@
 // usual.
 
 #include "lab/agreement.hpp"
+#include "lab/structural_check.hpp"
 #include "support/sample_volume.hpp"
-#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // What power cuts did to a volume, in numbers.
 #pragma once
 
-#include "lab/recording_resource.hpp"
+#include "lab/cut.hpp"
 
 #include <cstddef>
 #include <cstdint>

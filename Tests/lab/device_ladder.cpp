@@ -1,6 +1,7 @@
 #include "lab/device_ladder.hpp"
 
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/recording.hpp"
 #include "platform/error_numbers.hpp"
 
@@ -40,13 +41,13 @@ class FaultInjector {
     std::uint64_t reads() const { return reads_; }
 
     // How many of the bytes a call moves; throws.
-    std::size_t decide(RecordingResource::Call call, std::size_t length) {
+    std::size_t decide(DiskCall call, std::size_t length) {
         if (next_ == 0 || --next_ > 0) {
             return length;
         }
         next_ = fault_.times == Times::once ? 0 : 1;
         hits_++;
-        reads_ += call == RecordingResource::Call::read ? 1 : 0;
+        reads_ += call == DiskCall::read ? 1 : 0;
         if (fault_.error != 0) {
             throw fskit::fs_errorForPOSIXError(fault_.error);
         }
@@ -62,14 +63,14 @@ class FaultInjector {
 
 struct Rig {
     Rig(const Bytes& base, std::uint64_t blockSize, const DeviceFault& fault)
-        : injector(fault), disk(std::make_shared<RecordingResource>(base, blockSize)), host(disk) {
+        : injector(fault), disk(std::make_shared<HostDisk>(base, blockSize)), host(disk) {
         disk->hook = [this](auto call, auto, std::size_t length) {
             return injector.decide(call, length);
         };
     }
 
     FaultInjector injector;
-    std::shared_ptr<RecordingResource> disk;
+    std::shared_ptr<HostDisk> disk;
     ModuleHost host;
 };
 
@@ -218,7 +219,7 @@ void LadderResult::add(const LadderResult& other) {
 }
 
 Reference DeviceLadder::reference(const Workload& request) const {
-    ModuleHost host(std::make_shared<RecordingResource>(base_, blockSize_));
+    ModuleHost host(std::make_shared<HostDisk>(base_, blockSize_));
     host.open();
     Reference reference;
     reference.before = takeSnapshot(host.volume());

@@ -1,7 +1,7 @@
 // What programs that are not ours say of a volume that has been unmounted.
 #pragma once
 
-#include "lab/recording_resource.hpp"
+#include "lab/cut.hpp"
 #include "support/sample_volume.hpp"
 
 #include <string>

@@ -4,10 +4,11 @@
 #include "core/journal/journal.hpp"
 #include "core/ntfs_volume.hpp"
 #include "hosting/module_host.hpp"
+#include "lab/disk_device.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/others_view.hpp"
-#include "support/memory_device.hpp"
+#include "lab/structural_check.hpp"
 #include "support/replaced_services.hpp"
-#include "support/structural_check.hpp"
 
 #include <fmt/format.h>
 
@@ -206,7 +207,7 @@ class NeighbourTrial {
     void remount(const Image& image, const Traces& traces) {
         const ReplacedServices services;
         const auto* const first = reinterpret_cast<const std::byte*>(image.data());
-        const auto disk = std::make_shared<RecordingResource>(Bytes(first, first + image.size()));
+        const auto disk = std::make_shared<HostDisk>(Bytes(first, first + image.size()));
         ModuleHost host(disk);
         bool isSaid = false;
         try {

@@ -2,8 +2,8 @@
 
 #include "check/mount_gate.hpp"
 #include "core/device_box.hpp"
-#include "support/memory_device.hpp"
-#include "support/structural_check.hpp"
+#include "lab/disk_device.hpp"
+#include "lab/structural_check.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -11,9 +11,8 @@
 namespace tavelin::test {
 namespace {
 
-std::shared_ptr<MemoryDevice> deviceOf(std::span<const std::byte> image) {
-    const auto* const first = reinterpret_cast<const std::uint8_t*>(image.data());
-    return std::make_shared<MemoryDevice>(std::vector<std::uint8_t>(first, first + image.size()));
+std::shared_ptr<Disk> deviceOf(std::span<const std::byte> image) {
+    return std::make_shared<Disk>(Bytes(image.begin(), image.end()));
 }
 
 } // namespace
@@ -46,7 +45,7 @@ void setMark(Bytes& image, bool isDirty) {
     if (ntb_set_dirty(&io, isDirty ? 1 : 0) != 0) {
         throw std::runtime_error("$Volume has no flags");
     }
-    std::ranges::copy(std::as_bytes(std::span(device->bytes)), image.begin());
+    image = std::move(device->bytes);
 }
 
 std::string damageWithoutJournal(std::span<const std::byte> image) {

@@ -1,9 +1,10 @@
 #include "lab/power_cut.hpp"
 
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/independent_check.hpp"
+#include "lab/structural_check.hpp"
 #include "support/replaced_services.hpp"
-#include "support/structural_check.hpp"
 
 #include <fmt/format.h>
 
@@ -46,7 +47,7 @@ std::uint64_t forEachCut(const Bytes& base, const Recording& recording, const Cu
 
 NextMount::NextMount(Bytes image) {
     const ReplacedServices services;
-    const auto disk = std::make_shared<RecordingResource>(std::move(image));
+    const auto disk = recordingDisk(std::move(image));
     ModuleHost host(disk);
     try {
         host.open();
@@ -55,11 +56,11 @@ NextMount::NextMount(Bytes image) {
         return;
     }
     refusal = host.volume().isReadOnly() ? "read-only" : "";
-    isCompleted = !disk->events().empty();
+    isCompleted = !disk->events.empty();
     found = takeSnapshot(host.volume());
     host.close().get();
     after = disk->bytes;
-    events = disk->events();
+    events = disk->events;
 }
 
 CrashReport tryRecording(const Bytes& base, const Script& script, const Recording& recording,

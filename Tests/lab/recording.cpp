@@ -1,6 +1,7 @@
 #include "lab/recording.hpp"
 
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "support/replaced_services.hpp"
 
 #include <algorithm>
@@ -25,7 +26,7 @@ std::string Script::describe() const {
 
 Recording recordTavelin(const Bytes& base, const Script& script) {
     ReplacedServices services; // no flush but those of the script
-    const auto disk = std::make_shared<RecordingResource>(base);
+    const auto disk = recordingDisk(base);
     ModuleHost host(disk);
     host.open();
     Recording recording;
@@ -45,17 +46,17 @@ Recording recordTavelin(const Bytes& base, const Script& script) {
             services.timers().tick(); // flushes it
         } else if (script.finish == Finish::synchronise) {
             host.volume().synchronize().get();
-            recording.persistedAt.push_back(disk->events().size());
+            recording.persistedAt.push_back(disk->events.size());
         }
         recording.states.push_back(takeSnapshot(host.volume()));
     }
     if (script.finish == Finish::unmount) {
         host.close().get();
         recording.persistedAt.resize(recording.states.size(), SIZE_MAX);
-        recording.persistedAt.back() = disk->events().size();
+        recording.persistedAt.back() = disk->events.size();
     }
     recording.persistedAt.resize(recording.states.size(), SIZE_MAX);
-    recording.events = disk->events();
+    recording.events = disk->events;
     return recording;
 }
 
@@ -73,7 +74,7 @@ Bytes pendingVolume() {
 }
 
 Snapshot contentOf(const Bytes& image) {
-    ModuleHost host(std::make_shared<RecordingResource>(image));
+    ModuleHost host(std::make_shared<HostDisk>(image));
     host.open();
     return takeSnapshot(host.volume());
 }

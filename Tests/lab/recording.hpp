@@ -1,6 +1,7 @@
 // A script as it ran: what the disk saw, and what the volume held in between.
 #pragma once
 
+#include "lab/cut.hpp"
 #include "lab/snapshot.hpp"
 #include "lab/workload.hpp"
 

@@ -48,8 +48,8 @@ void openAndClose(VolumeClient& volume) {
 const std::vector<Workload>& allRequests() {
     static const std::vector<Workload> requests = [] {
         std::vector<Workload> all = allChanges();
-        all.emplace_back("write uncached", std::vector<Operation>{{Verb::write, "work/appended", "",
-                                                                   100, kUncached, 1}});
+        all.emplace_back("write uncached",
+                         Operations{{Verb::write, "work/appended", "", 100, kUncached, 1}});
         all.emplace_back("open and close", openAndClose);
         all.emplace_back("list", list);
         all.push_back(reading("stable/11", 44100, 0));

@@ -1,6 +1,7 @@
 #include "lab/workload.hpp"
 
 #include "hosting/module_host.hpp"
+#include "lab/host_disk.hpp"
 #include "lab/system.hpp"
 #include "support/sample_volume.hpp"
 
@@ -16,11 +17,11 @@ Operation writing(const std::string& path, std::int64_t offset, std::int64_t len
     return {Verb::write, path, "", offset, length, std::hash<std::string>()(path)};
 }
 
-std::vector<Operation> making(const std::string& path, std::int64_t length) {
+Operations making(const std::string& path, std::int64_t length) {
     return {{Verb::create, path}, writing(path, 0, length)};
 }
 
-std::vector<Operation> renaming(const std::string& from, const std::string& to) {
+Operations renaming(const std::string& from, const std::string& to) {
     return {{Verb::rename, from, to}};
 }
 
@@ -29,8 +30,8 @@ std::string crowded(int number) {
            std::to_string(number);
 }
 
-std::vector<Operation> makingMany() {
-    std::vector<Operation> operations;
+Operations makingMany() {
+    Operations operations;
     for (int i = 100; i < 130; i++) {
         for (const Operation& operation : making(crowded(i), 100)) {
             operations.push_back(operation);
@@ -39,8 +40,8 @@ std::vector<Operation> makingMany() {
     return operations;
 }
 
-std::vector<Operation> removingMany() {
-    std::vector<Operation> operations;
+Operations removingMany() {
+    Operations operations;
     for (int i = 0; i < 40; i += 2) {
         operations.push_back({Verb::remove, crowded(i)});
     }
@@ -48,8 +49,8 @@ std::vector<Operation> removingMany() {
 }
 
 // Also of index blocks that have only just been freed.
-std::vector<Operation> trimming() {
-    std::vector<Operation> operations{{Verb::remove, "work/unlinked"}};
+Operations trimming() {
+    Operations operations{{Verb::remove, "work/unlinked"}};
     const std::string directory = "work/brief";
     operations.push_back({Verb::mkdir, directory});
     for (const Verb verb : {Verb::create, Verb::remove}) {
@@ -62,7 +63,7 @@ std::vector<Operation> trimming() {
     return operations;
 }
 
-void carryOutAll(VolumeClient& volume, const std::vector<Operation>& operations) {
+void carryOutAll(VolumeClient& volume, const Operations& operations) {
     for (const Operation& operation : operations) {
         carryOut(volume, operation);
     }
@@ -70,7 +71,7 @@ void carryOutAll(VolumeClient& volume, const std::vector<Operation>& operations)
 
 } // namespace
 
-Workload::Workload(std::string called, std::vector<Operation> made)
+Workload::Workload(std::string called, Operations made)
     : name(std::move(called)),
       run([made](VolumeClient& volume) { carryOutAll(volume, made); }),
       operations(std::move(made)) {
@@ -115,9 +116,9 @@ const std::vector<Workload>& allChanges() {
     return changes;
 }
 
-Bytes preparedVolume(std::uint64_t bytes) {
-    const SampleVolume volume({.bytes = bytes});
-    const auto disk = std::make_shared<RecordingResource>(loadImage(volume.image()));
+Bytes preparedVolume(const VolumeGeometry& geometry) {
+    const SampleVolume volume(geometry);
+    const auto disk = std::make_shared<HostDisk>(loadImage(volume.image()));
     ModuleHost host(disk);
     host.open();
     VolumeClient& v = host.volume();

@@ -3,7 +3,8 @@
 
 #include "hosting/volume_client.hpp"
 #include "lab/operation.hpp"
-#include "lab/recording_resource.hpp"
+#include "support/bytes.hpp"
+#include "support/sample_volume.hpp"
 
 #include <filesystem>
 #include <functional>
@@ -16,7 +17,7 @@ namespace tavelin::test {
 struct Workload {
     Workload() = default;
     // Of operations, one after the other.
-    Workload(std::string called, std::vector<Operation> made);
+    Workload(std::string called, Operations made);
     // Of what is no operation. It throws fskit::Error when a request fails.
     Workload(std::string called, std::function<void(VolumeClient&)> requests,
              std::vector<std::string> changed = {})
@@ -24,7 +25,7 @@ struct Workload {
 
     std::string name;
     std::function<void(VolumeClient&)> run;
-    std::vector<Operation> operations;
+    Operations operations;
     // Paths whose content or existence it changes, "" for the label; all else must not notice.
     std::vector<std::string> touches;
     // What may be one way or the other while it is not known to be done.
@@ -37,6 +38,6 @@ const std::vector<Workload>& allChanges();
 
 // A formatted volume with files for the changes to work on, others for them to leave alone, and a
 // directory large enough to have index blocks. Cleanly unmounted.
-Bytes preparedVolume(std::uint64_t bytes = 4u << 20);
+Bytes preparedVolume(const VolumeGeometry& geometry = {.bytes = 4u << 20});
 
 } // namespace tavelin::test

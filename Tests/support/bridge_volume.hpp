@@ -2,9 +2,9 @@
 #pragma once
 
 #include "NTFSBridge/ntb.h"
-#include "support/memory_io.hpp"
+#include "lab/disk_io.hpp"
+#include "lab/structural_check.hpp"
 #include "support/sample_volume.hpp"
-#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@
 namespace tavelin::test {
 
 // What a mount answers. Nothing stays mounted.
-inline int32_t mountError(MemoryIo& device, bool isReadOnly = false) {
+inline int32_t mountError(DiskIo& device, bool isReadOnly = false) {
     int32_t error = 0;
     ntb_vol* const volume = ntb_mount(&device.io(), isReadOnly ? 1 : 0, &error);
     EXPECT_EQ(volume == nullptr, error != 0);
@@ -26,21 +26,21 @@ inline int32_t mountError(MemoryIo& device, bool isReadOnly = false) {
 class BridgeVolume {
   public:
     explicit BridgeVolume(const VolumeGeometry& geometry = {})
-        : sample_(geometry), memory_(MemoryIo::fromFile(sample_.image(), geometry.sectorSize)) {
+        : sample_(geometry), memory_(DiskIo::fromFile(sample_.image(), geometry.sectorSize)) {
         mount();
     }
     // What the bridge leaves on the disk has to be sound, whatever it answered.
     ~BridgeVolume() {
         const int32_t error = volume_ != nullptr ? unmount() : 0;
         if (sample_.isChecked() && error == 0 && !::testing::Test::HasFailure()) {
-            EXPECT_EQ(structuralComplaints(std::as_bytes(std::span(memory_.bytes()))), "");
+            EXPECT_EQ(structuralComplaints(std::as_bytes(std::span(memory_.bytes))), "");
         }
     }
     BridgeVolume(const BridgeVolume&) = delete;
     BridgeVolume& operator=(const BridgeVolume&) = delete;
 
     operator ntb_vol*() const { return volume_; }
-    MemoryIo& memory() { return memory_; }
+    DiskIo& memory() { return memory_; }
     const SampleVolume& sample() const { return sample_; }
 
     int32_t unmount() { return ntb_umount(std::exchange(volume_, nullptr)); }
@@ -60,7 +60,7 @@ class BridgeVolume {
 
     // Mounts again what others have made of the image after finish().
     void reload() {
-        memory_ = MemoryIo::fromFile(sample_.image());
+        memory_ = DiskIo::fromFile(sample_.image());
         ASSERT_EQ(mount(), 0);
     }
 
@@ -177,7 +177,7 @@ class BridgeVolume {
 
   private:
     SampleVolume sample_;
-    MemoryIo memory_;
+    DiskIo memory_;
     ntb_vol* volume_ = nullptr;
 };
 

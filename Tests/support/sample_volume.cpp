@@ -1,7 +1,7 @@
 #include "support/sample_volume.hpp"
 
+#include "lab/structural_check.hpp"
 #include "support/run_process.hpp"
-#include "support/structural_check.hpp"
 
 #include <gtest/gtest.h>
 

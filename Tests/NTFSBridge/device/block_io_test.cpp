@@ -1,5 +1,5 @@
 #include "NTFSBridge/device/block_io.hpp"
-#include "support/memory_io.hpp"
+#include "lab/disk_io.hpp"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 namespace tavelin::test {
 namespace {
 
-using Kind = MemoryIo::Kind;
-using Calls = std::vector<MemoryIo::Call>;
+using Kind = DiskCall;
+using Calls = std::vector<DiskRequest>;
 
 constexpr uint8_t kCallers = 0xEE; // in the caller's buffer
 
@@ -28,10 +28,10 @@ uint8_t deviceByte(uint64_t offset) {
     return static_cast<uint8_t>(offset * 31 % 0xEE);
 }
 
-struct Device : MemoryIo {
-    Device(uint64_t size, uint32_t blockSize) : MemoryIo(std::vector<uint8_t>(size), blockSize) {
+struct Device : DiskIo {
+    Device(uint64_t size, uint32_t blockSize) : DiskIo(std::vector<uint8_t>(size), blockSize) {
         for (uint64_t i = 0; i < size; ++i) {
-            bytes()[i] = deviceByte(i);
+            bytes[i] = deviceByte(i);
         }
     }
 };
@@ -47,13 +47,13 @@ void expectCounted(const Transfer& c, uint64_t calls, uint64_t bytes, const ntb_
 TEST(BlockIo, ReadsAnyRangeThroughWholeBlocks) {
     const Transfer cases[] = {
         {"nothing", 512, 4096, 9999, 0, 0, 0, {}},
-        {"byte-addressable, 0", 0, 4096, 3, 5, 0, 5, {{Kind::kRead, 3, 5}}},
-        {"byte-addressable, 1", 1, 4096, 3, 5, 0, 5, {{Kind::kRead, 3, 5}}},
-        {"aligned", 512, 4096, 512, 1024, 0, 1024, {{Kind::kRead, 512, 1024}}},
-        {"across blocks", 512, 4096, 1000, 100, 0, 100, {{Kind::kRead, 512, 1024}}},
-        {"cut at the end", 512, 4096, 4000, 500, 0, 96, {{Kind::kRead, 3584, 512}}},
-        {"cut, then aligned", 512, 4096, 3584, 9999, 0, 512, {{Kind::kRead, 3584, 512}}},
-        {"tail of no whole block", 512, 4000, 3990, 50, 0, 10, {{Kind::kRead, 3584, 416}}},
+        {"byte-addressable, 0", 0, 4096, 3, 5, 0, 5, {{Kind::read, 3, 5}}},
+        {"byte-addressable, 1", 1, 4096, 3, 5, 0, 5, {{Kind::read, 3, 5}}},
+        {"aligned", 512, 4096, 512, 1024, 0, 1024, {{Kind::read, 512, 1024}}},
+        {"across blocks", 512, 4096, 1000, 100, 0, 100, {{Kind::read, 512, 1024}}},
+        {"cut at the end", 512, 4096, 4000, 500, 0, 96, {{Kind::read, 3584, 512}}},
+        {"cut, then aligned", 512, 4096, 3584, 9999, 0, 512, {{Kind::read, 3584, 512}}},
+        {"tail of no whole block", 512, 4000, 3990, 50, 0, 10, {{Kind::read, 3584, 416}}},
         {"from the end on", 512, 4096, 4096, 1, EIO, 0, {}},
         {"far past the end", 512, 4096, UINT64_MAX, 2, EIO, 0, {}},
     };
@@ -72,12 +72,11 @@ TEST(BlockIo, ReadsAnyRangeThroughWholeBlocks) {
 }
 
 TEST(BlockIo, WritesAnyRangeAndKeepsWhatLiesAround) {
-    const Calls both = {
-        {Kind::kRead, 512, 512}, {Kind::kRead, 1024, 512}, {Kind::kWrite, 512, 1024}};
+    const Calls both = {{Kind::read, 512, 512}, {Kind::read, 1024, 512}, {Kind::write, 512, 1024}};
     const Transfer cases[] = {
         {"nothing", 512, 4096, 9999, 0, 0, 0, {}},
-        {"byte-addressable", 0, 4096, 3, 5, 0, 5, {{Kind::kWrite, 3, 5}}},
-        {"aligned", 512, 4096, 512, 1024, 0, 1024, {{Kind::kWrite, 512, 1024}}},
+        {"byte-addressable", 0, 4096, 3, 5, 0, 5, {{Kind::write, 3, 5}}},
+        {"aligned", 512, 4096, 512, 1024, 0, 1024, {{Kind::write, 512, 1024}}},
         {"across blocks", 512, 4096, 1000, 100, 0, 100, both},
         {"aligned start", 512, 4096, 512, 600, 0, 600, {both[1], both[2]}},
         {"aligned end", 512, 4096, 1000, 536, 0, 536, {both[0], both[2]}},
@@ -87,7 +86,7 @@ TEST(BlockIo, WritesAnyRangeAndKeepsWhatLiesAround) {
     for (const Transfer& c : cases) {
         SCOPED_TRACE(c.what);
         Device device(c.deviceSize, c.blockSize);
-        const std::vector<uint8_t> before = device.bytes();
+        const std::vector<uint8_t> before = device.bytes;
         const std::vector<uint8_t> buffer(c.length, kCallers);
         const auto write = [&](ntb_stats* stats) {
             return ntb::io_write(device.io(), stats, buffer.data(), c.offset, c.length);
@@ -95,7 +94,7 @@ TEST(BlockIo, WritesAnyRangeAndKeepsWhatLiesAround) {
         for (uint64_t call = 1; call <= c.calls.size(); ++call) {
             device.fail(call, call, ENXIO);
             EXPECT_EQ(write(nullptr), ENXIO);
-            EXPECT_EQ(device.bytes(), before);
+            EXPECT_EQ(device.bytes, before);
             device.takeLog();
         }
         ntb_stats stats = {};
@@ -103,7 +102,7 @@ TEST(BlockIo, WritesAnyRangeAndKeepsWhatLiesAround) {
         EXPECT_EQ(device.takeLog(), c.calls);
         for (uint64_t i = 0; i < c.deviceSize; ++i) {
             const bool isWritten = c.moved != 0 && i >= c.offset && i < c.offset + c.moved;
-            ASSERT_EQ(device.bytes()[i], isWritten ? kCallers : before[i]) << i;
+            ASSERT_EQ(device.bytes[i], isWritten ? kCallers : before[i]) << i;
         }
         expectCounted(c, stats.deviceWrites, stats.writeBytes, stats);
         EXPECT_EQ(stats.deviceReads, 0u) << "reads of edge blocks are part of the write";

@@ -1,5 +1,5 @@
 #include "NTFSBridge/device/device_table.hpp"
-#include "support/memory_io.hpp"
+#include "lab/disk_io.hpp"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 namespace tavelin::test {
 namespace {
 
-using Kind = MemoryIo::Kind;
+using Kind = DiskCall;
 
 constexpr s64 kSize = 64 * 1024;
 
@@ -27,13 +27,13 @@ struct LibraryDevice {
     const ntfs_device_operations& ops() const { return *device->d_ops; }
     uint64_t syncs() {
         uint64_t count = 0;
-        for (const MemoryIo::Call& call : memory.takeLog()) {
-            count += call.kind == Kind::kSync ? 1 : 0;
+        for (const DiskRequest& call : memory.takeLog()) {
+            count += call.call == Kind::flush ? 1 : 0;
         }
         return count;
     }
 
-    MemoryIo memory;
+    DiskIo memory;
     ntb_stats stats = {};
     ntb::ntb_devctx context;
     ntfs_device* device;
@@ -104,7 +104,7 @@ TEST(DeviceTable, SyncsTheHostOnceAfterAChangeAndRetriesFailures) {
     EXPECT_EQ(d.ops().sync(d.device), 0);
     EXPECT_EQ(d.ops().sync(d.device), 0);
     EXPECT_EQ(d.syncs(), 1u);
-    EXPECT_EQ(d.memory.bytes()[0], 'x');
+    EXPECT_EQ(d.memory.bytes[0], 'x');
 
     ASSERT_EQ(d.ops().pwrite(d.device, "y", 1, 0), 1);
     d.memory.failFrom(1, EIO);

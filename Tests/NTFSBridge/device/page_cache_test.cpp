@@ -1,7 +1,7 @@
 #include "NTFSBridge/device/devctx.hpp"
 #include "NTFSBridge/device/free_watch.hpp"
 #include "NTFSBridge/device/page_cache.hpp"
-#include "support/memory_io.hpp"
+#include "lab/disk_io.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +12,8 @@
 namespace tavelin::test {
 namespace {
 
-using Kind = MemoryIo::Kind;
-using Calls = std::vector<MemoryIo::Call>;
+using Kind = DiskCall;
+using Calls = std::vector<DiskRequest>;
 
 constexpr uint64_t kPage = ntb::page_cache::page_size;
 constexpr uint64_t kSets = ntb::page_cache::full_set_count;
@@ -24,8 +24,8 @@ struct CachedDevice {
         : memory(takingFileData(size, blockSize)), context(memory.io(), false, stats) {
         EXPECT_TRUE(context.cache.enable());
     }
-    static MemoryIo takingFileData(uint64_t size, uint32_t blockSize) {
-        MemoryIo made(std::vector<uint8_t>(size), blockSize);
+    static DiskIo takingFileData(uint64_t size, uint32_t blockSize) {
+        DiskIo made(std::vector<uint8_t>(size), blockSize);
         made.takeFileData();
         return made;
     }
@@ -40,7 +40,7 @@ struct CachedDevice {
         return value;
     }
 
-    MemoryIo memory;
+    DiskIo memory;
     ntb_stats stats = {};
     ntb::ntb_devctx context;
 };
@@ -54,7 +54,7 @@ TEST(PageCache, TheLeastRecentlyUsedOfNineGivesWay) {
     EXPECT_TRUE(device.memory.takeLog().empty());
 
     ASSERT_EQ(device.fill(8 * kSets * kPage, kPage, 9), 0);
-    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, kSets * kPage, kPage}}));
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::write, kSets * kPage, kPage}}));
     EXPECT_EQ(device.context.cache.dirty_count(), 8u);
     EXPECT_NE(device.context.cache.pc_find(0), nullptr);
     EXPECT_EQ(device.context.cache.pc_find(kSets), nullptr);
@@ -69,7 +69,7 @@ TEST(PageCache, AVictimThatCannotBeWrittenStaysAndTheNewPageGoesThrough) {
     device.context.cache.populate(); // changes nothing
     device.memory.fail(1, 1, EIO);   // the write-back; the write-through after it works
     ASSERT_EQ(device.fill(8 * kSets * kPage, kPage, 9), 0);
-    EXPECT_EQ(device.memory.bytes()[8 * kSets * kPage], 9);
+    EXPECT_EQ(device.memory.bytes[8 * kSets * kPage], 9);
     EXPECT_EQ(device.context.cache.dirty_count(), 8u);
     device.memory.fail(2, 2, EIO); // a read fetches, then fails to evict: it answers uncached
     EXPECT_EQ(device.byteAt(9 * kSets * kPage), 0);
@@ -77,7 +77,7 @@ TEST(PageCache, AVictimThatCannotBeWrittenStaysAndTheNewPageGoesThrough) {
     EXPECT_TRUE(device.context.cache.is_consistent());
     ASSERT_EQ(device.context.flush(), 0);
     for (uint64_t way = 0; way < 9; ++way) {
-        EXPECT_EQ(device.memory.bytes()[way * kSets * kPage + kPage - 1], way + 1);
+        EXPECT_EQ(device.memory.bytes[way * kSets * kPage + kPage - 1], way + 1);
     }
 }
 
@@ -91,16 +91,16 @@ TEST(PageCache, WritesFileDataApartUntilThePageIsWrittenAgain) {
     EXPECT_EQ(device.context.cache.file_data_count(), 4u);
     ASSERT_EQ(device.context.flush(), 0);
     EXPECT_EQ(device.context.cache.file_data_count(), 0u);
-    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 0, 2 * kPage},
-                                              {Kind::kWriteData, 2 * kPage, 2 * kPage},
-                                              {Kind::kWrite, 4 * kPage, kPage},
-                                              {Kind::kWriteData, 5 * kPage, 2 * kPage},
-                                              {Kind::kWrite, 7 * kPage, kPage}}));
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::write, 0, 2 * kPage},
+                                              {Kind::fileData, 2 * kPage, 2 * kPage},
+                                              {Kind::write, 4 * kPage, kPage},
+                                              {Kind::fileData, 5 * kPage, 2 * kPage},
+                                              {Kind::write, 7 * kPage, kPage}}));
     EXPECT_EQ(device.stats.deviceWrites, 5u);
     device.context.mark_file_data(kPage, 0); // is clean, and metadata when it is written again
     ASSERT_EQ(device.fill(0, kPage, 3), 0);
     ASSERT_EQ(device.context.flush(), 0);
-    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 0, kPage}}));
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::write, 0, kPage}}));
 }
 
 // Twelve pages of one set, which has room for eight, so that changed pages are evicted in between.
@@ -155,7 +155,7 @@ TEST(PageCache, FlushesInPageOrderAndInRunsOfUpToOneMebibyte) {
     ASSERT_EQ(device.context.cache.pc_flush_pages(2, 5), 0);
     ASSERT_EQ(device.context.cache.pc_flush_pages(6, 9), 0);
     EXPECT_EQ(device.memory.takeLog(),
-              (Calls{{Kind::kWrite, 5 * kPage, kPage}, {Kind::kWrite, 6 * kPage, kPage}}));
+              (Calls{{Kind::write, 5 * kPage, kPage}, {Kind::write, 6 * kPage, kPage}}));
     ASSERT_EQ(device.context.cache.pc_flush_pages(20, 1999), 0);
     EXPECT_TRUE(device.memory.takeLog().empty());
 
@@ -163,10 +163,10 @@ TEST(PageCache, FlushesInPageOrderAndInRunsOfUpToOneMebibyte) {
     EXPECT_EQ(device.context.flush(), ENXIO);
     EXPECT_EQ(device.stats.dirtyPages, 44u);
     ASSERT_EQ(device.context.flush(), 0);
-    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::kWrite, 10 * kPage, kPage},
-                                              {Kind::kWrite, 2000 * kPage, 256 * kPage},
-                                              {Kind::kWrite, 2256 * kPage, 44 * kPage},
-                                              {Kind::kWrite, 2256 * kPage, 44 * kPage}}));
+    EXPECT_EQ(device.memory.takeLog(), (Calls{{Kind::write, 10 * kPage, kPage},
+                                              {Kind::write, 2000 * kPage, 256 * kPage},
+                                              {Kind::write, 2256 * kPage, 44 * kPage},
+                                              {Kind::write, 2256 * kPage, 44 * kPage}}));
     EXPECT_EQ(device.stats.dirtyPages, 0u);
     ASSERT_EQ(device.context.flush(), 0);
     EXPECT_TRUE(device.memory.takeLog().empty());
@@ -217,13 +217,13 @@ TEST(PageCache, WhatIsCachedAndWhatGoesToTheDevice) {
         CachedDevice device(c.deviceSize, c.blockSize);
         ASSERT_EQ(device.fill(c.offset, c.length, 3), 0);
         EXPECT_EQ(device.context.cache.dirty_count() != 0, c.isCached);
-        EXPECT_EQ(device.memory.bytes()[c.offset], c.isCached ? 0 : 3);
+        EXPECT_EQ(device.memory.bytes[c.offset], c.isCached ? 0 : 3);
         std::vector<uint8_t> back(c.length);
         ASSERT_EQ(device.context.read(back.data(), c.length, c.offset), 0);
         EXPECT_EQ(back, std::vector<uint8_t>(c.length, 3));
         EXPECT_EQ(device.stats.cacheHits != 0, c.isCached);
         ASSERT_EQ(device.context.flush(), 0);
-        EXPECT_EQ(device.memory.bytes()[c.offset + c.length - 1], 3);
+        EXPECT_EQ(device.memory.bytes[c.offset + c.length - 1], 3);
         EXPECT_EQ(device.fill(c.deviceSize - 4, 5, 1), ENOSPC);
     }
 }
@@ -234,11 +234,11 @@ TEST(PageCache, ForgetsWhatAFailedWriteAroundItMayHaveChanged) {
     ASSERT_EQ(device.context.flush(), 0);
     device.memory.fail(1, 1, EIO);
     EXPECT_EQ(device.fill(0, NTB_CACHED_BYTES_MAX + kPage, 2), EIO);
-    device.memory.bytes()[kPage] = 2; // as far as the write had come
+    device.memory.bytes[kPage] = 2; // as far as the write had come
     EXPECT_EQ(device.byteAt(kPage), 2);
     ASSERT_EQ(device.fill(2 * kPage, 1, 3), 0);
     ASSERT_EQ(device.context.flush(), 0);
-    EXPECT_EQ(device.memory.bytes()[2 * kPage + 1], 1);
+    EXPECT_EQ(device.memory.bytes[2 * kPage + 1], 1);
     EXPECT_TRUE(device.context.cache.is_consistent());
 }
 
@@ -249,12 +249,12 @@ TEST(PageCache, CountsAndFetchesRunsOfMissingPages) {
     std::vector<uint8_t> buffer(6 * kPage);
     ASSERT_EQ(device.context.read(buffer.data(), buffer.size(), 100), 0);
     EXPECT_EQ(device.memory.takeLog(),
-              (Calls{{Kind::kRead, 0, 2 * kPage}, {Kind::kRead, 3 * kPage, 4 * kPage}}));
+              (Calls{{Kind::read, 0, 2 * kPage}, {Kind::read, 3 * kPage, 4 * kPage}}));
     EXPECT_EQ(device.stats.cacheMisses, 7u);
     EXPECT_EQ(device.stats.cacheHits, 1u);
     ASSERT_EQ(device.fill(20 * kPage - 1, kPage + 2, 1), 0); // only the two edges are read
     EXPECT_EQ(device.memory.takeLog(),
-              (Calls{{Kind::kRead, 19 * kPage, kPage}, {Kind::kRead, 21 * kPage, kPage}}));
+              (Calls{{Kind::read, 19 * kPage, kPage}, {Kind::read, 21 * kPage, kPage}}));
     EXPECT_EQ(device.stats.cacheMisses, 9u);
     EXPECT_EQ(device.stats.dirtyPages, 3u);
 }
@@ -313,12 +313,12 @@ TEST(PageCache, BehavesLikeTheDeviceItself) {
             }
             if (below(200) == 0) {
                 ASSERT_EQ(device.context.flush(), 0);
-                ASSERT_TRUE(device.memory.bytes() == model) << step;
+                ASSERT_TRUE(device.memory.bytes == model) << step;
             }
         }
         EXPECT_TRUE(device.context.cache.is_consistent());
         ASSERT_EQ(device.context.flush(), 0);
-        EXPECT_TRUE(device.memory.bytes() == model);
+        EXPECT_TRUE(device.memory.bytes == model);
         EXPECT_EQ(device.memory.violations(), 0u);
     }
 }

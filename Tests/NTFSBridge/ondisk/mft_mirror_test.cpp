@@ -21,16 +21,16 @@ class MftMirror : public ::testing::Test {
   protected:
     MftMirror() {
         const SampleVolume sample({.bytes = 4 << 20});
-        image = MemoryIo::fromFile(sample.image()).bytes();
+        image = DiskIo::fromFile(sample.image()).bytes;
         table = clusterAt(image, 0x30) * kCluster;
         mirror = clusterAt(image, 0x38) * kCluster;
     }
 
     // What a mount answers; the device is then in `image`.
     int32_t mount(bool isReadOnly) {
-        MemoryIo device(image);
+        DiskIo device(image);
         const int32_t error = mountError(device, isReadOnly);
-        image = device.bytes();
+        image = device.bytes;
         return error;
     }
 
@@ -91,7 +91,7 @@ TEST_F(MftMirror, OfAHibernatedVolumeIsLeftAlone) {
     BridgeVolume volume({.bytes = 4 << 20});
     ASSERT_EQ(volume.write(volume.make("hiberfil.sys"), "hibr" + std::string(kCluster, '\0')), 0);
     ASSERT_EQ(volume.unmount(), 0);
-    image = volume.memory().bytes();
+    image = volume.memory().bytes;
     ASSERT_EQ(mount(false), EPERM);
     age(mirror, 0);
     const std::vector<uint8_t> before = image;

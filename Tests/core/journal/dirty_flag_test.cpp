@@ -10,7 +10,7 @@ namespace tavelin::test {
 namespace {
 
 std::shared_ptr<Disk> foundAs(bool dirty, const Bytes& image) {
-    const auto disk = std::make_shared<Disk>(image);
+    const auto disk = diskWith(image);
     if (dirty) {
         setDirty(disk);
         disk->events.clear();
@@ -28,7 +28,7 @@ Bytes homeOf(const Bytes& image) {
 TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
     for (const bool found : {false, true}) {
         const auto disk = foundAs(found, volume().image);
-        const Bytes base = disk->image;
+        const Bytes base = disk->bytes;
         const auto device = mounted(disk);
         std::vector<Bytes> whole{homeOf(base)}; // after each flush
         std::vector<std::size_t> promisedAt{0}; // events
@@ -37,7 +37,7 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
                 writePages(*device, number, page, 2);
                 ASSERT_EQ(device->sync(), 0);
                 EXPECT_TRUE(isDirty(disk));
-                whole.push_back(homeOf(disk->image));
+                whole.push_back(homeOf(disk->bytes));
                 promisedAt.push_back(disk->events.size());
             }
             ASSERT_EQ(device->settle(), 0);
@@ -50,26 +50,25 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
         std::mt19937_64 random(1);
         for (std::size_t end = 0; end <= disk->events.size(); ++end) {
             for (const Cut cut : manyCuts()) {
-                const auto after =
-                    std::make_shared<Disk>(afterCut(base, disk->events, end, cut, random));
+                const auto after = diskWith(afterCut(base, disk->events, end, cut, random));
                 SCOPED_TRACE(fmt::format("found {}, cut {} after event {} of {}", found,
                                          static_cast<int>(cut), end, disk->events.size()));
                 EXPECT_TRUE(isDirty(after) ||
-                            std::ranges::find(whole, homeOf(after->image)) != whole.end());
+                            std::ranges::find(whole, homeOf(after->bytes)) != whole.end());
                 EXPECT_TRUE(cut == Cut::torn || isLogBlank(*after) ||
                             JournalRecord::hasMagic(&logByte(*after, kRecords)))
                     << "records without their header";
                 JournaledDevice view(after);
                 ASSERT_EQ(view.replay(true), 0);
-                Bytes seen(after->image.size());
+                Bytes seen(after->bytes.size());
                 ASSERT_EQ(view.read(seen.data(), 0, seen.size()), 0);
-                EXPECT_EQ(isDirty(std::make_shared<Disk>(seen)), found) << "by a view of it";
+                EXPECT_EQ(isDirty(diskWith(seen)), found) << "by a view of it";
                 JournaledDevice next(after);
                 ASSERT_EQ(next.replay(false), 0);
                 EXPECT_FALSE(next.wasRefused());
                 EXPECT_EQ(isDirty(after), found);
                 const auto kept = std::ranges::upper_bound(promisedAt, end) - promisedAt.begin();
-                EXPECT_NE(std::find(whole.begin() + kept - 1, whole.end(), homeOf(after->image)),
+                EXPECT_NE(std::find(whole.begin() + kept - 1, whole.end(), homeOf(after->bytes)),
                           whole.end());
             }
         }
@@ -79,7 +78,7 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
 // A neighbour that marks the volume too changes more of the record than the flag. In every lap of
 // the journal that must be seen, or the replay clears what it set.
 TEST(DirtyFlag, StaysWhereANeighbourWroteItsRecord) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     ntb_extent records[2];
     {
@@ -90,9 +89,9 @@ TEST(DirtyFlag, StaysWhereANeighbourWroteItsRecord) {
     for (const std::uint64_t flush : {1, 2, 3, 4}) { // two of them are more than a lap
         writePages(*device, flush, 0, device->backlog().capacity / 2 + 1);
         ASSERT_EQ(device->sync(), 0);
-        const auto after = std::make_shared<Disk>(disk->image);
+        const auto after = diskWith(disk->bytes);
         constexpr std::uint64_t sequenceNumber = 8; // of Windows' journal
-        after->image.at(records[0].offset + sequenceNumber) ^= std::byte{1};
+        after->bytes.at(records[0].offset + sequenceNumber) ^= std::byte{1};
         JournaledDevice next(after);
         ASSERT_EQ(next.replay(false), 0);
         EXPECT_TRUE(next.wasRefused()) << flush;
@@ -126,13 +125,13 @@ TEST(DirtyFlag, OutlastsWhatTheLibraryWritesOfItsRecord) {
 TEST(DirtyFlag, IsSetWithoutAJournalToo) {
     const auto plain = formatted({.clusterSize = 512}); // the journal's extents are not aligned
     for (const bool found : {false, true}) {
-        const auto disk = foundAs(found, plain->image);
+        const auto disk = foundAs(found, plain->bytes);
         const auto device = std::make_shared<JournaledDevice>(disk);
         const auto ntfs = opened(device);
         ASSERT_NE(device->absence(), JournalAbsence::none);
         for (const char* name : {"first", "second"}) {
             disk->events.clear();
-            const Bytes before = disk->image;
+            const Bytes before = disk->bytes;
             ntfs->create(name, NTFSVolume::kRootIno, NTFSItemType::file);
             ntfs->setLabel(name);
             ntfs->sync();
@@ -158,7 +157,7 @@ TEST(DirtyFlag, IsSetWithoutAJournalToo) {
 // What the library finds wrong is told to others for good; what the device fails at is not.
 TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
     ReplacedServices services;
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     std::uint64_t directory = 0;
     {
         const auto device = std::make_shared<JournaledDevice>(disk);
@@ -173,8 +172,8 @@ TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
     }
     ASSERT_FALSE(isDirty(disk));
     for (const bool isDamaged : {false, true}) {
-        for (std::uint64_t at = 0; isDamaged && at < disk->image.size(); at += kPage) {
-            const std::span page(&disk->image.at(at), kPage);
+        for (std::uint64_t at = 0; isDamaged && at < disk->bytes.size(); at += kPage) {
+            const std::span page(&disk->bytes.at(at), kPage);
             const auto name = std::as_bytes(std::span(u"an entry", 8));
             if (std::memcmp(page.data(), "INDX", 4) == 0 &&
                 std::search(page.begin(), page.end(), name.begin(), name.end()) != page.end()) {
@@ -184,7 +183,7 @@ TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
         const auto device = std::make_shared<JournaledDevice>(disk);
         const auto ntfs = opened(device);
         ntfs->startAutoFlush();
-        disk->callsToFailure = isDamaged ? 0 : 1;
+        disk->fail(isDamaged ? 0 : 1, isDamaged ? 0 : 1);
         EXPECT_THROW(static_cast<void>(ntfs->list(directory)), NTFSError);
         services.timers().tick();
         EXPECT_EQ(isDirty(disk), isDamaged);
@@ -198,18 +197,18 @@ TEST(DirtyFlag, StaysWhereTheLibraryFindsDamage) {
 // An end that fails half-way, with the flag cleared, leaves a session that goes on.
 TEST(DirtyFlag, IsSetAgainBehindAnEndThatFailed) {
     for (std::uint64_t calls = 1;; ++calls) {
-        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto disk = diskWith(volume().image);
         const auto device = mounted(disk);
         writePages(*device, 1, 0, 2);
         ASSERT_EQ(device->sync(), 0);
-        disk->callsToFailure = calls;
+        disk->fail(calls, calls);
         if (device->settle() == 0) {
             EXPECT_GT(calls, 4u);
             break;
         }
-        disk->callsToFailure = 0;
+        disk->heal();
         disk->events.clear();
-        const Bytes before = disk->image;
+        const Bytes before = disk->bytes;
         writePages(*device, 2, 0, 2);
         ASSERT_EQ(device->sync(), 0);
         expectFlagFirst(*disk, before);

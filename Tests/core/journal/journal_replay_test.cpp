@@ -37,7 +37,7 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
     };
     const std::uint64_t place = volume().work * kPage;
     const auto edit = [](std::uint64_t at) {
-        return [=](Disk& disk) { disk.image.at(at) ^= std::byte{1}; };
+        return [=](Disk& disk) { disk.bytes.at(at) ^= std::byte{1}; };
     };
     const std::vector<Case> cases{
         {"nobody", [](Disk&) {}, false},
@@ -47,7 +47,7 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
          [&](Disk& disk) {
              const Bytes content = pagesOf(77, 1);
              std::copy_n(content.begin(), 3 * kSector,
-                         disk.image.begin() + static_cast<std::ptrdiff_t>(place + kPage));
+                         disk.bytes.begin() + static_cast<std::ptrdiff_t>(place + kPage));
          },
          false},
         {"a sector that such a write left unreadable",
@@ -64,7 +64,7 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
             const ReplacedServices services;
             const auto disk = interrupted(77);
             neighbour(*disk);
-            const Bytes before = disk->image;
+            const Bytes before = disk->bytes;
             JournaledDevice device(disk);
             ASSERT_EQ(device.replay(readOnly), 0) << what;
             EXPECT_EQ(device.wasRefused(), isRefused) << what;
@@ -77,7 +77,7 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
                 EXPECT_TRUE(seen == expected) << what;
             }
             if (readOnly) {
-                EXPECT_TRUE(disk->image == before) << what;
+                EXPECT_TRUE(disk->bytes == before) << what;
                 continue;
             }
             EXPECT_EQ(isDirty(disk), isRefused) << what;
@@ -91,20 +91,20 @@ TEST(Replay, LeavesAloneWhatOthersWroteSince) {
 
 // What a page was before is what the disk made of it, not what was written there last.
 TEST(Replay, CompletesAFlushOverPagesThatWereDiscarded) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     writePages(*device, 5, 0, 3);
     ASSERT_EQ(device->settle(), 0);
     ASSERT_EQ(device->discard(volume().work * kPage, 3 * kPage), 0);
     writePages(*device, 6, 0, 3);
-    disk->failsReads = false;
-    disk->callsToFailure = 4; // the sync of the discard, the record, the device's sync, the pages
+    // The sync of the discard, the record, the device's sync, the pages.
+    disk->fail(4, 4, EIO, kChanges);
     EXPECT_EQ(device->sync(), EIO);
     JournaledDevice next(disk);
     ASSERT_EQ(next.replay(false), 0);
     EXPECT_FALSE(next.wasRefused());
     EXPECT_EQ(next.recovered(), 3u + kFlagPages);
-    EXPECT_EQ(valueAt(disk->image, (volume().work + 2) * kPage), 6u);
+    EXPECT_EQ(valueAt(disk->bytes, (volume().work + 2) * kPage), 6u);
 }
 
 // The last record names file data that was to reach the disk with it.
@@ -116,7 +116,7 @@ TEST(Replay, LeavesOutTheLastFlushWithoutItsFileData) {
     };
     const auto place = [](std::uint64_t page) { return (volume().work + page) * kPage; };
     const auto edit = [](std::uint64_t at) {
-        return [=](Disk& disk) { disk.image.at(at) ^= std::byte{1}; };
+        return [=](Disk& disk) { disk.bytes.at(at) ^= std::byte{1}; };
     };
     const std::vector<Case> cases{
         {"all of it is there", [](Disk&) {}, true},
@@ -128,21 +128,21 @@ TEST(Replay, LeavesOutTheLastFlushWithoutItsFileData) {
          [&](Disk& disk) {
              edit(place(11))(disk);
              const Bytes content = pagesOf(6, 1);
-             std::copy_n(content.begin(), kSector, &disk.image.at(place(2)));
+             std::copy_n(content.begin(), kSector, &disk.bytes.at(place(2)));
          },
          true},
     };
     for (const auto& [what, change, isComplete] : cases) {
-        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto disk = diskWith(volume().image);
         const auto device = mounted(disk);
-        disk->failsReads = false;
         for (const std::uint64_t round : {0, 1}) {
             writePages(*device, 5 + round, 2 * round, 1);
             const Bytes data = pagesOf(50 + round, 1 + round);
             EXPECT_EQ(device->writeFileData(data.data(), place(10 + round), data.size()), 0);
-            disk->callsToFailure = 4; // the data, the record, the device's sync, the pages
+            // The data, the record, the device's sync, the pages.
+            disk->fail(4, 4, EIO, kChanges);
             EXPECT_EQ(device->sync(), EIO);
-            disk->callsToFailure = 0;
+            disk->heal();
         }
         change(*disk);
         for (const bool readOnly : {true, false}) {
@@ -165,12 +165,12 @@ TEST(Replay, StopsAtRecordsThatDoNotFollow) {
     const std::uint64_t second = kRecords + JournalRecord::length(1 + kFlagPages, 0) * kPage;
     const auto recordAt = [&](const Disk& disk, std::uint64_t index) {
         const auto from =
-            disk.image.begin() +
+            disk.bytes.begin() +
             static_cast<std::ptrdiff_t>(volume().log.offset + second + (index - 1) * length);
         return Bytes(from, from + static_cast<std::ptrdiff_t>(length));
     };
     const auto threeRecords = [] {
-        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto disk = diskWith(volume().image);
         const auto device = mounted(disk);
         for (const std::uint64_t page : {0, 2, 4}) {
             writePages(*device, 5, page, 1);
@@ -183,7 +183,7 @@ TEST(Replay, StopsAtRecordsThatDoNotFollow) {
     const Bytes third = recordAt(*disk, 2);
     const Bytes other = recordAt(*threeRecords(), 1);
     for (const Bytes& wrong : {third, other}) {
-        Disk changed(disk->image);
+        Disk changed(disk->bytes);
         std::copy(wrong.begin(), wrong.end(), &logByte(changed, second));
         EXPECT_EQ(recoverable(changed), 1u + kFlagPages)
             << "a record that does not follow was taken for the next";
@@ -196,16 +196,15 @@ TEST(Replay, ComesToTheSameEndHoweverOftenItIsCutOff) {
     for (const bool isForeign : {false, true}) {
         const ReplacedServices services;
         const auto found = interrupted(77);
-        found->image.at(volume().work * kPage) ^= isForeign ? std::byte{1} : std::byte{};
+        found->bytes.at(volume().work * kPage) ^= isForeign ? std::byte{1} : std::byte{};
         found->events.clear();
-        const Bytes before = found->image;
+        const Bytes before = found->bytes;
         ASSERT_EQ(JournaledDevice(found).replay(false), 0);
         for (std::size_t end = 0; end <= found->events.size(); ++end) {
             for (const Cut cut : manyCuts()) {
-                const auto disk =
-                    std::make_shared<Disk>(afterCut(before, found->events, end, cut, random));
+                const auto disk = diskWith(afterCut(before, found->events, end, cut, random));
                 ASSERT_EQ(JournaledDevice(disk).replay(false), 0);
-                EXPECT_TRUE(disk->image == found->image)
+                EXPECT_TRUE(disk->bytes == found->bytes)
                     << "foreign " << isForeign << ", cut " << static_cast<int>(cut)
                     << " after event " << end << " of " << found->events.size();
             }
@@ -236,14 +235,14 @@ TEST(Replay, BelievesNoHeaderThatCannotBe) {
         {"of another program", {first, first + 1}, kMagic, 0},
     };
     for (const auto& [what, pages, at, number] : cases) {
-        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto disk = diskWith(volume().image);
         JournalRecord record{
-            .pages = 2, .serial = valueAt(disk->image, 72), .session = 11, .sequence = 1};
+            .pages = 2, .serial = valueAt(disk->bytes, 72), .session = 11, .sequence = 1};
         const Bytes content = pagesOf(66, 1);
         std::vector<JournalEntry> entries;
         for (const std::uint64_t page : pages) {
             const bool isThere = page < pageCount;
-            entries.push_back({page, sectorSums(&disk->image.at(isThere ? page * kPage : 0)),
+            entries.push_back({page, sectorSums(&disk->bytes.at(isThere ? page * kPage : 0)),
                                sectorSums(content.data())});
         }
         Bytes whole = record.encode(entries);
@@ -268,7 +267,7 @@ TEST(Replay, BelievesNoHeaderThatCannotBe) {
 }
 
 TEST(Replay, ShowsNoDriverAPageOfWindowsLog) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     for (const char* const signature : {"RSTR", "RCRD", "CHKD"}) {
         Bytes page = pagesOf(1, 1);
@@ -282,7 +281,7 @@ TEST(Replay, ShowsNoDriverAPageOfWindowsLog) {
 }
 
 TEST(Replay, NobodyWritesOverTheJournal) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     const Bytes pages = pagesOf(1, 20);
     for (const bool isFileData : {false, true}) {
@@ -291,7 +290,7 @@ TEST(Replay, NobodyWritesOverTheJournal) {
         EXPECT_EQ(device->write(pages.data(), volume().log.offset - kPage, pages.size()), EIO);
     }
     EXPECT_EQ(device->writeFileData(pages.data(), volume().log.offset, pages.size()), EIO);
-    EXPECT_TRUE(disk->image == volume().image);
+    EXPECT_TRUE(disk->bytes == volume().image);
 }
 
 // A sector of $LogFile that cannot be read, and is or is not healed by being written.
@@ -315,8 +314,7 @@ TEST(Replay, GetsByWithoutASectorOfTheLog) {
                     continue; // a mount has no cause to look there
                 }
                 const ReplacedServices services;
-                const auto disk =
-                    isClean ? std::make_shared<Disk>(volume().image) : interrupted(77);
+                const auto disk = isClean ? diskWith(volume().image) : interrupted(77);
                 disk->lost.insert((volume().log.offset + offset) / kSector);
                 disk->isHealing = isHealing;
                 const auto device = std::make_shared<JournaledDevice>(disk);
@@ -347,7 +345,7 @@ TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
         for (const bool isMetAtTheEnd : {false, true}) {
             SCOPED_TRACE(fmt::format("{}, at the end {}", offset, isMetAtTheEnd));
             const ReplacedServices services;
-            const auto disk = std::make_shared<Disk>(volume().image);
+            const auto disk = diskWith(volume().image);
             const std::uint64_t sector = (volume().log.offset + offset) / kSector;
             if (!isMetAtTheEnd) {
                 disk->unwritable.insert(sector);
@@ -375,7 +373,7 @@ TEST(Replay, GoesOnWithoutALogThatCannotBeWritten) {
             EXPECT_FALSE(isDirty(disk));
             create(*ntfs, "later");
             EXPECT_TRUE(isDirty(disk));
-            const auto cut = std::make_shared<Disk>(disk->image);
+            const auto cut = diskWith(disk->bytes);
             EXPECT_EQ(JournaledDevice(cut).replay(false), 0);
             EXPECT_TRUE(isDirty(cut)) << "what is left of the log tells of no later change";
             ntfs->unmount();
@@ -404,7 +402,7 @@ TEST(Replay, RefusesALogOfWhichNothingCanBeWritten) {
 }
 
 TEST(Replay, BeginsNoJournalWhereASectorWasLostSince) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     JournaledDevice device(disk);
     ASSERT_EQ(device.replay(false), 0);
     disk->lost.insert(volume().log.offset / kSector);
@@ -416,13 +414,12 @@ TEST(Replay, BeginsNoJournalWhereASectorWasLostSince) {
 TEST(Replay, TakesNoPassingFaultForALostSector) {
     for (std::uint64_t call = 1; call < 60; ++call) {
         const auto disk = interrupted(77);
-        disk->failsReads = true;
-        disk->callsToFailure = call;
+        disk->fail(call, call);
         JournaledDevice device(disk);
         if (device.replay(false) != 0) {
             ASSERT_EQ(device.replay(false), 0) << call;
         }
-        EXPECT_EQ(valueAt(disk->image, volume().work * kPage), 77u) << call;
+        EXPECT_EQ(valueAt(disk->bytes, volume().work * kPage), 77u) << call;
         EXPECT_TRUE(isLogBlank(*disk)) << call;
         EXPECT_EQ(device.absence(), JournalAbsence::none) << call;
     }
@@ -430,7 +427,7 @@ TEST(Replay, TakesNoPassingFaultForALostSector) {
 
 TEST(Settling, LeavesAnIdleDiskAsOtherSystemsExpectIt) {
     ReplacedServices services;
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = std::make_shared<JournaledDevice>(disk);
     const auto ntfs = opened(device);
     ntfs->startAutoFlush();
@@ -453,7 +450,7 @@ TEST(Settling, LeavesAnIdleDiskAsOtherSystemsExpectIt) {
 
 TEST(Settling, AMountThatChangesNothingWritesNothing) {
     ReplacedServices services;
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = std::make_shared<JournaledDevice>(disk);
     const auto ntfs = opened(device);
     ntfs->startAutoFlush();
@@ -462,7 +459,7 @@ TEST(Settling, AMountThatChangesNothingWritesNothing) {
     services.timers().tick();
     ntfs->unmount();
     EXPECT_EQ(device->close(), 0);
-    EXPECT_TRUE(disk->image == volume().image);
+    EXPECT_TRUE(disk->bytes == volume().image);
     EXPECT_TRUE(std::all_of(disk->events.begin(), disk->events.end(),
                             [](const DiskEvent& event) { return event.flush; }));
 }
@@ -470,13 +467,13 @@ TEST(Settling, AMountThatChangesNothingWritesNothing) {
 // What fails while the journal ends is done by a later tick, and costs nothing meanwhile.
 TEST(Settling, IsTriedAgain) {
     for (std::uint64_t call = 1; call < 12; ++call) {
-        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto disk = diskWith(volume().image);
         const auto device = mounted(disk);
         writePages(*device, 5, 0, 3);
         EXPECT_EQ(device->sync(), 0);
-        disk->callsToFailure = call;
+        disk->fail(call, call);
         if (device->settle() != 0) {
-            JournaledDevice cut(std::make_shared<Disk>(disk->image));
+            JournaledDevice cut(diskWith(disk->bytes));
             EXPECT_EQ(cut.replay(false), 0);
             EXPECT_FALSE(cut.wasRefused()) << call;
             writePages(*device, 6, 1, 1);

@@ -17,10 +17,10 @@ class Workload {
     using State = std::array<std::uint64_t, kPages>;
 
     Workload(std::uint64_t seed, bool fails)
-        : random_(seed), fails_(fails), disk_(std::make_shared<Disk>(volume().image)) {
+        : random_(seed), fails_(fails), disk_(diskWith(volume().image)) {
         device_ = mounted(disk_);
         disk_->events.clear();
-        base_ = disk_->image;
+        base_ = disk_->bytes;
         State first;
         for (std::uint64_t page = 0; page < kPages; ++page) {
             first[page] = valueAt(base_, (volume().work + page) * kPage);
@@ -31,7 +31,8 @@ class Workload {
 
     void run() {
         for (int step = 0; step < 60; ++step) {
-            disk_->callsToFailure = fails_ && random_() % 4 == 0 ? 1 + random_() % 6 : 0;
+            const auto failing = fails_ && random_() % 4 == 0 ? 1 + random_() % 6 : 0;
+            disk_->fail(failing, failing);
             const auto what = random_() % 10;
             if (what < 3) {
                 write(1 + random_() % 16, Kind::kMetadata);
@@ -51,11 +52,10 @@ class Workload {
     void cutEverywhere() {
         for (std::size_t end = 0; end <= disk_->events.size(); ++end) {
             for (const Cut cut : {Cut::prefix, Cut::torn, Cut::reordered}) {
-                const auto disk =
-                    std::make_shared<Disk>(afterCut(base_, disk_->events, end, cut, random_));
+                const auto disk = diskWith(afterCut(base_, disk_->events, end, cut, random_));
                 JournaledDevice device(disk);
                 ASSERT_EQ(device.replay(false), 0);
-                ASSERT_TRUE(isOneState(disk->image, end))
+                ASSERT_TRUE(isOneState(disk->bytes, end))
                     << "cut " << static_cast<int>(cut) << " after event " << end << " of "
                     << disk_->events.size();
                 ASSERT_FALSE(device.wasRefused());
@@ -89,7 +89,7 @@ class Workload {
         EXPECT_TRUE(error == 0 || kind != Kind::kMetadata) << "what waits cannot fail";
         if (error != 0) { // as far as it came
             Bytes seen(kPages * kPage);
-            disk_->callsToFailure = 0;
+            disk_->heal();
             EXPECT_EQ(device_->read(seen.data(), volume().work * kPage, seen.size()), 0);
             for (std::uint64_t page = 0; page < kPages; ++page) {
                 now_[page] = valueAt(seen, page * kPage);
@@ -107,7 +107,7 @@ class Workload {
         const bool closed = device_->close() == 0;
         if (closed) {
             states_.back().promised = disk_->events.size();
-            disk_->callsToFailure = 0;
+            disk_->heal();
             device_ = mounted(disk_);
             EXPECT_EQ(device_->recovered(), 0u) << "a journal was left after an unmount";
         }
@@ -160,24 +160,23 @@ TEST(Journal, CarriesEachSyncOverACutAsAWhole) {
 
 // A committed record of twelve pages, of which not all went home.
 void leaveUnfinishedHome(Disk& disk, JournaledDevice& device) {
-    disk.failsReads = false;
     writePages(device, 77, 0, 12);
-    disk.callsToFailure = 3; // its first page
+    disk.fail(3, 3, EIO, kChanges); // its first page
     EXPECT_EQ(device.sync(), EIO);
 }
 
 // A record that the disk would not keep has reached it all the same, and the journal begins again.
 TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     leaveUnfinishedHome(*disk, *device);
     writePages(*device, 88, 12, 1);
-    disk->callsToFailure = 2; // the device's sync
+    disk->fail(2, 2, EIO, kChanges); // the device's sync
     EXPECT_EQ(device->sync(), EIO);
     const BlockDevice::Backlog backlog = device->backlog();
     writePages(*device, 99, 13, backlog.capacity - backlog.pages); // does not fit behind
     disk->events.clear();
-    const Bytes before = disk->image;
+    const Bytes before = disk->bytes;
     EXPECT_EQ(device->sync(), 0);
     const auto& events = disk->events;
     const auto isFlush = [](const DiskEvent& event) { return event.flush; };
@@ -192,7 +191,7 @@ TEST(Journal, PutsNothingInPlaceThatTheDiskDidNotPromiseToKeep) {
 
 // File data that the journal still has goes through it again, and must not fill the record.
 TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     const std::uint64_t capacity = device->backlog().capacity;
     const std::uint64_t count = capacity * 3 / 4;
@@ -202,15 +201,15 @@ TEST(Journal, KeepsAFlushWholeWhateverFileDataItHas) {
     writePages(*device, 99, count, capacity / 4);
     ASSERT_EQ(device->writeFileData(data.data(), volume().work * kPage, data.size()), 0);
     writePages(*device, 99, count + capacity / 4, 4);
-    EXPECT_NE(valueAt(disk->image, (volume().work + count) * kPage), 99u);
+    EXPECT_NE(valueAt(disk->bytes, (volume().work + count) * kPage), 99u);
     ASSERT_EQ(device->sync(), 0);
-    EXPECT_EQ(valueAt(disk->image, (volume().work + count) * kPage), 99u);
-    EXPECT_EQ(valueAt(disk->image, (volume().work + count - 1) * kPage), 88u);
+    EXPECT_EQ(valueAt(disk->bytes, (volume().work + count) * kPage), 99u);
+    EXPECT_EQ(valueAt(disk->bytes, (volume().work + count - 1) * kPage), 88u);
 }
 
 TEST(Journal, TakesTheLongestRecordAgainAndAgain) {
-    const auto disk = std::make_shared<Disk>(volume().image);
-    disk->image.resize(16u << 20); // the volume has not so many pages beside the log
+    const auto disk = diskWith(volume().image);
+    disk->bytes.resize(16u << 20); // the volume has not so many pages beside the log
     const auto device = mounted(disk);
     const std::uint64_t pages = device->backlog().capacity;
     // More file data than a record can name goes home before it, and must stay there.
@@ -236,7 +235,7 @@ TEST(Journal, TakesTheLongestRecordAgainAndAgain) {
         EXPECT_EQ(device->read(seen.data(), (volume().work + pages) * kPage, kPage), 0);
         EXPECT_EQ(valueAt(seen, 0), round) << "it waits";
         EXPECT_EQ(device->sync(), 0) << round;
-        EXPECT_EQ(valueAt(disk->image, (volume().work + pages - 1) * kPage), round);
+        EXPECT_EQ(valueAt(disk->bytes, (volume().work + pages - 1) * kPage), round);
     }
     disk->events.clear();
     writePages(*device, 4, 0, pages);
@@ -247,15 +246,15 @@ TEST(Journal, TakesTheLongestRecordAgainAndAgain) {
 
 // The disk may have dropped it, so no record may make it reachable.
 TEST(Journal, SyncsBulkDataAgainAfterASyncThatFailed) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     device->expectBulkData(true);
     writePages(*device, 2, 9, NTB_CACHED_BYTES_MAX / kPage + 1);
     device->expectBulkData(false);
     writePages(*device, 3, 1, 1);
-    disk->isSyncFailing = true;
+    disk->failFrom(1, EIO, {DiskCall::flush});
     EXPECT_EQ(device->sync(), EIO);
-    disk->isSyncFailing = false;
+    disk->heal();
     disk->events.clear();
     EXPECT_EQ(device->sync(), 0);
     EXPECT_TRUE(disk->events.at(0).flush);
@@ -268,7 +267,7 @@ TEST(Journal, SyncsBulkDataAgainAfterASyncThatFailed) {
 // It is the device then and not a sector of the log, and may pass.
 TEST(Journal, StaysWhereNothingOfItCanBeWrittenForAWhile) {
     const ReplacedServices services;
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     writePages(*device, 1, 0, 3);
     ASSERT_EQ(device->sync(), 0);
@@ -288,27 +287,27 @@ TEST(Journal, StaysWhereNothingOfItCanBeWrittenForAWhile) {
 }
 
 TEST(Journal, GivesUpNoRecordThatItCannotReadBack) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = mounted(disk);
     leaveUnfinishedHome(*disk, *device);
     logByte(*disk, kRecords + 3 * kPage) ^= std::byte{1};
     const BlockDevice::Backlog backlog = device->backlog();
     writePages(*device, 99, 12, backlog.capacity - backlog.pages); // does not fit behind
-    const Bytes before = disk->image;
+    const Bytes before = disk->bytes;
     EXPECT_EQ(device->sync(), EIO);
-    EXPECT_TRUE(disk->image == before);
+    EXPECT_TRUE(disk->bytes == before);
 }
 
 TEST(Journal, IsReadThroughWhereNothingMayBeWritten) {
     const auto disk = interrupted(77);
-    const Bytes before = disk->image;
+    const Bytes before = disk->bytes;
     JournaledDevice device(disk);
     ASSERT_EQ(device.replay(true), 0);
     Bytes seen(2 * kPage);
     ASSERT_EQ(device.read(seen.data(), volume().work * kPage - kPage, seen.size()), 0);
     EXPECT_EQ(valueAt(seen, kPage), 77u);
     EXPECT_NE(valueAt(seen, 0), 77u);
-    EXPECT_TRUE(disk->image == before);
+    EXPECT_TRUE(disk->bytes == before);
 }
 
 // Whoever changes the volume without knowing of the journal takes its validity away.
@@ -319,10 +318,10 @@ TEST(Journal, DoesNotOutliveOtherSystems) {
     EXPECT_EQ(recoverable(*library), 0u) << "the NTFS library mounted the volume for writing";
 
     const auto windows = interrupted(77);
-    std::memcpy(&windows->image.at(volume().log.offset), "RSTR", 4);
+    std::memcpy(&windows->bytes.at(volume().log.offset), "RSTR", 4);
     EXPECT_EQ(recoverable(*windows), 0u) << "Windows has begun a journal";
     windows->events.clear();
-    const Bytes before = windows->image;
+    const Bytes before = windows->bytes;
     {
         const auto device = mounted(windows);
         writePages(*device, 1, 9, 1);
@@ -332,12 +331,11 @@ TEST(Journal, DoesNotOutliveOtherSystems) {
     }
     std::mt19937_64 random(1);
     for (std::size_t end = 0; end <= windows->events.size(); ++end) {
-        const auto cut =
-            std::make_shared<Disk>(afterCut(before, windows->events, end, Cut::prefix, random));
+        const auto cut = diskWith(afterCut(before, windows->events, end, Cut::prefix, random));
         ASSERT_EQ(JournaledDevice(cut).replay(false), 0);
-        EXPECT_NE(valueAt(cut->image, volume().work * kPage), 77u) << "after event " << end;
+        EXPECT_NE(valueAt(cut->bytes, volume().work * kPage), 77u) << "after event " << end;
     }
-    std::fill_n(windows->image.begin() + static_cast<std::ptrdiff_t>(volume().log.offset), kPage,
+    std::fill_n(windows->bytes.begin() + static_cast<std::ptrdiff_t>(volume().log.offset), kPage,
                 std::byte{0xff});
     EXPECT_EQ(recoverable(*windows), 0u) << "what Windows's journal hid came back";
 }
@@ -347,7 +345,7 @@ TEST(Journal, OfAnotherVolumeOrDamagedIsIgnored) {
     for (const std::uint64_t at :
          {std::uint64_t{72}, record, record + 16, record + 40, record + 3 * kPage + 100}) {
         const auto disk = interrupted(77);
-        disk->image.at(at) ^= std::byte{1};
+        disk->bytes.at(at) ^= std::byte{1};
         JournaledDevice device(disk);
         EXPECT_EQ(device.replay(false), 0);
         EXPECT_EQ(device.recovered(), 0u) << at;
@@ -370,7 +368,7 @@ TEST(Journal, LeavesTheNeighboursOfTheLogWritable) {
 // What a file leaves is taken by other data only once a cut cannot bring the file back.
 TEST(Journal, KeepsFreedClustersUntilTheyAreFreeAfterACutToo) {
     constexpr auto kRoot = NTFSVolume::kRootIno;
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     const auto device = std::make_shared<JournaledDevice>(disk);
     const auto ntfs = opened(device);
     const Bytes old = pagesOf(1, 40);
@@ -403,11 +401,11 @@ TEST(Journal, KeepsFreedClustersUntilTheyAreFreeAfterACutToo) {
             for (int i = 0; i < 39; ++i) {
                 end += ntfs->write(next, end, pagesOf(3, 1)).count;
             }
-            disk->isSyncFailing = true;
+            disk->failFrom(1, EIO, {DiskCall::flush});
             EXPECT_THROW(ntfs->sync(), NTFSError);
-            disk->isSyncFailing = false;
+            disk->heal();
         }
-        const auto copy = std::make_shared<Disk>(disk->image);
+        const auto copy = diskWith(disk->bytes);
         logByte(*copy, kRecords) = {};
         const auto cut = std::make_shared<JournaledDevice>(copy);
         ASSERT_EQ(cut->replay(false), 0);
@@ -438,7 +436,7 @@ TEST(Journal, IsFlushedBeforeTheCacheWritesBackByItself) {
 // The order of writes inside a flush matters only where no journal makes the flush atomic.
 TEST(Journal, SparesARenameItsFlush) {
     for (const bool hasJournal : {true, false}) {
-        const auto disk = std::make_shared<Disk>(volume().image);
+        const auto disk = diskWith(volume().image);
         const auto ntfs = hasJournal ? opened(std::make_shared<JournaledDevice>(disk))
                                      : NTFSVolume::open(disk, false);
         ntfs->create("0", NTFSVolume::kRootIno, NTFSItemType::file);

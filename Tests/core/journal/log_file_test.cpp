@@ -32,17 +32,17 @@ TEST(Journal, StaysAwayFromALogThatIsNotWhatItSeems) {
         {"a run without length", {runs, 0x20}},
     };
     for (const auto& [what, lie] : lies) {
-        const auto disk = std::make_shared<Disk>(volume().image);
-        disk->image.at(lie.first) = static_cast<std::byte>(lie.second);
+        const auto disk = diskWith(volume().image);
+        disk->bytes.at(lie.first) = static_cast<std::byte>(lie.second);
         EXPECT_FALSE(hasJournal(disk)) << what;
     }
 }
 
 // A power cut in the middle of the write of $LogFile's own record must not take the journal away.
 TEST(Journal, IsFoundThroughTheMirrorOfATornRecord) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     for (const std::uint64_t table : {0x30, 0x38}) {
-        disk->image.at(valueAt(volume().image, table) * kPage + 2 * 1024 + 510) ^= std::byte{1};
+        disk->bytes.at(valueAt(volume().image, table) * kPage + 2 * 1024 + 510) ^= std::byte{1};
         EXPECT_EQ(hasJournal(disk), table == 0x30);
     }
 }
@@ -54,7 +54,7 @@ TEST(Journal, IsThereForTheLargestClustersOfOldVolumes) {
 
 TEST(Journal, GoesOnWhereTheNextPieceOfItsFileBegins) {
     const auto disk = formatted({.bytes = 2u << 20});
-    const std::string image = textOf(disk->image);
+    const std::string image = textOf(disk->bytes);
     std::vector<std::uint8_t> bytes(image.begin(), image.end());
     ImageEditor editor(bytes);
     const ntb::run whole = editor.runs(ntb::record_logfile, ntb::at_data).at(0);
@@ -62,7 +62,7 @@ TEST(Journal, GoesOnWhereTheNextPieceOfItsFileBegins) {
     editor.setRuns(ntb::record_logfile, ntb::at_data, "",
                    {{.length = whole.length - half, .lcn = whole.lcn + half},
                     {.length = half, .lcn = whole.lcn}});
-    std::memcpy(disk->image.data(), bytes.data(), bytes.size());
+    std::memcpy(disk->bytes.data(), bytes.data(), bytes.size());
     std::optional<LogFile> log;
     JournalAbsence absence{};
     ASSERT_EQ(LogFile::find(disk, log, absence), 0);
@@ -70,14 +70,14 @@ TEST(Journal, GoesOnWhereTheNextPieceOfItsFileBegins) {
     const Bytes written = pagesOf(1, 3);
     const std::uint64_t at = (whole.length - half - 1) * kPage;
     EXPECT_EQ(log->write(written.data(), at, written.size()), 0);
-    EXPECT_EQ(valueAt(disk->image, whole.lcn * kPage), 1u);
+    EXPECT_EQ(valueAt(disk->bytes, whole.lcn * kPage), 1u);
     Bytes found(written.size());
     EXPECT_EQ(log->read(found.data(), at, found.size()), 0);
     EXPECT_EQ(found, written);
 }
 
 TEST(Journal, IsNotThereWhereAHeaderCannotBeWrittenAlone) {
-    const auto disk = std::make_shared<Disk>(volume().image);
+    const auto disk = diskWith(volume().image);
     disk->blockBytes = 2 * kPage;
     EXPECT_FALSE(hasJournal(disk));
 }

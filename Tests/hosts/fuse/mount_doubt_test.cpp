@@ -4,8 +4,8 @@
 #include "core/journal/journaled_device.hpp"
 #include "core/ntfs_volume.hpp"
 #include "hosts/fuse/served_volume.hpp"
+#include "lab/disk_device.hpp"
 #include "support/driver_mount.hpp"
-#include "support/memory_device.hpp"
 
 #include <algorithm>
 #include <array>

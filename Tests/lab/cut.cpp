@@ -1,7 +1,6 @@
-#include "lab/recording_resource.hpp"
+#include "lab/cut.hpp"
 
 #include <algorithm>
-#include <cstring>
 
 namespace tavelin::test {
 
@@ -24,34 +23,6 @@ void putSomeSectors(Bytes& image, const DiskEvent& event, std::size_t sector,
 }
 
 } // namespace
-
-std::size_t RecordingResource::copyIn(Call call, const std::byte* from, std::uint64_t offset,
-                                      std::size_t length) {
-    const std::size_t admitted = MemoryResourceOf::copyIn(call, from, offset, length);
-    events_.push_back({false, offset, Bytes(from, from + admitted)});
-    return admitted;
-}
-
-void RecordingResource::metadataFlush() {
-    MemoryResourceOf::metadataFlush();
-    events_.push_back({true, 0, {}});
-}
-
-std::optional<fskit::Error> RecordingResource::flushToMedium() {
-    try {
-        admit(Call::flushToMedium, 0, 0);
-    } catch (const fskit::Error& error) {
-        return error;
-    }
-    events_.push_back({true, 0, {}});
-    return std::nullopt;
-}
-
-std::optional<fskit::Error> RecordingResource::discard(std::uint64_t offset, std::uint64_t length) {
-    const Bytes garbage(length, std::byte{0xdd});
-    copyIn(Call::write, garbage.data(), offset, garbage.size());
-    return std::nullopt;
-}
 
 Bytes afterCut(const Bytes& base, const std::vector<DiskEvent>& events, std::size_t end, Cut cut,
                std::mt19937_64& random) {

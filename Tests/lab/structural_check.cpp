@@ -1,9 +1,9 @@
-#include "support/structural_check.hpp"
+#include "lab/structural_check.hpp"
 
 #include "check/check.hpp"
 #include "core/file_block_device.hpp"
 #include "core/journal/journaled_device.hpp"
-#include "support/memory_device.hpp"
+#include "lab/disk_device.hpp"
 
 namespace tavelin::test {
 namespace {
@@ -23,9 +23,7 @@ std::string structuralComplaints(const std::filesystem::path& image) {
 }
 
 std::string structuralComplaints(std::span<const std::byte> image) {
-    const auto* const begin = reinterpret_cast<const std::uint8_t*>(image.data());
-    return complaintsOf(
-        std::make_shared<MemoryDevice>(std::vector<std::uint8_t>(begin, begin + image.size())));
+    return complaintsOf(std::make_shared<Disk>(Bytes(image.begin(), image.end())));
 }
 
 } // namespace tavelin::test
