@@ -3,12 +3,14 @@
 #include "check/filled_volume.hpp"
 #include "check/image_editor.hpp"
 #include "check/mount_gate.hpp"
+#include "check/record_reader.hpp"
 #include "check/volume_map.hpp"
 #include "check/volume_state.hpp"
 #include "lab/disk_device.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
 
@@ -36,7 +38,12 @@ TEST(MountGate, OpensForSoundVolumesAndNotWhereDataIsAtRisk) {
     const check::GateVerdict damaged = check::judgeForWriting(device, "is marked dirty", 60s);
     EXPECT_FALSE(damaged.mayWrite);
     EXPECT_NE(damaged.message.find("/other"), std::string::npos) << damaged.message;
-    EXPECT_TRUE(check::judgeForWriting(device, "is marked dirty", 0s).mayWrite); // had no time
+    const check::GateVerdict unfinished = check::judgeForWriting(device, "is marked dirty", 0s);
+    EXPECT_TRUE(unfinished.mayWrite);
+    EXPECT_NE(unfinished.message.find("as much as there was time for"), std::string::npos);
+
+    device.bytes.resize(device.bytes.size() / 2);
+    EXPECT_NE(check::checkVolume(device).unreadable.find("cut off"), std::string::npos);
 }
 
 TEST(MountGate, LeavesToWindowsWhatIsReservedForIt) {
@@ -100,6 +107,25 @@ TEST(VolumesOfWindows, SayWhatCannotBeTrusted) {
     }
 }
 
+// What is in the clusters behind the initialised size is some deleted file's.
+TEST(RecordReader, ReadsZerosWhereNothingWasWritten) {
+    MemoryDevice device(filledImage({}, 4));
+    ImageEditor editor(device.bytes);
+    const uint64_t number = editor.record("/other");
+    editor.editAttribute(number, ntb::at_data, "", [](ImageEditor::Bytes attribute) {
+        ntb::put_at(attribute.data(), 0x38, 8, 5000); // the initialised size
+    });
+    std::string whyNot;
+    const auto reader = check::RecordReader::open(device, whyNot);
+    ASSERT_NE(reader, nullptr) << whyNot;
+    ASSERT_TRUE(reader->record(number).has_value());
+    std::vector<uint8_t> bytes(10'000);
+    EXPECT_EQ(reader->readContent(0, bytes), 0);
+    EXPECT_TRUE(std::all_of(bytes.begin() + 5000, bytes.end(), [](uint8_t b) { return b == 0; }));
+    EXPECT_FALSE(
+        std::all_of(bytes.begin(), bytes.begin() + 5000, [](uint8_t b) { return b == 0; }));
+}
+
 TEST(VolumeMap, CountsWhatIsInUse) {
     MemoryDevice device(filledImage({}, 100));
     ImageEditor editor(device.bytes);
@@ -113,8 +139,17 @@ TEST(VolumeMap, CountsWhatIsInUse) {
     EXPECT_EQ(map->fragments.size(), 2u); // with a hole between
     EXPECT_EQ(total.file, runs.front().length + runs.back().length);
     EXPECT_LE(total.metadata + total.file, total.used);
-    EXPECT_GT(map->freeRanges, 0u);
-    EXPECT_LE(map->freeLongest, total.clusters - total.used);
+    std::string whyNot;
+    const auto bitmap = check::RecordReader::open(device, whyNot)->bitmap();
+    ASSERT_TRUE(bitmap.has_value());
+    uint64_t ranges = 0, longest = 0, length = 0;
+    for (uint64_t lcn = 0; lcn < total.clusters; ++lcn) {
+        length = ((*bitmap)[lcn / 8] >> lcn % 8 & 1) != 0 ? 0 : length + 1;
+        ranges += length == 1 ? 1 : 0;
+        longest = std::max(longest, length);
+    }
+    EXPECT_EQ(map->freeRanges, ranges);
+    EXPECT_EQ(map->freeLongest, longest);
     uint64_t at = 0;
     for (const check::VolumeMap::Part& part : map->parts) {
         EXPECT_LE(part.used, part.clusters);

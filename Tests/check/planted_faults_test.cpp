@@ -191,6 +191,8 @@ std::vector<Fault> bootAndSystemFaults() {
              }
          }},
         {securityDescriptor, "/$Boot", inValue("/$Boot", ntb::at_security_descriptor, "", 0, 1, 9)},
+        {securityDescriptor, "/$Boot", // the owner behind the end
+         inValue("/$Boot", ntb::at_security_descriptor, "", 4, 4, 0x180)},
         {securityIndex, "/$Secure",
          inValue("/$Secure", ntb::at_index_root, "$SII", 0x20 + 0x10, 4, 0x7fff)},
         {securityId, "/$Extend/$Quota",

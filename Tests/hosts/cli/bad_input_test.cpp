@@ -28,6 +28,7 @@ TEST_F(BadInput, ChangesNothingAndSaysWhatToDo) {
     } kTable[] = {
         {{}, kWrongUsage, "--help"},
         {{"lss", image}, kWrongUsage, "did you mean 'ls'"},
+        {{"mkdri", image}, kWrongUsage, "did you mean 'mkdir'"},
         {{"frobnicate", image}, kWrongUsage, "'tavelin --help'"},
         {{"cp", image, "a", "b"}, kWrongUsage, "'put' into it"},
         {{"xy", image}, kWrongUsage, "'tavelin --help'"},

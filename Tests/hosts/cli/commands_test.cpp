@@ -1,6 +1,8 @@
 // What the commands do to a volume, seen by them and by independent tools.
 #include "tavelin_program.hpp"
 
+#include "check/image_editor.hpp"
+
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -161,6 +163,23 @@ TEST_F(Commands, JSONIsWholeOnEveryPath) {
         EXPECT_EQ(answer.at("errors").at(0).at("code"), row.code);
         EXPECT_NE(answer.at("errors").at(0).at("message"), "");
     }
+}
+
+TEST_F(Commands, CheckTellsDamageByItsExitStatus) {
+    volume.leaveUnchecked();
+    put({{"file", "content"}});
+    editImage(image, [](ImageEditor& editor) {
+        editor.editRecord(editor.record("/file"), [](ImageEditor::Bytes record) {
+            record[0x12] = 5; // links
+        });
+    });
+    const ProcessResult shown = tavelinRun({"check", image});
+    EXPECT_EQ(shown.status, kFailed) << shown.describe();
+    EXPECT_NE(shown.out.find("link-count"), std::string::npos) << shown.out;
+    const json told = json::parse(tavelinRun({"check", "--json", image}).out);
+    EXPECT_EQ(columnOf(told.at("items"), "path", "class"), (json{{"/file", "link-count"}}));
+    EXPECT_EQ(told.at("summary").at("clean"), false);
+    EXPECT_EQ(told.at("status"), kFailed);
 }
 
 // A path that fails is told, and the others are done.

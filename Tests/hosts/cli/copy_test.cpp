@@ -155,7 +155,9 @@ TEST_F(Copy, ReplacesFilesAndMergesDirectories) {
     writeFile(host / "b/a/sub", "file");
     const ProcessResult refused = tavelinRun({"put", image, host / "b/a"});
     EXPECT_EQ(refused.status, kFailed);
-    EXPECT_NE(refused.err.find("2 problems"), std::string::npos) << refused.err;
+    for (const char* const said : {"a/file: ", "a/sub: ", "2 problems"}) {
+        EXPECT_NE(refused.err.find(said), std::string::npos) << said << " in " << refused.err;
+    }
     expectOnVolume();
     EXPECT_EQ(tavelinRun({"get", image, "a", host / "b"}).status, kFailed);
     EXPECT_TRUE(fs::is_directory(host / "b/a/file"));
@@ -279,15 +281,17 @@ TEST_F(Copy, GetEndsWhenTheCopyIsOnTheMedium) {
 
 TEST_F(Copy, GetNeverLeavesItsTarget) {
     volume.leaveUnchecked();
+    const std::string absolute = host / "absolute escape";
+    const std::string standIn = "12345" + std::string(absolute.size() - 5, 's');
     tavelinDone({"mkdir", "-p", image, "d/qz", "d2"});
     put({{"d/123456escape", "escaped"},
-         {"d/12345sub", "escaped"},
+         {"d/" + standIn, "escaped"},
          {"d/qz/escape", "escaped"},
          {"d2/escape", "escaped"},
          {"d/..\\escape", "ordinary"}});
     tavelinDone({"ln", "-s", image, host / "elsewhere", "d/link"});
     forgeName(image, "123456escape", "../../escape");
-    forgeName(image, "12345sub", "/etc/sub");
+    forgeName(image, standIn, absolute);
     forgeName(image, "qz", "..");
 
     fs::create_directories(host / "elsewhere");
@@ -304,7 +308,6 @@ TEST_F(Copy, GetNeverLeavesItsTarget) {
     EXPECT_TRUE(fs::is_symlink(target / "d" / "link"));
     EXPECT_EQ(runOrThrow({"find", host.path(), "-name", "*escape", "-not", "-path", target / "*"}),
               "");
-    EXPECT_FALSE(fs::exists("/etc/sub"));
 }
 
 } // namespace

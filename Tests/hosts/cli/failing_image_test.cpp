@@ -67,8 +67,10 @@ TEST_F(FailingImage, NohupKeepsAPutGoing) {
 
 TEST_F(FailingImage, OutputThatNobodyTakesIsAFailure) {
     put({{"file", std::string(1 << 20, 'x')}});
-    expectRefusal(tavelinUnder("exec \"$@\" >/dev/full", {"cat", image, "file"}), kFailed,
-                  "standard output");
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"cat", image, "file"}, {"find", "--json", image, "none"}}) {
+        expectRefusal(tavelinUnder("exec \"$@\" >/dev/full", words), kFailed, "standard output");
+    }
 }
 
 } // namespace

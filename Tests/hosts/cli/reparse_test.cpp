@@ -2,6 +2,7 @@
 #include "check/image_editor.hpp"
 #include "core/reparse_tags.hpp"
 #include "hosts/cli/tavelin_program.hpp"
+#include "support/little_endian.hpp"
 #include "support/reparse_items.hpp"
 
 #include <fmt/format.h>
@@ -96,12 +97,14 @@ TEST_F(EncryptedFile, IsRefusedByName) {
 }
 
 // Only Windows and the driver make them.
-TEST_F(ReparseItems, ShortNamesAreShownOnRequest) {
+TEST_F(ReparseItems, ShortNamesAreShownOnRequestAndHiddenFilesToo) {
     {
         const DriverMount driver(volume);
         driver.make("a long name.txt", "content");
         driver.set("a long name.txt", "system.ntfs_dos_name", "ALONGN~1.TXT");
         driver.make("other");
+        driver.make("hidden");
+        driver.set("hidden", "system.ntfs_attrib", littleEndian(0x22, 4));
     }
     EXPECT_EQ(tavelinDone({"ls", "--short-names", image}),
               "ALONGN~1.TXT  a long name.txt\n              items\n              other\n");
@@ -112,6 +115,7 @@ TEST_F(ReparseItems, ShortNamesAreShownOnRequest) {
     EXPECT_EQ(item.at(0).at("shortName"), "ALONGN~1.TXT");
     EXPECT_FALSE(item.at(1).contains("shortName"));
     EXPECT_EQ(tavelinItems({"ls", "--short-names", image}).at(0), item.at(0));
+    EXPECT_EQ(tavelinItems({"ls", "-a", image}).at(1).at("name"), "hidden");
 }
 
 } // namespace

@@ -46,7 +46,8 @@ TEST_F(Undelete, CopiesWhatIsLeft) {
     EXPECT_EQ(readFile(host / "small"), "resident");
     EXPECT_EQ(readFile(image), before);
     expectRefusal(tavelinRun({"undelete", image, big, host / "back"}), kFailed, "exists");
-    expectRefusal(tavelinRun({"undelete", image, "1-1", host / "x"}), kFailed, "no deleted file");
+    const std::string reused = big.substr(0, big.find('-')) + "-999";
+    expectRefusal(tavelinRun({"undelete", image, reused, host / "x"}), kFailed, "no deleted file");
     expectRefusal(tavelinRun({"undelete", image, big}), 2, "--list");
 
     // A file that fills the volume takes the clusters, and the record of "first".
@@ -79,8 +80,9 @@ TEST_F(Undelete, SaysWhatIsDoubtfulAndWhatIsLost) {
             }
         };
         markInUse(true);
-        editor.setRuns(numberOf("/old"), ntb::at_data, "",
-                       editor.runs(numberOf("/young"), ntb::at_data));
+        auto runs = editor.runs(numberOf("/young"), ntb::at_data);
+        runs.at(0).lcn += 1; // all but one cluster of the other file
+        editor.setRuns(numberOf("/old"), ntb::at_data, "", runs);
         editor.editAttribute(numberOf("/secret"), ntb::at_data, "", [](ImageEditor::Bytes data) {
             data[0x0d] |= ntb::attribute_encrypted >> 8;
         });
