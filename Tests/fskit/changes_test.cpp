@@ -96,18 +96,6 @@ TEST_F(Changes, ExtendedAttributesAreBoundedWhenTheyAreSetAndWhenTheyAreRead) {
     EXPECT_EQ(ask.xattr(file, "note").code(), kE2BIG);
 }
 
-TEST_F(Changes, AWriteThatFillsTheVolumeTellsHowMuchWentIn) {
-    start();
-    auto ask = requests();
-    const Item file = *ask.create(root, "file");
-    const std::string content(24 << 20, 'c'); // more than the volume has
-    const std::size_t written = *ask.write(file, 0, content);
-    EXPECT_GT(written, 4u << 20);
-    EXPECT_LT(written, content.size());
-    EXPECT_EQ(ask.attributes(file)->size(), written);
-    EXPECT_TRUE(*ask.read(file, 0, written, written) == content.substr(0, written));
-}
-
 TEST_F(Changes, OffsetsBeforeTheFileAreRefused) {
     start();
     const Item file = *requests().create(root, "file");

@@ -39,7 +39,6 @@ TEST_F(Module, ReportsItsStart) {
          {R"("build":)", R"("ev":"module_start")", R"("os":)", R"("version":)"}) {
         EXPECT_NE(event.find(field), std::string::npos) << event;
     }
-    EXPECT_EQ(TavelinFileSystem::typeName(), "tavelin");
 }
 
 TEST_F(Module, AProbeNamesTheVolumeAndKeepsItsSerialOutOfTheEventLog) {
