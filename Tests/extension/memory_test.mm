@@ -1,6 +1,6 @@
 // How much memory a volume takes that is being looked through: that of what is open, whatever was
 // listed before. The guide has the figures of a large tree; with TAVELIN_WRITE in the environment
-// they are measured and written there: script/request-table.
+// they are measured and printed, for script/request-table.
 #import "extension/double/daemon.h"
 
 #include "core/file_block_device.hpp"
@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <malloc.h>
@@ -97,15 +98,10 @@ TEST(Memory, IsThatOfWhatIsOpen) {
             const auto mebibytes = [](std::size_t bytes) {
                 return std::to_string((bytes + (1 << 19)) >> 20) + " MiB";
             };
-            const std::filesystem::path guide(TAVELIN_GUIDE);
-            std::string text = readFile(guide);
-            const std::size_t start = text.find("| 20,200 directories and 40,000 files");
-            ASSERT_NE(start, std::string::npos);
-            text.replace(start, text.find('\n', start) - start,
-                         "| 20,200 directories and 40,000 files | " + mebibytes(listed) + " | " +
-                             mebibytes(open) + " | " +
-                             mebibytes(kBaseMax + entries * kOpenEntryMax) + " |");
-            writeFile(guide, text);
+            std::puts(("| 20,200 directories and 40,000 files | " + mebibytes(listed) + " | " +
+                       mebibytes(open) + " | " + mebibytes(kBaseMax + entries * kOpenEntryMax) +
+                       " |")
+                          .c_str());
             EXPECT_EQ(entries, 60'200u);
         }
     }
