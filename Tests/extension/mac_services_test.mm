@@ -36,8 +36,12 @@ TEST_F(MacServices, AreInForceFromTheStartOfTheProcess) {
     EXPECT_TRUE(log().isEnabled(LogLevel::kInfo));
     log().info("told");
     ASSERT_EQ(macSystem().log.size(), 2u);
-    EXPECT_TRUE(macSystem().log[0].starts_with("error ")) << macSystem().log[0];
-    EXPECT_TRUE(macSystem().log[1].ends_with(" told")) << macSystem().log[1];
+    const auto logged = [](std::size_t at, const char *level, const char *message) {
+        const std::string &line = macSystem().log.at(at);
+        EXPECT_TRUE(line.starts_with(level) && line.ends_with(message)) << line;
+    };
+    logged(0, "error ", " lost");
+    logged(1, "info ", " told");
     EXPECT_EQ(operatingSystemVersion(),
               toText(NSProcessInfo.processInfo.operatingSystemVersionString));
     const Services own = macServices();

@@ -1,6 +1,8 @@
 // The life of a module and its volume.
 #import "extension/double/asking.h"
 
+#include "platform/error_numbers.hpp"
+
 #include <gtest/gtest.h>
 
 namespace tavelin::test {
@@ -107,6 +109,7 @@ void Daemon::takeDown() {
     }
     EXPECT_EQ(volume().handedItemCount, 0u);
     EXPECT_EQ(state(), FSContainerStateNotReady);
+    EXPECT_EQ(module().containerStatus.status.code, kEAGAIN) << "a load may follow";
 }
 
 Answer Daemon::unload() {

@@ -175,6 +175,7 @@ static constexpr size_t kPhysicalBlock = 4096;
                nextCookie:(FSDirectoryCookie)nextCookie
                attributes:(FSItemAttributes *)attributes {
     if (_entries.size() == _room) {
+        ++_refusals;
         return NO;
     }
     const bool agrees = attributes.fileID == itemID && attributes.type == itemType;

@@ -92,6 +92,7 @@
     };
     size_t _room;
     std::vector<Entry> _entries;
+    int _refusals; // more than one: somebody goes on behind the end
 }
 + (instancetype)packerWithRoom:(size_t)room;
 @end
