@@ -19,7 +19,7 @@ set(TAVELIN_SDK ${PROJECT_SOURCE_DIR}/Sources/extension/sdk)
 # tavelin_compile_as_one(VARIABLE FILE...): sets VARIABLE to a source that includes the given ones,
 # since nearly all their time goes into the same headers. CMake does this for C++ alone.
 function(tavelin_compile_as_one variable)
-  if(NOT TAVELIN_UNITY)
+  if(NOT TAVELIN_UNITY OR TAVELIN_LAYERS_APART)
     set(${variable} ${ARGN} PARENT_SCOPE)
     return()
   endif()
