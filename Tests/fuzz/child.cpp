@@ -51,7 +51,7 @@ void reportSignal(int signal) {
     {
         const ReplacedServices services;
         InputReader input(bytes);
-        Bytes volume = damagedVolume(input);
+        MappedImage volume = damagedVolume(input);
         sendRequests(std::move(volume), input);
     }
     const bool leaks =

@@ -15,6 +15,9 @@ namespace tavelin::test {
 
 namespace {
 
+using Span = std::span<std::byte>;
+using ConstSpan = std::span<const std::byte>;
+
 constexpr std::size_t kSector = 512;
 constexpr std::size_t kRecord = 1024;      // bytes of a file record, as mkntfs makes them
 constexpr std::size_t kBlock = 4096;       // of an index, and a page of a journal
@@ -24,11 +27,11 @@ constexpr std::size_t kJournalEntry = 72;
 constexpr std::size_t kAtChecksum = 8;
 constexpr unsigned kKinds = 5;
 
-std::span<std::uint8_t> block(Bytes& image, std::size_t offset, std::size_t size) {
+std::span<std::uint8_t> block(Span image, std::size_t offset, std::size_t size) {
     return {reinterpret_cast<std::uint8_t*>(&image[offset]), size};
 }
 
-ntb::boot_sector bootOf(const Bytes& image) {
+ntb::boot_sector bootOf(ConstSpan image) {
     ntb::boot_sector boot;
     const auto* const sector = reinterpret_cast<const std::uint8_t*>(image.data());
     if (ntb::parse_boot_sector(std::span<const std::uint8_t, kSector>(sector, kSector), boot) !=
@@ -48,7 +51,7 @@ void withoutFixups(std::span<std::uint8_t> bytes, Work&& change) {
     }
 }
 
-std::vector<std::size_t> blocksOf(const Bytes& image, std::string_view magic) {
+std::vector<std::size_t> blocksOf(ConstSpan image, std::string_view magic) {
     std::vector<std::size_t> found;
     for (std::size_t block = 0; block + kBlock <= image.size(); block += kSector) {
         if (std::memcmp(&image[block], magic.data(), magic.size()) == 0) {
@@ -102,7 +105,7 @@ struct Change {
     std::uint8_t value;
 };
 
-void changeBytes(Bytes& image, std::size_t begin, std::size_t size, const Change& change) {
+void changeBytes(Span image, std::size_t begin, std::size_t size, const Change& change) {
     constexpr std::size_t kWidths[] = {1, 2, 4, 8};
     const std::size_t width = kWidths[change.how / 4 % 4];
     const std::size_t where = begin + change.place % (size - width + 1);
@@ -127,13 +130,13 @@ void changeBytes(Bytes& image, std::size_t begin, std::size_t size, const Change
     }
 }
 
-JournalRecord journalRecord(const Bytes& image, std::size_t at) {
+JournalRecord journalRecord(ConstSpan image, std::size_t at) {
     return JournalRecord::parse(&image[at]).value_or(JournalRecord{});
 }
 
 // Gives a journal's record the checksum that its header should have; one that leaves the disk has
 // none.
-void seal(Bytes& image, std::size_t at) {
+void seal(Span image, std::size_t at) {
     const JournalRecord record = journalRecord(image, at);
     const std::uint64_t covered =
         JournalRecord::headerBytes(std::uint64_t{record.pages} + record.named);
@@ -146,7 +149,7 @@ void seal(Bytes& image, std::size_t at) {
 }
 
 // `seed` is the image before all changes: what its boot sector says still holds.
-void apply(Bytes& image, const Bytes& seed, const Change& change) {
+void apply(Span image, ConstSpan seed, const Change& change) {
     switch (change.kind % kKinds) {
     case 0: {
         const ntb::boot_sector boot = bootOf(seed);
@@ -191,10 +194,11 @@ void apply(Bytes& image, const Bytes& seed, const Change& change) {
 
 } // namespace
 
-const std::vector<Bytes>& seedVolumes() {
-    static const std::vector<Bytes> volumes{
-        preparedVolume(), loadImage(SampleVolume({.bytes = 2u << 20, .clusterSize = 512}).image()),
-        volumeOfLinks(), pendingVolume()};
+const std::array<SharedImage, 4>& seedVolumes() {
+    static const std::array<SharedImage, 4> volumes{
+        SharedImage(preparedVolume()),
+        SharedImage(loadImage(SampleVolume({.bytes = 2u << 20, .clusterSize = 512}).image())),
+        SharedImage(volumeOfLinks()), SharedImage(pendingVolume())};
     return volumes;
 }
 
@@ -207,10 +211,10 @@ std::uint8_t InputReader::byte() {
     return first;
 }
 
-Bytes damagedVolume(InputReader& input) {
+MappedImage damagedVolume(InputReader& input) {
     const auto& seeds = seedVolumes();
-    const Bytes& seed = seeds[input.byte() % seeds.size()];
-    Bytes image = seed;
+    const SharedImage& seed = seeds[input.byte() % seeds.size()];
+    MappedImage image = seed.copy();
     const std::uint8_t count = input.byte() % 32;
     std::vector<Change> changes;
     for (std::uint8_t i = 0; i < count && !input.isAtEnd(); i++) {
@@ -224,7 +228,7 @@ Bytes damagedVolume(InputReader& input) {
         changes.push_back(change);
     }
     for (const Change& change : changes) {
-        apply(image, seed, change);
+        apply(image, seed.content(), change);
     }
     return image;
 }

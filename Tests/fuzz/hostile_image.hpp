@@ -15,17 +15,16 @@
 // journal's record gets the checksum that its new header asks for.
 #pragma once
 
-#include "support/bytes.hpp"
+#include "lab/mapped_image.hpp"
 
+#include <array>
 #include <cstdint>
 #include <span>
-#include <string>
-#include <vector>
 
 namespace tavelin::test {
 
 // Formats the seed volumes, once a process; until then the first input does.
-const std::vector<Bytes>& seedVolumes();
+const std::array<SharedImage, 4>& seedVolumes();
 
 // Reads an input from its front.
 class InputReader {
@@ -40,10 +39,10 @@ class InputReader {
 };
 
 // The damaged volume that the input's first part describes.
-Bytes damagedVolume(InputReader& input);
+MappedImage damagedVolume(InputReader& input);
 
 // Opens the volume, sends what the rest of the input asks for, and closes it. Requests may fail as
 // they like.
-void sendRequests(Bytes volume, InputReader& input);
+void sendRequests(MappedImage volume, InputReader& input);
 
 } // namespace tavelin::test

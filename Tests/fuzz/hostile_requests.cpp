@@ -114,8 +114,8 @@ const std::array<std::string, 18> kPaths{
 
 } // namespace
 
-void sendRequests(Bytes volume, InputReader& input) {
-    ModuleHost host(std::make_shared<HostDisk>(std::move(volume)));
+void sendRequests(MappedImage volume, InputReader& input) {
+    ModuleHost host(std::make_shared<HostDiskOf<MappedImage>>(std::move(volume)));
     try {
         host.open();
     } catch (const OpenError&) {

@@ -5,6 +5,7 @@
 #include "platform/file_descriptor.hpp"
 #include "support/bytes.hpp"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <span>
 #include <sys/mman.h>
@@ -47,7 +48,7 @@ class MappedImage {
     std::size_t size() const { return bytes_.size(); }
     std::byte& operator[](std::size_t at) { return bytes_[at]; }
     const std::byte& operator[](std::size_t at) const { return bytes_[at]; }
-    operator std::span<const std::byte>() const { return bytes_; }
+    operator std::span<std::byte>() { return bytes_; }
 
   private:
     friend class SharedImage;
@@ -64,17 +65,21 @@ class SharedImage {
   public:
     explicit SharedImage(std::span<const std::byte> content)
         : memory_(MappedImage::checked(::memfd_create("image", MFD_CLOEXEC))),
-          size_(content.size()) {
-        MappedImage::checked(::ftruncate(memory_.get(), static_cast<off_t>(size_)));
-        MappedImage whole(memory_.get(), size_, MAP_SHARED);
-        std::memcpy(whole.data(), content.data(), size_);
+          whole_(sized(memory_.get(), content.size()), content.size(), MAP_SHARED) {
+        std::ranges::copy(content, whole_.data());
     }
 
-    MappedImage copy() const { return {memory_.get(), size_, MAP_PRIVATE}; }
+    std::span<const std::byte> content() const { return whole_.bytes_; }
+    MappedImage copy() const { return {memory_.get(), whole_.size(), MAP_PRIVATE}; }
 
   private:
+    static int sized(int descriptor, std::size_t size) {
+        MappedImage::checked(::ftruncate(descriptor, static_cast<off_t>(size)));
+        return descriptor;
+    }
+
     FileDescriptor memory_;
-    std::size_t size_; // bytes
+    MappedImage whole_;
 };
 
 } // namespace tavelin::test
