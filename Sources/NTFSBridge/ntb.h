@@ -32,6 +32,7 @@
 #define NTB_H
 
 #include "NTFSBridge/ntb_item.h"
+#include "NTFSBridge/ntb_plan.h"
 
 #include <stdint.h>
 
@@ -111,12 +112,6 @@ typedef struct ntb_statfs {
 /* 0 when the device starts with an NTFS boot sector, its serial number then being stored in
  * *serial unless that is NULL; EINVAL otherwise, *serial being left alone. */
 int32_t ntb_probe(const ntb_io* io, uint64_t* serial);
-
-/* A stretch of the device, in bytes. */
-typedef struct ntb_extent {
-    uint64_t offset;
-    uint64_t length;
-} ntb_extent;
 
 /*
  * Where the volume's journal file, $LogFile, lies, in the order of the file; nothing is mounted.

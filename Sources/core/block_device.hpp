@@ -9,6 +9,8 @@
 
 namespace tavelin {
 
+class ObservedDevice;
+
 /// A device of fixed size, read and written in whole blocks. All results are 0 or a positive errno
 /// of the host, because they travel unchanged through the bridge and back; a call that answers 0
 /// has transferred exactly `length` bytes. Nothing here throws.
@@ -51,6 +53,19 @@ class BlockDevice {
     /// reads as until it is written again is the device's choice. EOPNOTSUPP where the device has
     /// no use for it. Durable after the next sync(), like a write.
     [[nodiscard]] virtual std::int32_t discard(std::uint64_t offset, std::uint64_t length) noexcept;
+
+    /// Whether any thread may call read() at any time, beside whatever others call.
+    [[nodiscard]] virtual bool allowsReadsBeside() const noexcept { return false; }
+    /// Where a range may be read beside other calls, because what read() would answer now is what
+    /// the device below has; null where it may not. It belongs to this device.
+    [[nodiscard]] virtual ObservedDevice* observed(std::uint64_t offset,
+                                                   std::uint64_t length) noexcept {
+        static_cast<void>(offset);
+        static_cast<void>(length);
+        return nullptr;
+    }
+    /// Returns once nobody reads beside other calls any more.
+    virtual void awaitReadsBeside() noexcept {}
 
     /// Bytes of the unit in which writes wait, which is that of the bridge's cache and the journal.
     static constexpr std::uint64_t kPageBytes = NTB_PAGE_BYTES;

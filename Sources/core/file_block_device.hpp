@@ -4,11 +4,12 @@
 #include "core/block_device.hpp"
 #include "platform/file_descriptor.hpp"
 
+#include <atomic>
 #include <string>
 
 namespace tavelin {
 
-/// Owns its descriptor for its whole life. Takes no lock: one thread at a time.
+/// Owns its descriptor for its whole life. Takes no lock: one thread at a time, but for read().
 ///
 /// Errors: EINVAL for a misaligned request on a strict device, EIO for a device that ends early,
 /// else the errno of the failed system call. Interrupted calls are repeated, short ones continued.
@@ -36,6 +37,7 @@ class FileBlockDevice final : public BlockDevice {
                                      std::uint64_t length) noexcept override;
     [[nodiscard]] std::int32_t writeGathered(GatheredBytes parts,
                                              std::uint64_t offset) noexcept override;
+    [[nodiscard]] bool allowsReadsBeside() const noexcept override { return true; }
     /// fsync(2) of the image or device node.
     [[nodiscard]] std::int32_t sync() noexcept override;
 
@@ -43,8 +45,8 @@ class FileBlockDevice final : public BlockDevice {
     /// misaligned ones.
     [[nodiscard]] bool aligned(std::uint64_t offset, std::uint64_t length) noexcept;
 
-    bool strictAlignment = true; ///< refuse misaligned requests
-    std::int64_t misaligned = 0; ///< misaligned requests seen
+    bool strictAlignment = true;              ///< refuse misaligned requests
+    std::atomic<std::int64_t> misaligned = 0; ///< misaligned requests seen
 
   private:
     FileDescriptor file_; ///< what its close could report, sync() has reported

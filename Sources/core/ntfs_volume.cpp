@@ -75,6 +75,8 @@ void NTFSVolume::unmount() {
         const MutexLock held(lock_);
         // A tick that already waits for the lock finds no volume.
         flushTimer_.reset();
+        // Nobody may have the device once this returns: its owner may close it.
+        box_.device->awaitReadsBeside();
         const std::int32_t error = ntb_umount(std::exchange(vol_, nullptr));
         // What could not be written is given up with the volume, unless it waits in the device.
         if (isDamaged_ || (error != 0 && box_.device->backlog().capacity == 0)) {

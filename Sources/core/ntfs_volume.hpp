@@ -8,9 +8,10 @@
 /// owner. Nothing stays open between calls.
 ///
 /// Threads. Everything may be called from any thread; calls queue on the lock, which is held for
-/// the whole bridge call. The lock is not recursive: what runs under it (the bodies of `locked` and
-/// `withDeviceLock`, the device's own methods) must not call a locked operation of this volume. It
-/// is taken before the tally's and the event log's locks, never after. Exceptions from the rule:
+/// the whole bridge call, and only a long read of a file leaves it to others while the device is
+/// read, see ObservedDevice. The lock is not recursive: what runs under it (the bodies of `locked`
+/// and `withDeviceLock`, the device's own methods) must not call a locked operation of this volume.
+/// It is taken before the tally's and the event log's locks, never after. Exceptions from the rule:
 /// serial() and readOnly() never change, and the Windows-names switch is a single flag outside the
 /// lock, set before the volume is shared between threads and never touched after unmount().
 ///
@@ -276,7 +277,8 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     // ---- File data: always the unnamed stream --------------------------------------------------
 
     /// Reads straight into the caller's memory and returns the count, less than `length` at the end
-    /// of the file.
+    /// of the file; what is behind it in the memory may have changed too. A long read leaves the
+    /// lock to others while the device is read, where the device allows that.
     [[nodiscard]] std::size_t read(std::uint64_t ino, std::uint64_t offset, std::byte* destination,
                                    std::size_t length);
     /// The same into memory of its own, for callers that have none.
@@ -319,6 +321,7 @@ class NTFSVolume final : public std::enable_shared_from_this<NTFSVolume> {
     void removeXattr(std::string_view name, std::uint64_t ino);
 
   private:
+    class ReadBeside;
     /// Checks the invariants when an operation ends, be it by an exception.
     class InvariantCheck {
       public:

@@ -1,5 +1,6 @@
 // File data and extended attributes.
 #include "core/ntfs_volume.hpp"
+#include "core/observed_device.hpp"
 #include "core/private/bridge_attributes.hpp"
 #include "core/private/bridge_text.hpp"
 #include "core/private/data_change.hpp"
@@ -7,6 +8,8 @@
 #include "core/reparse_tags.hpp"
 #include "diagnostics/log.hpp"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -48,11 +51,81 @@ void NTFSVolume::checkData(std::int32_t result, std::uint64_t ino, std::string_v
     check(result);
 }
 
+/// A read of file data that goes on after the lock was released.
+class NTFSVolume::ReadBeside {
+  public:
+    /// Begins it, under the lock; false where it has to be read under the lock as well.
+    bool begin(BlockDevice& device, ntb_vol* vol, std::uint64_t ino, std::uint64_t offset,
+               std::size_t length) {
+        std::uint32_t count = 0;
+        if (ntb_plan_read(vol, ino, offset, length, places_.data(), kPlacesMax, &count) != 0) {
+            return false;
+        }
+        const std::span<ntb_extent> places(places_.data(), count);
+        for (const ntb_extent& place : places) {
+            done_ += place.length;
+        }
+        // The device reads whole blocks, so the last one is read to its end where there is room.
+        // Others must end with a block, as must all begin.
+        const std::uint64_t block = std::max<std::uint64_t>(device.blockSize(), 1);
+        surplus_ = (block - places.back().length % block) % block;
+        places.back().length += surplus_;
+        if (done_ + surplus_ > length) {
+            return false;
+        }
+        ObservedDevice* observed = nullptr;
+        for (const ntb_extent& place : places) {
+            observed = place.offset % block == 0 && place.length % block == 0 &&
+                               place.offset + place.length <= device.size()
+                           ? device.observed(place.offset, place.length)
+                           : nullptr;
+            if (observed == nullptr) {
+                return false;
+            }
+        }
+        reading_.emplace(*observed, places);
+        ntb_note_reads(vol, count, done_ + surplus_);
+        return true;
+    }
+    bool isUnderWay() const noexcept { return reading_.has_value(); }
+    /// Ends it, without the lock. The count; absent where the bytes may not be the file's.
+    std::optional<std::size_t> end(std::byte* destination) {
+        const bool isRead = reading_->read(destination) == 0 && reading_->isIntact();
+        reading_.reset();
+        if (!isRead) {
+            return std::nullopt;
+        }
+        std::fill_n(destination + done_, surplus_, std::byte{0}); // nobody's business
+        return static_cast<std::size_t>(done_);
+    }
+
+  private:
+    /// Files in more pieces are read under the lock, through the bridge's cache.
+    static constexpr std::uint32_t kPlacesMax = 64;
+    std::array<ntb_extent, kPlacesMax> places_;
+    std::uint64_t done_ = 0;    ///< bytes that the file has there
+    std::uint64_t surplus_ = 0; ///< and that are read behind them
+    std::optional<ObservedDevice::Reading> reading_;
+};
+
 std::size_t NTFSVolume::read(std::uint64_t ino, std::uint64_t offset, std::byte* destination,
                              std::size_t length) {
     std::uint64_t done = 0;
-    const std::int32_t result = locked(
-        [&](ntb_vol* vol) { return ntb_read(vol, ino, offset, destination, length, &done); });
+    ReadBeside beside;
+    const auto request = [&](ntb_vol* vol, bool mayGoBeside) {
+        return mayGoBeside && beside.begin(*box_.device, vol, ino, offset, length)
+                   ? 0
+                   : ntb_read(vol, ino, offset, destination, length, &done);
+    };
+    // Shorter reads come out of the bridge's cache, or into it.
+    const bool isLong = length > NTB_CACHED_BYTES_MAX;
+    std::int32_t result = locked([&](ntb_vol* vol) { return request(vol, isLong); });
+    if (beside.isUnderWay()) {
+        if (const std::optional<std::size_t> count = beside.end(destination)) {
+            return *count;
+        }
+        result = locked([&](ntb_vol* vol) { return request(vol, false); });
+    }
     checkData(result, ino, "read");
     return static_cast<std::size_t>(done);
 }

@@ -24,6 +24,10 @@ class HostMedium {
     /// thread.
     virtual void writeGathered(GatheredBytes parts, std::uint64_t offset) = 0;
 
+    /// Whether reads may go beside all other calls. A medium in a program's own memory has to guard
+    /// it for that.
+    [[nodiscard]] virtual bool allowsReadsBeside() const noexcept { return false; }
+
     /// Tells the medium that a range of bytes holds nothing any more, see BlockDevice::discard();
     /// kENOTSUP where it has no use for that. Any thread.
     [[nodiscard]] virtual std::optional<fskit::Error> discard(std::uint64_t offset,

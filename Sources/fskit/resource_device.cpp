@@ -141,6 +141,11 @@ std::int32_t ResourceDevice::discard(std::uint64_t offset, std::uint64_t length)
     });
 }
 
+bool ResourceDevice::allowsReadsBeside() const noexcept {
+    const auto* const medium = dynamic_cast<const HostMedium*>(resource.get());
+    return medium != nullptr && medium->allowsReadsBeside();
+}
+
 std::int32_t ResourceDevice::sync() noexcept {
     try {
         if (cached) {

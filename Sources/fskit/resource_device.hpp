@@ -11,8 +11,8 @@
 namespace tavelin {
 
 /// Reads and writes through a block-device resource, in chunks and across short transfers. One
-/// thread at a time: under the volume's lock, once a volume shares the device; `cached` may be
-/// looked at from any thread.
+/// thread at a time: under the volume's lock, once a volume shares the device, but for reads where
+/// allowsReadsBeside(); `cached` may be looked at from any thread.
 ///
 /// A failed call is logged, tallied and, for the first ones since a load, written to the event log
 /// (deviceError). Results are the host's errno: the number of a POSIX error, else EIO.
@@ -39,6 +39,8 @@ class ResourceDevice final : public BlockDevice {
     /// EOPNOTSUPP where the resource is no HostMedium.
     [[nodiscard]] std::int32_t discard(std::uint64_t offset,
                                        std::uint64_t length) noexcept override;
+    /// Where the resource is a HostMedium that does.
+    [[nodiscard]] bool allowsReadsBeside() const noexcept override;
     /// Flushes the kernel's buffers when cached. Uncached writes have already left this process; a
     /// HostMedium is asked for more, of any other resource there is nothing to ask.
     [[nodiscard]] std::int32_t sync() noexcept override;

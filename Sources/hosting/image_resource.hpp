@@ -82,6 +82,7 @@ class ImageResource final : public HostResource {
                                                       std::uint64_t length) override;
     /// Makes all earlier writes durable; absent for success. See ImageFile::flushToMedium.
     std::optional<fskit::Error> flushToMedium() override;
+    [[nodiscard]] bool allowsReadsBeside() const noexcept override { return true; }
     void release() override { file_.close(); }
     void admitMount() override { file_.giveUpClaim(); }
 

@@ -5,8 +5,10 @@
 #include "support/bridge_volume.hpp"
 
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
+#include <span>
 
 namespace tavelin::test {
 namespace {
@@ -82,6 +84,108 @@ TEST(FileData, RandomChangesOfACompressedFileMatchAString) {
         EXPECT_LT(volume.attributes(ino).alloc_size, model.size());
         EXPECT_NE(volume.attributes(ino).flags & NTB_FLAG_COMPRESSED, 0u);
         EXPECT_TRUE(volume.finish().cat("/directory/file") == model);
+    }
+}
+
+constexpr uint64_t kPlanned = 300'000;
+
+// Files whose content is on the device.
+struct PlannedFiles : BridgeVolume {
+    uint64_t plain(const std::string& name, uint64_t directory = NTB_ROOT_INO) {
+        const uint64_t ino = make(name, directory);
+        EXPECT_EQ(write(ino, content), 0);
+        EXPECT_EQ(ntb_sync(*this), 0);
+        return ino;
+    }
+    uint64_t compressed(const std::string& name) {
+        const uint64_t directory = makeDirectory("compressed");
+        setFlag(*this, directory, FILE_ATTR_COMPRESSED);
+        return plain(name, directory);
+    }
+    uint64_t withHole(const std::string& name) {
+        const uint64_t ino = plain(name);
+        EXPECT_EQ(write(ino, "end", 3 * kPlanned), 0);
+        EXPECT_EQ(ntb_sync(*this), 0);
+        return ino;
+    }
+    uint64_t neverWrittenToTheEnd(const std::string& name) {
+        const uint64_t ino = plain(name);
+        EXPECT_EQ(ntb_allocate(*this, ino, 0, kPlanned + 9000, 0), 0);
+        EXPECT_EQ(ntb_sync(*this), 0);
+        return ino;
+    }
+    uint64_t changed(const std::string& name) {
+        const uint64_t ino = plain(name);
+        EXPECT_EQ(write(ino, "new", kPlanned - 5), 0);
+        return ino;
+    }
+    uint64_t inRecord(const std::string& name) {
+        const uint64_t ino = make(name);
+        EXPECT_EQ(write(ino, "small"), 0);
+        return ino;
+    }
+    uint64_t gone(const std::string& name) {
+        const uint64_t ino = plain(name);
+        return ntb_reference(ino, static_cast<uint16_t>(attributes(ino).seq + 1));
+    }
+    // On a volume that is full but for two places.
+    uint64_t inTwoPieces(const std::string& name) {
+        int made = 0;
+        while (write(make("f" + std::to_string(made)), content) == 0) {
+            ++made;
+        }
+        for (const int gap : {made / 4, made / 2}) {
+            EXPECT_EQ(ntb_unlink(*this, NTB_ROOT_INO, ("f" + std::to_string(gap)).c_str()), 0);
+        }
+        const uint64_t ino = make(name);
+        EXPECT_EQ(write(ino, content + content), 0);
+        EXPECT_EQ(ntb_sync(*this), 0);
+        return ino;
+    }
+
+    const std::string content = patternText(kPlanned);
+};
+
+TEST(FileData, IsPlannedWhereTheDeviceHasItAsItIs) {
+    PlannedFiles volume;
+    const struct Plan {
+        const char* what;
+        int32_t error;
+        uint32_t pieces;
+        uint64_t offset;
+        std::function<uint64_t(PlannedFiles&, const char* name)> make;
+    } cases[] = {
+        {"from a page on", 0, 1, 4096, [](auto& v, auto n) { return v.plain(n); }},
+        {"from within a sector on", 0, 1, 5, [](auto& v, auto n) { return v.plain(n); }},
+        {"behind the end", EAGAIN, 0, kPlanned, [](auto& v, auto n) { return v.plain(n); }},
+        {"in its record", EAGAIN, 0, 0, &PlannedFiles::inRecord},
+        {"with a hole", EAGAIN, 0, 4096, &PlannedFiles::withHole},
+        {"never written", EAGAIN, 0, kPlanned - 9, &PlannedFiles::neverWrittenToTheEnd},
+        {"compressed", EAGAIN, 0, 4096, &PlannedFiles::compressed},
+        {"changed in the cache", EAGAIN, 0, 4096, &PlannedFiles::changed},
+        {"no file", EISDIR, 0, 0, [](auto&, auto) { return NTB_ROOT_INO; }},
+        {"another file by now", ESTALE, 0, 0, &PlannedFiles::gone},
+        {"in two pieces", 0, 2, kPlanned / 2, &PlannedFiles::inTwoPieces},
+    };
+    for (const Plan& c : cases) {
+        SCOPED_TRACE(c.what);
+        const uint64_t ino = c.make(volume, c.what);
+        ntb_extent extents[2] = {};
+        uint32_t count = 9;
+        EXPECT_EQ(ntb_plan_read(volume, ino, c.offset, kPlanned, extents, 2, &count), c.error);
+        if (c.error != 0) {
+            continue;
+        }
+        EXPECT_EQ(count, c.pieces);
+        std::string found;
+        for (const ntb_extent& extent : std::span(extents, count)) {
+            found.append(reinterpret_cast<const char*>(volume.memory().bytes.data()) +
+                             extent.offset,
+                         extent.length);
+        }
+        EXPECT_TRUE(found == volume.read(ino, c.offset, kPlanned));
+        EXPECT_EQ(ntb_plan_read(volume, ino, c.offset, kPlanned, extents, count - 1, &count),
+                  EAGAIN);
     }
 }
 

@@ -79,6 +79,16 @@ uint32_t page_cache::slot_holding(uint64_t page) const noexcept {
     return no_slot;
 }
 
+bool page_cache::has_dirty(uint64_t first, uint64_t last) const noexcept {
+    for (uint64_t page = first; dirty_count_ > 0 && page <= last; ++page) {
+        const uint32_t slot = slot_holding(page);
+        if (slot != no_slot && slots_[slot].dirty != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 uint32_t page_cache::victim_for(uint64_t page) const noexcept {
     const uint32_t first = static_cast<uint32_t>(page % full_set_count) * way_count;
     // The least recently used page of the set gives way, be it clean or dirty. pc_slot_for() writes

@@ -62,6 +62,9 @@ class page_cache {
     // How many of the dirty pages are file data, see mark_file_data.
     uint64_t file_data_count() const noexcept { return file_data_count_; }
 
+    // Whether any page from first to last, both included, is dirty.
+    bool has_dirty(uint64_t first, uint64_t last) const noexcept;
+
     // The page's bytes if it is cached, else null. A hit makes it the most recently used.
     uint8_t* pc_find(uint64_t page, uint32_t* slot_index = nullptr) noexcept;
 

@@ -2,6 +2,7 @@
 #include "core/journal/journaled_device.hpp"
 
 #include "core/journal/page_reader.hpp"
+#include "core/observed_device.hpp"
 #include "platform/assert.hpp"
 
 #include <algorithm>
@@ -27,7 +28,33 @@ void overlay(const PageMap& pages, std::byte* destination, std::uint64_t offset,
     }
 }
 
+bool hasPageIn(const PageMap& pages, std::uint64_t offset, std::uint64_t length) noexcept {
+    const auto page = pages.lower_bound(offset / LogFile::kPage);
+    return page != pages.end() && page->first * LogFile::kPage < offset + length;
+}
+
+std::shared_ptr<BlockDevice> watched(std::shared_ptr<BlockDevice> device) {
+    return device->allowsReadsBeside() ? std::make_shared<ObservedDevice>(std::move(device))
+                                       : std::move(device);
+}
+
 } // namespace
+
+JournaledDevice::JournaledDevice(std::shared_ptr<BlockDevice> inner)
+    : inner_(watched(std::move(inner))), observed_(dynamic_cast<ObservedDevice*>(inner_.get())) {}
+
+ObservedDevice* JournaledDevice::observed(std::uint64_t offset, std::uint64_t length) noexcept {
+    const bool isHome = !hasPageIn(pending_, offset, length) &&
+                        !hasPageIn(fileData_, offset, length) &&
+                        !(journal_ && journal_->overlaps(offset, length));
+    return isHome ? observed_ : nullptr;
+}
+
+void JournaledDevice::awaitReadsBeside() noexcept {
+    if (observed_ != nullptr) {
+        observed_->awaitReadings();
+    }
+}
 
 std::int32_t JournaledDevice::readWithoutLog(std::byte* destination, std::uint64_t offset,
                                              std::uint64_t length) noexcept {

@@ -34,6 +34,9 @@
 /// Life: made over a device; replay() before the volume is opened; begin() once it is, for
 /// writing; close() after it was unmounted. Without begin() it hands all calls on.
 ///
+/// Where the device below allows it, what is at home may be read beside all this (observed()): the
+/// device is wrapped in one that watches every write, those of the journal too.
+///
 /// Results are those of BlockDevice, ENOMEM, and EIO for $LogFile's clusters, which a sound volume
 /// gives to nobody else. After a failed sync() all that waited still waits, for the next one. Takes
 /// no lock, like any BlockDevice.
@@ -56,7 +59,7 @@ class JournaledDevice final : public BlockDevice {
     /// `inner` must not be null.
     /// The inner device is shared with the host, which must not write to it while this one is in
     /// use.
-    explicit JournaledDevice(std::shared_ptr<BlockDevice> inner) : inner_(std::move(inner)) {}
+    explicit JournaledDevice(std::shared_ptr<BlockDevice> inner);
 
     /// Carries to its end what a power cut interrupted: writes it to the device, or, when that is
     /// only to be read, lets reads see it. Then errors of the device are not answered either, and
@@ -82,6 +85,11 @@ class JournaledDevice final : public BlockDevice {
 
     /// settle(), and nothing waits any more. After an error the journal is left for the next mount.
     [[nodiscard]] std::int32_t close() noexcept;
+
+    /// Where nothing waits for the range and $LogFile is not in it, on a device that allows it.
+    [[nodiscard]] ObservedDevice* observed(std::uint64_t offset,
+                                           std::uint64_t length) noexcept override;
+    void awaitReadsBeside() noexcept override;
 
     [[nodiscard]] std::uint64_t size() const noexcept override { return inner_->size(); }
     [[nodiscard]] std::uint32_t blockSize() const noexcept override { return inner_->blockSize(); }
@@ -212,6 +220,8 @@ class JournaledDevice final : public BlockDevice {
 
     /// What is written there is on its way to the medium, and durable after its sync().
     const std::shared_ptr<BlockDevice> inner_;
+    /// The same, where it may be read beside other calls; else null.
+    ObservedDevice* const observed_;
     /// Absent when $LogFile cannot be used; absence_ says why.
     std::optional<Journal> journal_;
     JournalAbsence absence_ = JournalAbsence::none;
