@@ -155,12 +155,14 @@ TEST_F(Copy, ReplacesFilesAndMergesDirectories) {
     writeFile(host / "b/a/sub", "file");
     const ProcessResult refused = tavelinRun({"put", image, host / "b/a"});
     EXPECT_EQ(refused.status, kFailed);
-    for (const char* const said : {"a/file: ", "a/sub: ", "2 problems"}) {
+    for (const char* const said :
+         {"a/file: something else than a directory", "a/sub: a directory has", "2 problems"}) {
         EXPECT_NE(refused.err.find(said), std::string::npos) << said << " in " << refused.err;
     }
     expectOnVolume();
     EXPECT_EQ(tavelinRun({"get", image, "a", host / "b"}).status, kFailed);
     EXPECT_TRUE(fs::is_directory(host / "b/a/file"));
+    EXPECT_EQ(runOrThrow({"find", host / "b", "-name", ".tavelin-part*"}), "");
     EXPECT_EQ(readFile(host / "b/a/sub"), "file");
 }
 
