@@ -278,7 +278,10 @@ static int32_t link_entry(ntb_vol* vol, uint64_t ino, uint64_t parent, const cha
         inode_guard directory;
         inode_guard file;
         int32_t error = open_directory(vol, parent, directory);
-        error = first_error(error, file.open(vol->volume, ino));
+        if (error == 0 && MREF(ino) == MREF(parent)) {
+            error = EPERM; // it would be open twice below
+        }
+        error = first_error(error, error == 0 ? file.open(vol->volume, ino) : 0);
         if (error == 0 && is_directory(file.get())) {
             error = EPERM;
         }

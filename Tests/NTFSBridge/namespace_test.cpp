@@ -200,6 +200,8 @@ TEST(Namespace, AFileMayHaveSeveralNames) {
     EXPECT_EQ(volume.attributes(file).link_count, 3u);
     const uint64_t directory = volume.makeDirectory("directory");
     EXPECT_EQ(ntb_link(volume, directory, NTB_ROOT_INO, "another"), EPERM);
+    // Its record, opened twice, would be lost to the leak check.
+    EXPECT_EQ(ntb_link(volume, directory, directory, "itself"), EPERM);
     EXPECT_EQ(volume.rename("A long name.text", "ALONGN~1.TXT"), 0);
     EXPECT_EQ(volume.list(), (std::map<std::string, uint32_t>{
                                  {"ALONGN~1.TXT", 1}, {"directory", 2}, {"second", 1}}));
