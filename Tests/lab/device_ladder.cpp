@@ -30,46 +30,15 @@ std::optional<std::int32_t> errorOf(const std::function<void()>& work) {
     }
 }
 
-// Which device calls fail, counted from arm() on.
-class FaultInjector {
-  public:
-    explicit FaultInjector(const DeviceFault& fault) : fault_(fault) {}
-
-    void arm(std::uint64_t call) { next_ = call; }
-    void disarm() { next_ = 0; }
-    std::uint64_t hits() const { return hits_; }
-    std::uint64_t reads() const { return reads_; }
-
-    // How many of the bytes a call moves; throws.
-    std::size_t decide(DiskCall call, std::size_t length) {
-        if (next_ == 0 || --next_ > 0) {
-            return length;
-        }
-        next_ = fault_.times == Times::once ? 0 : 1;
-        hits_++;
-        reads_ += call == DiskCall::read ? 1 : 0;
-        if (fault_.error != 0) {
-            throw fskit::fs_errorForPOSIXError(fault_.error);
-        }
-        return std::min(length, std::max<std::size_t>(512, length / 1024 * 512));
-    }
-
-  private:
-    const DeviceFault fault_;
-    std::uint64_t next_ = 0; // 1: the next call fails; 0: none
-    std::uint64_t hits_ = 0;
-    std::uint64_t reads_ = 0; // of them
-};
-
 struct Rig {
-    Rig(const Bytes& base, std::uint64_t blockSize, const DeviceFault& fault)
-        : injector(fault), disk(std::make_shared<HostDisk>(base, blockSize)), host(disk) {
-        disk->hook = [this](auto call, auto, std::size_t length) {
-            return injector.decide(call, length);
-        };
+    Rig(const Bytes& base, std::uint64_t blockSize)
+        : disk(std::make_shared<HostDisk>(base, blockSize)), host(disk) {}
+
+    // From the call numbered so on; 1 is the next one.
+    void hurt(const DeviceFault& fault, std::uint64_t call) {
+        disk->fail(call, fault.times == Times::once ? call : UINT64_MAX, toHost(fault.error));
     }
 
-    FaultInjector injector;
     std::shared_ptr<HostDisk> disk;
     ModuleHost host;
 };
@@ -84,14 +53,14 @@ class FaultRun {
     std::vector<std::string> run(std::uint64_t call, bool isCached) {
         isCached_ = isCached;
         rig_.host.open();
-        rig_.injector.arm(call);
+        rig_.hurt(fault_, call);
         hurt();
         if (fault_.times == Times::forGood) {
             leave();
             return std::move(complaints_);
         }
         if (fault_.times == Times::forAWhile) {
-            rig_.injector.disarm();
+            rig_.disk->heal();
         }
         replay();
         inspect();
@@ -105,12 +74,12 @@ class FaultRun {
 
     // Whatever writes back answers an error exactly when the device does.
     void expectReported(std::string_view what, const std::function<void()>& work) {
-        const std::uint64_t hits = rig_.injector.hits();
+        const std::uint64_t hits = rig_.disk->failures();
         const auto error = errorOf(work);
-        const bool failed = fault_.error != 0 && rig_.injector.hits() > hits;
+        const bool failed = fault_.error != 0 && rig_.disk->failures() > hits;
         if (failed != error.has_value()) {
             complain(fmt::format("{} answers {}, {} calls failed", what, error.value_or(0),
-                                 rig_.injector.hits() - hits));
+                                 rig_.disk->failures() - hits));
         }
     }
 
@@ -118,14 +87,14 @@ class FaultRun {
     void hurt() {
         const auto error = errorOf([&] { request_.run(rig_.host.volume()); });
         done_ = !error;
-        const std::uint64_t hits = rig_.injector.hits();
+        const std::uint64_t hits = rig_.disk->failures();
         if (error && (hits == 0 || fault_.error == 0)) {
             complain(fmt::format("answers {} without a failure", *error));
         }
         // A read that failed once may have been tried again: what the request leaves shows that. A
         // page that could not be written back stays dirty, for the next synchronise to report.
         // Where writes pass the cache by, the library may have dropped the error of one.
-        if (isCached_ && !error && rig_.injector.reads() > 0 && fault_.error != 0 &&
+        if (isCached_ && !error && rig_.disk->failedReads() > 0 && fault_.error != 0 &&
             fault_.times != Times::once) {
             complain("answers success although the device failed");
         }
@@ -148,19 +117,19 @@ class FaultRun {
 
     // The device never comes back.
     void leave() {
-        const bool isGone = rig_.injector.hits() > 0;
+        const bool isGone = rig_.disk->failures() > 0;
         if (isGone) {
             (void)errorOf([&] { request_.run(rig_.host.volume()); });
         }
         const auto closed = errorOf([&] { rig_.host.close().get(); });
-        if (rig_.injector.hits() > 0 && !closed) {
+        if (rig_.disk->failures() > 0 && !closed) {
             complain("unloads without an error");
         }
         if (rig_.host.isLoaded()) {
             complain("is still loaded");
         }
-        if (rig_.injector.hits() > kCallsAfterTheEndMax) {
-            complain(fmt::format("calls the lost device {} times", rig_.injector.hits()));
+        if (rig_.disk->failures() > kCallsAfterTheEndMax) {
+            complain(fmt::format("calls the lost device {} times", rig_.disk->failures()));
         }
     }
 
@@ -233,17 +202,17 @@ LadderResult DeviceLadder::climb(const Workload& request, const DeviceFault& fau
     const Reference wanted = reference(request);
     LadderResult result;
     for (std::uint64_t call = 1;; call++) {
-        Rig rig(base_, blockSize_, fault);
+        Rig rig(base_, blockSize_);
         FaultRun rung(rig, request, fault, wanted);
         const auto complaints = rung.run(call, blockSize_ <= kCachedMax);
         result.rungs++;
         result.lostNames += rung.hasLostName() ? 1 : 0;
-        result.failures += rig.injector.hits();
+        result.failures += rig.disk->failures();
         for (const std::string& complaint : complaints) {
             result.faults.push_back(fmt::format("{}: {} at call {}: {}", request.name,
                                                 fault.describe(), call, complaint));
         }
-        if (rig.injector.hits() == 0) {
+        if (rig.disk->failures() == 0) {
             return result;
         }
     }
@@ -253,8 +222,8 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
     const Snapshot wanted = contentOf(base_);
     LadderResult result;
     for (std::uint64_t call = 1;; call++) {
-        Rig rig(base_, blockSize_, fault);
-        rig.injector.arm(call);
+        Rig rig(base_, blockSize_);
+        rig.hurt(fault, call);
         const auto complain = [&](std::string_view what) {
             result.faults.push_back(
                 fmt::format("open: {} at call {}: {}", fault.describe(), call, what));
@@ -266,11 +235,11 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
             opened = false;
         }
         result.rungs++;
-        result.failures += rig.injector.hits();
+        result.failures += rig.disk->failures();
         if (!opened && fault.error == 0) {
             complain("refused for a short transfer");
         }
-        rig.injector.disarm();
+        rig.disk->heal();
         if (!opened) {
             try {
                 rig.host.open();
@@ -284,7 +253,7 @@ LadderResult DeviceLadder::climbOpening(const DeviceFault& fault) const {
         if (const auto wrong = difference(wanted, contentOf(rig.disk->bytes)); !wrong.empty()) {
             complain(wrong);
         }
-        if (rig.injector.hits() == 0) {
+        if (rig.disk->failures() == 0) {
             return result;
         }
     }

@@ -78,8 +78,9 @@ class DiskOf {
     bool isHealing = true;              // a write brings a lost one back
     std::set<std::uint64_t> unwritable; // sectors that can be read
 
-    // Has the calls numbered `first` (1 is the next one) to `last` do nothing but fail. Only those
-    // of the kinds `of` are counted, when there are any.
+    // Has the calls numbered `first` (1 is the next one) to `last` do nothing but fail; with no
+    // error they move half of the bytes instead. Only those of the kinds `of` are counted, when
+    // there are any.
     void fail(std::uint64_t first, std::uint64_t last, std::int32_t error = EIO,
               std::set<Call> of = {}) {
         const MutexLock held(mutex_);
@@ -88,11 +89,18 @@ class DiskOf {
     void failFrom(std::uint64_t first, std::int32_t error = EIO, std::set<Call> of = {}) {
         fail(first, UINT64_MAX, error, std::move(of));
     }
-    void heal() { fail(0, 0); }
-    // Calls that did, since fail().
+    void heal() {
+        const MutexLock held(mutex_);
+        failing_.last = 0;
+    }
+    // Calls that did, since fail(), and those of them that read.
     std::uint64_t failures() const {
         const MutexLock held(mutex_);
         return failing_.hits;
+    }
+    std::uint64_t failedReads() const {
+        const MutexLock held(mutex_);
+        return failing_.reads;
     }
 
     int count(Call call) const {
@@ -158,6 +166,7 @@ class DiskOf {
         std::set<Call> of{};
         std::uint64_t seen = 0;
         std::uint64_t hits = 0;
+        std::uint64_t reads = 0;
     };
 
     std::size_t admit(Call call, std::uint64_t offset, std::size_t length) {
@@ -171,7 +180,11 @@ class DiskOf {
                 ++failing_.seen;
                 if (failing_.seen >= failing_.first && failing_.seen <= failing_.last) {
                     ++failing_.hits;
-                    throw DiskFailure{failing_.error};
+                    failing_.reads += call == Call::read ? 1 : 0;
+                    if (failing_.error != 0) {
+                        throw DiskFailure{failing_.error};
+                    }
+                    length = std::min(length, std::max<std::size_t>(512, length / 1024 * 512));
                 }
             }
         }
