@@ -38,6 +38,7 @@ struct Arguments {
     std::string table, chart; // files to write, besides standard output
     std::vector<std::string> only;
     int rounds = 5;
+    int entries = 0; // 0: the whole ladder of sizes
     bool quick = false, scale = false, threads = false;
 };
 
@@ -185,8 +186,11 @@ constexpr const char* kScaleMethod = "One run, the image in memory, freshly form
 int scale(const Arguments& arguments) {
     const Workplace place(arguments.memory);
     place.allocateImage((arguments.quick ? 512ull : 5'120ull) << 20, true);
-    const Scale scale = measureScale(serversOf(arguments).at(0), place.image(), place.mountPoint(),
-                                     arguments.quick);
+    const Server server = serversOf(arguments).at(0);
+    const Scale scale =
+        arguments.entries != 0
+            ? measureEntries(server, place.image(), place.mountPoint(), arguments.entries)
+            : measureScale(server, place.image(), place.mountPoint(), arguments.quick);
     const std::string report = fmt::format("{}\n{}\n{}", describeConditions(arguments.tavelin),
                                            kScaleMethod, scale.tables);
     fmt::print("{}", report);
@@ -210,6 +214,10 @@ int main(int argc, char** argv) {
     app.add_flag("--quick", arguments.quick, "small sizes, to see that it works");
     app.add_flag("--threads", arguments.threads, "with 1, 2 and 4 programs at once");
     app.add_flag("--scale", arguments.scale, "growth with the size of folders and files");
+    app.add_option("--entries", arguments.entries,
+                   "of growth, one folder with so many entries only")
+        ->check(CLI::PositiveNumber)
+        ->needs("--scale");
     CLI11_PARSE(app, argc, argv);
     try {
         if (arguments.scale)

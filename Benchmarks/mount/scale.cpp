@@ -6,8 +6,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <functional>
 #include <stdexcept>
+#include <string_view>
 
 namespace tavelin::bench {
 
@@ -128,7 +130,39 @@ void addTable(Scale& scale, const char* unit, const std::vector<int>& sizes, con
     scale.tables += fmt::format("{} | {} |\n\n", peaks, verdict(fits));
 }
 
+// What an entry of a very large directory may cost, in nanoseconds.
+constexpr std::pair<const char*, double> kCostMax[] = {
+    {"create", 60'000}, {"look up", 30'000}, {"list", 1'000}};
+
 } // namespace
+
+Scale measureEntries(const Server& server, const fs::path& image, const fs::path& directory,
+                     int count) {
+    Scale scale;
+    const auto verdict = [&](bool holds) {
+        scale.asAimed &= holds;
+        return holds ? "yes" : "**no**";
+    };
+    const Steps steps = entrySteps(server, image, directory, count);
+    scale.tables = fmt::format("| {} entries | nanoseconds an entry | aim | as aimed |\n"
+                               "|---|---:|---:|---|\n",
+                               count);
+    uint64_t peak = 0;
+    for (const auto& [name, step] : steps) {
+        const auto* const aim = std::ranges::find(
+            kCostMax, name, [](const auto& aimed) { return std::string_view(aimed.first); });
+        const bool isAimed = aim != std::end(kCostMax);
+        scale.tables += fmt::format("| {} | {:.0f} | {} | {} |\n", name, step.cost,
+                                    isAimed ? fmt::format("{:.0f}", aim->second) : "",
+                                    isAimed ? verdict(step.cost <= aim->second) : "");
+        peak = std::max(peak, step.peakMemory);
+    }
+    const uint64_t peakMax = kMemoryBytesMax + kMemoryPerEntryMax * static_cast<uint64_t>(count);
+    scale.tables += fmt::format("| peak memory, MiB | {:.1f} | {:.1f} | {} |\n",
+                                static_cast<double>(peak) / (1 << 20),
+                                static_cast<double>(peakMax) / (1 << 20), verdict(peak <= peakMax));
+    return scale;
+}
 
 Scale measureScale(const Server& server, const fs::path& image, const fs::path& directory,
                    bool quick) {

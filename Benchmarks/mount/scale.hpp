@@ -20,4 +20,9 @@ struct Scale {
 Scale measureScale(const Server& server, const std::filesystem::path& image,
                    const std::filesystem::path& directory, bool quick);
 
+// The same for one directory with so many entries, against aims of its own: 60 microseconds for
+// each that is made, 30 looked up, 1 listed; and the same memory.
+Scale measureEntries(const Server& server, const std::filesystem::path& image,
+                     const std::filesystem::path& directory, int count);
+
 } // namespace tavelin::bench
