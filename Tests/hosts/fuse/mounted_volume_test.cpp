@@ -126,6 +126,7 @@ TEST_F(MountedVolumeTest, ARenameThatFailsLeavesItsTarget) {
     make(longName, "target");
     make("source", std::string(550, 's'));
     fill(false);
+    expectError(mounted_->rename(root(), "source", root(), longName, false), kEEXIST);
     expectError(mounted_->rename(root(), "source", root(), longName, true), kENOSPC);
     ASSERT_NE(find(longName), nullptr);
     EXPECT_EQ(read(*find(longName)), "target");
@@ -166,10 +167,26 @@ TEST_F(MountedVolumeTest, AFullVolumeSynchronisesWithRemovedFilesOpen) {
     EXPECT_TRUE(mounted_->orphanFiles().isEmpty());
 }
 
+TEST_F(MountedVolumeTest, ADirectoryGoesAlthoughItsRemovedFilesAreOpen) {
+    Node& folder = make("folder", {}, FSItemType::directory);
+    Node& file = *mounted_->create(folder, "file", FSItemType::file).get().node;
+    ASSERT_TRUE(mounted_->removeFile(folder, "file"));
+    fskit::FSItemSetAttributesRequest times;
+    times.setModifyTime({.tv_sec = 1, .tv_nsec = 0});
+    EXPECT_TRUE(mounted_->setAttributes(folder, times));
+    EXPECT_TRUE(mounted_->synchronize());
+    EXPECT_EQ(mounted_->attributes(folder)->modifyTime().tv_sec, 1) << "what is set holds";
+    Node& second = *mounted_->create(folder, "second", FSItemType::file).get().node;
+    ASSERT_TRUE(mounted_->removeFile(folder, "second"));
+    EXPECT_TRUE(mounted_->removeDirectory(root(), "folder"));
+    EXPECT_EQ(read(file), read(second));
+}
+
 TEST_F(MountedVolumeTest, AHandleOpensNeitherRemovedFilesNorWhereTheyAre) {
     const Node& kept = make("kept");
     Node& file = make("file");
     ASSERT_TRUE(mounted_->removeFile(root(), "file"));
+    expectError(Outcome<void>::of(mounted_->createHardLink(file, root(), "again")), kENOENT);
     ASSERT_TRUE(mounted_->synchronize()); // which moves it aside
     for (uint64_t record = 16; record < 100; ++record) {
         for (const bool above : {false, true}) {
