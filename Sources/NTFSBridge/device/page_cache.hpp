@@ -128,9 +128,6 @@ class page_cache {
     uint8_t* use(uint32_t slot, uint32_t* slot_index) noexcept;
     // Says in both places whether the slot's page is dirty.
     void set_dirty(uint32_t slot, bool is_dirty) noexcept;
-    bool is_marked_dirty(uint32_t slot) const noexcept {
-        return (dirty_slots_[slot / 64] >> slot % 64 & 1) != 0;
-    }
     // Fills dirty_pages_ and answers how many entries there are.
     uint64_t collect_dirty(uint64_t first, uint64_t last) noexcept;
     uint64_t run_length(uint64_t first, uint64_t end) const noexcept;
