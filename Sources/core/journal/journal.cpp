@@ -104,15 +104,17 @@ std::int32_t Journal::begin(bool setsDirtyFlag) noexcept {
     return 0;
 }
 
-std::int32_t Journal::append(const PageMap& content,
-                             std::span<const JournalEntry> entries) noexcept {
+std::int32_t Journal::append(const PageMap& content, std::span<const JournalEntry> entries,
+                             bool isPart) noexcept {
     TAVELIN_ASSERT(isBegun_ && !content.empty() && content.size() <= entries.size());
     const std::uint64_t named = entries.size() - content.size();
     TAVELIN_ASSERT(content.size() <= capacity_ && named <= namedCapacity_);
     TAVELIN_ASSERT(fits(content.size(), named));
     try {
+        const auto session = static_cast<std::uint16_t>(flags_ & JournalRecord::kSetsDirtyFlag);
+        appendedFlags_ = session | (isPart ? JournalRecord::kIsPart : std::uint16_t{0});
         const JournalRecord record{.pages = static_cast<std::uint32_t>(content.size()),
-                                   .flags = flags_,
+                                   .flags = appendedFlags_,
                                    .named = static_cast<std::uint16_t>(named),
                                    .serial = serial_,
                                    .session = session_,
@@ -155,6 +157,7 @@ void Journal::commit() noexcept {
     // overwrite this record under the same sequence number, and at most one of the two can be
     // whole.
     position_ += std::exchange(appended_, 0);
+    flags_ = appendedFlags_;
     ++sequence_;
     log_.forgetFailures();
 }

@@ -93,6 +93,12 @@ class Journal {
     [[nodiscard]] bool setsDirtyFlag() const noexcept {
         return isBegun_ && (flags_ & JournalRecord::kSetsDirtyFlag) != 0;
     }
+    /// Whether the flag is cleared if the session ends with what is committed now.
+    [[nodiscard]] bool clearsDirtyFlag() const noexcept {
+        return setsDirtyFlag() && (flags_ & JournalRecord::kIsPart) == 0;
+    }
+    /// The rest of a sync in parts turned out to be nothing.
+    void endParts() noexcept { flags_ &= static_cast<std::uint16_t>(~JournalRecord::kIsPart); }
 
     /// Whether a record that carries and names so many pages can follow the last one: never after a
     /// reset() that failed, which may have taken away what it would follow.
@@ -101,10 +107,11 @@ class Journal {
                position_ + JournalRecord::length(pages, named) * LogFile::kPage <= end_;
     }
     /// Writes a record of the pages of `content`; it fits. `entries` describes them, and then the
-    /// pages to name. It is not sure to be valid before the device is synchronised; commit() then
-    /// makes the next one follow it. Without that the next one takes its place.
-    [[nodiscard]] std::int32_t append(const PageMap& content,
-                                      std::span<const JournalEntry> entries) noexcept;
+    /// pages to name; with `isPart` another record is to complete it. It is not sure to be valid
+    /// before the device is synchronised; commit() then makes the next one follow it. Without that
+    /// the next one takes its place.
+    [[nodiscard]] std::int32_t append(const PageMap& content, std::span<const JournalEntry> entries,
+                                      bool isPart) noexcept;
     /// Makes the appended record count: to be called once the device's sync has succeeded.
     void commit() noexcept;
 
@@ -164,7 +171,7 @@ class Journal {
     std::uint64_t namedCapacity_; ///< pages
     /// A random number of this session; 0 before the first.
     std::uint64_t session_ = 0;
-    std::uint16_t flags_ = 0;         ///< of all records of the session
+    std::uint16_t flags_ = 0;         ///< of the last record of the session
     std::uint64_t sequence_ = 1;      ///< of the next record
     std::uint64_t position_ = kBegin; ///< of the next record, bytes in $LogFile
     /// A session is under way: $LogFile is not blank.
@@ -174,9 +181,10 @@ class Journal {
     /// A sector of the file could not be read, so what it held is unknown.
     bool isUnreadable_ = false;
     bool hasRemainder_ = false;
-    bool hasForeignContent_ = false; ///< what this session did not write stands in the file
-    std::uint64_t appended_ = 0;     ///< bytes of the record that awaits commit()
-    std::uint64_t used_ = kBegin;    ///< where the furthest record of the session ends
+    bool hasForeignContent_ = false;  ///< what this session did not write stands in the file
+    std::uint64_t appended_ = 0;      ///< bytes of the record that awaits commit()
+    std::uint16_t appendedFlags_ = 0; ///< and what flags_ become with it
+    std::uint64_t used_ = kBegin;     ///< where the furthest record of the session ends
 };
 
 } // namespace tavelin

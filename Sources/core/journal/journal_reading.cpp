@@ -127,6 +127,11 @@ std::int32_t Journal::readWithoutLast(std::uint64_t lastPosition, JournaledPages
         const std::int32_t error = readRecords(lastPosition, pages, last, position);
         // What lies behind has been read before, and was perhaps unreadable.
         isUnreadable_ = isUnreadable_ || wasUnreadable;
+        if (last) {
+            flags_ = last->flags;
+        } else {
+            endParts();
+        }
         return error == 0 && position != lastPosition ? EIO : error;
     } catch (const std::bad_alloc&) {
         return ENOMEM;

@@ -48,9 +48,12 @@ struct JournalRecord {
     /// The session has set the volume's dirty flag: whoever ends it clears the flag. Without it the
     /// flag is as another system left it.
     static constexpr std::uint16_t kSetsDirtyFlag = 1;
+    /// A sync too long for one record goes on behind this one: what the volume holds with it may
+    /// contradict itself, and whoever ends the session here leaves the flag set.
+    static constexpr std::uint16_t kIsPart = 2;
 
     std::uint32_t pages = 0;    ///< carried
-    std::uint16_t flags = 0;    ///< kSetsDirtyFlag, the same in all records of a session
+    std::uint16_t flags = 0;    ///< kSetsDirtyFlag, as in the other records, and kIsPart
     std::uint16_t named = 0;    ///< pages of file data, at home
     std::uint64_t serial = 0;   ///< of the volume
     std::uint64_t session = 0;  ///< random, the same in all records of a session

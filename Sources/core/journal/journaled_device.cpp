@@ -264,7 +264,7 @@ std::int32_t JournaledDevice::bufferPart(std::uint64_t page, const std::byte* so
         // One record carries all that waits, so no more may wait than a record can carry. Room for
         // the pages of the dirty flag is always left, and only the commit itself takes it.
         if (isOn_ && !isCommitting_ && pending_.size() >= capacity()) {
-            if (const std::int32_t error = sync(); error != 0) {
+            if (const std::int32_t error = syncPending(true); error != 0) {
                 return error;
             }
         }

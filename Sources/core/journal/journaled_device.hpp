@@ -28,7 +28,7 @@
 /// journal the flag is set before the first write and cleared when the volume has been idle.
 ///
 /// What this cannot do: a sync of more pages than the journal has capacity for is done in parts,
-/// each whole by itself. Nor does it know what was freed since the last sync and belongs to its
+/// each whole by itself; after a cut between them the dirty flag stays. Nor does it know what was freed since the last sync and belongs to its
 /// former owner again after a cut: whoever expects file data keeps it from there.
 ///
 /// Life: made over a device; replay() before the volume is opened; begin() once it is, for
@@ -196,8 +196,10 @@ class JournaledDevice final : public BlockDevice {
     [[nodiscard]] std::int32_t abandonJournal() noexcept;
     /// The rest of that: what is pending goes home without a record.
     [[nodiscard]] std::int32_t leaveJournal() noexcept;
+    /// sync(); with `isPart` what waits is only the beginning of it.
+    [[nodiscard]] std::int32_t syncPending(bool isPart) noexcept;
     /// Writes what is pending as one record, syncs, and writes the pages home.
-    [[nodiscard]] std::int32_t commit() noexcept;
+    [[nodiscard]] std::int32_t commit(bool isPart) noexcept;
     /// After a commit: writes its pages home. Throws std::bad_alloc.
     [[nodiscard]] std::int32_t bringHome(std::span<const JournalEntry> carried);
     /// Lists what waits, with the checksums of what it will replace and of itself.

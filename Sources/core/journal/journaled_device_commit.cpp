@@ -11,6 +11,10 @@
 namespace tavelin {
 
 std::int32_t JournaledDevice::sync() noexcept {
+    return syncPending(false);
+}
+
+std::int32_t JournaledDevice::syncPending(bool isPart) noexcept {
     if (!isOn_) {
         return inner_->sync();
     }
@@ -35,7 +39,7 @@ std::int32_t JournaledDevice::sync() noexcept {
         return leaveJournal();
     }
     isCommitting_ = true;
-    std::int32_t error = commit();
+    std::int32_t error = commit(isPart);
     if (error == EIO && journal_->isUnwritable()) {
         error = abandonJournal();
     }
@@ -124,7 +128,7 @@ void JournaledDevice::nameFileData(std::vector<JournalEntry>& entries,
     }
 }
 
-std::int32_t JournaledDevice::commit() noexcept {
+std::int32_t JournaledDevice::commit(bool isPart) noexcept {
     TAVELIN_ASSERT(!pending_.empty() && pending_.size() <= journal_->capacity());
     try {
         if (const std::int32_t error = beginSession(); error != 0) {
@@ -157,7 +161,7 @@ std::int32_t JournaledDevice::commit() noexcept {
         nameFileData(entries, named);
         // A cut during the append leaves a record that is not whole, which ends the journal before
         // it.
-        if (const std::int32_t error = journal_->append(pending_, entries); error != 0) {
+        if (const std::int32_t error = journal_->append(pending_, entries, isPart); error != 0) {
             return error;
         }
         // The commit point. A cut before this returns may lose the whole record; after it the next

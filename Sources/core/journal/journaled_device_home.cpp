@@ -142,7 +142,7 @@ std::int32_t JournaledDevice::endSession() noexcept {
     // Everything is home and durable, so the flag goes back to what it was. That comes before the
     // last record goes: after a cut in between, the record tells the next mount to do it again. The
     // sync in end() makes it durable.
-    if (journal_->setsDirtyFlag()) {
+    if (journal_->clearsDirtyFlag()) {
         isMarkHome_ = false; // should the session go on, its next record sets it again
         if (const std::int32_t error = writeFlag(false); error != 0) {
             return error;

@@ -79,7 +79,7 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
         pending_ = std::move(found.content);
         // The end of a replay clears a flag that the session had set. Where that cannot be shown,
         // the volume shows as marked.
-        static_cast<void>(isMarked_ ? putFlag(false) : 0);
+        static_cast<void>(isMarked_ && journal_->clearsDirtyFlag() ? putFlag(false) : 0);
         return 0;
     }
     if (recovered_ > 0) {
@@ -104,7 +104,7 @@ std::int32_t JournaledDevice::replay(bool readOnly) noexcept {
 std::int32_t JournaledDevice::endReplayed() noexcept {
     // From here on the volume changes. Records that stayed valid would be replayed over these
     // changes after a cut.
-    const bool setsFlag = journal_->setsDirtyFlag();
+    const bool clearsFlag = journal_->clearsDirtyFlag();
     std::int32_t error = endSession();
     if (error == EIO && !journal_->isUnreadable()) {
         error = endSession(); // a fault may pass
@@ -116,7 +116,7 @@ std::int32_t JournaledDevice::endReplayed() noexcept {
         error = journal_->makeInvalid();
         hidesLog_ = error == 0;
         absence_ = hidesLog_ ? JournalAbsence::unreadable : absence_;
-        if (hidesLog_ && setsFlag) {
+        if (hidesLog_ && clearsFlag) {
             // The records that told of it are gone. A flag that stays set has the volume checked.
             static_cast<void>(writeFlag(false));
             isMarked_ = isMarkHome_ = false;
@@ -225,6 +225,7 @@ std::int32_t JournaledDevice::settleJournaled() noexcept {
     if (const std::int32_t error = inner_->sync(); error != 0) {
         return error;
     }
+    journal_->endParts();
     std::int32_t error = endSession();
     if (error == EIO && journal_->isUnwritable()) {
         error = abandonJournal();

@@ -75,6 +75,57 @@ TEST(DirtyFlag, IsSetWhileAFlushIsOnItsWayAndThenAsItWas) {
     }
 }
 
+// More than one record carries: after a cut between its parts nothing says that all is well.
+TEST(DirtyFlag, StaysWhereACutLeavesASyncInParts) {
+    const auto disk = diskWith(volume().image);
+    const Bytes base = disk->bytes;
+    const auto device = mounted(disk);
+    const std::uint64_t pages = device->backlog().capacity + 5;
+    const auto home = [&](const Bytes& image) {
+        const auto begin = image.begin() + static_cast<std::ptrdiff_t>(volume().work * kPage);
+        return Bytes(begin, begin + static_cast<std::ptrdiff_t>(pages * kPage));
+    };
+    writePages(*device, 7, 0, pages);
+    ASSERT_EQ(device->sync(), 0);
+    ASSERT_EQ(device->settle(), 0);
+    EXPECT_FALSE(isDirty(disk));
+    const Bytes old = home(base), whole = home(disk->bytes);
+    bool isPartSeen = false;
+    std::mt19937_64 random(1);
+    for (std::size_t end = 0; end <= disk->events.size(); ++end) {
+        for (const Cut cut : manyCuts()) {
+            const auto after = diskWith(afterCut(base, disk->events, end, cut, random));
+            for (const char* mount : {"the next mount", "the one after it"}) {
+                JournaledDevice next(after);
+                ASSERT_EQ(next.replay(false), 0);
+                EXPECT_FALSE(next.wasRefused());
+                const Bytes found = home(after->bytes);
+                const bool isPart = found != old && found != whole;
+                EXPECT_TRUE(!isPart || isDirty(after))
+                    << "cut after event " << end << ", " << mount;
+                isPartSeen = isPartSeen || isPart;
+            }
+        }
+    }
+    EXPECT_TRUE(isPartSeen);
+}
+
+// The rest of such a sync may come to nothing, and then all that there is of it is home.
+TEST(DirtyFlag, GoesWhereTheSecondPartFailed) {
+    const auto disk = diskWith(volume().image);
+    const auto device = mounted(disk);
+    const std::uint64_t pages = device->backlog().capacity;
+    writePages(*device, 7, 0, pages);
+    const std::uint64_t next = (volume().work + pages) * kPage;
+    disk->lost.insert(next / kSector); // so the rest of its page cannot be read
+    const std::byte one{1};
+    EXPECT_EQ(device->write(&one, next, 1), EIO);
+    EXPECT_TRUE(isDirty(disk));
+    EXPECT_EQ(device->sync(), 0);
+    EXPECT_EQ(device->settle(), 0);
+    EXPECT_FALSE(isDirty(disk));
+}
+
 // A neighbour that marks the volume too changes more of the record than the flag. In every lap of
 // the journal that must be seen, or the replay clears what it set.
 TEST(DirtyFlag, StaysWhereANeighbourWroteItsRecord) {
