@@ -5,6 +5,7 @@
 #include "lab/recording.hpp"
 #include "lab/requests.hpp"
 #include "platform/error_numbers.hpp"
+#include "support/failure_stride.hpp"
 #include "support/replaced_services.hpp"
 
 #include <gtest/gtest.h>
@@ -80,12 +81,6 @@ namespace tavelin::test {
 namespace {
 
 constexpr std::size_t kMany = 10; // names
-// Sanitizers take ten times as long, and one in so many sees how a request of each kind ends.
-#ifdef TAVELIN_SANITIZE
-constexpr std::uint64_t kStride = 5; // allocations
-#else
-constexpr std::uint64_t kStride = 1;
-#endif
 
 const Bytes& base() {
     static const Bytes image = preparedVolume();
@@ -127,13 +122,13 @@ TEST_F(NoMemory, EveryRequest) {
     std::uint64_t failures = 0;
     std::uint64_t first = 0; // another one for each request
     for (const Workload& request : allRequests()) {
-        first = first % kStride + 1;
+        first = first % kFailureStride + 1;
         if (request.touches.size() > kMany) {
             continue; // the same allocations again
         }
         const Snapshot wanted = contentAfter(request);
         bool met = true;
-        for (std::uint64_t which = first; met; which += kStride) {
+        for (std::uint64_t which = first; met; which += kFailureStride) {
             SCOPED_TRACE(request.name + ", allocation " + std::to_string(which));
             const auto disk = std::make_shared<HostDisk>(base());
             ModuleHost host(disk);
@@ -169,7 +164,7 @@ TEST_F(NoMemory, OpeningAndClosing) {
     const Snapshot after = contentAfter(request);
     std::uint64_t failures = 0;
     bool met = true;
-    for (std::uint64_t which = 1; met; which += kStride) {
+    for (std::uint64_t which = 1; met; which += kFailureStride) {
         SCOPED_TRACE(which);
         const auto disk = std::make_shared<HostDisk>(base());
         ModuleHost host(disk);

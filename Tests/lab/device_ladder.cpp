@@ -4,6 +4,7 @@
 #include "lab/host_disk.hpp"
 #include "lab/recording.hpp"
 #include "platform/error_numbers.hpp"
+#include "support/failure_stride.hpp"
 
 #include <fmt/format.h>
 
@@ -201,7 +202,8 @@ Reference DeviceLadder::reference(const Workload& request) const {
 LadderResult DeviceLadder::climb(const Workload& request, const DeviceFault& fault) const {
     const Reference wanted = reference(request);
     LadderResult result;
-    for (std::uint64_t call = 1;; call++) {
+    // With another place to begin at for each request.
+    for (std::uint64_t call = 1 + request.name.size() % kFailureStride;; call += kFailureStride) {
         Rig rig(base_, blockSize_);
         FaultRun rung(rig, request, fault, wanted);
         const auto complaints = rung.run(call, blockSize_ <= kCachedMax);
