@@ -28,8 +28,9 @@
 /// journal the flag is set before the first write and cleared when the volume has been idle.
 ///
 /// What this cannot do: a sync of more pages than the journal has capacity for is done in parts,
-/// each whole by itself; after a cut between them the dirty flag stays. Nor does it know what was freed since the last sync and belongs to its
-/// former owner again after a cut: whoever expects file data keeps it from there.
+/// each whole by itself; after a cut between them the dirty flag stays. Nor does it know what was
+/// freed since the last sync and belongs to its former owner again after a cut: whoever expects
+/// file data keeps it from there.
 ///
 /// Life: made over a device; replay() before the volume is opened; begin() once it is, for
 /// writing; close() after it was unmounted. Without begin() it hands all calls on.
