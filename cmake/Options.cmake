@@ -7,6 +7,7 @@ option(TAVELIN_FUSE "Build the FUSE host" ON)
 option(TAVELIN_BINDING "Build and run the FSKit binding on GNUstep (needs clang)" OFF)
 option(TAVELIN_UNITY "Compile several sources at once; OFF for tools that read the commands" ON)
 option(TAVELIN_LAYERS_APART "Compile each source of a layer alone, for script/mutate" OFF)
+option(TAVELIN_FUZZERS "Build what libFuzzer runs; with clang" OFF)
 option(TAVELIN_CCACHE "Take from ccache what was compiled before, where it is installed" ON)
 set(TAVELIN_SANITIZE "" CACHE STRING "Sanitizers to build with, as given to -fsanitize=")
 
