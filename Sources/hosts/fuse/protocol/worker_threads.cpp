@@ -26,6 +26,9 @@ void installWakeSignal() {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     ::sigaction(kWakeSignal, &action, nullptr); // cannot fail for a signal that can be caught
+}
+
+void admitWakeSignal() {
     sigset_t wake;
     sigemptyset(&wake);
     sigaddset(&wake, kWakeSignal);
@@ -72,6 +75,7 @@ int WorkerThreads::run(size_t count) {
 }
 
 int WorkerThreads::start(size_t count) {
+    installWakeSignal(); // before there is a worker that stop() could end the process by
     const MutexLock held(workersLock_);
     workers_.reserve(count);
     try {
@@ -103,7 +107,7 @@ void WorkerThreads::stop() {
 }
 
 void WorkerThreads::serve() noexcept {
-    installWakeSignal();
+    admitWakeSignal();
     fuse_buf request{};
     while (receive(request)) {
         if (isServedBesideOthers(request)) {
